@@ -1,0 +1,57 @@
+// Fault injection: which call of which platform function fails, and how.
+#pragma once
+
+#include <ntddk.h>
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace host::checks {
+
+// The forms in which a platform call can fail. A function ignores forms that it cannot have.
+enum class FaultForm {
+    kStatus,   // returns Fault::status, outputs untouched
+    kNull,     // returns NULL where it returns a pointer or handle (item, context, pool block, registration, driver)
+    kNullOutput,  // returns STATUS_SUCCESS and stores NULL in its output
+};
+
+struct Fault {
+    std::string function;            // "WdfCollectionAdd"; "WdfGetDriver" hides the driver handle in the globals
+    std::string caller;              // only calls from this driver function; empty: from anywhere
+    std::string detail;              // only calls with this detail (context type name, routine name); empty: any
+    unsigned skip = 0;               // let this many matching calls pass first
+    unsigned count = 1;              // then fail this many; kSticky: all
+    FaultForm form = FaultForm::kStatus;
+    NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
+
+    static constexpr unsigned kSticky = ~0u;
+};
+
+// Faults are consumed in call order and stay until cleared. Thread-safe.
+class FaultPlan {
+public:
+    void Add(Fault fault);
+    void Clear();
+
+    // How many calls the faults have made fail since the last Clear. A test asserts that its fault struck.
+    [[nodiscard]] unsigned StruckCount() const;
+
+    // Asked by every platform call with its name, the driver function it was called from and its detail.
+    [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::string& caller, const char* detail);
+
+    // Cheap test that spares silent runs the look-up of the caller's name.
+    [[nodiscard]] bool Empty() const;
+
+private:
+    struct Armed {
+        Fault fault;
+        unsigned seen = 0;
+    };
+    mutable std::mutex mutex_;
+    std::vector<Armed> armed_;
+    unsigned struck_ = 0;
+};
+
+}  // namespace host::checks

@@ -1,0 +1,111 @@
+// What every part of the host shares while a machine exists: options, checks, modules, clock, and per-thread state.
+//
+// Platform functions have no parameter for the machine they belong to, so one machine at a time is current in a
+// process; Environment::Current() is how they find it.
+#pragma once
+
+#include "host/checks/faults.h"
+#include "host/checks/modules.h"
+#include "host/checks/violations.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace host {
+
+enum class WorkItems {
+    kPumped,   // run only when asked to, one at a time, in queue order: every run of a test is the same
+    kThreads,  // run at once on real worker threads
+};
+
+enum class TraceRoutes {
+    kClassic,  // the system exports EtwRegisterClassicProvider and reports version 10
+    kLegacy,   // it reports version 5 and does not
+};
+
+struct MachineOptions {
+    WorkItems workItems = WorkItems::kPumped;
+    unsigned workerCount = 2;               // with kThreads
+    TraceRoutes traceRoutes = TraceRoutes::kClassic;
+    bool exportsPsGetVersion = true;        // FALSE: the version look-up finds nothing
+    bool guardPages = true;                 // allocations end at inaccessible pages and are never reused
+    bool realTime = false;                  // KeDelayExecutionThread waits; otherwise it only advances the clock
+    std::uint32_t frameworkMinor = 33;      // version of the framework that plays: 1.<minor>
+};
+
+// One call of a platform function, as an observer sees it.
+struct ObservedCall {
+    const char* function;   // "WdfCollectionAdd"
+    const void* caller;     // return address in the image
+    const char* detail;     // context type or routine name where the function has one, else ""
+};
+
+class Environment {
+public:
+    explicit Environment(MachineOptions options);
+    ~Environment();
+    Environment(const Environment&) = delete;
+    Environment& operator=(const Environment&) = delete;
+
+    // The machine that exists now; aborts with a message when there is none.
+    static Environment& Current();
+    static bool Exists();
+
+    const MachineOptions options;
+    checks::Violations violations;
+    checks::FaultPlan faults;
+    checks::Modules modules;
+
+    // Every delay that the driver asked for, in 100 ns units as given (negative: relative), and the time they add up to.
+    std::atomic<std::int64_t> virtualTime100ns{0};
+
+    // Called for every platform call before it acts; empty by default. Set only while no driver code runs.
+    std::function<void(const ObservedCall&)> observer;
+
+    void Report(checks::Rule rule, std::string function, std::string message, const void* caller);
+};
+
+// State of the calling thread as the platform would keep it.
+struct ThreadState {
+    std::string name = "main";
+    KIRQL irql = PASSIVE_LEVEL;
+    int criticalRegions = 0;  // wait locks entered and not left
+
+    static ThreadState& Current();
+};
+
+// Raises the calling thread's level for a scope: how a test calls an operation at DISPATCH_LEVEL.
+class ScopedIrql {
+public:
+    explicit ScopedIrql(KIRQL level);
+    ~ScopedIrql();
+    ScopedIrql(const ScopedIrql&) = delete;
+    ScopedIrql& operator=(const ScopedIrql&) = delete;
+
+private:
+    KIRQL before_;
+};
+
+// The first line of every platform function: checks the level, tells the observer, asks for an injected fault.
+class PlatformCall {
+public:
+    PlatformCall(const char* function, const void* caller, KIRQL maximum, const char* detail = "");
+
+    [[nodiscard]] const std::optional<checks::Fault>& fault() const { return fault_; }
+    void Violation(checks::Rule rule, std::string message) const;
+    [[nodiscard]] const char* function() const { return function_; }
+    [[nodiscard]] const void* caller() const { return caller_; }
+
+private:
+    const char* function_;
+    const void* caller_;
+    std::optional<checks::Fault> fault_;
+};
+
+// The address in the image from which a platform function was called.
+#define HOST_CALLER __builtin_return_address(0)
+
+}  // namespace host

@@ -1,0 +1,180 @@
+// The façade of the host: a machine that plays kernel, framework and tracing runtime for driver images.
+//
+//     host::Machine machine;
+//     host::Driver& driver = machine.Load("out/x64/zepn.sys", "zepn");
+//     driver.AddDevice();
+//     driver.StartDevice();
+//     ... driver.QueryInterface(...), driver.Open(), machine.RunWorkItems() ...
+//     driver.SurpriseRemoveDevice();
+//     driver.Unload();
+//     machine.violations().Count() == 0
+//
+// One machine at a time may exist in a process. All calls into driver code happen on the calling thread unless said.
+#pragma once
+
+#include "host/environment.h"
+#include "host/framework/inspect.h"
+#include "host/tracing/tracing.h"
+
+#include <ntddk.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace host {
+
+namespace kernel {
+class Kernel;
+}
+namespace framework {
+class Framework;
+struct DriverInstance;
+}
+
+// Misuse of the host's own interface: no such device, image refused, machine already exists.
+class HostError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// How a stretch of work on another thread ended.
+struct Outcome {
+    bool parked = false;     // the thread waits for ever and was set aside
+    std::string reason;      // "waits for wdfWaitLock... which it holds itself", empty when it returned
+};
+
+struct PumpResult {
+    unsigned runs = 0;                 // callbacks that were started
+    std::vector<Outcome> parked;       // those that will never return
+};
+
+struct IoResult {
+    NTSTATUS status;
+    std::uint64_t information;
+    bool completed;                    // FALSE: still pending when the call came back
+};
+
+// An open handle of a device; 0 is none.
+using FileId = std::uint64_t;
+
+// A loaded driver. References stay valid until the machine goes, also after Unload.
+class Driver {
+public:
+    // Status of the entry point. After a failed entry the image is unmapped again and nothing else may be called.
+    [[nodiscard]] NTSTATUS EntryStatus() const;
+
+    // Plug and play. AddDevice enumerates one device node and runs EvtDriverDeviceAdd; on failure the framework's
+    // failed-creation path has run. At most one device of a driver exists at a time (a second AddDevice is allowed
+    // after, or for a test while, the first exists; the calls below then mean the newest device).
+    NTSTATUS AddDevice();
+    NTSTATUS StartDevice();
+    NTSTATUS QueryStopDevice();
+    NTSTATUS QueryRemoveDevice();
+    NTSTATUS Sleep();               // D0Exit(D3)
+    NTSTATUS Wake();                // D0Entry(D3)
+    void SurpriseRemoveDevice();    // the surprise-removal half; the device answers on until RemoveDevice
+    Outcome RemoveDevice();         // IRP_MN_REMOVE_DEVICE once no handle is open; waits for work items, so it can park
+    [[nodiscard]] bool HasDevice() const;
+    [[nodiscard]] WDFDEVICE Device() const;
+
+    // Unloads: runs the unload routine, unbinds, reports what is left, unmaps. No device may exist.
+    void Unload();
+    [[nodiscard]] bool IsLoaded() const;
+
+    // IRP_MN_QUERY_INTERFACE to the device. `buffer` receives at most buffer.size() bytes.
+    NTSTATUS QueryInterface(const GUID& type, std::span<std::byte> buffer, std::uint16_t version);
+
+    // Whether an interface of the class is enabled now, in order of creation; the class GUIDs that are enabled.
+    [[nodiscard]] bool IsInterfaceEnabled(const GUID& interfaceClass) const;
+    [[nodiscard]] std::vector<GUID> InterfaceStateChanges() const;  // every disable and enable call, oldest first
+
+    // File handles and I/O controls, as user mode would make them.
+    IoResult Open(FileId& file);
+    void Close(FileId file);        // cleanup and close
+    IoResult DeviceControl(FileId file, std::uint32_t code, std::span<const std::byte> input = {},
+                           std::span<std::byte> output = {});
+
+    // For inspection: the WDFDRIVER, and where the image lies.
+    [[nodiscard]] WDFDRIVER Handle() const;
+    [[nodiscard]] const void* ImageBase() const;
+    [[nodiscard]] std::size_t ImageSizeBytes() const;
+
+private:
+    friend class Machine;
+    explicit Driver(std::unique_ptr<framework::DriverInstance> instance);
+    std::unique_ptr<framework::DriverInstance> instance_;
+
+public:
+    ~Driver();
+};
+
+class Machine {
+public:
+    explicit Machine(MachineOptions options = {});
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    // Maps an image (PE .sys for this processor, or a native .so), binds its imports and runs its entry point.
+    // Throws HostError with file, place and reason when the image is refused; a failing entry point is no refusal.
+    Driver& Load(const std::filesystem::path& image, const std::string& serviceName);
+
+    // The whole road from nothing to a started device; throws HostError when a step fails.
+    Driver& Boot(const std::filesystem::path& image, const std::string& serviceName);
+
+    // Registry: values below HKLM\...\Services\<service>\Parameters. SetValue creates the key.
+    void SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value);
+    void SetRegistryString(const std::string& serviceName, const std::string& name, const std::string& value);
+    void RemoveRegistryKey(const std::string& serviceName);
+
+    // Work items (pumped mode). Each callback runs on a worker thread of the host while the caller waits; one that
+    // parks is set aside and reported. RunWorkItems goes on until none is queued; RunOneWorkItem runs the oldest.
+    PumpResult RunWorkItems();
+    PumpResult RunOneWorkItem();
+    [[nodiscard]] std::size_t QueuedWorkItems() const;
+
+    // Worker threads (threaded mode): returns when nothing is queued or running.
+    void WaitForWorkItems();
+
+    // Runs work on a client thread of its own and waits until it returns or parks.
+    Outcome OnThread(const std::string& name, std::function<void()> work);
+
+    // \Callback\PowerState: notifies every registered routine in order, on the calling thread.
+    void NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2);
+
+    // Delays that driver code asked for since boot, in 100 ns units as given (negative: relative).
+    [[nodiscard]] std::vector<std::int64_t> Delays() const;
+
+    [[nodiscard]] checks::Violations& violations();
+    [[nodiscard]] checks::FaultPlan& faults();
+    [[nodiscard]] tracing::Tracing& tracing();
+    [[nodiscard]] Environment& environment();
+
+    // Framework objects as they are now: handles, types, parents, references, contexts, collection contents.
+    [[nodiscard]] framework::Inspector inspect();
+
+    // Pool allocations alive: count, bytes and by tag.
+    struct PoolUse {
+        std::uint32_t tag;
+        std::size_t blockCount;
+        std::size_t sizeBytes;
+    };
+    [[nodiscard]] std::vector<PoolUse> PoolInUse() const;
+
+private:
+    std::unique_ptr<Environment> environment_;
+    std::unique_ptr<kernel::Kernel> kernel_;
+    std::unique_ptr<tracing::Tracing> tracing_;
+    std::unique_ptr<framework::Framework> framework_;
+    std::vector<std::unique_ptr<Driver>> drivers_;
+};
+
+}  // namespace host
