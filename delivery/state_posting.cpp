@@ -1,0 +1,106 @@
+// Posting a state: recorded as the client's current one, announced if the crash-dump driver lacks it, queued for the
+// subscribers. The caller never waits for delivery.
+//
+// Locks are taken one at a time and never nested, so a post may come from anywhere that holds none: client threads,
+// registration, command delivery, the broadcast.
+#include "delivery/delivery.h"
+
+#include "context/driver_context.h"
+#include "context/operations.h"
+#include "registry/registry.h"
+
+namespace {
+
+// The crash-dump driver learns a client's state only when the client is handed to it: a client that it does not have,
+// or got without a state, is queued (again). A failure leaves the state recorded but undelivered.
+NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject,
+                           ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+{
+    NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockClientsCollection, nullptr);
+    if (status != STATUS_SUCCESS) {
+        return ReportFailure<Site::kSendStateClientsLock>(status);
+    }
+    WriteULongNoFence(&client.WpcdRefreshPending, 0);
+    status = WdfCollectionAdd(context.wdfCollectionWpcdClientAddQueue, clientObject);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kSendStateAddQueue>(status);
+        WdfWaitLockRelease(context.wdfWaitLockClientsCollection);
+        return status;
+    }
+    WdfWaitLockRelease(context.wdfWaitLockClientsCollection);
+    WdfWorkItemEnqueue(context.wdfWorkItemWpcdClientAdd);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject,
+                    const ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepState& state)
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_CONTEXT);
+    attributes.ParentObject = clientObject;
+    WDFOBJECT object;
+    NTSTATUS status = WdfObjectCreate(&attributes, &object);
+    if (!NT_SUCCESS(status)) {
+        return ReportFailure<Site::kSendStateObject>(status);
+    }
+    ZEP_NOTIFIER_STATE_CONTEXT* stateContext = GetStateContext(object);
+    if (stateContext == nullptr) {
+        Report<Site::kSendStateContext>(object, STATUS_IO_DEVICE_ERROR);
+        WdfObjectDelete(object);
+        return STATUS_IO_DEVICE_ERROR;
+    }
+    stateContext->State = state;
+
+    status = WdfWaitLockAcquire(context.wdfWaitLockStatesCollection, nullptr);
+    if (status != STATUS_SUCCESS) {
+        Report<Site::kSendStateStatesLock>(status);
+        WdfObjectDelete(object);
+        return status;
+    }
+    status = WdfCollectionAdd(context.wdfCollectionZepStates, object);
+    if (status != STATUS_SUCCESS) {
+        Report<Site::kSendStateAdd>(status);
+        WdfObjectDelete(object);
+        WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
+        return status;
+    }
+    Report<Site::kSendStatePosted>(client.InterfaceGUID.Data1, ReadULongNoFence(&client.CurrentState));
+    WdfWorkItemEnqueue(context.wdfWorkItemNotifyStates);
+    WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
+    return STATUS_SUCCESS;
+}
+
+}  // namespace
+
+NTSTATUS Notifier_HelperSendState(const ZepState* state)
+{
+    Report<Site::kSendStateEntered>();
+    if (state == nullptr) {
+        return ReportFailure<Site::kSendStateNull>(STATUS_INVALID_PARAMETER);
+    }
+    const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
+        DriverContextOrReport<Site::kSendStateNoDriver, Site::kSendStateNoContext>(STATUS_IO_DEVICE_ERROR);
+    if (context == nullptr) {
+        return STATUS_IO_DEVICE_ERROR;
+    }
+    WDFOBJECT clientObject = nullptr;
+    ZEP_NOTIFIER_CLIENT_CONTEXT* client = _getClientContextByGUID(&state->InterfaceGUID, &clientObject);
+    if (client == nullptr) {
+        return ReportFailure<Site::kSendStateNoClient>(state->InterfaceGUID, STATUS_INVALID_DEVICE_REQUEST);
+    }
+
+    NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockGeneral, nullptr);
+    if (status != STATUS_SUCCESS) {
+        return ReportFailure<Site::kSendStateGeneralLock>(status);
+    }
+    WriteULongNoFence(&client->CurrentState, state->State);
+    WdfWaitLockRelease(context->wdfWaitLockGeneral);
+
+    if (ReadULongNoFence(&client->AddedToWpcd) == 0 || ReadULongNoFence(&client->WpcdRefreshPending) != 0) {
+        status = QueueAnnouncement(*context, clientObject, *client);
+        if (status != STATUS_SUCCESS) {
+            return status;
+        }
+    }
+    return QueueState(*context, clientObject, *client, *state);
+}
