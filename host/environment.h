@@ -12,9 +12,16 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <stdexcept>
 #include <string>
 
 namespace host {
+
+// Misuse of the host's own interface: an image refused, no such device, a second machine.
+class HostError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 enum class WorkItems {
     kPumped,   // run only when asked to, one at a time, in queue order: every run of a test is the same

@@ -25,7 +25,6 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -38,12 +37,6 @@ namespace framework {
 class Framework;
 struct DriverInstance;
 }
-
-// Misuse of the host's own interface: no such device, image refused, machine already exists.
-class HostError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 // How a stretch of work on another thread ended.
 struct Outcome {

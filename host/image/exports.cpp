@@ -1,0 +1,62 @@
+#include "host/image/exports.h"
+
+#include <cctype>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace host::image {
+namespace {
+
+struct Table {
+    std::mutex mutex;
+    std::map<std::string, std::map<std::string, void*, std::less<>>> modules;
+};
+
+Table& TheTable()
+{
+    static Table table;
+    return table;
+}
+
+std::string LowerCase(std::string_view text)
+{
+    std::string lower(text);
+    for (char& letter : lower) {
+        letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    }
+    return lower;
+}
+
+}  // namespace
+
+void AddExports(std::string_view module, std::span<const Export> exports)
+{
+    Table& table = TheTable();
+    const std::lock_guard lock(table.mutex);
+    auto& names = table.modules[LowerCase(module)];
+    for (const Export& entry : exports) {
+        names[entry.name] = entry.address;
+    }
+}
+
+bool HasModule(std::string_view module)
+{
+    Table& table = TheTable();
+    const std::lock_guard lock(table.mutex);
+    return table.modules.contains(LowerCase(module));
+}
+
+void* FindExport(std::string_view module, std::string_view name)
+{
+    Table& table = TheTable();
+    const std::lock_guard lock(table.mutex);
+    const auto found = table.modules.find(LowerCase(module));
+    if (found == table.modules.end()) {
+        return nullptr;
+    }
+    const auto entry = found->second.find(name);
+    return entry == found->second.end() ? nullptr : entry->second;
+}
+
+}  // namespace host::image

@@ -1,0 +1,22 @@
+// What the platform's modules export to images: names and addresses, module by module.
+#pragma once
+
+#include <span>
+#include <string_view>
+
+namespace host::image {
+
+struct Export {
+    const char* name;
+    void* address;  // function with the platform's calling convention
+};
+
+// Adds to a module's exports; module names are compared without case. Adding a name again replaces it.
+void AddExports(std::string_view module, std::span<const Export> exports);
+
+[[nodiscard]] bool HasModule(std::string_view module);
+
+// Null when the module has no such export.
+[[nodiscard]] void* FindExport(std::string_view module, std::string_view name);
+
+}  // namespace host::image

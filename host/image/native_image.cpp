@@ -1,0 +1,130 @@
+// The native loader: a driver built as a shared object, for debuggers, sanitizers and coverage.
+//
+// Each load opens a private copy of the file, so that every load has statics of its own, as an image has. The imports
+// are the executable's own symbols; a missing one refuses the image.
+#include "host/image/image.h"
+#include "host/image/symbols.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <sys/mman.h>
+#include <sys/sendfile.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace host::image {
+namespace {
+
+// Sanitizers report at exit and need the code still there.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kStaysLoaded = true;
+#else
+constexpr bool kStaysLoaded = false;
+#endif
+#else
+constexpr bool kStaysLoaded = false;
+#endif
+
+// A copy of the file in memory, by descriptor.
+class PrivateCopy {
+public:
+    explicit PrivateCopy(const std::filesystem::path& file)
+    {
+        const int source = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+        descriptor_ = memfd_create(file.filename().c_str(), MFD_CLOEXEC);
+        std::uintmax_t left = std::filesystem::file_size(file);
+        while (source >= 0 && descriptor_ >= 0 && left > 0) {
+            const ssize_t copied = sendfile(descriptor_, source, nullptr, left);
+            if (copied <= 0) {
+                break;
+            }
+            left -= static_cast<std::uintmax_t>(copied);
+        }
+        if (source >= 0) {
+            close(source);
+        }
+        if (descriptor_ < 0 || left != 0) {
+            throw HostError(file.string() + ": cannot be copied for loading");
+        }
+    }
+    ~PrivateCopy() { close(descriptor_); }
+    PrivateCopy(const PrivateCopy&) = delete;
+    PrivateCopy& operator=(const PrivateCopy&) = delete;
+
+    [[nodiscard]] std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
+
+private:
+    int descriptor_ = -1;
+};
+
+class NativeImage final : public LoadedImage {
+public:
+    NativeImage(Environment& environment, const std::filesystem::path& file)
+        : environment_(environment), name_(file.filename().string()), copy_(file)
+    {
+        handle_ = dlopen(copy_.path().c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (handle_ == nullptr) {
+            throw HostError(file.string() + ": " + dlerror());
+        }
+        entry_ = dlsym(handle_, "FxDriverEntry");
+        Dl_info information{};
+        if (entry_ == nullptr || dladdr(entry_, &information) == 0) {
+            dlclose(handle_);
+            throw HostError(file.string() + ": entry point: no symbol FxDriverEntry");
+        }
+        base_ = information.dli_fbase;
+        dl_iterate_phdr(
+            [](dl_phdr_info* object, std::size_t, void* context) {
+                auto* self = static_cast<NativeImage*>(context);
+                if (reinterpret_cast<const void*>(object->dlpi_addr) == self->base_) {
+                    for (unsigned index = 0; index < object->dlpi_phnum; ++index) {
+                        const auto& segment = object->dlpi_phdr[index];
+                        self->sizeBytes_ = std::max<std::size_t>(self->sizeBytes_, segment.p_vaddr + segment.p_memsz);
+                    }
+                }
+                return 0;
+            },
+            this);
+        environment_.modules.Add(base_, sizeBytes_, name_, ElfSymbols(file));
+    }
+
+    ~NativeImage() override
+    {
+        environment_.modules.Remove(base_);
+        if (!kStaysLoaded && !keepMapped_) {
+            dlclose(handle_);
+        }
+    }
+
+    NativeImage(const NativeImage&) = delete;
+    NativeImage& operator=(const NativeImage&) = delete;
+
+    [[nodiscard]] void* entry() const override { return entry_; }
+    [[nodiscard]] const void* base() const override { return base_; }
+    [[nodiscard]] std::size_t sizeBytes() const override { return sizeBytes_; }
+    [[nodiscard]] const std::string& name() const override { return name_; }
+    void SealAfterEntry() override {}
+    void KeepMapped() override { keepMapped_ = true; }
+
+private:
+    Environment& environment_;
+    std::string name_;
+    PrivateCopy copy_;
+    void* handle_ = nullptr;
+    void* entry_ = nullptr;
+    const void* base_ = nullptr;
+    std::size_t sizeBytes_ = 0;
+    bool keepMapped_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<LoadedImage> LoadNative(Environment& environment, const std::filesystem::path& file)
+{
+    return std::make_unique<NativeImage>(environment, file);
+}
+
+}  // namespace host::image

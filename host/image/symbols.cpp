@@ -1,0 +1,111 @@
+#include "host/image/symbols.h"
+
+#include <cxxabi.h>
+#include <elf.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+
+namespace host::image {
+namespace {
+
+// The bare function name of a decorated one: "?Find@@YAX.." and "??$Find@$0.." give Find.
+std::string Undecorated(const std::string& name)
+{
+    if (name.starts_with("??$")) {
+        return name.substr(3, name.find('@') - 3);
+    }
+    if (name.starts_with("?")) {
+        return name.substr(1, name.find('@') - 1);
+    }
+    return name;
+}
+
+std::string Demangled(const char* name)
+{
+    int status = 0;
+    const std::unique_ptr<char, decltype(&std::free)> text(abi::__cxa_demangle(name, nullptr, nullptr, &status),
+                                                            &std::free);
+    if (status != 0 || text == nullptr) {
+        return name;
+    }
+    // "void (anonymous namespace)::Find<(Site)3>(args)" gives Find.
+    std::string plain = text.get();
+    for (std::size_t at = plain.find("(anonymous namespace)::"); at != std::string::npos;
+         at = plain.find("(anonymous namespace)::")) {
+        plain.erase(at, std::strlen("(anonymous namespace)::"));
+    }
+    plain = plain.substr(0, plain.find_first_of("(<"));
+    return plain.substr(plain.find_last_of(" *&") + 1);
+}
+
+}  // namespace
+
+std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image)
+{
+    std::filesystem::path map = image;
+    map.replace_extension(".map");
+    std::ifstream stream(map);
+    std::vector<checks::Symbol> symbols;
+    std::string line;
+    while (std::getline(stream, line)) {
+        // Columns: address, size, alignment, section, input, symbol. Symbol lines leave section and input empty.
+        std::istringstream fields(line);
+        std::uint64_t address = 0;
+        std::uint64_t size = 0;
+        std::uint64_t alignment = 0;
+        std::string name;
+        std::string more;
+        if (!(fields >> std::hex >> address >> size >> std::dec >> alignment >> name) || fields >> more) {
+            continue;
+        }
+        const bool isSection = name.starts_with('.');
+        const bool isInput = name.find(':') != std::string::npos;
+        if (!isSection && !isInput) {
+            symbols.push_back({address, Undecorated(name)});
+        }
+    }
+    return symbols;
+}
+
+std::vector<checks::Symbol> ElfSymbols(const std::filesystem::path& file)
+{
+    std::ifstream stream(file, std::ios::binary);
+    const std::vector<char> bytes((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    const auto at = [&bytes]<class T>(std::uint64_t offset, T& value) {
+        if (offset > bytes.size() || sizeof(T) > bytes.size() - offset) {
+            return false;
+        }
+        std::memcpy(&value, bytes.data() + offset, sizeof(T));
+        return true;
+    };
+
+    std::vector<checks::Symbol> symbols;
+    Elf64_Ehdr header;
+    if (!at(0, header)) {
+        return symbols;
+    }
+    for (unsigned index = 0; index < header.e_shnum; ++index) {
+        Elf64_Shdr section;
+        Elf64_Shdr names;
+        if (!at(header.e_shoff + std::uint64_t{index} * sizeof(section), section) || section.sh_type != SHT_SYMTAB ||
+            !at(header.e_shoff + std::uint64_t{section.sh_link} * sizeof(names), names)) {
+            continue;
+        }
+        for (std::uint64_t offset = 0; offset + sizeof(Elf64_Sym) <= section.sh_size; offset += sizeof(Elf64_Sym)) {
+            Elf64_Sym symbol;
+            if (!at(section.sh_offset + offset, symbol) || ELF64_ST_TYPE(symbol.st_info) != STT_FUNC ||
+                symbol.st_value == 0 || names.sh_offset + symbol.st_name >= bytes.size()) {
+                continue;
+            }
+            symbols.push_back({symbol.st_value, Demangled(bytes.data() + names.sh_offset + symbol.st_name)});
+        }
+    }
+    return symbols;
+}
+
+}  // namespace host::image

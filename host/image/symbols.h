@@ -1,0 +1,17 @@
+// Function names of an image, so that reports name places in the driver.
+#pragma once
+
+#include "host/checks/modules.h"
+
+#include <filesystem>
+#include <vector>
+
+namespace host::image {
+
+// From the linker's map beside a PE image ("zepn.map" beside "zepn.sys"); empty when there is none.
+[[nodiscard]] std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image);
+
+// From an ELF file's symbol table; empty when it has none.
+[[nodiscard]] std::vector<checks::Symbol> ElfSymbols(const std::filesystem::path& file);
+
+}  // namespace host::image
