@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -90,11 +91,13 @@ public:
     };
     void SetListener(Listener* listener);
 
+    // Registrations whose callback lies in an image that is about to be unmapped: each is reported and dropped.
+    void ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes);
+
     struct State;
-    State& state() { return *state_; }
 
 private:
-    State* state_;
+    std::unique_ptr<State> state_;
 };
 
 }  // namespace host::tracing

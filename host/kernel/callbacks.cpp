@@ -1,0 +1,136 @@
+// Callback objects: ExCreateCallback, ExRegisterCallback, ExUnregisterCallback, ObfDereferenceObject.
+#include "host/kernel/kernel.h"
+#include "host/schedule/parking.h"
+
+#include <algorithm>
+
+using host::PlatformCall;
+using host::checks::Rule;
+using host::kernel::CallbackObject;
+using host::kernel::CallbackRegistration;
+using host::kernel::Kernel;
+
+namespace {
+
+template <class Handle>
+Handle AsHandle(std::uintptr_t value)
+{
+    return reinterpret_cast<Handle>(value);
+}
+
+}  // namespace
+
+extern "C" {
+
+__attribute__((visibility("default"), used)) NTSTATUS NTAPI ExCreateCallback(PCALLBACK_OBJECT* callbackObject,
+                                                                             POBJECT_ATTRIBUTES attributes,
+                                                                             BOOLEAN create,
+                                                                             BOOLEAN allowMultipleCallbacks)
+{
+    const PlatformCall call("ExCreateCallback", HOST_CALLER, APC_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    if (attributes == nullptr || attributes->Length != sizeof(OBJECT_ATTRIBUTES) || attributes->ObjectName == nullptr) {
+        call.Violation(Rule::kBadParameter, "object attributes without a name or with a wrong length");
+        return STATUS_INVALID_PARAMETER;
+    }
+    Kernel& kernel = Kernel::Current();
+    const std::lock_guard lock(kernel.mutex);
+    const std::string name = host::kernel::LowerCase(host::kernel::Narrow(*attributes->ObjectName));
+    CallbackObject* object = kernel.FindCallbackObject(name);
+    if (object == nullptr) {
+        if (create == FALSE) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        auto made = std::make_unique<CallbackObject>();
+        made->handle = kernel.nextHandle += 16;
+        made->name = name;
+        made->allowsSeveral = allowMultipleCallbacks != FALSE;
+        made->references = 0;
+        object = made.get();
+        kernel.callbackObjects.push_back(std::move(made));
+    }
+    ++object->references;
+    object->openedBy.push_back(call.caller());
+    *callbackObject = AsHandle<PCALLBACK_OBJECT>(object->handle);
+    return STATUS_SUCCESS;
+}
+
+__attribute__((visibility("default"), used)) PVOID NTAPI ExRegisterCallback(PCALLBACK_OBJECT callbackObject,
+                                                                            PCALLBACK_FUNCTION function,
+                                                                            PVOID context)
+{
+    const PlatformCall call("ExRegisterCallback", HOST_CALLER, APC_LEVEL);
+    if (call.fault()) {
+        return nullptr;
+    }
+    Kernel& kernel = Kernel::Current();
+    const std::lock_guard lock(kernel.mutex);
+    CallbackObject* object = kernel.FindCallbackObject(callbackObject);
+    if (object == nullptr || function == nullptr) {
+        call.Violation(Rule::kCallbackObject, "no such callback object, or no routine");
+        return nullptr;
+    }
+    if (!object->allowsSeveral && !object->registrations.empty()) {
+        return nullptr;
+    }
+    auto registration = std::make_shared<CallbackRegistration>();
+    registration->handle = kernel.nextHandle += 16;
+    registration->function = function;
+    registration->context = context;
+    registration->caller = call.caller();
+    object->registrations.push_back(registration);
+    return AsHandle<PVOID>(registration->handle);
+}
+
+__attribute__((visibility("default"), used)) VOID NTAPI ExUnregisterCallback(PVOID handle)
+{
+    const PlatformCall call("ExUnregisterCallback", HOST_CALLER, APC_LEVEL);
+    Kernel& kernel = Kernel::Current();
+    std::unique_lock lock(kernel.mutex);
+    std::shared_ptr<CallbackRegistration> registration;
+    for (const auto& object : kernel.callbackObjects) {
+        for (const auto& candidate : object->registrations) {
+            if (AsHandle<PVOID>(candidate->handle) == handle) {
+                registration = candidate;
+            }
+        }
+        std::erase(object->registrations, registration);
+    }
+    if (registration == nullptr) {
+        lock.unlock();
+        call.Violation(Rule::kCallbackObject, "no such registration, or it was unregistered before");
+        return;
+    }
+    registration->removed = true;
+    const auto self = std::this_thread::get_id();
+    if (std::find(registration->running.begin(), registration->running.end(), self) != registration->running.end()) {
+        lock.unlock();
+        call.Violation(Rule::kSelfWait, "a routine unregisters itself and waits for its own end");
+        host::schedule::ParkThisThread("waits in ExUnregisterCallback for the callback that it runs in");
+    }
+    kernel.callbackLeft.wait(lock, [&] { return registration->running.empty(); });
+}
+
+__attribute__((visibility("default"), used)) LONG_PTR NTAPI ObfDereferenceObject(PVOID handle)
+{
+    const PlatformCall call("ObfDereferenceObject", HOST_CALLER, DISPATCH_LEVEL);
+    Kernel& kernel = Kernel::Current();
+    std::unique_lock lock(kernel.mutex);
+    CallbackObject* object = kernel.FindCallbackObject(handle);
+    if (object == nullptr) {
+        lock.unlock();
+        call.Violation(Rule::kCallbackObject, "no such object");
+        return 0;
+    }
+    if (object->openedBy.empty()) {
+        lock.unlock();
+        call.Violation(Rule::kReferenceUnderflow, object->name + " is dereferenced more often than it was opened");
+        return 0;
+    }
+    object->openedBy.pop_back();
+    return --object->references;
+}
+
+}  // extern "C"

@@ -1,0 +1,182 @@
+#include "host/kernel/kernel.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace host::kernel {
+namespace {
+
+Kernel* g_current = nullptr;
+
+bool Lies(const void* address, const void* base, std::size_t sizeBytes)
+{
+    const auto at = reinterpret_cast<std::uintptr_t>(address);
+    const auto begin = reinterpret_cast<std::uintptr_t>(base);
+    return at >= begin && at - begin < sizeBytes;
+}
+
+std::string TagText(std::uint32_t tag)
+{
+    std::string text;
+    for (unsigned shift = 0; shift < 32; shift += 8) {
+        text.push_back(static_cast<char>(tag >> shift));
+    }
+    return text;
+}
+
+}  // namespace
+
+Kernel::Kernel(Environment& environmentOfMachine)
+    : environment(environmentOfMachine), poolMemory(environmentOfMachine), contextMemory_(environmentOfMachine)
+{
+    g_current = this;
+    RegisterKernelExports();
+    auto powerState = std::make_unique<CallbackObject>();
+    powerState->handle = nextHandle += 16;
+    powerState->name = "\\callback\\powerstate";
+    powerState->allowsSeveral = true;
+    powerState->references = 1;
+    callbackObjects.push_back(std::move(powerState));
+}
+
+Kernel::~Kernel()
+{
+    g_current = nullptr;
+}
+
+Kernel& Kernel::Current()
+{
+    return *g_current;
+}
+
+CallbackObject* Kernel::FindCallbackObject(const void* handle)
+{
+    for (const auto& object : callbackObjects) {
+        if (object->handle == reinterpret_cast<std::uintptr_t>(handle)) {
+            return object.get();
+        }
+    }
+    return nullptr;
+}
+
+CallbackObject* Kernel::FindCallbackObject(const std::string& lowerCaseName)
+{
+    for (const auto& object : callbackObjects) {
+        if (object->name == lowerCaseName) {
+            return object.get();
+        }
+    }
+    return nullptr;
+}
+
+void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2)
+{
+    std::vector<std::shared_ptr<CallbackRegistration>> registrations;
+    {
+        const std::lock_guard lock(mutex);
+        registrations = FindCallbackObject(std::string("\\callback\\powerstate"))->registrations;
+    }
+    for (const auto& registration : registrations) {
+        {
+            const std::lock_guard lock(mutex);
+            if (registration->removed) {
+                continue;
+            }
+            registration->running.push_back(std::this_thread::get_id());
+        }
+        ThreadState& thread = ThreadState::Current();
+        const int regionsBefore = thread.criticalRegions;
+        registration->function(registration->context, reinterpret_cast<void*>(argument1),
+                               reinterpret_cast<void*>(argument2));
+        if (thread.criticalRegions != regionsBefore) {
+            environment.Report(checks::Rule::kLockKept, "power-state callback", "it returned with a wait lock held",
+                               reinterpret_cast<const void*>(registration->function));
+            thread.criticalRegions = regionsBefore;
+        }
+        const std::lock_guard lock(mutex);
+        std::erase(registration->running, std::this_thread::get_id());
+        callbackLeft.notify_all();
+    }
+}
+
+std::vector<std::int64_t> Kernel::Delays() const
+{
+    const std::lock_guard lock(const_cast<std::mutex&>(mutex));
+    return delays;
+}
+
+std::vector<std::string> Kernel::DebugOutput() const
+{
+    const std::lock_guard lock(const_cast<std::mutex&>(mutex));
+    return debugOutput;
+}
+
+std::vector<PoolUseRow> Kernel::PoolInUse() const
+{
+    const std::lock_guard lock(const_cast<std::mutex&>(mutex));
+    std::map<std::uint32_t, PoolUseRow> byTag;
+    for (const auto& [address, block] : pool) {
+        PoolUseRow& row = byTag.try_emplace(block.tag, PoolUseRow{block.tag, 0, 0}).first->second;
+        ++row.blockCount;
+        row.sizeBytes += block.sizeBytes;
+    }
+    std::vector<PoolUseRow> rows;
+    for (const auto& [tag, row] : byTag) {
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
+{
+    using checks::Rule;
+    const std::lock_guard lock(mutex);
+    for (const auto& [address, block] : pool) {
+        if (Lies(block.caller, imageBase, imageSizeBytes)) {
+            environment.Report(Rule::kLeak, "unload",
+                               std::to_string(block.sizeBytes) + " bytes of pool with tag \"" + TagText(block.tag) +
+                                   "\" were not freed",
+                               block.caller);
+        }
+    }
+    for (const auto& object : callbackObjects) {
+        std::erase_if(object->registrations, [&](const std::shared_ptr<CallbackRegistration>& registration) {
+            if (!Lies(reinterpret_cast<const void*>(registration->function), imageBase, imageSizeBytes)) {
+                return false;
+            }
+            environment.Report(Rule::kUnloadRegistration, "unload",
+                               "a routine is still registered on " + object->name + "; it would be called in "
+                                   "unmapped code",
+                               registration->caller);
+            registration->removed = true;
+            return true;
+        });
+        std::erase_if(object->openedBy, [&](const void* caller) {
+            if (!Lies(caller, imageBase, imageSizeBytes)) {
+                return false;
+            }
+            environment.Report(Rule::kReferenceLeak, "unload", "a reference on " + object->name + " was not dropped",
+                               caller);
+            return true;
+        });
+    }
+}
+
+std::string Narrow(const UNICODE_STRING& text)
+{
+    std::string narrow;
+    for (unsigned index = 0; index < text.Length / sizeof(WCHAR); ++index) {
+        const auto unit = static_cast<std::uint16_t>(text.Buffer[index]);
+        narrow.push_back(unit < 0x80 ? static_cast<char>(unit) : '?');
+    }
+    return narrow;
+}
+
+std::string LowerCase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
+
+}  // namespace host::kernel

@@ -1,0 +1,110 @@
+// The kernel of the machine: pool, callback objects, registry, delays, system routines.
+//
+// The functions that images import (ntddk.h) are defined beside it, one file per family; they find the kernel through
+// Kernel::Current(), of which there is one per machine.
+#pragma once
+
+#include "host/environment.h"
+#include "host/kernel/memory.h"
+#include "host/kernel/registry.h"
+
+#include <ntddk.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+namespace host::kernel {
+
+struct PoolUseRow {
+    std::uint32_t tag;
+    std::size_t blockCount;
+    std::size_t sizeBytes;
+};
+
+struct PoolBlock {
+    std::size_t sizeBytes;
+    std::uint32_t tag;
+    bool paged;
+    const void* caller;  // where in the image it was allocated
+};
+
+struct CallbackRegistration {
+    std::uintptr_t handle;
+    PCALLBACK_FUNCTION function;
+    void* context;
+    const void* caller;
+    bool removed = false;
+    std::vector<std::thread::id> running;  // threads inside the routine now
+};
+
+struct CallbackObject {
+    std::uintptr_t handle;
+    std::string name;  // lower case
+    bool allowsSeveral;
+    long references;                    // the system's own included
+    std::vector<const void*> openedBy;  // callers that hold a reference
+    std::vector<std::shared_ptr<CallbackRegistration>> registrations;
+};
+
+class Kernel {
+public:
+    explicit Kernel(Environment& environment);
+    ~Kernel();
+    Kernel(const Kernel&) = delete;
+    Kernel& operator=(const Kernel&) = delete;
+
+    static Kernel& Current();
+
+    [[nodiscard]] Registry& registry() { return registry_; }
+    [[nodiscard]] GuardedMemory& contextMemory() { return contextMemory_; }
+
+    // Calls every routine registered on \Callback\PowerState, in order of registration, on this thread.
+    void NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2);
+
+    [[nodiscard]] std::vector<std::int64_t> Delays() const;
+    [[nodiscard]] std::vector<PoolUseRow> PoolInUse() const;
+    [[nodiscard]] std::vector<std::string> DebugOutput() const;
+
+    // What an image leaves behind when it is unmapped: pool blocks it allocated, callback registrations whose routine
+    // lies in it (these are dropped), callback-object references it holds. Each is reported.
+    void ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes);
+
+    Environment& environment;
+
+    // ---- For the kernel's functions ----
+    std::mutex mutex;
+    std::condition_variable callbackLeft;
+    std::unordered_map<void*, PoolBlock> pool;
+    GuardedMemory poolMemory;
+    std::vector<std::unique_ptr<CallbackObject>> callbackObjects;
+    std::uintptr_t nextHandle = 0xFFFFD00000001000;  // never a usable address
+    std::vector<std::int64_t> delays;
+    std::vector<std::string> debugOutput;
+
+    // Null for an unknown handle or name. The caller holds the mutex.
+    CallbackObject* FindCallbackObject(const void* handle);
+    CallbackObject* FindCallbackObject(const std::string& lowerCaseName);
+
+private:
+    Registry registry_;
+    GuardedMemory contextMemory_;
+};
+
+// Lower-case ASCII form of a counted UTF-16 string; other characters become '?'.
+[[nodiscard]] std::string Narrow(const UNICODE_STRING& text);
+[[nodiscard]] std::string LowerCase(std::string text);
+
+// The routines that MmGetSystemRoutineAddress finds, by name; null for others.
+[[nodiscard]] void* FindSystemRoutine(const std::string& name, const MachineOptions& options);
+
+// Registers the exports of ntoskrnl.exe with the image loader; done once per process.
+void RegisterKernelExports();
+
+}  // namespace host::kernel

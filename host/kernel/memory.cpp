@@ -1,0 +1,146 @@
+#include "host/kernel/memory.h"
+
+#include <sys/mman.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace host::kernel {
+namespace {
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kUnderAddressSanitizer = true;
+#else
+constexpr bool kUnderAddressSanitizer = false;
+#endif
+#else
+constexpr bool kUnderAddressSanitizer = false;
+#endif
+
+constexpr std::size_t kPage = 4096;
+constexpr std::size_t kArenaBytes = std::size_t{8} << 30;   // address space only
+constexpr std::size_t kGuardedBlocksMaximum = 20000;        // each costs the kernel two mappings
+constexpr std::size_t kCanaryBytes = 32;
+constexpr std::uint8_t kSlackFill = 0xFD;
+
+std::size_t CountDamaged(const std::uint8_t* begin, const std::uint8_t* end)
+{
+    std::size_t damaged = 0;
+    for (; begin != end; ++begin) {
+        damaged += *begin != kSlackFill ? 1 : 0;
+    }
+    return damaged;
+}
+
+std::size_t RoundUp(std::size_t value, std::size_t multiple)
+{
+    return (value + multiple - 1) / multiple * multiple;
+}
+
+}  // namespace
+
+GuardedMemory::GuardedMemory(const Environment& environment)
+    : wantsGuards_(environment.options.guardPages && !kUnderAddressSanitizer)
+{
+    if (wantsGuards_) {
+        void* arena = mmap(nullptr, kArenaBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        arena_ = arena == MAP_FAILED ? nullptr : static_cast<std::uint8_t*>(arena);
+    }
+}
+
+GuardedMemory::~GuardedMemory()
+{
+    for (const auto& [user, block] : blocks_) {
+        if (!block.guarded) {
+            std::free(block.begin);
+        }
+    }
+    if (arena_ != nullptr) {
+        munmap(arena_, kArenaBytes);
+    }
+}
+
+bool GuardedMemory::AllocateGuarded(Block& block, std::size_t alignment, std::uint8_t*& user)
+{
+    const std::size_t need = RoundUp(block.bytes + kCanaryBytes, alignment);
+    block.rangeBytes = RoundUp(need, kPage);
+    if (arena_ == nullptr || guardedCount_ >= kGuardedBlocksMaximum ||
+        kArenaBytes - arenaUsed_ < block.rangeBytes + kPage) {
+        return false;
+    }
+    block.begin = arena_ + arenaUsed_;
+    if (mprotect(block.begin, block.rangeBytes, PROT_READ | PROT_WRITE) != 0) {
+        return false;
+    }
+    arenaUsed_ += block.rangeBytes + kPage;
+    ++guardedCount_;
+    block.guarded = true;
+    user = block.begin + block.rangeBytes - RoundUp(block.bytes, alignment);
+    return true;
+}
+
+void GuardedMemory::AllocatePlain(Block& block, std::size_t alignment, std::uint8_t*& user)
+{
+    const std::size_t front = kUnderAddressSanitizer ? 0 : RoundUp(kCanaryBytes, alignment);
+    const std::size_t back = kUnderAddressSanitizer ? 0 : kCanaryBytes;
+    block.rangeBytes = front + block.bytes + back;
+    block.begin = static_cast<std::uint8_t*>(
+        alignment > 16 ? std::aligned_alloc(alignment, RoundUp(block.rangeBytes + 1, alignment))
+                       : std::malloc(block.rangeBytes + 1));
+    block.guarded = false;
+    user = block.begin + front;
+}
+
+void* GuardedMemory::Allocate(std::size_t bytes, std::size_t alignment, bool zero)
+{
+    const std::lock_guard lock(mutex_);
+    Block block{.bytes = bytes, .begin = nullptr, .rangeBytes = 0, .guarded = false};
+    std::uint8_t* user = nullptr;
+    if (!wantsGuards_ || !AllocateGuarded(block, alignment, user)) {
+        AllocatePlain(block, alignment, user);
+    }
+    std::memset(block.begin, kSlackFill, static_cast<std::size_t>(user - block.begin));
+    std::memset(user, zero ? 0 : kUninitializedFill, bytes);
+    std::memset(user + bytes, kSlackFill, block.rangeBytes - static_cast<std::size_t>(user - block.begin) - bytes);
+    blocks_.emplace(user, block);
+    return user;
+}
+
+std::string GuardedMemory::Free(void* address)
+{
+    const std::lock_guard lock(mutex_);
+    const auto found = blocks_.find(address);
+    if (found == blocks_.end()) {
+        return "was never allocated here or is free already";
+    }
+    const Block block = found->second;
+    blocks_.erase(found);
+
+    auto* user = static_cast<std::uint8_t*>(address);
+    const std::size_t before = CountDamaged(block.begin, user);
+    const std::size_t behind = CountDamaged(user + block.bytes, block.begin + block.rangeBytes);
+    if (block.guarded) {
+        --guardedCount_;
+        madvise(block.begin, block.rangeBytes, MADV_DONTNEED);
+        mprotect(block.begin, block.rangeBytes, PROT_NONE);
+    } else {
+        if (!kUnderAddressSanitizer) {
+            std::memset(block.begin, kFreedFill, block.rangeBytes);
+        }
+        std::free(block.begin);
+    }
+    if (before + behind == 0) {
+        return {};
+    }
+    return std::to_string(before) + " bytes before and " + std::to_string(behind) + " bytes behind its " +
+           std::to_string(block.bytes) + " were overwritten";
+}
+
+std::size_t GuardedMemory::BlockCount() const
+{
+    const std::lock_guard lock(mutex_);
+    return blocks_.size();
+}
+
+}  // namespace host::kernel

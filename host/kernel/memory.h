@@ -1,0 +1,55 @@
+// Memory for pool blocks and object contexts that finds overruns and use after free.
+//
+// With guard pages each block ends at an inaccessible page, and its range becomes inaccessible for good when it is freed.
+// The slack in front of and behind a block is filled and checked at free. Without guard pages, or when very many blocks
+// are alive, blocks lie on the heap between canaries. Under address sanitizer every block is plain heap.
+#pragma once
+
+#include "host/environment.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+namespace host::kernel {
+
+inline constexpr std::uint8_t kUninitializedFill = 0xA5;
+inline constexpr std::uint8_t kFreedFill = 0xDD;
+
+class GuardedMemory {
+public:
+    explicit GuardedMemory(const Environment& environment);
+    ~GuardedMemory();
+    GuardedMemory(const GuardedMemory&) = delete;
+    GuardedMemory& operator=(const GuardedMemory&) = delete;
+
+    // Never null. Contents are zero or kUninitializedFill. Alignment is a power of two up to 4096.
+    [[nodiscard]] void* Allocate(std::size_t bytes, std::size_t alignment, bool zero = true);
+
+    // Empty when the block was intact, else what is wrong with it ("3 bytes behind its 48 were overwritten"). The block
+    // is freed in both cases. An address that is no block: "was never allocated here or is free already".
+    [[nodiscard]] std::string Free(void* block);
+
+    [[nodiscard]] std::size_t BlockCount() const;
+
+private:
+    struct Block {
+        std::size_t bytes;
+        std::uint8_t* begin;      // of the whole range
+        std::size_t rangeBytes;   // without the guard page
+        bool guarded;
+    };
+    bool AllocateGuarded(Block& block, std::size_t alignment, std::uint8_t*& user);
+    void AllocatePlain(Block& block, std::size_t alignment, std::uint8_t*& user);
+
+    const bool wantsGuards_;
+    mutable std::mutex mutex_;
+    std::unordered_map<void*, Block> blocks_;
+    std::size_t guardedCount_ = 0;
+    std::uint8_t* arena_ = nullptr;
+    std::size_t arenaUsed_ = 0;
+};
+
+}  // namespace host::kernel

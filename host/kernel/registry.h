@@ -1,0 +1,37 @@
+// The registry, as far as drivers see it: values below the Parameters key of their service.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace host::kernel {
+
+inline constexpr std::uint32_t kTypeString = 1;
+inline constexpr std::uint32_t kTypeDword = 4;
+
+struct RegistryValue {
+    std::uint32_t type;
+    std::vector<std::byte> data;
+};
+
+// Service and value names are compared without case.
+class Registry {
+public:
+    void SetDword(const std::string& service, const std::string& name, std::uint32_t value);
+    void SetString(const std::string& service, const std::string& name, const std::string& text);
+    void CreateParameters(const std::string& service);
+    void RemoveParameters(const std::string& service);
+    [[nodiscard]] bool HasParameters(const std::string& service) const;
+    [[nodiscard]] std::optional<RegistryValue> Query(const std::string& service, const std::string& name) const;
+
+private:
+    mutable std::mutex mutex_;
+    std::map<std::string, std::map<std::string, RegistryValue>> parameters_;
+};
+
+}  // namespace host::kernel

@@ -1,0 +1,270 @@
+// Strings, comparison, version, delay, debug output, bugcheck, look-up; and the export table of the kernel module.
+#include "host/image/exports.h"
+#include "host/kernel/kernel.h"
+#include "host/schedule/parking.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+using host::PlatformCall;
+using host::checks::Rule;
+using host::kernel::Kernel;
+
+#define HOST_EXPORT extern "C" __attribute__((visibility("default"), used))
+
+HOST_EXPORT VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING destination, PCWSTR source)
+{
+    *destination = {0, 0, nullptr};
+    if (source == nullptr) {
+        return;
+    }
+    USHORT length = 0;
+    while (source[length / sizeof(WCHAR)] != 0) {
+        length = static_cast<USHORT>(length + sizeof(WCHAR));
+    }
+    *destination = {length, static_cast<USHORT>(length + sizeof(WCHAR)), const_cast<PWSTR>(source)};
+}
+
+HOST_EXPORT VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING destination, PCUNICODE_STRING source)
+{
+    if (source == nullptr) {
+        destination->Length = 0;
+        return;
+    }
+    destination->Length = std::min(source->Length, destination->MaximumLength);
+    std::memcpy(destination->Buffer, source->Buffer, destination->Length);
+    if (destination->Length + sizeof(WCHAR) <= destination->MaximumLength) {
+        destination->Buffer[destination->Length / sizeof(WCHAR)] = 0;
+    }
+}
+
+HOST_EXPORT SIZE_T NTAPI RtlCompareMemory(const VOID* first, const VOID* second, SIZE_T length)
+{
+    const auto* one = static_cast<const std::uint8_t*>(first);
+    const auto* other = static_cast<const std::uint8_t*>(second);
+    SIZE_T equal = 0;
+    while (equal < length && one[equal] == other[equal]) {
+        ++equal;
+    }
+    return equal;
+}
+
+HOST_EXPORT BOOLEAN NTAPI PsGetVersion(PULONG major, PULONG minor, PULONG build, PUNICODE_STRING servicePack)
+{
+    const PlatformCall call("PsGetVersion", HOST_CALLER, PASSIVE_LEVEL);
+    const bool legacy = host::Environment::Current().options.traceRoutes == host::TraceRoutes::kLegacy;
+    if (major != nullptr) {
+        *major = legacy ? 5 : 10;
+    }
+    if (minor != nullptr) {
+        *minor = legacy ? 1 : 0;
+    }
+    if (build != nullptr) {
+        *build = legacy ? 2600 : 22621;
+    }
+    if (servicePack != nullptr) {
+        servicePack->Length = 0;
+    }
+    return FALSE;
+}
+
+HOST_EXPORT NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER interval)
+{
+    const PlatformCall call("KeDelayExecutionThread", HOST_CALLER, APC_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Kernel& kernel = Kernel::Current();
+    const std::int64_t requested = interval->QuadPart;
+    {
+        const std::lock_guard lock(kernel.mutex);
+        kernel.delays.push_back(requested);
+    }
+    if (requested < 0) {
+        kernel.environment.virtualTime100ns -= requested;
+        if (kernel.environment.options.realTime) {
+            std::this_thread::sleep_for(std::chrono::nanoseconds(-requested * 100));
+        }
+    }
+    return STATUS_SUCCESS;
+}
+
+HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrintEx(ULONG, ULONG, PCSTR format, ...)
+{
+    // Text and numbers as they are; wide strings and floating point are not for driver output.
+    __builtin_ms_va_list arguments;
+    __builtin_ms_va_start(arguments, format);
+    std::string line;
+    for (const char* at = format; *at != '\0'; ++at) {
+        if (*at != '%') {
+            line.push_back(*at);
+            continue;
+        }
+        std::string form = "%";
+        bool wide = false;
+        for (++at; *at != '\0' && std::strchr("-+ #0123456789.lhIz", *at) != nullptr; ++at) {
+            wide = wide || *at == 'I' || *at == 'z' || (*at == 'l' && at[1] == 'l');
+            if (std::strchr("-+ #0123456789.", *at) != nullptr && !(wide && (*at == '6' || *at == '4'))) {
+                form.push_back(*at);
+            }
+        }
+        char text[64];
+        if (*at == '%' || *at == '\0') {
+            line.push_back('%');
+            if (*at == '\0') {
+                break;
+            }
+        } else if (*at == 's') {
+            const char* argument = __builtin_va_arg(arguments, const char*);
+            line += argument != nullptr ? argument : "(null)";
+        } else if (*at == 'p') {
+            std::snprintf(text, sizeof(text), "%016llX", __builtin_va_arg(arguments, unsigned long long));
+            line += text;
+        } else if (wide) {
+            std::snprintf(text, sizeof(text), (form + "ll" + *at).c_str(),
+                          __builtin_va_arg(arguments, unsigned long long));
+            line += text;
+        } else {
+            std::snprintf(text, sizeof(text), (form + *at).c_str(), __builtin_va_arg(arguments, unsigned));
+            line += text;
+        }
+    }
+    __builtin_ms_va_end(arguments);
+    const PlatformCall call("DbgPrintEx", HOST_CALLER, DISPATCH_LEVEL);
+    Kernel& kernel = Kernel::Current();
+    const std::lock_guard lock(kernel.mutex);
+    kernel.debugOutput.push_back(line);
+    return 0;
+}
+
+HOST_EXPORT VOID NTAPI KeBugCheckEx(ULONG code, ULONG_PTR first, ULONG_PTR second, ULONG_PTR third, ULONG_PTR fourth)
+{
+    char text[160];
+    std::snprintf(text, sizeof(text), "bugcheck 0x%X (0x%llX, 0x%llX, 0x%llX, 0x%llX)", code, first, second, third,
+                  fourth);
+    {
+        const PlatformCall call("KeBugCheckEx", HOST_CALLER, 31);
+        call.Violation(Rule::kBugCheck, text);
+    }
+    host::schedule::ParkThisThread(text);
+}
+
+HOST_EXPORT PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING name)
+{
+    const std::string routine = host::kernel::Narrow(*name);
+    const PlatformCall call("MmGetSystemRoutineAddress", HOST_CALLER, PASSIVE_LEVEL, routine.c_str());
+    if (call.fault()) {
+        return nullptr;
+    }
+    return host::kernel::FindSystemRoutine(routine, host::Environment::Current().options);
+}
+
+// For images built with the WDK, whose C library calls lead into the kernel; ours bring their own.
+namespace {
+
+void* NTAPI_VARIADIC KernelMemcpy(void* destination, const void* source, size_t size)
+{
+    return std::memcpy(destination, source, size);
+}
+
+void* NTAPI_VARIADIC KernelMemmove(void* destination, const void* source, size_t size)
+{
+    return std::memmove(destination, source, size);
+}
+
+void* NTAPI_VARIADIC KernelMemset(void* destination, int value, size_t size)
+{
+    return std::memset(destination, value, size);
+}
+
+int NTAPI_VARIADIC KernelMemcmp(const void* first, const void* second, size_t size)
+{
+    return std::memcmp(first, second, size);
+}
+
+int NTAPI_VARIADIC KernelMemcpyS(void* destination, size_t destinationSize, const void* source, size_t size)
+{
+    constexpr int kInvalid = 22;
+    constexpr int kRange = 34;
+    if (size == 0) {
+        return 0;
+    }
+    if (destination == nullptr) {
+        return kInvalid;
+    }
+    if (source == nullptr || destinationSize < size) {
+        std::memset(destination, 0, destinationSize);
+        return source == nullptr ? kInvalid : kRange;
+    }
+    std::memcpy(destination, source, size);
+    return 0;
+}
+
+}  // namespace
+
+// Declared by nobody's header: looked up by name.
+extern "C" {
+NTSTATUS NTAPI EtwRegisterClassicProvider(LPCGUID guid, ULONG type, PVOID callback, PVOID context, PREGHANDLE handle);
+NTSTATUS NTAPI_VARIADIC WmiTraceMessage(TRACEHANDLE logger, ULONG flags, const GUID* guid, ULONG number, ...);
+NTSTATUS NTAPI WmiQueryTraceInformation(ULONG informationClass, PVOID information, ULONG length, PULONG required,
+                                        PVOID buffer);
+}
+
+namespace host::kernel {
+namespace {
+
+template <class Function>
+constexpr image::Export Of(const char* name, Function* function)
+{
+    return {name, reinterpret_cast<void*>(function)};
+}
+
+}  // namespace
+
+void* FindSystemRoutine(const std::string& name, const MachineOptions& options)
+{
+    if (name == "PsGetVersion" && !options.exportsPsGetVersion) {
+        return nullptr;
+    }
+    if (name == "EtwRegisterClassicProvider") {
+        return options.traceRoutes == TraceRoutes::kLegacy ? nullptr
+                                                           : reinterpret_cast<void*>(&EtwRegisterClassicProvider);
+    }
+    return image::FindExport("ntoskrnl.exe", name);
+}
+
+void RegisterKernelExports()
+{
+    static const image::Export kExports[] = {
+        Of("ExAllocatePoolWithTag", &ExAllocatePoolWithTag),
+        Of("ExFreePoolWithTag", &ExFreePoolWithTag),
+        Of("ExCreateCallback", &ExCreateCallback),
+        Of("ExRegisterCallback", &ExRegisterCallback),
+        Of("ExUnregisterCallback", &ExUnregisterCallback),
+        Of("ObfDereferenceObject", &ObfDereferenceObject),
+        Of("KeDelayExecutionThread", &KeDelayExecutionThread),
+        Of("RtlInitUnicodeString", &RtlInitUnicodeString),
+        Of("RtlCopyUnicodeString", &RtlCopyUnicodeString),
+        Of("RtlCompareMemory", &RtlCompareMemory),
+        Of("MmGetSystemRoutineAddress", &MmGetSystemRoutineAddress),
+        Of("PsGetVersion", &PsGetVersion),
+        Of("DbgPrintEx", &DbgPrintEx),
+        Of("KeBugCheckEx", &KeBugCheckEx),
+        Of("EtwRegister", &EtwRegister),
+        Of("EtwUnregister", &EtwUnregister),
+        Of("EtwWrite", &EtwWrite),
+        Of("IoWMIRegistrationControl", &IoWMIRegistrationControl),
+        Of("WmiTraceMessage", &WmiTraceMessage),
+        Of("WmiQueryTraceInformation", &WmiQueryTraceInformation),
+        Of("memcpy", &KernelMemcpy),
+        Of("memmove", &KernelMemmove),
+        Of("memset", &KernelMemset),
+        Of("memcmp", &KernelMemcmp),
+        Of("memcpy_s", &KernelMemcpyS),
+    };
+    image::AddExports("ntoskrnl.exe", kExports);
+}
+
+}  // namespace host::kernel

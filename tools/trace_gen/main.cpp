@@ -1,0 +1,281 @@
+// Writes the decoding files from the catalogue: the event manifest and one message-format file per message set.
+//
+//     zepn-trace-gen FOLDER
+//
+// Nothing is read; the catalogue is compiled in. The files are the ones that ship, so nothing edits them by hand.
+#include "trace/rows.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* kProviderName = "Zepn-Notifier";
+constexpr const char* kProviderGuid = "{84CD9D5E-9773-4BA7-A709-72F079E81CDE}";
+constexpr const char* kImagePath = "%SystemRoot%\\System32\\drivers\\zepn.sys";
+
+struct SetFile {
+    MessageSet set;
+    const char* guid;
+    const char* source;
+};
+
+constexpr SetFile kSets[] = {
+    {MessageSet::kMain, "4bef4337-d238-624d-32ce-8173a7a2272b", "driver.cpp"},
+    {MessageSet::kForwarding, "75f8aa61-c96e-3558-5dc3-898aae90e8ed", "forwarding.cpp"},
+};
+
+std::string Escaped(const std::string& text)
+{
+    std::string escaped;
+    for (const char letter : text) {
+        switch (letter) {
+        case '&':
+            escaped += "&amp;";
+            break;
+        case '<':
+            escaped += "&lt;";
+            break;
+        case '>':
+            escaped += "&gt;";
+            break;
+        case '"':
+            escaped += "&quot;";
+            break;
+        default:
+            escaped.push_back(letter);
+        }
+    }
+    return escaped;
+}
+
+// ---- Manifest ----
+
+const char* LevelName(UCHAR level)
+{
+    constexpr const char* kNames[] = {"", "win:Critical", "win:Error", "win:Warning", "win:Informational",
+                                      "win:Verbose"};
+    return kNames[level];
+}
+
+const char* FieldTypes(Field type)
+{
+    switch (type) {
+    case Field::kStatus:
+        return R"(inType="win:UInt32" outType="win:NTSTATUS")";
+    case Field::kCount:
+        return R"(inType="win:UInt64")";
+    case Field::kHandle:
+    case Field::kHexValue:
+        return R"(inType="win:UInt64" outType="win:HexInt64")";
+    case Field::kGuid:
+        return R"(inType="win:GUID")";
+    default:
+        return R"(inType="win:AnsiString")";
+    }
+}
+
+// Events with equal fields share a template, named by its fields.
+std::string TemplateId(const Event& event)
+{
+    std::string id = "T";
+    for (const EventField& field : event.fields) {
+        if (field.type != Field::kNone) {
+            id += std::string("_") + field.name;
+        }
+    }
+    return id;
+}
+
+void WriteManifest(std::ostream& out)
+{
+    out << R"(<?xml version="1.0" encoding="UTF-8"?>
+<!-- Generated from the driver's catalogue of reports; not edited by hand. -->
+<instrumentationManifest xmlns="http://schemas.microsoft.com/win/2004/08/events"
+                         xmlns:win="http://manifests.microsoft.com/win/2004/08/windows/events"
+                         xmlns:xs="http://www.w3.org/2001/XMLSchema">
+  <instrumentation>
+    <events>
+)";
+    out << "      <provider name=\"" << kProviderName << "\" guid=\"" << kProviderGuid
+        << "\" symbol=\"ZEPN_NOTIFIER_PROVIDER\"\n                resourceFileName=\"" << kImagePath
+        << "\" messageFileName=\"" << kImagePath << "\">\n        <templates>\n";
+    std::map<std::string, const Event*> templates;
+    for (const Event& event : kEvents) {
+        if (!templates.emplace(TemplateId(event), &event).second) {
+            continue;
+        }
+        out << "          <template tid=\"" << TemplateId(event) << "\">\n";
+        for (const EventField& field : event.fields) {
+            if (field.type != Field::kNone) {
+                out << "            <data name=\"" << field.name << "\" " << FieldTypes(field.type) << "/>\n";
+            }
+        }
+        out << "          </template>\n";
+    }
+    out << "        </templates>\n        <events>\n";
+    for (const Event& event : kEvents) {
+        out << "          <event value=\"" << event.id << "\" version=\"0\" level=\"" << LevelName(event.level)
+            << "\" template=\"" << TemplateId(event) << "\"\n                 symbol=\"" << event.symbol
+            << "\" message=\"$(string.Event" << event.id << ")\"/>\n";
+    }
+    out << "        </events>\n      </provider>\n    </events>\n  </instrumentation>\n  <localization>\n"
+        << "    <resources culture=\"en-US\">\n      <stringTable>\n";
+    for (const Event& event : kEvents) {
+        out << "        <string id=\"Event" << event.id << "\" value=\"" << Escaped(event.message) << "\"/>\n";
+    }
+    out << "      </stringTable>\n    </resources>\n  </localization>\n</instrumentationManifest>\n";
+}
+
+// ---- Message formats ----
+
+struct Item {
+    const char* expression;
+    const char* type;
+    const char* form;
+};
+
+std::vector<Item> ItemsOf(const Row& row)
+{
+    constexpr Item kStatusItem{"status", "ItemNTSTATUS", "s"};
+    constexpr Item kObjectItem{"object", "ItemPtr", "p"};
+    constexpr Item kWordItem{"value", "ItemLong", "u"};
+    if (row.message.bare) {
+        return {};
+    }
+    switch (row.values) {
+    case Values::kNone:
+        return {};
+    case Values::kStatus:
+        return {kStatusItem};
+    case Values::kObject:
+        return {kObjectItem};
+    case Values::kObjectStatus:
+        return {kObjectItem, kStatusItem};
+    case Values::kMissingItem:
+        return {{"index", "ItemLong", "u"}, {"collection", "ItemPtr", "p"}, {"count", "ItemULongLong", "I64u"}};
+    case Values::kGuidStatus:
+        return {{"client", "ItemLong", "08X"}, kStatusItem};
+    case Values::kTooSmall:
+        return {{"provided", "ItemLong", "u"}, {"required", "ItemLong", "u"}, kStatusItem};
+    case Values::kBuild:
+        return {{"date", "ItemString", "s"}, {"time", "ItemString", "s"}};
+    case Values::kOpen:
+        return {{"device", "ItemPtr", "p"}, {"file", "ItemPtr", "p"}};
+    case Values::kControlCode:
+    case Values::kDump:
+    case Values::kWords1:
+        return {kWordItem};
+    case Values::kDumpData:
+    case Values::kDumpValue:
+    case Values::kWords2:
+        return {kWordItem, kWordItem};
+    case Values::kWords3:
+        return {kWordItem, kWordItem, kWordItem};
+    case Values::kWords4:
+        return {kWordItem, kWordItem, kWordItem, kWordItem};
+    }
+    return {};
+}
+
+// A row without a text of its own reads as its description and its values.
+std::string TextOf(const Row& row)
+{
+    if (row.message.text != nullptr) {
+        return row.message.text;
+    }
+    std::ostringstream text;
+    text << row.description;
+    if (row.detail != nullptr) {
+        text << " (" << row.detail << ")";
+    }
+    unsigned index = 10;
+    for (const Item& item : ItemsOf(row)) {
+        text << (index == 10 ? ": " : ", ") << item.expression << " %" << index << "!" << item.form << "!";
+        ++index;
+    }
+    return text.str();
+}
+
+// Words are decimal or hexadecimal as the text uses them, never both.
+std::string TypeOf(const Item& item, const std::string& text, unsigned index)
+{
+    const std::string status = "%" + std::to_string(index) + "!s!";
+    if (std::string(item.type) == "ItemLong" && text.find(status) != std::string::npos) {
+        return "ItemNTSTATUS";
+    }
+    return item.type;
+}
+
+void WriteMessage(std::ostream& out, const Row& row)
+{
+    constexpr const char* kLevels[] = {"", "", "TRACE_LEVEL_ERROR", "TRACE_LEVEL_WARNING", "TRACE_LEVEL_INFORMATION",
+                                       "TRACE_LEVEL_VERBOSE"};
+    const Message& message = row.message;
+    const std::string text = TextOf(row);
+    out << "#typev zepn_" << static_cast<ULONG>(row.site) << " " << message.number << " \"%0" << text
+        << "\" //   LEVEL=" << kLevels[message.level]
+        << " FLAGS=" << (message.flag == TraceFlag::kEntry ? "TRACE_FLAG_ENTRY" : "TRACE_FLAG_GENERAL")
+        << " FUNC=" << row.function << "\n{\n";
+    unsigned index = 10;
+    for (const Item& item : ItemsOf(row)) {
+        out << item.expression << ", " << TypeOf(item, text, index) << " -- " << index << "\n";
+        ++index;
+    }
+    out << "}\n";
+}
+
+void WriteMessages(std::ostream& out, const SetFile& file)
+{
+    out << "// PDB:  zepn.pdb\n" << file.guid << " zepn // SRC=" << file.source << " MJ= MN=\n";
+    std::map<USHORT, const Row*> byNumber;
+    for (const RowList& list : kRowLists) {
+        for (ULONG index = 0; index < list.count; ++index) {
+            const Row& row = list.rows[index];
+            if (row.message.number != 0 && row.message.set == file.set) {
+                byNumber.emplace(row.message.number, &row);
+            }
+        }
+    }
+    for (const auto& [number, row] : byNumber) {
+        WriteMessage(out, *row);
+    }
+}
+
+template <class Writer>
+bool WriteFile(const std::filesystem::path& path, const Writer& writer)
+{
+    std::ofstream out(path, std::ios::binary);
+    writer(out);
+    out.close();
+    if (!out) {
+        std::cerr << "zepn-trace-gen: cannot write " << path << "\n";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments)
+{
+    if (argumentCount != 2) {
+        std::cerr << "usage: zepn-trace-gen FOLDER\n";
+        return 2;
+    }
+    const std::filesystem::path folder = arguments[1];
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    bool written = WriteFile(folder / "zepn.man", [](std::ostream& out) { WriteManifest(out); });
+    for (const SetFile& file : kSets) {
+        written = WriteFile(folder / (std::string(file.guid) + ".tmf"),
+                            [&file](std::ostream& out) { WriteMessages(out, file); }) &&
+                  written;
+    }
+    return written ? 0 : 1;
+}
