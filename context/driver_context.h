@@ -20,26 +20,26 @@
 // Every callback into a client or into the crash-dump driver's announcements runs with 2 held; the dump forwarders take
 // no lock. Wait locks are not recursive and all code that takes them runs at PASSIVE_LEVEL.
 struct ZEP_NOTIFIER_DRIVER_CONTEXT {
-    WDFQUEUE wdfQueueDefault;                           // child of the device; nobody reads it
-    WDFCOLLECTION wdfCollectionWpcdClientAddQueue;      // clients to announce; guarded by the clients lock
-    WDFCOLLECTION wdfCollectionWpcdClientRemoveQueue;   // client copies to withdraw; guarded by the clients lock
-    WDFCOLLECTION wdfCollectionZepClients;              // clients, oldest first; guarded by the clients lock
-    WDFCOLLECTION wdfCollectionZepStates;               // undelivered states, oldest first; guarded by the states lock
-    WDFCOLLECTION wdfCollectionZepCommands;             // undelivered commands; guarded by the commands lock
-    WDFWAITLOCK wdfWaitLockGeneral;                     // the flags and states of clients, where the code says so
-    WDFWAITLOCK wdfWaitLockClientsCollection;           // "the clients lock"
-    WDFWAITLOCK wdfWaitLockStatesCollection;            //
-    WDFWAITLOCK wdfWaitLockCommandsCollection;          //
-    WDFOBJECT wdfObjectWpcdClient;                      // the attached crash-dump driver or null; see dump/attach.cpp
-    WDFWORKITEM wdfWorkItemWpcdClientAdd;               // the work items are children of the device
-    WDFWORKITEM wdfWorkItemWpcdClientRemove;            //
-    WDFWORKITEM wdfWorkItemNotifyStates;                //
-    WDFWORKITEM wdfWorkItemNotifyCommands;              //
-    WDFWAITLOCK wdfWaitLockNotifyStatesWorkItem;        // one delivery run at a time
-    WDFWAITLOCK wdfWaitLockNotifyCommandsWorkItem;      // one delivery run at a time
-    WDFWAITLOCK wdfWaitLockNotifyAppsStateWorkItem;     // On purpose: created and never taken
-    PCALLBACK_OBJECT PowerStateCallbackObject;          // \Callback\PowerState, referenced; null when not registered
-    PVOID PowerStateCallbackRegistration;               //
+    WDFQUEUE wdfQueueDefault;                          // child of the device; nobody reads it
+    WDFCOLLECTION wdfCollectionWpcdClientAddQueue;     // clients to announce; guarded by the clients lock
+    WDFCOLLECTION wdfCollectionWpcdClientRemoveQueue;  // client copies to withdraw; guarded by the clients lock
+    WDFCOLLECTION wdfCollectionZepClients;             // clients, oldest first; guarded by the clients lock
+    WDFCOLLECTION wdfCollectionZepStates;              // undelivered states, oldest first; guarded by the states lock
+    WDFCOLLECTION wdfCollectionZepCommands;            // undelivered commands; guarded by the commands lock
+    WDFWAITLOCK wdfWaitLockGeneral;                    // the flags and states of clients, where the code says so
+    WDFWAITLOCK wdfWaitLockClientsCollection;          // "the clients lock"
+    WDFWAITLOCK wdfWaitLockStatesCollection;           //
+    WDFWAITLOCK wdfWaitLockCommandsCollection;         //
+    WDFOBJECT wdfObjectWpcdClient;                     // the attached crash-dump driver or null; see dump/attach.cpp
+    WDFWORKITEM wdfWorkItemWpcdClientAdd;              // the work items are children of the device
+    WDFWORKITEM wdfWorkItemWpcdClientRemove;           //
+    WDFWORKITEM wdfWorkItemNotifyStates;               //
+    WDFWORKITEM wdfWorkItemNotifyCommands;             //
+    WDFWAITLOCK wdfWaitLockNotifyStatesWorkItem;       // one delivery run at a time
+    WDFWAITLOCK wdfWaitLockNotifyCommandsWorkItem;     // one delivery run at a time
+    WDFWAITLOCK wdfWaitLockNotifyAppsStateWorkItem;    // On purpose: created and never taken
+    PCALLBACK_OBJECT PowerStateCallbackObject;         // \Callback\PowerState, referenced; null when not registered
+    PVOID PowerStateCallbackRegistration;              //
 };
 static_assert(sizeof(ZEP_NOTIFIER_DRIVER_CONTEXT) == 160);
 static_assert(offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockGeneral) == 48 &&

@@ -10,8 +10,6 @@
 #include "context/operations.h"
 #include "registry/client.h"
 
-namespace {
-
 constexpr LONGLONG kIntervalsPerMillisecond = 10000;  // 100 ns units
 
 // The temporary objects of one broadcast. Failure paths delete the parent, and the collection with it, while both
@@ -22,7 +20,7 @@ struct Answers {
     bool deleted;
 };
 
-void DeleteParent(Answers& answers)
+static void DeleteParent(Answers& answers)
 {
     if (!answers.deleted) {
         answers.deleted = true;
@@ -30,7 +28,7 @@ void DeleteParent(Answers& answers)
     }
 }
 
-NTSTATUS CreateAnswers(Answers& answers)
+static NTSTATUS CreateAnswers(Answers& answers)
 {
     answers.deleted = false;
     NTSTATUS status = WdfObjectCreate(WDF_NO_OBJECT_ATTRIBUTES, &answers.parent);
@@ -52,7 +50,7 @@ NTSTATUS CreateAnswers(Answers& answers)
 }
 
 // On purpose: without a failure nothing is deleted; the objects stay until the driver object goes.
-void LeaveAnswers(const Answers& answers)
+static void LeaveAnswers(const Answers& answers)
 {
     WdfObjectDereference(answers.collection);
     WdfObjectDereference(answers.parent);
@@ -60,7 +58,7 @@ void LeaveAnswers(const Answers& answers)
 
 // Keeps one client's answer for the second phase. Its object is on purpose a child of the driver object, not of the
 // temporary parent.
-NTSTATUS CollectAnswer(Answers& answers, const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ULONG wanted)
+static NTSTATUS CollectAnswer(Answers& answers, const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ULONG wanted)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_CONTEXT);
@@ -88,7 +86,7 @@ NTSTATUS CollectAnswer(Answers& answers, const ZEP_NOTIFIER_CLIENT_CONTEXT& clie
 }
 
 // First phase, under the clients lock. No failure stops it. Takes and returns the status of the last framework call.
-NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& answers, NTSTATUS status)
+static NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& answers, NTSTATUS status)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
@@ -117,7 +115,7 @@ NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& answers
 }
 
 // Second phase, without locks: a client that left meanwhile makes its post fail. No failure stops it.
-NTSTATUS PostAnswers(Answers& answers, NTSTATUS status)
+static NTSTATUS PostAnswers(Answers& answers, NTSTATUS status)
 {
     const ULONG count = WdfCollectionGetCount(answers.collection);
     for (ULONG index = 0; index < count; ++index) {
@@ -143,7 +141,7 @@ NTSTATUS PostAnswers(Answers& answers, NTSTATUS status)
 }
 
 // Milliseconds; 0 when nothing is configured. Read anew at each transition, so that a change needs no reload.
-ULONG ZEPReadRegistry()
+static ULONG ZEPReadRegistry()
 {
     Report<Site::kReadRegistryEntered>();
     ULONG timeoutMs = 0;
@@ -169,8 +167,6 @@ ULONG ZEPReadRegistry()
     WdfRegistryClose(key);
     return timeoutMs;
 }
-
-}  // namespace
 
 NTSTATUS Notifier_NotifyAppsState(ULONG)
 {

@@ -8,9 +8,7 @@
 #include "context/operations.h"
 #include "registry/registry.h"
 
-namespace {
-
-void QueueCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT senderObject, const ZepCommand& command)
+static void QueueCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT senderObject, const ZepCommand& command)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_COMMAND_CONTEXT);
@@ -49,7 +47,7 @@ void QueueCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT senderOb
 
 // Takes the oldest command off its queue, with a reference of the driver's own on its object: the sender may have gone,
 // and with it the object's only other reference. False ends the run.
-bool TakeCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepCommand& command, WDFOBJECT& object)
+static bool TakeCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepCommand& command, WDFOBJECT& object)
 {
     const NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockCommandsCollection, nullptr);
     if (status != STATUS_SUCCESS) {
@@ -87,7 +85,7 @@ struct Parties {
 
 // Looks for both at once and stops when both are known. On purpose a client that is the sender is not looked at as the
 // target: a command to oneself never finds its target. False ends the run.
-bool FindParties(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, Parties& parties)
+static bool FindParties(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, Parties& parties)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count && (parties.sender == nullptr || parties.target == nullptr); ++index) {
@@ -110,7 +108,7 @@ bool FindParties(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& c
     return true;
 }
 
-void ReportMissingParties(const ZepCommand& command, const Parties& parties)
+static void ReportMissingParties(const ZepCommand& command, const Parties& parties)
 {
     if (parties.sender == nullptr) {
         Report<Site::kNotifyCommandsNoSource>(command.SourceGuid, STATUS_UNSUCCESSFUL);
@@ -122,7 +120,7 @@ void ReportMissingParties(const ZepCommand& command, const Parties& parties)
 
 // Calls the target under the clients lock, gives the lock back and posts the state that the target chose. False, with
 // the lock still held, when the target has no callback.
-bool HandToTarget(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, const Parties& parties)
+static bool HandToTarget(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, const Parties& parties)
 {
     const ZEP_NOTIFIER_CLIENT_CONTEXT& target = *parties.target;
     if (target.ActionCallbackTable.CommandCallback == nullptr) {
@@ -155,7 +153,7 @@ bool HandToTarget(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& 
 enum class Delivery : UCHAR { kDelivered, kEnds, kPartyMissing };
 
 // One pass with the clients lock held; it is given back only when the command was delivered.
-Delivery DeliverCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Parties& parties)
+static Delivery DeliverCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Parties& parties)
 {
     ZepCommand command;
     WDFOBJECT object;
@@ -177,8 +175,6 @@ Delivery DeliverCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Parties& par
     WdfObjectDereference(object);
     return delivery;
 }
-
-}  // namespace
 
 NTSTATUS Notifier_HelperSendCommand(const ZepCommand* command)
 {

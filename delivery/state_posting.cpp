@@ -9,12 +9,10 @@
 #include "context/operations.h"
 #include "registry/registry.h"
 
-namespace {
-
 // The crash-dump driver learns a client's state only when the client is handed to it: a client that it does not have,
 // or got without a state, is queued (again). A failure leaves the state recorded but undelivered.
-NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject,
-                           ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+static NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject,
+                                  ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockClientsCollection, nullptr);
     if (status != STATUS_SUCCESS) {
@@ -32,8 +30,8 @@ NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
     return STATUS_SUCCESS;
 }
 
-NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject,
-                    const ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepState& state)
+static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject,
+                           const ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepState& state)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_CONTEXT);
@@ -69,8 +67,6 @@ NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT client
     WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
     return STATUS_SUCCESS;
 }
-
-}  // namespace
 
 NTSTATUS Notifier_HelperSendState(const ZepState* state)
 {

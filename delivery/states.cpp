@@ -10,14 +10,12 @@
 #include "context/operations.h"
 #include "registry/client.h"
 
-namespace {
-
 // Whether the run goes on. Every failure but a refused follow-up ends it.
 enum class Run : UCHAR { kGoesOn, kEnds };
 
 // Takes the oldest state off its queue. The object carries a reference of the driver's own from before the removal: its
 // client may have gone meanwhile, and with it the object's only other reference.
-Run TakeState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepState& state, WDFOBJECT& object)
+static Run TakeState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepState& state, WDFOBJECT& object)
 {
     const NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockStatesCollection, nullptr);
     if (status != STATUS_SUCCESS) {
@@ -46,8 +44,8 @@ Run TakeState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepState& state, WDFOB
 
 // Queues the state that a subscriber answered with. It does not go through posting: the crash-dump driver is not told,
 // and on purpose the record's Size stays 0.
-Run QueueFollowUp(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscriberObject,
-                  const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, ULONG state)
+static Run QueueFollowUp(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscriberObject,
+                         const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, ULONG state)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_CONTEXT);
@@ -84,15 +82,15 @@ Run QueueFollowUp(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscrib
     return Run::kGoesOn;
 }
 
-bool IsMatch(const ZepState& filter, const ZepState& state)
+static bool IsMatch(const ZepState& filter, const ZepState& state)
 {
     return GuidsEqual(filter.InterfaceGUID, state.InterfaceGUID) &&
            (filter.State == state.State || filter.State == ZEP_STATE_ANY);
 }
 
 // Offers a state to every subscription of one client.
-Run DeliverToClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscriberObject,
-                    ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const ZepState& state)
+static Run DeliverToClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscriberObject,
+                           ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const ZepState& state)
 {
     const WDFCOLLECTION registrations = subscriber.wdfCollectionStateRegistrations;
     const ULONG count = WdfCollectionGetCount(registrations);
@@ -128,7 +126,7 @@ Run DeliverToClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscr
 }
 
 // Offers a state to every client but the one whose state it is.
-Run DeliverState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepState& state)
+static Run DeliverState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepState& state)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
@@ -152,7 +150,7 @@ Run DeliverState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepState& sta
     return Run::kGoesOn;
 }
 
-void DrainStates(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+static void DrainStates(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     for (;;) {
         ZepState state;
@@ -171,8 +169,6 @@ void DrainStates(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
         }
     }
 }
-
-}  // namespace
 
 void NotifierEvtWorkItemNotifyStates(WDFWORKITEM)
 {

@@ -8,8 +8,6 @@
 #include "context/driver_context.h"
 #include "context/operations.h"
 
-namespace {
-
 constexpr WCHAR kDeviceNameText[] = L"\\Device\\ZEPN";
 constexpr WCHAR kSymbolicLinkText[] = L"\\DosDevices\\ZEPN";
 
@@ -17,7 +15,7 @@ const UNICODE_STRING kDeviceName = RTL_CONSTANT_STRING(kDeviceNameText);
 const UNICODE_STRING kSymbolicLink = RTL_CONSTANT_STRING(kSymbolicLinkText);
 static_assert(sizeof(kDeviceNameText) == 26 && sizeof(kSymbolicLinkText) == 34);
 
-NTSTATUS PrepareInit(PWDFDEVICE_INIT deviceInit)
+static NTSTATUS PrepareInit(PWDFDEVICE_INIT deviceInit)
 {
     WdfDeviceInitSetIoType(deviceInit, WdfDeviceIoBuffered);
 
@@ -43,7 +41,7 @@ NTSTATUS PrepareInit(PWDFDEVICE_INIT deviceInit)
 }
 
 // Not power-managed: I/O controls are delivered whatever the device's power state.
-NTSTATUS CreateDefaultQueue(WDFDEVICE device, ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+static NTSTATUS CreateDefaultQueue(WDFDEVICE device, ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     WDF_IO_QUEUE_CONFIG config;
     WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchSequential);
@@ -64,7 +62,7 @@ NTSTATUS CreateDefaultQueue(WDFDEVICE device, ZEP_NOTIFIER_DRIVER_CONTEXT& conte
 }
 
 template <Site kFailure>
-NTSTATUS CreateCollection(WDFCOLLECTION& collection)
+static NTSTATUS CreateCollection(WDFCOLLECTION& collection)
 {
     const NTSTATUS status = WdfCollectionCreate(WDF_NO_OBJECT_ATTRIBUTES, &collection);
     if (!NT_SUCCESS(status)) {
@@ -73,7 +71,7 @@ NTSTATUS CreateCollection(WDFCOLLECTION& collection)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CreateCollections(ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+static NTSTATUS CreateCollections(ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     NTSTATUS status = CreateCollection<Site::kDeviceAddClientAddQueue>(context.wdfCollectionWpcdClientAddQueue);
     if (!NT_SUCCESS(status)) {
@@ -95,7 +93,7 @@ NTSTATUS CreateCollections(ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 }
 
 template <Site kFailure>
-NTSTATUS CreateWorkItem(WDFDEVICE device, PFN_WDF_WORKITEM routine, WDFWORKITEM& workItem)
+static NTSTATUS CreateWorkItem(WDFDEVICE device, PFN_WDF_WORKITEM routine, WDFWORKITEM& workItem)
 {
     WDF_WORKITEM_CONFIG config;
     WDF_WORKITEM_CONFIG_INIT(&config, routine);
@@ -112,7 +110,7 @@ NTSTATUS CreateWorkItem(WDFDEVICE device, PFN_WDF_WORKITEM routine, WDFWORKITEM&
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CreateWorkItems(WDFDEVICE device, ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+static NTSTATUS CreateWorkItems(WDFDEVICE device, ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     NTSTATUS status = CreateWorkItem<Site::kDeviceAddClientAddItem>(device, NotifierEvtWorkItemWpcdClientAdd,
                                                                     context.wdfWorkItemWpcdClientAdd);
@@ -134,7 +132,7 @@ NTSTATUS CreateWorkItems(WDFDEVICE device, ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 }
 
 template <Site kFailure>
-NTSTATUS CreateWaitLock(WDFWAITLOCK& lock)
+static NTSTATUS CreateWaitLock(WDFWAITLOCK& lock)
 {
     const NTSTATUS status = WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &lock);
     if (!NT_SUCCESS(status)) {
@@ -143,7 +141,7 @@ NTSTATUS CreateWaitLock(WDFWAITLOCK& lock)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CreateWaitLocks(ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+static NTSTATUS CreateWaitLocks(ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     NTSTATUS status = CreateWaitLock<Site::kDeviceAddLockGeneral>(context.wdfWaitLockGeneral);
     if (!NT_SUCCESS(status)) {
@@ -171,8 +169,6 @@ NTSTATUS CreateWaitLocks(ZEP_NOTIFIER_DRIVER_CONTEXT& context)
     }
     return CreateWaitLock<Site::kDeviceAddLockNotifyAppsState>(context.wdfWaitLockNotifyAppsStateWorkItem);
 }
-
-}  // namespace
 
 NTSTATUS NotifierEvtDeviceAdd(WDFDRIVER driver, PWDFDEVICE_INIT deviceInit)
 {

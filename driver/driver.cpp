@@ -5,11 +5,7 @@
 #include "context/driver_context.h"
 #include "context/operations.h"
 
-namespace {
-
 constexpr ULONG kFrameworkPoolTag = '0ftn';  // "ntf0" in memory
-
-}  // namespace
 
 NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath)
 {

@@ -9,14 +9,12 @@
 #include "context/operations.h"
 #include "trace/report.h"
 
-namespace {
-
 // On purpose empty: the tables carry no count of references; the device itself refuses to stop and to be removed.
-void NTAPI NoReference(PVOID)
+static void NTAPI NoReference(PVOID)
 {
 }
 
-INTERFACE Header(USHORT size, WDFDEVICE device)
+static INTERFACE Header(USHORT size, WDFDEVICE device)
 {
     return {
         .Size = size,
@@ -27,7 +25,7 @@ INTERFACE Header(USHORT size, WDFDEVICE device)
     };
 }
 
-NTSTATUS AddWpcdInterface(WDFDEVICE device)
+static NTSTATUS AddWpcdInterface(WDFDEVICE device)
 {
     ZEP_NOTIFIER_WPCD_INTERFACE table = {
         .InterfaceHeader = Header(sizeof(table), device),
@@ -41,7 +39,7 @@ NTSTATUS AddWpcdInterface(WDFDEVICE device)
     return WdfDeviceAddQueryInterface(device, &config);
 }
 
-NTSTATUS AddHelperInterface(WDFDEVICE device)
+static NTSTATUS AddHelperInterface(WDFDEVICE device)
 {
     ZEP_NOTIFIER_HELPER_INTERFACE table = {
         .InterfaceHeader = Header(sizeof(table), device),
@@ -61,8 +59,6 @@ NTSTATUS AddHelperInterface(WDFDEVICE device)
     WDF_QUERY_INTERFACE_CONFIG_INIT(&config, &table.InterfaceHeader, &GUID_ZEP_NOTIFIER_HELPER_INTERFACE, nullptr);
     return WdfDeviceAddQueryInterface(device, &config);
 }
-
-}  // namespace
 
 NTSTATUS PublishInterfaces(WDFDEVICE device)
 {

@@ -8,20 +8,18 @@
 #include "context/operations.h"
 #include "registry/client.h"
 
-namespace {
-
 // Announcements are handed over in this one buffer. Runs may overlap; the clients lock keeps them apart.
-ZEP_SUBSYSTEM_DESCRIPTOR g_AnnouncedDescriptor;
+static ZEP_SUBSYSTEM_DESCRIPTOR g_AnnouncedDescriptor;
 
-void EmptyAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+static void EmptyAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     while (WdfCollectionGetFirstItem(context.wdfCollectionWpcdClientAddQueue) != nullptr) {
         WdfCollectionRemoveItem(context.wdfCollectionWpcdClientAddQueue, 0);
     }
 }
 
-void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT& wpcd,
-              ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+static void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT& wpcd,
+                     ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     DescribeClient(client, g_AnnouncedDescriptor);
     const NTSTATUS status = wpcd.ZepClientAdd(&g_AnnouncedDescriptor);
@@ -35,7 +33,7 @@ void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_WPC
     WdfWaitLockRelease(context.wdfWaitLockGeneral);
 }
 
-void AnnounceQueued(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+static void AnnounceQueued(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     const WDFOBJECT object = ReadPointerNoFence(&context.wdfObjectWpcdClient);
     if (object == nullptr) {
@@ -65,8 +63,6 @@ void AnnounceQueued(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
         WdfCollectionRemoveItem(context.wdfCollectionWpcdClientAddQueue, 0);
     }
 }
-
-}  // namespace
 
 void NotifierEvtWorkItemWpcdClientAdd(WDFWORKITEM)
 {

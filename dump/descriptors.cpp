@@ -8,10 +8,8 @@
 #include "context/operations.h"
 #include "registry/client.h"
 
-namespace {
-
 template <ULONG kSize>
-void CopyText(CHAR (&destination)[kSize], const CHAR (&source)[kSize])
+static void CopyText(CHAR (&destination)[kSize], const CHAR (&source)[kSize])
 {
     ULONG length = 0;
     while (length < kSize - 1 && source[length] != '\0') {
@@ -23,8 +21,8 @@ void CopyText(CHAR (&destination)[kSize], const CHAR (&source)[kSize])
 
 // Fills one record for each client. completed tells whether every client was described; a stop on a missing item is on
 // purpose no failure.
-NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG count, ZEP_SUBSYSTEM_DESCRIPTOR* descriptors,
-                     bool& completed)
+static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG count,
+                            ZEP_SUBSYSTEM_DESCRIPTOR* descriptors, bool& completed)
 {
     completed = false;
     for (ULONG index = 0; index < count; ++index) {
@@ -52,7 +50,7 @@ NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG count, ZE
 }
 
 // Counts the clients that are really there; after a stop nothing counts.
-ULONG CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+static ULONG CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
@@ -68,8 +66,6 @@ ULONG CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
     }
     return count;
 }
-
-}  // namespace
 
 void DescribeClient(const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ZEP_SUBSYSTEM_DESCRIPTOR& descriptor)
 {

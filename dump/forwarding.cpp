@@ -8,10 +8,8 @@
 #include "context/driver_context.h"
 #include "context/operations.h"
 
-namespace {
-
-NTSTATUS GetContext(PVOID dumpHandle, ZEP_NOTIFIER_DRIVER_CONTEXT** driverContext,
-                    ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT** wpcdClientContext)
+static NTSTATUS GetContext(PVOID dumpHandle, ZEP_NOTIFIER_DRIVER_CONTEXT** driverContext,
+                           ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT** wpcdClientContext)
 {
     Report<Site::kGetContextEntered>();
     if (dumpHandle == nullptr || driverContext == nullptr || wpcdClientContext == nullptr) {
@@ -38,8 +36,6 @@ NTSTATUS GetContext(PVOID dumpHandle, ZEP_NOTIFIER_DRIVER_CONTEXT** driverContex
     *wpcdClientContext = wpcd;
     return STATUS_SUCCESS;
 }
-
-}  // namespace
 
 NTSTATUS Notifier_HelperStartDump(PVOID dumpHandle, ULONGLONG value1, ULONGLONG value2)
 {

@@ -77,10 +77,12 @@ public:
 
 // State of the calling thread as the platform would keep it.
 struct ThreadState {
+    std::uint64_t id;         // never reused within a process
     std::string name = "main";
     KIRQL irql = PASSIVE_LEVEL;
     int criticalRegions = 0;  // wait locks entered and not left
 
+    ThreadState();
     static ThreadState& Current();
 };
 

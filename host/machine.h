@@ -14,6 +14,8 @@
 
 #include "host/environment.h"
 #include "host/framework/inspect.h"
+#include "host/results.h"
+#include "host/schedule/threads.h"
 #include "host/tracing/tracing.h"
 
 #include <ntddk.h>
@@ -22,6 +24,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -36,27 +39,10 @@ class Kernel;
 namespace framework {
 class Framework;
 struct DriverInstance;
+struct FileObjectObject;
 }
 
-// How a stretch of work on another thread ended.
-struct Outcome {
-    bool parked = false;     // the thread waits for ever and was set aside
-    std::string reason;      // "waits for wdfWaitLock... which it holds itself", empty when it returned
-};
-
-struct PumpResult {
-    unsigned runs = 0;                 // callbacks that were started
-    std::vector<Outcome> parked;       // those that will never return
-};
-
-struct IoResult {
-    NTSTATUS status;
-    std::uint64_t information;
-    bool completed;                    // FALSE: still pending when the call came back
-};
-
-// An open handle of a device; 0 is none.
-using FileId = std::uint64_t;
+class Machine;
 
 // A loaded driver. References stay valid until the machine goes, also after Unload.
 class Driver {
@@ -85,9 +71,13 @@ public:
     // IRP_MN_QUERY_INTERFACE to the device. `buffer` receives at most buffer.size() bytes.
     NTSTATUS QueryInterface(const GUID& type, std::span<std::byte> buffer, std::uint16_t version);
 
-    // Whether an interface of the class is enabled now, in order of creation; the class GUIDs that are enabled.
+    // Whether an interface of the class is enabled now; every change that the driver itself asked for, oldest first.
+    struct InterfaceChange {
+        GUID interfaceClass;
+        bool enabled;
+    };
     [[nodiscard]] bool IsInterfaceEnabled(const GUID& interfaceClass) const;
-    [[nodiscard]] std::vector<GUID> InterfaceStateChanges() const;  // every disable and enable call, oldest first
+    [[nodiscard]] std::vector<InterfaceChange> InterfaceChanges() const;
 
     // File handles and I/O controls, as user mode would make them.
     IoResult Open(FileId& file);
@@ -102,11 +92,17 @@ public:
 
 private:
     friend class Machine;
-    explicit Driver(std::unique_ptr<framework::DriverInstance> instance);
-    std::unique_ptr<framework::DriverInstance> instance_;
+    Driver(Machine& machine, framework::DriverInstance& instance);
+
+    Machine& machine_;
+    framework::DriverInstance& instance_;
+    std::map<FileId, framework::FileObjectObject*> files_;
+    FileId nextFile_ = 1;
 
 public:
     ~Driver();
+    Driver(const Driver&) = delete;
+    Driver& operator=(const Driver&) = delete;
 };
 
 class Machine {
@@ -154,6 +150,10 @@ public:
     // Framework objects as they are now: handles, types, parents, references, contexts, collection contents.
     [[nodiscard]] framework::Inspector inspect();
 
+    // A name for an object in reports ("clients lock"); deletes that found an object deleted already.
+    void NameObject(WDFOBJECT handle, const std::string& name);
+    [[nodiscard]] std::uint64_t SecondDeletes() const;
+
     // Pool allocations alive: count, bytes and by tag.
     struct PoolUse {
         std::uint32_t tag;
@@ -166,6 +166,7 @@ private:
     std::unique_ptr<Environment> environment_;
     std::unique_ptr<kernel::Kernel> kernel_;
     std::unique_ptr<tracing::Tracing> tracing_;
+    std::unique_ptr<schedule::Threads> threads_;
     std::unique_ptr<framework::Framework> framework_;
     std::vector<std::unique_ptr<Driver>> drivers_;
 };

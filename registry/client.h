@@ -24,7 +24,8 @@ struct _ZEP_NOTIFIER_CLIENT_CONTEXT {
     ULONG AddedToWpcd;          // 1: the crash-dump driver has the client
     ULONG WpcdRefreshPending;   // 1: it was handed over without a state and is announced again with its next one
     ULONG CurrentState;         // 0: none yet
-    WDFCOLLECTION wdfCollectionStateRegistrations;  // its own subscriptions; child of the driver object, deleted with it
+    WDFCOLLECTION
+        wdfCollectionStateRegistrations;  // its own subscriptions; child of the driver object, deleted with it
 };
 static_assert(offsetof(ZEP_NOTIFIER_CLIENT_CONTEXT, InterfaceGUID) == 0 &&
               offsetof(ZEP_NOTIFIER_CLIENT_CONTEXT, SubsystemName) == 16 &&

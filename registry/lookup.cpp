@@ -3,12 +3,10 @@
 
 #include "context/driver_context.h"
 
-namespace {
-
 // The walk that both client look-ups share; they differ in the lock and in the names they report under.
 template <Site kNoItem, Site kNoClient>
-ZEP_NOTIFIER_CLIENT_CONTEXT* FindClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid,
-                                        WDFOBJECT* clientObject)
+static ZEP_NOTIFIER_CLIENT_CONTEXT* FindClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid,
+                                               WDFOBJECT* clientObject)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
@@ -32,13 +30,10 @@ ZEP_NOTIFIER_CLIENT_CONTEXT* FindClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& conte
     return nullptr;
 }
 
-}  // namespace
-
 ZEP_NOTIFIER_CLIENT_CONTEXT* _getClientContextByGUID(const GUID* InterfaceGUID, WDFOBJECT* ClientObject)
 {
     Report<Site::kLookupEntered>();
-    const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
-        DriverContextOrReport<Site::kLookupNoDriver, Site::kLookupNoContext>();
+    const ZEP_NOTIFIER_DRIVER_CONTEXT* context = DriverContextOrReport<Site::kLookupNoDriver, Site::kLookupNoContext>();
     if (context == nullptr) {
         return nullptr;
     }

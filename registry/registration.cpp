@@ -7,11 +7,9 @@
 #include "context/driver_context.h"
 #include "context/operations.h"
 
-namespace {
-
 // Cuts silently; always terminates.
 template <ULONG kSize>
-void CopyText(CHAR (&destination)[kSize], const CHAR* source)
+static void CopyText(CHAR (&destination)[kSize], const CHAR* source)
 {
     ULONG length = 0;
     while (length < kSize - 1 && source[length] != '\0') {
@@ -22,7 +20,7 @@ void CopyText(CHAR (&destination)[kSize], const CHAR* source)
 }
 
 // Copies every entry; the count is recorded modulo 256.
-NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEntry* entries, ULONG entryCount)
+static NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEntry* entries, ULONG entryCount)
 {
     if (entryCount == 0 || entries == nullptr) {
         client.DataEntries = nullptr;
@@ -41,7 +39,7 @@ NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEntry* en
     return STATUS_SUCCESS;
 }
 
-void FreeEntries(ZepDataEntry* entries)
+static void FreeEntries(ZepDataEntry* entries)
 {
     if (entries != nullptr) {
         ExFreePoolWithTag(entries, kDataEntriesTag);
@@ -49,7 +47,7 @@ void FreeEntries(ZepDataEntry* entries)
 }
 
 // Deletes a client that was not added. Its registrations collection, if it has one, is left to the driver object.
-void Discard(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+static void Discard(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     ZepDataEntry* entries = client.DataEntries;  // the context goes with the object
     WdfObjectDelete(clientObject);
@@ -57,7 +55,7 @@ void Discard(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 }
 
 // On purpose: from here on a failure leaves the registrations collection to its parent, the driver object.
-NTSTATUS AddClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+static NTSTATUS AddClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
         DriverContextOrReport<Site::kInitNoDriver, Site::kInitNoContext>(STATUS_ZEP_NOTIFIER_NO_DRIVER);
@@ -90,8 +88,6 @@ NTSTATUS AddClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& cl
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
     return STATUS_SUCCESS;
 }
-
-}  // namespace
 
 NTSTATUS Notifier_HelperInit(const GUID* interfaceGuid, const CHAR* name, const CHAR* description,
                              const ActionCallbackTable* callbacks, const ZepDataEntry* entries, ULONG entryCount,

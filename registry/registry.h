@@ -12,9 +12,10 @@
 
 // The same for a caller that holds the clients lock; the result is good for as long as it does.
 [[nodiscard]] ZEP_NOTIFIER_CLIENT_CONTEXT* _getClientContextByGUID_unsafe(const GUID* InterfaceGUID,
-                                                                         WDFOBJECT* ClientObject);
+                                                                          WDFOBJECT* ClientObject);
 
 // Finds the oldest subscription to exactly the key's client and state; ZEP_STATE_ANY is no wildcard here. The caller
 // holds the clients lock. RegistrationObject receives the handle on a match; it may be null.
-[[nodiscard]] ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* _getStateNotificationContextByZepState_unsafe(
-    const ZepState* Key, WDFCOLLECTION Registrations, WDFOBJECT* RegistrationObject);
+[[nodiscard]] ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT*
+_getStateNotificationContextByZepState_unsafe(const ZepState* Key, WDFCOLLECTION Registrations,
+                                              WDFOBJECT* RegistrationObject);

@@ -7,9 +7,7 @@
 #include "context/driver_context.h"
 #include "context/operations.h"
 
-namespace {
-
-void FreeEntries(const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+static void FreeEntries(const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     // The field keeps its value: the context goes at once, and a copy of it is read by nobody.
     if (client.DataEntries != nullptr) {
@@ -19,7 +17,7 @@ void FreeEntries(const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 
 // A client waits for its announcement as often as it posted before the announcing run. The queue's references would keep
 // the departed client's object alive, and the run would announce it with entries that are freed.
-void LeaveAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
+static void LeaveAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
 {
     for (ULONG index = WdfCollectionGetCount(context.wdfCollectionWpcdClientAddQueue); index > 0; --index) {
         if (WdfCollectionGetItem(context.wdfCollectionWpcdClientAddQueue, index - 1) == clientObject) {
@@ -30,7 +28,7 @@ void LeaveAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientO
 
 // Queues a copy of the client's context for the crash-dump driver. On a failure the client is gone all the same and the
 // crash-dump driver is not told.
-NTSTATUS QueueWithdrawal(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+static NTSTATUS QueueWithdrawal(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_CLIENT_CONTEXT);
@@ -61,7 +59,7 @@ NTSTATUS QueueWithdrawal(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_N
 // Ends every subscription that the client made. A collection removes no deleted object by itself, so each is taken out
 // first. False when the collection counts items that it cannot give; that has then been reported.
 template <Site kNoItem>
-bool DrainRegistrations(WDFCOLLECTION registrations)
+static bool DrainRegistrations(WDFCOLLECTION registrations)
 {
     ULONG count = WdfCollectionGetCount(registrations);
     while (count != 0) {
@@ -78,8 +76,8 @@ bool DrainRegistrations(WDFCOLLECTION registrations)
 }
 
 // Finds the leaving client under the clients lock, which the caller holds and releases.
-NTSTATUS FindLeaving(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid, WDFOBJECT& clientObject,
-                     ZEP_NOTIFIER_CLIENT_CONTEXT*& client)
+static NTSTATUS FindLeaving(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid, WDFOBJECT& clientObject,
+                            ZEP_NOTIFIER_CLIENT_CONTEXT*& client)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
@@ -99,8 +97,6 @@ NTSTATUS FindLeaving(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& gui
     }
     return STATUS_NOT_FOUND;
 }
-
-}  // namespace
 
 NTSTATUS Notifier_HelperClientDeinit(const GUID* interfaceGuid)
 {

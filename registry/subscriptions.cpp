@@ -8,10 +8,9 @@
 #include "context/driver_context.h"
 #include "context/operations.h"
 
-namespace {
-
-NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber,
-                         const GUID& subscriberGuid, const ZepState& filter, PZEP_STATE_NOTIFICATION_CALLBACK callback)
+static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber,
+                                const GUID& subscriberGuid, const ZepState& filter,
+                                PZEP_STATE_NOTIFICATION_CALLBACK callback)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT);
@@ -42,8 +41,9 @@ NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_CLIENT_C
 }
 
 // Tells the subscriber the state that the watched client is in already. True when the answer is a new state.
-bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const ZEP_NOTIFIER_CLIENT_CONTEXT& target,
-                         PZEP_STATE_NOTIFICATION_CALLBACK callback, ULONG& response)
+static bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber,
+                                const ZEP_NOTIFIER_CLIENT_CONTEXT& target, PZEP_STATE_NOTIFICATION_CALLBACK callback,
+                                ULONG& response)
 {
     const ZepState current = {
         .Size = sizeof(ZepState),
@@ -56,12 +56,10 @@ bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const ZE
     return response != ReadULongNoFence(&subscriber.CurrentState);
 }
 
-bool IsStateAwaited(const ZepState& filter, const ZEP_NOTIFIER_CLIENT_CONTEXT& target)
+static bool IsStateAwaited(const ZepState& filter, const ZEP_NOTIFIER_CLIENT_CONTEXT& target)
 {
     return ReadULongNoFence(&target.CurrentState) == filter.State || filter.State == ZEP_STATE_ANY;
 }
-
-}  // namespace
 
 NTSTATUS Notifier_HelperRegisterForStateNotification(const GUID* interfaceGuid, const ZepState* state,
                                                      PZEP_STATE_NOTIFICATION_CALLBACK callback)

@@ -7,8 +7,6 @@
 
 TraceEnableWords g_TraceEnable;
 
-namespace {
-
 constexpr GUID kProvider = {0x84CD9D5E, 0x9773, 0x4BA7, {0xA7, 0x09, 0x72, 0xF0, 0x79, 0xE8, 0x1C, 0xDE}};
 
 constexpr ULONG kEnableBitCount = 4;
@@ -23,7 +21,7 @@ struct EventTraceContext {
     ULONG64 enableBitKeywords[kEnableBitCount];
 };
 
-EventTraceContext g_EventContext = {
+static EventTraceContext g_EventContext = {
     .matchAnyKeyword = 0,
     .matchAllKeyword = 0,
     .isEnabled = 0,
@@ -32,20 +30,19 @@ EventTraceContext g_EventContext = {
     .enableBitKeywords = {0, 0, 0, 0},
 };
 
-REGHANDLE g_RegistrationHandle;
+static REGHANDLE g_RegistrationHandle;
 
-bool IsWanted(UCHAR bitLevel, ULONG64 bitKeyword, UCHAR level, ULONG64 matchAny, ULONG64 matchAll)
+static bool IsWanted(UCHAR bitLevel, ULONG64 bitKeyword, UCHAR level, ULONG64 matchAny, ULONG64 matchAll)
 {
     const bool levelWanted = level == 0 || bitLevel <= level;
-    const bool keywordWanted =
-        bitKeyword == 0 || ((bitKeyword & matchAny) != 0 && (bitKeyword & matchAll) == matchAll);
+    const bool keywordWanted = bitKeyword == 0 || ((bitKeyword & matchAny) != 0 && (bitKeyword & matchAll) == matchAll);
     return levelWanted && keywordWanted;
 }
 
-ETWENABLECALLBACK EventEnableCallback;
+static ETWENABLECALLBACK EventEnableCallback;
 
-void EventEnableCallback(LPCGUID, ULONG controlCode, UCHAR level, ULONGLONG matchAny, ULONGLONG matchAll,
-                         PEVENT_FILTER_DESCRIPTOR, PVOID callbackContext)
+static void EventEnableCallback(LPCGUID, ULONG controlCode, UCHAR level, ULONGLONG matchAny, ULONGLONG matchAll,
+                                PEVENT_FILTER_DESCRIPTOR, PVOID callbackContext)
 {
     auto* context = static_cast<EventTraceContext*>(callbackContext);
     if (context == nullptr) {
@@ -75,8 +72,6 @@ void EventEnableCallback(LPCGUID, ULONG controlCode, UCHAR level, ULONGLONG matc
         WriteULongNoFence(&g_TraceEnable.events, 0);
     }
 }
-
-}  // namespace
 
 void RegisterEventProvider()
 {

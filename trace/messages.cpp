@@ -8,8 +8,6 @@
 
 #include <wmistr.h>
 
-namespace {
-
 constexpr GUID kControl = {0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
 
 // Indexed by MessageSet.
@@ -64,17 +62,17 @@ static_assert(sizeof(EnableContext) == 8);
 
 enum class Route : UCHAR { kLegacy, kClassic };
 
-ControlBlock g_ControlBlock;
-ControlBlock* g_Control;  // null before initialisation and after clean-up
-Route g_Route;
-WmiTraceMessageRoutine* g_TraceMessage;
-WmiQueryTraceInformationRoutine* g_QueryTraceInformation;
-EtwUnregisterRoutine* g_Unregister;
+static ControlBlock g_ControlBlock;
+static ControlBlock* g_Control;  // null before initialisation and after clean-up
+static Route g_Route;
+static WmiTraceMessageRoutine* g_TraceMessage;
+static WmiQueryTraceInformationRoutine* g_QueryTraceInformation;
+static EtwUnregisterRoutine* g_Unregister;
 
 // ---- Enable state ----
 
 // The bit of every (flag, level) that a session with these flags and this level listens to.
-ULONG WantedMessages(ULONG flags, UCHAR level)
+static ULONG WantedMessages(ULONG flags, UCHAR level)
 {
     ULONG levels = 0;
     for (UCHAR messageLevel = kLevelError; messageLevel <= kLevelVerbose; ++messageLevel) {
@@ -88,7 +86,7 @@ ULONG WantedMessages(ULONG flags, UCHAR level)
 }
 
 // The logger is stored first and taken away last, so that a site that races sees a handle or finds itself unwanted.
-void EnableMessages(ControlBlock& control, ULONG64 logger, UCHAR level, ULONG flags)
+static void EnableMessages(ControlBlock& control, ULONG64 logger, UCHAR level, ULONG flags)
 {
     WriteULong64NoFence(&control.logger, logger);
     WriteUCharNoFence(&control.level, level);
@@ -96,7 +94,7 @@ void EnableMessages(ControlBlock& control, ULONG64 logger, UCHAR level, ULONG fl
     WriteULongNoFence(&g_TraceEnable.messages, WantedMessages(flags, level));
 }
 
-void DisableMessages(ControlBlock& control)
+static void DisableMessages(ControlBlock& control)
 {
     WriteULongNoFence(&g_TraceEnable.messages, 0);
     WriteULongNoFence(&control.flags, 0);
@@ -106,9 +104,9 @@ void DisableMessages(ControlBlock& control)
 
 // ---- Classic route ----
 
-ClassicEnableCallback MessageEnableCallback;
+static ClassicEnableCallback MessageEnableCallback;
 
-void MessageEnableCallback(LPCGUID, UCHAR controlCode, PVOID enableContext, PVOID callbackContext)
+static void MessageEnableCallback(LPCGUID, UCHAR controlCode, PVOID enableContext, PVOID callbackContext)
 {
     auto* control = static_cast<ControlBlock*>(callbackContext);
     if (control == nullptr) {
@@ -138,7 +136,7 @@ enum WmiMinorFunction : UCHAR {
 constexpr ULONG kRegisterInfoSize = offsetof(WMIREGINFOW, WmiRegGuid) + sizeof(WMIREGGUIDW);
 static_assert(kRegisterInfoSize == 56);
 
-LONG AnswerRegisterInfo(ControlBlock& control, ULONG bufferLength, PVOID buffer, PULONG size)
+static LONG AnswerRegisterInfo(ControlBlock& control, ULONG bufferLength, PVOID buffer, PULONG size)
 {
     if (bufferLength < kRegisterInfoSize) {
         if (bufferLength >= sizeof(ULONG)) {
@@ -159,7 +157,7 @@ LONG AnswerRegisterInfo(ControlBlock& control, ULONG bufferLength, PVOID buffer,
     return STATUS_SUCCESS;
 }
 
-LONG AnswerEnable(ControlBlock& control, PWNODE_HEADER header)
+static LONG AnswerEnable(ControlBlock& control, PWNODE_HEADER header)
 {
     if (g_QueryTraceInformation == nullptr) {
         return STATUS_UNSUCCESSFUL;
@@ -175,9 +173,9 @@ LONG AnswerEnable(ControlBlock& control, PWNODE_HEADER header)
     return status;
 }
 
-WmiRequestCallback AnswerWmiRequest;
+static WmiRequestCallback AnswerWmiRequest;
 
-LONG AnswerWmiRequest(UCHAR minorFunction, PVOID, ULONG bufferLength, PVOID buffer, PVOID context, PULONG size)
+static LONG AnswerWmiRequest(UCHAR minorFunction, PVOID, ULONG bufferLength, PVOID buffer, PVOID context, PULONG size)
 {
     auto* control = static_cast<ControlBlock*>(context);
     *size = 0;
@@ -217,7 +215,7 @@ LONG AnswerWmiRequest(UCHAR minorFunction, PVOID, ULONG bufferLength, PVOID buff
 // ---- Look-up ----
 
 template <class Routine>
-Routine* FindRoutine(PCWSTR name)
+static Routine* FindRoutine(PCWSTR name)
 {
     UNICODE_STRING routineName;
     RtlInitUnicodeString(&routineName, name);
@@ -225,7 +223,7 @@ Routine* FindRoutine(PCWSTR name)
 }
 
 // Without a version routine the system counts as one that has only the legacy route.
-EtwRegisterClassicProviderRoutine* FindClassicRoute()
+static EtwRegisterClassicProviderRoutine* FindClassicRoute()
 {
     PS_GET_VERSION* getVersion = FindRoutine<PS_GET_VERSION>(L"PsGetVersion");
     g_TraceMessage = FindRoutine<WmiTraceMessageRoutine>(L"WmiTraceMessage");
@@ -246,8 +244,6 @@ EtwRegisterClassicProviderRoutine* FindClassicRoute()
     }
     return registerClassic;
 }
-
-}  // namespace
 
 void InitializeTraceMessages()
 {
@@ -301,14 +297,12 @@ void CleanUpTraceMessages()
 //
 // Lengths are 64-bit and the end is a null address: narrower values in stack slots would leave garbage above them.
 
-namespace {
-
 constexpr SIZE_T kWord = sizeof(ULONG);
 constexpr SIZE_T kQuad = sizeof(ULONGLONG);
 constexpr PVOID kEnd = nullptr;
 
 template <class... Pairs>
-void Send(MessageSet set, USHORT number, Pairs... pairs)
+static void Send(MessageSet set, USHORT number, Pairs... pairs)
 {
     if (g_TraceMessage == nullptr) {
         return;
@@ -317,7 +311,7 @@ void Send(MessageSet set, USHORT number, Pairs... pairs)
                          &kMessageSets[static_cast<ULONG>(set)], number, pairs..., kEnd);
 }
 
-SIZE_T SizeWithEnd(const char* text)
+static SIZE_T SizeWithEnd(const char* text)
 {
     SIZE_T size = 1;
     while (text[size - 1] != '\0') {
@@ -325,8 +319,6 @@ SIZE_T SizeWithEnd(const char* text)
     }
     return size;
 }
-
-}  // namespace
 
 void TraceMessage(MessageSet set, USHORT number)
 {

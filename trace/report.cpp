@@ -6,14 +6,12 @@
 
 #include "trace/trace.h"
 
-namespace {
-
 struct Payload {
     EVENT_DATA_DESCRIPTOR fields[kEventFieldCountMaximum];
     ULONG count;
 };
 
-void AddText(Payload& payload, const char* text)
+static void AddText(Payload& payload, const char* text)
 {
     if (text == nullptr) {
         text = "NULL";
@@ -27,12 +25,12 @@ void AddText(Payload& payload, const char* text)
 
 // The value must live until the event is written.
 template <class Value>
-void AddValue(Payload& payload, const Value& value)
+static void AddValue(Payload& payload, const Value& value)
 {
     EventDataDescCreate(&payload.fields[payload.count++], &value, sizeof(value));
 }
 
-void Begin(Payload& payload, const SiteRecord& site)
+static void Begin(Payload& payload, const SiteRecord& site)
 {
     payload.count = 0;
     AddText(payload, site.function);
@@ -41,31 +39,29 @@ void Begin(Payload& payload, const SiteRecord& site)
     }
 }
 
-void WriteSiteEvent(const SiteRecord& site, Payload& payload)
+static void WriteSiteEvent(const SiteRecord& site, Payload& payload)
 {
     if (site.event != 0 && (ReadULongNoFence(&g_TraceEnable.events) & (1u << site.eventBit)) != 0) {
         WriteEvent(site.event, site.eventLevel, payload.fields, payload.count);
     }
 }
 
-bool IsMessageWanted(const SiteRecord& site)
+static bool IsMessageWanted(const SiteRecord& site)
 {
     return site.message != 0 && (ReadULongNoFence(&g_TraceEnable.messages) & (1u << site.messageBit)) != 0;
 }
 
-ULONG FirstWord(const VOID* record)
+static ULONG FirstWord(const VOID* record)
 {
     ULONG word;
     memcpy(&word, record, sizeof(word));
     return word;
 }
 
-ULONGLONG AsNumber(PVOID handle)
+static ULONGLONG AsNumber(PVOID handle)
 {
     return reinterpret_cast<ULONG_PTR>(handle);
 }
-
-}  // namespace
 
 void WritePlain(const SiteRecord& site)
 {

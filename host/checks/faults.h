@@ -3,6 +3,8 @@
 
 #include <ntddk.h>
 
+#include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -12,17 +14,17 @@ namespace host::checks {
 
 // The forms in which a platform call can fail. A function ignores forms that it cannot have.
 enum class FaultForm {
-    kStatus,   // returns Fault::status, outputs untouched
-    kNull,     // returns NULL where it returns a pointer or handle (item, context, pool block, registration, driver)
+    kStatus,      // returns Fault::status, outputs untouched
+    kNull,        // returns NULL where it returns a pointer or handle (item, context, pool block, registration, driver)
     kNullOutput,  // returns STATUS_SUCCESS and stores NULL in its output
 };
 
 struct Fault {
-    std::string function;            // "WdfCollectionAdd"; "WdfGetDriver" hides the driver handle in the globals
-    std::string caller;              // only calls from this driver function; empty: from anywhere
-    std::string detail;              // only calls with this detail (context type name, routine name); empty: any
-    unsigned skip = 0;               // let this many matching calls pass first
-    unsigned count = 1;              // then fail this many; kSticky: all
+    std::string function;  // "WdfCollectionAdd"; "WdfGetDriver" hides the driver handle in the globals
+    std::string caller;    // only calls from this driver function; empty: from anywhere
+    std::string detail;    // only calls with this detail (context type name, routine name); empty: any
+    unsigned skip = 0;     // let this many matching calls pass first
+    unsigned count = 1;    // then fail this many; kSticky: all
     FaultForm form = FaultForm::kStatus;
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
 
@@ -42,7 +44,10 @@ public:
     [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::string& caller, const char* detail);
 
     // Cheap test that spares silent runs the look-up of the caller's name.
-    [[nodiscard]] bool Empty() const;
+    [[nodiscard]] bool Empty() const { return !anyArmed_.load(std::memory_order_relaxed); }
+
+    // Told when the driver handle in the globals is to be hidden (true) or shown again. Set by the framework.
+    std::function<void(bool)> onHideDriver;
 
 private:
     struct Armed {
@@ -51,6 +56,7 @@ private:
     };
     mutable std::mutex mutex_;
     std::vector<Armed> armed_;
+    std::atomic<bool> anyArmed_{false};
     unsigned struck_ = 0;
 };
 

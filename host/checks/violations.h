@@ -11,38 +11,37 @@
 namespace host::checks {
 
 enum class Rule {
-    kNullHandle,            // framework bugcheck 0x10D (5)
-    kWrongHandleType,       // framework bugcheck 0x10D (5)
-    kDeadHandle,            // use after the last reference: memory corruption on the real system
-    kForeignHandle,         // a value that no framework call ever handed out
-    kRequiredParameter,     // framework bugcheck 0x10D (4)
-    kBadParameter,          // wrong structure size or impossible value where the call cannot answer a status
-    kDeleteNotAllowed,      // delete of a driver, device, default queue, file object or queued request
-    kDeleteTwice,           // delete of a deleted object that a reference keeps: ignored on retail, asserted on checked
-    kReferenceUnderflow,    // framework bugcheck 0x10D (7)
-    kCollectionItem,        // removal of an item or index that is not there
-    kLockNotOwned,          // release by a stranger, or twice
-    kLockKept,              // a callback returned with a wait lock held
-    kLockOrder,             // locks taken against the declared order
-    kSelfWait,              // a thread waits for a lock that it holds; it is parked
-    kDeadlock,              // a thread waits for a lock whose holder can never give it back; it is parked
-    kIrql,                  // called above the level that the function allows
-    kRequestCompletedTwice, //
-    kRequestNotCompleted,   // the removal would hang
-    kRequestInformation,    // more information bytes than the output buffer holds
-    kWorkItemGone,          // enqueue of a work item that is being deleted: dropped
-    kPoolCorrupted,         // bytes around an allocation were overwritten
-    kPoolBadFree,           // null, foreign or already freed address
-    kPoolWrongTag,          // freed with another tag than it was allocated with
-    kLeak,                  // still alive at unload
-    kReferenceLeak,         // references left on an object at its end
-    kTraceHandle,           // unknown or unregistered trace handle
-    kTraceArguments,        // descriptors or lengths that the tracing runtime would choke on
-    kCallbackObject,        // power-callback object misuse
-    kUnloadRegistration,    // a callback pointer into the image is left behind at unload
-    kMemoryFault,           // the image touched memory that it must not
-    kNotProvided,           // a platform function that this host does not have
-    kBugCheck,              // the driver itself asked for a bugcheck
+    kNullHandle,             // framework bugcheck 0x10D (5)
+    kWrongHandleType,        // framework bugcheck 0x10D (5)
+    kDeadHandle,             // use after the last reference: memory corruption on the real system
+    kForeignHandle,          // a value that no framework call ever handed out
+    kRequiredParameter,      // framework bugcheck 0x10D (4)
+    kBadParameter,           // wrong structure size or impossible value where the call cannot answer a status
+    kDeleteNotAllowed,       // delete of a driver, device, default queue, file object or queued request
+    kReferenceUnderflow,     // framework bugcheck 0x10D (7)
+    kCollectionItem,         // removal of an item or index that is not there
+    kLockNotOwned,           // release by a stranger, or twice
+    kLockKept,               // a callback returned with a wait lock held
+    kLockOrder,              // locks taken against the declared order
+    kSelfWait,               // a thread waits for a lock that it holds; it is parked
+    kDeadlock,               // a thread waits for a lock whose holder can never give it back; it is parked
+    kIrql,                   // called above the level that the function allows
+    kRequestCompletedTwice,  //
+    kRequestNotCompleted,    // the removal would hang
+    kRequestInformation,     // more information bytes than the output buffer holds
+    kWorkItemGone,           // enqueue of a work item that is being deleted: dropped
+    kPoolCorrupted,          // bytes around an allocation were overwritten
+    kPoolBadFree,            // null, foreign or already freed address
+    kPoolWrongTag,           // freed with another tag than it was allocated with
+    kLeak,                   // still alive at unload
+    kReferenceLeak,          // references left on an object at its end
+    kTraceHandle,            // unknown or unregistered trace handle
+    kTraceArguments,         // descriptors or lengths that the tracing runtime would choke on
+    kCallbackObject,         // power-callback object misuse
+    kUnloadRegistration,     // a callback pointer into the image is left behind at unload
+    kMemoryFault,            // the image touched memory that it must not
+    kNotProvided,            // a platform function that this host does not have
+    kBugCheck,               // the driver itself asked for a bugcheck
 };
 
 [[nodiscard]] std::string_view Name(Rule rule);

@@ -58,8 +58,8 @@ void PeFile::ReadHeaders()
     const std::uint64_t fileHeader = std::uint64_t{peOffset} + 4;
     const auto machine = At<std::uint16_t>(fileHeader, "file header");
     if (machine != kMachine) {
-        Refuse("file header", "machine " + Hex(machine) + ", but this host runs " + kMachineName + " images (" +
-                                  Hex(kMachine) + ")");
+        Refuse("file header",
+               "machine " + Hex(machine) + ", but this host runs " + kMachineName + " images (" + Hex(kMachine) + ")");
     }
     const auto sectionCount = At<std::uint16_t>(fileHeader + 2, "file header");
     const auto optionalSize = At<std::uint16_t>(fileHeader + 16, "file header");

@@ -63,8 +63,7 @@ private:
     void Map()
     {
         reservedSize_ = file_.imageSize() + kBaseAlignment;
-        void* reserved =
-            mmap(nullptr, reservedSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* reserved = mmap(nullptr, reservedSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (reserved == MAP_FAILED) {
             throw HostError(name_ + ": no memory for the image");
         }

@@ -13,34 +13,27 @@
 namespace host::image {
 namespace {
 
-// The bare function name of a decorated one: "?Find@@YAX.." and "??$Find@$0.." give Find.
-std::string Undecorated(const std::string& name)
+// The bare function name of a full one: "void __cdecl `anonymous namespace'::Find<3>(void *)" gives Find.
+std::string BareName(const std::string& name)
 {
-    if (name.starts_with("??$")) {
-        return name.substr(3, name.find('@') - 3);
-    }
-    if (name.starts_with("?")) {
-        return name.substr(1, name.find('@') - 1);
-    }
-    return name;
+    const std::string plain = name.substr(0, name.find_first_of("(<"));
+    return plain.substr(plain.find_last_of(" :*&'") + 1);
 }
 
 std::string Demangled(const char* name)
 {
     int status = 0;
     const std::unique_ptr<char, decltype(&std::free)> text(abi::__cxa_demangle(name, nullptr, nullptr, &status),
-                                                            &std::free);
+                                                           &std::free);
     if (status != 0 || text == nullptr) {
         return name;
     }
-    // "void (anonymous namespace)::Find<(Site)3>(args)" gives Find.
-    std::string plain = text.get();
-    for (std::size_t at = plain.find("(anonymous namespace)::"); at != std::string::npos;
-         at = plain.find("(anonymous namespace)::")) {
-        plain.erase(at, std::strlen("(anonymous namespace)::"));
+    std::string full = text.get();
+    constexpr const char* kAnonymous = "(anonymous namespace)::";
+    for (std::size_t at = full.find(kAnonymous); at != std::string::npos; at = full.find(kAnonymous)) {
+        full.erase(at, std::strlen(kAnonymous));
     }
-    plain = plain.substr(0, plain.find_first_of("(<"));
-    return plain.substr(plain.find_last_of(" *&") + 1);
+    return BareName(full);
 }
 
 }  // namespace
@@ -53,20 +46,16 @@ std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image)
     std::vector<checks::Symbol> symbols;
     std::string line;
     while (std::getline(stream, line)) {
-        // Columns: address, size, alignment, section, input, symbol. Symbol lines leave section and input empty.
-        std::istringstream fields(line);
-        std::uint64_t address = 0;
-        std::uint64_t size = 0;
-        std::uint64_t alignment = 0;
-        std::string name;
-        std::string more;
-        if (!(fields >> std::hex >> address >> size >> std::dec >> alignment >> name) || fields >> more) {
+        // Columns: address, size, alignment; then section at 24, input at 32, symbol at 40.
+        constexpr std::size_t kSectionColumn = 24;
+        constexpr std::size_t kSymbolColumn = 40;
+        if (line.size() <= kSymbolColumn || line.find_first_not_of(' ', kSectionColumn) != kSymbolColumn) {
             continue;
         }
-        const bool isSection = name.starts_with('.');
-        const bool isInput = name.find(':') != std::string::npos;
-        if (!isSection && !isInput) {
-            symbols.push_back({address, Undecorated(name)});
+        std::istringstream fields(line);
+        std::uint64_t address = 0;
+        if (fields >> std::hex >> address) {
+            symbols.push_back({address, BareName(line.substr(kSymbolColumn))});
         }
     }
     return symbols;

@@ -58,8 +58,7 @@ __attribute__((visibility("default"), used)) NTSTATUS NTAPI ExCreateCallback(PCA
 }
 
 __attribute__((visibility("default"), used)) PVOID NTAPI ExRegisterCallback(PCALLBACK_OBJECT callbackObject,
-                                                                            PCALLBACK_FUNCTION function,
-                                                                            PVOID context)
+                                                                            PCALLBACK_FUNCTION function, PVOID context)
 {
     const PlatformCall call("ExRegisterCallback", HOST_CALLER, APC_LEVEL);
     if (call.fault()) {

@@ -145,7 +145,8 @@ void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
                 return false;
             }
             environment.Report(Rule::kUnloadRegistration, "unload",
-                               "a routine is still registered on " + object->name + "; it would be called in "
+                               "a routine is still registered on " + object->name +
+                                   "; it would be called in "
                                    "unmapped code",
                                registration->caller);
             registration->removed = true;

@@ -19,8 +19,8 @@ constexpr bool kUnderAddressSanitizer = false;
 #endif
 
 constexpr std::size_t kPage = 4096;
-constexpr std::size_t kArenaBytes = std::size_t{8} << 30;   // address space only
-constexpr std::size_t kGuardedBlocksMaximum = 20000;        // each costs the kernel two mappings
+constexpr std::size_t kArenaBytes = std::size_t{8} << 30;  // address space only
+constexpr std::size_t kGuardedBlocksMaximum = 20000;       // each costs the kernel two mappings
 constexpr std::size_t kCanaryBytes = 32;
 constexpr std::uint8_t kSlackFill = 0xFD;
 

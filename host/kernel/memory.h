@@ -37,8 +37,8 @@ public:
 private:
     struct Block {
         std::size_t bytes;
-        std::uint8_t* begin;      // of the whole range
-        std::size_t rangeBytes;   // without the guard page
+        std::uint8_t* begin;     // of the whole range
+        std::size_t rangeBytes;  // without the guard page
         bool guarded;
     };
     bool AllocateGuarded(Block& block, std::size_t alignment, std::uint8_t*& user);

@@ -24,7 +24,7 @@ std::string Quoted(std::uint32_t tag)
 extern "C" {
 
 __attribute__((visibility("default"), used)) PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE poolType, SIZE_T size,
-                                                                              ULONG tag)
+                                                                               ULONG tag)
 {
     const bool paged = poolType == PagedPool;
     const PlatformCall call("ExAllocatePoolWithTag", HOST_CALLER, paged ? APC_LEVEL : DISPATCH_LEVEL);

@@ -24,7 +24,7 @@ struct DecodedEvent {
     std::uint16_t id;
     std::uint8_t level;
     std::string symbol;
-    std::string message;       // message string of the manifest with its inserts filled
+    std::string message;  // message string of the manifest with its inserts filled
     std::vector<DecodedField> fields;
 
     // Field by name; empty text when absent.
@@ -62,10 +62,10 @@ private:
 
 struct DecodedMessage {
     std::uint16_t number;
-    std::string level;   // "TRACE_LEVEL_ERROR"
-    std::string flags;   // "TRACE_FLAG_GENERAL"
+    std::string level;  // "TRACE_LEVEL_ERROR"
+    std::string flags;  // "TRACE_FLAG_GENERAL"
     std::string function;
-    std::string text;    // format with its arguments filled
+    std::string text;  // format with its arguments filled
     std::vector<std::string> arguments;
 };
 

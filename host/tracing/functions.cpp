@@ -65,8 +65,8 @@ HOST_EXPORT NTSTATUS NTAPI EtwRegister(LPCGUID guid, PETWENABLECALLBACK callback
     if (!state.ProvidersOf(*guid, true).empty()) {
         call.Violation(Rule::kTraceHandle, "the provider is registered already");
     }
-    *handle = AddProvider(state, {ProviderKind::kEvents, 0, *guid, reinterpret_cast<const void*>(callback), context,
-                                  call.caller()});
+    *handle = AddProvider(
+        state, {ProviderKind::kEvents, 0, *guid, reinterpret_cast<const void*>(callback), context, call.caller()});
     bool armed;
     {
         const std::lock_guard lock(state.mutex);
@@ -204,7 +204,8 @@ HOST_EXPORT NTSTATUS NTAPI_VARIADIC WmiTraceMessage(TRACEHANDLE logger, ULONG fl
         const auto size = __builtin_va_arg(arguments, unsigned long long);
         if (pair == kPairsMaximum || size > kEventBytesMaximum) {
             call.Violation(Rule::kTraceArguments, "argument " + std::to_string(pair) + " has length " +
-                                                      std::to_string(size) + "; the list has no end or lengths are "
+                                                      std::to_string(size) +
+                                                      "; the list has no end or lengths are "
                                                       "not 64-bit");
             break;
         }

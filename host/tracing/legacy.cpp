@@ -57,8 +57,8 @@ void QueryLegacyRegistration(const Provider& provider, GUID& control)
     std::memcpy(&guidCount, buffer + 16, 4);
     std::memcpy(&control, buffer + 24, sizeof(control));
     std::memcpy(&flags, buffer + 40, 4);
-    Expect(status == STATUS_SUCCESS && size == kRegisterInfoSize && bufferSize == kRegisterInfoSize &&
-               guidCount == 1 && flags == kRegisterFlags,
+    Expect(status == STATUS_SUCCESS && size == kRegisterInfoSize && bufferSize == kRegisterInfoSize && guidCount == 1 &&
+               flags == kRegisterFlags,
            provider, "the registration data are not one traced control GUID in 56 bytes");
 
     // Requests that every control block gets now and then.
@@ -84,7 +84,7 @@ void SendLegacyRequest(const Provider& provider, std::uint8_t minor, const GUID&
 }  // namespace host::tracing
 
 extern "C" __attribute__((visibility("default"), used)) NTSTATUS NTAPI IoWMIRegistrationControl(PDEVICE_OBJECT block,
-                                                                                               ULONG action)
+                                                                                                ULONG action)
 {
     const PlatformCall call("IoWMIRegistrationControl", HOST_CALLER, PASSIVE_LEVEL);
     if (call.fault()) {

@@ -269,9 +269,8 @@ std::uint64_t Tracing::UnheardMessages() const
 std::size_t Tracing::EventProviders() const
 {
     const std::lock_guard lock(state_->mutex);
-    return static_cast<std::size_t>(std::count_if(state_->providers.begin(), state_->providers.end(), [](const auto& p) {
-        return p.kind == ProviderKind::kEvents;
-    }));
+    return static_cast<std::size_t>(std::count_if(state_->providers.begin(), state_->providers.end(),
+                                                  [](const auto& p) { return p.kind == ProviderKind::kEvents; }));
 }
 
 std::size_t Tracing::MessageProviders() const

@@ -17,7 +17,7 @@ namespace host::tracing {
 
 // An event as a session recorded it.
 struct CapturedEvent {
-    std::uint64_t order;             // place among all records of the machine, events and messages alike
+    std::uint64_t order;  // place among all records of the machine, events and messages alike
     GUID provider;
     EVENT_DESCRIPTOR descriptor;
     std::vector<std::byte> payload;  // concatenated data descriptors
@@ -31,7 +31,7 @@ struct CapturedMessage {
     std::uint64_t order;
     GUID messageGuid;
     std::uint16_t number;
-    std::vector<std::byte> payload;  // concatenated arguments
+    std::vector<std::byte> payload;            // concatenated arguments
     std::vector<std::uint32_t> argumentSizes;  // bytes of each (address, length) pair
     std::string thread;
     KIRQL irql;
@@ -40,8 +40,8 @@ struct CapturedMessage {
 
 struct EventSessionOptions {
     GUID provider;
-    std::uint8_t level;              // 0 means every level
-    std::uint64_t matchAny = 0;      // 0 means no keyword filter
+    std::uint8_t level;          // 0 means every level
+    std::uint64_t matchAny = 0;  // 0 means no keyword filter
     std::uint64_t matchAll = 0;
 };
 

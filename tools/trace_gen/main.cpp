@@ -58,7 +58,7 @@ std::string Escaped(const std::string& text)
 
 const char* LevelName(UCHAR level)
 {
-    constexpr const char* kNames[] = {"", "win:Critical", "win:Error", "win:Warning", "win:Informational",
+    constexpr const char* kNames[] = {"",           "win:Critical", "win:Error", "win:Warning", "win:Informational",
                                       "win:Verbose"};
     return kNames[level];
 }
@@ -214,8 +214,8 @@ std::string TypeOf(const Item& item, const std::string& text, unsigned index)
 
 void WriteMessage(std::ostream& out, const Row& row)
 {
-    constexpr const char* kLevels[] = {"", "", "TRACE_LEVEL_ERROR", "TRACE_LEVEL_WARNING", "TRACE_LEVEL_INFORMATION",
-                                       "TRACE_LEVEL_VERBOSE"};
+    constexpr const char* kLevels[] = {
+        "", "", "TRACE_LEVEL_ERROR", "TRACE_LEVEL_WARNING", "TRACE_LEVEL_INFORMATION", "TRACE_LEVEL_VERBOSE"};
     const Message& message = row.message;
     const std::string text = TextOf(row);
     out << "#typev zepn_" << static_cast<ULONG>(row.site) << " " << message.number << " \"%0" << text

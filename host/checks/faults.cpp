@@ -1,0 +1,58 @@
+#include "host/checks/faults.h"
+
+#include <utility>
+
+namespace host::checks {
+
+void FaultPlan::Add(Fault fault)
+{
+    const bool hidesDriver = fault.function == "WdfGetDriver";
+    {
+        const std::lock_guard lock(mutex_);
+        armed_.push_back({std::move(fault)});
+        anyArmed_ = true;
+        struck_ += hidesDriver ? 1 : 0;
+    }
+    if (hidesDriver && onHideDriver) {
+        onHideDriver(true);
+    }
+}
+
+void FaultPlan::Clear()
+{
+    {
+        const std::lock_guard lock(mutex_);
+        armed_.clear();
+        anyArmed_ = false;
+        struck_ = 0;
+    }
+    if (onHideDriver) {
+        onHideDriver(false);
+    }
+}
+
+unsigned FaultPlan::StruckCount() const
+{
+    const std::lock_guard lock(mutex_);
+    return struck_;
+}
+
+std::optional<Fault> FaultPlan::Strike(const char* function, const std::string& caller, const char* detail)
+{
+    const std::lock_guard lock(mutex_);
+    for (Armed& armed : armed_) {
+        const Fault& fault = armed.fault;
+        if (fault.function != function || (!fault.caller.empty() && fault.caller != caller) ||
+            (!fault.detail.empty() && fault.detail != detail)) {
+            continue;
+        }
+        const unsigned seen = armed.seen++;
+        if (seen >= fault.skip && (fault.count == Fault::kSticky || seen - fault.skip < fault.count)) {
+            ++struck_;
+            return fault;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace host::checks

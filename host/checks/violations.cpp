@@ -1,0 +1,118 @@
+#include "host/checks/violations.h"
+
+#include <utility>
+
+namespace host::checks {
+
+std::string_view Name(Rule rule)
+{
+    switch (rule) {
+    case Rule::kNullHandle:
+        return "null handle";
+    case Rule::kWrongHandleType:
+        return "wrong handle type";
+    case Rule::kDeadHandle:
+        return "dead handle";
+    case Rule::kForeignHandle:
+        return "foreign handle";
+    case Rule::kRequiredParameter:
+        return "required parameter";
+    case Rule::kBadParameter:
+        return "bad parameter";
+    case Rule::kDeleteNotAllowed:
+        return "delete not allowed";
+    case Rule::kReferenceUnderflow:
+        return "reference underflow";
+    case Rule::kCollectionItem:
+        return "collection item";
+    case Rule::kLockNotOwned:
+        return "lock not owned";
+    case Rule::kLockKept:
+        return "lock kept";
+    case Rule::kLockOrder:
+        return "lock order";
+    case Rule::kSelfWait:
+        return "self-wait";
+    case Rule::kDeadlock:
+        return "deadlock";
+    case Rule::kIrql:
+        return "IRQL";
+    case Rule::kRequestCompletedTwice:
+        return "request completed twice";
+    case Rule::kRequestNotCompleted:
+        return "request not completed";
+    case Rule::kRequestInformation:
+        return "request information";
+    case Rule::kWorkItemGone:
+        return "work item gone";
+    case Rule::kPoolCorrupted:
+        return "pool corrupted";
+    case Rule::kPoolBadFree:
+        return "bad pool free";
+    case Rule::kPoolWrongTag:
+        return "wrong pool tag";
+    case Rule::kLeak:
+        return "leak";
+    case Rule::kReferenceLeak:
+        return "reference leak";
+    case Rule::kTraceHandle:
+        return "trace handle";
+    case Rule::kTraceArguments:
+        return "trace arguments";
+    case Rule::kCallbackObject:
+        return "callback object";
+    case Rule::kUnloadRegistration:
+        return "registration at unload";
+    case Rule::kMemoryFault:
+        return "memory fault";
+    case Rule::kNotProvided:
+        return "not provided";
+    case Rule::kBugCheck:
+        return "bugcheck";
+    }
+    return "?";
+}
+
+std::string Violation::Text() const
+{
+    return std::string(Name(rule)) + ": " + function + " called from " + caller + " on " + thread + ": " + message;
+}
+
+void Violations::Add(Violation violation)
+{
+    const std::lock_guard lock(mutex_);
+    list_.push_back(std::move(violation));
+}
+
+std::vector<Violation> Violations::All() const
+{
+    const std::lock_guard lock(mutex_);
+    return list_;
+}
+
+std::vector<Violation> Violations::Take()
+{
+    const std::lock_guard lock(mutex_);
+    return std::exchange(list_, {});
+}
+
+std::vector<Violation> Violations::Take(Rule rule)
+{
+    const std::lock_guard lock(mutex_);
+    std::vector<Violation> taken;
+    std::erase_if(list_, [&](const Violation& violation) {
+        if (violation.rule == rule) {
+            taken.push_back(violation);
+        }
+        return violation.rule == rule;
+    });
+    return taken;
+}
+
+std::size_t Violations::Count() const
+{
+    const std::lock_guard lock(mutex_);
+    return list_.size();
+}
+
+}  // namespace host::checks

@@ -1,0 +1,92 @@
+#include "host/environment.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace host {
+namespace {
+
+Environment* g_current = nullptr;
+std::atomic<std::uint64_t> g_nextThreadId{1};
+
+}  // namespace
+
+Environment::Environment(MachineOptions machineOptions) : options(machineOptions)
+{
+    if (g_current != nullptr) {
+        throw HostError("a machine exists already; one at a time");
+    }
+    g_current = this;
+}
+
+Environment::~Environment()
+{
+    g_current = nullptr;
+}
+
+Environment& Environment::Current()
+{
+    if (g_current == nullptr) {
+        std::fprintf(stderr, "host: driver code called the platform while no machine exists\n");
+        std::abort();
+    }
+    return *g_current;
+}
+
+bool Environment::Exists()
+{
+    return g_current != nullptr;
+}
+
+void Environment::Report(checks::Rule rule, std::string function, std::string message, const void* caller)
+{
+    violations.Add({.rule = rule,
+                    .function = std::move(function),
+                    .message = std::move(message),
+                    .caller = modules.Describe(caller),
+                    .thread = ThreadState::Current().name});
+}
+
+ThreadState::ThreadState() : id(g_nextThreadId++)
+{
+}
+
+ThreadState& ThreadState::Current()
+{
+    thread_local ThreadState state;
+    return state;
+}
+
+ScopedIrql::ScopedIrql(KIRQL level) : before_(ThreadState::Current().irql)
+{
+    ThreadState::Current().irql = level;
+}
+
+ScopedIrql::~ScopedIrql()
+{
+    ThreadState::Current().irql = before_;
+}
+
+PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maximum, const char* detail)
+    : function_(function), caller_(caller)
+{
+    Environment& environment = Environment::Current();
+    const KIRQL level = ThreadState::Current().irql;
+    if (level > maximum) {
+        Violation(checks::Rule::kIrql, "called at IRQL " + std::to_string(level) + ", allowed up to " +
+                                           std::to_string(maximum));
+    }
+    if (environment.observer) {
+        environment.observer({function, caller, detail});
+    }
+    if (!environment.faults.Empty()) {
+        fault_ = environment.faults.Strike(function, environment.modules.FunctionAt(caller), detail);
+    }
+}
+
+void PlatformCall::Violation(checks::Rule rule, std::string message) const
+{
+    Environment::Current().Report(rule, function_, std::move(message), caller_);
+}
+
+}  // namespace host

@@ -1,0 +1,114 @@
+// Object attributes: checked in the framework's order, then applied; and the contexts that they ask for.
+#include "host/framework/functions.h"
+
+namespace host::framework {
+namespace {
+
+bool MayHaveLevel(ObjectType type)
+{
+    return type == ObjectType::kGeneral || type == ObjectType::kDriver || type == ObjectType::kDevice ||
+           type == ObjectType::kQueue || type == ObjectType::kFileObject;
+}
+
+bool MayHaveScope(ObjectType type)
+{
+    return type == ObjectType::kDriver || type == ObjectType::kDevice || type == ObjectType::kQueue ||
+           type == ObjectType::kFileObject;
+}
+
+}  // namespace
+
+NTSTATUS Framework::CheckAttributes(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes,
+                                    ObjectType type, ParentRule parentRule)
+{
+    if (attributes == nullptr) {
+        return parentRule == ParentRule::kRequired ? STATUS_WDF_PARENT_NOT_SPECIFIED : STATUS_SUCCESS;
+    }
+    if (attributes->Size != sizeof(WDF_OBJECT_ATTRIBUTES)) {
+        call.Violation(checks::Rule::kBadParameter,
+                       "attributes of " + std::to_string(attributes->Size) + " bytes instead of 56");
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    const WDF_OBJECT_CONTEXT_TYPE_INFO* info = attributes->ContextTypeInfo;
+    if (info != nullptr && info->Size != sizeof(WDF_OBJECT_CONTEXT_TYPE_INFO)) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    if (info != nullptr && info->ContextSize > 0 && info->ContextName == nullptr) {
+        return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
+    }
+    if (attributes->ContextSizeOverride != 0 &&
+        (info == nullptr || attributes->ContextSizeOverride < info->ContextSize)) {
+        return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
+    }
+    if (attributes->ParentObject != nullptr && parentRule == ParentRule::kForbidden) {
+        return STATUS_WDF_PARENT_ASSIGNMENT_NOT_ALLOWED;
+    }
+    if (attributes->ParentObject == nullptr && parentRule == ParentRule::kRequired) {
+        return STATUS_WDF_PARENT_NOT_SPECIFIED;
+    }
+    const int level = attributes->ExecutionLevel;
+    const int scope = attributes->SynchronizationScope;
+    if (level <= WdfExecutionLevelInvalid || level > WdfExecutionLevelDispatch ||
+        scope <= WdfSynchronizationScopeInvalid || scope > WdfSynchronizationScopeNone) {
+        return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
+    }
+    if ((scope == WdfSynchronizationScopeDevice || scope == WdfSynchronizationScopeQueue) && !MayHaveScope(type)) {
+        return STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID;
+    }
+    if ((level == WdfExecutionLevelPassive || level == WdfExecutionLevelDispatch) && !MayHaveLevel(type)) {
+        return STATUS_WDF_EXECUTION_LEVEL_INVALID;
+    }
+    return STATUS_SUCCESS;
+}
+
+Object* Framework::ParentFor(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes, Object* defaultParent,
+                             NTSTATUS& status)
+{
+    Object* parent = defaultParent;
+    if (attributes != nullptr && attributes->ParentObject != nullptr) {
+        parent = ResolveAny(call, attributes->ParentObject, "ParentObject");
+        if (parent == nullptr) {
+            status = STATUS_INVALID_PARAMETER;
+            return nullptr;
+        }
+    }
+    if (parent->deleted) {
+        status = STATUS_DELETE_PENDING;
+        return nullptr;
+    }
+    return parent;
+}
+
+void Framework::ApplyAttributes(Object& object, const WDF_OBJECT_ATTRIBUTES* attributes)
+{
+    if (attributes == nullptr) {
+        return;
+    }
+    if (attributes->ExecutionLevel != WdfExecutionLevelInheritFromParent) {
+        object.executionLevel = attributes->ExecutionLevel;
+    }
+    if (attributes->SynchronizationScope != WdfSynchronizationScopeInheritFromParent) {
+        object.synchronizationScope = attributes->SynchronizationScope;
+    }
+    if (attributes->ContextTypeInfo != nullptr) {
+        AddContext(object, *attributes);
+    } else {
+        object.cleanup = attributes->EvtCleanupCallback;
+        object.destroy = attributes->EvtDestroyCallback;
+    }
+}
+
+Context& Framework::AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes)
+{
+    constexpr std::size_t kAlignment = 16;
+    const std::size_t size = attributes.ContextSizeOverride != 0 ? attributes.ContextSizeOverride
+                                                                 : attributes.ContextTypeInfo->ContextSize;
+    object.contexts.push_back({.type = attributes.ContextTypeInfo->UniqueType,
+                               .memory = kernel.contextMemory().Allocate(size, kAlignment),
+                               .sizeBytes = size,
+                               .cleanup = attributes.EvtCleanupCallback,
+                               .destroy = attributes.EvtDestroyCallback});
+    return object.contexts.back();
+}
+
+}  // namespace host::framework

@@ -1,0 +1,202 @@
+// A device's life as plug and play drives it: add, start, sleep, wake, surprise removal, removal.
+#include "host/framework/devices.h"
+#include "host/framework/functions.h"
+
+namespace host::framework {
+
+using checks::Rule;
+
+namespace {
+
+WDFDEVICE HandleOf(const DeviceObject& device)
+{
+    return static_cast<WDFDEVICE>(device.handle);
+}
+
+NTSTATUS CallD0Entry(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE_STATE previous)
+{
+    NTSTATUS status = STATUS_SUCCESS;
+    if (const auto routine = device.power.EvtDeviceD0Entry) {
+        status = framework.Guarded("EvtDeviceD0Entry", reinterpret_cast<const void*>(routine),
+                                   [&] { return routine(HandleOf(device), previous); });
+    }
+    device.inD0 = NT_SUCCESS(status);
+    return status;
+}
+
+NTSTATUS CallD0Exit(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE_STATE target)
+{
+    device.inD0 = false;
+    if (const auto routine = device.power.EvtDeviceD0Exit) {
+        return framework.Guarded("EvtDeviceD0Exit", reinterpret_cast<const void*>(routine),
+                                 [&] { return routine(HandleOf(device), target); });
+    }
+    return STATUS_SUCCESS;
+}
+
+void CallReleaseHardware(Framework& framework, DeviceObject& device)
+{
+    if (const auto routine = device.power.EvtDeviceReleaseHardware) {
+        (void)framework.Guarded("EvtDeviceReleaseHardware", reinterpret_cast<const void*>(routine),
+                                [&] { return routine(HandleOf(device), nullptr); });
+    }
+}
+
+void SetAllInterfaces(Framework& framework, DeviceObject& device, bool enabled)
+{
+    const std::lock_guard lock(framework.mutex);
+    for (DeviceInterface& interface : device.interfaces) {
+        interface.enabled = enabled;
+    }
+}
+
+void DropSymbolicLink(Framework& framework, DeviceObject& device)
+{
+    const std::lock_guard lock(framework.mutex);
+    framework.names.erase(device.symbolicLink);
+    device.symbolicLink.clear();
+}
+
+}  // namespace
+
+// Common end of removal and of a failed device add.
+void EndDevice(Framework& framework, DeviceObject& device)
+{
+    DropSymbolicLink(framework, device);
+    std::unique_lock lock(framework.mutex);
+    device.stage = DeviceStage::kRemoved;
+    framework.names.erase(device.deviceName);
+    device.driver->devices.remove(&device);
+    framework.Delete(lock, device);
+}
+
+NTSTATUS AddDevice(Framework& framework, DriverInstance& driver)
+{
+    const auto add = driver.driver->config.EvtDriverDeviceAdd;
+    if (add == nullptr) {
+        throw HostError(driver.service + ": the driver has no device-add routine");
+    }
+    WDFDEVICE_INIT init;
+    init.driver = &driver;
+    const std::size_t devicesBefore = driver.devices.size();
+    const NTSTATUS status = framework.Guarded("EvtDriverDeviceAdd", reinterpret_cast<const void*>(add), [&] {
+        return add(static_cast<WDFDRIVER>(driver.driver->handle), &init);
+    });
+    if (!NT_SUCCESS(status) && driver.devices.size() > devicesBefore) {
+        EndDevice(framework, *driver.devices.back());
+    }
+    return status;
+}
+
+NTSTATUS StartDevice(Framework& framework, DeviceObject& device)
+{
+    NTSTATUS status = STATUS_SUCCESS;
+    if (const auto routine = device.power.EvtDevicePrepareHardware) {
+        status = framework.Guarded("EvtDevicePrepareHardware", reinterpret_cast<const void*>(routine),
+                                   [&] { return routine(HandleOf(device), nullptr, nullptr); });
+    }
+    if (NT_SUCCESS(status)) {
+        status = CallD0Entry(framework, device, WdfPowerDeviceD3Final);
+    }
+    if (!NT_SUCCESS(status)) {
+        CallReleaseHardware(framework, device);
+        return status;
+    }
+    SetAllInterfaces(framework, device, true);
+    device.stage = DeviceStage::kStarted;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SleepDevice(Framework& framework, DeviceObject& device)
+{
+    return CallD0Exit(framework, device, WdfPowerDeviceD3);
+}
+
+NTSTATUS WakeDevice(Framework& framework, DeviceObject& device)
+{
+    return CallD0Entry(framework, device, WdfPowerDeviceD3);
+}
+
+void SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
+{
+    if (const auto routine = device.power.EvtDeviceSurpriseRemoval) {
+        framework.Guarded("EvtDeviceSurpriseRemoval", reinterpret_cast<const void*>(routine),
+                          [&] { routine(HandleOf(device)); });
+    }
+    if (device.inD0) {
+        (void)CallD0Exit(framework, device, WdfPowerDeviceD3Final);
+    }
+    CallReleaseHardware(framework, device);
+    SetAllInterfaces(framework, device, false);
+    DropSymbolicLink(framework, device);
+    device.stage = DeviceStage::kSurpriseRemoved;
+}
+
+void RemoveDevice(Framework& framework, DeviceObject& device)
+{
+    if (device.stage == DeviceStage::kStarted) {  // an orderly removal: the query was not refused
+        if (device.inD0) {
+            (void)CallD0Exit(framework, device, WdfPowerDeviceD3Final);
+        }
+        CallReleaseHardware(framework, device);
+        SetAllInterfaces(framework, device, false);
+    }
+    EndDevice(framework, device);
+}
+
+namespace functions {
+
+WDFDRIVER NTAPI DeviceGetDriver(PWDF_DRIVER_GLOBALS, WDFDEVICE handle)
+{
+    const PlatformCall call("WdfDeviceGetDriver", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    return device == nullptr ? nullptr : static_cast<WDFDRIVER>(device->driver->driver->handle);
+}
+
+void NTAPI DeviceSetStaticStopRemove(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, BOOLEAN stoppable)
+{
+    const PlatformCall call("WdfDeviceSetStaticStopRemove", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    if (auto* device = framework.Resolve<DeviceObject>(call, handle, "Device")) {
+        device->stopRemoveRefusals += stoppable != FALSE ? -1 : 1;
+    }
+}
+
+NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PCUNICODE_STRING name)
+{
+    const PlatformCall call("WdfDeviceCreateSymbolicLink", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    if (device == nullptr || !Requires(call, name, "SymbolicLinkName")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (!device->symbolicLink.empty()) {
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
+    const std::string link = kernel::LowerCase(kernel::Narrow(*name));
+    if (!framework.names.insert(link).second) {
+        return STATUS_OBJECT_NAME_COLLISION;
+    }
+    device->symbolicLink = link;
+    return STATUS_SUCCESS;
+}
+
+WDFQUEUE NTAPI DeviceGetDefaultQueue(PWDF_DRIVER_GLOBALS, WDFDEVICE handle)
+{
+    const PlatformCall call("WdfDeviceGetDefaultQueue", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    return device == nullptr || device->defaultQueue == nullptr ? nullptr
+                                                                : static_cast<WDFQUEUE>(device->defaultQueue->handle);
+}
+
+}  // namespace functions
+}  // namespace host::framework

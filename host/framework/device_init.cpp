@@ -1,0 +1,123 @@
+// From the init structure to the device: init functions record, WdfDeviceCreate acts.
+#include "host/framework/devices.h"
+#include "host/framework/functions.h"
+
+namespace host::framework::functions {
+
+using checks::Rule;
+
+namespace {
+
+// An init structure is no handle: the one that device add got, until it is consumed.
+bool IsUsable(const PlatformCall& call, const WDFDEVICE_INIT* init)
+{
+    if (!Requires(call, init, "DeviceInit")) {
+        return false;
+    }
+    if (init->consumed) {
+        call.Violation(Rule::kBadParameter, "the init structure was consumed by WdfDeviceCreate");
+        return false;
+    }
+    return true;
+}
+
+bool HasSize(const PlatformCall& call, ULONG size, std::size_t expected)
+{
+    if (size == expected) {
+        return true;
+    }
+    call.Violation(Rule::kBadParameter, "a structure of " + std::to_string(size) + " bytes instead of " +
+                                            std::to_string(expected) + "; nothing is recorded");
+    return false;
+}
+
+}  // namespace
+
+void NTAPI DeviceInitSetIoType(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, WDF_DEVICE_IO_TYPE ioType)
+{
+    const PlatformCall call("WdfDeviceInitSetIoType", HOST_CALLER, DISPATCH_LEVEL);
+    if (IsUsable(call, init)) {
+        init->ioType = ioType;
+    }
+}
+
+NTSTATUS NTAPI DeviceInitAssignName(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, PCUNICODE_STRING name)
+{
+    const PlatformCall call("WdfDeviceInitAssignName", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    if (!IsUsable(call, init)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    init->name = name == nullptr ? std::string() : kernel::Narrow(*name);
+    return STATUS_SUCCESS;
+}
+
+void NTAPI DeviceInitSetPnpPowerEventCallbacks(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init,
+                                               PWDF_PNPPOWER_EVENT_CALLBACKS callbacks)
+{
+    const PlatformCall call("WdfDeviceInitSetPnpPowerEventCallbacks", HOST_CALLER, DISPATCH_LEVEL);
+    if (IsUsable(call, init) && Requires(call, callbacks, "PnpPowerEventCallbacks") &&
+        HasSize(call, callbacks->Size, sizeof(WDF_PNPPOWER_EVENT_CALLBACKS))) {
+        init->powerCallbacks = *callbacks;
+    }
+}
+
+void NTAPI DeviceInitSetFileObjectConfig(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, PWDF_FILEOBJECT_CONFIG config,
+                                         PWDF_OBJECT_ATTRIBUTES)
+{
+    const PlatformCall call("WdfDeviceInitSetFileObjectConfig", HOST_CALLER, DISPATCH_LEVEL);
+    if (IsUsable(call, init) && Requires(call, config, "FileObjectConfig") &&
+        HasSize(call, config->Size, sizeof(WDF_FILEOBJECT_CONFIG))) {
+        init->fileConfig = *config;
+        init->hasFileConfig = true;
+    }
+}
+
+NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPointer,
+                            PWDF_OBJECT_ATTRIBUTES attributes, WDFDEVICE* handle)
+{
+    const PlatformCall call("WdfDeviceCreate", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    if (!Requires(call, initPointer, "DeviceInit") || !Requires(call, handle, "Device") ||
+        !IsUsable(call, *initPointer)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    DriverInstance* instance = framework.InstanceOf(globals);
+    if (instance == nullptr || instance->driver == nullptr) {
+        call.Violation(Rule::kForeignHandle, "the driver globals belong to no driver that has an object");
+        return STATUS_INVALID_PARAMETER;
+    }
+    const NTSTATUS status =
+        framework.CheckAttributes(call, attributes, ObjectType::kDevice, Framework::ParentRule::kForbidden);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    WDFDEVICE_INIT& init = **initPointer;
+    const std::string name = kernel::LowerCase(init.name);
+    if (!name.empty() && !framework.names.insert(name).second) {
+        return STATUS_OBJECT_NAME_COLLISION;
+    }
+
+    auto object = std::make_unique<DeviceObject>(instance);
+    DeviceObject& device = *object;
+    device.name = init.name;
+    device.deviceName = name;
+    device.power = init.powerCallbacks;
+    device.files = init.fileConfig;
+    device.hasFiles = init.hasFileConfig;
+    framework.ApplyAttributes(device, attributes);
+    framework.Register(std::move(object), instance->driver);
+    instance->devices.push_back(&device);
+    init.consumed = true;
+    *initPointer = nullptr;
+    *handle = static_cast<WDFDEVICE>(device.handle);
+    return STATUS_SUCCESS;
+}
+
+}  // namespace host::framework::functions

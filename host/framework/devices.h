@@ -1,0 +1,122 @@
+// Devices, queues, requests and file objects.
+#pragma once
+
+#include "host/framework/framework.h"
+
+#include <optional>
+#include <span>
+
+// What a driver records between EvtDriverDeviceAdd and WdfDeviceCreate; opaque to it.
+struct WDFDEVICE_INIT {
+    host::framework::DriverInstance* driver = nullptr;
+    WDF_DEVICE_IO_TYPE ioType = WdfDeviceIoBuffered;
+    std::string name;
+    WDF_PNPPOWER_EVENT_CALLBACKS powerCallbacks{};
+    WDF_FILEOBJECT_CONFIG fileConfig{};
+    bool hasFileConfig = false;
+    bool consumed = false;  // by WdfDeviceCreate; the framework owns it then
+};
+
+namespace host::framework {
+
+struct DeviceInterface {
+    GUID interfaceClass;
+    std::string referenceString;
+    bool enabled = false;
+};
+
+struct QueryInterfaceEntry {
+    GUID type;
+    std::vector<std::byte> table;  // the copied INTERFACE and what follows it
+    PFN_WDF_DEVICE_PROCESS_QUERY_INTERFACE_REQUEST process;
+};
+
+struct QueueObject;
+
+enum class DeviceStage { kAdded, kStarted, kSurpriseRemoved, kRemoved };
+
+struct DeviceObject final : Object {
+    explicit DeviceObject(DriverInstance* owner) : Object(ObjectType::kDevice, owner) { noDelete = true; }
+    DeviceStage stage = DeviceStage::kAdded;
+    bool inD0 = false;
+    int stopRemoveRefusals = 0;
+    std::string deviceName;
+    std::string symbolicLink;
+    WDF_PNPPOWER_EVENT_CALLBACKS power{};
+    WDF_FILEOBJECT_CONFIG files{};
+    bool hasFiles = false;
+    std::list<DeviceInterface> interfaces;
+    std::list<QueryInterfaceEntry> queryInterfaces;
+    QueueObject* defaultQueue = nullptr;
+    unsigned openFiles = 0;
+};
+
+struct RequestObject;
+
+struct QueueObject final : Object {
+    explicit QueueObject(DriverInstance* owner) : Object(ObjectType::kQueue, owner) {}
+    DeviceObject* device = nullptr;
+    WDF_IO_QUEUE_CONFIG config{};
+    bool gone = false;                     // purged: nothing is accepted any more
+    RequestObject* presented = nullptr;    // sequential: the one that the driver has
+    std::deque<RequestObject*> waiting;
+    std::condition_variable completed;
+};
+
+struct FileObjectObject final : Object {
+    explicit FileObjectObject(DriverInstance* owner) : Object(ObjectType::kFileObject, owner) { noDelete = true; }
+    DeviceObject* device = nullptr;
+};
+
+enum class RequestKind { kCreate, kDeviceControl };
+
+struct RequestObject final : Object {
+    explicit RequestObject(DriverInstance* owner) : Object(ObjectType::kRequest, owner) { noDelete = true; }
+    RequestKind kind = RequestKind::kDeviceControl;
+    QueueObject* queue = nullptr;
+    FileObjectObject* file = nullptr;
+    std::uint32_t code = 0;
+    std::size_t inputBytes = 0;
+    std::size_t outputBytes = 0;
+    bool completed = false;
+    NTSTATUS status = STATUS_PENDING;
+    std::uint64_t information = 0;
+};
+
+template <>
+inline constexpr ObjectType kTypeOf<DeviceObject> = ObjectType::kDevice;
+template <>
+inline constexpr ObjectType kTypeOf<QueueObject> = ObjectType::kQueue;
+template <>
+inline constexpr ObjectType kTypeOf<FileObjectObject> = ObjectType::kFileObject;
+template <>
+inline constexpr ObjectType kTypeOf<RequestObject> = ObjectType::kRequest;
+
+// ---- What plug and play and user mode do to a device (device.cpp, interfaces.cpp, requests.cpp) ----
+
+NTSTATUS AddDevice(Framework& framework, DriverInstance& driver);
+NTSTATUS StartDevice(Framework& framework, DeviceObject& device);
+NTSTATUS SleepDevice(Framework& framework, DeviceObject& device);
+NTSTATUS WakeDevice(Framework& framework, DeviceObject& device);
+void SurpriseRemoveDevice(Framework& framework, DeviceObject& device);
+// Ends the device; on a thread that may park while it waits for work items.
+void RemoveDevice(Framework& framework, DeviceObject& device);
+// Common end of removal and of a failed device add.
+void EndDevice(Framework& framework, DeviceObject& device);
+
+NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& type, std::span<std::byte> buffer,
+                        std::uint16_t version);
+
+struct RequestResult {
+    NTSTATUS status;
+    std::uint64_t information;
+    bool completed;
+};
+RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObject*& file);
+void CloseFile(Framework& framework, FileObjectObject& file);
+RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::uint32_t code, std::size_t inputBytes,
+                            std::size_t outputBytes);
+
+[[nodiscard]] bool SameGuid(const GUID& first, const GUID& second);
+
+}  // namespace host::framework

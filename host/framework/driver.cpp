@@ -1,0 +1,124 @@
+// The driver object: its creation, and the framework's own unload and add-device routines behind the system's.
+#include "host/framework/devices.h"
+#include "host/framework/driver_life.h"
+#include "host/framework/functions.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace host::framework {
+namespace {
+
+// The framework answers every request itself; none reaches this host through the dispatch table.
+NTSTATUS NTAPI Dispatch(PDEVICE_OBJECT, PIRP)
+{
+    return STATUS_NOT_SUPPORTED;
+}
+
+// The last component of the registry path, as the globals hold it.
+void SetName(WDF_DRIVER_GLOBALS& globals, const std::string& registryPath)
+{
+    const std::size_t slash = registryPath.find_last_of('\\');
+    const std::string name = slash == std::string::npos ? registryPath : registryPath.substr(slash + 1);
+    const std::size_t length = std::min(name.size(), sizeof(globals.DriverName) - 1);
+    std::fill(std::begin(globals.DriverName), std::end(globals.DriverName), '\0');
+    std::copy_n(name.begin(), length, globals.DriverName);
+}
+
+void TakeOver(DRIVER_OBJECT& driverObject)
+{
+    driverObject.DriverUnload = FrameworkUnload;
+    driverObject.DriverExtension->AddDevice = FrameworkAddDevice;
+    std::fill(std::begin(driverObject.MajorFunction), std::end(driverObject.MajorFunction), Dispatch);
+}
+
+}  // namespace
+
+void NTAPI FrameworkUnload(PDRIVER_OBJECT driverObject)
+{
+    Framework& framework = Framework::Current();
+    std::unique_lock lock(framework.mutex);
+    DriverInstance* instance = framework.InstanceOf(driverObject);
+    if (instance == nullptr || instance->driver == nullptr) {
+        return;
+    }
+    const PFN_WDF_DRIVER_UNLOAD unload = instance->driver->config.EvtDriverUnload;
+    const auto handle = static_cast<WDFDRIVER>(instance->driver->handle);
+    if (unload != nullptr) {
+        lock.unlock();
+        framework.Guarded("EvtDriverUnload", reinterpret_cast<const void*>(unload), [&] { unload(handle); });
+        lock.lock();
+    }
+    if (instance->driver != nullptr) {
+        framework.Delete(lock, *instance->driver);
+    }
+}
+
+NTSTATUS NTAPI FrameworkAddDevice(PDRIVER_OBJECT driverObject, PDEVICE_OBJECT)
+{
+    Framework& framework = Framework::Current();
+    DriverInstance* instance = nullptr;
+    {
+        const std::lock_guard lock(framework.mutex);
+        instance = framework.InstanceOf(driverObject);
+    }
+    return instance == nullptr ? STATUS_NO_SUCH_DEVICE : AddDevice(framework, *instance);
+}
+
+namespace functions {
+
+NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverObject, PCUNICODE_STRING registryPath,
+                            PWDF_OBJECT_ATTRIBUTES attributes, PWDF_DRIVER_CONFIG config, WDFDRIVER* handle)
+{
+    const PlatformCall call("WdfDriverCreate", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    if (!Requires(call, driverObject, "DriverObject") || !Requires(call, registryPath, "RegistryPath") ||
+        !Requires(call, config, "DriverConfig")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (config->Size != sizeof(WDF_DRIVER_CONFIG)) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    DriverInstance* instance = framework.InstanceOf(globals);
+    if (instance == nullptr || &instance->driverObject != driverObject) {
+        call.Violation(checks::Rule::kBadParameter, "the globals and the driver object do not belong together");
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (instance->driver != nullptr) {
+        return STATUS_DRIVER_INTERNAL_ERROR;
+    }
+    const NTSTATUS status = framework.CheckAttributes(call, attributes, ObjectType::kDriver,
+                                                      Framework::ParentRule::kForbidden);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    auto object = std::make_unique<DriverObject>(instance);
+    DriverObject& created = *object;
+    created.config = *config;
+    framework.ApplyAttributes(created, attributes);
+    framework.Register(std::move(object), nullptr);
+    instance->driver = &created;
+
+    if (config->DriverPoolTag != 0) {
+        globals->DriverTag = config->DriverPoolTag;
+    }
+    globals->DriverFlags = config->DriverInitFlags;
+    SetName(*globals, kernel::Narrow(*registryPath));
+    if ((config->DriverInitFlags & WdfDriverInitNoDispatchOverride) == 0) {
+        TakeOver(*driverObject);
+        globals->DisplaceDriverUnload = TRUE;
+    }
+    const auto driver = static_cast<WDFDRIVER>(created.handle);
+    if (handle != nullptr) {
+        *handle = driver;
+    }
+    globals->Driver = driver;
+    return STATUS_SUCCESS;
+}
+
+}  // namespace functions
+}  // namespace host::framework

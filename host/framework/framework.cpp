@@ -1,0 +1,35 @@
+#include "host/framework/framework.h"
+
+#include "host/framework/devices.h"
+
+namespace host::framework {
+namespace {
+
+Framework* g_current = nullptr;
+
+}  // namespace
+
+Framework::Framework(Environment& machineEnvironment, kernel::Kernel& machineKernel, schedule::Threads& machineThreads)
+    : environment(machineEnvironment), kernel(machineKernel), threads(machineThreads)
+{
+    g_current = this;
+    RegisterLoaderExports();
+    environment.faults.onHideDriver = [this](bool hide) { HideDriverHandles(hide); };
+    if (environment.options.workItems == WorkItems::kThreads) {
+        StartWorkers();
+    }
+}
+
+Framework::~Framework()
+{
+    StopWorkers();
+    environment.faults.onHideDriver = nullptr;
+    g_current = nullptr;
+}
+
+Framework& Framework::Current()
+{
+    return *g_current;
+}
+
+}  // namespace host::framework

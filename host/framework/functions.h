@@ -1,0 +1,108 @@
+// The framework's functions as the table holds them, and the creation that most of them share.
+#pragma once
+
+#include "host/framework/framework.h"
+
+namespace host::framework::functions {
+
+// Creation of an object whose attributes are optional and whose default parent is the driver object.
+template <class T, class Handle>
+NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, const WDF_OBJECT_ATTRIBUTES* attributes,
+                Handle* handle, const char* argument)
+{
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    if (!Requires(call, handle, argument)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    DriverInstance* instance = framework.InstanceOf(globals);
+    if (instance == nullptr || instance->driver == nullptr) {
+        call.Violation(checks::Rule::kForeignHandle, "the driver globals belong to no driver that has an object");
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status =
+        framework.CheckAttributes(call, attributes, kTypeOf<T>, Framework::ParentRule::kOptional);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    Object* parent = framework.ParentFor(call, attributes, instance->driver, status);
+    if (parent == nullptr) {
+        return status;
+    }
+    auto object = std::make_unique<T>(instance);
+    T& created = *object;
+    framework.ApplyAttributes(created, attributes);
+    framework.Register(std::move(object), parent);
+    *handle = static_cast<Handle>(created.handle);
+    return STATUS_SUCCESS;
+}
+
+// objects.cpp
+NTSTATUS NTAPI ObjectCreate(PWDF_DRIVER_GLOBALS, PWDF_OBJECT_ATTRIBUTES, WDFOBJECT*);
+void NTAPI ObjectDelete(PWDF_DRIVER_GLOBALS, WDFOBJECT);
+void NTAPI ObjectReference(PWDF_DRIVER_GLOBALS, WDFOBJECT, PVOID, LONG, PCHAR);
+void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT, PVOID, LONG, PCHAR);
+PVOID NTAPI ObjectGetTypedContext(PWDF_DRIVER_GLOBALS, WDFOBJECT, PCWDF_OBJECT_CONTEXT_TYPE_INFO);
+NTSTATUS NTAPI ObjectAllocateContext(PWDF_DRIVER_GLOBALS, WDFOBJECT, PWDF_OBJECT_ATTRIBUTES, PVOID*);
+WDFOBJECT NTAPI ObjectContextGetObject(PWDF_DRIVER_GLOBALS, PVOID);
+
+// collections.cpp
+NTSTATUS NTAPI CollectionCreate(PWDF_DRIVER_GLOBALS, PWDF_OBJECT_ATTRIBUTES, WDFCOLLECTION*);
+ULONG NTAPI CollectionGetCount(PWDF_DRIVER_GLOBALS, WDFCOLLECTION);
+NTSTATUS NTAPI CollectionAdd(PWDF_DRIVER_GLOBALS, WDFCOLLECTION, WDFOBJECT);
+void NTAPI CollectionRemove(PWDF_DRIVER_GLOBALS, WDFCOLLECTION, WDFOBJECT);
+void NTAPI CollectionRemoveItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION, ULONG);
+WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION, ULONG);
+WDFOBJECT NTAPI CollectionGetFirstItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION);
+WDFOBJECT NTAPI CollectionGetLastItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION);
+
+// wait_locks.cpp
+NTSTATUS NTAPI WaitLockCreate(PWDF_DRIVER_GLOBALS, PWDF_OBJECT_ATTRIBUTES, WDFWAITLOCK*);
+NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS, WDFWAITLOCK, PLONGLONG);
+void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS, WDFWAITLOCK);
+
+// work_items.cpp
+NTSTATUS NTAPI WorkItemCreate(PWDF_DRIVER_GLOBALS, PWDF_WORKITEM_CONFIG, PWDF_OBJECT_ATTRIBUTES, WDFWORKITEM*);
+void NTAPI WorkItemEnqueue(PWDF_DRIVER_GLOBALS, WDFWORKITEM);
+WDFOBJECT NTAPI WorkItemGetParentObject(PWDF_DRIVER_GLOBALS, WDFWORKITEM);
+void NTAPI WorkItemFlush(PWDF_DRIVER_GLOBALS, WDFWORKITEM);
+
+// driver.cpp
+NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS, PDRIVER_OBJECT, PCUNICODE_STRING, PWDF_OBJECT_ATTRIBUTES,
+                            PWDF_DRIVER_CONFIG, WDFDRIVER*);
+
+// device_init.cpp
+void NTAPI DeviceInitSetIoType(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT, WDF_DEVICE_IO_TYPE);
+NTSTATUS NTAPI DeviceInitAssignName(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT, PCUNICODE_STRING);
+void NTAPI DeviceInitSetPnpPowerEventCallbacks(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT, PWDF_PNPPOWER_EVENT_CALLBACKS);
+void NTAPI DeviceInitSetFileObjectConfig(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT, PWDF_FILEOBJECT_CONFIG,
+                                         PWDF_OBJECT_ATTRIBUTES);
+NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT*, PWDF_OBJECT_ATTRIBUTES, WDFDEVICE*);
+
+// device.cpp, interfaces.cpp
+WDFDRIVER NTAPI DeviceGetDriver(PWDF_DRIVER_GLOBALS, WDFDEVICE);
+void NTAPI DeviceSetStaticStopRemove(PWDF_DRIVER_GLOBALS, WDFDEVICE, BOOLEAN);
+NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE, PCUNICODE_STRING);
+NTSTATUS NTAPI DeviceCreateDeviceInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE, const GUID*, PCUNICODE_STRING);
+void NTAPI DeviceSetDeviceInterfaceState(PWDF_DRIVER_GLOBALS, WDFDEVICE, const GUID*, PCUNICODE_STRING, BOOLEAN);
+NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE, PWDF_QUERY_INTERFACE_CONFIG);
+WDFQUEUE NTAPI DeviceGetDefaultQueue(PWDF_DRIVER_GLOBALS, WDFDEVICE);
+
+// queues.cpp, requests.cpp
+NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS, WDFDEVICE, PWDF_IO_QUEUE_CONFIG, PWDF_OBJECT_ATTRIBUTES, WDFQUEUE*);
+WDFDEVICE NTAPI IoQueueGetDevice(PWDF_DRIVER_GLOBALS, WDFQUEUE);
+void NTAPI RequestComplete(PWDF_DRIVER_GLOBALS, WDFREQUEST, NTSTATUS);
+void NTAPI RequestCompleteWithInformation(PWDF_DRIVER_GLOBALS, WDFREQUEST, NTSTATUS, ULONG_PTR);
+WDFFILEOBJECT NTAPI RequestGetFileObject(PWDF_DRIVER_GLOBALS, WDFREQUEST);
+WDFQUEUE NTAPI RequestGetIoQueue(PWDF_DRIVER_GLOBALS, WDFREQUEST);
+
+// keys.cpp
+NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS, WDFDRIVER, ACCESS_MASK, PWDF_OBJECT_ATTRIBUTES,
+                                               WDFKEY*);
+NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY, PCUNICODE_STRING, PULONG);
+void NTAPI RegistryClose(PWDF_DRIVER_GLOBALS, WDFKEY);
+
+}  // namespace host::framework::functions

@@ -1,0 +1,142 @@
+// Device interface classes, and the query interfaces by which peer drivers get function tables.
+#include "host/framework/devices.h"
+#include "host/framework/functions.h"
+
+#include <cstring>
+
+namespace host::framework {
+
+bool SameGuid(const GUID& first, const GUID& second)
+{
+    return std::memcmp(&first, &second, sizeof(GUID)) == 0;
+}
+
+// IRP_MN_QUERY_INTERFACE. The caller's buffer is as large as the size it asks for.
+NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& type, std::span<std::byte> buffer,
+                        std::uint16_t version)
+{
+    const QueryInterfaceEntry* taken = nullptr;
+    INTERFACE header{};
+    {
+        const std::lock_guard lock(framework.mutex);
+        for (const QueryInterfaceEntry& entry : device.queryInterfaces) {
+            std::memcpy(&header, entry.table.data(), sizeof(header));
+            if (SameGuid(entry.type, type) && header.Size <= buffer.size() && header.Version <= version) {
+                taken = &entry;
+                break;
+            }
+        }
+        if (taken == nullptr) {
+            return STATUS_NOT_SUPPORTED;
+        }
+        std::memcpy(buffer.data(), taken->table.data(), taken->table.size());
+    }
+    if (taken->process != nullptr) {
+        GUID typeCopy = type;
+        const NTSTATUS status = framework.Guarded(
+            "EvtDeviceProcessQueryInterfaceRequest", reinterpret_cast<const void*>(taken->process), [&] {
+                return taken->process(static_cast<WDFDEVICE>(device.handle), &typeCopy,
+                                      reinterpret_cast<PINTERFACE>(buffer.data()), nullptr);
+            });
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+    }
+    header.InterfaceReference(header.Context);
+    return STATUS_SUCCESS;
+}
+
+namespace functions {
+namespace {
+
+void NTAPI NoReference(PVOID)
+{
+}
+
+std::string TextOf(PCUNICODE_STRING text)
+{
+    return text == nullptr ? std::string() : kernel::Narrow(*text);
+}
+
+}  // namespace
+
+NTSTATUS NTAPI DeviceCreateDeviceInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, const GUID* interfaceClass,
+                                           PCUNICODE_STRING referenceString)
+{
+    const PlatformCall call("WdfDeviceCreateDeviceInterface", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    if (device == nullptr || !Requires(call, interfaceClass, "InterfaceClassGUID")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    device->interfaces.push_back({*interfaceClass, TextOf(referenceString), device->stage == DeviceStage::kStarted});
+    return STATUS_SUCCESS;
+}
+
+void NTAPI DeviceSetDeviceInterfaceState(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, const GUID* interfaceClass,
+                                         PCUNICODE_STRING referenceString, BOOLEAN enable)
+{
+    const PlatformCall call("WdfDeviceSetDeviceInterfaceState", HOST_CALLER, PASSIVE_LEVEL);
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    if (device == nullptr || !Requires(call, interfaceClass, "InterfaceClassGUID")) {
+        return;
+    }
+    for (DeviceInterface& interface : device->interfaces) {
+        if (SameGuid(interface.interfaceClass, *interfaceClass) &&
+            interface.referenceString == TextOf(referenceString)) {
+            interface.enabled = enable != FALSE;
+            device->driver->interfaceChanges.push_back({*interfaceClass, enable != FALSE});
+            return;
+        }
+    }
+}
+
+NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PWDF_QUERY_INTERFACE_CONFIG config)
+{
+    const PlatformCall call("WdfDeviceAddQueryInterface", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    if (device == nullptr || !Requires(call, config, "InterfaceConfig")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (config->Size != sizeof(WDF_QUERY_INTERFACE_CONFIG)) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    const bool passesOn = config->SendQueryToParentStack != FALSE;
+    const bool imports = config->ImportInterface != FALSE;
+    if (passesOn || (config->Interface == nullptr && !imports) ||
+        (imports && config->EvtDeviceProcessQueryInterfaceRequest == nullptr) || config->InterfaceType == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    QueryInterfaceEntry entry{.type = *config->InterfaceType,
+                              .table = {},
+                              .process = config->EvtDeviceProcessQueryInterfaceRequest};
+    if (config->Interface != nullptr) {
+        INTERFACE header = *config->Interface;
+        if (header.Size < sizeof(INTERFACE)) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        const auto* bytes = reinterpret_cast<const std::byte*>(config->Interface);
+        entry.table.assign(bytes, bytes + header.Size);
+        if (header.InterfaceReference == nullptr || header.InterfaceDereference == nullptr) {
+            header.InterfaceReference = NoReference;
+            header.InterfaceDereference = NoReference;
+            std::memcpy(entry.table.data(), &header, sizeof(header));
+        }
+    }
+    device->queryInterfaces.push_back(std::move(entry));
+    return STATUS_SUCCESS;
+}
+
+}  // namespace functions
+}  // namespace host::framework

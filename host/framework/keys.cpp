@@ -1,0 +1,87 @@
+// Registry keys: the Parameters key of a driver's service, and the numbers in it.
+#include "host/framework/functions.h"
+
+#include <cstring>
+
+namespace host::framework::functions {
+
+using checks::Rule;
+
+NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFDRIVER driver, ACCESS_MASK access,
+                                               PWDF_OBJECT_ATTRIBUTES attributes, WDFKEY* handle)
+{
+    // The rights that make the framework create a key that is missing.
+    constexpr ACCESS_MASK kSetValue = 0x2;
+    constexpr ACCESS_MASK kCreateSubKey = 0x4;
+    constexpr ACCESS_MASK kMaximumAllowed = 0x02000000;
+    constexpr ACCESS_MASK kGenericAll = 0x10000000;
+    constexpr ACCESS_MASK kGenericWrite = 0x40000000;
+    constexpr ACCESS_MASK kWriting = kSetValue | kCreateSubKey | kMaximumAllowed | kGenericAll | kGenericWrite;
+
+    const PlatformCall call("WdfDriverOpenParametersRegistryKey", HOST_CALLER, PASSIVE_LEVEL);
+    Framework& framework = Framework::Current();
+    kernel::Registry& registry = framework.kernel.registry();
+    std::string service;
+    {
+        const std::lock_guard lock(framework.mutex);
+        const auto* object = framework.Resolve<DriverObject>(call, driver, "Driver");
+        if (object == nullptr) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        service = object->driver->service;
+    }
+    if (!call.fault() && !registry.HasParameters(service)) {
+        if ((access & kWriting) == 0) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        registry.CreateParameters(service);
+    }
+    const NTSTATUS status = Create<KeyObject>(call, globals, attributes, handle, "Key");
+    if (NT_SUCCESS(status) && !call.fault()) {
+        const std::lock_guard lock(framework.mutex);
+        if (auto* key = framework.Resolve<KeyObject>(call, *handle, "Key")) {
+            key->service = service;
+        }
+    }
+    return status;
+}
+
+NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, PULONG value)
+{
+    const std::string text = name != nullptr && name->Buffer != nullptr ? kernel::Narrow(*name) : std::string();
+    const PlatformCall call("WdfRegistryQueryULong", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Framework& framework = Framework::Current();
+    std::string service;
+    {
+        const std::lock_guard lock(framework.mutex);
+        const auto* key = framework.Resolve<KeyObject>(call, handle, "Key");
+        if (key == nullptr || !Requires(call, name, "ValueName") || !Requires(call, value, "Value")) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        service = key->service;
+    }
+    const std::optional<kernel::RegistryValue> found = framework.kernel.registry().Query(service, text);
+    if (!found) {
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    if (found->type != kernel::kTypeDword || found->data.size() != sizeof(ULONG)) {
+        return STATUS_OBJECT_TYPE_MISMATCH;
+    }
+    std::memcpy(value, found->data.data(), sizeof(ULONG));
+    return STATUS_SUCCESS;
+}
+
+void NTAPI RegistryClose(PWDF_DRIVER_GLOBALS, WDFKEY handle)
+{
+    const PlatformCall call("WdfRegistryClose", HOST_CALLER, PASSIVE_LEVEL);
+    Framework& framework = Framework::Current();
+    std::unique_lock lock(framework.mutex);
+    if (auto* key = framework.Resolve<KeyObject>(call, handle, "Key")) {
+        framework.Delete(lock, *key);
+    }
+}
+
+}  // namespace host::framework::functions

@@ -1,0 +1,118 @@
+// Framework objects: tree, references, typed contexts, and the handles that name them.
+//
+// One mutex (Framework::mutex) guards all of it. It is never held while driver code runs.
+#pragma once
+
+#include "host/framework/inspect.h"
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace host::framework {
+
+struct DriverInstance;
+struct DeviceState;
+struct QueueState;
+
+struct Context {
+    PCWDF_OBJECT_CONTEXT_TYPE_INFO type;  // look-up goes by this address
+    void* memory;
+    std::size_t sizeBytes;
+    PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup;
+    PFN_WDF_OBJECT_CONTEXT_DESTROY destroy;
+};
+
+struct Object {
+    Object(ObjectType objectType, DriverInstance* owner) : type(objectType), driver(owner) {}
+    virtual ~Object() = default;
+    Object(const Object&) = delete;
+    Object& operator=(const Object&) = delete;
+
+    const ObjectType type;
+    DriverInstance* const driver;
+    WDFOBJECT handle = nullptr;
+    long references = 1;    // the creation reference, the driver's own and those of collections
+    long driverReferences = 0;  // the driver's own: what it may give back
+    bool deleted = false;   // delete or the parent's end has begun
+    bool finished = false;  // the creation reference is given up
+    bool noDelete = false;  // not for the driver to delete
+    unsigned serial = 0;    // among the objects of its type, for reports
+
+    // Children in creation order, as a list through the siblings: clients have many short-lived ones.
+    Object* parent = nullptr;
+    Object* firstChild = nullptr;
+    Object* lastChild = nullptr;
+    Object* previousSibling = nullptr;
+    Object* nextSibling = nullptr;
+
+    // All objects alive, in creation order.
+    Object* previousAlive = nullptr;
+    Object* nextAlive = nullptr;
+
+    std::vector<Context> contexts;
+    std::string name;  // for reports; may be empty
+
+    // From the creation attributes when these name no context type; a context carries its own.
+    PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup = nullptr;
+    PFN_WDF_OBJECT_CONTEXT_DESTROY destroy = nullptr;
+
+    // Taken from the parent when the object gets its place, unless its attributes say otherwise.
+    WDF_EXECUTION_LEVEL executionLevel = WdfExecutionLevelInheritFromParent;
+    WDF_SYNCHRONIZATION_SCOPE synchronizationScope = WdfSynchronizationScopeInheritFromParent;
+};
+
+struct GeneralObject final : Object {
+    explicit GeneralObject(DriverInstance* owner) : Object(ObjectType::kGeneral, owner) {}
+};
+
+struct DriverObject final : Object {
+    explicit DriverObject(DriverInstance* owner) : Object(ObjectType::kDriver, owner) { noDelete = true; }
+    WDF_DRIVER_CONFIG config{};
+};
+
+struct CollectionObject final : Object {
+    explicit CollectionObject(DriverInstance* owner) : Object(ObjectType::kCollection, owner) {}
+    std::deque<Object*> items;  // one reference each
+};
+
+struct WaitLockObject final : Object {
+    explicit WaitLockObject(DriverInstance* owner) : Object(ObjectType::kWaitLock, owner) {}
+    bool held = false;
+    bool abandoned = false;       // its holder's callback is over: nobody will give it back
+    std::uint64_t holderId = 0;   // ThreadState::id
+    std::uint64_t robbedId = 0;   // whose hold a stranger's release ended
+    std::string holderName;
+};
+
+struct WorkItemObject final : Object {
+    explicit WorkItemObject(DriverInstance* owner) : Object(ObjectType::kWorkItem, owner) {}
+    PFN_WDF_WORKITEM routine = nullptr;
+    bool queued = false;
+    bool gone = false;                         // disposal has begun: enqueue is dropped
+    unsigned starting = 0;                     // taken off the queue, not on their thread yet
+    std::vector<std::uint64_t> runningOn;      // thread ids
+};
+
+struct KeyObject final : Object {
+    explicit KeyObject(DriverInstance* owner) : Object(ObjectType::kKey, owner) {}
+    std::string service;
+};
+
+// Which C++ type stands behind a handle type.
+template <class T>
+inline constexpr ObjectType kTypeOf = ObjectType::kGeneral;
+template <>
+inline constexpr ObjectType kTypeOf<DriverObject> = ObjectType::kDriver;
+template <>
+inline constexpr ObjectType kTypeOf<CollectionObject> = ObjectType::kCollection;
+template <>
+inline constexpr ObjectType kTypeOf<WaitLockObject> = ObjectType::kWaitLock;
+template <>
+inline constexpr ObjectType kTypeOf<WorkItemObject> = ObjectType::kWorkItem;
+template <>
+inline constexpr ObjectType kTypeOf<KeyObject> = ObjectType::kKey;
+
+}  // namespace host::framework

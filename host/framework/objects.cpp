@@ -1,0 +1,229 @@
+// The end of objects, in the framework's order, and the object calls of the table.
+//
+// Deleting an object disposes its children, each one's subtree first, runs its own clean-up, and then lets children and
+// object give up their creation references. References postpone only the last step for the object they are on.
+#include "host/framework/functions.h"
+
+namespace host::framework {
+
+using checks::Rule;
+
+void Framework::Unlink(Object& object)
+{
+    if (object.parent == nullptr) {
+        return;
+    }
+    Object& parent = *object.parent;
+    (object.previousSibling != nullptr ? object.previousSibling->nextSibling : parent.firstChild) = object.nextSibling;
+    (object.nextSibling != nullptr ? object.nextSibling->previousSibling : parent.lastChild) = object.previousSibling;
+    object.parent = nullptr;
+    object.previousSibling = nullptr;
+    object.nextSibling = nullptr;
+}
+
+void Framework::Dereference(std::unique_lock<std::mutex>& lock, Object& object)
+{
+    if (--object.references > 0) {
+        return;
+    }
+    Destroy(lock, object);
+}
+
+void Framework::Dispose(std::unique_lock<std::mutex>& lock, Object& object)
+{
+    object.deleted = true;
+    if (object.type == ObjectType::kWorkItem) {
+        DisposeWorkItem(lock, static_cast<WorkItemObject&>(object));
+    } else if (object.type == ObjectType::kQueue) {
+        DisposeQueue(lock, object);
+    }
+    for (Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
+        if (!child->deleted) {
+            Dispose(lock, *child);
+        }
+    }
+    for (const Context& context : std::vector<Context>(object.contexts)) {
+        if (context.cleanup != nullptr) {
+            RunCleanup(lock, object, context.cleanup);
+        }
+    }
+    if (object.cleanup != nullptr) {
+        RunCleanup(lock, object, object.cleanup);
+    }
+}
+
+void Framework::RunCleanup(std::unique_lock<std::mutex>& lock, Object& object, PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup)
+{
+    lock.unlock();
+    Guarded("EvtCleanupCallback", reinterpret_cast<const void*>(cleanup), [&] { cleanup(object.handle); });
+    lock.lock();
+}
+
+void Framework::Finish(std::unique_lock<std::mutex>& lock, Object& object)
+{
+    object.finished = true;
+    while (object.firstChild != nullptr) {
+        Object& child = *object.firstChild;
+        Unlink(child);
+        if (!child.finished) {
+            Finish(lock, child);
+        }
+    }
+    Dereference(lock, object);
+}
+
+void Framework::Delete(std::unique_lock<std::mutex>& lock, Object& object)
+{
+    if (object.deleted) {
+        ++secondDeletes_;
+        return;
+    }
+    // While it is disposed nobody may take its memory away.
+    Reference(object);
+    Unlink(object);
+    Dispose(lock, object);
+    Finish(lock, object);
+    Dereference(lock, object);
+}
+
+namespace functions {
+
+NTSTATUS NTAPI ObjectCreate(PWDF_DRIVER_GLOBALS globals, PWDF_OBJECT_ATTRIBUTES attributes, WDFOBJECT* object)
+{
+    const char* typeName =
+        attributes != nullptr && attributes->ContextTypeInfo != nullptr ? attributes->ContextTypeInfo->ContextName : "";
+    const PlatformCall call("WdfObjectCreate", HOST_CALLER, DISPATCH_LEVEL, typeName);
+    return Create<GeneralObject>(call, globals, attributes, object, "Object");
+}
+
+void NTAPI ObjectDelete(PWDF_DRIVER_GLOBALS, WDFOBJECT handle)
+{
+    const PlatformCall call("WdfObjectDelete", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    std::unique_lock lock(framework.mutex);
+    Object* object = framework.ResolveAny(call, handle, "Object");
+    if (object == nullptr) {
+        return;
+    }
+    if (object->noDelete) {
+        call.Violation(Rule::kDeleteNotAllowed, Framework::Describe(*object) + " is not for the driver to delete");
+        return;
+    }
+    framework.Delete(lock, *object);
+}
+
+void NTAPI ObjectReference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, PCHAR)
+{
+    const PlatformCall call("WdfObjectReferenceActual", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    if (Object* object = framework.ResolveAny(call, handle, "Handle")) {
+        framework.Reference(*object);
+    }
+}
+
+void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, PCHAR)
+{
+    const PlatformCall call("WdfObjectDereferenceActual", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    std::unique_lock lock(framework.mutex);
+    Object* object = framework.ResolveAny(call, handle, "Handle");
+    if (object == nullptr) {
+        return;
+    }
+    if (object->references == 1 && !object->finished) {
+        // The real system stops here, or frees an object that its owner frees again. The host keeps it and says so.
+        call.Violation(Rule::kReferenceUnderflow,
+                       Framework::Describe(*object) + " loses its last reference without having been deleted");
+        return;
+    }
+    framework.Dereference(lock, *object);
+}
+
+PVOID NTAPI ObjectGetTypedContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO type)
+{
+    const PlatformCall call("WdfObjectGetTypedContextWorker", HOST_CALLER, 31,
+                            type != nullptr ? type->ContextName : "");
+    if (call.fault() || !Requires(call, type, "TypeInfo")) {
+        return nullptr;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const Object* object = framework.ResolveAny(call, handle, "Handle");
+    if (object == nullptr) {
+        return nullptr;
+    }
+    for (const Context& context : object->contexts) {
+        if (context.type == type->UniqueType) {
+            return context.memory;
+        }
+    }
+    return nullptr;
+}
+
+NTSTATUS NTAPI ObjectAllocateContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PWDF_OBJECT_ATTRIBUTES attributes,
+                                     PVOID* memory)
+{
+    const PlatformCall call("WdfObjectAllocateContext", HOST_CALLER, DISPATCH_LEVEL);
+    if (call.fault()) {
+        if (call.fault()->form == checks::FaultForm::kStatus) {
+            return call.fault()->status;
+        }
+        if (memory != nullptr) {
+            *memory = nullptr;
+        }
+        return STATUS_SUCCESS;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    Object* object = framework.ResolveAny(call, handle, "Handle");
+    if (object == nullptr || !Requires(call, attributes, "ContextAttributes")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const NTSTATUS status =
+        framework.CheckAttributes(call, attributes, object->type, Framework::ParentRule::kForbidden);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (attributes->ContextTypeInfo == nullptr) {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    if (object->deleted) {
+        return STATUS_DELETE_PENDING;
+    }
+    for (const Context& context : object->contexts) {
+        if (context.type == attributes->ContextTypeInfo->UniqueType) {
+            if (memory != nullptr) {
+                *memory = context.memory;
+            }
+            return STATUS_OBJECT_NAME_EXISTS;
+        }
+    }
+    const Context& context = framework.AddContext(*object, *attributes);
+    if (memory != nullptr) {
+        *memory = context.memory;
+    }
+    return STATUS_SUCCESS;
+}
+
+WDFOBJECT NTAPI ObjectContextGetObject(PWDF_DRIVER_GLOBALS, PVOID memory)
+{
+    const PlatformCall call("WdfObjectContextGetObject", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    WDFOBJECT found = nullptr;
+    framework.ForEachObject([&](const Object& object) {
+        for (const Context& context : object.contexts) {
+            if (context.memory == memory) {
+                found = object.handle;
+            }
+        }
+    });
+    if (found == nullptr) {
+        call.Violation(Rule::kForeignHandle, "the address is no object's context");
+    }
+    return found;
+}
+
+}  // namespace functions
+}  // namespace host::framework

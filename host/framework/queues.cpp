@@ -1,0 +1,106 @@
+// I/O queues: creation, and the end that waits for the request which the driver still has.
+#include "host/framework/devices.h"
+#include "host/framework/functions.h"
+#include "host/schedule/parking.h"
+
+namespace host::framework {
+
+void Framework::DisposeQueue(std::unique_lock<std::mutex>& lock, Object& object)
+{
+    auto& queue = static_cast<QueueObject&>(object);
+    queue.gone = true;
+    for (RequestObject* request : queue.waiting) {
+        request->completed = true;
+        request->status = STATUS_CANCELLED;
+    }
+    queue.waiting.clear();
+    queue.completed.notify_all();
+    if (queue.presented != nullptr) {
+        Framework& framework = Framework::Current();
+        const std::string reason = "waits for " + Describe(*queue.presented) + ", which the driver never completed";
+        lock.unlock();
+        framework.environment.Report(checks::Rule::kRequestNotCompleted, "queue end", reason, nullptr);
+        schedule::ParkThisThread(reason);
+    }
+}
+
+namespace functions {
+
+NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle, PWDF_IO_QUEUE_CONFIG config,
+                             PWDF_OBJECT_ATTRIBUTES attributes, WDFQUEUE* handle)
+{
+    const PlatformCall call("WdfIoQueueCreate", HOST_CALLER, DISPATCH_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    auto* device = framework.Resolve<DeviceObject>(call, deviceHandle, "Device");
+    if (device == nullptr || !Requires(call, config, "Config")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (config->Size != sizeof(WDF_IO_QUEUE_CONFIG)) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    if (config->DispatchType != WdfIoQueueDispatchManual && config->EvtIoDefault == nullptr &&
+        config->EvtIoRead == nullptr && config->EvtIoWrite == nullptr && config->EvtIoDeviceControl == nullptr &&
+        config->EvtIoInternalDeviceControl == nullptr) {
+        return STATUS_WDF_NO_CALLBACK;
+    }
+    const bool isDefault = config->DefaultQueue != FALSE;
+    if (handle == nullptr && !isDefault) {
+        return STATUS_INVALID_PARAMETER_4;
+    }
+    if (isDefault && device->stage != DeviceStage::kAdded) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    if (isDefault && device->defaultQueue != nullptr) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    NTSTATUS status =
+        framework.CheckAttributes(call, attributes, ObjectType::kQueue, Framework::ParentRule::kOptional);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    Object* parent = framework.ParentFor(call, attributes, device, status);
+    if (parent == nullptr) {
+        return status;
+    }
+    const Object* above = parent;
+    while (above != nullptr && above != device) {
+        above = above->parent;
+    }
+    if (above == nullptr) {
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
+
+    auto object = std::make_unique<QueueObject>(framework.InstanceOf(globals));
+    QueueObject& queue = *object;
+    queue.device = device;
+    queue.config = *config;
+    queue.noDelete = isDefault;
+    framework.ApplyAttributes(queue, attributes);
+    framework.Register(std::move(object), parent);
+    if (isDefault) {
+        device->defaultQueue = &queue;
+    }
+    if (handle != nullptr) {
+        *handle = static_cast<WDFQUEUE>(queue.handle);
+    }
+    return STATUS_SUCCESS;
+}
+
+WDFDEVICE NTAPI IoQueueGetDevice(PWDF_DRIVER_GLOBALS, WDFQUEUE handle)
+{
+    const PlatformCall call("WdfIoQueueGetDevice", HOST_CALLER, DISPATCH_LEVEL);
+    if (call.fault()) {
+        return nullptr;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const auto* queue = framework.Resolve<QueueObject>(call, handle, "Queue");
+    return queue == nullptr ? nullptr : static_cast<WDFDEVICE>(queue->device->handle);
+}
+
+}  // namespace functions
+}  // namespace host::framework

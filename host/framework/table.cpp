@@ -1,0 +1,200 @@
+// The function table that drivers call through. Entries that this host does not have are stubs that name themselves.
+#include "host/framework/functions.h"
+#include "host/schedule/parking.h"
+
+#include <sys/mman.h>
+
+#include <array>
+#include <cstring>
+#include <utility>
+
+namespace host::framework {
+namespace {
+
+struct EntryName {
+    unsigned index;
+    const char* name;
+};
+
+// Entries that drivers of this kind are likely to reach for; others are named by their index.
+constexpr EntryName kAbsent[] = {
+    {29, "WdfDeviceSetDeviceState"},
+    {30, "WdfWdmDeviceGetWdfDeviceHandle"},
+    {31, "WdfDeviceWdmGetDeviceObject"},
+    {32, "WdfDeviceWdmGetAttachedDevice"},
+    {33, "WdfDeviceWdmGetPhysicalDevice"},
+    {42, "WdfDeviceGetIoTarget"},
+    {43, "WdfDeviceGetDevicePnpState"},
+    {48, "WdfDeviceOpenRegistryKey"},
+    {54, "WdfDeviceInitFree"},
+    {56, "WdfDeviceInitSetPowerPolicyEventCallbacks"},
+    {57, "WdfDeviceInitSetPowerPolicyOwnership"},
+    {62, "WdfDeviceInitSetExclusive"},
+    {63, "WdfDeviceInitSetPowerNotPageable"},
+    {64, "WdfDeviceInitSetPowerPageable"},
+    {65, "WdfDeviceInitSetPowerInrush"},
+    {66, "WdfDeviceInitSetDeviceType"},
+    {68, "WdfDeviceInitAssignSDDLString"},
+    {69, "WdfDeviceInitSetDeviceClass"},
+    {70, "WdfDeviceInitSetCharacteristics"},
+    {72, "WdfDeviceInitSetRequestAttributes"},
+    {74, "WdfDeviceInitSetIoInCallerContextCallback"},
+    {79, "WdfDeviceRetrieveDeviceInterfaceString"},
+    {83, "WdfDeviceSetPnpCapabilities"},
+    {84, "WdfDeviceSetPowerCapabilities"},
+    {87, "WdfDeviceSetFailed"},
+    {117, "WdfDriverGetRegistryPath"},
+    {118, "WdfDriverWdmGetDriverObject"},
+    {120, "WdfWdmDriverGetWdfDriverHandle"},
+    {122, "WdfDriverRetrieveVersionString"},
+    {123, "WdfDriverIsVersionAvailable"},
+    {131, "WdfFdoQueryForInterface"},
+    {137, "WdfFileObjectGetFileName"},
+    {138, "WdfFileObjectGetFlags"},
+    {139, "WdfFileObjectGetDevice"},
+    {140, "WdfFileObjectWdmGetFileObject"},
+    {153, "WdfIoQueueGetState"},
+    {154, "WdfIoQueueStart"},
+    {155, "WdfIoQueueStop"},
+    {163, "WdfIoQueueDrain"},
+    {165, "WdfIoQueuePurge"},
+    {167, "WdfIoTargetCreate"},
+    {168, "WdfIoTargetOpen"},
+    {169, "WdfIoTargetCloseForQueryRemove"},
+    {170, "WdfIoTargetClose"},
+    {177, "WdfIoTargetQueryForInterface"},
+    {209, "WdfObjectQuery"},
+    {229, "WdfRegistryOpenKey"},
+    {230, "WdfRegistryCreateKey"},
+    {232, "WdfRegistryWdmGetHandle"},
+    {235, "WdfRegistryQueryValue"},
+    {246, "WdfRegistryAssignULong"},
+    {264, "WdfRequestCompleteWithPriorityBoost"},
+    {266, "WdfRequestGetParameters"},
+    {269, "WdfRequestRetrieveInputBuffer"},
+    {270, "WdfRequestRetrieveOutputBuffer"},
+    {275, "WdfRequestSetInformation"},
+    {276, "WdfRequestGetInformation"},
+    {280, "WdfRequestGetRequestorMode"},
+    {285, "WdfRequestWdmGetIrp"},
+    {310, "WdfObjectAcquireLock"},
+    {311, "WdfObjectReleaseLock"},
+    {315, "WdfSpinLockCreate"},
+    {316, "WdfSpinLockAcquire"},
+    {317, "WdfSpinLockRelease"},
+    {367, "WdfVerifierDbgBreakPoint"},
+    {368, "WdfVerifierKeBugCheck"},
+    {432, "WdfDeviceInitSetIoTypeEx"},
+};
+
+[[noreturn]] void ReportAbsent(unsigned index, const void* caller)
+{
+    std::string name = "framework function " + std::to_string(index);
+    for (const EntryName& entry : kAbsent) {
+        if (entry.index == index) {
+            name = std::string(entry.name) + " (entry " + std::to_string(index) + ")";
+        }
+    }
+    Environment::Current().Report(checks::Rule::kNotProvided, name, "this host does not have it", caller);
+    schedule::ParkThisThread("called " + name + ", which this host does not have");
+}
+
+template <unsigned kIndex>
+void NTAPI Absent()
+{
+    ReportAbsent(kIndex, HOST_CALLER);
+}
+
+using Table = std::array<WDFFUNC, kFunctionCount>;
+
+template <unsigned... kIndices>
+Table AllAbsent(std::integer_sequence<unsigned, kIndices...>)
+{
+    return {&Absent<kIndices>...};
+}
+
+// The prototype that drivers call by is checked against the function.
+template <class Prototype>
+void Set(Table& table, unsigned index, Prototype function)
+{
+    table[index] = reinterpret_cast<WDFFUNC>(function);
+}
+#define PROVIDE(name, function) Set<PFN_##name>(table, name##TableIndex, &functions::function)
+
+void ProvideObjects(Table& table)
+{
+    PROVIDE(WdfCollectionCreate, CollectionCreate);
+    PROVIDE(WdfCollectionGetCount, CollectionGetCount);
+    PROVIDE(WdfCollectionAdd, CollectionAdd);
+    PROVIDE(WdfCollectionRemove, CollectionRemove);
+    PROVIDE(WdfCollectionRemoveItem, CollectionRemoveItem);
+    PROVIDE(WdfCollectionGetItem, CollectionGetItem);
+    PROVIDE(WdfCollectionGetFirstItem, CollectionGetFirstItem);
+    PROVIDE(WdfCollectionGetLastItem, CollectionGetLastItem);
+    PROVIDE(WdfObjectGetTypedContextWorker, ObjectGetTypedContext);
+    PROVIDE(WdfObjectAllocateContext, ObjectAllocateContext);
+    PROVIDE(WdfObjectContextGetObject, ObjectContextGetObject);
+    PROVIDE(WdfObjectReferenceActual, ObjectReference);
+    PROVIDE(WdfObjectDereferenceActual, ObjectDereference);
+    PROVIDE(WdfObjectCreate, ObjectCreate);
+    PROVIDE(WdfObjectDelete, ObjectDelete);
+    PROVIDE(WdfWaitLockCreate, WaitLockCreate);
+    PROVIDE(WdfWaitLockAcquire, WaitLockAcquire);
+    PROVIDE(WdfWaitLockRelease, WaitLockRelease);
+    PROVIDE(WdfWorkItemCreate, WorkItemCreate);
+    PROVIDE(WdfWorkItemEnqueue, WorkItemEnqueue);
+    PROVIDE(WdfWorkItemGetParentObject, WorkItemGetParentObject);
+    PROVIDE(WdfWorkItemFlush, WorkItemFlush);
+}
+
+void ProvideDevices(Table& table)
+{
+    PROVIDE(WdfDriverCreate, DriverCreate);
+    PROVIDE(WdfDriverOpenParametersRegistryKey, DriverOpenParametersRegistryKey);
+    PROVIDE(WdfRegistryQueryULong, RegistryQueryULong);
+    PROVIDE(WdfRegistryClose, RegistryClose);
+    PROVIDE(WdfDeviceInitSetIoType, DeviceInitSetIoType);
+    PROVIDE(WdfDeviceInitAssignName, DeviceInitAssignName);
+    PROVIDE(WdfDeviceInitSetPnpPowerEventCallbacks, DeviceInitSetPnpPowerEventCallbacks);
+    PROVIDE(WdfDeviceInitSetFileObjectConfig, DeviceInitSetFileObjectConfig);
+    PROVIDE(WdfDeviceCreate, DeviceCreate);
+    PROVIDE(WdfDeviceGetDriver, DeviceGetDriver);
+    PROVIDE(WdfDeviceSetStaticStopRemove, DeviceSetStaticStopRemove);
+    PROVIDE(WdfDeviceCreateSymbolicLink, DeviceCreateSymbolicLink);
+    PROVIDE(WdfDeviceCreateDeviceInterface, DeviceCreateDeviceInterface);
+    PROVIDE(WdfDeviceSetDeviceInterfaceState, DeviceSetDeviceInterfaceState);
+    PROVIDE(WdfDeviceAddQueryInterface, DeviceAddQueryInterface);
+    PROVIDE(WdfDeviceGetDefaultQueue, DeviceGetDefaultQueue);
+    PROVIDE(WdfIoQueueCreate, IoQueueCreate);
+    PROVIDE(WdfIoQueueGetDevice, IoQueueGetDevice);
+    PROVIDE(WdfRequestComplete, RequestComplete);
+    PROVIDE(WdfRequestCompleteWithInformation, RequestCompleteWithInformation);
+    PROVIDE(WdfRequestGetFileObject, RequestGetFileObject);
+    PROVIDE(WdfRequestGetIoQueue, RequestGetIoQueue);
+}
+#undef PROVIDE
+
+// Drivers may read the table and never write it.
+const WDFFUNC* MakeTable()
+{
+    Table table = AllAbsent(std::make_integer_sequence<unsigned, kFunctionCount>());
+    ProvideObjects(table);
+    ProvideDevices(table);
+    void* memory = mmap(nullptr, sizeof(table), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        throw HostError("no memory for the framework's function table");
+    }
+    std::memcpy(memory, table.data(), sizeof(table));
+    mprotect(memory, sizeof(table), PROT_READ);
+    return static_cast<const WDFFUNC*>(memory);
+}
+
+}  // namespace
+
+const WDFFUNC* FunctionTable()
+{
+    static const WDFFUNC* const table = MakeTable();
+    return table;
+}
+
+}  // namespace host::framework

@@ -1,0 +1,350 @@
+#include "host/machine.h"
+
+#include "host/checks/crash.h"
+#include "host/framework/devices.h"
+#include "host/framework/driver_life.h"
+
+#include <cstdio>
+
+namespace host {
+
+using framework::DeviceObject;
+using framework::DriverInstance;
+using framework::Framework;
+
+namespace {
+
+DeviceObject& NewestDevice(const DriverInstance& instance)
+{
+    if (instance.devices.empty()) {
+        throw HostError(instance.service + ": it has no device");
+    }
+    return *instance.devices.back();
+}
+
+}  // namespace
+
+Driver::Driver(Machine& machine, framework::DriverInstance& instance) : machine_(machine), instance_(instance)
+{
+}
+
+Driver::~Driver() = default;
+
+NTSTATUS Driver::EntryStatus() const
+{
+    return instance_.entryStatus;
+}
+
+NTSTATUS Driver::AddDevice()
+{
+    if (!instance_.loaded || instance_.extension.AddDevice == nullptr) {
+        throw HostError(instance_.service + ": it is not loaded, or has no add-device routine");
+    }
+    return instance_.extension.AddDevice(&instance_.driverObject, nullptr);
+}
+
+NTSTATUS Driver::StartDevice()
+{
+    return framework::StartDevice(Framework::Current(), NewestDevice(instance_));
+}
+
+NTSTATUS Driver::QueryStopDevice()
+{
+    return NewestDevice(instance_).stopRemoveRefusals > 0 ? STATUS_INVALID_DEVICE_STATE : STATUS_SUCCESS;
+}
+
+NTSTATUS Driver::QueryRemoveDevice()
+{
+    return QueryStopDevice();
+}
+
+NTSTATUS Driver::Sleep()
+{
+    return framework::SleepDevice(Framework::Current(), NewestDevice(instance_));
+}
+
+NTSTATUS Driver::Wake()
+{
+    return framework::WakeDevice(Framework::Current(), NewestDevice(instance_));
+}
+
+void Driver::SurpriseRemoveDevice()
+{
+    framework::SurpriseRemoveDevice(Framework::Current(), NewestDevice(instance_));
+}
+
+Outcome Driver::RemoveDevice()
+{
+    Framework& framework = Framework::Current();
+    DeviceObject& device = NewestDevice(instance_);
+    if (device.openFiles != 0) {
+        throw HostError(instance_.service + ": handles are open, so the system does not remove the device yet");
+    }
+    return framework.RunOnThread("device removal", "device removal", nullptr,
+                                 [&] { framework::RemoveDevice(framework, device); });
+}
+
+bool Driver::HasDevice() const
+{
+    return !instance_.devices.empty();
+}
+
+WDFDEVICE Driver::Device() const
+{
+    return static_cast<WDFDEVICE>(NewestDevice(instance_).handle);
+}
+
+void Driver::Unload()
+{
+    framework::UnloadDriver(Framework::Current(), machine_.tracing(), instance_);
+}
+
+bool Driver::IsLoaded() const
+{
+    return instance_.loaded;
+}
+
+NTSTATUS Driver::QueryInterface(const GUID& type, std::span<std::byte> buffer, std::uint16_t version)
+{
+    if (instance_.devices.empty()) {
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    return framework::QueryInterface(Framework::Current(), NewestDevice(instance_), type, buffer, version);
+}
+
+bool Driver::IsInterfaceEnabled(const GUID& interfaceClass) const
+{
+    const std::lock_guard lock(Framework::Current().mutex);
+    if (instance_.devices.empty()) {
+        return false;
+    }
+    for (const framework::DeviceInterface& interface : NewestDevice(instance_).interfaces) {
+        if (framework::SameGuid(interface.interfaceClass, interfaceClass) && interface.enabled) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::vector<Driver::InterfaceChange> Driver::InterfaceChanges() const
+{
+    const std::lock_guard lock(Framework::Current().mutex);
+    std::vector<InterfaceChange> changes;
+    for (const framework::InterfaceChangeRecord& change : instance_.interfaceChanges) {
+        changes.push_back({change.interfaceClass, change.enabled});
+    }
+    return changes;
+}
+
+IoResult Driver::Open(FileId& file)
+{
+    file = 0;
+    if (instance_.devices.empty()) {
+        return {STATUS_NO_SUCH_DEVICE, 0, true};
+    }
+    framework::FileObjectObject* object = nullptr;
+    const framework::RequestResult result =
+        framework::OpenFile(Framework::Current(), NewestDevice(instance_), object);
+    if (object != nullptr) {
+        file = nextFile_++;
+        files_[file] = object;
+    }
+    return {result.status, result.information, result.completed};
+}
+
+void Driver::Close(FileId file)
+{
+    const auto found = files_.find(file);
+    if (found == files_.end()) {
+        throw HostError(instance_.service + ": no such open handle");
+    }
+    framework::FileObjectObject& object = *found->second;
+    files_.erase(found);
+    framework::CloseFile(Framework::Current(), object);
+}
+
+IoResult Driver::DeviceControl(FileId file, std::uint32_t code, std::span<const std::byte> input,
+                               std::span<std::byte> output)
+{
+    const auto found = files_.find(file);
+    if (found == files_.end()) {
+        throw HostError(instance_.service + ": no such open handle");
+    }
+    const framework::RequestResult result =
+        framework::DeviceControl(Framework::Current(), *found->second, code, input.size(), output.size());
+    return {result.status, result.information, result.completed};
+}
+
+WDFDRIVER Driver::Handle() const
+{
+    return instance_.driver == nullptr ? nullptr : static_cast<WDFDRIVER>(instance_.driver->handle);
+}
+
+const void* Driver::ImageBase() const
+{
+    return instance_.imageBase;
+}
+
+std::size_t Driver::ImageSizeBytes() const
+{
+    return instance_.imageSizeBytes;
+}
+
+Machine::Machine(MachineOptions options)
+    : environment_(std::make_unique<Environment>(options)), kernel_(std::make_unique<kernel::Kernel>(*environment_)),
+      tracing_(std::make_unique<tracing::Tracing>()), threads_(std::make_unique<schedule::Threads>()),
+      framework_(std::make_unique<Framework>(*environment_, *kernel_, *threads_))
+{
+    checks::CatchMemoryFaults();
+}
+
+Machine::~Machine()
+{
+    framework_->StopWorkers();
+    for (const auto& instance : framework_->instances) {
+        if (instance->loaded) {
+            std::fprintf(stderr, "host: %s was still loaded at the machine's end\n", instance->service.c_str());
+            framework::AbandonDriver(*framework_, *instance);
+        }
+    }
+}
+
+Driver& Machine::Load(const std::filesystem::path& image, const std::string& serviceName)
+{
+    DriverInstance& instance = framework::LoadDriver(*framework_, *tracing_, image, serviceName);
+    drivers_.push_back(std::unique_ptr<Driver>(new Driver(*this, instance)));
+    return *drivers_.back();
+}
+
+Driver& Machine::Boot(const std::filesystem::path& image, const std::string& serviceName)
+{
+    const auto check = [&](const char* step, NTSTATUS status) {
+        if (!NT_SUCCESS(status)) {
+            char text[16];
+            std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(status));
+            throw HostError(serviceName + ": " + step + " failed with " + text);
+        }
+    };
+    Driver& driver = Load(image, serviceName);
+    check("driver entry", driver.EntryStatus());
+    check("device add", driver.AddDevice());
+    check("device start", driver.StartDevice());
+    return driver;
+}
+
+void Machine::SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value)
+{
+    kernel_->registry().SetDword(serviceName, name, value);
+}
+
+void Machine::SetRegistryString(const std::string& serviceName, const std::string& name, const std::string& value)
+{
+    kernel_->registry().SetString(serviceName, name, value);
+}
+
+void Machine::RemoveRegistryKey(const std::string& serviceName)
+{
+    kernel_->registry().RemoveParameters(serviceName);
+}
+
+PumpResult Machine::RunWorkItems()
+{
+    PumpResult result;
+    Outcome outcome;
+    while (framework_->RunOneWorkItem(outcome)) {
+        ++result.runs;
+        if (outcome.parked) {
+            result.parked.push_back(outcome);
+        }
+    }
+    return result;
+}
+
+PumpResult Machine::RunOneWorkItem()
+{
+    PumpResult result;
+    Outcome outcome;
+    if (framework_->RunOneWorkItem(outcome)) {
+        result.runs = 1;
+        if (outcome.parked) {
+            result.parked.push_back(outcome);
+        }
+    }
+    return result;
+}
+
+std::size_t Machine::QueuedWorkItems() const
+{
+    const std::lock_guard lock(framework_->mutex);
+    return framework_->workQueue.size() + framework_->deferredWork.size();
+}
+
+void Machine::WaitForWorkItems()
+{
+    framework_->WaitForWorkItems();
+}
+
+Outcome Machine::OnThread(const std::string& name, std::function<void()> work)
+{
+    return framework_->RunOnThread(name, "client thread", nullptr, work);
+}
+
+void Machine::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2)
+{
+    kernel_->NotifyPowerState(argument1, argument2);
+}
+
+std::vector<std::int64_t> Machine::Delays() const
+{
+    return kernel_->Delays();
+}
+
+checks::Violations& Machine::violations()
+{
+    return environment_->violations;
+}
+
+checks::FaultPlan& Machine::faults()
+{
+    return environment_->faults;
+}
+
+tracing::Tracing& Machine::tracing()
+{
+    return *tracing_;
+}
+
+Environment& Machine::environment()
+{
+    return *environment_;
+}
+
+framework::Inspector Machine::inspect()
+{
+    return {};
+}
+
+void Machine::NameObject(WDFOBJECT handle, const std::string& name)
+{
+    const std::lock_guard lock(framework_->mutex);
+    if (const framework::Object* object = framework_->Peek(handle)) {
+        const_cast<framework::Object*>(object)->name = name;
+    }
+}
+
+std::uint64_t Machine::SecondDeletes() const
+{
+    const std::lock_guard lock(framework_->mutex);
+    return framework_->SecondDeletes();
+}
+
+std::vector<Machine::PoolUse> Machine::PoolInUse() const
+{
+    std::vector<PoolUse> rows;
+    for (const kernel::PoolUseRow& row : kernel_->PoolInUse()) {
+        rows.push_back({row.tag, row.blockCount, row.sizeBytes});
+    }
+    return rows;
+}
+
+}  // namespace host

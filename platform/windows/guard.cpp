@@ -1,0 +1,84 @@
+// Control flow guard: the pointers that guarded indirect calls go through, and the record by which the system's loader
+// finds them. Until the loader puts its own checks there, both lead to routines that do nothing and disturb no argument.
+#include <ntplatform.h>
+
+EXTERN_C_START
+
+// Linker-defined: their addresses are the values.
+extern char __guard_fids_table[];
+extern char __guard_fids_count[];
+extern char __guard_flags[];
+extern char __guard_iat_table[];
+extern char __guard_iat_count[];
+extern char __guard_longjmp_table[];
+extern char __guard_longjmp_count[];
+extern char __guard_eh_cont_table[];
+extern char __guard_eh_cont_count[];
+
+__attribute__((naked)) static void GuardCheckNothing()
+{
+    __asm__("ret");
+}
+
+__attribute__((naked)) static void GuardDispatch()
+{
+#if defined(__x86_64__)
+    __asm__("jmp *%rax");
+#else
+    __asm__("br x15");
+#endif
+}
+
+void (*__guard_check_icall_fptr)() = GuardCheckNothing;
+void (*__guard_dispatch_icall_fptr)() = GuardDispatch;
+
+struct LoadConfiguration {
+    ULONG Size;
+    UCHAR Unused1[84];
+    PVOID SecurityCookie;
+    UCHAR Unused2[16];
+    PVOID GuardCheckFunctionPointer;
+    PVOID GuardDispatchFunctionPointer;
+    PVOID GuardFunctionTable;
+    PVOID GuardFunctionCount;
+    PVOID GuardFlags;  // four bytes on the platform; the upper half covers reserved zeros
+    UCHAR Unused3[8];
+    PVOID GuardAddressTakenImportTable;
+    PVOID GuardAddressTakenImportCount;
+    PVOID GuardLongJumpTable;
+    PVOID GuardLongJumpCount;
+    UCHAR Unused4[72];
+    PVOID GuardEhContinuationTable;
+    PVOID GuardEhContinuationCount;
+};
+PLATFORM_SIZE(struct LoadConfiguration, 280);
+PLATFORM_LAYOUT(struct LoadConfiguration, SecurityCookie, 88);
+PLATFORM_LAYOUT(struct LoadConfiguration, GuardCheckFunctionPointer, 112);
+PLATFORM_LAYOUT(struct LoadConfiguration, GuardFunctionTable, 128);
+PLATFORM_LAYOUT(struct LoadConfiguration, GuardFlags, 144);
+PLATFORM_LAYOUT(struct LoadConfiguration, GuardAddressTakenImportTable, 160);
+PLATFORM_LAYOUT(struct LoadConfiguration, GuardLongJumpTable, 176);
+PLATFORM_LAYOUT(struct LoadConfiguration, GuardEhContinuationTable, 264);
+
+extern const struct LoadConfiguration _load_config_used;
+const struct LoadConfiguration _load_config_used = {
+    .Size = sizeof(struct LoadConfiguration),
+    .Unused1 = {},
+    .SecurityCookie = nullptr,
+    .Unused2 = {},
+    .GuardCheckFunctionPointer = &__guard_check_icall_fptr,
+    .GuardDispatchFunctionPointer = &__guard_dispatch_icall_fptr,
+    .GuardFunctionTable = __guard_fids_table,
+    .GuardFunctionCount = __guard_fids_count,
+    .GuardFlags = __guard_flags,
+    .Unused3 = {},
+    .GuardAddressTakenImportTable = __guard_iat_table,
+    .GuardAddressTakenImportCount = __guard_iat_count,
+    .GuardLongJumpTable = __guard_longjmp_table,
+    .GuardLongJumpCount = __guard_longjmp_count,
+    .Unused4 = {},
+    .GuardEhContinuationTable = __guard_eh_cont_table,
+    .GuardEhContinuationCount = __guard_eh_cont_count,
+};
+
+EXTERN_C_END
