@@ -105,9 +105,10 @@ void Framework::HideDriverHandles(bool hide)
 void Framework::ReportObjectsLeft(DriverInstance& instance)
 {
     const std::lock_guard lock(mutex);
-    for (Slot& slot : slots_) {
-        Object* object = slot.object.get();
-        if (object == nullptr || object->driver != &instance) {
+    Object* next = nullptr;
+    for (Object* object = firstAlive_; object != nullptr; object = next) {
+        next = object->nextAlive;
+        if (object->driver != &instance) {
             continue;
         }
         const std::string what = Describe(*object);
@@ -121,11 +122,8 @@ void Framework::ReportObjectsLeft(DriverInstance& instance)
                                what + " is still alive, with " + std::to_string(object->references) + " references",
                                nullptr);
         }
-        for (const Context& context : object->contexts) {
-            (void)kernel.contextMemory().Free(context.memory);
-        }
         std::erase(workQueue, object);
-        slot.object.reset();
+        FreeObject(*object);
     }
     instance.driver = nullptr;
 }

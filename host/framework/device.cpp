@@ -20,7 +20,11 @@ NTSTATUS CallD0Entry(Framework& framework, DeviceObject& device, WDF_POWER_DEVIC
         status = framework.Guarded("EvtDeviceD0Entry", reinterpret_cast<const void*>(routine),
                                    [&] { return routine(HandleOf(device), previous); });
     }
+    std::unique_lock lock(framework.mutex);
     device.inD0 = NT_SUCCESS(status);
+    for (QueueObject* queue : std::vector<QueueObject*>(device.queues)) {
+        Deliver(framework, lock, *queue);  // what came while the device slept
+    }
     return status;
 }
 
@@ -57,12 +61,25 @@ void DropSymbolicLink(Framework& framework, DeviceObject& device)
     device.symbolicLink.clear();
 }
 
+// From here on a queue refuses what comes, and what waits in it fails.
+void Purge(Framework& framework, DeviceObject& device, bool onlyPowerManaged)
+{
+    std::unique_lock lock(framework.mutex);
+    for (QueueObject* queue : std::vector<QueueObject*>(device.queues)) {
+        if (queue->powerManaged || !onlyPowerManaged) {
+            queue->gone = true;
+            CancelWaiting(framework, lock, *queue, nullptr, STATUS_CANCELLED);
+        }
+    }
+}
+
 }  // namespace
 
 // Common end of removal and of a failed device add.
 void EndDevice(Framework& framework, DeviceObject& device)
 {
     DropSymbolicLink(framework, device);
+    Purge(framework, device, false);
     std::unique_lock lock(framework.mutex);
     device.stage = DeviceStage::kRemoved;
     framework.names.erase(device.deviceName);
@@ -129,6 +146,7 @@ void SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
     CallReleaseHardware(framework, device);
     SetAllInterfaces(framework, device, false);
     DropSymbolicLink(framework, device);
+    Purge(framework, device, true);
     device.stage = DeviceStage::kSurpriseRemoved;
 }
 

@@ -65,13 +65,17 @@ void NTAPI DeviceInitSetPnpPowerEventCallbacks(PWDF_DRIVER_GLOBALS, PWDFDEVICE_I
 }
 
 void NTAPI DeviceInitSetFileObjectConfig(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, PWDF_FILEOBJECT_CONFIG config,
-                                         PWDF_OBJECT_ATTRIBUTES)
+                                         PWDF_OBJECT_ATTRIBUTES attributes)
 {
     const PlatformCall call("WdfDeviceInitSetFileObjectConfig", HOST_CALLER, DISPATCH_LEVEL);
     if (IsUsable(call, init) && Requires(call, config, "FileObjectConfig") &&
         HasSize(call, config->Size, sizeof(WDF_FILEOBJECT_CONFIG))) {
+        if (attributes != nullptr && !HasSize(call, attributes->Size, sizeof(WDF_OBJECT_ATTRIBUTES))) {
+            return;
+        }
         init->fileConfig = *config;
         init->hasFileConfig = true;
+        init->fileAttributes = attributes != nullptr ? std::optional(*attributes) : std::nullopt;
     }
 }
 
@@ -111,6 +115,7 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
     device.power = init.powerCallbacks;
     device.files = init.fileConfig;
     device.hasFiles = init.hasFileConfig;
+    device.fileAttributes = init.fileAttributes;
     framework.ApplyAttributes(device, attributes);
     framework.Register(std::move(object), instance->driver);
     instance->devices.push_back(&device);

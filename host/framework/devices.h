@@ -14,6 +14,7 @@ struct WDFDEVICE_INIT {
     WDF_PNPPOWER_EVENT_CALLBACKS powerCallbacks{};
     WDF_FILEOBJECT_CONFIG fileConfig{};
     bool hasFileConfig = false;
+    std::optional<WDF_OBJECT_ATTRIBUTES> fileAttributes;
     bool consumed = false;  // by WdfDeviceCreate; the framework owns it then
 };
 
@@ -21,7 +22,7 @@ namespace host::framework {
 
 struct DeviceInterface {
     GUID interfaceClass;
-    std::string referenceString;
+    std::optional<std::string> referenceString;
     bool enabled = false;
 };
 
@@ -45,9 +46,11 @@ struct DeviceObject final : Object {
     WDF_PNPPOWER_EVENT_CALLBACKS power{};
     WDF_FILEOBJECT_CONFIG files{};
     bool hasFiles = false;
+    std::optional<WDF_OBJECT_ATTRIBUTES> fileAttributes;
     std::list<DeviceInterface> interfaces;
     std::list<QueryInterfaceEntry> queryInterfaces;
     QueueObject* defaultQueue = nullptr;
+    std::vector<QueueObject*> queues;
     unsigned openFiles = 0;
 };
 
@@ -57,15 +60,18 @@ struct QueueObject final : Object {
     explicit QueueObject(DriverInstance* owner) : Object(ObjectType::kQueue, owner) {}
     DeviceObject* device = nullptr;
     WDF_IO_QUEUE_CONFIG config{};
-    bool gone = false;                     // purged: nothing is accepted any more
-    RequestObject* presented = nullptr;    // sequential: the one that the driver has
-    std::deque<RequestObject*> waiting;
-    std::condition_variable completed;
+    bool powerManaged = false;
+    bool gone = false;                        // purged: nothing is accepted any more
+    std::deque<RequestObject*> waiting;       // not with the driver yet
+    std::vector<RequestObject*> presented;    // with the driver
+    std::vector<std::uint64_t> deliveringOn;  // threads that hand requests to the driver now
 };
 
 struct FileObjectObject final : Object {
     explicit FileObjectObject(DriverInstance* owner) : Object(ObjectType::kFileObject, owner) { noDelete = true; }
     DeviceObject* device = nullptr;
+    unsigned requests = 0;  // not completed yet
+    bool closing = false;   // the last handle is closed; EvtFileClose waits for the requests
 };
 
 enum class RequestKind { kCreate, kDeviceControl };
@@ -81,6 +87,7 @@ struct RequestObject final : Object {
     bool completed = false;
     NTSTATUS status = STATUS_PENDING;
     std::uint64_t information = 0;
+    bool senderGone = false;  // nobody waits for the result any more
 };
 
 template <>
@@ -116,6 +123,17 @@ RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObj
 void CloseFile(Framework& framework, FileObjectObject& file);
 RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::uint32_t code, std::size_t inputBytes,
                             std::size_t outputBytes);
+
+// Hands waiting requests to the driver as long as the queue may; the lock is released meanwhile.
+void Deliver(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObject& queue);
+
+// Completes what waits in a queue, of one file or of all.
+void CancelWaiting(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObject& queue,
+                   const FileObjectObject* file, NTSTATUS status);
+
+// Ends a request: its result is there, its queue and its file are told.
+void CompleteRequest(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request, NTSTATUS status,
+                     std::uint64_t information);
 
 [[nodiscard]] bool SameGuid(const GUID& first, const GUID& second);
 

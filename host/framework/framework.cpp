@@ -10,7 +10,7 @@ Framework* g_current = nullptr;
 }  // namespace
 
 Framework::Framework(Environment& machineEnvironment, kernel::Kernel& machineKernel, schedule::Threads& machineThreads)
-    : environment(machineEnvironment), kernel(machineKernel), threads(machineThreads)
+    : environment(machineEnvironment), kernel(machineKernel), threads(machineThreads), firstIndex_(NextIndex())
 {
     g_current = this;
     RegisterLoaderExports();
@@ -24,6 +24,7 @@ Framework::~Framework()
 {
     StopWorkers();
     environment.faults.onHideDriver = nullptr;
+    NoteIndices();
     g_current = nullptr;
 }
 

@@ -51,7 +51,7 @@ struct DriverInstance {
 };
 
 inline constexpr std::uint64_t kHandleBase = 0xFFFFE00000000000;  // never a usable address
-inline constexpr std::uint64_t kHandleStep = 8;
+inline constexpr std::uint64_t kHandleStep = 8;  // the low bits are free
 
 class Framework {
 public:
@@ -95,6 +95,10 @@ public:
     bool WaitFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, const char* function,
                  const void* caller);
 
+    // Reports a wait without an end and parks the calling thread.
+    [[noreturn]] void ParkFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, schedule::Wake wake,
+                              const char* function, const void* caller);
+
     // Runs work on a thread of the host, with every wait lock given back at its end, while this thread waits.
     schedule::Outcome RunOnThread(const std::string& name, const char* what, const void* routine,
                                   const std::function<void()>& work);
@@ -104,6 +108,7 @@ public:
 
     // The whole end of a live object: unlink, dispose, finish. Ignored when it has begun already.
     void Delete(std::unique_lock<std::mutex>& lock, Object& object);
+    void End(std::unique_lock<std::mutex>& lock, Object& object);
     void Dispose(std::unique_lock<std::mutex>& lock, Object& object);
     void Finish(std::unique_lock<std::mutex>& lock, Object& object);
 
@@ -112,6 +117,7 @@ public:
 
     void ForEachObject(const std::function<void(const Object&)>& visit) const;
     [[nodiscard]] const Object* Peek(const void* handle) const;
+    [[nodiscard]] bool WasRequest(const void* handle) const;  // a request that is gone
     [[nodiscard]] static std::string Describe(const Object& object);
 
     // ---- Attributes (attributes.cpp) ----
@@ -188,6 +194,9 @@ private:
     void RunCleanup(std::unique_lock<std::mutex>& lock, Object& object, PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup);
     static void DisposeQueue(std::unique_lock<std::mutex>& lock, Object& queue);
     void Destroy(std::unique_lock<std::mutex>& lock, Object& object);
+    void FreeObject(Object& object);  // without callbacks
+    static std::uint64_t NextIndex();
+    void NoteIndices() const;
     void Unlink(Object& object);
     void WorkerLoop(unsigned number);
     void RunCallback(WorkItemObject& item);

@@ -7,6 +7,9 @@
 namespace host::framework {
 namespace {
 
+// The first index that no machine of this process has used.
+std::atomic<std::uint64_t> g_nextIndex{1};
+
 std::string HandleText(const void* handle)
 {
     char text[24];
@@ -39,15 +42,24 @@ const char* Name(ObjectType type)
     case ObjectType::kKey:
         return "registry key";
     case ObjectType::kGeneral:
-        return "object";
+        return "general object";
     }
     return "?";
 }
 
+std::uint64_t Framework::NextIndex()
+{
+    return g_nextIndex;
+}
+
+void Framework::NoteIndices() const
+{
+    g_nextIndex = firstIndex_ + slots_.size();
+}
+
 std::string Framework::Describe(const Object& object)
 {
-    const std::uint64_t index = (reinterpret_cast<std::uint64_t>(object.handle) - kHandleBase) / kHandleStep;
-    std::string text = std::string(Name(object.type)) + " #" + std::to_string(index);
+    std::string text = std::string(Name(object.type)) + " #" + std::to_string(object.serial);
     if (!object.name.empty()) {
         text += " (" + object.name + ")";
     } else if (!object.contexts.empty()) {
@@ -56,45 +68,59 @@ std::string Framework::Describe(const Object& object)
     return text;
 }
 
-std::uint32_t Framework::NameIndex(const std::string& name)
+std::uint32_t Framework::NameIndex(std::string_view name)
 {
     const auto found = std::find(names_.begin(), names_.end(), name);
     if (found != names_.end()) {
         return static_cast<std::uint32_t>(found - names_.begin());
     }
-    names_.push_back(name);
+    names_.emplace_back(name);
     return static_cast<std::uint32_t>(names_.size() - 1);
 }
 
 void Framework::Register(std::unique_ptr<Object> object, Object* parent)
 {
     Object& registered = *object;
-    registered.handle = reinterpret_cast<WDFOBJECT>(kHandleBase + (slots_.size() + 1) * kHandleStep);
+    registered.handle = reinterpret_cast<WDFOBJECT>(kHandleBase + (firstIndex_ + slots_.size()) * kHandleStep);
+    registered.serial = ++serials_[registered.type];
+    if (registered.executionLevel == WdfExecutionLevelInheritFromParent) {
+        registered.executionLevel = parent != nullptr ? parent->executionLevel : WdfExecutionLevelDispatch;
+    }
+    if (registered.synchronizationScope == WdfSynchronizationScopeInheritFromParent) {
+        registered.synchronizationScope =
+            parent != nullptr ? parent->synchronizationScope : WdfSynchronizationScopeNone;
+    }
+    registered.previousAlive = lastAlive_;
+    (lastAlive_ != nullptr ? lastAlive_->nextAlive : firstAlive_) = &registered;
+    lastAlive_ = &registered;
     if (parent != nullptr) {
         registered.parent = parent;
         registered.previousSibling = parent->lastChild;
         (parent->lastChild != nullptr ? parent->lastChild->nextSibling : parent->firstChild) = &registered;
         parent->lastChild = &registered;
     }
-    const std::string name =
-        registered.contexts.empty() ? std::string() : registered.contexts.front().type->ContextName;
+    const std::string_view name =
+        registered.contexts.empty() ? std::string_view() : registered.contexts.front().type->ContextName;
     slots_.push_back({std::move(object), registered.type, NameIndex(name)});
 }
 
 const Framework::Slot* Framework::SlotOf(const void* handle) const
 {
-    const auto value = reinterpret_cast<std::uint64_t>(handle);
-    if (value <= kHandleBase || (value - kHandleBase) % kHandleStep != 0 ||
-        (value - kHandleBase) / kHandleStep > slots_.size()) {
-        return nullptr;
-    }
-    return &slots_[(value - kHandleBase) / kHandleStep - 1];
+    const std::uint64_t offset = reinterpret_cast<std::uint64_t>(handle) - kHandleBase;
+    const std::uint64_t index = offset / kHandleStep - firstIndex_;
+    return offset % kHandleStep != 0 || index >= slots_.size() ? nullptr : &slots_[index];
 }
 
 const Object* Framework::Peek(const void* handle) const
 {
     const Slot* slot = SlotOf(handle);
     return slot == nullptr ? nullptr : slot->object.get();
+}
+
+bool Framework::WasRequest(const void* handle) const
+{
+    const Slot* slot = SlotOf(handle);
+    return slot != nullptr && slot->object == nullptr && slot->type == ObjectType::kRequest;
 }
 
 Object* Framework::ResolveAny(const PlatformCall& call, const void* handle, const char* argument)
@@ -128,15 +154,14 @@ void Framework::ReportWrongType(const PlatformCall& call, const Object& object, 
 
 void Framework::ForEachObject(const std::function<void(const Object&)>& visit) const
 {
-    for (const Slot& slot : slots_) {
-        if (slot.object != nullptr) {
-            visit(*slot.object);
-        }
+    for (const Object* object = firstAlive_; object != nullptr; object = object->nextAlive) {
+        visit(*object);
     }
 }
 
 void Framework::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
 {
+    // Callbacks may look at the object, so its handle lives until they are through.
     for (const Context& context : object.contexts) {
         if (context.destroy != nullptr) {
             lock.unlock();
@@ -159,6 +184,11 @@ void Framework::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
             Dereference(lock, *item);
         }
     }
+    FreeObject(object);
+}
+
+void Framework::FreeObject(Object& object)
+{
     for (const Context& context : object.contexts) {
         const std::string damage = kernel.contextMemory().Free(context.memory);
         if (!damage.empty()) {
@@ -171,8 +201,16 @@ void Framework::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
     if (object.driver != nullptr && object.driver->driver == &object) {
         object.driver->driver = nullptr;
     }
-    const std::uint64_t index = (reinterpret_cast<std::uint64_t>(object.handle) - kHandleBase) / kHandleStep - 1;
-    slots_[index].object.reset();
+    if (object.type == ObjectType::kWaitLock) {
+        lockOrders.erase(object.handle);
+        for (auto& [held, later] : lockOrders) {
+            later.erase(object.handle);
+        }
+    }
+    (object.previousAlive != nullptr ? object.previousAlive->nextAlive : firstAlive_) = object.nextAlive;
+    (object.nextAlive != nullptr ? object.nextAlive->previousAlive : lastAlive_) = object.previousAlive;
+    slots_[reinterpret_cast<std::uint64_t>(object.handle) / kHandleStep - kHandleBase / kHandleStep - firstIndex_]
+        .object.reset();
 }
 
 bool Requires(const PlatformCall& call, const void* pointer, const char* argument)

@@ -2,6 +2,7 @@
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace host::framework {
@@ -20,8 +21,13 @@ NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& 
     {
         const std::lock_guard lock(framework.mutex);
         for (const QueryInterfaceEntry& entry : device.queryInterfaces) {
-            std::memcpy(&header, entry.table.data(), sizeof(header));
-            if (SameGuid(entry.type, type) && header.Size <= buffer.size() && header.Version <= version) {
+            if (entry.table.empty()) {  // imported: the callback fills what the requester brings
+                std::memcpy(&header, buffer.data(), std::min(sizeof(header), buffer.size()));
+            } else {
+                std::memcpy(&header, entry.table.data(), sizeof(header));
+            }
+            if (SameGuid(entry.type, type) && buffer.size() >= sizeof(header) && header.Size <= buffer.size() &&
+                header.Version <= version) {
                 taken = &entry;
                 break;
             }
@@ -29,7 +35,7 @@ NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& 
         if (taken == nullptr) {
             return STATUS_NOT_SUPPORTED;
         }
-        std::memcpy(buffer.data(), taken->table.data(), taken->table.size());
+        std::copy(taken->table.begin(), taken->table.end(), buffer.begin());
     }
     if (taken->process != nullptr) {
         GUID typeCopy = type;
@@ -42,7 +48,11 @@ NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& 
             return status;
         }
     }
-    header.InterfaceReference(header.Context);
+    std::memcpy(&header, buffer.data(), sizeof(header));  // the callback may have changed it
+    if (header.InterfaceReference != nullptr) {
+        framework.Guarded("InterfaceReference", reinterpret_cast<const void*>(header.InterfaceReference),
+                          [&] { header.InterfaceReference(header.Context); });
+    }
     return STATUS_SUCCESS;
 }
 
@@ -53,9 +63,9 @@ void NTAPI NoReference(PVOID)
 {
 }
 
-std::string TextOf(PCUNICODE_STRING text)
+std::optional<std::string> TextOf(PCUNICODE_STRING text)
 {
-    return text == nullptr ? std::string() : kernel::Narrow(*text);
+    return text == nullptr ? std::nullopt : std::optional(kernel::Narrow(*text));
 }
 
 }  // namespace

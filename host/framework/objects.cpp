@@ -23,10 +23,9 @@ void Framework::Unlink(Object& object)
 
 void Framework::Dereference(std::unique_lock<std::mutex>& lock, Object& object)
 {
-    if (--object.references > 0) {
-        return;
+    if (--object.references == 0) {
+        Destroy(lock, object);
     }
-    Destroy(lock, object);
 }
 
 void Framework::Dispose(std::unique_lock<std::mutex>& lock, Object& object)
@@ -78,12 +77,48 @@ void Framework::Delete(std::unique_lock<std::mutex>& lock, Object& object)
         ++secondDeletes_;
         return;
     }
+    if (object.parent != nullptr && object.parent->deleted) {
+        return;  // the parent's end is under way and includes it
+    }
+    object.deleted = true;
+    Unlink(object);
+    if (ThreadState::Current().irql > PASSIVE_LEVEL && EndsAtPassiveLevel(object)) {
+        deferredWork.push_back([this, &object] {
+            std::unique_lock later(mutex);
+            End(later, object);
+        });
+        workChanged.notify_all();
+        return;
+    }
+    End(lock, object);
+}
+
+void Framework::End(std::unique_lock<std::mutex>& lock, Object& object)
+{
     // While it is disposed nobody may take its memory away.
     Reference(object);
-    Unlink(object);
     Dispose(lock, object);
     Finish(lock, object);
     Dereference(lock, object);
+}
+
+bool Framework::EndsAtPassiveLevel(const Object& object) const
+{
+    switch (object.type) {
+    case ObjectType::kDevice:
+    case ObjectType::kQueue:
+    case ObjectType::kFileObject:
+    case ObjectType::kWorkItem:
+        return true;
+    default:
+        break;
+    }
+    for (const Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
+        if (EndsAtPassiveLevel(*child)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 namespace functions {
@@ -117,9 +152,16 @@ void NTAPI ObjectReference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, P
     const PlatformCall call("WdfObjectReferenceActual", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    if (Object* object = framework.ResolveAny(call, handle, "Handle")) {
-        framework.Reference(*object);
+    Object* object = framework.ResolveAny(call, handle, "Handle");
+    if (object == nullptr) {
+        return;
     }
+    if (object->references == 0) {
+        call.Violation(Rule::kDeadHandle, Framework::Describe(*object) + " is referenced while it is destroyed");
+        return;
+    }
+    framework.Reference(*object);
+    ++object->driverReferences;
 }
 
 void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, PCHAR)
@@ -131,12 +173,17 @@ void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG,
     if (object == nullptr) {
         return;
     }
-    if (object->references == 1 && !object->finished) {
-        // The real system stops here, or frees an object that its owner frees again. The host keeps it and says so.
+    if (object->driverReferences == 0) {
+        // The real system stops here, or frees an object that its owner or a collection frees again later. The host
+        // keeps it and says so.
         call.Violation(Rule::kReferenceUnderflow,
-                       Framework::Describe(*object) + " loses its last reference without having been deleted");
+                       Framework::Describe(*object) +
+                           (object->references == 1 && !object->finished
+                                ? " loses its last reference without having been deleted"
+                                : " loses a reference that its creation or a collection holds"));
         return;
     }
+    --object->driverReferences;
     framework.Dereference(lock, *object);
 }
 

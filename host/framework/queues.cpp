@@ -8,19 +8,33 @@ namespace host::framework {
 void Framework::DisposeQueue(std::unique_lock<std::mutex>& lock, Object& object)
 {
     auto& queue = static_cast<QueueObject&>(object);
+    Framework& framework = Framework::Current();
     queue.gone = true;
-    for (RequestObject* request : queue.waiting) {
-        request->completed = true;
-        request->status = STATUS_CANCELLED;
+    CancelWaiting(framework, lock, queue, nullptr, STATUS_CANCELLED);
+    // The driver may complete the rest from a work item.
+    while (!queue.presented.empty() && !framework.workQueue.empty()) {
+        lock.unlock();
+        schedule::Outcome outcome;
+        framework.RunOneWorkItem(outcome);
+        lock.lock();
     }
-    queue.waiting.clear();
-    queue.completed.notify_all();
-    if (queue.presented != nullptr) {
-        Framework& framework = Framework::Current();
-        const std::string reason = "waits for " + Describe(*queue.presented) + ", which the driver never completed";
+    const auto isOver = [&] {
+        return queue.presented.empty() || (framework.workQueue.empty() && framework.workRunning == 0);
+    };
+    (void)framework.WaitFor(lock, {.subject = "the requests of " + Describe(queue), .isReady = isOver, .heldBy = [&] {
+                                       return queue.deliveringOn;
+                                   }},
+                            "queue end", nullptr);
+    if (!queue.presented.empty()) {
+        const std::string reason =
+            "waits for " + Describe(*queue.presented.front()) + ", which the driver never completed";
         lock.unlock();
         framework.environment.Report(checks::Rule::kRequestNotCompleted, "queue end", reason, nullptr);
         schedule::ParkThisThread(reason);
+    }
+    std::erase(queue.device->queues, &queue);
+    if (queue.device->defaultQueue == &queue) {
+        queue.device->defaultQueue = nullptr;
     }
 }
 
@@ -81,6 +95,9 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     queue.noDelete = isDefault;
     framework.ApplyAttributes(queue, attributes);
     framework.Register(std::move(object), parent);
+    // A function driver's queues are power-managed unless it says otherwise.
+    queue.powerManaged = config->PowerManaged != WdfFalse;
+    device->queues.push_back(&queue);
     if (isDefault) {
         device->defaultQueue = &queue;
     }

@@ -4,44 +4,157 @@
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 
+#include <algorithm>
+
 namespace host::framework {
 
 using checks::Rule;
 
 namespace {
 
-RequestObject& MakeRequest(Framework& framework, DeviceObject& device, RequestKind kind)
+RequestObject& MakeRequest(Framework& framework, DeviceObject& device, RequestKind kind, FileObjectObject& file)
 {
     auto object = std::make_unique<RequestObject>(device.driver);
     RequestObject& request = *object;
     request.kind = kind;
+    request.file = &file;
+    ++file.requests;
     framework.Register(std::move(object), nullptr);
     return request;
+}
+
+void EndRequest(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request)
+{
+    request.deleted = true;
+    framework.Finish(lock, request);
 }
 
 // Takes the result; a request that is still with the driver stays.
 RequestResult TakeResult(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request)
 {
     const RequestResult result{request.status, request.information, request.completed};
+    request.senderGone = true;
     if (request.completed) {
-        request.deleted = true;
-        framework.Finish(lock, request);
+        EndRequest(framework, lock, request);
     }
     return result;
 }
 
-void Present(Framework& framework, RequestObject& request)
+void Present(Framework& framework, QueueObject& queue, RequestObject& request)
 {
-    const QueueObject& queue = *request.queue;
-    ++ThreadState::Current().criticalRegions;
-    framework.Guarded("EvtIoDeviceControl", reinterpret_cast<const void*>(queue.config.EvtIoDeviceControl), [&] {
-        queue.config.EvtIoDeviceControl(static_cast<WDFQUEUE>(queue.handle), static_cast<WDFREQUEST>(request.handle),
-                                        request.outputBytes, request.inputBytes, request.code);
-    });
-    --ThreadState::Current().criticalRegions;
+    const auto queueHandle = static_cast<WDFQUEUE>(queue.handle);
+    const auto requestHandle = static_cast<WDFREQUEST>(request.handle);
+    if (const auto control = queue.config.EvtIoDeviceControl) {
+        framework.Guarded("EvtIoDeviceControl", reinterpret_cast<const void*>(control), [&] {
+            control(queueHandle, requestHandle, request.outputBytes, request.inputBytes, request.code);
+        });
+    } else {
+        const auto any = queue.config.EvtIoDefault;
+        framework.Guarded("EvtIoDefault", reinterpret_cast<const void*>(any),
+                          [&] { any(queueHandle, requestHandle); });
+    }
+}
+
+bool MayPresent(const QueueObject& queue)
+{
+    return !queue.waiting.empty() && !queue.gone && (!queue.powerManaged || queue.device->inD0) &&
+           (queue.config.DispatchType == WdfIoQueueDispatchParallel ||
+            (queue.config.DispatchType == WdfIoQueueDispatchSequential && queue.presented.empty()));
+}
+
+bool HasHandler(const QueueObject& queue)
+{
+    return queue.config.EvtIoDeviceControl != nullptr || queue.config.EvtIoDefault != nullptr;
+}
+
+// EvtFileClose and the end of the file object: the handle is closed and its last request is through.
+void FinishClose(Framework& framework, std::unique_lock<std::mutex>& lock, FileObjectObject& file)
+{
+    DeviceObject& device = *file.device;
+    const auto close = device.hasFiles ? device.files.EvtFileClose : nullptr;
+    if (close != nullptr) {
+        lock.unlock();
+        framework.Guarded("EvtFileClose", reinterpret_cast<const void*>(close),
+                          [&] { close(static_cast<WDFFILEOBJECT>(file.handle)); });
+        lock.lock();
+    }
+    framework.Delete(lock, file);
 }
 
 }  // namespace
+
+void Deliver(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObject& queue)
+{
+    const ThreadState& thread = ThreadState::Current();
+    if (std::find(queue.deliveringOn.begin(), queue.deliveringOn.end(), thread.id) != queue.deliveringOn.end()) {
+        return;  // a completion inside the handler: the delivery around it goes on
+    }
+    if (queue.executionLevel == WdfExecutionLevelPassive && thread.irql > PASSIVE_LEVEL) {
+        framework.Reference(queue);
+        framework.deferredWork.emplace_back([&framework, &queue] {
+            std::unique_lock later(framework.mutex);
+            Deliver(framework, later, queue);
+            framework.Dereference(later, queue);
+        });
+        framework.workChanged.notify_all();
+        return;
+    }
+    const std::uint64_t self = thread.id;
+    queue.deliveringOn.push_back(self);
+    framework.Reference(queue);
+    while (MayPresent(queue)) {
+        RequestObject& request = *queue.waiting.front();
+        queue.waiting.pop_front();
+        queue.presented.push_back(&request);
+        lock.unlock();
+        ++ThreadState::Current().criticalRegions;
+        Present(framework, queue, request);
+        --ThreadState::Current().criticalRegions;
+        lock.lock();
+    }
+    std::erase(queue.deliveringOn, self);
+    framework.waiting.NotifyAll();
+    framework.Dereference(lock, queue);
+}
+
+void CancelWaiting(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObject& queue,
+                   const FileObjectObject* file, NTSTATUS status)
+{
+    std::vector<RequestObject*> cancelled;
+    std::erase_if(queue.waiting, [&](RequestObject* request) {
+        const bool matches = file == nullptr || request->file == file;
+        if (matches) {
+            cancelled.push_back(request);
+        }
+        return matches;
+    });
+    for (RequestObject* request : cancelled) {
+        CompleteRequest(framework, lock, *request, status, 0);
+    }
+}
+
+void CompleteRequest(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request, NTSTATUS status,
+                     std::uint64_t information)
+{
+    request.completed = true;
+    request.status = status;
+    request.information = information;
+    QueueObject* queue = request.queue;
+    FileObjectObject* file = request.file;
+    if (queue != nullptr) {
+        std::erase(queue->presented, &request);
+    }
+    if (request.senderGone) {
+        EndRequest(framework, lock, request);
+    }
+    framework.waiting.NotifyAll();
+    if (file != nullptr && --file->requests == 0 && file->closing) {
+        FinishClose(framework, lock, *file);
+    }
+    if (queue != nullptr) {
+        Deliver(framework, lock, *queue);
+    }
+}
 
 RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObject*& file)
 {
@@ -54,12 +167,14 @@ RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObj
     FileObjectObject& opened = *object;
     opened.device = &device;
     opened.executionLevel = WdfExecutionLevelPassive;
+    if (device.fileAttributes) {
+        framework.ApplyAttributes(opened, &*device.fileAttributes);
+    }
     framework.Register(std::move(object), &device);
 
     RequestResult result{STATUS_SUCCESS, 0, true};
     if (device.hasFiles && device.files.EvtDeviceFileCreate != nullptr) {
-        RequestObject& request = MakeRequest(framework, device, RequestKind::kCreate);
-        request.file = &opened;
+        RequestObject& request = MakeRequest(framework, device, RequestKind::kCreate, opened);
         const auto create = device.files.EvtDeviceFileCreate;
         lock.unlock();
         framework.Guarded("EvtDeviceFileCreate", reinterpret_cast<const void*>(create), [&] {
@@ -67,6 +182,9 @@ RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObj
                    static_cast<WDFFILEOBJECT>(opened.handle));
         });
         lock.lock();
+        if (!request.completed) {
+            request.file = nullptr;  // the opener gives up, and its file object with it
+        }
         result = TakeResult(framework, lock, request);
     }
     if (!NT_SUCCESS(result.status) || !result.completed) {
@@ -85,13 +203,15 @@ void CloseFile(Framework& framework, FileObjectObject& file)
         framework.Guarded("EvtFileCleanup", reinterpret_cast<const void*>(device.files.EvtFileCleanup),
                           [&] { device.files.EvtFileCleanup(static_cast<WDFFILEOBJECT>(file.handle)); });
     }
-    if (device.hasFiles && device.files.EvtFileClose != nullptr) {
-        framework.Guarded("EvtFileClose", reinterpret_cast<const void*>(device.files.EvtFileClose),
-                          [&] { device.files.EvtFileClose(static_cast<WDFFILEOBJECT>(file.handle)); });
-    }
     std::unique_lock lock(framework.mutex);
+    for (QueueObject* queue : std::vector<QueueObject*>(device.queues)) {
+        CancelWaiting(framework, lock, *queue, &file, STATUS_CANCELLED);
+    }
     --device.openFiles;
-    framework.Delete(lock, file);
+    file.closing = true;
+    if (file.requests == 0) {
+        FinishClose(framework, lock, file);
+    }
 }
 
 RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::uint32_t code, std::size_t inputBytes,
@@ -103,61 +223,60 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
     if (queue == nullptr || queue->gone || device.stage == DeviceStage::kRemoved) {
         return {STATUS_INVALID_DEVICE_STATE, 0, true};
     }
-    if (queue->config.EvtIoDeviceControl == nullptr) {
+    if (!HasHandler(*queue) && queue->config.DispatchType != WdfIoQueueDispatchManual) {
         return {STATUS_INVALID_DEVICE_REQUEST, 0, true};
     }
-    RequestObject& request = MakeRequest(framework, device, RequestKind::kDeviceControl);
+    RequestObject& request = MakeRequest(framework, device, RequestKind::kDeviceControl, file);
     request.queue = queue;
-    request.file = &file;
     request.code = code;
     request.inputBytes = inputBytes;
     request.outputBytes = outputBytes;
+    queue->waiting.push_back(&request);
+    framework.Reference(*queue);
+    Deliver(framework, lock, *queue);
 
-    // Sequential: the next request is presented when the former is completed.
-    const bool sequential = queue->config.DispatchType == WdfIoQueueDispatchSequential;
-    if (sequential && queue->presented != nullptr) {
-        queue->waiting.push_back(&request);
-        queue->completed.wait(lock, [&] {
-            return request.completed || (queue->presented == nullptr && queue->waiting.front() == &request);
-        });
-        if (request.completed) {
-            return TakeResult(framework, lock, request);
-        }
-        queue->waiting.pop_front();
-    }
-    queue->presented = sequential ? &request : nullptr;
-    lock.unlock();
-    Present(framework, request);
-    lock.lock();
-    return TakeResult(framework, lock, request);
+    // Behind another request a sender waits as long as somebody is at work on the queue.
+    const auto isSettled = [&] { return request.completed || queue->deliveringOn.empty(); };
+    (void)framework.WaitFor(lock, {.subject = Framework::Describe(request), .isReady = isSettled, .heldBy = [&] {
+                                       return queue->deliveringOn;
+                                   }},
+                            "I/O control", nullptr);
+    const RequestResult result = TakeResult(framework, lock, request);
+    framework.Dereference(lock, *queue);
+    return result;
 }
 
 namespace functions {
 namespace {
 
+// A request goes with its completion, so a second completion finds it dead.
+RequestObject* ResolveIncomplete(const PlatformCall& call, Framework& framework, WDFREQUEST handle)
+{
+    if (framework.WasRequest(handle)) {
+        call.Violation(Rule::kRequestCompletedTwice, "the request was completed before and is gone");
+        return nullptr;
+    }
+    auto* request = framework.Resolve<RequestObject>(call, handle, "Request");
+    if (request != nullptr && request->completed) {
+        call.Violation(Rule::kRequestCompletedTwice, Framework::Describe(*request) + " was completed before");
+        return nullptr;
+    }
+    return request;
+}
+
 void Complete(const PlatformCall& call, WDFREQUEST handle, NTSTATUS status, std::uint64_t information)
 {
     Framework& framework = Framework::Current();
-    const std::lock_guard lock(framework.mutex);
-    auto* request = framework.Resolve<RequestObject>(call, handle, "Request");
+    std::unique_lock lock(framework.mutex);
+    RequestObject* request = ResolveIncomplete(call, framework, handle);
     if (request == nullptr) {
-        return;
-    }
-    if (request->completed) {
-        call.Violation(Rule::kRequestCompletedTwice, Framework::Describe(*request) + " was completed before");
         return;
     }
     if (request->kind == RequestKind::kDeviceControl && information > request->outputBytes) {
         call.Violation(Rule::kRequestInformation, std::to_string(information) + " bytes for an output buffer of " +
                                                       std::to_string(request->outputBytes));
     }
-    request->completed = true;
-    request->status = status;
-    request->information = information;
-    if (request->queue != nullptr && request->queue->presented == request) {
-        request->queue->presented = nullptr;
-        request->queue->completed.notify_all();
-    }
+    CompleteRequest(framework, lock, *request, status, information);
 }
 
 }  // namespace

@@ -27,6 +27,28 @@ std::vector<WDFOBJECT>& HeldLocks()
     return held.locks;
 }
 
+// While it stands, the thread that handed out this thread's work is known to wait for it.
+class Supervision {
+public:
+    Supervision(Framework& framework, std::uint64_t supervisor)
+        : framework_(framework), self_(ThreadState::Current().id)
+    {
+        const std::lock_guard lock(framework_.mutex);
+        framework_.waiting.BeginSupervision(supervisor, self_);
+    }
+    ~Supervision()
+    {
+        const std::lock_guard lock(framework_.mutex);
+        framework_.waiting.EndSupervision(self_);
+    }
+    Supervision(const Supervision&) = delete;
+    Supervision& operator=(const Supervision&) = delete;
+
+private:
+    Framework& framework_;
+    const std::uint64_t self_;
+};
+
 void Forget(WDFOBJECT lock)
 {
     std::vector<WDFOBJECT>& locks = HeldLocks();
@@ -103,12 +125,18 @@ bool Framework::WaitFor(std::unique_lock<std::mutex>& lock, const schedule::Wait
                         const void* caller)
 {
     const schedule::Wake wake = waiting.Block(lock, wait);
-    if (wake == schedule::Wake::kReady || wake == schedule::Wake::kTimedOut) {
-        return wake == schedule::Wake::kReady;
+    if (wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever) {
+        ParkFor(lock, wait, wake, function, caller);
     }
+    return wake == schedule::Wake::kReady;
+}
+
+void Framework::ParkFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, schedule::Wake wake,
+                        const char* function, const void* caller)
+{
     const bool self = wake == schedule::Wake::kSelf;
     const std::string reason =
-        "waits for " + wait.subject + (self ? ", which it holds itself" : ", which can never come");
+        "waits for " + wait.subject + (self ? ", which it holds itself" : ": nobody can ever end this wait");
     lock.unlock();
     environment.Report(self ? Rule::kSelfWait : Rule::kDeadlock, function,
                        "thread " + ThreadState::Current().name + " " + reason, caller);
@@ -120,14 +148,8 @@ schedule::Outcome Framework::RunOnThread(const std::string& name, const char* wh
 {
     const std::uint64_t supervisor = ThreadState::Current().id;
     const schedule::Outcome outcome = threads.Run(name, [&, this] {
-        const std::uint64_t self = ThreadState::Current().id;
-        {
-            const std::lock_guard lock(mutex);
-            waiting.BeginSupervision(supervisor, self);
-        }
+        const Supervision supervision(*this, supervisor);
         Guarded(what, routine, work);
-        const std::lock_guard lock(mutex);
-        waiting.EndSupervision(self);
     });
     if (outcome.parked) {
         const std::lock_guard lock(mutex);
@@ -157,7 +179,7 @@ std::string Subject(const WaitLockObject& waitLock)
     return text;
 }
 
-// False when the time is over.
+// False when the time is over, or when the lock itself went away.
 bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, const PlatformCall& call,
                    WaitLockObject& waitLock, const LONGLONG* timeout)
 {
@@ -173,9 +195,16 @@ bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, con
         wait.deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(units * kNanosecondsPerUnit);
     }
     framework.Reference(waitLock);  // whoever deletes it meanwhile shall not pull it from under us
-    const bool isFree = framework.WaitFor(lock, wait, call.function(), call.caller());
-    --waitLock.references;
-    return isFree;
+    const schedule::Wake wake = framework.waiting.Block(lock, wait);
+    const bool isLast = waitLock.references == 1;
+    if (isLast) {
+        call.Violation(Rule::kDeadHandle, Framework::Describe(waitLock) + " went while a thread waited for it");
+    }
+    framework.Dereference(lock, waitLock);
+    if (wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever) {
+        framework.ParkFor(lock, wait, wake, call.function(), call.caller());
+    }
+    return wake == schedule::Wake::kReady && !isLast;
 }
 
 }  // namespace

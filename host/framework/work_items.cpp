@@ -15,62 +15,78 @@ void Framework::RunCallback(WorkItemObject& item)
     const std::uint64_t self = ThreadState::Current().id;
     {
         const std::lock_guard lock(mutex);
+        --item.starting;
         item.runningOn.push_back(self);
     }
     Guarded("EvtWorkItem", reinterpret_cast<const void*>(item.routine),
             [&] { item.routine(static_cast<WDFWORKITEM>(item.handle)); });
     std::unique_lock lock(mutex);
-    item.runningOn.erase(std::find(item.runningOn.begin(), item.runningOn.end(), self));
-    item.ended.notify_all();
+    std::erase(item.runningOn, self);
+    waiting.NotifyAll();
     Dereference(lock, item);
+}
+
+// Runs a queued item's callback on a thread of the host. The item may go with it, unless it parks.
+void Framework::RunTaken(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const std::string& threadName,
+                         schedule::Outcome& outcome)
+{
+    std::erase(workQueue, &item);
+    item.queued = false;
+    ++item.starting;
+    ++workRunning;
+    Reference(item);
+    lock.unlock();
+    outcome = RunOnThread(threadName, "work item", nullptr, [this, &item] { RunCallback(item); });
+    lock.lock();
+    --workRunning;
+    workChanged.notify_all();
+}
+
+bool Framework::RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName,
+                            schedule::Outcome& outcome)
+{
+    if (deferredWork.empty()) {
+        return false;
+    }
+    const std::function<void()> work = std::move(deferredWork.front());
+    deferredWork.pop_front();
+    ++workRunning;
+    lock.unlock();
+    outcome = RunOnThread(threadName, "framework work", nullptr, work);
+    lock.lock();
+    --workRunning;
+    workChanged.notify_all();
+    return true;
 }
 
 bool Framework::RunOneWorkItem(schedule::Outcome& outcome)
 {
-    WorkItemObject* item = nullptr;
-    {
-        const std::lock_guard lock(mutex);
-        if (workQueue.empty()) {
-            return false;
-        }
-        item = workQueue.front();
-        workQueue.pop_front();
-        item->queued = false;
-        Reference(*item);  // given back by the callback's end; a parked one keeps it
+    std::unique_lock lock(mutex);
+    if (RunDeferred(lock, "system worker", outcome)) {
+        return true;
     }
-    outcome = threads.Run("system worker", [this, item] { RunCallback(*item); });
-    if (outcome.parked) {
-        const std::lock_guard lock(mutex);
-        ++item->parked;
-        item->ended.notify_all();
+    if (workQueue.empty()) {
+        return false;
     }
+    RunTaken(lock, *workQueue.front(), "system worker", outcome);
     return true;
 }
 
 void Framework::WorkerLoop(unsigned number)
 {
-    ThreadState::Current().name = "system worker " + std::to_string(number);
+    const std::string name = "system worker " + std::to_string(number);
+    ThreadState::Current().name = name + " (dispatch)";
     std::unique_lock lock(mutex);
+    schedule::Outcome outcome;
     while (!stopping_) {
+        if (RunDeferred(lock, name, outcome)) {
+            continue;
+        }
         if (workQueue.empty()) {
             workChanged.wait(lock);
             continue;
         }
-        WorkItemObject* item = workQueue.front();
-        workQueue.pop_front();
-        item->queued = false;
-        Reference(*item);
-        ++workRunning;
-        lock.unlock();
-        const schedule::Outcome outcome =
-            threads.Run(ThreadState::Current().name, [this, item] { RunCallback(*item); });
-        lock.lock();
-        if (outcome.parked) {
-            ++item->parked;
-            item->ended.notify_all();
-        }
-        --workRunning;
-        workChanged.notify_all();
+        RunTaken(lock, *workQueue.front(), name, outcome);
     }
 }
 
@@ -97,31 +113,31 @@ void Framework::StopWorkers()
 void Framework::WaitForWorkItems()
 {
     std::unique_lock lock(mutex);
-    workChanged.wait(lock, [this] { return workQueue.empty() && workRunning == 0; });
+    workChanged.wait(lock, [this] { return workQueue.empty() && deferredWork.empty() && workRunning == 0; });
+}
+
+void Framework::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const char* function,
+                            const void* caller)
+{
+    // Whether or not a worker is free: one that waits for a lock of this thread's would never get to it.
+    while (item.queued) {
+        schedule::Outcome outcome;
+        RunTaken(lock, item, "system worker", outcome);
+    }
+    const schedule::Wait wait{
+        .subject = "the end of " + Describe(item),
+        .isReady = [&item] { return !item.queued && item.starting == 0 && item.runningOn.empty(); },
+        .heldBy = [&item] { return item.runningOn; },
+    };
+    (void)WaitFor(lock, wait, function, caller);
 }
 
 void Framework::DisposeWorkItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item)
 {
     item.gone = true;
     const std::uint64_t self = ThreadState::Current().id;
-    // In pumped mode nobody else would run what is queued.
-    while (item.queued && environment.options.workItems == WorkItems::kPumped) {
-        std::erase(workQueue, &item);
-        workQueue.push_front(&item);
-        lock.unlock();
-        schedule::Outcome outcome;
-        RunOneWorkItem(outcome);
-        lock.lock();
-    }
-    const bool ownCallback = std::find(item.runningOn.begin(), item.runningOn.end(), self) != item.runningOn.end();
-    while (!ownCallback && (item.queued || !item.runningOn.empty())) {
-        if (item.parked != 0) {
-            const std::string reason = "waits for the end of " + Describe(item) + ", whose callback is parked";
-            lock.unlock();
-            environment.Report(Rule::kDeadlock, "work item end", reason, reinterpret_cast<const void*>(item.routine));
-            schedule::ParkThisThread(reason);
-        }
-        item.ended.wait(lock);
+    if (std::find(item.runningOn.begin(), item.runningOn.end(), self) == item.runningOn.end()) {
+        WaitForRuns(lock, item, "work item end", reinterpret_cast<const void*>(item.routine));
     }
 }
 
@@ -163,8 +179,12 @@ NTSTATUS NTAPI WorkItemCreate(PWDF_DRIVER_GLOBALS globals, PWDF_WORKITEM_CONFIG 
     }
     const bool scoped = parent->synchronizationScope == WdfSynchronizationScopeDevice ||
                         parent->synchronizationScope == WdfSynchronizationScopeQueue;
-    if (config->AutomaticSerialization != FALSE && scoped && parent->executionLevel != WdfExecutionLevelPassive) {
-        return STATUS_WDF_INCOMPATIBLE_EXECUTION_LEVEL;
+    if (config->AutomaticSerialization != FALSE && scoped) {
+        if (parent->executionLevel != WdfExecutionLevelPassive) {
+            return STATUS_WDF_INCOMPATIBLE_EXECUTION_LEVEL;
+        }
+        call.Violation(Rule::kNotProvided, "this host does not serialise work items by a device's or queue's scope");
+        return STATUS_NOT_SUPPORTED;
     }
     auto object = std::make_unique<WorkItemObject>(framework.InstanceOf(globals));
     WorkItemObject& item = *object;
@@ -212,9 +232,9 @@ void NTAPI WorkItemFlush(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
     if (item == nullptr) {
         return;
     }
-    const bool wasGone = item->gone;
-    framework.DisposeWorkItem(lock, *item);  // the same waiting; the item lives on
-    item->gone = wasGone;
+    framework.Reference(*item);
+    framework.WaitForRuns(lock, *item, call.function(), call.caller());
+    framework.Dereference(lock, *item);
 }
 
 }  // namespace functions

@@ -1,0 +1,192 @@
+// The library's parser does the work; an iterator that counts what it reads tells where each value ends, and a look back
+// into the text where it begins.
+#include "tools/play/located_json.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cctype>
+#include <iterator>
+
+namespace play {
+namespace {
+
+using nlohmann::json;
+
+class CountingIterator {
+public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    CountingIterator(const char* at, const char* begin, std::size_t* count) : at_(at), begin_(begin), count_(count) {}
+    reference operator*() const { return *at_; }
+    CountingIterator& operator++()
+    {
+        ++at_;
+        if (count_ != nullptr) {
+            *count_ = static_cast<std::size_t>(at_ - begin_);
+        }
+        return *this;
+    }
+    CountingIterator operator++(int)
+    {
+        CountingIterator before = *this;
+        ++*this;
+        return before;
+    }
+    bool operator==(const CountingIterator& other) const { return at_ == other.at_; }
+    bool operator!=(const CountingIterator& other) const { return at_ != other.at_; }
+
+private:
+    const char* at_;
+    const char* begin_;
+    std::size_t* count_;
+};
+
+class Builder : public nlohmann::json_sax<json> {
+public:
+    Builder(const std::string& text, const std::size_t& count) : text_(text), count_(count) {}
+
+    JsonValue root;
+
+    bool null() override { return Add(JsonValue::Kind::kNull, WordBegin()) != nullptr; }
+    bool boolean(bool value) override
+    {
+        Add(JsonValue::Kind::kBoolean, WordBegin())->boolean = value;
+        return true;
+    }
+    bool number_integer(number_integer_t) override
+    {
+        Add(JsonValue::Kind::kNumber, WordBegin());
+        return true;
+    }
+    bool number_unsigned(number_unsigned_t value) override
+    {
+        JsonValue* added = Add(JsonValue::Kind::kNumber, WordBegin());
+        added->number = value;
+        added->isWhole = true;
+        return true;
+    }
+    bool number_float(number_float_t, const string_t&) override
+    {
+        Add(JsonValue::Kind::kNumber, WordBegin());
+        return true;
+    }
+    bool string(string_t& value) override
+    {
+        Add(JsonValue::Kind::kText, TextBegin())->text = value;
+        return true;
+    }
+    bool binary(binary_t&) override { return false; }
+    bool start_object(std::size_t) override
+    {
+        open_.push_back(Add(JsonValue::Kind::kObject, count_ - 1));
+        return true;
+    }
+    bool key(string_t& name) override
+    {
+        open_.back()->members.push_back({name, PlaceOf(TextBegin()), {}});
+        return true;
+    }
+    bool end_object() override
+    {
+        open_.pop_back();
+        return true;
+    }
+    bool start_array(std::size_t) override
+    {
+        open_.push_back(Add(JsonValue::Kind::kArray, count_ - 1));
+        return true;
+    }
+    bool end_array() override
+    {
+        open_.pop_back();
+        return true;
+    }
+    bool parse_error(std::size_t position, const std::string&, const json::exception& error) override
+    {
+        std::string message = error.what();
+        const std::size_t colon = message.find(": ", message.find("column"));
+        throw JsonError{PlaceOf(position == 0 ? 0 : position - 1),
+                        colon == std::string::npos ? message : message.substr(colon + 2)};
+    }
+
+private:
+    [[nodiscard]] Place PlaceOf(std::size_t offset) const
+    {
+        Place place{1, 1};
+        for (std::size_t index = 0; index < offset && index < text_.size(); ++index) {
+            place.line += text_[index] == '\n' ? 1 : 0;
+            place.column = text_[index] == '\n' ? 1 : place.column + 1;
+        }
+        return place;
+    }
+
+    // Where the number or word begins that was just read. The parser may have looked at one character behind it.
+    [[nodiscard]] std::size_t WordBegin() const
+    {
+        const auto isPart = [this](std::size_t at) {
+            const char letter = text_[at];
+            return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '-' || letter == '+' ||
+                   letter == '.';
+        };
+        std::size_t at = count_;
+        while (at > 0 && !isPart(at - 1)) {
+            --at;
+        }
+        while (at > 0 && isPart(at - 1)) {
+            --at;
+        }
+        return at;
+    }
+
+    // Where the quoted text begins whose closing quote was just read.
+    [[nodiscard]] std::size_t TextBegin() const
+    {
+        std::size_t at = text_.rfind('"', count_ == 0 ? 0 : count_ - 1);
+        do {
+            at = at == 0 ? 0 : text_.rfind('"', at - 1);
+        } while (at != 0 && at != std::string::npos && text_[at - 1] == '\\');
+        return at == std::string::npos ? 0 : at;
+    }
+
+    JsonValue* Add(JsonValue::Kind kind, std::size_t begin)
+    {
+        JsonValue* added = &root;
+        if (!open_.empty() && open_.back()->kind == JsonValue::Kind::kArray) {
+            added = &open_.back()->items.emplace_back();
+        } else if (!open_.empty()) {
+            added = &open_.back()->members.back().value;
+        }
+        added->kind = kind;
+        added->place = PlaceOf(begin);
+        return added;
+    }
+
+    const std::string& text_;
+    const std::size_t& count_;
+    std::vector<JsonValue*> open_;  // stable: a container grows only while it is the innermost open one
+};
+
+}  // namespace
+
+const char* Name(JsonValue::Kind kind)
+{
+    constexpr const char* kNames[] = {"null", "true or false", "a number", "a text", "a list", "an object"};
+    return kNames[static_cast<int>(kind)];
+}
+
+JsonValue ParseJson(const std::string& text)
+{
+    std::size_t count = 0;
+    Builder builder(text, count);
+    const char* begin = text.data();
+    const char* end = begin + text.size();
+    json::sax_parse(CountingIterator(begin, begin, &count), CountingIterator(end, begin, nullptr), &builder,
+                    json::input_format_t::json, true, true);
+    return std::move(builder.root);
+}
+
+}  // namespace play

@@ -1,0 +1,47 @@
+// JSON with comments allowed, in which every value knows where it stands in the file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace play {
+
+struct Place {
+    unsigned line = 0;    // from 1
+    unsigned column = 0;  // from 1
+};
+
+struct JsonValue {
+    enum class Kind { kNull, kBoolean, kNumber, kText, kArray, kObject };
+
+    struct Member;
+
+    Kind kind = Kind::kNull;
+    Place place;
+    bool boolean = false;
+    std::uint64_t number = 0;
+    bool isWhole = false;  // a number without sign, fraction and exponent
+    std::string text;
+    std::vector<JsonValue> items;
+    std::vector<Member> members;  // in the file's order
+};
+
+struct JsonValue::Member {
+    std::string name;
+    Place place;
+    JsonValue value;
+};
+
+[[nodiscard]] const char* Name(JsonValue::Kind kind);
+
+struct JsonError {
+    Place place;
+    std::string message;
+};
+
+// Parses; throws JsonError for the first mistake in the syntax.
+[[nodiscard]] JsonValue ParseJson(const std::string& text);
+
+}  // namespace play

@@ -1,0 +1,112 @@
+// A scenario: the clients of a chip with their scripted answers, and the steps of a run. docs/scenarios.md describes the
+// file for people.
+#pragma once
+
+#include "tools/play/located_json.h"
+
+#include <ntddk.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace play {
+
+struct AnswerRule {
+    std::string from;                    // client whose state is delivered
+    std::optional<std::uint32_t> state;  // empty: any
+    std::uint32_t answer = 0;
+    bool once = false;
+};
+
+struct CommandRule {
+    std::uint32_t id = 0;
+    std::uint32_t answer = 0;
+};
+
+struct ClientModel {
+    std::string key;
+    GUID guid{};
+    std::string name;
+    std::string description;
+    std::uint32_t entryCount = 0;
+    std::vector<AnswerRule> answers;
+    bool takesCommands = false;
+    std::vector<CommandRule> commands;
+    bool hearsAppsState = false;
+    std::optional<std::uint32_t> appsState;  // state wanted in answer
+};
+
+struct CrashDumpModel {
+    std::map<std::string, NTSTATUS> answers;  // by callback: add, remove, start, addData, stop, query, triage
+};
+
+enum class Action {
+    kNote,
+    kRegister,
+    kSubscribe,
+    kUnsubscribe,
+    kPost,
+    kLeave,
+    kDeliver,
+    kCommand,
+    kAttach,
+    kDetach,
+    kDescribe,
+    kStartDump,
+    kAddDumpData,
+    kQueryDump,
+    kAddTriageData,
+    kStopDump,
+    kOpen,
+    kControl,
+    kClose,
+    kTimeout,
+    kSleep,
+    kWake,
+    kRefuseStop,
+    kRefuseRemove,
+    kSurpriseRemoval,
+    kRemove,
+    kUnload,
+};
+
+struct Step {
+    Action action = Action::kNote;
+    Place place;
+    std::string client;  // key; empty where the step has none
+    std::string to;
+    std::string text;                    // of a note
+    std::optional<std::uint32_t> state;  // empty: any (subscriptions)
+    std::uint32_t id = 0;
+    std::uint32_t argument = 0;
+    std::uint32_t capacity = 0;
+    bool hasCapacity = false;
+    std::optional<NTSTATUS> expect;
+};
+
+struct Scenario {
+    std::string title;
+    std::map<std::string, std::uint32_t> states;
+    std::vector<ClientModel> clients;
+    CrashDumpModel crashDump;
+    std::vector<Step> steps;
+
+    [[nodiscard]] std::string StateName(std::uint32_t state) const;
+    [[nodiscard]] const ClientModel* Find(const std::string& key) const;
+};
+
+// Every mistake that the file has, as "<file>:<line>:<column>: <field>: <what was expected>", one to a line.
+class ScenarioError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+[[nodiscard]] Scenario ReadScenario(const std::filesystem::path& file);
+[[nodiscard]] Scenario ParseScenario(const std::string& text, const std::string& fileName);
+
+}  // namespace play
