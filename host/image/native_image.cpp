@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 
 namespace host::image {
 namespace {
@@ -54,7 +55,17 @@ public:
     PrivateCopy(const PrivateCopy&) = delete;
     PrivateCopy& operator=(const PrivateCopy&) = delete;
 
-    [[nodiscard]] std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
+    // The loader takes a path that it has seen for the same library, and descriptor numbers come again while an earlier
+    // image stays mapped: so every path is spelled its own way.
+    [[nodiscard]] std::string path() const
+    {
+        static std::atomic<unsigned> loads{0};
+        std::string spelled = "/proc/self/";
+        for (unsigned number = ++loads; number != 0; number >>= 1) {
+            spelled += (number & 1) != 0 ? "./" : "/";
+        }
+        return spelled + "fd/" + std::to_string(descriptor_);
+    }
 
 private:
     int descriptor_ = -1;

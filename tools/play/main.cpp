@@ -1,0 +1,79 @@
+// zepn-play: plays a scenario on the driver image and prints the timeline.
+//
+// Ends with 0 when all went as the scenario expects, 1 when not, 2 for a wrong scenario or a wrong call.
+#include "host/environment.h"
+#include "tools/play/player.h"
+
+#include <CLI/CLI.hpp>
+#include <unistd.h>
+
+#include <iostream>
+#include <map>
+
+namespace {
+
+constexpr int kNotAsExpected = 1;
+constexpr int kBadInput = 2;
+
+std::filesystem::path ImagePath(const std::string& choice, const std::filesystem::path& root)
+{
+    if (choice == "native") {
+        return ZEPN_NATIVE_DRIVER;
+    }
+    if (choice == "x64" || choice == "arm64") {
+        return root / "out" / choice / "zepn.sys";
+    }
+    return choice;
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments)
+{
+    const std::filesystem::path root = ZEPN_ROOT;
+#if defined(__x86_64__)
+    std::string image = "x64";
+#else
+    std::string image = "arm64";
+#endif
+    std::string scenarioFile = (root / "scenarios" / "boot.json").string();
+    int eventLevel = -1;
+    bool traceMessages = false;
+    bool json = false;
+    std::string color = "auto";
+
+    CLI::App app{"Plays a scenario on the driver image and prints what happens."};
+    app.add_option("scenario", scenarioFile, "scenario file (default: scenarios/boot.json)");
+    app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
+    app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
+    app.add_flag("--trace", traceMessages, "show trace messages");
+    app.add_flag("--json", json, "one JSON object a line");
+    app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
+    try {
+        app.parse(argumentCount, arguments);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kBadInput;
+    }
+
+    try {
+        const play::Scenario scenario = play::ReadScenario(scenarioFile);
+        play::PlayOptions options;
+        options.image = ImagePath(image, root);
+        options.decodingFiles = root / "out" / "manifest";
+        options.traceMessages = traceMessages;
+        options.realTime = true;
+        if (eventLevel >= 0) {
+            options.eventLevel = static_cast<std::uint8_t>(eventLevel);
+        }
+        const bool colored = color == "always" || (color == "auto" && isatty(STDOUT_FILENO) == 1);
+        play::Timeline timeline(std::cout, json ? play::Timeline::Form::kJson : play::Timeline::Form::kText, colored);
+        timeline.Add({play::EntryKind::kHeading, "", "", scenario.title, "", true});
+        return play::Play(scenario, options, timeline) ? 0 : kNotAsExpected;
+    } catch (const play::ScenarioError& error) {
+        std::cerr << error.what() << "\n";
+        return kBadInput;
+    } catch (const std::exception& error) {
+        std::cerr << "zepn-play: " << error.what() << "\n";
+        return kBadInput;
+    }
+}

@@ -1,0 +1,391 @@
+#include <initguid.h>  // before all: this file holds the interfaces' identifiers
+
+#include "tools/play/player.h"
+
+#include "host/machine.h"
+#include "host/tracing/decode.h"
+#include "tools/play/clients.h"
+#include "tools/play/statuses.h"
+
+#include <memory>
+#include <vector>
+
+namespace play {
+namespace {
+
+constexpr const char* kNotifier = "notifier";
+constexpr const char* kSystem = "system";
+constexpr const char* kCrashDump = "crash dump";
+constexpr const char* kService = "zepn";
+
+// Shows records as sessions take them, decoded by the files that ship.
+class Reports final : public host::tracing::Tracing::Listener {
+public:
+    Reports(const std::filesystem::path& folder, Timeline& timeline)
+        : manifest_(folder / "zepn.man"), formats_(folder), timeline_(timeline)
+    {
+    }
+
+    [[nodiscard]] const GUID& provider() const { return manifest_.provider(); }
+
+    void OnEvent(const host::tracing::CapturedEvent& event) override
+    {
+        const auto decoded = manifest_.Decode(event);
+        timeline_.Add({EntryKind::kReport, "event " + std::to_string(event.descriptor.Id), "",
+                       decoded ? decoded->message : "(cannot be decoded)", "", true});
+    }
+
+    void OnMessage(const host::tracing::CapturedMessage& message) override
+    {
+        const auto decoded = formats_.Decode(message);
+        timeline_.Add({EntryKind::kReport, "trace " + std::to_string(message.number), "",
+                       decoded ? decoded->function + ": " + decoded->text : "(cannot be decoded)", "", true});
+    }
+
+private:
+    host::tracing::Manifest manifest_;
+    host::tracing::MessageFormats formats_;
+    Timeline& timeline_;
+};
+
+class Player {
+public:
+    Player(const Scenario& scenario, const PlayOptions& options, Timeline& timeline)
+        : scenario_(scenario), timeline_(timeline), machine_(MachineOptionsFor(options)), peers_(scenario, timeline)
+    {
+        if (options.eventLevel || options.traceMessages) {
+            reports_ = std::make_unique<Reports>(options.decodingFiles, timeline);
+            machine_.tracing().SetListener(reports_.get());
+        }
+        if (options.eventLevel) {
+            machine_.tracing().OpenEventSession({reports_->provider(), *options.eventLevel});
+        }
+        if (options.traceMessages) {
+            constexpr GUID kControl = {
+                0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
+            machine_.tracing().OpenMessageSession({kControl, 5, 3});
+        }
+        Boot(options);
+    }
+
+    ~Player() { machine_.tracing().SetListener(nullptr); }
+    Player(const Player&) = delete;
+    Player& operator=(const Player&) = delete;
+
+    bool Run()
+    {
+        unsigned number = 0;
+        for (const Step& step : scenario_.steps) {
+            if (step.action != Action::kNote) {
+                timeline_.BeginStep(++number);
+            }
+            Do(step);
+            ShowTrouble();
+        }
+        End();
+        return good_;
+    }
+
+private:
+    static host::MachineOptions MachineOptionsFor(const PlayOptions& options)
+    {
+        host::MachineOptions machine;
+        machine.realTime = options.realTime;
+        return machine;
+    }
+
+    void Boot(const PlayOptions& options)
+    {
+        driver_ = &machine_.Load(options.image, kService);
+        timeline_.Add({EntryKind::kCall, kSystem, kNotifier, "loads " + options.image.filename().string(),
+                       StatusText(driver_->EntryStatus()), NT_SUCCESS(driver_->EntryStatus())});
+        if (!NT_SUCCESS(driver_->EntryStatus())) {
+            throw host::HostError("the driver's entry point failed with " + StatusText(driver_->EntryStatus()));
+        }
+        const NTSTATUS added = driver_->AddDevice();
+        const NTSTATUS started = NT_SUCCESS(added) ? driver_->StartDevice() : added;
+        timeline_.Add({EntryKind::kCall, kSystem, kNotifier, "adds and starts its device", StatusText(started),
+                       NT_SUCCESS(started)});
+        Query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper_);
+        Query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd_);
+    }
+
+    template <class Table>
+    void Query(const GUID& type, Table& table)
+    {
+        const NTSTATUS status = driver_->QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)),
+                                                        ZEP_NOTIFIER_INTERFACE_VERSION);
+        if (!NT_SUCCESS(status)) {
+            throw host::HostError("the driver did not give out its interface: " + StatusText(status));
+        }
+    }
+
+    // Shows a call behind its callbacks: what it did is told in the order in which it happened.
+    void Show(const Step& step, const std::string& who, const std::string& what, NTSTATUS status)
+    {
+        const bool good = step.expect ? status == *step.expect : NT_SUCCESS(status);
+        timeline_.Add({EntryKind::kCall, who, kNotifier, what, StatusText(status), good});
+        good_ = good_ && good;
+    }
+
+    ZepState StateOf(const std::string& client, std::uint32_t state)
+    {
+        return {.Size = sizeof(ZepState),
+                .InterfaceGUID = scenario_.Find(client)->guid,
+                .State = state,
+                .Reserved = 0};
+    }
+
+    void Do(const Step& step)
+    {
+        switch (step.action) {
+        case Action::kNote:
+            timeline_.Add({EntryKind::kHeading, "", "", step.text, "", true});
+            return;
+        case Action::kRegister:
+        case Action::kSubscribe:
+        case Action::kUnsubscribe:
+        case Action::kPost:
+        case Action::kLeave:
+        case Action::kCommand:
+            DoForClient(step, peers_.Find(step.client));
+            return;
+        case Action::kStartDump:
+        case Action::kAddDumpData:
+        case Action::kQueryDump:
+        case Action::kAddTriageData:
+        case Action::kStopDump:
+            DoDump(step, peers_.Find(step.client));
+            return;
+        case Action::kAttach:
+            Show(step, kCrashDump, "attaches", wpcd_.Notifier_WpcdClientInit(&peers_.crashDumpRegistration()));
+            return;
+        case Action::kDetach:
+            Show(step, kCrashDump, "detaches", wpcd_.Notifier_WpcdClientDeInit());
+            return;
+        case Action::kDescribe:
+            DoDescribe(step);
+            return;
+        default:
+            DoForSystem(step);
+        }
+    }
+
+    void DoForClient(const Step& step, Client& client)
+    {
+        const ClientModel& model = client.model();
+        const std::string stateName = step.state ? scenario_.StateName(*step.state) : "any";
+        if (step.action == Action::kRegister) {
+            const NTSTATUS status = helper_.Notifier_HelperInit(
+                &model.guid, model.name.c_str(), model.description.c_str(), &client.callbacks(),
+                client.entries().empty() ? nullptr : client.entries().data(), model.entryCount, &client);
+            peers_.counts.registered += NT_SUCCESS(status) ? 1 : 0;
+            Show(step, model.key, "registers as \"" + model.name + "\"", status);
+        } else if (step.action == Action::kSubscribe) {
+            const ZepState filter = StateOf(step.to, step.state.value_or(ZEP_STATE_ANY));
+            timeline_.Add({EntryKind::kCall, model.key, kNotifier,
+                           "subscribes to " + step.to + (step.state ? " in state " : " in ") + stateName +
+                               (step.state ? "" : " state"),
+                           "", true});
+            peers_.registering = true;
+            const NTSTATUS status =
+                helper_.Notifier_HelperRegisterForStateNotification(&model.guid, &filter, &Client::OnState);
+            peers_.registering = false;
+            Show(step, model.key, "   is subscribed", status);
+        } else if (step.action == Action::kUnsubscribe) {
+            const ZepState filter = StateOf(step.to, step.state.value_or(ZEP_STATE_ANY));
+            Show(step, model.key, "ends its subscription to " + step.to + " (" + stateName + ")",
+                 helper_.Notifier_HelperDeregisterForStateNotification(&model.guid, &filter));
+        } else if (step.action == Action::kPost) {
+            const ZepState state = StateOf(step.client, step.state.value_or(0));
+            ++peers_.counts.posted;
+            Show(step, model.key, "posts its state: " + stateName, helper_.Notifier_HelperSendState(&state));
+        } else if (step.action == Action::kLeave) {
+            Show(step, model.key, "leaves", helper_.Notifier_HelperClientDeinit(&model.guid));
+        } else {
+            const ZepCommand command{.Size = sizeof(ZepCommand),
+                                     .CommandArgument = step.argument,
+                                     .SourceGuid = model.guid,
+                                     .TargetGuid = scenario_.Find(step.to)->guid,
+                                     .CommandId = step.id};
+            Show(step, model.key, "sends command " + std::to_string(step.id) + " to " + step.to,
+                 helper_.Notifier_HelperSendCommand(&command));
+        }
+    }
+
+    void DoDump(const Step& step, Client& client)
+    {
+        const std::string& who = client.model().key;
+        PVOID record = client.dumpRecord();
+        std::uint32_t data = 0xDA7A;
+        if (step.action == Action::kStartDump) {
+            Show(step, who, "starts a dump", helper_.Notifier_HelperStartDump(record, 0x1000, 0x2000));
+        } else if (step.action == Action::kAddDumpData) {
+            Show(step, who, "adds data to its dump",
+                 helper_.Notifier_HelperAddDumpData(record, &data, 0x80000000, 4096, 1));
+        } else if (step.action == Action::kQueryDump) {
+            Show(step, who, "asks for a parameter of its dump",
+                 helper_.Notifier_HelperDumpQueryParam(record, 7, 0, 0));
+        } else if (step.action == Action::kAddTriageData) {
+            Show(step, who, "adds triage data", helper_.Notifier_HelperDumpAddTriageData(record, 0x90000000, 256));
+        } else {
+            Show(step, who, "stops its dump", helper_.Notifier_HelperStopDump(record, 0));
+        }
+    }
+
+    void DoDescribe(const Step& step)
+    {
+        ULONG count = 0;
+        NTSTATUS status = wpcd_.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+        if (NT_SUCCESS(status)) {
+            ULONG capacity = step.hasCapacity ? step.capacity : count;
+            std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> descriptors(capacity + 1);
+            status = wpcd_.Notifier_WpcdGetAllSubsystemDescriptors(descriptors.data(), &capacity);
+            for (ULONG index = 0; NT_SUCCESS(status) && index < capacity; ++index) {
+                timeline_.Add({EntryKind::kCallback, kNotifier, kCrashDump,
+                               "describes " + peers_.NameOf(descriptors[index].InterfaceGUID) + ", \"" +
+                                   descriptors[index].SubsystemName + "\"",
+                               "", true});
+            }
+        }
+        Show(step, kCrashDump, "asks for the descriptors of all " + std::to_string(count) + " clients", status);
+    }
+
+    void DoForSystem(const Step& step)
+    {
+        switch (step.action) {
+        case Action::kDeliver:
+            Deliver();
+            return;
+        case Action::kOpen:
+            Show(step, "application", "opens the control device", driver_->Open(file_).status);
+            return;
+        case Action::kControl: {
+            const std::uint32_t code = step.id == 0 ? IOCTL_ZEPN_NOTIFY_APPS_STATE : step.id;
+            Show(step, "application", "sends an I/O control", driver_->DeviceControl(file_, code).status);
+            return;
+        }
+        case Action::kClose:
+            driver_->Close(file_);
+            Show(step, "application", "closes the control device", STATUS_SUCCESS);
+            return;
+        case Action::kTimeout:
+            machine_.SetRegistryValue(kService, "SubsystemNotificationTimeout", step.argument);
+            Show(step, kSystem, "sets the time to wait before sleep: " + std::to_string(step.argument) + " ms",
+                 STATUS_SUCCESS);
+            return;
+        case Action::kSleep: {
+            const std::size_t delaysBefore = machine_.Delays().size();
+            machine_.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
+            std::int64_t waitedMs = 0;
+            const std::vector<std::int64_t> delays = machine_.Delays();
+            for (std::size_t index = delaysBefore; index < delays.size(); ++index) {
+                waitedMs += -delays[index] / 10000;
+            }
+            Show(step, kSystem, "is about to sleep; held for " + std::to_string(waitedMs) + " ms", STATUS_SUCCESS);
+            return;
+        }
+        case Action::kWake:
+            machine_.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 1);
+            Show(step, kSystem, "is awake again", STATUS_SUCCESS);
+            return;
+        case Action::kRefuseStop:
+            Show(step, kSystem, "asks the device to stop", driver_->QueryStopDevice());
+            return;
+        case Action::kRefuseRemove:
+            Show(step, kSystem, "asks to remove the device", driver_->QueryRemoveDevice());
+            return;
+        case Action::kSurpriseRemoval:
+            driver_->SurpriseRemoveDevice();
+            Show(step, kSystem, "the device is pulled out", STATUS_SUCCESS);
+            return;
+        case Action::kRemove: {
+            const host::Outcome outcome = driver_->RemoveDevice();
+            ShowParked(outcome);
+            Show(step, kSystem, "the device is removed", STATUS_SUCCESS);
+            return;
+        }
+        case Action::kUnload:
+            driver_->Unload();
+            Show(step, kSystem, "unloads the driver", STATUS_SUCCESS);
+            return;
+        default:
+            return;
+        }
+    }
+
+    void Deliver()
+    {
+        const std::size_t queued = machine_.QueuedWorkItems();
+        timeline_.Add({EntryKind::kCall, kSystem, kNotifier,
+                       queued == 0 ? "nothing is queued" : "lets the queued work run", "", true});
+        const host::PumpResult result = machine_.RunWorkItems();
+        for (const host::Outcome& outcome : result.parked) {
+            ShowParked(outcome);
+        }
+    }
+
+    void ShowParked(const host::Outcome& outcome)
+    {
+        if (outcome.parked) {
+            timeline_.Add({EntryKind::kTrouble, "", "", "a thread stands still for ever: it " + outcome.reason, "",
+                           false});
+            good_ = false;
+        }
+    }
+
+    void ShowTrouble()
+    {
+        for (const auto& violation : machine_.violations().Take()) {
+            timeline_.Add({EntryKind::kTrouble, "", "", violation.Text(), "", false});
+            ++violations_;
+            good_ = false;
+        }
+    }
+
+    // What the scenario left open is ended as the system would.
+    void End()
+    {
+        if (driver_->HasDevice()) {
+            if (file_ != 0) {
+                driver_->Close(file_);
+            }
+            driver_->SurpriseRemoveDevice();
+            ShowParked(driver_->RemoveDevice());
+        }
+        if (driver_->IsLoaded() && !driver_->HasDevice()) {
+            driver_->Unload();
+        }
+        ShowTrouble();
+        const Counts& counts = peers_.counts;
+        timeline_.Close(std::to_string(counts.registered) + " clients, " + std::to_string(counts.posted) +
+                            " states posted, " + std::to_string(counts.delivered) + " deliveries, " +
+                            std::to_string(counts.answered) + " answers, " + std::to_string(counts.commands) +
+                            " commands, " + std::to_string(counts.announced) + " announcements, " +
+                            std::to_string(counts.dumpCalls) + " dump calls; " +
+                            (violations_ == 0 ? "no violation, nothing left behind"
+                                              : std::to_string(violations_) + " violations"),
+                        good_);
+    }
+
+    const Scenario& scenario_;
+    Timeline& timeline_;
+    host::Machine machine_;
+    Peers peers_;
+    std::unique_ptr<Reports> reports_;
+    host::Driver* driver_ = nullptr;
+    ZEP_NOTIFIER_HELPER_INTERFACE helper_{};
+    ZEP_NOTIFIER_WPCD_INTERFACE wpcd_{};
+    host::FileId file_ = 0;
+    unsigned violations_ = 0;
+    bool good_ = true;
+};
+
+}  // namespace
+
+bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeline)
+{
+    return Player(scenario, options, timeline).Run();
+}
+
+}  // namespace play

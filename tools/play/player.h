@@ -1,0 +1,25 @@
+// Plays a scenario on a driver image in the host.
+#pragma once
+
+#include "tools/play/scenario.h"
+#include "tools/play/timeline.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+
+namespace play {
+
+struct PlayOptions {
+    std::filesystem::path image;
+    std::filesystem::path decodingFiles;      // folder with zepn.man and the .tmf files
+    std::optional<std::uint8_t> eventLevel;   // open an event session at this level
+    bool traceMessages = false;               // open a trace-message session with all flags and levels
+    bool realTime = false;                    // the configured wait before sleep is really waited
+};
+
+// True when every step ended as the scenario expects and the host found nothing wrong. Throws host::HostError when the
+// image is refused.
+[[nodiscard]] bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeline);
+
+}  // namespace play
