@@ -1,5 +1,7 @@
 #include "host/environment.h"
 
+#include "host/schedule/yield.h"
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -70,6 +72,7 @@ ScopedIrql::~ScopedIrql()
 PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maximum, const char* detail)
     : function_(function), caller_(caller)
 {
+    schedule::YieldPoint(schedule::YieldKind::kPlatformCall, function);
     Environment& environment = Environment::Current();
     const KIRQL level = ThreadState::Current().irql;
     if (level > maximum) {

@@ -118,7 +118,7 @@ void InstallHandlers()
 
 void CatchMemoryFaults()
 {
-    if constexpr (!kSanitized) {
+    if (!kSanitized) {
         static std::once_flag installed;
         std::call_once(installed, InstallHandlers);
         thread_local AlternateStack stack;

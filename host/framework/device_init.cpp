@@ -83,8 +83,8 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
                             PWDF_OBJECT_ATTRIBUTES attributes, WDFDEVICE* handle)
 {
     const PlatformCall call("WdfDeviceCreate", HOST_CALLER, PASSIVE_LEVEL);
-    if (call.fault()) {
-        return call.fault()->status;
+    if (const std::optional<NTSTATUS> injected = Injected(call, handle)) {
+        return *injected;
     }
     if (!Requires(call, initPointer, "DeviceInit") || !Requires(call, handle, "Device") ||
         !IsUsable(call, *initPointer)) {

@@ -3,15 +3,33 @@
 
 #include "host/framework/framework.h"
 
+#include <optional>
+
 namespace host::framework::functions {
+
+// What an injected fault makes of a call that stores a handle; empty when none strikes it.
+template <class Handle>
+std::optional<NTSTATUS> Injected(const PlatformCall& call, Handle* output)
+{
+    if (!call.fault() || call.fault()->form == checks::FaultForm::kNull) {
+        return std::nullopt;
+    }
+    if (call.fault()->form == checks::FaultForm::kStatus) {
+        return call.fault()->status;
+    }
+    if (output != nullptr) {
+        *output = nullptr;
+    }
+    return STATUS_SUCCESS;
+}
 
 // Creation of an object whose attributes are optional and whose default parent is the driver object.
 template <class T, class Handle>
 NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, const WDF_OBJECT_ATTRIBUTES* attributes,
                 Handle* handle, const char* argument)
 {
-    if (call.fault()) {
-        return call.fault()->status;
+    if (const std::optional<NTSTATUS> injected = Injected(call, handle)) {
+        return *injected;
     }
     if (!Requires(call, handle, argument)) {
         return STATUS_INVALID_PARAMETER;

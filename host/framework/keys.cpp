@@ -37,7 +37,7 @@ NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFD
         registry.CreateParameters(service);
     }
     const NTSTATUS status = Create<KeyObject>(call, globals, attributes, handle, "Key");
-    if (NT_SUCCESS(status) && !call.fault()) {
+    if (NT_SUCCESS(status) && handle != nullptr && *handle != nullptr) {
         const std::lock_guard lock(framework.mutex);
         if (auto* key = framework.Resolve<KeyObject>(call, *handle, "Key")) {
             key->service = service;

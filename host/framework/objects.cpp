@@ -212,14 +212,8 @@ NTSTATUS NTAPI ObjectAllocateContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PWDF
                                      PVOID* memory)
 {
     const PlatformCall call("WdfObjectAllocateContext", HOST_CALLER, DISPATCH_LEVEL);
-    if (call.fault()) {
-        if (call.fault()->form == checks::FaultForm::kStatus) {
-            return call.fault()->status;
-        }
-        if (memory != nullptr) {
-            *memory = nullptr;
-        }
-        return STATUS_SUCCESS;
+    if (const std::optional<NTSTATUS> injected = Injected(call, memory)) {
+        return *injected;
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);

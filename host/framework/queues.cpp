@@ -44,8 +44,8 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
                              PWDF_OBJECT_ATTRIBUTES attributes, WDFQUEUE* handle)
 {
     const PlatformCall call("WdfIoQueueCreate", HOST_CALLER, DISPATCH_LEVEL);
-    if (call.fault()) {
-        return call.fault()->status;
+    if (const std::optional<NTSTATUS> injected = Injected(call, handle)) {
+        return *injected;
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);

@@ -147,8 +147,8 @@ NTSTATUS NTAPI WorkItemCreate(PWDF_DRIVER_GLOBALS globals, PWDF_WORKITEM_CONFIG 
                               PWDF_OBJECT_ATTRIBUTES attributes, WDFWORKITEM* handle)
 {
     const PlatformCall call("WdfWorkItemCreate", HOST_CALLER, DISPATCH_LEVEL);
-    if (call.fault()) {
-        return call.fault()->status;
+    if (const std::optional<NTSTATUS> injected = Injected(call, handle)) {
+        return *injected;
     }
     if (!Requires(call, config, "Config") || !Requires(call, handle, "WorkItem")) {
         return STATUS_INVALID_PARAMETER;

@@ -1,0 +1,207 @@
+// Listeners: what they get at which level, when they come and go, and that a silent driver writes nothing.
+#include "tests/support/world.h"
+
+namespace tests {
+namespace {
+
+class Reporting : public OnContainer {};
+FOR_ALL_CONTAINERS(Reporting);
+
+std::set<unsigned> EventIds(World& world)
+{
+    std::set<unsigned> ids;
+    for (const auto& event : world.machine.tracing().Events()) {
+        ids.insert(event.descriptor.Id);
+    }
+    return ids;
+}
+
+// A bit of everything: entries, an error, a warning, a delivery.
+void LiveALittle(World& world)
+{
+    Peer one(1);
+    Peer other(2);
+    EXPECT_EQ(world.Register(one), STATUS_SUCCESS);
+    EXPECT_EQ(world.Register(other), STATUS_SUCCESS);
+    EXPECT_EQ(world.Register(one), STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
+    EXPECT_EQ(world.Unsubscribe(one, other, 3), STATUS_SUCCESS);
+    EXPECT_EQ(world.Subscribe(one, other, ZEP_STATE_ANY), STATUS_SUCCESS);
+    EXPECT_EQ(world.Post(other, 3), STATUS_SUCCESS);
+    world.Deliver();
+    EXPECT_EQ(one.deliveries.size(), 2u);
+    EXPECT_EQ(world.Leave(one), STATUS_SUCCESS);
+    EXPECT_EQ(world.Leave(other), STATUS_SUCCESS);
+}
+
+TEST_P(Reporting, WithoutListenersNothingIsWrittenAndAllWorksTheSame)
+{
+    World world(GetParam(), {.records = false});
+    LiveALittle(world);
+    world.TakeDown();
+    EXPECT_EQ(world.machine.tracing().UnheardEvents(), 0u);
+    EXPECT_EQ(world.machine.tracing().UnheardMessages(), 0u);
+}
+
+TEST_P(Reporting, EventLevelsSelectAsTheSystemDefinesThem)
+{
+    struct Row {
+        std::uint8_t level;
+        std::set<unsigned> ids;
+    };
+    const Row kRows[] = {
+        {1, {}},
+        {2, {10, 12}},
+        {3, {10, 12, 22}},
+        {4, {10, 12, 22, 41, 43, 44}},
+        {5, {10, 12, 22, 41, 43, 44, 61}},
+        {0, {10, 12, 22, 41, 43, 44, 61}},
+        {200, {10, 12, 22, 41, 43, 44, 61}},
+    };
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(int{row.level});
+        World world(GetParam(), {.records = false, .boots = false});
+        world.machine.tracing().OpenEventSession({kProvider, row.level});
+        world.Load();
+        ASSERT_EQ(world.driver->AddDevice(), STATUS_SUCCESS);
+        world.Start();
+        LiveALittle(world);
+        world.TakeDown();
+        EXPECT_EQ(EventIds(world), row.ids);
+        EXPECT_EQ(world.machine.tracing().UnheardEvents(), 0u);
+    }
+}
+
+TEST_P(Reporting, EventsCarryNoKeywordChannelTaskOrVersion)
+{
+    World world(GetParam());
+    LiveALittle(world);
+    for (const auto& event : world.machine.tracing().Events()) {
+        const EVENT_DESCRIPTOR& d = event.descriptor;
+        EXPECT_EQ(d.Version + d.Channel + d.Opcode + d.Task, 0);
+        EXPECT_EQ(d.Keyword, 0u);
+        EXPECT_EQ(memcmp(&event.provider, &kProvider, sizeof(GUID)), 0);
+    }
+}
+
+TEST_P(Reporting, ListenersComeChangeAndGoWhileTheDriverRuns)
+{
+    World world(GetParam(), {.records = false});
+    auto& tracing = world.machine.tracing();
+    const auto errors = tracing.OpenEventSession({kProvider, 2});
+    LiveALittle(world);
+    EXPECT_EQ(EventIds(world), (std::set<unsigned>{10, 12}));
+    const auto all = tracing.OpenEventSession({kProvider, 5});
+    tracing.ClearCaptured();
+    LiveALittle(world);
+    EXPECT_EQ(EventIds(world), (std::set<unsigned>{10, 12, 22, 61}));
+
+    // The level falls back to what the session that stays wants.
+    tracing.Close(all);
+    tracing.ClearCaptured();
+    LiveALittle(world);
+    EXPECT_EQ(EventIds(world), (std::set<unsigned>{10, 12}));
+    tracing.ChangeEventSession(errors, {kProvider, 1});
+    tracing.ClearCaptured();
+    LiveALittle(world);
+    EXPECT_TRUE(EventIds(world).empty());
+    tracing.Close(errors);
+    EXPECT_EQ(tracing.UnheardEvents(), 0u);
+}
+
+TEST_P(Reporting, OtherControlCodesAndANullContextChangeNothing)
+{
+    World world(GetParam(), {.records = false});
+    auto& tracing = world.machine.tracing();
+    tracing.OpenEventSession({kProvider, 2});
+    tracing.SendEventControl(kProvider, 2, 5, 0, 0);
+    tracing.SendEventControl(kProvider, 7, 5, 0, 0);
+    tracing.SendEventControl(kProvider, 0, 0, 0, 0, true);
+    LiveALittle(world);
+    EXPECT_EQ(EventIds(world), (std::set<unsigned>{10, 12}));
+    tracing.SendEventControl(kProvider, 0, 0, 0, 0);
+    tracing.ClearCaptured();
+    LiveALittle(world);
+    EXPECT_TRUE(EventIds(world).empty());
+}
+
+// Both registration routes: who listens with which flags and level gets which messages.
+TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
+{
+    struct Row {
+        std::uint32_t flags;
+        std::uint8_t level;
+        bool entry;
+        bool error;
+        bool progress;
+        bool detail;
+    };
+    constexpr Row kRows[] = {
+        {3, 5, true, true, true, true},      {3, 4, true, true, true, false},   {3, 3, false, true, false, false},
+        {3, 1, false, false, false, false},  {3, 0, false, false, false, false}, {1, 5, true, false, false, false},
+        {2, 5, false, true, true, true},     {2, 2, false, true, false, false}, {4, 5, false, false, false, false},
+        {0xFFFFFFFF, 255, true, true, true, true},
+    };
+    for (const auto route : {host::TraceRoutes::kClassic, host::TraceRoutes::kLegacy}) {
+        for (const Row& row : kRows) {
+            SCOPED_TRACE(testing::Message() << "flags " << row.flags << " level " << int{row.level} << " route "
+                                            << static_cast<int>(route));
+            World world(GetParam(), {.machine = {.traceRoutes = route}, .records = false, .boots = false});
+            world.machine.tracing().OpenMessageSession({kControl, row.level, row.flags});
+            world.Load();
+            ASSERT_EQ(world.driver->AddDevice(), STATUS_SUCCESS);
+            world.Start();
+            LiveALittle(world);
+            world.TakeDown();
+            std::set<unsigned> numbers;
+            for (const auto& message : world.machine.tracing().Messages()) {
+                numbers.insert(message.number);
+            }
+            EXPECT_EQ(numbers.contains(10), row.entry);
+            EXPECT_EQ(numbers.contains(76), row.error);     // the GUID that is registered already
+            EXPECT_EQ(numbers.contains(137), row.progress);  // a posted state
+            EXPECT_EQ(numbers.contains(57), row.detail);    // the power callback is unregistered
+            EXPECT_EQ(world.machine.tracing().UnheardMessages(), 0u);
+            EXPECT_EQ(world.machine.tracing().MessageProviders(), 0u);
+        }
+    }
+}
+
+TEST_P(Reporting, ClosedAndUnknownControlsSilenceMessages)
+{
+    World world(GetParam(), {.records = false});
+    auto& tracing = world.machine.tracing();
+    const auto session = tracing.OpenMessageSession({kControl, 5, 3});
+    tracing.SendMessageControl(kControl, 2);
+    LiveALittle(world);
+    EXPECT_FALSE(tracing.Messages().empty());
+    tracing.Close(session);
+    tracing.ClearCaptured();
+    LiveALittle(world);
+    EXPECT_TRUE(tracing.Messages().empty());
+    EXPECT_EQ(tracing.UnheardMessages(), 0u);
+}
+
+TEST_P(Reporting, MissingVersionRoutineMeansTheOldRoute)
+{
+    World world(GetParam(), {.machine = {.exportsPsGetVersion = false}, .boots = false});
+    world.Load();
+    EXPECT_EQ(world.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"}));
+    world.TakeDown();
+    world.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);
+    EXPECT_EQ(world.machine.tracing().MessageProviders(), 0u);
+}
+
+TEST_P(Reporting, FailedProviderRegistrationDoesNotHurt)
+{
+    World world(GetParam(), {.records = false, .boots = false});
+    world.Fail("EtwRegister", STATUS_NO_MEMORY);
+    world.Fail("EtwRegisterClassicProvider", STATUS_NO_MEMORY);
+    world.Load();
+    world.EndFaults();
+    ASSERT_EQ(world.driver->AddDevice(), STATUS_SUCCESS);
+    world.Start();
+    LiveALittle(world);
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,252 @@
+// One function for each rule that the driver can break; reports name it as the caller.
+#include "tests/broken_drivers/scenarios.h"
+
+WDF_DECLARE_CONTEXT_TYPE(BROKEN_CONTEXT)
+
+#define SCENARIO __attribute__((noinline)) static void
+
+namespace {
+
+constexpr ULONG kTag = 'nkrB';
+constexpr ULONG kOtherTag = 'rhtO';
+
+WDFOBJECT NewObject()
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, BROKEN_CONTEXT);
+    WDFOBJECT object = nullptr;
+    (void)WdfObjectCreate(&attributes, &object);
+    return object;
+}
+
+WDFWAITLOCK NewLock()
+{
+    WDFWAITLOCK lock = nullptr;
+    (void)WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &lock);
+    return lock;
+}
+
+WDFCOLLECTION NewCollection()
+{
+    WDFCOLLECTION collection = nullptr;
+    (void)WdfCollectionCreate(WDF_NO_OBJECT_ATTRIBUTES, &collection);
+    return collection;
+}
+
+void NTAPI OnPowerState(PVOID, PVOID, PVOID)
+{
+}
+
+PCALLBACK_OBJECT OpenPowerState()
+{
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, L"\\Callback\\PowerState");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    PCALLBACK_OBJECT object = nullptr;
+    (void)ExCreateCallback(&object, &attributes, FALSE, TRUE);
+    return object;
+}
+
+REGHANDLE RegisterTracing()
+{
+    REGHANDLE handle = 0;
+    (void)EtwRegister(&kBrokenInterface, nullptr, nullptr, &handle);
+    return handle;
+}
+
+volatile ULONG g_sink;
+
+}  // namespace
+
+SCENARIO NullHandle()
+{
+    WdfObjectDelete(nullptr);
+}
+
+SCENARIO WrongType()
+{
+    (void)WdfCollectionGetCount(reinterpret_cast<WDFCOLLECTION>(NewLock()));
+}
+
+SCENARIO DeadHandle()
+{
+    const WDFOBJECT object = NewObject();
+    WdfObjectDelete(object);
+    WdfObjectReference(object);
+}
+
+SCENARIO ForeignHandle()
+{
+    ULONG number = 0;
+    WdfObjectDelete(&number);
+}
+
+SCENARIO RequiredParameter()
+{
+    (void)WdfObjectCreate(WDF_NO_OBJECT_ATTRIBUTES, nullptr);
+}
+
+SCENARIO BadParameter()
+{
+    ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 16, 0), 0);
+}
+
+SCENARIO DeleteNotAllowed()
+{
+    WdfObjectDelete(TheDevice());
+}
+
+SCENARIO ReferenceUnderflow()
+{
+    WdfObjectDereference(NewObject());
+}
+
+// The reference that goes is the collection's.
+SCENARIO StolenReference()
+{
+    const WDFOBJECT object = NewObject();
+    (void)WdfCollectionAdd(NewCollection(), object);
+    WdfObjectDereference(object);
+}
+
+SCENARIO CollectionIndex()
+{
+    WdfCollectionRemoveItem(NewCollection(), 0);
+}
+
+SCENARIO CollectionStranger()
+{
+    WdfCollectionRemove(NewCollection(), NewObject());
+}
+
+SCENARIO LockNotOwned()
+{
+    WdfWaitLockRelease(NewLock());
+}
+
+// Run at DISPATCH_LEVEL.
+SCENARIO AboveItsLevel()
+{
+    WdfWorkItemFlush(nullptr);
+}
+
+SCENARIO SelfWait()
+{
+    const WDFWAITLOCK lock = NewLock();
+    (void)WdfWaitLockAcquire(lock, nullptr);
+    (void)WdfWaitLockAcquire(lock, nullptr);
+    WdfWaitLockRelease(lock);
+}
+
+SCENARIO PoolWrongTag()
+{
+    ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 40, kTag), kOtherTag);
+}
+
+SCENARIO PoolDoubleFree()
+{
+    PVOID const block = ExAllocatePoolWithTag(NonPagedPoolNx, 40, kTag);
+    ExFreePoolWithTag(block, kTag);
+    ExFreePoolWithTag(block, kTag);
+}
+
+// Only where no guard page stops it.
+SCENARIO PoolOverrun()
+{
+    auto* block = static_cast<volatile UCHAR*>(ExAllocatePoolWithTag(NonPagedPoolNx, 40, kTag));
+    block[40] = 1;
+    ExFreePoolWithTag(const_cast<UCHAR*>(block), kTag);
+}
+
+SCENARIO TraceHandle()
+{
+    const EVENT_DESCRIPTOR event{};
+    (void)EtwWrite(0x1234, &event, nullptr, 0, nullptr);
+}
+
+SCENARIO TraceHandleTwice()
+{
+    const REGHANDLE handle = RegisterTracing();
+    (void)EtwUnregister(handle);
+    (void)EtwUnregister(handle);
+}
+
+SCENARIO NotProvided()
+{
+    constexpr unsigned kIoTargetOpen = 168;
+    using Function = NTSTATUS(NTAPI*)(PWDF_DRIVER_GLOBALS, WDFIOTARGET, PVOID);
+    (void)reinterpret_cast<Function>(WdfFunctions[kIoTargetOpen])(WdfDriverGlobals, nullptr, nullptr);
+}
+
+SCENARIO BugCheck()
+{
+    KeBugCheckEx(0xE2, 1, 2, 3, 4);
+}
+
+SCENARIO KernelReference()
+{
+    PCALLBACK_OBJECT const object = OpenPowerState();
+    ObDereferenceObject(object);
+    ObDereferenceObject(object);
+}
+
+SCENARIO LeavesPool()
+{
+    g_sink = ExAllocatePoolWithTag(NonPagedPoolNx, 40, kTag) != nullptr ? 1 : 0;
+}
+
+SCENARIO LeavesRegistration()
+{
+    PCALLBACK_OBJECT const object = OpenPowerState();
+    (void)ExRegisterCallback(object, OnPowerState, nullptr);
+    ObDereferenceObject(object);
+}
+
+SCENARIO LeavesReference()
+{
+    WdfObjectReference(NewObject());
+}
+
+SCENARIO LeavesTracing()
+{
+    (void)RegisterTracing();
+}
+
+SCENARIO TouchesHandle()
+{
+    g_sink = *static_cast<volatile ULONG*>(NewObject());
+}
+
+SCENARIO TouchesFreedContext()
+{
+    const WDFOBJECT object = NewObject();
+    const volatile BROKEN_CONTEXT* context = WdfObjectGet_BROKEN_CONTEXT(object);
+    WdfObjectDelete(object);
+    g_sink = context->Numbers[0];
+}
+
+SCENARIO TouchesBehindPool()
+{
+    auto* block = static_cast<volatile UCHAR*>(ExAllocatePoolWithTag(NonPagedPoolNx, 48, kTag));
+    block[48] = 1;
+}
+
+SCENARIO Trap()
+{
+    __builtin_trap();
+}
+
+void NTAPI RunScenario(Scenario scenario)
+{
+    static void (*const kScenarios[])() = {
+        NullHandle,       WrongType,          DeadHandle,         ForeignHandle,   RequiredParameter,  BadParameter,
+        DeleteNotAllowed, ReferenceUnderflow, StolenReference,    CollectionIndex, CollectionStranger, LockNotOwned,
+        AboveItsLevel,    SelfWait,           PoolWrongTag,       PoolDoubleFree,  PoolOverrun,        TraceHandle,
+        TraceHandleTwice, NotProvided,        BugCheck,           KernelReference, LeavesPool,         LeavesRegistration,
+        LeavesReference,  LeavesTracing,      TouchesHandle,      TouchesFreedContext,
+        TouchesBehindPool, Trap,
+    };
+    static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kTrap) + 1);
+    kScenarios[static_cast<ULONG>(scenario)]();
+}

@@ -1,0 +1,7 @@
+#pragma once
+
+#include "tests/broken_drivers/broken.h"
+
+void NTAPI RunScenario(Scenario scenario);
+
+WDFDEVICE TheDevice();
