@@ -124,7 +124,7 @@ static bool HandToTarget(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCo
 {
     const ZEP_NOTIFIER_CLIENT_CONTEXT& target = *parties.target;
     if (target.ActionCallbackTable.CommandCallback == nullptr) {
-        Report<Site::kNotifyCommandsNoCallback>(command.TargetGuid, STATUS_SUCCESS);
+        Report<Site::kNotifyCommandsNoCallback>(command.TargetGuid, STATUS_SUCCESS);  // On purpose: status 0
         return false;
     }
 
@@ -218,12 +218,13 @@ void NotifierEvtWorkItemNotifyCommands(WDFWORKITEM)
         return;
     }
 
-    // On purpose found once for the run, not anew for each pass.
+    // On purpose one command a run; and the parties are found once for the run, not anew for each pass.
     Parties parties = {.sender = nullptr, .target = nullptr};
     Delivery delivery;
     do {
         status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
         if (status != STATUS_SUCCESS) {
+            // On purpose a hold of the pass before is not given back. Only a framework fault leads here then.
             Report<Site::kNotifyCommandsClientsLock>(status);
             WdfWaitLockRelease(context->wdfWaitLockNotifyCommandsWorkItem);
             return;

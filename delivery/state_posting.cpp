@@ -18,6 +18,7 @@ static NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WD
     if (status != STATUS_SUCCESS) {
         return ReportFailure<Site::kSendStateClientsLock>(status);
     }
+    // On purpose before the add, whatever becomes of it.
     WriteULongNoFence(&client.WpcdRefreshPending, 0);
     status = WdfCollectionAdd(context.wdfCollectionWpcdClientAddQueue, clientObject);
     if (!NT_SUCCESS(status)) {
@@ -56,13 +57,16 @@ static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
         return status;
     }
     status = WdfCollectionAdd(context.wdfCollectionZepStates, object);
-    if (status != STATUS_SUCCESS) {
+    if (status != STATUS_SUCCESS) {  // On purpose any other status, while the add queue goes by the sign
         Report<Site::kSendStateAdd>(status);
         WdfObjectDelete(object);
         WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
         return status;
     }
-    Report<Site::kSendStatePosted>(client.InterfaceGUID.Data1, ReadULongNoFence(&client.CurrentState));
+    if (IsHeard<Site::kSendStatePosted>()) {
+        // Only now: the client may be gone already, and its context with it.
+        Report<Site::kSendStatePosted>(client.InterfaceGUID.Data1, ReadULongNoFence(&client.CurrentState));
+    }
     WdfWorkItemEnqueue(context.wdfWorkItemNotifyStates);
     WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
     return STATUS_SUCCESS;

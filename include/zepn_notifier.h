@@ -184,8 +184,9 @@ typedef ZEP_NOTIFIER_HELPER_INIT* PZEP_NOTIFIER_HELPER_INIT;
 // STATUS_INVALID_PARAMETER  InterfaceGUID is NULL
 // STATUS_NOT_FOUND          no such client
 // STATUS_IO_DEVICE_ERROR    the Notifier is not up, or an inner object was missing
-// others                    the framework failed while the removal was handed to the crash-dump driver: the client is
-//                           gone all the same and the crash-dump driver is not told
+// others                    the framework failed. When it did so while the removal was handed to the crash-dump driver
+//                           (STATUS_IO_DEVICE_ERROR included), the client is gone all the same and the crash-dump
+//                           driver is not told; else the client is still registered
 _IRQL_requires_max_(PASSIVE_LEVEL)
 typedef NTSTATUS(NTAPI ZEP_NOTIFIER_HELPER_CLIENT_DEINIT)(_In_ const GUID* InterfaceGUID);
 typedef ZEP_NOTIFIER_HELPER_CLIENT_DEINIT* PZEP_NOTIFIER_HELPER_CLIENT_DEINIT;
@@ -199,7 +200,8 @@ typedef ZEP_NOTIFIER_HELPER_CLIENT_DEINIT* PZEP_NOTIFIER_HELPER_CLIENT_DEINIT;
 // STATUS_INVALID_PARAMETER       State is NULL; nothing changed
 // STATUS_INVALID_DEVICE_REQUEST  no client has this GUID; nothing changed
 // STATUS_IO_DEVICE_ERROR         the Notifier is not up, or an inner object was missing
-// others                         the framework failed: the state may be recorded, but is not delivered
+// others                         the framework failed. After this and after a missing inner object the state may be
+//                                recorded, but is not delivered
 _IRQL_requires_max_(PASSIVE_LEVEL)
 typedef NTSTATUS(NTAPI ZEP_NOTIFIER_HELPER_SEND_STATE)(_In_ const ZepState* State);
 typedef ZEP_NOTIFIER_HELPER_SEND_STATE* PZEP_NOTIFIER_HELPER_SEND_STATE;

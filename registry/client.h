@@ -10,8 +10,8 @@
 inline constexpr ULONG kDataEntriesTag = 'aftn';  // "ntfa" in memory
 
 // The clients lock guards the record, with exceptions: CurrentState is written under the general lock by posting and
-// without it by delivery, and the two flags are set under the general lock; all three are read and written through the
-// no-fence accessors. At removal the record is copied byte for byte for the crash-dump driver, so it holds no pointer
+// without it by delivery, and the two flags are set under the general lock; WpcdRefreshPending is cleared under the
+// clients lock. Once a client can be found, all three are read and written through the no-fence accessors. At removal the record is copied byte for byte for the crash-dump driver, so it holds no pointer
 // into itself. Its head, up to the description, is what that driver may read.
 struct _ZEP_NOTIFIER_CLIENT_CONTEXT {
     GUID InterfaceGUID;                                         // identity, unique among the registered
@@ -25,7 +25,7 @@ struct _ZEP_NOTIFIER_CLIENT_CONTEXT {
     ULONG WpcdRefreshPending;   // 1: it was handed over without a state and is announced again with its next one
     ULONG CurrentState;         // 0: none yet
     WDFCOLLECTION
-        wdfCollectionStateRegistrations;  // its own subscriptions; child of the driver object, deleted with it
+    wdfCollectionStateRegistrations;  // its own subscriptions; a child of the driver object, deleted when the client goes
 };
 static_assert(offsetof(ZEP_NOTIFIER_CLIENT_CONTEXT, InterfaceGUID) == 0 &&
               offsetof(ZEP_NOTIFIER_CLIENT_CONTEXT, SubsystemName) == 16 &&

@@ -9,7 +9,7 @@
 
 static void FreeEntries(const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
-    // The field keeps its value: the context goes at once, and a copy of it is read by nobody.
+    // On purpose not cleared: the context goes at once, and nobody reads the field in the copy.
     if (client.DataEntries != nullptr) {
         ExFreePoolWithTag(client.DataEntries, kDataEntriesTag);
     }
@@ -130,7 +130,8 @@ NTSTATUS Notifier_HelperClientDeinit(const GUID* interfaceGuid)
     if (ReadULongNoFence(&client->AddedToWpcd) != 0) {
         status = QueueWithdrawal(*context, *client);
         if (!NT_SUCCESS(status)) {
-            // On purpose: the emptied registrations collection stays with the driver object.
+            // On purpose: the registrations collection is neither drained nor deleted. It stays with the driver object
+            // and keeps the subscriptions, which are deleted with the client.
             WdfObjectDelete(clientObject);
             WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
             return status;

@@ -47,7 +47,7 @@ inline constexpr Row kDeliveryRows[] = {
     CallFailed(Site::kNotifyStatesFollowUpObject, "NotifierEvtWorkItemNotifyStates",
                "WdfObjectCreate for state notification", 152),
     ContextMissing(Site::kNotifyStatesFollowUpContext, "NotifierEvtWorkItemNotifyStates", "State context", 153),
-    // The comma at the end is part of the text; it tells this lock apart from the one of the drain loop.
+    // On purpose: the comma at the end is part of the text; it tells this lock apart from the one of the drain loop.
     CallFailed(Site::kNotifyStatesFollowUpLock, "NotifierEvtWorkItemNotifyStates",
                "WdfWaitLockAcquire for wdfWaitLockStatesCollection,", 154),
     CallFailed(Site::kNotifyStatesFollowUpAdd, "NotifierEvtWorkItemNotifyStates",
@@ -102,6 +102,7 @@ inline constexpr Row kDeliveryRows[] = {
     CallFailed(Site::kAppsStateLock, "Notifier_NotifyAppsState", "WdfWaitLockAcquire for wdfWaitLockClientsCollection",
                185),
     CallFailed(Site::kAppsStateParent, "Notifier_NotifyAppsState", "WdfObjectCreate", 186),
+    // On purpose: "for for" here too, and the names of no member in this text and that of the append.
     CallFailed(Site::kAppsStateCollection, "Notifier_NotifyAppsState",
                "WdfCollectionObjectCreate for for wdfCollectionAttributes", 187),
     ItemMissing(Site::kAppsStateClientItem, "Notifier_NotifyAppsState", "WdfCollectionGetItem", 188),
@@ -113,6 +114,7 @@ inline constexpr Row kDeliveryRows[] = {
     ContextMissing(Site::kAppsStateStateContext, "Notifier_NotifyAppsState", "State notification context", 192),
     CallFailed(Site::kAppsStateAdd, "Notifier_NotifyAppsState", "WdfCollectionAdd for wdfClientCollection", 193),
     ItemMissing(Site::kAppsStatePostItem, "Notifier_NotifyAppsState", "WdfCollectionGetItem", 194),
+    // On purpose: the same words again.
     ContextMissing(Site::kAppsStatePostContext, "Notifier_NotifyAppsState", "State notification context", 195),
     Traced(Site::kAppsStatePosting, "Notifier_NotifyAppsState", 196, kLevelInformation, Values::kWords2,
            "client %10!08X! wants state %11!u!"),

@@ -57,7 +57,7 @@ inline constexpr Row kDriverRows[] = {
      {.number = 16, .level = kLevelInformation, .bare = true, .text = "device created"}},
     CallFailed(Site::kDeviceAddSymbolicLink, "NotifierEvtDeviceAdd", "WdfDeviceCreateSymbolicLink", 17),
     CallFailed(Site::kDeviceAddQueue, "NotifierEvtDeviceAdd", "WdfIoQueueCreate", 18),
-    // The doubled "for" is how these texts have always read; tools search for them.
+    // On purpose: the doubled "for" is how these texts have always read; tools search for them.
     CallFailed(Site::kDeviceAddClientAddQueue, "NotifierEvtDeviceAdd",
                "WdfCollectionObjectCreate for for wdfCollectionWpcdClientAddQueue", 19),
     CallFailed(Site::kDeviceAddClientRemoveQueue, "NotifierEvtDeviceAdd",

@@ -31,7 +31,7 @@ inline constexpr Row kRegistryRows[] = {
     CallFailed(Site::kInitEntries, "Notifier_HelperInit", "ExAllocatePoolWithTag failed!", 80),
     CallFailed(Site::kInitRegistrations, "Notifier_HelperInit",
                "WdfCollectionObjectCreate for wdfCollectionStateRegistrations", 81),
-    // On purpose: reported under the crash-dump driver's attach, whose name decoders already know for this text.
+    // On purpose: this one report stands under the crash-dump driver's attach.
     Refused(Site::kInitNoDriver, "Notifier_WpcdClientInit", "WdfGetDriver returned NULL?!", 82),
     ContextMissingStatus(Site::kInitNoContext, "Notifier_HelperInit", "Driver object context", 83),
     CallFailed(Site::kInitLock, "Notifier_HelperInit", "WdfWaitLockAcquire for wdfWaitLockClientsCollection", 84),

@@ -21,8 +21,8 @@ enum class FaultForm {
 
 struct Fault {
     std::string function;  // "WdfCollectionAdd"; "WdfGetDriver" hides the driver handle in the globals
-    std::string caller;    // only calls from this driver function; empty: from anywhere
-    std::string detail;    // only calls with this detail (context type name, routine name); empty: any
+    std::string caller = {};    // only calls from this driver function; empty: from anywhere
+    std::string detail = {};    // only calls with this detail (context type name, routine name); empty: any
     unsigned skip = 0;     // let this many matching calls pass first
     unsigned count = 1;    // then fail this many; kSticky: all
     FaultForm form = FaultForm::kStatus;

@@ -156,8 +156,7 @@ TEST_P(Lifecycle, EveryDeviceAddStepFailsWithItsReportAndLeavesLaterFieldsNull)
         world.Fail(row.function, STATUS_INSUFFICIENT_RESOURCES, row.skip);
         EXPECT_EQ(world.driver->AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
         world.EndFaults();
-        EXPECT_EQ(world.TakeReports(),
-                  (Lines{std::string("1 NotifierEvtDeviceAdd: ") + row.text + ", 0xC000009A"}));
+        EXPECT_EQ(world.TakeReports(), (Lines{std::string("1 NotifierEvtDeviceAdd: ") + row.text + ", 0xC000009A"}));
         bool traced = false;
         for (const std::string& record : world.TakeRecords()) {
             traced = traced || record == "M" + std::to_string(row.trace) + " NotifierEvtDeviceAdd";
@@ -167,12 +166,23 @@ TEST_P(Lifecycle, EveryDeviceAddStepFailsWithItsReportAndLeavesLaterFieldsNull)
 
         // The client object's field (number 11) stays null; it lies between locks and work items.
         const auto context = world.Context();
-        const void* const fields[] = {
-            context.queue,       context.addQueue,     context.removeQueue,      context.clients,
-            context.states,      context.commands,     context.addItem,          context.removeItem,
-            context.notifyStatesItem, context.notifyCommandsItem, context.generalLock, context.clientsLock,
-            context.statesLock,  context.commandsLock, context.notifyStatesLock, context.notifyCommandsLock,
-            context.notifyAppsStateLock};
+        const void* const fields[] = {context.queue,
+                                      context.addQueue,
+                                      context.removeQueue,
+                                      context.clients,
+                                      context.states,
+                                      context.commands,
+                                      context.addItem,
+                                      context.removeItem,
+                                      context.notifyStatesItem,
+                                      context.notifyCommandsItem,
+                                      context.generalLock,
+                                      context.clientsLock,
+                                      context.statesLock,
+                                      context.commandsLock,
+                                      context.notifyStatesLock,
+                                      context.notifyCommandsLock,
+                                      context.notifyAppsStateLock};
         for (unsigned index = 0; index < std::size(fields); ++index) {
             EXPECT_EQ(fields[index] != nullptr, index < row.filledFields) << "field " << index;
         }
@@ -260,7 +270,8 @@ TEST_P(Lifecycle, SecondDeviceIsRefusedByItsName)
 TEST_P(Lifecycle, TablesHaveTheBindingHeaderAndTheirReferencesDoNothing)
 {
     World world(GetParam());
-    for (const auto& [header, size] : {std::pair(world.helper.InterfaceHeader, 120), {world.wpcd.InterfaceHeader, 64}}) {
+    for (const auto& [header, size] :
+         {std::pair(world.helper.InterfaceHeader, 120), {world.wpcd.InterfaceHeader, 64}}) {
         EXPECT_EQ(header.Size, size);
         EXPECT_EQ(header.Version, 1);
         EXPECT_EQ(header.Context, world.driver->Device());

@@ -108,11 +108,10 @@ TEST_P(Registration, RefusesBadArgumentsInOrder)
     EXPECT_EQ(init(nullptr, nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(init(&peer.guid, nullptr), STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
     EXPECT_EQ(init(&almost.guid, nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(world.TakeReports(),
-              (Lines{"2 Notifier_HelperInit: InterfaceGUID is NULL, 0xC000000D",
-                     "12 Notifier_HelperInit: InterfaceGUID is already initialized!, "
-                     "{00000042-1111-2222-0102-030405060708}, 0xE00A8102",
-                     "2 Notifier_HelperInit: ActionCallbackTable is NULL!, 0xC000000D"}));
+    EXPECT_EQ(world.TakeReports(), (Lines{"2 Notifier_HelperInit: InterfaceGUID is NULL, 0xC000000D",
+                                          "12 Notifier_HelperInit: InterfaceGUID is already initialized!, "
+                                          "{00000042-1111-2222-0102-030405060708}, 0xE00A8102",
+                                          "2 Notifier_HelperInit: ActionCallbackTable is NULL!, 0xC000000D"}));
     EXPECT_EQ(init(&almost.guid, &almost.callbacks), STATUS_SUCCESS);
     EXPECT_EQ(world.Count(world.Context().clients), 2u);
 }
@@ -128,28 +127,54 @@ TEST_P(Registration, EachFailureReportsAndLeavesNoClient)
         std::size_t poolLeft = 0;
     };
     const Row kRows[] = {
-        {"object", [](World& w) { w.Fail("WdfObjectCreate", STATUS_INSUFFICIENT_RESOURCES); },
-         STATUS_INSUFFICIENT_RESOURCES, {"1 Notifier_HelperInit: WdfObjectCreate for client, 0xC000009A"}, 0},
-        {"context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); },
-         STATUS_IO_DEVICE_ERROR, {"7 Notifier_HelperInit: Client context, <gone>, 0xC0000185"}, 0},
-        {"pool", [](World& w) { w.Lose("ExAllocatePoolWithTag"); }, STATUS_ZEP_NOTIFIER_NO_MEMORY,
-         {"1 Notifier_HelperInit: ExAllocatePoolWithTag failed!, 0xE00A8104"}, 0},
-        {"collection", [](World& w) { w.Fail("WdfCollectionCreate", STATUS_INSUFFICIENT_RESOURCES); },
+        {"object",
+         [](World& w) { w.Fail("WdfObjectCreate", STATUS_INSUFFICIENT_RESOURCES); },
          STATUS_INSUFFICIENT_RESOURCES,
-         {"1 Notifier_HelperInit: WdfCollectionObjectCreate for wdfCollectionStateRegistrations, 0xC000009A"}, 0},
-        {"no driver", [](World& w) { w.HideDriver(); }, STATUS_ZEP_NOTIFIER_NO_DRIVER,
-         {"13 _getClientContextByGUID: WdfGetDriver returned NULL?! Returning NULL",
-          "2 Notifier_WpcdClientInit: WdfGetDriver returned NULL?!, 0xE00A8101"}, 1},
-        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName, 1); },
+         {"1 Notifier_HelperInit: WdfObjectCreate for client, 0xC000009A"},
+         0},
+        {"context",
+         [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); },
+         STATUS_IO_DEVICE_ERROR,
+         {"7 Notifier_HelperInit: Client context, <gone>, 0xC0000185"},
+         0},
+        {"pool",
+         [](World& w) { w.Lose("ExAllocatePoolWithTag"); },
+         STATUS_ZEP_NOTIFIER_NO_MEMORY,
+         {"1 Notifier_HelperInit: ExAllocatePoolWithTag failed!, 0xE00A8104"},
+         0},
+        {"collection",
+         [](World& w) { w.Fail("WdfCollectionCreate", STATUS_INSUFFICIENT_RESOURCES); },
+         STATUS_INSUFFICIENT_RESOURCES,
+         {"1 Notifier_HelperInit: WdfCollectionObjectCreate for wdfCollectionStateRegistrations, 0xC000009A"},
+         0},
+        {"no driver",
+         [](World& w) { w.HideDriver(); },
          STATUS_ZEP_NOTIFIER_NO_DRIVER,
-         {"7 Notifier_HelperInit: Driver object context, <driver>, 0xE00A8101"}, 1},
-        {"lock fails", [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_UNSUCCESSFUL, 1); }, STATUS_UNSUCCESSFUL,
-         {"1 Notifier_HelperInit: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0xC0000001"}, 1},
+         {"13 _getClientContextByGUID: WdfGetDriver returned NULL?! Returning NULL",
+          "2 Notifier_WpcdClientInit: WdfGetDriver returned NULL?!, 0xE00A8101"},
+         1},
+        {"no driver context",
+         [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName, 1); },
+         STATUS_ZEP_NOTIFIER_NO_DRIVER,
+         {"7 Notifier_HelperInit: Driver object context, <driver>, 0xE00A8101"},
+         1},
+        {"lock fails",
+         [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_UNSUCCESSFUL, 1); },
+         STATUS_UNSUCCESSFUL,
+         {"1 Notifier_HelperInit: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0xC0000001"},
+         1},
         // A success-class answer is a failure too; the entries are then kept, on purpose.
-        {"lock times out", [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT, 1); }, STATUS_TIMEOUT,
-         {"1 Notifier_HelperInit: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102"}, 1, 1},
-        {"add", [](World& w) { w.Fail("WdfCollectionAdd", STATUS_UNSUCCESSFUL); }, STATUS_UNSUCCESSFUL,
-         {"1 Notifier_HelperInit: WdfCollectionAdd for wdfCollectionZepClients, 0xC0000001"}, 1},
+        {"lock times out",
+         [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT, 1); },
+         STATUS_TIMEOUT,
+         {"1 Notifier_HelperInit: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102"},
+         1,
+         1},
+        {"add",
+         [](World& w) { w.Fail("WdfCollectionAdd", STATUS_UNSUCCESSFUL); },
+         STATUS_UNSUCCESSFUL,
+         {"1 Notifier_HelperInit: WdfCollectionAdd for wdfCollectionZepClients, 0xC0000001"},
+         1},
     };
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.name);
@@ -200,9 +225,8 @@ TEST_P(Registration, LookupFailuresReadAsAMissAndAreReported)
         row.arm(world);
         EXPECT_EQ(world.Post(second, 3), STATUS_INVALID_DEVICE_REQUEST);
         world.EndFaults();
-        EXPECT_EQ(world.TakeReports(),
-                  (Lines{row.report, "12 Notifier_HelperSendState: Unable to find client with , "
-                                     "{00000002-1111-2222-0102-030405060708}, 0xC0000010"}));
+        EXPECT_EQ(world.TakeReports(), (Lines{row.report, "12 Notifier_HelperSendState: Unable to find client with , "
+                                                          "{00000002-1111-2222-0102-030405060708}, 0xC0000010"}));
         EXPECT_EQ(world.Post(second, 3), STATUS_SUCCESS);
     }
 }

@@ -136,10 +136,11 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
         bool detail;
     };
     constexpr Row kRows[] = {
-        {3, 5, true, true, true, true},      {3, 4, true, true, true, false},   {3, 3, false, true, false, false},
-        {3, 1, false, false, false, false},  {3, 0, false, false, false, false}, {1, 5, true, false, false, false},
-        {2, 5, false, true, true, true},     {2, 2, false, true, false, false}, {4, 5, false, false, false, false},
-        {0xFFFFFFFF, 255, true, true, true, true},
+        {3, 5, true, true, true, true},     {3, 4, true, true, true, false},
+        {3, 3, false, true, false, false},  {3, 1, false, false, false, false},
+        {3, 0, false, false, false, false}, {1, 5, true, false, false, false},
+        {2, 5, false, true, true, true},    {2, 2, false, true, false, false},
+        {4, 5, false, false, false, false}, {0xFFFFFFFF, 255, true, true, true, true},
     };
     for (const auto route : {host::TraceRoutes::kClassic, host::TraceRoutes::kLegacy}) {
         for (const Row& row : kRows) {
@@ -157,9 +158,9 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
                 numbers.insert(message.number);
             }
             EXPECT_EQ(numbers.contains(10), row.entry);
-            EXPECT_EQ(numbers.contains(76), row.error);     // the GUID that is registered already
+            EXPECT_EQ(numbers.contains(76), row.error);      // the GUID that is registered already
             EXPECT_EQ(numbers.contains(137), row.progress);  // a posted state
-            EXPECT_EQ(numbers.contains(57), row.detail);    // the power callback is unregistered
+            EXPECT_EQ(numbers.contains(57), row.detail);     // the power callback is unregistered
             EXPECT_EQ(world.machine.tracing().UnheardMessages(), 0u);
             EXPECT_EQ(world.machine.tracing().MessageProviders(), 0u);
         }

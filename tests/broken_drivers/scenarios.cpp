@@ -3,8 +3,6 @@
 
 WDF_DECLARE_CONTEXT_TYPE(BROKEN_CONTEXT)
 
-#define SCENARIO __attribute__((noinline)) static void
-
 namespace {
 
 constexpr ULONG kTag = 'nkrB';
@@ -37,6 +35,10 @@ void NTAPI OnPowerState(PVOID, PVOID, PVOID)
 {
 }
 
+void NTAPI OnTraceControl(LPCGUID, ULONG, UCHAR, ULONGLONG, ULONGLONG, PEVENT_FILTER_DESCRIPTOR, PVOID)
+{
+}
+
 PCALLBACK_OBJECT OpenPowerState()
 {
     UNICODE_STRING name;
@@ -51,87 +53,85 @@ PCALLBACK_OBJECT OpenPowerState()
 REGHANDLE RegisterTracing()
 {
     REGHANDLE handle = 0;
-    (void)EtwRegister(&kBrokenInterface, nullptr, nullptr, &handle);
+    (void)EtwRegister(&kBrokenInterface, OnTraceControl, nullptr, &handle);
     return handle;
 }
 
 volatile ULONG g_sink;
 
-}  // namespace
-
-SCENARIO NullHandle()
+void NullHandle()
 {
     WdfObjectDelete(nullptr);
 }
 
-SCENARIO WrongType()
+void WrongType()
 {
     (void)WdfCollectionGetCount(reinterpret_cast<WDFCOLLECTION>(NewLock()));
 }
 
-SCENARIO DeadHandle()
+void DeadHandle()
 {
     const WDFOBJECT object = NewObject();
     WdfObjectDelete(object);
     WdfObjectReference(object);
 }
 
-SCENARIO ForeignHandle()
+void ForeignHandle()
 {
     ULONG number = 0;
     WdfObjectDelete(&number);
 }
 
-SCENARIO RequiredParameter()
+void RequiredParameter()
 {
     (void)WdfObjectCreate(WDF_NO_OBJECT_ATTRIBUTES, nullptr);
 }
 
-SCENARIO BadParameter()
+void BadParameter()
 {
     ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 16, 0), 0);
 }
 
-SCENARIO DeleteNotAllowed()
+void DeleteNotAllowed()
 {
     WdfObjectDelete(TheDevice());
 }
 
-SCENARIO ReferenceUnderflow()
+void ReferenceUnderflow()
 {
     WdfObjectDereference(NewObject());
 }
 
 // The reference that goes is the collection's.
-SCENARIO StolenReference()
+void StolenReference()
 {
     const WDFOBJECT object = NewObject();
     (void)WdfCollectionAdd(NewCollection(), object);
     WdfObjectDereference(object);
 }
 
-SCENARIO CollectionIndex()
+void CollectionIndex()
 {
     WdfCollectionRemoveItem(NewCollection(), 0);
 }
 
-SCENARIO CollectionStranger()
+void CollectionStranger()
 {
     WdfCollectionRemove(NewCollection(), NewObject());
 }
 
-SCENARIO LockNotOwned()
+void LockNotOwned()
 {
     WdfWaitLockRelease(NewLock());
 }
 
 // Run at DISPATCH_LEVEL.
-SCENARIO AboveItsLevel()
+void AboveItsLevel()
 {
-    WdfWorkItemFlush(nullptr);
+    WdfDeviceSetDeviceInterfaceState(TheDevice(), &kBrokenInterface, nullptr, TRUE);
 }
 
-SCENARIO SelfWait()
+void SelfWait()
 {
     const WDFWAITLOCK lock = NewLock();
     (void)WdfWaitLockAcquire(lock, nullptr);
@@ -139,12 +139,12 @@ SCENARIO SelfWait()
     WdfWaitLockRelease(lock);
 }
 
-SCENARIO PoolWrongTag()
+void PoolWrongTag()
 {
     ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 40, kTag), kOtherTag);
 }
 
-SCENARIO PoolDoubleFree()
+void PoolDoubleFree()
 {
     PVOID const block = ExAllocatePoolWithTag(NonPagedPoolNx, 40, kTag);
     ExFreePoolWithTag(block, kTag);
@@ -152,73 +152,73 @@ SCENARIO PoolDoubleFree()
 }
 
 // Only where no guard page stops it.
-SCENARIO PoolOverrun()
+void PoolOverrun()
 {
     auto* block = static_cast<volatile UCHAR*>(ExAllocatePoolWithTag(NonPagedPoolNx, 40, kTag));
     block[40] = 1;
     ExFreePoolWithTag(const_cast<UCHAR*>(block), kTag);
 }
 
-SCENARIO TraceHandle()
+void TraceHandle()
 {
     const EVENT_DESCRIPTOR event{};
     (void)EtwWrite(0x1234, &event, nullptr, 0, nullptr);
 }
 
-SCENARIO TraceHandleTwice()
+void TraceHandleTwice()
 {
     const REGHANDLE handle = RegisterTracing();
     (void)EtwUnregister(handle);
     (void)EtwUnregister(handle);
 }
 
-SCENARIO NotProvided()
+void NotProvided()
 {
     constexpr unsigned kIoTargetOpen = 168;
     using Function = NTSTATUS(NTAPI*)(PWDF_DRIVER_GLOBALS, WDFIOTARGET, PVOID);
     (void)reinterpret_cast<Function>(WdfFunctions[kIoTargetOpen])(WdfDriverGlobals, nullptr, nullptr);
 }
 
-SCENARIO BugCheck()
+void BugCheck()
 {
     KeBugCheckEx(0xE2, 1, 2, 3, 4);
 }
 
-SCENARIO KernelReference()
+void KernelReference()
 {
     PCALLBACK_OBJECT const object = OpenPowerState();
     ObDereferenceObject(object);
     ObDereferenceObject(object);
 }
 
-SCENARIO LeavesPool()
+void LeavesPool()
 {
     g_sink = ExAllocatePoolWithTag(NonPagedPoolNx, 40, kTag) != nullptr ? 1 : 0;
 }
 
-SCENARIO LeavesRegistration()
+void LeavesRegistration()
 {
     PCALLBACK_OBJECT const object = OpenPowerState();
     (void)ExRegisterCallback(object, OnPowerState, nullptr);
     ObDereferenceObject(object);
 }
 
-SCENARIO LeavesReference()
+void LeavesReference()
 {
     WdfObjectReference(NewObject());
 }
 
-SCENARIO LeavesTracing()
+void LeavesTracing()
 {
     (void)RegisterTracing();
 }
 
-SCENARIO TouchesHandle()
+void TouchesHandle()
 {
     g_sink = *static_cast<volatile ULONG*>(NewObject());
 }
 
-SCENARIO TouchesFreedContext()
+void TouchesFreedContext()
 {
     const WDFOBJECT object = NewObject();
     const volatile BROKEN_CONTEXT* context = WdfObjectGet_BROKEN_CONTEXT(object);
@@ -226,26 +226,28 @@ SCENARIO TouchesFreedContext()
     g_sink = context->Numbers[0];
 }
 
-SCENARIO TouchesBehindPool()
+void TouchesBehindPool()
 {
     auto* block = static_cast<volatile UCHAR*>(ExAllocatePoolWithTag(NonPagedPoolNx, 48, kTag));
     block[48] = 1;
 }
 
-SCENARIO Trap()
+void Trap()
 {
     __builtin_trap();
 }
 
+}  // namespace
+
 void NTAPI RunScenario(Scenario scenario)
 {
     static void (*const kScenarios[])() = {
-        NullHandle,       WrongType,          DeadHandle,         ForeignHandle,   RequiredParameter,  BadParameter,
-        DeleteNotAllowed, ReferenceUnderflow, StolenReference,    CollectionIndex, CollectionStranger, LockNotOwned,
-        AboveItsLevel,    SelfWait,           PoolWrongTag,       PoolDoubleFree,  PoolOverrun,        TraceHandle,
-        TraceHandleTwice, NotProvided,        BugCheck,           KernelReference, LeavesPool,         LeavesRegistration,
-        LeavesReference,  LeavesTracing,      TouchesHandle,      TouchesFreedContext,
-        TouchesBehindPool, Trap,
+        NullHandle,         WrongType,        DeadHandle,          ForeignHandle,      RequiredParameter,
+        BadParameter,       DeleteNotAllowed, ReferenceUnderflow,  StolenReference,    CollectionIndex,
+        CollectionStranger, LockNotOwned,     AboveItsLevel,       SelfWait,           PoolWrongTag,
+        PoolDoubleFree,     PoolOverrun,      TraceHandle,         TraceHandleTwice,   NotProvided,
+        BugCheck,           KernelReference,  LeavesPool,          LeavesRegistration, LeavesReference,
+        LeavesTracing,      TouchesHandle,    TouchesFreedContext, TouchesBehindPool,  Trap,
     };
     static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kTrap) + 1);
     kScenarios[static_cast<ULONG>(scenario)]();

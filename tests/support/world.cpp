@@ -70,8 +70,8 @@ Peer& Peer::HearsAppsState()
 }
 
 World::World(const Container& container, WorldOptions options)
-    : machine(options.machine), container_(container), options_(options),
-      manifest_(OutFolder() + "/manifest/zepn.man"), formats_(OutFolder() + "/manifest")
+    : machine(options.machine), container_(container), options_(options), manifest_(OutFolder() + "/manifest/zepn.man"),
+      formats_(OutFolder() + "/manifest")
 {
     if (options_.records) {
         machine.tracing().OpenEventSession({kProvider, 0});
@@ -274,7 +274,12 @@ std::string World::HandleName(std::uint64_t handle)
         }
     }
     const auto object = machine.inspect().Find(pointer);
-    return object ? std::string("<") + host::framework::Name(object->type) + ">" : "<gone>";
+    if (!object) {
+        return "<gone>";
+    }
+    return object->type == host::framework::ObjectType::kGeneral
+               ? "<object>"
+               : std::string("<") + host::framework::Name(object->type) + ">";
 }
 
 Lines World::TakeReports()
@@ -312,8 +317,8 @@ Lines World::TakeRecords()
     }
     for (const auto& message : machine.tracing().Messages()) {
         const auto decoded = formats_.Decode(message);
-        records.emplace_back(message.order,
-                             "M" + std::to_string(message.number) + " " + (decoded ? decoded->function : "undecodable"));
+        records.emplace_back(message.order, "M" + std::to_string(message.number) + " " +
+                                                (decoded ? decoded->function : "undecodable"));
     }
     std::sort(records.begin(), records.end());
     Lines lines;

@@ -25,11 +25,15 @@ struct Container {
     const char* name;
     std::string image;
 };
+inline void PrintTo(const Container& container, std::ostream* out)
+{
+    *out << container.name;
+}
 [[nodiscard]] std::vector<Container> Containers();
 [[nodiscard]] std::string ContainerName(const testing::TestParamInfo<Container>& info);
 
 // Registers a suite of cases for all containers.
-#define FOR_ALL_CONTAINERS(suite) \
+#define FOR_ALL_CONTAINERS(suite)                                                                                      \
     INSTANTIATE_TEST_SUITE_P(On, suite, testing::ValuesIn(::tests::Containers()), ::tests::ContainerName)
 
 inline constexpr GUID kProvider = {0x84CD9D5E, 0x9773, 0x4BA7, {0xA7, 0x09, 0x72, 0xF0, 0x79, 0xE8, 0x1C, 0xDE}};
@@ -78,6 +82,9 @@ public:
 
     // Ends whatever still exists: device, driver. Called by the destructor too.
     void TakeDown();
+
+    // The driver cannot be taken down any more: a thread stands still inside it. Its machine goes as it is.
+    void Abandon() { driver = nullptr; }
 
     // ---- Peers ----
 

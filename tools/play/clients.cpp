@@ -60,8 +60,8 @@ NTSTATUS NTAPI OnDumpStart(PVOID handle, ULONGLONG first, ULONGLONG second)
 NTSTATUS NTAPI OnDumpAddData(PVOID handle, PVOID, ULONGLONG address, ULONG size, ULONG flags)
 {
     ++g_peers->counts.dumpCalls;
-    return Answer("addData", DumpText(handle) + ": " + std::to_string(size) + " bytes at " + Hex(address) +
-                                 ", flags " + std::to_string(flags));
+    return Answer("addData", DumpText(handle) + ": " + std::to_string(size) + " bytes at " + Hex(address) + ", flags " +
+                                 std::to_string(flags));
 }
 
 NTSTATUS NTAPI OnDumpStop(PVOID handle, ULONGLONG result)
@@ -154,8 +154,7 @@ NTSTATUS Client::OnAppsState(PVOID context, ULONG, PULONG state)
     return STATUS_SUCCESS;
 }
 
-Peers::Peers(const Scenario& scenarioOfRun, Timeline& timelineOfRun)
-    : scenario(scenarioOfRun), timeline(timelineOfRun)
+Peers::Peers(const Scenario& scenarioOfRun, Timeline& timelineOfRun) : scenario(scenarioOfRun), timeline(timelineOfRun)
 {
     for (const ClientModel& model : scenario.clients) {
         clients_.emplace_back(*this, model);

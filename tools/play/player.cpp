@@ -61,8 +61,7 @@ public:
             machine_.tracing().OpenEventSession({reports_->provider(), *options.eventLevel});
         }
         if (options.traceMessages) {
-            constexpr GUID kControl = {
-                0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
+            constexpr GUID kControl = {0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
             machine_.tracing().OpenMessageSession({kControl, 5, 3});
         }
         Boot(options);
@@ -113,8 +112,8 @@ private:
     template <class Table>
     void Query(const GUID& type, Table& table)
     {
-        const NTSTATUS status = driver_->QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)),
-                                                        ZEP_NOTIFIER_INTERFACE_VERSION);
+        const NTSTATUS status =
+            driver_->QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)), ZEP_NOTIFIER_INTERFACE_VERSION);
         if (!NT_SUCCESS(status)) {
             throw host::HostError("the driver did not give out its interface: " + StatusText(status));
         }
@@ -130,10 +129,7 @@ private:
 
     ZepState StateOf(const std::string& client, std::uint32_t state)
     {
-        return {.Size = sizeof(ZepState),
-                .InterfaceGUID = scenario_.Find(client)->guid,
-                .State = state,
-                .Reserved = 0};
+        return {.Size = sizeof(ZepState), .InterfaceGUID = scenario_.Find(client)->guid, .State = state, .Reserved = 0};
     }
 
     void Do(const Step& step)
@@ -224,8 +220,7 @@ private:
             Show(step, who, "adds data to its dump",
                  helper_.Notifier_HelperAddDumpData(record, &data, 0x80000000, 4096, 1));
         } else if (step.action == Action::kQueryDump) {
-            Show(step, who, "asks for a parameter of its dump",
-                 helper_.Notifier_HelperDumpQueryParam(record, 7, 0, 0));
+            Show(step, who, "asks for a parameter of its dump", helper_.Notifier_HelperDumpQueryParam(record, 7, 0, 0));
         } else if (step.action == Action::kAddTriageData) {
             Show(step, who, "adds triage data", helper_.Notifier_HelperDumpAddTriageData(record, 0x90000000, 256));
         } else {
@@ -328,8 +323,8 @@ private:
     void ShowParked(const host::Outcome& outcome)
     {
         if (outcome.parked) {
-            timeline_.Add({EntryKind::kTrouble, "", "", "a thread stands still for ever: it " + outcome.reason, "",
-                           false});
+            timeline_.Add(
+                {EntryKind::kTrouble, "", "", "a thread stands still for ever: it " + outcome.reason, "", false});
             good_ = false;
         }
     }
@@ -358,14 +353,13 @@ private:
         }
         ShowTrouble();
         const Counts& counts = peers_.counts;
-        timeline_.Close(std::to_string(counts.registered) + " clients, " + std::to_string(counts.posted) +
-                            " states posted, " + std::to_string(counts.delivered) + " deliveries, " +
-                            std::to_string(counts.answered) + " answers, " + std::to_string(counts.commands) +
-                            " commands, " + std::to_string(counts.announced) + " announcements, " +
-                            std::to_string(counts.dumpCalls) + " dump calls; " +
-                            (violations_ == 0 ? "no violation, nothing left behind"
-                                              : std::to_string(violations_) + " violations"),
-                        good_);
+        timeline_.Close(
+            std::to_string(counts.registered) + " clients, " + std::to_string(counts.posted) + " states posted, " +
+                std::to_string(counts.delivered) + " deliveries, " + std::to_string(counts.answered) + " answers, " +
+                std::to_string(counts.commands) + " commands, " + std::to_string(counts.announced) +
+                " announcements, " + std::to_string(counts.dumpCalls) + " dump calls; " +
+                (violations_ == 0 ? "no violation, nothing left behind" : std::to_string(violations_) + " violations"),
+            good_);
     }
 
     const Scenario& scenario_;

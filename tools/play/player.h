@@ -12,10 +12,10 @@ namespace play {
 
 struct PlayOptions {
     std::filesystem::path image;
-    std::filesystem::path decodingFiles;      // folder with zepn.man and the .tmf files
-    std::optional<std::uint8_t> eventLevel;   // open an event session at this level
-    bool traceMessages = false;               // open a trace-message session with all flags and levels
-    bool realTime = false;                    // the configured wait before sleep is really waited
+    std::filesystem::path decodingFiles;     // folder with zepn.man and the .tmf files
+    std::optional<std::uint8_t> eventLevel;  // open an event session at this level
+    bool traceMessages = false;              // open a trace-message session with all flags and levels
+    bool realTime = false;                   // the configured wait before sleep is really waited
 };
 
 // True when every step ended as the scenario expects and the host found nothing wrong. Throws host::HostError when the

@@ -223,15 +223,14 @@ private:
             for (const auto& [name, number] : scenario.states) {
                 names.push_back(name);
             }
-            Mistake(value.place, field,
-                    "no state \"" + value.text + "\" in \"states\"" + Nearest(value.text, names));
+            Mistake(value.place, field, "no state \"" + value.text + "\" in \"states\"" + Nearest(value.text, names));
             return;
         }
         state = known->second;
     }
 
-    void ReadState(const JsonValue& object, const std::string& name, const std::string& field,
-                   const Scenario& scenario, std::uint32_t& state)
+    void ReadState(const JsonValue& object, const std::string& name, const std::string& field, const Scenario& scenario,
+                   std::uint32_t& state)
     {
         if (const JsonValue* value = Member(object, name)) {
             std::optional<std::uint32_t> read;
@@ -263,7 +262,8 @@ private:
     void ReadClient(const JsonValue& value, const std::string& field, const Scenario& scenario, ClientModel& client)
     {
         CheckFields(value, field, {"guid", "name"}, {"description", "entries", "answers", "commands", "appsState"});
-        if (const JsonValue* guid = Member(value, "guid"); guid != nullptr && IsA(*guid, Kind::kText, field + ".guid")) {
+        if (const JsonValue* guid = Member(value, "guid");
+            guid != nullptr && IsA(*guid, Kind::kText, field + ".guid")) {
             if (const auto parsed = host::tracing::ParseGuid(guid->text)) {
                 client.guid = *parsed;
             } else {
@@ -302,7 +302,8 @@ private:
                 ReadState(*state, at + ".state", scenario, true, rule.state);
             }
             ReadState(item, "answer", at + ".answer", scenario, rule.answer);
-            if (const JsonValue* once = Member(item, "once"); once != nullptr && IsA(*once, Kind::kBoolean, at + ".once")) {
+            if (const JsonValue* once = Member(item, "once");
+                once != nullptr && IsA(*once, Kind::kBoolean, at + ".once")) {
                 rule.once = once->boolean;
             }
             client.answers.push_back(rule);

@@ -13,10 +13,7 @@ struct Row {
     const char* name;
 };
 
-#define STATUS_ROW(name) \
-    {                    \
-        name, #name      \
-    }
+#define STATUS_ROW(name) {name, #name}
 
 constexpr Row kRows[] = {
     STATUS_ROW(STATUS_SUCCESS),

@@ -71,8 +71,8 @@ void Timeline::PrintText(const Entry& entry)
     }
     const char* arrow = entry.kind == EntryKind::kCall ? "-->" : entry.kind == EntryKind::kCallback ? "==>" : "<==";
     const std::string indent = entry.kind == EntryKind::kCall ? "" : "   ";
-    std::string line = indent + Padded(entry.who, kNameWidth) + " " + arrow + " " + Padded(entry.whom, kNameWidth) +
-                       " " + entry.what;
+    std::string line =
+        indent + Padded(entry.who, kNameWidth) + " " + arrow + " " + Padded(entry.whom, kNameWidth) + " " + entry.what;
     if (!entry.outcome.empty()) {
         line = Padded(line, 2 * kNameWidth + 6 + kWhatWidth) + " ";
     }

@@ -1,0 +1,69 @@
+// A machine with the rule-breaking driver started. The test may call the framework as that driver: wdf.h's functions go
+// through the driver's own table and globals, which every new world puts in place.
+#pragma once
+
+#include "host/machine.h"
+#include "tests/broken_drivers/broken.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace tests {
+
+using host::checks::Rule;
+using host::checks::Violation;
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+class BrokenWorld {
+public:
+    explicit BrokenWorld(host::MachineOptions options = {});
+
+    // Takes the driver down unless End has, and expects that nothing is left to report.
+    ~BrokenWorld();
+    BrokenWorld(const BrokenWorld&) = delete;
+    BrokenWorld& operator=(const BrokenWorld&) = delete;
+
+    // Surprise removal, removal and unload.
+    void End();
+
+    // The driver cannot be taken down: one of its threads is parked.
+    void Abandon() { ended_ = true; }
+
+    // The rules of all violations so far, oldest first, which are taken; Text shows them.
+    std::vector<Rule> TakeRules();
+    [[nodiscard]] const std::string& Text() const { return text_; }
+
+    // Runs driver code on a thread of its own and expects that it comes back.
+    void OnThread(const std::string& name, const std::function<void()>& work);
+
+    // What the driver's power and plug-and-play callbacks were called for since the last call.
+    std::vector<std::string> TakeSteps();
+
+    host::Machine machine;
+    host::Driver& driver;
+    BrokenTable table{};
+
+private:
+    std::string text_;
+    bool ended_ = false;
+};
+
+// The driver's callbacks for plug and play fail at this step; empty: none.
+extern std::string failingStep;
+
+[[nodiscard]] WDFOBJECT NewObject(WDFOBJECT parent = nullptr);
+[[nodiscard]] WDFWAITLOCK NewLock();
+[[nodiscard]] WDFCOLLECTION NewCollection();
+
+}  // namespace tests

@@ -1,0 +1,212 @@
+// Objects, references, contexts and collections, in the corners that decide what a driver may rely on.
+#include "tests/host/broken_world.h"
+
+WDF_DECLARE_CONTEXT_TYPE(BROKEN_CONTEXT)
+
+namespace tests {
+namespace {
+
+std::vector<std::string> g_order;
+WDFOBJECT g_toDelete;
+
+template <char kName>
+void NTAPI Cleanup(WDFOBJECT)
+{
+    g_order.push_back(std::string("cleanup ") + kName);
+    if (g_toDelete != nullptr) {
+        WdfObjectDelete(std::exchange(g_toDelete, nullptr));
+    }
+}
+
+template <char kName>
+void NTAPI Destroy(WDFOBJECT)
+{
+    g_order.push_back(std::string("destroy ") + kName);
+}
+
+template <char kName>
+WDFOBJECT NewNamed(WDFOBJECT parent)
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = parent;
+    attributes.EvtCleanupCallback = Cleanup<kName>;
+    attributes.EvtDestroyCallback = Destroy<kName>;
+    WDFOBJECT object = nullptr;
+    EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
+    return object;
+}
+
+NTSTATUS CreateWith(const WDF_OBJECT_ATTRIBUTES& attributes)
+{
+    WDF_OBJECT_ATTRIBUTES copy = attributes;
+    WDFOBJECT object = nullptr;
+    return WdfObjectCreate(&copy, &object);
+}
+
+WDF_OBJECT_ATTRIBUTES Attributes()
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    return attributes;
+}
+
+TEST(Objects, EndChildrenBeforeParentsAndCleanUpBeforeTheyDestroy)
+{
+    BrokenWorld world;
+    g_order.clear();
+    const WDFOBJECT parent = NewNamed<'p'>(nullptr);
+    const WDFOBJECT first = NewNamed<'1'>(parent);
+    (void)NewNamed<'a'>(first);
+    (void)NewNamed<'2'>(parent);
+    WdfObjectDelete(parent);
+    const std::vector<std::string> expected = {"cleanup a", "cleanup 1", "cleanup 2", "cleanup p",
+                                               "destroy a", "destroy 1", "destroy 2", "destroy p"};
+    EXPECT_EQ(g_order, expected);
+}
+
+TEST(Objects, ASiblingDeletedDuringTheParentsEndIsCleanedUpAndDestroyedOnce)
+{
+    BrokenWorld world;
+    g_order.clear();
+    const WDFOBJECT parent = NewNamed<'p'>(nullptr);
+    (void)NewNamed<'1'>(parent);
+    g_toDelete = NewNamed<'2'>(parent);
+    WdfObjectDelete(parent);
+    const std::vector<std::string> expected = {"cleanup 1", "cleanup 2", "cleanup p",
+                                               "destroy 1", "destroy 2", "destroy p"};
+    EXPECT_EQ(g_order, expected);
+}
+
+TEST(Objects, AReferencePostponesOnlyTheDestruction)
+{
+    BrokenWorld world;
+    g_order.clear();
+    const WDFOBJECT parent = NewNamed<'p'>(nullptr);
+    const WDFOBJECT child = NewNamed<'1'>(parent);
+    WdfObjectReference(child);
+    WdfObjectDelete(parent);
+    EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "cleanup p", "destroy p"}));
+    EXPECT_TRUE(world.machine.inspect().Find(child)->deleted);
+    WdfObjectDereference(child);
+    EXPECT_EQ(g_order.back(), "destroy 1");
+    EXPECT_FALSE(world.machine.inspect().Find(child).has_value());
+}
+
+TEST(Objects, ASecondDeleteOfAReferencedObjectIsIgnoredAndCounted)
+{
+    BrokenWorld world;
+    const WDFOBJECT object = NewObject();
+    WdfObjectReference(object);
+    WdfObjectDelete(object);
+    WdfObjectDelete(object);
+    WdfObjectDereference(object);
+    EXPECT_EQ(world.machine.SecondDeletes(), 1u);
+}
+
+TEST(Objects, ADeletedParentTakesNoChildren)
+{
+    BrokenWorld world;
+    const WDFOBJECT parent = NewObject();
+    WdfObjectReference(parent);
+    WdfObjectDelete(parent);
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
+    attributes.ParentObject = parent;
+    EXPECT_EQ(CreateWith(attributes), STATUS_DELETE_PENDING);
+    WdfObjectDereference(parent);
+}
+
+TEST(Objects, HandlesOfAnEarlierMachineAreForeign)
+{
+    WDFOBJECT earlier = nullptr;
+    {
+        BrokenWorld world;
+        earlier = NewObject();
+    }
+    BrokenWorld world;
+    WdfObjectDelete(earlier);
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kForeignHandle});
+}
+
+TEST(Objects, AttributesAreRefusedInTheFrameworksOrder)
+{
+    BrokenWorld world;
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
+    attributes.Size = 48;
+    EXPECT_EQ(CreateWith(attributes), STATUS_INFO_LENGTH_MISMATCH);
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kBadParameter});
+
+    attributes = Attributes();
+    attributes.ContextSizeOverride = 8;  // and no type
+    attributes.ExecutionLevel = WdfExecutionLevelInvalid;
+    EXPECT_EQ(CreateWith(attributes), STATUS_WDF_OBJECT_ATTRIBUTES_INVALID);
+
+    attributes = {};
+    attributes.Size = sizeof(attributes);
+    EXPECT_EQ(CreateWith(attributes), STATUS_WDF_OBJECT_ATTRIBUTES_INVALID);
+
+    attributes = Attributes();
+    attributes.SynchronizationScope = WdfSynchronizationScopeDevice;
+    EXPECT_EQ(CreateWith(attributes), STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID);
+
+    attributes = Attributes();
+    attributes.ExecutionLevel = WdfExecutionLevelPassive;
+    EXPECT_EQ(CreateWith(attributes), STATUS_SUCCESS);
+    WDFWAITLOCK lock = nullptr;
+    EXPECT_EQ(WdfWaitLockCreate(&attributes, &lock), STATUS_WDF_EXECUTION_LEVEL_INVALID);
+    EXPECT_EQ(lock, nullptr);
+}
+
+TEST(Contexts, AreZeroFoundByTypeAndAttachedOnce)
+{
+    BrokenWorld world;
+    const WDFOBJECT object = NewObject();
+    EXPECT_EQ(WdfObjectGet_BROKEN_CONTEXT(object), nullptr);
+
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
+    PVOID memory = nullptr;
+    EXPECT_EQ(WdfObjectAllocateContext(object, &attributes, &memory), STATUS_OBJECT_NAME_INVALID);
+    WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, BROKEN_CONTEXT);
+    ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, &memory), STATUS_SUCCESS);
+    EXPECT_EQ(static_cast<BROKEN_CONTEXT*>(memory)->Numbers[9], 0u);
+    EXPECT_EQ(WdfObjectGet_BROKEN_CONTEXT(object), memory);
+    EXPECT_EQ(WdfObjectContextGetObject(memory), object);
+
+    PVOID again = nullptr;
+    EXPECT_EQ(WdfObjectAllocateContext(object, &attributes, &again), STATUS_OBJECT_NAME_EXISTS);
+    EXPECT_EQ(again, memory);
+
+    WdfObjectReference(object);
+    WdfObjectDelete(object);
+    EXPECT_EQ(WdfObjectGet_BROKEN_CONTEXT(object), memory);
+    WdfObjectDereference(object);
+}
+
+TEST(Collections, KeepDeletedItemsAndDuplicatesUntilTheyAreRemoved)
+{
+    BrokenWorld world;
+    const WDFCOLLECTION collection = NewCollection();
+    const WDFOBJECT first = NewObject();
+    const WDFOBJECT second = NewObject();
+    for (const WDFOBJECT item : {first, second, first}) {
+        ASSERT_EQ(WdfCollectionAdd(collection, item), STATUS_SUCCESS);
+    }
+    WdfObjectDelete(first);
+    EXPECT_EQ(WdfCollectionGetCount(collection), 3u);
+    WdfCollectionRemove(collection, first);  // the first of the two
+    EXPECT_EQ(WdfCollectionGetFirstItem(collection), second);
+    EXPECT_EQ(WdfCollectionGetLastItem(collection), first);
+    EXPECT_EQ(WdfCollectionGetItem(collection, 2), nullptr);
+    WdfCollectionRemoveItem(collection, 1);
+    EXPECT_FALSE(world.machine.inspect().Find(first).has_value());
+
+    // A collection that is deleted and still referenced keeps its contents.
+    WdfObjectReference(collection);
+    WdfObjectDelete(collection);
+    EXPECT_EQ(WdfCollectionGetFirstItem(collection), second);
+    WdfObjectDereference(collection);
+    EXPECT_EQ(world.machine.inspect().Find(second)->references, 1);
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,165 @@
+// Every check of the host fires: a driver breaks one rule in a function of its own, and the report names the rule, the
+// platform function, and the place in the driver.
+#include "tests/host/broken_world.h"
+
+namespace tests {
+namespace {
+
+struct Breach {
+    const char* name;
+    Scenario scenario;
+    Rule rule;
+    const char* function;
+    const char* message;  // part of it
+    bool parks = false;
+    bool guardPages = true;
+};
+
+void PrintTo(const Breach& breach, std::ostream* stream)
+{
+    *stream << breach.name;
+}
+
+class Breaches : public testing::TestWithParam<Breach> {};
+
+TEST_P(Breaches, AreReportedWithPlaceAndSubject)
+{
+    const Breach& breach = GetParam();
+    if (kSanitized && !breach.guardPages) {
+        GTEST_SKIP() << "the sanitizer itself reports the overrun";
+    }
+    BrokenWorld world({.guardPages = breach.guardPages});
+    const host::Outcome outcome = world.machine.OnThread("peer", [&] {
+        const host::ScopedIrql level(breach.rule == Rule::kIrql ? DISPATCH_LEVEL : PASSIVE_LEVEL);
+        world.table.Run(breach.scenario);
+    });
+
+    const std::vector<Violation> violations = world.machine.violations().Take();
+    ASSERT_EQ(violations.size(), 1u);
+    const Violation& violation = violations.front();
+    EXPECT_EQ(violation.rule, breach.rule) << violation.Text();
+    EXPECT_EQ(violation.function, breach.function);
+    EXPECT_EQ(violation.thread, "peer");
+    EXPECT_NE(violation.message.find(breach.message), std::string::npos) << violation.message;
+    EXPECT_EQ(violation.caller.find(std::string("broken.so!") + breach.name + "+0x"), 0u) << violation.caller;
+    EXPECT_EQ(outcome.parked, breach.parks) << outcome.reason;
+}
+
+constexpr Breach kBreaches[] = {
+    {"NullHandle", Scenario::kNullHandle, Rule::kNullHandle, "WdfObjectDelete", "Object is a null handle"},
+    {"WrongType", Scenario::kWrongType, Rule::kWrongHandleType, "WdfCollectionGetCount",
+     "is wait lock #1, not a collection"},
+    {"DeadHandle", Scenario::kDeadHandle, Rule::kDeadHandle, "WdfObjectReferenceActual",
+     "was a general object (BROKEN_CONTEXT) that is gone"},
+    {"ForeignHandle", Scenario::kForeignHandle, Rule::kForeignHandle, "WdfObjectDelete", "was never handed out"},
+    {"RequiredParameter", Scenario::kRequiredParameter, Rule::kRequiredParameter, "WdfObjectCreate", "Object is null"},
+    {"BadParameter", Scenario::kBadParameter, Rule::kBadParameter, "ExAllocatePoolWithTag", "the pool tag is 0"},
+    {"DeleteNotAllowed", Scenario::kDeleteNotAllowed, Rule::kDeleteNotAllowed, "WdfObjectDelete", "device #1"},
+    {"ReferenceUnderflow", Scenario::kReferenceUnderflow, Rule::kReferenceUnderflow, "WdfObjectDereferenceActual",
+     "loses its last reference"},
+    {"StolenReference", Scenario::kStolenReference, Rule::kReferenceUnderflow, "WdfObjectDereferenceActual",
+     "that its creation or a collection holds"},
+    {"CollectionIndex", Scenario::kCollectionIndex, Rule::kCollectionItem, "WdfCollectionRemoveItem",
+     "index 0 of collection #1 with 0 items"},
+    {"CollectionStranger", Scenario::kCollectionStranger, Rule::kCollectionItem, "WdfCollectionRemove",
+     "is not in collection #1"},
+    {"LockNotOwned", Scenario::kLockNotOwned, Rule::kLockNotOwned, "WdfWaitLockRelease", "nobody holds it"},
+    {"AboveItsLevel", Scenario::kAboveItsLevel, Rule::kIrql, "WdfDeviceSetDeviceInterfaceState",
+     "called at IRQL 2, allowed up to 0"},
+    {"SelfWait", Scenario::kSelfWait, Rule::kSelfWait, "WdfWaitLockAcquire",
+     "peer waits for wait lock #1, which it holds itself", true},
+    {"PoolWrongTag", Scenario::kPoolWrongTag, Rule::kPoolWrongTag, "ExFreePoolWithTag", "\"Brkn\" is freed with tag"},
+    {"PoolDoubleFree", Scenario::kPoolDoubleFree, Rule::kPoolBadFree, "ExFreePoolWithTag", "no pool block"},
+    {"PoolOverrun", Scenario::kPoolOverrun, Rule::kPoolCorrupted, "ExFreePoolWithTag",
+     "1 bytes behind its 40 were overwritten", false, false},
+    {"TraceHandle", Scenario::kTraceHandle, Rule::kTraceHandle, "EtwWrite", "not registered"},
+    {"TraceHandleTwice", Scenario::kTraceHandleTwice, Rule::kTraceHandle, "EtwUnregister", "given back before"},
+    {"NotProvided", Scenario::kNotProvided, Rule::kNotProvided, "WdfIoTargetOpen (entry 168)", "does not have it",
+     true},
+    {"BugCheck", Scenario::kBugCheck, Rule::kBugCheck, "KeBugCheckEx", "bugcheck 0xE2 (0x1, 0x2, 0x3, 0x4)", true},
+    {"KernelReference", Scenario::kKernelReference, Rule::kReferenceUnderflow, "ObfDereferenceObject",
+     "more often than it was opened"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, Breaches, testing::ValuesIn(kBreaches),
+                         [](const testing::TestParamInfo<Breach>& info) { return std::string(info.param.name); });
+
+struct Leftover {
+    const char* name;
+    Scenario scenario;
+    Rule rule;
+    const char* message;
+};
+
+void PrintTo(const Leftover& leftover, std::ostream* stream)
+{
+    *stream << leftover.name;
+}
+
+class Leftovers : public testing::TestWithParam<Leftover> {};
+
+TEST_P(Leftovers, AreReportedAtUnload)
+{
+    BrokenWorld world;
+    world.OnThread("peer", [&] { world.table.Run(GetParam().scenario); });
+    ASSERT_EQ(world.TakeRules(), std::vector<Rule>{}) << world.Text();
+
+    world.End();
+    const std::vector<Violation> violations = world.machine.violations().Take();
+    ASSERT_EQ(violations.size(), 1u);
+    EXPECT_EQ(violations[0].rule, GetParam().rule) << violations[0].Text();
+    EXPECT_EQ(violations[0].function, "unload");
+    EXPECT_NE(violations[0].message.find(GetParam().message), std::string::npos) << violations[0].message;
+}
+
+constexpr Leftover kLeftovers[] = {
+    {"Pool", Scenario::kLeavesPool, Rule::kLeak, "40 bytes of pool with tag \"Brkn\""},
+    {"CallbackRegistration", Scenario::kLeavesRegistration, Rule::kUnloadRegistration, "\\callback\\powerstate"},
+    {"ObjectReference", Scenario::kLeavesReference, Rule::kReferenceLeak,
+     "general object #1 (BROKEN_CONTEXT) was deleted, but 1 references keep it"},
+    {"TraceRegistration", Scenario::kLeavesTracing, Rule::kUnloadRegistration, "event provider is still registered"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, Leftovers, testing::ValuesIn(kLeftovers),
+                         [](const testing::TestParamInfo<Leftover>& info) { return std::string(info.param.name); });
+
+struct Fault {
+    const char* name;
+    Scenario scenario;
+    const char* message;
+};
+
+void PrintTo(const Fault& fault, std::ostream* stream)
+{
+    *stream << fault.name;
+}
+
+class MemoryFaults : public testing::TestWithParam<Fault> {};
+
+TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << "the sanitizer itself reports the access";
+    }
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            BrokenWorld world;
+            world.machine.OnThread("peer", [&] { world.table.Run(GetParam().scenario); });
+        },
+        testing::ExitedWithCode(4),
+        std::string("memory fault at broken.so!") + GetParam().name + ".*" + GetParam().message + ".*peer");
+}
+
+constexpr Fault kFaults[] = {
+    {"TouchesHandle", Scenario::kTouchesHandle, "touching 0x"},
+    {"TouchesFreedContext", Scenario::kTouchesFreedContext, "touching 0x"},
+    {"TouchesBehindPool", Scenario::kTouchesBehindPool, "touching 0x"},
+    {"Trap", Scenario::kTrap, "instruction"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, MemoryFaults, testing::ValuesIn(kFaults),
+                         [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace tests

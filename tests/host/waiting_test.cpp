@@ -1,0 +1,246 @@
+// Wait locks and work items: what waits, what is found to wait for ever, and what happens to it.
+#include "tests/host/broken_world.h"
+
+#include <atomic>
+#include <barrier>
+#include <thread>
+
+namespace tests {
+namespace {
+
+constexpr LONGLONG kOneMillisecond = -10000;
+
+WDFWAITLOCK g_lock;
+std::atomic<int> g_runs;
+std::atomic<int> g_inside;
+std::atomic<int> g_insideMost;
+
+TEST(WaitLocks, TimeOutWithASuccessStatus)
+{
+    BrokenWorld world;
+    const WDFWAITLOCK lock = NewLock();
+    ASSERT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+    world.OnThread("other", [&] {
+        for (LONGLONG timeout : {LONGLONG{0}, kOneMillisecond}) {
+            EXPECT_EQ(WdfWaitLockAcquire(lock, &timeout), STATUS_TIMEOUT);
+        }
+    });
+    WdfWaitLockRelease(lock);
+    world.OnThread("other", [&] {
+        EXPECT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+        WdfWaitLockRelease(lock);
+    });
+}
+
+TEST(WaitLocks, AcquireAboveItsLevelFailsUnlessItOnlyTries)
+{
+    BrokenWorld world;
+    const WDFWAITLOCK lock = NewLock();
+    const host::ScopedIrql level(DISPATCH_LEVEL);
+    LONGLONG noTime = 0;
+    EXPECT_EQ(WdfWaitLockAcquire(lock, &noTime), STATUS_SUCCESS);
+    WdfWaitLockRelease(lock);
+    EXPECT_EQ(world.TakeRules(), std::vector<Rule>{}) << world.Text();
+    EXPECT_FALSE(NT_SUCCESS(WdfWaitLockAcquire(lock, nullptr)));
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kIrql});
+}
+
+TEST(WaitLocks, AStrangersReleaseFreesTheLockAndIsReportedOnce)
+{
+    BrokenWorld world;
+    const WDFWAITLOCK lock = NewLock();
+    ASSERT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+    world.OnThread("stranger", [&] { WdfWaitLockRelease(lock); });
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kLockNotOwned});
+    EXPECT_NE(world.Text().find("is held by main and released by stranger"), std::string::npos) << world.Text();
+    EXPECT_FALSE(world.machine.inspect().Find(lock)->held);
+    WdfWaitLockRelease(lock);
+}
+
+TEST(WaitLocks, ALockThatACallbackKeepsIsReportedAndItsNextTakerParks)
+{
+    BrokenWorld world;
+    g_lock = NewLock();
+    world.table.Hooks->Work = [](WDFWORKITEM) NTAPI { (void)WdfWaitLockAcquire(g_lock, nullptr); };
+    WdfWorkItemEnqueue(world.table.WorkItem);
+    EXPECT_TRUE(world.machine.RunWorkItems().parked.empty());
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kLockKept});
+    EXPECT_NE(world.Text().find("EvtWorkItem called from broken.so!EvtWork"), std::string::npos) << world.Text();
+
+    const host::Outcome outcome = world.machine.OnThread("next", [] { (void)WdfWaitLockAcquire(g_lock, nullptr); });
+    EXPECT_TRUE(outcome.parked);
+    EXPECT_NE(outcome.reason.find("kept when its callback returned"), std::string::npos) << outcome.reason;
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kDeadlock});
+}
+
+TEST(WaitLocks, ACircleOfTwoParksBothAndItsOrderIsReported)
+{
+    BrokenWorld world;
+    const WDFWAITLOCK first = NewLock();
+    const WDFWAITLOCK second = NewLock();
+    std::barrier bothHold(2);
+    host::Outcome outcomes[2];
+    const auto take = [&](unsigned index, WDFWAITLOCK one, WDFWAITLOCK other) {
+        outcomes[index] = world.machine.OnThread("thread " + std::to_string(index), [&] {
+            (void)WdfWaitLockAcquire(one, nullptr);
+            bothHold.arrive_and_wait();
+            (void)WdfWaitLockAcquire(other, nullptr);
+        });
+    };
+    std::thread one(take, 0, first, second);
+    std::thread two(take, 1, second, first);
+    one.join();
+    two.join();
+    EXPECT_TRUE(outcomes[0].parked && outcomes[1].parked);
+    EXPECT_EQ(world.machine.violations().Take(Rule::kDeadlock).size(), 2u);
+    EXPECT_EQ(world.machine.violations().Take(Rule::kLockOrder).size(), 1u);
+}
+
+TEST(WaitLocks, AWrongOrderShowsWithoutAnyMeeting)
+{
+    BrokenWorld world;
+    WDFWAITLOCK locks[3] = {NewLock(), NewLock(), NewLock()};
+    const auto takeBoth = [&](unsigned outer, unsigned inner) {
+        (void)WdfWaitLockAcquire(locks[outer], nullptr);
+        (void)WdfWaitLockAcquire(locks[inner], nullptr);
+        WdfWaitLockRelease(locks[inner]);
+        WdfWaitLockRelease(locks[outer]);
+    };
+    takeBoth(0, 1);
+    takeBoth(1, 2);
+    takeBoth(0, 2);
+    EXPECT_EQ(world.TakeRules(), std::vector<Rule>{}) << world.Text();
+    takeBoth(2, 0);
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kLockOrder});
+}
+
+TEST(WaitLocks, AMainThreadThatCanNeverGoOnEndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            BrokenWorld world;
+            world.table.Run(Scenario::kSelfWait);
+        },
+        testing::ExitedWithCode(3),
+        "can never go on.*\n.*self-wait: WdfWaitLockAcquire called from broken.so!SelfWait");
+}
+
+TEST(WorkItems, AreQueuedOnceAndAgainFromTheirOwnCallback)
+{
+    BrokenWorld world;
+    g_runs = 0;
+    world.table.Hooks->Work = [](WDFWORKITEM item) NTAPI {
+        if (++g_runs == 1) {
+            WdfWorkItemEnqueue(item);
+            WdfWorkItemEnqueue(item);
+        }
+    };
+    WdfWorkItemEnqueue(world.table.WorkItem);
+    WdfWorkItemEnqueue(world.table.WorkItem);
+    EXPECT_EQ(world.machine.QueuedWorkItems(), 1u);
+    EXPECT_EQ(world.machine.RunWorkItems().runs, 2u);
+    EXPECT_EQ(g_runs, 2);
+}
+
+TEST(WorkItems, FlushWaitsForWhatIsQueuedAndFromTheirOwnCallbackForEver)
+{
+    BrokenWorld world;
+    g_runs = 0;
+    world.table.Hooks->Work = [](WDFWORKITEM) NTAPI { ++g_runs; };
+    WdfWorkItemEnqueue(world.table.WorkItem);
+    WdfWorkItemFlush(world.table.WorkItem);
+    EXPECT_EQ(g_runs, 1);
+
+    world.table.Hooks->Work = [](WDFWORKITEM item) NTAPI { WdfWorkItemFlush(item); };
+    WdfWorkItemEnqueue(world.table.WorkItem);
+    EXPECT_EQ(world.machine.RunWorkItems().parked.size(), 1u);
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kSelfWait});
+
+    // The device's end waits for the callback that will never return.
+    world.driver.SurpriseRemoveDevice();
+    EXPECT_TRUE(world.driver.RemoveDevice().parked);
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kDeadlock});
+    world.Abandon();
+}
+
+TEST(WorkItems, EndAfterTheirQueuedRunAndDropWhatComesLater)
+{
+    BrokenWorld world;
+    g_runs = 0;
+    world.table.Hooks->Work = [](WDFWORKITEM item) NTAPI {
+        ++g_runs;
+        WdfWorkItemEnqueue(item);
+    };
+    WdfWorkItemEnqueue(world.table.WorkItem);
+    world.End();
+    EXPECT_EQ(g_runs, 1);
+    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kWorkItemGone});
+}
+
+TEST(WorkItems, DeletedUnderALockThatTheirCallbackWantsAreFound)
+{
+    BrokenWorld world;
+    g_lock = NewLock();
+    world.table.Hooks->Work = [](WDFWORKITEM) NTAPI { (void)WdfWaitLockAcquire(g_lock, nullptr); };
+    WdfWorkItemEnqueue(world.table.WorkItem);
+    const host::Outcome outcome = world.machine.OnThread("deleter", [&] {
+        (void)WdfWaitLockAcquire(g_lock, nullptr);
+        WdfObjectDelete(world.table.WorkItem);
+    });
+    EXPECT_TRUE(outcome.parked);
+    EXPECT_EQ(world.TakeRules(), (std::vector{Rule::kDeadlock, Rule::kDeadlock})) << world.Text();
+    world.Abandon();
+}
+
+TEST(WorkItems, DeletedAboveTheirLevelEndOnAWorker)
+{
+    BrokenWorld world;
+    {
+        const host::ScopedIrql level(DISPATCH_LEVEL);
+        WdfObjectDelete(world.table.WorkItem);
+    }
+    EXPECT_TRUE(world.machine.inspect().Find(world.table.WorkItem).has_value());
+    (void)world.machine.RunWorkItems();
+    EXPECT_FALSE(world.machine.inspect().Find(world.table.WorkItem).has_value());
+}
+
+TEST(WorkItems, RunsOfOneItemOverlapOnRealThreads)
+{
+    BrokenWorld world({.workItems = host::WorkItems::kThreads, .workerCount = 2});
+    g_runs = g_inside = g_insideMost = 0;
+    world.table.Hooks->Work = [](WDFWORKITEM item) NTAPI {
+        const int inside = ++g_inside;
+        if (++g_runs == 1) {
+            WdfWorkItemEnqueue(item);
+            while (g_runs < 2) {  // ends only when a second run overlaps this one
+                std::this_thread::yield();
+            }
+        }
+        g_insideMost = std::max(g_insideMost.load(), inside);
+        --g_inside;
+    };
+    WdfWorkItemEnqueue(world.table.WorkItem);
+    world.machine.WaitForWorkItems();
+    EXPECT_EQ(g_runs, 2);
+    EXPECT_EQ(g_insideMost, 2);
+}
+
+TEST(WorkItems, CreationIsRefusedWithoutADeviceAbove)
+{
+    BrokenWorld world;
+    WDF_WORKITEM_CONFIG config;
+    WDF_WORKITEM_CONFIG_INIT(&config, [](WDFWORKITEM) NTAPI {});
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    WDFWORKITEM item = nullptr;
+    EXPECT_EQ(WdfWorkItemCreate(&config, nullptr, &item), STATUS_WDF_PARENT_NOT_SPECIFIED);
+    EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_WDF_PARENT_NOT_SPECIFIED);
+    attributes.ParentObject = NewObject();
+    EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_INVALID_DEVICE_REQUEST);
+    attributes.ParentObject = NewObject(world.table.Device);
+    EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);
+}
+
+}  // namespace
+}  // namespace tests
