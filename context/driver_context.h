@@ -5,6 +5,7 @@
 #pragma once
 
 #include <ntddk.h>
+#include <stddef.h>
 
 #include <wdf.h>
 

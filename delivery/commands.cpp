@@ -218,13 +218,13 @@ void NotifierEvtWorkItemNotifyCommands(WDFWORKITEM)
         return;
     }
 
-    // On purpose one command a run; and the parties are found once for the run, not anew for each pass.
+    // On purpose: one command a run; and the parties are found once for the run, not anew for each pass.
     Parties parties = {.sender = nullptr, .target = nullptr};
     Delivery delivery;
     do {
         status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
         if (status != STATUS_SUCCESS) {
-            // On purpose a hold of the pass before is not given back. Only a framework fault leads here then.
+            // On purpose: a hold of the pass before is not given back. Only a framework fault leads here then.
             Report<Site::kNotifyCommandsClientsLock>(status);
             WdfWaitLockRelease(context->wdfWaitLockNotifyCommandsWorkItem);
             return;

@@ -18,7 +18,7 @@ static NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WD
     if (status != STATUS_SUCCESS) {
         return ReportFailure<Site::kSendStateClientsLock>(status);
     }
-    // On purpose before the add, whatever becomes of it.
+    // On purpose: before the add, whatever becomes of it.
     WriteULongNoFence(&client.WpcdRefreshPending, 0);
     status = WdfCollectionAdd(context.wdfCollectionWpcdClientAddQueue, clientObject);
     if (!NT_SUCCESS(status)) {
@@ -57,7 +57,7 @@ static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
         return status;
     }
     status = WdfCollectionAdd(context.wdfCollectionZepStates, object);
-    if (status != STATUS_SUCCESS) {  // On purpose any other status, while the add queue goes by the sign
+    if (status != STATUS_SUCCESS) {  // On purpose: any other status, while the add queue goes by the sign
         Report<Site::kSendStateAdd>(status);
         WdfObjectDelete(object);
         WdfWaitLockRelease(context.wdfWaitLockStatesCollection);

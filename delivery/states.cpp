@@ -24,14 +24,14 @@ static Run TakeState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepState& state
     }
     object = WdfCollectionGetFirstItem(context.wdfCollectionZepStates);
     if (object == nullptr) {
-        // On purpose at error level, although every run ends so.
+        // On purpose: at error level, although every run ends so.
         Report<Site::kNotifyStatesEmpty>(context.wdfCollectionZepStates);
         WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
         return Run::kEnds;
     }
     const ZEP_NOTIFIER_STATE_CONTEXT* stateContext = GetStateContext(object);
     if (stateContext == nullptr) {
-        // On purpose it stays first in the queue.
+        // On purpose: it stays first in the queue.
         Report<Site::kNotifyStatesState>(object);
         WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
         return Run::kEnds;
@@ -117,7 +117,7 @@ static Run DeliverToClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
         if (answer == 0) {
             continue;
         }
-        // On purpose without the general lock, unlike a post.
+        // On purpose: without the general lock, unlike a post.
         WriteULongNoFence(&subscriber.CurrentState, answer);
         Report<Site::kNotifyStatesAnswered>(subscriber.InterfaceGUID.Data1, answer);
         if (QueueFollowUp(context, subscriberObject, subscriber, answer) == Run::kEnds) {

@@ -1,6 +1,6 @@
 // Device add: the one device and every object that the operations share, in a fixed order.
 //
-// Nothing created before a failing step is deleted here: the framework deletes the device and its children, and the
+// On purpose: nothing created before a failing step is deleted here: the framework deletes the device and its children, and the
 // collections and locks, children of the driver object, stay until unload. Runs before any interface is published, so
 // it takes no lock.
 #include "driver/frame.h"

@@ -51,7 +51,7 @@ void NotifierEvtDriverUnload(WDFDRIVER driver)
         }
     }
 
-    // On purpose unconditional: it pairs with the reference that a successful device add took last.
+    // On purpose: unconditional: it pairs with the reference that a successful device add took last.
     WdfObjectDereferenceActual(driver, nullptr, kDereferenceLine, const_cast<PCHAR>(kReferenceFile));
 
     UnregisterEventProvider();

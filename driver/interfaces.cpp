@@ -2,6 +2,8 @@
 //
 // Each GUID names a device interface class, by which peers find the device, and a query interface, by which they get
 // the table. The framework copies the tables, so they are built on the stack.
+#include <ntddk.h>
+
 #include <initguid.h>
 
 #include "driver/frame.h"
@@ -9,31 +11,31 @@
 #include "context/operations.h"
 #include "trace/report.h"
 
-// On purpose empty: the tables carry no count of references; the device itself refuses to stop and to be removed.
+// On purpose: empty: the tables carry no count of references; the device itself refuses to stop and to be removed.
 static void NTAPI NoReference(PVOID)
 {
 }
 
-static INTERFACE Header(USHORT size, WDFDEVICE device)
+// The rest of a zeroed table is left to the caller. Peers get a byte copy, so its padding must not carry stack contents.
+static void FillHeader(INTERFACE& header, USHORT size, WDFDEVICE device)
 {
-    return {
-        .Size = size,
-        .Version = ZEP_NOTIFIER_INTERFACE_VERSION,
-        .Context = device,
-        .InterfaceReference = NoReference,
-        .InterfaceDereference = NoReference,
-    };
+    header.Size = size;
+    header.Version = ZEP_NOTIFIER_INTERFACE_VERSION;
+    header.Context = device;
+    header.InterfaceReference = NoReference;
+    header.InterfaceDereference = NoReference;
 }
 
 static NTSTATUS AddWpcdInterface(WDFDEVICE device)
 {
-    ZEP_NOTIFIER_WPCD_INTERFACE table = {
-        .InterfaceHeader = Header(sizeof(table), device),
-        .Notifier_WpcdClientInit = Notifier_WpcdClientInit,
-        .Notifier_WpcdClientDeInit = Notifier_WpcdClientDeInit,
-        .Notifier_WpcdGetNumSubsystemDescriptors = Notifier_WpcdGetNumSubsystemDescriptors,
-        .Notifier_WpcdGetAllSubsystemDescriptors = Notifier_WpcdGetAllSubsystemDescriptors,
-    };
+    ZEP_NOTIFIER_WPCD_INTERFACE table;
+    RtlZeroMemory(&table, sizeof(table));
+    FillHeader(table.InterfaceHeader, sizeof(table), device);
+    table.Notifier_WpcdClientInit = Notifier_WpcdClientInit;
+    table.Notifier_WpcdClientDeInit = Notifier_WpcdClientDeInit;
+    table.Notifier_WpcdGetNumSubsystemDescriptors = Notifier_WpcdGetNumSubsystemDescriptors;
+    table.Notifier_WpcdGetAllSubsystemDescriptors = Notifier_WpcdGetAllSubsystemDescriptors;
+
     WDF_QUERY_INTERFACE_CONFIG config;
     WDF_QUERY_INTERFACE_CONFIG_INIT(&config, &table.InterfaceHeader, &GUID_ZEP_NOTIFIER_WPCD_INTERFACE, nullptr);
     return WdfDeviceAddQueryInterface(device, &config);
@@ -41,20 +43,21 @@ static NTSTATUS AddWpcdInterface(WDFDEVICE device)
 
 static NTSTATUS AddHelperInterface(WDFDEVICE device)
 {
-    ZEP_NOTIFIER_HELPER_INTERFACE table = {
-        .InterfaceHeader = Header(sizeof(table), device),
-        .Notifier_HelperInit = Notifier_HelperInit,
-        .Notifier_HelperClientDeinit = Notifier_HelperClientDeinit,
-        .Notifier_HelperSendState = Notifier_HelperSendState,
-        .Notifier_HelperSendCommand = Notifier_HelperSendCommand,
-        .Notifier_HelperRegisterForStateNotification = Notifier_HelperRegisterForStateNotification,
-        .Notifier_HelperDeregisterForStateNotification = Notifier_HelperDeregisterForStateNotification,
-        .Notifier_HelperStartDump = Notifier_HelperStartDump,
-        .Notifier_HelperStopDump = Notifier_HelperStopDump,
-        .Notifier_HelperAddDumpData = Notifier_HelperAddDumpData,
-        .Notifier_HelperDumpQueryParam = Notifier_HelperDumpQueryParam,
-        .Notifier_HelperDumpAddTriageData = Notifier_HelperDumpAddTriageData,
-    };
+    ZEP_NOTIFIER_HELPER_INTERFACE table;
+    RtlZeroMemory(&table, sizeof(table));
+    FillHeader(table.InterfaceHeader, sizeof(table), device);
+    table.Notifier_HelperInit = Notifier_HelperInit;
+    table.Notifier_HelperClientDeinit = Notifier_HelperClientDeinit;
+    table.Notifier_HelperSendState = Notifier_HelperSendState;
+    table.Notifier_HelperSendCommand = Notifier_HelperSendCommand;
+    table.Notifier_HelperRegisterForStateNotification = Notifier_HelperRegisterForStateNotification;
+    table.Notifier_HelperDeregisterForStateNotification = Notifier_HelperDeregisterForStateNotification;
+    table.Notifier_HelperStartDump = Notifier_HelperStartDump;
+    table.Notifier_HelperStopDump = Notifier_HelperStopDump;
+    table.Notifier_HelperAddDumpData = Notifier_HelperAddDumpData;
+    table.Notifier_HelperDumpQueryParam = Notifier_HelperDumpQueryParam;
+    table.Notifier_HelperDumpAddTriageData = Notifier_HelperDumpAddTriageData;
+
     WDF_QUERY_INTERFACE_CONFIG config;
     WDF_QUERY_INTERFACE_CONFIG_INIT(&config, &table.InterfaceHeader, &GUID_ZEP_NOTIFIER_HELPER_INTERFACE, nullptr);
     return WdfDeviceAddQueryInterface(device, &config);

@@ -72,7 +72,7 @@ void NotifierEvtWorkItemWpcdClientAdd(WDFWORKITEM)
     if (context == nullptr) {
         return;
     }
-    // On purpose unexamined, here and for the general lock: without time-out an acquire cannot fail.
+    // On purpose: unexamined, here and for the general lock: without time-out an acquire cannot fail.
     (void)WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
     AnnounceQueued(*context);
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
@@ -92,7 +92,7 @@ void NotifierEvtWorkItemWpcdClientRemove(WDFWORKITEM)
         return;
     }
 
-    // On purpose one entry per run; the others wait for the next removal.
+    // On purpose: one entry per run; the others wait for the next removal.
     const WDFOBJECT entry = WdfCollectionGetFirstItem(context->wdfCollectionWpcdClientRemoveQueue);
     if (entry == nullptr) {
         Report<Site::kWithdrawEmpty>(context->wdfCollectionWpcdClientAddQueue);
@@ -108,12 +108,13 @@ void NotifierEvtWorkItemWpcdClientRemove(WDFWORKITEM)
     }
     const ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT* wpcd = GetWpcdClientContext(wpcdObject);
     if (wpcd == nullptr) {
-        // On purpose the lock stays held. Only a framework fault leads here.
+        // On purpose: the lock stays held. Only a framework fault leads here.
         Report<Site::kWithdrawWpcdContext>(wpcdObject);
         return;
     }
     const ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(entry);
     if (client == nullptr) {
+        // On purpose: the entry stays at the head of the queue.
         Report<Site::kWithdrawClient>(entry);
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
         return;

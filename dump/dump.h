@@ -8,7 +8,9 @@
 #include "include/zepn_notifier.h"
 
 // Context of the driver context's wdfObjectWpcdClient, in the order of the registration record. The handle is published
-// before the callbacks are filled in and taken back under the clients lock; the forwarders read it without any lock.
+// before the callbacks are filled in and taken back under the clients lock; the forwarders read it without any lock. The
+// callbacks themselves are plain fields: they are written once, before the crash-dump driver can be called, and whoever
+// attaches lets nobody call until attaching has returned.
 struct ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT {
     PZEP_CLIENT_ADD ZepClientAdd;
     PZEP_CLIENT_REMOVE ZepClientRemove;

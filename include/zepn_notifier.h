@@ -11,7 +11,7 @@
 // - Records and strings passed in are read during the call only and stay the caller's.
 // - A status is a failure when its sign is set, unless the text says more.
 //
-// For every callback:
+// For every callback but the five dump callbacks (see "Dump calls"):
 // - It runs at PASSIVE_LEVEL inside a critical region (normal kernel APCs are off) with the Notifier's clients lock
 //   held. The lock is not recursive: a callback that calls an operation marked "takes the clients lock" waits for
 //   itself for ever, and every other client with it.
@@ -23,6 +23,7 @@
 #define ZEPN_NOTIFIER_H
 
 #include <ntddk.h>
+#include <stddef.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -258,7 +259,9 @@ typedef ZEP_NOTIFIER_HELPER_DEREGISTER* PZEP_NOTIFIER_HELPER_DEREGISTER;
 //
 // Five calls of a client that go straight through to the crash-dump driver: same arguments, same order, no lock, the
 // caller's thread and IRQL. Meanings are agreed between client and crash-dump driver. The Notifier reads only the
-// first 32 bits behind DumpHandle (and behind the second pointer of AddDumpData, when not NULL), for its trace.
+// first 32 bits behind DumpHandle (and behind the second pointer of AddDumpData, when not NULL), for its trace and
+// after the crash-dump driver has answered: both must stay readable until the call returns, also that of StopDump, and
+// be non-paged above APC_LEVEL.
 //
 // Result: what the crash-dump driver answered, or
 // STATUS_INVALID_PARAMETER  DumpHandle is NULL
@@ -313,8 +316,8 @@ typedef struct _ZEP_SUBSYSTEM_DESCRIPTOR {
     ULONG Reserved2;                  // 0
 } ZEP_SUBSYSTEM_DESCRIPTOR;
 
-// A removed client, as ZepClientRemove sees it. Only its head may be read: InterfaceGUID (16 bytes at 0), the name (64
-// bytes at 16) and the description (128 bytes at 80); the memory that the rest refers to is gone.
+// A removed client, as ZepClientRemove sees it. Only its head is published: InterfaceGUID (16 bytes at 0), the name (64
+// bytes at 16) and the description (128 bytes at 80). Read nothing else: two of the other fields point to what is gone.
 typedef struct _ZEP_NOTIFIER_CLIENT_CONTEXT ZEP_NOTIFIER_CLIENT_CONTEXT;
 
 // Announces one client, on a work item with the clients lock held: call no operation of either table that takes it.

@@ -19,7 +19,7 @@ static void CopyText(CHAR (&destination)[kSize], const CHAR* source)
     destination[length] = '\0';
 }
 
-// On purpose every entry is copied, but the count is recorded modulo 256.
+// On purpose: every entry is copied, but the count is recorded modulo 256.
 static NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEntry* entries, ULONG entryCount)
 {
     if (entryCount == 0 || entries == nullptr) {
@@ -69,7 +69,7 @@ static NTSTATUS AddClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONT
         Report<Site::kInitLock>(status);
         ZepDataEntry* entries = client.DataEntries;
         WdfObjectDelete(clientObject);
-        // On purpose by the sign: a lock that answers with another success keeps the entries allocated.
+        // On purpose: by the sign: a lock that answers with another success keeps the entries allocated.
         if (!NT_SUCCESS(status)) {
             FreeEntries(entries);
         }
@@ -101,7 +101,7 @@ NTSTATUS Notifier_HelperInit(const GUID* interfaceGuid, const CHAR* name, const 
     if (_getClientContextByGUID(interfaceGuid, nullptr) != nullptr) {
         return ReportFailure<Site::kInitAlreadyRegistered>(*interfaceGuid, STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
     }
-    // On purpose behind the look-up: a taken GUID is refused even with a null table.
+    // On purpose: behind the look-up: a taken GUID is refused even with a null table.
     if (callbacks == nullptr) {
         return ReportFailure<Site::kInitTableNull>(STATUS_INVALID_PARAMETER);
     }

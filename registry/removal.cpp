@@ -9,7 +9,7 @@
 
 static void FreeEntries(const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
-    // On purpose not cleared: the context goes at once, and nobody reads the field in the copy.
+    // On purpose: not cleared: the context goes at once, and nobody reads the field in the copy.
     if (client.DataEntries != nullptr) {
         ExFreePoolWithTag(client.DataEntries, kDataEntriesTag);
     }

@@ -32,7 +32,7 @@ static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_C
     registration->StateNotificationCallback = callback;
 
     status = WdfCollectionAdd(subscriber.wdfCollectionStateRegistrations, object);
-    if (status != STATUS_SUCCESS) {  // On purpose any other status, also of the success class
+    if (status != STATUS_SUCCESS) {  // On purpose: any other status, also of the success class
         Report<Site::kRegisterAdd>(status);
         WdfObjectDelete(object);
         return status;

@@ -39,17 +39,15 @@ static bool IsWanted(UCHAR bitLevel, ULONG64 bitKeyword, UCHAR level, ULONG64 ma
     return levelWanted && keywordWanted;
 }
 
-static ETWENABLECALLBACK EventEnableCallback;
-
-static void EventEnableCallback(LPCGUID, ULONG controlCode, UCHAR level, ULONGLONG matchAny, ULONGLONG matchAll,
-                                PEVENT_FILTER_DESCRIPTOR, PVOID callbackContext)
+static VOID NTAPI EventEnableCallback(LPCGUID, ULONG controlCode, UCHAR level, ULONGLONG matchAny, ULONGLONG matchAll,
+                                      PEVENT_FILTER_DESCRIPTOR, PVOID callbackContext)
 {
     auto* context = static_cast<EventTraceContext*>(callbackContext);
     if (context == nullptr) {
         return;
     }
 
-    if (controlCode == EVENT_CONTROL_CODE_ENABLE_PROVIDER) {
+    if (controlCode == kControlEnable) {
         WriteUCharNoFence(&context->level, level);
         WriteULong64NoFence(&context->matchAnyKeyword, matchAny);
         WriteULong64NoFence(&context->matchAllKeyword, matchAll);
@@ -64,7 +62,7 @@ static void EventEnableCallback(LPCGUID, ULONG controlCode, UCHAR level, ULONGLO
         return;
     }
 
-    if (controlCode == EVENT_CONTROL_CODE_DISABLE_PROVIDER) {
+    if (controlCode == kControlDisable) {
         WriteULongNoFence(&context->isEnabled, 0);
         WriteUCharNoFence(&context->level, 0);
         WriteULong64NoFence(&context->matchAnyKeyword, 0);

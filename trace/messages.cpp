@@ -22,6 +22,15 @@ static_assert(kMessageFlags == 43);
 
 constexpr ULONG kFirstMajorWithClassicProviders = 6;
 
+// Actions of the legacy route: register as a trace provider, deregister; the device object is a callback block in both.
+constexpr ULONG kLegacyRegister = 0x80010001;
+constexpr ULONG kLegacyDeregister = 0x80000002;
+
+// Variadic functions have a convention of their own; the WDK knows it by this name only.
+#if !defined(NTAPI_VARIADIC)
+#define NTAPI_VARIADIC __cdecl
+#endif
+
 typedef NTSTATUS(NTAPI_VARIADIC WmiTraceMessageRoutine)(TRACEHANDLE logger, ULONG flags, const GUID* messageGuid,
                                                         USHORT number, ...);
 typedef NTSTATUS(NTAPI WmiQueryTraceInformationRoutine)(TRACE_INFORMATION_CLASS informationClass, PVOID information,
@@ -29,6 +38,7 @@ typedef NTSTATUS(NTAPI WmiQueryTraceInformationRoutine)(TRACE_INFORMATION_CLASS 
 typedef VOID(NTAPI ClassicEnableCallback)(LPCGUID guid, UCHAR controlCode, PVOID enableContext, PVOID callbackContext);
 typedef NTSTATUS(NTAPI EtwRegisterClassicProviderRoutine)(LPCGUID guid, ULONG type, ClassicEnableCallback* callback,
                                                           PVOID callbackContext, PREGHANDLE handle);
+typedef BOOLEAN(NTAPI PsGetVersionRoutine)(PULONG major, PULONG minor, PULONG build, PUNICODE_STRING servicePack);
 typedef NTSTATUS(NTAPI EtwUnregisterRoutine)(REGHANDLE handle);
 typedef LONG(NTAPI WmiRequestCallback)(UCHAR minorFunction, PVOID dataPath, ULONG bufferLength, PVOID buffer,
                                        PVOID context, PULONG size);
@@ -112,13 +122,13 @@ static void MessageEnableCallback(LPCGUID, UCHAR controlCode, PVOID enableContex
     if (control == nullptr) {
         return;
     }
-    if (controlCode == EVENT_CONTROL_CODE_ENABLE_PROVIDER && enableContext != nullptr) {
+    if (controlCode == kControlEnable && enableContext != nullptr) {
         EnableContext context;
         ULONG64 logger;
         memcpy(&context, enableContext, sizeof(context));
         memcpy(&logger, enableContext, sizeof(logger));
         EnableMessages(*control, logger, context.level, context.enableFlags);
-    } else if (controlCode == EVENT_CONTROL_CODE_DISABLE_PROVIDER) {
+    } else if (controlCode == kControlDisable) {
         DisableMessages(*control);
     }
 }
@@ -225,7 +235,7 @@ static Routine* FindRoutine(PCWSTR name)
 // Without a version routine the system counts as one that has only the legacy route.
 static EtwRegisterClassicProviderRoutine* FindClassicRoute()
 {
-    PS_GET_VERSION* getVersion = FindRoutine<PS_GET_VERSION>(L"PsGetVersion");
+    PsGetVersionRoutine* getVersion = FindRoutine<PsGetVersionRoutine>(L"PsGetVersion");
     g_TraceMessage = FindRoutine<WmiTraceMessageRoutine>(L"WmiTraceMessage");
     g_QueryTraceInformation = FindRoutine<WmiQueryTraceInformationRoutine>(L"WmiQueryTraceInformation");
     g_Route = Route::kLegacy;
@@ -270,8 +280,7 @@ void InitializeTraceMessages()
     if (g_Route == Route::kClassic) {
         (void)registerClassic(&kControl, 0, MessageEnableCallback, g_Control, &g_Control->registrationHandle);
     } else {
-        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control),
-                                       0x80000000u | WMIREG_FLAG_TRACE_PROVIDER | WMIREG_ACTION_REGISTER);
+        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kLegacyRegister);
     }
 }
 
@@ -286,8 +295,7 @@ void CleanUpTraceMessages()
             g_Control->registrationHandle = 0;
         }
     } else {
-        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control),
-                                       0x80000000u | WMIREG_ACTION_DEREGISTER);
+        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kLegacyDeregister);
     }
     DisableMessages(*g_Control);
     g_Control = nullptr;

@@ -5,6 +5,10 @@
 
 #include "trace/catalogue.h"
 
+// Control codes of enable callbacks; the system may send others.
+inline constexpr ULONG kControlDisable = 0;
+inline constexpr ULONG kControlEnable = 1;
+
 // ---- Life: PASSIVE_LEVEL, from driver entry and unload only ----
 
 // Registers the event provider unless it is registered. A session that is armed already enables it before this returns.

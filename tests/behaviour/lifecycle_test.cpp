@@ -275,6 +275,9 @@ TEST_P(Lifecycle, TablesHaveTheBindingHeaderAndTheirReferencesDoNothing)
         EXPECT_EQ(header.Size, size);
         EXPECT_EQ(header.Version, 1);
         EXPECT_EQ(header.Context, world.driver->Device());
+        ULONG padding = 1;
+        memcpy(&padding, reinterpret_cast<const char*>(&header) + 4, sizeof(padding));
+        EXPECT_EQ(padding, 0u) << "peers get no stack contents";
         EXPECT_EQ(header.InterfaceReference, header.InterfaceDereference);
         const long before = world.machine.inspect().Find(world.driver->Device())->references;
         header.InterfaceReference(header.Context);

@@ -1,0 +1,662 @@
+// The crash-dump bridge: attaching, announcements and withdrawals, descriptors, and the dump calls that pass through.
+#include "tests/support/world.h"
+
+namespace tests {
+namespace {
+
+using host::checks::Rule;
+
+class CrashDump : public OnContainer {};
+FOR_ALL_CONTAINERS(CrashDump);
+
+// A crash-dump driver that records what it is told; its callbacks have no context, so there is one at a time.
+struct Recorder {
+    struct Call {
+        std::string name;
+        std::vector<std::uint64_t> arguments;
+        bool operator==(const Call&) const = default;
+    };
+    std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> added;
+    std::vector<const ZEP_SUBSYSTEM_DESCRIPTOR*> buffers;
+    std::vector<GUID> removed;
+    std::vector<Call> calls;
+    NTSTATUS answer = STATUS_SUCCESS;
+    WpcdClientRegistration registration{};
+
+    Recorder();
+    ~Recorder();
+};
+
+Recorder* g_recorder = nullptr;
+
+std::uint64_t Number(const void* pointer)
+{
+    return reinterpret_cast<std::uint64_t>(pointer);
+}
+
+NTSTATUS NTAPI OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR* descriptor)
+{
+    g_recorder->added.push_back(*descriptor);
+    g_recorder->buffers.push_back(descriptor);
+    return g_recorder->answer;
+}
+
+NTSTATUS NTAPI OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client)
+{
+    g_recorder->removed.push_back(*reinterpret_cast<const GUID*>(client));
+    return g_recorder->answer;
+}
+
+NTSTATUS NTAPI OnStart(PVOID handle, ULONGLONG first, ULONGLONG second)
+{
+    g_recorder->calls.push_back({"start", {Number(handle), first, second}});
+    return g_recorder->answer;
+}
+
+NTSTATUS NTAPI OnAddData(PVOID handle, PVOID data, ULONGLONG first, ULONG second, ULONG third)
+{
+    g_recorder->calls.push_back({"add data", {Number(handle), Number(data), first, second, third}});
+    return g_recorder->answer;
+}
+
+NTSTATUS NTAPI OnStop(PVOID handle, ULONGLONG first)
+{
+    g_recorder->calls.push_back({"stop", {Number(handle), first}});
+    return g_recorder->answer;
+}
+
+NTSTATUS NTAPI OnQuery(PVOID handle, ULONG first, ULONGLONG second, ULONGLONG third)
+{
+    g_recorder->calls.push_back({"query", {Number(handle), first, second, third}});
+    return g_recorder->answer;
+}
+
+NTSTATUS NTAPI OnTriage(PVOID handle, ULONGLONG first, ULONG second)
+{
+    g_recorder->calls.push_back({"triage", {Number(handle), first, second}});
+    return g_recorder->answer;
+}
+
+Recorder::Recorder()
+    : registration{.Header = 0xFFFF,
+                   .ZepClientAdd = &OnAdd,
+                   .ZepClientRemove = &OnRemove,
+                   .ZepDumpStart = &OnStart,
+                   .ZepDumpAddDumpData = &OnAddData,
+                   .ZepDumpStop = &OnStop,
+                   .ZepDumpQueryParam = &OnQuery,
+                   .ZepDumpAddTriageData = &OnTriage}
+{
+    g_recorder = this;
+}
+
+Recorder::~Recorder()
+{
+    g_recorder = nullptr;
+}
+
+struct Attached {
+    Recorder recorder;
+    World world;
+
+    explicit Attached(const Container& container) : world(container)
+    {
+        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
+    }
+};
+
+TEST_P(CrashDump, AttachesOnceAndDetachesOnce)
+{
+    Recorder first;
+    World world(GetParam());
+    EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&first.registration), STATUS_SUCCESS);
+    const WpcdClientRegistration other{};
+    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&other), STATUS_OBJECT_NAME_EXISTS);
+    EXPECT_EQ(world.TakeReports(),
+              (Lines{"2 Notifier_WpcdClientDeInit: CDI client is not already registered?!, 0xC0000034",
+                     "2 Notifier_WpcdClientInit: ZepClientAdd or ZepClientRemove is NULL!, 0xC000000D",
+                     "2 Notifier_WpcdClientInit: WPCD client already registered?!, 0x40000000"}));
+    using Callbacks = std::array<void*, 7>;
+    const auto stored = [&] {
+        return *world.machine.inspect().Context<Callbacks>(world.Context().wpcdClient, kWpcdContextName);
+    };
+    EXPECT_EQ(memcmp(stored().data(), &first.registration.ZepClientAdd, 56), 0) << "the first callbacks stay";
+    EXPECT_EQ(world.Queued(), 0u);
+
+    EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
+    EXPECT_EQ(world.Context().wpcdClient, nullptr);
+    EXPECT_EQ(world.Alive(kWpcdContextName), 0u);
+    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&other), STATUS_SUCCESS) << "null callbacks are accepted";
+    EXPECT_EQ(stored(), Callbacks{});
+}
+
+TEST_P(CrashDump, AttachAndDetachFailuresLeaveTheBridgeAsItWas)
+{
+    struct Row {
+        const char* name;
+        std::function<void(World&)> arm;
+        NTSTATUS status;
+        std::string report;
+        bool detach;
+    };
+    const Row kRows[] = {
+        {"no driver", [](World& w) { w.HideDriver(); }, STATUS_IO_DEVICE_ERROR,
+         "2 Notifier_WpcdClientInit: WdfGetDriver returned NULL?!, 0xC0000185", false},
+        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); },
+         STATUS_IO_DEVICE_ERROR, "7 Notifier_WpcdClientInit: Driver object context, <driver>, 0xC0000185", false},
+        {"object", [](World& w) { w.Fail("WdfObjectCreate", STATUS_NO_MEMORY); }, STATUS_NO_MEMORY,
+         "1 Notifier_WpcdClientInit: WdfObjectCreate, 0xC0000017", false},
+        {"context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kWpcdContextName); },
+         STATUS_IO_DEVICE_ERROR, "7 Notifier_WpcdClientInit: WPCD client context, <gone>, 0xC0000185", false},
+        {"no driver", [](World& w) { w.HideDriver(); }, STATUS_IO_DEVICE_ERROR,
+         "2 Notifier_WpcdClientDeInit: WdfGetDriver returned NULL?!, 0xC0000185", true},
+        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); },
+         STATUS_IO_DEVICE_ERROR, "7 Notifier_WpcdClientDeInit: Driver object context, <driver>, 0xC0000185", true},
+        {"lock", [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT); }, STATUS_TIMEOUT,
+         "1 Notifier_WpcdClientDeInit: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102", true},
+    };
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        Recorder recorder;
+        World world(GetParam());
+        if (row.detach) {
+            ASSERT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
+        }
+        row.arm(world);
+        EXPECT_EQ(row.detach ? world.wpcd.Notifier_WpcdClientDeInit()
+                             : world.wpcd.Notifier_WpcdClientInit(&recorder.registration),
+                  row.status);
+        world.EndFaults();
+        EXPECT_EQ(world.TakeReports(), Lines{row.report});
+        EXPECT_EQ(world.Context().wpcdClient != nullptr, row.detach);
+        EXPECT_EQ(world.Alive(kWpcdContextName), row.detach ? 1u : 0u);
+    }
+}
+
+TEST_P(CrashDump, AnnouncesClientsByTheirPostsInOrderThroughOneBuffer)
+{
+    Attached a(GetParam());
+    Peer first(1);
+    Peer second(2);
+    first.HearsAppsState().TakesCommands();
+    first.callbacks.ReservedCallback = &a;
+    first.callbacks.DescriptorCallbackA = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&first);
+    first.callbacks.DescriptorCallbackB = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&second);
+    first.callbacks.DescriptorCallbackC = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&a);
+    const ZepDataEntry entries[2] = {};
+    const std::string longName(70, 'n');
+    ASSERT_EQ(a.world.helper.Notifier_HelperInit(&first.guid, longName.c_str(), "first one", &first.callbacks, entries,
+                                                 2, &first),
+              STATUS_SUCCESS);
+    ASSERT_EQ(a.world.Register(second), STATUS_SUCCESS);
+    a.world.Deliver();
+    EXPECT_TRUE(a.recorder.added.empty()) << "registration alone announces nobody";
+    ASSERT_EQ(a.world.Post(second, 1), STATUS_SUCCESS);
+    ASSERT_EQ(a.world.Post(first, 1), STATUS_SUCCESS);
+    a.world.Deliver();
+
+    ASSERT_EQ(a.recorder.added.size(), 2u);
+    EXPECT_EQ(a.recorder.buffers[0], a.recorder.buffers[1]);
+    EXPECT_EQ(a.recorder.added[0].InterfaceGUID.Data1, 2u);
+    const ZEP_SUBSYSTEM_DESCRIPTOR& d = a.recorder.added[1];
+    EXPECT_EQ(d.InterfaceGUID.Data1, 1u);
+    EXPECT_EQ(std::string(d.SubsystemName), std::string(63, 'n'));
+    EXPECT_STREQ(d.SubsystemDescription, "first one");
+    EXPECT_EQ(d.AppsStateNotificationCallback, first.callbacks.AppsStateNotificationCallback);
+    EXPECT_EQ(d.DescriptorCallbackA, first.callbacks.DescriptorCallbackA);
+    EXPECT_EQ(d.DescriptorCallbackB, first.callbacks.DescriptorCallbackB);
+    EXPECT_EQ(d.DescriptorCallbackC, first.callbacks.DescriptorCallbackC);
+    EXPECT_EQ(d.DataEntries, a.world.Client(first)->entries);
+    EXPECT_EQ(d.DataEntryCount, 2);
+    EXPECT_EQ(d.CallbackContext, &first);
+    EXPECT_EQ(d.Reserved1 + d.Reserved2, 0u);
+    // The name of the first is longer: what stands behind the shorter name's end is not cleaned.
+    EXPECT_EQ(a.world.Client(first)->addedToWpcd, 1u);
+    EXPECT_EQ(a.world.Client(first)->wpcdRefreshPending, 0u);
+    ASSERT_EQ(a.world.Post(first, 2), STATUS_SUCCESS);
+    a.world.Deliver();
+    EXPECT_EQ(a.recorder.added.size(), 2u) << "announced once";
+}
+
+TEST_P(CrashDump, TextTailsKeepWhatAnEarlierDescriptorLeft)
+{
+    Attached a(GetParam());
+    Peer first(1);
+    Peer second(2);
+    ASSERT_EQ(a.world.helper.Notifier_HelperInit(&first.guid, "a long name", "d", &first.callbacks, nullptr, 0, nullptr),
+              STATUS_SUCCESS);
+    ASSERT_EQ(a.world.helper.Notifier_HelperInit(&second.guid, "x", "d", &second.callbacks, nullptr, 0, nullptr),
+              STATUS_SUCCESS);
+    ASSERT_EQ(a.world.Post(first, 1), STATUS_SUCCESS);
+    ASSERT_EQ(a.world.Post(second, 1), STATUS_SUCCESS);
+    a.world.Deliver();
+    ASSERT_EQ(a.recorder.added.size(), 2u);
+    EXPECT_EQ(std::string(a.recorder.added[1].SubsystemName, 11), std::string("x\0long name", 11));
+}
+
+TEST_P(CrashDump, ClientHandedOverWithoutStateIsAnnouncedOnceMore)
+{
+    Attached a(GetParam());
+    Peer peer(1);
+    ASSERT_EQ(a.world.Register(peer), STATUS_SUCCESS);
+    ASSERT_EQ(a.world.Post(peer, 0), STATUS_SUCCESS);
+    a.world.Deliver();
+    EXPECT_EQ(a.world.Client(peer)->wpcdRefreshPending, 1u);
+    for (const ULONG state : {3u, 4u, 5u}) {
+        ASSERT_EQ(a.world.Post(peer, state), STATUS_SUCCESS);
+        EXPECT_EQ(a.world.Client(peer)->wpcdRefreshPending, 0u);
+        a.world.Deliver();
+    }
+    EXPECT_EQ(a.recorder.added.size(), 2u);
+}
+
+TEST_P(CrashDump, UnattachedOrRefusingDriverLeavesClientsUnannouncedUntilTheyPostAgain)
+{
+    Recorder recorder;
+    World world(GetParam());
+    Peer first(1);
+    Peer second(2);
+    ASSERT_EQ(world.Register(first), STATUS_SUCCESS);
+    ASSERT_EQ(world.Register(second), STATUS_SUCCESS);
+    ASSERT_EQ(world.Post(first, 1), STATUS_SUCCESS);
+    ASSERT_EQ(world.Post(second, 1), STATUS_SUCCESS);
+    (void)world.machine.RunOneWorkItem();
+    EXPECT_EQ(world.TakeReports(), (Lines{"22 NotifierEvtWorkItemWpcdClientAdd: Connection to CDI driver is not yet "
+                                          "available, will retry later, ZEPN driver"}))
+        << "one warning per run";
+    EXPECT_EQ(world.Count(world.Context().addQueue), 0u);
+    world.Deliver();
+    (void)world.TakeReports();
+
+    ASSERT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
+    world.Deliver();
+    EXPECT_TRUE(recorder.added.empty());
+    for (const NTSTATUS refusal : {STATUS_NOT_SUPPORTED, STATUS_PENDING}) {
+        recorder.answer = refusal;
+        ASSERT_EQ(world.Post(first, 2), STATUS_SUCCESS);
+        (void)world.machine.RunOneWorkItem();
+        EXPECT_EQ(world.Client(first)->addedToWpcd, 0u);
+        world.Deliver();
+    }
+    recorder.answer = STATUS_SUCCESS;
+    const std::string refused = "3 NotifierEvtWorkItemWpcdClientAdd: Add client call to WPCD failed!, 0x";
+    const std::string empty = "10 NotifierEvtWorkItemNotifyStates: <states>";
+    EXPECT_EQ(world.TakeReports(), (Lines{refused + "C00000BB", empty, refused + "00000103", empty}));
+    ASSERT_EQ(world.Post(first, 3), STATUS_SUCCESS);
+    world.Deliver();
+    EXPECT_EQ(world.Client(first)->addedToWpcd, 1u);
+}
+
+TEST_P(CrashDump, AnnouncementFailuresEmptyTheQueueOrPassOver)
+{
+    struct Row {
+        const char* name;
+        std::function<void(World&)> arm;
+        std::string report;
+        std::size_t added;
+        std::size_t queued;
+    };
+    const std::string kRun = " NotifierEvtWorkItemWpcdClientAdd: ";
+    const Row kRows[] = {
+        {"no driver", [](World& w) { w.HideDriver(); }, "13" + kRun + "WdfGetDriver returned NULL?!", 0, 2},
+        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); },
+         "13" + kRun + "Driver context is NULL?!", 0, 2},
+        {"no bridge context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kWpcdContextName); },
+         "6" + kRun + "WPCD client context, <object>", 0, 0},
+        {"client context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); },
+         "6" + kRun + "Client context, <object>", 1, 0},
+    };
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        Attached a(GetParam());
+        Peer first(1);
+        Peer second(2);
+        for (Peer* peer : {&first, &second}) {
+            ASSERT_EQ(a.world.Register(*peer), STATUS_SUCCESS);
+            ASSERT_EQ(a.world.Post(*peer, 1), STATUS_SUCCESS);
+        }
+        row.arm(a.world);
+        (void)a.world.machine.RunOneWorkItem();
+        a.world.EndFaults();
+        EXPECT_EQ(a.world.TakeReports(), Lines{row.report});
+        EXPECT_EQ(a.recorder.added.size(), row.added);
+        EXPECT_EQ(a.world.Count(a.world.Context().addQueue), row.queued);
+        ASSERT_EQ(a.world.Post(first, 2), STATUS_SUCCESS);
+        a.world.Deliver();
+        EXPECT_EQ(a.world.Client(first)->addedToWpcd, 1u);
+    }
+}
+
+// Announces peers and lets them leave, so that as many copies wait as peers were given.
+void QueueRemovals(World& world, std::deque<Peer>& peers, unsigned count)
+{
+    for (unsigned number = 1; number <= count; ++number) {
+        Peer& peer = peers.emplace_back(number);
+        ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
+        ASSERT_EQ(world.Post(peer, 1), STATUS_SUCCESS);
+    }
+    world.Deliver();
+    for (Peer& peer : peers) {
+        ASSERT_EQ(world.Leave(peer), STATUS_SUCCESS);
+    }
+    (void)world.TakeReports();
+}
+
+TEST_P(CrashDump, OneRunWithdrawsOneClient)
+{
+    Attached a(GetParam());
+    std::deque<Peer> peers;
+    QueueRemovals(a.world, peers, 3);
+    EXPECT_EQ(a.world.Queued(), 1u);
+    a.world.Deliver();
+    ASSERT_EQ(a.recorder.removed.size(), 1u);
+    EXPECT_EQ(a.recorder.removed[0].Data1, 1u);
+    EXPECT_EQ(a.world.Count(a.world.Context().removeQueue), 2u);
+    EXPECT_EQ(a.world.Alive(kClientContextName), 2u);
+}
+
+TEST_P(CrashDump, WithdrawalFailuresReportAsCatalogued)
+{
+    struct Row {
+        const char* name;
+        std::function<void(Attached&)> arm;
+        Lines reports;
+        std::size_t removed;
+        std::size_t left;
+    };
+    const std::string kRun = " NotifierEvtWorkItemWpcdClientRemove: ";
+    const Row kRows[] = {
+        {"no driver", [](Attached& a) { a.world.HideDriver(); }, {"13" + kRun + "WdfGetDriver returned NULL?!"}, 0, 1},
+        {"no driver context",
+         [](Attached& a) { a.world.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); },
+         {"13" + kRun + "Driver context is NULL?!"}, 0, 1},
+        {"lock", [](Attached& a) { a.world.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT); },
+         {"1" + kRun + "WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102"}, 0, 1},
+        {"queue empty", [](Attached& a) { a.world.Lose("WdfCollectionGetFirstItem"); }, {"10" + kRun + "<add queue>"},
+         0, 1},
+        {"copy context", [](Attached& a) { a.world.Lose("WdfObjectGetTypedContextWorker", kClientContextName); },
+         {"6" + kRun + "Client context, <object>"}, 0, 1},
+        {"refused", [](Attached& a) { a.recorder.answer = STATUS_PENDING; },
+         {"3 NotifierEvtWorkItemWpcdClientAdd: Remove client call to WPCD failed!, 0x00000103"}, 1, 0},
+        {"detached", [](Attached& a) { EXPECT_EQ(a.world.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS); }, {}, 0,
+         0},
+    };
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        Attached a(GetParam());
+        std::deque<Peer> peers;
+        QueueRemovals(a.world, peers, 1);
+        row.arm(a);
+        a.world.Deliver();
+        a.world.EndFaults();
+        EXPECT_EQ(a.world.TakeReports(), row.reports);
+        EXPECT_EQ(a.recorder.removed.size(), row.removed);
+        EXPECT_EQ(a.world.Count(a.world.Context().removeQueue), row.left);
+        EXPECT_EQ(a.world.Alive(kClientContextName), row.left);
+        Peer next(9);
+        EXPECT_EQ(a.world.Register(next), STATUS_SUCCESS) << "the clients lock is free";
+    }
+}
+
+TEST_P(CrashDump, MissingBridgeContextLeavesTheClientsLockHeld)
+{
+    Attached a(GetParam());
+    std::deque<Peer> peers;
+    QueueRemovals(a.world, peers, 1);
+    a.world.Lose("WdfObjectGetTypedContextWorker", kWpcdContextName);
+    a.world.Deliver();
+    a.world.EndFaults();
+    EXPECT_EQ(a.world.TakeReports(),
+              (Lines{"6 NotifierEvtWorkItemWpcdClientRemove: WPCD client context, <object>"}));
+    EXPECT_TRUE(a.world.machine.inspect().Find(a.world.Context().clientsLock)->held);
+    EXPECT_EQ(a.world.machine.violations().Take(Rule::kLockKept).size(), 1u);
+    EXPECT_TRUE(a.world.machine.OnThread("client", [&] { (void)a.world.Leave(peers[0]); }).parked);
+    EXPECT_EQ(a.world.machine.violations().Take(Rule::kDeadlock).size(), 1u);
+    a.world.Abandon();
+}
+
+TEST_P(CrashDump, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
+{
+    Attached a(GetParam());
+    ULONG count = 77;
+    std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> array(3);
+    memset(array.data(), 0xEE, array.size() * sizeof(array[0]));
+    const auto untouched = array;
+    const auto isUntouched = [&](std::size_t index) {
+        return memcmp(&array[index], &untouched[index], sizeof(array[0])) == 0;
+    };
+    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
+    EXPECT_TRUE(isUntouched(0));
+
+    Peer withState(1);
+    Peer without(2);
+    ASSERT_EQ(a.world.Register(withState), STATUS_SUCCESS);
+    ASSERT_EQ(a.world.Register(without), STATUS_SUCCESS);
+    ASSERT_EQ(a.world.Post(withState, 5), STATUS_SUCCESS);
+    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
+    EXPECT_EQ(count, 2u);
+
+    count = 1;
+    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(count, 2u);
+    EXPECT_TRUE(isUntouched(0));
+    EXPECT_EQ(a.world.TakeReports(),
+              (Lines{"11 Notifier_WpcdGetAllSubsystemDescriptors: 1, 2, 0xC0000023"}));
+    EXPECT_EQ(a.world.Client(withState)->addedToWpcd, 0u);
+
+    count = 3;
+    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
+    EXPECT_EQ(count, 2u);
+    EXPECT_EQ(array[0].InterfaceGUID.Data1, 1u);
+    EXPECT_EQ(array[1].InterfaceGUID.Data1, 2u);
+    EXPECT_EQ(array[0].SubsystemName[5], '\xEE') << "bytes behind the text are not written";
+    unsigned char padding[7];
+    memcpy(padding, array[0].Padding, sizeof(padding));
+    EXPECT_EQ(padding[0] & padding[6], 0xEE);
+    EXPECT_TRUE(isUntouched(2));
+    EXPECT_EQ(a.world.Client(withState)->addedToWpcd, 1u);
+    EXPECT_EQ(a.world.Client(withState)->wpcdRefreshPending, 0u);
+    EXPECT_EQ(a.world.Client(without)->wpcdRefreshPending, 1u);
+}
+
+TEST_P(CrashDump, DescriptorFailuresStopAsTheyMust)
+{
+    Attached a(GetParam());
+    Peer first(1);
+    Peer second(2);
+    ASSERT_EQ(a.world.Register(first), STATUS_SUCCESS);
+    ASSERT_EQ(a.world.Register(second), STATUS_SUCCESS);
+    const auto& wpcd = a.world.wpcd;
+    const std::string kCount = "Notifier_WpcdGetNumSubsystemDescriptors: ";
+    const std::string kAll = "Notifier_WpcdGetAllSubsystemDescriptors: ";
+    ULONG capacity = 2;
+    EXPECT_EQ(wpcd.Notifier_WpcdGetNumSubsystemDescriptors(nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(wpcd.Notifier_WpcdGetAllSubsystemDescriptors(nullptr, nullptr), STATUS_INVALID_PARAMETER);
+    std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> array(2);
+    EXPECT_EQ(wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(a.world.TakeReports(), (Lines{"2 " + kCount + "NumberDescriptors is NULL, 0xC000000D",
+                                            "2 " + kAll + "Descriptors is NULL?!, 0xC000000D",
+                                            "2 " + kAll + "NumberDescriptors is NULL?!, 0xC000000D"}));
+    struct Row {
+        const char* name;
+        std::function<void(World&)> arm;
+        bool all;
+        NTSTATUS status;
+        std::string report;
+        ULONG countAfter;
+    };
+    const auto noDriver = [](World& w) { w.HideDriver(); };
+    const auto noContext = [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); };
+    const auto noLock = [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT); };
+    const auto noItem = [](World& w) { w.Lose("WdfCollectionGetItem", "", 1); };
+    const auto noClient = [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName, 1); };
+    const Row kRows[] = {
+        {"count, driver", noDriver, false, STATUS_IO_DEVICE_ERROR,
+         "2 " + kCount + "WdfGetDriver returned NULL?!, 0xC0000185", 0},
+        {"count, context", noContext, false, STATUS_IO_DEVICE_ERROR,
+         "7 " + kCount + "Driver object context, <driver>, 0xC0000185", 0},
+        {"count, lock", noLock, false, STATUS_TIMEOUT,
+         "1 " + kCount + "WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102", 0},
+        {"count, item", noItem, false, STATUS_SUCCESS, "5 " + kCount + "WdfCollectionGetItem, 1, <clients>, 2", 0},
+        {"count, client", noClient, false, STATUS_SUCCESS, "6 " + kCount + "Client object context, <object>", 0},
+        {"all, driver", noDriver, true, STATUS_IO_DEVICE_ERROR,
+         "2 " + kAll + "WdfGetDriver returned NULL?!, 0xC0000185", 9},
+        {"all, context", noContext, true, STATUS_IO_DEVICE_ERROR,
+         "7 " + kAll + "Driver object context, <driver>, 0xC0000185", 9},
+        {"all, lock", noLock, true, STATUS_TIMEOUT,
+         "1 " + kAll + "WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102", 9},
+        {"all, item", noItem, true, STATUS_SUCCESS, "5 " + kAll + "WdfCollectionGetItem, 1, <clients>, 2", 9},
+        {"all, client", noClient, true, STATUS_SUCCESS, "6 " + kAll + "Client object context, <object>", 9},
+        {"all, general lock", [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT, 2); }, true, STATUS_TIMEOUT,
+         "1 " + kAll + "WdfWaitLockAcquire (general lock), 0x00000102", 9},
+    };
+    array.resize(9);
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        capacity = 9;
+        row.arm(a.world);
+        EXPECT_EQ(row.all ? wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &capacity)
+                          : wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&capacity),
+                  row.status);
+        a.world.EndFaults();
+        EXPECT_EQ(a.world.TakeReports(), Lines{row.report});
+        EXPECT_EQ(capacity, row.countAfter);
+    }
+    EXPECT_EQ(wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&capacity), STATUS_SUCCESS) << "the locks are free";
+}
+
+// The five dump calls: name, the call with given first arguments, the values passed, the row's name in reports.
+struct DumpCall {
+    const char* function;
+    const char* callback;
+    std::function<NTSTATUS(World&, void* handle)> call;
+    Recorder::Call recorded;  // first argument filled in by the test
+    std::vector<std::uint32_t> traced;
+};
+
+std::uint32_t g_dumpRecord = 0xD0D0;
+std::uint32_t g_dumpData = 0xDA7A;
+
+const std::vector<DumpCall>& DumpCalls()
+{
+    constexpr ULONGLONG kWide = 0x1122334455667788;
+    static const std::vector<DumpCall> kCalls = {
+        {"Notifier_HelperStartDump", "ZepDumpStart",
+         [](World& w, void* h) { return w.helper.Notifier_HelperStartDump(h, kWide, 2); },
+         {"start", {0, kWide, 2}}, {0xD0D0}},
+        {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
+         [](World& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, &g_dumpData, kWide, 0xFFFFFFFF, 3); },
+         {"add data", {0, Number(&g_dumpData), kWide, 0xFFFFFFFF, 3}}, {0xD0D0, 0xDA7A}},
+        {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
+         [](World& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, nullptr, kWide, 2, 3); },
+         {"add data", {0, 0, kWide, 2, 3}}, {0xD0D0, 0}},
+        {"Notifier_HelperStopDump", "ZepDumpStop",
+         [](World& w, void* h) { return w.helper.Notifier_HelperStopDump(h, kWide); }, {"stop", {0, kWide}}, {0xD0D0}},
+        {"Notifier_HelperDumpQueryParam", "ZepDumpQueryParam",
+         [](World& w, void* h) { return w.helper.Notifier_HelperDumpQueryParam(h, 0x80000001, kWide, 3); },
+         {"query", {0, 0x80000001, kWide, 3}}, {0xD0D0}},
+        {"Notifier_HelperDumpAddTriageData", "ZepDumpAddTriageData",
+         [](World& w, void* h) { return w.helper.Notifier_HelperDumpAddTriageData(h, kWide, 0xFFFFFFFE); },
+         {"triage", {0, kWide, 0xFFFFFFFE}}, {0xD0D0, 0xFFFFFFFE}},
+    };
+    return kCalls;
+}
+
+TEST_P(CrashDump, DumpCallsPassThroughUnchangedAtAnyLevel)
+{
+    for (const DumpCall& dump : DumpCalls()) {
+        SCOPED_TRACE(dump.function);
+        Attached a(GetParam());
+        (void)a.world.TakeRecords();
+        a.world.machine.tracing().ClearCaptured();
+        const host::ScopedIrql irql(DISPATCH_LEVEL);
+        EXPECT_EQ(dump.call(a.world, &g_dumpRecord), STATUS_SUCCESS);
+        Recorder::Call expected = dump.recorded;
+        expected.arguments[0] = Number(&g_dumpRecord);
+        EXPECT_EQ(a.recorder.calls, std::vector<Recorder::Call>{expected});
+
+        // Entry message, entry event, the look-up's two, the result with its values, the exit.
+        const auto messages = a.world.machine.tracing().Messages();
+        ASSERT_EQ(messages.size(), 4u);
+        constexpr GUID kForwardingSet = {
+            0x75F8AA61, 0xC96E, 0x3558, {0x5D, 0xC3, 0x89, 0x8A, 0xAE, 0x90, 0xE8, 0xED}};
+        for (const auto& message : messages) {
+            EXPECT_EQ(memcmp(&message.messageGuid, &kForwardingSet, sizeof(GUID)), 0);
+        }
+        std::vector<std::uint32_t> traced(messages[2].payload.size() / 4);
+        memcpy(traced.data(), messages[2].payload.data(), messages[2].payload.size());
+        EXPECT_EQ(traced, dump.traced);
+        EXPECT_EQ(a.world.machine.tracing().Events().size(), 2u);
+    }
+}
+
+TEST_P(CrashDump, DumpAnswersAreJudgedByTheirSignAndReturned)
+{
+    for (const DumpCall& dump : DumpCalls()) {
+        SCOPED_TRACE(dump.function);
+        Attached a(GetParam());
+        for (const NTSTATUS answer : {STATUS_PENDING, STATUS_OBJECT_NAME_EXISTS}) {
+            a.recorder.answer = answer;
+            EXPECT_EQ(dump.call(a.world, &g_dumpRecord), answer);
+            EXPECT_EQ(a.world.TakeReports(), Lines{});
+        }
+        for (const std::uint32_t answer : {0xC0000001u, 0x80000005u}) {
+            a.recorder.answer = static_cast<NTSTATUS>(answer);
+            EXPECT_EQ(dump.call(a.world, &g_dumpRecord), static_cast<NTSTATUS>(answer));
+            char status[16];
+            std::snprintf(status, sizeof(status), "0x%08X", answer);
+            EXPECT_EQ(a.world.TakeReports(), (Lines{std::string("1 pWpcdClientContext->") + dump.callback +
+                                                    ": Failed with an error code., " + status}));
+        }
+    }
+}
+
+TEST_P(CrashDump, DumpCallsFailBeforeTheCrashDumpDriverIsAsked)
+{
+    struct Row {
+        const char* name;
+        std::function<void(World&)> arm;
+        bool nullHandle;
+        bool attached;
+        std::uint32_t status;
+        std::string report;
+    };
+    const Row kRows[] = {
+        {"null handle", [](World&) {}, true, true, 0xC000000D,
+         "2 Notifier_HelperStartDump: A required parameter is NULL., 0xC000000D"},
+        {"no driver", [](World& w) { w.HideDriver(); }, false, true, 0xC0000185,
+         "2 Notifier_HelperStartDump: WdfGetDriver returned NULL., 0xC0000185"},
+        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); }, false,
+         true, 0xC0000185, "7 Notifier_HelperDumpStart: Driver object context, <driver>, 0xC0000185"},
+        {"not attached", [](World&) {}, false, false, 0xC0000185,
+         "7 Notifier_HelperDumpStart: WPCD (CDI) driver not yet loaded., <driver>, 0xC0000185"},
+        {"no bridge context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kWpcdContextName); }, false, true,
+         0xC0000185, "6 GetContext: WPCD client context, <object>"},
+    };
+    for (const DumpCall& dump : DumpCalls()) {
+        for (const Row& row : kRows) {
+            SCOPED_TRACE(std::string(dump.function) + ", " + row.name);
+            Recorder recorder;
+            World world(GetParam());
+            if (row.attached) {
+                ASSERT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
+            }
+            row.arm(world);
+            EXPECT_EQ(dump.call(world, row.nullHandle ? nullptr : &g_dumpRecord), static_cast<NTSTATUS>(row.status));
+            world.EndFaults();
+            char status[16];
+            std::snprintf(status, sizeof(status), "0x%08X", row.status);
+            EXPECT_EQ(world.TakeReports(), (Lines{row.report, std::string("2 ") + dump.function +
+                                                                  ": Retrieving the context information failed., " +
+                                                                  status}));
+            EXPECT_TRUE(recorder.calls.empty());
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tests
