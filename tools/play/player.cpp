@@ -262,6 +262,7 @@ private:
         }
         case Action::kClose:
             driver_->Close(file_);
+            file_ = 0;
             Show(step, "application", "closes the control device", STATUS_SUCCESS);
             return;
         case Action::kTimeout:

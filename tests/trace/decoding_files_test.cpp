@@ -1,0 +1,95 @@
+// The decoding files as files: well-formed, complete, without contradiction. That they agree with what the driver sends is
+// proven by every behaviour test, whose reports are decoded by them.
+#include "host/tracing/decode.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+namespace tests {
+namespace {
+
+const std::filesystem::path kFolder = std::filesystem::path(ZEPN_ROOT) / "out" / "manifest";
+
+TEST(Manifest, IsWellFormedXmlForAnIndependentParser)
+{
+    EXPECT_EQ(std::system(("xmllint --noout " + (kFolder / "zepn.man").string()).c_str()), 0);
+}
+
+TEST(Manifest, HoldsExactlyTheEventsWithTheirPayloads)
+{
+    const host::tracing::Manifest manifest(kFolder / "zepn.man");
+    EXPECT_EQ(host::tracing::GuidText(manifest.provider()), "{84cd9d5e-9773-4ba7-a709-72f079e81cde}");
+    // Level and the fields by first letters: s string, u 32 bits, q 64 bits, g GUID.
+    const std::map<unsigned, std::string> kExpected = {
+        {1, "2ssu"},  {2, "2ssu"}, {3, "2ssu"},   {5, "2ssqqq"}, {6, "2ssq"}, {7, "2ssqu"},
+        {9, "2ssqu"}, {10, "2sq"}, {11, "2sqqu"}, {12, "2ssgu"}, {13, "2ss"}, {22, "3sss"},
+        {41, "4ssq"}, {43, "4sq"}, {44, "4sss"},  {45, "4sq"},   {61, "5s"},  {64, "5sq"}};
+    std::map<unsigned, std::string> found;
+    std::set<std::string> symbols;
+    for (const auto& [id, event] : manifest.events()) {
+        std::string& shape = found[id];
+        shape = std::to_string(event.level);
+        for (const auto& field : event.fields) {
+            shape += "suqg"[static_cast<int>(field.type)];
+        }
+        EXPECT_EQ(event.fields[0].name, "FunctionName");
+        EXPECT_TRUE(symbols.insert(event.symbol).second) << event.symbol;
+        for (std::size_t at = event.message.find('%'); at != std::string::npos; at = event.message.find('%', at + 1)) {
+            EXPECT_LE(event.message[at + 1] - '0', static_cast<int>(event.fields.size())) << event.message;
+        }
+    }
+    EXPECT_EQ(found, kExpected);
+}
+
+TEST(MessageFormats, NumberMessagesFromTenInTwoSetsAndReferToTheirItems)
+{
+    const host::tracing::MessageFormats formats(kFolder);
+    std::map<std::string, std::set<unsigned>> numbers;
+    for (const auto& [key, format] : formats.formats()) {
+        numbers[key.first].insert(key.second);
+        EXPECT_TRUE(format.text.starts_with("%0"));
+        EXPECT_FALSE(format.function.empty());
+        for (const auto& item : format.items) {
+            EXPECT_NE(format.text.find("%" + std::to_string(item.index) + "!"), std::string::npos)
+                << format.text << " leaves out item " << item.index;
+        }
+    }
+    ASSERT_EQ(numbers.size(), 2u);
+    const auto& main = numbers["4bef4337-d238-624d-32ce-8173a7a2272b"];
+    const auto& forwarding = numbers["75f8aa61-c96e-3558-5dc3-898aae90e8ed"];
+    for (unsigned fixed = 10; fixed <= 62; ++fixed) {
+        const bool unused = (fixed >= 28 && fixed <= 30) || (fixed >= 43 && fixed <= 48);
+        EXPECT_EQ(main.contains(fixed), !unused) << fixed;
+    }
+    EXPECT_TRUE(main.contains(259));
+    EXPECT_EQ(*forwarding.begin(), 10u);
+    EXPECT_EQ(*forwarding.rbegin() - *forwarding.begin() + 1, forwarding.size()) << "without holes";
+}
+
+TEST(MessageFormats, SayWhereAFileIsWrong)
+{
+    const auto file = std::filesystem::temp_directory_path() / "wrong.tmf";
+    const std::string head = "4bef4337-d238-624d-32ce-8173a7a2272b zepn // SRC=x MJ= MN=\n";
+    for (const auto& [text, words] : std::map<std::string, std::string>{
+             {"nonsense\n", ":1: expected a message GUID"},
+             {head + "#typev a ten \"x\"\n", ":2: expected #typev"},
+             {head + "#typev a 10 \"x\" //\n{\na, ItemLong -- 11\n}\n", ":4: expected index 10"},
+             {head + "#typev a 10 \"x\" //\n{\n}\n#typev b 10 \"x\" //\n{\n}\n", ":5: expected message 10 once"},
+             {head + "#typev a 10 \"x\" //\n{\n", "expected '}'"}}) {
+        std::ofstream(file) << text;
+        try {
+            const host::tracing::MessageFormats formats(file);
+            ADD_FAILURE() << "read: " << text;
+        } catch (const std::runtime_error& error) {
+            EXPECT_NE(std::string(error.what()).find(words), std::string::npos) << error.what();
+        }
+    }
+    std::filesystem::remove(file);
+}
+
+}  // namespace
+}  // namespace tests
