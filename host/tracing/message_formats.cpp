@@ -234,12 +234,12 @@ std::string Fill(const std::string& format, const std::vector<Argument>& argumen
 MessageFormats::MessageFormats(const std::filesystem::path& fileOrFolder)
 {
     if (!std::filesystem::is_directory(fileOrFolder)) {
-        TmfReader(fileOrFolder, formats_);
+        const TmfReader reader(fileOrFolder, formats_);
         return;
     }
     for (const auto& entry : std::filesystem::directory_iterator(fileOrFolder)) {
         if (entry.path().extension() == ".tmf") {
-            TmfReader(entry.path(), formats_);
+            const TmfReader reader(entry.path(), formats_);
         }
     }
 }
