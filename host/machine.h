@@ -13,7 +13,7 @@
 #pragma once
 
 #include "host/environment.h"
-#include "host/framework/inspect.h"
+#include "host/framework/view.h"
 #include "host/results.h"
 #include "host/schedule/threads.h"
 #include "host/tracing/tracing.h"

@@ -3,7 +3,7 @@
 // One mutex (Framework::mutex) guards all of it. It is never held while driver code runs.
 #pragma once
 
-#include "host/framework/inspect.h"
+#include "host/framework/view.h"
 
 #include <cstdint>
 #include <deque>

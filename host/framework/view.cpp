@@ -1,4 +1,4 @@
-#include "host/framework/inspect.h"
+#include "host/framework/view.h"
 
 #include "host/framework/framework.h"
 
