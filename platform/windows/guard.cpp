@@ -29,16 +29,19 @@ __attribute__((naked)) static void GuardDispatch()
 #endif
 }
 
-void (*__guard_check_icall_fptr)() = GuardCheckNothing;
-void (*__guard_dispatch_icall_fptr)() = GuardDispatch;
+// In read-only data: nothing but the system's loader may redirect the checks.
+extern void (*const __guard_check_icall_fptr)();
+extern void (*const __guard_dispatch_icall_fptr)();
+__attribute__((section(".00cfg"))) void (*const __guard_check_icall_fptr)() = GuardCheckNothing;
+__attribute__((section(".00cfg"))) void (*const __guard_dispatch_icall_fptr)() = GuardDispatch;
 
 struct LoadConfiguration {
     ULONG Size;
     UCHAR Unused1[84];
     PVOID SecurityCookie;
     UCHAR Unused2[16];
-    PVOID GuardCheckFunctionPointer;
-    PVOID GuardDispatchFunctionPointer;
+    const void* GuardCheckFunctionPointer;
+    const void* GuardDispatchFunctionPointer;
     PVOID GuardFunctionTable;
     PVOID GuardFunctionCount;
     PVOID GuardFlags;  // four bytes on the platform; the upper half covers reserved zeros

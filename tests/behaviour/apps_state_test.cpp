@@ -177,44 +177,45 @@ TEST_P(AppsState, BroadcastFailuresAreReportedAndNeverStopTheOthers)
         Lines reports;
         unsigned calls;             // of the two hearing clients
         std::vector<ULONG> states;  // their states afterwards
+        std::size_t collectionsLeft;  // the temporary one, unless a failure deleted it with its parent
     };
     const std::string kRun = "Notifier_NotifyAppsState: ";
     const Row kRows[] = {
         {"no driver context",
          [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); }, STATUS_UNSUCCESSFUL,
-         {"13 " + kRun + "Driver context is NULL?! Returning NULL"}, 0, {0, 0}},
+         {"13 " + kRun + "Driver context is NULL?! Returning NULL"}, 0, {0, 0}, 0},
         {"parent",
          [](World& w) { w.Fail("WdfObjectCreate", STATUS_NO_MEMORY); }, STATUS_UNSUCCESSFUL,
-         {"1 " + kRun + "WdfObjectCreate, 0xC0000017"}, 0, {0, 0}},
+         {"1 " + kRun + "WdfObjectCreate, 0xC0000017"}, 0, {0, 0}, 0},
         {"collection",
          [](World& w) { w.Fail("WdfCollectionCreate", STATUS_NO_MEMORY); }, STATUS_UNSUCCESSFUL,
-         {"1 " + kRun + "WdfCollectionObjectCreate for for wdfCollectionAttributes, 0xC0000017"}, 0, {0, 0}},
+         {"1 " + kRun + "WdfCollectionObjectCreate for for wdfCollectionAttributes, 0xC0000017"}, 0, {0, 0}, 0},
         {"client item",
          [](World& w) { w.Lose("WdfCollectionGetItem"); }, STATUS_SUCCESS,
-         {"5 " + kRun + "WdfCollectionGetItem, 0, <clients>, 2"}, 1, {0, 7}},
+         {"5 " + kRun + "WdfCollectionGetItem, 0, <clients>, 2"}, 1, {0, 7}, 1},
         {"client context",
          [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); }, STATUS_SUCCESS,
-         {"6 " + kRun + "Client context, <object>"}, 1, {0, 7}},
+         {"6 " + kRun + "Client context, <object>"}, 1, {0, 7}, 1},
         {"state",
          [](World& w) { w.Fail("WdfObjectCreate", STATUS_NO_MEMORY, 1); }, STATUS_SUCCESS,
-         {"1 " + kRun + "WdfObjectCreate, 0xC0000017"}, 2, {0, 7}},
+         {"1 " + kRun + "WdfObjectCreate, 0xC0000017"}, 2, {0, 7}, 1},
         // These two delete the temporary parent and go on with its collection.
         {"state context",
          [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kStateContextName); }, STATUS_SUCCESS,
-         {"6 " + kRun + "State notification context, <object>"}, 2, {0, 7}},
+         {"6 " + kRun + "State notification context, <object>"}, 2, {0, 7}, 0},
         {"append",
          [](World& w) { w.Fail("WdfCollectionAdd", STATUS_UNSUCCESSFUL); }, STATUS_SUCCESS,
-         {"1 " + kRun + "WdfCollectionAdd for wdfClientCollection, 0xC0000001"}, 2, {0, 7}},
+         {"1 " + kRun + "WdfCollectionAdd for wdfClientCollection, 0xC0000001"}, 2, {0, 7}, 0},
         // The index is reported as 0, whichever it was.
         {"answer item",
          [](World& w) { w.Lose("WdfCollectionGetItem", "", 4); }, STATUS_SUCCESS,
-         {"5 " + kRun + "WdfCollectionGetItem, 0, <collection>, 2"}, 2, {7, 0}},
+         {"5 " + kRun + "WdfCollectionGetItem, 0, <collection>, 2"}, 2, {7, 0}, 1},
         {"answer context",
          [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kStateContextName, 2); }, STATUS_SUCCESS,
-         {"6 " + kRun + "State notification context, <object>"}, 2, {0, 7}},
+         {"6 " + kRun + "State notification context, <object>"}, 2, {0, 7}, 0},
         {"last post",
          [](World& w) { w.Fail("WdfCollectionAdd", STATUS_UNSUCCESSFUL, 4); }, STATUS_UNSUCCESSFUL,
-         {"1 Notifier_HelperSendState: WdfCollectionAdd for wdfCollectionWpcdClientAddQueue, 0xC0000001"}, 2, {7, 7}},
+         {"1 Notifier_HelperSendState: WdfCollectionAdd for wdfCollectionWpcdClientAddQueue, 0xC0000001"}, 2, {7, 7}, 0},
     };
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.name);
@@ -227,11 +228,14 @@ TEST_P(AppsState, BroadcastFailuresAreReportedAndNeverStopTheOthers)
         }
         Handle handle(world);
         (void)world.TakeReports();
+        using host::framework::ObjectType;
+        const std::size_t collections = world.machine.inspect().Objects(ObjectType::kCollection).size();
         row.arm(world);
         const NTSTATUS status = handle.Control(0x01002144);
         world.EndFaults();
         EXPECT_EQ(status, row.control);
         EXPECT_EQ(world.TakeReports(), row.reports);
+        EXPECT_EQ(world.machine.inspect().Objects(ObjectType::kCollection).size(), collections + row.collectionsLeft);
         EXPECT_EQ(first.appsStateCalls + second.appsStateCalls, row.calls);
         EXPECT_EQ(world.Client(first)->currentState, row.states[0]);
         EXPECT_EQ(world.Client(second)->currentState, row.states[1]);
