@@ -13,7 +13,8 @@
 constexpr LONGLONG kIntervalsPerMillisecond = 10000;  // 100 ns units
 
 // The temporary objects of one broadcast. Failure paths delete the parent, and the collection with it, while both
-// phases go on: the broadcast holds a reference on each, deletes the parent at most once and gives both back at its end.
+// phases go on: the broadcast holds a reference on each, deletes the parent at most once and gives both back at its
+// end.
 struct Answers {
     WDFOBJECT parent;
     WDFCOLLECTION collection;

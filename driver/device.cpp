@@ -1,8 +1,8 @@
 // Device add: the one device and every object that the operations share, in a fixed order.
 //
-// On purpose: nothing created before a failing step is deleted here: the framework deletes the device and its children, and the
-// collections and locks, children of the driver object, stay until unload. Runs before any interface is published, so
-// it takes no lock.
+// On purpose: nothing created before a failing step is deleted here: the framework deletes the device and its children,
+// and the collections and locks, children of the driver object, stay until unload. Runs before any interface is
+// published, so it takes no lock.
 #include "driver/frame.h"
 
 #include "context/driver_context.h"

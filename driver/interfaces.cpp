@@ -16,7 +16,8 @@ static void NTAPI NoReference(PVOID)
 {
 }
 
-// The rest of a zeroed table is left to the caller. Peers get a byte copy, so its padding must not carry stack contents.
+// The rest of a zeroed table is left to the caller. Peers get a byte copy, so its padding must not carry stack
+// contents.
 static void FillHeader(INTERFACE& header, USHORT size, WDFDEVICE device)
 {
     header.Size = size;

@@ -1,8 +1,8 @@
 // Attaching and detaching the crash-dump driver: one object whose context holds its callbacks. Clients that came before
 // it are announced with their next state.
 //
-// On purpose: attaching takes no lock, so the handle is visible before the callbacks are, and it accepts null callbacks,
-// which nobody tests later.
+// On purpose: attaching takes no lock, so the handle is visible before the callbacks are, and it accepts null
+// callbacks, which nobody tests later.
 // On purpose: detaching leaves both queues and every client's announced mark alone.
 #include "dump/dump.h"
 

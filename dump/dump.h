@@ -8,9 +8,9 @@
 #include "include/zepn_notifier.h"
 
 // Context of the driver context's wdfObjectWpcdClient, in the order of the registration record. The handle is published
-// before the callbacks are filled in and taken back under the clients lock; the forwarders read it without any lock. The
-// callbacks themselves are plain fields: they are written once, before the crash-dump driver can be called, and whoever
-// attaches lets nobody call until attaching has returned.
+// before the callbacks are filled in and taken back under the clients lock; the forwarders read it without any lock.
+// On purpose: the callbacks are plain fields, filled in after the handle can be seen. An add run already queued, or a
+// client's dump call, that races with attaching can meet a callback not yet filled in; that window is accepted.
 struct ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT {
     PZEP_CLIENT_ADD ZepClientAdd;
     PZEP_CLIENT_REMOVE ZepClientRemove;
@@ -28,6 +28,6 @@ WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT, GetWpcdClie
 // lock.
 void DescribeClient(const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ZEP_SUBSYSTEM_DESCRIPTOR& descriptor);
 
-// Marks a client as handed to the crash-dump driver; without a state it is due again with its next one. The caller holds
-// the general lock.
+// Marks a client as handed to the crash-dump driver; without a state it is due again with its next one. The caller
+// holds the general lock.
 void MarkAnnounced(ZEP_NOTIFIER_CLIENT_CONTEXT& client);

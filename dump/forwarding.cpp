@@ -1,8 +1,8 @@
 // The dump forwarders: a client's dump call goes straight through to the crash-dump driver.
 //
-// No lock, the caller's thread and IRQL; everything touched here is resident. Arguments are passed on as they came; only
-// the first 32 bits behind a pointer are read, and only to trace a call that succeeded. The crash-dump driver must not
-// detach while such calls can come. These sites have a set of trace messages of their own.
+// No lock, the caller's thread and IRQL; everything touched here is resident. Arguments are passed on as they came;
+// only the first 32 bits behind a pointer are read, and only to trace a call that succeeded. The crash-dump driver must
+// not detach while such calls can come. These sites have a set of trace messages of their own.
 //
 // On purpose: the answer is judged by its sign, while announcements take only 0.
 #include "dump/dump.h"

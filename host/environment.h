@@ -66,7 +66,8 @@ public:
     checks::FaultPlan faults;
     checks::Modules modules;
 
-    // Every delay that the driver asked for, in 100 ns units as given (negative: relative), and the time they add up to.
+    // Every delay that the driver asked for, in 100 ns units as given (negative: relative), and the time they add up
+    // to.
     std::atomic<std::int64_t> virtualTime100ns{0};
 
     // Called for every platform call before it acts; empty by default. Set only while no driver code runs.

@@ -284,7 +284,7 @@ void Machine::WaitForWorkItems()
     framework_->WaitForWorkItems();
 }
 
-Outcome Machine::OnThread(const std::string& name, std::function<void()> work)
+Outcome Machine::OnThread(const std::string& name, const std::function<void()>& work)
 {
     return framework_->RunOnThread(name, "client thread", nullptr, work);
 }

@@ -134,7 +134,7 @@ public:
     void WaitForWorkItems();
 
     // Runs work on a client thread of its own and waits until it returns or parks.
-    Outcome OnThread(const std::string& name, std::function<void()> work);
+    Outcome OnThread(const std::string& name, const std::function<void()>& work);
 
     // \Callback\PowerState: notifies every registered routine in order, on the calling thread.
     void NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2);

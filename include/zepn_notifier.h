@@ -120,7 +120,8 @@ typedef ZEP_COMMAND_CALLBACK* PZEP_COMMAND_CALLBACK;
 //
 // CallbackContext: the client's own.
 // Reason:          ZEP_APPS_STATE_REASON_CHANGED.
-// State:           in: the client's current state; out: its wanted state. A changed value is posted for the client after
+// State:           in: the client's current state; out: its wanted state. A changed value is posted for the client
+// after
 //                  all clients have been told.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_APPS_STATE_CALLBACK)(PVOID CallbackContext, ULONG Reason, PULONG State);
@@ -298,11 +299,12 @@ typedef struct _ZEP_NOTIFIER_HELPER_INTERFACE {
 
 // ---- The crash-dump driver's side ----
 
-// What the crash-dump driver learns of a client, 272 bytes. It points into the client's memory and names the client's
-// own callbacks: valid only while the client stays registered.
+// What the crash-dump driver learns of a client, 272 bytes. It points at the Notifier's copy of the client's data
+// entries and names the client's own callbacks: valid only while the client stays registered. Bytes behind a text's
+// terminating zero are not written: they keep what the buffer held, in announcements the texts of an earlier client.
 typedef struct _ZEP_SUBSYSTEM_DESCRIPTOR {
     GUID InterfaceGUID;
-    CHAR SubsystemName[ZEP_SUBSYSTEM_NAME_SIZE];                // zero-terminated; bytes behind the zero are undefined
+    CHAR SubsystemName[ZEP_SUBSYSTEM_NAME_SIZE];                // zero-terminated
     CHAR SubsystemDescription[ZEP_SUBSYSTEM_DESCRIPTION_SIZE];  // likewise
     PZEP_APPS_STATE_CALLBACK AppsStateNotificationCallback;
     PZEP_DESCRIPTOR_CALLBACK DescriptorCallbackA;

@@ -11,8 +11,9 @@ inline constexpr ULONG kDataEntriesTag = 'aftn';  // "ntfa" in memory
 
 // The clients lock guards the record, with exceptions: CurrentState is written under the general lock by posting and
 // without it by delivery, and the two flags are set under the general lock; WpcdRefreshPending is cleared under the
-// clients lock. Once a client can be found, all three are read and written through the no-fence accessors. At removal the record is copied byte for byte for the crash-dump driver, so it holds no pointer
-// into itself. Its head, up to the description, is what that driver may read.
+// clients lock. Once a client can be found, all three are read and written through the no-fence accessors. At removal
+// the record is copied byte for byte for the crash-dump driver, so it holds no pointer into itself. Its head, up to the
+// description, is what that driver may read.
 struct _ZEP_NOTIFIER_CLIENT_CONTEXT {
     GUID InterfaceGUID;                                         // identity, unique among the registered
     CHAR SubsystemName[ZEP_SUBSYSTEM_NAME_SIZE];                // zero-terminated
@@ -24,8 +25,8 @@ struct _ZEP_NOTIFIER_CLIENT_CONTEXT {
     ULONG AddedToWpcd;          // 1: the crash-dump driver has the client
     ULONG WpcdRefreshPending;   // 1: it was handed over without a state and is announced again with its next one
     ULONG CurrentState;         // 0: none yet
-    WDFCOLLECTION
-    wdfCollectionStateRegistrations;  // its own subscriptions; a child of the driver object, deleted when the client goes
+    // Its own subscriptions; a child of the driver object, deleted when the client goes.
+    WDFCOLLECTION wdfCollectionStateRegistrations;
 };
 static_assert(offsetof(ZEP_NOTIFIER_CLIENT_CONTEXT, InterfaceGUID) == 0 &&
               offsetof(ZEP_NOTIFIER_CLIENT_CONTEXT, SubsystemName) == 16 &&

@@ -15,8 +15,8 @@ static void FreeEntries(const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
     }
 }
 
-// A client waits for its announcement as often as it posted before the announcing run. The queue's references would keep
-// the departed client's object alive, and the run would announce it with entries that are freed.
+// A client waits for its announcement as often as it posted before the announcing run. The queue's references would
+// keep the departed client's object alive, and the run would announce it with entries that are freed.
 static void LeaveAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
 {
     for (ULONG index = WdfCollectionGetCount(context.wdfCollectionWpcdClientAddQueue); index > 0; --index) {

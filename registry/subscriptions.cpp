@@ -1,8 +1,8 @@
 // Subscriptions of one client to another's states.
 //
-// A subscription is a child object of the subscriber and stands in the subscriber's own collection; it names the watched
-// client by GUID only, so it outlives that client and matches again when the GUID registers anew. Both operations hold
-// the clients lock from look-up to change, and the immediate callback runs under it.
+// A subscription is a child object of the subscriber and stands in the subscriber's own collection; it names the
+// watched client by GUID only, so it outlives that client and matches again when the GUID registers anew. Both
+// operations hold the clients lock from look-up to change, and the immediate callback runs under it.
 #include "registry/registry.h"
 
 #include "context/driver_context.h"

@@ -1,5 +1,6 @@
-// The handler runs on an alternate stack, because a driver that ran out of stack faults too. It uses ordinary memory and
-// locks, which is safe while driver code faults and may hang when the host itself does; an alarm ends the process then.
+// The handler runs on an alternate stack, because a driver that ran out of stack faults too. It uses ordinary memory
+// and locks, which is safe while driver code faults and may hang when the host itself does; an alarm ends the process
+// then.
 #include "host/checks/crash.h"
 
 #include "host/environment.h"

@@ -1,5 +1,5 @@
-// Work items: queued at most once, run at PASSIVE_LEVEL on threads of the host, either when asked to or at once. Runs of
-// one item may overlap. An item's end drops later enqueues and waits for what is queued or running.
+// Work items: queued at most once, run at PASSIVE_LEVEL on threads of the host, either when asked to or at once. Runs
+// of one item may overlap. An item's end drops later enqueues and waits for what is queued or running.
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 #include "host/schedule/parking.h"

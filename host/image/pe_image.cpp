@@ -1,5 +1,5 @@
-// The PE loader: maps, relocates, binds, and only then protects. The image never lies at its preferred base, which proves
-// its relocations.
+// The PE loader: maps, relocates, binds, and only then protects. The image never lies at its preferred base, which
+// proves its relocations.
 #include "host/image/exports.h"
 #include "host/image/image.h"
 #include "host/image/pe_file.h"

@@ -1,8 +1,8 @@
 // Memory for pool blocks and object contexts that finds overruns and use after free.
 //
-// With guard pages each block ends at an inaccessible page, and its range becomes inaccessible for good when it is freed.
-// The slack in front of and behind a block is filled and checked at free. Without guard pages, or when very many blocks
-// are alive, blocks lie on the heap between canaries. Under address sanitizer every block is plain heap.
+// With guard pages each block ends at an inaccessible page, and its range becomes inaccessible for good when it is
+// freed. The slack in front of and behind a block is filled and checked at free. Without guard pages, or when very many
+// blocks are alive, blocks lie on the heap between canaries. Under address sanitizer every block is plain heap.
 #pragma once
 
 #include "host/environment.h"

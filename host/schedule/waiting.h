@@ -1,5 +1,5 @@
-// How threads of driver code wait for one another: every wait names what it waits for and which threads must move first,
-// so that a wait without an end is found when it begins, or as soon as its last hope parks.
+// How threads of driver code wait for one another: every wait names what it waits for and which threads must move
+// first, so that a wait without an end is found when it begins, or as soon as its last hope parks.
 #pragma once
 
 #include <chrono>

@@ -81,7 +81,7 @@ struct Tracing::State {
     void NotifyMessages(const GUID& control);
     void NotifyMessages(const Provider& provider);
 
-    [[nodiscard]] std::vector<Provider> ProvidersOf(const GUID& guid, bool events) const;
+    [[nodiscard]] std::vector<Provider> ProvidersOf(const GUID& guid, bool ofEvents) const;
 };
 
 [[nodiscard]] inline bool SameGuid(const GUID& first, const GUID& second)

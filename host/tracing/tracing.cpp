@@ -63,12 +63,12 @@ std::optional<EventSessionOptions> Tracing::State::Merged(const GUID& provider) 
     return merged;
 }
 
-std::vector<Provider> Tracing::State::ProvidersOf(const GUID& guid, bool events) const
+std::vector<Provider> Tracing::State::ProvidersOf(const GUID& guid, bool ofEvents) const
 {
     const std::lock_guard lock(mutex);
     std::vector<Provider> found;
     for (const Provider& provider : providers) {
-        if ((provider.kind == ProviderKind::kEvents) == events && SameGuid(provider.guid, guid)) {
+        if ((provider.kind == ProviderKind::kEvents) == ofEvents && SameGuid(provider.guid, guid)) {
             found.push_back(provider);
         }
     }

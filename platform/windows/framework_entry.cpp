@@ -1,4 +1,5 @@
-// The image's entry point: binds the driver to the framework before its own entry runs, and unbinds it after its unload.
+// The image's entry point: binds the driver to the framework before its own entry runs, and unbinds it after its
+// unload.
 //
 // The WDK links a static library for this; an image built without the WDK brings its own. The framework takes over the
 // driver object's unload routine during driver creation; the stub puts itself in front, so that unbinding comes last.

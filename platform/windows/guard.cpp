@@ -1,5 +1,6 @@
 // Control flow guard: the pointers that guarded indirect calls go through, and the record by which the system's loader
-// finds them. Until the loader puts its own checks there, both lead to routines that do nothing and disturb no argument.
+// finds them. Until the loader puts its own checks there, both lead to routines that do nothing and disturb no
+// argument.
 #include <ntplatform.h>
 
 EXTERN_C_START

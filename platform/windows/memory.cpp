@@ -1,7 +1,8 @@
 // The memory routines that the compiler calls by itself, and memcpy_s.
 //
 // Images bring their own: whether the ARM64 kernel exports each of them could not be verified. Built without built-ins,
-// or the compiler would turn the loops into calls of themselves. A native build has all but memcpy_s from its C library.
+// or the compiler would turn the loops into calls of themselves. A native build has all but memcpy_s from its C
+// library.
 #include <string.h>
 
 constexpr int kInvalidArgument = 22;

@@ -1,4 +1,5 @@
-// Commands: what reaches the target, one per run; what is refused, dropped, left alive, and how delivery can stop for good.
+// Commands: what reaches the target, one per run; what is refused, dropped, left alive, and how delivery can stop for
+// good.
 #include "tests/support/world.h"
 
 namespace tests {

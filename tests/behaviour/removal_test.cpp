@@ -121,8 +121,8 @@ TEST_P(Removal, FailuresReportAndLeaveExactlyWhatTheyMust)
         {"client context",
          [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); }, STATUS_IO_DEVICE_ERROR,
          {"6 " + kLeave + "Client object context, <object>"}, false},
-        // From here on the client goes all the same. Its collection is not drained: it stays with the driver object, and
-        // the subscriptions, deleted with the client, stay in it.
+        // From here on the client goes all the same. Its collection is not drained: it stays with the driver object,
+        // and the subscriptions, deleted with the client, stay in it.
         {"copy",
          [](World& w) { w.Fail("WdfObjectCreate", STATUS_NO_MEMORY); }, STATUS_NO_MEMORY,
          {"1 " + kLeave + "WdfObjectCreate for client copy, 0xC0000017"}, true},

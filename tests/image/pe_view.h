@@ -1,4 +1,5 @@
-// A reader of PE images for the tests, independent of the host's loader: it follows the headers and trusts nothing else.
+// A reader of PE images for the tests, independent of the host's loader: it follows the headers and trusts nothing
+// else.
 #pragma once
 
 #include <cstdint>

@@ -4,8 +4,8 @@ set -euo pipefail
 source=$1
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
-git -C "$source" ls-files -z --cached --others --exclude-standard | (cd "$source" && tar c --null -T - .git) |
-    tar x -C "$folder"
+git -c safe.directory='*' -C "$source" ls-files -z --cached --others --exclude-standard |
+    (cd "$source" && tar c --null -T - .git) | tar x -C "$folder"
 cd "$folder"
 for machine in arm64 x64; do
     cmake --preset "windows-$machine" > log 2>&1 && cmake --build --preset "windows-$machine" >> log 2>&1 ||

@@ -1,4 +1,5 @@
-// Scenario files: what is wrong with one is said with line, column, field and what was expected; and the demo's own play.
+// Scenario files: what is wrong with one is said with line, column, field and what was expected; and the demo's own
+// play.
 #include "tools/play/player.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // A machine with the driver loaded and its device started, peers that answer as told, and every report recorded.
 //
-// At its end a world takes everything down, expects no violation that the test did not take, and checks that every error
-// event was written together with its trace message and decodes by the files that ship.
+// At its end a world takes everything down, expects no violation that the test did not take, and checks that every
+// error event was written together with its trace message and decodes by the files that ship.
 #pragma once
 
 #include "host/machine.h"
@@ -121,8 +121,8 @@ public:
 
     // ---- Reports ----
 
-    // Error and warning events since the last call, one line each: "1 Notifier_HelperInit: WdfObjectCreate, 0xC0000001".
-    // Handles read as what they are: <driver>, <clients>, <object>.
+    // Error and warning events since the last call, one line each: "1 Notifier_HelperInit: WdfObjectCreate,
+    // 0xC0000001". Handles read as what they are: <driver>, <clients>, <object>.
     [[nodiscard]] std::vector<std::string> TakeReports();
     // Every record since the last call, in order: "E44 DriverEntry", "M10 DriverEntry".
     [[nodiscard]] std::vector<std::string> TakeRecords();

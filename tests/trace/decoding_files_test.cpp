@@ -1,5 +1,5 @@
-// The decoding files as files: well-formed, complete, without contradiction. That they agree with what the driver sends is
-// proven by every behaviour test, whose reports are decoded by them.
+// The decoding files as files: well-formed, complete, without contradiction. That they agree with what the driver sends
+// is proven by every behaviour test, whose reports are decoded by them.
 #include "host/tracing/decode.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// The library's parser does the work; an iterator that counts what it reads tells where each value ends, and a look back
-// into the text where it begins.
+// The library's parser does the work; an iterator that counts what it reads tells where each value ends, and a look
+// back into the text where it begins.
 #include "tools/play/located_json.h"
 
 #include <nlohmann/json.hpp>

@@ -194,8 +194,9 @@ private:
                  helper_.Notifier_HelperDeregisterForStateNotification(&model.guid, &filter));
         } else if (step.action == Action::kPost) {
             const ZepState state = StateOf(step.client, step.state.value_or(0));
-            ++peers_.counts.posted;
-            Show(step, model.key, "posts its state: " + stateName, helper_.Notifier_HelperSendState(&state));
+            const NTSTATUS status = helper_.Notifier_HelperSendState(&state);
+            peers_.counts.posted += NT_SUCCESS(status) ? 1 : 0;
+            Show(step, model.key, "posts its state: " + stateName, status);
         } else if (step.action == Action::kLeave) {
             Show(step, model.key, "leaves", helper_.Notifier_HelperClientDeinit(&model.guid));
         } else {
@@ -354,12 +355,15 @@ private:
         }
         ShowTrouble();
         const Counts& counts = peers_.counts;
+        const auto count = [](const char* what, unsigned number) {
+            return std::string(what) + " " + std::to_string(number) + ", ";
+        };
         timeline_.Close(
-            std::to_string(counts.registered) + " clients, " + std::to_string(counts.posted) + " states posted, " +
-                std::to_string(counts.delivered) + " deliveries, " + std::to_string(counts.answered) + " answers, " +
-                std::to_string(counts.commands) + " commands, " + std::to_string(counts.announced) +
-                " announcements, " + std::to_string(counts.dumpCalls) + " dump calls; " +
-                (violations_ == 0 ? "no violation, nothing left behind" : std::to_string(violations_) + " violations"),
+            count("clients", counts.registered) + count("states posted", counts.posted) +
+                count("deliveries", counts.delivered) + count("answers", counts.answered) +
+                count("commands", counts.commands) + count("announcements", counts.announced) +
+                count("dump calls", counts.dumpCalls) +
+                (violations_ == 0 ? "no violation, nothing left behind" : "violations " + std::to_string(violations_)),
             good_);
     }
 

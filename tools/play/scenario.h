@@ -1,5 +1,5 @@
-// A scenario: the clients of a chip with their scripted answers, and the steps of a run. docs/scenarios.md describes the
-// file for people.
+// A scenario: the clients of a chip with their scripted answers, and the steps of a run. docs/scenarios.md describes
+// the file for people.
 #pragma once
 
 #include "tools/play/located_json.h"

@@ -1,0 +1,446 @@
+// The checks of images: the images that ship pass them all, and each check fires at the damage that it is there for.
+#include "tools/image_check/checks.h"
+#include "tools/image_check/disassembly.h"
+#include "tools/image_check/text.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <initializer_list>
+#include <set>
+
+namespace tests {
+namespace {
+
+using image_check::Finding;
+using image_check::FormatError;
+using image_check::PeReader;
+using Bytes = std::vector<std::uint8_t>;
+
+std::filesystem::path PathOf(const std::string& machine)
+{
+    return std::filesystem::path(ZEPN_ROOT) / "out" / machine / "zepn.sys";
+}
+
+void Put(Bytes& bytes, std::uint64_t offset, std::initializer_list<std::uint8_t> values)
+{
+    ASSERT_LE(offset + values.size(), bytes.size());
+    std::ranges::copy(values, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+}
+
+std::uint64_t OptionalHeader(const PeReader& image)
+{
+    return image.At<std::uint32_t>(60) + 24;
+}
+
+// So that damage elsewhere is found for its own sake.
+void MendChecksum(Bytes& bytes)
+{
+    const PeReader image(bytes);
+    const std::uint32_t sum = image.ComputedChecksum();
+    std::memcpy(&bytes[OptionalHeader(image) + 64], &sum, sizeof(sum));
+}
+
+std::set<std::string> ChecksOf(const std::vector<Finding>& findings)
+{
+    std::set<std::string> checks;
+    for (const Finding& finding : findings) {
+        checks.insert(finding.check);
+    }
+    return checks;
+}
+
+std::string TextOf(const std::vector<Finding>& findings)
+{
+    std::string text;
+    for (const Finding& finding : findings) {
+        text += finding.check + ": " + finding.text + "\n";
+    }
+    return text;
+}
+
+// ---- Structure ----
+
+// Where things stand in the good image, for those who damage it.
+struct Places {
+    const PeReader& image;
+
+    [[nodiscard]] std::uint64_t Optional(unsigned offset) const { return OptionalHeader(image) + offset; }
+    [[nodiscard]] std::uint64_t Directory(unsigned index) const { return Optional(112 + 8 * index); }
+    [[nodiscard]] std::uint64_t SectionHeader(unsigned index) const { return Optional(240 + 40 * index); }
+    // Offset of the contents of a directory.
+    [[nodiscard]] std::uint64_t Table(unsigned index) const { return AtAddress(image.directory(index).address); }
+    [[nodiscard]] std::uint64_t AtAddress(std::uint64_t address) const { return image.OffsetOf(address, 1); }
+    [[nodiscard]] std::uint64_t Followed(std::uint64_t offset) const
+    {
+        return AtAddress(image.At<std::uint32_t>(offset));
+    }
+    [[nodiscard]] std::uint64_t FollowedPointer(std::uint64_t offset) const
+    {
+        return AtAddress(image.At<std::uint64_t>(offset) - image.headers().preferredBase);
+    }
+};
+
+struct Damage {
+    std::string name;
+    std::function<void(Bytes& bytes, const Places& places)> apply;
+    std::set<std::string> checks;  // exactly those that must fire
+    std::string words;             // in one of the findings
+    std::string machine = "x64";
+};
+
+// Order of the sections in the images that ship.
+enum SectionIndex : unsigned { kText, kReadOnlyData, kData, kFunctions, kRelocationData };
+
+std::vector<Damage> HeaderDamage()
+{
+    const auto put = [](unsigned offset, std::initializer_list<std::uint8_t> values) {
+        return [offset, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
+            std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(places.Optional(offset)));
+        };
+    };
+    const auto clear = [](unsigned offset, std::uint8_t bits) {
+        return [=](Bytes& bytes, const Places& places) { bytes.at(places.Optional(offset)) &= ~bits; };
+    };
+    const auto clearInFile = [](std::uint8_t bits) {
+        return [=](Bytes& bytes, const Places& places) { bytes.at(places.Optional(0) - 2) &= ~bits; };
+    };
+    std::vector<Damage> rows = {
+        {"executable", clearInFile(0x02), {"characteristics"}, "executable is not set"},
+        {"large addresses", clearInFile(0x20), {"characteristics"}, "large addresses is not set"},
+        {"subsystem", put(68, {2, 0}), {"machine"}, "subsystem is not native"},
+        {"system version", put(40, {6, 0}), {"machine"}, "system version is not 10.0"},
+        {"subsystem version", put(50, {1, 0}), {"machine"}, "subsystem version is not 10.0"},
+        {"section alignment", put(32, {0, 0x20, 0, 0}), {"machine"}, "not aligned to 4096"},
+        {"file alignment", put(36, {0, 0x10, 0, 0}), {"machine"}, "not aligned to 512"},
+        {"high entropy", clear(70, 0x20), {"characteristics"}, "high-entropy addresses is not set"},
+        {"dynamic base", clear(70, 0x40), {"characteristics"}, "dynamic base is not set"},
+        {"NX", clear(71, 0x01), {"characteristics"}, "no execution of data is not set"},
+        {"WDM", clear(71, 0x20), {"characteristics"}, "WDM driver is not set"},
+        {"guard flag", clear(71, 0x40), {"characteristics"}, "control flow guard is not set"},
+        {"entry in data", put(16, {0, 0, 1, 0}), {"entry"}, "lies in no code"},
+        {"entry in headers", put(16, {0, 0, 0, 0}), {"entry"}, "lies in no code"},
+        {"header size", put(60, {0, 0x14, 0, 0}), {"sections"}, ".text begins at 0x1000"},
+        {"image size", put(56, {0, 0, 0x20, 0}), {"sections"}, "the image at 0x200000"},
+    };
+    rows.push_back({"machine",
+                    [](Bytes& bytes, const Places& places) { Put(bytes, places.Optional(0) - 20, {0x4C, 0x01}); },
+                    {"machine"},
+                    "0x14C is neither"});
+    rows.push_back({"relocations stripped",
+                    [](Bytes& bytes, const Places& places) { Put(bytes, places.Optional(0) - 2, {0x23, 0}); },
+                    {"characteristics"},
+                    "relocations stripped is set"});
+    constexpr std::pair<unsigned, const char*> kDirectories[] = {
+        {0, "exports"}, {9, "thread-local"}, {11, "bound"}, {13, "delayed"}, {14, "managed"}};
+    for (const auto& [index, words] : kDirectories) {
+        rows.push_back({words, put(112 + 8 * index, {0, 0xB0}), {"directories"}, words});
+    }
+    return rows;
+}
+
+std::vector<Damage> SectionDamage()
+{
+    const auto put = [](SectionIndex section, unsigned offset, std::initializer_list<std::uint8_t> values) {
+        return [=, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
+            const std::uint64_t at = places.SectionHeader(section) + offset;
+            std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(at));
+        };
+    };
+    return {
+        {"writable code", put(kText, 39, {0xE0}), {"sections"}, ".text is writable and executable"},
+        {"discardable code", put(kText, 39, {0x62}), {"sections"}, "thrown away"},
+        {"pageable", put(kText, 0, {'P', 'A', 'G', 'E'}), {"sections"}, "is pageable"},
+        {"run-time library", put(kData, 0, {'.', 'C', 'R', 'T', 0}), {"sections"}, ".CRT needs"},
+        {"behind the file", put(kText, 16, {0, 0, 0, 0x10}), {"sections"}, ".text goes beyond the end"},
+        {"size", put(kRelocationData, 8, {0, 0x40, 0, 0}), {"sections"}, "the sections end at"},
+        // The relocated slots of that section are missing then, too.
+        {"no contents", put(kData, 16, {0, 0, 0, 0}), {"sections", "relocations"}, "claims contents"},
+        {"bytes behind the sections", [](Bytes& bytes, const Places&) { bytes.resize(bytes.size() + 8); },
+         {"sections"}, "its parts end at"},
+    };
+}
+
+std::vector<Damage> ImportAndRelocationDamage()
+{
+    return {
+        {"other module",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Followed(places.Table(1) + 12), {'q'}); },
+         {"imports"}, "imports from q"},
+        {"other name",
+         [](Bytes& bytes, const Places& places) {
+             Put(bytes, places.Followed(places.Followed(places.Table(1))) + 2, {'q'});
+         },
+         {"imports"}, "not on the list"},
+        {"by number",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Followed(places.Table(1)) + 7, {0x80}); },
+         {"imports"}, "1 imports by number"},
+        {"one module less",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(1) + 20 + 12, {0, 0, 0, 0}); },
+         {"imports"}, "not exactly two"},
+        {"names nowhere",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(1), {0, 0, 0, 0x7F}); },
+         {"imports"}, "in no section"},
+        {"relocation type",
+         [](Bytes& bytes, const Places& places) { bytes.at(places.Table(5) + 9) = 0x30; },
+         {"relocations"}, "type 3"},
+        {"relocated code",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(5), {0, 0x10, 0, 0}); },
+         {"relocations"}, "is in no data"},
+        {"pointer out of the image",
+         [](Bytes& bytes, const Places& places) {
+             const auto page = places.image.At<std::uint32_t>(places.Table(5));
+             const std::uint32_t entry = places.image.At<std::uint16_t>(places.Table(5) + 8);
+             bytes.at(places.AtAddress(page + (entry & 0xFFF)) + 7) = 0x40;
+         },
+         {"relocations"}, "points out of the image"},
+        {"no relocations",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(5), {0, 0, 0, 0, 0, 0, 0, 0}); },
+         {"relocations"}, "there are none"},
+        {"relocation block too long",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(5) + 4, {0xFF, 0xFF, 0, 0}); },
+         {"relocations"}, "claims 65535 bytes"},
+    };
+}
+
+std::vector<Damage> FunctionTableDamage()
+{
+    const auto none = [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(3) + 4, {0, 0, 0, 0}); };
+    const auto half = [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(3) + 4, {4, 0, 0, 0}); };
+    return {
+        {"no function table", none, {"function table"}, "nothing can be unwound"},
+        {"no function table", none, {"function table"}, "nothing can be unwound", "arm64"},
+        {"half an entry", half, {"function table"}, "no whole number"},
+        {"half an entry", half, {"function table"}, "no whole number", "arm64"},
+        {"end before begin",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(3) + 4, {0, 0, 0, 0}); },
+         {"function table"}, "is empty or out of order"},
+        {"function in data",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(3), {0, 0, 1, 0}); },
+         {"function table"}, "is not within code", "arm64"},
+        {"unwind version",
+         [](Bytes& bytes, const Places& places) { bytes.at(places.Followed(places.Table(3) + 8)) |= 7; },
+         {"function table"}, "unknown version"},
+        {"unwind version",
+         [](Bytes& bytes, const Places& places) {
+             std::uint64_t entry = places.Table(3);
+             while ((places.image.At<std::uint32_t>(entry + 4) & 3) != 0) {
+                 entry += 8;
+             }
+             bytes.at(places.Followed(entry + 4) + 2) |= 0x0C;
+         },
+         {"function table"}, "unknown version", "arm64"},
+    };
+}
+
+std::vector<Damage> GuardAndDebugDamage()
+{
+    return {
+        {"no load configuration",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(10), {0, 0, 0, 0}); },
+         {"guard"}, "no load configuration"},
+        {"short load configuration",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10), {0x70, 0, 0, 0}); },
+         {"guard"}, "says 112 bytes"},
+        {"not instrumented",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 144, {0, 0x04}); },
+         {"guard"}, "instrumented is not set"},
+        {"writable check pointer",
+         [](Bytes& bytes, const Places& places) {
+             Put(bytes, places.Table(10) + 112, {0, 0, 1});  // the beginning of the data section
+         },
+         {"guard"}, "check pointer at 0x140010000 is not in read-only data"},
+        {"dispatch to data",
+         [](Bytes& bytes, const Places& places) {
+             Put(bytes, places.FollowedPointer(places.Table(10) + 120), {0, 0, 1});
+         },
+         {"guard"}, "dispatch pointer points to no code"},
+        {"no guarded function",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 136, {0, 0}); },
+         {"guard"}, "no function may be called"},
+        {"endless guarded functions",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 136, {0xFF, 0xFF, 0xFF, 0xFF}); },
+         {"guard"}, "beyond section"},
+        {"guarded data",
+         [](Bytes& bytes, const Places& places) {
+             Put(bytes, places.FollowedPointer(places.Table(10) + 128), {0, 0, 0, 0});
+         },
+         {"guard"}, "0x0 is no code"},
+        {"unsorted guarded functions",
+         [](Bytes& bytes, const Places& places) {
+             const std::uint64_t first = places.FollowedPointer(places.Table(10) + 128);
+             std::swap_ranges(&bytes.at(first), &bytes.at(first + 4), &bytes.at(first + 4));
+         },
+         {"guard"}, "is not sorted"},
+        {"PDB with a folder",
+         [](Bytes& bytes, const Places& places) {
+             Put(bytes, places.image.At<std::uint32_t>(places.Table(6) + 24) + 24, {'C', ':', '\\'});
+         },
+         {"debug records"}, "not that of a file alone"},
+        {"no PDB",
+         [](Bytes& bytes, const Places& places) {
+             Put(bytes, places.image.At<std::uint32_t>(places.Table(6) + 24), {'X'});
+         },
+         {"debug records"}, "names no PDB"},
+        {"no debug records",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(6) + 4, {0, 0, 0, 0}); },
+         {"debug records"}, "not exactly one PDB"},
+        {"not reproducible",
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(6) + 28 + 12, {13}); },
+         {"debug records"}, "not the contents'"},
+    };
+}
+
+void ExpectFound(const std::vector<Damage>& rows)
+{
+    for (const Damage& row : rows) {
+        SCOPED_TRACE(row.machine + ": " + row.name);
+        const PeReader good = PeReader::FromFile(PathOf(row.machine));
+        Bytes bytes = good.bytes();
+        row.apply(bytes, Places{good});
+        MendChecksum(bytes);
+        const std::vector<Finding> findings = image_check::CheckStructure(PeReader(bytes));
+        EXPECT_EQ(ChecksOf(findings), row.checks) << TextOf(findings);
+        EXPECT_NE(TextOf(findings).find(row.words), std::string::npos) << TextOf(findings);
+    }
+}
+
+class ImageCheck : public testing::TestWithParam<const char*> {
+protected:
+    const PeReader good = PeReader::FromFile(PathOf(GetParam()));
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, ImageCheck, testing::Values("arm64", "x64"),
+                         [](const auto& info) { return std::string(info.param); });
+
+TEST_P(ImageCheck, FindsNothingWrongWithWhatShips)
+{
+    EXPECT_EQ(TextOf(image_check::CheckStructure(good)), "");
+    const std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    EXPECT_EQ(TextOf(image_check::CheckCode(good, disassembly)), "");
+}
+
+TEST(ImageCheckDamage, OfHeadersIsFound)
+{
+    ExpectFound(HeaderDamage());
+}
+
+TEST(ImageCheckDamage, OfSectionsIsFound)
+{
+    ExpectFound(SectionDamage());
+}
+
+TEST(ImageCheckDamage, OfImportsAndRelocationsIsFound)
+{
+    ExpectFound(ImportAndRelocationDamage());
+}
+
+TEST(ImageCheckDamage, OfTheFunctionTableIsFound)
+{
+    ExpectFound(FunctionTableDamage());
+}
+
+TEST(ImageCheckDamage, OfGuardAndDebugRecordsIsFound)
+{
+    ExpectFound(GuardAndDebugDamage());
+}
+
+TEST_P(ImageCheck, NoticesEveryChangedByteByTheChecksum)
+{
+    constexpr std::size_t kStep = 251;
+    for (std::size_t at = good.headers().headersSizeBytes; at < good.bytes().size(); at += kStep) {
+        Bytes bytes = good.bytes();
+        bytes[at] ^= 1;
+        EXPECT_TRUE(ChecksOf(image_check::CheckStructure(PeReader(bytes))).contains("checksum")) << "byte " << at;
+    }
+}
+
+// Whatever a file holds, it is judged and never read beyond its end; the sanitizers look on.
+TEST_P(ImageCheck, JudgesAnyDamageAndAnyLength)
+{
+    const auto judge = [](const Bytes& bytes) {
+        try {
+            return !image_check::CheckStructure(PeReader(bytes)).empty();
+        } catch (const FormatError&) {
+            return true;
+        }
+    };
+    for (std::size_t at = 0; at < good.headers().headersSizeBytes; ++at) {
+        for (const int mask : {0x01, 0x80, 0xFF}) {
+            Bytes bytes = good.bytes();
+            bytes[at] = static_cast<std::uint8_t>(bytes[at] ^ mask);
+            EXPECT_TRUE(judge(bytes)) << "header byte " << at;
+        }
+    }
+    for (std::size_t length = 0; length < good.bytes().size(); length += 61) {
+        EXPECT_TRUE(judge(Bytes(good.bytes().begin(), good.bytes().begin() + static_cast<std::ptrdiff_t>(length))))
+            << length << " bytes";
+    }
+}
+
+// ---- Code ----
+
+// The address of a leaf: code that stands in no function of the table.
+std::uint64_t LeafAddress(const PeReader& image)
+{
+    const std::vector<image_check::FunctionRange> ranges = image.FunctionRanges();
+    for (std::size_t index = 1; index < ranges.size(); ++index) {
+        if (ranges[index].begin - ranges[index - 1].end >= 16) {
+            return image.headers().preferredBase + ranges[index - 1].end;
+        }
+    }
+    throw FormatError("the image has no leaf");
+}
+
+TEST_P(ImageCheck, FindsCodeThatCannotBeUnwoundAndForbiddenRegisters)
+{
+    struct Row {
+        const char* instruction;
+        std::set<std::string> checks;
+    };
+    const std::vector<Row> armRows = {
+        {"bl\t0x140001000", {"unwinding"}},
+        {"blr\tx8", {"unwinding"}},
+        {"sub\tsp, sp, #0x20", {"unwinding"}},
+        {"str\tx30, [sp, #-0x10]!", {"unwinding"}},
+        {"ldr\tx1, [x18, #0x18]", {"registers"}},
+        {"mov\tw18, w0", {"registers"}},
+        {"b\t0x140001000", {}},
+        {"ldr\tx1, [x19, #0x18]", {}},
+    };
+    const std::vector<Row> x64Rows = {
+        {"callq\t0x140001000", {"unwinding"}},   {"callq\t*%rax", {"unwinding"}},
+        {"pushq\t%rsi", {"unwinding"}},          {"subq\t$0x28, %rsp", {"unwinding"}},
+        {"movq\t%rcx, 0x8(%rsp)", {"unwinding"}}, {"vmovups\t%ymm0, (%rcx)", {"registers"}},
+        {"jmp\t0x140001000", {}},                {"movups\t%xmm0, (%rcx)", {}},
+    };
+    const std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    const bool isArm = good.headers().machine == image_check::kMachineArm64;
+    const std::uint64_t leaf = LeafAddress(good);
+    for (const Row& row : isArm ? armRows : x64Rows) {
+        const std::string line = image_check::Join(std::hex, leaf, ": \t", row.instruction, "\n");
+        EXPECT_EQ(ChecksOf(image_check::CheckCode(good, line + disassembly)), row.checks) << row.instruction;
+    }
+}
+
+TEST_P(ImageCheck, SaysSoWhenCodeCannotBeHeldAgainstTheFunctionTable)
+{
+    Bytes bytes = good.bytes();
+    Put(bytes, Places{good}.Directory(3) + 4, {4, 0, 0, 0});
+    const std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    EXPECT_EQ(ChecksOf(image_check::CheckCode(PeReader(bytes), disassembly)), std::set<std::string>{"unwinding"});
+}
+
+TEST_P(ImageCheck, DoesNotTakeABrokenOffDisassemblyForCleanCode)
+{
+    const std::string whole = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    for (const std::string& part : {std::string(), whole.substr(0, whole.size() / 2)}) {
+        EXPECT_EQ(ChecksOf(image_check::CheckCode(good, part)), std::set<std::string>{"disassembly"});
+    }
+    EXPECT_THROW((void)image_check::Disassemble("llvm-objdump-19", "/nonexistent"), std::runtime_error);
+    EXPECT_THROW((void)image_check::Disassemble("no-such-disassembler", PathOf(GetParam())), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,164 @@
+// The loader takes the image that ships and refuses what is damaged, naming what is wrong.
+#include "tests/image/pe_view.h"
+#include "host/environment.h"
+#include "host/image/exports.h"
+#include "host/image/image.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <functional>
+
+namespace tests {
+namespace {
+
+std::filesystem::path PathOf(const char* name, const char* file)
+{
+    return std::filesystem::path(ZEPN_ROOT) / "out" / name / file;
+}
+
+#if defined(__x86_64__)
+constexpr const char* kOwnMachine = "x64";
+constexpr const char* kOtherMachine = "arm64";
+#else
+constexpr const char* kOwnMachine = "arm64";
+constexpr const char* kOtherMachine = "x64";
+#endif
+
+class Loader : public testing::Test {
+protected:
+    const PeView good{PathOf(kOwnMachine, "zepn.sys")};
+
+    // What the loader says of these bytes; empty when it takes them.
+    std::string Refusal(std::vector<std::uint8_t> bytes, bool checksumMended)
+    {
+        if (checksumMended) {
+            PeView view = good;
+            view.bytes = bytes;
+            const std::uint32_t sum = view.ComputedChecksum();
+            if (view.optional + 68 <= bytes.size()) {
+                memcpy(&bytes[view.optional + 64], &sum, 4);
+            }
+        }
+        const std::filesystem::path file =
+            std::filesystem::temp_directory_path() / ("damaged-" + std::to_string(getpid()) + ".sys");
+        {
+            std::ofstream stream(file, std::ios::binary);
+            stream.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        }
+        std::string refusal;
+        try {
+            host::Environment environment({});
+            RegisterExports();
+            (void)host::image::LoadedImage::Load(environment, file);
+        } catch (const host::HostError& error) {
+            refusal = error.what();
+        }
+        std::filesystem::remove(file);
+        return refusal;
+    }
+
+    std::string RefusalOf(const std::function<void(std::vector<std::uint8_t>&)>& damage)
+    {
+        std::vector<std::uint8_t> bytes = good.bytes;
+        damage(bytes);
+        return Refusal(bytes, true);
+    }
+
+    static void RegisterExports();
+};
+
+void Loader::RegisterExports()
+{
+    static const bool kDone = [] {
+        for (const auto& [module, names] : PeView(PathOf(kOwnMachine, "zepn.sys")).Imports()) {
+            for (const std::string& name : names) {
+                static std::vector<std::unique_ptr<std::string>> kept;
+                kept.push_back(std::make_unique<std::string>(name));
+                const host::image::Export entry{kept.back()->c_str(), &kept};
+                host::image::AddExports(module, std::span(&entry, 1));
+            }
+        }
+        return true;
+    }();
+    (void)kDone;
+}
+
+TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
+{
+    EXPECT_EQ(Refusal(good.bytes, false), "");
+    const std::uint64_t optional = good.optional;
+    const std::uint64_t firstSection = optional + 240;
+    const auto put = [](std::uint64_t at, std::vector<std::uint8_t> value) {
+        return [at, value](std::vector<std::uint8_t>& bytes) {
+            std::copy(value.begin(), value.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
+        };
+    };
+    struct Row {
+        const char* name;
+        std::function<void(std::vector<std::uint8_t>&)> damage;
+        const char* words;
+    };
+    const Row kRows[] = {
+        {"no PE signature", put(optional - 24, {'X'}), "no PE signature"},
+        {"other machine", put(optional - 20, {0x4C, 0x01}), "this host runs"},
+        {"PE32", put(optional, {0x0B, 0x01}), "not PE32+"},
+        {"subsystem", put(optional + 68, {2, 0}), "subsystem is not native"},
+        {"image size", put(optional + 56, {1, 0, 0, 0}), "image size"},
+        {"entry in data", put(optional + 16, {0, 0, 0, 0}), "no executable section"},
+        {"writable code", put(firstSection + 36, {0x20, 0, 0, 0xE0}), "writable and executable"},
+        {"section behind the end", put(firstSection + 16, {0xFF, 0xFF, 0xFF, 0x0F}), "behind the end of the file"},
+        {"overlapping sections", put(firstSection + 40 + 12, {0, 0x10, 0, 0}), "do not fit"},
+        {"thread-local storage", put(optional + 112 + 72, {1, 0, 0, 0}), "none of this kind"},
+        {"relocations stripped", put(optional - 2, {0x23, 0x00}), "relocations are stripped"},
+        {"relocation outside", put(good.Offset(good.Directory(5)), {0xFF, 0xFF, 0xFF, 0x7F}), "outside the image"},
+        {"relocation type", put(good.Offset(good.Directory(5)) + 8, {0x00, 0x30}), "type 3"},
+        {"unknown module", put(good.Offset(good.At<std::uint32_t>(good.Offset(good.Directory(1)) + 12)), {'q'}),
+         "not exported by this platform"},
+        {"unknown name",
+         put(good.Offset(static_cast<std::uint32_t>(
+                 good.At<std::uint64_t>(good.Offset(good.At<std::uint32_t>(good.Offset(good.Directory(1))))))) +
+                 2,
+             {'q'}),
+         "not exported by this platform"},
+        {"import by ordinal", put(good.Offset(good.At<std::uint32_t>(good.Offset(good.Directory(1)))) + 7, {0x80}),
+         "by ordinal"},
+    };
+    for (const Row& row : kRows) {
+        const std::string refusal = RefusalOf(row.damage);
+        EXPECT_NE(refusal.find(row.words), std::string::npos) << row.name << ": " << refusal;
+    }
+    std::vector<std::uint8_t> changed = good.bytes;
+    changed[changed.size() / 2] ^= 1;
+    EXPECT_NE(Refusal(changed, false).find("checksum"), std::string::npos);
+}
+
+TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)
+{
+    host::Environment environment({});
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kOtherMachine, "zepn.sys")), host::HostError);
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kOwnMachine, "zepn.map")), host::HostError);
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, "/nonexistent"), host::HostError);
+}
+
+// Any header byte changed, any length: refused, or loaded harmlessly, but never a crash.
+TEST_F(Loader, SurvivesEveryChangedHeaderByteAndEveryLength)
+{
+    unsigned refused = 0;
+    const auto headers = good.Optional<std::uint32_t>(60);
+    for (std::size_t at = 0; at < headers; ++at) {
+        std::vector<std::uint8_t> bytes = good.bytes;
+        bytes[at] ^= 0xFF;
+        refused += Refusal(bytes, true).empty() ? 0 : 1;
+    }
+    EXPECT_GT(refused, 100u);
+    for (std::size_t length = 0; length < good.bytes.size(); length += 97) {
+        const std::vector<std::uint8_t> bytes(good.bytes.begin(),
+                                              good.bytes.begin() + static_cast<std::ptrdiff_t>(length));
+        EXPECT_NE(Refusal(bytes, true), "") << length << " bytes";
+    }
+}
+
+}  // namespace
+}  // namespace tests
