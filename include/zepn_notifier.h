@@ -121,8 +121,7 @@ typedef ZEP_COMMAND_CALLBACK* PZEP_COMMAND_CALLBACK;
 // CallbackContext: the client's own.
 // Reason:          ZEP_APPS_STATE_REASON_CHANGED.
 // State:           in: the client's current state; out: its wanted state. A changed value is posted for the client
-// after
-//                  all clients have been told.
+//                  after all clients have been told.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_APPS_STATE_CALLBACK)(PVOID CallbackContext, ULONG Reason, PULONG State);
 typedef ZEP_APPS_STATE_CALLBACK* PZEP_APPS_STATE_CALLBACK;
