@@ -9,8 +9,9 @@ add_library(zepn_objects OBJECT ${ZEPN_DRIVER_SOURCES} ${ZEPN_PLATFORM_SOURCES} 
 add_dependencies(zepn_objects build_stamp)
 target_include_directories(zepn_objects PRIVATE platform/include)
 target_compile_options(zepn_objects PRIVATE
-    --target=${ZEPN_TARGET_TRIPLE} -O2 -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics
-    -fasynchronous-unwind-tables  # -ffreestanding drops the tables that the kernel unwinds by
+    # Not -ffreestanding: small copies and comparisons are then calls instead of a few instructions.
+    --target=${ZEPN_TARGET_TRIPLE} -O2 -fno-exceptions -fno-rtti -fno-threadsafe-statics
+    -fasynchronous-unwind-tables  # the kernel unwinds by them
     -g -gcodeview -gno-codeview-command-line
     -ffile-compilation-dir=. -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
     -Xclang -cfguard
@@ -43,3 +44,4 @@ add_custom_target(image ALL
     COMMAND ${CMAKE_COMMAND} -E make_directory ${ZEPN_OUT}
     COMMAND ${CMAKE_COMMAND} -E copy_if_different zepn.sys zepn.pdb zepn.map ${ZEPN_OUT}
     DEPENDS zepn.sys zepn.pdb zepn.map VERBATIM)
+include(bench/image.cmake)

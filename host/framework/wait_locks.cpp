@@ -3,6 +3,7 @@
 // taken, so that two threads need not meet for a wrong order to show.
 #include "host/framework/functions.h"
 #include "host/schedule/parking.h"
+#include "host/schedule/yield.h"
 
 #include <algorithm>
 #include <set>
@@ -149,7 +150,9 @@ schedule::Outcome Framework::RunOnThread(const std::string& name, const char* wh
     const std::uint64_t supervisor = ThreadState::Current().id;
     const schedule::Outcome outcome = threads.Run(name, [&, this] {
         const Supervision supervision(*this, supervisor);
+        schedule::YieldPoint(schedule::YieldKind::kThreadBegins, what);
         Guarded(what, routine, work);
+        schedule::YieldPoint(schedule::YieldKind::kThreadEnds, what);
     });
     if (outcome.parked) {
         const std::lock_guard lock(mutex);

@@ -1,0 +1,51 @@
+// zepn-bench: what the driver costs, and how the cost grows.
+#include "bench/sections.h"
+
+#include <CLI/CLI.hpp>
+
+#include <fstream>
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    struct Section {
+        const char* name;
+        void (*measure)(bench::Table&, const bench::Options&);
+    };
+    constexpr Section kSections[] = {
+        {"silent", bench::MeasureSilentReporting},
+        {"road", bench::MeasureRoad},
+    };
+    CLI::App app("Measures the Notifier and its host");
+    std::vector<std::string> names;
+    std::string jsonFile;
+    bench::Options options;
+    app.add_option("sections", names, "sections to run; all unless given");
+    app.add_option("--json", jsonFile, "also writes all rows as JSON");
+    app.add_flag("--quick", options.isQuick, "short times; the exact figures stay what they are");
+    CLI11_PARSE(app, argc, argv);
+
+    for (const std::string& name : names) {
+        if (std::ranges::none_of(kSections, [&](const Section& section) { return name == section.name; })) {
+            std::cerr << "zepn-bench: there is no section " << name << "\n";
+            return 2;
+        }
+    }
+    bench::Table table;
+    table.echo = &std::cout;
+    try {
+        for (const Section& section : kSections) {
+            if (names.empty() || std::ranges::find(names, section.name) != names.end()) {
+                section.measure(table, options);
+            }
+        }
+    } catch (const std::exception& error) {
+        std::cerr << "zepn-bench: " << error.what() << "\n";
+        return 1;
+    }
+    if (!jsonFile.empty() && !(std::ofstream(jsonFile) << table.Json().dump(1) << "\n")) {
+        std::cerr << "zepn-bench: cannot write " << jsonFile << "\n";
+        return 1;
+    }
+    return 0;
+}
