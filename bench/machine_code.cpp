@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <optional>
 #include <regex>
@@ -103,6 +104,11 @@ std::optional<std::uint64_t> Number(const std::string& text, std::size_t from = 
 class Machine {
 public:
     virtual ~Machine() = default;
+
+    // The instruction that gave a register its value, on one of the ways that lead to an instruction; null when none is
+    // found. Set by the reader, who knows the ways.
+    std::function<const Instruction*(const std::string& reg, const Instruction& at)> lastWriter;
+
     // The address that an instruction loads a 32-bit word from, and the register it goes to.
     struct Load {
         std::uint64_t address;
@@ -112,6 +118,10 @@ public:
     // The address that an instruction forms or completes.
     [[nodiscard]] virtual std::optional<std::uint64_t> AddressOf(const Instruction& instruction) = 0;
     [[nodiscard]] virtual bool IsJump(const Instruction& instruction) const = 0;
+    // Where a conditional branch leads.
+    [[nodiscard]] virtual std::optional<std::uint64_t> ConditionalTarget(const Instruction& instruction) const = 0;
+    // The register that is copied into the first argument's; empty when the instruction does something else.
+    [[nodiscard]] virtual std::string FirstArgumentFrom(const Instruction& instruction) const = 0;
     [[nodiscard]] virtual bool Writes(const Instruction& instruction, const std::string& reg) const = 0;
     struct Branch {
         std::uint64_t target;
@@ -141,6 +151,20 @@ public:
         return instruction.mnemonic == "leaq" && address ? std::optional(*address - kPreferredBase) : std::nullopt;
     }
     bool IsJump(const Instruction& instruction) const override { return instruction.mnemonic == "jmp"; }
+    std::optional<std::uint64_t> ConditionalTarget(const Instruction& instruction) const override
+    {
+        const auto target = Number(instruction.operands);
+        return instruction.mnemonic[0] == 'j' && !IsJump(instruction) && target
+                   ? std::optional(*target - kPreferredBase)
+                   : std::nullopt;
+    }
+    std::string FirstArgumentFrom(const Instruction& instruction) const override
+    {
+        return instruction.mnemonic == "movq" && instruction.operands.starts_with("%r") &&
+                       instruction.operands.ends_with(", %rcx")
+                   ? instruction.operands.substr(1, instruction.operands.find(',') - 1)
+                   : "";
+    }
     bool Writes(const Instruction& instruction, const std::string& reg) const override
     {
         return instruction.operands.ends_with(", %" + reg) && !instruction.mnemonic.starts_with("test") &&
@@ -172,27 +196,39 @@ class Arm64 final : public Machine {
 public:
     std::optional<Load> LoadOf(const Instruction& instruction) override
     {
-        Note(instruction);
         std::smatch match;
         static const std::regex form(R"(^(w\d+), \[(x\d+), #(0x[0-9a-f]+)\]$)");
-        if (instruction.mnemonic != "ldr" || !std::regex_match(instruction.operands, match, form) ||
-            !pages_.contains(match[2])) {
+        if (instruction.mnemonic != "ldr" || !std::regex_match(instruction.operands, match, form)) {
             return std::nullopt;
         }
-        return Load{pages_.at(match[2]) + *Number(match[3]), match[1]};
+        const auto page = PageIn(match[2], instruction);
+        return page ? std::optional(Load{*page + *Number(match[3]), match[1]}) : std::nullopt;
     }
     std::optional<std::uint64_t> AddressOf(const Instruction& instruction) override
     {
-        Note(instruction);
         std::smatch match;
         static const std::regex form(R"(^x\d+, (x\d+), #(0x[0-9a-f]+)$)");
-        if (instruction.mnemonic != "add" || !std::regex_match(instruction.operands, match, form) ||
-            !pages_.contains(match[1])) {
+        if (instruction.mnemonic != "add" || !std::regex_match(instruction.operands, match, form)) {
             return std::nullopt;
         }
-        return pages_.at(match[1]) + *Number(match[2]);
+        const auto page = PageIn(match[1], instruction);
+        return page ? std::optional(*page + *Number(match[2])) : std::nullopt;
     }
     bool IsJump(const Instruction& instruction) const override { return instruction.mnemonic == "b"; }
+    std::optional<std::uint64_t> ConditionalTarget(const Instruction& instruction) const override
+    {
+        const bool isConditional = instruction.mnemonic.starts_with("b.") || instruction.mnemonic.starts_with("cb") ||
+                                   instruction.mnemonic.starts_with("tb");
+        const std::size_t last = instruction.operands.rfind(", ");
+        const auto target = Number(instruction.operands, last == std::string::npos ? 0 : last);
+        return isConditional && target ? std::optional(*target - kPreferredBase) : std::nullopt;
+    }
+    std::string FirstArgumentFrom(const Instruction& instruction) const override
+    {
+        return instruction.mnemonic == "mov" && instruction.operands.starts_with("x0, x")
+                   ? instruction.operands.substr(4)
+                   : "";
+    }
     bool Writes(const Instruction& instruction, const std::string& reg) const override
     {
         const std::string wide = "x" + reg.substr(1);
@@ -211,17 +247,13 @@ public:
     }
 
 private:
-    // Pages stay in registers across blocks, so the last one formed for a register is taken to hold. A wrong guess
-    // shows: it finds no record.
-    void Note(const Instruction& instruction)
+    // Pages stay in registers across blocks.
+    std::optional<std::uint64_t> PageIn(const std::string& reg, const Instruction& instruction) const
     {
-        std::smatch match;
-        static const std::regex form(R"(^(x\d+), (0x[0-9a-f]+)$)");
-        if (instruction.mnemonic == "adrp" && std::regex_match(instruction.operands, match, form)) {
-            pages_[match[1]] = *Number(match[2]) - kPreferredBase;
-        }
+        const Instruction* writer = lastWriter(reg, instruction);
+        const auto page = writer != nullptr && writer->mnemonic == "adrp" ? Number(writer->operands) : std::nullopt;
+        return page ? std::optional(*page - kPreferredBase) : std::nullopt;
     }
-    std::map<std::string, std::uint64_t> pages_;
 };
 
 class Reader {
@@ -232,6 +264,21 @@ public:
         for (std::size_t index = 0; index < instructions_.size(); ++index) {
             at_[instructions_[index].offset] = index;
         }
+        for (std::size_t index = 0; index < instructions_.size(); ++index) {
+            const Instruction& instruction = instructions_[index];
+            auto target = machine_.ConditionalTarget(instruction);
+            if (machine_.IsJump(instruction)) {
+                target = Number(instruction.operands);
+                target = target ? std::optional(*target - kPreferredBase) : std::nullopt;
+            }
+            if (target && at_.contains(*target)) {
+                sources_[at_.at(*target)].push_back(index);
+            }
+        }
+        machine_.lastWriter = [this](const std::string& reg, const Instruction& at) {
+            std::set<std::size_t> seen;
+            return LastWriter(reg, at_.at(at.offset), seen);
+        };
     }
 
     SiteCode Read()
@@ -247,42 +294,55 @@ public:
             if (isWord && std::ranges::none_of(map_.reporting, [&](const Range& range) {
                     return instruction.offset >= range.begin && instruction.offset < range.end;
                 })) {
-                code.tests.push_back(Follow(index, *load));
+                Follow(index, *load, code.tests);
             }
         }
         return code;
     }
 
 private:
-    SiteTest Follow(std::size_t index, const Machine::Load& load)
+    // The tests that one load serves: mostly one; two when it was hoisted above the branch that parts two sites.
+    void Follow(std::size_t index, const Machine::Load& load, std::vector<SiteTest>& tests)
     {
-        constexpr std::size_t kReach = 8;
-        SiteTest test{.load = instructions_[index].offset,
-                      .path = {instructions_[index].offset},
-                      .channel = load.address == map_.words ? Channel::kEvents : Channel::kMessages};
-        bool tested = false;
-        for (std::size_t next = index + 1; next < std::min(index + kReach, instructions_.size()); ++next) {
-            const Instruction& instruction = instructions_[next];
-            if (const auto branch = machine_.BranchOf(instruction, load.reg, tested)) {
+        const std::size_t before = tests.size();
+        const SiteTest begun{.load = instructions_[index].offset,
+                             .path = {instructions_[index].offset},
+                             .channel = load.address == map_.words ? Channel::kEvents : Channel::kMessages};
+        Walk(index + 1, load.reg, begun, false, 0, tests);
+        if (tests.size() == before) {
+            tests.push_back(begun);
+        }
+    }
+
+    void Walk(std::size_t index, const std::string& reg, SiteTest test, bool tested, unsigned step,
+              std::vector<SiteTest>& tests)
+    {
+        constexpr unsigned kReach = 10;
+        for (; step < kReach && index < instructions_.size(); ++step, ++index) {
+            const Instruction& instruction = instructions_[index];
+            if (const auto branch = machine_.BranchOf(instruction, reg, tested)) {
                 test.path.push_back(instruction.offset);
                 test.isTested = true;
                 test.isColdOutOfLine = branch->isTakenWhenHeard;
                 const std::size_t cold =
-                    branch->isTakenWhenHeard && at_.contains(branch->target) ? at_.at(branch->target) : next + 1;
+                    branch->isTakenWhenHeard && at_.contains(branch->target) ? at_.at(branch->target) : index + 1;
                 test.site = RecordBehind(cold);
-                return test;
+                tests.push_back(test);
+                return;
             }
-            if (machine_.IsBitTest(instruction, load.reg)) {
+            if (machine_.IsBitTest(instruction, reg)) {
                 tested = true;
                 test.path.push_back(instruction.offset);
-            } else if (machine_.Writes(instruction, load.reg)) {
-                break;
+            } else if (machine_.Writes(instruction, reg)) {
+                return;
+            } else if (const auto target = machine_.ConditionalTarget(instruction);
+                       !tested && target && at_.contains(*target)) {
+                Walk(at_.at(*target), reg, test, false, step + 1, tests);
             }
         }
-        return test;
     }
 
-    // The first site record that the code from here on names.
+    // The first site record that the code from here on names, or takes from a register that held it before.
     int RecordBehind(std::size_t index)
     {
         constexpr unsigned kReach = 60;
@@ -290,6 +350,9 @@ private:
             const Instruction& instruction = instructions_[index];
             if (const auto address = machine_.AddressOf(instruction); address && map_.records.contains(*address)) {
                 return map_.records.at(*address);
+            }
+            if (const std::string held = machine_.FirstArgumentFrom(instruction); !held.empty()) {
+                return RecordIn(held, index);
             }
             const auto target = Number(instruction.operands);
             index = machine_.IsJump(instruction) && target && at_.contains(*target - kPreferredBase)
@@ -299,10 +362,49 @@ private:
         return -1;
     }
 
+    // The record whose address stands in a register: compilers keep it there across a loop.
+    int RecordIn(const std::string& reg, std::size_t index)
+    {
+        const Instruction* writer = machine_.lastWriter(reg, instructions_[index]);
+        const auto address = writer == nullptr ? std::nullopt : machine_.AddressOf(*writer);
+        return address && map_.records.contains(*address) ? map_.records.at(*address) : -1;
+    }
+
+    // Backwards along the code, and along the branches that lead to it, to the nearest writer of a register.
+    const Instruction* LastWriter(const std::string& reg, std::size_t index, std::set<std::size_t>& seen) const
+    {
+        while (seen.insert(index).second) {
+            if (const auto sources = sources_.find(index); sources != sources_.end()) {
+                for (const std::size_t source : sources->second) {
+                    if (source < index || IsEnd(instructions_[index - 1])) {
+                        if (const Instruction* writer = LastWriter(reg, source, seen)) {
+                            return writer;
+                        }
+                    }
+                }
+            }
+            if (index == 0 || IsEnd(instructions_[index - 1])) {
+                return nullptr;
+            }
+            --index;
+            if (machine_.Writes(instructions_[index], reg)) {
+                return &instructions_[index];
+            }
+        }
+        return nullptr;
+    }
+
+    // Whether control never passes on to the next instruction.
+    bool IsEnd(const Instruction& instruction) const
+    {
+        return machine_.IsJump(instruction) || instruction.mnemonic.starts_with("ret") || instruction.mnemonic == "br";
+    }
+
     std::vector<Instruction> instructions_;
     LinkMap map_;
     Machine& machine_;
     std::map<std::uint64_t, std::size_t> at_;
+    std::map<std::size_t, std::vector<std::size_t>> sources_;  // branches by the instruction that they lead to
 };
 
 }  // namespace
