@@ -15,6 +15,10 @@ int main(int argc, char** argv)
     constexpr Section kSections[] = {
         {"silent", bench::MeasureSilentReporting},
         {"road", bench::MeasureRoad},
+        {"growth", bench::MeasureGrowth},
+        {"side-by-side", bench::MeasureSideBySide},
+        {"host", bench::MeasureHost},
+        {"footprint", bench::MeasureFootprint},
     };
     CLI::App app("Measures the Notifier and its host");
     std::vector<std::string> names;

@@ -20,6 +20,11 @@ NTSTATUS NTAPI OnState(PVOID, const ZepState*, PULONG)
     return STATUS_SUCCESS;
 }
 
+NTSTATUS NTAPI OnCommand(PVOID, ULONG, const ZepCommandInfo*, PULONG)
+{
+    return STATUS_SUCCESS;
+}
+
 NTSTATUS NTAPI OnClientAdd(const ZEP_SUBSYSTEM_DESCRIPTOR*)
 {
     return STATUS_SUCCESS;
@@ -117,7 +122,8 @@ Stage::~Stage()
 void Stage::Register(ULONG number)
 {
     const GUID guid = GuidOf(number);
-    const ActionCallbackTable callbacks{};
+    ActionCallbackTable callbacks{};
+    callbacks.CommandCallback = OnCommand;
     Demand(helper.Notifier_HelperInit(&guid, "name", "description", &callbacks, nullptr, 0, nullptr), "registering");
 }
 
@@ -132,6 +138,16 @@ void Stage::Post(ULONG client, ULONG state)
 {
     const ZepState record{.Size = sizeof(ZepState), .InterfaceGUID = GuidOf(client), .State = state, .Reserved = 0};
     Demand(helper.Notifier_HelperSendState(&record), "posting");
+}
+
+void Stage::Command(ULONG sender, ULONG target)
+{
+    ZepCommand command{};
+    command.Size = sizeof(command);
+    command.TargetGuid = GuidOf(target);
+    command.SourceGuid = GuidOf(sender);
+    command.CommandId = 1;
+    Demand(helper.Notifier_HelperSendCommand(&command), "commanding");
 }
 
 void Stage::Leave(ULONG client)

@@ -46,6 +46,7 @@ public:
     void Register(ULONG number);
     void Subscribe(ULONG subscriber, ULONG target, ULONG state);
     void Post(ULONG client, ULONG state);
+    void Command(ULONG sender, ULONG target);  // every client takes commands and answers none
     void Leave(ULONG client);
 
     // The client that posts.

@@ -1,0 +1,105 @@
+// Footprint: the images by section, and what lives in memory for each client, subscription and queued state; and what a
+// million posts leave behind.
+#include "bench/sections.h"
+#include "bench/stage.h"
+
+#include "tools/image_check/pe_reader.h"
+
+#include <fstream>
+#include <iterator>
+
+namespace bench {
+namespace {
+
+constexpr const char* kSection = "Footprint";
+
+void MeasureImage(Table& table, const std::string& machine)
+{
+    const std::filesystem::path file = std::filesystem::path(ZEPN_ROOT) / "out" / machine / "zepn.sys";
+    std::ifstream stream(file, std::ios::binary);
+    const image_check::PeReader image({std::istreambuf_iterator<char>(stream), {}});
+    const auto add = [&](const std::string& name, double value) {
+        table.Add({.section = kSection, .name = name, .on = machine + " image", .value = value, .unit = "bytes",
+                   .isExact = true});
+    };
+    add("file", static_cast<double>(image.bytes().size()));
+    for (const image_check::Section& section : image.sections()) {
+        add("section " + section.name + " in memory", section.sizeBytes);
+    }
+}
+
+// What exists now.
+struct Stock {
+    double objects;
+    double contextBytes;
+    double poolBlocks;
+};
+
+Stock StockOf(Stage& stage)
+{
+    Stock stock{};
+    for (const host::framework::ObjectView& object : stage.machine.inspect().Objects()) {
+        ++stock.objects;
+        for (const host::framework::ContextView& context : object.contexts) {
+            stock.contextBytes += static_cast<double>(context.bytes.size());
+        }
+    }
+    for (const host::Machine::PoolUse& use : stage.machine.PoolInUse()) {
+        stock.poolBlocks += static_cast<double>(use.blockCount);
+    }
+    return stock;
+}
+
+void MeasureEach(Table& table, const std::string& what, const std::function<void(Stage&)>& add)
+{
+    Stage stage({.subject = Subject::kNative});
+    const Stock before = StockOf(stage);
+    add(stage);
+    const Stock after = StockOf(stage);
+    const auto row = [&](const std::string& name, double value, const char* unit) {
+        table.Add({.section = kSection, .name = what + ": " + name, .on = "", .value = value, .unit = unit,
+                   .isExact = true});
+    };
+    row("framework objects", after.objects - before.objects, "objects");
+    row("context memory", after.contextBytes - before.contextBytes, "bytes");
+    row("pool blocks", after.poolBlocks - before.poolBlocks, "blocks");
+}
+
+void MeasureMillion(Table& table, const Options& options)
+{
+    const unsigned posts = options.isQuick ? 20000 : 1000000;
+    Stage stage({.clients = 2, .subscriptionsEach = 1});
+    const Stock before = StockOf(stage);
+    for (unsigned post = 0; post < posts; ++post) {
+        stage.Post(stage.poster(), 1);
+        if (post % 64 == 63) {
+            stage.machine.RunWorkItems();
+        }
+    }
+    stage.machine.RunWorkItems();
+    const Stock after = StockOf(stage);
+    table.Add({.section = kSection, .name = "objects left by " + std::to_string(posts) + " posts", .on = "",
+               .value = after.objects - before.objects, .unit = "objects", .goal = Goal{0}, .isExact = !options.isQuick});
+    table.Add({.section = kSection, .name = "pool blocks left by " + std::to_string(posts) + " posts", .on = "",
+               .value = after.poolBlocks - before.poolBlocks, .unit = "blocks", .goal = Goal{0},
+               .isExact = !options.isQuick});
+}
+
+}  // namespace
+
+void MeasureFootprint(Table& table, const Options& options)
+{
+    for (const char* machine : {"arm64", "x64"}) {
+        MeasureImage(table, machine);
+    }
+    MeasureEach(table, "each client", [](Stage& stage) { stage.Register(100); });
+    MeasureEach(table, "each subscription", [](Stage& stage) { stage.Subscribe(1, stage.poster(), 7); });
+    MeasureEach(table, "each queued state", [](Stage& stage) { stage.Post(stage.poster(), 7); });
+    MeasureEach(table, "each delivered command, until its sender leaves", [](Stage& stage) {
+        stage.Command(stage.poster(), 1);
+        stage.machine.RunWorkItems();
+    });
+    MeasureMillion(table, options);
+}
+
+}  // namespace bench
