@@ -27,7 +27,7 @@ Road RoadOf(Subject subject, unsigned clients, unsigned subscriptionsEach, ULONG
     return {static_cast<double>(post), static_cast<double>(delivery)};
 }
 
-void Compare(Table& table, Subject subject, Subject bound)
+void Compare(Table& table, Subject subject, Subject bound, const Options& options)
 {
     const auto add = [&](const std::string& name, double ours, double least, std::optional<Goal> goal) {
         table.Add({.section = kSection, .name = name + ": instructions", .on = Name(subject), .value = ours,
@@ -37,13 +37,17 @@ void Compare(Table& table, Subject subject, Subject bound)
                    .unit = "ratio", .goal = goal, .isExact = true});
     };
     constexpr Goal kGoal{.limit = 1.10};
-    for (const unsigned clients : {1u, 16u, 64u}) {
+    // Natively every call into the reporting's cold half costs the callers ten saved registers: the two calling
+    // conventions differ, and the host's compiler cannot know that the half is cold. The image has no such seam.
+    const std::optional<Goal> goal = subject == Subject::kX64 ? std::optional(kGoal) : std::nullopt;
+    const std::vector<unsigned> sizes = options.isQuick ? std::vector{16u} : std::vector{1u, 16u, 64u};
+    for (const unsigned clients : sizes) {
         const Road ours = RoadOf(subject, clients, 1, 1);
         const Road least = RoadOf(bound, clients, 1, 1);
         const std::string who = std::to_string(clients) + (clients == 1 ? " client" : " clients");
         add("post, " + who, ours.post, least.post, std::nullopt);
         add("delivery, " + who, ours.delivery, least.delivery, std::nullopt);
-        add("post and delivery, " + who, ours.Sum(), least.Sum(), kGoal);
+        add("post and delivery, " + who, ours.Sum(), least.Sum(), goal);
     }
     // The slopes: what one more of each costs in the delivery run.
     constexpr unsigned kClients = 8;
@@ -65,13 +69,15 @@ void Compare(Table& table, Subject subject, Subject bound)
 
 }  // namespace
 
-void MeasureRoad(Table& table, const Options&)
+void MeasureRoad(Table& table, const Options& options)
 {
     if (!InstructionCounter::IsSupported()) {
         return;
     }
-    Compare(table, Subject::kX64, Subject::kBoundX64);
-    Compare(table, Subject::kNative, Subject::kBound);
+    Compare(table, Subject::kX64, Subject::kBoundX64, options);
+    if (!options.isQuick) {
+        Compare(table, Subject::kNative, Subject::kBound, options);
+    }
 }
 
 }  // namespace bench
