@@ -115,7 +115,8 @@ private:
     std::optional<checks::Fault> fault_;
 };
 
-// The address in the image from which a platform function was called.
-#define HOST_CALLER __builtin_return_address(0)
+// An address in the instruction by which a platform function was called. Behind it may stand another function already:
+// nothing follows a call that does not return.
+#define HOST_CALLER (static_cast<const char*>(__builtin_return_address(0)) - 1)
 
 }  // namespace host

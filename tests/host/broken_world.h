@@ -12,6 +12,13 @@
 
 namespace tests {
 
+// Children that die on purpose begin anew where that is possible; an emulator cannot start itself again.
+#if defined(ZEPN_EMULATED)
+inline constexpr const char* kDeathTestStyle = "fast";
+#else
+inline constexpr const char* kDeathTestStyle = "threadsafe";
+#endif
+
 using host::checks::Rule;
 using host::checks::Violation;
 

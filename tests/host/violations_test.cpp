@@ -141,7 +141,7 @@ TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
     if (kSanitized) {
         GTEST_SKIP() << "the sanitizer itself reports the access";
     }
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(
         {
             BrokenWorld world;

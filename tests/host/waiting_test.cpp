@@ -116,7 +116,7 @@ TEST(WaitLocks, AWrongOrderShowsWithoutAnyMeeting)
 
 TEST(WaitLocks, AMainThreadThatCanNeverGoOnEndsTheProcess)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(
         {
             BrokenWorld world;
