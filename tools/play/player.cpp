@@ -135,7 +135,6 @@ private:
         if (step.fail) {
             machine_.faults().Add({.function = step.fail->call,
                                    .detail = step.fail->detail,
-                                   .skip = step.fail->skip,
                                    .form = step.fail->status ? host::checks::FaultForm::kStatus
                                                              : host::checks::FaultForm::kNull,
                                    .status = step.fail->status.value_or(STATUS_SUCCESS)});

@@ -456,10 +456,9 @@ private:
         if (fail == nullptr || !IsA(*fail, Kind::kObject, field + ".fail")) {
             return;
         }
-        CheckFields(*fail, field + ".fail", {"call"}, {"detail", "skip", "status"});
+        CheckFields(*fail, field + ".fail", {"call"}, {"detail", "status"});
         ReadText(*fail, "call", field + ".fail.call", step.fail.emplace().call);
         ReadText(*fail, "detail", field + ".fail.detail", step.fail->detail);
-        ReadNumber(*fail, "skip", field + ".fail.skip", step.fail->skip);
         if (const JsonValue* status = Member(*fail, "status")) {
             (void)ReadStatus(*status, field + ".fail.status", step.fail->status);
         }

@@ -88,7 +88,6 @@ enum class Action {
 struct StepFault {
     std::string call;                // "WdfObjectCreate"
     std::string detail;              // only for this context type or routine; empty: any
-    std::uint32_t skip = 0;          // calls that pass first
     std::optional<NTSTATUS> status;  // empty: it returns NULL
 };
 
