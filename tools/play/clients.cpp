@@ -101,8 +101,10 @@ NTSTATUS NTAPI OnDumpStart(PVOID handle, ULONGLONG first, ULONGLONG second)
 NTSTATUS NTAPI OnDumpAddData(PVOID handle, PVOID, ULONGLONG address, ULONG size, ULONG flags)
 {
     ++g_peers->counts.dumpCalls;
-    return Answer("addData", DumpText(handle) + ": " + std::to_string(size) + " bytes at " + Hex(address) + ", flags " +
-                                 std::to_string(flags), "dump");
+    return Answer("addData",
+                  DumpText(handle) + ": " + std::to_string(size) + " bytes at " + Hex(address) + ", flags " +
+                      std::to_string(flags),
+                  "dump");
 }
 
 NTSTATUS NTAPI OnDumpStop(PVOID handle, ULONGLONG result)
@@ -114,8 +116,7 @@ NTSTATUS NTAPI OnDumpStop(PVOID handle, ULONGLONG result)
 NTSTATUS NTAPI OnDumpQuery(PVOID handle, ULONG parameter, ULONGLONG, ULONGLONG)
 {
     ++g_peers->counts.dumpCalls;
-    return Answer("query", DumpText(handle) + ": parameter " + std::to_string(parameter) + " is asked for",
-                  "dump");
+    return Answer("query", DumpText(handle) + ": parameter " + std::to_string(parameter) + " is asked for", "dump");
 }
 
 NTSTATUS NTAPI OnDumpTriage(PVOID handle, ULONGLONG address, ULONG size)

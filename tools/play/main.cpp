@@ -68,7 +68,8 @@ int main(int argumentCount, char** arguments)
     app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
     app.add_flag("--trace", traceMessages, "show trace messages");
     app.add_flag("--json", json, "one JSON object a line");
-    CLI::Option* diagramOption = app.add_option("--diagram", diagramFile, "write the run as a Mermaid sequence diagram");
+    CLI::Option* diagramOption =
+        app.add_option("--diagram", diagramFile, "write the run as a Mermaid sequence diagram");
     app.add_option("--diagram-part", diagramPart, "of it, only what stands below the notes with this text")
         ->needs(diagramOption);
     app.add_option("--perfetto", perfettoFile, "write the run as trace events for Perfetto and Chrome's viewer");

@@ -11,9 +11,8 @@ constexpr int kProcess = 1;
 Perfetto::Clock WallClock()
 {
     const auto begin = std::chrono::steady_clock::now();
-    return [begin] {
-        return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count();
-    };
+    return
+        [begin] { return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count(); };
 }
 
 // From top to bottom: those who only call, the clients in order of appearance, the work items, the crash-dump driver.

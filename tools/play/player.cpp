@@ -133,11 +133,11 @@ private:
         expectedTrouble_ = step.trouble;
         troubleCame_ = false;
         if (step.fail) {
-            machine_.faults().Add({.function = step.fail->call,
-                                   .detail = step.fail->detail,
-                                   .form = step.fail->status ? host::checks::FaultForm::kStatus
-                                                             : host::checks::FaultForm::kNull,
-                                   .status = step.fail->status.value_or(STATUS_SUCCESS)});
+            machine_.faults().Add(
+                {.function = step.fail->call,
+                 .detail = step.fail->detail,
+                 .form = step.fail->status ? host::checks::FaultForm::kStatus : host::checks::FaultForm::kNull,
+                 .status = step.fail->status.value_or(STATUS_SUCCESS)});
         }
     }
 
@@ -263,10 +263,10 @@ private:
         };
         if (step.action == Action::kRegister) {
             const auto status = call("Notifier_HelperInit", {}, [&] {
-                return helper_.Notifier_HelperInit(
-                    guid, model.name.c_str(), model.description.c_str(),
-                    step.null == "callbacks" ? nullptr : &client.callbacks(),
-                    client.entries().empty() ? nullptr : client.entries().data(), model.entryCount, &client);
+                return helper_.Notifier_HelperInit(guid, model.name.c_str(), model.description.c_str(),
+                                                   step.null == "callbacks" ? nullptr : &client.callbacks(),
+                                                   client.entries().empty() ? nullptr : client.entries().data(),
+                                                   model.entryCount, &client);
             });
             peers_.counts.registered += status && NT_SUCCESS(*status) ? 1 : 0;
             Show(step, model.key, "registers as \"" + model.name + "\"", status);
@@ -293,11 +293,10 @@ private:
                  }));
         } else if (step.action == Action::kPost) {
             const ZepState state = StateOf(step.client, step.state.value_or(0));
-            const auto status = call("Notifier_HelperSendState",
-                                     {"state " + model.key + " " + std::to_string(state.State), "client " + model.key},
-                                     [&] {
-                                         return helper_.Notifier_HelperSendState(step.null.empty() ? &state : nullptr);
-                                     });
+            const auto status =
+                call("Notifier_HelperSendState",
+                     {"state " + model.key + " " + std::to_string(state.State), "client " + model.key},
+                     [&] { return helper_.Notifier_HelperSendState(step.null.empty() ? &state : nullptr); });
             peers_.counts.posted += status && NT_SUCCESS(*status) ? 1 : 0;
             Show(step, model.key, "posts its state: " + stateName, status);
         } else if (step.action == Action::kLeave) {
@@ -312,9 +311,8 @@ private:
                                      .CommandId = step.id};
             Show(step, model.key, "sends command " + std::to_string(step.id) + " to " + step.to,
                  call("Notifier_HelperSendCommand",
-                      {"command " + model.key + " " + step.to + " " + std::to_string(step.id)}, [&] {
-                          return helper_.Notifier_HelperSendCommand(step.null.empty() ? &command : nullptr);
-                      }));
+                      {"command " + model.key + " " + step.to + " " + std::to_string(step.id)},
+                      [&] { return helper_.Notifier_HelperSendCommand(step.null.empty() ? &command : nullptr); }));
         }
     }
 
@@ -370,9 +368,8 @@ private:
             Deliver();
             return;
         case Action::kOpen:
-            Show(step, kApplication, "opens the control device", Call(step, kApplication, "open", {}, [&] {
-                     return driver_->Open(file_).status;
-                 }));
+            Show(step, kApplication, "opens the control device",
+                 Call(step, kApplication, "open", {}, [&] { return driver_->Open(file_).status; }));
             return;
         case Action::kControl: {
             const std::uint32_t code = step.id == 0 ? IOCTL_ZEPN_NOTIFY_APPS_STATE : step.id;
@@ -486,15 +483,14 @@ private:
         const auto count = [](const char* what, unsigned number) {
             return std::string(what) + " " + std::to_string(number) + ", ";
         };
-        timeline_.Close(
-            count("clients", counts.registered) + count("states posted", counts.posted) +
-                count("deliveries", counts.delivered) + count("answers", counts.answered) +
-                count("commands", counts.commands) + count("announcements", counts.announced) +
-                count("dump calls", counts.dumpCalls) +
-                (stuck_             ? "a thread stands still, so the driver stays"
-                 : violations_ == 0 ? "no violation, nothing left behind"
-                                    : "violations " + std::to_string(violations_)),
-            good_);
+        timeline_.Close(count("clients", counts.registered) + count("states posted", counts.posted) +
+                            count("deliveries", counts.delivered) + count("answers", counts.answered) +
+                            count("commands", counts.commands) + count("announcements", counts.announced) +
+                            count("dump calls", counts.dumpCalls) +
+                            (stuck_             ? "a thread stands still, so the driver stays"
+                             : violations_ == 0 ? "no violation, nothing left behind"
+                                                : "violations " + std::to_string(violations_)),
+                        good_);
     }
 
     const Scenario& scenario_;
