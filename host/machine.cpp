@@ -279,6 +279,12 @@ std::size_t Machine::QueuedWorkItems() const
     return framework_->workQueue.size() + framework_->deferredWork.size();
 }
 
+std::string Machine::NextWorkItem() const
+{
+    const std::lock_guard lock(framework_->mutex);
+    return framework_->workQueue.empty() ? std::string() : framework_->workQueue.front()->name;
+}
+
 void Machine::WaitForWorkItems()
 {
     framework_->WaitForWorkItems();

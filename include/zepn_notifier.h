@@ -3,19 +3,38 @@
 // How to get a table: find the device through the interface class GUID of the table (the same GUID names class and
 // table), open it, and ask it with IRP_MN_QUERY_INTERFACE (WdfIoTargetQueryForInterface) for Size and Version below.
 // The table's reference routines do nothing: keep the device open for as long as you use the table, and leave
-// (Notifier_HelperClientDeinit, Notifier_WpcdClientDeInit) before you close it.
+// (Notifier_HelperClientDeinit, Notifier_WpcdClientDeInit) before you close it. docs/clients.md walks through it all.
 //
 // For every operation:
-// - Call at PASSIVE_LEVEL unless it says otherwise. All records are little-endian, sizes in bytes.
+// - Any thread may call it at any time, at PASSIVE_LEVEL unless it says otherwise.
+// - All records are little-endian, sizes in bytes. Both sides are 64-bit.
 // - The Notifier finds its own state; the table's Context is not an argument of any operation.
 // - Records and strings passed in are read during the call only and stay the caller's.
-// - A status is a failure when its sign is set, unless the text says more.
+// - A status is a failure when its sign is set, unless the text says more. Each status that an operation names is shown
+//   by a scenario; docs/troubleshooting.md has the list, with what to do.
+// - "The Notifier is not up" means that its driver object or driver context is missing; whoever holds its device open
+//   does not meet that.
 //
 // For every callback but the five dump callbacks (see "Dump calls"):
 // - It runs at PASSIVE_LEVEL inside a critical region (normal kernel APCs are off) with the Notifier's clients lock
 //   held. The lock is not recursive: a callback that calls an operation marked "takes the clients lock" waits for
 //   itself for ever, and every other client with it.
-// - It must return; deliveries to all other clients wait for it.
+// - It must return; deliveries to all other clients wait for it. Do not wait inside it for a thread that may be inside
+//   an operation.
+// - It runs on a thread of its own choosing: a system worker, or the thread of whoever subscribed, changed the power
+//   state or sent the I/O control.
+// - Once Notifier_HelperClientDeinit has returned, none of the client's callbacks runs or will run. The descriptor
+//   callbacks alone are the crash-dump driver's to call until it is told that the client has gone.
+//
+// Never. Each of these has a scenario that shows what comes of it (docs/troubleshooting.md):
+//   [call-inside-state]       call an operation that takes the clients lock from a ZEP_STATE_NOTIFICATION_CALLBACK
+//   [call-inside-command]     ... from a ZEP_COMMAND_CALLBACK
+//   [call-inside-apps-state]  ... from a ZEP_APPS_STATE_CALLBACK
+//   [call-inside-add]         ... from a ZEP_CLIENT_ADD
+//   [call-inside-remove]      ... from a ZEP_CLIENT_REMOVE
+//   [command-to-oneself]      send a command to oneself
+//   [leave-before-command]    leave while a command from or to oneself is undelivered
+//   [raised-irql]             call an operation above PASSIVE_LEVEL; the dump calls alone may be made there
 //
 // Define INITGUID (include <initguid.h> first) in one source file to hold the GUIDs.
 
@@ -41,7 +60,12 @@ DEFINE_GUID(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, 0x0B28C6F2, 0xF696, 0x4580, 0xAC, 
 
 #define ZEP_NOTIFIER_INTERFACE_VERSION 1
 
-// The one I/O control of \Device\ZEPN: tell every client of an application-state change. No buffers.
+// The one I/O control of \Device\ZEPN (\\.\ZEPN in user mode): tell every client of an application-state change. It
+// returns when all have been told and their answers are queued. No buffers, no bytes returned.
+//
+// STATUS_SUCCESS        told
+// STATUS_UNSUCCESSFUL   the Notifier is not up, or the framework failed, perhaps after some were told
+// STATUS_NOT_SUPPORTED  any other control code
 #define IOCTL_ZEPN_NOTIFY_APPS_STATE CTL_CODE(0x0100u, 0x851u, METHOD_BUFFERED, FILE_ANY_ACCESS)
 
 // ---- The Notifier's own statuses: severity error, customer bit set, facility 0x00A ----
@@ -58,7 +82,8 @@ DEFINE_GUID(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, 0x0B28C6F2, 0xF696, 0x4580, 0xAC, 
 // In a subscription: every state of the watched client. In a posted record it is a state like any other.
 #define ZEP_STATE_ANY 10u
 
-// A client's state, 32 bytes. The meaning of state values belongs to the client; 0 means none posted yet.
+// A client's state, 32 bytes. The meaning of state values belongs to the client; 0 means none posted yet. The sender
+// fills all but Reserved; in deliveries the Notifier fills it.
 typedef struct _ZepState {
     ULONGLONG Size;      // filled by the sender, never checked; 32 in records that the Notifier builds, but 0 in the
                          // follow-up record of a subscriber that answered a delivery with a new state
@@ -71,11 +96,14 @@ typedef struct _ZepState {
 //
 // Called from a work item (later states) or from inside Notifier_HelperRegisterForStateNotification (the state that the
 // watched client is in already). The clients lock is held: call no operation that takes it, and so post no state here.
+// Every post is delivered once to each matching subscription of every other client, also when the state has not
+// changed; a client is never told of its own states. All posts are delivered in the order in which they were made.
 //
 // CallbackContext: the subscriber's own, as given to Notifier_HelperInit.
 // State:           the watched client and its state; valid during the call, read only.
-// ResponseState:   in/out. On a delivery it enters as 0; leave it, or set the subscriber's new state. From inside the
-//                  registration it enters as the subscriber's current state; any other value left in it is posted.
+// ResponseState:   in/out. On a delivery it enters as 0; leave it, or set the subscriber's new state, which is queued
+//                  behind all others (0 cannot be answered). From inside the registration it enters as the subscriber's
+//                  current state; any other value left in it is posted.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_STATE_NOTIFICATION_CALLBACK)(PVOID CallbackContext, const ZepState* State,
                                                         PULONG ResponseState);
@@ -115,8 +143,10 @@ typedef ZEP_COMMAND_CALLBACK* PZEP_COMMAND_CALLBACK;
 // The only reason ever passed.
 #define ZEP_APPS_STATE_REASON_CHANGED 2u
 
-// Tells a client that the system leaves its working state, or that user mode asked for it. On the power callback's or
-// the I/O control's thread, with the clients lock held: call no operation that takes it.
+// Tells a client that the system leaves its working state, or that user mode asked for it; the return to the working
+// state is not told. On the power callback's or the I/O control's thread, with the clients lock held: call no operation
+// that takes it. The system waits: be quick. After all were told the power transition is held for the configured time
+// (SubsystemNotificationTimeout, milliseconds), so that the answers reach their subscribers.
 //
 // CallbackContext: the client's own.
 // Reason:          ZEP_APPS_STATE_REASON_CHANGED.
@@ -177,11 +207,12 @@ typedef ZEP_NOTIFIER_HELPER_INIT* PZEP_NOTIFIER_HELPER_INIT;
 
 // Removes a client, with its own subscriptions. Takes the clients lock. Subscriptions of others to it stay and match
 // again when it registers anew. The crash-dump driver is told on a work item if it knew the client. A client that
-// leaves while commands from or to it are undelivered stops command delivery: let the work drain first.
+// leaves while commands from or to it are undelivered stops command delivery: let the work drain first. States that it
+// posted are still delivered.
 //
 // InterfaceGUID: the client. Required.
 //
-// STATUS_SUCCESS            gone
+// STATUS_SUCCESS            gone: none of its callbacks runs any more
 // STATUS_INVALID_PARAMETER  InterfaceGUID is NULL
 // STATUS_NOT_FOUND          no such client
 // STATUS_IO_DEVICE_ERROR    the Notifier is not up, or an inner object was missing
@@ -212,6 +243,8 @@ typedef ZEP_NOTIFIER_HELPER_SEND_STATE* PZEP_NOTIFIER_HELPER_SEND_STATE;
 //
 // Command: sender, target, id and argument. Required; Size is not read.
 //
+// There is no answer but the target's state: subscribe to it to learn what came of the command.
+//
 // STATUS_SUCCESS                 accepted. Also when it could not be queued: such a loss is only reported
 // STATUS_INVALID_PARAMETER       Command is NULL
 // STATUS_INVALID_DEVICE_REQUEST  sender or target unknown, or the target has no CommandCallback
@@ -241,7 +274,7 @@ typedef NTSTATUS(NTAPI ZEP_NOTIFIER_HELPER_REGISTER)(_In_ const GUID* InterfaceG
 typedef ZEP_NOTIFIER_HELPER_REGISTER* PZEP_NOTIFIER_HELPER_REGISTER;
 
 // Ends the subscriber's oldest subscription to exactly this client and state (ZEP_STATE_ANY matches only itself here).
-// Takes the clients lock; calls nobody back.
+// Takes the clients lock; calls nobody back. Once it has returned the callback runs no more for this subscription.
 //
 // InterfaceGUID: the subscriber. Required.
 // State:         as given when subscribing. Required.
@@ -359,7 +392,9 @@ _IRQL_requires_max_(PASSIVE_LEVEL)
 typedef NTSTATUS(NTAPI ZEP_NOTIFIER_WPCD_CLIENT_INIT)(_In_ const WpcdClientRegistration* Registration);
 typedef ZEP_NOTIFIER_WPCD_CLIENT_INIT* PZEP_NOTIFIER_WPCD_CLIENT_INIT;
 
-// Detaches the crash-dump driver. Takes the clients lock. No removals are told, and clients stay marked as announced.
+// Detaches the crash-dump driver. Takes the clients lock. No removals are told, and clients stay marked as announced: a
+// driver that attaches anew learns them by Notifier_WpcdGetAllSubsystemDescriptors. Once it has returned, no
+// announcement runs any more; a dump call may still be under way.
 //
 // STATUS_SUCCESS                detached
 // STATUS_OBJECT_NAME_NOT_FOUND  none was attached

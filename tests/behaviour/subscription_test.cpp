@@ -189,6 +189,18 @@ TEST_P(Subscription, FailuresReportReturnAndLeaveNoSubscription)
         {"add, success class",
          [](World& w) { w.Fail("WdfCollectionAdd", STATUS_PENDING); }, STATUS_PENDING,
          {"1 " + kRegister + "WdfCollectionAdd for wdfCollectionStateRegistrations, 0x00000103"}},
+        {"inner look-up without driver",
+         [](World& w) {
+             w.machine.environment().observer = [&w, isFirst = true](const host::ObservedCall& call) mutable {
+                 if (isFirst && call.function == std::string("WdfWaitLockAcquire")) {
+                     isFirst = false;
+                     w.HideDriver();
+                 }
+             };
+         },
+         STATUS_ZEP_NOTIFIER_NO_DRIVER,
+         {"13 _getClientContextByGUID_unsafe: WdfGetDriver returned NULL?! Returning NULL",
+          "12 " + kRegister + "Unable to find client with , " + kGuid1 + ", 0xE00A8101"}},
         {"inner look-up without driver context",
          [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName, 1); },
          STATUS_ZEP_NOTIFIER_NO_DRIVER,

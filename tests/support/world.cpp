@@ -2,6 +2,8 @@
 
 #include "tests/support/world.h"
 
+#include "tests/support/reports_seen.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <set>
@@ -124,6 +126,9 @@ World::~World()
         ADD_FAILURE() << violation.Text();
     }
     CheckReports();
+    if (options_.records) {
+        NoteReportsSeen(machine.tracing(), manifest_);
+    }
 }
 
 NTSTATUS World::Register(Peer& peer, ULONG entryCount, const ZepDataEntry* entries)

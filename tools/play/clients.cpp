@@ -19,29 +19,70 @@ std::string Hex(std::uint64_t value)
     return text;
 }
 
-NTSTATUS Answer(const char* callback, const std::string& what, const std::string& who = "notifier")
+// A callback as a stretch of its own.
+class Told {
+public:
+    Told(Timeline& timeline, std::string who, const char* callback, const std::string& causedBy)
+        : timeline_(timeline), who_(std::move(who))
+    {
+        timeline_.Begin({Stretch::Kind::kCallback, who_, callback, causedBy});
+    }
+    ~Told() { timeline_.End(who_); }
+    Told(const Told&) = delete;
+    Told& operator=(const Told&) = delete;
+
+private:
+    Timeline& timeline_;
+    const std::string who_;
+};
+
+void CrashDumpCallsFromInside(const std::string& callback)
 {
+    for (const InsideCall& inside : g_peers->scenario.crashDump.inside) {
+        if (inside.callback != callback) {
+            continue;
+        }
+        g_peers->timeline.Add(
+            {EntryKind::kCall, kCrashDump, "notifier", "calls from inside its callback: " + inside.call, "", true});
+        ULONG count = 1;
+        ZEP_SUBSYSTEM_DESCRIPTOR descriptor;
+        if (inside.call == "detach") {
+            (void)g_peers->wpcd->Notifier_WpcdClientDeInit();
+        } else if (inside.call == "count") {
+            (void)g_peers->wpcd->Notifier_WpcdGetNumSubsystemDescriptors(&count);
+        } else {
+            (void)g_peers->wpcd->Notifier_WpcdGetAllSubsystemDescriptors(&descriptor, &count);
+        }
+    }
+}
+
+NTSTATUS Answer(const char* callback, const std::string& what, const std::string& causedBy)
+{
+    const Told told(g_peers->timeline, kCrashDump, callback, causedBy);
     const auto& answers = g_peers->scenario.crashDump.answers;
     const auto found = answers.find(callback);
     const NTSTATUS status = found == answers.end() ? STATUS_SUCCESS : found->second;
-    g_peers->timeline.Add({EntryKind::kCallback, who, kCrashDump, what,
+    g_peers->timeline.Add({EntryKind::kCallback, "notifier", kCrashDump, what,
                            status == STATUS_SUCCESS ? "" : "answers " + StatusText(status), true});
+    CrashDumpCallsFromInside(callback);
     return status;
 }
 
 NTSTATUS NTAPI OnClientAdd(const ZEP_SUBSYSTEM_DESCRIPTOR* descriptor)
 {
     ++g_peers->counts.announced;
-    return Answer("add", "announces " + g_peers->NameOf(descriptor->InterfaceGUID) + ", \"" +
-                             descriptor->SubsystemName + "\", " + std::to_string(descriptor->DataEntryCount) +
-                             " data entries");
+    const std::string client = g_peers->NameOf(descriptor->InterfaceGUID);
+    return Answer("add",
+                  "announces " + client + ", \"" + descriptor->SubsystemName + "\", " +
+                      std::to_string(descriptor->DataEntryCount) + " data entries",
+                  "client " + client);
 }
 
 NTSTATUS NTAPI OnClientRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client)
 {
     GUID guid;
     std::memcpy(&guid, client, sizeof(guid));
-    return Answer("remove", "withdraws " + g_peers->NameOf(guid));
+    return Answer("remove", "withdraws " + g_peers->NameOf(guid), "end " + g_peers->NameOf(guid));
 }
 
 std::string DumpText(PVOID handle)
@@ -54,32 +95,35 @@ std::string DumpText(PVOID handle)
 NTSTATUS NTAPI OnDumpStart(PVOID handle, ULONGLONG first, ULONGLONG second)
 {
     ++g_peers->counts.dumpCalls;
-    return Answer("start", DumpText(handle) + " starts (" + Hex(first) + ", " + Hex(second) + ")");
+    return Answer("start", DumpText(handle) + " starts (" + Hex(first) + ", " + Hex(second) + ")", "dump");
 }
 
 NTSTATUS NTAPI OnDumpAddData(PVOID handle, PVOID, ULONGLONG address, ULONG size, ULONG flags)
 {
     ++g_peers->counts.dumpCalls;
-    return Answer("addData", DumpText(handle) + ": " + std::to_string(size) + " bytes at " + Hex(address) + ", flags " +
-                                 std::to_string(flags));
+    return Answer("addData",
+                  DumpText(handle) + ": " + std::to_string(size) + " bytes at " + Hex(address) + ", flags " +
+                      std::to_string(flags),
+                  "dump");
 }
 
 NTSTATUS NTAPI OnDumpStop(PVOID handle, ULONGLONG result)
 {
     ++g_peers->counts.dumpCalls;
-    return Answer("stop", DumpText(handle) + " stops (" + Hex(result) + ")");
+    return Answer("stop", DumpText(handle) + " stops (" + Hex(result) + ")", "dump");
 }
 
 NTSTATUS NTAPI OnDumpQuery(PVOID handle, ULONG parameter, ULONGLONG, ULONGLONG)
 {
     ++g_peers->counts.dumpCalls;
-    return Answer("query", DumpText(handle) + ": parameter " + std::to_string(parameter) + " is asked for");
+    return Answer("query", DumpText(handle) + ": parameter " + std::to_string(parameter) + " is asked for", "dump");
 }
 
 NTSTATUS NTAPI OnDumpTriage(PVOID handle, ULONGLONG address, ULONG size)
 {
     ++g_peers->counts.dumpCalls;
-    return Answer("triage", DumpText(handle) + ": triage data, " + std::to_string(size) + " bytes at " + Hex(address));
+    return Answer("triage", DumpText(handle) + ": triage data, " + std::to_string(size) + " bytes at " + Hex(address),
+                  "dump");
 }
 
 }  // namespace
@@ -92,11 +136,45 @@ Client::Client(Peers& peers, const ClientModel& model)
     callbacks_.AppsStateNotificationCallback = model.hearsAppsState ? &OnAppsState : nullptr;
 }
 
+void Client::CallFromInside(const char* callback)
+{
+    const ZEP_NOTIFIER_HELPER_INTERFACE& helper = *peers_.helper;
+    const GUID& guid = model_.guid;
+    const ZepState record{.Size = sizeof(ZepState), .InterfaceGUID = guid, .State = 1, .Reserved = 0};
+    for (const InsideCall& inside : model_.inside) {
+        if (inside.callback != callback) {
+            continue;
+        }
+        peers_.timeline.Add(
+            {EntryKind::kCall, model_.key, "notifier", "calls from inside its callback: " + inside.call, "", true});
+        if (inside.call == "register") {
+            (void)helper.Notifier_HelperInit(&guid, "", "", &callbacks_, nullptr, 0, this);
+        } else if (inside.call == "leave") {
+            (void)helper.Notifier_HelperClientDeinit(&guid);
+        } else if (inside.call == "post") {
+            (void)helper.Notifier_HelperSendState(&record);
+        } else if (inside.call == "command") {
+            const ZepCommand command{.Size = sizeof(ZepCommand),
+                                     .CommandArgument = 0,
+                                     .SourceGuid = guid,
+                                     .TargetGuid = guid,
+                                     .CommandId = 1};
+            (void)helper.Notifier_HelperSendCommand(&command);
+        } else if (inside.call == "subscribe") {
+            (void)helper.Notifier_HelperRegisterForStateNotification(&guid, &record, &OnState);
+        } else {
+            (void)helper.Notifier_HelperDeregisterForStateNotification(&guid, &record);
+        }
+    }
+}
+
 NTSTATUS Client::OnState(PVOID context, const ZepState* state, PULONG response)
 {
     auto& self = *static_cast<Client*>(context);
     Peers& peers = self.peers_;
     const std::string from = peers.NameOf(state->InterfaceGUID);
+    const Told told(peers.timeline, self.model_.key, "state callback",
+                    "state " + from + " " + std::to_string(state->State));
     ++peers.counts.delivered;
     peers.timeline.Add({EntryKind::kCallback, from, self.model_.key,
                         "is told that " + from + " is in state " + peers.scenario.StateName(state->State) +
@@ -110,10 +188,12 @@ NTSTATUS Client::OnState(PVOID context, const ZepState* state, PULONG response)
         self.spent_[index] = rule.once;
         ++peers.counts.answered;
         *response = rule.answer;
+        peers.timeline.Cause(self.model_.key, "state " + self.model_.key + " " + std::to_string(rule.answer));
         peers.timeline.Add({EntryKind::kAnswer, "notifier", self.model_.key,
                             "answers: its own state is now " + peers.scenario.StateName(rule.answer), "", true});
         break;
     }
+    self.CallFromInside("state");
     return STATUS_SUCCESS;
 }
 
@@ -122,6 +202,8 @@ NTSTATUS Client::OnCommand(PVOID context, ULONG id, const ZepCommandInfo* info, 
     auto& self = *static_cast<Client*>(context);
     Peers& peers = self.peers_;
     const std::string from = peers.NameOf(info->SourceGuid);
+    const Told told(peers.timeline, self.model_.key, "command callback",
+                    "command " + from + " " + self.model_.key + " " + std::to_string(id));
     ++peers.counts.commands;
     peers.timeline.Add({EntryKind::kCallback, from, self.model_.key,
                         "gets command " + std::to_string(id) + " with argument " +
@@ -131,11 +213,13 @@ NTSTATUS Client::OnCommand(PVOID context, ULONG id, const ZepCommandInfo* info, 
     for (const CommandRule& rule : self.model_.commands) {
         if (rule.id == id) {
             *state = rule.answer;
+            peers.timeline.Cause(self.model_.key, "state " + self.model_.key + " " + std::to_string(rule.answer));
             ++peers.counts.answered;
             peers.timeline.Add({EntryKind::kAnswer, "notifier", self.model_.key,
                                 "answers: its own state is now " + peers.scenario.StateName(rule.answer), "", true});
         }
     }
+    self.CallFromInside("command");
     return STATUS_SUCCESS;
 }
 
@@ -143,14 +227,17 @@ NTSTATUS Client::OnAppsState(PVOID context, ULONG, PULONG state)
 {
     auto& self = *static_cast<Client*>(context);
     Peers& peers = self.peers_;
+    const Told told(peers.timeline, self.model_.key, "application-state callback", "");
     peers.timeline.Add(
         {EntryKind::kCallback, "notifier", self.model_.key, "is told that the system is about to sleep", "", true});
     if (self.model_.appsState) {
         *state = *self.model_.appsState;
+        peers.timeline.Cause(self.model_.key, "state " + self.model_.key + " " + std::to_string(*state));
         ++peers.counts.answered;
         peers.timeline.Add({EntryKind::kAnswer, "notifier", self.model_.key,
                             "answers: its own state is now " + peers.scenario.StateName(*state), "", true});
     }
+    self.CallFromInside("appsState");
     return STATUS_SUCCESS;
 }
 

@@ -40,6 +40,8 @@ public:
     static NTSTATUS NTAPI OnAppsState(PVOID context, ULONG reason, PULONG state);
 
 private:
+    void CallFromInside(const char* callback);
+
     Peers& peers_;
     const ClientModel& model_;
     ActionCallbackTable callbacks_{};
@@ -58,6 +60,10 @@ public:
     [[nodiscard]] Client& Find(const std::string& key);
     [[nodiscard]] std::string NameOf(const GUID& guid) const;
     [[nodiscard]] const WpcdClientRegistration& crashDumpRegistration() const { return crashDump_; }
+
+    // The tables that the driver gave out; the peers use them only to do what they must not.
+    const ZEP_NOTIFIER_HELPER_INTERFACE* helper = nullptr;
+    const ZEP_NOTIFIER_WPCD_INTERFACE* wpcd = nullptr;
 
     // A registration is delivering now: the callback's response then enters as the subscriber's own state.
     bool registering = false;

@@ -2,11 +2,14 @@
 //
 // Ends with 0 when all went as the scenario expects, 1 when not, 2 for a wrong scenario or a wrong call.
 #include "host/environment.h"
+#include "tools/play/diagram.h"
+#include "tools/play/perfetto.h"
 #include "tools/play/player.h"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <fstream>
 #include <iostream>
 #include <map>
 
@@ -26,6 +29,20 @@ std::filesystem::path ImagePath(const std::string& choice, const std::filesystem
     return choice;
 }
 
+template <class Picture>
+void WriteFile(const std::string& file, const Picture& picture)
+{
+    if (file.empty()) {
+        return;
+    }
+    std::ofstream out(file, std::ios::binary);
+    picture.Write(out);
+    out.close();
+    if (!out) {
+        throw std::runtime_error(file + ": cannot be written");
+    }
+}
+
 }  // namespace
 
 int main(int argumentCount, char** arguments)
@@ -41,6 +58,9 @@ int main(int argumentCount, char** arguments)
     bool traceMessages = false;
     bool json = false;
     std::string color = "auto";
+    std::string diagramFile;
+    std::string diagramPart;
+    std::string perfettoFile;
 
     CLI::App app{"Plays a scenario on the driver image and prints what happens."};
     app.add_option("scenario", scenarioFile, "scenario file (default: scenarios/boot.json)");
@@ -48,6 +68,11 @@ int main(int argumentCount, char** arguments)
     app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
     app.add_flag("--trace", traceMessages, "show trace messages");
     app.add_flag("--json", json, "one JSON object a line");
+    CLI::Option* diagramOption =
+        app.add_option("--diagram", diagramFile, "write the run as a Mermaid sequence diagram");
+    app.add_option("--diagram-part", diagramPart, "of it, only what stands below the notes with this text")
+        ->needs(diagramOption);
+    app.add_option("--perfetto", perfettoFile, "write the run as trace events for Perfetto and Chrome's viewer");
     app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
     try {
         app.parse(argumentCount, arguments);
@@ -68,7 +93,21 @@ int main(int argumentCount, char** arguments)
         const bool colored = color == "always" || (color == "auto" && isatty(STDOUT_FILENO) == 1);
         play::Timeline timeline(std::cout, json ? play::Timeline::Form::kJson : play::Timeline::Form::kText, colored);
         timeline.Add({play::EntryKind::kHeading, "", "", scenario.title, "", true});
-        return play::Play(scenario, options, timeline) ? 0 : kNotAsExpected;
+        play::Diagram diagram(scenario.title, diagramPart);
+        play::Perfetto perfetto(scenario.title);
+        if (!diagramFile.empty()) {
+            timeline.AddObserver(diagram);
+        }
+        if (!perfettoFile.empty()) {
+            timeline.AddObserver(perfetto);
+        }
+        const bool good = play::Play(scenario, options, timeline);
+        if (!diagramPart.empty() && !diagram.HasPart()) {
+            throw std::runtime_error("no note of the scenario contains \"" + diagramPart + "\"");
+        }
+        WriteFile(diagramFile, diagram);
+        WriteFile(perfettoFile, perfetto);
+        return good ? 0 : kNotAsExpected;
     } catch (const play::ScenarioError& error) {
         std::cerr << error.what() << "\n";
         return kBadInput;

@@ -7,7 +7,9 @@
 #include "tools/play/clients.h"
 #include "tools/play/statuses.h"
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace play {
@@ -16,6 +18,7 @@ namespace {
 constexpr const char* kNotifier = "notifier";
 constexpr const char* kSystem = "system";
 constexpr const char* kCrashDump = "crash dump";
+constexpr const char* kApplication = "application";
 constexpr const char* kService = "zepn";
 
 // Shows records as sessions take them, decoded by the files that ship.
@@ -78,8 +81,10 @@ public:
             if (step.action != Action::kNote) {
                 timeline_.BeginStep(++number);
             }
+            Arm(step);
             Do(step);
             ShowTrouble();
+            Disarm(step);
         }
         End();
         return good_;
@@ -107,6 +112,8 @@ private:
                        NT_SUCCESS(started)});
         Query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper_);
         Query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd_);
+        peers_.helper = &helper_;
+        peers_.wpcd = &wpcd_;
     }
 
     template <class Table>
@@ -119,11 +126,76 @@ private:
         }
     }
 
-    // Shows a call behind its callbacks: what it did is told in the order in which it happened.
-    void Show(const Step& step, const std::string& who, const std::string& what, NTSTATUS status)
+    // ---- What a step does wrong on purpose ----
+
+    void Arm(const Step& step)
     {
-        const bool good = step.expect ? status == *step.expect : NT_SUCCESS(status);
-        timeline_.Add({EntryKind::kCall, who, kNotifier, what, StatusText(status), good});
+        expectedTrouble_ = step.trouble;
+        troubleCame_ = false;
+        if (step.fail) {
+            machine_.faults().Add(
+                {.function = step.fail->call,
+                 .detail = step.fail->detail,
+                 .form = step.fail->status ? host::checks::FaultForm::kStatus : host::checks::FaultForm::kNull,
+                 .status = step.fail->status.value_or(STATUS_SUCCESS)});
+        }
+    }
+
+    void Disarm(const Step& step)
+    {
+        if (step.fail && machine_.faults().StruckCount() == 0) {
+            Trouble("the step never calls " + step.fail->call + ", which was to fail");
+        }
+        machine_.faults().Clear();
+        if (expectedTrouble_ && !troubleCame_) {
+            const std::string expected = *expectedTrouble_;
+            expectedTrouble_.reset();
+            Trouble("expected trouble that did not come: " + expected);
+        }
+        expectedTrouble_.reset();
+    }
+
+    // True when the step is there to show just this.
+    bool Trouble(const std::string& text)
+    {
+        const bool expected = expectedTrouble_ && text.find(*expectedTrouble_) != std::string::npos;
+        timeline_.Add({EntryKind::kTrouble, "", "", text, "", expected});
+        troubleCame_ = troubleCame_ || expected;
+        good_ = good_ && expected;
+        return expected;
+    }
+
+    // Makes a call on a thread of the caller's, as a stretch of its own. Empty when it never returns.
+    std::optional<NTSTATUS> Call(const Step& step, const std::string& who, const char* operation,
+                                 const std::vector<std::string>& causes, const std::function<NTSTATUS()>& call)
+    {
+        timeline_.Begin({Stretch::Kind::kCall, who, operation, ""});
+        for (const std::string& cause : causes) {
+            timeline_.Cause(who, cause);
+        }
+        NTSTATUS status = STATUS_SUCCESS;
+        const host::Outcome outcome = machine_.OnThread(who, [&] {
+            std::optional<host::ScopedIrql> raised;
+            if (step.raised) {
+                raised.emplace(DISPATCH_LEVEL);
+            }
+            status = call();
+        });
+        if (outcome.parked) {
+            ShowParked(outcome);
+            return std::nullopt;
+        }
+        timeline_.End(who, StatusText(status));
+        return status;
+    }
+
+    // Shows a call behind its callbacks: what it did is told in the order in which it happened.
+    void Show(const Step& step, const std::string& who, const std::string& what, std::optional<NTSTATUS> status)
+    {
+        // Of a step that must end in trouble the status is judged only when it names one.
+        const bool good = status && step.expect ? *status == *step.expect
+                                                : step.trouble.has_value() || (status && NT_SUCCESS(*status));
+        timeline_.Add({EntryKind::kCall, who, kNotifier, what, status ? StatusText(*status) : "never returns", good});
         good_ = good_ && good;
     }
 
@@ -154,11 +226,24 @@ private:
             DoDump(step, peers_.Find(step.client));
             return;
         case Action::kAttach:
-            Show(step, kCrashDump, "attaches", wpcd_.Notifier_WpcdClientInit(&peers_.crashDumpRegistration()));
+            Show(step, kCrashDump, "attaches", Call(step, kCrashDump, "Notifier_WpcdClientInit", {}, [&] {
+                     return wpcd_.Notifier_WpcdClientInit(step.null.empty() ? &peers_.crashDumpRegistration()
+                                                                            : nullptr);
+                 }));
             return;
         case Action::kDetach:
-            Show(step, kCrashDump, "detaches", wpcd_.Notifier_WpcdClientDeInit());
+            Show(step, kCrashDump, "detaches", Call(step, kCrashDump, "Notifier_WpcdClientDeInit", {}, [&] {
+                     return wpcd_.Notifier_WpcdClientDeInit();
+                 }));
             return;
+        case Action::kCount: {
+            ULONG count = 0;
+            const auto status = Call(step, kCrashDump, "Notifier_WpcdGetNumSubsystemDescriptors", {}, [&] {
+                return wpcd_.Notifier_WpcdGetNumSubsystemDescriptors(step.null.empty() ? &count : nullptr);
+            });
+            Show(step, kCrashDump, "counts the clients: " + std::to_string(count), status);
+            return;
+        }
         case Action::kDescribe:
             DoDescribe(step);
             return;
@@ -171,11 +256,19 @@ private:
     {
         const ClientModel& model = client.model();
         const std::string stateName = step.state ? scenario_.StateName(*step.state) : "any";
+        const GUID* guid = step.null == "guid" ? nullptr : &model.guid;
+        const auto call = [&](const char* operation, const std::vector<std::string>& causes,
+                              const std::function<NTSTATUS()>& made) {
+            return Call(step, model.key, operation, causes, made);
+        };
         if (step.action == Action::kRegister) {
-            const NTSTATUS status = helper_.Notifier_HelperInit(
-                &model.guid, model.name.c_str(), model.description.c_str(), &client.callbacks(),
-                client.entries().empty() ? nullptr : client.entries().data(), model.entryCount, &client);
-            peers_.counts.registered += NT_SUCCESS(status) ? 1 : 0;
+            const auto status = call("Notifier_HelperInit", {}, [&] {
+                return helper_.Notifier_HelperInit(guid, model.name.c_str(), model.description.c_str(),
+                                                   step.null == "callbacks" ? nullptr : &client.callbacks(),
+                                                   client.entries().empty() ? nullptr : client.entries().data(),
+                                                   model.entryCount, &client);
+            });
+            peers_.counts.registered += status && NT_SUCCESS(*status) ? 1 : 0;
             Show(step, model.key, "registers as \"" + model.name + "\"", status);
         } else if (step.action == Action::kSubscribe) {
             const ZepState filter = StateOf(step.to, step.state.value_or(ZEP_STATE_ANY));
@@ -184,21 +277,32 @@ private:
                                (step.state ? "" : " state"),
                            "", true});
             peers_.registering = true;
-            const NTSTATUS status =
-                helper_.Notifier_HelperRegisterForStateNotification(&model.guid, &filter, &Client::OnState);
+            const auto status = call("Notifier_HelperRegisterForStateNotification", {}, [&] {
+                return helper_.Notifier_HelperRegisterForStateNotification(
+                    guid, step.null == "record" ? nullptr : &filter,
+                    step.null == "callback" ? nullptr : &Client::OnState);
+            });
             peers_.registering = false;
             Show(step, model.key, "   is subscribed", status);
         } else if (step.action == Action::kUnsubscribe) {
             const ZepState filter = StateOf(step.to, step.state.value_or(ZEP_STATE_ANY));
             Show(step, model.key, "ends its subscription to " + step.to + " (" + stateName + ")",
-                 helper_.Notifier_HelperDeregisterForStateNotification(&model.guid, &filter));
+                 call("Notifier_HelperDeregisterForStateNotification", {}, [&] {
+                     return helper_.Notifier_HelperDeregisterForStateNotification(
+                         guid, step.null == "record" ? nullptr : &filter);
+                 }));
         } else if (step.action == Action::kPost) {
             const ZepState state = StateOf(step.client, step.state.value_or(0));
-            const NTSTATUS status = helper_.Notifier_HelperSendState(&state);
-            peers_.counts.posted += NT_SUCCESS(status) ? 1 : 0;
+            const auto status =
+                call("Notifier_HelperSendState",
+                     {"state " + model.key + " " + std::to_string(state.State), "client " + model.key},
+                     [&] { return helper_.Notifier_HelperSendState(step.null.empty() ? &state : nullptr); });
+            peers_.counts.posted += status && NT_SUCCESS(*status) ? 1 : 0;
             Show(step, model.key, "posts its state: " + stateName, status);
         } else if (step.action == Action::kLeave) {
-            Show(step, model.key, "leaves", helper_.Notifier_HelperClientDeinit(&model.guid));
+            Show(step, model.key, "leaves", call("Notifier_HelperClientDeinit", {"end " + model.key}, [&] {
+                     return helper_.Notifier_HelperClientDeinit(guid);
+                 }));
         } else {
             const ZepCommand command{.Size = sizeof(ZepCommand),
                                      .CommandArgument = step.argument,
@@ -206,43 +310,53 @@ private:
                                      .TargetGuid = scenario_.Find(step.to)->guid,
                                      .CommandId = step.id};
             Show(step, model.key, "sends command " + std::to_string(step.id) + " to " + step.to,
-                 helper_.Notifier_HelperSendCommand(&command));
+                 call("Notifier_HelperSendCommand",
+                      {"command " + model.key + " " + step.to + " " + std::to_string(step.id)},
+                      [&] { return helper_.Notifier_HelperSendCommand(step.null.empty() ? &command : nullptr); }));
         }
     }
 
     void DoDump(const Step& step, Client& client)
     {
         const std::string& who = client.model().key;
-        PVOID record = client.dumpRecord();
+        PVOID record = step.null.empty() ? client.dumpRecord() : nullptr;
         std::uint32_t data = 0xDA7A;
+        const auto call = [&](const std::string& what, const char* operation, const std::function<NTSTATUS()>& made) {
+            Show(step, who, what, Call(step, who, operation, {"dump"}, made));
+        };
         if (step.action == Action::kStartDump) {
-            Show(step, who, "starts a dump", helper_.Notifier_HelperStartDump(record, 0x1000, 0x2000));
+            call("starts a dump", "Notifier_HelperStartDump",
+                 [&] { return helper_.Notifier_HelperStartDump(record, 0x1000, 0x2000); });
         } else if (step.action == Action::kAddDumpData) {
-            Show(step, who, "adds data to its dump",
-                 helper_.Notifier_HelperAddDumpData(record, &data, 0x80000000, 4096, 1));
+            call("adds data to its dump", "Notifier_HelperAddDumpData",
+                 [&] { return helper_.Notifier_HelperAddDumpData(record, &data, 0x80000000, 4096, 1); });
         } else if (step.action == Action::kQueryDump) {
-            Show(step, who, "asks for a parameter of its dump", helper_.Notifier_HelperDumpQueryParam(record, 7, 0, 0));
+            call("asks for a parameter of its dump", "Notifier_HelperDumpQueryParam",
+                 [&] { return helper_.Notifier_HelperDumpQueryParam(record, 7, 0, 0); });
         } else if (step.action == Action::kAddTriageData) {
-            Show(step, who, "adds triage data", helper_.Notifier_HelperDumpAddTriageData(record, 0x90000000, 256));
+            call("adds triage data", "Notifier_HelperDumpAddTriageData",
+                 [&] { return helper_.Notifier_HelperDumpAddTriageData(record, 0x90000000, 256); });
         } else {
-            Show(step, who, "stops its dump", helper_.Notifier_HelperStopDump(record, 0));
+            call("stops its dump", "Notifier_HelperStopDump",
+                 [&] { return helper_.Notifier_HelperStopDump(record, 0); });
         }
     }
 
     void DoDescribe(const Step& step)
     {
-        ULONG count = 0;
-        NTSTATUS status = wpcd_.Notifier_WpcdGetNumSubsystemDescriptors(&count);
-        if (NT_SUCCESS(status)) {
-            ULONG capacity = step.hasCapacity ? step.capacity : count;
-            std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> descriptors(capacity + 1);
-            status = wpcd_.Notifier_WpcdGetAllSubsystemDescriptors(descriptors.data(), &capacity);
-            for (ULONG index = 0; NT_SUCCESS(status) && index < capacity; ++index) {
-                timeline_.Add({EntryKind::kCallback, kNotifier, kCrashDump,
-                               "describes " + peers_.NameOf(descriptors[index].InterfaceGUID) + ", \"" +
-                                   descriptors[index].SubsystemName + "\"",
-                               "", true});
-            }
+        // Room for all clients is made without asking the driver, whose answer would be a call of its own.
+        const std::size_t room = step.hasCapacity ? step.capacity : scenario_.clients.size();
+        ULONG count = static_cast<ULONG>(room);
+        std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> descriptors(room + 1);
+        const auto status = Call(step, kCrashDump, "Notifier_WpcdGetAllSubsystemDescriptors", {}, [&] {
+            return wpcd_.Notifier_WpcdGetAllSubsystemDescriptors(
+                step.null == "descriptors" ? nullptr : descriptors.data(), step.null == "count" ? nullptr : &count);
+        });
+        for (ULONG index = 0; status && NT_SUCCESS(*status) && index < count; ++index) {
+            timeline_.Add({EntryKind::kCallback, kNotifier, kCrashDump,
+                           "describes " + peers_.NameOf(descriptors[index].InterfaceGUID) + ", \"" +
+                               descriptors[index].SubsystemName + "\"",
+                           "", true});
         }
         Show(step, kCrashDump, "asks for the descriptors of all " + std::to_string(count) + " clients", status);
     }
@@ -254,17 +368,20 @@ private:
             Deliver();
             return;
         case Action::kOpen:
-            Show(step, "application", "opens the control device", driver_->Open(file_).status);
+            Show(step, kApplication, "opens the control device",
+                 Call(step, kApplication, "open", {}, [&] { return driver_->Open(file_).status; }));
             return;
         case Action::kControl: {
             const std::uint32_t code = step.id == 0 ? IOCTL_ZEPN_NOTIFY_APPS_STATE : step.id;
-            Show(step, "application", "sends an I/O control", driver_->DeviceControl(file_, code).status);
+            Show(step, kApplication, "sends an I/O control", Call(step, kApplication, "I/O control", {}, [&] {
+                     return driver_->DeviceControl(file_, code).status;
+                 }));
             return;
         }
         case Action::kClose:
             driver_->Close(file_);
             file_ = 0;
-            Show(step, "application", "closes the control device", STATUS_SUCCESS);
+            Show(step, kApplication, "closes the control device", STATUS_SUCCESS);
             return;
         case Action::kTimeout:
             machine_.SetRegistryValue(kService, "SubsystemNotificationTimeout", step.argument);
@@ -273,13 +390,16 @@ private:
             return;
         case Action::kSleep: {
             const std::size_t delaysBefore = machine_.Delays().size();
-            machine_.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
+            const auto status = Call(step, kSystem, "power-state callback", {}, [&] {
+                machine_.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
+                return STATUS_SUCCESS;
+            });
             std::int64_t waitedMs = 0;
             const std::vector<std::int64_t> delays = machine_.Delays();
             for (std::size_t index = delaysBefore; index < delays.size(); ++index) {
                 waitedMs += -delays[index] / 10000;
             }
-            Show(step, kSystem, "is about to sleep; held for " + std::to_string(waitedMs) + " ms", STATUS_SUCCESS);
+            Show(step, kSystem, "is about to sleep; held for " + std::to_string(waitedMs) + " ms", status);
             return;
         }
         case Action::kWake:
@@ -293,7 +413,9 @@ private:
             Show(step, kSystem, "asks to remove the device", driver_->QueryRemoveDevice());
             return;
         case Action::kSurpriseRemoval:
+            timeline_.Begin({Stretch::Kind::kCall, kSystem, "surprise removal", ""});
             driver_->SurpriseRemoveDevice();
+            timeline_.End(kSystem);
             Show(step, kSystem, "the device is pulled out", STATUS_SUCCESS);
             return;
         case Action::kRemove: {
@@ -316,34 +438,37 @@ private:
         const std::size_t queued = machine_.QueuedWorkItems();
         timeline_.Add({EntryKind::kCall, kSystem, kNotifier,
                        queued == 0 ? "nothing is queued" : "lets the queued work run", "", true});
-        const host::PumpResult result = machine_.RunWorkItems();
-        for (const host::Outcome& outcome : result.parked) {
-            ShowParked(outcome);
+        while (machine_.QueuedWorkItems() != 0) {
+            const std::string routine = machine_.NextWorkItem();
+            timeline_.Begin({Stretch::Kind::kWorkItem, routine, routine, ""});
+            const host::PumpResult result = machine_.RunOneWorkItem();
+            if (result.parked.empty()) {
+                timeline_.End(routine);
+            } else {
+                ShowParked(result.parked.front());
+            }
         }
     }
 
     void ShowParked(const host::Outcome& outcome)
     {
         if (outcome.parked) {
-            timeline_.Add(
-                {EntryKind::kTrouble, "", "", "a thread stands still for ever: it " + outcome.reason, "", false});
-            good_ = false;
+            stuck_ = true;
+            Trouble("a thread stands still for ever: it " + outcome.reason);
         }
     }
 
     void ShowTrouble()
     {
         for (const auto& violation : machine_.violations().Take()) {
-            timeline_.Add({EntryKind::kTrouble, "", "", violation.Text(), "", false});
-            ++violations_;
-            good_ = false;
+            violations_ += Trouble(violation.Text()) ? 0 : 1;
         }
     }
 
     // What the scenario left open is ended as the system would.
     void End()
     {
-        if (driver_->HasDevice()) {
+        if (driver_->HasDevice() && !stuck_) {
             if (file_ != 0) {
                 driver_->Close(file_);
             }
@@ -358,13 +483,14 @@ private:
         const auto count = [](const char* what, unsigned number) {
             return std::string(what) + " " + std::to_string(number) + ", ";
         };
-        timeline_.Close(
-            count("clients", counts.registered) + count("states posted", counts.posted) +
-                count("deliveries", counts.delivered) + count("answers", counts.answered) +
-                count("commands", counts.commands) + count("announcements", counts.announced) +
-                count("dump calls", counts.dumpCalls) +
-                (violations_ == 0 ? "no violation, nothing left behind" : "violations " + std::to_string(violations_)),
-            good_);
+        timeline_.Close(count("clients", counts.registered) + count("states posted", counts.posted) +
+                            count("deliveries", counts.delivered) + count("answers", counts.answered) +
+                            count("commands", counts.commands) + count("announcements", counts.announced) +
+                            count("dump calls", counts.dumpCalls) +
+                            (stuck_             ? "a thread stands still, so the driver stays"
+                             : violations_ == 0 ? "no violation, nothing left behind"
+                                                : "violations " + std::to_string(violations_)),
+                        good_);
     }
 
     const Scenario& scenario_;
@@ -377,6 +503,9 @@ private:
     ZEP_NOTIFIER_WPCD_INTERFACE wpcd_{};
     host::FileId file_ = 0;
     unsigned violations_ = 0;
+    bool stuck_ = false;  // a thread of the driver's never comes back
+    std::optional<std::string> expectedTrouble_;
+    bool troubleCame_ = false;
     bool good_ = true;
 };
 

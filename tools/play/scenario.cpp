@@ -26,21 +26,22 @@ const std::vector<ActionRow>& Actions()
 {
     static const std::vector<ActionRow> kRows = {
         {"note", Action::kNote, {"text"}, {}},
-        {"register", Action::kRegister, {"client"}, {"expect"}},
-        {"subscribe", Action::kSubscribe, {"client", "to", "state"}, {"expect"}},
-        {"unsubscribe", Action::kUnsubscribe, {"client", "to", "state"}, {"expect"}},
-        {"post", Action::kPost, {"client", "state"}, {"expect"}},
-        {"leave", Action::kLeave, {"client"}, {"expect"}},
+        {"register", Action::kRegister, {"client"}, {"expect", "null"}},
+        {"subscribe", Action::kSubscribe, {"client", "to", "state"}, {"expect", "null"}},
+        {"unsubscribe", Action::kUnsubscribe, {"client", "to", "state"}, {"expect", "null"}},
+        {"post", Action::kPost, {"client", "state"}, {"expect", "null"}},
+        {"leave", Action::kLeave, {"client"}, {"expect", "null"}},
         {"deliver", Action::kDeliver, {}, {}},
-        {"command", Action::kCommand, {"client", "to", "id"}, {"argument", "expect"}},
-        {"attach", Action::kAttach, {}, {"expect"}},
+        {"command", Action::kCommand, {"client", "to", "id"}, {"argument", "expect", "null"}},
+        {"attach", Action::kAttach, {}, {"expect", "null"}},
         {"detach", Action::kDetach, {}, {"expect"}},
-        {"describe", Action::kDescribe, {}, {"capacity", "expect"}},
-        {"startDump", Action::kStartDump, {"client"}, {"expect"}},
-        {"addDumpData", Action::kAddDumpData, {"client"}, {"expect"}},
-        {"queryDump", Action::kQueryDump, {"client"}, {"expect"}},
-        {"addTriageData", Action::kAddTriageData, {"client"}, {"expect"}},
-        {"stopDump", Action::kStopDump, {"client"}, {"expect"}},
+        {"count", Action::kCount, {}, {"expect", "null"}},
+        {"describe", Action::kDescribe, {}, {"capacity", "expect", "null"}},
+        {"startDump", Action::kStartDump, {"client"}, {"expect", "null"}},
+        {"addDumpData", Action::kAddDumpData, {"client"}, {"expect", "null"}},
+        {"queryDump", Action::kQueryDump, {"client"}, {"expect", "null"}},
+        {"addTriageData", Action::kAddTriageData, {"client"}, {"expect", "null"}},
+        {"stopDump", Action::kStopDump, {"client"}, {"expect", "null"}},
         {"open", Action::kOpen, {}, {"expect"}},
         {"control", Action::kControl, {}, {"id", "expect"}},
         {"close", Action::kClose, {}, {}},
@@ -261,7 +262,8 @@ private:
 
     void ReadClient(const JsonValue& value, const std::string& field, const Scenario& scenario, ClientModel& client)
     {
-        CheckFields(value, field, {"guid", "name"}, {"description", "entries", "answers", "commands", "appsState"});
+        CheckFields(value, field, {"guid", "name"},
+                    {"description", "entries", "answers", "commands", "appsState", "inside"});
         if (const JsonValue* guid = Member(value, "guid");
             guid != nullptr && IsA(*guid, Kind::kText, field + ".guid")) {
             if (const auto parsed = host::tracing::ParseGuid(guid->text)) {
@@ -275,6 +277,8 @@ private:
         ReadNumber(value, "entries", field + ".entries", client.entryCount);
         ReadAnswers(value, field, scenario, client);
         ReadCommands(value, field, scenario, client);
+        ReadInside(value, field, {"state", "command", "appsState"},
+                   {"register", "leave", "post", "command", "subscribe", "unsubscribe"}, client.inside);
         if (const JsonValue* apps = Member(value, "appsState")) {
             client.hearsAppsState = true;
             if (apps->kind != Kind::kText || apps->text != "heard") {
@@ -362,10 +366,12 @@ private:
         if (value == nullptr || !IsA(*value, Kind::kObject, "crashDump")) {
             return;
         }
-        CheckFields(*value, "crashDump", {}, {"add", "remove", "start", "addData", "stop", "query", "triage"});
+        CheckFields(*value, "crashDump", {},
+                    {"add", "remove", "start", "addData", "stop", "query", "triage", "inside"});
+        ReadInside(*value, "crashDump", {"add", "remove"}, {"detach", "count", "describe"}, scenario.crashDump.inside);
         for (const JsonValue::Member& member : value->members) {
             std::optional<NTSTATUS> status;
-            if (ReadStatus(member.value, "crashDump." + member.name, status)) {
+            if (member.name != "inside" && ReadStatus(member.value, "crashDump." + member.name, status)) {
                 scenario.crashDump.answers[member.name] = *status;
             }
         }
@@ -410,7 +416,11 @@ private:
     {
         std::vector<std::string> required = row.required;
         required.emplace_back("do");
-        CheckFields(value, field, required, row.optional);
+        std::vector<std::string> optional = row.optional;
+        if (row.action != Action::kNote) {
+            optional.insert(optional.end(), {"fail", "level", "trouble"});
+        }
+        CheckFields(value, field, required, optional);
         Step step;
         step.action = row.action;
         step.place = value.place;
@@ -428,7 +438,86 @@ private:
         if (const JsonValue* expect = Member(value, "expect")) {
             (void)ReadStatus(*expect, field + ".expect", step.expect);
         }
+        ReadMischief(value, field, step);
         scenario.steps.push_back(step);
+    }
+
+    // What a step does wrong on purpose, and what shall come of it.
+    void ReadMischief(const JsonValue& value, const std::string& field, Step& step)
+    {
+        ReadOneOf(value, "null", field, NullArguments(step.action), step.null);
+        std::string level;
+        ReadOneOf(value, "level", field, {"dispatch"}, level);
+        step.raised = !level.empty();
+        if (Member(value, "trouble") != nullptr) {
+            ReadText(value, "trouble", field + ".trouble", step.trouble.emplace());
+        }
+        const JsonValue* fail = Member(value, "fail");
+        if (fail == nullptr || !IsA(*fail, Kind::kObject, field + ".fail")) {
+            return;
+        }
+        CheckFields(*fail, field + ".fail", {"call"}, {"detail", "status"});
+        ReadText(*fail, "call", field + ".fail.call", step.fail.emplace().call);
+        ReadText(*fail, "detail", field + ".fail.detail", step.fail->detail);
+        if (const JsonValue* status = Member(*fail, "status")) {
+            (void)ReadStatus(*status, field + ".fail.status", step.fail->status);
+        }
+    }
+
+    static std::vector<std::string> NullArguments(Action action)
+    {
+        switch (action) {
+        case Action::kRegister:
+            return {"guid", "callbacks"};
+        case Action::kSubscribe:
+            return {"guid", "record", "callback"};
+        case Action::kUnsubscribe:
+            return {"guid", "record"};
+        case Action::kDescribe:
+            return {"descriptors", "count"};
+        case Action::kCount:
+            return {"count"};
+        case Action::kLeave:
+            return {"guid"};
+        default:
+            return {"record"};
+        }
+    }
+
+    // A text out of a list; empty when the field is not there.
+    void ReadOneOf(const JsonValue& object, const std::string& name, const std::string& field,
+                   const std::vector<std::string>& known, std::string& text)
+    {
+        const JsonValue* value = Member(object, name);
+        if (value == nullptr || !IsA(*value, Kind::kText, field + "." + name)) {
+            return;
+        }
+        text = value->text;
+        if (std::find(known.begin(), known.end(), text) == known.end()) {
+            std::string list;
+            for (const std::string& one : known) {
+                list += (list.empty() ? "\"" : ", \"") + one + "\"";
+            }
+            Mistake(value->place, field + "." + name, "expected one of " + list + Nearest(text, known));
+        }
+    }
+
+    void ReadInside(const JsonValue& value, const std::string& field, const std::vector<std::string>& callbacks,
+                    const std::vector<std::string>& calls, std::vector<InsideCall>& inside)
+    {
+        const JsonValue* list = Member(value, "inside");
+        if (list == nullptr || !IsA(*list, Kind::kArray, field + ".inside")) {
+            return;
+        }
+        for (std::size_t index = 0; index < list->items.size(); ++index) {
+            const std::string at = field + ".inside[" + std::to_string(index) + "]";
+            if (IsA(list->items[index], Kind::kObject, at)) {
+                CheckFields(list->items[index], at, {"on", "do"}, {});
+                InsideCall& call = inside.emplace_back();
+                ReadOneOf(list->items[index], "on", at, callbacks, call.callback);
+                ReadOneOf(list->items[index], "do", at, calls, call.call);
+            }
+        }
     }
 
     std::string file_;

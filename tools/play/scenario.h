@@ -28,6 +28,12 @@ struct CommandRule {
     std::uint32_t answer = 0;
 };
 
+// A call that a client, or the crash-dump driver, makes from inside one of its callbacks: what nobody may do.
+struct InsideCall {
+    std::string callback;  // "state", "command", "appsState"; "add", "remove"
+    std::string call;      // the step of the same name, for the client itself
+};
+
 struct ClientModel {
     std::string key;
     GUID guid{};
@@ -39,10 +45,12 @@ struct ClientModel {
     std::vector<CommandRule> commands;
     bool hearsAppsState = false;
     std::optional<std::uint32_t> appsState;  // state wanted in answer
+    std::vector<InsideCall> inside;
 };
 
 struct CrashDumpModel {
     std::map<std::string, NTSTATUS> answers;  // by callback: add, remove, start, addData, stop, query, triage
+    std::vector<InsideCall> inside;
 };
 
 enum class Action {
@@ -56,6 +64,7 @@ enum class Action {
     kCommand,
     kAttach,
     kDetach,
+    kCount,
     kDescribe,
     kStartDump,
     kAddDumpData,
@@ -75,6 +84,13 @@ enum class Action {
     kUnload,
 };
 
+// A platform call that fails while a step lasts.
+struct StepFault {
+    std::string call;                // "WdfObjectCreate"
+    std::string detail;              // only for this context type or routine; empty: any
+    std::optional<NTSTATUS> status;  // empty: it returns NULL
+};
+
 struct Step {
     Action action = Action::kNote;
     Place place;
@@ -87,6 +103,10 @@ struct Step {
     std::uint32_t capacity = 0;
     bool hasCapacity = false;
     std::optional<NTSTATUS> expect;
+    std::string null;  // the argument that is passed as NULL; empty: none
+    std::optional<StepFault> fail;
+    bool raised = false;                 // the call is made at DISPATCH_LEVEL
+    std::optional<std::string> trouble;  // part of the text of the trouble that the step must end in
 };
 
 struct Scenario {

@@ -46,6 +46,30 @@ void Timeline::Add(const Entry& entry)
         PrintText(entry);
     }
     out_.flush();
+    for (Observer* observer : observers_) {
+        observer->OnEntry(step_, entry);
+    }
+}
+
+void Timeline::Begin(const Stretch& stretch)
+{
+    for (Observer* observer : observers_) {
+        observer->OnBegin(step_, stretch);
+    }
+}
+
+void Timeline::Cause(const std::string& who, const std::string& cause)
+{
+    for (Observer* observer : observers_) {
+        observer->OnCause(who, cause);
+    }
+}
+
+void Timeline::End(const std::string& who, const std::string& outcome)
+{
+    for (Observer* observer : observers_) {
+        observer->OnEnd(who, outcome);
+    }
 }
 
 void Timeline::PrintText(const Entry& entry)

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace play {
 
@@ -25,6 +26,28 @@ struct Entry {
     bool good = true;
 };
 
+// A stretch of work on somebody's thread: a call into the Notifier, a run of a work item, a callback.
+struct Stretch {
+    enum class Kind { kCall, kWorkItem, kCallback };
+
+    Kind kind = Kind::kCall;
+    std::string who;       // whose thread, or whose callback; of a work item its routine
+    std::string name;      // operation or callback
+    std::string causedBy;  // what was passed on to a callback ("state power 3"); empty when nothing was
+};
+
+// Sees a run as it happens, beside what is printed.
+class Observer {
+public:
+    virtual ~Observer() = default;
+    virtual void OnEntry(unsigned step, const Entry& entry) = 0;
+    virtual void OnBegin(unsigned step, const Stretch& stretch) { (void)step, (void)stretch; }
+    // The innermost open stretch of `who` gives something to be passed on.
+    virtual void OnCause(const std::string& who, const std::string& cause) { (void)who, (void)cause; }
+    // The innermost open stretch of `who` ends. One that stands still for ever never does.
+    virtual void OnEnd(const std::string& who, const std::string& outcome) { (void)who, (void)outcome; }
+};
+
 class Timeline {
 public:
     enum class Form { kText, kJson };
@@ -32,6 +55,12 @@ public:
     Timeline(std::ostream& out, Form form, bool color) : out_(out), form_(form), color_(color) {}
 
     void Add(const Entry& entry);
+
+    // Observers see everything from now on, and must outlive the run.
+    void AddObserver(Observer& observer) { observers_.push_back(&observer); }
+    void Begin(const Stretch& stretch);
+    void Cause(const std::string& who, const std::string& cause);
+    void End(const std::string& who, const std::string& outcome = "");
 
     // The step that the entries from now on belong to; 0 before the first.
     void BeginStep(unsigned step) { step_ = step; }
@@ -44,6 +73,7 @@ private:
     void PrintJson(const Entry& entry);
     [[nodiscard]] std::string Colored(const char* code, const std::string& text) const;
 
+    std::vector<Observer*> observers_;
     std::ostream& out_;
     Form form_;
     bool color_;

@@ -1,8 +1,11 @@
 // Writes the decoding files from the catalogue: the event manifest and one message-format file per message set.
 //
-//     zepn-trace-gen FOLDER
+//     zepn-trace-gen FOLDER [PAGES]
+//
+// PAGES, when given, receives reports.md, which docs/ holds too, and reports.txt, one line for each report.
 //
 // Nothing is read; the catalogue is compiled in. The files are the ones that ship, so nothing edits them by hand.
+#include "tools/trace_gen/reports_page.h"
 #include "trace/rows.h"
 
 #include <filesystem>
@@ -264,8 +267,8 @@ bool WriteFile(const std::filesystem::path& path, const Writer& writer)
 
 int main(int argumentCount, char** arguments)
 {
-    if (argumentCount != 2) {
-        std::cerr << "usage: zepn-trace-gen FOLDER\n";
+    if (argumentCount != 2 && argumentCount != 3) {
+        std::cerr << "usage: zepn-trace-gen FOLDER [PAGES]\n";
         return 2;
     }
     const std::filesystem::path folder = arguments[1];
@@ -276,6 +279,12 @@ int main(int argumentCount, char** arguments)
         written = WriteFile(folder / (std::string(file.guid) + ".tmf"),
                             [&file](std::ostream& out) { WriteMessages(out, file); }) &&
                   written;
+    }
+    if (argumentCount == 3) {
+        const std::filesystem::path pages = arguments[2];
+        std::filesystem::create_directories(pages, error);
+        written = WriteFile(pages / "reports.md", [](std::ostream& out) { WriteReportsPage(out, &TextOf); }) && written;
+        written = WriteFile(pages / "reports.txt", [](std::ostream& out) { WriteReportList(out); }) && written;
     }
     return written ? 0 : 1;
 }
