@@ -76,14 +76,14 @@ PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maxim
     Environment& environment = Environment::Current();
     const KIRQL level = ThreadState::Current().irql;
     if (level > maximum) {
-        Violation(checks::Rule::kIrql, "called at IRQL " + std::to_string(level) + ", allowed up to " +
-                                           std::to_string(maximum));
+        Violation(checks::Rule::kIrql,
+                  "called at IRQL " + std::to_string(level) + ", allowed up to " + std::to_string(maximum));
     }
     if (environment.observer) {
         environment.observer({function, caller, detail});
     }
     if (!environment.faults.Empty()) {
-        fault_ = environment.faults.Strike(function, environment.modules.FunctionAt(caller), detail);
+        fault_ = environment.faults.Strike(function, [&] { return environment.modules.FunctionAt(caller); }, detail);
     }
 }
 

@@ -37,13 +37,14 @@ unsigned FaultPlan::StruckCount() const
     return struck_;
 }
 
-std::optional<Fault> FaultPlan::Strike(const char* function, const std::string& caller, const char* detail)
+std::optional<Fault> FaultPlan::Strike(const char* function, const std::function<std::string()>& caller,
+                                       const char* detail)
 {
     const std::lock_guard lock(mutex_);
     for (Armed& armed : armed_) {
         const Fault& fault = armed.fault;
-        if (fault.function != function || (!fault.caller.empty() && fault.caller != caller) ||
-            (!fault.detail.empty() && fault.detail != detail)) {
+        if (fault.function != function || (!fault.detail.empty() && fault.detail != detail) ||
+            (!fault.caller.empty() && fault.caller != caller())) {
             continue;
         }
         const unsigned seen = armed.seen++;

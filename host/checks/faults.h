@@ -17,14 +17,15 @@ enum class FaultForm {
     kStatus,      // returns Fault::status, outputs untouched
     kNull,        // returns NULL where it returns a pointer or handle (item, context, pool block, registration, driver)
     kNullOutput,  // returns STATUS_SUCCESS and stores NULL in its output
+    kInforms,     // does its work and returns Fault::status, one of the success class
 };
 
 struct Fault {
-    std::string function;  // "WdfCollectionAdd"; "WdfGetDriver" hides the driver handle in the globals
-    std::string caller = {};    // only calls from this driver function; empty: from anywhere
-    std::string detail = {};    // only calls with this detail (context type name, routine name); empty: any
-    unsigned skip = 0;     // let this many matching calls pass first
-    unsigned count = 1;    // then fail this many; kSticky: all
+    std::string function;     // "WdfCollectionAdd"; "WdfGetDriver" hides the driver handle in the globals
+    std::string caller = {};  // only calls from this driver function; empty: from anywhere
+    std::string detail = {};  // only calls with this detail (context type name, routine name); empty: any
+    unsigned skip = 0;        // let this many matching calls pass first
+    unsigned count = 1;       // then fail this many; kSticky: all
     FaultForm form = FaultForm::kStatus;
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
 
@@ -40,8 +41,10 @@ public:
     // How many calls the faults have made fail since the last Clear. A test asserts that its fault struck.
     [[nodiscard]] unsigned StruckCount() const;
 
-    // Asked by every platform call with its name, the driver function it was called from and its detail.
-    [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::string& caller, const char* detail);
+    // Asked by every platform call with its name, the name of the driver function it was called from, which is looked
+    // up only for faults that want to know, and its detail.
+    [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::function<std::string()>& caller,
+                                              const char* detail);
 
     // Cheap test that spares silent runs the look-up of the caller's name.
     [[nodiscard]] bool Empty() const { return !anyArmed_.load(std::memory_order_relaxed); }

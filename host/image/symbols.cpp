@@ -64,7 +64,10 @@ std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image)
 std::vector<checks::Symbol> ElfSymbols(const std::filesystem::path& file)
 {
     std::ifstream stream(file, std::ios::binary);
-    const std::vector<char> bytes((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    std::error_code error;
+    const std::uintmax_t sizeBytes = std::filesystem::file_size(file, error);
+    std::vector<char> bytes(error ? 0 : sizeBytes);
+    stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     const auto at = [&bytes]<class T>(std::uint64_t offset, T& value) {
         if (offset > bytes.size() || sizeof(T) > bytes.size() - offset) {
             return false;

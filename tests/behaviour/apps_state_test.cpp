@@ -96,11 +96,6 @@ TEST_P(AppsState, WaitIsReadAnewEachTimeAndIsInMilliseconds)
     EXPECT_EQ(wait(), 0);
     EXPECT_EQ(world.TakeReports(), (Lines{"13 ZEPReadRegistry: WdfRegistryQueryULong returned NULL?!"}));
     EXPECT_TRUE(world.machine.inspect().Objects(host::framework::ObjectType::kKey).empty()) << "the key is closed";
-    world.HideDriver();
-    EXPECT_EQ(wait(), 0);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports(), (Lines{"13 Notifier_NotifyAppsState: WdfGetDriver returned NULL?! Returning NULL",
-                                          "13 ZEPReadRegistry: WdfGetDriver returned NULL?!"}));
 }
 
 struct Handle {
@@ -136,19 +131,6 @@ TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
         EXPECT_EQ(handle.Control(code), STATUS_NOT_SUPPORTED);
     }
     EXPECT_EQ(peer.appsStateCalls, 1u);
-
-    world.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT);
-    EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS) << "a success-class status is no failure here";
-    world.Fail("WdfWaitLockAcquire", STATUS_NO_MEMORY);
-    EXPECT_EQ(handle.Control(0x01002144), STATUS_UNSUCCESSFUL);
-    world.Lose("WdfIoQueueGetDevice");
-    EXPECT_EQ(handle.Control(0x01002144), STATUS_INVALID_DEVICE_REQUEST);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports(),
-              (Lines{"1 Notifier_NotifyAppsState: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102",
-                     "1 Notifier_NotifyAppsState: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0xC0000017",
-                     "9 NotifierEvtIoDeviceControl: Received device object NULL for this request's queue, <queue>, "
-                     "0xC0000010"}));
 }
 
 TEST_P(AppsState, HandlesWorkInEveryStageOfTheDevice)
@@ -166,102 +148,6 @@ TEST_P(AppsState, HandlesWorkInEveryStageOfTheDevice)
         EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS) << "also between surprise removal and removal";
     }
     EXPECT_EQ(peer.appsStateCalls, 2u);
-}
-
-TEST_P(AppsState, BroadcastFailuresAreReportedAndNeverStopTheOthers)
-{
-    struct Row {
-        const char* name;
-        std::function<void(World&)> arm;
-        NTSTATUS control;
-        Lines reports;
-        unsigned calls;             // of the two hearing clients
-        std::vector<ULONG> states;  // their states afterwards
-        std::size_t collectionsLeft;  // the temporary one, unless a failure deleted it with its parent
-    };
-    const std::string kRun = "Notifier_NotifyAppsState: ";
-    const Row kRows[] = {
-        {"no driver context",
-         [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); }, STATUS_UNSUCCESSFUL,
-         {"13 " + kRun + "Driver context is NULL?! Returning NULL"}, 0, {0, 0}, 0},
-        {"parent",
-         [](World& w) { w.Fail("WdfObjectCreate", STATUS_NO_MEMORY); }, STATUS_UNSUCCESSFUL,
-         {"1 " + kRun + "WdfObjectCreate, 0xC0000017"}, 0, {0, 0}, 0},
-        {"collection",
-         [](World& w) { w.Fail("WdfCollectionCreate", STATUS_NO_MEMORY); }, STATUS_UNSUCCESSFUL,
-         {"1 " + kRun + "WdfCollectionObjectCreate for for wdfCollectionAttributes, 0xC0000017"}, 0, {0, 0}, 0},
-        {"client item",
-         [](World& w) { w.Lose("WdfCollectionGetItem"); }, STATUS_SUCCESS,
-         {"5 " + kRun + "WdfCollectionGetItem, 0, <clients>, 2"}, 1, {0, 7}, 1},
-        {"client context",
-         [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); }, STATUS_SUCCESS,
-         {"6 " + kRun + "Client context, <object>"}, 1, {0, 7}, 1},
-        {"state",
-         [](World& w) { w.Fail("WdfObjectCreate", STATUS_NO_MEMORY, 1); }, STATUS_SUCCESS,
-         {"1 " + kRun + "WdfObjectCreate, 0xC0000017"}, 2, {0, 7}, 1},
-        // These two delete the temporary parent and go on with its collection.
-        {"state context",
-         [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kStateContextName); }, STATUS_SUCCESS,
-         {"6 " + kRun + "State notification context, <object>"}, 2, {0, 7}, 0},
-        {"append",
-         [](World& w) { w.Fail("WdfCollectionAdd", STATUS_UNSUCCESSFUL); }, STATUS_SUCCESS,
-         {"1 " + kRun + "WdfCollectionAdd for wdfClientCollection, 0xC0000001"}, 2, {0, 7}, 0},
-        // The index is reported as 0, whichever it was.
-        {"answer item",
-         [](World& w) { w.Lose("WdfCollectionGetItem", "", 4); }, STATUS_SUCCESS,
-         {"5 " + kRun + "WdfCollectionGetItem, 0, <collection>, 2"}, 2, {7, 0}, 1},
-        {"answer context",
-         [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kStateContextName, 2); }, STATUS_SUCCESS,
-         {"6 " + kRun + "State notification context, <object>"}, 2, {0, 7}, 0},
-        {"last post",
-         [](World& w) { w.Fail("WdfCollectionAdd", STATUS_UNSUCCESSFUL, 4); }, STATUS_UNSUCCESSFUL,
-         {"1 Notifier_HelperSendState: WdfCollectionAdd for wdfCollectionWpcdClientAddQueue, 0xC0000001"}, 2, {7, 7}, 0},
-    };
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        World world(GetParam());
-        Peer first(1);
-        Peer second(2);
-        for (Peer* peer : {&first, &second}) {
-            peer->HearsAppsState().onAppsState = [](ULONG& state) { state = 7; };
-            ASSERT_EQ(world.Register(*peer), STATUS_SUCCESS);
-        }
-        Handle handle(world);
-        (void)world.TakeReports();
-        using host::framework::ObjectType;
-        const std::size_t collections = world.machine.inspect().Objects(ObjectType::kCollection).size();
-        row.arm(world);
-        const NTSTATUS status = handle.Control(0x01002144);
-        world.EndFaults();
-        EXPECT_EQ(status, row.control);
-        EXPECT_EQ(world.TakeReports(), row.reports);
-        EXPECT_EQ(world.machine.inspect().Objects(ObjectType::kCollection).size(), collections + row.collectionsLeft);
-        EXPECT_EQ(first.appsStateCalls + second.appsStateCalls, row.calls);
-        EXPECT_EQ(world.Client(first)->currentState, row.states[0]);
-        EXPECT_EQ(world.Client(second)->currentState, row.states[1]);
-        EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS) << "the clients lock is free";
-    }
-}
-
-// As when a client leaves between the phases: its post fails, and the temporary objects are deleted under the loop.
-TEST_P(AppsState, ClientMissingInTheSecondPhaseFailsItsPostOnly)
-{
-    World world(GetParam());
-    Peer leaving(1);
-    Peer staying(2);
-    for (Peer* peer : {&leaving, &staying}) {
-        peer->HearsAppsState().onAppsState = [](ULONG& state) { state = 7; };
-        ASSERT_EQ(world.Register(*peer), STATUS_SUCCESS);
-    }
-    Handle handle(world);
-    world.Lose("WdfObjectGetTypedContextWorker", kClientContextName, 2);  // the first look-up of phase two misses
-    EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports(), (Lines{"6 _getClientContextByGUID: Client context, <object>",
-                                          "12 Notifier_HelperSendState: Unable to find client with , "
-                                          "{00000001-1111-2222-0102-030405060708}, 0xC0000010"}));
-    EXPECT_EQ(world.Client(leaving)->currentState, 0u);
-    EXPECT_EQ(world.Client(staying)->currentState, 7u);
 }
 
 TEST_P(AppsState, TemporaryObjectsStayUntilUnloadOnPurpose)
@@ -294,28 +180,6 @@ TEST_P(AppsState, HandleCarriesAZeroedContextThatNobodyUses)
     }
     EXPECT_EQ(world.TakeRecords(), (Lines{"M52 NotifierEvtDeviceFileClose", "E45 NotifierEvtDeviceFileClose"}));
     EXPECT_TRUE(world.machine.inspect().Objects(host::framework::ObjectType::kFileObject).empty());
-}
-
-TEST_P(AppsState, OpenFailsWithExactlyTheContextsStatus)
-{
-    World world(GetParam());
-    host::FileId file = 0;
-    world.Fail("WdfObjectAllocateContext", STATUS_NO_MEMORY);
-    EXPECT_EQ(world.driver->Open(file).status, STATUS_NO_MEMORY);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports(), (Lines{"1 NotifierEvtDeviceFileCreate: WdfObjectAllocateContext, 0xC0000017"}));
-
-    world.machine.faults().Add({.function = "WdfObjectAllocateContext", .form = host::checks::FaultForm::kNullOutput});
-    EXPECT_EQ(world.driver->Open(file).status, STATUS_IO_DEVICE_ERROR);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports(), (Lines{"9 NotifierEvtDeviceFileCreate: Received context pointer NULL from "
-                                          "WdfObjectAllocateContext, <gone>, 0xC0000185"}));
-
-    ASSERT_EQ(world.driver->Open(file).status, STATUS_SUCCESS);
-    world.Lose("WdfObjectGetTypedContextWorker", kClientContextName);
-    world.driver->Close(file);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports(), (Lines{"6 NotifierEvtDeviceFileClose: File handle context, <gone>"}));
 }
 
 }  // namespace

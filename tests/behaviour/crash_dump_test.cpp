@@ -132,49 +132,6 @@ TEST_P(CrashDump, AttachesOnceAndDetachesOnce)
     EXPECT_EQ(stored(), Callbacks{});
 }
 
-TEST_P(CrashDump, AttachAndDetachFailuresLeaveTheBridgeAsItWas)
-{
-    struct Row {
-        const char* name;
-        std::function<void(World&)> arm;
-        NTSTATUS status;
-        std::string report;
-        bool detach;
-    };
-    const Row kRows[] = {
-        {"no driver", [](World& w) { w.HideDriver(); }, STATUS_IO_DEVICE_ERROR,
-         "2 Notifier_WpcdClientInit: WdfGetDriver returned NULL?!, 0xC0000185", false},
-        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); },
-         STATUS_IO_DEVICE_ERROR, "7 Notifier_WpcdClientInit: Driver object context, <driver>, 0xC0000185", false},
-        {"object", [](World& w) { w.Fail("WdfObjectCreate", STATUS_NO_MEMORY); }, STATUS_NO_MEMORY,
-         "1 Notifier_WpcdClientInit: WdfObjectCreate, 0xC0000017", false},
-        {"context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kWpcdContextName); },
-         STATUS_IO_DEVICE_ERROR, "7 Notifier_WpcdClientInit: WPCD client context, <gone>, 0xC0000185", false},
-        {"no driver", [](World& w) { w.HideDriver(); }, STATUS_IO_DEVICE_ERROR,
-         "2 Notifier_WpcdClientDeInit: WdfGetDriver returned NULL?!, 0xC0000185", true},
-        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); },
-         STATUS_IO_DEVICE_ERROR, "7 Notifier_WpcdClientDeInit: Driver object context, <driver>, 0xC0000185", true},
-        {"lock", [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT); }, STATUS_TIMEOUT,
-         "1 Notifier_WpcdClientDeInit: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102", true},
-    };
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        Recorder recorder;
-        World world(GetParam());
-        if (row.detach) {
-            ASSERT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
-        }
-        row.arm(world);
-        EXPECT_EQ(row.detach ? world.wpcd.Notifier_WpcdClientDeInit()
-                             : world.wpcd.Notifier_WpcdClientInit(&recorder.registration),
-                  row.status);
-        world.EndFaults();
-        EXPECT_EQ(world.TakeReports(), Lines{row.report});
-        EXPECT_EQ(world.Context().wpcdClient != nullptr, row.detach);
-        EXPECT_EQ(world.Alive(kWpcdContextName), row.detach ? 1u : 0u);
-    }
-}
-
 TEST_P(CrashDump, AnnouncesClientsByTheirPostsInOrderThroughOneBuffer)
 {
     Attached a(GetParam());
@@ -289,46 +246,6 @@ TEST_P(CrashDump, UnattachedOrRefusingDriverLeavesClientsUnannouncedUntilTheyPos
     EXPECT_EQ(world.Client(first)->addedToWpcd, 1u);
 }
 
-TEST_P(CrashDump, AnnouncementFailuresEmptyTheQueueOrPassOver)
-{
-    struct Row {
-        const char* name;
-        std::function<void(World&)> arm;
-        std::string report;
-        std::size_t added;
-        std::size_t queued;
-    };
-    const std::string kRun = " NotifierEvtWorkItemWpcdClientAdd: ";
-    const Row kRows[] = {
-        {"no driver", [](World& w) { w.HideDriver(); }, "13" + kRun + "WdfGetDriver returned NULL?!", 0, 2},
-        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); },
-         "13" + kRun + "Driver context is NULL?!", 0, 2},
-        {"no bridge context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kWpcdContextName); },
-         "6" + kRun + "WPCD client context, <object>", 0, 0},
-        {"client context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); },
-         "6" + kRun + "Client context, <object>", 1, 0},
-    };
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        Attached a(GetParam());
-        Peer first(1);
-        Peer second(2);
-        for (Peer* peer : {&first, &second}) {
-            ASSERT_EQ(a.world.Register(*peer), STATUS_SUCCESS);
-            ASSERT_EQ(a.world.Post(*peer, 1), STATUS_SUCCESS);
-        }
-        row.arm(a.world);
-        (void)a.world.machine.RunOneWorkItem();
-        a.world.EndFaults();
-        EXPECT_EQ(a.world.TakeReports(), Lines{row.report});
-        EXPECT_EQ(a.recorder.added.size(), row.added);
-        EXPECT_EQ(a.world.Count(a.world.Context().addQueue), row.queued);
-        ASSERT_EQ(a.world.Post(first, 2), STATUS_SUCCESS);
-        a.world.Deliver();
-        EXPECT_EQ(a.world.Client(first)->addedToWpcd, 1u);
-    }
-}
-
 // Announces peers and lets them leave, so that as many copies wait as peers were given.
 void QueueRemovals(World& world, std::deque<Peer>& peers, unsigned count)
 {
@@ -355,49 +272,6 @@ TEST_P(CrashDump, OneRunWithdrawsOneClient)
     EXPECT_EQ(a.recorder.removed[0].Data1, 1u);
     EXPECT_EQ(a.world.Count(a.world.Context().removeQueue), 2u);
     EXPECT_EQ(a.world.Alive(kClientContextName), 2u);
-}
-
-TEST_P(CrashDump, WithdrawalFailuresReportAsCatalogued)
-{
-    struct Row {
-        const char* name;
-        std::function<void(Attached&)> arm;
-        Lines reports;
-        std::size_t removed;
-        std::size_t left;
-    };
-    const std::string kRun = " NotifierEvtWorkItemWpcdClientRemove: ";
-    const Row kRows[] = {
-        {"no driver", [](Attached& a) { a.world.HideDriver(); }, {"13" + kRun + "WdfGetDriver returned NULL?!"}, 0, 1},
-        {"no driver context",
-         [](Attached& a) { a.world.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); },
-         {"13" + kRun + "Driver context is NULL?!"}, 0, 1},
-        {"lock", [](Attached& a) { a.world.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT); },
-         {"1" + kRun + "WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102"}, 0, 1},
-        {"queue empty", [](Attached& a) { a.world.Lose("WdfCollectionGetFirstItem"); }, {"10" + kRun + "<add queue>"},
-         0, 1},
-        {"copy context", [](Attached& a) { a.world.Lose("WdfObjectGetTypedContextWorker", kClientContextName); },
-         {"6" + kRun + "Client context, <object>"}, 0, 1},
-        {"refused", [](Attached& a) { a.recorder.answer = STATUS_PENDING; },
-         {"3 NotifierEvtWorkItemWpcdClientAdd: Remove client call to WPCD failed!, 0x00000103"}, 1, 0},
-        {"detached", [](Attached& a) { EXPECT_EQ(a.world.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS); }, {}, 0,
-         0},
-    };
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        Attached a(GetParam());
-        std::deque<Peer> peers;
-        QueueRemovals(a.world, peers, 1);
-        row.arm(a);
-        a.world.Deliver();
-        a.world.EndFaults();
-        EXPECT_EQ(a.world.TakeReports(), row.reports);
-        EXPECT_EQ(a.recorder.removed.size(), row.removed);
-        EXPECT_EQ(a.world.Count(a.world.Context().removeQueue), row.left);
-        EXPECT_EQ(a.world.Alive(kClientContextName), row.left);
-        Peer next(9);
-        EXPECT_EQ(a.world.Register(next), STATUS_SUCCESS) << "the clients lock is free";
-    }
 }
 
 TEST_P(CrashDump, MissingBridgeContextLeavesTheClientsLockHeld)
@@ -463,17 +337,12 @@ TEST_P(CrashDump, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
     EXPECT_EQ(a.world.Client(without)->wpcdRefreshPending, 1u);
 }
 
-TEST_P(CrashDump, DescriptorFailuresStopAsTheyMust)
+TEST_P(CrashDump, DescriptorArgumentsAreCheckedInOrder)
 {
     Attached a(GetParam());
-    Peer first(1);
-    Peer second(2);
-    ASSERT_EQ(a.world.Register(first), STATUS_SUCCESS);
-    ASSERT_EQ(a.world.Register(second), STATUS_SUCCESS);
     const auto& wpcd = a.world.wpcd;
     const std::string kCount = "Notifier_WpcdGetNumSubsystemDescriptors: ";
     const std::string kAll = "Notifier_WpcdGetAllSubsystemDescriptors: ";
-    ULONG capacity = 2;
     EXPECT_EQ(wpcd.Notifier_WpcdGetNumSubsystemDescriptors(nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(wpcd.Notifier_WpcdGetAllSubsystemDescriptors(nullptr, nullptr), STATUS_INVALID_PARAMETER);
     std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> array(2);
@@ -481,52 +350,6 @@ TEST_P(CrashDump, DescriptorFailuresStopAsTheyMust)
     EXPECT_EQ(a.world.TakeReports(), (Lines{"2 " + kCount + "NumberDescriptors is NULL, 0xC000000D",
                                             "2 " + kAll + "Descriptors is NULL?!, 0xC000000D",
                                             "2 " + kAll + "NumberDescriptors is NULL?!, 0xC000000D"}));
-    struct Row {
-        const char* name;
-        std::function<void(World&)> arm;
-        bool all;
-        NTSTATUS status;
-        std::string report;
-        ULONG countAfter;
-    };
-    const auto noDriver = [](World& w) { w.HideDriver(); };
-    const auto noContext = [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); };
-    const auto noLock = [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT); };
-    const auto noItem = [](World& w) { w.Lose("WdfCollectionGetItem", "", 1); };
-    const auto noClient = [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName, 1); };
-    const Row kRows[] = {
-        {"count, driver", noDriver, false, STATUS_IO_DEVICE_ERROR,
-         "2 " + kCount + "WdfGetDriver returned NULL?!, 0xC0000185", 0},
-        {"count, context", noContext, false, STATUS_IO_DEVICE_ERROR,
-         "7 " + kCount + "Driver object context, <driver>, 0xC0000185", 0},
-        {"count, lock", noLock, false, STATUS_TIMEOUT,
-         "1 " + kCount + "WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102", 0},
-        {"count, item", noItem, false, STATUS_SUCCESS, "5 " + kCount + "WdfCollectionGetItem, 1, <clients>, 2", 0},
-        {"count, client", noClient, false, STATUS_SUCCESS, "6 " + kCount + "Client object context, <object>", 0},
-        {"all, driver", noDriver, true, STATUS_IO_DEVICE_ERROR,
-         "2 " + kAll + "WdfGetDriver returned NULL?!, 0xC0000185", 9},
-        {"all, context", noContext, true, STATUS_IO_DEVICE_ERROR,
-         "7 " + kAll + "Driver object context, <driver>, 0xC0000185", 9},
-        {"all, lock", noLock, true, STATUS_TIMEOUT,
-         "1 " + kAll + "WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102", 9},
-        {"all, item", noItem, true, STATUS_SUCCESS, "5 " + kAll + "WdfCollectionGetItem, 1, <clients>, 2", 9},
-        {"all, client", noClient, true, STATUS_SUCCESS, "6 " + kAll + "Client object context, <object>", 9},
-        {"all, general lock", [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT, 2); }, true, STATUS_TIMEOUT,
-         "1 " + kAll + "WdfWaitLockAcquire (general lock), 0x00000102", 9},
-    };
-    array.resize(9);
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        capacity = 9;
-        row.arm(a.world);
-        EXPECT_EQ(row.all ? wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &capacity)
-                          : wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&capacity),
-                  row.status);
-        a.world.EndFaults();
-        EXPECT_EQ(a.world.TakeReports(), Lines{row.report});
-        EXPECT_EQ(capacity, row.countAfter);
-    }
-    EXPECT_EQ(wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&capacity), STATUS_SUCCESS) << "the locks are free";
 }
 
 // The five dump calls: name, the call with given first arguments, the values passed, the row's name in reports.
@@ -611,49 +434,6 @@ TEST_P(CrashDump, DumpAnswersAreJudgedByTheirSignAndReturned)
             std::snprintf(status, sizeof(status), "0x%08X", answer);
             EXPECT_EQ(a.world.TakeReports(), (Lines{std::string("1 pWpcdClientContext->") + dump.callback +
                                                     ": Failed with an error code., " + status}));
-        }
-    }
-}
-
-TEST_P(CrashDump, DumpCallsFailBeforeTheCrashDumpDriverIsAsked)
-{
-    struct Row {
-        const char* name;
-        std::function<void(World&)> arm;
-        bool nullHandle;
-        bool attached;
-        std::uint32_t status;
-        std::string report;
-    };
-    const Row kRows[] = {
-        {"null handle", [](World&) {}, true, true, 0xC000000D,
-         "2 Notifier_HelperStartDump: A required parameter is NULL., 0xC000000D"},
-        {"no driver", [](World& w) { w.HideDriver(); }, false, true, 0xC0000185,
-         "2 Notifier_HelperStartDump: WdfGetDriver returned NULL., 0xC0000185"},
-        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName); }, false,
-         true, 0xC0000185, "7 Notifier_HelperDumpStart: Driver object context, <driver>, 0xC0000185"},
-        {"not attached", [](World&) {}, false, false, 0xC0000185,
-         "7 Notifier_HelperDumpStart: WPCD (CDI) driver not yet loaded., <driver>, 0xC0000185"},
-        {"no bridge context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kWpcdContextName); }, false, true,
-         0xC0000185, "6 GetContext: WPCD client context, <object>"},
-    };
-    for (const DumpCall& dump : DumpCalls()) {
-        for (const Row& row : kRows) {
-            SCOPED_TRACE(std::string(dump.function) + ", " + row.name);
-            Recorder recorder;
-            World world(GetParam());
-            if (row.attached) {
-                ASSERT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
-            }
-            row.arm(world);
-            EXPECT_EQ(dump.call(world, row.nullHandle ? nullptr : &g_dumpRecord), static_cast<NTSTATUS>(row.status));
-            world.EndFaults();
-            char status[16];
-            std::snprintf(status, sizeof(status), "0x%08X", row.status);
-            EXPECT_EQ(world.TakeReports(), (Lines{row.report, std::string("2 ") + dump.function +
-                                                                  ": Retrieving the context information failed., " +
-                                                                  status}));
-            EXPECT_TRUE(recorder.calls.empty());
         }
     }
 }

@@ -194,53 +194,6 @@ TEST_P(Lifecycle, EveryDeviceAddStepFailsWithItsReportAndLeavesLaterFieldsNull)
     }
 }
 
-TEST_P(Lifecycle, MissingDriverContextFailsDeviceAddBeforeAnythingIsCreated)
-{
-    World world(GetParam(), {.boots = false});
-    world.Load();
-    (void)world.TakeRecords();
-    world.Lose("WdfObjectGetTypedContextWorker", kDriverContextName);
-    EXPECT_EQ(world.driver->AddDevice(), STATUS_IO_DEVICE_ERROR);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports(), (Lines{"6 NotifierEvtDeviceAdd: Driver object context, <driver>"}));
-    EXPECT_EQ(world.TakeRecords(), (Lines{"M12 NotifierEvtDeviceAdd", "E41 NotifierEvtDeviceAdd",
-                                          "E6 NotifierEvtDeviceAdd", "M13 NotifierEvtDeviceAdd"}));
-    EXPECT_EQ(world.machine.inspect().Objects().size(), 1u);
-    world.TakeDown();
-    EXPECT_EQ(world.machine.violations().Take(Rule::kReferenceUnderflow).size(), 1u);
-}
-
-TEST_P(Lifecycle, RefusedPowerRegistrationIsSilentAndReleasesTheCallbackObject)
-{
-    World world(GetParam(), {.boots = false});
-    world.Load();
-    world.Lose("ExRegisterCallback");
-    EXPECT_EQ(world.driver->AddDevice(), STATUS_UNSUCCESSFUL);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports(), Lines{});
-    EXPECT_EQ(world.Context().powerCallbackObject, nullptr);
-    EXPECT_EQ(world.machine.inspect().Find(world.driver->Handle())->references, 1);
-    world.TakeDown();
-    EXPECT_EQ(world.machine.violations().Take(Rule::kReferenceUnderflow).size(), 1u);
-}
-
-TEST_P(Lifecycle, UnloadWithoutContextStillReleasesOneReferenceAndTracing)
-{
-    World world(GetParam());
-    world.driver->SurpriseRemoveDevice();
-    EXPECT_FALSE(world.driver->RemoveDevice().parked);
-    (void)world.TakeRecords();
-    world.Lose("WdfObjectGetTypedContextWorker", kDriverContextName);
-    world.driver->Unload();
-    EXPECT_EQ(world.TakeReports(), (Lines{"13 NotifierEvtDriverUnload: Driver context is NULL?!"}));
-    EXPECT_EQ(world.TakeRecords(), (Lines{"M55 NotifierEvtDriverUnload", "E41 NotifierEvtDriverUnload",
-                                          "E13 NotifierEvtDriverUnload", "M56 NotifierEvtDriverUnload"}));
-    EXPECT_EQ(world.machine.tracing().EventProviders() + world.machine.tracing().MessageProviders(), 0u);
-    // The callback's release was skipped, so its registration and reference are left; the driver object is not.
-    EXPECT_EQ(world.machine.violations().Take(Rule::kUnloadRegistration).size(), 1u);
-    EXPECT_EQ(world.machine.violations().Take(Rule::kReferenceLeak).size(), 1u);
-}
-
 TEST_P(Lifecycle, StopAndRemoveRequestsAreRefusedButSurpriseRemovalDisablesHelperThenWpcd)
 {
     World world(GetParam());

@@ -1,4 +1,4 @@
-// Registration of clients: what is stored, what is refused, and what a failure leaves behind.
+// Registration of clients: what is stored and what is refused.
 #include "tests/support/world.h"
 
 namespace tests {
@@ -8,16 +8,6 @@ class Registration : public OnContainer {};
 FOR_ALL_CONTAINERS(Registration);
 
 constexpr ULONG kEntriesTag = 0x6166746E;  // "ntfa"
-
-std::size_t EntriesInPool(World& world)
-{
-    std::size_t blocks = 0;
-    for (const auto& use : world.machine.PoolInUse()) {
-        EXPECT_EQ(use.tag, kEntriesTag);
-        blocks += use.blockCount;
-    }
-    return blocks;
-}
 
 TEST_P(Registration, StoresTheArgumentsAndStartsWithoutState)
 {
@@ -88,6 +78,7 @@ TEST_P(Registration, KeepsEntryCountsAsTheyHaveAlwaysBeenKept)
         EXPECT_EQ(client->entries != nullptr, row.pooledBytes != 0);
         std::size_t bytes = 0;
         for (const auto& use : world.machine.PoolInUse()) {
+            EXPECT_EQ(use.tag, kEntriesTag);
             bytes += use.sizeBytes;
         }
         EXPECT_EQ(bytes, row.pooledBytes);
@@ -114,103 +105,6 @@ TEST_P(Registration, RefusesBadArgumentsInOrder)
                                           "2 Notifier_HelperInit: ActionCallbackTable is NULL!, 0xC000000D"}));
     EXPECT_EQ(init(&almost.guid, &almost.callbacks), STATUS_SUCCESS);
     EXPECT_EQ(world.Count(world.Context().clients), 2u);
-}
-
-TEST_P(Registration, EachFailureReportsAndLeavesNoClient)
-{
-    struct Row {
-        const char* name;
-        std::function<void(World&)> arm;
-        NTSTATUS status;
-        Lines reports;
-        std::size_t collectionsLeft;  // registrations collections that stay with the driver object, on purpose
-        std::size_t poolLeft = 0;
-    };
-    const Row kRows[] = {
-        {"object",
-         [](World& w) { w.Fail("WdfObjectCreate", STATUS_INSUFFICIENT_RESOURCES); }, STATUS_INSUFFICIENT_RESOURCES,
-         {"1 Notifier_HelperInit: WdfObjectCreate for client, 0xC000009A"}, 0},
-        {"context",
-         [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); }, STATUS_IO_DEVICE_ERROR,
-         {"7 Notifier_HelperInit: Client context, <gone>, 0xC0000185"}, 0},
-        {"pool",
-         [](World& w) { w.Lose("ExAllocatePoolWithTag"); }, STATUS_ZEP_NOTIFIER_NO_MEMORY,
-         {"1 Notifier_HelperInit: ExAllocatePoolWithTag failed!, 0xE00A8104"}, 0},
-        {"collection",
-         [](World& w) { w.Fail("WdfCollectionCreate", STATUS_INSUFFICIENT_RESOURCES); }, STATUS_INSUFFICIENT_RESOURCES,
-         {"1 Notifier_HelperInit: WdfCollectionObjectCreate for wdfCollectionStateRegistrations, 0xC000009A"}, 0},
-        {"no driver",
-         [](World& w) { w.HideDriver(); }, STATUS_ZEP_NOTIFIER_NO_DRIVER,
-         {"13 _getClientContextByGUID: WdfGetDriver returned NULL?! Returning NULL",
-          "2 Notifier_WpcdClientInit: WdfGetDriver returned NULL?!, 0xE00A8101"}, 1},
-        {"no driver context",
-         [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName, 1); },
-         STATUS_ZEP_NOTIFIER_NO_DRIVER,
-         {"7 Notifier_HelperInit: Driver object context, <driver>, 0xE00A8101"}, 1},
-        {"lock fails",
-         [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_UNSUCCESSFUL, 1); }, STATUS_UNSUCCESSFUL,
-         {"1 Notifier_HelperInit: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0xC0000001"}, 1},
-        // A success-class answer is a failure too; the entries are then kept, on purpose.
-        {"lock times out",
-         [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_TIMEOUT, 1); }, STATUS_TIMEOUT,
-         {"1 Notifier_HelperInit: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0x00000102"}, 1, 1},
-        {"add",
-         [](World& w) { w.Fail("WdfCollectionAdd", STATUS_UNSUCCESSFUL); }, STATUS_UNSUCCESSFUL,
-         {"1 Notifier_HelperInit: WdfCollectionAdd for wdfCollectionZepClients, 0xC0000001"}, 1},
-    };
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        World world(GetParam());
-        using host::framework::ObjectType;
-        const auto collectionsBefore = world.machine.inspect().Objects(ObjectType::kCollection).size();
-        Peer peer(1);
-        const ZepDataEntry entries[2] = {};
-        row.arm(world);
-        EXPECT_EQ(world.Register(peer, 2, entries), row.status);
-        world.EndFaults();
-        EXPECT_EQ(world.TakeReports(), row.reports);
-        EXPECT_EQ(world.Alive(kClientContextName), 0u);
-        EXPECT_EQ(EntriesInPool(world), row.poolLeft);
-        EXPECT_EQ(world.machine.inspect().Objects(ObjectType::kCollection).size(),
-                  collectionsBefore + row.collectionsLeft);
-        // The next ordinary registration works.
-        EXPECT_EQ(world.Register(peer, 2, entries), STATUS_SUCCESS);
-        world.TakeDown();
-        EXPECT_EQ(world.machine.violations().Take(host::checks::Rule::kLeak).size(), row.poolLeft);
-    }
-}
-
-TEST_P(Registration, LookupFailuresReadAsAMissAndAreReported)
-{
-    struct Row {
-        const char* name;
-        std::function<void(World&)> arm;
-        std::string report;
-    };
-    const Row kRows[] = {
-        {"no driver context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kDriverContextName, 1); },
-         "13 _getClientContextByGUID: Driver context is NULL?! Returning NULL"},
-        {"lock", [](World& w) { w.Fail("WdfWaitLockAcquire", STATUS_UNSUCCESSFUL); },
-         "1 _getClientContextByGUID: WdfWaitLockAcquire for wdfWaitLockClientsCollection, 0xC0000001"},
-        {"item", [](World& w) { w.Lose("WdfCollectionGetItem", "", 1); },
-         "5 _getClientContextByGUID: WdfCollectionGetItem, 1, <clients>, 2"},
-        {"client context", [](World& w) { w.Lose("WdfObjectGetTypedContextWorker", kClientContextName); },
-         "6 _getClientContextByGUID: Client context, <object>"},
-    };
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        World world(GetParam());
-        Peer first(1);
-        Peer second(2);
-        ASSERT_EQ(world.Register(first), STATUS_SUCCESS);
-        ASSERT_EQ(world.Register(second), STATUS_SUCCESS);
-        row.arm(world);
-        EXPECT_EQ(world.Post(second, 3), STATUS_INVALID_DEVICE_REQUEST);
-        world.EndFaults();
-        EXPECT_EQ(world.TakeReports(), (Lines{row.report, "12 Notifier_HelperSendState: Unable to find client with , "
-                                                          "{00000002-1111-2222-0102-030405060708}, 0xC0000010"}));
-        EXPECT_EQ(world.Post(second, 3), STATUS_SUCCESS);
-    }
 }
 
 }  // namespace

@@ -1,0 +1,307 @@
+// Each platform call of a life fails once, and once more with all later ones of its function, in every form that it
+// has; what the driver shows must be what the expectation says, operation by operation, to the end of the life.
+#include "host/checks/call_path.h"
+#include "tests/sweep/actual.h"
+#include "tests/sweep/expected.h"
+#include "tests/sweep/figures.h"
+#include "tests/sweep/lives.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+namespace sweep {
+namespace {
+
+std::string Joined(const Lines& lines)
+{
+    std::string text;
+    for (const std::string& line : lines) {
+        text += "\n      " + line;
+    }
+    return text.empty() ? " nothing" : text;
+}
+
+// Names what one side has and the other has not.
+void Compare(const char* what, const Lines& expected, const Lines& actual, std::string& difference)
+{
+    if (expected == actual) {
+        return;
+    }
+    Lines missing;
+    Lines surplus = actual;
+    for (const std::string& line : expected) {
+        const auto found = std::find(surplus.begin(), surplus.end(), line);
+        if (found == surplus.end()) {
+            missing.push_back(line);
+        } else {
+            surplus.erase(found);
+        }
+    }
+    difference += std::string("\n    ") + what + ", missing:" + Joined(missing) +
+                  "\n    instead:" + (missing.empty() && surplus.empty() ? " another order" : Joined(surplus));
+}
+
+bool IsSubsequence(const Lines& part, const Lines& whole)
+{
+    auto at = whole.begin();
+    for (const std::string& line : part) {
+        at = std::find(at, whole.end(), line);
+        if (at == whole.end()) {
+            return false;
+        }
+        ++at;
+    }
+    return true;
+}
+
+// What unload cannot put right when tracing itself fails.
+Lines TracingLeftovers(const Fault& fault, unsigned struckCount)
+{
+    constexpr unsigned kUnregisterLookUp = 4;  // the fifth look-up of a routine, after that of the classic route
+    if (fault.function == "EtwUnregister") {
+        return Lines(struckCount, "registration at unload");  // the system does not let go
+    }
+    if (fault.function == "MmGetSystemRoutineAddress" && fault.index == kUnregisterLookUp) {
+        return {"registration at unload"};  // the classic provider cannot be given back
+    }
+    if (fault.function == "IoWMIRegistrationControl" && fault.index == 0 && !fault.sticky) {
+        return {"trace handle"};  // deregisters, without having asked whether it was registered
+    }
+    if (fault.function == "IoWMIRegistrationControl" && fault.index != 0) {
+        return {"registration at unload"};
+    }
+    return {};
+}
+
+struct Plan {
+    const Life& life;
+    std::optional<Fault> fault = {};
+    std::uint64_t hideAt = 0;
+    host::TraceRoutes routes = host::TraceRoutes::kClassic;
+    bool deaf = false;  // the fault is in tracing: records may be missing, and nothing else may differ
+    std::function<void(const host::ObservedCall&, host::Machine&)> onCall = {};
+};
+
+// One life, played on both sides.
+class Played {
+public:
+    Played(const tests::Container& container, const Plan& plan);
+
+    std::string difference;  // "" when all was as expected
+    std::vector<Call> calls;
+    std::vector<std::uint64_t> numbers;  // of the fallible calls among all platform calls
+    std::uint64_t callCount = 0;
+    std::set<Site> sites;
+
+private:
+    Step Run(const Op& op);
+
+    const Plan& plan_;
+    Expected expected_;
+    std::unique_ptr<Actual> actual_;  // for as long as the life lasts: one machine at a time
+};
+
+Played::Played(const tests::Container& container, const Plan& plan)
+    : plan_(plan), expected_(plan.deaf ? std::nullopt : plan.fault),
+      actual_(std::make_unique<Actual>(container,
+                                       Options{.fault = plan.fault,
+                                               .hideAt = plan.hideAt,
+                                               .routes = plan.routes,
+                                               .onCall = [this](std::uint64_t number, const host::ObservedCall& call) {
+                                                   if (KindOf(call.function) == Kind::kFallible) {
+                                                       numbers.push_back(number);
+                                                   }
+                                                   if (plan_.onCall) {
+                                                       plan_.onCall(call, actual_->machine());
+                                                   }
+                                               }}))
+{
+    for (std::size_t index = 0; index < plan.life.size() && difference.empty(); ++index) {
+        const Op& op = plan.life[index];
+        if (!expected_.Allows(op.what)) {
+            continue;
+        }
+        Step step = Run(op);
+        const bool again = (op.what == Do::kLoad || op.what == Do::kAddDevice) && step.status != Hex(STATUS_SUCCESS);
+        if (again && difference.empty()) {
+            step = Run(op);  // what failed once must be possible now
+        }
+        if (!difference.empty()) {
+            difference = "  operation " + std::to_string(index) + difference;
+        }
+        if (step.ends) {
+            break;
+        }
+    }
+    if (difference.empty() && !plan.deaf && !actual_->badRecords().empty()) {
+        difference = "  records:" + Joined(actual_->badRecords());
+    }
+    const bool struck = plan.deaf ? actual_->StruckCount() != 0 : expected_.struck() != 0;
+    if (difference.empty() && plan.fault && !struck) {
+        difference = "  the fault was never reached";
+    }
+    calls = expected_.calls();
+    callCount = actual_->calls();
+    sites = actual_->sites();
+    actual_.reset();
+}
+
+Step Played::Run(const Op& op)
+{
+    Step expected = expected_.Run(op);
+    Step actual;
+    try {
+        actual = actual_->Run(op);
+    } catch (const host::HostError& error) {
+        difference = std::string("\n    ") + error.what();
+        return expected;
+    }
+    if (expected.status != actual.status) {
+        difference += "\n    status " + expected.status + " expected, seen " + actual.status;
+    }
+    if (plan_.deaf) {
+        // The trace message of a lost event stands alone, as do those of sites that have none.
+        std::erase_if(actual.reports, [](const std::string& line) { return line.starts_with("- "); });
+        if (op.what == Do::kUnload && plan_.fault) {
+            expected.violations = TracingLeftovers(*plan_.fault, actual_->StruckCount());
+        }
+    }
+    if (!plan_.deaf || !IsSubsequence(actual.reports, expected.reports)) {
+        Compare("reports", expected.reports, actual.reports, difference);
+    }
+    Compare("callbacks", expected.callbacks, actual.callbacks, difference);
+    Compare("calls", expected.calls, actual.calls, difference);
+    // What is found at unload comes in the host's order.
+    Lines rules[2] = {expected.violations, actual.violations};
+    std::sort(rules[0].begin(), rules[0].end());
+    std::sort(rules[1].begin(), rules[1].end());
+    Compare("violations", rules[0], rules[1], difference);
+    if (expected.ends != actual.ends) {
+        difference += expected.ends ? "\n    it should stand still" : "\n    it stands still";
+    }
+    // Before the fault this life is the one without.
+    if (!plan_.fault || expected_.struck() != 0 || (plan_.deaf && op.what == Do::kRemove)) {
+        Compare("alive", expected_.Alive(), actual_->Alive(), difference);
+    }
+    return expected;
+}
+
+class Sweep : public testing::TestWithParam<tests::Container> {
+protected:
+    void Check(const Plan& plan)
+    {
+        const Played played(GetParam(), plan);
+        sites_.insert(played.sites.begin(), played.sites.end());
+        if (plan.fault) {
+            figures_.Count(*plan.fault, plan.deaf);
+        }
+        if (!played.difference.empty() && failures_++ < kShownFailures) {
+            ADD_FAILURE() << (plan.fault ? plan.fault->Text() : "without a fault") << "\n" << played.difference;
+        }
+    }
+
+    // Every call of the life that the expectation foresees, in every form.
+    void FailEachCall(const Life& life, bool alsoSticky);
+    // Every call of the tracing runtime.
+    void FailTracing(const Life& life, host::TraceRoutes routes);
+
+    static constexpr unsigned kShownFailures = 10;
+    unsigned failures_ = 0;
+    unsigned turn_ = 0;
+    std::set<Site> sites_;
+    Figures figures_;
+};
+FOR_ALL_CONTAINERS(Sweep);
+
+void Sweep::FailEachCall(const Life& life, bool alsoSticky)
+{
+    const Played whole(GetParam(), {.life = life});
+    sites_.insert(whole.sites.begin(), whole.sites.end());
+    ASSERT_EQ(whole.difference, "");
+    std::map<std::string, unsigned> indices;
+    std::size_t next = 0;  // of the calls that the host sees
+    for (const Call& call : whole.calls) {
+        const bool isDriver = call.function == "WdfGetDriver";
+        // The driver object is looked up without a call: it is hidden from the call before the one that follows.
+        const std::uint64_t hideAt = isDriver ? whole.numbers[next] - 1 : 0;
+        next += isDriver ? 0 : 1;
+        const unsigned index = indices[call.function]++;
+        if (++turn_ % Stride() != 0) {
+            continue;
+        }
+        for (const Form form : call.forms) {
+            for (const bool sticky : alsoSticky ? std::vector{false, true} : std::vector{false}) {
+                Check({.life = life, .fault = Fault{call.function, index, sticky, form}, .hideAt = hideAt});
+            }
+        }
+    }
+}
+
+void Sweep::FailTracing(const Life& life, host::TraceRoutes routes)
+{
+    std::map<std::string, unsigned> counts;
+    const Plan plan{.life = life, .routes = routes, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
+                        counts[call.function] += KindOf(call.function) == Kind::kTracing ? 1 : 0;
+                    }};
+    const Played whole(GetParam(), plan);
+    ASSERT_EQ(whole.difference, "");
+    for (const auto& [function, count] : counts) {
+        for (unsigned index = 0; index < count; ++index) {
+            const bool writes = function == "EtwWrite" || function == "WmiTraceMessage";
+            const Form form = function == "MmGetSystemRoutineAddress" ? Form::kNull : Form::kError;
+            const bool isShort = writes && IsShort() && index % (10 * Stride()) != 0;
+            if (!isShort) {
+                Check({.life = life, .fault = Fault{function, index, false, form}, .routes = routes, .deaf = true});
+            }
+            if (!writes || index == 0) {
+                Check({.life = life, .fault = Fault{function, index, true, form}, .routes = routes, .deaf = true});
+            }
+        }
+    }
+}
+
+TEST_P(Sweep, EveryCallFails)
+{
+    const Life whole = WholeLife();
+    Lines functions;
+    std::set<std::string> paths;
+    const Played first(GetParam(),
+                       {.life = whole, .onCall = [&](const host::ObservedCall& call, host::Machine& machine) {
+                            EXPECT_TRUE(KindOf(call.function)) << call.function << " is in no table";
+                            functions.emplace_back(call.function);
+                            std::string path;
+                            for (const auto& name : host::checks::CallPath(machine.environment().modules)) {
+                                path += name + " > ";
+                            }
+                            paths.insert(path + call.function);
+                        }});
+    ASSERT_EQ(first.difference, "");
+    figures_.callCount = functions.size();
+    figures_.foreseenCallCount = first.calls.size();
+    figures_.paths = GetParam().name == std::string("native") ? paths.size() : 0;
+    // A call is named by its number: that means the same call on all containers.
+    Lines onNative;
+    const Played reference(tests::Containers().front(),
+                           {.life = whole, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
+                                onNative.emplace_back(call.function);
+                            }});
+    EXPECT_EQ(functions, onNative);
+
+    FailEachCall(whole, !IsShort());
+    for (const Life& life : {CommandToOneself(), CommandOfTheDeparted(), CommandToTheChanged()}) {
+        FailEachCall(life, false);
+    }
+    FailTracing(whole, host::TraceRoutes::kClassic);
+    FailTracing(LegacyLife(), host::TraceRoutes::kLegacy);
+
+    figures_.Write(GetParam().name, sites_);
+    if (Stride() == 1) {
+        EXPECT_EQ(figures_.Unreached(sites_), Lines{}) << "reporting sites that no life reached";
+    }
+    EXPECT_EQ(failures_, 0u);
+}
+
+}  // namespace
+}  // namespace sweep
