@@ -41,6 +41,7 @@ NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFD
         const std::lock_guard lock(framework.mutex);
         if (auto* key = framework.Resolve<KeyObject>(call, *handle, "Key")) {
             key->service = service;
+            key->writable = (access & kWriting) != 0;
         }
     }
     return status;
@@ -71,6 +72,25 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
     std::memcpy(value, found->data.data(), sizeof(ULONG));
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI RegistryAssignULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, ULONG value)
+{
+    const PlatformCall call("WdfRegistryAssignULong", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const auto* key = framework.Resolve<KeyObject>(call, handle, "Key");
+    if (key == nullptr || !Requires(call, name, "ValueName")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (!key->writable) {
+        return STATUS_ACCESS_DENIED;
+    }
+    framework.kernel.registry().SetDword(key->service, kernel::Narrow(*name), value);
     return STATUS_SUCCESS;
 }
 
