@@ -41,7 +41,6 @@ NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFD
         const std::lock_guard lock(framework.mutex);
         if (auto* key = framework.Resolve<KeyObject>(call, *handle, "Key")) {
             key->service = service;
-            key->writable = (access & kWriting) != 0;
         }
     }
     return status;
@@ -86,9 +85,6 @@ NTSTATUS NTAPI RegistryAssignULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE
     const auto* key = framework.Resolve<KeyObject>(call, handle, "Key");
     if (key == nullptr || !Requires(call, name, "ValueName")) {
         return STATUS_INVALID_PARAMETER;
-    }
-    if (!key->writable) {
-        return STATUS_ACCESS_DENIED;
     }
     framework.kernel.registry().SetDword(key->service, kernel::Narrow(*name), value);
     return STATUS_SUCCESS;

@@ -99,7 +99,6 @@ struct WorkItemObject final : Object {
 struct KeyObject final : Object {
     explicit KeyObject(DriverInstance* owner) : Object(ObjectType::kKey, owner) {}
     std::string service;
-    bool writable = false;
 };
 
 // Which C++ type stands behind a handle type.

@@ -14,7 +14,7 @@ public:
     SamplesLife(const std::filesystem::path& notifier, Timeline& timeline) : image_(notifier), timeline_(timeline)
     {
         machine_.environment().onDebugPrint = [this](const std::string& line, const void* caller) {
-            timeline_.Add({EntryKind::kReport, machine_.ServiceAt(caller), "", line.substr(0, line.find('\n')), "", true});
+            Print(machine_.ServiceAt(caller), line.substr(0, line.find('\n')));
         };
         // The same image is a client twice, with an identity of its own each time.
         machine_.SetRegistryValue("client_1", "ClientNumber", 1);
@@ -26,12 +26,14 @@ public:
 
     bool Run()
     {
-        Note("Two peers come before the Notifier: nothing to join yet");
-        host::Driver& crashDump = Boot("crashdump", "zepn_crashdump");
+        Note("A client comes before the Notifier: nothing to join yet");
         host::Driver& client1 = Boot("client_1", "zepn_client");
 
-        Note("The Notifier comes: its interfaces arrive, and both join");
+        Note("The Notifier comes: its interfaces arrive, and the client joins");
         host::Driver* notifier = &BootNotifier();
+
+        Note("The crash-dump driver comes, and asks who is there");
+        host::Driver& crashDump = Boot("crashdump", "zepn_crashdump");
 
         Note("Another client comes late; client 1 sees it come up and asks it for a dump");
         host::Driver& client2 = Boot("client_2", "zepn_client");
@@ -67,6 +69,14 @@ private:
     {
         timeline_.Add({EntryKind::kHeading, "", "", text, "", true});
         timeline_.BeginStep(++steps_);
+    }
+
+    // A driver's line begins with its name; the timeline tells that already.
+    void Print(const std::string& service, const std::string& line)
+    {
+        const std::size_t prefix = line.find(": ");
+        timeline_.Add({EntryKind::kReport, service, "", prefix == std::string::npos ? line : line.substr(prefix + 2), "",
+                       true});
     }
 
     void Step(const std::string& who, const std::string& whom, const std::string& what, NTSTATUS status)
