@@ -181,8 +181,14 @@ HOST_EXPORT NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_
             call.Violation(Rule::kBadParameter, "no driver object of a loaded driver, or a required pointer is null");
             return STATUS_INVALID_PARAMETER;
         }
-        *registration = {framework.nextPlugPlayEntry += 16, *static_cast<const GUID*>(data), routine, context, driver,
-                         call.caller(), false, {}};
+        *registration = {framework.nextPlugPlayEntry += 16,
+                         *static_cast<const GUID*>(data),
+                         routine,
+                         context,
+                         driver,
+                         call.caller(),
+                         false,
+                         {}};
         framework.plugPlayRegistrations.push_back(registration);
         *entry = reinterpret_cast<PVOID>(registration->entry);
         if ((flags & PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES) != 0) {

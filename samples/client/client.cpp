@@ -41,7 +41,7 @@ static EVT_WDF_DEVICE_PREPARE_HARDWARE ClientPrepareHardware;
 static EVT_WDF_DEVICE_RELEASE_HARDWARE ClientReleaseHardware;
 static EVT_WDF_WORKITEM ClientWork;
 
-#define SAY(client, format, ...) \
+#define SAY(client, format, ...)                                                                                       \
     DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_INFO_LEVEL, "%s: " format "\n", (client)->Name __VA_OPT__(, ) __VA_ARGS__)
 
 static NTSTATUS PostState(CLIENT_CONTEXT* client, ULONG state)

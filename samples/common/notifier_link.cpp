@@ -191,11 +191,10 @@ NTSTATUS NotifierLinkCreate(NOTIFIER_LINK* link, WDFDEVICE device)
 NTSTATUS NotifierLinkStart(NOTIFIER_LINK* link)
 {
     // With existing interfaces: a Notifier that came first is found as one that comes later is.
-    return IoRegisterPlugPlayNotification(EventCategoryDeviceInterfaceChange,
-                                          PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES,
-                                          const_cast<GUID*>(link->InterfaceGuid),
-                                          WdfDriverWdmGetDriverObject(WdfGetDriver()), LinkInterfaceChanged, link,
-                                          &link->Notification);
+    return IoRegisterPlugPlayNotification(
+        EventCategoryDeviceInterfaceChange, PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES,
+        const_cast<GUID*>(link->InterfaceGuid), WdfDriverWdmGetDriverObject(WdfGetDriver()), LinkInterfaceChanged, link,
+        &link->Notification);
 }
 
 VOID NotifierLinkStop(NOTIFIER_LINK* link)

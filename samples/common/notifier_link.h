@@ -27,7 +27,7 @@ typedef struct _NOTIFIER_LINK {
     PINTERFACE Table;           // receives the table
     USHORT TableSize;           // bytes
     USHORT TableVersion;
-    const char* Name;           // for what is printed
+    const char* Name;  // for what is printed
     EVT_NOTIFIER_LINK_JOIN* Join;
     EVT_NOTIFIER_LINK_LEAVE* Leave;
 

@@ -23,7 +23,7 @@ static EVT_WDF_DRIVER_DEVICE_ADD CrashDumpDeviceAdd;
 static EVT_WDF_DEVICE_PREPARE_HARDWARE CrashDumpPrepareHardware;
 static EVT_WDF_DEVICE_RELEASE_HARDWARE CrashDumpReleaseHardware;
 
-#define SAY(format, ...) \
+#define SAY(format, ...)                                                                                               \
     DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_INFO_LEVEL, "crash dump: " format "\n" __VA_OPT__(, ) __VA_ARGS__)
 
 static VOID Describe(const char* how, const ZEP_SUBSYSTEM_DESCRIPTOR* descriptor)

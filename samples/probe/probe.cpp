@@ -223,8 +223,8 @@ NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath)
     OpenAnswers();
     Answer(L"Driver.HandleBeforeCreate", hadHandle);
     Answer(L"Driver.ConfigSize", (ULONG)wrongSize);
-    Answer(L"Driver.SecondCreate", (ULONG)WdfDriverCreate(driverObject, registryPath, WDF_NO_OBJECT_ATTRIBUTES, &config,
-                                                          WDF_NO_HANDLE));
+    Answer(L"Driver.SecondCreate",
+           (ULONG)WdfDriverCreate(driverObject, registryPath, WDF_NO_OBJECT_ATTRIBUTES, &config, WDF_NO_HANDLE));
     Answer(L"Driver.TagIsOurs", WdfDriverGlobals->DriverTag == PROBE_POOL_TAG);
     Answer(L"Driver.UnloadIsDisplaced", WdfDriverGlobals->DisplaceDriverUnload != FALSE);
     CloseAnswers();

@@ -70,6 +70,36 @@ TEST_P(Samples, ClientThatGoesAtOnceLeavesNothing)
     EXPECT_TRUE(machine.PoolInUse().empty());
 }
 
+// Arrivals, work and removals on real threads at once: the Notifier comes and goes under clients that follow it.
+TEST_P(Samples, FollowTheNotifierOnRealThreads)
+{
+    host::MachineOptions options;
+    options.workItems = host::WorkItems::kThreads;
+    host::Machine machine(options);
+    std::vector<host::Driver*> peers;
+    for (const char* sample : {"zepn_client", "zepn_crashdump"}) {
+        peers.push_back(&machine.Boot(play::SampleImage(GetParam().image, sample), sample));
+    }
+    for (unsigned round = 0; round < 20; ++round) {
+        host::Driver& notifier = machine.Boot(GetParam().image, "zepn");
+        if (round % 2 == 0) {
+            machine.WaitForWorkItems();
+        }
+        notifier.SurpriseRemoveDevice();
+        machine.WaitForWorkItems();
+        EXPECT_FALSE(notifier.RemoveDevice().parked);
+        notifier.Unload();
+    }
+    for (host::Driver* peer : peers) {
+        peer->SurpriseRemoveDevice();
+        EXPECT_FALSE(peer->RemoveDevice().parked);
+        peer->Unload();
+    }
+    for (const auto& violation : machine.violations().Take()) {
+        ADD_FAILURE() << violation.Text();
+    }
+}
+
 // An open target holds the device: the removal waits for the client, and the client's own failing steps close it.
 TEST_P(Samples, FailedJoinLetsTheNotifierGo)
 {

@@ -75,8 +75,8 @@ private:
     void Print(const std::string& service, const std::string& line)
     {
         const std::size_t prefix = line.find(": ");
-        timeline_.Add({EntryKind::kReport, service, "", prefix == std::string::npos ? line : line.substr(prefix + 2), "",
-                       true});
+        timeline_.Add(
+            {EntryKind::kReport, service, "", prefix == std::string::npos ? line : line.substr(prefix + 2), "", true});
     }
 
     void Step(const std::string& who, const std::string& whom, const std::string& what, NTSTATUS status)
