@@ -51,11 +51,15 @@ NTSTATUS OpenOn(Framework& framework, IoTargetObject& target, DeviceObject& devi
     if (file == nullptr) {
         return NT_SUCCESS(result.status) ? STATUS_UNSUCCESSFUL : result.status;
     }
-    const std::lock_guard lock(framework.mutex);
+    std::unique_lock lock(framework.mutex);
     target.state = State::kOpen;
     target.device = &device;
     target.file = file;
-    return STATUS_SUCCESS;
+    if (device.stage != DeviceStage::kSurpriseRemoved) {
+        return STATUS_SUCCESS;  // a removal from now on is told to this target
+    }
+    CloseTarget(framework, lock, target, State::kClosed);
+    return STATUS_NO_SUCH_DEVICE;
 }
 
 void Close(Framework& framework, IoTargetObject& target, State state)
@@ -214,8 +218,15 @@ NTSTATUS NTAPI IoTargetOpen(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle, PWDF_IO_TAR
             call.Violation(Rule::kNotProvided, "this host opens targets by name only");
             return STATUS_NOT_IMPLEMENTED;
         }
+        if (device == nullptr) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        }
+        framework.Reference(*device);
     }
-    return device == nullptr ? STATUS_OBJECT_NAME_NOT_FOUND : OpenOn(framework, *target, *device);
+    const NTSTATUS status = OpenOn(framework, *target, *device);
+    std::unique_lock lock(framework.mutex);
+    framework.Dereference(lock, *device);
+    return status;
 }
 
 void NTAPI IoTargetCloseForQueryRemove(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle)
