@@ -1,21 +1,10 @@
-# The driver image: zepn.sys with its PDB and link map, byte-identical for equal commits wherever it is built.
+# Driver images: <name>.sys with its PDB and link map, byte-identical for equal commits wherever it is built.
 #
 # No path of this machine may reach the outputs: names are relative, the compiler's command line is not recorded, and
 # what the linker records of its folder is fixed.
 
 set(CMAKE_CXX_FLAGS "")
 set(CMAKE_CXX_FLAGS_RELEASE "")
-add_library(zepn_objects OBJECT ${ZEPN_DRIVER_SOURCES} ${ZEPN_PLATFORM_SOURCES} platform/windows/guard.cpp)
-add_dependencies(zepn_objects build_stamp)
-target_include_directories(zepn_objects PRIVATE platform/include)
-target_compile_options(zepn_objects PRIVATE
-    # Not -ffreestanding: small copies and comparisons are then calls instead of a few instructions.
-    --target=${ZEPN_TARGET_TRIPLE} -O2 -fno-exceptions -fno-rtti -fno-threadsafe-statics
-    -fasynchronous-unwind-tables  # the kernel unwinds by them
-    -g -gcodeview -gno-codeview-command-line
-    -ffile-compilation-dir=. -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
-    -Xclang -cfguard
-    ${ZEPN_DRIVER_WARNINGS})
 # The memory routines must not become calls of themselves.
 set_source_files_properties(platform/windows/memory.cpp PROPERTIES COMPILE_OPTIONS -fno-builtin)
 
@@ -25,23 +14,50 @@ foreach(module ntoskrnl wdfldr)
                 -l ${module}.lib
         DEPENDS ${CMAKE_SOURCE_DIR}/platform/windows/${module}.def VERBATIM)
 endforeach()
-
-# Relative to the build folder, where the link runs.
-set(object_names ${ZEPN_DRIVER_SOURCES} ${ZEPN_PLATFORM_SOURCES} platform/windows/guard.cpp)
-list(TRANSFORM object_names PREPEND CMakeFiles/zepn_objects.dir/)
-list(TRANSFORM object_names APPEND ${CMAKE_CXX_OUTPUT_EXTENSION})
-
-add_custom_command(OUTPUT zepn.sys zepn.pdb zepn.map
-    COMMAND lld-link-19 /nologo /driver /driver:wdm /subsystem:native,10.0 /machine:${ZEPN_IMAGE_MACHINE}
-            /entry:FxDriverEntry /nodefaultlib /opt:ref /opt:noicf /guard:cf /release /Brepro
-            /debug /pdb:zepn.pdb /pdbaltpath:%_PDB% /pdbsourcepath:C:\\src /lldmap:zepn.map /out:zepn.sys
-            ${object_names} ntoskrnl.lib wdfldr.lib
-    DEPENDS zepn_objects $<TARGET_OBJECTS:zepn_objects> ntoskrnl.lib wdfldr.lib
-    WORKING_DIRECTORY ${CMAKE_BINARY_DIR} VERBATIM)
+add_custom_target(import_libraries DEPENDS ntoskrnl.lib wdfldr.lib)
 
 set(ZEPN_OUT ${CMAKE_SOURCE_DIR}/out/${ZEPN_IMAGE_MACHINE})
-add_custom_target(image ALL
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${ZEPN_OUT}
-    COMMAND ${CMAKE_COMMAND} -E copy_if_different zepn.sys zepn.pdb zepn.map ${ZEPN_OUT}
-    DEPENDS zepn.sys zepn.pdb zepn.map VERBATIM)
+
+# zepn_add_image(target name source...): <target> makes out/<machine>/<name>.sys, .pdb and .map. Sources are relative to
+# the root; what the WDK would link is added.
+function(zepn_add_image target name)
+    set(sources ${ARGN} ${ZEPN_PLATFORM_SOURCES} platform/windows/guard.cpp)
+    add_library(${name}_objects OBJECT EXCLUDE_FROM_ALL ${sources})
+    target_include_directories(${name}_objects PRIVATE platform/include)
+    target_compile_options(${name}_objects PRIVATE
+        # Not -ffreestanding: small copies and comparisons are then calls instead of a few instructions.
+        --target=${ZEPN_TARGET_TRIPLE} -O2 -fno-exceptions -fno-rtti -fno-threadsafe-statics
+        -fasynchronous-unwind-tables  # the kernel unwinds by them
+        -g -gcodeview -gno-codeview-command-line
+        -ffile-compilation-dir=. -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+        -Xclang -cfguard
+        ${ZEPN_DRIVER_WARNINGS})
+
+    # Relative to the build folder, where the link runs.
+    list(TRANSFORM sources PREPEND CMakeFiles/${name}_objects.dir/ OUTPUT_VARIABLE object_names)
+    list(TRANSFORM object_names APPEND ${CMAKE_CXX_OUTPUT_EXTENSION})
+    add_custom_command(OUTPUT ${name}.sys ${name}.pdb ${name}.map
+        COMMAND lld-link-19 /nologo /driver /driver:wdm /subsystem:native,10.0 /machine:${ZEPN_IMAGE_MACHINE}
+                /entry:FxDriverEntry /nodefaultlib /opt:ref /opt:noicf /guard:cf /release /Brepro
+                /debug /pdb:${name}.pdb /pdbaltpath:%_PDB% /pdbsourcepath:C:\\src /lldmap:${name}.map /out:${name}.sys
+                ${object_names} ntoskrnl.lib wdfldr.lib
+        DEPENDS ${name}_objects $<TARGET_OBJECTS:${name}_objects> import_libraries ntoskrnl.lib wdfldr.lib
+        WORKING_DIRECTORY ${CMAKE_BINARY_DIR} VERBATIM)
+    add_custom_target(${target}
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${ZEPN_OUT}
+        COMMAND ${CMAKE_COMMAND} -E copy_if_different ${name}.sys ${name}.pdb ${name}.map ${ZEPN_OUT}
+        DEPENDS ${name}.sys ${name}.pdb ${name}.map VERBATIM)
+endfunction()
+
+add_custom_target(all_images ALL)
+zepn_add_image(image zepn ${ZEPN_DRIVER_SOURCES})
+add_dependencies(zepn_objects build_stamp)
+add_dependencies(all_images image)
 include(bench/image.cmake)
+
+# Built on demand.
+add_custom_target(samples)
+foreach(sample ${ZEPN_SAMPLES})
+    zepn_add_image(${sample}_image ${sample} ${${sample}_SOURCES})
+    add_dependencies(samples ${sample}_image)
+endforeach()

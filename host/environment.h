@@ -73,6 +73,9 @@ public:
     // Called for every platform call before it acts; empty by default. Set only while no driver code runs.
     std::function<void(const ObservedCall&)> observer;
 
+    // Called for every line that a driver prints for the debugger, with the address that printed it; empty by default.
+    std::function<void(const std::string& line, const void* caller)> onDebugPrint;
+
     void Report(checks::Rule rule, std::string function, std::string message, const void* caller);
 };
 

@@ -3,6 +3,7 @@
 #include "host/checks/crash.h"
 #include "host/framework/devices.h"
 #include "host/framework/driver_life.h"
+#include "host/framework/plug_play.h"
 
 #include <cstdio>
 
@@ -55,7 +56,7 @@ NTSTATUS Driver::QueryStopDevice()
 
 NTSTATUS Driver::QueryRemoveDevice()
 {
-    return QueryStopDevice();
+    return framework::QueryRemove(Framework::Current(), NewestDevice(instance_));
 }
 
 NTSTATUS Driver::Sleep()
@@ -242,6 +243,11 @@ void Machine::SetRegistryString(const std::string& serviceName, const std::strin
     kernel_->registry().SetString(serviceName, name, value);
 }
 
+std::vector<RegistryNumber> Machine::RegistryNumbers(const std::string& serviceName) const
+{
+    return kernel_->registry().Numbers(serviceName);
+}
+
 void Machine::RemoveRegistryKey(const std::string& serviceName)
 {
     kernel_->registry().RemoveParameters(serviceName);
@@ -298,6 +304,23 @@ Outcome Machine::OnThread(const std::string& name, const std::function<void()>& 
 void Machine::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2)
 {
     kernel_->NotifyPowerState(argument1, argument2);
+}
+
+std::vector<std::string> Machine::DebugOutput() const
+{
+    return kernel_->DebugOutput();
+}
+
+std::string Machine::ServiceAt(const void* address) const
+{
+    const std::lock_guard lock(framework_->mutex);
+    for (const auto& instance : framework_->instances) {
+        const auto* base = static_cast<const char*>(instance->imageBase);
+        if (instance->image != nullptr && address >= base && address < base + instance->imageSizeBytes) {
+            return instance->service;
+        }
+    }
+    return {};
 }
 
 std::vector<std::int64_t> Machine::Delays() const

@@ -14,6 +14,7 @@
 
 #include "host/environment.h"
 #include "host/framework/view.h"
+#include "host/kernel/registry.h"
 #include "host/results.h"
 #include "host/schedule/threads.h"
 #include "host/tracing/tracing.h"
@@ -42,6 +43,8 @@ struct DriverInstance;
 struct FileObjectObject;
 }
 
+using kernel::RegistryNumber;
+
 class Machine;
 
 // A loaded driver. References stay valid until the machine goes, also after Unload.
@@ -56,7 +59,7 @@ public:
     NTSTATUS AddDevice();
     NTSTATUS StartDevice();
     NTSTATUS QueryStopDevice();
-    NTSTATUS QueryRemoveDevice();
+    NTSTATUS QueryRemoveDevice();   // asks also those who hold the device open
     NTSTATUS Sleep();               // D0Exit(D3)
     NTSTATUS Wake();                // D0Entry(D3)
     void SurpriseRemoveDevice();    // the surprise-removal half; the device answers on until RemoveDevice
@@ -122,6 +125,8 @@ public:
     // Registry: values below HKLM\...\Services\<service>\Parameters. SetValue creates the key.
     void SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value);
     void SetRegistryString(const std::string& serviceName, const std::string& name, const std::string& value);
+    // The numbers below the key, in the order in which they were first written.
+    [[nodiscard]] std::vector<RegistryNumber> RegistryNumbers(const std::string& serviceName) const;
     void RemoveRegistryKey(const std::string& serviceName);
 
     // Work items (pumped mode). Each callback runs on a worker thread of the host while the caller waits; one that
@@ -140,6 +145,10 @@ public:
 
     // \Callback\PowerState: notifies every registered routine in order, on the calling thread.
     void NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2);
+
+    // What drivers printed for the debugger, and whose code lies at an address (empty: nobody's).
+    [[nodiscard]] std::vector<std::string> DebugOutput() const;
+    [[nodiscard]] std::string ServiceAt(const void* address) const;
 
     // Delays that driver code asked for since boot, in 100 ns units as given (negative: relative).
     [[nodiscard]] std::vector<std::int64_t> Delays() const;

@@ -1,6 +1,7 @@
 // A device's life as plug and play drives it: add, start, sleep, wake, surprise removal, removal.
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
+#include "host/framework/plug_play.h"
 
 namespace host::framework {
 
@@ -50,7 +51,7 @@ void SetAllInterfaces(Framework& framework, DeviceObject& device, bool enabled)
 {
     const std::lock_guard lock(framework.mutex);
     for (DeviceInterface& interface : device.interfaces) {
-        interface.enabled = enabled;
+        SetInterface(framework, device, interface, enabled);
     }
 }
 
@@ -148,6 +149,7 @@ void SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
     DropSymbolicLink(framework, device);
     Purge(framework, device, true);
     device.stage = DeviceStage::kSurpriseRemoved;
+    TellRemoveComplete(framework, device);
 }
 
 void RemoveDevice(Framework& framework, DeviceObject& device)
@@ -158,6 +160,7 @@ void RemoveDevice(Framework& framework, DeviceObject& device)
         }
         CallReleaseHardware(framework, device);
         SetAllInterfaces(framework, device, false);
+        TellRemoveComplete(framework, device);
     }
     EndDevice(framework, device);
 }

@@ -120,5 +120,14 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
     return STATUS_SUCCESS;
 }
 
+PDRIVER_OBJECT NTAPI DriverWdmGetDriverObject(PWDF_DRIVER_GLOBALS, WDFDRIVER handle)
+{
+    const PlatformCall call("WdfDriverWdmGetDriverObject", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const auto* driver = framework.Resolve<DriverObject>(call, handle, "Driver");
+    return driver == nullptr ? nullptr : &driver->driver->driverObject;
+}
+
 }  // namespace functions
 }  // namespace host::framework

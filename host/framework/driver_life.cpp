@@ -1,8 +1,8 @@
 #include "host/framework/driver_life.h"
 
 #include "host/framework/devices.h"
-
-#include <cstring>
+#include "host/framework/plug_play.h"
+#include "host/kernel/guarded_string.h"
 
 namespace host::framework {
 namespace {
@@ -11,40 +11,6 @@ using checks::Rule;
 using Entry = NTSTATUS(NTAPI*)(PDRIVER_OBJECT, PUNICODE_STRING);
 
 constexpr SHORT kDriverObjectType = 4;
-
-std::u16string Wide(const std::string& text)
-{
-    return {text.begin(), text.end()};
-}
-
-// A counted string in memory that becomes inaccessible with it: the system's registry path dies when entry returns.
-class GuardedString {
-public:
-    GuardedString(kernel::GuardedMemory& memory, const std::string& text) : memory_(memory)
-    {
-        const std::u16string wide = Wide(text);
-        const std::size_t bytes = (wide.size() + 1) * sizeof(WCHAR);
-        auto* buffer = static_cast<WCHAR*>(memory.Allocate(bytes, sizeof(WCHAR)));
-        std::memcpy(buffer, wide.c_str(), bytes);
-        string_ = static_cast<UNICODE_STRING*>(memory.Allocate(sizeof(UNICODE_STRING), alignof(UNICODE_STRING)));
-        *string_ = {static_cast<USHORT>(wide.size() * sizeof(WCHAR)), static_cast<USHORT>(bytes), buffer};
-        buffer_ = buffer;
-    }
-    ~GuardedString()
-    {
-        (void)memory_.Free(buffer_);
-        (void)memory_.Free(string_);
-    }
-    GuardedString(const GuardedString&) = delete;
-    GuardedString& operator=(const GuardedString&) = delete;
-
-    [[nodiscard]] UNICODE_STRING* get() const { return string_; }
-
-private:
-    kernel::GuardedMemory& memory_;
-    WCHAR* buffer_;
-    UNICODE_STRING* string_;
-};
 
 void PrepareDriverObject(DriverInstance& instance)
 {
@@ -67,6 +33,7 @@ void EndImage(Framework& framework, tracing::Tracing& tracing, DriverInstance& i
         framework.environment.Report(Rule::kLeak, "unload", "the driver is still bound to the framework", base);
         Unbind(framework, instance);
     }
+    ReportRegistrationsLeft(framework, instance);
     framework.ReportObjectsLeft(instance);
     framework.kernel.ReportLeaksOf(base, sizeBytes);
     tracing.ReportLeaksOf(base, sizeBytes);
@@ -99,7 +66,7 @@ DriverInstance& LoadDriver(Framework& framework, tracing::Tracing& tracing, cons
         framework.instances.push_back(std::move(made));
     }
     {
-        const GuardedString path(framework.kernel.contextMemory(),
+        const kernel::GuardedString path(framework.kernel.contextMemory(),
                                  "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\" + service);
         const auto entry = reinterpret_cast<Entry>(instance.image->entry());
         instance.entryStatus = framework.Guarded("DriverEntry", instance.image->entry(),

@@ -1,6 +1,7 @@
 #include "host/framework/framework.h"
 
 #include "host/framework/devices.h"
+#include "host/framework/plug_play.h"
 
 namespace host::framework {
 namespace {
@@ -14,6 +15,7 @@ Framework::Framework(Environment& machineEnvironment, kernel::Kernel& machineKer
 {
     g_current = this;
     RegisterLoaderExports();
+    RegisterPlugPlayExports();
     environment.faults.onHideDriver = [this](bool hide) { HideDriverHandles(hide); };
     if (environment.options.workItems == WorkItems::kThreads) {
         StartWorkers();

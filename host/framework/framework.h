@@ -27,6 +27,7 @@
 namespace host::framework {
 
 struct DeviceObject;
+struct PlugPlayRegistration;
 
 struct InterfaceChangeRecord {
     GUID interfaceClass;
@@ -143,6 +144,11 @@ public:
     // ---- Names and devices ----
 
     std::set<std::string> names;  // devices and symbolic links, lower case
+
+    // ---- Who hears of device interfaces (plug_play.cpp) ----
+
+    std::list<std::shared_ptr<PlugPlayRegistration>> plugPlayRegistrations;
+    std::uintptr_t nextPlugPlayEntry = 0xFFFFC00000001000;  // never a usable address
 
     // ---- Work items (work_items.cpp) ----
 

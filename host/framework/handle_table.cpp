@@ -39,6 +39,8 @@ const char* Name(ObjectType type)
         return "wait lock";
     case ObjectType::kWorkItem:
         return "work item";
+    case ObjectType::kIoTarget:
+        return "I/O target";
     case ObjectType::kKey:
         return "registry key";
     case ObjectType::kGeneral:

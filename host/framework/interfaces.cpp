@@ -1,6 +1,7 @@
 // Device interface classes, and the query interfaces by which peer drivers get function tables.
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
+#include "host/framework/plug_play.h"
 
 #include <algorithm>
 #include <cstring>
@@ -100,7 +101,7 @@ void NTAPI DeviceSetDeviceInterfaceState(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, 
     for (DeviceInterface& interface : device->interfaces) {
         if (SameGuid(interface.interfaceClass, *interfaceClass) &&
             interface.referenceString == TextOf(referenceString)) {
-            interface.enabled = enable != FALSE;
+            SetInterface(framework, *device, interface, enable != FALSE);
             device->driver->interfaceChanges.push_back({*interfaceClass, enable != FALSE});
             return;
         }

@@ -74,6 +74,22 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
     return STATUS_SUCCESS;
 }
 
+NTSTATUS NTAPI RegistryAssignULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, ULONG value)
+{
+    const PlatformCall call("WdfRegistryAssignULong", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const auto* key = framework.Resolve<KeyObject>(call, handle, "Key");
+    if (key == nullptr || !Requires(call, name, "ValueName")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    framework.kernel.registry().SetDword(key->service, kernel::Narrow(*name), value);
+    return STATUS_SUCCESS;
+}
+
 void NTAPI RegistryClose(PWDF_DRIVER_GLOBALS, WDFKEY handle)
 {
     const PlatformCall call("WdfRegistryClose", HOST_CALLER, PASSIVE_LEVEL);

@@ -3,6 +3,7 @@
 // Deleting an object disposes its children, each one's subtree first, runs its own clean-up, and then lets children and
 // object give up their creation references. References postpone only the last step for the object they are on.
 #include "host/framework/functions.h"
+#include "host/framework/plug_play.h"
 
 namespace host::framework {
 
@@ -35,6 +36,8 @@ void Framework::Dispose(std::unique_lock<std::mutex>& lock, Object& object)
         DisposeWorkItem(lock, static_cast<WorkItemObject&>(object));
     } else if (object.type == ObjectType::kQueue) {
         DisposeQueue(lock, object);
+    } else if (object.type == ObjectType::kIoTarget) {
+        CloseTarget(*this, lock, static_cast<IoTargetObject&>(object), IoTargetObject::State::kClosed);
     }
     for (Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
         if (!child->deleted) {
@@ -109,6 +112,7 @@ bool Framework::EndsAtPassiveLevel(const Object& object) const
     case ObjectType::kQueue:
     case ObjectType::kFileObject:
     case ObjectType::kWorkItem:
+    case ObjectType::kIoTarget:
         return true;
     default:
         break;

@@ -44,7 +44,6 @@ constexpr EntryName kAbsent[] = {
     {84, "WdfDeviceSetPowerCapabilities"},
     {87, "WdfDeviceSetFailed"},
     {117, "WdfDriverGetRegistryPath"},
-    {118, "WdfDriverWdmGetDriverObject"},
     {120, "WdfWdmDriverGetWdfDriverHandle"},
     {122, "WdfDriverRetrieveVersionString"},
     {123, "WdfDriverIsVersionAvailable"},
@@ -58,17 +57,11 @@ constexpr EntryName kAbsent[] = {
     {155, "WdfIoQueueStop"},
     {163, "WdfIoQueueDrain"},
     {165, "WdfIoQueuePurge"},
-    {167, "WdfIoTargetCreate"},
-    {168, "WdfIoTargetOpen"},
-    {169, "WdfIoTargetCloseForQueryRemove"},
-    {170, "WdfIoTargetClose"},
-    {177, "WdfIoTargetQueryForInterface"},
     {209, "WdfObjectQuery"},
     {229, "WdfRegistryOpenKey"},
     {230, "WdfRegistryCreateKey"},
     {232, "WdfRegistryWdmGetHandle"},
     {235, "WdfRegistryQueryValue"},
-    {246, "WdfRegistryAssignULong"},
     {264, "WdfRequestCompleteWithPriorityBoost"},
     {266, "WdfRequestGetParameters"},
     {269, "WdfRequestRetrieveInputBuffer"},
@@ -153,6 +146,8 @@ void ProvideDevices(Table& table)
     PROVIDE(WdfDriverOpenParametersRegistryKey, DriverOpenParametersRegistryKey);
     PROVIDE(WdfRegistryQueryULong, RegistryQueryULong);
     PROVIDE(WdfRegistryClose, RegistryClose);
+    PROVIDE(WdfRegistryAssignULong, RegistryAssignULong);
+    PROVIDE(WdfDriverWdmGetDriverObject, DriverWdmGetDriverObject);
     PROVIDE(WdfDeviceInitSetIoType, DeviceInitSetIoType);
     PROVIDE(WdfDeviceInitAssignName, DeviceInitAssignName);
     PROVIDE(WdfDeviceInitSetPnpPowerEventCallbacks, DeviceInitSetPnpPowerEventCallbacks);
@@ -171,6 +166,11 @@ void ProvideDevices(Table& table)
     PROVIDE(WdfRequestCompleteWithInformation, RequestCompleteWithInformation);
     PROVIDE(WdfRequestGetFileObject, RequestGetFileObject);
     PROVIDE(WdfRequestGetIoQueue, RequestGetIoQueue);
+    PROVIDE(WdfIoTargetCreate, IoTargetCreate);
+    PROVIDE(WdfIoTargetOpen, IoTargetOpen);
+    PROVIDE(WdfIoTargetCloseForQueryRemove, IoTargetCloseForQueryRemove);
+    PROVIDE(WdfIoTargetClose, IoTargetClose);
+    PROVIDE(WdfIoTargetQueryForInterface, IoTargetQueryForInterface);
 }
 #undef PROVIDE
 

@@ -19,7 +19,7 @@
 namespace host::framework {
 
 enum class ObjectType { kDriver, kDevice, kQueue, kRequest, kFileObject, kCollection, kWaitLock, kWorkItem, kKey,
-                        kGeneral };
+                        kIoTarget, kGeneral };
 
 [[nodiscard]] const char* Name(ObjectType type);
 

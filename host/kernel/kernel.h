@@ -33,6 +33,7 @@ struct PoolBlock {
     std::uint32_t tag;
     bool paged;
     const void* caller;  // where in the image it was allocated
+    bool bySystem = false;  // on the driver's behalf: the driver frees it without its tag
 };
 
 struct CallbackRegistration {

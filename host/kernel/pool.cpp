@@ -40,7 +40,7 @@ __attribute__((visibility("default"), used)) PVOID NTAPI ExAllocatePoolWithTag(P
     Kernel& kernel = Kernel::Current();
     void* address = kernel.poolMemory.Allocate(size, size >= kPage ? kPage : kAlignment, false);
     const std::lock_guard lock(kernel.mutex);
-    kernel.pool[address] = {size, tag, paged, call.caller()};
+    kernel.pool[address] = {size, tag, paged, call.caller(), false};
     return address;
 }
 
@@ -63,7 +63,7 @@ __attribute__((visibility("default"), used)) VOID NTAPI ExFreePoolWithTag(PVOID 
         call.Violation(Rule::kPoolBadFree, "the address is no pool block that is in use");
         return;
     }
-    if (block.tag != tag) {
+    if (block.tag != tag && !(block.bySystem && tag == 0)) {
         call.Violation(Rule::kPoolWrongTag,
                        "a block with tag " + Quoted(block.tag) + " is freed with tag " + Quoted(tag));
     }

@@ -20,8 +20,7 @@ void Registry::SetDword(const std::string& service, const std::string& name, std
 {
     RegistryValue entry{kTypeDword, std::vector<std::byte>(sizeof(value))};
     std::memcpy(entry.data.data(), &value, sizeof(value));
-    const std::lock_guard lock(mutex_);
-    parameters_[Key(service)][Key(name)] = std::move(entry);
+    Set(service, name, std::move(entry));
 }
 
 void Registry::SetString(const std::string& service, const std::string& name, const std::string& text)
@@ -31,8 +30,36 @@ void Registry::SetString(const std::string& service, const std::string& name, co
         entry.data.push_back(static_cast<std::byte>(letter));
         entry.data.push_back(std::byte{0});
     }
+    Set(service, name, std::move(entry));
+}
+
+void Registry::Set(const std::string& service, const std::string& name, RegistryValue value)
+{
     const std::lock_guard lock(mutex_);
-    parameters_[Key(service)][Key(name)] = std::move(entry);
+    RegistryValue& entry = parameters_[Key(service)][Key(name)];
+    value.name = entry.name.empty() ? name : entry.name;
+    value.serial = entry.name.empty() ? ++nextSerial_ : entry.serial;
+    entry = std::move(value);
+}
+
+std::vector<RegistryNumber> Registry::Numbers(const std::string& service) const
+{
+    const std::lock_guard lock(mutex_);
+    std::map<std::uint64_t, RegistryNumber> bySerial;
+    if (const auto key = parameters_.find(Key(service)); key != parameters_.end()) {
+        for (const auto& [lowerCaseName, value] : key->second) {
+            if (value.type == kTypeDword && value.data.size() == sizeof(std::uint32_t)) {
+                RegistryNumber& number = bySerial[value.serial];
+                number.name = value.name;
+                std::memcpy(&number.value, value.data.data(), sizeof(number.value));
+            }
+        }
+    }
+    std::vector<RegistryNumber> numbers;
+    for (auto& [serial, number] : bySerial) {
+        numbers.push_back(std::move(number));
+    }
+    return numbers;
 }
 
 void Registry::CreateParameters(const std::string& service)

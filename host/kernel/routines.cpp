@@ -134,8 +134,13 @@ HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrintEx(ULONG, ULONG, PCSTR format, ...)
     __builtin_ms_va_end(arguments);
     const PlatformCall call("DbgPrintEx", HOST_CALLER, DISPATCH_LEVEL);
     Kernel& kernel = Kernel::Current();
-    const std::lock_guard lock(kernel.mutex);
-    kernel.debugOutput.push_back(line);
+    {
+        const std::lock_guard lock(kernel.mutex);
+        kernel.debugOutput.push_back(line);
+    }
+    if (kernel.environment.onDebugPrint) {
+        kernel.environment.onDebugPrint(line, call.caller());
+    }
     return 0;
 }
 

@@ -259,6 +259,54 @@ NTSYSAPI ULONG NTAPI_VARIADIC DbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR F
 NTKERNELAPI DECLSPEC_NORETURN VOID NTAPI KeBugCheckEx(ULONG BugCheckCode, ULONG_PTR Parameter1, ULONG_PTR Parameter2,
                                                       ULONG_PTR Parameter3, ULONG_PTR Parameter4);
 
+// ---- Plug and play, as peer drivers use it ----
+
+#define GENERIC_READ 0x80000000U
+#define GENERIC_WRITE 0x40000000U
+#define FILE_OPEN 0x00000001
+#define FILE_NON_DIRECTORY_FILE 0x00000040
+
+typedef enum _IO_NOTIFICATION_EVENT_CATEGORY {
+    EventCategoryReserved,
+    EventCategoryHardwareProfileChange,
+    EventCategoryDeviceInterfaceChange,
+    EventCategoryTargetDeviceChange
+} IO_NOTIFICATION_EVENT_CATEGORY;
+
+#define PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES 0x00000001
+
+typedef struct _DEVICE_INTERFACE_CHANGE_NOTIFICATION {
+    USHORT Version;
+    USHORT Size;
+    GUID Event;
+    GUID InterfaceClassGuid;
+    PUNICODE_STRING SymbolicLinkName;
+} DEVICE_INTERFACE_CHANGE_NOTIFICATION, *PDEVICE_INTERFACE_CHANGE_NOTIFICATION;
+PLATFORM_SIZE(DEVICE_INTERFACE_CHANGE_NOTIFICATION, 48);
+PLATFORM_LAYOUT(DEVICE_INTERFACE_CHANGE_NOTIFICATION, Event, 4);
+PLATFORM_LAYOUT(DEVICE_INTERFACE_CHANGE_NOTIFICATION, InterfaceClassGuid, 20);
+PLATFORM_LAYOUT(DEVICE_INTERFACE_CHANGE_NOTIFICATION, SymbolicLinkName, 40);
+
+typedef NTSTATUS(NTAPI DRIVER_NOTIFICATION_CALLBACK_ROUTINE)(PVOID NotificationStructure, PVOID Context);
+typedef DRIVER_NOTIFICATION_CALLBACK_ROUTINE* PDRIVER_NOTIFICATION_CALLBACK_ROUTINE;
+
+_IRQL_requires_max_(PASSIVE_LEVEL)
+NTKERNELAPI NTSTATUS NTAPI IoGetDeviceInterfaces(const GUID* InterfaceClassGuid, PDEVICE_OBJECT PhysicalDeviceObject,
+                                                 ULONG Flags, PWSTR* SymbolicLinkList);
+
+_IRQL_requires_max_(PASSIVE_LEVEL)
+NTKERNELAPI NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY EventCategory,
+                                                          ULONG EventCategoryFlags, PVOID EventCategoryData,
+                                                          PDRIVER_OBJECT DriverObject,
+                                                          PDRIVER_NOTIFICATION_CALLBACK_ROUTINE CallbackRoutine,
+                                                          PVOID Context, PVOID* NotificationEntry);
+
+_IRQL_requires_max_(PASSIVE_LEVEL)
+NTKERNELAPI NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID NotificationEntry);
+
+// What the system allocated for a driver goes back without its tag.
+#define ExFreePool(a) ExFreePoolWithTag(a, 0)
+
 // ---- Event tracing ----
 
 typedef VOID(NTAPI ETWENABLECALLBACK)(LPCGUID SourceId, ULONG ControlCode, UCHAR Level, ULONGLONG MatchAnyKeyword,

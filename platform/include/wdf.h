@@ -486,6 +486,7 @@ WDF_CALL(92, WdfDeviceGetDefaultQueue, WDFQUEUE, (WDFDEVICE Device), (Device))
 WDF_CALL(116, WdfDriverCreate, NTSTATUS,
          (PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath, PWDF_OBJECT_ATTRIBUTES DriverAttributes, PWDF_DRIVER_CONFIG DriverConfig, WDFDRIVER* Driver),
          (DriverObject, RegistryPath, DriverAttributes, DriverConfig, Driver))
+WDF_CALL(118, WdfDriverWdmGetDriverObject, PDRIVER_OBJECT, (WDFDRIVER Driver), (Driver))
 WDF_CALL(119, WdfDriverOpenParametersRegistryKey, NTSTATUS,
          (WDFDRIVER Driver, ACCESS_MASK DesiredAccess, PWDF_OBJECT_ATTRIBUTES KeyAttributes, WDFKEY* Key),
          (Driver, DesiredAccess, KeyAttributes, Key))
@@ -515,6 +516,9 @@ WDF_CALL(231, WdfRegistryClose, VOID, (WDFKEY Key), (Key))
 WDF_CALL(240, WdfRegistryQueryULong, NTSTATUS,
          (WDFKEY Key, PCUNICODE_STRING ValueName, PULONG Value),
          (Key, ValueName, Value))
+WDF_CALL(246, WdfRegistryAssignULong, NTSTATUS,
+         (WDFKEY Key, PCUNICODE_STRING ValueName, ULONG Value),
+         (Key, ValueName, Value))
 WDF_CALL(263, WdfRequestComplete, VOID, (WDFREQUEST Request, NTSTATUS Status), (Request, Status))
 WDF_CALL(265, WdfRequestCompleteWithInformation, VOID,
          (WDFREQUEST Request, NTSTATUS Status, ULONG_PTR Information),
@@ -532,6 +536,8 @@ WDF_CALL(379, WdfWorkItemCreate, NTSTATUS,
 WDF_CALL(380, WdfWorkItemEnqueue, VOID, (WDFWORKITEM WorkItem), (WorkItem))
 WDF_CALL(381, WdfWorkItemGetParentObject, WDFOBJECT, (WDFWORKITEM WorkItem), (WorkItem))
 WDF_CALL(382, WdfWorkItemFlush, VOID, (WDFWORKITEM WorkItem), (WorkItem))
+
+#include <wdfiotarget.h>
 
 #undef WDF_CALL
 

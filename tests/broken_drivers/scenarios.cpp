@@ -174,9 +174,9 @@ void TraceHandleTwice()
 
 void NotProvided()
 {
-    constexpr unsigned kIoTargetOpen = 168;
-    using Function = NTSTATUS(NTAPI*)(PWDF_DRIVER_GLOBALS, WDFIOTARGET, PVOID);
-    (void)reinterpret_cast<Function>(WdfFunctions[kIoTargetOpen])(WdfDriverGlobals, nullptr, nullptr);
+    constexpr unsigned kFdoQueryForInterface = 131;
+    using Function = NTSTATUS(NTAPI*)(PWDF_DRIVER_GLOBALS, WDFDEVICE, PVOID);
+    (void)reinterpret_cast<Function>(WdfFunctions[kFdoQueryForInterface])(WdfDriverGlobals, nullptr, nullptr);
 }
 
 void BugCheck()

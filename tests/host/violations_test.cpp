@@ -74,7 +74,7 @@ constexpr Breach kBreaches[] = {
      "1 bytes behind its 40 were overwritten", false, false},
     {"TraceHandle", Scenario::kTraceHandle, Rule::kTraceHandle, "EtwWrite", "not registered"},
     {"TraceHandleTwice", Scenario::kTraceHandleTwice, Rule::kTraceHandle, "EtwUnregister", "given back before"},
-    {"NotProvided", Scenario::kNotProvided, Rule::kNotProvided, "WdfIoTargetOpen (entry 168)", "does not have it",
+    {"NotProvided", Scenario::kNotProvided, Rule::kNotProvided, "WdfFdoQueryForInterface (entry 131)", "does not have it",
      true},
     {"BugCheck", Scenario::kBugCheck, Rule::kBugCheck, "KeBugCheckEx", "bugcheck 0xE2 (0x1, 0x2, 0x3, 0x4)", true},
     {"KernelReference", Scenario::kKernelReference, Rule::kReferenceUnderflow, "ObfDereferenceObject",

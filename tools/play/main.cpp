@@ -5,6 +5,7 @@
 #include "tools/play/diagram.h"
 #include "tools/play/perfetto.h"
 #include "tools/play/player.h"
+#include "tools/play/samples_life.h"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -57,6 +58,7 @@ int main(int argumentCount, char** arguments)
     int eventLevel = -1;
     bool traceMessages = false;
     bool json = false;
+    bool samples = false;
     std::string color = "auto";
     std::string diagramFile;
     std::string diagramPart;
@@ -67,6 +69,7 @@ int main(int argumentCount, char** arguments)
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
     app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
     app.add_flag("--trace", traceMessages, "show trace messages");
+    app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario");
     app.add_flag("--json", json, "one JSON object a line");
     CLI::Option* diagramOption =
         app.add_option("--diagram", diagramFile, "write the run as a Mermaid sequence diagram");
@@ -81,6 +84,11 @@ int main(int argumentCount, char** arguments)
     }
 
     try {
+        const bool colored = color == "always" || (color == "auto" && isatty(STDOUT_FILENO) == 1);
+        play::Timeline timeline(std::cout, json ? play::Timeline::Form::kJson : play::Timeline::Form::kText, colored);
+        if (samples) {
+            return play::PlaySamples(ImagePath(image, root), timeline) ? 0 : kNotAsExpected;
+        }
         const play::Scenario scenario = play::ReadScenario(scenarioFile);
         play::PlayOptions options;
         options.image = ImagePath(image, root);
@@ -90,8 +98,6 @@ int main(int argumentCount, char** arguments)
         if (eventLevel >= 0) {
             options.eventLevel = static_cast<std::uint8_t>(eventLevel);
         }
-        const bool colored = color == "always" || (color == "auto" && isatty(STDOUT_FILENO) == 1);
-        play::Timeline timeline(std::cout, json ? play::Timeline::Form::kJson : play::Timeline::Form::kText, colored);
         timeline.Add({play::EntryKind::kHeading, "", "", scenario.title, "", true});
         play::Diagram diagram(scenario.title, diagramPart);
         play::Perfetto perfetto(scenario.title);

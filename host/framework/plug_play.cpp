@@ -1,0 +1,242 @@
+// IoGetDeviceInterfaces, IoRegisterPlugPlayNotification, IoUnregisterPlugPlayNotificationEx, and the notifications.
+//
+// Arrival and removal are told on a system thread, after the change. Interfaces that exist at registration are told
+// inside the registering call.
+#include "host/framework/plug_play.h"
+
+#include "host/image/exports.h"
+#include "host/kernel/guarded_string.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace host::framework {
+namespace {
+
+using checks::Rule;
+
+constexpr GUID kArrival = {0xCB3A4004, 0x46F0, 0x11D0, {0xB0, 0x8F, 0x00, 0x60, 0x97, 0x13, 0x05, 0x3F}};
+constexpr GUID kRemoval = {0xCB3A4005, 0x46F0, 0x11D0, {0xB0, 0x8F, 0x00, 0x60, 0x97, 0x13, 0x05, 0x3F}};
+constexpr USHORT kNotificationVersion = 1;
+constexpr std::uint32_t kPoolTag = 'pnpI';
+
+std::string GuidText(const GUID& guid)
+{
+    char text[40];
+    std::snprintf(text, sizeof(text), "{%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x}", guid.Data1, guid.Data2,
+                  guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5],
+                  guid.Data4[6], guid.Data4[7]);
+    return text;
+}
+
+// Calls one routine, which may be unregistered meanwhile. Record and name die when it returns.
+void Tell(Framework& framework, const std::shared_ptr<PlugPlayRegistration>& registration, const GUID& event,
+          const std::string& name)
+{
+    const std::uint64_t self = ThreadState::Current().id;
+    {
+        const std::lock_guard lock(framework.mutex);
+        if (registration->removed) {
+            return;
+        }
+        registration->runningOn.push_back(self);
+    }
+    {
+        kernel::GuardedMemory& memory = framework.kernel.contextMemory();
+        const kernel::GuardedString link(memory, name);
+        auto* record = static_cast<DEVICE_INTERFACE_CHANGE_NOTIFICATION*>(
+            memory.Allocate(sizeof(DEVICE_INTERFACE_CHANGE_NOTIFICATION), alignof(std::max_align_t)));
+        *record = {kNotificationVersion, sizeof(DEVICE_INTERFACE_CHANGE_NOTIFICATION), event,
+                   registration->interfaceClass, link.get()};
+        (void)framework.Guarded("plug and play notification", reinterpret_cast<const void*>(registration->routine),
+                                [&] { return registration->routine(record, registration->context); });
+        (void)memory.Free(record);
+    }
+    const std::lock_guard lock(framework.mutex);
+    std::erase(registration->runningOn, self);
+    framework.waiting.NotifyAll();
+}
+
+// The names of all enabled interfaces of a class; the mutex is held.
+std::vector<std::string> EnabledInterfaces(const Framework& framework, const GUID& interfaceClass)
+{
+    std::vector<std::string> names;
+    for (const auto& instance : framework.instances) {
+        for (const DeviceObject* device : instance->devices) {
+            for (const DeviceInterface& interface : device->interfaces) {
+                if (interface.enabled && SameGuid(interface.interfaceClass, interfaceClass)) {
+                    names.push_back(InterfaceName(*device, interface));
+                }
+            }
+        }
+    }
+    return names;
+}
+
+}  // namespace
+
+std::string InterfaceName(const DeviceObject& device, const DeviceInterface& interface)
+{
+    return "\\??\\ROOT#" + device.driver->service + "#0000#" + GuidText(interface.interfaceClass) +
+           (interface.referenceString ? "\\" + *interface.referenceString : std::string());
+}
+
+void SetInterface(Framework& framework, DeviceObject& device, DeviceInterface& interface, bool enabled)
+{
+    if (interface.enabled == enabled) {
+        return;
+    }
+    interface.enabled = enabled;
+    const std::string name = InterfaceName(device, interface);
+    for (const auto& registration : framework.plugPlayRegistrations) {
+        if (SameGuid(registration->interfaceClass, interface.interfaceClass)) {
+            framework.deferredWork.emplace_back([&framework, registration, enabled, name] {
+                Tell(framework, registration, enabled ? kArrival : kRemoval, name);
+            });
+        }
+    }
+    framework.workChanged.notify_all();
+}
+
+void ReportRegistrationsLeft(Framework& framework, const DriverInstance& instance)
+{
+    const std::lock_guard lock(framework.mutex);
+    std::erase_if(framework.plugPlayRegistrations, [&](const std::shared_ptr<PlugPlayRegistration>& registration) {
+        if (registration->driver != &instance) {
+            return false;
+        }
+        framework.environment.Report(Rule::kUnloadRegistration, "unload",
+                                     "a routine is still registered for device interfaces; the system keeps the "
+                                     "driver loaded for it",
+                                     registration->caller);
+        registration->removed = true;
+        return true;
+    });
+}
+
+}  // namespace host::framework
+
+using host::PlatformCall;
+using host::checks::Rule;
+using host::framework::Framework;
+using host::framework::PlugPlayRegistration;
+
+#define HOST_EXPORT extern "C" __attribute__((visibility("default"), used))
+
+HOST_EXPORT NTSTATUS NTAPI IoGetDeviceInterfaces(const GUID* interfaceClass, PDEVICE_OBJECT device, ULONG flags,
+                                                 PWSTR* list)
+{
+    const PlatformCall call("IoGetDeviceInterfaces", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    if (interfaceClass == nullptr || list == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (device != nullptr || flags != 0) {
+        call.Violation(Rule::kNotProvided, "this host lists the enabled interfaces of all devices only");
+        return STATUS_NOT_IMPLEMENTED;
+    }
+    Framework& framework = Framework::Current();
+    std::u16string text;
+    {
+        const std::lock_guard lock(framework.mutex);
+        for (const std::string& name : host::framework::EnabledInterfaces(framework, *interfaceClass)) {
+            text.append(name.begin(), name.end());
+            text.push_back(0);
+        }
+    }
+    text.push_back(0);
+    host::kernel::Kernel& kernel = framework.kernel;
+    const std::size_t bytes = text.size() * sizeof(WCHAR);
+    void* memory = kernel.poolMemory.Allocate(bytes, alignof(std::max_align_t), false);
+    std::memcpy(memory, text.data(), bytes);
+    *list = static_cast<PWSTR>(memory);
+    const std::lock_guard lock(kernel.mutex);
+    kernel.pool[memory] = {bytes, host::framework::kPoolTag, true, call.caller(), true};
+    return STATUS_SUCCESS;
+}
+
+HOST_EXPORT NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY category, ULONG flags,
+                                                          PVOID data, PDRIVER_OBJECT driverObject,
+                                                          PDRIVER_NOTIFICATION_CALLBACK_ROUTINE routine, PVOID context,
+                                                          PVOID* entry)
+{
+    const PlatformCall call("IoRegisterPlugPlayNotification", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    if (category != EventCategoryDeviceInterfaceChange) {
+        call.Violation(Rule::kNotProvided, "this host tells of device interfaces only");
+        return STATUS_NOT_IMPLEMENTED;
+    }
+    Framework& framework = Framework::Current();
+    auto registration = std::make_shared<PlugPlayRegistration>();
+    std::vector<std::string> existing;
+    {
+        const std::lock_guard lock(framework.mutex);
+        host::framework::DriverInstance* driver = framework.InstanceOf(driverObject);
+        if (driver == nullptr || data == nullptr || routine == nullptr || entry == nullptr) {
+            call.Violation(Rule::kBadParameter, "no driver object of a loaded driver, or a required pointer is null");
+            return STATUS_INVALID_PARAMETER;
+        }
+        *registration = {framework.nextPlugPlayEntry += 16,
+                         *static_cast<const GUID*>(data),
+                         routine,
+                         context,
+                         driver,
+                         call.caller(),
+                         false,
+                         {}};
+        framework.plugPlayRegistrations.push_back(registration);
+        *entry = reinterpret_cast<PVOID>(registration->entry);
+        if ((flags & PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES) != 0) {
+            existing = host::framework::EnabledInterfaces(framework, registration->interfaceClass);
+        }
+    }
+    for (const std::string& name : existing) {
+        host::framework::Tell(framework, registration, host::framework::kArrival, name);
+    }
+    return STATUS_SUCCESS;
+}
+
+HOST_EXPORT NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID entry)
+{
+    const PlatformCall call("IoUnregisterPlugPlayNotificationEx", HOST_CALLER, PASSIVE_LEVEL);
+    Framework& framework = Framework::Current();
+    std::unique_lock lock(framework.mutex);
+    auto& all = framework.plugPlayRegistrations;
+    const auto found = std::find_if(all.begin(), all.end(), [&](const auto& registration) {
+        return registration->entry == reinterpret_cast<std::uintptr_t>(entry);
+    });
+    if (found == all.end()) {
+        call.Violation(Rule::kCallbackObject, "the entry is no registration, or was given back before");
+        return STATUS_INVALID_PARAMETER;
+    }
+    const std::shared_ptr<PlugPlayRegistration> registration = *found;
+    all.erase(found);
+    registration->removed = true;
+    // The routine may give its own registration back; anybody else waits until it has returned.
+    const std::uint64_t self = host::ThreadState::Current().id;
+    if (std::find(registration->runningOn.begin(), registration->runningOn.end(), self) ==
+        registration->runningOn.end()) {
+        const host::schedule::Wait wait{
+            .subject = "the end of a plug and play notification",
+            .isReady = [&registration] { return registration->runningOn.empty(); },
+            .heldBy = [&registration] { return registration->runningOn; },
+        };
+        (void)framework.WaitFor(lock, wait, call.function(), call.caller());
+    }
+    return STATUS_SUCCESS;
+}
+
+void host::framework::RegisterPlugPlayExports()
+{
+    static const image::Export kExports[] = {
+        {"IoGetDeviceInterfaces", reinterpret_cast<void*>(&IoGetDeviceInterfaces)},
+        {"IoRegisterPlugPlayNotification", reinterpret_cast<void*>(&IoRegisterPlugPlayNotification)},
+        {"IoUnregisterPlugPlayNotificationEx", reinterpret_cast<void*>(&IoUnregisterPlugPlayNotificationEx)},
+    };
+    image::AddExports("ntoskrnl.exe", kExports);
+}

@@ -1,0 +1,60 @@
+// Device interfaces as the rest of the system sees them: their names, who hears of their coming and going, and the
+// drivers that hold a device open through an I/O target.
+#pragma once
+
+#include "host/framework/devices.h"
+
+namespace host::framework {
+
+struct PlugPlayRegistration {
+    std::uintptr_t entry;
+    GUID interfaceClass;
+    PDRIVER_NOTIFICATION_CALLBACK_ROUTINE routine;
+    void* context;
+    DriverInstance* driver;
+    const void* caller;
+    bool removed = false;
+    std::vector<std::uint64_t> runningOn;  // threads inside the routine now
+};
+
+struct IoTargetObject final : Object {
+    explicit IoTargetObject(DriverInstance* owner) : Object(ObjectType::kIoTarget, owner) {}
+    enum class State { kClosed, kOpen, kClosedForQueryRemove };
+    State state = State::kClosed;
+    DeviceObject* device = nullptr;    // that it is open on, or was before the query
+    FileObjectObject* file = nullptr;  // while open
+    PFN_WDF_IO_TARGET_QUERY_REMOVE queryRemove = nullptr;
+    PFN_WDF_IO_TARGET_REMOVE_CANCELED removeCanceled = nullptr;
+    PFN_WDF_IO_TARGET_REMOVE_COMPLETE removeComplete = nullptr;
+};
+
+template <>
+inline constexpr ObjectType kTypeOf<IoTargetObject> = ObjectType::kIoTarget;
+
+// ---- Interfaces (plug_play.cpp) ----
+
+// The symbolic name by which an interface is opened.
+[[nodiscard]] std::string InterfaceName(const DeviceObject& device, const DeviceInterface& interface);
+
+// Enables or disables; those who registered for the class hear of a change later, on a system thread. The mutex is
+// held.
+void SetInterface(Framework& framework, DeviceObject& device, DeviceInterface& interface, bool enabled);
+
+// Registrations that an unloaded driver left behind: each is reported and dropped.
+void ReportRegistrationsLeft(Framework& framework, const DriverInstance& instance);
+
+void RegisterPlugPlayExports();
+
+// ---- Targets open on a device (io_targets.cpp) ----
+
+// Asks everybody who holds the device, then the device itself; a refusal is told to those who had agreed.
+NTSTATUS QueryRemove(Framework& framework, DeviceObject& device);
+
+// Tells everybody who holds the device, or let go of it for the query, that it has gone.
+void TellRemoveComplete(Framework& framework, DeviceObject& device);
+
+// Closes what is open. The lock is released meanwhile.
+void CloseTarget(Framework& framework, std::unique_lock<std::mutex>& lock, IoTargetObject& target,
+                 IoTargetObject::State state);
+
+}  // namespace host::framework

@@ -1,0 +1,186 @@
+// The samples as images: their life beside the Notifier, and the probe's answers.
+#include "host/machine.h"
+#include "tests/support/world.h"
+#include "tools/image_check/checks.h"
+#include "tools/play/samples_life.h"
+
+#include <algorithm>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+using tests::Container;
+using tests::OnContainer;
+
+class Samples : public OnContainer {};
+
+// How often a line was printed.
+std::size_t Lines(const std::string& text, const std::string& pattern)
+{
+    const std::regex line(pattern);
+    return static_cast<std::size_t>(
+        std::distance(std::sregex_iterator(text.begin(), text.end(), line), std::sregex_iterator()));
+}
+
+TEST_P(Samples, LiveBesideTheNotifierWithoutAViolation)
+{
+    std::ostringstream out;
+    play::Timeline timeline(out, play::Timeline::Form::kText, false);
+    EXPECT_TRUE(play::PlaySamples(GetParam().image, timeline)) << out.str();
+
+    const std::string text = out.str();
+    // Joined three times each (arrival, refused removal, return), with every leave before the Notifier's own end.
+    EXPECT_EQ(Lines(text, "client_1 +registers: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "client_2 +registers: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "client_[12] +leaves: 0x00000000"), 6u);
+    EXPECT_EQ(Lines(text, "crashdump +attaches: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "crashdump +detaches: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "finds \"client 1\""), 2u);  // when it came, and after the refusal
+    EXPECT_EQ(Lines(text, "\"client 2\" has gone"), 1u);
+    EXPECT_EQ(Lines(text, "client_2 +gets command 1"), 3u);
+    EXPECT_EQ(Lines(text, "crashdump +dump 2 (starts|stops)"), 6u);
+    EXPECT_EQ(Lines(text, "client_2 +has recorded a dump: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "hears that client [12] is in state 4"), 2u);
+}
+
+// A peer's device goes while its arrival notification, or its work, is still queued: nothing may come after its end.
+TEST_P(Samples, ClientThatGoesAtOnceLeavesNothing)
+{
+    host::Machine machine;
+    const auto client = play::SampleImage(GetParam().image, "zepn_client");
+    host::Driver& notifier = machine.Boot(GetParam().image, "zepn");
+    for (unsigned runs = 0; runs < 6; ++runs) {
+        host::Driver& driver = machine.Boot(client, "client");
+        for (unsigned run = 0; run < runs; ++run) {
+            machine.RunOneWorkItem();
+        }
+        driver.SurpriseRemoveDevice();
+        EXPECT_FALSE(driver.RemoveDevice().parked);
+        driver.Unload();
+        EXPECT_TRUE(machine.RunWorkItems().parked.empty());
+    }
+    notifier.SurpriseRemoveDevice();
+    EXPECT_FALSE(notifier.RemoveDevice().parked);
+    notifier.Unload();
+    for (const auto& violation : machine.violations().Take()) {
+        ADD_FAILURE() << violation.Text();
+    }
+    EXPECT_TRUE(machine.PoolInUse().empty());
+}
+
+// Arrivals, work and removals on real threads at once: the Notifier comes and goes under clients that follow it.
+TEST_P(Samples, FollowTheNotifierOnRealThreads)
+{
+    host::MachineOptions options;
+    options.workItems = host::WorkItems::kThreads;
+    host::Machine machine(options);
+    // Not the crash-dump driver: its attach shows for a moment without callbacks, and an announcement may meet it then.
+    std::vector<host::Driver*> peers;
+    for (const std::uint32_t number : {1u, 2u}) {
+        const std::string service = "client_" + std::to_string(number);
+        machine.SetRegistryValue(service, "ClientNumber", number);
+        machine.SetRegistryValue(service, "WatchedNumber", 3 - number);
+        peers.push_back(&machine.Boot(play::SampleImage(GetParam().image, "zepn_client"), service));
+    }
+    for (unsigned round = 0; round < 20; ++round) {
+        host::Driver& notifier = machine.Boot(GetParam().image, "zepn");
+        if (round % 2 == 0) {
+            machine.WaitForWorkItems();
+        }
+        notifier.SurpriseRemoveDevice();
+        machine.WaitForWorkItems();
+        EXPECT_FALSE(notifier.RemoveDevice().parked);
+        notifier.Unload();
+    }
+    for (host::Driver* peer : peers) {
+        peer->SurpriseRemoveDevice();
+        EXPECT_FALSE(peer->RemoveDevice().parked);
+        peer->Unload();
+    }
+    for (const auto& violation : machine.violations().Take()) {
+        ADD_FAILURE() << violation.Text();
+    }
+}
+
+// An open target holds the device: the removal waits for the client, and the client's own failing steps close it.
+TEST_P(Samples, FailedJoinLetsTheNotifierGo)
+{
+    for (const char* function : {"WdfIoTargetOpen", "WdfIoTargetQueryForInterface", "IoGetDeviceInterfaces"}) {
+        SCOPED_TRACE(function);
+        host::Machine machine;
+        host::Driver& notifier = machine.Boot(GetParam().image, "zepn");
+        machine.faults().Add({.function = function, .status = STATUS_INSUFFICIENT_RESOURCES});
+        host::Driver& client = machine.Boot(play::SampleImage(GetParam().image, "zepn_client"), "client");
+        machine.RunWorkItems();
+        EXPECT_EQ(machine.faults().StruckCount(), 1u);
+        machine.faults().Clear();
+        notifier.SurpriseRemoveDevice();
+        EXPECT_FALSE(notifier.RemoveDevice().parked);  // throws while a handle is open
+        notifier.Unload();
+        machine.RunWorkItems();
+
+        // The next Notifier finds a client that is none the worse.
+        host::Driver& next = machine.Boot(GetParam().image, "zepn");
+        machine.RunWorkItems();
+        const std::vector<std::string> lines = machine.DebugOutput();
+        EXPECT_EQ(std::ranges::count(lines, "client 1: registers: 0x00000000\n"), 1);
+        EXPECT_THROW((void)next.RemoveDevice(), host::HostError);
+        client.SurpriseRemoveDevice();
+        EXPECT_FALSE(client.RemoveDevice().parked);
+        client.Unload();
+        next.SurpriseRemoveDevice();
+        EXPECT_FALSE(next.RemoveDevice().parked);
+        next.Unload();
+        machine.RunWorkItems();
+        for (const auto& violation : machine.violations().Take()) {
+            ADD_FAILURE() << violation.Text();
+        }
+    }
+}
+
+// In the form of Windows' own tool: "    Life.Order    REG_DWORD    0x12345678".
+std::string ProbeAnswers(const host::Machine& machine)
+{
+    std::ostringstream text;
+    for (const host::RegistryNumber& number : machine.RegistryNumbers("zepn_probe")) {
+        text << "    " << number.name << "    REG_DWORD    0x" << std::hex << number.value << "\n";
+    }
+    return text.str();
+}
+
+TEST_P(Samples, ProbeAnswersAsWritten)
+{
+    constexpr GUID kProbe = {0x2E0C3C5B, 0x6C0A, 0x4F0E, {0x8C, 0x7B, 0x6D, 0x1B, 0x0A, 0x54, 0xB9, 0xF3}};
+    host::Machine machine;
+    machine.tracing().OpenEventSession({kProbe, 4});
+    host::Driver& probe = machine.Boot(play::SampleImage(GetParam().image, "zepn_probe"), "zepn_probe");
+    EXPECT_EQ(probe.QueryRemoveDevice(), STATUS_SUCCESS);
+    EXPECT_FALSE(probe.RemoveDevice().parked);
+    probe.Unload();
+
+    const std::string answers = ProbeAnswers(machine);
+    std::ifstream file(ZEPN_ROOT "/samples/probe/answers.txt");
+    EXPECT_EQ(answers, std::string(std::istreambuf_iterator<char>(file), {}));
+    EXPECT_EQ(machine.tracing().Events().size(), Lines(answers, "REG_DWORD"));
+    for (const auto& violation : machine.violations().Take()) {
+        ADD_FAILURE() << violation.Text();
+    }
+}
+
+TEST(SampleImages, AreRight)
+{
+    for (const char* machine : {"arm64", "x64"}) {
+        for (const char* sample : {"zepn_client", "zepn_crashdump", "zepn_probe"}) {
+            const std::string image = std::string(ZEPN_ROOT "/out/") + machine + "/" + sample + ".sys";
+            for (const auto& finding : image_check::CheckStructure(image_check::PeReader::FromFile(image))) {
+                ADD_FAILURE() << image << ": " << finding.check << ": " << finding.text;
+            }
+        }
+    }
+}
+
+FOR_ALL_CONTAINERS(Samples);
+
+}  // namespace
