@@ -53,7 +53,8 @@ add_custom_target(all_images ALL)
 zepn_add_image(image zepn ${ZEPN_DRIVER_SOURCES})
 add_dependencies(zepn_objects build_stamp)
 add_dependencies(all_images image)
-include(bench/image.cmake)
+# What the benchmark compares the driver with; built on demand.
+zepn_add_image(bound bound bench/bound/bound.cpp)
 
 # Built on demand.
 add_custom_target(samples)
