@@ -25,6 +25,12 @@ foreach(module ntoskrnl wdfldr)
         DEPENDS ${CMAKE_SOURCE_DIR}/platform/windows/${module}.def VERBATIM)
 endforeach()
 
+include(cmake/trace_gen.cmake)
+# By its path: CMake takes a target of a cross build for one that cannot run here.
+add_custom_command(OUTPUT zepn.res
+    COMMAND ${CMAKE_BINARY_DIR}/zepn-trace-gen --resources zepn.res ${PROJECT_VERSION}
+    DEPENDS zepn-trace-gen VERBATIM)
+
 # Relative to the build folder, where the link runs.
 set(object_names ${ZEPN_DRIVER_SOURCES} ${ZEPN_PLATFORM_SOURCES} platform/windows/guard.cpp)
 list(TRANSFORM object_names PREPEND CMakeFiles/zepn_objects.dir/)
@@ -34,8 +40,8 @@ add_custom_command(OUTPUT zepn.sys zepn.pdb zepn.map
     COMMAND lld-link-19 /nologo /driver /driver:wdm /subsystem:native,10.0 /machine:${ZEPN_IMAGE_MACHINE}
             /entry:FxDriverEntry /nodefaultlib /opt:ref /opt:noicf /guard:cf /release /Brepro
             /debug /pdb:zepn.pdb /pdbaltpath:%_PDB% /pdbsourcepath:C:\\src /lldmap:zepn.map /out:zepn.sys
-            ${object_names} ntoskrnl.lib wdfldr.lib
-    DEPENDS zepn_objects $<TARGET_OBJECTS:zepn_objects> ntoskrnl.lib wdfldr.lib
+            ${object_names} zepn.res ntoskrnl.lib wdfldr.lib
+    DEPENDS zepn_objects $<TARGET_OBJECTS:zepn_objects> zepn.res ntoskrnl.lib wdfldr.lib
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR} VERBATIM)
 
 set(ZEPN_OUT ${CMAKE_SOURCE_DIR}/out/${ZEPN_IMAGE_MACHINE})
