@@ -47,6 +47,8 @@ int main(int argumentCount, char** arguments)
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
     app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
     app.add_flag("--trace", traceMessages, "show trace messages");
+    std::string capture;
+    app.add_option("--capture", capture, "write all reports, raw, to this file for zepn decode");
     app.add_flag("--json", json, "one JSON object a line");
     app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
     try {
@@ -61,6 +63,7 @@ int main(int argumentCount, char** arguments)
         options.image = ImagePath(image, root);
         options.decodingFiles = root / "out" / "manifest";
         options.traceMessages = traceMessages;
+        options.capture = capture;
         options.realTime = true;
         if (eventLevel >= 0) {
             options.eventLevel = static_cast<std::uint8_t>(eventLevel);
