@@ -16,10 +16,18 @@ foreach(module ntoskrnl wdfldr)
 endforeach()
 add_custom_target(import_libraries DEPENDS ntoskrnl.lib wdfldr.lib)
 
+include(cmake/trace_gen.cmake)
+# What makes the driver's reports readable on Windows. By its path: CMake takes a target of a cross build for one that
+# cannot run here.
+add_custom_command(OUTPUT zepn.res
+    COMMAND ${CMAKE_BINARY_DIR}/zepn-trace-gen --resources zepn.res ${PROJECT_VERSION}
+    DEPENDS zepn-trace-gen VERBATIM)
+add_custom_target(resources DEPENDS zepn.res)
+
 set(ZEPN_OUT ${CMAKE_SOURCE_DIR}/out/${ZEPN_IMAGE_MACHINE})
 
 # zepn_add_image(target name source...): <target> makes out/<machine>/<name>.sys, .pdb and .map. Sources are relative to
-# the root; what the WDK would link is added.
+# the root; what the WDK would link is added, and the resources that ${name}_RESOURCES names.
 function(zepn_add_image target name)
     set(sources ${ARGN} ${ZEPN_PLATFORM_SOURCES} platform/windows/guard.cpp)
     add_library(${name}_objects OBJECT EXCLUDE_FROM_ALL ${sources})
@@ -40,8 +48,9 @@ function(zepn_add_image target name)
         COMMAND lld-link-19 /nologo /driver /driver:wdm /subsystem:native,10.0 /machine:${ZEPN_IMAGE_MACHINE}
                 /entry:FxDriverEntry /nodefaultlib /opt:ref /opt:noicf /guard:cf /release /Brepro
                 /debug /pdb:${name}.pdb /pdbaltpath:%_PDB% /pdbsourcepath:C:\\src /lldmap:${name}.map /out:${name}.sys
-                ${object_names} ntoskrnl.lib wdfldr.lib
+                ${object_names} ${${name}_RESOURCES} ntoskrnl.lib wdfldr.lib
         DEPENDS ${name}_objects $<TARGET_OBJECTS:${name}_objects> import_libraries ntoskrnl.lib wdfldr.lib
+                resources ${${name}_RESOURCES}
         WORKING_DIRECTORY ${CMAKE_BINARY_DIR} VERBATIM)
     add_custom_target(${target}
         COMMAND ${CMAKE_COMMAND} -E make_directory ${ZEPN_OUT}
@@ -50,6 +59,7 @@ function(zepn_add_image target name)
 endfunction()
 
 add_custom_target(all_images ALL)
+set(zepn_RESOURCES zepn.res)
 zepn_add_image(image zepn ${ZEPN_DRIVER_SOURCES})
 add_dependencies(zepn_objects build_stamp)
 add_dependencies(all_images image)

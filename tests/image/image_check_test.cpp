@@ -91,7 +91,7 @@ struct Damage {
 };
 
 // Order of the sections in the images that ship.
-enum SectionIndex : unsigned { kText, kReadOnlyData, kData, kFunctions, kRelocationData };
+enum SectionIndex : unsigned { kText, kReadOnlyData, kData, kFunctions, kResources, kRelocationData };
 
 std::vector<Damage> HeaderDamage()
 {

@@ -1,5 +1,6 @@
 #include "tests/sweep/actual.h"
 
+#include "tests/support/reports_seen.h"
 #include "tests/sweep/clients.h"
 
 #include <array>
@@ -308,6 +309,11 @@ void Actual::Deliver()
             step_.ends |= object.held;
         }
     }
+}
+
+void Actual::NoteReportsSeen()
+{
+    tests::NoteReportsSeen(machine_.tracing(), TheManifest());
 }
 
 }  // namespace sweep

@@ -46,6 +46,8 @@ public:
     [[nodiscard]] host::Machine& machine() { return machine_; }
     // Every error event was followed by its own message, and every record decodes.
     [[nodiscard]] const Lines& badRecords() const { return badRecords_; }
+    // Leaves word of the reports so far, for the test that asks for all of them.
+    void NoteReportsSeen();
 
 private:
     void OnEvent(const host::tracing::CapturedEvent& event) override;

@@ -87,13 +87,13 @@ struct Plan {
 // One life, played on both sides.
 class Played {
 public:
-    Played(const tests::Container& container, const Plan& plan);
+    // Adds the sites that it reaches; a life that reaches new ones leaves word of its reports.
+    Played(const tests::Container& container, const Plan& plan, std::set<Site>& sites);
 
     std::string difference;  // "" when all was as expected
     std::vector<Call> calls;
     std::vector<std::uint64_t> numbers;  // of the fallible calls among all platform calls
     std::uint64_t callCount = 0;
-    std::set<Site> sites;
 
 private:
     Step Run(const Op& op);
@@ -103,7 +103,7 @@ private:
     std::unique_ptr<Actual> actual_;  // for as long as the life lasts: one machine at a time
 };
 
-Played::Played(const tests::Container& container, const Plan& plan)
+Played::Played(const tests::Container& container, const Plan& plan, std::set<Site>& sites)
     : plan_(plan), expected_(plan.deaf ? std::nullopt : plan.fault),
       actual_(std::make_unique<Actual>(container,
                                        Options{.fault = plan.fault,
@@ -144,7 +144,11 @@ Played::Played(const tests::Container& container, const Plan& plan)
     }
     calls = expected_.calls();
     callCount = actual_->calls();
-    sites = actual_->sites();
+    const std::size_t before = sites.size();
+    sites.insert(actual_->sites().begin(), actual_->sites().end());
+    if (sites.size() > before) {
+        actual_->NoteReportsSeen();
+    }
     actual_.reset();
 }
 
@@ -192,8 +196,7 @@ class Sweep : public testing::TestWithParam<tests::Container> {
 protected:
     void Check(const Plan& plan)
     {
-        const Played played(GetParam(), plan);
-        sites_.insert(played.sites.begin(), played.sites.end());
+        const Played played(GetParam(), plan, sites_);
         if (plan.fault) {
             figures_.Count(*plan.fault, plan.deaf);
         }
@@ -217,8 +220,7 @@ FOR_ALL_CONTAINERS(Sweep);
 
 void Sweep::FailEachCall(const Life& life, bool alsoSticky)
 {
-    const Played whole(GetParam(), {.life = life});
-    sites_.insert(whole.sites.begin(), whole.sites.end());
+    const Played whole(GetParam(), {.life = life}, sites_);
     ASSERT_EQ(whole.difference, "");
     std::map<std::string, unsigned> indices;
     std::size_t next = 0;  // of the calls that the host sees
@@ -245,7 +247,7 @@ void Sweep::FailTracing(const Life& life, host::TraceRoutes routes)
     const Plan plan{.life = life, .routes = routes, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
                         counts[call.function] += KindOf(call.function) == Kind::kTracing ? 1 : 0;
                     }};
-    const Played whole(GetParam(), plan);
+    const Played whole(GetParam(), plan, sites_);
     ASSERT_EQ(whole.difference, "");
     for (const auto& [function, count] : counts) {
         for (unsigned index = 0; index < count; ++index) {
@@ -276,7 +278,8 @@ TEST_P(Sweep, EveryCallFails)
                                 path += name + " > ";
                             }
                             paths.insert(path + call.function);
-                        }});
+                        }},
+                       sites_);
     ASSERT_EQ(first.difference, "");
     figures_.callCount = functions.size();
     figures_.foreseenCallCount = first.calls.size();
@@ -286,7 +289,8 @@ TEST_P(Sweep, EveryCallFails)
     const Played reference(tests::Containers().front(),
                            {.life = whole, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
                                 onNative.emplace_back(call.function);
-                            }});
+                            }},
+                           sites_);
     EXPECT_EQ(functions, onNative);
 
     FailEachCall(whole, !IsShort());

@@ -70,6 +70,8 @@ int main(int argumentCount, char** arguments)
     app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
     app.add_flag("--trace", traceMessages, "show trace messages");
     app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario");
+    std::string capture;
+    app.add_option("--capture", capture, "write all reports, raw, to this file for zepn decode");
     app.add_flag("--json", json, "one JSON object a line");
     CLI::Option* diagramOption =
         app.add_option("--diagram", diagramFile, "write the run as a Mermaid sequence diagram");
@@ -94,6 +96,7 @@ int main(int argumentCount, char** arguments)
         options.image = ImagePath(image, root);
         options.decodingFiles = root / "out" / "manifest";
         options.traceMessages = traceMessages;
+        options.capture = capture;
         options.realTime = true;
         if (eventLevel >= 0) {
             options.eventLevel = static_cast<std::uint8_t>(eventLevel);

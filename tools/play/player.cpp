@@ -3,6 +3,7 @@
 #include "tools/play/player.h"
 
 #include "host/machine.h"
+#include "host/tracing/capture_file.h"
 #include "host/tracing/decode.h"
 #include "tools/play/clients.h"
 #include "tools/play/statuses.h"
@@ -24,15 +25,33 @@ constexpr const char* kService = "zepn";
 // Shows records as sessions take them, decoded by the files that ship.
 class Reports final : public host::tracing::Tracing::Listener {
 public:
-    Reports(const std::filesystem::path& folder, Timeline& timeline)
-        : manifest_(folder / "zepn.man"), formats_(folder), timeline_(timeline)
+    Reports(const PlayOptions& options, Timeline& timeline)
+        : manifest_(options.decodingFiles / "zepn.man"), formats_(options.decodingFiles), options_(options),
+          timeline_(timeline)
     {
+        if (!options.capture.empty()) {
+            capture_ = std::make_unique<host::tracing::CaptureWriter>(options.capture);
+        }
+    }
+
+    void Finish()
+    {
+        if (capture_) {
+            capture_->Finish();
+        }
     }
 
     [[nodiscard]] const GUID& provider() const { return manifest_.provider(); }
 
     void OnEvent(const host::tracing::CapturedEvent& event) override
     {
+        if (capture_) {
+            capture_->Write(event);
+        }
+        // The session of a capture takes every level.
+        if (!options_.eventLevel || (*options_.eventLevel != 0 && event.descriptor.Level > *options_.eventLevel)) {
+            return;
+        }
         const auto decoded = manifest_.Decode(event);
         timeline_.Add({EntryKind::kReport, "event " + std::to_string(event.descriptor.Id), "",
                        decoded ? decoded->message : "(cannot be decoded)", "", true});
@@ -40,6 +59,12 @@ public:
 
     void OnMessage(const host::tracing::CapturedMessage& message) override
     {
+        if (capture_) {
+            capture_->Write(message);
+        }
+        if (!options_.traceMessages) {
+            return;
+        }
         const auto decoded = formats_.Decode(message);
         timeline_.Add({EntryKind::kReport, "trace " + std::to_string(message.number), "",
                        decoded ? decoded->function + ": " + decoded->text : "(cannot be decoded)", "", true});
@@ -48,6 +73,8 @@ public:
 private:
     host::tracing::Manifest manifest_;
     host::tracing::MessageFormats formats_;
+    std::unique_ptr<host::tracing::CaptureWriter> capture_;
+    PlayOptions options_;
     Timeline& timeline_;
 };
 
@@ -56,14 +83,16 @@ public:
     Player(const Scenario& scenario, const PlayOptions& options, Timeline& timeline)
         : scenario_(scenario), timeline_(timeline), machine_(MachineOptionsFor(options)), peers_(scenario, timeline)
     {
-        if (options.eventLevel || options.traceMessages) {
-            reports_ = std::make_unique<Reports>(options.decodingFiles, timeline);
+        const bool captures = !options.capture.empty();
+        if (options.eventLevel || options.traceMessages || captures) {
+            reports_ = std::make_unique<Reports>(options, timeline);
             machine_.tracing().SetListener(reports_.get());
         }
-        if (options.eventLevel) {
-            machine_.tracing().OpenEventSession({reports_->provider(), *options.eventLevel});
+        if (options.eventLevel || captures) {
+            const std::uint8_t level = captures ? std::uint8_t{0} : *options.eventLevel;
+            machine_.tracing().OpenEventSession({reports_->provider(), level});
         }
-        if (options.traceMessages) {
+        if (options.traceMessages || captures) {
             constexpr GUID kControl = {0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
             machine_.tracing().OpenMessageSession({kControl, 5, 3});
         }
@@ -87,6 +116,9 @@ public:
             Disarm(step);
         }
         End();
+        if (reports_) {
+            reports_->Finish();
+        }
         return good_;
     }
 

@@ -15,6 +15,7 @@ struct PlayOptions {
     std::filesystem::path decodingFiles;     // folder with zepn.man and the .tmf files
     std::optional<std::uint8_t> eventLevel;  // open an event session at this level
     bool traceMessages = false;              // open a trace-message session with all flags and levels
+    std::filesystem::path capture;           // file for all reports, raw; empty: none
     bool realTime = false;                   // the configured wait before sleep is really waited
 };
 

@@ -1,11 +1,14 @@
-// Writes the decoding files from the catalogue: the event manifest and one message-format file per message set.
+// Writes what decodes the driver's reports from the catalogue: the event manifest and one message-format file per
+// message set, or the resources that are linked into the image.
 //
 //     zepn-trace-gen FOLDER [PAGES]
+//     zepn-trace-gen --resources FILE VERSION
 //
 // PAGES, when given, receives reports.md, which docs/ holds too, and reports.txt, one line for each report.
 //
 // Nothing is read; the catalogue is compiled in. The files are the ones that ship, so nothing edits them by hand.
 #include "tools/trace_gen/reports_page.h"
+#include "tools/trace_gen/resources.h"
 #include "trace/rows.h"
 
 #include <filesystem>
@@ -250,6 +253,49 @@ void WriteMessages(std::ostream& out, const SetFile& file)
     }
 }
 
+// ---- Resources ----
+
+trace_gen::TemplateField BinaryField(const EventField& field)
+{
+    // The codes of the binary form for what FieldTypes() says in words.
+    switch (field.type) {
+    case Field::kStatus:
+        return {field.name, 8, 31};
+    case Field::kCount:
+        return {field.name, 10, 10};
+    case Field::kHandle:
+    case Field::kHexValue:
+        return {field.name, 10, 19};
+    case Field::kGuid:
+        return {field.name, 15, 14};
+    default:
+        return {field.name, 2, 1};
+    }
+}
+
+trace_gen::ProviderDescription DescribeProvider()
+{
+    trace_gen::ProviderDescription provider{
+        .name = kProviderName,
+        .guid = {0x5E, 0x9D, 0xCD, 0x84, 0x73, 0x97, 0xA7, 0x4B, 0xA7, 0x09, 0x72, 0xF0, 0x79, 0xE8, 0x1C, 0xDE},
+        .templates = {},
+        .events = {}};
+    std::map<std::string, std::size_t> indexes;
+    for (const Event& event : kEvents) {
+        const auto [known, isNew] = indexes.emplace(TemplateId(event), provider.templates.size());
+        if (isNew) {
+            trace_gen::ProviderTemplate& described = provider.templates.emplace_back();
+            for (const EventField& field : event.fields) {
+                if (field.type != Field::kNone) {
+                    described.fields.push_back(BinaryField(field));
+                }
+            }
+        }
+        provider.events.push_back({event.id, event.level, known->second, event.message});
+    }
+    return provider;
+}
+
 template <class Writer>
 bool WriteFile(const std::filesystem::path& path, const Writer& writer)
 {
@@ -267,8 +313,20 @@ bool WriteFile(const std::filesystem::path& path, const Writer& writer)
 
 int main(int argumentCount, char** arguments)
 {
+    if (argumentCount == 4 && std::string(arguments[1]) == "--resources") {
+        const auto version = trace_gen::ParseVersion(arguments[3]);
+        if (!version) {
+            std::cerr << "zepn-trace-gen: \"" << arguments[3] << "\" is no version like 1.2.3\n";
+            return 2;
+        }
+        const trace_gen::Bytes bytes = trace_gen::ResourceFile(DescribeProvider(), *version, arguments[3]);
+        const auto write = [&bytes](std::ostream& out) {
+            out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        };
+        return WriteFile(arguments[2], write) ? 0 : 1;
+    }
     if (argumentCount != 2 && argumentCount != 3) {
-        std::cerr << "usage: zepn-trace-gen FOLDER [PAGES]\n";
+        std::cerr << "usage: zepn-trace-gen FOLDER [PAGES]\n       zepn-trace-gen --resources FILE VERSION\n";
         return 2;
     }
     const std::filesystem::path folder = arguments[1];

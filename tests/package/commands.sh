@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# The commands that leave files, as typed: the package is whole and signed, and a captured run reads back.
+set -euo pipefail
+cd "$1"
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+./zepn package --sign > "$folder/package"
+for name in arm64/zepn.sys x64/zepn.sys x64/zepn.pdb zepn.inf zepn.man README.md; do
+    grep -q "/$name\$" "$folder/package" || { echo "the package lacks $name"; exit 1; }
+done
+./zepn demo --capture "$folder/run" > "$folder/demo"
+./zepn decode "$folder/run" > "$folder/reports"
+grep -q 'Notifier_HelperInit' "$folder/reports"
+if ./zepn decode "$folder/demo" 2> "$folder/error"; then
+    echo "a text file passed for a capture"
+    exit 1
+fi
+grep -q "zepn-decode: " "$folder/error"
