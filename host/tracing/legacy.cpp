@@ -12,6 +12,8 @@ using host::tracing::Tracing;
 
 namespace {
 
+constexpr std::uint8_t kEnableEvents = 4;
+constexpr std::uint8_t kDisableEvents = 5;
 constexpr std::uint8_t kRegisterInfo = 8;
 constexpr std::uint8_t kEnableCollection = 6;
 constexpr std::uint8_t kDisableCollection = 7;
@@ -48,6 +50,10 @@ void QueryLegacyRegistration(const Provider& provider, GUID& control)
     Expect(status == STATUS_BUFFER_TOO_SMALL && size == 4 && needed == kRegisterInfoSize, provider,
            "a small registration buffer is not answered with the size that is needed");
 
+    status = Request(provider, kRegisterInfo, buffer, 2, size);
+    Expect(status == STATUS_BUFFER_TOO_SMALL && size == 0, provider,
+           "a buffer too small for the size itself is not refused untouched");
+
     std::memset(buffer, 0xEE, sizeof(buffer));
     status = Request(provider, kRegisterInfo, buffer, sizeof(buffer), size);
     ULONG bufferSize;
@@ -66,6 +72,12 @@ void QueryLegacyRegistration(const Provider& provider, GUID& control)
     Expect(Request(provider, kEnableCollection, &header, sizeof(header), size) == STATUS_SUCCESS &&
                Request(provider, kDisableCollection, &header, sizeof(header), size) == STATUS_SUCCESS,
            provider, "a collection request is refused");
+    for (const std::uint8_t minor : {kEnableEvents, kDisableEvents}) {
+        header.Guid = {};  // somebody else's
+        Expect(Request(provider, minor, &header, sizeof(header), size) == STATUS_WMI_GUID_NOT_FOUND &&
+                   Request(provider, minor, &header, sizeof(header) - 1, size) == STATUS_INVALID_PARAMETER,
+               provider, "a request for another control GUID, or a short one, is not refused as such");
+    }
     Expect(Request(provider, kUnknownMinor, &header, sizeof(header), size) == STATUS_INVALID_DEVICE_REQUEST, provider,
            "an unknown request is not refused");
 }

@@ -289,15 +289,20 @@ void Tracing::SendEventControl(const GUID& guid, std::uint32_t code, std::uint8_
     }
 }
 
-void Tracing::SendMessageControl(const GUID& control, std::uint8_t code)
+void Tracing::SendMessageControl(const GUID& control, std::uint8_t code, bool nullContext)
 {
     for (const Provider& provider : state_->ProvidersOf(control, false)) {
         if (provider.kind == ProviderKind::kClassic) {
             ClassicEnableContext context{};
             const auto callback = reinterpret_cast<ClassicCallback>(const_cast<void*>(provider.callback));
-            callback(&provider.guid, code, &context, provider.context);
+            callback(&provider.guid, code, nullContext ? nullptr : &context, provider.context);
+            if (nullContext) {
+                callback(&provider.guid, code, &context, nullptr);
+            }
         } else {
-            SendLegacyRequest(provider, code, control, 0);
+            Provider addressed = provider;
+            addressed.context = nullContext ? nullptr : provider.context;
+            SendLegacyRequest(addressed, code, control, 0);
         }
     }
 }

@@ -81,7 +81,7 @@ public:
     // Calls an enable callback directly, to show a provider codes and contexts that the system may send.
     void SendEventControl(const GUID& provider, std::uint32_t code, std::uint8_t level, std::uint64_t matchAny,
                           std::uint64_t matchAll, bool nullContext = false);
-    void SendMessageControl(const GUID& control, std::uint8_t code);
+    void SendMessageControl(const GUID& control, std::uint8_t code, bool nullContext = false);
 
     // Observer of every captured record in order, for live display; empty by default.
     struct Listener {

@@ -152,7 +152,7 @@ int Report(const std::map<Place, std::uint64_t>& reached, std::set<std::string> 
         std::printf("  listed, but reached or gone: %s\n", place.c_str());
         ++wrong;
     }
-    std::printf("  %zu places not reached, each with its reason on the list; %u unexplained\n", missed.size(), wrong);
+    std::printf("  %zu places not reached; %u of them, or of the list, unexplained\n", missed.size(), wrong);
     return wrong == 0 ? 0 : 1;
 }
 
