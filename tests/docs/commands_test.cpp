@@ -69,7 +69,9 @@ TEST(Commands, OfReadmeAndPagesAreRun)
         for (const std::string& line : LinesOf(TextOf(page))) {
             for (const std::string& command : CommandsIn(line)) {
                 SCOPED_TRACE(page.string() + ": ./zepn " + command);
-                if (command.starts_with("demo")) {
+                if (command == "demo --image arm64") {  // another host's: only the script can run it
+                    EXPECT_NE(scripts.find("zepn " + command), std::string::npos);
+                } else if (command.starts_with("demo")) {
                     folder.Run(command);
                     ++played;
                 } else {

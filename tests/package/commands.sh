@@ -11,6 +11,8 @@ done
 ./zepn demo --capture "$folder/run" > "$folder/demo"
 ./zepn decode "$folder/run" > "$folder/reports"
 grep -q 'Notifier_HelperInit' "$folder/reports"
+./zepn demo --image arm64 > "$folder/arm64"
+grep -q 'no violation, nothing left behind' "$folder/arm64"
 if ./zepn decode "$folder/demo" 2> "$folder/error"; then
     echo "a text file passed for a capture"
     exit 1
