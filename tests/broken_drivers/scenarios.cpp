@@ -237,6 +237,27 @@ void Trap()
     __builtin_trap();
 }
 
+WDFOBJECT g_racyObject;
+WDFWAITLOCK g_racyLock;
+
+void RacyPrepare()
+{
+    g_racyObject = NewObject();
+    g_racyLock = NewLock();
+}
+
+// Looks before it has the lock.
+void RacyDelete()
+{
+    if (g_racyObject == nullptr) {
+        return;
+    }
+    (void)WdfWaitLockAcquire(g_racyLock, nullptr);
+    WdfObjectDelete(g_racyObject);
+    g_racyObject = nullptr;
+    WdfWaitLockRelease(g_racyLock);
+}
+
 }  // namespace
 
 void NTAPI RunScenario(Scenario scenario)
@@ -248,7 +269,8 @@ void NTAPI RunScenario(Scenario scenario)
         PoolDoubleFree,     PoolOverrun,      TraceHandle,         TraceHandleTwice,   NotProvided,
         BugCheck,           KernelReference,  LeavesPool,          LeavesRegistration, LeavesReference,
         LeavesTracing,      TouchesHandle,    TouchesFreedContext, TouchesBehindPool,  Trap,
+        RacyPrepare,        RacyDelete,
     };
-    static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kTrap) + 1);
+    static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kRacyDelete) + 1);
     kScenarios[static_cast<ULONG>(scenario)]();
 }

@@ -1,0 +1,95 @@
+// Decides which thread of driver code goes on, at every platform call where that may matter, and walks through the
+// interleavings of a few threads one after the other, so that a race is found and replayed instead of hoped for.
+//
+//     Explorer explorer(machine options ...);
+//     while (explorer.Next()) {
+//         World world(...);
+//         explorer.Run(world.machine, {{"poster", [&] { ... }}, {"worker", [&] { world.machine.RunWorkItems(); }}});
+//         ... look at the outcome; on a failure explorer.Schedule() is what replays it
+//     }
+//
+// Only one of the threads runs at a time. A thread goes on until it ends, waits, or is preempted; the walk takes every
+// choice at every point, as long as no more than the allowed number of them preempts a thread that could go on.
+#pragma once
+
+#include "host/machine.h"
+#include "host/schedule/yield.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace host::schedule {
+
+struct ExplorerOptions {
+    unsigned preemptions = 2;           // in one schedule; with `random` the number of changes of priority
+    bool everyCall = false;             // choose at every platform call, not only at locks and work items
+    unsigned random = 0;                // this many schedules by random priorities instead of the walk
+    std::uint64_t seed = 1;             // of those
+    unsigned maximumSchedules = 20000;  // the walk stops here
+    std::string replay = {};            // one schedule, as Schedule() gave it, and nothing else
+};
+
+class Explorer final : public Controller {
+public:
+    struct Thread {
+        std::string name;
+        std::function<void()> work;
+    };
+
+    explicit Explorer(ExplorerOptions options);
+    ~Explorer() override;
+    Explorer(const Explorer&) = delete;
+    Explorer& operator=(const Explorer&) = delete;
+
+    // Makes the next schedule ready; false when all have run.
+    bool Next();
+
+    // Runs the threads on the machine by the schedule that is ready; returns when each has ended or parked.
+    void Run(Machine& machine, const std::vector<Thread>& threads);
+
+    // What replays the schedule that ran last: "calls 12>1 30>0": at the 12th point of choice thread 1 goes on.
+    [[nodiscard]] std::string Schedule() const;
+    [[nodiscard]] unsigned Count() const { return count_; }
+    [[nodiscard]] bool IsComplete() const { return isComplete_; }  // the walk ended by itself
+
+    void OnYield(YieldKind kind, const char* what) override;
+    void OnBlock(std::unique_lock<std::mutex>& lock) override;
+
+private:
+    enum class State { kReady, kBlocked, kFinished };
+    struct Choice {
+        std::vector<unsigned> enabled;  // in the order tried: who would go on by himself first
+        std::size_t taken = 0;          // index into it
+        bool canStay = false;           // the first is the running thread
+    };
+
+    // All of these are called with mutex_ held.
+    void Switch(std::unique_lock<std::mutex>& lock, unsigned self);
+    unsigned Choose(unsigned self);
+    std::size_t Pick(const Choice& choice);
+    void WakeBlocked();
+
+    const ExplorerOptions options_;
+    std::mutex mutex_;
+    std::condition_variable turn_;
+    std::vector<State> states_;
+    std::vector<unsigned> priorities_;
+    unsigned current_ = 0;
+    bool isReleased_ = false;  // the running thread did what may end a wait
+    unsigned idle_ = 0;        // blocked threads looked again since the last step
+    std::vector<Choice> choices_;
+    std::vector<std::size_t> prefix_;
+    std::vector<std::pair<unsigned, unsigned>> replay_;
+    std::mt19937_64 random_;
+    std::vector<unsigned> changes_;
+    unsigned longest_ = 1;
+    unsigned count_ = 0;
+    bool isComplete_ = false;
+};
+
+}  // namespace host::schedule
