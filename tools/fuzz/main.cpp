@@ -44,8 +44,13 @@ int main(int argumentCount, char** arguments)
     CLI::Option* seconds = app.add_option("--seconds", budget.seconds, "how long (default: 60)");
     app.add_option("--sequences", budget.lives, "how many lives at most");
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
-    app.add_option("--scenario", scenarioFile, "where the life that went wrong is written (default: fuzz.json)");
-    CLI11_PARSE(app, argumentCount, arguments);
+    app.add_option("--scenario", scenarioFile, "where the life that went wrong is written (default: fuzz.json)")
+        ->take_last();
+    try {
+        app.parse(argumentCount, arguments);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kBadInput;
+    }
     if (seconds->count() == 0 && budget.lives == 0) {
         budget.seconds = 60;
     }
@@ -63,6 +68,9 @@ int main(int argumentCount, char** arguments)
         out << fuzz::Scenario(finding->life, "Life " + std::to_string(finding->number) + " of seed " +
                                                  std::to_string(finding->seed), finding->mismatch);
         out.close();
+        if (!out) {
+            std::cerr << "zepn-fuzz: " << scenarioFile << ": cannot be written\n";
+        }
         std::cout << fuzz::Report(*finding) << "again: ./zepn fuzz --seed " << finding->seed << " --sequences "
                   << finding->number + 1 << " --image " << image << "; as a scenario: ./zepn demo " << scenarioFile
                   << " --image " << image << "\n";

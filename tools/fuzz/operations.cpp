@@ -120,7 +120,7 @@ Life Decode(std::span<const std::uint8_t> input)
 {
     Bytes bytes(input);
     Life life;
-    life.mayStandStill = bytes.Below(256) == 1;
+    life.mayStandStill = bytes.Below(64) == 1;
     life.addAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
     life.removeAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
     life.dumpAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
@@ -167,9 +167,11 @@ std::string Text(const Operation& operation)
 
 GUID GuidOf(unsigned client)
 {
-    constexpr std::size_t kPlaces[kClients] = {0, 15, 7, 4, 11};
+    constexpr std::size_t kPlaces[kClients] = {0, 0, 15, 7, 8};
     GUID guid = {0x6f1b0001, 0x2c3d, 0x4a5b, {0x8c, 0x9d, 1, 2, 3, 4, 5, 6}};
-    reinterpret_cast<std::uint8_t*>(&guid)[kPlaces[client]] ^= 0x80;
+    if (client != 0) {
+        reinterpret_cast<std::uint8_t*>(&guid)[kPlaces[client]] ^= 0x80;
+    }
     return guid;
 }
 

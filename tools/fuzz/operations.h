@@ -85,7 +85,7 @@ struct Life {
 [[nodiscard]] std::string Text(const Operation& operation);
 [[nodiscard]] std::string ClientName(unsigned client);
 
-// GUIDs that differ in one byte each, at places spread over all sixteen.
+// GUIDs that differ from the first client's in one byte each: the first, the last, and two in the middle.
 [[nodiscard]] GUID GuidOf(unsigned client);
 [[nodiscard]] std::string NameOf(const GUID& guid);
 

@@ -2,6 +2,7 @@
 
 #include "tools/fuzz/witness.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
@@ -90,6 +91,8 @@ std::optional<Finding> Search(const Budget& budget, const std::filesystem::path&
         finding.life = Shrink(
             life, [&](const Life& candidate) { return Run(candidate, image, ignored, mistake).has_value(); });
         finding.mismatch = Run(finding.life, image, ignored, mistake).value_or(Mismatch{0, "it does not fail again\n"});
+        finding.life.operations.resize(
+            std::min(finding.life.operations.size(), finding.mismatch.operation + 1));  // nothing behind it matters
         return finding;
     }
     return std::nullopt;

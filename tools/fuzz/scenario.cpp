@@ -132,7 +132,7 @@ void AddNotes(Json& steps, const std::string& text)
 
 std::string Scenario(const Life& life, const std::string& title, const std::optional<Mismatch>& mismatch)
 {
-    Json scenario = {{"title", title}};
+    Json scenario = {{"title", title}, {"states", Json::object()}};
     for (unsigned client = 0; client < kClients; ++client) {
         scenario["clients"][ClientName(client)] = ClientOf(life.clients[client], client);
     }
