@@ -80,7 +80,9 @@ void Play(const fuzz::Life& life, const std::optional<fuzz::Mismatch>& mismatch 
     const play::Scenario scenario = play::ParseScenario(text, "life.json");
     std::ostringstream out;
     play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    EXPECT_TRUE(play::Play(scenario, {.image = ZEPN_NATIVE_DRIVER, .decodingFiles = "", .eventLevel = {}}, timeline))
+    play::PlayOptions options;
+    options.image = ZEPN_NATIVE_DRIVER;
+    EXPECT_TRUE(play::Play(scenario, options, timeline))
         << text << out.str();
 }
 
