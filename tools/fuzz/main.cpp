@@ -65,8 +65,9 @@ int main(int argumentCount, char** arguments)
             return 0;
         }
         std::ofstream out(scenarioFile);
-        out << fuzz::Scenario(finding->life, "Life " + std::to_string(finding->number) + " of seed " +
-                                                 std::to_string(finding->seed), finding->mismatch);
+        out << fuzz::Scenario(finding->life,
+                              "Life " + std::to_string(finding->number) + " of seed " + std::to_string(finding->seed),
+                              finding->mismatch);
         out.close();
         if (!out) {
             std::cerr << "zepn-fuzz: " << scenarioFile << ": cannot be written\n";

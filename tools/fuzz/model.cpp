@@ -29,9 +29,8 @@ Outcome Model::Do(const Operation& operation)
         status = Unsubscribe(operation);
         break;
     case Kind::kPost:
-        status = operation.null.empty()
-                     ? Post({operation.client, kPostedSize, operation.state, kPostedReserved})
-                     : STATUS_INVALID_PARAMETER;
+        status = operation.null.empty() ? Post({operation.client, kPostedSize, operation.state, kPostedReserved})
+                                        : STATUS_INVALID_PARAMETER;
         break;
     case Kind::kCommand:
         status = Send(operation);
@@ -203,8 +202,7 @@ NTSTATUS Model::Send(const Operation& operation)
     if (source == nullptr || target == nullptr || !life_.clients[target->who].takesCommands) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
-    commands_.push_back(
-        {source->who, source->birth, target->who, operation.value, CommandArgument(operation)});
+    commands_.push_back({source->who, source->birth, target->who, operation.value, CommandArgument(operation)});
     Enqueue(Work::kCommands);
     return STATUS_SUCCESS;
 }
@@ -447,8 +445,7 @@ Life Playable(Life life)
         if (after > before) {
             undelivered.push_back(operation);
         } else {
-            undelivered.erase(undelivered.begin(),
-                              undelivered.begin() + static_cast<std::ptrdiff_t>(before - after));
+            undelivered.erase(undelivered.begin(), undelivered.begin() + static_cast<std::ptrdiff_t>(before - after));
         }
         playable.operations.push_back(operation);
         workItems = outcome.standsStill ? 0 : outcome.workItems;

@@ -14,13 +14,13 @@ constexpr NTSTATUS kAnswers[] = {STATUS_SUCCESS, STATUS_SUCCESS, STATUS_SUCCESS,
 
 // How often each comes up: once for each time it stands here.
 constexpr Kind kKinds[] = {
-    Kind::kRegister,   Kind::kRegister,    Kind::kRegister, Kind::kLeave,       Kind::kSubscribe,     Kind::kSubscribe,
-    Kind::kSubscribe,  Kind::kSubscribe,   Kind::kSubscribe, Kind::kSubscribe,  Kind::kUnsubscribe,   Kind::kPost,
-    Kind::kPost,       Kind::kPost,        Kind::kPost,     Kind::kPost,        Kind::kPost,          Kind::kPost,
-    Kind::kCommand,    Kind::kCommand,     Kind::kCommand,  Kind::kCommand,     Kind::kRunOne,        Kind::kRunOne,
-    Kind::kRunOne,     Kind::kDeliver,     Kind::kDeliver,  Kind::kDeliver,     Kind::kAttach,        Kind::kAttach,
-    Kind::kDetach,     Kind::kCount,       Kind::kDescribe, Kind::kDescribe,    Kind::kStartDump,     Kind::kAddDumpData,
-    Kind::kQueryDump,  Kind::kAddTriageData, Kind::kStopDump, Kind::kControl,   Kind::kTimeout,       Kind::kSleep,
+    Kind::kRegister,  Kind::kRegister,      Kind::kRegister,  Kind::kLeave,     Kind::kSubscribe,   Kind::kSubscribe,
+    Kind::kSubscribe, Kind::kSubscribe,     Kind::kSubscribe, Kind::kSubscribe, Kind::kUnsubscribe, Kind::kPost,
+    Kind::kPost,      Kind::kPost,          Kind::kPost,      Kind::kPost,      Kind::kPost,        Kind::kPost,
+    Kind::kCommand,   Kind::kCommand,       Kind::kCommand,   Kind::kCommand,   Kind::kRunOne,      Kind::kRunOne,
+    Kind::kRunOne,    Kind::kDeliver,       Kind::kDeliver,   Kind::kDeliver,   Kind::kAttach,      Kind::kAttach,
+    Kind::kDetach,    Kind::kCount,         Kind::kDescribe,  Kind::kDescribe,  Kind::kStartDump,   Kind::kAddDumpData,
+    Kind::kQueryDump, Kind::kAddTriageData, Kind::kStopDump,  Kind::kControl,   Kind::kTimeout,     Kind::kSleep,
     Kind::kWake};
 
 // Reads on as zeros behind the end.
@@ -156,10 +156,10 @@ std::string ClientName(unsigned client)
 
 std::string Text(const Operation& operation)
 {
-    constexpr const char* kNames[] = {"register",  "leave",        "subscribe", "unsubscribe",   "post",     "command",
-                                      "run one",   "deliver",      "attach",    "detach",        "count",    "describe",
-                                      "startDump", "addDumpData",  "queryDump", "addTriageData", "stopDump", "control",
-                                      "timeout",   "sleep",        "wake"};
+    constexpr const char* kNames[] = {"register",  "leave",       "subscribe", "unsubscribe",   "post",     "command",
+                                      "run one",   "deliver",     "attach",    "detach",        "count",    "describe",
+                                      "startDump", "addDumpData", "queryDump", "addTriageData", "stopDump", "control",
+                                      "timeout",   "sleep",       "wake"};
     return ClientName(operation.client) + " " + kNames[static_cast<unsigned>(operation.kind)] + " to " +
            ClientName(operation.other) + ", state " + std::to_string(operation.state) + ", value " +
            std::to_string(operation.value) + (operation.null.empty() ? "" : ", null " + operation.null);

@@ -32,9 +32,8 @@ std::string State(unsigned subscriber, const std::string& from, std::uint64_t si
 std::string Command(unsigned target, std::uint32_t id, std::uint64_t sizeBytes, std::uint32_t argument,
                     const std::string& source, std::uint32_t sourceState, std::uint32_t ownState)
 {
-    return ClientName(target) + " gets command " + Number(id) + " from " + source + " in state " +
-           Number(sourceState) + " (size " + Number(sizeBytes) + ", argument " + Number(argument) + ", own state " +
-           Number(ownState) + ")";
+    return ClientName(target) + " gets command " + Number(id) + " from " + source + " in state " + Number(sourceState) +
+           " (size " + Number(sizeBytes) + ", argument " + Number(argument) + ", own state " + Number(ownState) + ")";
 }
 
 std::string AppsState(unsigned client, std::uint32_t reason, std::uint32_t ownState)
@@ -96,8 +95,8 @@ std::uint32_t TimeoutMs(const Operation& operation)
 
 std::string Outcome::Text() const
 {
-    std::string text = "  " + Hex(static_cast<std::uint32_t>(status)) + ", " + Number(workItems) + " work items queued" +
-                       (standsStill ? ", a thread stands still" : "") + "\n";
+    std::string text = "  " + Hex(static_cast<std::uint32_t>(status)) + ", " + Number(workItems) +
+                       " work items queued" + (standsStill ? ", a thread stands still" : "") + "\n";
     for (const std::string& line : told) {
         text += "  " + line + "\n";
     }

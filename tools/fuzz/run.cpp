@@ -76,20 +76,17 @@ std::optional<Finding> Search(const Budget& budget, const std::filesystem::path&
                               Model::Mistake mistake)
 {
     const auto begin = std::chrono::steady_clock::now();
-    const auto spent = [&] {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    };
-    for (std::uint64_t number = 0; (budget.lives == 0 || number < budget.lives) &&
-                                   (budget.seconds == 0 || spent() < budget.seconds);
-         ++number) {
+    const auto spent = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(); };
+    for (std::uint64_t number = 0;
+         (budget.lives == 0 || number < budget.lives) && (budget.seconds == 0 || spent() < budget.seconds); ++number) {
         const Life life = Playable(Decode(RandomBytes(budget.seed, number)));
         if (!Run(life, image, totals, mistake)) {
             continue;
         }
         Totals ignored;
         Finding finding{budget.seed, number, {}, {}};
-        finding.life = Shrink(
-            life, [&](const Life& candidate) { return Run(candidate, image, ignored, mistake).has_value(); });
+        finding.life =
+            Shrink(life, [&](const Life& candidate) { return Run(candidate, image, ignored, mistake).has_value(); });
         finding.mismatch = Run(finding.life, image, ignored, mistake).value_or(Mismatch{0, "it does not fail again\n"});
         finding.life.operations.resize(
             std::min(finding.life.operations.size(), finding.mismatch.operation + 1));  // nothing behind it matters
@@ -101,8 +98,8 @@ std::optional<Finding> Search(const Budget& budget, const std::filesystem::path&
 std::string Figures(const Totals& totals, double seconds, const std::string& where)
 {
     char rates[80];
-    std::snprintf(rates, sizeof(rates), "; %.0f lives/s, %.0f operations/s", static_cast<double>(totals.lives) / seconds,
-                  static_cast<double>(totals.operations) / seconds);
+    std::snprintf(rates, sizeof(rates), "; %.0f lives/s, %.0f operations/s",
+                  static_cast<double>(totals.lives) / seconds, static_cast<double>(totals.operations) / seconds);
     return "random lives (" + where + "): " + std::to_string(totals.lives) + " lives, " +
            std::to_string(totals.operations) + " operations, " + std::to_string(totals.callbacks) +
            " callbacks and answers, " + std::to_string(totals.counts) + " inner counts compared, " +

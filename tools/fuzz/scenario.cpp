@@ -34,8 +34,8 @@ Json ClientOf(const Habits& habits, unsigned client)
         json["entries"] = habits.entryCount;
     }
     for (const Answer& answer : habits.answers) {
-        Json rule = {{"from", ClientName(answer.from)}, {"state", "any"}, {"answer", answer.answer},
-                     {"once", answer.once}};
+        Json rule = {
+            {"from", ClientName(answer.from)}, {"state", "any"}, {"answer", answer.answer}, {"once", answer.once}};
         if (answer.state) {
             rule["state"] = *answer.state;
         }

@@ -81,7 +81,7 @@ private:
             change([&](Habits& habits) { habits.name = ClientName(static_cast<unsigned>(client)); });
             change([](Habits& habits) { habits.description = "described"; });
         }
-        for (NTSTATUS Life::*answer : {&Life::addAnswer, &Life::removeAnswer, &Life::dumpAnswer}) {
+        for (NTSTATUS Life::* answer : {&Life::addAnswer, &Life::removeAnswer, &Life::dumpAnswer}) {
             Life changed = life_;
             changed.*answer = STATUS_SUCCESS;
             (void)Try(changed);

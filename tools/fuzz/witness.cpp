@@ -56,8 +56,7 @@ struct Witness::Callbacks {
     {
         auto& peer = *static_cast<Peer*>(context);
         const std::string from = NameOf(state->InterfaceGUID);
-        peer.witness.Tell(
-            lines::State(peer.number, from, state->Size, state->State, state->Reserved, *response));
+        peer.witness.Tell(lines::State(peer.number, from, state->Size, state->State, state->Reserved, *response));
         for (unsigned client = 0; client < kClients; ++client) {
             if (ClientName(client) == from) {
                 *response = peer.script.OnState(client, state->State).value_or(*response);
@@ -182,7 +181,11 @@ Witness::Witness(const Life& life, const std::filesystem::path& image) : life_(l
         throw host::HostError("the control device does not open");
     }
     // A driver that goes round and round makes platform calls; it is set aside like a thread that waits for ever.
-    machine_.environment().observer = [this](const host::ObservedCall&) {
+    machine_.environment().observer = [this](const host::ObservedCall& call) {
+        if (onPlatformCall) {
+            onPlatformCall(reinterpret_cast<std::uintptr_t>(call.caller) -
+                           reinterpret_cast<std::uintptr_t>(driver_->ImageBase()));
+        }
         if (callsLeft_ != 0 && (--callsLeft_ == 0 || outcome_.told.size() > kMostLines)) {
             host::schedule::ParkThisThread("goes on without end");
         }
@@ -274,8 +277,8 @@ NTSTATUS Witness::CallForClient(const Operation& operation, Peer& peer)
     case Kind::kRegister:
         return helper_.Notifier_HelperInit(guid, peer.habits.name.c_str(), peer.habits.description.c_str(),
                                            null == "callbacks" ? nullptr : &peer.callbacks,
-                                           peer.entries.empty() ? nullptr : peer.entries.data(),
-                                           peer.habits.entryCount, &peer);
+                                           peer.entries.empty() ? nullptr : peer.entries.data(), peer.habits.entryCount,
+                                           &peer);
     case Kind::kLeave:
         return helper_.Notifier_HelperClientDeinit(guid);
     case Kind::kSubscribe:
@@ -284,10 +287,8 @@ NTSTATUS Witness::CallForClient(const Operation& operation, Peer& peer)
     case Kind::kUnsubscribe:
         return helper_.Notifier_HelperDeregisterForStateNotification(guid, null == "record" ? nullptr : &filter);
     case Kind::kPost: {
-        const ZepState record{.Size = kPostedSize,
-                              .InterfaceGUID = peer.guid,
-                              .State = operation.state,
-                              .Reserved = kPostedReserved};
+        const ZepState record{
+            .Size = kPostedSize, .InterfaceGUID = peer.guid, .State = operation.state, .Reserved = kPostedReserved};
         return helper_.Notifier_HelperSendState(null.empty() ? &record : nullptr);
     }
     case Kind::kCommand: {
@@ -368,10 +369,9 @@ void Witness::CheckDescriptor(const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor, std::s
             descriptor.Reserved2 != 0) {
             line += ", callbacks of another";
         }
-        if (descriptor.DataEntries != nullptr &&
-            (descriptor.DataEntries == peer.entries.data() ||
-             std::memcmp(descriptor.DataEntries, peer.entries.data(), peer.entries.size() * sizeof(ZepDataEntry)) !=
-                 0)) {
+        if (descriptor.DataEntries != nullptr && (descriptor.DataEntries == peer.entries.data() ||
+                                                  std::memcmp(descriptor.DataEntries, peer.entries.data(),
+                                                              peer.entries.size() * sizeof(ZepDataEntry)) != 0)) {
             line += ", entries that are no copy";
         }
         return;
