@@ -397,7 +397,7 @@ private:
     {
         switch (step.action) {
         case Action::kDeliver:
-            Deliver();
+            Deliver(step.runs);
             return;
         case Action::kOpen:
             Show(step, kApplication, "opens the control device",
@@ -465,12 +465,12 @@ private:
         }
     }
 
-    void Deliver()
+    void Deliver(std::uint32_t runs)
     {
         const std::size_t queued = machine_.QueuedWorkItems();
         timeline_.Add({EntryKind::kCall, kSystem, kNotifier,
                        queued == 0 ? "nothing is queued" : "lets the queued work run", "", true});
-        while (machine_.QueuedWorkItems() != 0) {
+        for (std::uint32_t run = 0; machine_.QueuedWorkItems() != 0 && (runs == 0 || run < runs); ++run) {
             const std::string routine = machine_.NextWorkItem();
             timeline_.Begin({Stretch::Kind::kWorkItem, routine, routine, ""});
             const host::PumpResult result = machine_.RunOneWorkItem();

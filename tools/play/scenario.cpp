@@ -31,7 +31,7 @@ const std::vector<ActionRow>& Actions()
         {"unsubscribe", Action::kUnsubscribe, {"client", "to", "state"}, {"expect", "null"}},
         {"post", Action::kPost, {"client", "state"}, {"expect", "null"}},
         {"leave", Action::kLeave, {"client"}, {"expect", "null"}},
-        {"deliver", Action::kDeliver, {}, {}},
+        {"deliver", Action::kDeliver, {}, {"runs"}},
         {"command", Action::kCommand, {"client", "to", "id"}, {"argument", "expect", "null"}},
         {"attach", Action::kAttach, {}, {"expect", "null"}},
         {"detach", Action::kDetach, {}, {"expect"}},
@@ -433,6 +433,7 @@ private:
         }
         ReadNumber(value, "id", field + ".id", step.id);
         ReadNumber(value, "argument", field + ".argument", step.argument);
+        ReadNumber(value, "runs", field + ".runs", step.runs);
         step.hasCapacity = Member(value, "capacity") != nullptr;
         ReadNumber(value, "capacity", field + ".capacity", step.capacity);
         if (const JsonValue* expect = Member(value, "expect")) {

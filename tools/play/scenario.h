@@ -102,6 +102,7 @@ struct Step {
     std::uint32_t argument = 0;
     std::uint32_t capacity = 0;
     bool hasCapacity = false;
+    std::uint32_t runs = 0;  // of queued work items; 0: until none is queued
     std::optional<NTSTATUS> expect;
     std::string null;  // the argument that is passed as NULL; empty: none
     std::optional<StepFault> fail;
