@@ -1,4 +1,5 @@
 // The checks of images: the images that ship pass them all, and each check fires at the damage that it is there for.
+#include "tests/image/damage.h"
 #include "tools/image_check/checks.h"
 #include "tools/image_check/disassembly.h"
 #include "tools/image_check/text.h"
@@ -6,92 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <initializer_list>
 #include <set>
 
 namespace tests {
 namespace {
 
-using image_check::Finding;
-using image_check::FormatError;
-using image_check::PeReader;
-using Bytes = std::vector<std::uint8_t>;
-
-std::filesystem::path PathOf(const std::string& machine)
-{
-    return std::filesystem::path(ZEPN_ROOT) / "out" / machine / "zepn.sys";
-}
-
-void Put(Bytes& bytes, std::uint64_t offset, std::initializer_list<std::uint8_t> values)
-{
-    ASSERT_LE(offset + values.size(), bytes.size());
-    std::ranges::copy(values, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
-}
-
-std::uint64_t OptionalHeader(const PeReader& image)
-{
-    return image.At<std::uint32_t>(60) + 24;
-}
-
-// So that damage elsewhere is found for its own sake.
-void MendChecksum(Bytes& bytes)
-{
-    const PeReader image(bytes);
-    const std::uint32_t sum = image.ComputedChecksum();
-    std::memcpy(&bytes[OptionalHeader(image) + 64], &sum, sizeof(sum));
-}
-
-std::set<std::string> ChecksOf(const std::vector<Finding>& findings)
-{
-    std::set<std::string> checks;
-    for (const Finding& finding : findings) {
-        checks.insert(finding.check);
-    }
-    return checks;
-}
-
-std::string TextOf(const std::vector<Finding>& findings)
-{
-    std::string text;
-    for (const Finding& finding : findings) {
-        text += finding.check + ": " + finding.text + "\n";
-    }
-    return text;
-}
-
 // ---- Structure ----
-
-// Where things stand in the good image, for those who damage it.
-struct Places {
-    const PeReader& image;
-
-    [[nodiscard]] std::uint64_t Optional(unsigned offset) const { return OptionalHeader(image) + offset; }
-    [[nodiscard]] std::uint64_t Directory(unsigned index) const { return Optional(112 + 8 * index); }
-    [[nodiscard]] std::uint64_t SectionHeader(unsigned index) const { return Optional(240 + 40 * index); }
-    // Offset of the contents of a directory.
-    [[nodiscard]] std::uint64_t Table(unsigned index) const { return AtAddress(image.directory(index).address); }
-    [[nodiscard]] std::uint64_t AtAddress(std::uint64_t address) const { return image.OffsetOf(address, 1); }
-    [[nodiscard]] std::uint64_t Followed(std::uint64_t offset) const
-    {
-        return AtAddress(image.At<std::uint32_t>(offset));
-    }
-    [[nodiscard]] std::uint64_t FollowedPointer(std::uint64_t offset) const
-    {
-        return AtAddress(image.At<std::uint64_t>(offset) - image.headers().preferredBase);
-    }
-};
-
-struct Damage {
-    std::string name;
-    std::function<void(Bytes& bytes, const Places& places)> apply;
-    std::set<std::string> checks;  // exactly those that must fire
-    std::string words;             // in one of the findings
-    std::string machine = "x64";
-};
-
-// Order of the sections in the images that ship.
-enum SectionIndex : unsigned { kText, kReadOnlyData, kData, kFunctions, kResources, kRelocationData };
 
 std::vector<Damage> HeaderDamage()
 {
@@ -290,20 +211,6 @@ std::vector<Damage> GuardAndDebugDamage()
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(6) + 28 + 12, {13}); },
          {"debug records"}, "not the contents'"},
     };
-}
-
-void ExpectFound(const std::vector<Damage>& rows)
-{
-    for (const Damage& row : rows) {
-        SCOPED_TRACE(row.machine + ": " + row.name);
-        const PeReader good = PeReader::FromFile(PathOf(row.machine));
-        Bytes bytes = good.bytes();
-        row.apply(bytes, Places{good});
-        MendChecksum(bytes);
-        const std::vector<Finding> findings = image_check::CheckStructure(PeReader(bytes));
-        EXPECT_EQ(ChecksOf(findings), row.checks) << TextOf(findings);
-        EXPECT_NE(TextOf(findings).find(row.words), std::string::npos) << TextOf(findings);
-    }
 }
 
 class ImageCheck : public testing::TestWithParam<const char*> {

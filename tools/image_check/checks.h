@@ -17,9 +17,14 @@ struct Finding {
     bool operator==(const Finding&) const = default;
 };
 
+// Whether an image must carry what its reports are read by, and its version: the driver must, a sample need not. What an
+// image carries must be right in any case.
+enum class ReportResources { kRequired, kNotNeeded };
+
 // Headers, sections and tables. A table that cannot be read is a finding of the check that needs it; the other checks
 // still run. Empty when all is right.
-[[nodiscard]] std::vector<Finding> CheckStructure(const PeReader& image);
+[[nodiscard]] std::vector<Finding> CheckStructure(const PeReader& image,
+                                                  ReportResources resources = ReportResources::kRequired);
 
 // The code, by a disassembly in the form of llvm-objdump: what can fault must be unwindable, and some registers are not
 // the driver's to use.

@@ -15,6 +15,7 @@ namespace {
 
 using image_check::Finding;
 using image_check::PeReader;
+using image_check::ReportResources;
 using Json = nlohmann::ordered_json;
 
 constexpr int kFound = 1;
@@ -56,6 +57,12 @@ Json Facts(const PeReader& image)
     facts["relocations"] = std::ranges::count_if(relocations, [](const auto& slot) { return slot.type != 0; });
     const auto configuration = Readable([&] { return image.GuardConfiguration(); });
     facts["guardedFunctions"] = configuration ? configuration->guardedFunctions.size() : 0;
+    facts["resources"] = Json::array();
+    for (const image_check::Resource& resource : Readable([&] { return image.Resources(); })) {
+        const image_check::ResourceId& type = resource.type;
+        facts["resources"].push_back(
+            {{"type", type.text.empty() ? std::to_string(type.number) : type.text}, {"sizeBytes", resource.sizeBytes}});
+    }
     facts["pdb"] = nullptr;
     for (const image_check::DebugEntry& entry : Readable([&] { return image.DebugEntries(); })) {
         if (!entry.pdbName.empty()) {
@@ -72,7 +79,7 @@ void PrintText(const std::string& file, const Json& facts, const std::vector<Fin
         std::cout << facts["machine"].get<std::string>() << ", " << facts["sizeBytes"] << " bytes, checksum "
                   << facts["checksum"].get<std::string>() << ", " << facts["functions"]
                   << " functions with unwind data, " << facts["guardedFunctions"] << " guarded, "
-                  << facts["relocations"] << " relocations";
+                  << facts["relocations"] << " relocations, " << facts["resources"].size() << " resources";
         for (const auto& [module, names] : facts["imports"].items()) {
             std::cout << "\n  " << module << ":";
             for (const auto& name : names) {
@@ -106,12 +113,14 @@ int main(int argumentCount, char** arguments)
     std::vector<std::string> files;
     std::string disassembler = "llvm-objdump-19";
     bool structureOnly = false;
+    bool withoutReports = false;
     bool json = false;
 
     CLI::App app{"Checks driver images: headers, sections, tables and code."};
     app.add_option("image", files, "images to check")->required();
     app.add_option("--disassembler", disassembler, "program that disassembles (default: " + disassembler + ")");
     app.add_flag("--structure-only", structureOnly, "leave out the checks of code, which need the disassembler");
+    app.add_flag("--without-reports", withoutReports, "the images need no resources, as the samples");
     app.add_flag("--json", json, "one JSON object for each image: facts and findings");
     try {
         app.parse(argumentCount, arguments);
@@ -126,7 +135,8 @@ int main(int argumentCount, char** arguments)
         try {
             const PeReader image = PeReader::FromFile(file);
             facts = Facts(image);
-            findings = image_check::CheckStructure(image);
+            findings = image_check::CheckStructure(image, withoutReports ? ReportResources::kNotNeeded
+                                                                         : ReportResources::kRequired);
             if (!structureOnly) {
                 std::ranges::copy(image_check::CheckCode(image, image_check::Disassemble(disassembler, file)),
                                   std::back_inserter(findings));

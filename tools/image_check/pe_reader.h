@@ -25,6 +25,7 @@ enum Machine : std::uint16_t { kMachineX64 = 0x8664, kMachineArm64 = 0xAA64 };
 enum DirectoryIndex : unsigned {
     kExports = 0,
     kImports = 1,
+    kResources = 2,
     kFunctionTable = 3,
     kCertificates = 4,
     kRelocations = 5,
@@ -105,6 +106,23 @@ struct LoadConfiguration {
     std::vector<std::uint32_t> guardedFunctions;  // addresses
 };
 
+// By which a type, a name or a language is found: a text, or a number when there is none.
+struct ResourceId {
+    std::uint32_t number = 0;
+    std::string text;
+
+    bool operator==(const ResourceId&) const = default;
+    bool operator<(const ResourceId& other) const;
+};
+
+struct Resource {
+    ResourceId type;
+    ResourceId name;
+    ResourceId language;
+    std::uint32_t address;
+    std::uint32_t sizeBytes;
+};
+
 // The constructors throw FormatError unless both headers and the section table can be read; the others when the table
 // in question cannot.
 class PeReader {
@@ -126,6 +144,8 @@ public:
     [[nodiscard]] std::vector<Relocation> Relocations() const;
     [[nodiscard]] std::vector<FunctionRange> FunctionRanges() const;
     [[nodiscard]] std::vector<DebugEntry> DebugEntries() const;
+    // In the order of the tree; the places of their data are as the tree says, not checked.
+    [[nodiscard]] std::vector<Resource> Resources() const;
     [[nodiscard]] std::optional<LoadConfiguration> GuardConfiguration() const;
 
     template <class T>

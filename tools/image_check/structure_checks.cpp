@@ -1,5 +1,5 @@
 // One function for each check. They are listed at the end, in the order in which findings are printed.
-#include "tools/image_check/checks.h"
+#include "tools/image_check/report.h"
 #include "tools/image_check/text.h"
 
 #include <algorithm>
@@ -9,25 +9,6 @@
 
 namespace image_check {
 namespace {
-
-// Collects what one check finds.
-class Report {
-public:
-    Report(std::vector<Finding>& findings, std::string check) : findings_(findings), check_(std::move(check)) {}
-
-    void Add(std::string text) { findings_.push_back({check_, std::move(text)}); }
-
-    void Require(bool holds, std::string_view text)
-    {
-        if (!holds) {
-            Add(std::string(text));
-        }
-    }
-
-private:
-    std::vector<Finding>& findings_;
-    std::string check_;
-};
 
 struct Bit {
     std::uint32_t mask;
@@ -321,17 +302,21 @@ constexpr Check kChecks[] = {
 
 }  // namespace
 
-std::vector<Finding> CheckStructure(const PeReader& image)
+std::vector<Finding> CheckStructure(const PeReader& image, ReportResources resources)
 {
     std::vector<Finding> findings;
-    for (const Check& check : kChecks) {
-        Report report(findings, check.name);
+    const auto run = [&](const char* name, const auto& check) {
+        Report report(findings, name);
         try {
-            check.run(image, report);
+            check(report);
         } catch (const FormatError& error) {
             report.Add(error.what());
         }
+    };
+    for (const Check& check : kChecks) {
+        run(check.name, [&](Report& report) { check.run(image, report); });
     }
+    run("resources", [&](Report& report) { CheckResources(image, resources, report); });
     return findings;
 }
 

@@ -1,0 +1,112 @@
+// Damage done to the images that ship, and what the checks of images must find of it.
+#pragma once
+
+#include "tools/image_check/checks.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <initializer_list>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tests {
+
+using image_check::Finding;
+using image_check::FormatError;
+using image_check::PeReader;
+using Bytes = std::vector<std::uint8_t>;
+
+inline std::filesystem::path PathOf(const std::string& machine)
+{
+    return std::filesystem::path(ZEPN_ROOT) / "out" / machine / "zepn.sys";
+}
+
+inline void Put(Bytes& bytes, std::uint64_t offset, std::initializer_list<std::uint8_t> values)
+{
+    ASSERT_LE(offset + values.size(), bytes.size());
+    std::ranges::copy(values, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+}
+
+inline std::uint64_t OptionalHeader(const PeReader& image)
+{
+    return image.At<std::uint32_t>(60) + 24;
+}
+
+// So that damage elsewhere is found for its own sake.
+inline void MendChecksum(Bytes& bytes)
+{
+    const PeReader image(bytes);
+    const std::uint32_t sum = image.ComputedChecksum();
+    std::memcpy(&bytes[OptionalHeader(image) + 64], &sum, sizeof(sum));
+}
+
+inline std::set<std::string> ChecksOf(const std::vector<Finding>& findings)
+{
+    std::set<std::string> checks;
+    for (const Finding& finding : findings) {
+        checks.insert(finding.check);
+    }
+    return checks;
+}
+
+inline std::string TextOf(const std::vector<Finding>& findings)
+{
+    std::string text;
+    for (const Finding& finding : findings) {
+        text += finding.check + ": " + finding.text + "\n";
+    }
+    return text;
+}
+
+// Where things stand in the good image, for those who damage it.
+struct Places {
+    const PeReader& image;
+
+    [[nodiscard]] std::uint64_t Optional(unsigned offset) const { return OptionalHeader(image) + offset; }
+    [[nodiscard]] std::uint64_t Directory(unsigned index) const { return Optional(112 + 8 * index); }
+    [[nodiscard]] std::uint64_t SectionHeader(unsigned index) const { return Optional(240 + 40 * index); }
+    // Offset of the contents of a directory.
+    [[nodiscard]] std::uint64_t Table(unsigned index) const { return AtAddress(image.directory(index).address); }
+    [[nodiscard]] std::uint64_t AtAddress(std::uint64_t address) const { return image.OffsetOf(address, 1); }
+    [[nodiscard]] std::uint64_t Followed(std::uint64_t offset) const
+    {
+        return AtAddress(image.At<std::uint32_t>(offset));
+    }
+    [[nodiscard]] std::uint64_t FollowedPointer(std::uint64_t offset) const
+    {
+        return AtAddress(image.At<std::uint64_t>(offset) - image.headers().preferredBase);
+    }
+};
+
+struct Damage {
+    std::string name;
+    std::function<void(Bytes& bytes, const Places& places)> apply;
+    std::set<std::string> checks;  // exactly those that must fire
+    std::string words;             // in one of the findings
+    std::string machine = "x64";
+};
+
+// Order of the sections in the images that ship.
+enum SectionIndex : unsigned { kText, kReadOnlyData, kData, kFunctions, kResources, kRelocationData };
+
+inline void ExpectFound(const std::vector<Damage>& rows)
+{
+    for (const Damage& row : rows) {
+        SCOPED_TRACE(row.machine + ": " + row.name);
+        const PeReader good = PeReader::FromFile(PathOf(row.machine));
+        Bytes bytes = good.bytes();
+        row.apply(bytes, Places{good});
+        MendChecksum(bytes);
+        const std::vector<Finding> findings = image_check::CheckStructure(PeReader(bytes));
+        EXPECT_EQ(ChecksOf(findings), row.checks) << TextOf(findings);
+        EXPECT_NE(TextOf(findings).find(row.words), std::string::npos) << TextOf(findings);
+    }
+}
+
+}  // namespace tests

@@ -1,0 +1,150 @@
+// The check of the resources fires at each damage to their place, their tree and the heads of what they hold.
+#include "tests/image/damage.h"
+
+namespace tests {
+namespace {
+
+// Where the linker puts the parts of the tree, from its beginning. Types are the event template, the message table
+// and the version, in this order.
+constexpr unsigned kTypes = 0x00;
+constexpr unsigned kFirstType = 0x10;
+constexpr unsigned kTemplateNames = 0x28;
+constexpr unsigned kTemplateLanguages = 0x70;
+constexpr unsigned kDataRecord[] = {0xB8, 0xC8, 0xD8};
+
+// Writes at a place in the tree, or in the data of a resource.
+auto InTree(unsigned offset, std::initializer_list<std::uint8_t> values)
+{
+    return [offset, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
+        std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(places.Table(2) + offset));
+    };
+}
+
+auto InData(unsigned resource, unsigned offset, std::initializer_list<std::uint8_t> values)
+{
+    return [resource, offset, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
+        const std::uint64_t data = places.Followed(places.Table(2) + kDataRecord[resource]);
+        std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(data + offset));
+    };
+}
+
+auto InSection(std::uint8_t topOfCharacteristics)
+{
+    return [=](Bytes& bytes, const Places& places) {
+        Put(bytes, places.SectionHeader(kResources) + 39, {topOfCharacteristics});
+    };
+}
+
+std::vector<Damage> PlaceDamage()
+{
+    const auto directory = [](unsigned offset, std::initializer_list<std::uint8_t> values) {
+        return [offset, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
+            std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(places.Directory(2) + offset));
+        };
+    };
+    return {
+        {"none", directory(0, {0, 0, 0, 0, 0, 0, 0, 0}), {"resources"}, "there are none"},
+        {"nowhere", directory(0, {0, 0, 0, 0x7F}), {"resources"}, "not within one section"},
+        {"longer than its section", directory(4, {0, 0, 1}), {"resources"}, "not within one section"},
+        {"shorter than its data", directory(4, {0, 4}), {"resources"}, "lies beyond the directory"},
+        {"writable", InSection(0xC0), {"resources"}, ".rsrc is writable"},
+        {"executable", InSection(0x60), {"resources"}, ".rsrc is executable"},
+        {"discardable", InSection(0x42), {"resources"}, ".rsrc is thrown away"},
+    };
+}
+
+std::vector<Damage> TreeDamage()
+{
+    return {
+        {"time stamp", InTree(kTypes + 4, {1}), {"resources"}, "types at 0x0 has a time stamp"},
+        {"empty table", InTree(kTemplateNames + 14, {0}), {"resources"}, "names at 0x28 is empty"},
+        {"too many entries", InTree(kTemplateNames + 14, {0xFF, 0xFF}), {"resources"}, "than there is room for"},
+        {"numbers before texts", InTree(kFirstType + 3, {0}), {"resources"}, "texts before numbers"},
+        {"not sorted", InTree(kFirstType + 8, {17}), {"resources"}, "types at 0x0 is not sorted"},
+        {"twice the same", InTree(kFirstType + 8, {16}), {"resources"}, "types at 0x0 is not sorted"},
+        {"data instead of names", InTree(kFirstType + 7, {0}), {"resources"}, "of another level"},
+        {"table instead of data", InTree(kTemplateLanguages + 23, {0x80}), {"resources"}, "of another level"},
+        {"table behind the end", InTree(kFirstType + 4, {0, 0, 1}), {"resources"}, "lie behind the resource"},
+        {"text behind the end", InTree(kFirstType, {0, 0, 1}), {"resources"}, "lie behind the resource"},
+        {"other type", InTree(kFirstType + 8, {10}), {"resources"}, "no message table named 1"},
+        {"other text", InTree(0xE8 + 2, {'X'}), {"resources"}, "no event template named 1"},
+        {"other name", InTree(kTemplateNames + 16, {2}), {"resources"}, "no event template named 1"},
+        {"other language", InTree(kTemplateLanguages + 17, {8}), {"resources"}, "no event template named 1"},
+    };
+}
+
+std::vector<Damage> DataDamage()
+{
+    return {
+        {"no contents", InTree(kDataRecord[1] + 4, {0, 0, 0, 0}), {"resources"}, "type 11: no contents"},
+        {"not aligned",
+         [](Bytes& bytes, const Places& places) { bytes.at(places.Table(2) + kDataRecord[2]) += 2; },
+         {"resources"},
+         "type 16: not aligned"},
+        {"overlap",
+         [](Bytes& bytes, const Places& places) { bytes.at(places.Table(2) + kDataRecord[1] + 5) += 1; },
+         {"resources"},
+         "type 16: overlaps"},
+        {"outside", InTree(kDataRecord[2], {0, 0x10, 0, 0}), {"resources"}, "type 16: overlaps"},
+        {"behind", InTree(kDataRecord[2] + 3, {0x7F}), {"resources"}, "type 16: lies beyond"},
+        {"template's letters", InData(0, 0, {'c'}), {"resources"}, "does not begin with CRIM"},
+        {"template's length", InData(0, 4, {0xFF}), {"resources"}, "event template claims"},
+        {"no provider", InData(0, 12, {0}), {"resources"}, "describes no provider"},
+        {"no messages", InData(1, 0, {0, 0, 0, 0}), {"resources"}, "claims 0 blocks"},
+        {"too many blocks", InData(1, 0, {0xFF, 0xFF, 0xFF, 0xFF}), {"resources"}, "claims 4294967295 blocks"},
+        {"messages out of order", InData(1, 4, {0xFF, 0xFF, 0xFF, 0xFF}), {"resources"}, "out of order"},
+        {"messages beyond the end", InData(1, 12, {0, 0, 1}), {"resources"}, "on beyond its end"},
+        {"version's length", InData(2, 0, {0, 1}), {"resources"}, "version claims 256 bytes"},
+        {"version's signature", InData(2, 40, {0}), {"resources"}, "has no fixed part"},
+    };
+}
+
+TEST(ImageCheckDamage, OfTheResourcesPlaceIsFound)
+{
+    ExpectFound(PlaceDamage());
+}
+
+TEST(ImageCheckDamage, OfTheResourceTreeIsFound)
+{
+    ExpectFound(TreeDamage());
+}
+
+TEST(ImageCheckDamage, OfResourceDataIsFound)
+{
+    ExpectFound(DataDamage());
+}
+
+// A sample carries none; but what an image carries must be right.
+TEST(ImageCheckResources, MayBeMissingWhereTheyAreNotNeeded)
+{
+    const auto found = [](const auto& apply) {
+        const PeReader good = PeReader::FromFile(PathOf("arm64"));
+        Bytes bytes = good.bytes();
+        apply(bytes, Places{good});
+        MendChecksum(bytes);
+        return TextOf(image_check::CheckStructure(PeReader(bytes), image_check::ReportResources::kNotNeeded));
+    };
+    EXPECT_EQ(found([](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(2), {0, 0, 0, 0}); }), "");
+    EXPECT_EQ(found(InTree(kTemplateNames + 16, {2})), "");
+    EXPECT_EQ(found(InSection(0xC0)), "resources: .rsrc is writable\n");
+}
+
+// The sanitizers look on.
+TEST(ImageCheckResources, OfAnyContentsAreJudged)
+{
+    const PeReader good = PeReader::FromFile(PathOf("x64"));
+    const std::uint64_t tree = Places{good}.Table(2);
+    constexpr unsigned kTreeSize = 0x110;
+    for (unsigned at = 0; at < kTreeSize; ++at) {
+        for (const int mask : {0x01, 0x08, 0x80, 0xFF}) {
+            Bytes bytes = good.bytes();
+            bytes[tree + at] = static_cast<std::uint8_t>(bytes[tree + at] ^ mask);
+            for (const std::string& check : ChecksOf(image_check::CheckStructure(PeReader(bytes)))) {
+                EXPECT_TRUE(check == "resources" || check == "checksum") << check << " at " << at;
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tests
