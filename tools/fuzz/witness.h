@@ -12,8 +12,8 @@
 
 namespace fuzz {
 
-// Told where in the image each platform call stands, as an offset; empty by default. A measure of where a life went that
-// stays the same from load to load.
+// Told where in the image each platform call stands, as an offset; empty by default. It measures where a life went in
+// the same way from load to load.
 inline std::function<void(std::uintptr_t)> onPlatformCall;
 
 class Witness {
