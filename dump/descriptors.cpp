@@ -49,22 +49,22 @@ static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG co
     return STATUS_SUCCESS;
 }
 
-// Counts the clients that are really there. On purpose a stop is a success that counts nothing.
-static ULONG CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+// Counts the clients that are really there. On purpose a stop is a success that leaves the number at 0.
+static void CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG& number)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
         const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
         if (item == nullptr) {
             Report<Site::kCountItem>(index, context.wdfCollectionZepClients, count);
-            return 0;
+            return;
         }
         if (GetClientContext(item) == nullptr) {
             Report<Site::kCountClient>(item);
-            return 0;
+            return;
         }
     }
-    return count;
+    number = count;
 }
 
 void DescribeClient(const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ZEP_SUBSYSTEM_DESCRIPTOR& descriptor)
@@ -107,7 +107,7 @@ NTSTATUS Notifier_WpcdGetNumSubsystemDescriptors(PULONG numberDescriptors)
     if (status != STATUS_SUCCESS) {
         return ReportFailure<Site::kCountLock>(status);
     }
-    *numberDescriptors = CountClients(*context);
+    CountClients(*context, *numberDescriptors);
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
     return STATUS_SUCCESS;
 }
