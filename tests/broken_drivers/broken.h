@@ -42,6 +42,8 @@ enum class Scenario : ULONG {
     kTouchesFreedContext,
     kTouchesBehindPool,
     kTrap,
+    kTraceNull,
+    kCallbackStranger,
     kRacyPrepare,  // makes the object that the next one deletes
     kRacyDelete,   // right on one thread; on two both may find the object
 };

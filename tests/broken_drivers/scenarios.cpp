@@ -237,6 +237,19 @@ void Trap()
     __builtin_trap();
 }
 
+void TraceNull()
+{
+    REGHANDLE handle = 0;
+    (void)EtwRegister(nullptr, OnTraceControl, nullptr, &handle);
+    g_sink = handle != 0 ? 1 : 0;
+}
+
+void CallbackStranger()
+{
+    static ULONG noObject;
+    g_sink = ExRegisterCallback(reinterpret_cast<PCALLBACK_OBJECT>(&noObject), OnPowerState, nullptr) != nullptr;
+}
+
 WDFOBJECT g_racyObject;
 WDFWAITLOCK g_racyLock;
 
@@ -269,7 +282,7 @@ void NTAPI RunScenario(Scenario scenario)
         PoolDoubleFree,     PoolOverrun,      TraceHandle,         TraceHandleTwice,   NotProvided,
         BugCheck,           KernelReference,  LeavesPool,          LeavesRegistration, LeavesReference,
         LeavesTracing,      TouchesHandle,    TouchesFreedContext, TouchesBehindPool,  Trap,
-        RacyPrepare,        RacyDelete,
+        TraceNull,          CallbackStranger, RacyPrepare,         RacyDelete,
     };
     static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kRacyDelete) + 1);
     kScenarios[static_cast<ULONG>(scenario)]();

@@ -1,5 +1,7 @@
 #include "tests/host/broken_world.h"
 
+#include <filesystem>
+#include <fstream>
 const WDFFUNC* WdfFunctions_01015;
 PWDF_DRIVER_GLOBALS WdfDriverGlobals;
 
@@ -46,12 +48,20 @@ void BrokenWorld::End()
     driver.Unload();
 }
 
+void NoteBroken(Rule rule)
+{
+    const std::filesystem::path folder = ZEPN_RULES_BROKEN;
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder / Name(rule)) << "";
+}
+
 std::vector<Rule> BrokenWorld::TakeRules()
 {
     text_.clear();
     std::vector<Rule> rules;
     for (const Violation& violation : machine.violations().Take()) {
         rules.push_back(violation.rule);
+        NoteBroken(violation.rule);
         text_ += violation.Text() + "\n";
     }
     return rules;

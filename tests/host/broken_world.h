@@ -32,6 +32,9 @@ inline constexpr bool kSanitized = false;
 inline constexpr bool kSanitized = false;
 #endif
 
+// Leaves word that a driver broke this rule and was caught, for the test every_rule_has_a_broken_driver.
+void NoteBroken(Rule rule);
+
 class BrokenWorld {
 public:
     explicit BrokenWorld(host::MachineOptions options = {});

@@ -2,6 +2,10 @@
 // platform function, and the place in the driver.
 #include "tests/host/broken_world.h"
 
+#include <fstream>
+#include <set>
+#include <string_view>
+
 namespace tests {
 namespace {
 
@@ -38,6 +42,7 @@ TEST_P(Breaches, AreReportedWithPlaceAndSubject)
     ASSERT_EQ(violations.size(), 1u);
     const Violation& violation = violations.front();
     EXPECT_EQ(violation.rule, breach.rule) << violation.Text();
+    NoteBroken(violation.rule);
     EXPECT_EQ(violation.function, breach.function);
     EXPECT_EQ(violation.thread, "peer");
     EXPECT_NE(violation.message.find(breach.message), std::string::npos) << violation.message;
@@ -73,6 +78,9 @@ constexpr Breach kBreaches[] = {
     {"PoolOverrun", Scenario::kPoolOverrun, Rule::kPoolCorrupted, "ExFreePoolWithTag",
      "1 bytes behind its 40 were overwritten", false, false},
     {"TraceHandle", Scenario::kTraceHandle, Rule::kTraceHandle, "EtwWrite", "not registered"},
+    {"TraceNull", Scenario::kTraceNull, Rule::kTraceArguments, "EtwRegister", "a required pointer is null"},
+    {"CallbackStranger", Scenario::kCallbackStranger, Rule::kCallbackObject, "ExRegisterCallback",
+     "no such callback object"},
     {"TraceHandleTwice", Scenario::kTraceHandleTwice, Rule::kTraceHandle, "EtwUnregister", "given back before"},
     {"NotProvided", Scenario::kNotProvided, Rule::kNotProvided, "WdfFdoQueryForInterface (entry 131)", "does not have it",
      true},
@@ -108,6 +116,7 @@ TEST_P(Leftovers, AreReportedAtUnload)
     const std::vector<Violation> violations = world.machine.violations().Take();
     ASSERT_EQ(violations.size(), 1u);
     EXPECT_EQ(violations[0].rule, GetParam().rule) << violations[0].Text();
+    NoteBroken(violations[0].rule);
     EXPECT_EQ(violations[0].function, "unload");
     EXPECT_NE(violations[0].message.find(GetParam().message), std::string::npos) << violations[0].message;
 }
@@ -149,6 +158,9 @@ TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
         },
         testing::ExitedWithCode(4),
         std::string("memory fault at broken.so!") + GetParam().name + ".*" + GetParam().message + ".*peer");
+    if (!HasFailure()) {
+        NoteBroken(Rule::kMemoryFault);
+    }
 }
 
 constexpr Fault kFaults[] = {
@@ -160,6 +172,18 @@ constexpr Fault kFaults[] = {
 
 INSTANTIATE_TEST_SUITE_P(Of, MemoryFaults, testing::ValuesIn(kFaults),
                          [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
+
+// The list that every_rule_has_a_broken_driver holds against what was caught.
+TEST(Rules, HaveNamesOfTheirOwn)
+{
+    std::set<std::string_view> names;
+    std::ofstream list(ZEPN_RULES);
+    for (int rule = 0; rule <= static_cast<int>(Rule::kBugCheck); ++rule) {
+        const std::string_view name = Name(static_cast<Rule>(rule));
+        EXPECT_TRUE(names.insert(name).second) << name;
+        list << name << "\n";
+    }
+}
 
 }  // namespace
 }  // namespace tests
