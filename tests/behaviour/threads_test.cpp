@@ -63,5 +63,95 @@ TEST_P(Threads, PostsOfManyThreadsAllArriveInEachPostersOrder)
     EXPECT_EQ(world.Alive(kStateContextName), 0u);
 }
 
+std::atomic<unsigned> g_dumps;
+std::atomic<unsigned> g_announced;
+
+NTSTATUS NTAPI OnAnnounced(const ZEP_SUBSYSTEM_DESCRIPTOR*)
+{
+    ++g_announced;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI OnWithdrawn(const ZEP_NOTIFIER_CLIENT_CONTEXT*)
+{
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI OnDumpStart(PVOID, ULONGLONG, ULONGLONG)
+{
+    ++g_dumps;
+    return STATUS_SUCCESS;
+}
+
+// All that clients may do at once: posts, commands, subscriptions, registrations, removals, the broadcast, dumps at a
+// raised level, descriptors, and listeners coming and going.
+TEST_P(Threads, EverythingAtOnceEndsInOrder)
+{
+    constexpr unsigned kTurns = 60;
+    g_dumps = 0;
+    g_announced = 0;
+    World world(GetParam(), {.machine = {.workItems = host::WorkItems::kThreads, .workerCount = 2, .guardPages = false},
+                             .records = false});
+    WpcdClientRegistration registration{};
+    registration.ZepClientAdd = OnAnnounced;
+    registration.ZepClientRemove = OnWithdrawn;
+    registration.ZepDumpStart = OnDumpStart;
+    ASSERT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+    Peer poster(1);
+    Peer other(2);
+    for (Peer* peer : {&poster, &other}) {
+        ASSERT_EQ(world.Register(peer->TakesCommands().HearsAppsState()), STATUS_SUCCESS);
+    }
+
+    std::atomic<unsigned> refused{0};
+    const auto turns = [&](const std::function<NTSTATUS(ULONG turn)>& act) {
+        return std::thread([&refused, act] {
+            for (ULONG turn = 0; turn < kTurns; ++turn) {
+                refused += act(turn) == STATUS_SUCCESS ? 0 : 1;
+            }
+        });
+    };
+    std::vector<std::thread> threads;
+    threads.push_back(turns([&](ULONG turn) { return world.Post(poster, 100 + turn); }));
+    threads.push_back(turns([&](ULONG turn) { return world.Send(turn % 2 == 0 ? poster : other,
+                                                                turn % 2 == 0 ? other : poster, turn); }));
+    threads.push_back(turns([&](ULONG turn) {
+        return turn % 2 == 0 ? world.Subscribe(other, poster, 7) : world.Unsubscribe(other, poster, 7);
+    }));
+    threads.push_back(turns([&](ULONG turn) {
+        Peer passing(1000 + turn);
+        const NTSTATUS status = world.Register(passing);
+        return status == STATUS_SUCCESS ? world.Leave(passing) : status;
+    }));
+    threads.push_back(turns([&](ULONG turn) {
+        world.machine.NotifyPowerState(3, turn % 2);
+        return STATUS_SUCCESS;
+    }));
+    threads.push_back(turns([&](ULONG) {
+        const host::ScopedIrql irql(DISPATCH_LEVEL);
+        ULONG record = 7;
+        return world.helper.Notifier_HelperStartDump(&record, 1, 2);
+    }));
+    threads.push_back(turns([&](ULONG) {
+        ULONG count = 0;
+        return world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+    }));
+    threads.push_back(turns([&](ULONG turn) {
+        auto& tracing = world.machine.tracing();
+        tracing.Close(turn % 2 == 0 ? tracing.OpenEventSession({kProvider, 5})
+                                    : tracing.OpenMessageSession({kControl, 5, 3}));
+        return STATUS_SUCCESS;
+    }));
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    world.machine.WaitForWorkItems();
+    EXPECT_EQ(refused, 0u);
+    EXPECT_EQ(g_dumps, kTurns);
+    EXPECT_GE(g_announced, 1u);
+    EXPECT_EQ(world.Count(world.Context().clients), 2u);
+    EXPECT_EQ(world.Alive(kStateContextName), 0u);
+}
+
 }  // namespace
 }  // namespace tests
