@@ -111,7 +111,7 @@ void Explorer::Run(Machine& machine, const std::vector<Thread>& threads)
         priorities_[index] = options_.preemptions + 1 + index;
     }
     std::shuffle(priorities_.begin(), priorities_.end(), random_);
-    isReleased_ = false;
+    released_.assign(threads.size(), false);
     idle_ = 0;
     current_ = kNobody;
     theController.store(this, std::memory_order_release);
@@ -161,10 +161,11 @@ void Explorer::OnYield(YieldKind kind, const char* what)
     }
     std::unique_lock lock(mutex_);
     idle_ = 0;
-    if (isReleased_) {
+    // The call of the point before has acted by now.
+    if (released_[t_self]) {
         WakeBlocked();
     }
-    isReleased_ = MayRelease(what);
+    released_[t_self] = MayRelease(what);
     if (IsEveryCall(options_) || IsLockOrWorkItem(what)) {
         Switch(lock, t_self);
     }
@@ -198,7 +199,6 @@ void Explorer::OnBlock(std::unique_lock<std::mutex>& hostLock)
 void Explorer::WakeBlocked()
 {
     std::ranges::replace(states_, State::kBlocked, State::kReady);
-    isReleased_ = false;
 }
 
 void Explorer::Switch(std::unique_lock<std::mutex>& lock, unsigned self)

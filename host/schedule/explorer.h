@@ -80,7 +80,7 @@ private:
     std::vector<State> states_;
     std::vector<unsigned> priorities_;
     unsigned current_ = 0;
-    bool isReleased_ = false;  // the running thread did what may end a wait
+    std::vector<bool> released_;  // by thread: its last call may end a wait once it has acted
     unsigned idle_ = 0;        // blocked threads looked again since the last step
     std::vector<Choice> choices_;
     std::vector<std::size_t> prefix_;
