@@ -15,24 +15,13 @@ using host::schedule::Explorer;
 using host::schedule::ExplorerOptions;
 using Threads = std::vector<Explorer::Thread>;
 
-// Sanitized drivers stay mapped, so that each life is slower than the one before.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
-
 class Interleavings : public OnContainer {
 protected:
     // Plays a scenario in every interleaving of two preemptions, and in some of more by random priorities.
     void Explore(const std::string& name, const std::function<void(World&, Explorer&)>& play)
     {
         const char* replay = std::getenv("ZEPN_SCHEDULE");
-        std::vector<ExplorerOptions> plans = {{.preemptions = kSanitized ? 1u : 2u},
+        std::vector<ExplorerOptions> plans = {{},
                                               {.preemptions = 5, .everyCall = true, .random = 60, .seed = 7}};
         if (replay != nullptr) {
             plans = {{.replay = replay}};
