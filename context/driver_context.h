@@ -1,4 +1,4 @@
-// The driver context: every object that the operations share, and the order of the locks.
+// The driver context: every object that the operations share, and below it the order of the locks.
 //
 // It is the typed context of the framework driver object, zero-filled by the framework and filled by device add. All
 // operations reach it through the framework's driver handle.
@@ -11,15 +11,6 @@
 
 #include "trace/report.h"
 
-// Lock order, the only place where it stands. A thread takes a lock only while it holds none that stands below or
-// beside it:
-//
-//   1. wdfWaitLockNotifyStatesWorkItem or wdfWaitLockNotifyCommandsWorkItem, for a whole run of their work item
-//   2. wdfWaitLockClientsCollection
-//   3. one of wdfWaitLockGeneral, wdfWaitLockStatesCollection, wdfWaitLockCommandsCollection
-//
-// Every callback into a client or into the crash-dump driver's announcements runs with 2 held; the dump forwarders take
-// no lock. Wait locks are not recursive and all code that takes them runs at PASSIVE_LEVEL.
 struct ZEP_NOTIFIER_DRIVER_CONTEXT {
     WDFQUEUE wdfQueueDefault;                          // child of the device; nobody reads it
     WDFCOLLECTION wdfCollectionWpcdClientAddQueue;     // clients to announce; guarded by the clients lock
@@ -46,6 +37,25 @@ static_assert(sizeof(ZEP_NOTIFIER_DRIVER_CONTEXT) == 160);
 static_assert(offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockGeneral) == 48 &&
               offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfObjectWpcdClient) == 80 &&
               offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, PowerStateCallbackRegistration) == 152);
+
+// Lock order, the only place where it stands. A thread takes a lock only while all that it holds are of lower ranks.
+// Wait locks are not recursive and all code that takes them runs at PASSIVE_LEVEL. The dump forwarders take none. The
+// tests hand this table to what runs the driver, which then reports any other order.
+struct ZEP_NOTIFIER_LOCK_RANK {
+    ULONG Offset;  // of the lock in the driver context
+    ULONG Rank;
+};
+inline constexpr ZEP_NOTIFIER_LOCK_RANK kLockOrder[] = {
+    // For a whole run of their work item.
+    {offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockNotifyStatesWorkItem), 1},
+    {offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockNotifyCommandsWorkItem), 1},
+    // During every callback into a client and every announcement to the crash-dump driver, among others.
+    {offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockClientsCollection), 2},
+    // For a few calls.
+    {offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockGeneral), 3},
+    {offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockStatesCollection), 3},
+    {offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockCommandsCollection), 3},
+};
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_DRIVER_CONTEXT, GetDriverContext)
 

@@ -4,6 +4,9 @@
 #include "host/framework/devices.h"
 #include "host/framework/driver_life.h"
 #include "host/framework/plug_play.h"
+#include "host/image/pe_file.h"
+
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -196,6 +199,10 @@ Machine::Machine(MachineOptions options)
       tracing_(std::make_unique<tracing::Tracing>()), threads_(std::make_unique<schedule::Threads>()),
       framework_(std::make_unique<Framework>(*environment_, *kernel_, *threads_))
 {
+    if (const long bytes = sysconf(_SC_PAGESIZE); bytes != image::kPageSize) {
+        throw HostError("this machine's pages have " + std::to_string(bytes) + " bytes; drivers are laid out for " +
+                        std::to_string(image::kPageSize));
+    }
     checks::CatchMemoryFaults();
 }
 
@@ -359,6 +366,16 @@ void Machine::NameObject(WDFOBJECT handle, const std::string& name)
     if (const framework::Object* object = framework_->Peek(handle)) {
         const_cast<framework::Object*>(object)->name = name;
     }
+}
+
+void Machine::RankLock(WDFWAITLOCK handle, unsigned rank)
+{
+    const std::lock_guard lock(framework_->mutex);
+    const framework::Object* object = framework_->Peek(handle);
+    if (object == nullptr || object->type != framework::ObjectType::kWaitLock) {
+        throw HostError("only a wait lock can have a place in the order of locks");
+    }
+    static_cast<framework::WaitLockObject*>(const_cast<framework::Object*>(object))->rank = rank;
 }
 
 std::uint64_t Machine::SecondDeletes() const

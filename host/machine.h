@@ -161,6 +161,11 @@ public:
     // Framework objects as they are now: handles, types, parents, references, contexts, collection contents.
     [[nodiscard]] framework::Inspector inspect();
 
+    // Declares a place in the order of locks: from now on a thread may take this lock only while the other ranked locks
+    // that it holds are all of lower ranks. Locks without a rank must keep to the orders that the machine sees. Throws
+    // HostError when the handle is no wait lock.
+    void RankLock(WDFWAITLOCK handle, unsigned rank);
+
     // A name for an object in reports ("clients lock"); deletes that found an object deleted already.
     void NameObject(WDFOBJECT handle, const std::string& name);
     [[nodiscard]] std::uint64_t SecondDeletes() const;

@@ -82,6 +82,7 @@ struct WaitLockObject final : Object {
     explicit WaitLockObject(DriverInstance* owner) : Object(ObjectType::kWaitLock, owner) {}
     bool held = false;
     bool abandoned = false;       // its holder's callback is over: nobody will give it back
+    unsigned rank = 0;            // in the declared order; 0: in none
     std::uint64_t holderId = 0;   // ThreadState::id
     std::uint64_t robbedId = 0;   // whose hold a stranger's release ended
     std::string holderName;

@@ -98,7 +98,19 @@ void Framework::CheckRegions(const char* callbackName, const void* routine, cons
 void Framework::CheckLockOrder(const PlatformCall& call, const WaitLockObject& wanted)
 {
     for (const WDFOBJECT held : HeldLocks()) {
-        if (held == wanted.handle || lockOrders[held].contains(wanted.handle)) {
+        if (held == wanted.handle) {
+            continue;
+        }
+        const auto* ranked = static_cast<const WaitLockObject*>(Peek(held));
+        if (ranked != nullptr && ranked->rank != 0 && wanted.rank != 0) {
+            if (ranked->rank >= wanted.rank) {
+                call.Violation(Rule::kLockOrder, Describe(wanted) + " of rank " + std::to_string(wanted.rank) +
+                                                     " is taken while " + Describe(*ranked) + " of rank " +
+                                                     std::to_string(ranked->rank) + " is held");
+            }
+            continue;
+        }
+        if (lockOrders[held].contains(wanted.handle)) {
             continue;
         }
         // Does a chain of earlier orders lead from the wanted lock to the held one?

@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -19,7 +20,7 @@ constexpr bool kUnderAddressSanitizer = false;
 #endif
 
 constexpr std::size_t kPage = 4096;
-constexpr std::size_t kArenaBytes = std::size_t{8} << 30;  // address space only
+constexpr std::size_t kArenaBytes = std::size_t{16} << 20;  // address space only, reserved when the last one is full
 constexpr std::size_t kGuardedBlocksMaximum = 20000;       // each costs the kernel two mappings
 constexpr std::size_t kCanaryBytes = 32;
 constexpr std::uint8_t kSlackFill = 0xFD;
@@ -43,10 +44,6 @@ std::size_t RoundUp(std::size_t value, std::size_t multiple)
 GuardedMemory::GuardedMemory(const Environment& environment)
     : wantsGuards_(environment.options.guardPages && !kUnderAddressSanitizer)
 {
-    if (wantsGuards_) {
-        void* arena = mmap(nullptr, kArenaBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        arena_ = arena == MAP_FAILED ? nullptr : static_cast<std::uint8_t*>(arena);
-    }
 }
 
 GuardedMemory::~GuardedMemory()
@@ -56,20 +53,35 @@ GuardedMemory::~GuardedMemory()
             std::free(block.begin);
         }
     }
-    if (arena_ != nullptr) {
-        munmap(arena_, kArenaBytes);
+    for (const Arena& arena : arenas_) {
+        munmap(arena.begin, arena.bytes);
     }
+}
+
+bool GuardedMemory::HasRoom(std::size_t bytes)
+{
+    if (!arenas_.empty() && arenas_.back().bytes - arenaUsed_ >= bytes) {
+        return true;
+    }
+    // The first page guards the first block from below.
+    const std::size_t size = std::max(kArenaBytes, bytes + kPage);
+    void* begin = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (begin == MAP_FAILED) {
+        return false;
+    }
+    arenas_.push_back({static_cast<std::uint8_t*>(begin), size});
+    arenaUsed_ = kPage;
+    return true;
 }
 
 bool GuardedMemory::AllocateGuarded(Block& block, std::size_t alignment, std::uint8_t*& user)
 {
     const std::size_t need = RoundUp(block.bytes + kCanaryBytes, alignment);
     block.rangeBytes = RoundUp(need, kPage);
-    if (arena_ == nullptr || guardedCount_ >= kGuardedBlocksMaximum ||
-        kArenaBytes - arenaUsed_ < block.rangeBytes + kPage) {
+    if (guardedCount_ >= kGuardedBlocksMaximum || !HasRoom(block.rangeBytes + kPage)) {
         return false;
     }
-    block.begin = arena_ + arenaUsed_;
+    block.begin = arenas_.back().begin + arenaUsed_;
     if (mprotect(block.begin, block.rangeBytes, PROT_READ | PROT_WRITE) != 0) {
         return false;
     }

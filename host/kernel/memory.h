@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace host::kernel {
 
@@ -48,8 +49,14 @@ private:
     mutable std::mutex mutex_;
     std::unordered_map<void*, Block> blocks_;
     std::size_t guardedCount_ = 0;
-    std::uint8_t* arena_ = nullptr;
-    std::size_t arenaUsed_ = 0;
+    // Address space that guarded blocks are laid into, one behind the other; the last arena is the one in use.
+    struct Arena {
+        std::uint8_t* begin;
+        std::size_t bytes;
+    };
+    bool HasRoom(std::size_t bytes);
+    std::vector<Arena> arenas_;
+    std::size_t arenaUsed_ = 0;  // of the last
 };
 
 }  // namespace host::kernel

@@ -94,16 +94,13 @@ bool Explorer::Next()
             return false;
         }
     }
-    prefix_.clear();
-    for (const Choice& choice : choices_) {
-        prefix_.push_back(choice.taken);
-    }
+    expected_ = std::move(choices_);
     choices_.clear();
     ++count_;
     return true;
 }
 
-void Explorer::Run(Machine& machine, const std::vector<Thread>& threads)
+std::vector<Outcome> Explorer::Run(Machine& machine, const std::vector<Thread>& threads)
 {
     states_.assign(threads.size(), State::kReady);
     priorities_.resize(threads.size());
@@ -116,14 +113,16 @@ void Explorer::Run(Machine& machine, const std::vector<Thread>& threads)
     current_ = kNobody;
     theController.store(this, std::memory_order_release);
 
+    left_.clear();
+    std::vector<Outcome> outcomes(threads.size());
     std::vector<std::thread> runners;
     for (unsigned index = 0; index < threads.size(); ++index) {
-        runners.emplace_back([this, &machine, &threads, index] {
+        runners.emplace_back([this, &machine, &threads, &outcomes, index] {
             {
                 std::unique_lock lock(mutex_);
                 turn_.wait(lock, [&] { return current_ == index; });
             }
-            (void)machine.OnThread(threads[index].name, threads[index].work);
+            outcomes[index] = machine.OnThread(threads[index].name, threads[index].work);
             // It may have parked: its turn ends all the same.
             std::unique_lock lock(mutex_);
             states_[index] = State::kFinished;
@@ -142,6 +141,25 @@ void Explorer::Run(Machine& machine, const std::vector<Thread>& threads)
     }
     theController.store(nullptr, std::memory_order_release);
     longest_ = std::max(longest_, static_cast<unsigned>(choices_.size()));
+    CheckKept();
+    return outcomes;
+}
+
+// The schedule was played to its last choice, each where it said.
+void Explorer::CheckKept() const
+{
+    std::string where = left_;
+    std::size_t points = expected_.size();
+    for (const auto& [point, thread] : replay_) {
+        points = std::max<std::size_t>(points, point + 1);
+    }
+    if (where.empty() && choices_.size() < points) {
+        where = "there were only " + std::to_string(choices_.size()) + " points of choice";
+    }
+    if (!where.empty()) {
+        throw HostError("schedule \"" + (options_.replay.empty() ? Schedule() : options_.replay) +
+                        "\" was left: " + where);
+    }
 }
 
 void Explorer::OnYield(YieldKind kind, const char* what)
@@ -153,6 +171,10 @@ void Explorer::OnYield(YieldKind kind, const char* what)
         return;
     }
     if (kind == YieldKind::kThreadEnds) {
+        if (t_self != kNobody) {
+            const std::lock_guard lock(mutex_);
+            released_[t_self] = true;  // a flush may wait for this run's end
+        }
         t_self = kNobody;
         return;
     }
@@ -237,13 +259,17 @@ std::size_t Explorer::Pick(const Choice& choice)
 {
     const std::size_t point = choices_.size();
     if (!options_.replay.empty()) {
-        for (const auto& [where, thread] : replay_) {
-            const auto found = std::ranges::find(choice.enabled, thread);
-            if (where == point && found != choice.enabled.end()) {
-                return static_cast<std::size_t>(found - choice.enabled.begin());
-            }
+        const auto ordered = std::ranges::find(replay_, point, &std::pair<unsigned, unsigned>::first);
+        if (ordered == replay_.end()) {
+            return 0;
         }
-        return 0;
+        const auto found = std::ranges::find(choice.enabled, ordered->second);
+        if (found == choice.enabled.end()) {
+            left_ = "at point " + std::to_string(point) + " thread " + std::to_string(ordered->second) +
+                    " cannot go on";
+            return 0;
+        }
+        return static_cast<std::size_t>(found - choice.enabled.begin());
     }
     if (options_.random != 0) {
         // The highest priority goes on; at a few points the running thread falls behind all others.
@@ -256,7 +282,13 @@ std::size_t Explorer::Pick(const Choice& choice)
             choice.enabled, {}, [&](unsigned thread) { return priorities_[thread]; });
         return static_cast<std::size_t>(best - choice.enabled.begin());
     }
-    return point < prefix_.size() && prefix_[point] < choice.enabled.size() ? prefix_[point] : 0;
+    if (point >= expected_.size()) {
+        return 0;
+    }
+    if (choice.enabled != expected_[point].enabled && left_.empty()) {
+        left_ = "at point " + std::to_string(point) + " other threads can go on than the time before";
+    }
+    return std::min(expected_[point].taken, choice.enabled.size() - 1);
 }
 
 std::string Explorer::Schedule() const

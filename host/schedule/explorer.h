@@ -49,8 +49,10 @@ public:
     // Makes the next schedule ready; false when all have run.
     bool Next();
 
-    // Runs the threads on the machine by the schedule that is ready; returns when each has ended or parked.
-    void Run(Machine& machine, const std::vector<Thread>& threads);
+    // Runs the threads on the machine by the schedule that is ready; returns, in the order of the threads, how each
+    // ended: it came back, or it parked, which the machine has reported. Throws HostError, with the schedule, when the
+    // threads leave it: a replay of other code, or code that does not do the same each time.
+    std::vector<Outcome> Run(Machine& machine, const std::vector<Thread>& threads);
 
     // What replays the schedule that ran last: "calls 12>1 30>0": at the 12th point of choice thread 1 goes on.
     [[nodiscard]] std::string Schedule() const;
@@ -73,6 +75,7 @@ private:
     unsigned Choose(unsigned self);
     std::size_t Pick(const Choice& choice);
     void WakeBlocked();
+    void CheckKept() const;
 
     const ExplorerOptions options_;
     std::mutex mutex_;
@@ -80,11 +83,12 @@ private:
     std::vector<State> states_;
     std::vector<unsigned> priorities_;
     unsigned current_ = 0;
-    std::vector<bool> released_;  // by thread: its last call may end a wait once it has acted
-    unsigned idle_ = 0;        // blocked threads looked again since the last step
+    std::vector<bool> released_;  // by thread: what it did last may end a wait once that has acted
+    unsigned idle_ = 0;           // blocked threads looked again since the last step
     std::vector<Choice> choices_;
-    std::vector<std::size_t> prefix_;
+    std::vector<Choice> expected_;  // how the schedule begins, as the one before it met these points
     std::vector<std::pair<unsigned, unsigned>> replay_;
+    std::string left_;  // where the threads did not do what the schedule says; empty: nowhere
     std::mt19937_64 random_;
     std::vector<unsigned> changes_;
     unsigned longest_ = 1;

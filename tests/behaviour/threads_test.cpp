@@ -83,11 +83,22 @@ NTSTATUS NTAPI OnDumpStart(PVOID, ULONGLONG, ULONGLONG)
     return STATUS_SUCCESS;
 }
 
+using Act = std::function<NTSTATUS(ULONG turn)>;
+
+std::thread Turns(ULONG count, std::atomic<unsigned>& refused, const Act& act)
+{
+    return std::thread([count, &refused, act] {
+        for (ULONG turn = 0; turn < count; ++turn) {
+            refused += act(turn) == STATUS_SUCCESS ? 0 : 1;
+        }
+    });
+}
+
 // All that clients may do at once: posts, commands, subscriptions, registrations, removals, the broadcast, dumps at a
 // raised level, descriptors, and listeners coming and going.
 TEST_P(Threads, EverythingAtOnceEndsInOrder)
 {
-    constexpr unsigned kTurns = 60;
+    constexpr unsigned kTurns = 600;
     g_dumps = 0;
     g_announced = 0;
     World world(GetParam(), {.machine = {.workItems = host::WorkItems::kThreads, .workerCount = 2, .guardPages = false},
@@ -104,13 +115,7 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
     }
 
     std::atomic<unsigned> refused{0};
-    const auto turns = [&](const std::function<NTSTATUS(ULONG turn)>& act) {
-        return std::thread([&refused, act] {
-            for (ULONG turn = 0; turn < kTurns; ++turn) {
-                refused += act(turn) == STATUS_SUCCESS ? 0 : 1;
-            }
-        });
-    };
+    const auto turns = [&](const Act& act) { return Turns(kTurns, refused, act); };
     std::vector<std::thread> threads;
     threads.push_back(turns([&](ULONG turn) { return world.Post(poster, 100 + turn); }));
     threads.push_back(turns([&](ULONG turn) { return world.Send(turn % 2 == 0 ? poster : other,
@@ -151,6 +156,78 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
     EXPECT_GE(g_announced, 1u);
     EXPECT_EQ(world.Count(world.Context().clients), 2u);
     EXPECT_EQ(world.Alive(kStateContextName), 0u);
+}
+
+// The crash-dump driver attaches while clients come, subscribe and command, and detaches while they are announced and
+// leave. Attaching among announcements, and dump calls at either time, are what nobody may do.
+TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
+{
+    constexpr unsigned kRounds = 12;
+    constexpr unsigned kTurns = 8;
+    g_announced = 0;
+    World world(GetParam(), {.machine = {.workItems = host::WorkItems::kThreads, .workerCount = 2, .guardPages = false},
+                             .records = false});
+    WpcdClientRegistration registration{};
+    registration.ZepClientAdd = OnAnnounced;
+    registration.ZepClientRemove = OnWithdrawn;
+    Peer poster(1);
+    Peer other(2);
+    for (Peer* peer : {&poster, &other}) {
+        ASSERT_EQ(world.Register(peer->TakesCommands()), STATUS_SUCCESS);
+    }
+    std::atomic<unsigned> refused{0};
+    const auto all = [&](const std::vector<Act>& acts) {
+        std::vector<std::thread> threads;
+        for (const Act& act : acts) {
+            threads.push_back(Turns(kTurns, refused, act));
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        world.machine.WaitForWorkItems();
+    };
+    for (unsigned round = 0; round < kRounds; ++round) {
+        all({[&](ULONG turn) {
+                 return turn == kTurns / 2 ? world.wpcd.Notifier_WpcdClientInit(&registration) : STATUS_SUCCESS;
+             },
+             [&](ULONG turn) {
+                 return turn % 2 == 0 ? world.Subscribe(other, poster, 7) : world.Unsubscribe(other, poster, 7);
+             },
+             [&](ULONG turn) {
+                 Peer passing(1000 + turn);
+                 const NTSTATUS status = world.Register(passing);
+                 return status == STATUS_SUCCESS ? world.Leave(passing) : status;
+             },
+             [&](ULONG turn) { return world.Send(poster, other, turn); }});
+        // Somebody new each time, so that there is something to announce.
+        Peer guest(2000 + round);
+        ASSERT_EQ(world.Register(guest), STATUS_SUCCESS);
+        const unsigned before = g_announced;
+        all({[&](ULONG turn) {
+                 while (g_announced == before) {
+                     std::this_thread::yield();
+                 }
+                 return turn == kTurns / 2 ? world.wpcd.Notifier_WpcdClientDeInit() : STATUS_SUCCESS;
+             },
+             [&](ULONG turn) { return world.Post(guest, 1 + turn); },
+             [&](ULONG turn) { return world.Post(poster, 100 + turn); },
+             [&](ULONG turn) {
+                 Peer passing(1000 + turn);
+                 NTSTATUS status = world.Register(passing);
+                 status = status == STATUS_SUCCESS ? world.Post(passing, 1) : status;
+                 return status == STATUS_SUCCESS ? world.Leave(passing) : status;
+             },
+             [&](ULONG) {
+                 ULONG count = 0;
+                 return world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+             }});
+        ASSERT_EQ(world.Leave(guest), STATUS_SUCCESS);
+        world.machine.WaitForWorkItems();
+    }
+    EXPECT_EQ(refused, 0u);
+    EXPECT_GE(g_announced, kRounds);
+    EXPECT_EQ(world.Context().wpcdClient, nullptr);
+    EXPECT_EQ(world.Count(world.Context().clients), 2u);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "host/machine.h"
 #include "tests/broken_drivers/broken.h"
+#include "tests/support/death.h"
 
 #include <gtest/gtest.h>
 
@@ -11,13 +12,6 @@
 #include <vector>
 
 namespace tests {
-
-// Children that die on purpose begin anew where that is possible; an emulator cannot start itself again.
-#if defined(ZEPN_EMULATED)
-inline constexpr const char* kDeathTestStyle = "fast";
-#else
-inline constexpr const char* kDeathTestStyle = "threadsafe";
-#endif
 
 using host::checks::Rule;
 using host::checks::Violation;

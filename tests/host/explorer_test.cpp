@@ -62,9 +62,78 @@ TEST(Explorer, RandomPrioritiesFindItToo)
     EXPECT_EQ(random.Count(), 200u);
 }
 
+// Two threads that take two locks in opposite orders, in one schedule: how many of them stood still for ever.
+unsigned RunCircle(Explorer& explorer)
+{
+    BrokenWorld world;
+    const WDFWAITLOCK first = NewLock();
+    const WDFWAITLOCK second = NewLock();
+    const auto takeBoth = [](WDFWAITLOCK outer, WDFWAITLOCK inner) {
+        (void)WdfWaitLockAcquire(outer, nullptr);
+        (void)WdfWaitLockAcquire(inner, nullptr);
+        WdfWaitLockRelease(inner);
+        WdfWaitLockRelease(outer);
+    };
+    unsigned parked = 0;
+    for (const host::Outcome& outcome : explorer.Run(
+             world.machine, {{"one", [&] { takeBoth(first, second); }}, {"two", [&] { takeBoth(second, first); }}})) {
+        parked += outcome.parked ? 1 : 0;
+    }
+    EXPECT_EQ(world.machine.violations().Take(Rule::kLockOrder).size(), 1u);
+    EXPECT_EQ(world.machine.violations().Take(Rule::kDeadlock).size(), parked);
+    if (parked != 0) {
+        world.Abandon();
+    }
+    return parked;
+}
+
+TEST(Explorer, FindsADeadlockAndReplaysIt)
+{
+    Explorer walk({.preemptions = 1});
+    std::string schedule;
+    while (walk.Next()) {
+        const unsigned parked = RunCircle(walk);
+        EXPECT_TRUE(parked == 0 || parked == 2) << parked << " in " << walk.Schedule();
+        if (parked == 2) {
+            schedule = walk.Schedule();
+        }
+    }
+    EXPECT_TRUE(walk.IsComplete());
+    ASSERT_FALSE(schedule.empty());
+    Explorer replay({.replay = schedule});
+    ASSERT_TRUE(replay.Next());
+    EXPECT_EQ(RunCircle(replay), 2u);
+    EXPECT_EQ(replay.Schedule(), schedule);
+}
+
 TEST(Explorer, RefusesAScheduleThatIsNone)
 {
     EXPECT_THROW(Explorer({.replay = "locks 12>"}), host::HostError);
+}
+
+TEST(Explorer, AScheduleThatIsLeftIsNoResult)
+{
+    // Of other code: no such point, or no such thread there.
+    for (const char* schedule : {"locks 500>1", "locks 0>7"}) {
+        Explorer replay({.replay = schedule});
+        ASSERT_TRUE(replay.Next());
+        EXPECT_THROW((void)RunRace(replay), host::HostError) << schedule;
+    }
+    // Of code that does something else every time.
+    Explorer walk({.preemptions = 1});
+    unsigned turn = 0;
+    const auto play = [&] {
+        BrokenWorld world;
+        const WDFWAITLOCK lock = NewLock();
+        const auto take = [&, times = ++turn % 2 == 0 ? 1u : 3u] {
+            for (unsigned time = 0; time < times; ++time) {
+                (void)WdfWaitLockAcquire(lock, nullptr);
+                WdfWaitLockRelease(lock);
+            }
+        };
+        (void)walk.Run(world.machine, {{"one", take}, {"two", take}});
+    };
+    EXPECT_THROW(while (walk.Next()) { play(); }, host::HostError);
 }
 
 }  // namespace

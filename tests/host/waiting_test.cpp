@@ -114,6 +114,31 @@ TEST(WaitLocks, AWrongOrderShowsWithoutAnyMeeting)
     EXPECT_EQ(world.TakeRules(), std::vector{Rule::kLockOrder});
 }
 
+TEST(WaitLocks, ADeclaredOrderIsHeldToFromTheFirstTime)
+{
+    BrokenWorld world;
+    const WDFWAITLOCK outer = NewLock();
+    const WDFWAITLOCK beside = NewLock();
+    const WDFWAITLOCK inner = NewLock();
+    world.machine.RankLock(outer, 1);
+    world.machine.RankLock(beside, 1);
+    world.machine.RankLock(inner, 2);
+    const auto takeBoth = [](WDFWAITLOCK one, WDFWAITLOCK other) {
+        (void)WdfWaitLockAcquire(one, nullptr);
+        (void)WdfWaitLockAcquire(other, nullptr);
+        WdfWaitLockRelease(other);
+        WdfWaitLockRelease(one);
+    };
+    takeBoth(outer, inner);
+    takeBoth(NewLock(), outer);  // of no rank: free
+    EXPECT_EQ(world.TakeRules(), std::vector<Rule>{}) << world.Text();
+    takeBoth(inner, outer);
+    takeBoth(outer, beside);
+    EXPECT_EQ(world.TakeRules(), (std::vector{Rule::kLockOrder, Rule::kLockOrder}));
+    EXPECT_NE(world.Text().find("of rank 1 is taken while"), std::string::npos) << world.Text();
+    EXPECT_THROW(world.machine.RankLock(reinterpret_cast<WDFWAITLOCK>(NewObject()), 1), host::HostError);
+}
+
 TEST(WaitLocks, AMainThreadThatCanNeverGoOnEndsTheProcess)
 {
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);

@@ -11,13 +11,6 @@ using host::framework::ObjectType;
 
 namespace {
 
-// The emulator keeps book of every page that was ever mapped: thousands of lives with guard pages fill the memory.
-#if defined(ZEPN_EMULATED)
-constexpr bool kGuardPages = false;
-#else
-constexpr bool kGuardPages = true;
-#endif
-
 const host::tracing::Manifest& TheManifest()
 {
     static const host::tracing::Manifest manifest(std::string(ZEPN_ROOT) + "/out/manifest/zepn.man");
@@ -52,7 +45,7 @@ bool ShowsDetail(const std::string& function)
 }  // namespace
 
 Actual::Actual(const tests::Container& container, Options options)
-    : container_(container), options_(std::move(options)), machine_({.traceRoutes = options_.routes, .guardPages = kGuardPages})
+    : container_(container), options_(std::move(options)), machine_({.traceRoutes = options_.routes})
 {
     machine_.SetRegistryValue(tests::kService, "SubsystemNotificationTimeout", kTimeoutMs);
     machine_.tracing().OpenEventSession({tests::kProvider, 0});

@@ -30,11 +30,6 @@ std::string Wish()
 
 }  // namespace
 
-bool IsShort()
-{
-    return Wish() != "full";
-}
-
 unsigned Stride()
 {
     constexpr unsigned kThin = 7;
@@ -45,7 +40,6 @@ void Figures::Count(const Fault& fault, bool tracing)
 {
     ++total_;
     ++byForm_[tracing ? "tracing call fails" : Name(fault.form)];
-    sticky_ += fault.sticky ? 1 : 0;
 }
 
 Lines Figures::Unreached(const std::set<Site>& reached)
@@ -60,15 +54,15 @@ Lines Figures::Unreached(const std::set<Site>& reached)
     return lines;
 }
 
-void Figures::Write(const std::string& container, const std::set<Site>& reached) const
+void Figures::Write(const std::string& container, const std::string& kind, const std::set<Site>& reached) const
 {
     std::ostringstream text;
-    text << "sweep on " << container << ": " << callCount << " platform calls in a life, " << foreseenCallCount
-         << " of them failed on";
+    text << "sweep on " << container << ", " << kind << ": " << callCount << " platform calls in a life, "
+         << foreseenCallCount << " of them failed on";
     if (paths != 0) {
         text << "; " << paths << " call paths";
     }
-    text << "; " << total_ << " faults, " << sticky_ << " of them sticky (";
+    text << "; " << total_ << " faults (";
     const char* separator = "";
     for (const auto& [form, count] : byForm_) {
         text << separator << form << " " << count;
@@ -78,7 +72,7 @@ void Figures::Write(const std::string& container, const std::set<Site>& reached)
     text << "); " << sites - Unreached(reached).size() << " of " << sites << " reporting sites reached\n";
     std::cout << text.str();
     std::filesystem::create_directories(ZEPN_FIGURES);
-    std::ofstream(std::string(ZEPN_FIGURES) + "/sweep-" + container + ".txt") << text.str();
+    std::ofstream(std::string(ZEPN_FIGURES) + "/sweep-" + container + "-" + kind + ".txt") << text.str();
 }
 
 }  // namespace sweep

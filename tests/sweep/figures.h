@@ -5,9 +5,8 @@
 
 namespace sweep {
 
-// ZEPN_SWEEP=short: no sticky faults, and every tenth record lost. ZEPN_SWEEP=thin, and sanitized builds unless it says
-// otherwise: of that only every seventh call. Loaded drivers stay mapped under sanitizers, so lives get slower there.
-[[nodiscard]] bool IsShort();
+// 1: every call fails. ZEPN_SWEEP=thin, and sanitized builds unless it says full: every seventh, and every seventieth
+// record is lost. Loaded drivers stay mapped under sanitizers, so lives get slower and slower there.
 [[nodiscard]] unsigned Stride();
 
 class Figures {
@@ -17,8 +16,8 @@ public:
     // The catalogue's sites that are missing, by the shipped format files; a site is known by its trace message.
     [[nodiscard]] static Lines Unreached(const std::set<Site>& reached);
 
-    // Prints them and writes them to build/<preset>/figures/sweep-<container>.txt.
-    void Write(const std::string& container, const std::set<Site>& reached) const;
+    // Prints them and writes them to build/<preset>/figures/sweep-<container>-<kind>.txt.
+    void Write(const std::string& container, const std::string& kind, const std::set<Site>& reached) const;
 
     std::size_t callCount = 0;          // platform calls in a whole life
     std::size_t foreseenCallCount = 0;  // of which fail for the driver to notice
@@ -26,7 +25,6 @@ public:
 
 private:
     std::map<std::string, unsigned> byForm_;
-    unsigned sticky_ = 0;
     unsigned total_ = 0;
 };
 

@@ -1,67 +1,12 @@
 // Interleavings of client threads and delivery runs, one after the other: nothing is lost, nothing is delivered twice or
 // out of its poster's order, statuses are those that some order of the calls gives, and the host finds nothing wrong.
-//
-// A failure names its schedule; ZEPN_SCHEDULE="locks 12>1" plays that one alone.
-#include "host/schedule/explorer.h"
-#include "tests/support/world.h"
-
-#include <cstdlib>
-#include <fstream>
+#include "tests/explorer/explored.h"
 
 namespace tests {
 namespace {
 
-using host::schedule::Explorer;
-using host::schedule::ExplorerOptions;
-using Threads = std::vector<Explorer::Thread>;
-
-class Interleavings : public OnContainer {
-protected:
-    // Plays a scenario in every interleaving of two preemptions, and in some of more by random priorities.
-    void Explore(const std::string& name, const std::function<void(World&, Explorer&)>& play)
-    {
-        const char* replay = std::getenv("ZEPN_SCHEDULE");
-        std::vector<ExplorerOptions> plans = {{},
-                                              {.preemptions = 5, .everyCall = true, .random = 60, .seed = 7}};
-        if (replay != nullptr) {
-            plans = {{.replay = replay}};
-        }
-        std::string figures;
-        for (const ExplorerOptions& plan : plans) {
-            Explorer explorer(plan);
-            while (explorer.Next()) {
-                {
-                    World world(GetParam(), {.machine = {.guardPages = false}, .records = false});
-                    play(world, explorer);
-                }
-                if (HasFailure()) {
-                    ADD_FAILURE() << name << " fails; ZEPN_SCHEDULE=\"" << explorer.Schedule() << "\" replays it";
-                    return;
-                }
-            }
-            EXPECT_TRUE(plan.random != 0 || replay != nullptr || explorer.IsComplete())
-                << name << ": not walked to its end";
-            figures += (figures.empty() ? "" : " + ") + std::to_string(explorer.Count());
-        }
-        std::filesystem::create_directories(ZEPN_FIGURES);
-        std::ofstream(std::string(ZEPN_FIGURES) + "/explorer.txt", std::ios::app)
-            << "interleavings, " << GetParam().name << ", " << name << ": " << figures << "\n";
-    }
-};
+class Interleavings : public Explored {};
 FOR_ALL_CONTAINERS(Interleavings);
-
-std::vector<ULONG> StatesFrom(const Peer& subscriber, const Peer& poster)
-{
-    std::vector<ULONG> states;
-    for (const ZepState& state : subscriber.deliveries) {
-        if (state.InterfaceGUID.Data1 == poster.guid.Data1) {
-            states.push_back(state.State);
-        }
-    }
-    return states;
-}
-
-using States = std::vector<ULONG>;
 
 TEST_P(Interleavings, PostsOfTwoClientsAndTheirDelivery)
 {
@@ -75,9 +20,10 @@ TEST_P(Interleavings, PostsOfTwoClientsAndTheirDelivery)
         EXPECT_EQ(world.Subscribe(subscriber, one, ZEP_STATE_ANY), STATUS_SUCCESS);
         EXPECT_EQ(world.Subscribe(subscriber, two, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
-        explorer.Run(world.machine, {{"one", [&] { EXPECT_EQ(world.Post(one, 5), STATUS_SUCCESS); }},
-                                     {"two", [&] { EXPECT_EQ(world.Post(two, 6), STATUS_SUCCESS); }},
-                                     {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(world, explorer,
+               {{"one", [&] { EXPECT_EQ(world.Post(one, 5), STATUS_SUCCESS); }},
+                {"two", [&] { EXPECT_EQ(world.Post(two, 6), STATUS_SUCCESS); }},
+                {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         EXPECT_EQ(StatesFrom(subscriber, one), States{5});
         EXPECT_EQ(StatesFrom(subscriber, two), States{6});
@@ -94,12 +40,13 @@ TEST_P(Interleavings, APostersOrderIsKeptWhileARunDelivers)
         EXPECT_EQ(world.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
-        explorer.Run(world.machine, {{"poster",
-                                      [&] {
-                                          EXPECT_EQ(world.Post(poster, 6), STATUS_SUCCESS);
-                                          EXPECT_EQ(world.Post(poster, 7), STATUS_SUCCESS);
-                                      }},
-                                     {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(world, explorer,
+               {{"poster",
+                 [&] {
+                     EXPECT_EQ(world.Post(poster, 6), STATUS_SUCCESS);
+                     EXPECT_EQ(world.Post(poster, 7), STATUS_SUCCESS);
+                 }},
+                {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         EXPECT_EQ(StatesFrom(subscriber, poster), (States{5, 6, 7}));
     });
@@ -113,10 +60,9 @@ TEST_P(Interleavings, SubscribingAndUnsubscribingWhileARunDelivers)
         EXPECT_EQ(world.Register(poster), STATUS_SUCCESS);
         EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
-        explorer.Run(world.machine,
-                     {{"subscriber",
-                       [&] { EXPECT_EQ(world.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS); }},
-                      {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(world, explorer,
+               {{"subscriber", [&] { EXPECT_EQ(world.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS); }},
+                {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         // Told at once, and again by the run when that comes later.
         const States states = StatesFrom(subscriber, poster);
@@ -129,9 +75,9 @@ TEST_P(Interleavings, SubscribingAndUnsubscribingWhileARunDelivers)
         EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
         EXPECT_EQ(world.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
-        explorer.Run(world.machine,
-                     {{"subscriber", [&] { EXPECT_EQ(world.Unsubscribe(subscriber, poster, 5), STATUS_SUCCESS); }},
-                      {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(world, explorer,
+               {{"subscriber", [&] { EXPECT_EQ(world.Unsubscribe(subscriber, poster, 5), STATUS_SUCCESS); }},
+                {"run", [&] { world.Deliver(); }}});
         EXPECT_LE(StatesFrom(subscriber, poster).size(), 1u);
         subscriber.deliveries.clear();
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
@@ -151,12 +97,13 @@ TEST_P(Interleavings, LeavingWhileARunDelivers)
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
         bool hasLeft = false;
         subscriber.onState = [&](const ZepState&, ULONG&) { EXPECT_FALSE(hasLeft) << "told after it had left"; };
-        explorer.Run(world.machine, {{"subscriber",
-                                      [&] {
-                                          EXPECT_EQ(world.Leave(subscriber), STATUS_SUCCESS);
-                                          hasLeft = true;
-                                      }},
-                                     {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(world, explorer,
+               {{"subscriber",
+                 [&] {
+                     EXPECT_EQ(world.Leave(subscriber), STATUS_SUCCESS);
+                     hasLeft = true;
+                 }},
+                {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         EXPECT_LE(subscriber.deliveries.size(), 1u);
         EXPECT_FALSE(world.Client(subscriber));
@@ -169,8 +116,9 @@ TEST_P(Interleavings, LeavingWhileARunDelivers)
         EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
         EXPECT_EQ(world.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
-        explorer.Run(world.machine, {{"poster", [&] { EXPECT_EQ(world.Leave(poster), STATUS_SUCCESS); }},
-                                     {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(
+            world, explorer,
+            {{"poster", [&] { EXPECT_EQ(world.Leave(poster), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         EXPECT_EQ(subscriber.deliveries.size(), 1u);  // a queued state outlives its poster
     });
@@ -181,8 +129,9 @@ TEST_P(Interleavings, RegisteringOneGuidTwiceAtOnce)
     Explore("one GUID registered twice", [](World& world, Explorer& explorer) {
         Peer peer(1);
         NTSTATUS statuses[2] = {};
-        explorer.Run(world.machine, {{"one", [&] { statuses[0] = world.Register(peer); }},
-                                     {"two", [&] { statuses[1] = world.Register(peer); }}});
+        RunAll(world, explorer,
+               {{"one", [&] { statuses[0] = world.Register(peer); }},
+                {"two", [&] { statuses[1] = world.Register(peer); }}});
         // On purpose: the look-up and the append are two steps, so both may succeed.
         unsigned registered = 0;
         for (const NTSTATUS status : statuses) {
@@ -204,15 +153,40 @@ TEST_P(Interleavings, CommandsToEachOtherWhileARunDelivers)
         Peer two(2);
         EXPECT_EQ(world.Register(one.TakesCommands()), STATUS_SUCCESS);
         EXPECT_EQ(world.Register(two.TakesCommands()), STATUS_SUCCESS);
-        explorer.Run(world.machine, {{"one", [&] { EXPECT_EQ(world.Send(one, two, 7), STATUS_SUCCESS); }},
-                                     {"two", [&] { EXPECT_EQ(world.Send(two, one, 8), STATUS_SUCCESS); }},
-                                     {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(world, explorer,
+               {{"one", [&] { EXPECT_EQ(world.Send(one, two, 7), STATUS_SUCCESS); }},
+                {"two", [&] { EXPECT_EQ(world.Send(two, one, 8), STATUS_SUCCESS); }},
+                {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         // One command a run, and a run for each enqueue; two that were queued at once leave one behind.
         const std::size_t delivered = one.commands.size() + two.commands.size();
         const std::size_t waiting = world.Count(world.Context().commands);
         EXPECT_EQ(delivered + waiting, 2u);
         EXPECT_GE(delivered, 1u);
+    });
+}
+
+TEST_P(Interleavings, PostingWhileASubscriberLeavesAndARunDelivers)
+{
+    Explore("post, leave and run", [](World& world, Explorer& explorer) {
+        Peer poster(1);
+        Peer leaving(2);
+        Peer staying(3);
+        for (Peer* peer : {&poster, &leaving, &staying}) {
+            EXPECT_EQ(world.Register(*peer), STATUS_SUCCESS);
+        }
+        EXPECT_EQ(world.Subscribe(leaving, poster, 5), STATUS_SUCCESS);
+        EXPECT_EQ(world.Subscribe(staying, poster, 5), STATUS_SUCCESS);
+        leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };  // wants to go on, perhaps too late
+        RunAll(world, explorer,
+               {{"poster", [&] { EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS); }},
+                {"subscriber", [&] { EXPECT_EQ(world.Leave(leaving), STATUS_SUCCESS); }},
+                {"run", [&] { world.Deliver(); }}});
+        world.Deliver();
+        EXPECT_EQ(StatesFrom(staying, poster), States{5});
+        EXPECT_LE(leaving.deliveries.size(), 1u);
+        EXPECT_EQ(world.Alive(kStateContextName), 0u);
+        EXPECT_EQ(world.Count(world.Context().clients), 2u);
     });
 }
 
@@ -243,8 +217,8 @@ TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
         Peer peer(1);
         EXPECT_EQ(world.Register(peer), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(peer, 5), STATUS_SUCCESS);
-        explorer.Run(world.machine, {{"client", [&] { EXPECT_EQ(world.Leave(peer), STATUS_SUCCESS); }},
-                                     {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(world, explorer,
+               {{"client", [&] { EXPECT_EQ(world.Leave(peer), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         EXPECT_LE(g_added, 1u);
         EXPECT_EQ(g_removed, g_added) << "the crash-dump driver keeps what is gone, or loses what it never had";
@@ -262,9 +236,10 @@ TEST_P(Interleavings, TheBroadcastAmongPostsAndRemovals)
         EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
         EXPECT_EQ(world.Subscribe(subscriber, answering, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
-        explorer.Run(world.machine, {{"power", [&] { world.machine.NotifyPowerState(kStateLock, 0); }},
-                                     {"client", [&] { EXPECT_EQ(world.Post(answering, 5), STATUS_SUCCESS); }},
-                                     {"run", [&] { world.machine.RunWorkItems(); }}});
+        RunAll(world, explorer,
+               {{"power", [&] { world.machine.NotifyPowerState(kStateLock, 0); }},
+                {"client", [&] { EXPECT_EQ(world.Post(answering, 5), STATUS_SUCCESS); }},
+                {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         States states = StatesFrom(subscriber, answering);
         std::sort(states.begin(), states.end());
@@ -276,14 +251,16 @@ TEST_P(Interleavings, TheBroadcastAmongPostsAndRemovals)
         answering.HearsAppsState().onAppsState = [](ULONG& state) { state = 9; };
         EXPECT_EQ(world.Register(answering), STATUS_SUCCESS);
         EXPECT_EQ(world.Register(leaving.HearsAppsState()), STATUS_SUCCESS);
-        explorer.Run(world.machine, {{"power", [&] { world.machine.NotifyPowerState(kStateLock, 0); }},
-                                     {"client", [&] { EXPECT_EQ(world.Leave(leaving), STATUS_SUCCESS); }}});
+        RunAll(world, explorer,
+               {{"power", [&] { world.machine.NotifyPowerState(kStateLock, 0); }},
+                {"client", [&] { EXPECT_EQ(world.Leave(leaving), STATUS_SUCCESS); }}});
         world.Deliver();
         EXPECT_EQ(answering.appsStateCalls, 1u);
         EXPECT_LE(leaving.appsStateCalls, 1u);
         EXPECT_EQ(world.Client(answering)->currentState, 9u);
     });
 }
+
 
 }  // namespace
 }  // namespace tests

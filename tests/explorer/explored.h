@@ -1,0 +1,98 @@
+// What explored scenarios share: each is played anew in a world of its own for every schedule.
+//
+// A failure names its schedule; ZEPN_SCHEDULE="two clients post, one run: locks 12>1" plays that one alone.
+#pragma once
+
+#include "host/schedule/explorer.h"
+#include "tests/support/world.h"
+
+#include <cstdlib>
+#include <fstream>
+
+namespace tests {
+
+using host::schedule::Explorer;
+using host::schedule::ExplorerOptions;
+using Threads = std::vector<Explorer::Thread>;
+using States = std::vector<ULONG>;
+
+class Explored : public OnContainer {
+protected:
+    // Plays a scenario in every interleaving of two preemptions, and in some of more by random priorities.
+    void Explore(const std::string& name, const std::function<void(World&, Explorer&)>& play)
+    {
+        const std::string replay = Replay();
+        std::vector<ExplorerOptions> plans = {
+            {.preemptions = 2},
+            {.preemptions = 5, .everyCall = true, .random = 60, .seed = 7},
+        };
+        if (!replay.empty()) {
+            if (!replay.starts_with(name + ": ")) {
+                return;
+            }
+            hasReplayed_ = true;
+            plans = {{.replay = replay.substr(name.size() + 2)}};
+        }
+        std::string figures;
+        for (const ExplorerOptions& plan : plans) {
+            Explorer explorer(plan);
+            while (explorer.Next()) {
+                {
+                    World world(GetParam(), {.machine = {.guardPages = false}, .records = false});
+                    play(world, explorer);
+                }
+                if (HasFailure()) {
+                    ADD_FAILURE() << name << " fails; ZEPN_SCHEDULE=\"" << name << ": " << explorer.Schedule()
+                                  << "\" replays it";
+                    return;
+                }
+            }
+            EXPECT_TRUE(plan.random != 0 || !replay.empty() || explorer.IsComplete())
+                << name << ": not walked to its end";
+            figures += (figures.empty() ? "" : " + ") + std::to_string(explorer.Count());
+        }
+        std::filesystem::create_directories(ZEPN_FIGURES);
+        std::ofstream(std::string(ZEPN_FIGURES) + "/explorer.txt", std::ios::app)
+            << "interleavings, " << GetParam().name << ", " << name << ": " << figures << "\n";
+    }
+
+    void TearDown() override
+    {
+        if (!Replay().empty() && !hasReplayed_) {
+            GTEST_SKIP() << "no scenario here bears the name that ZEPN_SCHEDULE begins with";
+        }
+    }
+
+private:
+    static std::string Replay()
+    {
+        const char* replay = std::getenv("ZEPN_SCHEDULE");
+        return replay == nullptr ? "" : replay;
+    }
+
+    bool hasReplayed_ = false;
+};
+
+// Runs the threads by the explorer's schedule; each must come back.
+inline void RunAll(World& world, Explorer& explorer, const Threads& threads)
+{
+    for (const host::Outcome& outcome : explorer.Run(world.machine, threads)) {
+        if (outcome.parked) {
+            ADD_FAILURE() << outcome.reason;
+            world.Abandon();
+        }
+    }
+}
+
+inline States StatesFrom(const Peer& subscriber, const Peer& poster)
+{
+    States states;
+    for (const ZepState& state : subscriber.deliveries) {
+        if (state.InterfaceGUID.Data1 == poster.guid.Data1) {
+            states.push_back(state.State);
+        }
+    }
+    return states;
+}
+
+}  // namespace tests
