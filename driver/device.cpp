@@ -97,7 +97,7 @@ static NTSTATUS CreateWorkItem(WDFDEVICE device, PFN_WDF_WORKITEM routine, WDFWO
 {
     WDF_WORKITEM_CONFIG config;
     WDF_WORKITEM_CONFIG_INIT(&config, routine);
-    config.AutomaticSerialization = FALSE;
+    config.AutomaticSerialization = FALSE;  // the framework's default is TRUE; the runs have locks of their own
 
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);

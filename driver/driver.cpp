@@ -1,4 +1,4 @@
-// Driver entry and unload: tracing comes first and goes last, the framework's driver object lives between.
+// Driver entry and unload: tracing comes before everything else and goes when everything of ours has gone.
 #include "driver/frame.h"
 #include "trace/trace.h"
 
@@ -24,7 +24,7 @@ NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath)
 
     const NTSTATUS status = WdfDriverCreate(driverObject, registryPath, &attributes, &config, WDF_NO_HANDLE);
     if (!NT_SUCCESS(status)) {
-        // On purpose: tracing stays registered, so that a listener can still be attached to what failed.
+        // On purpose: tracing stays registered.
         return ReportFailure<Site::kDriverEntryCreate>(status);
     }
     return status;

@@ -23,7 +23,7 @@ static void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIF
 {
     DescribeClient(client, g_AnnouncedDescriptor);
     const NTSTATUS status = wpcd.ZepClientAdd(&g_AnnouncedDescriptor);
-    // Any answer but 0 is a refusal; the dump forwarders judge by the sign instead. Both on purpose.
+    // On purpose: any answer but 0 is a refusal, while the dump forwarders judge by the sign.
     if (status != STATUS_SUCCESS) {
         Report<Site::kAnnounceRefused>(status);
         return;
@@ -95,12 +95,14 @@ void NotifierEvtWorkItemWpcdClientRemove(WDFWORKITEM)
     // On purpose: one entry per run; the others wait for the next removal.
     const WDFOBJECT entry = WdfCollectionGetFirstItem(context->wdfCollectionWpcdClientRemoveQueue);
     if (entry == nullptr) {
+        // On purpose: the other queue's handle.
         Report<Site::kWithdrawEmpty>(context->wdfCollectionWpcdClientAddQueue);
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
         return;
     }
     const WDFOBJECT wpcdObject = ReadPointerNoFence(&context->wdfObjectWpcdClient);
     if (wpcdObject == nullptr) {
+        // On purpose: nobody is told and nothing is reported.
         WdfCollectionRemove(context->wdfCollectionWpcdClientRemoveQueue, entry);
         WdfObjectDelete(entry);
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);

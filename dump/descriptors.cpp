@@ -19,8 +19,8 @@ static void CopyText(CHAR (&destination)[kSize], const CHAR (&source)[kSize])
     destination[length] = '\0';
 }
 
-// Fills one record for each client. completed tells whether every client was described; a stop on a missing item is on
-// purpose no failure.
+// Fills one record for each client. completed tells whether every client was described.
+// On purpose: a stop on a missing item is no failure.
 static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG count,
                             ZEP_SUBSYSTEM_DESCRIPTOR* descriptors, bool& completed)
 {
@@ -49,7 +49,8 @@ static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG co
     return STATUS_SUCCESS;
 }
 
-// Counts the clients that are really there. On purpose a stop is a success that leaves the number at 0.
+// Counts the clients that are really there.
+// On purpose: a stop is a success that leaves the number at 0.
 static void CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG& number)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);

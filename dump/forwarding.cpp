@@ -4,7 +4,8 @@
 // only the first 32 bits behind a pointer are read, and only to trace a call that succeeded. The crash-dump driver must
 // not detach while such calls can come. These sites have a set of trace messages of their own.
 //
-// On purpose: the answer is judged by its sign, while announcements take only 0.
+// On purpose: the answer is judged by its sign, while announcements take only 0. A call that finds nobody attached
+// leaves without a trace of leaving.
 #include "dump/dump.h"
 
 #include "context/driver_context.h"

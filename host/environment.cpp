@@ -19,6 +19,9 @@ Environment::Environment(MachineOptions machineOptions) : options(machineOptions
         throw HostError("a machine exists already; one at a time");
     }
     g_current = this;
+#if defined(HOST_THREAD_SANITIZER)
+    schedule::onlyDriverLocks = options.onlyDriverLocks;
+#endif
 }
 
 Environment::~Environment()

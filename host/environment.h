@@ -7,6 +7,7 @@
 #include "host/checks/faults.h"
 #include "host/checks/modules.h"
 #include "host/checks/violations.h"
+#include "host/schedule/happens_before.h"
 
 #include <atomic>
 #include <chrono>
@@ -41,6 +42,7 @@ struct MachineOptions {
     bool guardPages = true;                 // allocations end at inaccessible pages and are never reused
     bool realTime = false;                  // KeDelayExecutionThread waits; otherwise it only advances the clock
     std::uint32_t frameworkMinor = 33;      // version of the framework that plays: 1.<minor>
+    bool onlyDriverLocks = false;           // the thread sanitizer learns of these alone: schedule/happens_before.h
 };
 
 // One call of a platform function, as an observer sees it.
@@ -113,6 +115,7 @@ public:
     [[nodiscard]] const void* caller() const { return caller_; }
 
 private:
+    [[maybe_unused, no_unique_address]] schedule::HostWork hostWork_;  // until the function returns
     const char* function_;
     const void* caller_;
     std::optional<checks::Fault> fault_;

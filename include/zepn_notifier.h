@@ -21,7 +21,7 @@
 //   itself for ever, and every other client with it.
 // - It must return; deliveries to all other clients wait for it. Do not wait inside it for a thread that may be inside
 //   an operation.
-// - It runs on a thread of its own choosing: a system worker, or the thread of whoever subscribed, changed the power
+// - It runs on whatever thread the call came about on: a system worker, or the thread of whoever subscribed, changed the power
 //   state or sent the I/O control.
 // - Once Notifier_HelperClientDeinit has returned, none of the client's callbacks runs or will run. The descriptor
 //   callbacks alone are the crash-dump driver's to call until it is told that the client has gone.
@@ -70,7 +70,7 @@ DEFINE_GUID(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, 0x0B28C6F2, 0xF696, 0x4580, 0xAC, 
 
 // ---- The Notifier's own statuses: severity error, customer bit set, facility 0x00A ----
 
-// The Notifier is not up (no driver object or no driver context); for subscriptions also: the subscriber is unknown.
+// From Notifier_HelperInit: the Notifier is not up. From the subscription operations: the subscriber is unknown.
 #define STATUS_ZEP_NOTIFIER_NO_DRIVER ((NTSTATUS)0xE00A8101L)
 // A client with this interface GUID is registered already.
 #define STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED ((NTSTATUS)0xE00A8102L)
@@ -298,8 +298,9 @@ typedef ZEP_NOTIFIER_HELPER_DEREGISTER* PZEP_NOTIFIER_HELPER_DEREGISTER;
 //
 // Result: what the crash-dump driver answered, or
 // STATUS_INVALID_PARAMETER  DumpHandle is NULL
-// STATUS_IO_DEVICE_ERROR    no crash-dump driver is attached, or the Notifier is not up
-// The crash-dump driver must not detach while such calls can still come.
+// STATUS_IO_DEVICE_ERROR    no crash-dump driver is attached, the Notifier is not up, or an inner object was missing
+// The crash-dump driver must not detach while such calls can still come, nor attach while they may come already: its
+// handle can be seen before its callbacks are in place.
 
 typedef NTSTATUS(NTAPI ZEP_DUMP_START)(_In_ PVOID DumpHandle, ULONGLONG Value1, ULONGLONG Value2);
 typedef ZEP_DUMP_START* PZEP_DUMP_START;
@@ -379,7 +380,11 @@ typedef struct _WpcdClientRegistration {
 } WpcdClientRegistration;
 
 // Attaches the crash-dump driver; one at a time. Takes no lock, calls nobody back. Clients that are registered already
-// are announced after their next state post, or learned by Notifier_WpcdGetAllSubsystemDescriptors.
+// are announced after their next state post, unless an earlier crash-dump driver was told of them, or learned by
+// Notifier_WpcdGetAllSubsystemDescriptors.
+//
+// Attach before clients post states and make dump calls: for an instant the attached driver can be seen while its
+// callbacks are still NULL, and an announcement or dump call in that instant calls address 0.
 //
 // Registration: the seven callbacks, copied. Required; none of the seven may be NULL, though that is not checked.
 //

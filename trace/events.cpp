@@ -11,7 +11,8 @@ constexpr GUID kProvider = {0x84CD9D5E, 0x9773, 0x4BA7, {0xA7, 0x09, 0x72, 0xF0,
 
 constexpr ULONG kEnableBitCount = 4;
 
-// Written by the enable callback alone; everything but the derived word in g_TraceEnable is kept for the debugger.
+// What the session asked for, written by the enable callback alone and otherwise kept for the debugger; and the levels
+// and keywords of the enable bits, by which it derives the word in g_TraceEnable.
 struct EventTraceContext {
     ULONG64 matchAnyKeyword;
     ULONG64 matchAllKeyword;

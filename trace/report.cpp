@@ -1,7 +1,7 @@
 // The cold halves of the reporting sites.
 //
-// Each builds its event's payload on the stack, field by field, and writes what is enabled in the site's order: event
-// and message of a failure, message and event of an entry.
+// Each builds its event's payload on the stack, field by field, and writes what is enabled: event and message of a
+// failure, message and event of an entry.
 #include "trace/report.h"
 
 #include "trace/trace.h"

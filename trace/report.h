@@ -66,7 +66,8 @@ consteval SiteRecord RecordOf(const Row& row)
 template <Site kSite>
 inline constexpr SiteRecord kSiteRecord = RecordOf(RowOf(kSite));
 
-// The cold halves, one per kind of values. Each writes what is enabled, in the site's order.
+// The cold halves, one per kind of values. Each writes what is enabled: WritePlain and WriteObject in the site's order,
+// WriteControlCode and WriteOpen the message first, all others the event first.
 void WritePlain(const SiteRecord& site);
 void WriteStatus(const SiteRecord& site, NTSTATUS status);
 void WriteObject(const SiteRecord& site, PVOID object);

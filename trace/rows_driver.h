@@ -1,5 +1,5 @@
 // Reporting sites of the driver frame: entry, unload, device, power and file callbacks.
-// Messages 10 to 62 and 259 are fixed numbers; tools outside this project know them.
+// Messages 10 to 62 and 259 are fixed numbers; tools outside this project know them. 28 to 30 and 43 to 48 stay free.
 #pragma once
 
 #include "trace/catalogue.h"
@@ -173,6 +173,7 @@ inline constexpr Row kDriverRows[] = {
      Values::kObject,
      {.number = 62, .flag = TraceFlag::kEntry, .level = kLevelInformation, .text = "device %10!p! leaves D0"},
      true},
+    // On purpose: a message and no event, unlike the other callbacks of the device.
     {Site::kSurpriseRemovalEntered,
      "NotifierEvtDeviceSurpriseRemoval",
      0,

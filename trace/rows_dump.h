@@ -6,6 +6,7 @@
 inline constexpr Row kDumpRows[] = {
     // Notifier_WpcdClientInit
     EnteredQuietly(Site::kAttachEntered, "Notifier_WpcdClientInit", 210),
+    // On purpose: the text is that of two callbacks, the test is that of the record.
     Refused(Site::kAttachNull, "Notifier_WpcdClientInit", "ZepClientAdd or ZepClientRemove is NULL!", 211),
     Refused(Site::kAttachNoDriver, "Notifier_WpcdClientInit", "WdfGetDriver returned NULL?!", 212),
     ContextMissingStatus(Site::kAttachNoContext, "Notifier_WpcdClientInit", "Driver object context", 213),
@@ -25,6 +26,7 @@ inline constexpr Row kDumpRows[] = {
     EnteredQuietly(Site::kAnnounceEntered, "NotifierEvtWorkItemWpcdClientAdd", 222),
     Failed(Site::kAnnounceNoDriver, "NotifierEvtWorkItemWpcdClientAdd", "WdfGetDriver returned NULL?!", 223),
     Failed(Site::kAnnounceNoContext, "NotifierEvtWorkItemWpcdClientAdd", "Driver context is NULL?!", 224),
+    // On purpose: a warning as an event, an error as a message; and nothing retries, whatever the text says.
     {Site::kAnnounceNotAttached,
      "NotifierEvtWorkItemWpcdClientAdd",
      22,
@@ -34,6 +36,7 @@ inline constexpr Row kDumpRows[] = {
      {.number = 225}},
     ContextMissing(Site::kAnnounceWpcdContext, "NotifierEvtWorkItemWpcdClientAdd", "WPCD client context", 226),
     ContextMissing(Site::kAnnounceClient, "NotifierEvtWorkItemWpcdClientAdd", "Client context", 227),
+    // On purpose: an error as an event, a warning as a message.
     CrashDumpCallFailed(Site::kAnnounceRefused, "NotifierEvtWorkItemWpcdClientAdd", "Add client call to WPCD failed!",
                         228, kLevelWarning),
 

@@ -43,6 +43,7 @@ enum class Rule {
     kNotProvided,            // a platform function that this host does not have
     kBugCheck,               // the driver itself asked for a bugcheck
 };
+inline constexpr int kRuleCount = static_cast<int>(Rule::kBugCheck) + 1;  // the last stays the last
 
 [[nodiscard]] std::string_view Name(Rule rule);
 

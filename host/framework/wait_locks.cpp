@@ -70,7 +70,7 @@ void Framework::CheckRegions(const char* callbackName, const void* routine, cons
 {
     ThreadState& thread = ThreadState::Current();
     std::vector<WDFOBJECT>& locks = HeldLocks();
-    if (thread.criticalRegions == before.count && locks.size() == before.locks.size()) {
+    if (thread.criticalRegions == before.count && locks == before.locks) {
         return;
     }
     std::string kept;
@@ -253,6 +253,7 @@ NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLON
     waitLock->holderName = thread.name;
     ++thread.criticalRegions;
     HeldLocks().push_back(waitLock->handle);
+    schedule::Acquire(waitLock);
     return STATUS_SUCCESS;
 }
 
@@ -284,6 +285,7 @@ void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
     if (robbed) {
         waitLock->robbedId = 0;
     }
+    schedule::Release(waitLock);
     waitLock->held = false;
     waitLock->abandoned = false;
     waitLock->holderId = 0;

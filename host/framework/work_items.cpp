@@ -18,8 +18,10 @@ void Framework::RunCallback(WorkItemObject& item)
         --item.starting;
         item.runningOn.push_back(self);
     }
+    schedule::Acquire(&item.queued);
     Guarded("EvtWorkItem", reinterpret_cast<const void*>(item.routine),
             [&] { item.routine(static_cast<WDFWORKITEM>(item.handle)); });
+    schedule::Release(&item.runningOn);
     std::unique_lock lock(mutex);
     std::erase(item.runningOn, self);
     waiting.NotifyAll();
@@ -130,6 +132,7 @@ void Framework::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& 
         .heldBy = [&item] { return item.runningOn; },
     };
     (void)WaitFor(lock, wait, function, caller);
+    schedule::Acquire(&item.runningOn);
 }
 
 void Framework::DisposeWorkItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item)
@@ -202,13 +205,18 @@ void NTAPI WorkItemEnqueue(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     auto* item = framework.Resolve<WorkItemObject>(call, handle, "WorkItem");
-    if (item == nullptr || item->queued) {
+    if (item == nullptr) {
+        return;
+    }
+    if (item->queued) {
+        schedule::Release(&item->queued);
         return;
     }
     if (item->gone) {
         call.Violation(Rule::kWorkItemGone, Framework::Describe(*item) + " is being deleted; the enqueue is dropped");
         return;
     }
+    schedule::Release(&item->queued);
     item->queued = true;
     framework.workQueue.push_back(item);
     framework.workChanged.notify_all();

@@ -1,6 +1,7 @@
 // Callback objects: ExCreateCallback, ExRegisterCallback, ExUnregisterCallback, ObfDereferenceObject.
 #include "host/kernel/kernel.h"
 #include "host/schedule/parking.h"
+#include "host/schedule/yield.h"
 
 #include <algorithm>
 
@@ -109,7 +110,13 @@ __attribute__((visibility("default"), used)) VOID NTAPI ExUnregisterCallback(PVO
         call.Violation(Rule::kSelfWait, "a routine unregisters itself and waits for its own end");
         host::schedule::ParkThisThread("waits in ExUnregisterCallback for the callback that it runs in");
     }
-    kernel.callbackLeft.wait(lock, [&] { return registration->running.empty(); });
+    while (!registration->running.empty()) {
+        if (host::schedule::Controller* controller = host::schedule::theController.load(std::memory_order_acquire)) {
+            controller->OnBlock(lock);
+        } else {
+            kernel.callbackLeft.wait(lock);
+        }
+    }
 }
 
 __attribute__((visibility("default"), used)) LONG_PTR NTAPI ObfDereferenceObject(PVOID handle)

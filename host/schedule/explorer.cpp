@@ -204,6 +204,10 @@ void Explorer::OnBlock(std::unique_lock<std::mutex>& hostLock)
     hostLock.unlock();
     {
         std::unique_lock lock(mutex_);
+        if (released_[t_self]) {  // what it did before it had to wait
+            released_[t_self] = false;
+            WakeBlocked();
+        }
         states_[t_self] = State::kBlocked;
         if (std::ranges::find(states_, State::kReady) == states_.end()) {
             // Nobody can go on: all look again, once each; what has no end is found by the host, which parks it.

@@ -26,7 +26,7 @@ Parked& TheParked()
 }  // namespace
 
 struct Threads::Worker {
-    enum class State { kIdle, kBusy, kParked, kEnding };
+    enum class State { kIdle, kBusy, kDone, kParked, kEnding };
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -86,7 +86,7 @@ std::shared_ptr<Threads::Worker> Threads::TakeIdle()
             workerLock.unlock();
             work();
             workerLock.lock();
-            worker->state = Worker::State::kIdle;
+            worker->state = Worker::State::kDone;
             worker->changed.notify_all();
         }
     });
@@ -105,6 +105,7 @@ Outcome Threads::Run(const std::string& name, std::function<void()> work)
     if (worker->state == Worker::State::kParked) {
         return {.parked = true, .reason = worker->parkReason};
     }
+    worker->state = Worker::State::kIdle;  // not before: it would serve somebody else while this call still looks
     return {};
 }
 
@@ -122,7 +123,7 @@ std::size_t Threads::ParkedCount()
     return parked.ids.size();
 }
 
-// A member of no class, but it needs the worker.
+// What Threads::Worker lets the free function below do.
 struct ParkingAccess {
     static void Park(const std::string& reason)
     {

@@ -2,6 +2,7 @@
 # Fails when a rule of the host was broken by no driver of the tests: every_rule.sh RULES BROKEN_FOLDER FIGURES_FOLDER
 set -euo pipefail
 mkdir -p "$3"
+[ -s "$1" ]
 missing=$(while IFS= read -r rule; do [ -e "$2/$rule" ] || echo "$rule"; done < "$1")
 if [ -n "$missing" ]; then
     printf 'no broken driver was caught at:\n%s\n' "$missing"

@@ -178,7 +178,7 @@ TEST(Rules, HaveNamesOfTheirOwn)
 {
     std::set<std::string_view> names;
     std::ofstream list(ZEPN_RULES);
-    for (int rule = 0; rule <= static_cast<int>(Rule::kBugCheck); ++rule) {
+    for (int rule = 0; rule < host::checks::kRuleCount; ++rule) {
         const std::string_view name = Name(static_cast<Rule>(rule));
         EXPECT_TRUE(names.insert(name).second) << name;
         list << name << "\n";
