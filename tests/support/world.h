@@ -7,7 +7,7 @@
 #include "host/machine.h"
 #include "host/tracing/decode.h"
 #include "include/zepn_notifier.h"
-#include "tests/support/contexts.h"
+#include "tools/layout/contexts.h"
 
 #include <gtest/gtest.h>
 

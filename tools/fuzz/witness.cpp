@@ -3,7 +3,7 @@
 #include "tools/fuzz/witness.h"
 
 #include "host/schedule/parking.h"
-#include "tests/support/contexts.h"
+#include "tools/layout/contexts.h"
 
 #include <cstring>
 #include <functional>
@@ -98,7 +98,7 @@ struct Witness::Callbacks {
     template <unsigned table>
     static NTSTATUS NTAPI OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client)
     {
-        tests::ClientContext copy;
+        layout::ClientContext copy;
         std::memcpy(&copy, client, sizeof(copy));
         return Answer<table>(lines::Removed(NameOf(copy.guid), Bounded(copy.name, sizeof(copy.name)),
                                             Bounded(copy.description, sizeof(copy.description))),
