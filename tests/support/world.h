@@ -22,6 +22,8 @@
 
 namespace tests {
 
+using namespace layout;  // the contexts of the driver, by their names
+
 // Where the driver runs: the same cases for each.
 struct Container {
     const char* name;

@@ -1,6 +1,6 @@
 // What lives, as the host sees it, in the words of the expectation.
-#include "tools/layout/contexts.h"
 #include "tests/sweep/actual.h"
+#include "tools/layout/contexts.h"
 
 #include <algorithm>
 
@@ -15,7 +15,8 @@ std::string Actual::NameOf(std::uint64_t handle)
     if (pointer == driver_->Handle()) {
         return "<driver>";
     }
-    const auto context = machine_.inspect().Context<layout::DriverContext>(driver_->Handle(), layout::kDriverContextName);
+    const auto context =
+        machine_.inspect().Context<layout::DriverContext>(driver_->Handle(), layout::kDriverContextName);
     if (context) {
         const std::pair<WDFOBJECT, const char*> kNames[] = {{context->clients, "<clients>"},
                                                             {context->states, "<states>"},
