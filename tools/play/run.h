@@ -64,10 +64,11 @@ public:
 
     // ---- What a step does wrong on purpose ----
 
-    // Before a step: its fault is set. Behind it: what the host found is shown; a fault that did not strike, and trouble
-    // that did not come, are trouble too.
+    // Before a step: sets its fault and what trouble it must end in.
     void Arm(const Step& step);
+    // Behind it: shows what the host found.
     void ShowTrouble();
+    // At last: a fault that did not strike, and trouble that did not come, are trouble too.
     void Disarm(const Step& step);
 
 private:
