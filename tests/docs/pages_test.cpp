@@ -5,6 +5,7 @@
 #include "tools/play/diagram.h"
 #include "tools/play/perfetto.h"
 #include "tools/play/player.h"
+#include "tools/play/reading/scenario_reader.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -3,7 +3,7 @@
 
 #include "tests/support/world.h"
 #include "tools/play/player.h"
-#include "tools/play/scenario.h"
+#include "tools/play/reading/scenario_reader.h"
 
 #include <chrono>
 #include <filesystem>

@@ -1,6 +1,7 @@
 // Scenario files: what is wrong with one is said with line, column, field and what was expected; and the demo's own
 // play.
 #include "tools/play/player.h"
+#include "tools/play/reading/scenario_reader.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -7,7 +7,7 @@
 #include "host/machine.h"
 #include "host/tracing/decode.h"
 #include "include/zepn_notifier.h"
-#include "tests/support/contexts.h"
+#include "tools/layout/contexts.h"
 
 #include <gtest/gtest.h>
 
@@ -21,6 +21,8 @@
 #include <vector>
 
 namespace tests {
+
+using namespace layout;  // the contexts of the driver, by their names
 
 // Where the driver runs: the same cases for each.
 struct Container {

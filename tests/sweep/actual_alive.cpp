@@ -1,6 +1,6 @@
 // What lives, as the host sees it, in the words of the expectation.
-#include "tests/support/contexts.h"
 #include "tests/sweep/actual.h"
+#include "tools/layout/contexts.h"
 
 #include <algorithm>
 
@@ -15,7 +15,8 @@ std::string Actual::NameOf(std::uint64_t handle)
     if (pointer == driver_->Handle()) {
         return "<driver>";
     }
-    const auto context = machine_.inspect().Context<tests::DriverContext>(driver_->Handle(), tests::kDriverContextName);
+    const auto context =
+        machine_.inspect().Context<layout::DriverContext>(driver_->Handle(), layout::kDriverContextName);
     if (context) {
         const std::pair<WDFOBJECT, const char*> kNames[] = {{context->clients, "<clients>"},
                                                             {context->states, "<states>"},
@@ -50,7 +51,7 @@ std::string Actual::Describe(const ObjectView& view)
     if (view.type != ObjectType::kGeneral) {
         return prefix + host::framework::Name(view.type);
     }
-    if (const auto client = inspect.Context<tests::ClientContext>(view.handle, tests::kClientContextName)) {
+    if (const auto client = inspect.Context<layout::ClientContext>(view.handle, layout::kClientContextName)) {
         std::string text = prefix + "client " + std::to_string(client->guid.Data1) + " in state " +
                            std::to_string(client->currentState) + ", announced " + std::to_string(client->addedToWpcd) +
                            std::to_string(client->wpcdRefreshPending);
@@ -58,7 +59,7 @@ std::string Actual::Describe(const ObjectView& view)
             text += ", subscribed";
             for (const WDFOBJECT item : registrations->items) {
                 const auto subscription =
-                    inspect.Context<tests::RegistrationContext>(item, tests::kRegistrationContextName);
+                    inspect.Context<layout::RegistrationContext>(item, layout::kRegistrationContextName);
                 text += " " + std::string(inspect.Find(item)->deleted ? "deleted " : "") +
                         std::to_string(subscription->filter.InterfaceGUID.Data1) + "@" +
                         std::to_string(subscription->filter.State);
@@ -66,22 +67,22 @@ std::string Actual::Describe(const ObjectView& view)
         }
         return text;
     }
-    if (const auto state = inspect.Context<ZepState>(view.handle, tests::kStateContextName)) {
+    if (const auto state = inspect.Context<ZepState>(view.handle, layout::kStateContextName)) {
         return prefix + "state " + std::to_string(state->InterfaceGUID.Data1) + "=" + std::to_string(state->State) +
                " size " + std::to_string(state->Size);
     }
     if (const auto subscription =
-            inspect.Context<tests::RegistrationContext>(view.handle, tests::kRegistrationContextName)) {
+            inspect.Context<layout::RegistrationContext>(view.handle, layout::kRegistrationContextName)) {
         return prefix + "subscription " + std::to_string(subscription->subscriber.Data1) + " to " +
                std::to_string(subscription->filter.InterfaceGUID.Data1) + "@" +
                std::to_string(subscription->filter.State);
     }
-    if (const auto command = inspect.Context<ZepCommand>(view.handle, tests::kCommandContextName)) {
+    if (const auto command = inspect.Context<ZepCommand>(view.handle, layout::kCommandContextName)) {
         return prefix + "command " + std::to_string(command->SourceGuid.Data1) + ">" +
                std::to_string(command->TargetGuid.Data1) + " " + std::to_string(command->CommandId);
     }
     for (const auto& context : view.contexts) {
-        if (context.typeName == tests::kWpcdContextName) {
+        if (context.typeName == layout::kWpcdContextName) {
             return prefix + "crash-dump driver";
         }
     }
@@ -96,7 +97,7 @@ Lines Actual::Alive()
     }
     const auto inspect = machine_.inspect();
     const auto driver = inspect.Find(driver_->Handle());
-    const auto context = *inspect.Context<tests::DriverContext>(driver_->Handle(), tests::kDriverContextName);
+    const auto context = *inspect.Context<layout::DriverContext>(driver_->Handle(), layout::kDriverContextName);
     std::string held = "held";
     std::string queued = "queued";
     for (const ObjectView& view : inspect.Objects()) {
@@ -107,7 +108,7 @@ Lines Actual::Alive()
         if (view.type == ObjectType::kGeneral || view.type == ObjectType::kCollection) {
             const auto parent = inspect.Find(view.parent);
             if (parent && parent->type == ObjectType::kGeneral) {
-                const auto client = inspect.Context<tests::ClientContext>(parent->handle, tests::kClientContextName);
+                const auto client = inspect.Context<layout::ClientContext>(parent->handle, layout::kClientContextName);
                 line += client ? " of client " + std::to_string(client->guid.Data1) : " of general 0";
             }
         }

@@ -37,6 +37,7 @@ private:
     struct Peer;
     struct Callbacks;
 
+    // What an operation does that is no run of work items.
     NTSTATUS Call(const Operation& operation);
     NTSTATUS CallForClient(const Operation& operation, Peer& peer);
     NTSTATUS CallDump(const Operation& operation, Peer& peer);

@@ -5,6 +5,7 @@
 #include "tools/play/diagram.h"
 #include "tools/play/perfetto.h"
 #include "tools/play/player.h"
+#include "tools/play/reading/scenario_reader.h"
 #include "tools/play/samples_life.h"
 
 #include <CLI/CLI.hpp>

@@ -1,13 +1,12 @@
-// A scenario: the clients of a chip with their scripted answers, and the steps of a run. docs/scenarios.md describes
-// the file for people.
+// A scenario: the clients of a chip with their scripted answers, and the steps of a run. tools/play/reading reads it
+// from a file.
 #pragma once
 
-#include "tools/play/located_json.h"
+#include "tools/play/reading/located_json.h"
 
 #include <ntddk.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -126,8 +125,5 @@ class ScenarioError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
-
-[[nodiscard]] Scenario ReadScenario(const std::filesystem::path& file);
-[[nodiscard]] Scenario ParseScenario(const std::string& text, const std::string& fileName);
 
 }  // namespace play

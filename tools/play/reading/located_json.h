@@ -36,6 +36,9 @@ struct JsonValue::Member {
 
 [[nodiscard]] const char* Name(JsonValue::Kind kind);
 
+// Null when the object has no such member.
+[[nodiscard]] const JsonValue* FindMember(const JsonValue& object, const std::string& name);
+
 struct JsonError {
     Place place;
     std::string message;

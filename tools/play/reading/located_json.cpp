@@ -1,6 +1,6 @@
 // The library's parser does the work; an iterator that counts what it reads tells where each value ends, and a look
 // back into the text where it begins.
-#include "tools/play/located_json.h"
+#include "tools/play/reading/located_json.h"
 
 #include <nlohmann/json.hpp>
 
@@ -176,6 +176,16 @@ const char* Name(JsonValue::Kind kind)
 {
     constexpr const char* kNames[] = {"null", "true or false", "a number", "a text", "a list", "an object"};
     return kNames[static_cast<int>(kind)];
+}
+
+const JsonValue* FindMember(const JsonValue& object, const std::string& name)
+{
+    for (const JsonValue::Member& member : object.members) {
+        if (member.name == name) {
+            return &member.value;
+        }
+    }
+    return nullptr;
 }
 
 JsonValue ParseJson(const std::string& text)

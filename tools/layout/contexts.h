@@ -4,7 +4,7 @@
 #include "host/framework/view.h"
 #include "include/zepn_notifier.h"
 
-namespace tests {
+namespace layout {
 
 inline constexpr const char* kDriverContextName = "ZEP_NOTIFIER_DRIVER_CONTEXT";
 inline constexpr const char* kClientContextName = "ZEP_NOTIFIER_CLIENT_CONTEXT";
@@ -59,4 +59,4 @@ struct RegistrationContext {
 };
 static_assert(sizeof(RegistrationContext) == 56);
 
-}  // namespace tests
+}  // namespace layout

@@ -1,0 +1,146 @@
+#include "tools/play/reading/peer_reader.h"
+
+#include "host/tracing/decode.h"
+
+namespace play {
+namespace {
+
+using Kind = JsonValue::Kind;
+
+void ReadAnswers(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
+{
+    const JsonValue* answers = FindMember(value, "answers");
+    if (answers == nullptr || !reader.IsA(*answers, Kind::kArray, field + ".answers")) {
+        return;
+    }
+    for (std::size_t index = 0; index < answers->items.size(); ++index) {
+        const JsonValue& item = answers->items[index];
+        const std::string at = field + ".answers[" + std::to_string(index) + "]";
+        if (!reader.IsA(item, Kind::kObject, at)) {
+            continue;
+        }
+        reader.CheckFields(item, at, {"from", "state", "answer"}, {"once"});
+        AnswerRule rule;
+        reader.ReadClientName(item, "from", at, rule.from);
+        if (const JsonValue* state = FindMember(item, "state")) {
+            reader.ReadState(*state, at + ".state", true, rule.state);
+        }
+        reader.ReadState(item, "answer", at + ".answer", rule.answer);
+        if (const JsonValue* once = FindMember(item, "once");
+            once != nullptr && reader.IsA(*once, Kind::kBoolean, at + ".once")) {
+            rule.once = once->boolean;
+        }
+        client.answers.push_back(rule);
+    }
+}
+
+void ReadCommands(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
+{
+    const JsonValue* commands = FindMember(value, "commands");
+    if (commands == nullptr || !reader.IsA(*commands, Kind::kArray, field + ".commands")) {
+        return;
+    }
+    client.takesCommands = true;
+    for (std::size_t index = 0; index < commands->items.size(); ++index) {
+        const JsonValue& item = commands->items[index];
+        const std::string at = field + ".commands[" + std::to_string(index) + "]";
+        if (!reader.IsA(item, Kind::kObject, at)) {
+            continue;
+        }
+        reader.CheckFields(item, at, {"id", "answer"}, {});
+        CommandRule rule;
+        reader.ReadNumber(item, "id", at + ".id", rule.id);
+        reader.ReadState(item, "answer", at + ".answer", rule.answer);
+        client.commands.push_back(rule);
+    }
+}
+
+// The calls from inside callbacks.
+void ReadInside(ValueReader& reader, const JsonValue& value, const std::string& field,
+                const std::vector<std::string>& callbacks, const std::vector<std::string>& calls,
+                std::vector<InsideCall>& inside)
+{
+    const JsonValue* list = FindMember(value, "inside");
+    if (list == nullptr || !reader.IsA(*list, Kind::kArray, field + ".inside")) {
+        return;
+    }
+    for (std::size_t index = 0; index < list->items.size(); ++index) {
+        const std::string at = field + ".inside[" + std::to_string(index) + "]";
+        if (reader.IsA(list->items[index], Kind::kObject, at)) {
+            reader.CheckFields(list->items[index], at, {"on", "do"}, {});
+            InsideCall& call = inside.emplace_back();
+            reader.ReadOneOf(list->items[index], "on", at, callbacks, call.callback);
+            reader.ReadOneOf(list->items[index], "do", at, calls, call.call);
+        }
+    }
+}
+
+void ReadClient(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
+{
+    reader.CheckFields(value, field, {"guid", "name"},
+                       {"description", "entries", "answers", "commands", "appsState", "inside"});
+    if (const JsonValue* guid = FindMember(value, "guid");
+        guid != nullptr && reader.IsA(*guid, Kind::kText, field + ".guid")) {
+        if (const auto parsed = host::tracing::ParseGuid(guid->text)) {
+            client.guid = *parsed;
+        } else {
+            reader.Mistake(guid->place, field + ".guid",
+                           "expected a GUID like \"6f1b2c3d-0001-4a5b-8c9d-000000000001\"");
+        }
+    }
+    reader.ReadText(value, "name", field + ".name", client.name);
+    reader.ReadText(value, "description", field + ".description", client.description);
+    reader.ReadNumber(value, "entries", field + ".entries", client.entryCount);
+    ReadAnswers(reader, value, field, client);
+    ReadCommands(reader, value, field, client);
+    ReadInside(reader, value, field, {"state", "command", "appsState"},
+               {"register", "leave", "post", "command", "subscribe", "unsubscribe"}, client.inside);
+    if (const JsonValue* apps = FindMember(value, "appsState")) {
+        client.hearsAppsState = true;
+        if (apps->kind != Kind::kText || apps->text != "heard") {
+            reader.ReadState(*apps, field + ".appsState", false, client.appsState);
+        }
+    }
+}
+
+}  // namespace
+
+void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
+{
+    const JsonValue* clients = FindMember(root, "clients");
+    if (clients == nullptr || !reader.IsA(*clients, Kind::kObject, "clients")) {
+        return;
+    }
+    for (const JsonValue::Member& member : clients->members) {
+        reader.AddClientName(member.name);
+    }
+    for (const JsonValue::Member& member : clients->members) {
+        const std::string field = "clients." + member.name;
+        ClientModel client;
+        client.key = member.name;
+        if (reader.IsA(member.value, Kind::kObject, field)) {
+            ReadClient(reader, member.value, field, client);
+        }
+        scenario.clients.push_back(std::move(client));
+    }
+}
+
+void ReadCrashDump(ValueReader& reader, const JsonValue& root, Scenario& scenario)
+{
+    const JsonValue* value = FindMember(root, "crashDump");
+    if (value == nullptr || !reader.IsA(*value, Kind::kObject, "crashDump")) {
+        return;
+    }
+    reader.CheckFields(*value, "crashDump", {},
+                       {"add", "remove", "start", "addData", "stop", "query", "triage", "inside"});
+    ReadInside(reader, *value, "crashDump", {"add", "remove"}, {"detach", "count", "describe"},
+               scenario.crashDump.inside);
+    for (const JsonValue::Member& member : value->members) {
+        std::optional<NTSTATUS> status;
+        if (member.name != "inside" && reader.ReadStatus(member.value, "crashDump." + member.name, status)) {
+            scenario.crashDump.answers[member.name] = *status;
+        }
+    }
+}
+
+}  // namespace play

@@ -1,0 +1,68 @@
+#include "tools/play/reading/scenario_reader.h"
+
+#include "tools/play/reading/peer_reader.h"
+#include "tools/play/reading/step_reader.h"
+
+#include <fstream>
+#include <iterator>
+
+namespace play {
+namespace {
+
+using Kind = JsonValue::Kind;
+
+void ReadStates(ValueReader& reader, const JsonValue& root, Scenario& scenario)
+{
+    const JsonValue* states = FindMember(root, "states");
+    if (states == nullptr || !reader.IsA(*states, Kind::kObject, "states")) {
+        return;
+    }
+    for (const JsonValue::Member& member : states->members) {
+        std::uint32_t number = 0;
+        if (member.name == "any") {
+            reader.Mistake(member.place, "states.any",
+                           "\"any\" is the name for every state and cannot be given a number");
+        } else if (reader.ReadNumber(member.value, "states." + member.name, number)) {
+            scenario.states[member.name] = number;
+        }
+    }
+}
+
+}  // namespace
+
+Scenario ParseScenario(const std::string& text, const std::string& fileName)
+{
+    Scenario scenario;
+    ValueReader reader(fileName, scenario);
+    JsonValue root;
+    try {
+        root = ParseJson(text);
+    } catch (const JsonError& error) {
+        reader.Mistake(error.place, "syntax", error.message);
+        throw ScenarioError(reader.mistakes());
+    }
+    if (reader.IsA(root, Kind::kObject, "scenario")) {
+        reader.CheckFields(root, "scenario", {"title", "states", "clients", "steps"}, {"crashDump"});
+        reader.ReadText(root, "title", "title", scenario.title);
+        ReadStates(reader, root, scenario);
+        ReadClients(reader, root, scenario);
+        ReadCrashDump(reader, root, scenario);
+        ReadSteps(reader, root, scenario);
+    }
+    if (!reader.mistakes().empty()) {
+        throw ScenarioError(reader.mistakes());
+    }
+    return scenario;
+}
+
+Scenario ReadScenario(const std::filesystem::path& file)
+{
+    std::ifstream stream(file, std::ios::binary);
+    if (!stream) {
+        throw ScenarioError(file.string() + ": cannot be read");
+    }
+    const std::string text((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    return ParseScenario(text, file.string());
+}
+
+}  // namespace play

@@ -1,0 +1,17 @@
+// What the steps of a scenario do, by who takes them.
+#pragma once
+
+#include "tools/play/run.h"
+
+namespace play {
+
+// A client registers, subscribes, posts, commands or leaves.
+void DoClientStep(Run& run, const Step& step);
+// A client's dump goes to the crash-dump driver.
+void DoDumpStep(Run& run, const Step& step);
+// The crash-dump driver attaches, detaches, or asks for the clients.
+void DoCrashDumpStep(Run& run, const Step& step);
+// The system lets work run, sleeps, wakes, takes the device or the driver away; an application uses the control device.
+void DoSystemStep(Run& run, const Step& step);
+
+}  // namespace play
