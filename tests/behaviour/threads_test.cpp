@@ -2,6 +2,7 @@
 // twice, each poster's order is kept, and nothing is left behind.
 #include "tests/support/world.h"
 
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -113,6 +114,9 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
     for (Peer* peer : {&poster, &other}) {
         ASSERT_EQ(world.Register(peer->TakesCommands().HearsAppsState()), STATUS_SUCCESS);
     }
+    // The other's state is chosen by answers too, under other locks than by posts.
+    other.onState = [](const ZepState& state, ULONG& response) { response = state.State; };
+    other.onCommand = [](ULONG id, ULONG& state) { state = id; };
 
     std::atomic<unsigned> refused{0};
     const auto turns = [&](const Act& act) { return Turns(kTurns, refused, act); };
@@ -121,7 +125,8 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
     threads.push_back(turns([&](ULONG turn) { return world.Send(turn % 2 == 0 ? poster : other,
                                                                 turn % 2 == 0 ? other : poster, turn); }));
     threads.push_back(turns([&](ULONG turn) {
-        return turn % 2 == 0 ? world.Subscribe(other, poster, 7) : world.Unsubscribe(other, poster, 7);
+        return turn % 2 == 0 ? world.Subscribe(other, poster, ZEP_STATE_ANY)
+                             : world.Unsubscribe(other, poster, ZEP_STATE_ANY);
     }));
     threads.push_back(turns([&](ULONG turn) {
         Peer passing(1000 + turn);
@@ -139,7 +144,12 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
     }));
     threads.push_back(turns([&](ULONG) {
         ULONG count = 0;
-        return world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+        const NTSTATUS status = world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+        std::array<ZEP_SUBSYSTEM_DESCRIPTOR, 3> descriptors;  // the two, and one that is passing
+        count = descriptors.size();
+        return status == STATUS_SUCCESS
+                   ? world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(descriptors.data(), &count)
+                   : status;
     }));
     threads.push_back(turns([&](ULONG turn) {
         auto& tracing = world.machine.tracing();
