@@ -252,6 +252,20 @@ TEST_P(Reporting, MessagesCarryTheHandlesOfTheirObjects)
     world.driver->Close(file);
 }
 
+// The world compares its values in event and message.
+TEST_P(Reporting, MissingItemIsReportedWithItsPlace)
+{
+    World world(GetParam());
+    Peer first(1);
+    Peer second(2);
+    ASSERT_EQ(world.Register(first), STATUS_SUCCESS);
+    ASSERT_EQ(world.Register(second), STATUS_SUCCESS);
+    world.Lose("WdfCollectionGetItem", "", 1);
+    EXPECT_EQ(world.Post(second, 1), STATUS_INVALID_DEVICE_REQUEST);
+    world.EndFaults();
+    EXPECT_EQ(world.TakeReports().front(), "5 _getClientContextByGUID: WdfCollectionGetItem, 1, <clients>, 2");
+}
+
 // A missing item is reported by event alone when only events are wanted.
 TEST_P(Reporting, EventsAndMessagesAreChosenApart)
 {
