@@ -86,9 +86,10 @@ NTSTATUS NTAPI OnDumpStart(PVOID, ULONGLONG, ULONGLONG)
 
 using Act = std::function<NTSTATUS(ULONG turn)>;
 
-std::thread Turns(ULONG count, std::atomic<unsigned>& refused, const Act& act)
+std::thread Turns(ULONG count, std::atomic<unsigned>& refused, const std::atomic<bool>& started, const Act& act)
 {
-    return std::thread([count, &refused, act] {
+    return std::thread([count, &refused, &started, act] {
+        started.wait(false);  // for the last of them, so that all run at once
         for (ULONG turn = 0; turn < count; ++turn) {
             refused += act(turn) == STATUS_SUCCESS ? 0 : 1;
         }
@@ -99,7 +100,7 @@ std::thread Turns(ULONG count, std::atomic<unsigned>& refused, const Act& act)
 // raised level, descriptors, and listeners coming and going.
 TEST_P(Threads, EverythingAtOnceEndsInOrder)
 {
-    constexpr unsigned kTurns = 600;
+    constexpr unsigned kTurns = ZEPN_TURNS;
     g_dumps = 0;
     g_announced = 0;
     World world(GetParam(), {.machine = {.workItems = host::WorkItems::kThreads, .workerCount = 2, .guardPages = false},
@@ -119,9 +120,11 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
     other.onCommand = [](ULONG id, ULONG& state) { state = id; };
 
     std::atomic<unsigned> refused{0};
-    const auto turns = [&](const Act& act) { return Turns(kTurns, refused, act); };
+    std::atomic<bool> started{false};
+    const auto turns = [&](const Act& act) { return Turns(kTurns, refused, started, act); };
     std::vector<std::thread> threads;
     threads.push_back(turns([&](ULONG turn) { return world.Post(poster, 100 + turn); }));
+    threads.push_back(turns([&](ULONG turn) { return world.Post(other, 100 + turn); }));
     threads.push_back(turns([&](ULONG turn) { return world.Send(turn % 2 == 0 ? poster : other,
                                                                 turn % 2 == 0 ? other : poster, turn); }));
     threads.push_back(turns([&](ULONG turn) {
@@ -157,6 +160,8 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
                                     : tracing.OpenMessageSession({kControl, 5, 3}));
         return STATUS_SUCCESS;
     }));
+    started = true;
+    started.notify_all();
     for (std::thread& thread : threads) {
         thread.join();
     }
@@ -188,9 +193,12 @@ TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
     std::atomic<unsigned> refused{0};
     const auto all = [&](const std::vector<Act>& acts) {
         std::vector<std::thread> threads;
+        std::atomic<bool> started{false};
         for (const Act& act : acts) {
-            threads.push_back(Turns(kTurns, refused, act));
+            threads.push_back(Turns(kTurns, refused, started, act));
         }
+        started = true;
+        started.notify_all();
         for (std::thread& thread : threads) {
             thread.join();
         }
