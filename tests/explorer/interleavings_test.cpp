@@ -241,6 +241,22 @@ TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
     });
 }
 
+TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
+{
+    Explore("client posts no state while it is announced", [](World& world, Explorer& explorer) {
+        WpcdClientRegistration registration{};
+        registration.ZepClientAdd = OnAdd;
+        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+        Peer peer(1);
+        EXPECT_EQ(world.Register(peer), STATUS_SUCCESS);
+        EXPECT_EQ(world.Post(peer, 0), STATUS_SUCCESS);
+        RunAll(world, explorer,
+               {{"client", [&] { EXPECT_EQ(world.Post(peer, 0), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
+        world.Deliver();
+        EXPECT_EQ(world.Client(peer)->wpcdRefreshPending, 1u) << "its first state would not be announced";
+    });
+}
+
 TEST_P(Interleavings, TheBroadcastAmongPostsAndRemovals)
 {
     constexpr std::uintptr_t kStateLock = 3;
