@@ -221,22 +221,9 @@ TEST_P(Lifecycle, SecondDeviceIsRefusedByItsName)
     EXPECT_TRUE(world.driver->HasDevice());
 }
 
-// What an earlier call may have left on the stack.
-[[gnu::noinline]] void SoilStack()
-{
-    volatile char soil[16384];
-    for (volatile char& byte : soil) {
-        byte = '\xEE';
-    }
-}
-
 TEST_P(Lifecycle, TablesHaveTheBindingHeaderAndTheirReferencesDoNothing)
 {
-    World world(GetParam(), {.boots = false});
-    world.Load();
-    SoilStack();
-    ASSERT_EQ(world.driver->AddDevice(), STATUS_SUCCESS);
-    world.Start();
+    World world(GetParam());
     for (const auto& [header, size] :
          {std::pair(world.helper.InterfaceHeader, 120), {world.wpcd.InterfaceHeader, 64}}) {
         EXPECT_EQ(header.Size, size);
