@@ -184,6 +184,11 @@ WDFDRIVER Driver::Handle() const
     return instance_.driver == nullptr ? nullptr : static_cast<WDFDRIVER>(instance_.driver->handle);
 }
 
+std::uint32_t Driver::PoolTag() const
+{
+    return instance_.globals == nullptr ? 0 : instance_.globals->DriverTag;
+}
+
 const void* Driver::ImageBase() const
 {
     return instance_.imageBase;

@@ -88,8 +88,9 @@ public:
     IoResult DeviceControl(FileId file, std::uint32_t code, std::span<const std::byte> input = {},
                            std::span<std::byte> output = {});
 
-    // For inspection: the WDFDRIVER, and where the image lies.
+    // For inspection: the WDFDRIVER, the tag of what the framework allocates for the driver, where the image lies.
     [[nodiscard]] WDFDRIVER Handle() const;
+    [[nodiscard]] std::uint32_t PoolTag() const;  // 0 while not bound
     [[nodiscard]] const void* ImageBase() const;
     [[nodiscard]] std::size_t ImageSizeBytes() const;
 

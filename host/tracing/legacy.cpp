@@ -42,20 +42,21 @@ namespace host::tracing {
 
 void QueryLegacyRegistration(const Provider& provider, GUID& control)
 {
-    alignas(8) unsigned char buffer[256];
+    alignas(8) unsigned char buffer[kRegisterInfoSize];
     ULONG size = 0;
     LONG status = Request(provider, kRegisterInfo, buffer, 16, size);
     ULONG needed = 0;
     std::memcpy(&needed, buffer, sizeof(needed));
     Expect(status == STATUS_BUFFER_TOO_SMALL && size == 4 && needed == kRegisterInfoSize, provider,
            "a small registration buffer is not answered with the size that is needed");
+    needed = kRegisterInfoSize;
 
     status = Request(provider, kRegisterInfo, buffer, 2, size);
     Expect(status == STATUS_BUFFER_TOO_SMALL && size == 0, provider,
            "a buffer too small for the size itself is not refused untouched");
 
     std::memset(buffer, 0xEE, sizeof(buffer));
-    status = Request(provider, kRegisterInfo, buffer, sizeof(buffer), size);
+    status = Request(provider, kRegisterInfo, buffer, needed, size);
     ULONG bufferSize;
     ULONG guidCount;
     ULONG flags;

@@ -128,7 +128,10 @@ TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
     EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS);
     EXPECT_EQ(peer.appsStateCalls, 1u);
     for (const std::uint32_t code : {0u, 0x01002140u, 0x01002148u, 0x01002145u}) {
+        (void)world.TakeRecords();
         EXPECT_EQ(handle.Control(code), STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(world.TakeRecords(), (Lines{"M208 NotifierEvtIoDeviceControl", "E64 NotifierEvtIoDeviceControl",
+                                              "M209 NotifierEvtIoDeviceControl"}));
     }
     EXPECT_EQ(peer.appsStateCalls, 1u);
 }
@@ -148,6 +151,21 @@ TEST_P(AppsState, HandlesWorkInEveryStageOfTheDevice)
         EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS) << "also between surprise removal and removal";
     }
     EXPECT_EQ(peer.appsStateCalls, 2u);
+}
+
+TEST_P(AppsState, ControlSentAtARaisedLevelIsHandledBelowIt)
+{
+    World world(GetParam());
+    Peer peer(1);
+    peer.HearsAppsState();
+    ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
+    Handle handle(world);
+    {
+        const host::ScopedIrql irql(DISPATCH_LEVEL);
+        EXPECT_FALSE(world.driver->DeviceControl(handle.file, 0x01002144).completed);
+    }
+    world.Deliver();
+    EXPECT_EQ(peer.appsStateCalls, 1u);
 }
 
 TEST_P(AppsState, TemporaryObjectsStayUntilUnloadOnPurpose)

@@ -403,6 +403,12 @@ TEST_P(CrashDump, DumpCallsPassThroughUnchangedAtAnyLevel)
         EXPECT_EQ(a.recorder.calls, std::vector<Recorder::Call>{expected});
 
         // Entry message, entry event, the look-up's two, the result with its values, the exit.
+        Lines functions = a.world.TakeRecords();
+        for (std::string& function : functions) {
+            function.erase(0, function.find(' ') + 1);
+        }
+        EXPECT_EQ(functions, (Lines{dump.function, dump.function, "GetContext", "GetContext", dump.function,
+                                    dump.function}));
         const auto messages = a.world.machine.tracing().Messages();
         ASSERT_EQ(messages.size(), 4u);
         constexpr GUID kForwardingSet = {

@@ -107,6 +107,7 @@ TEST_P(Lifecycle, DeviceAddFillsTheContextAndRegistersForPowerStates)
         EXPECT_EQ(inspect.Find(lock)->parent, world.driver->Handle());
     }
     EXPECT_EQ(context.wpcdClient, nullptr);
+    EXPECT_EQ(world.driver->PoolTag(), 0x3066746Eu) << "ntf0";
     EXPECT_NE(context.powerCallbackObject, nullptr);
     EXPECT_NE(context.powerCallbackRegistration, nullptr);
     // One more reference than the creation's, for the power callback.

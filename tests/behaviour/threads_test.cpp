@@ -2,6 +2,7 @@
 // twice, each poster's order is kept, and nothing is left behind.
 #include "tests/support/world.h"
 
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -24,6 +25,7 @@ void InEachView(unsigned workers, const std::function<void(const WorldOptions&)>
     for (const bool onlyDriverLocks : views) {
         play({.machine = {.workItems = host::WorkItems::kThreads,
                           .workerCount = workers,
+                          .guardPages = views.size() == 1,  // the sanitizer keeps book of every page
                           .onlyDriverLocks = onlyDriverLocks},
               .records = false});
     }
@@ -104,9 +106,10 @@ NTSTATUS NTAPI OnDumpStart(PVOID, ULONGLONG, ULONGLONG)
 
 using Act = std::function<NTSTATUS(ULONG turn)>;
 
-std::thread Turns(ULONG count, std::atomic<unsigned>& refused, const Act& act)
+std::thread Turns(ULONG count, std::atomic<unsigned>& refused, const std::atomic<bool>& started, const Act& act)
 {
-    return std::thread([count, &refused, act] {
+    return std::thread([count, &refused, &started, act] {
+        started.wait(false);  // for the last of them, so that all run at once
         for (ULONG turn = 0; turn < count; ++turn) {
             refused += act(turn) == STATUS_SUCCESS ? 0 : 1;
         }
@@ -118,7 +121,7 @@ std::thread Turns(ULONG count, std::atomic<unsigned>& refused, const Act& act)
 TEST_P(Threads, EverythingAtOnceEndsInOrder)
 {
     InEachView(2, [](const WorldOptions& options) {
-        constexpr unsigned kTurns = 600;
+        constexpr unsigned kTurns = ZEPN_TURNS;
         g_dumps = 0;
         g_announced = 0;
         World world(GetParam(), options);
@@ -133,10 +136,16 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
             ASSERT_EQ(world.Register(peer->TakesCommands().HearsAppsState()), STATUS_SUCCESS);
         }
 
+        // The other's state is chosen by answers too, under other locks than by posts.
+        other.onState = [](const ZepState& state, ULONG& response) { response = state.State; };
+        other.onCommand = [](ULONG id, ULONG& state) { state = id; };
+
         std::atomic<unsigned> refused{0};
-        const auto turns = [&](const Act& act) { return Turns(kTurns, refused, act); };
+        std::atomic<bool> started{false};
+        const auto turns = [&](const Act& act) { return Turns(kTurns, refused, started, act); };
         std::vector<std::thread> threads;
         threads.push_back(turns([&](ULONG turn) { return world.Post(poster, 100 + turn); }));
+        threads.push_back(turns([&](ULONG turn) { return world.Post(other, 100 + turn); }));
         threads.push_back(turns([&](ULONG turn) { return world.Send(turn % 2 == 0 ? poster : other,
                                                                     turn % 2 == 0 ? other : poster, turn); }));
         threads.push_back(turns([&](ULONG turn) {
@@ -159,7 +168,12 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
         }));
         threads.push_back(turns([&](ULONG) {
             ULONG count = 0;
-            return world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+            const NTSTATUS status = world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+            std::array<ZEP_SUBSYSTEM_DESCRIPTOR, 3> descriptors;  // the two, and one that is passing
+            count = descriptors.size();
+            return status == STATUS_SUCCESS
+                       ? world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(descriptors.data(), &count)
+                       : status;
         }));
         threads.push_back(turns([&](ULONG turn) {
             auto& tracing = world.machine.tracing();
@@ -167,6 +181,8 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
                                         : tracing.OpenMessageSession({kControl, 5, 3}));
             return STATUS_SUCCESS;
         }));
+        started = true;
+        started.notify_all();
         for (std::thread& thread : threads) {
             thread.join();
         }
@@ -202,9 +218,12 @@ TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
         std::atomic<unsigned> refused{0};
         const auto all = [&](const std::vector<Act>& acts) {
             std::vector<std::thread> threads;
+            std::atomic<bool> started{false};
             for (const Act& act : acts) {
-                threads.push_back(Turns(kTurns, refused, act));
+                threads.push_back(Turns(kTurns, refused, started, act));
             }
+            started = true;
+            started.notify_all();
             for (std::thread& thread : threads) {
                 thread.join();
             }

@@ -191,6 +191,81 @@ TEST_P(Reporting, ClosedAndUnknownControlsSilenceMessagesOnBothRoutes)
     }
 }
 
+// What messages without an event say, in the order in which it happens.
+TEST_P(Reporting, MessagesSayWhoDidWhat)
+{
+    World world(GetParam());
+    Peer poster(1);
+    Peer other(2);
+    other.onState = [](const ZepState&, ULONG& response) { response = 8; };
+    other.TakesCommands();
+    poster.HearsAppsState().onAppsState = [](ULONG& state) { state = 5; };
+    ASSERT_EQ(world.Register(poster), STATUS_SUCCESS);
+    ASSERT_EQ(world.Register(other), STATUS_SUCCESS);
+    ASSERT_EQ(world.Subscribe(other, poster, 4), STATUS_SUCCESS);
+    ASSERT_EQ(world.Post(poster, 4), STATUS_SUCCESS);
+    world.Deliver();
+    ASSERT_EQ(world.Send(poster, other, 77, 1234), STATUS_SUCCESS);
+    world.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
+    world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
+    world.Deliver();
+    ASSERT_EQ(world.Leave(poster), STATUS_SUCCESS);
+    ASSERT_EQ(world.Leave(other), STATUS_SUCCESS);
+
+    const host::tracing::MessageFormats formats(std::string(ZEPN_ROOT) + "/out/manifest");
+    Lines texts;
+    for (const auto& message : world.machine.tracing().Messages()) {
+        const auto decoded = formats.Decode(message);
+        ASSERT_TRUE(decoded);
+        if (!decoded->arguments.empty() && decoded->flags == "TRACE_FLAG_GENERAL" &&
+            (decoded->level == "TRACE_LEVEL_INFORMATION" || decoded->level == "TRACE_LEVEL_VERBOSE")) {
+            texts.push_back(decoded->text);
+        }
+    }
+    EXPECT_EQ(texts, (Lines{"client 00000001 registered", "client 00000002 registered",
+                            "client 00000001 posted state 4", "state 4 of client 00000001 goes to client 00000002",
+                            "client 00000002 answers with state 8",
+                            "command 77 (1234) from client 00000001 to client 00000002",
+                            "client 00000001 wants state 5", "client 00000001 posted state 5", "ends with 0x00000000",
+                            "holding the transition for 250 ms", "client 00000001 leaves", "client 00000002 leaves"}));
+}
+
+// Handles in messages of their own: the context that the power callback was registered with, device and file object.
+TEST_P(Reporting, MessagesCarryTheHandlesOfTheirObjects)
+{
+    World world(GetParam());
+    auto& tracing = world.machine.tracing();
+    const auto handles = [&] {
+        std::vector<const void*> values(tracing.Messages().front().payload.size() / sizeof(void*));
+        memcpy(values.data(), tracing.Messages().front().payload.data(), values.size() * sizeof(void*));
+        return values;
+    };
+    tracing.ClearCaptured();
+    world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 1);
+    const auto context = world.machine.inspect().Find(world.driver->Handle())->contexts.front().bytes;
+    EXPECT_EQ(handles(), std::vector<const void*>{context.data()});
+    tracing.ClearCaptured();
+    host::FileId file = 0;
+    ASSERT_EQ(world.driver->Open(file).status, STATUS_SUCCESS);
+    const auto files = world.machine.inspect().Objects(host::framework::ObjectType::kFileObject);
+    EXPECT_EQ(handles(), (std::vector<const void*>{world.driver->Device(), files[0].handle}));
+    world.driver->Close(file);
+}
+
+// The world compares its values in event and message.
+TEST_P(Reporting, MissingItemIsReportedWithItsPlace)
+{
+    World world(GetParam());
+    Peer first(1);
+    Peer second(2);
+    ASSERT_EQ(world.Register(first), STATUS_SUCCESS);
+    ASSERT_EQ(world.Register(second), STATUS_SUCCESS);
+    world.Lose("WdfCollectionGetItem", "", 1);
+    EXPECT_EQ(world.Post(second, 1), STATUS_INVALID_DEVICE_REQUEST);
+    world.EndFaults();
+    EXPECT_EQ(world.TakeReports().front(), "5 _getClientContextByGUID: WdfCollectionGetItem, 1, <clients>, 2");
+}
+
 // A missing item is reported by event alone when only events are wanted.
 TEST_P(Reporting, EventsAndMessagesAreChosenApart)
 {
@@ -203,6 +278,22 @@ TEST_P(Reporting, EventsAndMessagesAreChosenApart)
     world.EndFaults();
     EXPECT_TRUE(EventIds(world).contains(5));
     EXPECT_TRUE(world.machine.tracing().Messages().empty());
+}
+
+TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
+{
+    World world(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kLegacy}, .records = false});
+    auto& tracing = world.machine.tracing();
+    const auto session = tracing.OpenMessageSession({kControl, 2, 3});
+    world.machine.faults().Add({.function = "WmiQueryTraceInformation", .detail = "level"});
+    tracing.ChangeMessageSession(session, {kControl, 5, 3});
+    LiveALittle(world);
+    std::set<unsigned> numbers;
+    for (const auto& message : tracing.Messages()) {
+        numbers.insert(message.number);
+    }
+    EXPECT_TRUE(numbers.contains(76)) << "the level from before: errors";
+    EXPECT_FALSE(numbers.contains(137));
 }
 
 TEST_P(Reporting, MissingVersionRoutineMeansTheOldRoute)

@@ -166,6 +166,22 @@ TEST_P(Interleavings, CommandsToEachOtherWhileARunDelivers)
     });
 }
 
+TEST_P(Interleavings, PostingWhileACommandLeavesTheStateAlone)
+{
+    Explore("post of a command's target", [](World& world, Explorer& explorer) {
+        Peer sender(1);
+        Peer target(2);
+        EXPECT_EQ(world.Register(sender), STATUS_SUCCESS);
+        EXPECT_EQ(world.Register(target.TakesCommands()), STATUS_SUCCESS);
+        EXPECT_EQ(world.Send(sender, target, 1), STATUS_SUCCESS);
+        RunAll(world, explorer,
+               {{"client", [&] { EXPECT_EQ(world.Post(target, 7), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
+        world.Deliver();
+        EXPECT_EQ(target.commands.size(), 1u);
+        EXPECT_EQ(world.Client(target)->currentState, 7u) << "the command's end takes the post back";
+    });
+}
+
 TEST_P(Interleavings, PostingWhileASubscriberLeavesAndARunDelivers)
 {
     Explore("post, leave and run", [](World& world, Explorer& explorer) {
@@ -222,6 +238,22 @@ TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
         world.Deliver();
         EXPECT_LE(g_added, 1u);
         EXPECT_EQ(g_removed, g_added) << "the crash-dump driver keeps what is gone, or loses what it never had";
+    });
+}
+
+TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
+{
+    Explore("client posts no state while it is announced", [](World& world, Explorer& explorer) {
+        WpcdClientRegistration registration{};
+        registration.ZepClientAdd = OnAdd;
+        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+        Peer peer(1);
+        EXPECT_EQ(world.Register(peer), STATUS_SUCCESS);
+        EXPECT_EQ(world.Post(peer, 0), STATUS_SUCCESS);
+        RunAll(world, explorer,
+               {{"client", [&] { EXPECT_EQ(world.Post(peer, 0), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
+        world.Deliver();
+        EXPECT_EQ(world.Client(peer)->wpcdRefreshPending, 1u) << "its first state would not be announced";
     });
 }
 
