@@ -7,7 +7,8 @@
 //     trace/events.cpp | if (handle != 0) { | true: a provider registers once a life
 //
 // file, the source line without its indentation, and which side of it (true, false, or code for a stretch that is never
-// entered) with the reason. Templates count as reached when one instance reaches the place. Ends with 1 when a place is
+// entered) with the reason. Where a line has several such places, "true#2" is the second from the left. One exception
+// excuses one place: of equal lines in a file each needs its own. Templates count as reached when one instance reaches the place. Ends with 1 when a place is
 // missed that is not listed, or listed that is not missed; with 2 when a file cannot be read.
 #include <nlohmann/json.hpp>
 
@@ -100,13 +101,13 @@ private:
 };
 
 // "file | line | side", with the reasons cut off.
-std::set<std::string> ReadExceptions(const std::string& name)
+std::multiset<std::string> ReadExceptions(const std::string& name)
 {
     std::ifstream stream(name);
     if (!stream) {
         throw std::runtime_error(name + ": cannot be read");
     }
-    std::set<std::string> exceptions;
+    std::multiset<std::string> exceptions;
     unsigned number = 0;
     for (std::string line; std::getline(stream, line);) {
         ++number;
@@ -123,17 +124,32 @@ std::set<std::string> ReadExceptions(const std::string& name)
     return exceptions;
 }
 
-int Report(const std::map<Place, std::uint64_t>& reached, std::set<std::string> exceptions, Sources sources)
+// "true", or "true#2" when the line has several places with such a side.
+std::string NumberedSide(const std::map<Place, std::uint64_t>& reached, const Place& wanted)
+{
+    unsigned number = 0;
+    unsigned places = 0;
+    for (const auto& [place, count] : reached) {  // in order of columns
+        if (place.file == wanted.file && place.line == wanted.line && place.side == wanted.side) {
+            ++places;
+            number = place == wanted ? places : number;
+        }
+    }
+    return places == 1 ? wanted.side : wanted.side + "#" + std::to_string(number);
+}
+
+int Report(const std::map<Place, std::uint64_t>& reached, std::multiset<std::string> exceptions, Sources sources)
 {
     std::map<std::string, Counts> code;
     std::map<std::string, Counts> sides;
-    std::set<std::string> missed;
+    std::vector<std::string> missed;
     for (const auto& [place, count] : reached) {
         Counts& counts = (place.side == "code" ? code : sides)[FolderOf(place.file)];
         ++counts.places;
         if (count == 0) {
             ++counts.missed;
-            missed.insert(place.file + " | " + sources.Line(place.file, place.line) + " | " + place.side);
+            missed.push_back(place.file + " | " + sources.Line(place.file, place.line) + " | " +
+                             NumberedSide(reached, place));
         }
     }
     for (const char* folder : kFolders) {
@@ -143,7 +159,9 @@ int Report(const std::map<Place, std::uint64_t>& reached, std::set<std::string> 
     }
     unsigned wrong = 0;
     for (const std::string& place : missed) {
-        if (exceptions.erase(place) == 0) {
+        if (const auto excused = exceptions.find(place); excused != exceptions.end()) {
+            exceptions.erase(excused);
+        } else {
             std::printf("  not reached: %s\n", place.c_str());
             ++wrong;
         }
