@@ -43,8 +43,9 @@ int main(int argumentCount, char** arguments)
     CLI::App app{"Lives random lives on the driver image and on a model of it, and compares."};
     app.add_option("--seed", budget.seed, "the row of lives (default: another each time)");
     CLI::Option* seconds =
-        app.add_option("--seconds", budget.seconds, "how long (default: 60)")->check(CLI::PositiveNumber);
-    app.add_option("--sequences", budget.lives, "how many lives at most")->check(CLI::PositiveNumber);
+        app.add_option("--seconds", budget.seconds, "how long (default: 60)")->check(CLI::Range(0.1, 1e7));
+    app.add_option("--sequences", budget.lives, "how many lives at most")
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000'000}));
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
     app.add_option("--scenario", scenarioFile, "where the life that went wrong is written (default: fuzz.json)")
         ->take_last();

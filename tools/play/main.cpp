@@ -98,6 +98,14 @@ int main(int argumentCount, char** arguments)
         if (samples) {
             return play::PlaySamples(ImagePath(image, root), timeline) ? 0 : kNotAsExpected;
         }
+        for (const std::string& written : {capture, diagramFile, perfettoFile}) {
+            for (const std::string& read : {scenarioFile, ImagePath(image, root).string()}) {
+                std::error_code missing;  // then it is another file
+                if (std::filesystem::equivalent(written, read, missing)) {
+                    throw std::runtime_error(written + ": is read, and would be overwritten");
+                }
+            }
+        }
         const play::Scenario scenario = play::ReadScenario(scenarioFile);
         play::PlayOptions options;
         options.image = ImagePath(image, root);
