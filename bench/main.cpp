@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -27,8 +28,20 @@ int main(int argc, char** argv)
     app.add_option("sections", names, "sections to run; all unless given");
     app.add_option("--json", jsonFile, "also writes all rows as JSON");
     app.add_flag("--quick", options.isQuick, "short times; the exact figures stay what they are");
-    CLI11_PARSE(app, argc, argv);
-
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    const auto cannotWrite = [&jsonFile] {
+        std::cerr << "zepn-bench: cannot write " << jsonFile << "\n";
+        return 2;
+    };
+    // Seen now, not after minutes of measuring.
+    if (!jsonFile.empty() && (std::filesystem::is_directory(jsonFile) ||
+                              !std::filesystem::is_directory(std::filesystem::absolute(jsonFile).parent_path()))) {
+        return cannotWrite();
+    }
     for (const std::string& name : names) {
         if (std::ranges::none_of(kSections, [&](const Section& section) { return name == section.name; })) {
             std::cerr << "zepn-bench: there is no section " << name << "\n";
@@ -47,9 +60,13 @@ int main(int argc, char** argv)
         std::cerr << "zepn-bench: " << error.what() << "\n";
         return 1;
     }
-    if (!jsonFile.empty() && !(std::ofstream(jsonFile) << table.Json().dump(1) << "\n")) {
-        std::cerr << "zepn-bench: cannot write " << jsonFile << "\n";
-        return 1;
+    if (!jsonFile.empty()) {
+        std::ofstream json(jsonFile);
+        json << table.Json().dump(1) << "\n";
+        json.close();
+        if (!json) {
+            return cannotWrite();
+        }
     }
     return 0;
 }

@@ -216,7 +216,10 @@ Machine::~Machine()
     framework_->StopWorkers();
     for (const auto& instance : framework_->instances) {
         if (instance->loaded) {
-            std::fprintf(stderr, "host: %s was still loaded at the machine's end\n", instance->service.c_str());
+            // Where a thread stands still a driver cannot be unloaded, and its end has been told.
+            if (!threads_->HasParked()) {
+                std::fprintf(stderr, "host: %s was still loaded at the machine's end\n", instance->service.c_str());
+            }
             framework::AbandonDriver(*framework_, *instance);
         }
     }

@@ -37,7 +37,7 @@ void EndImage(Framework& framework, tracing::Tracing& tracing, DriverInstance& i
     framework.ReportObjectsLeft(instance);
     framework.kernel.ReportLeaksOf(base, sizeBytes);
     tracing.ReportLeaksOf(base, sizeBytes);
-    if (schedule::Threads::ParkedCount() != 0) {
+    if (framework.threads.HasParked()) {
         instance.image->KeepMapped();
     }
     instance.image.reset();
@@ -100,7 +100,7 @@ void UnloadDriver(Framework& framework, tracing::Tracing& tracing, DriverInstanc
 
 void AbandonDriver(Framework& framework, DriverInstance& instance)
 {
-    if (instance.image != nullptr && schedule::Threads::ParkedCount() != 0) {
+    if (instance.image != nullptr && framework.threads.HasParked()) {
         instance.image->KeepMapped();
     }
     const std::lock_guard lock(framework.mutex);

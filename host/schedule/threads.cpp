@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <set>
 #include <thread>
@@ -116,11 +117,13 @@ bool Threads::IsParked(std::uint64_t threadId)
     return parked.ids.contains(threadId);
 }
 
-std::size_t Threads::ParkedCount()
+bool Threads::HasParked()
 {
-    Parked& parked = TheParked();
-    const std::lock_guard lock(parked.mutex);
-    return parked.ids.size();
+    const std::lock_guard lock(mutex_);
+    return std::any_of(workers_.begin(), workers_.end(), [](const auto& worker) {
+        const std::lock_guard workerLock(worker->mutex);
+        return worker->state == Worker::State::kParked;
+    });
 }
 
 // What Threads::Worker lets the free function below do.

@@ -31,8 +31,8 @@ public:
     // Whether a thread (ThreadState::id) was parked in this process.
     [[nodiscard]] static bool IsParked(std::uint64_t threadId);
 
-    // How many threads are parked.
-    [[nodiscard]] static std::size_t ParkedCount();
+    // Whether a thread of these is parked: what its stack leads into must stay.
+    [[nodiscard]] bool HasParked();
 
 private:
     struct Worker;

@@ -72,7 +72,7 @@ void CaptureWriter::Finish()
 std::vector<CapturedRecord> ReadCapture(const std::filesystem::path& file)
 {
     std::ifstream in(file, std::ios::binary);
-    if (!in) {
+    if (!in || std::filesystem::is_directory(file)) {
         throw std::runtime_error("cannot read " + file.string());
     }
     const std::string bytes{std::istreambuf_iterator<char>(in), {}};

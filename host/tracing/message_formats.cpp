@@ -2,6 +2,7 @@
 // how it reads.
 #include "host/tracing/decode.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -40,6 +41,9 @@ public:
     TmfReader(const std::filesystem::path& file, Formats& formats) : file_(file.string()), formats_(formats)
     {
         std::ifstream stream(file);
+        if (!stream) {
+            throw std::runtime_error(file_ + ": cannot be read");
+        }
         std::string line;
         while (std::getline(stream, line)) {
             ++line_;
@@ -115,9 +119,9 @@ private:
         if (comma == std::string::npos || dashes == std::string::npos || dashes < comma) {
             Fail("<expression>, <ItemType> -- <index>");
         }
-        const MessageFormats::Item item{.expression = line.substr(0, comma),
-                                        .type = line.substr(comma + 2, dashes - comma - 2),
-                                        .index = static_cast<unsigned>(std::stoul(line.substr(dashes + 4)))};
+        MessageFormats::Item item{
+            .expression = line.substr(0, comma), .type = line.substr(comma + 2, dashes - comma - 2), .index = 0};
+        std::istringstream(line.substr(dashes + 4)) >> item.index;
         if (item.index != kFirstArgument + current_->items.size()) {
             Fail("index " + std::to_string(kFirstArgument + current_->items.size()));
         }
@@ -217,9 +221,9 @@ std::string Fill(const std::string& format, const std::vector<Argument>& argumen
         }
         std::string form;
         if (index >= kFirstArgument && at < format.size() && format[at] == '!') {
-            const std::size_t end = format.find('!', at + 1);
+            const std::size_t end = std::min(format.find('!', at + 1), format.size());
             form = format.substr(at + 1, end - at - 1);
-            at = end + 1;
+            at = std::min(end + 1, format.size());
         }
         if (index >= kFirstArgument && index - kFirstArgument < arguments.size()) {
             texts[index - kFirstArgument] = Formatted(arguments[index - kFirstArgument], form);
@@ -235,12 +239,15 @@ MessageFormats::MessageFormats(const std::filesystem::path& fileOrFolder)
 {
     if (!std::filesystem::is_directory(fileOrFolder)) {
         const TmfReader reader(fileOrFolder, formats_);
-        return;
-    }
-    for (const auto& entry : std::filesystem::directory_iterator(fileOrFolder)) {
-        if (entry.path().extension() == ".tmf") {
-            const TmfReader reader(entry.path(), formats_);
+    } else {
+        for (const auto& entry : std::filesystem::directory_iterator(fileOrFolder)) {
+            if (entry.path().extension() == ".tmf") {
+                const TmfReader reader(entry.path(), formats_);
+            }
         }
+    }
+    if (formats_.empty()) {
+        throw std::runtime_error(fileOrFolder.string() + ": no message formats in it");
     }
 }
 

@@ -13,7 +13,7 @@ public:
     explicit Reader(const std::filesystem::path& file) : file_(file.string())
     {
         std::ifstream stream(file, std::ios::binary);
-        if (!stream) {
+        if (!stream || std::filesystem::is_directory(file)) {
             throw std::runtime_error(file_ + ": cannot be read");
         }
         text_.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());

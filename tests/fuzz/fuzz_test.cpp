@@ -5,9 +5,11 @@
 #include "tools/play/player.h"
 #include "tools/play/reading/scenario_reader.h"
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -24,12 +26,20 @@ constexpr std::uint64_t kLives =
     1000;
 #endif
 
+// Of this process's memory.
+std::ptrdiff_t Mappings()
+{
+    std::ifstream maps("/proc/self/maps");
+    return std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
+}
+
 class Lives : public OnContainer {};
 FOR_ALL_CONTAINERS(Lives);
 
 TEST_P(Lives, GoAsTheModelSays)
 {
     fuzz::Totals totals;
+    [[maybe_unused]] const std::ptrdiff_t mappings = Mappings();
     const auto begin = std::chrono::steady_clock::now();
     const auto finding = fuzz::Search({.seed = 2026, .lives = kLives}, GetParam().image, totals);
     const double spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
@@ -38,6 +48,11 @@ TEST_P(Lives, GoAsTheModelSays)
     }
     EXPECT_EQ(totals.lives, kLives);
     EXPECT_GT(totals.callbacks, 5 * kLives) << "little happens in these lives";
+#ifndef ZEPN_SANITIZED
+    // Only a driver that stands still stays; else a long search ends for lack of memory.
+    EXPECT_GT(totals.standstills, 0u);
+    EXPECT_LT(Mappings() - mappings, static_cast<std::ptrdiff_t>(kLives));
+#endif
 
     std::filesystem::create_directories(ZEPN_FIGURES);
     const std::filesystem::path file = std::string(ZEPN_FIGURES) + "/model-" + GetParam().name + ".txt";

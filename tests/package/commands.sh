@@ -8,6 +8,20 @@ trap 'rm -rf "$folder"' EXIT
 for name in arm64/zepn.sys x64/zepn.sys x64/zepn.pdb zepn.inf zepn.man README.md; do
     grep -q "/$name\$" "$folder/package" || { echo "the package lacks $name"; exit 1; }
 done
+# A pair of one's own; one that does not belong together is refused, and the package stays.
+for name in own other; do
+    openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=$name" -keyout "$folder/$name.key" \
+        -out "$folder/$name.pem" 2> /dev/null
+done
+./zepn package --sign "$folder/own.pem" "$folder/own.key" > /dev/null
+if ./zepn package --sign "$folder/own.pem" "$folder/other.key" 2> "$folder/error"; then
+    echo "signed with a key of another certificate"
+    exit 1
+fi
+grep -q 'does not belong' "$folder/error"
+for machine in arm64 x64; do
+    osslsigncode verify -CAfile "$folder/own.pem" -in "out/zepn-$(< VERSION)/$machine/zepn.sys" | grep '/CN=own' > /dev/null
+done
 ./zepn demo --capture "$folder/run" > "$folder/demo"
 ./zepn decode "$folder/run" > "$folder/reports"
 grep -q 'Notifier_HelperInit' "$folder/reports"

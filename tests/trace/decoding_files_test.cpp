@@ -75,9 +75,11 @@ TEST(MessageFormats, SayWhereAFileIsWrong)
     const auto file = std::filesystem::temp_directory_path() / "wrong.tmf";
     const std::string head = "4bef4337-d238-624d-32ce-8173a7a2272b zepn // SRC=x MJ= MN=\n";
     for (const auto& [text, words] : std::map<std::string, std::string>{
+             {"", "no message formats"},
              {"nonsense\n", ":1: expected a message GUID"},
              {head + "#typev a ten \"x\"\n", ":2: expected #typev"},
              {head + "#typev a 10 \"x\" //\n{\na, ItemLong -- 11\n}\n", ":4: expected index 10"},
+             {head + "#typev a 10 \"x\" //\n{\na, ItemLong -- b\n}\n", ":4: expected index 10"},
              {head + "#typev a 10 \"x\" //\n{\n}\n#typev b 10 \"x\" //\n{\n}\n", ":5: expected message 10 once"},
              {head + "#typev a 10 \"x\" //\n{\n", "expected '}'"}}) {
         std::ofstream(file) << text;

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -41,8 +42,10 @@ int main(int argumentCount, char** arguments)
 
     CLI::App app{"Lives random lives on the driver image and on a model of it, and compares."};
     app.add_option("--seed", budget.seed, "the row of lives (default: another each time)");
-    CLI::Option* seconds = app.add_option("--seconds", budget.seconds, "how long (default: 60)");
-    app.add_option("--sequences", budget.lives, "how many lives at most");
+    CLI::Option* seconds =
+        app.add_option("--seconds", budget.seconds, "how long (default: 60)")->check(CLI::Range(0.1, 1e7));
+    app.add_option("--sequences", budget.lives, "how many lives at most")
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000'000}));
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
     app.add_option("--scenario", scenarioFile, "where the life that went wrong is written (default: fuzz.json)")
         ->take_last();
@@ -56,6 +59,11 @@ int main(int argumentCount, char** arguments)
     }
 
     try {
+        // Now, and not when hours have led to something.
+        const std::filesystem::path folder = std::filesystem::absolute(scenarioFile).parent_path();
+        if (std::filesystem::is_directory(scenarioFile) || !std::filesystem::is_directory(folder)) {
+            throw std::runtime_error(scenarioFile + ": cannot be written");
+        }
         fuzz::Totals totals;
         const auto begin = std::chrono::steady_clock::now();
         const auto finding = fuzz::Search(budget, ImagePath(image), totals);

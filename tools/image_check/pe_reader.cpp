@@ -18,7 +18,7 @@ constexpr std::uint32_t kCodeViewSignature = 0x53445352;  // "RSDS"
 PeReader PeReader::FromFile(const std::filesystem::path& file)
 {
     std::ifstream stream(file, std::ios::binary);
-    if (!stream) {
+    if (!stream || std::filesystem::is_directory(file)) {
         throw FormatError("cannot be opened");
     }
     return PeReader({std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()});

@@ -66,19 +66,25 @@ int main(int argumentCount, char** arguments)
     std::string perfettoFile;
 
     CLI::App app{"Plays a scenario on the driver image and prints what happens."};
-    app.add_option("scenario", scenarioFile, "scenario file (default: scenarios/boot.json)");
+    CLI::Option* scenarioOption =
+        app.add_option("scenario", scenarioFile, "scenario file (default: scenarios/boot.json)");
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
-    app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
-    app.add_flag("--trace", traceMessages, "show trace messages");
-    app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario");
+    CLI::Option* etwOption =
+        app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
+    CLI::Option* traceOption = app.add_flag("--trace", traceMessages, "show trace messages");
     std::string capture;
-    app.add_option("--capture", capture, "write all reports, raw, to this file for zepn decode");
+    CLI::Option* captureOption =
+        app.add_option("--capture", capture, "write all reports, raw, to this file for zepn decode");
     app.add_flag("--json", json, "one JSON object a line");
     CLI::Option* diagramOption =
         app.add_option("--diagram", diagramFile, "write the run as a Mermaid sequence diagram");
     app.add_option("--diagram-part", diagramPart, "of it, only what stands below the notes with this text")
         ->needs(diagramOption);
-    app.add_option("--perfetto", perfettoFile, "write the run as trace events for Perfetto and Chrome's viewer");
+    CLI::Option* perfettoOption =
+        app.add_option("--perfetto", perfettoFile, "write the run as trace events for Perfetto and Chrome's viewer");
+    // It is told by the drivers' own prints.
+    app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario")
+        ->excludes(scenarioOption, etwOption, traceOption, captureOption, diagramOption, perfettoOption);
     app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
     try {
         app.parse(argumentCount, arguments);
@@ -91,6 +97,14 @@ int main(int argumentCount, char** arguments)
         play::Timeline timeline(std::cout, json ? play::Timeline::Form::kJson : play::Timeline::Form::kText, colored);
         if (samples) {
             return play::PlaySamples(ImagePath(image, root), timeline) ? 0 : kNotAsExpected;
+        }
+        for (const std::string& written : {capture, diagramFile, perfettoFile}) {
+            for (const std::string& read : {scenarioFile, ImagePath(image, root).string()}) {
+                std::error_code missing;  // then it is another file
+                if (std::filesystem::equivalent(written, read, missing)) {
+                    throw std::runtime_error(written + ": is read, and would be overwritten");
+                }
+            }
         }
         const play::Scenario scenario = play::ReadScenario(scenarioFile);
         play::PlayOptions options;
