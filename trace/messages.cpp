@@ -95,7 +95,8 @@ static ULONG WantedMessages(ULONG flags, UCHAR level)
     return entry | general;
 }
 
-// The logger is stored first and taken away last, so that a site that races sees a handle or finds itself unwanted.
+// The logger is stored first and taken away last. No barrier holds the processor to that: a site that races may send to
+// logger 0, which the runtime refuses, so the one record of that instant is lost.
 static void EnableMessages(ControlBlock& control, ULONG64 logger, UCHAR level, ULONG flags)
 {
     WriteULong64NoFence(&control.logger, logger);
