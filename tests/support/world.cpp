@@ -2,8 +2,8 @@
 
 #include "tests/support/world.h"
 
-#include "tests/support/lock_order.h"
 #include "tests/support/reports_seen.h"
+#include "tools/layout/lock_order.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -103,8 +103,7 @@ void World::Start()
     EXPECT_EQ(driver->QueryInterface(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, std::as_writable_bytes(std::span(&wpcd, 1)),
                                      ZEP_NOTIFIER_INTERFACE_VERSION),
               STATUS_SUCCESS);
-    const DriverContext context = Context();
-    DeclareLockOrder(machine, &context);
+    DeclareLockOrder(machine, *driver);
 }
 
 void World::TakeDown()

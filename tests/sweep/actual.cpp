@@ -2,6 +2,7 @@
 
 #include "tests/support/reports_seen.h"
 #include "tests/sweep/clients.h"
+#include "tools/layout/lock_order.h"
 
 #include <array>
 
@@ -183,6 +184,7 @@ std::optional<NTSTATUS> Actual::Act(const Op& op)
         EXPECT_EQ(driver_->QueryInterface(GUID_ZEP_NOTIFIER_WPCD_INTERFACE,
                                           std::as_writable_bytes(std::span(&wpcd_, 1)), ZEP_NOTIFIER_INTERFACE_VERSION),
                   STATUS_SUCCESS);
+        layout::DeclareLockOrder(machine_, *driver_);
         return status;
     }
     case Do::kSleep:

@@ -3,6 +3,7 @@
 #include "tools/fuzz/witness_peer.h"
 
 #include "host/schedule/parking.h"
+#include "tools/layout/lock_order.h"
 
 #include <span>
 
@@ -39,6 +40,7 @@ Witness::Witness(const Life& life, const std::filesystem::path& image) : life_(l
             throw host::HostError("the driver did not give out its interface");
         }
     };
+    layout::DeclareLockOrder(machine_, *driver_);
     query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper_);
     query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd_);
     if (!NT_SUCCESS(driver_->Open(file_).status)) {

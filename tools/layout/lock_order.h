@@ -1,0 +1,12 @@
+// The driver's own order of locks, read from the one table where it stands. Nothing else here looks into the driver.
+#pragma once
+
+#include "host/machine.h"
+
+namespace layout {
+
+// Tells the machine in which order a driver whose device has started may take its locks. Throws host::HostError when
+// the driver has no context.
+void DeclareLockOrder(host::Machine& machine, const host::Driver& driver);
+
+}  // namespace layout
