@@ -25,8 +25,7 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
         Explore(senderLeaves ? "sender leaves" : "target leaves", [&](World& world, Explorer& explorer) {
             Peer sender(1);
             Peer target(2);
-            EXPECT_EQ(world.Register(sender), STATUS_SUCCESS);
-            EXPECT_EQ(world.Register(target.TakesCommands()), STATUS_SUCCESS);
+            RegisterAll(world, {&sender, &target.TakesCommands()});
             EXPECT_EQ(world.Send(sender, target, 7), STATUS_SUCCESS);
             std::size_t parkedRuns = 0;
             RunAll(world, explorer,

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 
 namespace tests {
 
@@ -93,6 +94,13 @@ inline void RunAll(World& world, Explorer& explorer, const Threads& threads)
             ADD_FAILURE() << outcome.reason;
             world.Abandon();
         }
+    }
+}
+
+inline void RegisterAll(World& world, std::initializer_list<Peer*> peers)
+{
+    for (Peer* peer : peers) {
+        EXPECT_EQ(world.Register(*peer), STATUS_SUCCESS);
     }
 }
 

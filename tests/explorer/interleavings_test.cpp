@@ -14,9 +14,7 @@ TEST_P(Interleavings, PostsOfTwoClientsAndTheirDelivery)
         Peer one(1);
         Peer two(2);
         Peer subscriber(3);
-        for (Peer* peer : {&one, &two, &subscriber}) {
-            EXPECT_EQ(world.Register(*peer), STATUS_SUCCESS);
-        }
+        RegisterAll(world, {&one, &two, &subscriber});
         EXPECT_EQ(world.Subscribe(subscriber, one, ZEP_STATE_ANY), STATUS_SUCCESS);
         EXPECT_EQ(world.Subscribe(subscriber, two, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
@@ -35,8 +33,7 @@ TEST_P(Interleavings, APostersOrderIsKeptWhileARunDelivers)
     Explore("posts while a run delivers", [](World& world, Explorer& explorer) {
         Peer poster(1);
         Peer subscriber(2);
-        EXPECT_EQ(world.Register(poster), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+        RegisterAll(world, {&poster, &subscriber});
         EXPECT_EQ(world.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
@@ -57,8 +54,7 @@ TEST_P(Interleavings, SubscribingAndUnsubscribingWhileARunDelivers)
     Explore("subscribe while a run delivers", [](World& world, Explorer& explorer) {
         Peer poster(1);
         Peer subscriber(2);
-        EXPECT_EQ(world.Register(poster), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+        RegisterAll(world, {&poster, &subscriber});
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
         RunAll(world, explorer,
                {{"subscriber", [&] { EXPECT_EQ(world.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS); }},
@@ -71,8 +67,7 @@ TEST_P(Interleavings, SubscribingAndUnsubscribingWhileARunDelivers)
     Explore("unsubscribe while a run delivers", [](World& world, Explorer& explorer) {
         Peer poster(1);
         Peer subscriber(2);
-        EXPECT_EQ(world.Register(poster), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+        RegisterAll(world, {&poster, &subscriber});
         EXPECT_EQ(world.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
         RunAll(world, explorer,
@@ -91,8 +86,7 @@ TEST_P(Interleavings, LeavingWhileARunDelivers)
     Explore("subscriber leaves while a run delivers", [](World& world, Explorer& explorer) {
         Peer poster(1);
         Peer subscriber(2);
-        EXPECT_EQ(world.Register(poster), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+        RegisterAll(world, {&poster, &subscriber});
         EXPECT_EQ(world.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
         bool hasLeft = false;
@@ -112,8 +106,7 @@ TEST_P(Interleavings, LeavingWhileARunDelivers)
     Explore("poster leaves while its state is delivered", [](World& world, Explorer& explorer) {
         Peer poster(1);
         Peer subscriber(2);
-        EXPECT_EQ(world.Register(poster), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+        RegisterAll(world, {&poster, &subscriber});
         EXPECT_EQ(world.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS);
         RunAll(
@@ -151,8 +144,7 @@ TEST_P(Interleavings, CommandsToEachOtherWhileARunDelivers)
     Explore("commands to each other", [](World& world, Explorer& explorer) {
         Peer one(1);
         Peer two(2);
-        EXPECT_EQ(world.Register(one.TakesCommands()), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(two.TakesCommands()), STATUS_SUCCESS);
+        RegisterAll(world, {&one.TakesCommands(), &two.TakesCommands()});
         RunAll(world, explorer,
                {{"one", [&] { EXPECT_EQ(world.Send(one, two, 7), STATUS_SUCCESS); }},
                 {"two", [&] { EXPECT_EQ(world.Send(two, one, 8), STATUS_SUCCESS); }},
@@ -171,11 +163,11 @@ TEST_P(Interleavings, PostingWhileACommandLeavesTheStateAlone)
     Explore("post of a command's target", [](World& world, Explorer& explorer) {
         Peer sender(1);
         Peer target(2);
-        EXPECT_EQ(world.Register(sender), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(target.TakesCommands()), STATUS_SUCCESS);
+        RegisterAll(world, {&sender, &target.TakesCommands()});
         EXPECT_EQ(world.Send(sender, target, 1), STATUS_SUCCESS);
-        RunAll(world, explorer,
-               {{"client", [&] { EXPECT_EQ(world.Post(target, 7), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
+        RunAll(
+            world, explorer,
+            {{"client", [&] { EXPECT_EQ(world.Post(target, 7), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         EXPECT_EQ(target.commands.size(), 1u);
         EXPECT_EQ(world.Client(target)->currentState, 7u) << "the command's end takes the post back";
@@ -188,9 +180,7 @@ TEST_P(Interleavings, PostingWhileASubscriberLeavesAndARunDelivers)
         Peer poster(1);
         Peer leaving(2);
         Peer staying(3);
-        for (Peer* peer : {&poster, &leaving, &staying}) {
-            EXPECT_EQ(world.Register(*peer), STATUS_SUCCESS);
-        }
+        RegisterAll(world, {&poster, &leaving, &staying});
         EXPECT_EQ(world.Subscribe(leaving, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(world.Subscribe(staying, poster, 5), STATUS_SUCCESS);
         leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };  // wants to go on, perhaps too late
@@ -250,8 +240,9 @@ TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
         Peer peer(1);
         EXPECT_EQ(world.Register(peer), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(peer, 0), STATUS_SUCCESS);
-        RunAll(world, explorer,
-               {{"client", [&] { EXPECT_EQ(world.Post(peer, 0), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
+        RunAll(
+            world, explorer,
+            {{"client", [&] { EXPECT_EQ(world.Post(peer, 0), STATUS_SUCCESS); }}, {"run", [&] { world.Deliver(); }}});
         world.Deliver();
         EXPECT_EQ(world.Client(peer)->wpcdRefreshPending, 1u) << "its first state would not be announced";
     });
@@ -264,8 +255,7 @@ TEST_P(Interleavings, TheBroadcastAmongPostsAndRemovals)
         Peer answering(1);
         Peer subscriber(2);
         answering.HearsAppsState().onAppsState = [](ULONG& state) { state = 9; };
-        EXPECT_EQ(world.Register(answering), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+        RegisterAll(world, {&answering, &subscriber});
         EXPECT_EQ(world.Subscribe(subscriber, answering, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
         RunAll(world, explorer,
@@ -281,8 +271,7 @@ TEST_P(Interleavings, TheBroadcastAmongPostsAndRemovals)
         Peer answering(1);
         Peer leaving(2);
         answering.HearsAppsState().onAppsState = [](ULONG& state) { state = 9; };
-        EXPECT_EQ(world.Register(answering), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(leaving.HearsAppsState()), STATUS_SUCCESS);
+        RegisterAll(world, {&answering, &leaving.HearsAppsState()});
         RunAll(world, explorer,
                {{"power", [&] { world.machine.NotifyPowerState(kStateLock, 0); }},
                 {"client", [&] { EXPECT_EQ(world.Leave(leaving), STATUS_SUCCESS); }}});
@@ -292,7 +281,6 @@ TEST_P(Interleavings, TheBroadcastAmongPostsAndRemovals)
         EXPECT_EQ(world.Client(answering)->currentState, 9u);
     });
 }
-
 
 }  // namespace
 }  // namespace tests
