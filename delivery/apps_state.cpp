@@ -108,6 +108,7 @@ static NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& 
         ULONG wanted = ReadULongNoFence(&client->CurrentState);
         (void)client->ActionCallbackTable.AppsStateNotificationCallback(client->CallbackContext,
                                                                         ZEP_APPS_STATE_REASON_CHANGED, &wanted);
+        // On purpose: read anew. A post meanwhile makes an answer of the state before it.
         if (wanted != ReadULongNoFence(&client->CurrentState)) {
             status = CollectAnswer(answers, *client, wanted);
         }

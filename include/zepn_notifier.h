@@ -103,7 +103,8 @@ typedef struct _ZepState {
 // State:           the watched client and its state; valid during the call, read only.
 // ResponseState:   in/out. On a delivery it enters as 0; leave it, or set the subscriber's new state, which is queued
 //                  behind all others (0 cannot be answered). From inside the registration it enters as the subscriber's
-//                  current state; any other value left in it is posted.
+//                  current state; a value other than the subscriber's state at the return is posted, which takes a
+//                  post of the subscriber's own back that came meanwhile.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_STATE_NOTIFICATION_CALLBACK)(PVOID CallbackContext, const ZepState* State,
                                                         PULONG ResponseState);
@@ -150,8 +151,9 @@ typedef ZEP_COMMAND_CALLBACK* PZEP_COMMAND_CALLBACK;
 //
 // CallbackContext: the client's own.
 // Reason:          ZEP_APPS_STATE_REASON_CHANGED.
-// State:           in: the client's current state; out: its wanted state. A changed value is posted for the client
-//                  after all clients have been told.
+// State:           in: the client's current state; out: its wanted state. A value other than the client's state at the
+//                  return is posted for the client after all clients have been told. So a post of the client's own
+//                  that comes while its callback runs is taken back by a callback that leaves the value alone.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_APPS_STATE_CALLBACK)(PVOID CallbackContext, ULONG Reason, PULONG State);
 typedef ZEP_APPS_STATE_CALLBACK* PZEP_APPS_STATE_CALLBACK;

@@ -53,6 +53,7 @@ static bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber,
     };
     response = ReadULongNoFence(&subscriber.CurrentState);
     (void)callback(subscriber.CallbackContext, &current, &response);
+    // On purpose: read anew. A post meanwhile makes an answer of the state before it.
     return response != ReadULongNoFence(&subscriber.CurrentState);
 }
 

@@ -5,6 +5,7 @@
 #include "host/checks/crash.h"
 #include "tests/support/death.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace tests {
@@ -42,6 +43,56 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
         });
         EXPECT_GE(delivered, 1u);
         EXPECT_GE(stopped, 1u);
+    }
+}
+
+// The broadcast, and a subscription that is told a state at once, read the client's state before its callback and again
+// behind it. A post of the same client in between makes a callback that changed nothing look like one that chose the
+// state before, which is then posted: the newer state is lost.
+TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
+{
+    constexpr std::uintptr_t kStateLock = 3;
+    constexpr unsigned kIntoTheCallbackAndOut = 2;  // preemptions
+    for (const bool subscribes : {false, true}) {
+        unsigned takenBack = 0;
+        unsigned kept = 0;
+        const auto play = [&](World& world, Explorer& explorer) {
+            Peer poster(1);
+            Peer watcher(2);
+            // Stands for what a client's callback calls itself.
+            const auto call = [] {
+                host::schedule::YieldPoint(host::schedule::YieldKind::kPlatformCall, "WdfWaitLockAcquire");
+            };
+            poster.HearsAppsState().onAppsState = [&](ULONG&) { call(); };
+            poster.onState = [&](const ZepState&, ULONG&) { call(); };
+            RegisterAll(world, {&poster, &watcher});
+            EXPECT_EQ(world.Post(poster, 3), STATUS_SUCCESS);
+            EXPECT_EQ(world.Post(watcher, 4), STATUS_SUCCESS);
+            EXPECT_EQ(world.Subscribe(watcher, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
+            world.Deliver();
+            watcher.deliveries.clear();
+            const auto isCalled = [&] {
+                if (subscribes) {
+                    EXPECT_EQ(world.Subscribe(poster, watcher, 4), STATUS_SUCCESS);
+                } else {
+                    world.machine.NotifyPowerState(kStateLock, 0);
+                }
+            };
+            RunAll(world, explorer,
+                   {{"callback", isCalled}, {"client", [&] { EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS); }}});
+            world.Deliver();
+            // In either order: the post's own record may come behind the one that takes it back.
+            States states = StatesFrom(watcher, poster);
+            std::sort(states.begin(), states.end());
+            const bool isTakenBack = states == States{3, 5};
+            EXPECT_TRUE(isTakenBack || states == States{5});
+            EXPECT_EQ(world.Client(poster)->currentState, isTakenBack ? 3u : 5u);
+            EXPECT_EQ(world.AnswersKept(), isTakenBack && !subscribes ? 1u : 0u);
+            ++(isTakenBack ? takenBack : kept);
+        };
+        Explore(subscribes ? "post around a first state" : "post around a broadcast", play, kIntoTheCallbackAndOut);
+        EXPECT_GE(takenBack, 1u);
+        EXPECT_GE(kept, 1u);
     }
 }
 

@@ -29,14 +29,15 @@ inline constexpr unsigned kRandomSchedules = 60;
 class Explored : public OnContainer {
 protected:
     // Plays a scenario in every interleaving of so many preemptions, and in some of more by random priorities.
-    void Explore(const std::string& name, const std::function<void(World&, Explorer&)>& play)
+    void Explore(const std::string& name, const std::function<void(World&, Explorer&)>& play,
+                 unsigned preemptions = kPreemptions)
     {
         if (HasFailure()) {
             return;  // a scenario before this one failed: nothing here could be told apart from that
         }
         const std::string replay = Replay();
         std::vector<ExplorerOptions> plans = {
-            {.preemptions = kPreemptions},
+            {.preemptions = preemptions},
             {.preemptions = 5, .everyCall = true, .random = kRandomSchedules, .seed = 7},
         };
         if (!replay.empty()) {

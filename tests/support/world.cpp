@@ -221,6 +221,15 @@ std::size_t World::Alive(const char* contextName)
     return machine.inspect().WithContext(contextName).size();
 }
 
+std::size_t World::AnswersKept()
+{
+    const std::vector<host::framework::ObjectView> drivers =
+        machine.inspect().Objects(host::framework::ObjectType::kDriver);
+    return static_cast<std::size_t>(
+        std::ranges::count_if(machine.inspect().WithContext(kStateContextName),
+                              [&](const auto& state) { return state.parent == drivers.front().handle; }));
+}
+
 std::size_t World::Queued()
 {
     return machine.QueuedWorkItems();

@@ -109,6 +109,8 @@ public:
     [[nodiscard]] std::optional<ClientContext> Client(const Peer& peer);
     // Live objects that carry a context of this type.
     [[nodiscard]] std::size_t Alive(const char* contextName);
+    // Of the live objects with a state: those that broadcasts left for the driver's end, one for each answer.
+    [[nodiscard]] std::size_t AnswersKept();
     [[nodiscard]] std::size_t Queued();
 
     // ---- Faults ----
