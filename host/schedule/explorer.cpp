@@ -188,7 +188,7 @@ void Explorer::OnYield(YieldKind kind, const char* what)
         WakeBlocked();
     }
     released_[t_self] = MayRelease(what);
-    if (IsEveryCall(options_) || IsLockOrWorkItem(what)) {
+    if (kind == YieldKind::kClientCode || IsEveryCall(options_) || IsLockOrWorkItem(what)) {
         Switch(lock, t_self);
     }
 }

@@ -1,5 +1,6 @@
-// Decides which thread of driver code goes on, at every platform call where that may matter, and walks through the
-// interleavings of a few threads one after the other, so that a race is found and replayed instead of hoped for.
+// Decides which thread of driver code goes on, at every platform call where that may matter and in every callback of a
+// client, and walks through the interleavings of a few threads one after the other, so that a race is found and
+// replayed instead of hoped for.
 //
 //     Explorer explorer(machine options ...);
 //     while (explorer.Next()) {
@@ -27,7 +28,7 @@ namespace host::schedule {
 
 struct ExplorerOptions {
     unsigned preemptions = 2;           // in one schedule; with `random` the number of changes of priority
-    bool everyCall = false;             // choose at every platform call, not only at locks and work items
+    bool everyCall = false;             // choose at every platform call, not only at locks, work items and callbacks
     unsigned random = 0;                // this many schedules by random priorities instead of the walk
     std::uint64_t seed = 1;             // of those
     unsigned maximumSchedules = 20000;  // the walk stops here

@@ -11,6 +11,7 @@ namespace host::schedule {
 
 enum class YieldKind {
     kPlatformCall,  // a platform function was called and has not acted yet
+    kClientCode,    // a callback of another driver runs; told by who plays that driver
     kThreadBegins,  // a callback or client routine is about to run on a thread of its own
     kThreadEnds,    // it has returned
 };

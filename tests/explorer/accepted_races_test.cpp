@@ -59,13 +59,7 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
         const auto play = [&](World& world, Explorer& explorer) {
             Peer poster(1);
             Peer watcher(2);
-            // Stands for what a client's callback calls itself.
-            const auto call = [] {
-                host::schedule::YieldPoint(host::schedule::YieldKind::kPlatformCall, "WdfWaitLockAcquire");
-            };
-            poster.HearsAppsState().onAppsState = [&](ULONG&) { call(); };
-            poster.onState = [&](const ZepState&, ULONG&) { call(); };
-            RegisterAll(world, {&poster, &watcher});
+            RegisterAll(world, {&poster.HearsAppsState(), &watcher});
             EXPECT_EQ(world.Post(poster, 3), STATUS_SUCCESS);
             EXPECT_EQ(world.Post(watcher, 4), STATUS_SUCCESS);
             EXPECT_EQ(world.Subscribe(watcher, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
@@ -116,11 +110,13 @@ constexpr int kViolationExit = 5;
 
 NTSTATUS NTAPI OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR*)
 {
+    YieldPoint(YieldKind::kClientCode, "ZepClientAdd");
     return STATUS_SUCCESS;
 }
 
 NTSTATUS NTAPI OnDumpStart(PVOID, ULONGLONG, ULONGLONG)
 {
+    YieldPoint(YieldKind::kClientCode, "ZepDumpStart");
     return STATUS_SUCCESS;
 }
 

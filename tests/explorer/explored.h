@@ -14,6 +14,8 @@ namespace tests {
 
 using host::schedule::Explorer;
 using host::schedule::ExplorerOptions;
+using host::schedule::YieldKind;
+using host::schedule::YieldPoint;
 using Threads = std::vector<Explorer::Thread>;
 using States = std::vector<ULONG>;
 

@@ -201,12 +201,14 @@ unsigned g_removed;
 
 NTSTATUS NTAPI OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR*)
 {
+    YieldPoint(YieldKind::kClientCode, "ZepClientAdd");
     ++g_added;
     return STATUS_SUCCESS;
 }
 
 NTSTATUS NTAPI OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT*)
 {
+    YieldPoint(YieldKind::kClientCode, "ZepClientRemove");
     ++g_removed;
     return STATUS_SUCCESS;
 }

@@ -2,6 +2,7 @@
 
 #include "tests/support/world.h"
 
+#include "host/schedule/yield.h"
 #include "tests/support/reports_seen.h"
 #include "tools/layout/lock_order.h"
 
@@ -12,6 +13,9 @@
 namespace tests {
 namespace {
 
+using host::schedule::YieldKind;
+using host::schedule::YieldPoint;
+
 std::string OutFolder()
 {
     return std::string(ZEPN_ROOT) + "/out";
@@ -19,6 +23,7 @@ std::string OutFolder()
 
 NTSTATUS NTAPI OnCommandCallback(PVOID context, ULONG id, const ZepCommandInfo* info, PULONG state)
 {
+    YieldPoint(YieldKind::kClientCode, "CommandCallback");
     auto& peer = *static_cast<Peer*>(context);
     peer.commands.emplace_back(id, *info);
     if (peer.onCommand) {
@@ -29,6 +34,7 @@ NTSTATUS NTAPI OnCommandCallback(PVOID context, ULONG id, const ZepCommandInfo* 
 
 NTSTATUS NTAPI OnAppsStateCallback(PVOID context, ULONG reason, PULONG state)
 {
+    YieldPoint(YieldKind::kClientCode, "AppsStateNotificationCallback");
     auto& peer = *static_cast<Peer*>(context);
     EXPECT_EQ(reason, ZEP_APPS_STATE_REASON_CHANGED);
     ++peer.appsStateCalls;
@@ -181,6 +187,7 @@ void World::Deliver()
 
 NTSTATUS World::OnState(PVOID context, const ZepState* state, PULONG response)
 {
+    YieldPoint(YieldKind::kClientCode, "StateNotificationCallback");
     auto& peer = *static_cast<Peer*>(context);
     peer.deliveries.push_back(*state);
     peer.responsesAtEntry.push_back(*response);
