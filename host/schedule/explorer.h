@@ -92,7 +92,7 @@ private:
     std::string left_;  // where the threads did not do what the schedule says; empty: nowhere
     std::mt19937_64 random_;
     std::vector<unsigned> changes_;
-    unsigned longest_ = 1;
+    unsigned longest_ = 64;  // points of choice in a schedule: a guess until a longer one has run
     unsigned count_ = 0;
     bool isComplete_ = false;
 };
