@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Signs the package's images and verifies them: sign.sh PACKAGE_FOLDER WORK_FOLDER [CERTIFICATE KEY]
 #
-# Without a certificate (PEM) a test certificate is made in WORK_FOLDER, and used again the next time.
+# Without a certificate (PEM) a test certificate is made in WORK_FOLDER, and used again while it is valid.
 set -euo pipefail
 package=$1 work=$2 certificate=${3:-$2/test-certificate.pem} key=${4:-$2/test-certificate.key}
-if [ $# -eq 2 ] && [ ! -f "$certificate" ]; then
+if [ $# -eq 2 ] && ! openssl x509 -in "$certificate" -noout -checkend 86400 > /dev/null 2>&1; then
     mkdir -p "$work"
     (umask 077 && openssl req -x509 -newkey rsa:3072 -nodes -sha256 -days 730 -subj "/CN=Notifier test signing" \
         -addext extendedKeyUsage=codeSigning -addext keyUsage=digitalSignature -keyout "$key" -out "$certificate")

@@ -9,6 +9,13 @@ using checks::Rule;
 
 namespace {
 
+// Under the lock: a client that opens the device on another thread looks at it.
+void SetStage(Framework& framework, DeviceObject& device, DeviceStage stage)
+{
+    const std::lock_guard lock(framework.mutex);
+    device.stage = stage;
+}
+
 WDFDEVICE HandleOf(const DeviceObject& device)
 {
     return static_cast<WDFDEVICE>(device.handle);
@@ -31,7 +38,10 @@ NTSTATUS CallD0Entry(Framework& framework, DeviceObject& device, WDF_POWER_DEVIC
 
 NTSTATUS CallD0Exit(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE_STATE target)
 {
-    device.inD0 = false;
+    {
+        const std::lock_guard lock(framework.mutex);
+        device.inD0 = false;
+    }
     if (const auto routine = device.power.EvtDeviceD0Exit) {
         return framework.Guarded("EvtDeviceD0Exit", reinterpret_cast<const void*>(routine),
                                  [&] { return routine(HandleOf(device), target); });
@@ -121,7 +131,7 @@ NTSTATUS StartDevice(Framework& framework, DeviceObject& device)
         return status;
     }
     SetAllInterfaces(framework, device, true);
-    device.stage = DeviceStage::kStarted;
+    SetStage(framework, device, DeviceStage::kStarted);
     return STATUS_SUCCESS;
 }
 
@@ -148,7 +158,7 @@ void SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
     SetAllInterfaces(framework, device, false);
     DropSymbolicLink(framework, device);
     Purge(framework, device, true);
-    device.stage = DeviceStage::kSurpriseRemoved;
+    SetStage(framework, device, DeviceStage::kSurpriseRemoved);
     TellRemoveComplete(framework, device);
 }
 

@@ -10,7 +10,8 @@
 //     }
 //
 // Only one of the threads runs at a time. A thread goes on until it ends, waits, or is preempted; the walk takes every
-// choice at every point, as long as no more than the allowed number of them preempts a thread that could go on.
+// choice at every point, as long as no more than the allowed number of them preempts a thread that could go on. Waits
+// with a time-out cannot be explored: in a schedule no time passes.
 #pragma once
 
 #include "host/machine.h"

@@ -46,7 +46,8 @@ public:
 
     void Run(const std::string& command) const
     {
-        const std::string line = "cd " + path_.string() + " && " + ZEPN_PLAY + command.substr(command.find("demo") + 4);
+        const std::string line =
+            "cd '" + path_.string() + "' && '" + ZEPN_PLAY + "'" + command.substr(command.find("demo") + 4);
         EXPECT_EQ(std::system((line + " > log 2>&1").c_str()), 0) << command << "\n" << TextOf(path_ / "log");
     }
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }

@@ -12,7 +12,7 @@ for file in "$2"/*; do
         counted=$((counted + 1))
     fi
 done
-missing=$(comm -23 <(LC_ALL=C sort -u "$1") <(LC_ALL=C sort -u "$seen"))
+missing=$(LC_ALL=C comm -23 <(LC_ALL=C sort -u "$1") <(LC_ALL=C sort -u "$seen"))
 echo "$counted tests have left what they saw; the catalogue holds $(wc -l < "$1") reports"
 if [ -n "$missing" ]; then
     printf 'seen by none of them (run all tests first):\n%s\n' "$missing"

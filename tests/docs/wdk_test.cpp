@@ -25,7 +25,7 @@ std::set<std::string> Matches(const std::string& text, const std::string& expres
 TEST(WdkProject, CompilesTheSourcesOfTheImageInTheirLanguageForTheirFramework)
 {
     const std::string project = TextOf(kRoot / "wdk/zepn.vcxproj");
-    EXPECT_EQ(std::system(("xmllint --noout " + (kRoot / "wdk/zepn.vcxproj").string()).c_str()), 0);
+    EXPECT_EQ(std::system(("xmllint --noout '" + (kRoot / "wdk/zepn.vcxproj").string() + "'").c_str()), 0);
     std::set<std::string> sources;
     for (std::string source : Matches(project, R"(<ClCompile Include="\.\.\\([^"]+)\")")) {
         std::replace(source.begin(), source.end(), '\\', '/');
@@ -37,7 +37,8 @@ TEST(WdkProject, CompilesTheSourcesOfTheImageInTheirLanguageForTheirFramework)
     const auto commands = nlohmann::json::parse(TextOf(kRoot / "build/windows-arm64/compile_commands.json"));
     for (const auto& command : commands) {
         const std::string file = std::filesystem::relative(command["file"].get<std::string>(), kRoot).string();
-        const bool isOfTheDriver = command["command"].get<std::string>().find("/zepn_objects.dir/") != std::string::npos;
+        const bool isOfTheDriver =
+            command["command"].get<std::string>().find("/zepn_objects.dir/") != std::string::npos;
         if (isOfTheDriver && !file.starts_with("platform/")) {
             expected.insert(file);
             defines.merge(Matches(command["command"], R"( -D(\S+))"));

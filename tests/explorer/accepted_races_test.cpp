@@ -41,8 +41,7 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
                 world.Abandon();
             }
         });
-        EXPECT_GE(delivered, 1u);
-        EXPECT_GE(stopped, 1u);
+        EXPECT_TRUE(IsReplay() || (delivered >= 1 && stopped >= 1)) << delivered << " and " << stopped;
     }
 }
 
@@ -85,8 +84,7 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
             ++(isTakenBack ? takenBack : kept);
         };
         Explore(subscribes ? "post around a first state" : "post around a broadcast", play, kIntoTheCallbackAndOut);
-        EXPECT_GE(takenBack, 1u);
-        EXPECT_GE(kept, 1u);
+        EXPECT_TRUE(IsReplay() || (takenBack >= 1 && kept >= 1)) << takenBack << " and " << kept;
     }
 }
 

@@ -1,6 +1,7 @@
 // What explored scenarios share: each is played anew in a world of its own for every schedule.
 //
 // A failure names its schedule; ZEPN_SCHEDULE="two clients post, one run: locks 12>1" plays that one alone.
+// ZEPN_SCHEDULES=1000 plays so many random ones of each scenario.
 #pragma once
 
 #include "host/schedule/explorer.h"
@@ -37,10 +38,12 @@ protected:
         if (HasFailure()) {
             return;  // a scenario before this one failed: nothing here could be told apart from that
         }
-        const std::string replay = Replay();
+        const std::string replay = Setting("ZEPN_SCHEDULE");
+        const std::string more = Setting("ZEPN_SCHEDULES");
+        const unsigned random = more.empty() ? kRandomSchedules : static_cast<unsigned>(std::stoul(more));
         std::vector<ExplorerOptions> plans = {
             {.preemptions = preemptions},
-            {.preemptions = 5, .everyCall = true, .random = kRandomSchedules, .seed = 7},
+            {.preemptions = 5, .everyCall = true, .random = random, .seed = 7},
         };
         if (!replay.empty()) {
             if (!replay.starts_with(name + ": ")) {
@@ -49,7 +52,7 @@ protected:
             hasReplayed_ = true;
             plans = {{.replay = replay.substr(name.size() + 2)}};
         }
-        std::string figures;
+        std::vector<unsigned> counts;
         for (const ExplorerOptions& plan : plans) {
             Explorer explorer(plan);
             while (explorer.Next()) {
@@ -65,25 +68,31 @@ protected:
             }
             EXPECT_TRUE(plan.random != 0 || !replay.empty() || explorer.IsComplete())
                 << name << ": not walked to its end";
-            figures += (figures.empty() ? "" : " + ") + std::to_string(explorer.Count());
+            counts.push_back(explorer.Count());
+        }
+        if (!replay.empty()) {
+            return;
         }
         std::filesystem::create_directories(ZEPN_FIGURES);
         std::ofstream(std::string(ZEPN_FIGURES) + "/explorer.txt", std::ios::app)
-            << "interleavings, " << GetParam().name << ", " << name << ": " << figures << "\n";
+            << "interleavings, " << GetParam().name << ", " << name << ": " << counts[0] << " to " << preemptions
+            << " preemptions, " << counts[1] << " random\n";
     }
+
+    [[nodiscard]] static bool IsReplay() { return !Setting("ZEPN_SCHEDULE").empty(); }
 
     void TearDown() override
     {
-        if (!Replay().empty() && !hasReplayed_) {
+        if (IsReplay() && !hasReplayed_) {
             GTEST_SKIP() << "no scenario here bears the name that ZEPN_SCHEDULE begins with";
         }
     }
 
 private:
-    static std::string Replay()
+    static std::string Setting(const char* name)
     {
-        const char* replay = std::getenv("ZEPN_SCHEDULE");
-        return replay == nullptr ? "" : replay;
+        const char* value = std::getenv(name);
+        return value == nullptr ? "" : value;
     }
 
     bool hasReplayed_ = false;

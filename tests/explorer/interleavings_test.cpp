@@ -233,6 +233,39 @@ TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
     });
 }
 
+TEST_P(Interleavings, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves)
+{
+    Explore("detach, leave and announcement", [](World& world, Explorer& explorer) {
+        g_added = 0;
+        g_removed = 0;
+        WpcdClientRegistration registration{};
+        registration.ZepClientAdd = OnAdd;
+        registration.ZepClientRemove = OnRemove;
+        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+        Peer peer(1);
+        RegisterAll(world, {&peer});
+        EXPECT_EQ(world.Post(peer, 5), STATUS_SUCCESS);
+        unsigned addedAtDetach = 0;
+        unsigned removedAtDetach = 0;
+        RunAll(world, explorer,
+               {{"crash dump",
+                 [&] {
+                     EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
+                     addedAtDetach = g_added;
+                     removedAtDetach = g_removed;
+                 }},
+                {"client", [&] { EXPECT_EQ(world.Leave(peer), STATUS_SUCCESS); }},
+                {"run", [&] { world.Deliver(); }}});
+        world.Deliver();
+        EXPECT_EQ(g_added, addedAtDetach) << "called when it had detached";
+        EXPECT_EQ(g_removed, removedAtDetach) << "called when it had detached";
+        EXPECT_LE(g_removed, g_added);
+        EXPECT_EQ(world.Context().wpcdClient, nullptr);
+        EXPECT_EQ(world.Count(world.Context().clients), 0u);
+        EXPECT_EQ(world.Alive(kClientContextName), 0u);
+    });
+}
+
 TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
 {
     Explore("client posts no state while it is announced", [](World& world, Explorer& explorer) {

@@ -4,8 +4,12 @@ set -euo pipefail
 source=$1
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
-git -c safe.directory='*' -C "$source" ls-files -z --cached --others --exclude-standard |
-    (cd "$source" && tar c --null -T - .git) | tar x -C "$folder"
+git=(git -c safe.directory='*' -C "$source")
+"${git[@]}" ls-files -z --cached --others --exclude-standard | while IFS= read -r -d '' file; do
+    [ ! -e "$source/$file" ] || printf '%s\0' "$file"  # deleted, but not committed yet
+done | (cd "$source" && tar c --null -T -) | tar x -C "$folder"
+# The commit's time is in the images: a commit made since they were built makes them differ.
+printf 'gitdir: %s\n' "$("${git[@]}" rev-parse --absolute-git-dir)" > "$folder/.git"
 cd "$folder"
 for machine in arm64 x64; do
     cmake --preset "windows-$machine" > log 2>&1 && cmake --build --preset "windows-$machine" >> log 2>&1 ||

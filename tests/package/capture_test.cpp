@@ -24,8 +24,7 @@ std::string ReadAll(const fs::path& file)
 int Decode(const fs::path& file, std::string& text)
 {
     const fs::path out = file.string() + ".txt";
-    const int result =
-        std::system((std::string(ZEPN_DECODE) + " " + file.string() + " > " + out.string() + " 2>&1").c_str());
+    const int result = std::system(("'" ZEPN_DECODE "' '" + file.string() + "' > '" + out.string() + "' 2>&1").c_str());
     text = ReadAll(out);
     fs::remove(out);
     return WEXITSTATUS(result);
@@ -34,9 +33,7 @@ int Decode(const fs::path& file, std::string& text)
 TEST(Capture, IsDecodedByTheFilesAloneAndDamageIsNamed)
 {
     const fs::path file = fs::temp_directory_path() / ("zepn-capture-" + std::to_string(getpid()));
-    ASSERT_EQ(
-        std::system((std::string(ZEPN_PLAY) + " --image native --capture " + file.string() + " > /dev/null").c_str()),
-        0);
+    ASSERT_EQ(std::system(("'" ZEPN_PLAY "' --image native --capture '" + file.string() + "' > /dev/null").c_str()), 0);
     std::string text;
     EXPECT_EQ(Decode(file, text), 0) << text;
     EXPECT_NE(text.find("event 44 level 4: DriverEntry: built "), std::string::npos);

@@ -74,7 +74,8 @@ protected:
     void SetUp() override
     {
         fs::remove_all(folder_);
-        ASSERT_EQ(std::system((root_ + "/package/assemble.sh " + root_ + " " + folder_.string()).c_str()), 0);
+        ASSERT_EQ(
+            std::system(("'" + root_ + "/package/assemble.sh' '" + root_ + "' '" + folder_.string() + "'").c_str()), 0);
         version_ = Trimmed(ReadAll(root_ + "/VERSION"));
         version_ = version_.substr(0, version_.find('\n'));
     }
@@ -154,11 +155,12 @@ TEST_F(Package, InfAgreesWithTheDriver)
 
 TEST_F(Package, SignedImagesVerifyAndDamageIsSeen)
 {
-    const std::string call = root_ + "/package/sign.sh " + folder_.string() + " " + (folder_ / "work").string();
+    const std::string call =
+        "'" + root_ + "/package/sign.sh' '" + folder_.string() + "' '" + (folder_ / "work").string() + "'";
     ASSERT_EQ(std::system((call + " > /dev/null 2>&1").c_str()), 0);
     const fs::path image = folder_ / "arm64" / "zepn.sys";
-    const std::string verify = "osslsigncode verify -CAfile " + (folder_ / "work/test-certificate.pem").string() +
-                               " -in " + image.string() + " > /dev/null 2>&1";
+    const std::string verify = "osslsigncode verify -CAfile '" + (folder_ / "work/test-certificate.pem").string() +
+                               "' -in '" + image.string() + "' > /dev/null 2>&1";
     EXPECT_EQ(std::system(verify.c_str()), 0);
     std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(0x1000);

@@ -42,7 +42,7 @@ TEST(EventTemplate, EqualsTheCompilersForAKnownProvider)
 Bytes Extract(const std::string& machine, const std::string& type)
 {
     const std::string image = std::string(ZEPN_ROOT) + "/out/" + machine + "/zepn.sys";
-    FILE* pipe = popen(("wrestool --raw -x --type=" + type + " " + image).c_str(), "r");
+    FILE* pipe = popen(("wrestool --raw -x --type=" + type + " '" + image + "'").c_str(), "r");
     Bytes bytes;
     for (int byte = std::fgetc(pipe); byte != EOF; byte = std::fgetc(pipe)) {
         bytes.push_back(static_cast<std::uint8_t>(byte));

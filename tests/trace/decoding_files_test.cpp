@@ -9,6 +9,8 @@
 #include <fstream>
 #include <set>
 
+#include <unistd.h>
+
 namespace tests {
 namespace {
 
@@ -16,7 +18,7 @@ const std::filesystem::path kFolder = std::filesystem::path(ZEPN_ROOT) / "out" /
 
 TEST(Manifest, IsWellFormedXmlForAnIndependentParser)
 {
-    EXPECT_EQ(std::system(("xmllint --noout " + (kFolder / "zepn.man").string()).c_str()), 0);
+    EXPECT_EQ(std::system(("xmllint --noout '" + (kFolder / "zepn.man").string() + "'").c_str()), 0);
 }
 
 TEST(Manifest, HoldsExactlyTheEventsWithTheirPayloads)
@@ -72,7 +74,7 @@ TEST(MessageFormats, NumberMessagesFromTenInTwoSetsAndReferToTheirItems)
 
 TEST(MessageFormats, SayWhereAFileIsWrong)
 {
-    const auto file = std::filesystem::temp_directory_path() / "wrong.tmf";
+    const auto file = std::filesystem::temp_directory_path() / ("zepn-wrong-" + std::to_string(getpid()) + ".tmf");
     const std::string head = "4bef4337-d238-624d-32ce-8173a7a2272b zepn // SRC=x MJ= MN=\n";
     for (const auto& [text, words] : std::map<std::string, std::string>{
              {"", "no message formats"},
