@@ -22,8 +22,12 @@ enum class Scenario : ULONG {
     kCollectionIndex,
     kCollectionStranger,
     kLockNotOwned,
+    kStrangersRelease,
+    kOrderInversion,
     kAboveItsLevel,
     kSelfWait,
+    kDeadlock,
+    kWorkItemGone,
     kPoolWrongTag,
     kPoolDoubleFree,
     kPoolOverrun,
@@ -32,6 +36,7 @@ enum class Scenario : ULONG {
     kNotProvided,
     kBugCheck,
     kKernelReference,
+    kLockKept,  // by a work item's run, which is queued
     // What these leave behind shows at unload.
     kLeavesPool,
     kLeavesRegistration,

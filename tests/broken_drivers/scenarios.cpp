@@ -24,6 +24,21 @@ WDFWAITLOCK NewLock()
     return lock;
 }
 
+WDFWAITLOCK g_lock;  // what callbacks take and release
+
+WDFWORKITEM EnqueueNew(PFN_WDF_WORKITEM callback)
+{
+    WDF_WORKITEM_CONFIG config;
+    WDF_WORKITEM_CONFIG_INIT(&config, callback);
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = TheDevice();
+    WDFWORKITEM item = nullptr;
+    (void)WdfWorkItemCreate(&config, &attributes, &item);
+    WdfWorkItemEnqueue(item);
+    return item;
+}
+
 WDFCOLLECTION NewCollection()
 {
     WDFCOLLECTION collection = nullptr;
@@ -125,6 +140,46 @@ void LockNotOwned()
     WdfWaitLockRelease(NewLock());
 }
 
+// Anybody may have the lock then.
+void NTAPI ReleasesForAnother(WDFWORKITEM)
+{
+    WdfWaitLockRelease(g_lock);
+    (void)WdfWaitLockAcquire(g_lock, nullptr);
+    WdfWaitLockRelease(g_lock);
+}
+
+void StrangersRelease()
+{
+    g_lock = NewLock();
+    (void)WdfWaitLockAcquire(g_lock, nullptr);
+    WdfWorkItemFlush(EnqueueNew(ReleasesForAnother));
+    WdfWaitLockRelease(g_lock);
+}
+
+// No lock is ever taken straight against an earlier order: the last pair closes a circle of three.
+void OrderInversion()
+{
+    const WDFWAITLOCK locks[3] = {NewLock(), NewLock(), NewLock()};
+    for (unsigned outer = 0; outer < 3; ++outer) {
+        const unsigned inner = (outer + 1) % 3;
+        (void)WdfWaitLockAcquire(locks[outer], nullptr);
+        (void)WdfWaitLockAcquire(locks[inner], nullptr);
+        WdfWaitLockRelease(locks[inner]);
+        WdfWaitLockRelease(locks[outer]);
+    }
+}
+
+void NTAPI KeepsLock(WDFWORKITEM)
+{
+    (void)WdfWaitLockAcquire(g_lock, nullptr);
+}
+
+void LockKept()
+{
+    g_lock = NewLock();
+    (void)EnqueueNew(KeepsLock);
+}
+
 // Run at DISPATCH_LEVEL.
 void AboveItsLevel()
 {
@@ -137,6 +192,30 @@ void SelfWait()
     (void)WdfWaitLockAcquire(lock, nullptr);
     (void)WdfWaitLockAcquire(lock, nullptr);
     WdfWaitLockRelease(lock);
+}
+
+void NTAPI WaitsForItsDeleter(WDFWORKITEM)
+{
+    (void)WdfWaitLockAcquire(g_lock, nullptr);
+    WdfWaitLockRelease(g_lock);
+}
+
+void Deadlock()
+{
+    g_lock = NewLock();
+    (void)WdfWaitLockAcquire(g_lock, nullptr);
+    WdfObjectDelete(EnqueueNew(WaitsForItsDeleter));
+    WdfWaitLockRelease(g_lock);
+}
+
+void NTAPI EnqueuesItself(WDFWORKITEM item)
+{
+    WdfWorkItemEnqueue(item);
+}
+
+void WorkItemGone()
+{
+    WdfObjectDelete(EnqueueNew(EnqueuesItself));
 }
 
 void PoolWrongTag()
@@ -278,9 +357,10 @@ void NTAPI RunScenario(Scenario scenario)
     static void (*const kScenarios[])() = {
         NullHandle,         WrongType,        DeadHandle,          ForeignHandle,      RequiredParameter,
         BadParameter,       DeleteNotAllowed, ReferenceUnderflow,  StolenReference,    CollectionIndex,
-        CollectionStranger, LockNotOwned,     AboveItsLevel,       SelfWait,           PoolWrongTag,
-        PoolDoubleFree,     PoolOverrun,      TraceHandle,         TraceHandleTwice,   NotProvided,
-        BugCheck,           KernelReference,  LeavesPool,          LeavesRegistration, LeavesReference,
+        CollectionStranger, LockNotOwned,     StrangersRelease,    OrderInversion,     AboveItsLevel,
+        SelfWait,           Deadlock,         WorkItemGone,        PoolWrongTag,       PoolDoubleFree,
+        PoolOverrun,        TraceHandle,      TraceHandleTwice,    NotProvided,        BugCheck,
+        KernelReference,    LockKept,         LeavesPool,          LeavesRegistration, LeavesReference,
         LeavesTracing,      TouchesHandle,    TouchesFreedContext, TouchesBehindPool,  Trap,
         TraceNull,          CallbackStranger, RacyPrepare,         RacyDelete,
     };

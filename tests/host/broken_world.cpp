@@ -61,10 +61,23 @@ std::vector<Rule> BrokenWorld::TakeRules()
     std::vector<Rule> rules;
     for (const Violation& violation : machine.violations().Take()) {
         rules.push_back(violation.rule);
-        NoteBroken(violation.rule);
         text_ += violation.Text() + "\n";
     }
     return rules;
+}
+
+Violation BrokenWorld::TakeBroken(Rule rule, const std::string& place, std::size_t count)
+{
+    const std::vector<Violation> all = machine.violations().All();
+    EXPECT_EQ(TakeRules(), std::vector(count, rule)) << Text();
+    if (all.empty()) {
+        return {};
+    }
+    EXPECT_EQ(all[0].caller.find(place.empty() ? "host" : "broken.so!" + place + "+0x"), 0u) << all[0].caller;
+    if (!testing::Test::HasFailure()) {
+        NoteBroken(rule);
+    }
+    return all[0];
 }
 
 void BrokenWorld::OnThread(const std::string& name, const std::function<void()>& work)

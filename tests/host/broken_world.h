@@ -26,7 +26,7 @@ inline constexpr bool kSanitized = false;
 inline constexpr bool kSanitized = false;
 #endif
 
-// Leaves word that a driver broke this rule and was caught, for the test every_rule_has_a_broken_driver.
+// Leaves word that a driver broke this rule in its own code and was caught, for the test every_rule_has_a_broken_driver.
 void NoteBroken(Rule rule);
 
 class BrokenWorld {
@@ -47,6 +47,10 @@ public:
     // The rules of all violations so far, oldest first, which are taken; Text shows them.
     std::vector<Rule> TakeRules();
     [[nodiscard]] const std::string& Text() const { return text_; }
+
+    // Takes all violations, the one of this rule that the driver itself has broken, and returns the first. Place is the
+    // driver's function that it must name; empty: none, for what the driver has not done.
+    Violation TakeBroken(Rule rule, const std::string& place, std::size_t count = 1);
 
     // Runs driver code on a thread of its own and expects that it comes back.
     void OnThread(const std::string& name, const std::function<void()>& work);

@@ -10,7 +10,6 @@ namespace {
 
 constexpr LONGLONG kOneMillisecond = -10000;
 
-WDFWAITLOCK g_lock;
 std::atomic<int> g_runs;
 std::atomic<int> g_inside;
 std::atomic<bool> g_overlapped;
@@ -45,29 +44,16 @@ TEST(WaitLocks, AcquireAboveItsLevelFailsUnlessItOnlyTries)
     EXPECT_EQ(world.TakeRules(), std::vector{Rule::kIrql});
 }
 
-TEST(WaitLocks, AStrangersReleaseFreesTheLockAndIsReportedOnce)
+TEST(WaitLocks, ALockThatACallbackKeptParksItsNextTaker)
 {
     BrokenWorld world;
-    const WDFWAITLOCK lock = NewLock();
-    ASSERT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
-    world.OnThread("stranger", [&] { WdfWaitLockRelease(lock); });
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kLockNotOwned});
-    EXPECT_NE(world.Text().find("is held by main and released by stranger"), std::string::npos) << world.Text();
-    EXPECT_FALSE(world.machine.inspect().Find(lock)->held);
-    WdfWaitLockRelease(lock);
-}
-
-TEST(WaitLocks, ALockThatACallbackKeepsIsReportedAndItsNextTakerParks)
-{
-    BrokenWorld world;
-    g_lock = NewLock();
-    world.table.Hooks->Work = [](WDFWORKITEM) NTAPI { (void)WdfWaitLockAcquire(g_lock, nullptr); };
-    WdfWorkItemEnqueue(world.table.WorkItem);
+    world.table.Run(Scenario::kLockKept);
     EXPECT_TRUE(world.machine.RunWorkItems().parked.empty());
     EXPECT_EQ(world.TakeRules(), std::vector{Rule::kLockKept});
-    EXPECT_NE(world.Text().find("EvtWorkItem called from broken.so!EvtWork"), std::string::npos) << world.Text();
-
-    const host::Outcome outcome = world.machine.OnThread("next", [] { (void)WdfWaitLockAcquire(g_lock, nullptr); });
+    const auto locks = world.machine.inspect().Objects(host::framework::ObjectType::kWaitLock);
+    ASSERT_EQ(locks.size(), 1u);
+    const host::Outcome outcome = world.machine.OnThread(
+        "next", [&] { (void)WdfWaitLockAcquire(static_cast<WDFWAITLOCK>(locks[0].handle), nullptr); });
     EXPECT_TRUE(outcome.parked);
     EXPECT_NE(outcome.reason.find("kept when its callback returned"), std::string::npos) << outcome.reason;
     EXPECT_EQ(world.TakeRules(), std::vector{Rule::kDeadlock});
@@ -94,24 +80,6 @@ TEST(WaitLocks, ACircleOfTwoParksBothAndItsOrderIsReported)
     EXPECT_TRUE(outcomes[0].parked && outcomes[1].parked);
     EXPECT_EQ(world.machine.violations().Take(Rule::kDeadlock).size(), 2u);
     EXPECT_EQ(world.machine.violations().Take(Rule::kLockOrder).size(), 1u);
-}
-
-TEST(WaitLocks, AWrongOrderShowsWithoutAnyMeeting)
-{
-    BrokenWorld world;
-    WDFWAITLOCK locks[3] = {NewLock(), NewLock(), NewLock()};
-    const auto takeBoth = [&](unsigned outer, unsigned inner) {
-        (void)WdfWaitLockAcquire(locks[outer], nullptr);
-        (void)WdfWaitLockAcquire(locks[inner], nullptr);
-        WdfWaitLockRelease(locks[inner]);
-        WdfWaitLockRelease(locks[outer]);
-    };
-    takeBoth(0, 1);
-    takeBoth(1, 2);
-    takeBoth(0, 2);
-    EXPECT_EQ(world.TakeRules(), std::vector<Rule>{}) << world.Text();
-    takeBoth(2, 0);
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kLockOrder});
 }
 
 TEST(WaitLocks, ADeclaredOrderIsHeldToFromTheFirstTime)
@@ -186,35 +154,6 @@ TEST(WorkItems, FlushWaitsForWhatIsQueuedAndFromTheirOwnCallbackForEver)
     world.driver.SurpriseRemoveDevice();
     EXPECT_TRUE(world.driver.RemoveDevice().parked);
     EXPECT_EQ(world.TakeRules(), std::vector{Rule::kDeadlock});
-    world.Abandon();
-}
-
-TEST(WorkItems, EndAfterTheirQueuedRunAndDropWhatComesLater)
-{
-    BrokenWorld world;
-    g_runs = 0;
-    world.table.Hooks->Work = [](WDFWORKITEM item) NTAPI {
-        ++g_runs;
-        WdfWorkItemEnqueue(item);
-    };
-    WdfWorkItemEnqueue(world.table.WorkItem);
-    world.End();
-    EXPECT_EQ(g_runs, 1);
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kWorkItemGone});
-}
-
-TEST(WorkItems, DeletedUnderALockThatTheirCallbackWantsAreFound)
-{
-    BrokenWorld world;
-    g_lock = NewLock();
-    world.table.Hooks->Work = [](WDFWORKITEM) NTAPI { (void)WdfWaitLockAcquire(g_lock, nullptr); };
-    WdfWorkItemEnqueue(world.table.WorkItem);
-    const host::Outcome outcome = world.machine.OnThread("deleter", [&] {
-        (void)WdfWaitLockAcquire(g_lock, nullptr);
-        WdfObjectDelete(world.table.WorkItem);
-    });
-    EXPECT_TRUE(outcome.parked);
-    EXPECT_EQ(world.TakeRules(), (std::vector{Rule::kDeadlock, Rule::kDeadlock})) << world.Text();
     world.Abandon();
 }
 
