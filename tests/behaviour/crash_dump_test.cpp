@@ -4,8 +4,6 @@
 namespace tests {
 namespace {
 
-using host::checks::Rule;
-
 class CrashDump : public OnContainer {};
 FOR_ALL_CONTAINERS(CrashDump);
 
@@ -272,23 +270,6 @@ TEST_P(CrashDump, OneRunWithdrawsOneClient)
     EXPECT_EQ(a.recorder.removed[0].Data1, 1u);
     EXPECT_EQ(a.world.Count(a.world.Context().removeQueue), 2u);
     EXPECT_EQ(a.world.Alive(kClientContextName), 2u);
-}
-
-TEST_P(CrashDump, MissingBridgeContextLeavesTheClientsLockHeld)
-{
-    Attached a(GetParam());
-    std::deque<Peer> peers;
-    QueueRemovals(a.world, peers, 1);
-    a.world.Lose("WdfObjectGetTypedContextWorker", kWpcdContextName);
-    a.world.Deliver();
-    a.world.EndFaults();
-    EXPECT_EQ(a.world.TakeReports(),
-              (Lines{"6 NotifierEvtWorkItemWpcdClientRemove: WPCD client context, <object>"}));
-    EXPECT_TRUE(a.world.machine.inspect().Find(a.world.Context().clientsLock)->held);
-    EXPECT_EQ(a.world.machine.violations().Take(Rule::kLockKept).size(), 1u);
-    EXPECT_TRUE(a.world.machine.OnThread("client", [&] { (void)a.world.Leave(peers[0]); }).parked);
-    EXPECT_EQ(a.world.machine.violations().Take(Rule::kDeadlock).size(), 1u);
-    a.world.Abandon();
 }
 
 TEST_P(CrashDump, DescriptorsAreCountedAndFilledAndCountAsAnnounced)

@@ -252,8 +252,8 @@ TEST_P(Reporting, MessagesCarryTheHandlesOfTheirObjects)
     world.driver->Close(file);
 }
 
-// The world compares its values in event and message.
-TEST_P(Reporting, MissingItemIsReportedWithItsPlace)
+// The world compares their values in event and message.
+TEST_P(Reporting, MissingItemsAndContextsAreReportedWithTheirPlace)
 {
     World world(GetParam());
     Peer first(1);
@@ -264,6 +264,10 @@ TEST_P(Reporting, MissingItemIsReportedWithItsPlace)
     EXPECT_EQ(world.Post(second, 1), STATUS_INVALID_DEVICE_REQUEST);
     world.EndFaults();
     EXPECT_EQ(world.TakeReports().front(), "5 _getClientContextByGUID: WdfCollectionGetItem, 1, <clients>, 2");
+    world.Lose("WdfObjectGetTypedContextWorker", kClientContextName);
+    EXPECT_EQ(world.Post(first, 1), STATUS_INVALID_DEVICE_REQUEST);
+    world.EndFaults();
+    EXPECT_EQ(world.TakeReports().front(), "6 _getClientContextByGUID: Client context, <object>");
 }
 
 // A missing item is reported by event alone when only events are wanted.
@@ -304,18 +308,6 @@ TEST_P(Reporting, MissingVersionRoutineMeansTheOldRoute)
     world.TakeDown();
     world.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);
     EXPECT_EQ(world.machine.tracing().MessageProviders(), 0u);
-}
-
-TEST_P(Reporting, FailedProviderRegistrationDoesNotHurt)
-{
-    World world(GetParam(), {.records = false, .boots = false});
-    world.Fail("EtwRegister", STATUS_NO_MEMORY);
-    world.Fail("EtwRegisterClassicProvider", STATUS_NO_MEMORY);
-    world.Load();
-    world.EndFaults();
-    ASSERT_EQ(world.driver->AddDevice(), STATUS_SUCCESS);
-    world.Start();
-    LiveALittle(world);
 }
 
 }  // namespace
