@@ -10,6 +10,12 @@
 
 namespace {
 
+// A test builds this entry with a model that is wrong on purpose.
+#ifndef ZEPN_MISTAKE
+#define ZEPN_MISTAKE kNone
+#endif
+constexpr fuzz::Model::Mistake kMistake = fuzz::Model::Mistake::ZEPN_MISTAKE;
+
 constexpr std::size_t kCounters = 1 << 14;
 __attribute__((section("__libfuzzer_extra_counters"), used)) std::uint8_t g_counters[kCounters];
 
@@ -32,14 +38,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::onPlatformCall = NoteCall;
     fuzz::Totals totals;
     const auto fails = [&](const fuzz::Life& candidate) {
-        return fuzz::Run(candidate, ZEPN_NATIVE_DRIVER, totals).has_value();
+        return fuzz::Run(candidate, ZEPN_NATIVE_DRIVER, totals, kMistake).has_value();
     };
     if (!fails(life)) {
         return 0;
     }
     fuzz::Finding finding;
     finding.life = fuzz::Shrink(life, fails);
-    finding.mismatch = fuzz::Run(finding.life, ZEPN_NATIVE_DRIVER, totals).value_or(fuzz::Mismatch{});
+    finding.mismatch = fuzz::Run(finding.life, ZEPN_NATIVE_DRIVER, totals, kMistake).value_or(fuzz::Mismatch{});
     std::cerr << fuzz::Report(finding) << fuzz::Scenario(finding.life, "A life that libFuzzer found", finding.mismatch);
     std::abort();
 }
