@@ -1,107 +1,11 @@
 // The crash-dump bridge: attaching, announcements and withdrawals, descriptors, and the dump calls that pass through.
-#include "tests/support/world.h"
+#include "tests/behaviour/dump_recorder.h"
 
 namespace tests {
 namespace {
 
 class CrashDump : public OnContainer {};
 FOR_ALL_CONTAINERS(CrashDump);
-
-// A crash-dump driver that records what it is told; its callbacks have no context, so there is one at a time.
-struct Recorder {
-    struct Call {
-        std::string name;
-        std::vector<std::uint64_t> arguments;
-        bool operator==(const Call&) const = default;
-    };
-    std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> added;
-    std::vector<const ZEP_SUBSYSTEM_DESCRIPTOR*> buffers;
-    std::vector<GUID> removed;
-    std::vector<Call> calls;
-    NTSTATUS answer = STATUS_SUCCESS;
-    WpcdClientRegistration registration{};
-
-    Recorder();
-    ~Recorder();
-};
-
-Recorder* g_recorder = nullptr;
-
-std::uint64_t Number(const void* pointer)
-{
-    return reinterpret_cast<std::uint64_t>(pointer);
-}
-
-NTSTATUS NTAPI OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR* descriptor)
-{
-    g_recorder->added.push_back(*descriptor);
-    g_recorder->buffers.push_back(descriptor);
-    return g_recorder->answer;
-}
-
-NTSTATUS NTAPI OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client)
-{
-    g_recorder->removed.push_back(*reinterpret_cast<const GUID*>(client));
-    return g_recorder->answer;
-}
-
-NTSTATUS NTAPI OnStart(PVOID handle, ULONGLONG first, ULONGLONG second)
-{
-    g_recorder->calls.push_back({"start", {Number(handle), first, second}});
-    return g_recorder->answer;
-}
-
-NTSTATUS NTAPI OnAddData(PVOID handle, PVOID data, ULONGLONG first, ULONG second, ULONG third)
-{
-    g_recorder->calls.push_back({"add data", {Number(handle), Number(data), first, second, third}});
-    return g_recorder->answer;
-}
-
-NTSTATUS NTAPI OnStop(PVOID handle, ULONGLONG first)
-{
-    g_recorder->calls.push_back({"stop", {Number(handle), first}});
-    return g_recorder->answer;
-}
-
-NTSTATUS NTAPI OnQuery(PVOID handle, ULONG first, ULONGLONG second, ULONGLONG third)
-{
-    g_recorder->calls.push_back({"query", {Number(handle), first, second, third}});
-    return g_recorder->answer;
-}
-
-NTSTATUS NTAPI OnTriage(PVOID handle, ULONGLONG first, ULONG second)
-{
-    g_recorder->calls.push_back({"triage", {Number(handle), first, second}});
-    return g_recorder->answer;
-}
-
-Recorder::Recorder()
-    : registration{.Header = 0xFFFF,
-                   .ZepClientAdd = &OnAdd,
-                   .ZepClientRemove = &OnRemove,
-                   .ZepDumpStart = &OnStart,
-                   .ZepDumpAddDumpData = &OnAddData,
-                   .ZepDumpStop = &OnStop,
-                   .ZepDumpQueryParam = &OnQuery,
-                   .ZepDumpAddTriageData = &OnTriage}
-{
-    g_recorder = this;
-}
-
-Recorder::~Recorder()
-{
-    g_recorder = nullptr;
-}
-
-struct Attached {
-    Recorder recorder;
-    World world;
-
-    explicit Attached(const Container& container) : world(container)
-    {
-        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
-    }
-};
 
 TEST_P(CrashDump, AttachesOnceAndDetachesOnce)
 {
