@@ -1,0 +1,154 @@
+// What the driver reported, in words, and what must hold for all of it.
+#include "tests/support/world.h"
+
+#include <algorithm>
+#include <map>
+
+namespace tests {
+
+std::string World::HandleName(std::uint64_t handle)
+{
+    const auto pointer = reinterpret_cast<WDFOBJECT>(handle);
+    if (driver != nullptr && driver->IsLoaded() && pointer == driver->Handle()) {
+        return "<driver>";
+    }
+    if (driver != nullptr && driver->IsLoaded()) {
+        const auto context = machine.inspect().Context<DriverContext>(driver->Handle(), kDriverContextName);
+        if (context && pointer == context->clients) {
+            return "<clients>";
+        }
+        if (context && pointer == context->states) {
+            return "<states>";
+        }
+        if (context && pointer == context->commands) {
+            return "<commands>";
+        }
+        if (context && pointer == context->addQueue) {
+            return "<add queue>";
+        }
+        if (context && pointer == context->removeQueue) {
+            return "<remove queue>";
+        }
+    }
+    const auto object = machine.inspect().Find(pointer);
+    if (!object) {
+        return "<gone>";
+    }
+    return object->type == host::framework::ObjectType::kGeneral
+               ? "<object>"
+               : std::string("<") + host::framework::Name(object->type) + ">";
+}
+
+Lines World::TakeReports()
+{
+    constexpr std::uint8_t kWarning = 3;
+    Lines lines;
+    const auto events = machine.tracing().Events();
+    for (; eventsSeen_ < events.size(); ++eventsSeen_) {
+        if (events[eventsSeen_].descriptor.Level > kWarning) {
+            continue;
+        }
+        const auto decoded = manifest_.Decode(events[eventsSeen_]);
+        if (!decoded) {
+            lines.push_back("undecodable event " + std::to_string(events[eventsSeen_].descriptor.Id));
+            continue;
+        }
+        std::string line = std::to_string(decoded->id) + " " + decoded->fields[0].text + ":";
+        for (std::size_t index = 1; index < decoded->fields.size(); ++index) {
+            const auto& field = decoded->fields[index];
+            const bool isHandle = field.name == "Object" || field.name == "Collection";
+            line += (index == 1 ? " " : ", ") + (isHandle ? HandleName(field.number) : field.text);
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+Lines World::TakeRecords()
+{
+    std::vector<std::pair<std::uint64_t, std::string>> records;
+    for (const auto& event : machine.tracing().Events()) {
+        const auto decoded = manifest_.Decode(event);
+        records.emplace_back(event.order, "E" + std::to_string(event.descriptor.Id) + " " +
+                                              (decoded ? decoded->fields[0].text : "undecodable"));
+    }
+    for (const auto& message : machine.tracing().Messages()) {
+        const auto decoded = formats_.Decode(message);
+        records.emplace_back(message.order, "M" + std::to_string(message.number) + " " +
+                                                (decoded ? decoded->function : "undecodable"));
+    }
+    std::sort(records.begin(), records.end());
+    Lines lines;
+    for (const auto& [order, line] : records) {
+        if (order > recordsSeen_) {
+            lines.push_back(line);
+            recordsSeen_ = order;
+        }
+    }
+    return lines;
+}
+
+namespace {
+
+using Numbers = std::vector<std::uint64_t>;
+
+// A GUID counts by its first number.
+Numbers NumbersOf(const host::tracing::DecodedEvent& event)
+{
+    using host::tracing::FieldType;
+    Numbers numbers;
+    for (const auto& field : event.fields) {
+        if (field.type == FieldType::kGuid) {
+            numbers.push_back(host::tracing::ParseGuid(field.text)->Data1);
+        } else if (field.type != FieldType::kAnsiString) {
+            numbers.push_back(field.number);
+        }
+    }
+    return numbers;
+}
+
+Numbers NumbersOf(const host::tracing::CapturedMessage& message)
+{
+    Numbers numbers;
+    std::size_t at = 0;
+    for (const std::uint32_t size : message.argumentSizes) {
+        memcpy(&numbers.emplace_back(0), message.payload.data() + at, std::min<std::size_t>(size, 8));
+        at += size;
+    }
+    return numbers;
+}
+
+}  // namespace
+
+// An error event and its trace message are one report: same site, same values, one right behind the other. All must
+// decode.
+void World::CheckReports()
+{
+    if (!options_.records) {
+        return;
+    }
+    std::map<std::uint64_t, std::pair<std::string, Numbers>> errorMessages;
+    for (const auto& message : machine.tracing().Messages()) {
+        const auto decoded = formats_.Decode(message);
+        ASSERT_TRUE(decoded) << "trace message " << message.number << " does not decode";
+        if (decoded->level == "TRACE_LEVEL_ERROR" || decoded->level == "TRACE_LEVEL_WARNING") {
+            errorMessages[message.order] = {decoded->function, NumbersOf(message)};
+        }
+    }
+    for (const auto& event : machine.tracing().Events()) {
+        const auto decoded = manifest_.Decode(event);
+        ASSERT_TRUE(decoded) << "event " << event.descriptor.Id << " does not decode";
+        EXPECT_EQ(decoded->level, manifest_.events().at(decoded->id).level);
+        if (decoded->level == 2) {
+            const auto message = errorMessages.find(event.order + 1);
+            ASSERT_NE(message, errorMessages.end()) << "no trace message behind: " << decoded->message;
+            const auto& [function, numbers] = message->second;
+            EXPECT_EQ(function, decoded->fields[0].text);
+            if (!numbers.empty()) {  // some messages are bare
+                EXPECT_EQ(numbers, NumbersOf(*decoded)) << decoded->message;
+            }
+        }
+    }
+}
+
+}  // namespace tests
