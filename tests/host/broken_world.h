@@ -48,8 +48,8 @@ public:
     std::vector<Rule> TakeRules();
     [[nodiscard]] const std::string& Text() const { return text_; }
 
-    // Takes all violations, the one of this rule that the driver itself has broken, and returns the first. Place is the
-    // driver's function that it must name; empty: none, for what the driver has not done.
+    // Takes all violations: they are of this rule, so many, and the first, which it returns, names the place in the
+    // driver that broke it: a function of the driver's, or none (empty) for what the driver has not done.
     Violation TakeBroken(Rule rule, const std::string& place, std::size_t count = 1);
 
     // Runs driver code on a thread of its own and expects that it comes back.
