@@ -1,6 +1,7 @@
 // The handler runs on an alternate stack, because a driver that ran out of stack faults too. It uses ordinary memory
 // and locks, which is safe while driver code faults and may hang when the host itself does; an alarm ends the process
-// then.
+// then. It may be entered anew while it tells the last words: each of them is taken before it is told, so that it comes
+// to an end.
 #include "host/checks/crash.h"
 
 #include "host/environment.h"
@@ -10,24 +11,42 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <mutex>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define HOST_SANITIZED
+#include <sanitizer/common_interface_defs.h>
+
+// libFuzzer's own last act is to write down its input: there it stays the only one.
+extern "C" __attribute__((weak)) int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size);
+#endif
+#endif
 
 namespace host::checks {
 namespace {
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
-
 constexpr std::size_t kStackBytes = 64 * 1024;
 constexpr unsigned kPatienceSeconds = 5;
+
+std::atomic<LastWords*> g_lastWords{nullptr};  // the newest
+
+// The thread that tells how the process ends. Others that fault meanwhile stand still until it has.
+std::atomic<pid_t> g_teller{0};
+
+// Whether the calling thread tells already; returns only to the one that does.
+bool TellsAlready()
+{
+    pid_t nobody = 0;
+    if (g_teller.compare_exchange_strong(nobody, gettid()) || nobody == gettid()) {
+        return nobody != 0;
+    }
+    for (;;) {
+        pause();
+    }
+}
 
 const void* ProgramCounter(const void* context)
 {
@@ -51,10 +70,8 @@ const char* What(int signal)
     }
 }
 
-void OnFault(int signal, siginfo_t* information, void* context)
+void TellOfFault(int signal, const siginfo_t& information, const void* at)
 {
-    alarm(kPatienceSeconds);
-    const void* at = ProgramCounter(context);
     std::string place = "host";
     std::string thread = "?";
     if (Environment::Exists()) {
@@ -66,15 +83,38 @@ void OnFault(int signal, siginfo_t* information, void* context)
                      thread.c_str());
     } else {
         std::fprintf(stderr, "memory fault at %s (%p) touching %p, on thread \"%s\"\n", place.c_str(), at,
-                     information->si_addr, thread.c_str());
+                     information.si_addr, thread.c_str());
     }
     if (Environment::Exists()) {
         for (const Violation& violation : Environment::Current().violations.All()) {
             std::fprintf(stderr, "before that: %s\n", violation.Text().c_str());
         }
     }
+}
+
+void OnFault(int signal, siginfo_t* information, void* context)
+{
+    alarm(kPatienceSeconds);
+    if (TellsAlready()) {
+        std::fprintf(stderr, "another fault while telling of the first\n");
+    } else {
+        TellOfFault(signal, *information, ProgramCounter(context));
+    }
+    TellLastWords();
     std::fflush(stderr);
     _exit(kMemoryFaultExit);
+}
+
+// Returns, and abort goes on to end the process as ever; one by which the last words end is no end of its own.
+void OnAbort(int)
+{
+    alarm(kPatienceSeconds);
+    const bool again = TellsAlready();
+    TellLastWords();
+    std::fflush(stderr);
+    if (again) {
+        _exit(kMemoryFaultExit);
+    }
 }
 
 // The alternate stack of one thread, for as long as the thread lives.
@@ -105,25 +145,61 @@ private:
     void* memory_;
 };
 
+#if defined(HOST_SANITIZED)
+
+void InstallHandlers()
+{
+    if (LLVMFuzzerTestOneInput == nullptr) {
+        __sanitizer_set_death_callback(TellLastWords);
+    }
+}
+
+#else
+
 void InstallHandlers()
 {
     struct sigaction action{};
     action.sa_sigaction = OnFault;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESETHAND;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
     for (const int signal : {SIGSEGV, SIGBUS, SIGILL, SIGTRAP}) {
         sigaction(signal, &action, nullptr);
     }
+    struct sigaction onAbort{};
+    onAbort.sa_handler = OnAbort;
+    onAbort.sa_flags = SA_ONSTACK;
+    sigaction(SIGABRT, &onAbort, nullptr);
 }
+
+#endif
 
 }  // namespace
 
 void CatchMemoryFaults()
 {
-    if (!kSanitized) {
-        static std::once_flag installed;
-        std::call_once(installed, InstallHandlers);
-        thread_local AlternateStack stack;
-        (void)stack;
+    static std::once_flag installed;
+    std::call_once(installed, InstallHandlers);
+#if !defined(HOST_SANITIZED)
+    thread_local AlternateStack stack;
+    (void)stack;
+#endif
+}
+
+LastWords::LastWords(std::function<std::string()> words)
+    : words_(std::move(words)), outer_(g_lastWords.load(std::memory_order_relaxed))
+{
+    g_lastWords.store(this, std::memory_order_release);
+}
+
+LastWords::~LastWords()
+{
+    g_lastWords.store(outer_, std::memory_order_release);
+}
+
+void TellLastWords()
+{
+    while (LastWords* words = g_lastWords.load(std::memory_order_acquire)) {
+        g_lastWords.store(words->outer_, std::memory_order_release);
+        std::fprintf(stderr, "%s\n", words->words_().c_str());
     }
 }
 

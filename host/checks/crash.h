@@ -1,13 +1,47 @@
-// Memory faults of image code: printed with the place in the image, then the process ends.
+// Memory faults of image code: printed with the place in the image and with what was being played, then the process
+// ends.
 #pragma once
+
+#include <functional>
+#include <string>
 
 namespace host::checks {
 
-// Installs the handler once per process and gives the calling thread a stack of its own for it. Does nothing in
-// sanitizer builds, whose runtimes say more.
+// Installs the handler once per process and gives the calling thread a stack of its own for it. In sanitizer builds
+// the runtimes tell of the fault, and say more; there this only adds the last words.
 void CatchMemoryFaults();
 
 // The exit status of a process that ended so.
 inline constexpr int kMemoryFaultExit = 4;
+
+// What is to be told, on stderr, when the process ends by a memory fault or by std::abort while this object lives: who
+// plays something says what it is, so that it can be played again.
+//
+//     const LastWords words([&] { return "life 12 of seed 7"; });
+//
+// The faulting thread asks all that live, the newest first, and prints a line for each; the other threads go on
+// meanwhile. The routine runs inside the signal handler. It may read what the stopped thread does not change at that
+// time, and may allocate, as the handler itself does: a fault in driver code leaves the allocator whole. Where it is
+// not, the process ends with less told: a routine that faults, or ends in abort, is passed over, and one that hangs is
+// ended by an alarm after five seconds. It must not throw and must not wait for another thread.
+//
+// Nothing is told of a process that ends itself, or is killed. Objects may be made on any thread and must end in the
+// reverse order, as those in nested scopes do.
+class LastWords {
+public:
+    explicit LastWords(std::function<std::string()> words);
+    ~LastWords();
+    LastWords(const LastWords&) = delete;
+    LastWords& operator=(const LastWords&) = delete;
+
+private:
+    friend void TellLastWords();
+
+    const std::function<std::string()> words_;
+    LastWords* const outer_;
+};
+
+// Prints them; each is told once in a process. Called by the handler.
+void TellLastWords();
 
 }  // namespace host::checks

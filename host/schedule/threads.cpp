@@ -1,5 +1,6 @@
 #include "host/schedule/threads.h"
 
+#include "host/checks/crash.h"
 #include "host/environment.h"
 #include "host/schedule/parking.h"
 
@@ -75,6 +76,7 @@ std::shared_ptr<Threads::Worker> Threads::TakeIdle()
     worker->state = Worker::State::kBusy;
     worker->thread = std::thread([worker] {
         t_worker = worker.get();
+        checks::CatchMemoryFaults();
         std::unique_lock workerLock(worker->mutex);
         while (worker->state != Worker::State::kEnding) {
             if (worker->work == nullptr) {

@@ -64,6 +64,9 @@ int main(int argumentCount, char** arguments)
         if (std::filesystem::is_directory(scenarioFile) || !std::filesystem::is_directory(folder)) {
             throw std::runtime_error(scenarioFile + ": cannot be written");
         }
+        // Before the search: one that is stopped can be begun again.
+        std::cout << "seed " << budget.seed << "; the same lives again: ./zepn fuzz --seed " << budget.seed
+                  << " --image " << image << std::endl;
         fuzz::Totals totals;
         const auto begin = std::chrono::steady_clock::now();
         const auto finding = fuzz::Search(budget, ImagePath(image), totals);
@@ -73,16 +76,15 @@ int main(int argumentCount, char** arguments)
             return 0;
         }
         std::ofstream out(scenarioFile);
-        out << fuzz::Scenario(finding->life,
-                              "Life " + std::to_string(finding->number) + " of seed " + std::to_string(finding->seed),
-                              finding->mismatch);
+        out << fuzz::Scenario(*finding);
         out.close();
         if (!out) {
             std::cerr << "zepn-fuzz: " << scenarioFile << ": cannot be written\n";
         }
         std::cout << fuzz::Report(*finding) << "again: ./zepn fuzz --seed " << finding->seed << " --sequences "
                   << finding->number + 1 << " --image " << image << "; as a scenario: ./zepn demo " << scenarioFile
-                  << " --image " << image << "\n";
+                  << " --image " << image << "\n"
+                  << fuzz::kLookFor << "\n";
         return kWentWrong;
     } catch (const std::exception& error) {
         std::cerr << "zepn-fuzz: " << error.what() << "\n";

@@ -1,15 +1,21 @@
 #include "tools/fuzz/run.h"
 
+#include "tools/fuzz/apart.h"
 #include "tools/fuzz/witness.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <iostream>
 
 namespace fuzz {
 namespace {
 
 constexpr std::size_t kCountEvery = 8;  // operations
+
+// For lives without end, each of which costs its patience.
+constexpr double kShrinkPatienceSeconds = 3;
+constexpr double kShrinkSeconds = 120;
 
 std::string Difference(const std::string& expected, const std::string& seen)
 {
@@ -48,17 +54,15 @@ std::string ViolationsOfStandstill(Witness& witness)
     return text;
 }
 
-}  // namespace
-
-std::optional<Mismatch> Run(const Life& life, const std::filesystem::path& image, Totals& totals,
-                            Model::Mistake mistake)
+std::optional<Mismatch> Live(const Life& life, const std::filesystem::path& image, Totals& totals,
+                             Model::Mistake mistake)
 {
-    ++totals.lives;
     Model model(life, mistake);
     Witness witness(life, image);
     for (std::size_t index = 0; index < life.operations.size(); ++index) {
         const Operation& operation = life.operations[index];
         ++totals.operations;
+        totals.position = index;
         const Outcome expected = model.Do(operation);
         const Outcome seen = witness.Do(operation);
         totals.callbacks += seen.told.size();
@@ -85,32 +89,111 @@ std::optional<Mismatch> Run(const Life& life, const std::filesystem::path& image
             return Mismatch{index, wrong};
         }
     }
+    totals.position = life.operations.size();
     const std::string standing = witness.TakeDown() ? "" : "the driver cannot be taken down\n";
     const std::string wrong = standing + Violations(witness);
     return wrong.empty() ? std::nullopt : std::optional(Mismatch{life.operations.size(), wrong});
 }
 
-std::optional<Finding> Search(const Budget& budget, const std::filesystem::path& image, Totals& totals,
+// Throws HostError when the image is refused.
+void TryImage(const std::filesystem::path& image)
+{
+    Life none;
+    none.clients.resize(kClients);
+    (void)Witness(none, image).TakeDown();
+}
+
+Life LifeOf(std::uint64_t seed, std::uint64_t number)
+{
+    return Playable(Decode(RandomBytes(seed, number)));
+}
+
+// What went wrong in the first life that does; empty when none did within the budget. It is the last that was begun.
+std::string LiveUntilOneFails(const Budget& budget, const std::filesystem::path& image, Totals& totals,
                               Model::Mistake mistake)
 {
     const auto begin = std::chrono::steady_clock::now();
     const auto spent = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(); };
+    Patience(kPatienceSeconds);
+    TryImage(image);
     for (std::uint64_t number = 0;
          (budget.lives == 0 || number < budget.lives) && (budget.seconds == 0 || spent() < budget.seconds); ++number) {
-        const Life life = Playable(Decode(RandomBytes(budget.seed, number)));
-        if (!Run(life, image, totals, mistake)) {
-            continue;
+        Patience(kPatienceSeconds);
+        if (const auto mismatch = Run(LifeOf(budget.seed, number), image, totals, mistake)) {
+            totals.position = mismatch->operation;
+            return mismatch->text;
         }
-        Totals ignored;
-        Finding finding{budget.seed, number, {}, {}};
-        finding.life =
-            Shrink(life, [&](const Life& candidate) { return Run(candidate, image, ignored, mistake).has_value(); });
-        finding.mismatch = Run(finding.life, image, ignored, mistake).value_or(Mismatch{0, "it does not fail again\n"});
-        finding.life.operations.resize(
-            std::min(finding.life.operations.size(), finding.mismatch.operation + 1));  // nothing behind it matters
-        return finding;
     }
-    return std::nullopt;
+    return "";
+}
+
+// What the work in another process found or ended in; empty when it went well.
+std::optional<Mismatch> MismatchOf(const Ending& ending, const Totals& totals)
+{
+    const std::string& text = ending.trouble.empty() ? ending.result : ending.trouble;
+    return text.empty() ? std::nullopt : std::optional(Mismatch{totals.position, text});
+}
+
+}  // namespace
+
+std::optional<Mismatch> Run(const Life& life, const std::filesystem::path& image, Totals& totals,
+                            Model::Mistake mistake)
+{
+    ++totals.lives;
+    totals.position = 0;
+    try {
+        return Live(life, image, totals, mistake);
+    } catch (const host::HostError& error) {
+        return Mismatch{totals.position, std::string("the host refuses\n  ") + error.what() + "\n"};
+    }
+}
+
+std::optional<Mismatch> RunApart(const Life& life, const std::filesystem::path& image, double patience,
+                                 Model::Mistake mistake)
+{
+    const Shared<Totals> totals;
+    const Ending ending = DoApart([&] {
+        Patience(patience);
+        const auto mismatch = Run(life, image, *totals, mistake);
+        if (!mismatch) {
+            return std::string();
+        }
+        (*totals).position = mismatch->operation;
+        return mismatch->text;
+    });
+    return MismatchOf(ending, *totals);
+}
+
+std::optional<Finding> Search(const Budget& budget, const std::filesystem::path& image, Totals& totals,
+                              Model::Mistake mistake)
+{
+    const Shared<Totals> shared;
+    const Ending ending = DoApart([&] { return LiveUntilOneFails(budget, image, *shared, mistake); });
+    totals = *shared;
+    const auto seen = MismatchOf(ending, totals);
+    if (ending.trouble.empty()) {
+        std::cerr << ending.printed;
+    }
+    if (!seen) {
+        return std::nullopt;
+    }
+    const std::uint64_t number = totals.lives == 0 ? 0 : totals.lives - 1;  // 0: the image itself went wrong
+    Finding finding{.seed = budget.seed, .number = number, .life = LifeOf(budget.seed, number), .mismatch = *seen};
+    const auto fails = [&](const Life& life) { return RunApart(life, image, kShrinkPatienceSeconds, mistake); };
+    const auto begin = std::chrono::steady_clock::now();
+    if (fails(finding.life)) {
+        finding.life = Shrink(finding.life, [&](const Life& candidate) {
+            const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - begin;
+            return spent.count() < kShrinkSeconds && fails(candidate).has_value();
+        });
+        finding.mismatch = fails(finding.life).value_or(Mismatch{0, "it does not fail again\n"});
+    } else {
+        finding.again = false;
+        finding.mismatch.text += "lived alone it does not go wrong: the lives before it matter\n";
+    }
+    finding.life.operations.resize(
+        std::min(finding.life.operations.size(), finding.mismatch.operation + 1));  // nothing behind it matters
+    return finding;
 }
 
 std::string Figures(const Totals& totals, double seconds, const std::string& where)
@@ -127,11 +210,23 @@ std::string Figures(const Totals& totals, double seconds, const std::string& whe
 std::string Report(const Finding& finding)
 {
     std::string text = "seed " + std::to_string(finding.seed) + ", life " + std::to_string(finding.number) +
-                       ", shrunk to " + std::to_string(finding.life.operations.size()) + " operations:\n";
+                       (finding.again ? ", shrunk to " : ", not shrunk: ") +
+                       std::to_string(finding.life.operations.size()) + " operations:\n";
     for (std::size_t index = 0; index < finding.life.operations.size(); ++index) {
         text += (index == finding.mismatch.operation ? "> " : "  ") + Text(finding.life.operations[index]) + "\n";
     }
+    if (finding.mismatch.operation == finding.life.operations.size()) {
+        text += "> the driver is taken down\n";
+    }
     return text + finding.mismatch.text;
+}
+
+std::string Scenario(const Finding& finding)
+{
+    return Scenario(finding.life,
+                    "Life " + std::to_string(finding.number) + " of seed " + std::to_string(finding.seed) +
+                        ", which went wrong: see its notes",
+                    finding.mismatch);
 }
 
 }  // namespace fuzz

@@ -13,7 +13,7 @@ namespace fuzz {
 
 struct Mismatch {
     std::size_t operation = 0;  // index; one past the last: at the end of the life
-    std::string text;           // what the model expected and what the driver did
+    std::string text;           // what the model expected and what the driver did, or how the process ended
 };
 
 struct Totals {
@@ -22,11 +22,17 @@ struct Totals {
     std::uint64_t callbacks = 0;
     std::uint64_t standstills = 0;
     std::uint64_t counts = 0;  // comparisons of the inner counts
+    std::size_t position = 0;  // of the life under way: the operation, as Mismatch counts them
 };
 
-// Lives one life. It must be playable. Throws host::HostError when the image is refused.
+// Lives one life. It must be playable. Whatever goes wrong is a mismatch, an image that does not load among it.
 [[nodiscard]] std::optional<Mismatch> Run(const Life& life, const std::filesystem::path& image, Totals& totals,
                                           Model::Mistake mistake = Model::Mistake::kNone);
+
+// Lives it in a process of its own: whatever ends that process, or keeps it for more than so many seconds, is a mismatch
+// too. Not while threads of this process run driver code.
+[[nodiscard]] std::optional<Mismatch> RunApart(const Life& life, const std::filesystem::path& image, double patience,
+                                               Model::Mistake mistake = Model::Mistake::kNone);
 
 // Whether a life still goes wrong.
 using Fails = std::function<bool(const Life&)>;
@@ -43,7 +49,10 @@ struct Finding {
     std::uint64_t number = 0;  // of the life
     Life life;                 // shrunk
     Mismatch mismatch;
+    bool again = true;  // lived alone it goes wrong, too; else it is not shrunk
 };
+
+inline constexpr double kPatienceSeconds = 60;  // with a life, which takes some milliseconds
 
 struct Budget {
     std::uint64_t seed = 1;
@@ -51,7 +60,8 @@ struct Budget {
     double seconds = 0;       // 0: no bound
 };
 
-// Lives the lives of a seed until one goes wrong or the budget is spent.
+// Lives the lives of a seed until one goes wrong or the budget is spent: all in one process apart, for its pace; those
+// by which the found one is shrunk in one each. Throws host::HostError when the image is refused.
 [[nodiscard]] std::optional<Finding> Search(const Budget& budget, const std::filesystem::path& image, Totals& totals,
                                             Model::Mistake mistake = Model::Mistake::kNone);
 
@@ -60,5 +70,11 @@ struct Budget {
 
 // Seed, operations and what went wrong, for people.
 [[nodiscard]] std::string Report(const Finding& finding);
+
+// The scenario of a finding, and what whoever plays it has to know: it may end well.
+[[nodiscard]] std::string Scenario(const Finding& finding);
+inline constexpr const char* kLookFor =
+    "The demo holds statuses against what is expected and finds violations and faults by itself. Who is told what, and "
+    "what is queued and counted, it only shows: there it ends with 0, and the notes say what should differ.";
 
 }  // namespace fuzz

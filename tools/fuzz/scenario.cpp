@@ -142,7 +142,11 @@ std::string Scenario(const Life& life, const std::string& title, const std::opti
     for (const char* dump : {"start", "addData", "stop", "query", "triage"}) {
         crashDump[dump] = StatusNumber(life.dumpAnswer);
     }
-    Json steps = {{{"do", "open"}}};
+    Json steps = Json::array();
+    if (mismatch) {
+        AddNotes(steps, kLookFor);
+    }
+    steps.push_back({{"do", "open"}});
     Model model(life);
     for (std::size_t index = 0; index < life.operations.size(); ++index) {
         const Operation& operation = life.operations[index];
