@@ -4,6 +4,7 @@
 // ZEPN_SCHEDULES=1000 plays so many random ones of each scenario.
 #pragma once
 
+#include "host/checks/crash.h"
 #include "host/schedule/explorer.h"
 #include "tests/support/world.h"
 
@@ -31,9 +32,10 @@ inline constexpr unsigned kRandomSchedules = 60;
 
 class Explored : public OnContainer {
 protected:
-    // Plays a scenario in every interleaving of so many preemptions, and in some of more by random priorities.
+    // Plays a scenario in every interleaving of so many preemptions, at locks or at every call, and in some of more by
+    // random priorities.
     void Explore(const std::string& name, const std::function<void(World&, Explorer&)>& play,
-                 unsigned preemptions = kPreemptions)
+                 unsigned preemptions = kPreemptions, bool everyCall = false)
     {
         if (HasFailure()) {
             return;  // a scenario before this one failed: nothing here could be told apart from that
@@ -42,7 +44,7 @@ protected:
         const std::string more = Setting("ZEPN_SCHEDULES");
         const unsigned random = more.empty() ? kRandomSchedules : static_cast<unsigned>(std::stoul(more));
         std::vector<ExplorerOptions> plans = {
-            {.preemptions = preemptions},
+            {.preemptions = preemptions, .everyCall = everyCall},
             {.preemptions = 5, .everyCall = true, .random = random, .seed = 7},
         };
         if (!replay.empty()) {
@@ -55,14 +57,17 @@ protected:
         std::vector<unsigned> counts;
         for (const ExplorerOptions& plan : plans) {
             Explorer explorer(plan);
+            const auto failed = [&] {
+                return name + " fails; ZEPN_SCHEDULE=\"" + name + ": " + explorer.Schedule() + "\" replays it";
+            };
+            const host::checks::LastWords words(failed);
             while (explorer.Next()) {
                 {
                     World world(GetParam(), {.records = false});
                     play(world, explorer);
                 }
                 if (HasFailure()) {
-                    ADD_FAILURE() << name << " fails; ZEPN_SCHEDULE=\"" << name << ": " << explorer.Schedule()
-                                  << "\" replays it";
+                    ADD_FAILURE() << failed();
                     return;
                 }
             }

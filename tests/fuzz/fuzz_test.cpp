@@ -1,7 +1,10 @@
 // Random lives of the driver against the model within a fixed budget, and what happens when the two disagree.
 #include "tools/fuzz/run.h"
 
+#include "host/checks/crash.h"
+#include "tests/support/death.h"
 #include "tests/support/world.h"
+#include "tools/fuzz/witness.h"
 #include "tools/play/player.h"
 #include "tools/play/reading/scenario_reader.h"
 
@@ -12,6 +15,7 @@
 #include <iterator>
 #include <set>
 #include <sstream>
+#include <thread>
 
 namespace tests {
 namespace {
@@ -39,25 +43,37 @@ FOR_ALL_CONTAINERS(Lives);
 TEST_P(Lives, GoAsTheModelSays)
 {
     fuzz::Totals totals;
-    [[maybe_unused]] const std::ptrdiff_t mappings = Mappings();
     const auto begin = std::chrono::steady_clock::now();
     const auto finding = fuzz::Search({.seed = 2026, .lives = kLives}, GetParam().image, totals);
     const double spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     if (finding) {
-        FAIL() << fuzz::Report(*finding) << fuzz::Scenario(finding->life, "A life that went wrong", finding->mismatch);
+        FAIL() << fuzz::Report(*finding) << fuzz::Scenario(*finding);
     }
     EXPECT_EQ(totals.lives, kLives);
     EXPECT_GT(totals.callbacks, 5 * kLives) << "little happens in these lives";
 #ifndef ZEPN_SANITIZED
-    // Only a driver that stands still stays; else a long search ends for lack of memory.
     EXPECT_GT(totals.standstills, 0u);
-    EXPECT_LT(Mappings() - mappings, static_cast<std::ptrdiff_t>(kLives));
 #endif
 
     std::filesystem::create_directories(ZEPN_FIGURES);
     const std::filesystem::path file = std::string(ZEPN_FIGURES) + "/model-" + GetParam().name + ".txt";
     std::ofstream(file) << fuzz::Figures(totals, spent, GetParam().name);
 }
+
+#ifndef ZEPN_SANITIZED
+// Only a driver that stands still stays mapped; else a long search ends for lack of memory.
+TEST_P(Lives, LeaveNothingMapped)
+{
+    constexpr std::uint64_t kFew = 200;
+    fuzz::Totals totals;
+    const std::ptrdiff_t before = Mappings();
+    for (std::uint64_t number = 0; number < kFew; ++number) {
+        const fuzz::Life life = fuzz::Playable(fuzz::Decode(fuzz::RandomBytes(2026, number)));
+        EXPECT_FALSE(fuzz::Run(life, GetParam().image, totals).has_value());
+    }
+    EXPECT_LT(Mappings() - before, static_cast<std::ptrdiff_t>(kFew));
+}
+#endif
 
 // A model that is wrong on purpose: the driver is right, so what is found, and how short it gets, is known beforehand.
 fuzz::Finding FindingOf(Model::Mistake mistake)
@@ -95,6 +111,77 @@ TEST(Shrinking, EndsAtTheShortestLife)
         << fuzz::Report(gone);
 }
 
+#ifndef ZEPN_SANITIZED
+using Places = std::set<std::uintptr_t>;
+
+// Client 0 does these; where in the image the platform calls stand that are made.
+fuzz::Life LifeOf(std::initializer_list<Kind> kinds)
+{
+    fuzz::Life life;
+    life.clients.resize(fuzz::kClients);
+    for (const Kind kind : kinds) {
+        life.operations.emplace_back().kind = kind;
+    }
+    return life;
+}
+
+Places PlacesOf(const fuzz::Life& life)
+{
+    Places places;
+    fuzz::Totals totals;
+    fuzz::onPlatformCall = [&](std::uintptr_t place) { places.insert(place); };
+    EXPECT_FALSE(fuzz::Run(life, ZEPN_NATIVE_DRIVER, totals).has_value());
+    fuzz::onPlatformCall = nullptr;
+    return places;
+}
+
+// From here on something happens at each platform call that is made for a client that leaves, and at no other.
+void WhenAClientLeaves(const std::function<void()>& what)
+{
+    Places leaving = PlacesOf(LifeOf({Kind::kRegister, Kind::kLeave}));
+    for (const std::uintptr_t place : PlacesOf(LifeOf({Kind::kLeave, Kind::kRegister}))) {
+        leaving.erase(place);
+    }
+    fuzz::onPlatformCall = [leaving, what](std::uintptr_t place) {
+        if (leaving.contains(place)) {
+            what();
+        }
+    };
+}
+
+// Whatever ends the process is found, shrunk, and told with its own words.
+TEST(LivesThatEnd, AreFoundLikeThoseThatDiffer)
+{
+    const std::pair<const char*, void (*)()> ends[] = {
+        {"memory fault at ", &TouchNothing},
+        {"this is refused", [] { throw host::HostError("this is refused"); }},
+    };
+    for (const auto& [says, end] : ends) {
+        WhenAClientLeaves(end);
+        const fuzz::Finding finding = FindingOf(Model::Mistake::kNone);
+        EXPECT_EQ(KindsOf(finding.life), (std::multiset{Kind::kRegister, Kind::kLeave})) << fuzz::Report(finding);
+        EXPECT_EQ(finding.mismatch.operation, 1u);
+        EXPECT_NE(finding.mismatch.text.find(says), std::string::npos) << finding.mismatch.text;
+    }
+    const fuzz::Life leaving = LifeOf({Kind::kRegister, Kind::kCount, Kind::kLeave});
+    WhenAClientLeaves([] { std::this_thread::sleep_for(std::chrono::hours(1)); });
+    const auto endless = fuzz::RunApart(leaving, ZEPN_NATIVE_DRIVER, 0.5);
+    ASSERT_TRUE(endless.has_value());
+    EXPECT_EQ(endless->text, "it went on without end\n");
+    EXPECT_EQ(endless->operation, 2u);
+
+    unsigned left = 5000;  // calls, more than any life makes by itself
+    fuzz::onPlatformCall = [&](std::uintptr_t) { --left == 0 ? TouchNothing() : void(); };
+    const fuzz::Finding finding = FindingOf(Model::Mistake::kNone);
+    EXPECT_GT(finding.number, 0u);
+    EXPECT_FALSE(finding.again) << fuzz::Report(finding);
+    EXPECT_NE(finding.mismatch.text.find("memory fault"), std::string::npos);
+
+    fuzz::onPlatformCall = nullptr;
+    EXPECT_FALSE(fuzz::RunApart(leaving, ZEPN_NATIVE_DRIVER, fuzz::kPatienceSeconds).has_value());
+}
+#endif
+
 // Plays a life's scenario as ./zepn demo would; what was printed when it did not go as expected.
 void Play(const fuzz::Life& life, const std::optional<fuzz::Mismatch>& mismatch = std::nullopt)
 {
@@ -110,7 +197,9 @@ void Play(const fuzz::Life& life, const std::optional<fuzz::Mismatch>& mismatch 
 TEST(Scenarios, OfLivesPlayAsTheModelExpects)
 {
     unsigned standstills = 0;
-    for (std::uint64_t number = 0; number < 150; ++number) {
+    std::uint64_t number = 0;
+    const host::checks::LastWords words([&] { return "life " + std::to_string(number) + " of seed 99"; });
+    for (; number < 150; ++number) {
         fuzz::Life life = fuzz::Decode(fuzz::RandomBytes(99, number));
         life.mayStandStill = number % 10 == 0;
         life = fuzz::Playable(life);

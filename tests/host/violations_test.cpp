@@ -1,13 +1,19 @@
 // Every check of the host fires: a driver breaks one rule in a function of its own, and the report names the rule, the
 // platform function, and the place in the driver.
+#include "host/checks/crash.h"
 #include "tests/host/broken_world.h"
 
+#include <csignal>
+#include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <string_view>
 
 namespace tests {
 namespace {
+
+using host::checks::LastWords;
 
 struct Breach {
     const char* name;
@@ -187,6 +193,44 @@ constexpr Fault kFaults[] = {
 
 INSTANTIATE_TEST_SUITE_P(Of, MemoryFaults, testing::ValuesIn(kFaults),
                          [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
+
+// Without an end that the compiler can see.
+int Deep(int depth)
+{
+    volatile char page[4096] = {static_cast<char>(depth)};
+    return depth < 0 ? 0 : Deep(depth + 1) + page[0];
+}
+
+TEST(MemoryFaults, TellLastWords)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << "the sanitizer decides how the process ends";
+    }
+    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
+    const auto end = [](const std::function<void()>& work) {
+        BrokenWorld world;
+        const LastWords outer([] { return "outer"; });
+        const LastWords faulty([] {
+            TouchNothing();
+            return "never";
+        });
+        {
+            const LastWords gone([] { return "gone"; });
+        }
+        const LastWords inner([] { return "inner"; });
+        world.machine.OnThread("peer", work);
+    };
+    const char* told = "inner\nanother fault while telling of the first\nouter\n$";
+    EXPECT_EXIT(end(&TouchNothing), testing::ExitedWithCode(4), told);
+    EXPECT_EXIT(end([] { (void)Deep(0); }), testing::ExitedWithCode(4), told);  // no stack left
+    EXPECT_EXIT(
+        {
+            BrokenWorld world;
+            const LastWords words([] { return "aborted"; });
+            std::abort();
+        },
+        testing::KilledBySignal(SIGABRT), "aborted\n");
+}
 
 // The list that every_rule_has_a_broken_driver holds against what was caught.
 TEST(Rules, HaveNamesOfTheirOwn)

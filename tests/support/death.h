@@ -10,4 +10,10 @@ inline constexpr const char* kDeathTestStyle = "fast";
 inline constexpr const char* kDeathTestStyle = "threadsafe";
 #endif
 
+// Touches what is not there.
+inline void TouchNothing()
+{
+    *static_cast<volatile int*>(nullptr) = 1;
+}
+
 }  // namespace tests

@@ -47,6 +47,9 @@ struct Op {
     ULONG c = 0;
 };
 
+// "post 1 5 0": with a, b and c.
+[[nodiscard]] std::string Text(const Op& op);
+
 enum Traits : ULONG { kPlain = 0, kEntries = 1, kCommands = 2, kApps = 4, kNullTable = 8 };
 
 // What clients and the crash-dump driver answer: fixed, so that both sides know it.

@@ -3,8 +3,20 @@
 #include "include/zepn_notifier.h"
 
 #include <cstdio>
+#include <iterator>
 
 namespace sweep {
+
+std::string Text(const Op& op)
+{
+    constexpr const char* kNames[] = {"load",        "add device", "start",    "sleep",  "wake",    "surprise",
+                                      "remove",      "unload",     "register", "leave",  "post",    "subscribe",
+                                      "unsubscribe", "send",       "deliver",  "attach", "detach",  "count",
+                                      "describe",    "dump",       "open",     "close",  "control", "power"};
+    static_assert(std::size(kNames) == static_cast<std::size_t>(Do::kPower) + 1);
+    return std::string(kNames[static_cast<std::size_t>(op.what)]) + " " + std::to_string(op.a) + " " +
+           std::to_string(op.b) + " " + std::to_string(op.c);
+}
 
 const char* Name(Form form)
 {

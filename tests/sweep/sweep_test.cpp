@@ -1,10 +1,12 @@
 // Each platform call of a life fails once, and once more with all later ones of its function, in every form that it
 // has; what the driver shows must be what the expectation says, operation by operation, to the end of the life.
 #include "host/checks/call_path.h"
+#include "host/checks/crash.h"
 #include "tests/sweep/actual.h"
 #include "tests/sweep/expected.h"
 #include "tests/sweep/figures.h"
 #include "tests/sweep/lives.h"
+#include "tests/support/death.h"
 
 #include <gtest/gtest.h>
 
@@ -76,6 +78,8 @@ Lines TracingLeftovers(const Fault& fault, unsigned struckCount)
 }
 
 struct Plan {
+    [[nodiscard]] std::string Text() const { return fault ? fault->Text() : "without a fault"; }
+
     const Life& life;
     std::optional<Fault> fault = {};
     std::uint64_t hideAt = 0;
@@ -118,7 +122,14 @@ Played::Played(const tests::Container& container, const Plan& plan, std::set<Sit
                                                    }
                                                }}))
 {
-    for (std::size_t index = 0; index < plan.life.size() && difference.empty(); ++index) {
+    std::size_t index = 0;
+    const auto where = [&] { return "operation " + std::to_string(index) + " (" + Text(plan.life[index]) + ")"; };
+    const host::checks::LastWords words([&] {
+        return std::string("sweep on ") + container.name + ": " + plan.Text() + "; " +
+               (index < plan.life.size() ? where() : "the life's end") + ", platform call " +
+               std::to_string(actual_->calls());
+    });
+    for (; index < plan.life.size() && difference.empty(); ++index) {
         const Op& op = plan.life[index];
         if (!expected_.Allows(op.what)) {
             continue;
@@ -129,7 +140,7 @@ Played::Played(const tests::Container& container, const Plan& plan, std::set<Sit
             step = Run(op);  // what failed once must be possible now
         }
         if (!difference.empty()) {
-            difference = "  operation " + std::to_string(index) + difference;
+            difference = "  " + where() + difference;
         }
         if (step.ends) {
             break;
@@ -201,7 +212,7 @@ protected:
             figures_.Count(*plan.fault, plan.deaf);
         }
         if (!played.difference.empty() && failures_++ < kShownFailures) {
-            ADD_FAILURE() << (plan.fault ? plan.fault->Text() : "without a fault") << "\n" << played.difference;
+            ADD_FAILURE() << plan.Text() << "\n" << played.difference;
         }
     }
 
@@ -312,6 +323,22 @@ TEST_P(Sweep, EveryCallFailsForGood)
     FailEachCall(WholeLife(), true);
     figures_.Write(GetParam().name, "sticky", sites_);
     EXPECT_EQ(failures_, 0u);
+}
+
+TEST(SweepThatEnds, TellsWhatFailedAndWhere)
+{
+    GTEST_FLAG_SET(death_test_style, tests::kDeathTestStyle);
+    const Life life = LegacyLife();
+    const Plan plan{
+        .life = life, .fault = Fault{"WdfDeviceCreate"}, .onCall = [](const host::ObservedCall& call, host::Machine&) {
+            if (call.function == std::string("WdfWorkItemEnqueue")) {
+                tests::TouchNothing();
+            }
+        }};
+    std::set<Site> sites;
+    EXPECT_DEATH(Played(tests::Containers().front(), plan, sites),
+                 "sweep on native: WdfDeviceCreate call 0, error status; "
+                 "operation 5 .post 1 3 0., platform call [0-9]+");
 }
 
 }  // namespace
