@@ -34,6 +34,9 @@ done
 grep -q 'Notifier_HelperInit' "$folder/reports"
 ./zepn demo --image arm64 > "$folder/arm64"
 grep -q 'no violation, nothing left behind' "$folder/arm64"
+# The seed is told before the search, whatever becomes of that.
+./zepn fuzz --image native --seed 5 --seconds 0.5 --scenario "$folder/fuzz.json" > "$folder/fuzz"
+head -n 1 "$folder/fuzz" | grep -q -- '--seed 5 '
 if ./zepn decode "$folder/demo" 2> "$folder/error"; then
     echo "a text file passed for a capture"
     exit 1
