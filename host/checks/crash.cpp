@@ -28,6 +28,12 @@ extern "C" __attribute__((weak)) int LLVMFuzzerTestOneInput(const unsigned char*
 namespace host::checks {
 namespace {
 
+#if defined(HOST_SANITIZED)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 constexpr std::size_t kStackBytes = 64 * 1024;
 constexpr unsigned kPatienceSeconds = 5;
 
@@ -145,32 +151,26 @@ private:
     void* memory_;
 };
 
-#if defined(HOST_SANITIZED)
-
 void InstallHandlers()
 {
+#if defined(HOST_SANITIZED)
     if (LLVMFuzzerTestOneInput == nullptr) {
         __sanitizer_set_death_callback(TellLastWords);
     }
-}
-
-#else
-
-void InstallHandlers()
-{
-    struct sigaction action{};
-    action.sa_sigaction = OnFault;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
-    for (const int signal : {SIGSEGV, SIGBUS, SIGILL, SIGTRAP}) {
-        sigaction(signal, &action, nullptr);
-    }
-    struct sigaction onAbort{};
-    onAbort.sa_handler = OnAbort;
-    onAbort.sa_flags = SA_ONSTACK;
-    sigaction(SIGABRT, &onAbort, nullptr);
-}
-
 #endif
+    if (!kSanitized) {
+        struct sigaction action{};
+        action.sa_sigaction = OnFault;
+        action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+        for (const int signal : {SIGSEGV, SIGBUS, SIGILL, SIGTRAP}) {
+            sigaction(signal, &action, nullptr);
+        }
+        struct sigaction onAbort{};
+        onAbort.sa_handler = OnAbort;
+        onAbort.sa_flags = SA_ONSTACK;
+        sigaction(SIGABRT, &onAbort, nullptr);
+    }
+}
 
 }  // namespace
 
@@ -178,10 +178,10 @@ void CatchMemoryFaults()
 {
     static std::once_flag installed;
     std::call_once(installed, InstallHandlers);
-#if !defined(HOST_SANITIZED)
-    thread_local AlternateStack stack;
-    (void)stack;
-#endif
+    if (!kSanitized) {
+        thread_local AlternateStack stack;
+        (void)stack;
+    }
 }
 
 LastWords::LastWords(std::function<std::string()> words)

@@ -30,13 +30,6 @@ constexpr std::uint64_t kLives =
     1000;
 #endif
 
-// Of this process's memory.
-std::ptrdiff_t Mappings()
-{
-    std::ifstream maps("/proc/self/maps");
-    return std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
-}
-
 class Lives : public OnContainer {};
 FOR_ALL_CONTAINERS(Lives);
 
@@ -61,6 +54,13 @@ TEST_P(Lives, GoAsTheModelSays)
 }
 
 #ifndef ZEPN_SANITIZED
+// Of this process's memory.
+std::ptrdiff_t Mappings()
+{
+    std::ifstream maps("/proc/self/maps");
+    return std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
+}
+
 // Only a driver that stands still stays mapped; else a long search ends for lack of memory.
 TEST_P(Lives, LeaveNothingMapped)
 {

@@ -12,7 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 
 namespace fuzz {
@@ -65,7 +67,15 @@ private:
     int descriptor_;
 };
 
-[[noreturn]] void Child(const std::function<std::string()>& work, const Paper& result, const Paper& printed)
+// Of this process, with those that are parked.
+std::ptrdiff_t ThreadCount()
+{
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return std::distance(begin(threads), end(threads));
+}
+
+[[noreturn]] void Child(const std::function<std::string()>& work, bool isWhole, const Paper& result,
+                        const Paper& printed)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     printed.TakeStandardError();
@@ -75,7 +85,10 @@ private:
         result.Write(kThrew + std::string(error.what()));
     }
     Patience(0);
-    std::exit(0);  // sanitizers and coverage have a last word
+    if (!isWhole) {
+        _exit(0);
+    }
+    std::exit(0);  // sanitizers look for leaks
 }
 
 std::string Trouble(int status, const std::string& printed)
@@ -107,12 +120,14 @@ Ending DoApart(const std::function<std::string()>& work)
     // Else both would print it.
     std::cout.flush();
     std::fflush(nullptr);
+    // Threads are not copied; what they hold would look like a leak.
+    const bool isWhole = ThreadCount() == 1;
     const pid_t child = fork();
     if (child < 0) {
         throw host::HostError(std::string("no process of its own: ") + std::strerror(errno));
     }
     if (child == 0) {
-        Child(work, result, printed);
+        Child(work, isWhole, result, printed);
     }
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
