@@ -4,6 +4,7 @@
 #include "host/checks/crash.h"
 #include "tests/support/death.h"
 #include "tests/support/world.h"
+#include "tools/fuzz/apart.h"
 #include "tools/fuzz/witness.h"
 #include "tools/play/player.h"
 #include "tools/play/reading/scenario_reader.h"
@@ -65,13 +66,17 @@ std::ptrdiff_t Mappings()
 TEST_P(Lives, LeaveNothingMapped)
 {
     constexpr std::uint64_t kFew = 200;
-    fuzz::Totals totals;
-    const std::ptrdiff_t before = Mappings();
-    for (std::uint64_t number = 0; number < kFew; ++number) {
-        const fuzz::Life life = fuzz::Playable(fuzz::Decode(fuzz::RandomBytes(2026, number)));
-        EXPECT_FALSE(fuzz::Run(life, GetParam().image, totals).has_value());
-    }
-    EXPECT_LT(Mappings() - before, static_cast<std::ptrdiff_t>(kFew));
+    const fuzz::Ending ending = fuzz::DoApart([] {
+        fuzz::Totals totals;
+        const std::ptrdiff_t before = Mappings();
+        for (std::uint64_t number = 0; number < kFew; ++number) {
+            const fuzz::Life life = fuzz::Playable(fuzz::Decode(fuzz::RandomBytes(2026, number)));
+            (void)fuzz::Run(life, GetParam().image, totals);
+        }
+        return std::to_string(Mappings() - before);
+    });
+    ASSERT_EQ(ending.trouble, "");
+    EXPECT_LT(std::stol(ending.result), static_cast<long>(kFew));
 }
 #endif
 
@@ -182,8 +187,8 @@ TEST(LivesThatEnd, AreFoundLikeThoseThatDiffer)
 }
 #endif
 
-// Plays a life's scenario as ./zepn demo would; what was printed when it did not go as expected.
-void Play(const fuzz::Life& life, const std::optional<fuzz::Mismatch>& mismatch = std::nullopt)
+// Plays a life's scenario as ./zepn demo would; what was printed when it did not go as expected, else nothing.
+std::string Play(const fuzz::Life& life, const std::optional<fuzz::Mismatch>& mismatch = std::nullopt)
 {
     const std::string text = fuzz::Scenario(life, "A life", mismatch);
     const play::Scenario scenario = play::ParseScenario(text, "life.json");
@@ -191,30 +196,31 @@ void Play(const fuzz::Life& life, const std::optional<fuzz::Mismatch>& mismatch 
     play::Timeline timeline(out, play::Timeline::Form::kText, false);
     play::PlayOptions options;
     options.image = ZEPN_NATIVE_DRIVER;
-    EXPECT_TRUE(play::Play(scenario, options, timeline)) << text << out.str();
+    return play::Play(scenario, options, timeline) ? "" : text + out.str();
 }
 
 TEST(Scenarios, OfLivesPlayAsTheModelExpects)
 {
-    unsigned standstills = 0;
-    std::uint64_t number = 0;
-    const host::checks::LastWords words([&] { return "life " + std::to_string(number) + " of seed 99"; });
-    for (; number < 150; ++number) {
-        fuzz::Life life = fuzz::Decode(fuzz::RandomBytes(99, number));
-        life.mayStandStill = number % 10 == 0;
-        life = fuzz::Playable(life);
-        Model model(life);
-        for (const auto& operation : life.operations) {
-            standstills += model.Do(operation).standsStill ? 1 : 0;
-        }
-        Play(life);
-        if (HasFailure()) {
-            FAIL() << "life " << number;
-        }
-    }
-    EXPECT_GT(standstills, 0u);
     const fuzz::Finding finding = FindingOf(Model::Mistake::kTellsOfOwnStates);
-    Play(finding.life, finding.mismatch);  // with what was found as notes
+    const fuzz::Ending ending = fuzz::DoApart([&] {
+        unsigned standstills = 0;
+        std::uint64_t number = 0;
+        const host::checks::LastWords words([&] { return "life " + std::to_string(number) + " of seed 99"; });
+        for (; number < 150; ++number) {
+            fuzz::Life life = fuzz::Decode(fuzz::RandomBytes(99, number));
+            life.mayStandStill = number % 10 == 0;
+            life = fuzz::Playable(life);
+            Model model(life);
+            for (const auto& operation : life.operations) {
+                standstills += model.Do(operation).standsStill ? 1 : 0;
+            }
+            if (const std::string wrong = Play(life); !wrong.empty()) {
+                return "life " + std::to_string(number) + "\n" + wrong;
+            }
+        }
+        return standstills == 0 ? "none stands still" : Play(finding.life, finding.mismatch);  // found: with notes
+    });
+    EXPECT_EQ(ending.trouble + ending.result, "");
 }
 
 TEST(Bytes, OfAnyKindAreALife)
@@ -223,8 +229,7 @@ TEST(Bytes, OfAnyKindAreALife)
     const std::vector<std::uint8_t> ones(5000, 0xFF);
     const fuzz::Life life = fuzz::Playable(fuzz::Decode(ones));
     EXPECT_LE(life.operations.size(), 65u);
-    fuzz::Totals totals;
-    EXPECT_FALSE(fuzz::Run(life, ZEPN_NATIVE_DRIVER, totals).has_value());
+    EXPECT_FALSE(fuzz::RunApart(life, ZEPN_NATIVE_DRIVER, fuzz::kPatienceSeconds).has_value());
     // A seed and a number name a life for good.
     EXPECT_EQ(fuzz::RandomBytes(5, 6), fuzz::RandomBytes(5, 6));
     EXPECT_NE(fuzz::RandomBytes(5, 6), fuzz::RandomBytes(5, 7));

@@ -13,9 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
-#include <iterator>
 #include <sstream>
 
 namespace fuzz {
@@ -68,15 +66,7 @@ private:
     int descriptor_;
 };
 
-// Of this process, with those that are parked.
-std::ptrdiff_t ThreadCount()
-{
-    const std::filesystem::directory_iterator threads("/proc/self/task");
-    return std::distance(begin(threads), end(threads));
-}
-
-[[noreturn]] void Child(const std::function<std::string()>& work, bool isWhole, const Paper& result,
-                        const Paper& printed)
+[[noreturn]] void Child(const std::function<std::string()>& work, const Paper& result, const Paper& printed)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     printed.TakeStandardError();
@@ -86,9 +76,6 @@ std::ptrdiff_t ThreadCount()
         result.Write(kThrew + std::string(error.what()));
     }
     Patience(0);
-    if (!isWhole) {
-        _exit(0);
-    }
     std::exit(0);  // sanitizers look for leaks
 }
 
@@ -121,14 +108,12 @@ Ending DoApart(const std::function<std::string()>& work)
     // Else both would print it.
     std::cout.flush();
     std::fflush(nullptr);
-    // Threads are not copied; what they hold would look like a leak.
-    const bool isWhole = ThreadCount() == 1;
     const pid_t child = fork();
     if (child < 0) {
         throw host::HostError(std::string("no process of its own: ") + std::strerror(errno));
     }
     if (child == 0) {
-        Child(work, isWhole, result, printed);
+        Child(work, result, printed);
     }
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {

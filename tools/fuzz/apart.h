@@ -17,8 +17,8 @@ struct Ending {
 };
 
 // Does the work in a child of this process and waits until it is done. Only what is Shared, and the result, come back.
-// Throws host::HostError with the text of what the work throws, or when there can be no child. No thread of this
-// process may hold a lock that the work takes: one that runs no driver itself has only the calling thread.
+// Throws host::HostError with the text of what the work throws, or when there can be no child. The calling thread must be
+// the only one: so not behind a life in this process that left a thread standing still.
 [[nodiscard]] Ending DoApart(const std::function<std::string()>& work);
 
 // For the work: ends its process unless it is called again, or the work is done, in so many seconds.

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <iterator>
 
 namespace fuzz {
 namespace {
@@ -127,6 +128,52 @@ std::string LiveUntilOneFails(const Budget& budget, const std::filesystem::path&
     return "";
 }
 
+// Which of the lives that shrinking tries went wrong, in their order. Shrinking does the same each time, so this is all
+// that another process needs to know to go on with it.
+struct Verdicts {
+    std::size_t count = 0;
+    bool wentWrong[1 << 14];
+
+    [[nodiscard]] bool IsFull() const { return count == std::size(wentWrong); }
+};
+
+Life ShrinkApart(const Life& life, const std::filesystem::path& image, Model::Mistake mistake)
+{
+    const Shared<Verdicts> shared;
+    Verdicts& verdicts = *shared;
+    const auto begin = std::chrono::steady_clock::now();
+    const auto isOver = [&] {
+        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - begin;
+        return verdicts.IsFull() || spent.count() > kShrinkSeconds;
+    };
+    const auto shrink = [&](bool goesOn) {
+        Totals ignored;
+        std::size_t next = 0;
+        return Shrink(life, [&](const Life& candidate) {
+            if (next == verdicts.count) {
+                if (!goesOn || isOver()) {
+                    return false;
+                }
+                Patience(kShrinkPatienceSeconds);
+                verdicts.wentWrong[next] = Run(candidate, image, ignored, mistake).has_value();
+                ++verdicts.count;
+            }
+            return verdicts.wentWrong[next++];
+        });
+    };
+    while (!isOver()) {
+        const Ending ending = DoApart([&] {
+            (void)shrink(true);
+            return "done";
+        });
+        if (!ending.result.empty()) {
+            break;
+        }
+        verdicts.wentWrong[verdicts.count++] = true;  // the one that ended the process
+    }
+    return shrink(false);
+}
+
 // What the work in another process found or ended in; empty when it went well.
 std::optional<Mismatch> MismatchOf(const Ending& ending, const Totals& totals)
 {
@@ -180,12 +227,8 @@ std::optional<Finding> Search(const Budget& budget, const std::filesystem::path&
     const std::uint64_t number = totals.lives == 0 ? 0 : totals.lives - 1;  // 0: the image itself went wrong
     Finding finding{.seed = budget.seed, .number = number, .life = LifeOf(budget.seed, number), .mismatch = *seen};
     const auto fails = [&](const Life& life) { return RunApart(life, image, kShrinkPatienceSeconds, mistake); };
-    const auto begin = std::chrono::steady_clock::now();
     if (fails(finding.life)) {
-        finding.life = Shrink(finding.life, [&](const Life& candidate) {
-            const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - begin;
-            return spent.count() < kShrinkSeconds && fails(candidate).has_value();
-        });
+        finding.life = ShrinkApart(finding.life, image, mistake);
         finding.mismatch = fails(finding.life).value_or(Mismatch{0, "it does not fail again\n"});
     } else {
         finding.again = false;

@@ -30,7 +30,7 @@ struct Totals {
                                           Model::Mistake mistake = Model::Mistake::kNone);
 
 // Lives it in a process of its own: whatever ends that process, or keeps it for more than so many seconds, is a mismatch
-// too. Not while threads of this process run driver code.
+// too. As all that DoApart does, by a process of one thread.
 [[nodiscard]] std::optional<Mismatch> RunApart(const Life& life, const std::filesystem::path& image, double patience,
                                                Model::Mistake mistake = Model::Mistake::kNone);
 
@@ -60,8 +60,9 @@ struct Budget {
     double seconds = 0;       // 0: no bound
 };
 
-// Lives the lives of a seed until one goes wrong or the budget is spent: all in one process apart, for its pace; those
-// by which the found one is shrunk in one each. Throws host::HostError when the image is refused.
+// Lives the lives of a seed until one goes wrong or the budget is spent, and then those by which that one is shrunk, in
+// processes apart; a new one begins only where a life has ended the one before. Throws host::HostError when the image is
+// refused.
 [[nodiscard]] std::optional<Finding> Search(const Budget& budget, const std::filesystem::path& image, Totals& totals,
                                             Model::Mistake mistake = Model::Mistake::kNone);
 
