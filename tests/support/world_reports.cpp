@@ -1,6 +1,8 @@
 // What the driver reported, in words, and what must hold for all of it.
 #include "tests/support/world.h"
 
+#include "tests/support/one_report.h"
+
 #include <algorithm>
 #include <map>
 
@@ -88,38 +90,6 @@ Lines World::TakeRecords()
     return lines;
 }
 
-namespace {
-
-using Numbers = std::vector<std::uint64_t>;
-
-// A GUID counts by its first number.
-Numbers NumbersOf(const host::tracing::DecodedEvent& event)
-{
-    using host::tracing::FieldType;
-    Numbers numbers;
-    for (const auto& field : event.fields) {
-        if (field.type == FieldType::kGuid) {
-            numbers.push_back(host::tracing::ParseGuid(field.text)->Data1);
-        } else if (field.type != FieldType::kAnsiString) {
-            numbers.push_back(field.number);
-        }
-    }
-    return numbers;
-}
-
-Numbers NumbersOf(const host::tracing::CapturedMessage& message)
-{
-    Numbers numbers;
-    std::size_t at = 0;
-    for (const std::uint32_t size : message.argumentSizes) {
-        memcpy(&numbers.emplace_back(0), message.payload.data() + at, std::min<std::size_t>(size, 8));
-        at += size;
-    }
-    return numbers;
-}
-
-}  // namespace
-
 // An error event and its trace message are one report: same site, same values, one right behind the other. All must
 // decode.
 void World::CheckReports()
@@ -127,26 +97,20 @@ void World::CheckReports()
     if (!options_.records) {
         return;
     }
-    std::map<std::uint64_t, std::pair<std::string, Numbers>> errorMessages;
+    std::map<std::uint64_t, std::pair<host::tracing::CapturedMessage, host::tracing::DecodedMessage>> messages;
     for (const auto& message : machine.tracing().Messages()) {
         const auto decoded = formats_.Decode(message);
         ASSERT_TRUE(decoded) << "trace message " << message.number << " does not decode";
-        if (decoded->level == "TRACE_LEVEL_ERROR" || decoded->level == "TRACE_LEVEL_WARNING") {
-            errorMessages[message.order] = {decoded->function, NumbersOf(message)};
-        }
+        messages[message.order] = {message, *decoded};
     }
     for (const auto& event : machine.tracing().Events()) {
         const auto decoded = manifest_.Decode(event);
         ASSERT_TRUE(decoded) << "event " << event.descriptor.Id << " does not decode";
         EXPECT_EQ(decoded->level, manifest_.events().at(decoded->id).level);
         if (decoded->level == 2) {
-            const auto message = errorMessages.find(event.order + 1);
-            ASSERT_NE(message, errorMessages.end()) << "no trace message behind: " << decoded->message;
-            const auto& [function, numbers] = message->second;
-            EXPECT_EQ(function, decoded->fields[0].text);
-            if (!numbers.empty()) {  // some messages are bare
-                EXPECT_EQ(numbers, NumbersOf(*decoded)) << decoded->message;
-            }
+            const auto message = messages.find(event.order + 1);
+            ASSERT_NE(message, messages.end()) << "no trace message behind: " << decoded->message;
+            EXPECT_EQ(DifferenceOf(*decoded, message->second.first, message->second.second), "");
         }
     }
 }

@@ -1,5 +1,6 @@
 #include "tests/sweep/actual.h"
 
+#include "tests/support/one_report.h"
 #include "tests/support/reports_seen.h"
 #include "tests/sweep/clients.h"
 #include "tools/layout/lock_order.h"
@@ -41,6 +42,11 @@ host::checks::FaultForm HostForm(Form form)
 bool ShowsDetail(const std::string& function)
 {
     return function == "WdfObjectGetTypedContextWorker" || function == "WdfObjectCreate";
+}
+
+bool IsHandle(const host::tracing::DecodedField& field)
+{
+    return field.name == "Object" || field.name == "Collection";
 }
 
 }  // namespace
@@ -103,9 +109,16 @@ void Actual::OnEvent(const host::tracing::CapturedEvent& event)
         badRecords_.push_back("event " + std::to_string(event.descriptor.Id) + " does not decode");
         return;
     }
-    if (!pendingFunction_.empty()) {
-        badRecords_.push_back("no trace message behind an error event of " + pendingFunction_);
-        pendingFunction_.clear();
+    if (pending_) {
+        badRecords_.push_back("no trace message behind \"" + pending_->message + "\"");
+        pending_.reset();
+    }
+    if (options_.keepsRecords) {
+        std::string record = "E" + std::to_string(decoded->id);
+        for (const auto& field : decoded->fields) {
+            record += IsHandle(field) ? "" : " " + field.text;
+        }
+        records_.push_back(record);
     }
     constexpr std::uint8_t kError = 2;
     constexpr std::uint8_t kWarning = 3;
@@ -113,13 +126,12 @@ void Actual::OnEvent(const host::tracing::CapturedEvent& event)
         return;
     }
     if (decoded->level == kError) {
-        pendingFunction_ = decoded->fields[0].text;
+        pending_ = decoded;
     }
     std::string line = std::to_string(decoded->id) + " " + decoded->fields[0].text + ":";
     for (std::size_t index = 1; index < decoded->fields.size(); ++index) {
         const auto& field = decoded->fields[index];
-        const bool isHandle = field.name == "Object" || field.name == "Collection";
-        line += (index == 1 ? " " : ", ") + (isHandle ? NameOf(field.number) : field.text);
+        line += (index == 1 ? " " : ", ") + (IsHandle(field) ? NameOf(field.number) : field.text);
     }
     step_.reports.push_back(line);
 }
@@ -132,13 +144,19 @@ void Actual::OnMessage(const host::tracing::CapturedMessage& message)
         badRecords_.push_back("message " + std::to_string(message.number) + " does not decode");
         return;
     }
-    if (!pendingFunction_.empty()) {
-        const bool isItsOwn = decoded->function == pendingFunction_ &&
-                              (decoded->level == "TRACE_LEVEL_ERROR" || decoded->level == "TRACE_LEVEL_WARNING");
-        if (!isItsOwn) {
-            badRecords_.push_back("behind an error event of " + pendingFunction_ + " comes " + decoded->text);
+    if (options_.keepsRecords) {
+        std::string record = "M" + std::to_string(message.number) + " " + decoded->function;
+        for (const std::uint64_t number : tests::NumbersOf(message)) {
+            record += number > UINT32_MAX ? "" : " " + std::to_string(number);  // handles are larger
         }
-        pendingFunction_.clear();
+        records_.push_back(record);
+    }
+    if (pending_) {
+        const std::string difference = tests::DifferenceOf(*pending_, message, *decoded);
+        if (!difference.empty()) {
+            badRecords_.push_back(difference);
+        }
+        pending_.reset();
         return;
     }
     if (decoded->level == "TRACE_LEVEL_ERROR" && (step_.reports.empty() || !step_.reports.back().starts_with("22 "))) {

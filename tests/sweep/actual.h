@@ -27,6 +27,7 @@ struct Options {
     std::optional<Fault> fault;
     std::uint64_t hideAt = 0;  // the driver object is gone from this platform call (from 1) to the next; 0: never
     host::TraceRoutes routes = host::TraceRoutes::kClassic;
+    bool keepsRecords = false;
     std::function<void(std::uint64_t number, const host::ObservedCall&)> onCall;
 };
 
@@ -46,6 +47,8 @@ public:
     [[nodiscard]] host::Machine& machine() { return machine_; }
     // Every error event was followed by its own message, and every record decodes.
     [[nodiscard]] const Lines& badRecords() const { return badRecords_; }
+    // All events ("E...") and trace messages ("M...") of the life in order, without the handles; only if they are kept.
+    [[nodiscard]] const Lines& records() const { return records_; }
     // Leaves word of the reports so far, for the test that asks for all of them.
     void NoteReportsSeen();
 
@@ -69,9 +72,10 @@ private:
     host::FileId file_ = 0;
     std::uint64_t callNumber_ = 0;
     long driverReferences_ = 0;
-    std::string pendingFunction_;  // of an error event whose message has not come yet
+    std::optional<host::tracing::DecodedEvent> pending_;  // an error event whose message has not come yet
     std::set<Site> sites_;
     Lines badRecords_;
+    Lines records_;
     Step step_;
 };
 

@@ -45,17 +45,47 @@ void Compare(const char* what, const Lines& expected, const Lines& actual, std::
                   "\n    instead:" + (missing.empty() && surplus.empty() ? " another order" : Joined(surplus));
 }
 
-bool IsSubsequence(const Lines& part, const Lines& whole)
+// The kind of records that a fault in tracing costs, 'E' or 'M'; 0: none.
+char KindLost(const Fault& fault, host::TraceRoutes routes)
 {
-    auto at = whole.begin();
-    for (const std::string& line : part) {
-        at = std::find(at, whole.end(), line);
-        if (at == whole.end()) {
-            return false;
-        }
-        ++at;
+    if (fault.function == "EtwWrite" || fault.function == "EtwRegister") {
+        return 'E';
     }
-    return true;
+    if (fault.function == "MmGetSystemRoutineAddress") {
+        // Looked up in this order: version, writing, querying, the classic registration and its end. Without version or
+        // classic registration there is still the legacy route, which needs the query.
+        constexpr unsigned kWriting = 1;
+        constexpr unsigned kQuerying = 2;
+        const bool losesQuery = fault.index == kQuerying && (fault.sticky || routes == host::TraceRoutes::kLegacy);
+        const bool losesWriting = fault.index == kWriting || (fault.index < kWriting && fault.sticky);
+        return losesWriting || losesQuery ? 'M' : '\0';
+    }
+    const bool deregisters = fault.function == "IoWMIRegistrationControl" && fault.index != 0;
+    return deregisters || fault.function == "EtwUnregister" ? '\0' : 'M';
+}
+
+// What is left of the records of a life when tracing itself fails: all but the one whose write failed, or none of the
+// kind that has nowhere to go.
+Lines Remaining(Lines records, const Fault& fault, host::TraceRoutes routes)
+{
+    const char kind = KindLost(fault, routes);
+    const bool writes = fault.function == "EtwWrite" || fault.function == "WmiTraceMessage";
+    unsigned number = 0;
+    std::erase_if(records, [&](const std::string& record) {
+        return record.front() == kind && (!writes || number++ == fault.index || fault.sticky);
+    });
+    return records;
+}
+
+std::string FirstDifference(const Lines& expected, const Lines& actual)
+{
+    const auto at = std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end());
+    const auto text = [](const Lines& lines, auto position) { return position == lines.end() ? "none" : *position; };
+    return at.first == expected.end() && at.second == actual.end()
+               ? ""
+               : "  record " + std::to_string(at.first - expected.begin()) + " of " + std::to_string(expected.size()) +
+                     " should be " + text(expected, at.first) + ", but is " + text(actual, at.second) + " of " +
+                     std::to_string(actual.size());
 }
 
 // What unload cannot put right when tracing itself fails.
@@ -84,7 +114,7 @@ struct Plan {
     std::optional<Fault> fault = {};
     std::uint64_t hideAt = 0;
     host::TraceRoutes routes = host::TraceRoutes::kClassic;
-    bool deaf = false;  // the fault is in tracing: records may be missing, and nothing else may differ
+    const Lines* records = nullptr;  // of the life without fault: the fault is in tracing, and only records may differ
     std::function<void(const host::ObservedCall&, host::Machine&)> onCall = {};
 };
 
@@ -96,11 +126,16 @@ public:
 
     std::string difference;  // "" when all was as expected
     std::vector<Call> calls;
+    Lines records;
     std::vector<std::uint64_t> numbers;  // of the fallible calls among all platform calls
     std::uint64_t callCount = 0;
 
 private:
     Step Run(const Op& op);
+    [[nodiscard]] bool HasStruck() const
+    {
+        return plan_.records != nullptr ? actual_->StruckCount() != 0 : expected_.struck() != 0;
+    }
 
     const Plan& plan_;
     Expected expected_;
@@ -108,11 +143,12 @@ private:
 };
 
 Played::Played(const tests::Container& container, const Plan& plan, std::set<Site>& sites)
-    : plan_(plan), expected_(plan.deaf ? std::nullopt : plan.fault),
+    : plan_(plan), expected_(plan.records != nullptr ? std::nullopt : plan.fault),
       actual_(std::make_unique<Actual>(container,
                                        Options{.fault = plan.fault,
                                                .hideAt = plan.hideAt,
                                                .routes = plan.routes,
+                                               .keepsRecords = !plan.fault || plan.records != nullptr,
                                                .onCall = [this](std::uint64_t number, const host::ObservedCall& call) {
                                                    if (KindOf(call.function) == Kind::kFallible) {
                                                        numbers.push_back(number);
@@ -146,11 +182,19 @@ Played::Played(const tests::Container& container, const Plan& plan, std::set<Sit
             break;
         }
     }
-    if (difference.empty() && !plan.deaf && !actual_->badRecords().empty()) {
+    records = actual_->records();
+    std::size_t lostMessages = 0;
+    if (difference.empty() && plan.records != nullptr) {
+        const Lines remaining = Remaining(*plan.records, *plan.fault, plan.routes);
+        difference = FirstDifference(remaining, records);
+        const bool areMessages = KindLost(*plan.fault, plan.routes) == 'M';
+        lostMessages = areMessages ? plan.records->size() - remaining.size() : 0;
+    }
+    // An error event stands alone only where its message was lost.
+    if (difference.empty() && actual_->badRecords().size() > lostMessages) {
         difference = "  records:" + Joined(actual_->badRecords());
     }
-    const bool struck = plan.deaf ? actual_->StruckCount() != 0 : expected_.struck() != 0;
-    if (difference.empty() && plan.fault && !struck) {
+    if (difference.empty() && plan.fault && !HasStruck()) {
         difference = "  the fault was never reached";
     }
     calls = expected_.calls();
@@ -176,15 +220,10 @@ Step Played::Run(const Op& op)
     if (expected.status != actual.status) {
         difference += "\n    status " + expected.status + " expected, seen " + actual.status;
     }
-    if (plan_.deaf) {
-        // The trace message of a lost event stands alone, as do those of sites that have none.
-        std::erase_if(actual.reports, [](const std::string& line) { return line.starts_with("- "); });
-        if (op.what == Do::kUnload && plan_.fault) {
-            expected.violations = TracingLeftovers(*plan_.fault, actual_->StruckCount());
-        }
-    }
-    if (!plan_.deaf || !IsSubsequence(actual.reports, expected.reports)) {
-        Compare("reports", expected.reports, actual.reports, difference);
+    if (plan_.records == nullptr) {
+        Compare("reports", expected.reports, actual.reports, difference);  // else by all records, at the end
+    } else if (op.what == Do::kUnload) {
+        expected.violations = TracingLeftovers(*plan_.fault, actual_->StruckCount());
     }
     Compare("callbacks", expected.callbacks, actual.callbacks, difference);
     Compare("calls", expected.calls, actual.calls, difference);
@@ -197,7 +236,7 @@ Step Played::Run(const Op& op)
         difference += expected.ends ? "\n    it should stand still" : "\n    it stands still";
     }
     // Before the fault this life is the one without.
-    if (!plan_.fault || expected_.struck() != 0 || (plan_.deaf && op.what == Do::kRemove)) {
+    if (!plan_.fault || HasStruck()) {
         Compare("alive", expected_.Alive(), actual_->Alive(), difference);
     }
     return expected;
@@ -209,7 +248,7 @@ protected:
     {
         const Played played(GetParam(), plan, sites_);
         if (plan.fault) {
-            figures_.Count(*plan.fault, plan.deaf);
+            figures_.Count(*plan.fault, plan.records != nullptr);
         }
         if (!played.difference.empty() && failures_++ < kShownFailures) {
             ADD_FAILURE() << plan.Text() << "\n" << played.difference;
@@ -266,10 +305,16 @@ void Sweep::FailTracing(const Life& life, host::TraceRoutes routes)
             const Form form = function == "MmGetSystemRoutineAddress" ? Form::kNull : Form::kError;
             const bool isLeftOut = writes && Stride() != 1 && index % (10 * Stride()) != 0;
             if (!isLeftOut) {
-                Check({.life = life, .fault = Fault{function, index, false, form}, .routes = routes, .deaf = true});
+                Check({.life = life,
+                       .fault = Fault{function, index, false, form},
+                       .routes = routes,
+                       .records = &whole.records});
             }
             if (!writes || index == 0) {
-                Check({.life = life, .fault = Fault{function, index, true, form}, .routes = routes, .deaf = true});
+                Check({.life = life,
+                       .fault = Fault{function, index, true, form},
+                       .routes = routes,
+                       .records = &whole.records});
             }
         }
     }
