@@ -110,6 +110,10 @@ public:
     PlatformCall(const char* function, const void* caller, KIRQL maximum, const char* detail = "");
 
     [[nodiscard]] const std::optional<checks::Fault>& fault() const { return fault_; }
+    // Whether the fault, if any, keeps the function from its work; one that only informs does not.
+    [[nodiscard]] bool IsRefused() const { return fault_ && fault_->form != checks::FaultForm::kInforms; }
+    // What the function answers when it did its work.
+    [[nodiscard]] NTSTATUS Done() const { return fault_ && !IsRefused() ? fault_->status : STATUS_SUCCESS; }
     void Violation(checks::Rule rule, std::string message) const;
     [[nodiscard]] const char* function() const { return function_; }
     [[nodiscard]] const void* caller() const { return caller_; }

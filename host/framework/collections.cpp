@@ -30,7 +30,7 @@ ULONG NTAPI CollectionGetCount(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
 NTSTATUS NTAPI CollectionAdd(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, WDFOBJECT itemHandle)
 {
     const PlatformCall call("WdfCollectionAdd", HOST_CALLER, DISPATCH_LEVEL);
-    if (call.fault() && call.fault()->form != checks::FaultForm::kInforms) {
+    if (call.IsRefused()) {
         return call.fault()->status;
     }
     Framework& framework = Framework::Current();
@@ -42,7 +42,7 @@ NTSTATUS NTAPI CollectionAdd(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, WDFOBJEC
     }
     framework.Reference(*item);
     collection->items.push_back(item);
-    return Done(call);
+    return call.Done();
 }
 
 void NTAPI CollectionRemove(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, WDFOBJECT itemHandle)

@@ -199,7 +199,7 @@ void NTAPI DeviceSetStaticStopRemove(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, BOOL
 NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PCUNICODE_STRING name)
 {
     const PlatformCall call("WdfDeviceCreateSymbolicLink", HOST_CALLER, PASSIVE_LEVEL);
-    if (call.fault()) {
+    if (call.IsRefused()) {
         return call.fault()->status;
     }
     Framework& framework = Framework::Current();
@@ -216,7 +216,7 @@ NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, P
         return STATUS_OBJECT_NAME_COLLISION;
     }
     device->symbolicLink = link;
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 WDFQUEUE NTAPI DeviceGetDefaultQueue(PWDF_DRIVER_GLOBALS, WDFDEVICE handle)

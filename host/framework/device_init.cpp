@@ -44,14 +44,14 @@ void NTAPI DeviceInitSetIoType(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, WDF_DE
 NTSTATUS NTAPI DeviceInitAssignName(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, PCUNICODE_STRING name)
 {
     const PlatformCall call("WdfDeviceInitAssignName", HOST_CALLER, PASSIVE_LEVEL);
-    if (call.fault()) {
+    if (call.IsRefused()) {
         return call.fault()->status;
     }
     if (!IsUsable(call, init)) {
         return STATUS_INVALID_PARAMETER;
     }
     init->name = name == nullptr ? std::string() : kernel::Narrow(*name);
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 void NTAPI DeviceInitSetPnpPowerEventCallbacks(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init,
@@ -122,7 +122,7 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
     init.consumed = true;
     *initPointer = nullptr;
     *handle = static_cast<WDFDEVICE>(device.handle);
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 }  // namespace host::framework::functions

@@ -71,7 +71,7 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
                             PWDF_OBJECT_ATTRIBUTES attributes, PWDF_DRIVER_CONFIG config, WDFDRIVER* handle)
 {
     const PlatformCall call("WdfDriverCreate", HOST_CALLER, PASSIVE_LEVEL);
-    if (call.fault()) {
+    if (call.IsRefused()) {
         return call.fault()->status;
     }
     if (!Requires(call, driverObject, "DriverObject") || !Requires(call, registryPath, "RegistryPath") ||
@@ -117,7 +117,7 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
         *handle = driver;
     }
     globals->Driver = driver;
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 PDRIVER_OBJECT NTAPI DriverWdmGetDriverObject(PWDF_DRIVER_GLOBALS, WDFDRIVER handle)

@@ -11,8 +11,7 @@ namespace host::framework::functions {
 template <class Handle>
 std::optional<NTSTATUS> Injected(const PlatformCall& call, Handle* output)
 {
-    if (!call.fault() || call.fault()->form == checks::FaultForm::kNull ||
-        call.fault()->form == checks::FaultForm::kInforms) {
+    if (!call.IsRefused() || call.fault()->form == checks::FaultForm::kNull) {
         return std::nullopt;
     }
     if (call.fault()->form == checks::FaultForm::kStatus) {
@@ -22,12 +21,6 @@ std::optional<NTSTATUS> Injected(const PlatformCall& call, Handle* output)
         *output = nullptr;
     }
     return STATUS_SUCCESS;
-}
-
-// What a call that did its work answers.
-inline NTSTATUS Done(const PlatformCall& call)
-{
-    return call.fault() && call.fault()->form == checks::FaultForm::kInforms ? call.fault()->status : STATUS_SUCCESS;
 }
 
 // Creation of an object whose attributes are optional and whose default parent is the driver object.
@@ -62,7 +55,7 @@ NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, con
     framework.ApplyAttributes(created, attributes);
     framework.Register(std::move(object), parent);
     *handle = static_cast<Handle>(created.handle);
-    return Done(call);
+    return call.Done();
 }
 
 // objects.cpp

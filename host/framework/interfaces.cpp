@@ -75,7 +75,7 @@ NTSTATUS NTAPI DeviceCreateDeviceInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle
                                            PCUNICODE_STRING referenceString)
 {
     const PlatformCall call("WdfDeviceCreateDeviceInterface", HOST_CALLER, PASSIVE_LEVEL);
-    if (call.fault()) {
+    if (call.IsRefused()) {
         return call.fault()->status;
     }
     Framework& framework = Framework::Current();
@@ -85,7 +85,7 @@ NTSTATUS NTAPI DeviceCreateDeviceInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle
         return STATUS_INVALID_PARAMETER;
     }
     device->interfaces.push_back({*interfaceClass, TextOf(referenceString), device->stage == DeviceStage::kStarted});
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 void NTAPI DeviceSetDeviceInterfaceState(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, const GUID* interfaceClass,
@@ -111,7 +111,7 @@ void NTAPI DeviceSetDeviceInterfaceState(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, 
 NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PWDF_QUERY_INTERFACE_CONFIG config)
 {
     const PlatformCall call("WdfDeviceAddQueryInterface", HOST_CALLER, PASSIVE_LEVEL);
-    if (call.fault()) {
+    if (call.IsRefused()) {
         return call.fault()->status;
     }
     Framework& framework = Framework::Current();
@@ -146,7 +146,7 @@ NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PW
         }
     }
     device->queryInterfaces.push_back(std::move(entry));
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 }  // namespace functions

@@ -50,7 +50,7 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
 {
     const std::string text = name != nullptr && name->Buffer != nullptr ? kernel::Narrow(*name) : std::string();
     const PlatformCall call("WdfRegistryQueryULong", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
-    if (call.fault()) {
+    if (call.IsRefused()) {
         return call.fault()->status;
     }
     Framework& framework = Framework::Current();
@@ -71,7 +71,7 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
     std::memcpy(value, found->data.data(), sizeof(ULONG));
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 NTSTATUS NTAPI RegistryAssignULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, ULONG value)

@@ -248,7 +248,7 @@ NTSTATUS NTAPI ObjectAllocateContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PWDF
     if (memory != nullptr) {
         *memory = context.memory;
     }
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 WDFOBJECT NTAPI ObjectContextGetObject(PWDF_DRIVER_GLOBALS, PVOID memory)

@@ -104,7 +104,7 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     if (handle != nullptr) {
         *handle = static_cast<WDFQUEUE>(queue.handle);
     }
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 WDFDEVICE NTAPI IoQueueGetDevice(PWDF_DRIVER_GLOBALS, WDFQUEUE handle)

@@ -196,7 +196,7 @@ NTSTATUS NTAPI WorkItemCreate(PWDF_DRIVER_GLOBALS globals, PWDF_WORKITEM_CONFIG 
     framework.ApplyAttributes(item, attributes);
     framework.Register(std::move(object), parent);
     *handle = static_cast<WDFWORKITEM>(item.handle);
-    return Done(call);
+    return call.Done();
 }
 
 void NTAPI WorkItemEnqueue(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)

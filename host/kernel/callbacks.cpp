@@ -29,7 +29,7 @@ __attribute__((visibility("default"), used)) NTSTATUS NTAPI ExCreateCallback(PCA
                                                                              BOOLEAN allowMultipleCallbacks)
 {
     const PlatformCall call("ExCreateCallback", HOST_CALLER, APC_LEVEL);
-    if (call.fault()) {
+    if (call.IsRefused()) {
         return call.fault()->status;
     }
     if (attributes == nullptr || attributes->Length != sizeof(OBJECT_ATTRIBUTES) || attributes->ObjectName == nullptr) {
@@ -55,7 +55,7 @@ __attribute__((visibility("default"), used)) NTSTATUS NTAPI ExCreateCallback(PCA
     ++object->references;
     object->openedBy.push_back(call.caller());
     *callbackObject = AsHandle<PCALLBACK_OBJECT>(object->handle);
-    return STATUS_SUCCESS;
+    return call.Done();
 }
 
 __attribute__((visibility("default"), used)) PVOID NTAPI ExRegisterCallback(PCALLBACK_OBJECT callbackObject,

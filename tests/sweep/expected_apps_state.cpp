@@ -111,7 +111,7 @@ void Expected::Power(ULONG argument)
         Report(name + "WdfDriverOpenParametersRegistryKey failed with status NULL?!");
         return;
     }
-    if (!NT_SUCCESS(Status("WdfRegistryQueryULong"))) {
+    if (!NT_SUCCESS(Status("WdfRegistryQueryULong", kMaking))) {
         Report(name + "WdfRegistryQueryULong returned NULL?!");
         return;
     }
