@@ -49,6 +49,21 @@ bool IsHandle(const host::tracing::DecodedField& field)
     return field.name == "Object" || field.name == "Collection";
 }
 
+// Whether function and words tell the site; some functions say the same in two places.
+bool IsTold(const host::tracing::CapturedMessage& message, const host::tracing::DecodedMessage& decoded)
+{
+    static const auto counts = [] {
+        std::map<std::pair<std::string, std::string>, unsigned> made;
+        for (const auto& [key, format] : TheFormats().formats()) {
+            ++made[{format.function, format.text}];
+        }
+        return made;
+    }();
+    const std::string set = host::tracing::GuidText(message.messageGuid);
+    const auto& format = TheFormats().formats().at({set.substr(1, set.size() - 2), decoded.number});
+    return counts.at({format.function, format.text}) == 1;
+}
+
 }  // namespace
 
 Actual::Actual(const tests::Container& container, Options options)
@@ -155,6 +170,10 @@ void Actual::OnMessage(const host::tracing::CapturedMessage& message)
         const std::string difference = tests::DifferenceOf(*pending_, message, *decoded);
         if (!difference.empty()) {
             badRecords_.push_back(difference);
+        }
+        if (!IsTold(message, *decoded)) {
+            std::string& line = step_.reports.back();
+            line.insert(line.find(' '), "/" + std::to_string(message.number));
         }
         pending_.reset();
         return;

@@ -17,7 +17,7 @@ NTSTATUS Expected::Broadcast()
     status = Create("");
     if (!NT_SUCCESS(status)) {
         Release("clients");
-        return Fails("1 " + name + "WdfObjectCreate", status);
+        return Fails("1/186 " + name + "WdfObjectCreate", status);
     }
     const Ref parent = Make("general", driver_);
     status = Status("WdfCollectionCreate", kMaking);
@@ -36,7 +36,7 @@ NTSTATUS Expected::Broadcast()
     for (std::size_t index = 0; index < count; ++index) {
         const Ref client = Item(clients_, index);
         if (client == nullptr) {
-            Report("5 " + name + "WdfCollectionGetItem, " + std::to_string(index) + ", <clients>, " +
+            Report("5/188 " + name + "WdfCollectionGetItem, " + std::to_string(index) + ", <clients>, " +
                    std::to_string(count));
             continue;
         }
@@ -56,12 +56,12 @@ NTSTATUS Expected::Broadcast()
         }
         status = Create(kState);
         if (!NT_SUCCESS(status)) {
-            Fails("1 " + name + "WdfObjectCreate", status);
+            Fails("1/191 " + name + "WdfObjectCreate", status);
             continue;
         }
         const Ref record = Make("state", driver_);
         if (!HasContext(kState)) {
-            Report("6 " + name + "State notification context, <state>");
+            Report("6/192 " + name + "State notification context, <state>");
             deleteParent();  // not the new object
             continue;
         }
@@ -79,11 +79,11 @@ NTSTATUS Expected::Broadcast()
     for (std::size_t index = 0; index < answerCount; ++index) {
         const Ref record = Item(answers, index);
         if (record == nullptr) {
-            Report("5 " + name + "WdfCollectionGetItem, 0, <collection>, " + std::to_string(answerCount));
+            Report("5/194 " + name + "WdfCollectionGetItem, 0, <collection>, " + std::to_string(answerCount));
             continue;
         }
         if (!HasContext(kState)) {
-            Report("6 " + name + "State notification context, <state>");
+            Report("6/195 " + name + "State notification context, <state>");
             deleteParent();
             continue;
         }

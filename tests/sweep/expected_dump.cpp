@@ -18,7 +18,7 @@ NTSTATUS Expected::Attach(bool record)
     if (!record) {
         return Fails("2 " + name + "ZepClientAdd or ZepClientRemove is NULL!", STATUS_INVALID_PARAMETER);
     }
-    if (!Driver("2 " + name + "WdfGetDriver returned NULL?!, 0xC0000185",
+    if (!Driver("2/212 " + name + "WdfGetDriver returned NULL?!, 0xC0000185",
                 "7 " + name + "Driver object context, <driver>, 0xC0000185")) {
         return STATUS_IO_DEVICE_ERROR;
     }

@@ -95,7 +95,7 @@ void Expected::NotifyStates()
             break;
         }
         if (!HasContext(kState)) {
-            Report("6 " + name + "State context, <state>");
+            Report("6/145 " + name + "State context, <state>");
             Release("states");
             break;  // it stays first in the queue
         }
@@ -117,7 +117,7 @@ bool Expected::DeliverState(const Thing& state)
     for (std::size_t index = 0; index < clients_->items.size(); ++index) {
         const Ref client = Item(clients_, index);
         if (client == nullptr) {
-            Report("5 " + name + "WdfCollectionGetItem, " + std::to_string(index) + ", <clients>, " +
+            Report("5/146 " + name + "WdfCollectionGetItem, " + std::to_string(index) + ", <clients>, " +
                    std::to_string(clients_->items.size()));
             return false;
         }
@@ -132,7 +132,7 @@ bool Expected::DeliverState(const Thing& state)
         for (std::size_t at = 0; at < registrations->items.size(); ++at) {
             const Ref registration = Item(registrations, at);
             if (registration == nullptr) {
-                Report("5 " + name + "WdfCollectionGetItem, " + std::to_string(at) + ", <collection>, " +
+                Report("5/148 " + name + "WdfCollectionGetItem, " + std::to_string(at) + ", <collection>, " +
                        std::to_string(registrations->items.size()));
                 return false;
             }
@@ -169,7 +169,7 @@ bool Expected::QueueFollowUp(const Ref& subscriber, ULONG state)
     }
     const Ref record = Make("state", subscriber);
     if (!HasContext(kState)) {
-        Report("6 " + name + "State context, <state>");
+        Report("6/153 " + name + "State context, <state>");
         Delete(record);
         return false;
     }
