@@ -15,11 +15,13 @@ NTSTATUS Expected::Send(ULONG sender, ULONG target, ULONG id)
     }
     const Ref source = Lookup(sender, true);
     if (source == nullptr) {
-        return Fails("12/160 " + name + "Unable to find client with , " + GuidText(sender), STATUS_INVALID_DEVICE_REQUEST);
+        return Fails("12/160 " + name + "Unable to find client with , " + GuidText(sender),
+                     STATUS_INVALID_DEVICE_REQUEST);
     }
     const Ref peer = Lookup(target, true);
     if (peer == nullptr) {
-        return Fails("12/161 " + name + "Unable to find client with , " + GuidText(target), STATUS_INVALID_DEVICE_REQUEST);
+        return Fails("12/161 " + name + "Unable to find client with , " + GuidText(target),
+                     STATUS_INVALID_DEVICE_REQUEST);
     }
     if ((peer->traits & kCommands) == 0) {
         return Fails("12 " + name + "No command callback function for target client with , " + GuidText(target),

@@ -233,11 +233,13 @@ NTSTATUS Expected::Subscribe(ULONG number, ULONG target, ULONG state)
     const Ref subscriber = Lookup(number, false);
     if (subscriber == nullptr) {
         Release("clients");
-        return Fails("12/110 " + name + "Unable to find client with , " + GuidText(number), STATUS_ZEP_NOTIFIER_NO_DRIVER);
+        return Fails("12/110 " + name + "Unable to find client with , " + GuidText(number),
+                     STATUS_ZEP_NOTIFIER_NO_DRIVER);
     }
     const Ref watched = Lookup(target, false);
     if (watched == nullptr) {
-        Fails("12/111 " + name + "Unable to find client with , " + GuidText(number), STATUS_SUCCESS);  // the subscriber's
+        Fails("12/111 " + name + "Unable to find client with , " + GuidText(number),
+              STATUS_SUCCESS);  // the subscriber's
     }
     status = Create(kRegistration);
     if (!NT_SUCCESS(status)) {
@@ -294,7 +296,8 @@ NTSTATUS Expected::Unsubscribe(ULONG number, ULONG target, ULONG state)
     const Ref subscriber = Lookup(number, false);
     if (subscriber == nullptr) {
         Release("clients");
-        return Fails("12/121 Notifier_HelperRegisterForStateNotification: Unable to find client with , " + GuidText(number),
+        return Fails("12/121 Notifier_HelperRegisterForStateNotification: Unable to find client with , " +
+                         GuidText(number),
                      STATUS_ZEP_NOTIFIER_NO_DRIVER);
     }
     const Ref registrations = subscriber->registrations.lock();
