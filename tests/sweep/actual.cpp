@@ -105,7 +105,11 @@ void Actual::OnCall(const host::ObservedCall& call)
             machine_.faults().onHideDriver(false);
         }
     }
-    if (KindOf(call.function) == Kind::kFallible) {
+    const std::optional<Kind> kind = KindOf(call.function);
+    if (!kind) {
+        step_.violations.push_back(std::string(call.function) + " is in no table");
+    }
+    if (kind == Kind::kFallible) {
         const bool detailed = ShowsDetail(call.function) && *call.detail != '\0';
         step_.calls.push_back(std::string(call.function) + (detailed ? std::string(" ") + call.detail : ""));
     }

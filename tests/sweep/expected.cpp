@@ -4,6 +4,14 @@
 
 namespace sweep {
 
+Expected Expected::Again() const
+{
+    Expected again(std::nullopt);
+    again.poolBlocks_ = poolBlocks_;
+    again.secondDeletes_ = secondDeletes_;
+    return again;
+}
+
 bool Expected::Allows(Do what) const
 {
     switch (what) {

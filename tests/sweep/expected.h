@@ -55,6 +55,8 @@ class Expected {
 public:
     explicit Expected(std::optional<Fault> fault) : fault_(std::move(fault)) {}
 
+    // Of the image loaded again, without a fault: what leaked and what was deleted twice stays.
+    [[nodiscard]] Expected Again() const;
     // Whether the life, as far as it came, allows the operation.
     [[nodiscard]] bool Allows(Do what) const;
     Step Run(const Op& op);

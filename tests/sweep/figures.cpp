@@ -58,7 +58,7 @@ void Figures::Write(const std::string& container, const std::string& kind, const
 {
     std::ostringstream text;
     text << "sweep on " << container << ", " << kind << ": " << callCount << " platform calls in a life, "
-         << foreseenCallCount << " of them failed on";
+         << foreseenCallCount << " of them failed on, and " << lookupCount << " look-ups of the driver object";
     if (paths != 0) {
         text << "; " << paths << " call paths";
     }
@@ -69,7 +69,13 @@ void Figures::Write(const std::string& container, const std::string& kind, const
         separator = "; ";
     }
     const std::size_t sites = Formats().formats().size();
-    text << "); " << sites - Unreached(reached).size() << " of " << sites << " reporting sites reached\n";
+    const Lines unreached = Unreached(reached);
+    text << "); " << sites - unreached.size() << " of " << sites << " reporting sites reached";
+    constexpr std::size_t kNamed = 5;
+    for (std::size_t index = 0; unreached.size() <= kNamed && index < unreached.size(); ++index) {
+        text << (index == 0 ? ", not: " : "; ") << unreached[index];
+    }
+    text << "\n";
     std::cout << text.str();
     std::filesystem::create_directories(ZEPN_FIGURES);
     std::ofstream(std::string(ZEPN_FIGURES) + "/sweep-" + container + "-" + kind + ".txt") << text.str();

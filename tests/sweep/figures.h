@@ -21,6 +21,7 @@ public:
 
     std::size_t callCount = 0;          // platform calls in a whole life
     std::size_t foreseenCallCount = 0;  // of which fail for the driver to notice
+    std::size_t lookupCount = 0;        // of the driver object, which takes no call and fails too
     std::size_t paths = 0;              // 0: not known on this container
 
 private:

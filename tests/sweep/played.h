@@ -1,0 +1,51 @@
+// A life played on both sides, the real driver and the expectation, and what tells them apart.
+#pragma once
+
+#include "tests/sweep/actual.h"
+#include "tests/sweep/expected.h"
+
+#include <memory>
+
+namespace sweep {
+
+struct Plan {
+    [[nodiscard]] std::string Text() const { return fault ? fault->Text() : "without a fault"; }
+
+    const Life& life;
+    std::optional<Fault> fault = {};
+    std::uint64_t hideAt = 0;
+    host::TraceRoutes routes = host::TraceRoutes::kClassic;
+    const Lines* records = nullptr;  // of the life without fault: the fault is in tracing, and only records may differ
+    std::function<void(const host::ObservedCall&, host::Machine&)> onCall = {};
+};
+
+// One life, played on both sides.
+class Played {
+public:
+    // Adds the sites that it reaches; a life that reaches new ones leaves word of its reports.
+    Played(const tests::Container& container, const Plan& plan, std::set<Site>& sites);
+
+    std::string difference;  // "" when all was as expected
+    std::vector<Call> calls;
+    Lines records;
+    std::vector<std::uint64_t> numbers;  // of the fallible calls among all platform calls
+    std::uint64_t callCount = 0;
+
+private:
+    void Live(const Life& life);
+    Step Run(const Op& op);
+    void CompareRecords();
+    [[nodiscard]] bool HasStruck() const
+    {
+        return plan_.records != nullptr ? actual_->StruckCount() != 0 : expected_.struck() != 0;
+    }
+
+    const char* const container_;
+    const Plan& plan_;
+    bool reloaded_ = false;     // the fault is over, and the image has been loaded once more
+    bool struckAtEnd_ = false;  // by removal or unload
+    Expected expected_;
+    std::unique_ptr<Actual> actual_;  // for as long as the life lasts: one machine at a time
+};
+
+}  // namespace sweep
