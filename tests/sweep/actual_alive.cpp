@@ -104,15 +104,12 @@ Lines Actual::Alive()
         if (view.type == ObjectType::kDriver) {
             continue;
         }
-        std::string line = Describe(view);
-        if (view.type == ObjectType::kGeneral || view.type == ObjectType::kCollection) {
-            const auto parent = inspect.Find(view.parent);
-            if (parent && parent->type == ObjectType::kGeneral) {
-                const auto client = inspect.Context<layout::ClientContext>(parent->handle, layout::kClientContextName);
-                line += client ? " of client " + std::to_string(client->guid.Data1) : " of general 0";
-            }
+        std::string parentName = "nobody";
+        if (const auto parent = inspect.Find(view.parent)) {
+            const auto client = inspect.Context<layout::ClientContext>(parent->handle, layout::kClientContextName);
+            parentName = client ? "client " + std::to_string(client->guid.Data1) : Describe(*parent);
         }
-        lines.push_back(line);
+        lines.push_back(Describe(view) + " of " + parentName);
     }
     std::sort(lines.begin(), lines.end());
     const std::pair<WDFCOLLECTION, const char*> kCollections[] = {{context.clients, "clients"},

@@ -313,17 +313,14 @@ Lines Expected::Alive() const
         if (thing == nullptr || thing == driver_) {
             continue;
         }
-        std::string line = Text(*thing);
-        if (thing->parent != nullptr) {
-            line += thing->parent == driver_.get()
-                        ? ""
-                        : " of " + thing->parent->kind + " " + std::to_string(thing->parent->number);
-        }
-        lines.push_back(line);
+        const std::string parent = thing->parent == nullptr          ? "nobody"
+                                   : thing->parent->kind == "client" ? "client " + std::to_string(thing->parent->number)
+                                                                     : thing->parent->kind;
+        lines.push_back(Text(*thing) + " of " + parent);
     }
     for (const auto& [name, count] : others_) {
         for (int index = 0; index < count; ++index) {
-            lines.push_back(name);
+            lines.push_back(name + (name == "wait lock" || name == "device" ? " of driver" : " of device"));
         }
     }
     std::sort(lines.begin(), lines.end());
