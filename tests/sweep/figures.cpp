@@ -48,7 +48,8 @@ Lines Figures::Unreached(const std::set<Site>& reached)
     for (const auto& [key, format] : Formats().formats()) {
         const auto guid = host::tracing::ParseGuid(key.first);
         if (!guid || !reached.contains({guid->Data1, key.second})) {
-            lines.push_back(std::to_string(key.second) + " " + format.function + ": " + format.text);
+            const std::string text = format.text.substr(format.text.starts_with("%0") ? 2 : 0);
+            lines.push_back(std::to_string(key.second) + " " + format.function + ": " + text);
         }
     }
     return lines;
