@@ -131,12 +131,13 @@ void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
 {
     using checks::Rule;
     const std::lock_guard lock(mutex);
-    for (const auto& [address, block] : pool) {
+    for (auto& [address, block] : pool) {
         if (Lies(block.caller, imageBase, imageSizeBytes)) {
             environment.Report(Rule::kLeak, "unload",
                                std::to_string(block.sizeBytes) + " bytes of pool with tag \"" + TagText(block.tag) +
                                    "\" were not freed",
                                block.caller);
+            block.caller = nullptr;  // not the fault of an image that is loaded to the same place later
         }
     }
     for (const auto& object : callbackObjects) {

@@ -32,7 +32,7 @@ struct PoolBlock {
     std::size_t sizeBytes;
     std::uint32_t tag;
     bool paged;
-    const void* caller;  // where in the image it was allocated
+    const void* caller;     // where in the image it was allocated; null once that image has gone without freeing it
     bool bySystem = false;  // on the driver's behalf: the driver frees it without its tag
 };
 

@@ -7,7 +7,7 @@ namespace sweep {
 Expected Expected::Again() const
 {
     Expected again(std::nullopt);
-    again.poolBlocks_ = poolBlocks_;
+    again.leakedBlocks_ = leakedBlocks_ + poolBlocks_;
     again.secondDeletes_ = secondDeletes_;
     return again;
 }
@@ -334,7 +334,7 @@ Lines Expected::Alive() const
     lines.push_back(std::string("driver referenced ") + (reference_ ? "1" : "0"));
     lines.push_back("context fields " + std::to_string(fields_.size()));
     lines.push_back("second deletes " + std::to_string(secondDeletes_));
-    lines.push_back("pool " + std::to_string(poolBlocks_));
+    lines.push_back("pool " + std::to_string(leakedBlocks_ + poolBlocks_));
     std::string text = "held";
     for (const std::string& lock : held_) {
         text += " " + lock;

@@ -146,6 +146,7 @@ private:
     Lines queue_;
     std::set<std::string> fields_;  // of the driver context, filled by device add
     unsigned poolBlocks_ = 0;
+    unsigned leakedBlocks_ = 0;  // of lives before
     unsigned secondDeletes_ = 0;
     bool loaded_ = false;
     bool device_ = false;
