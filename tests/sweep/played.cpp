@@ -102,7 +102,7 @@ Lines TracingLeftovers(const Fault& fault, unsigned struckCount)
 }  // namespace
 
 Played::Played(const tests::Container& container, const Plan& plan, std::set<Site>& sites)
-    : container_(container.name), plan_(plan), expected_(plan.records != nullptr ? std::nullopt : plan.fault),
+    : plan_(plan), expected_(plan.records != nullptr ? std::nullopt : plan.fault),
       actual_(std::make_unique<Actual>(container,
                                        Options{.fault = plan.fault,
                                                .hideAt = plan.hideAt,
@@ -117,6 +117,10 @@ Played::Played(const tests::Container& container, const Plan& plan, std::set<Sit
                                                    }
                                                }}))
 {
+    const host::checks::LastWords words([this, &container] {
+        return std::string("sweep on ") + container.name + ": " + plan_.Text() + "; " + Where() + ", platform call " +
+               std::to_string(actual_ ? actual_->calls() : callCount);
+    });
     Live(plan.life);
     CompareRecords();
     if (difference.empty() && plan.fault && !HasStruck()) {
@@ -139,20 +143,11 @@ Played::Played(const tests::Container& container, const Plan& plan, std::set<Sit
     actual_.reset();
 }
 
-void Played::Live(const Life& life)
+void Played::Live(Life life)
 {
-    std::size_t index = 0;
-    const auto where = [&] {
-        return std::string(reloaded_ ? "after it, loaded again, " : "") + "operation " + std::to_string(index) + " (" +
-               Text(life[index]) + ")";
-    };
-    const host::checks::LastWords words([&] {
-        return std::string("sweep on ") + container_ + ": " + plan_.Text() + "; " +
-               (index < life.size() ? where() : "the life's end") + ", platform call " +
-               std::to_string(actual_->calls());
-    });
-    for (; index < life.size() && difference.empty(); ++index) {
-        const Op& op = life[index];
+    life_ = std::move(life);
+    for (index_ = 0; index_ < life_.size() && difference.empty(); ++index_) {
+        const Op& op = life_[index_];
         if (!expected_.Allows(op.what)) {
             continue;
         }
@@ -165,12 +160,19 @@ void Played::Live(const Life& life)
             step = Run(op);  // what failed once must be possible now
         }
         if (!difference.empty()) {
-            difference = "  " + where() + difference;
+            difference = "  " + Where() + difference;
         }
         if (step.ends) {
             break;
         }
     }
+}
+
+std::string Played::Where() const
+{
+    return std::string(reloaded_ ? "after it, loaded again, " : "") +
+           (index_ < life_.size() ? "operation " + std::to_string(index_) + " (" + Text(life_[index_]) + ")"
+                                  : "the life's end");
 }
 
 void Played::CompareRecords()

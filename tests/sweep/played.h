@@ -32,16 +32,18 @@ public:
     std::uint64_t callCount = 0;
 
 private:
-    void Live(const Life& life);
+    void Live(Life life);
     Step Run(const Op& op);
     void CompareRecords();
+    [[nodiscard]] std::string Where() const;  // the operation under way
     [[nodiscard]] bool HasStruck() const
     {
         return plan_.records != nullptr ? actual_->StruckCount() != 0 : expected_.struck() != 0;
     }
 
-    const char* const container_;
     const Plan& plan_;
+    Life life_;                 // under way
+    std::size_t index_ = 0;     // in the life
     bool reloaded_ = false;     // the fault is over, and the image has been loaded once more
     bool struckAtEnd_ = false;  // by removal or unload
     Expected expected_;
