@@ -3,11 +3,32 @@
 #include "tools/layout/contexts.h"
 
 #include <algorithm>
+#include <cstring>
+#include <map>
+#include <optional>
 
 namespace sweep {
 
 using host::framework::ObjectType;
 using host::framework::ObjectView;
+
+namespace {
+
+// An object's context of this type; none when it has no such.
+template <class T>
+std::optional<T> ContextOf(const ObjectView& view, const char* typeName)
+{
+    for (const auto& context : view.contexts) {
+        if (context.typeName == typeName && context.bytes.size() == sizeof(T)) {
+            T copy;
+            std::memcpy(&copy, context.bytes.data(), sizeof(T));
+            return copy;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
 
 std::string Actual::NameOf(std::uint64_t handle)
 {
@@ -51,7 +72,7 @@ std::string Actual::Describe(const ObjectView& view)
     if (view.type != ObjectType::kGeneral) {
         return prefix + host::framework::Name(view.type);
     }
-    if (const auto client = inspect.Context<layout::ClientContext>(view.handle, layout::kClientContextName)) {
+    if (const auto client = ContextOf<layout::ClientContext>(view, layout::kClientContextName)) {
         std::string text = prefix + "client " + std::to_string(client->guid.Data1) + " in state " +
                            std::to_string(client->currentState) + ", announced " + std::to_string(client->addedToWpcd) +
                            std::to_string(client->wpcdRefreshPending);
@@ -67,17 +88,16 @@ std::string Actual::Describe(const ObjectView& view)
         }
         return text;
     }
-    if (const auto state = inspect.Context<ZepState>(view.handle, layout::kStateContextName)) {
+    if (const auto state = ContextOf<ZepState>(view, layout::kStateContextName)) {
         return prefix + "state " + std::to_string(state->InterfaceGUID.Data1) + "=" + std::to_string(state->State) +
                " size " + std::to_string(state->Size);
     }
-    if (const auto subscription =
-            inspect.Context<layout::RegistrationContext>(view.handle, layout::kRegistrationContextName)) {
+    if (const auto subscription = ContextOf<layout::RegistrationContext>(view, layout::kRegistrationContextName)) {
         return prefix + "subscription " + std::to_string(subscription->subscriber.Data1) + " to " +
                std::to_string(subscription->filter.InterfaceGUID.Data1) + "@" +
                std::to_string(subscription->filter.State);
     }
-    if (const auto command = inspect.Context<ZepCommand>(view.handle, layout::kCommandContextName)) {
+    if (const auto command = ContextOf<ZepCommand>(view, layout::kCommandContextName)) {
         return prefix + "command " + std::to_string(command->SourceGuid.Data1) + ">" +
                std::to_string(command->TargetGuid.Data1) + " " + std::to_string(command->CommandId);
     }
@@ -100,16 +120,17 @@ Lines Actual::Alive()
     const auto context = *inspect.Context<layout::DriverContext>(driver_->Handle(), layout::kDriverContextName);
     std::string held = "held";
     std::string queued = "queued";
+    std::map<WDFOBJECT, std::string> parentNames;
     for (const ObjectView& view : inspect.Objects()) {
         if (view.type == ObjectType::kDriver) {
             continue;
         }
-        std::string parentName = "nobody";
-        if (const auto parent = inspect.Find(view.parent)) {
-            const auto client = inspect.Context<layout::ClientContext>(parent->handle, layout::kClientContextName);
-            parentName = client ? "client " + std::to_string(client->guid.Data1) : Describe(*parent);
+        const auto [name, isNew] = parentNames.try_emplace(view.parent, "nobody");
+        if (const auto parent = isNew ? inspect.Find(view.parent) : std::nullopt) {
+            const auto client = ContextOf<layout::ClientContext>(*parent, layout::kClientContextName);
+            name->second = client ? "client " + std::to_string(client->guid.Data1) : Describe(*parent);
         }
-        lines.push_back(Describe(view) + " of " + parentName);
+        lines.push_back(Describe(view) + " of " + name->second);
     }
     std::sort(lines.begin(), lines.end());
     const std::pair<WDFCOLLECTION, const char*> kCollections[] = {{context.clients, "clients"},
