@@ -21,8 +21,8 @@
 //   itself for ever, and every other client with it.
 // - It must return; deliveries to all other clients wait for it. Do not wait inside it for a thread that may be inside
 //   an operation.
-// - It runs on whatever thread the call came about on: a system worker, or the thread of whoever subscribed, changed the power
-//   state or sent the I/O control.
+// - It runs on whatever thread the call came about on: a system worker, or the thread of whoever subscribed, changed
+//   the power state or sent the I/O control.
 // - Once Notifier_HelperClientDeinit has returned, none of the client's callbacks runs or will run. The descriptor
 //   callbacks alone are the crash-dump driver's to call until it is told that the client has gone.
 //

@@ -6,7 +6,8 @@
 inline constexpr Row kForwardingRows[] = {
     // GetContext
     Entered(Site::kGetContextEntered, "GetContext", 10, Order::kEventFirst, MessageSet::kForwarding),
-    // On purpose: these four stand under two fixed names, whichever forwarder asked; the second is no forwarder's at all.
+    // On purpose: these four stand under two fixed names, whichever forwarder asked; the second is no forwarder's at
+    // all.
     Refused(Site::kGetContextNull, "Notifier_HelperStartDump", "A required parameter is NULL.", 11,
             MessageSet::kForwarding),
     Refused(Site::kGetContextNoDriver, "Notifier_HelperStartDump", "WdfGetDriver returned NULL.", 12,

@@ -213,15 +213,20 @@ NTSTATUS NTAPI OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT*)
     return STATUS_SUCCESS;
 }
 
+void Attach(World& world)
+{
+    g_added = 0;
+    g_removed = 0;
+    WpcdClientRegistration registration{};
+    registration.ZepClientAdd = OnAdd;
+    registration.ZepClientRemove = OnRemove;
+    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+}
+
 TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
 {
     Explore("client leaves while it is announced", [](World& world, Explorer& explorer) {
-        g_added = 0;
-        g_removed = 0;
-        WpcdClientRegistration registration{};
-        registration.ZepClientAdd = OnAdd;
-        registration.ZepClientRemove = OnRemove;
-        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+        Attach(world);
         Peer peer(1);
         EXPECT_EQ(world.Register(peer), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(peer, 5), STATUS_SUCCESS);
@@ -236,14 +241,9 @@ TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
 TEST_P(Interleavings, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves)
 {
     Explore("detach, leave and announcement", [](World& world, Explorer& explorer) {
-        g_added = 0;
-        g_removed = 0;
-        WpcdClientRegistration registration{};
-        registration.ZepClientAdd = OnAdd;
-        registration.ZepClientRemove = OnRemove;
-        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+        Attach(world);
         Peer peer(1);
-        RegisterAll(world, {&peer});
+        EXPECT_EQ(world.Register(peer), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(peer, 5), STATUS_SUCCESS);
         unsigned addedAtDetach = 0;
         unsigned removedAtDetach = 0;
@@ -269,9 +269,7 @@ TEST_P(Interleavings, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves
 TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
 {
     Explore("client posts no state while it is announced", [](World& world, Explorer& explorer) {
-        WpcdClientRegistration registration{};
-        registration.ZepClientAdd = OnAdd;
-        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+        Attach(world);
         Peer peer(1);
         EXPECT_EQ(world.Register(peer), STATUS_SUCCESS);
         EXPECT_EQ(world.Post(peer, 0), STATUS_SUCCESS);
