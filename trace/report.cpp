@@ -6,6 +6,43 @@
 
 #include "trace/trace.h"
 
+// ---- The catalogue as a whole ----
+
+consteval bool RowsMatchSites()
+{
+    ULONG next = 0;
+    for (const RowList& list : kRowLists) {
+        for (ULONG index = 0; index < list.count; ++index, ++next) {
+            if (static_cast<ULONG>(list.rows[index].site) != next) {
+                return false;
+            }
+        }
+    }
+    return next == static_cast<ULONG>(Site::kCount);
+}
+static_assert(RowsMatchSites(), "one row for each site, in the order of the sites");
+
+consteval bool MessageNumbersAreUnique()
+{
+    constexpr ULONG kSets = 2;
+    constexpr ULONG kNumbers = 512;  // a larger one does not compile
+    bool isUsed[kSets][kNumbers] = {};
+    for (const RowList& list : kRowLists) {
+        for (ULONG index = 0; index < list.count; ++index) {
+            const Message& message = list.rows[index].message;
+            bool& isThis = isUsed[static_cast<ULONG>(message.set)][message.number];
+            if (message.number != 0 && isThis) {
+                return false;
+            }
+            isThis = true;
+        }
+    }
+    return true;
+}
+static_assert(MessageNumbersAreUnique(), "a message number stands once in its set");
+
+// ---- Payloads ----
+
 struct Payload {
     EVENT_DATA_DESCRIPTOR fields[kEventFieldCountMaximum];
     ULONG count;
