@@ -6,6 +6,7 @@
 #include "host/image/symbols.h"
 
 #include <dlfcn.h>
+#include <elf.h>
 #include <link.h>
 #include <sys/mman.h>
 #include <sys/sendfile.h>
@@ -29,6 +30,25 @@ constexpr bool kStaysLoaded = false;
 constexpr bool kStaysLoaded = false;
 #endif
 
+// Where the last segment that is loaded ends: what lies behind it (debug information, symbols) no loader looks at.
+std::uintmax_t LoadedBytes(int file, std::uintmax_t sizeBytes)
+{
+    Elf64_Ehdr header{};
+    if (pread(file, &header, sizeof(header), 0) != sizeof(header) || header.e_phentsize != sizeof(Elf64_Phdr)) {
+        return sizeBytes;
+    }
+    std::uintmax_t end = 0;
+    for (unsigned index = 0; index < header.e_phnum; ++index) {
+        Elf64_Phdr segment{};
+        const auto at = static_cast<off_t>(header.e_phoff + index * sizeof(segment));
+        if (pread(file, &segment, sizeof(segment), at) != sizeof(segment)) {
+            return sizeBytes;
+        }
+        end = std::max<std::uintmax_t>(end, segment.p_offset + segment.p_filesz);
+    }
+    return std::min(end, sizeBytes);
+}
+
 // A copy of the file in memory, by descriptor.
 class PrivateCopy {
 public:
@@ -36,7 +56,7 @@ public:
     {
         const int source = open(file.c_str(), O_RDONLY | O_CLOEXEC);
         descriptor_ = memfd_create(file.filename().c_str(), MFD_CLOEXEC);
-        std::uintmax_t left = std::filesystem::file_size(file);
+        std::uintmax_t left = LoadedBytes(source, std::filesystem::file_size(file));
         while (source >= 0 && descriptor_ >= 0 && left > 0) {
             const ssize_t copied = sendfile(descriptor_, source, nullptr, left);
             if (copied <= 0) {

@@ -1,7 +1,6 @@
 #include "host/image/pe_file.h"
 
 #include <fstream>
-#include <iterator>
 
 namespace host::image {
 namespace {
@@ -36,8 +35,11 @@ std::string Hex(std::uint64_t value)
 
 PeFile::PeFile(const std::filesystem::path& file) : file_(file.string())
 {
-    std::ifstream stream(file, std::ios::binary);
-    bytes_.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+    std::ifstream stream(file, std::ios::binary | std::ios::ate);
+    const std::streamoff sizeBytes = stream.tellg();
+    bytes_.resize(sizeBytes > 0 ? static_cast<std::size_t>(sizeBytes) : 0);
+    stream.seekg(0);
+    stream.read(reinterpret_cast<char*>(bytes_.data()), static_cast<std::streamsize>(bytes_.size()));
     ReadHeaders();
 }
 

@@ -6,8 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <sstream>
 
 namespace host::image {
@@ -36,14 +37,36 @@ std::string Demangled(const char* name)
     return BareName(full);
 }
 
-}  // namespace
+using Symbols = std::vector<checks::Symbol>;
 
-std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image)
+Symbols ReadOnce(const std::filesystem::path& file, Symbols (*read)(const std::filesystem::path&))
 {
-    std::filesystem::path map = image;
-    map.replace_extension(".map");
+    struct Entry {
+        std::filesystem::file_time_type written;
+        std::uintmax_t sizeBytes;
+        Symbols symbols;
+    };
+    static std::mutex mutex;
+    static std::map<std::filesystem::path, Entry> entries;
+    std::error_code error;
+    const auto written = std::filesystem::last_write_time(file, error);
+    const std::uintmax_t sizeBytes = std::filesystem::file_size(file, error);
+    if (error) {
+        return {};
+    }
+    const std::lock_guard lock(mutex);
+    const auto [found, isNew] = entries.try_emplace(file);
+    Entry& entry = found->second;
+    if (isNew || entry.written != written || entry.sizeBytes != sizeBytes) {
+        entry = {written, sizeBytes, read(file)};
+    }
+    return entry.symbols;
+}
+
+Symbols ReadMapFile(const std::filesystem::path& map)
+{
     std::ifstream stream(map);
-    std::vector<checks::Symbol> symbols;
+    Symbols symbols;
     std::string line;
     while (std::getline(stream, line)) {
         // Columns: address, size, alignment; then section at 24, input at 32, symbol at 40.
@@ -61,7 +84,7 @@ std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image)
     return symbols;
 }
 
-std::vector<checks::Symbol> ElfSymbols(const std::filesystem::path& file)
+Symbols ReadElf(const std::filesystem::path& file)
 {
     std::ifstream stream(file, std::ios::binary);
     std::error_code error;
@@ -76,7 +99,7 @@ std::vector<checks::Symbol> ElfSymbols(const std::filesystem::path& file)
         return true;
     };
 
-    std::vector<checks::Symbol> symbols;
+    Symbols symbols;
     Elf64_Ehdr header;
     if (!at(0, header)) {
         return symbols;
@@ -98,6 +121,20 @@ std::vector<checks::Symbol> ElfSymbols(const std::filesystem::path& file)
         }
     }
     return symbols;
+}
+
+}  // namespace
+
+std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image)
+{
+    std::filesystem::path map = image;
+    map.replace_extension(".map");
+    return ReadOnce(map, ReadMapFile);
+}
+
+std::vector<checks::Symbol> ElfSymbols(const std::filesystem::path& file)
+{
+    return ReadOnce(file, ReadElf);
 }
 
 }  // namespace host::image

@@ -8,6 +8,8 @@
 
 namespace host::image {
 
+// Each reads a file once in a process and again when it has changed: an image may be loaded thousands of times.
+
 // From the linker's map beside a PE image ("zepn.map" beside "zepn.sys"); empty when there is none.
 [[nodiscard]] std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image);
 

@@ -44,6 +44,18 @@ NTSTATUS NTAPI OnAppsStateCallback(PVOID context, ULONG reason, PULONG state)
 
 }  // namespace
 
+const host::tracing::Manifest& TheManifest()
+{
+    static const host::tracing::Manifest manifest(OutFolder() + "/manifest/zepn.man");
+    return manifest;
+}
+
+const host::tracing::MessageFormats& TheFormats()
+{
+    static const host::tracing::MessageFormats formats(OutFolder() + "/manifest");
+    return formats;
+}
+
 std::vector<Container> Containers()
 {
     std::vector<Container> containers = {{"native", ZEPN_NATIVE_DRIVER}};
@@ -77,8 +89,8 @@ Peer& Peer::HearsAppsState()
 }
 
 World::World(const Container& container, WorldOptions options)
-    : machine(options.machine), container_(container), options_(options), manifest_(OutFolder() + "/manifest/zepn.man"),
-      formats_(OutFolder() + "/manifest")
+    : machine(options.machine), container_(container), options_(options), manifest_(TheManifest()),
+      formats_(TheFormats())
 {
     if (options_.records) {
         machine.tracing().OpenEventSession({kProvider, 0});

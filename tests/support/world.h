@@ -36,6 +36,10 @@ inline void PrintTo(const Container& container, std::ostream* out)
 [[nodiscard]] std::vector<Container> Containers();
 [[nodiscard]] std::string ContainerName(const testing::TestParamInfo<Container>& info);
 
+// The files that decode the driver's reports, read once in a process.
+[[nodiscard]] const host::tracing::Manifest& TheManifest();
+[[nodiscard]] const host::tracing::MessageFormats& TheFormats();
+
 // Registers a suite of cases for all containers.
 #define FOR_ALL_CONTAINERS(suite)                                                                                      \
     INSTANTIATE_TEST_SUITE_P(On, suite, testing::ValuesIn(::tests::Containers()), ::tests::ContainerName)
@@ -137,8 +141,8 @@ private:
 
     const Container container_;
     const WorldOptions options_;
-    const host::tracing::Manifest manifest_;
-    const host::tracing::MessageFormats formats_;
+    const host::tracing::Manifest& manifest_;
+    const host::tracing::MessageFormats& formats_;
     std::size_t eventsSeen_ = 0;
     std::uint64_t recordsSeen_ = 0;
     unsigned faultsArmed_ = 0;
