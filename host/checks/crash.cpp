@@ -4,6 +4,7 @@
 // to an end.
 #include "host/checks/crash.h"
 
+#include "host/checks/watchdog.h"
 #include "host/environment.h"
 
 #include <signal.h>
@@ -35,7 +36,7 @@ constexpr bool kSanitized = false;
 #endif
 
 constexpr std::size_t kStackBytes = 64 * 1024;
-constexpr unsigned kPatienceSeconds = 5;
+constexpr unsigned kPatienceSeconds = 30;
 
 std::atomic<LastWords*> g_lastWords{nullptr};  // the newest
 
@@ -98,9 +99,16 @@ void TellOfFault(int signal, const siginfo_t& information, const void* at)
     }
 }
 
+// A watchdog may have taken the alarm for itself.
+void SetAlarm()
+{
+    signal(SIGALRM, SIG_DFL);
+    alarm(kPatienceSeconds);
+}
+
 void OnFault(int signal, siginfo_t* information, void* context)
 {
-    alarm(kPatienceSeconds);
+    SetAlarm();
     if (TellsAlready()) {
         std::fprintf(stderr, "another fault while telling of the first\n");
     } else {
@@ -114,7 +122,7 @@ void OnFault(int signal, siginfo_t* information, void* context)
 // Returns, and abort goes on to end the process as ever; one by which the last words end is no end of its own.
 void OnAbort(int)
 {
-    alarm(kPatienceSeconds);
+    SetAlarm();
     const bool again = TellsAlready();
     TellLastWords();
     std::fflush(stderr);
@@ -187,6 +195,7 @@ void CatchMemoryFaults()
 LastWords::LastWords(std::function<std::string()> words)
     : words_(std::move(words)), outer_(g_lastWords.load(std::memory_order_relaxed))
 {
+    Watchdog::Progress();
     g_lastWords.store(this, std::memory_order_release);
 }
 

@@ -23,7 +23,7 @@ inline constexpr int kMemoryFaultExit = 4;
 // meanwhile. The routine runs inside the signal handler. It may read what the stopped thread does not change at that
 // time, and may allocate, as the handler itself does: a fault in driver code leaves the allocator whole. Where it is
 // not, the process ends with less told: a routine that faults, or ends in abort, is passed over, and one that hangs is
-// ended by an alarm after five seconds. It must not throw and must not wait for another thread.
+// ended by an alarm after half a minute. It must not throw and must not wait for another thread.
 //
 // Nothing is told of a process that ends itself, or is killed. Objects may be made on any thread and must end in the
 // reverse order, as those in nested scopes do.

@@ -1,19 +1,19 @@
 #include "tools/fuzz/apart.h"
 
+#include "host/checks/watchdog.h"
 #include "host/environment.h"
 
 #include <sys/prctl.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <optional>
 #include <sstream>
 
 namespace fuzz {
@@ -118,7 +118,10 @@ Ending DoApart(const std::function<std::string()>& work)
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    Ending ending{.result = result.Read(), .trouble = {}, .printed = printed.Read()};
+    Ending ending{.result = result.Read(),
+                  .trouble = {},
+                  .isEndless = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM,
+                  .printed = printed.Read()};
     ending.trouble = Trouble(status, ending.printed);
     const char how = ending.result.empty() ? kDone : ending.result.front();
     ending.result.erase(0, 1);
@@ -130,10 +133,18 @@ Ending DoApart(const std::function<std::string()>& work)
 
 void Patience(double seconds)
 {
-    itimerval timer{};
-    timer.it_value.tv_sec = static_cast<time_t>(seconds);
-    timer.it_value.tv_usec = static_cast<suseconds_t>(std::fmod(seconds, 1) * 1e6);
-    setitimer(ITIMER_REAL, &timer, nullptr);
+    static std::optional<host::checks::Watchdog> watchdog;
+    static double limit = 0;
+    host::checks::Watchdog::Progress();
+    if (seconds == limit) {
+        return;
+    }
+    watchdog.reset();
+    limit = seconds;
+    if (seconds != 0) {
+        constexpr double kMillisecondsPerSecond = 1000;
+        watchdog.emplace(std::chrono::milliseconds(static_cast<long>(seconds * kMillisecondsPerSecond)));
+    }
 }
 
 }  // namespace fuzz

@@ -13,6 +13,7 @@ namespace fuzz {
 struct Ending {
     std::string result;   // what the work returned
     std::string trouble;  // how the process ended otherwise and what it printed, as lines; empty: it did not
+    bool isEndless;       // it ended because it went on without end
     std::string printed;  // by the process, on stderr
 };
 
@@ -21,7 +22,8 @@ struct Ending {
 // the only one: so not behind a life in this process that left a thread standing still.
 [[nodiscard]] Ending DoApart(const std::function<std::string()>& work);
 
-// For the work: ends its process unless it is called again, or the work is done, in so many seconds.
+// For the work: ends its process unless it is called again, or the work is done, within so many seconds of processor
+// time, or of waiting for what does not come (host/checks/watchdog.h). 0: no more.
 void Patience(double seconds);
 
 // A value that both processes see, for as long as this object lives. A plain type.

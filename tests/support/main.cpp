@@ -1,0 +1,28 @@
+// The tests' main: GoogleTest's, under a watchdog. No case fails because the machine is slow; one that goes on without
+// end fails within minutes and says what it was doing.
+#include "host/checks/watchdog.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Of processor time, without a case or a crash context that begins; many times what the longest takes.
+#if defined(ZEPN_EMULATED)
+constexpr std::chrono::minutes kLimit{20};
+#else
+constexpr std::chrono::minutes kLimit{4};
+#endif
+
+class Progress : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo&) override { host::checks::Watchdog::Progress(); }
+};
+
+}  // namespace
+
+int main(int argumentCount, char** arguments)
+{
+    testing::InitGoogleTest(&argumentCount, arguments);
+    testing::UnitTest::GetInstance()->listeners().Append(new Progress);
+    const host::checks::Watchdog watchdog(kLimit);
+    return RUN_ALL_TESTS();
+}
