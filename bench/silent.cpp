@@ -12,7 +12,7 @@
 namespace bench {
 namespace {
 
-constexpr const char* kSection = "Silent reporting";
+constexpr const char* kSilentSection = "Silent reporting";
 
 // By site number.
 std::vector<const ::Row*> SiteRows()
@@ -26,7 +26,7 @@ std::vector<const ::Row*> SiteRows()
     return rows;
 }
 
-void MeasureImage(Table& table, const std::string& machine)
+void MeasureSites(Table& table, const std::string& machine)
 {
     const SiteCode code = ReadSiteCode(std::filesystem::path(ZEPN_ROOT) / "out" / machine / "zepn.sys", machine);
     const std::vector<const ::Row*> rows = SiteRows();
@@ -62,7 +62,7 @@ void MeasureImage(Table& table, const std::string& machine)
         }
     }
     const auto add = [&](const std::string& name, double value, std::optional<Goal> goal, std::string remark = {}) {
-        table.Add({.section = kSection, .name = name, .on = machine + " image", .value = value, .unit = "",
+        table.Add({.section = kSilentSection, .name = name, .on = machine + " image", .value = value, .unit = "",
                    .goal = goal, .remark = std::move(remark), .isExact = true});
     };
     const double sites = static_cast<double>(rows.size());
@@ -106,7 +106,7 @@ void MeasureShare(Table& table, const Options& options)
             share += reporting.contains(offset) ? count : 0;
             jumps += jumpsOver.contains(offset) ? count : 0;
         }
-        table.Add({.section = kSection,
+        table.Add({.section = kSilentSection,
                    .name = "share of a state's road, " + std::to_string(clients) + " told",
                    .on = Name(Subject::kX64),
                    .value = 100.0 * static_cast<double>(share) / static_cast<double>(all),
@@ -114,7 +114,7 @@ void MeasureShare(Table& table, const Options& options)
                    .goal = Goal{5.0},
                    .remark = std::to_string(share) + " of " + std::to_string(all) + " instructions",
                    .isExact = true});
-        table.Add({.section = kSection,
+        table.Add({.section = kSilentSection,
                    .name = "tests on that road that jump over the writing, " + std::to_string(clients) + " told",
                    .on = Name(Subject::kX64),
                    .value = static_cast<double>(jumps),
@@ -130,7 +130,7 @@ void MeasureShare(Table& table, const Options& options)
 void MeasureSilentReporting(Table& table, const Options& options)
 {
     for (const char* machine : {"arm64", "x64"}) {
-        MeasureImage(table, machine);
+        MeasureSites(table, machine);
     }
     if (InstructionCounter::IsSupported()) {
         MeasureShare(table, options);

@@ -10,12 +10,12 @@
 namespace host::schedule {
 namespace {
 
-constexpr unsigned kNobody = ~0u;
+constexpr unsigned kNoThread = ~0u;
 constexpr const char* kEveryCall = "calls";
 constexpr const char* kLocksOnly = "locks";
 
 // Which of the explorer's threads this one runs for.
-thread_local unsigned t_self = kNobody;
+thread_local unsigned t_self = kNoThread;
 
 bool IsLockOrWorkItem(std::string_view what)
 {
@@ -110,7 +110,7 @@ std::vector<Outcome> Explorer::Run(Machine& machine, const std::vector<Thread>& 
     std::shuffle(priorities_.begin(), priorities_.end(), random_);
     released_.assign(threads.size(), false);
     idle_ = 0;
-    current_ = kNobody;
+    current_ = kNoThread;
     theController.store(this, std::memory_order_release);
 
     left_.clear();
@@ -133,7 +133,7 @@ std::vector<Outcome> Explorer::Run(Machine& machine, const std::vector<Thread>& 
     }
     {
         const std::lock_guard lock(mutex_);
-        current_ = Choose(kNobody);
+        current_ = Choose(kNoThread);
         turn_.notify_all();
     }
     for (std::thread& runner : runners) {
@@ -171,14 +171,14 @@ void Explorer::OnYield(YieldKind kind, const char* what)
         return;
     }
     if (kind == YieldKind::kThreadEnds) {
-        if (t_self != kNobody) {
+        if (t_self != kNoThread) {
             const std::lock_guard lock(mutex_);
             released_[t_self] = true;  // a flush may wait for this run's end
         }
-        t_self = kNobody;
+        t_self = kNoThread;
         return;
     }
-    if (t_self == kNobody) {
+    if (t_self == kNoThread) {
         return;
     }
     std::unique_lock lock(mutex_);
@@ -195,7 +195,7 @@ void Explorer::OnYield(YieldKind kind, const char* what)
 
 void Explorer::OnBlock(std::unique_lock<std::mutex>& hostLock)
 {
-    if (t_self == kNobody) {
+    if (t_self == kNoThread) {
         hostLock.unlock();
         std::this_thread::yield();
         hostLock.lock();
@@ -239,7 +239,7 @@ void Explorer::Switch(std::unique_lock<std::mutex>& lock, unsigned self)
 unsigned Explorer::Choose(unsigned self)
 {
     Choice choice;
-    if (self != kNobody && states_[self] == State::kReady) {
+    if (self != kNoThread && states_[self] == State::kReady) {
         choice.canStay = true;
         choice.enabled.push_back(self);
     }
@@ -249,7 +249,7 @@ unsigned Explorer::Choose(unsigned self)
         }
     }
     if (choice.enabled.empty()) {
-        return kNobody;  // all have finished
+        return kNoThread;  // all have finished
     }
     if (choice.enabled.size() == 1) {
         return choice.enabled.front();

@@ -34,11 +34,11 @@ TEST(WdkProject, CompilesTheSourcesOfTheImageInTheirLanguageForTheirFramework)
     std::set<std::string> expected;
     std::set<std::string> defines;
     std::set<std::string> standards;
-    const auto commands = nlohmann::json::parse(TextOf(kRoot / "build/windows-arm64/compile_commands.json"));
+    const auto commands = nlohmann::json::parse(TextOf(kRoot / "build/windows/compile_commands.json"));
     for (const auto& command : commands) {
         const std::string file = std::filesystem::relative(command["file"].get<std::string>(), kRoot).string();
         const bool isOfTheDriver =
-            command["command"].get<std::string>().find("/zepn_objects.dir/") != std::string::npos;
+            command["command"].get<std::string>().find("/zepn_arm64_objects.dir/") != std::string::npos;
         if (isOfTheDriver && !file.starts_with("platform/")) {
             expected.insert(file);
             defines.merge(Matches(command["command"], R"( -D(\S+))"));

@@ -78,8 +78,9 @@ protected:
         if (!replay.empty()) {
             return;
         }
-        std::filesystem::create_directories(ZEPN_FIGURES);
-        std::ofstream(std::string(ZEPN_FIGURES) + "/explorer.txt", std::ios::app)
+        const std::filesystem::path folder = std::filesystem::path(ZEPN_FIGURES) / "explorer";
+        std::filesystem::create_directories(folder);
+        std::ofstream(folder / (std::string(GetParam().name) + ", " + name + ".txt"))
             << "interleavings, " << GetParam().name << ", " << name << ": " << counts[0] << " to " << preemptions
             << " preemptions, " << counts[1] << " random\n";
     }

@@ -199,14 +199,14 @@ TEST_P(Interleavings, PostingWhileASubscriberLeavesAndARunDelivers)
 unsigned g_added;
 unsigned g_removed;
 
-NTSTATUS NTAPI OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR*)
+NTSTATUS NTAPI CountAdd(const ZEP_SUBSYSTEM_DESCRIPTOR*)
 {
     YieldPoint(YieldKind::kClientCode, "ZepClientAdd");
     ++g_added;
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT*)
+NTSTATUS NTAPI CountRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT*)
 {
     YieldPoint(YieldKind::kClientCode, "ZepClientRemove");
     ++g_removed;
@@ -218,8 +218,8 @@ void Attach(World& world)
     g_added = 0;
     g_removed = 0;
     WpcdClientRegistration registration{};
-    registration.ZepClientAdd = OnAdd;
-    registration.ZepClientRemove = OnRemove;
+    registration.ZepClientAdd = CountAdd;
+    registration.ZepClientRemove = CountRemove;
     EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
 }
 

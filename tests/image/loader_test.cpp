@@ -13,7 +13,7 @@
 namespace tests {
 namespace {
 
-std::filesystem::path PathOf(const char* name, const char* file)
+std::filesystem::path BuiltFile(const char* name, const char* file)
 {
     return std::filesystem::path(ZEPN_ROOT) / "out" / name / file;
 }
@@ -28,7 +28,7 @@ constexpr const char* kOtherMachine = "x64";
 
 class Loader : public testing::Test {
 protected:
-    const PeView good{PathOf(kOwnMachine, "zepn.sys")};
+    const PeView good{BuiltFile(kOwnMachine, "zepn.sys")};
 
     // What the loader says of these bytes; empty when it takes them.
     std::string Refusal(std::vector<std::uint8_t> bytes, bool checksumMended)
@@ -72,7 +72,7 @@ protected:
 void Loader::RegisterExports()
 {
     static const bool kDone = [] {
-        for (const auto& [module, names] : PeView(PathOf(kOwnMachine, "zepn.sys")).Imports()) {
+        for (const auto& [module, names] : PeView(BuiltFile(kOwnMachine, "zepn.sys")).Imports()) {
             for (const std::string& name : names) {
                 static std::vector<std::unique_ptr<std::string>> kept;
                 kept.push_back(std::make_unique<std::string>(name));
@@ -137,8 +137,8 @@ TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
 TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)
 {
     host::Environment environment({});
-    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kOtherMachine, "zepn.sys")), host::HostError);
-    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kOwnMachine, "zepn.map")), host::HostError);
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, BuiltFile(kOtherMachine, "zepn.sys")), host::HostError);
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, BuiltFile(kOwnMachine, "zepn.map")), host::HostError);
     EXPECT_THROW((void)host::image::LoadedImage::Load(environment, "/nonexistent"), host::HostError);
 }
 

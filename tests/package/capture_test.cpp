@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string ReadAll(const fs::path& file)
+std::string BytesOf(const fs::path& file)
 {
     std::ifstream stream(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), {}};
@@ -25,7 +25,7 @@ int Decode(const fs::path& file, std::string& text)
 {
     const fs::path out = file.string() + ".txt";
     const int result = std::system(("'" ZEPN_DECODE "' '" + file.string() + "' > '" + out.string() + "' 2>&1").c_str());
-    text = ReadAll(out);
+    text = BytesOf(out);
     fs::remove(out);
     return WEXITSTATUS(result);
 }
@@ -39,7 +39,7 @@ TEST(Capture, IsDecodedByTheFilesAloneAndDamageIsNamed)
     EXPECT_NE(text.find("event 44 level 4: DriverEntry: built "), std::string::npos);
     EXPECT_NE(text.find("TRACE_LEVEL_INFORMATION DriverEntry: built "), std::string::npos);
 
-    const std::string good = ReadAll(file);
+    const std::string good = BytesOf(file);
     const auto expect = [&](const std::string& bytes, int status, const std::string& words) {
         std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
         EXPECT_EQ(Decode(file, text), status);

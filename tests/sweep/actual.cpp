@@ -13,17 +13,8 @@ using host::framework::ObjectType;
 
 namespace {
 
-const host::tracing::Manifest& TheManifest()
-{
-    static const host::tracing::Manifest manifest(std::string(ZEPN_ROOT) + "/out/manifest/zepn.man");
-    return manifest;
-}
-
-const host::tracing::MessageFormats& TheFormats()
-{
-    static const host::tracing::MessageFormats formats(std::string(ZEPN_ROOT) + "/out/manifest");
-    return formats;
-}
+using tests::TheFormats;
+using tests::TheManifest;
 
 host::checks::FaultForm HostForm(Form form)
 {

@@ -151,11 +151,9 @@ private:
     bool loaded_ = false;
     bool device_ = false;
     bool started_ = false;
-    bool surprised_ = false;
     bool powerCallback_ = false;
     bool reference_ = false;
     bool file_ = false;
-    bool fileContext_ = false;
 };
 
 }  // namespace sweep

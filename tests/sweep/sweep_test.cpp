@@ -41,11 +41,37 @@ std::string PathTo(const Plan& plan)
     return path;
 }
 
-class Sweep : public testing::TestWithParam<tests::Container> {
+// The faults are dealt out to so many cases of each container, so that processors share them: every one belongs to one.
+constexpr unsigned kShards = 4;
+
+struct Shard {
+    tests::Container container;
+    unsigned number;
+};
+void PrintTo(const Shard& shard, std::ostream* out)
+{
+    *out << shard.container.name << "_" << shard.number;
+}
+
+std::vector<Shard> Shards()
+{
+    std::vector<Shard> shards;
+    for (const tests::Container& container : tests::Containers()) {
+        for (unsigned number = 1; number <= kShards; ++number) {
+            shards.push_back({container, number});
+        }
+    }
+    return shards;
+}
+
+class Sweep : public testing::TestWithParam<Shard> {
 protected:
     void Check(const Plan& plan)
     {
-        const Played played(GetParam(), plan, sites_);
+        if (fault_++ % kShards != GetParam().number - 1) {
+            return;
+        }
+        const Played played(GetParam().container, plan, sites_);
         if (plan.fault) {
             figures_.Count(*plan.fault, plan.records != nullptr);
         }
@@ -62,18 +88,17 @@ protected:
     static constexpr unsigned kShownFailures = 10;
     unsigned failures_ = 0;
     unsigned turn_ = 0;
+    unsigned fault_ = 0;
     std::set<Site> sites_;
     Figures figures_;
 };
-FOR_ALL_CONTAINERS(Sweep);
+INSTANTIATE_TEST_SUITE_P(On, Sweep, testing::ValuesIn(Shards()), testing::PrintToStringParamName());
 
 void Sweep::FailEachCall(const Life& life, bool sticky)
 {
-    const Played whole(GetParam(), {.life = life}, sites_);
+    const Played whole(GetParam().container, {.life = life}, sites_);
     ASSERT_EQ(whole.difference, "");
-    figures_.callCount = std::max(figures_.callCount, std::size_t{whole.callCount});
-    figures_.foreseenCallCount = std::max(figures_.foreseenCallCount, whole.numbers.size());
-    figures_.lookupCount = std::max(figures_.lookupCount, whole.calls.size() - whole.numbers.size());
+    figures_.NoteLife(whole.callCount, whole.numbers.size(), whole.calls.size() - whole.numbers.size());
     std::map<std::string, unsigned> indices;
     std::size_t next = 0;  // of the calls that the host sees
     for (const Call& call : whole.calls) {
@@ -97,7 +122,7 @@ void Sweep::FailTracing(const Life& life, host::TraceRoutes routes)
     const Plan plan{.life = life, .routes = routes, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
                         counts[call.function] += KindOf(call.function) == Kind::kTracing ? 1 : 0;
                     }};
-    const Played whole(GetParam(), plan, sites_);
+    const Played whole(GetParam().container, plan, sites_);
     ASSERT_EQ(whole.difference, "");
     for (const auto& [function, count] : counts) {
         for (unsigned index = 0; index < count; ++index) {
@@ -123,27 +148,6 @@ void Sweep::FailTracing(const Life& life, host::TraceRoutes routes)
 TEST_P(Sweep, EveryCallFails)
 {
     const Life whole = WholeLife();
-    Lines functions;
-    std::set<std::string> paths;
-    const Played first(GetParam(),
-                       {.life = whole,
-                        .onCall =
-                            [&](const host::ObservedCall& call, host::Machine& machine) {
-                                functions.emplace_back(call.function);
-                                paths.insert(Path(call, machine));
-                            }},
-                       sites_);
-    ASSERT_EQ(first.difference, "");
-    figures_.paths = GetParam().name == std::string("native") ? paths.size() : 0;
-    // A call is named by its number: that means the same call on all containers.
-    Lines onNative;
-    const Played reference(
-        tests::Containers().front(),
-        {.life = whole,
-         .onCall = [&](const host::ObservedCall& call, host::Machine&) { onNative.emplace_back(call.function); }},
-        sites_);
-    EXPECT_EQ(functions, onNative);
-
     FailEachCall(whole, false);
     for (const Life& life : {CommandToOneself(), CommandOfTheDeparted(), CommandToTheChanged()}) {
         FailEachCall(life, false);
@@ -151,18 +155,63 @@ TEST_P(Sweep, EveryCallFails)
     FailTracing(whole, host::TraceRoutes::kClassic);
     FailTracing(LegacyLife(), host::TraceRoutes::kLegacy);
 
-    figures_.Write(GetParam().name, "once", sites_);
-    if (Stride() == 1) {
-        EXPECT_EQ(figures_.Unreached(sites_), Lines{}) << "reporting sites that no life reached";
-    }
+    figures_.Save(GetParam().container.name, "once", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
 }
 
 TEST_P(Sweep, EveryCallFailsForGood)
 {
     FailEachCall(WholeLife(), true);
-    figures_.Write(GetParam().name, "sticky", sites_);
+    figures_.Save(GetParam().container.name, "sticky", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
+}
+
+class SweepInAll : public tests::OnContainer {};
+FOR_ALL_CONTAINERS(SweepInAll);
+
+// A call is named by its number: that means the same call on all containers.
+TEST_P(SweepInAll, MakesTheSameCallsOnEachContainer)
+{
+    const auto callsOn = [life = WholeLife()](const tests::Container& container) {
+        Lines functions;
+        std::set<Site> sites;
+        const Played played(
+            container,
+            {.life = life,
+             .onCall = [&](const host::ObservedCall& call, host::Machine&) { functions.emplace_back(call.function); }},
+            sites);
+        EXPECT_EQ(played.difference, "");
+        return functions;
+    };
+    EXPECT_EQ(callsOn(GetParam()), callsOn(tests::Containers().front()));
+}
+
+// Where the stack can be unwound.
+std::size_t CallPaths(const tests::Container& container)
+{
+    std::set<std::string> paths;
+    std::set<Site> sites;
+    const Life life = WholeLife();
+    const Played played(
+        container,
+        {.life = life,
+         .onCall = [&](const host::ObservedCall& call, host::Machine& machine) { paths.insert(Path(call, machine)); }},
+        sites);
+    return container.name == std::string("native") ? paths.size() : 0;
+}
+
+// Runs after the shards, which are its fixture: it reads what they left.
+
+TEST_P(SweepInAll, ReachesEverySite)
+{
+    for (const std::string kind : {"once", "sticky"}) {
+        Figures all = Figures::OfAll(GetParam().name, kind, kShards);
+        all.NotePaths(kind == "once" ? CallPaths(GetParam()) : 0);
+        all.Write(GetParam().name, kind);
+        if (kind == "once" && Stride() == 1) {
+            EXPECT_EQ(all.Unreached(), Lines{}) << "reporting sites that no life reached";
+        }
+    }
 }
 
 TEST(SweepThatEnds, TellsWhatFailedAndWhere)

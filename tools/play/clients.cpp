@@ -10,8 +10,6 @@ namespace {
 
 Peers* g_peers = nullptr;  // the crash-dump callbacks carry no context of their own
 
-constexpr const char* kCrashDump = "crash dump";
-
 std::string Hex(std::uint64_t value)
 {
     char text[24];

@@ -7,8 +7,6 @@
 namespace play {
 namespace {
 
-constexpr const char* kNotifier = "notifier";
-constexpr const char* kCrashDump = "crash dump";
 // Written where a note spans the whole width, which is known only at the end.
 constexpr const char* kAcross = "<across>";
 
@@ -23,10 +21,10 @@ std::string Plain(const std::string& text)
 }
 
 // From left to right: those who only call, the Notifier, the clients, the crash-dump driver.
-constexpr int kLastPlace = 3;
-int Place(const std::string& name)
+constexpr int kLastLane = 3;
+int LaneOf(const std::string& name)
 {
-    if (name == "system" || name == "application") {
+    if (name == kSystem || name == kApplication) {
         return 0;
     }
     return name == kNotifier ? 1 : name == kCrashDump ? 3 : 2;
@@ -121,9 +119,9 @@ void Diagram::DrawCall(const Entry& entry)
 void Diagram::Write(std::ostream& out) const
 {
     std::vector<std::string> ordered;
-    for (int place = 0; place <= kLastPlace; ++place) {
+    for (int lane = 0; lane <= kLastLane; ++lane) {
         std::copy_if(participants_.begin(), participants_.end(), std::back_inserter(ordered),
-                     [place](const std::string& name) { return Place(name) == place; });
+                     [lane](const std::string& name) { return LaneOf(name) == lane; });
     }
     out << "---\ntitle: " << Plain(title_) << "\n---\nsequenceDiagram\n";
     for (const std::string& name : ordered) {

@@ -15,12 +15,6 @@
 
 namespace play {
 
-// How those are called on the timeline who are no clients of the scenario's.
-inline constexpr const char* kNotifier = "notifier";
-inline constexpr const char* kSystem = "system";
-inline constexpr const char* kCrashDump = "crash dump";
-inline constexpr const char* kApplication = "application";
-
 inline constexpr const char* kService = "zepn";
 
 class Run {

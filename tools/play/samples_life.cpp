@@ -6,9 +6,6 @@
 namespace play {
 namespace {
 
-constexpr const char* kSystem = "system";
-constexpr const char* kNotifier = "notifier";
-
 class SamplesLife {
 public:
     SamplesLife(const std::filesystem::path& notifier, Timeline& timeline) : image_(notifier), timeline_(timeline)

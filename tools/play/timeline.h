@@ -8,6 +8,12 @@
 
 namespace play {
 
+// How those are called on the timeline who are no clients of the scenario's.
+inline constexpr const char* kNotifier = "notifier";
+inline constexpr const char* kSystem = "system";
+inline constexpr const char* kCrashDump = "crash dump";
+inline constexpr const char* kApplication = "application";
+
 enum class EntryKind {
     kHeading,   // a note of the scenario's
     kCall,      // somebody calls the Notifier, or the system does

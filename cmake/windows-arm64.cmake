@@ -1,5 +1,0 @@
-set(CMAKE_SYSTEM_PROCESSOR ARM64)
-set(ZEPN_IMAGE_MACHINE arm64)
-set(ZEPN_TARGET_TRIPLE aarch64-pc-windows-msvc)
-set(ZEPN_DLLTOOL_MACHINE arm64)
-include(${CMAKE_CURRENT_LIST_DIR}/windows_image.cmake)

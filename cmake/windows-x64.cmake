@@ -1,5 +1,0 @@
-set(CMAKE_SYSTEM_PROCESSOR AMD64)
-set(ZEPN_IMAGE_MACHINE x64)
-set(ZEPN_TARGET_TRIPLE x86_64-pc-windows-msvc)
-set(ZEPN_DLLTOOL_MACHINE i386:x86-64)
-include(${CMAKE_CURRENT_LIST_DIR}/windows_image.cmake)

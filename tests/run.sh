@@ -1,0 +1,255 @@
+# shellcheck shell=bash
+# ./zepn test: builds what the wanted cases need, runs them by CTest and adds up what its JUnit files say. The names of
+# cases come from the sources, so listing and choosing build nothing.
+#
+# Cases are run in groups: those of one build folder with one label. A group that passed is not run again while no file
+# of the project, no commit and no compiler has changed; its results stay in build/results.
+
+results=$root/build/results
+passed=0 failed=0
+chosen='' list=false all=false again=false only=''
+
+refuse() {
+    echo "zepn: $1" >&2
+    exit 2
+}
+
+# All cases as "PROGRAM SUITE.CASE": GoogleTest's from the sources, scripts from the build files.
+all_cases() {
+    local folder
+    for folder in "$root"/tests/*/; do
+        find "$folder" -maxdepth 1 -name '*_test.cpp' -exec cat {} + |
+            grep -zoP '\nTEST(_[PF])?\(\s*\w+,\s*\w+\s*\)' | tr -d ' \n' | tr '\0' '\n' |
+            sed -E "s|^TEST(_[PF])?\((.*),(.*)\)\$|$(basename "$folder") \2.\3|"
+    done
+    sed -nE 's/^ *(zepn_add_script\(|add_test\(NAME )([a-z_]+) .*/script \2/p' "$root/tests/CMakeLists.txt"
+}
+
+# ---- What must be built ----
+
+# The programs whose cases run in one build folder, as targets.
+targets_of() {
+    case $1 in
+    tsan) echo behaviour_tests ;;
+    linux-arm64) if $all; then echo tests; else echo behaviour_tests zepn-play; fi ;;
+    *) echo tests ;;
+    esac
+}
+
+# The build folders of a run, with what people call them.
+title_of() {
+    case $1 in
+    native) echo "the tests" ;;
+    asan) echo "the tests under sanitizers" ;;
+    tsan) echo "the tests of threads under thread sanitizer" ;;
+    linux-arm64) echo "the tests for AArch64" ;;
+    esac
+}
+
+build_images_for_tests() {
+    build windows decoding_files all_images bound_x64 bound_arm64 samples_x64 samples_arm64
+}
+
+# ---- Running ----
+
+# What a result depends on: all files, the commit that the build date comes from, the compiler. Empty: not known.
+state_of_tree() {
+    (
+        cd "$root"
+        git rev-parse HEAD 2> /dev/null || exit 0
+        git ls-files -z --cached --others --exclude-standard |
+            while IFS= read -r -d '' file; do [ ! -f "$file" ] || printf '%s\0' "$file"; done | xargs -0 sha256sum
+        clang++-19 --version
+    ) | sha256sum
+}
+
+# Reads CTest's lines and says how far it is: in place on a terminal, else now and then.
+show_progress() {
+    local title=$1 word last=$SECONDS
+    while read -r word _; do
+        [[ $word == */* ]] || continue
+        if [ -t 2 ]; then
+            printf '\r  %-40s %s  ' "$title" "$word" >&2
+        elif [ $((SECONDS - last)) -ge 30 ]; then
+            printf '  %s %s\n' "$title" "$word" >&2
+            last=$SECONDS
+        fi
+    done
+    [ ! -t 2 ] || printf '\r\033[K' >&2
+}
+
+# run_ctest PRESET JUNIT_FILE TITLE ARGUMENTS...: true when CTest could do its work, whatever became of the cases.
+run_ctest() {
+    local preset=$1 junit=$2 title=$3
+    shift 3
+    mkdir -p "$results" "$logs"
+    rm -f "$junit"
+    ctest --test-dir "$root/build/$preset" --output-on-failure -j "$(nproc)" --output-junit "$junit" "$@" \
+        2>&1 < /dev/null | tee "$logs/test-$preset.log" | show_progress "$title" || true
+    [ -s "$junit" ] && return
+    tail -n 40 "$logs/test-$preset.log" >&2
+    exit 1
+}
+
+cases_with() { xmllint --xpath "count(//testcase[$2])" "$1"; }
+
+# Prints a line for a JUnit file, and of each failed case what it said; adds to the sums.
+count_cases() {
+    local junit=$1 title=$2 note=${3:-} good skipped bad number
+    good=$(cases_with "$junit" '@status="run"')
+    skipped=$(cases_with "$junit" 'skipped[@message="SKIP_REGULAR_EXPRESSION_MATCHED"]')
+    bad=$(($(cases_with "$junit" 'true()') - good - skipped))
+    for ((number = 1; number <= bad; ++number)); do
+        xmllint --xpath "(//testcase[@status!='run' and not(skipped[@message='SKIP_REGULAR_EXPRESSION_MATCHED'])])[$number]" \
+            "$junit" | sed -E 's/&#10;|<!\[CDATA\[|\]\]>//g; s/&lt;/</g; s/&gt;/>/g; s/&amp;/\&/g' | tail -n 60 >&2
+        echo >&2
+    done
+    # Nothing passed: the programs were not built, or no case bears the label.
+    [ "$good" -gt 0 ] || bad=$((bad + 1))
+    passed=$((passed + good)) failed=$((failed + bad))
+    printf '  %-48s %4d passed%s%s%s\n' "$title" "$good" "$([ "$skipped" = 0 ] || echo ", $skipped skipped")" \
+        "$([ "$bad" = 0 ] || echo ", $bad FAILED")" "$note"
+}
+
+# run_group PRESET LABELS TITLE
+run_group() {
+    local preset=$1 labels=$2 title=$3 arguments=() name junit before=$failed begin
+    begin=$(milliseconds)
+    $all || arguments=(-LE '^slow$')
+    name=$preset-${labels//|/-}$($all && echo -all || true)
+    junit=$results/$name.xml
+    if ! $again && [ -n "$state" ] && [ -s "$junit" ] && [ "$(cat "$results/$name.passed" 2> /dev/null)" = "$state" ]; then
+        count_cases "$junit" "$title" ", unchanged since"
+        return
+    fi
+    rm -f "$results/$name.passed"
+    [[ $labels != *host* ]] || rm -rf "$root/build/$preset/rules_broken"
+    # The cases that others need have a group of their own.
+    run_ctest "$preset" "$junit" "$title" -FA '.*' -L "^($labels)\$" "${arguments[@]}"
+    count_cases "$junit" "$title" " in $(seconds_since "$begin") s"
+    [ "$failed" != "$before" ] || printf '%s' "$state" > "$results/$name.passed"
+}
+
+# ---- The kinds of runs ----
+
+# PRESET:LABELS:TITLE of each group.
+groups_of_run() {
+    if [ "$(uname -m)" = x86_64 ]; then
+        echo "native:native:native driver"
+        echo "native:x64:x64 image"
+        echo "native:host|files:host, tools, images, files"
+        echo "linux-arm64:arm64:ARM64 image, under emulation"
+    else
+        echo "native:native:native driver"
+        echo "native:arm64:ARM64 image"
+        echo "native:host|files:host, tools, images, files"
+    fi
+    $all || return 0
+    echo "asan:native:native driver, sanitizers"
+    if [ "$(uname -m)" = x86_64 ]; then
+        echo "asan:x64:x64 image, host under sanitizers"
+        echo "linux-arm64:host|files:host and tools, under emulation"
+    else
+        echo "asan:arm64:ARM64 image, host under sanitizers"
+    fi
+    echo "asan:host|files:host, tools, images, files, sanitizers"
+    echo "tsan:native:native driver, threads under thread sanitizer"
+}
+
+run_groups() {
+    local preset labels title presets state
+    presets=$(groups_of_run | cut -d: -f1 | awk '!seen[$0]++')
+    step "building the driver images" windows build_images_for_tests
+    for preset in $presets; do
+        # shellcheck disable=SC2046
+        step "building $(title_of "$preset")" "$preset" build "$preset" $(targets_of "$preset")
+    done
+    state=$(state_of_tree)
+    while IFS=: read -r preset labels title; do
+        run_group "$preset" "$labels" "$title"
+    done < <(groups_of_run)
+    cat "$root"/build/{native,linux-arm64}/figures/{model,sweep}*.txt 2> /dev/null || true
+    cat "$root"/build/{native,linux-arm64}/figures/explorer/*.txt 2> /dev/null | awk '
+        { walked[$2] += $(NF - 5); random[$2] += $(NF - 1) }
+        END { for (on in walked) print "interleavings, " on " all: " walked[on] " walked, " random[on] " random" }' || true
+    if ! $all; then
+        echo "left to ./zepn test --all: address, undefined-behaviour and thread sanitizers; fault injection, model,"
+        echo "interleavings and samples on the ARM64 image; whether two builds are equal; the commands as typed"
+    fi
+}
+
+# Of the cases that match, those of one build folder.
+run_chosen() {
+    local preset=native programs=() arguments=() program targets=() pattern
+    mapfile -t programs < <(all_cases | awk -v part="$chosen" 'index($2, part) { print $1 }' | sort -u)
+    [ ${#programs[@]} -gt 0 ] || refuse "no case is called $chosen; ./zepn test --list lists them"
+    case $only in
+    asan | tsan) preset=$only ;;
+    arm64) [ "$(uname -m)" = aarch64 ] || preset=linux-arm64 ;;&
+    native | x64 | arm64) arguments=(-L "^$only\$") ;;
+    esac
+    for program in "${programs[@]}"; do
+        if [ "$program" = script ]; then
+            # What a script looks at, other cases have left.
+            targets=(tests)
+            break
+        fi
+        targets+=("${program}_tests")
+    done
+    step "building the driver images" windows build_images_for_tests
+    step "building what they need" "$preset" build "$preset" "${targets[@]}"
+    pattern=$(sed 's/[.[\*^$()+?{|\\]/\\&/g' <<< "$chosen")
+    run_ctest "$preset" "$results/chosen.xml" "$chosen" -R "$pattern" "${arguments[@]}"
+    count_cases "$results/chosen.xml" "$chosen${only:+, on $only}"
+}
+
+# What of the driver's own code the tests reach on the native build.
+run_coverage() {
+    local folder=$root/build/coverage
+    step "building the driver images" windows build_images_for_tests
+    step "building with coverage" coverage build coverage tests zepn-coverage
+    rm -rf "$folder/profiles"
+    export LLVM_PROFILE_FILE=$folder/profiles/%4m.profraw
+    step "testing the native driver" test-coverage ctest --test-dir "$folder" -j "$(nproc)" -L '^native$'
+    unset LLVM_PROFILE_FILE
+    llvm-profdata-19 merge -o "$folder/all.profdata" "$folder"/profiles/*.profraw
+    llvm-cov-19 export "$folder/platform/zepn.so" -instr-profile="$folder/all.profdata" > "$folder/all.json"
+    "$folder/tools/zepn-coverage" "$folder/all.json" "$root/tests/coverage/exceptions.txt" "$root"
+}
+
+run_tests() {
+    # What would choose among the cases.
+    unset ZEPN_SCHEDULE ZEPN_SCHEDULES ZEPN_SWEEP "${!GTEST_@}"
+    if [ "$*" = --coverage ]; then
+        run_coverage
+        return
+    fi
+    while [ $# -gt 0 ]; do
+        case $1 in
+        --all) all=true ;;
+        --again) again=true ;;
+        --list) list=true ;;
+        --on)
+            [ $# -gt 1 ] && [[ $2 =~ ^(native|x64|arm64|asan|tsan)$ ]] ||
+                refuse "test --on takes native, x64, arm64, asan or tsan"
+            only=$2
+            shift
+            ;;
+        -*) refuse "test does not know $1" ;;
+        *)
+            [ -z "$chosen" ] || refuse "test takes one name, and there is $chosen and $1"
+            chosen=$1
+            ;;
+        esac
+        shift
+    done
+    if $list; then
+        all_cases | awk -v part="$chosen" 'part == "" || index($2, part)'
+        return
+    fi
+    [ -z "$chosen" ] || ! $all || refuse "test takes a name or --all"
+    [ -n "$chosen" ] || [ -z "$only" ] || refuse "test --on goes with a name"
+    if [ -n "$chosen" ]; then run_chosen; else run_groups; fi
+    printf '%d passed, %d failed\n' "$passed" "$failed"
+    [ "$failed" = 0 ]
+}
