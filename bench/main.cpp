@@ -1,7 +1,6 @@
 // zepn-bench: what the driver costs, and how the cost grows.
 #include "bench/sections.h"
-
-#include <CLI/CLI.hpp>
+#include "tools/command_line/command_line.h"
 
 #include <filesystem>
 #include <fstream>
@@ -28,10 +27,8 @@ int main(int argc, char** argv)
     app.add_option("sections", names, "sections to run; all unless given");
     app.add_option("--json", jsonFile, "also writes all rows as JSON");
     app.add_flag("--quick", options.isQuick, "short times; the exact figures stay what they are");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : 2;
+    if (const auto status = tools::ReadCommandLine(app, argc, argv)) {
+        return *status;
     }
     const auto cannotWrite = [&jsonFile] {
         std::cerr << "zepn-bench: cannot write " << jsonFile << "\n";

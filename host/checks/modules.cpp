@@ -22,10 +22,8 @@ const Symbol* Around(const std::vector<Symbol>& symbols, std::uint64_t offset)
 
 }  // namespace
 
-void Modules::Add(const void* base, std::size_t sizeBytes, std::string name, std::vector<Symbol> symbols)
+void Modules::Add(const void* base, std::size_t sizeBytes, std::string name, Symbols symbols)
 {
-    std::sort(symbols.begin(), symbols.end(),
-              [](const Symbol& first, const Symbol& second) { return first.offset < second.offset; });
     const auto begin = reinterpret_cast<std::uint64_t>(base);
     const std::lock_guard lock(mutex_);
     byBase_[begin] = Module{begin, sizeBytes, std::move(name), std::move(symbols)};
@@ -56,7 +54,7 @@ std::string Modules::Describe(const void* address) const
         return "host";
     }
     const std::uint64_t offset = reinterpret_cast<std::uint64_t>(address) - module->base;
-    if (const Symbol* symbol = Around(module->symbols, offset)) {
+    if (const Symbol* symbol = Around(*module->symbols, offset)) {
         return module->name + "!" + symbol->name + Offset(offset - symbol->offset);
     }
     return module->name + Offset(offset);
@@ -69,7 +67,7 @@ std::string Modules::FunctionAt(const void* address) const
     if (module == nullptr) {
         return {};
     }
-    const Symbol* symbol = Around(module->symbols, reinterpret_cast<std::uint64_t>(address) - module->base);
+    const Symbol* symbol = Around(*module->symbols, reinterpret_cast<std::uint64_t>(address) - module->base);
     return symbol == nullptr ? std::string() : symbol->name;
 }
 

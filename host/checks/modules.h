@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,10 +15,12 @@ struct Symbol {
     std::string name;
 };
 
+// Of one file, sorted by offset; shared by all loads of it. Never null.
+using Symbols = std::shared_ptr<const std::vector<Symbol>>;
+
 class Modules {
 public:
-    // Symbols may be empty; they need not be sorted.
-    void Add(const void* base, std::size_t sizeBytes, std::string name, std::vector<Symbol> symbols);
+    void Add(const void* base, std::size_t sizeBytes, std::string name, Symbols symbols);
     void Remove(const void* base);
 
     // "zepn.sys!NotifierEvtDeviceAdd+0x1f4", "zepn.sys+0x21f4" without symbols, "host" for an address in no image.
@@ -33,7 +36,7 @@ private:
         std::uint64_t base;
         std::size_t sizeBytes;
         std::string name;
-        std::vector<Symbol> symbols;  // sorted by offset
+        Symbols symbols;
     };
     [[nodiscard]] const Module* Find(const void* address) const;
 

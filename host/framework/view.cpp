@@ -66,9 +66,9 @@ std::optional<ObjectView> Inspector::Find(WDFOBJECT handle) const
     return object == nullptr ? std::nullopt : std::optional(View(*object));
 }
 
-std::vector<ObjectView> Inspector::WithContext(const std::string& typeName) const
+std::vector<ObjectView> Inspector::WithContext(std::string_view typeName) const
 {
-    return ViewsOf([&typeName](const Object& object) {
+    return ViewsOf([typeName](const Object& object) {
         for (const struct Context& context : object.contexts) {
             if (typeName == context.type->ContextName) {
                 return true;

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <optional>
 #include <span>
-#include <string>
+#include <string_view>
 #include <vector>
 
 namespace host::framework {
@@ -24,7 +24,7 @@ enum class ObjectType { kDriver, kDevice, kQueue, kRequest, kFileObject, kCollec
 [[nodiscard]] const char* Name(ObjectType type);
 
 struct ContextView {
-    std::string typeName;
+    std::string_view typeName;         // the driver's; valid as long as its image is loaded
     std::span<const std::byte> bytes;  // the live context; valid as long as the object
 };
 
@@ -51,11 +51,11 @@ public:
     [[nodiscard]] std::optional<ObjectView> Find(WDFOBJECT handle) const;
 
     // Objects alive that carry a context of this type name.
-    [[nodiscard]] std::vector<ObjectView> WithContext(const std::string& typeName) const;
+    [[nodiscard]] std::vector<ObjectView> WithContext(std::string_view typeName) const;
 
     // A copy of an object's context of this type name; empty when there is none or its size differs.
     template <class T>
-    [[nodiscard]] std::optional<T> Context(WDFOBJECT handle, const std::string& typeName) const
+    [[nodiscard]] std::optional<T> Context(WDFOBJECT handle, std::string_view typeName) const
     {
         const std::optional<ObjectView> object = Find(handle);
         if (!object) {

@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 #include <elf.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -37,9 +38,10 @@ std::string Demangled(const char* name)
     return BareName(full);
 }
 
-using Symbols = std::vector<checks::Symbol>;
+using checks::Symbol;
+using checks::Symbols;
 
-Symbols ReadOnce(const std::filesystem::path& file, Symbols (*read)(const std::filesystem::path&))
+Symbols ReadOnce(const std::filesystem::path& file, std::vector<Symbol> (*read)(const std::filesystem::path&))
 {
     struct Entry {
         std::filesystem::file_time_type written;
@@ -52,21 +54,23 @@ Symbols ReadOnce(const std::filesystem::path& file, Symbols (*read)(const std::f
     const auto written = std::filesystem::last_write_time(file, error);
     const std::uintmax_t sizeBytes = std::filesystem::file_size(file, error);
     if (error) {
-        return {};
+        return std::make_shared<const std::vector<Symbol>>();
     }
     const std::lock_guard lock(mutex);
     const auto [found, isNew] = entries.try_emplace(file);
     Entry& entry = found->second;
     if (isNew || entry.written != written || entry.sizeBytes != sizeBytes) {
-        entry = {written, sizeBytes, read(file)};
+        std::vector<Symbol> symbols = read(file);
+        std::ranges::sort(symbols, {}, &Symbol::offset);
+        entry = {written, sizeBytes, std::make_shared<const std::vector<Symbol>>(std::move(symbols))};
     }
     return entry.symbols;
 }
 
-Symbols ReadMapFile(const std::filesystem::path& map)
+std::vector<Symbol> ReadMapFile(const std::filesystem::path& map)
 {
     std::ifstream stream(map);
-    Symbols symbols;
+    std::vector<Symbol> symbols;
     std::string line;
     while (std::getline(stream, line)) {
         // Columns: address, size, alignment; then section at 24, input at 32, symbol at 40.
@@ -84,7 +88,7 @@ Symbols ReadMapFile(const std::filesystem::path& map)
     return symbols;
 }
 
-Symbols ReadElf(const std::filesystem::path& file)
+std::vector<Symbol> ReadElf(const std::filesystem::path& file)
 {
     std::ifstream stream(file, std::ios::binary);
     std::error_code error;
@@ -99,7 +103,7 @@ Symbols ReadElf(const std::filesystem::path& file)
         return true;
     };
 
-    Symbols symbols;
+    std::vector<Symbol> symbols;
     Elf64_Ehdr header;
     if (!at(0, header)) {
         return symbols;
@@ -125,14 +129,14 @@ Symbols ReadElf(const std::filesystem::path& file)
 
 }  // namespace
 
-std::vector<checks::Symbol> MapFileSymbols(const std::filesystem::path& image)
+Symbols MapFileSymbols(const std::filesystem::path& image)
 {
     std::filesystem::path map = image;
     map.replace_extension(".map");
     return ReadOnce(map, ReadMapFile);
 }
 
-std::vector<checks::Symbol> ElfSymbols(const std::filesystem::path& file)
+Symbols ElfSymbols(const std::filesystem::path& file)
 {
     return ReadOnce(file, ReadElf);
 }

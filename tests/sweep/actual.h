@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <string_view>
 #include <utility>
 
 namespace sweep {
@@ -19,7 +20,7 @@ enum class Kind {
     kTracing,     // it can fail, and nothing but the records may change
     kCannotFail,  // no result, or one without failure
 };
-[[nodiscard]] std::optional<Kind> KindOf(const std::string& function);
+[[nodiscard]] std::optional<Kind> KindOf(std::string_view function);
 
 using Site = std::pair<std::uint32_t, std::uint16_t>;  // first number of the message GUID, message number
 

@@ -119,9 +119,12 @@ Step Expected::Run(const Op& op)
 
 bool Expected::Strikes(const char* function, const std::string& detail, std::vector<Form> forms)
 {
-    const unsigned number = counts_[function]++;
-    calls_.push_back({function, detail, std::move(forms)});
-    if (std::string(function) != "WdfGetDriver") {
+    const auto found = counts_.find(std::string_view(function));
+    const unsigned number = found == counts_.end() ? counts_.emplace(function, 1).first->second - 1 : found->second++;
+    if (!fault_) {
+        calls_.push_back({function, detail, std::move(forms)});
+    }
+    if (std::string_view(function) != "WdfGetDriver") {
         step_.calls.push_back(std::string(function) + (detail.empty() ? "" : " " + detail));
     }
     const bool strikes = fault_ && fault_->function == function &&

@@ -62,7 +62,7 @@ public:
     Step Run(const Op& op);
     [[nodiscard]] Lines Alive() const;
 
-    // All fallible calls so far, in order.
+    // All fallible calls so far, in order; of a life without a fault.
     [[nodiscard]] const std::vector<Call>& calls() const { return calls_; }
     [[nodiscard]] unsigned struck() const { return struck_; }
 
@@ -132,7 +132,7 @@ private:
     void Deliver();
 
     std::optional<Fault> fault_;
-    std::map<std::string, unsigned> counts_;
+    std::map<std::string, unsigned, std::less<>> counts_;
     std::vector<Call> calls_;
     unsigned struck_ = 0;
     Step step_;

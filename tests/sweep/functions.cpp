@@ -1,12 +1,14 @@
 // The platform functions that the driver may call, by what they can do to it.
 #include "tests/sweep/actual.h"
 
+#include <unordered_map>
+
 namespace sweep {
 namespace {
 
-const std::map<std::string, Kind>& Table()
+const std::unordered_map<std::string_view, Kind>& Table()
 {
-    static const std::map<std::string, Kind> table = {
+    static const std::unordered_map<std::string_view, Kind> table = {
         {"WdfVersionBind", Kind::kFallible},
         {"WdfDriverCreate", Kind::kFallible},
         {"WdfDeviceInitAssignName", Kind::kFallible},
@@ -69,7 +71,7 @@ const std::map<std::string, Kind>& Table()
 
 }  // namespace
 
-std::optional<Kind> KindOf(const std::string& function)
+std::optional<Kind> KindOf(std::string_view function)
 {
     const auto found = Table().find(function);
     return found == Table().end() ? std::nullopt : std::optional(found->second);

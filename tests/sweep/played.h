@@ -26,7 +26,7 @@ public:
     Played(const tests::Container& container, const Plan& plan, std::set<Site>& sites);
 
     std::string difference;  // "" when all was as expected
-    std::vector<Call> calls;
+    std::vector<Call> calls;  // of a life without a fault
     Lines records;
     std::vector<std::uint64_t> numbers;  // of the fallible calls among all platform calls
     std::uint64_t callCount = 0;

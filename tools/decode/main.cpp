@@ -3,8 +3,7 @@
 // Ends with 0 when every record could be decoded, 1 when not, 2 for a file that cannot be read or a wrong call.
 #include "host/tracing/capture_file.h"
 #include "host/tracing/decode.h"
-
-#include <CLI/CLI.hpp>
+#include "tools/command_line/command_line.h"
 
 #include <iostream>
 
@@ -43,7 +42,6 @@ bool Print(const CapturedMessage& message, const Manifest&, const MessageFormats
 
 int main(int argumentCount, char** arguments)
 {
-    constexpr int kBadInput = 2;
     const std::string folder = std::string(ZEPN_ROOT) + "/out/manifest";
     std::string file;
     std::string manifestFile = folder + "/zepn.man";
@@ -52,10 +50,8 @@ int main(int argumentCount, char** arguments)
     app.add_option("file", file, "what zepn demo --capture wrote")->required();
     app.add_option("--manifest", manifestFile, "event manifest");
     app.add_option("--tmf", formatFolder, "message-format file, or folder of them");
-    try {
-        app.parse(argumentCount, arguments);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kBadInput;
+    if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
+        return *status;
     }
     try {
         const Manifest manifest(manifestFile);
@@ -67,6 +63,6 @@ int main(int argumentCount, char** arguments)
         return all ? 0 : 1;
     } catch (const std::exception& error) {
         std::cerr << "zepn-decode: " << error.what() << "\n";
-        return kBadInput;
+        return tools::kBadInput;
     }
 }

@@ -2,9 +2,8 @@
 //
 // Ends with 0 when driver and model agreed in all, 1 when a life went wrong, 2 for a wrong call.
 #include "host/environment.h"
+#include "tools/command_line/command_line.h"
 #include "tools/fuzz/run.h"
-
-#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <filesystem>
@@ -14,7 +13,7 @@
 namespace {
 
 constexpr int kWentWrong = 1;
-constexpr int kBadInput = 2;
+using tools::kBadInput;
 
 std::filesystem::path ImagePath(const std::string& choice)
 {
@@ -49,10 +48,8 @@ int main(int argumentCount, char** arguments)
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
     app.add_option("--scenario", scenarioFile, "where the life that went wrong is written (default: fuzz.json)")
         ->take_last();
-    try {
-        app.parse(argumentCount, arguments);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kBadInput;
+    if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
+        return *status;
     }
     if (seconds->count() == 0 && budget.lives == 0) {
         budget.seconds = 60;

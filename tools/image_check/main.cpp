@@ -1,11 +1,11 @@
 // zepn-image-check: says what an image is and what is wrong with it.
 //
 // Ends with 0 when every image is right, 1 when something was found, 2 for a wrong call or when a check could not run.
+#include "tools/command_line/command_line.h"
 #include "tools/image_check/checks.h"
 #include "tools/image_check/disassembly.h"
 #include "tools/image_check/text.h"
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -122,10 +122,8 @@ int main(int argumentCount, char** arguments)
     app.add_flag("--structure-only", structureOnly, "leave out the checks of code, which need the disassembler");
     app.add_flag("--without-reports", withoutReports, "the images need no resources, as the samples");
     app.add_flag("--json", json, "one JSON object for each image: facts and findings");
-    try {
-        app.parse(argumentCount, arguments);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kCouldNotRun;
+    if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
+        return *status;
     }
 
     int result = 0;

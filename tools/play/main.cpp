@@ -2,13 +2,13 @@
 //
 // Ends with 0 when all went as the scenario expects, 1 when not, 2 for a wrong scenario or a wrong call.
 #include "host/environment.h"
+#include "tools/command_line/command_line.h"
 #include "tools/play/diagram.h"
 #include "tools/play/perfetto.h"
 #include "tools/play/player.h"
 #include "tools/play/reading/scenario_reader.h"
 #include "tools/play/samples_life.h"
 
-#include <CLI/CLI.hpp>
 #include <unistd.h>
 
 #include <fstream>
@@ -18,7 +18,7 @@
 namespace {
 
 constexpr int kNotAsExpected = 1;
-constexpr int kBadInput = 2;
+using tools::kBadInput;
 
 std::filesystem::path ImagePath(const std::string& choice, const std::filesystem::path& root)
 {
@@ -86,10 +86,8 @@ int main(int argumentCount, char** arguments)
     app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario")
         ->excludes(scenarioOption, etwOption, traceOption, captureOption, diagramOption, perfettoOption);
     app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
-    try {
-        app.parse(argumentCount, arguments);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kBadInput;
+    if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
+        return *status;
     }
 
     try {
