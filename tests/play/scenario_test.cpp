@@ -57,6 +57,9 @@ TEST(Scenario, MistakesNameLineColumnFieldAndExpectation)
         {R"({"do": "leave", "client": "power", "expect": "STATUS_FINE"})",
          "file.json:4:48: steps[0].expect: expected a status like \"STATUS_NOT_FOUND\" or \"0xC0000225\""},
         {R"({"do": "deliver", "client": "power"})", "file.json:4:21: steps[0].client: unknown field"},
+        {R"({"do": "deliver", "shows": "a text"})", "file.json:4:30: steps[0].shows: expected a list, found a text"},
+        {R"({"do": "deliver", "shows": ["a text", 3]})",
+         "file.json:4:41: steps[0].shows[1]: expected a text, found a number"},
         {R"(7)", "file.json:4:3: steps[0]: expected an object, found a number"},
         {R"({"do": "deliver",})",
          "file.json:4:20: syntax: syntax error while parsing object key - unexpected '}'; expected string literal"},
@@ -81,6 +84,17 @@ TEST(Scenario, MistakesOutsideTheStepsAreFoundTooAndAllAtOnce)
           "clients.power.answers[0]: field \"answer\" is missing"}) {
         EXPECT_NE(mistakes.find(expected), std::string::npos) << expected << "\n" << mistakes;
     }
+}
+
+TEST(Scenario, WithoutADeviceNothingIsAskedOfIt)
+{
+    const auto mistakes = [](const std::string& steps) {
+        return MistakesIn(R"({"title": "t", "device": false, "states": {}, "clients": {}, "steps": [)" + steps + "]}");
+    };
+    EXPECT_EQ(mistakes(R"({"do": "unload"})"), "none");
+    EXPECT_EQ(mistakes(R"({"do": "addDevice"}, {"do": "count"})"), "none");
+    EXPECT_EQ(mistakes(R"({"do": "count"}, {"do": "addDevice"})"),
+              "file.json:1:72: steps: with \"device\": false a step \"addDevice\" comes before this one");
 }
 
 class Demo : public testing::TestWithParam<const char*> {
@@ -147,16 +161,55 @@ TEST_P(Demo, FailuresScenarioShowsEachStatusWithItsEvent)
     }
 }
 
-TEST_P(Demo, UnmetExpectationFailsTheRunAndIsMarked)
+TEST(Player, MarksEachUnmetExpectationAndFailsTheRun)
 {
-    const play::Scenario scenario =
-        ParseScenario(With(R"({"do": "leave", "client": "power", "expect": "STATUS_SUCCESS"})"), "f");
-    play::PlayOptions options;
-    options.image = ZEPN_NATIVE_DRIVER;
-    std::ostringstream out;
-    play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    EXPECT_FALSE(play::Play(scenario, options, timeline));
-    EXPECT_NE(out.str().find("STATUS_NOT_FOUND  <-- not expected"), std::string::npos) << out.str();
+    const std::pair<const char*, const char*> kRows[] = {
+        {R"({"do": "leave", "client": "power", "expect": "STATUS_SUCCESS"})", "STATUS_NOT_FOUND  <-- not expected"},
+        {R"({"do": "register", "client": "power", "shows": ["as \"Power\"", "registers"]})",
+         "!! the step does not show, in its place: registers"},
+        {R"({"do": "register", "client": "power", "trouble": "dead handle"})",
+         "!! expected trouble that did not come: dead handle"},
+        {R"({"do": "subscribe", "client": "power", "to": "power", "state": "any",
+             "fail": {"call": "WdfCollectionRemove"}, "expect": "STATUS_ZEP_NOTIFIER_NO_DRIVER"})",
+         "!! the step never calls WdfCollectionRemove, which was to fail"},
+    };
+    for (const auto& [step, marked] : kRows) {
+        play::PlayOptions options;
+        options.image = ZEPN_NATIVE_DRIVER;
+        std::ostringstream out;
+        play::Timeline timeline(out, play::Timeline::Form::kText, false);
+        EXPECT_FALSE(play::Play(ParseScenario(With(step), "f"), options, timeline));
+        EXPECT_NE(out.str().find(marked), std::string::npos) << out.str();
+    }
+}
+
+// A driver that is unloaded while its client is registered is found by whichever callback comes first.
+TEST(Player, FindsACallbackOfAnUnloadedDriver)
+{
+    const std::pair<const char*, const char*> kRows[] = {
+        {R"({"do": "sleep"})", "the application-state callback of modem, whose driver is unloaded"},
+        {R"({"do": "command", "client": "power", "to": "modem", "id": 1}, {"do": "deliver"})",
+         "the command callback of modem, whose driver is unloaded"},
+        {R"({"do": "post", "client": "power", "state": 3}, {"do": "deliver"})",
+         "the state callback of modem, whose driver is unloaded"},
+    };
+    for (const auto& [steps, finding] : kRows) {
+        const play::Scenario scenario = ParseScenario(std::string(R"({"title": "t", "states": {}, "clients": {
+            "power": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "Power"},
+            "modem": {"guid": "6f1b2c3d-0002-4a5b-8c9d-000000000002", "name": "Modem", "appsState": "heard",
+                      "commands": []}},
+          "steps": [{"do": "register", "client": "power"}, {"do": "register", "client": "modem"},
+            {"do": "subscribe", "client": "modem", "to": "power", "state": 3},
+            {"do": "unload", "client": "modem"}, )") + steps +
+                                                          "]}",
+                                                      "f");
+        play::PlayOptions options;
+        options.image = ZEPN_NATIVE_DRIVER;
+        std::ostringstream out;
+        play::Timeline timeline(out, play::Timeline::Form::kText, false);
+        EXPECT_FALSE(play::Play(scenario, options, timeline));
+        EXPECT_NE(out.str().find(finding), std::string::npos) << out.str();
+    }
 }
 
 }  // namespace

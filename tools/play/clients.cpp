@@ -134,6 +134,15 @@ Client::Client(Peers& peers, const ClientModel& model)
     callbacks_.AppsStateNotificationCallback = model.hearsAppsState ? &OnAppsState : nullptr;
 }
 
+bool Client::IsUnloaded(const char* callback)
+{
+    if (unloaded_) {
+        peers_.findings.push_back(std::string("the Notifier calls the ") + callback + " of " + model_.key +
+                                  ", whose driver is unloaded: a jump into unmapped memory");
+    }
+    return unloaded_;
+}
+
 void Client::CallFromInside(const char* callback)
 {
     const ZEP_NOTIFIER_HELPER_INTERFACE& helper = *peers_.helper;
@@ -169,6 +178,9 @@ void Client::CallFromInside(const char* callback)
 NTSTATUS Client::OnState(PVOID context, const ZepState* state, PULONG response)
 {
     auto& self = *static_cast<Client*>(context);
+    if (self.IsUnloaded("state callback")) {
+        return STATUS_SUCCESS;
+    }
     Peers& peers = self.peers_;
     const std::string from = peers.NameOf(state->InterfaceGUID);
     const Told told(peers.timeline, self.model_.key, "state callback",
@@ -198,6 +210,9 @@ NTSTATUS Client::OnState(PVOID context, const ZepState* state, PULONG response)
 NTSTATUS Client::OnCommand(PVOID context, ULONG id, const ZepCommandInfo* info, PULONG state)
 {
     auto& self = *static_cast<Client*>(context);
+    if (self.IsUnloaded("command callback")) {
+        return STATUS_SUCCESS;
+    }
     Peers& peers = self.peers_;
     const std::string from = peers.NameOf(info->SourceGuid);
     const Told told(peers.timeline, self.model_.key, "command callback",
@@ -224,6 +239,9 @@ NTSTATUS Client::OnCommand(PVOID context, ULONG id, const ZepCommandInfo* info, 
 NTSTATUS Client::OnAppsState(PVOID context, ULONG, PULONG state)
 {
     auto& self = *static_cast<Client*>(context);
+    if (self.IsUnloaded("application-state callback")) {
+        return STATUS_SUCCESS;
+    }
     Peers& peers = self.peers_;
     const Told told(peers.timeline, self.model_.key, "application-state callback", "");
     peers.timeline.Add(

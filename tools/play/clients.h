@@ -35,11 +35,15 @@ public:
     [[nodiscard]] const std::vector<ZepDataEntry>& entries() const { return entries_; }
     [[nodiscard]] std::uint32_t* dumpRecord() { return &dumpRecord_; }
 
+    // Its driver is unloaded: whoever calls one of its callbacks from now on is found.
+    void Unload() { unloaded_ = true; }
+
     static NTSTATUS NTAPI OnState(PVOID context, const ZepState* state, PULONG response);
     static NTSTATUS NTAPI OnCommand(PVOID context, ULONG id, const ZepCommandInfo* info, PULONG state);
     static NTSTATUS NTAPI OnAppsState(PVOID context, ULONG reason, PULONG state);
 
 private:
+    bool IsUnloaded(const char* callback);
     void CallFromInside(const char* callback);
 
     Peers& peers_;
@@ -48,6 +52,7 @@ private:
     std::vector<ZepDataEntry> entries_;
     std::vector<bool> spent_;  // rules that answer once and have answered
     std::uint32_t dumpRecord_;
+    bool unloaded_ = false;
 };
 
 class Peers {
@@ -64,6 +69,9 @@ public:
     // The tables that the driver gave out; the peers use them only to do what they must not.
     const ZEP_NOTIFIER_HELPER_INTERFACE* helper = nullptr;
     const ZEP_NOTIFIER_WPCD_INTERFACE* wpcd = nullptr;
+
+    // What the peers found wrong since the run looked last.
+    std::vector<std::string> findings;
 
     // A registration is delivering now: the callback's response then enters as the subscriber's own state.
     bool registering = false;

@@ -5,6 +5,7 @@
 #include "tools/play/statuses.h"
 
 #include <span>
+#include <utility>
 
 namespace play {
 namespace {
@@ -42,14 +43,28 @@ void Run::Boot(const std::filesystem::path& image)
     if (!NT_SUCCESS(driver->EntryStatus())) {
         throw host::HostError("the driver's entry point failed with " + StatusText(driver->EntryStatus()));
     }
-    const NTSTATUS added = driver->AddDevice();
-    const NTSTATUS started = NT_SUCCESS(added) ? driver->StartDevice() : added;
-    timeline.Add(
-        {EntryKind::kCall, kSystem, kNotifier, "adds and starts its device", StatusText(started), NT_SUCCESS(started)});
-    Query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper);
-    Query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd);
     peers.helper = &helper;
     peers.wpcd = &wpcd;
+    if (!scenario.bootsDevice) {
+        return;
+    }
+    const NTSTATUS status = AddDevice();
+    timeline.Add(
+        {EntryKind::kCall, kSystem, kNotifier, "adds and starts its device", StatusText(status), NT_SUCCESS(status)});
+    if (!NT_SUCCESS(status)) {
+        throw host::HostError("the driver's device could not be started: " + StatusText(status));
+    }
+}
+
+NTSTATUS Run::AddDevice()
+{
+    const NTSTATUS added = driver->AddDevice();
+    const NTSTATUS status = NT_SUCCESS(added) ? driver->StartDevice() : added;
+    if (NT_SUCCESS(status)) {
+        Query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper);
+        Query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd);
+    }
+    return status;
 }
 
 std::optional<NTSTATUS> Run::Call(const Step& step, const std::string& who, const char* operation,
@@ -110,6 +125,9 @@ void Run::ShowTrouble()
     for (const auto& violation : machine.violations().Take()) {
         violations_ += Trouble(violation.Text()) ? 0 : 1;
     }
+    for (const std::string& finding : std::exchange(peers.findings, {})) {
+        violations_ += Trouble(finding) ? 0 : 1;
+    }
 }
 
 void Run::Disarm(const Step& step)
@@ -124,6 +142,13 @@ void Run::Disarm(const Step& step)
         Trouble("expected trouble that did not come: " + expected);
     }
     expectedTrouble_.reset();
+    std::size_t shown = 0;
+    for (const std::string& text : timeline.StepTexts()) {
+        shown += shown < step.shows.size() && text.find(step.shows[shown]) != std::string::npos ? 1 : 0;
+    }
+    if (shown < step.shows.size()) {
+        Trouble("the step does not show, in its place: " + step.shows[shown]);
+    }
 }
 
 bool Run::Trouble(const std::string& text)

@@ -24,8 +24,12 @@ public:
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
-    // Loads the driver, starts its device and asks for its interfaces. Throws host::HostError when that fails.
+    // Loads the driver and, unless the scenario does that by a step, adds its device. Throws host::HostError when that
+    // fails.
     void Boot(const std::filesystem::path& image);
+
+    // Adds and starts the driver's device and asks it for its interfaces.
+    NTSTATUS AddDevice();
 
     // Ends, as the system would, what the scenario left open, and sums up.
     void End();
@@ -60,9 +64,9 @@ public:
 
     // Before a step: sets its fault and what trouble it must end in.
     void Arm(const Step& step);
-    // Behind it: shows what the host found.
+    // After it: shows what the host and the peers found.
     void ShowTrouble();
-    // At last: a fault that did not strike, and trouble that did not come, are trouble too.
+    // At last: a fault that did not strike, trouble that did not come, and what was not shown, are trouble too.
     void Disarm(const Step& step);
 
 private:

@@ -74,6 +74,7 @@ enum class Action {
     kControl,
     kClose,
     kTimeout,
+    kAddDevice,
     kSleep,
     kWake,
     kRefuseStop,
@@ -107,10 +108,12 @@ struct Step {
     std::optional<StepFault> fail;
     bool raised = false;                 // the call is made at DISPATCH_LEVEL
     std::optional<std::string> trouble;  // part of the text of the trouble that the step must end in
+    std::vector<std::string> shows;      // parts of what the step must show, in this order
 };
 
 struct Scenario {
     std::string title;
+    bool bootsDevice = true;  // else the run begins with the loaded driver, and a step adds the device
     std::map<std::string, std::uint32_t> states;
     std::vector<ClientModel> clients;
     CrashDumpModel crashDump;

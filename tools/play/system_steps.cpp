@@ -50,6 +50,10 @@ void DoSystemStep(Run& run, const Step& step)
         run.Show(step, kSystem, "sets the time to wait before sleep: " + std::to_string(step.argument) + " ms",
                  STATUS_SUCCESS);
         return;
+    case Action::kAddDevice:
+        run.Show(step, kSystem, "adds and starts the device",
+                 run.Call(step, kSystem, "device add", {}, [&] { return run.AddDevice(); }));
+        return;
     case Action::kSleep: {
         const std::size_t delaysBefore = run.machine.Delays().size();
         const auto status = run.Call(step, kSystem, "power-state callback", {}, [&] {
@@ -87,6 +91,11 @@ void DoSystemStep(Run& run, const Step& step)
         return;
     }
     case Action::kUnload:
+        if (!step.client.empty()) {
+            run.peers.Find(step.client).Unload();
+            run.Show(step, kSystem, "unloads the driver of " + step.client, STATUS_SUCCESS);
+            return;
+        }
         run.driver->Unload();
         run.Show(step, kSystem, "unloads the driver", STATUS_SUCCESS);
         return;

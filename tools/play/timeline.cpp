@@ -46,6 +46,7 @@ void Timeline::Add(const Entry& entry)
         PrintText(entry);
     }
     out_.flush();
+    stepTexts_.push_back(entry.what);
     for (Observer* observer : observers_) {
         observer->OnEntry(step_, entry);
     }

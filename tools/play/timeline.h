@@ -69,7 +69,13 @@ public:
     void End(const std::string& who, const std::string& outcome = "");
 
     // The step that the entries from now on belong to; 0 before the first.
-    void BeginStep(unsigned step) { step_ = step; }
+    void BeginStep(unsigned step)
+    {
+        step_ = step;
+        stepTexts_.clear();
+    }
+    // What all its entries said, in their order.
+    [[nodiscard]] const std::vector<std::string>& StepTexts() const { return stepTexts_; }
 
     // The last line of a run.
     void Close(const std::string& summary, bool good);
@@ -85,6 +91,7 @@ private:
     bool color_;
     unsigned step_ = 0;
     unsigned printedStep_ = 0;
+    std::vector<std::string> stepTexts_;
 };
 
 }  // namespace play

@@ -42,8 +42,12 @@ Scenario ParseScenario(const std::string& text, const std::string& fileName)
         throw ScenarioError(reader.mistakes());
     }
     if (reader.IsA(root, Kind::kObject, "scenario")) {
-        reader.CheckFields(root, "scenario", {"title", "states", "clients", "steps"}, {"crashDump"});
+        reader.CheckFields(root, "scenario", {"title", "states", "clients", "steps"}, {"crashDump", "device"});
         reader.ReadText(root, "title", "title", scenario.title);
+        if (const JsonValue* device = FindMember(root, "device");
+            device != nullptr && reader.IsA(*device, Kind::kBoolean, "device")) {
+            scenario.bootsDevice = device->boolean;
+        }
         ReadStates(reader, root, scenario);
         ReadClients(reader, root, scenario);
         ReadCrashDump(reader, root, scenario);

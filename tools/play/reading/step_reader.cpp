@@ -37,13 +37,14 @@ const std::vector<ActionRow>& Actions()
         {"control", Action::kControl, {}, {"id", "expect"}},
         {"close", Action::kClose, {}, {}},
         {"timeout", Action::kTimeout, {"argument"}, {}},
+        {"addDevice", Action::kAddDevice, {}, {"expect"}},
         {"sleep", Action::kSleep, {}, {}},
         {"wake", Action::kWake, {}, {}},
         {"askToStop", Action::kRefuseStop, {}, {"expect"}},
         {"askToRemove", Action::kRefuseRemove, {}, {"expect"}},
         {"surpriseRemoval", Action::kSurpriseRemoval, {}, {}},
         {"remove", Action::kRemove, {}, {}},
-        {"unload", Action::kUnload, {}, {}},
+        {"unload", Action::kUnload, {}, {"client"}},
     };
     return kRows;
 }
@@ -69,6 +70,38 @@ std::vector<std::string> NullArguments(Action action)
     }
 }
 
+// Most steps need a table of the driver's, which only a device gives out.
+void CheckDevice(ValueReader& reader, const Scenario& scenario)
+{
+    for (const Step& step : scenario.steps) {
+        switch (step.action) {
+        case Action::kAddDevice:
+            return;
+        case Action::kNote:
+        case Action::kTimeout:
+        case Action::kUnload:
+            break;
+        default:
+            reader.Mistake(step.place, "steps", "with \"device\": false a step \"addDevice\" comes before this one");
+            return;
+        }
+    }
+}
+
+void ReadShows(ValueReader& reader, const JsonValue& value, const std::string& field, Step& step)
+{
+    const JsonValue* shows = FindMember(value, "shows");
+    if (shows == nullptr || !reader.IsA(*shows, Kind::kArray, field + ".shows")) {
+        return;
+    }
+    for (std::size_t index = 0; index < shows->items.size(); ++index) {
+        const JsonValue& text = shows->items[index];
+        if (reader.IsA(text, Kind::kText, field + ".shows[" + std::to_string(index) + "]")) {
+            step.shows.push_back(text.text);
+        }
+    }
+}
+
 // What a step does wrong on purpose, and what shall come of it.
 void ReadMischief(ValueReader& reader, const JsonValue& value, const std::string& field, Step& step)
 {
@@ -79,6 +112,7 @@ void ReadMischief(ValueReader& reader, const JsonValue& value, const std::string
     if (FindMember(value, "trouble") != nullptr) {
         reader.ReadText(value, "trouble", field + ".trouble", step.trouble.emplace());
     }
+    ReadShows(reader, value, field, step);
     const JsonValue* fail = FindMember(value, "fail");
     if (fail == nullptr || !reader.IsA(*fail, Kind::kObject, field + ".fail")) {
         return;
@@ -98,7 +132,7 @@ void ReadStepOf(ValueReader& reader, const ActionRow& row, const JsonValue& valu
     required.emplace_back("do");
     std::vector<std::string> optional = row.optional;
     if (row.action != Action::kNote) {
-        optional.insert(optional.end(), {"fail", "level", "trouble"});
+        optional.insert(optional.end(), {"fail", "level", "shows", "trouble"});
     }
     reader.CheckFields(value, field, required, optional);
     Step step;
@@ -158,6 +192,9 @@ void ReadSteps(ValueReader& reader, const JsonValue& root, Scenario& scenario)
         if (reader.IsA(steps->items[index], Kind::kObject, field)) {
             ReadStep(reader, steps->items[index], field, scenario);
         }
+    }
+    if (!scenario.bootsDevice) {
+        CheckDevice(reader, scenario);
     }
 }
 
