@@ -23,6 +23,7 @@ static_assert(sizeof(ZEP_NOTIFIER_COMMAND_CONTEXT) == 48);
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_COMMAND_CONTEXT, GetCommandContext)
 
-// Tells every client of an application-state change, then posts the states that clients want in answer. Takes the
-// clients lock for the first half. The reason is not used: clients are always told ZEP_APPS_STATE_REASON_CHANGED.
+// Notifies every client of an application-state change, then posts the states that clients want in answer. Holds the
+// clients lock while it calls them; each post then takes it again, so the caller holds none. The reason is not used:
+// clients always get ZEP_APPS_STATE_REASON_CHANGED.
 [[nodiscard]] NTSTATUS Notifier_NotifyAppsState(ULONG Reason);

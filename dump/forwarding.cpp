@@ -2,10 +2,10 @@
 //
 // No lock, the caller's thread and IRQL; everything touched here is resident. Arguments are passed on as they came;
 // only the first 32 bits behind a pointer are read, and only to trace a call that succeeded. The crash-dump driver must
-// not detach while such calls can come. These sites have a set of trace messages of their own.
+// not attach or detach while such calls can come. These sites have a set of trace messages of their own.
 //
-// On purpose: the answer is judged by its sign, while announcements take only 0. A call that finds nobody attached
-// leaves without a trace of leaving.
+// On purpose: the answer is judged by its sign, while announcements take only 0. A call that does not reach the
+// crash-dump driver, for whatever reason, writes no exit trace.
 #include "dump/dump.h"
 
 #include "context/driver_context.h"
