@@ -118,6 +118,52 @@ NTSTATUS NTAPI OnDumpStart(PVOID, ULONGLONG, ULONGLONG)
     return STATUS_SUCCESS;
 }
 
+// Attaching takes no lock: two at once can both find nobody attached. Both succeed then, one object is in force, and the
+// other stays, out of reach, until unload.
+TEST_P(AcceptedRaces, TwoAttachesAtOnceBothSucceedAndOneObjectStays)
+{
+    constexpr bool kEveryCall = true;  // there are no locks to choose at
+    unsigned bothSucceed = 0;
+    unsigned oneSucceeds = 0;
+    const auto play = [&](World& world, Explorer& explorer) {
+        WpcdClientRegistration registration{};
+        registration.ZepClientAdd = OnAdd;
+        NTSTATUS statuses[2] = {};
+        RunAll(world, explorer,
+               {{"one", [&] { statuses[0] = world.wpcd.Notifier_WpcdClientInit(&registration); }},
+                {"two", [&] { statuses[1] = world.wpcd.Notifier_WpcdClientInit(&registration); }}});
+        std::size_t attached = 0;
+        for (const NTSTATUS status : statuses) {
+            EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_OBJECT_NAME_EXISTS) << status;
+            attached += status == STATUS_SUCCESS ? 1 : 0;
+        }
+        EXPECT_GE(attached, 1u);
+        EXPECT_EQ(world.Alive(kWpcdContextName), attached);
+        ++(attached == 2 ? bothSucceed : oneSucceeds);
+        // The world's end finds no leak: the object that stays is a child of the driver object.
+        EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
+        EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_OBJECT_NAME_NOT_FOUND);
+        EXPECT_EQ(world.Alive(kWpcdContextName), attached - 1);
+    };
+    Explore("two attaches", play, kPreemptions, kEveryCall);
+    EXPECT_TRUE(IsReplay() || (bothSucceed >= 1 && oneSucceeds >= 1)) << bothSucceed << " and " << oneSucceeds;
+}
+
+// Attaching reads the handle again after it has made the object; a detach in between has cleared it.
+TEST_P(AcceptedRaces, DetachingWhileAnAttachIsUnderWayUsesNoHandle)
+{
+    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
+    EXPECT_EXIT(EndAtFirstFault(GetParam(),
+                                [](World& world, Explorer& explorer) {
+                                    WpcdClientRegistration registration{};
+                                    RunAll(
+                                        world, explorer,
+                                        {{"attach", [&] { (void)world.wpcd.Notifier_WpcdClientInit(&registration); }},
+                                         {"detach", [&] { (void)world.wpcd.Notifier_WpcdClientDeInit(); }}});
+                                }),
+                testing::ExitedWithCode(kViolationExit), "(null|dead) handle: .*Notifier_WpcdClientInit");
+}
+
 // The crash-dump driver's handle can be seen before its callbacks: an announcement meanwhile calls nothing. A schedule
 // that ends the process is told like any other that fails.
 TEST_P(AcceptedRaces, AttachingWhileAClientIsAnnouncedCallsNull)
@@ -161,19 +207,77 @@ TEST_P(AcceptedRaces, DetachingWhileADumpStartsUsesTheDeadClient)
         testing::ExitedWithCode(kViolationExit), "dead handle: .*GetContext");
 }
 
-// A look-up gives the clients lock back before its caller uses what it found.
-TEST_P(AcceptedRaces, PostingForAClientThatLeavesUsesTheDeadClient)
+// What happens to a client while another thread deregisters it.
+struct Use {
+    const char* name;
+    void (*play)(World&, Explorer&, Peer& leaving, Peer& other);
+    const char* finding;
+};
+
+constexpr const char* kInSendState = "dead handle: .*Notifier_HelperSendState";
+
+const Use kUses[] = {
+    {"post",
+     [](World& world, Explorer& explorer, Peer& leaving, Peer&) {
+         RunAll(world, explorer,
+                {{"post", [&] { (void)world.Post(leaving, 5); }}, {"leave", [&] { (void)world.Leave(leaving); }}});
+     },
+     kInSendState},
+    {"command",
+     [](World& world, Explorer& explorer, Peer& leaving, Peer& other) {
+         RunAll(world, explorer,
+                {{"command", [&] { (void)world.Send(leaving, other, 7); }},
+                 {"leave", [&] { (void)world.Leave(leaving); }}});
+     },
+     "dead handle: .*(QueueCommand|Notifier_HelperSendCommand)"},
+    {"answer to a first state",
+     [](World& world, Explorer& explorer, Peer& leaving, Peer& other) {
+         leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };
+         RunAll(world, explorer,
+                {{"subscribe", [&] { (void)world.Subscribe(leaving, other, ZEP_STATE_ANY); }},
+                 {"leave", [&] { (void)world.Leave(leaving); }}});
+     },
+     kInSendState},
+    {"answer to a command",
+     [](World& world, Explorer& explorer, Peer& leaving, Peer& other) {
+         leaving.onCommand = [](ULONG, ULONG& state) { state = 9; };
+         (void)world.Send(other, leaving, 7);
+         const auto leave = [&] {
+             if (!leaving.commands.empty()) {  // before, it would stop command delivery
+                 (void)world.Leave(leaving);
+             }
+         };
+         RunAll(world, explorer, {{"run", [&] { world.Deliver(); }}, {"leave", leave}});
+     },
+     kInSendState},
+    {"answer to an application-state change",
+     [](World& world, Explorer& explorer, Peer& leaving, Peer&) {
+         leaving.onAppsState = [](ULONG& state) { state = 9; };
+         RunAll(world, explorer,
+                {{"power", [&] { world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }},
+                 {"leave", [&] { (void)world.Leave(leaving); }}});
+     },
+     kInSendState},
+};
+
+// A look-up gives the clients lock back before its caller uses what it found. So a client's own calls must have ended
+// when it deregisters; and the Notifier posts some answers for it, which the client cannot see the end of.
+TEST_P(AcceptedRaces, EachUseOfAClientThatLeavesMeetsItsDeadObject)
 {
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
-    EXPECT_EXIT(EndAtFirstFault(GetParam(),
-                                [](World& world, Explorer& explorer) {
-                                    Peer peer(1);
-                                    (void)world.Register(peer);
-                                    RunAll(world, explorer,
-                                           {{"post", [&] { (void)world.Post(peer, 5); }},
-                                            {"leave", [&] { (void)world.Leave(peer); }}});
-                                }),
-                testing::ExitedWithCode(kViolationExit), "dead handle: .*Notifier_HelperSendState");
+    for (const Use& use : kUses) {
+        SCOPED_TRACE(use.name);
+        EXPECT_EXIT(EndAtFirstFault(GetParam(),
+                                    [&use](World& world, Explorer& explorer) {
+                                        Peer leaving(1);
+                                        Peer other(2);
+                                        for (Peer* peer : {&leaving, &other}) {
+                                            (void)world.Register(peer->TakesCommands().HearsAppsState());
+                                        }
+                                        use.play(world, explorer, leaving, other);
+                                    }),
+                    testing::ExitedWithCode(kViolationExit), use.finding);
+    }
 }
 
 }  // namespace

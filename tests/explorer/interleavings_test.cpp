@@ -281,7 +281,7 @@ TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
     });
 }
 
-TEST_P(Interleavings, TheBroadcastAmongPostsAndRemovals)
+TEST_P(Interleavings, TheBroadcastAmongPosts)
 {
     constexpr std::uintptr_t kStateLock = 3;
     Explore("broadcast, post and run", [](World& world, Explorer& explorer) {
@@ -300,18 +300,56 @@ TEST_P(Interleavings, TheBroadcastAmongPostsAndRemovals)
         std::sort(states.begin(), states.end());
         EXPECT_EQ(states, (States{5, 9}));
     });
-    Explore("broadcast and a client that leaves", [](World& world, Explorer& explorer) {
+}
+
+// A client that may deregister at any time leaves the states alone that it could answer with, and posts what it wants
+// itself, on the thread that deregisters.
+TEST_P(Interleavings, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
+{
+    Explore("broadcast, own post and leaving", [](World& world, Explorer& explorer) {
         Peer answering(1);
         Peer leaving(2);
+        Peer subscriber(3);
         answering.HearsAppsState().onAppsState = [](ULONG& state) { state = 9; };
-        RegisterAll(world, {&answering, &leaving.HearsAppsState()});
-        RunAll(world, explorer,
-               {{"power", [&] { world.machine.NotifyPowerState(kStateLock, 0); }},
-                {"client", [&] { EXPECT_EQ(world.Leave(leaving), STATUS_SUCCESS); }}});
+        RegisterAll(world, {&answering, &leaving.HearsAppsState(), &subscriber});
+        EXPECT_EQ(world.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
+        bool hasPosted = false;
+        const auto postAndLeave = [&] {
+            hasPosted = leaving.appsStateCalls != 0;
+            if (hasPosted) {
+                EXPECT_EQ(world.Post(leaving, 8), STATUS_SUCCESS);
+            }
+            EXPECT_EQ(world.Leave(leaving), STATUS_SUCCESS);
+        };
+        RunAll(
+            world, explorer,
+            {{"power", [&] { world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }}, {"client", postAndLeave}});
         world.Deliver();
         EXPECT_EQ(answering.appsStateCalls, 1u);
         EXPECT_LE(leaving.appsStateCalls, 1u);
         EXPECT_EQ(world.Client(answering)->currentState, 9u);
+        EXPECT_EQ(subscriber.deliveries.size(), hasPosted ? 1u : 0u);
+    });
+    Explore("command, own post and leaving", [](World& world, Explorer& explorer) {
+        Peer sender(1);
+        Peer leaving(2);
+        Peer subscriber(3);
+        RegisterAll(world, {&sender, &leaving.TakesCommands(), &subscriber});
+        EXPECT_EQ(world.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
+        EXPECT_EQ(world.Send(sender, leaving, 7), STATUS_SUCCESS);
+        bool hasPosted = false;
+        const auto postAndLeave = [&] {
+            hasPosted = !leaving.commands.empty();
+            if (hasPosted) {  // the command is delivered: nothing else is under way
+                EXPECT_EQ(world.Post(leaving, 8), STATUS_SUCCESS);
+                EXPECT_EQ(world.Leave(leaving), STATUS_SUCCESS);
+            }
+        };
+        RunAll(world, explorer, {{"run", [&] { world.Deliver(); }}, {"client", postAndLeave}});
+        world.Deliver();
+        EXPECT_EQ(leaving.commands.size(), 1u);
+        EXPECT_EQ(subscriber.deliveries.size(), hasPosted ? 1u : 0u);
+        EXPECT_EQ(world.Count(world.Context().clients), hasPosted ? 2u : 3u);
     });
 }
 
