@@ -2,11 +2,16 @@
 //
 // How to get a table: find the device through the interface class GUID of the table (the same GUID names class and
 // table), open it, and ask it with IRP_MN_QUERY_INTERFACE (WdfIoTargetQueryForInterface) for Size and Version below.
+// Check both in what comes back: the request takes them as limits, so an older and smaller table satisfies it too.
 // The table's reference routines do nothing: keep the device open for as long as you use the table, and leave
 // (Notifier_HelperClientDeinit, Notifier_WpcdClientDeInit) before you close it. docs/clients.md walks through it all.
 //
 // For every operation:
-// - Any thread may call it at any time, at PASSIVE_LEVEL unless it says otherwise.
+// - Any thread may call it while the device is open, at PASSIVE_LEVEL unless it says otherwise. Not at any time:
+//   attaching and detaching are one thread's at a time (ZEP_NOTIFIER_WPCD_CLIENT_INIT), and a client's calls have
+//   ended before it deregisters (ZEP_NOTIFIER_HELPER_CLIENT_DEINIT).
+// - Nothing is bounded: clients, subscriptions, undelivered states and commands take memory for as long as they are
+//   there, and a delivered command takes it until its sender deregisters.
 // - All records are little-endian, sizes in bytes. Both sides are 64-bit.
 // - The Notifier finds its own state; the table's Context is not an argument of any operation.
 // - Records and strings passed in are read during the call only and stay the caller's.
@@ -23,8 +28,14 @@
 //   an operation.
 // - It runs on whatever thread the call came about on: a system worker, or the thread of whoever subscribed, changed
 //   the power state or sent the I/O control.
-// - Once Notifier_HelperClientDeinit has returned, none of the client's callbacks runs or will run. The descriptor
-//   callbacks alone are the crash-dump driver's to call until it is told that the client has gone.
+// - A new state that it answers through its argument is posted by the Notifier. The answer to a delivered state is
+//   queued before the lock is released. The answers to a command, to an application-state change and to the first state
+//   of a subscription are posted after the callback has returned, without the lock: a client that deregisters at that
+//   moment is used after its memory is freed. A client that may deregister at any time leaves those values alone and
+//   posts from a thread of its own, under a lock that it also holds while it deregisters (docs/clients.md, section 5).
+// - Once Notifier_HelperClientDeinit has returned, the Notifier calls none of the client's callbacks any more. The
+//   crash-dump driver still can: the descriptor hands it AppsStateNotificationCallback and the descriptor callbacks,
+//   and it is notified of the removal late or never. Agree with it when it stops, before the code is unloaded.
 //
 // Never. Each of these has a scenario that shows what comes of it (docs/troubleshooting.md):
 //   [call-inside-state]       call an operation that takes the clients lock from a ZEP_STATE_NOTIFICATION_CALLBACK
@@ -35,6 +46,8 @@
 //   [command-to-oneself]      send a command to oneself
 //   [leave-before-command]    leave while a command from or to oneself is undelivered
 //   [raised-irql]             call an operation above PASSIVE_LEVEL; the dump calls alone may be made there
+//   [unload-registered]       unload, or free the callback context, while registered or attached
+//   [call-after-removal]      call an operation after the Notifier's device was removed
 //
 // Define INITGUID (include <initguid.h> first) in one source file to hold the GUIDs.
 
@@ -60,11 +73,15 @@ DEFINE_GUID(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, 0x0B28C6F2, 0xF696, 0x4580, 0xAC, 
 
 #define ZEP_NOTIFIER_INTERFACE_VERSION 1
 
-// The one I/O control of \Device\ZEPN (\\.\ZEPN in user mode): tell every client of an application-state change. It
-// returns when all have been told and their answers are queued. No buffers, no bytes returned.
+// The one I/O control of \Device\ZEPN (\\.\ZEPN in user mode): notify every client of an application-state change. It
+// returns when all have been notified and their answers are queued. No buffers, no bytes returned.
 //
-// STATUS_SUCCESS        told
-// STATUS_UNSUCCESSFUL   the Notifier is not up, or the framework failed, perhaps after some were told
+// The status is that of the last step only and does not tell whom the notification reached: an earlier answer can be
+// lost with STATUS_SUCCESS, and STATUS_UNSUCCESSFUL can mean no more than that the client that answered last has
+// deregistered meanwhile. Each failure is reported.
+//
+// STATUS_SUCCESS        the last step succeeded
+// STATUS_UNSUCCESSFUL   the last step failed, or the Notifier is not up
 // STATUS_NOT_SUPPORTED  any other control code
 #define IOCTL_ZEPN_NOTIFY_APPS_STATE CTL_CODE(0x0100u, 0x851u, METHOD_BUFFERED, FILE_ANY_ACCESS)
 
@@ -79,7 +96,8 @@ DEFINE_GUID(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, 0x0B28C6F2, 0xF696, 0x4580, 0xAC, 
 
 // ---- States ----
 
-// In a subscription: every state of the watched client. In a posted record it is a state like any other.
+// In a subscription: every state of the watched client, 0 (none posted yet) included: when the client is registered,
+// the first callback comes at once, perhaps with state 0. In a posted record it is a state like any other.
 #define ZEP_STATE_ANY 10u
 
 // A client's state, 32 bytes. The meaning of state values belongs to the client; 0 means none posted yet. The sender
@@ -99,12 +117,16 @@ typedef struct _ZepState {
 // Every post is delivered once to each matching subscription of every other client, also when the state has not
 // changed; a client is never told of its own states. All posts are delivered in the order in which they were made.
 //
+// Answer only when your state really changes. An answer is delivered in the same run: two subscribers that answer each
+// other's states without end keep the run going, and the clients lock held, for ever.
+//
 // CallbackContext: the subscriber's own, as given to Notifier_HelperInit.
 // State:           the watched client and its state; valid during the call, read only.
 // ResponseState:   in/out. On a delivery it enters as 0; leave it, or set the subscriber's new state, which is queued
 //                  behind all others (0 cannot be answered). From inside the registration it enters as the subscriber's
 //                  current state; a value other than the subscriber's state at the return is posted, which takes a
-//                  post of the subscriber's own back that came meanwhile.
+//                  post of the subscriber's own back that came meanwhile. Do not deregister before the subscription
+//                  has returned.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_STATE_NOTIFICATION_CALLBACK)(PVOID CallbackContext, const ZepState* State,
                                                         PULONG ResponseState);
@@ -133,7 +155,8 @@ typedef struct _ZepCommandInfo {
 //
 // CallbackContext: the target's own.
 // CommandId, Info: the command; Info is valid during the call, read only.
-// State:           in: the target's current state; out: its wanted state. A changed value is posted for the target.
+// State:           in: the target's current state; out: its wanted state. A changed value is posted for the target
+//                  after the callback, without the lock: leave it alone if you may deregister at any time.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_COMMAND_CALLBACK)(PVOID CallbackContext, ULONG CommandId, const ZepCommandInfo* Info,
                                              PULONG State);
@@ -153,7 +176,8 @@ typedef ZEP_COMMAND_CALLBACK* PZEP_COMMAND_CALLBACK;
 // Reason:          ZEP_APPS_STATE_REASON_CHANGED.
 // State:           in: the client's current state; out: its wanted state. A value other than the client's state at the
 //                  return is posted for the client after all clients have been told. So a post of the client's own
-//                  that comes while its callback runs is taken back by a callback that leaves the value alone.
+//                  that comes while its callback runs is taken back by a callback that leaves the value alone. The
+//                  answer is posted without the lock: leave the value alone if you may deregister at any time.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_APPS_STATE_CALLBACK)(PVOID CallbackContext, ULONG Reason, PULONG State);
 typedef ZEP_APPS_STATE_CALLBACK* PZEP_APPS_STATE_CALLBACK;
@@ -188,7 +212,8 @@ typedef struct _ZepDataEntry {
 // InterfaceGUID:       the client's identity, 16 bytes compared as they are. Required.
 // Name, Description:   zero-terminated; at most 63 and 127 characters are kept. Required, not checked for NULL.
 // Callbacks:           copied. Required.
-// Entries, EntryCount: copied (EntryCount * 16 bytes). Entries may be NULL. The count is kept modulo 256.
+// Entries, EntryCount: copied to paged pool (EntryCount * 16 bytes), freed when the client deregisters. Entries may be
+//                      NULL. The count is kept modulo 256.
 // CallbackContext:     first argument of every callback to this client.
 //
 // STATUS_SUCCESS                          registered
@@ -208,9 +233,13 @@ typedef NTSTATUS(NTAPI ZEP_NOTIFIER_HELPER_INIT)(_In_ const GUID* InterfaceGUID,
 typedef ZEP_NOTIFIER_HELPER_INIT* PZEP_NOTIFIER_HELPER_INIT;
 
 // Removes a client, with its own subscriptions. Takes the clients lock. Subscriptions of others to it stay and match
-// again when it registers anew. The crash-dump driver is told on a work item if it knew the client. A client that
-// leaves while commands from or to it are undelivered stops command delivery: let the work drain first. States that it
-// posted are still delivered.
+// again when it registers anew. The crash-dump driver is told on a work item if it knew the client, late or never (see
+// ZEP_CLIENT_REMOVE). A client that leaves while commands from or to it are undelivered stops command delivery: let the
+// work drain first. States that it posted are still delivered.
+//
+// Nobody else may be using the client meanwhile: no post, command or answered subscription of it on another thread, no
+// answer that the Notifier posts for it (see "For every callback"), and no command that another client is sending it.
+// Each of these looks the client up and goes on with its memory after the lock is released.
 //
 // InterfaceGUID: the client. Required.
 //
@@ -245,7 +274,8 @@ typedef ZEP_NOTIFIER_HELPER_SEND_STATE* PZEP_NOTIFIER_HELPER_SEND_STATE;
 //
 // Command: sender, target, id and argument. Required; Size is not read.
 //
-// There is no answer but the target's state: subscribe to it to learn what came of the command.
+// There is no answer but the target's state: subscribe to it to learn what came of the command. The command's memory
+// stays allocated after its delivery, until the sender deregisters.
 //
 // STATUS_SUCCESS                 accepted. Also when it could not be queued: such a loss is only reported
 // STATUS_INVALID_PARAMETER       Command is NULL
@@ -261,7 +291,8 @@ typedef ZEP_NOTIFIER_HELPER_SEND_COMMAND* PZEP_NOTIFIER_HELPER_SEND_COMMAND;
 //
 // InterfaceGUID: the subscriber. Required.
 // State:         InterfaceGUID names the client to watch, which may register later; State the awaited state or
-//                ZEP_STATE_ANY. Required; the other fields take no part.
+//                ZEP_STATE_ANY. Required; the other fields take no part. 0 and ZEP_STATE_ANY match a registered client
+//                that has posted no state yet.
 // Callback:      Required. Equal subscriptions are not merged: each is called.
 //
 // STATUS_SUCCESS                 subscribed (and any answer was posted)
@@ -337,6 +368,11 @@ typedef struct _ZEP_NOTIFIER_HELPER_INTERFACE {
 // What the crash-dump driver learns of a client, 272 bytes. It points at the Notifier's copy of the client's data
 // entries and names the client's own callbacks: valid only while the client stays registered. Bytes behind a text's
 // terminating zero are not written: they keep what the buffer held, in announcements the texts of an earlier client.
+//
+// DataEntries points to paged pool that is freed when the client deregisters, before its removal is reported. Read or
+// copy the entries inside ZepClientAdd, where the clients lock keeps the client; after
+// Notifier_WpcdGetAllSubsystemDescriptors only if no client can deregister. Never follow the pointer above APC_LEVEL or
+// while the system writes a dump: copy to non-paged memory what a dump needs.
 typedef struct _ZEP_SUBSYSTEM_DESCRIPTOR {
     GUID InterfaceGUID;
     CHAR SubsystemName[ZEP_SUBSYSTEM_NAME_SIZE];                // zero-terminated
@@ -361,11 +397,18 @@ typedef struct _ZEP_NOTIFIER_CLIENT_CONTEXT ZEP_NOTIFIER_CLIENT_CONTEXT;
 // Descriptor is the Notifier's own buffer and is overwritten for the next client: copy what you keep.
 // Result: 0 means taken. Any other value, also a success-class one, means refused; the client is announced again after
 // its next state post.
+// A client can be announced several times: once for each post before the run, and again after its first state if it had
+// none. Treat a GUID that you know as an update.
 typedef NTSTATUS(NTAPI ZEP_CLIENT_ADD)(_In_ const ZEP_SUBSYSTEM_DESCRIPTOR* Descriptor);
 typedef ZEP_CLIENT_ADD* PZEP_CLIENT_ADD;
 
 // Tells that an announced client has gone, on a work item with the clients lock held; the same prohibition. One removal
 // is told per run, so the rest of a burst waits for later removals. Result: 0 means taken, anything else is reported.
+//
+// So a removal can come after the announcement of the same GUID's next registration, can name a client that only an
+// earlier crash-dump driver knew, and does not come at all when nobody is attached at that moment, when it could not be
+// queued, or when the Notifier's device is removed. The GUID alone does not say which registration has ended. Rule: ask
+// for all descriptors, on a thread of your own, and forget only those clients that are no longer among them.
 typedef NTSTATUS(NTAPI ZEP_CLIENT_REMOVE)(_In_ const ZEP_NOTIFIER_CLIENT_CONTEXT* Client);
 typedef ZEP_CLIENT_REMOVE* PZEP_CLIENT_REMOVE;
 
@@ -388,6 +431,10 @@ typedef struct _WpcdClientRegistration {
 // Attach before clients post states and make dump calls: for an instant the attached driver can be seen while its
 // callbacks are still NULL, and an announcement or dump call in that instant calls address 0.
 //
+// Attach and detach from one thread, or under a lock of your own: attaching is safe neither against itself nor against
+// detaching. Two attaches at once can both succeed; the object of one then stays, out of reach, until unload. A detach
+// meanwhile makes the attach use a handle that is cleared or deleted.
+//
 // Registration: the seven callbacks, copied. Required; none of the seven may be NULL, though that is not checked.
 //
 // STATUS_SUCCESS             attached
@@ -399,9 +446,9 @@ _IRQL_requires_max_(PASSIVE_LEVEL)
 typedef NTSTATUS(NTAPI ZEP_NOTIFIER_WPCD_CLIENT_INIT)(_In_ const WpcdClientRegistration* Registration);
 typedef ZEP_NOTIFIER_WPCD_CLIENT_INIT* PZEP_NOTIFIER_WPCD_CLIENT_INIT;
 
-// Detaches the crash-dump driver. Takes the clients lock. No removals are told, and clients stay marked as announced: a
-// driver that attaches anew learns them by Notifier_WpcdGetAllSubsystemDescriptors. Once it has returned, no
-// announcement runs any more; a dump call may still be under way.
+// Detaches the crash-dump driver; not while it attaches. Takes the clients lock. No removals are told, and clients stay
+// marked as announced: a driver that attaches anew learns them by Notifier_WpcdGetAllSubsystemDescriptors. Once it has
+// returned, no announcement runs any more; a dump call may still be under way.
 //
 // STATUS_SUCCESS                detached
 // STATUS_OBJECT_NAME_NOT_FOUND  none was attached
@@ -425,7 +472,7 @@ typedef ZEP_NOTIFIER_WPCD_GET_COUNT* PZEP_NOTIFIER_WPCD_GET_COUNT;
 
 // Describes all registered clients, oldest first, and marks each as announced. Takes the clients lock.
 //
-// Descriptors:       the caller's array. Required.
+// Descriptors:       the caller's array. Required, also without clients. What it points to: ZEP_SUBSYSTEM_DESCRIPTOR.
 // NumberDescriptors: in: capacity in records; out: records written, or needed. Required.
 //
 // STATUS_SUCCESS            done; NumberDescriptors tells how many (unchanged when an inner object was missing)

@@ -185,6 +185,23 @@ TEST(Troubleshooting, HoldsEachErrorAndWarningEventWithAScenarioThatShowsIt)
     EXPECT_EQ(found, expected);
 }
 
+// Nothing in the page is only claimed, and no scenario lies about that no page leads to.
+TEST(Troubleshooting, EachRowHasAScenarioAndEachScenarioARow)
+{
+    const std::string page = TextOf(kRoot / "docs/troubleshooting.md");
+    bool isInTable = false;
+    for (const std::string& line : LinesOf(page)) {
+        if (isInTable && line.starts_with("|")) {
+            EXPECT_NE(line.find(".json) |"), std::string::npos) << line;
+        }
+        isInTable = line.starts_with("|--") || (isInTable && line.starts_with("|"));
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(kRoot / "scenarios/troubles")) {
+        const std::string link = "](../scenarios/troubles/" + entry.path().filename().string() + ")";
+        EXPECT_NE(page.find(link), std::string::npos) << entry.path();
+    }
+}
+
 TEST(Scenarios, AllPlayToTheEndThatTheyExpect)
 {
     for (const auto& entry : std::filesystem::recursive_directory_iterator(kRoot / "scenarios")) {
