@@ -30,8 +30,10 @@ typedef struct _CLIENT_CONTEXT {
     WDFWORKITEM Work;
     ULONG PeerUps;
     ULONG RecordsWanted;
+    ULONG Sleeps;
     ULONG PeerUpsSeen;
     ULONG RecordsMade;
+    ULONG SleepsSeen;
 } CLIENT_CONTEXT;
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(CLIENT_CONTEXT, ClientContext)
 
@@ -77,12 +79,15 @@ static NTSTATUS NTAPI OnCommand(PVOID context, ULONG commandId, const ZepCommand
     return STATUS_SUCCESS;
 }
 
+// An answer to this would be posted for us later, on another thread, when we may have left already. So the work posts.
 static NTSTATUS NTAPI OnAppsState(PVOID context, ULONG reason, PULONG state)
 {
     auto* client = static_cast<CLIENT_CONTEXT*>(context);
     UNREFERENCED_PARAMETER(reason);
+    UNREFERENCED_PARAMETER(state);
     SAY(client, "is told that the system leaves its working state");
-    *state = SAMPLE_STATE_ASLEEP;
+    WriteULongNoFence(&client->Sleeps, client->Sleeps + 1);
+    WdfWorkItemEnqueue(client->Work);
     return STATUS_SUCCESS;
 }
 
@@ -120,12 +125,16 @@ static VOID RecordDump(CLIENT_CONTEXT* client)
     SAY(client, "has recorded a dump: 0x%08X", (unsigned)status);
 }
 
-// Runs may overlap; the link's lock lets one in at a time.
+// Runs may overlap; the link's lock lets one in at a time, and none while we leave.
 static VOID NTAPI ClientWork(WDFWORKITEM workItem)
 {
     CLIENT_CONTEXT* client = ClientContext(WdfWorkItemGetParentObject(workItem));
     if (!NotifierLinkAcquire(&client->Link)) {
         return;  // the Notifier has gone meanwhile, and what was wanted with it
+    }
+    while (client->SleepsSeen != ReadULongNoFence(&client->Sleeps)) {
+        ++client->SleepsSeen;
+        (void)PostState(client, SAMPLE_STATE_ASLEEP);
     }
     while (client->PeerUpsSeen != ReadULongNoFence(&client->PeerUps)) {
         ++client->PeerUpsSeen;
@@ -152,6 +161,7 @@ static NTSTATUS ClientJoin(WDFDEVICE device)
     // What the crash-dump driver shall know of us: an address and a size.
     const ZepDataEntry entry = {.Value = {0x80000000, 4096}};
 
+    client->SleepsSeen = ReadULongNoFence(&client->Sleeps);  // what is left of an earlier registration
     NTSTATUS status = client->Notifier.Notifier_HelperInit(&client->Guid, client->Name, "a sample client", &callbacks,
                                                            &entry, 1, client);
     SAY(client, "registers: 0x%08X", (unsigned)status);

@@ -42,6 +42,7 @@ TEST_P(Samples, LiveBesideTheNotifierWithoutAViolation)
     EXPECT_EQ(Lines(text, "client_2 +gets command 1"), 3u);
     EXPECT_EQ(Lines(text, "crashdump +dump 2 (starts|stops)"), 6u);
     EXPECT_EQ(Lines(text, "client_2 +has recorded a dump: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "client_[12] +posts state 4: 0x00000000"), 2u);  // posted: an answer might outlive them
     EXPECT_EQ(Lines(text, "hears that client [12] is in state 4"), 2u);
 }
 
