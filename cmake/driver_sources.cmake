@@ -28,7 +28,8 @@ set(ZEPN_PLATFORM_SOURCES platform/windows/framework_entry.cpp platform/windows/
 # rewritten only when they change.
 set(ZEPN_BUILD_STAMP ${CMAKE_BINARY_DIR}/build_stamp.rsp)
 add_custom_target(build_stamp
-    COMMAND ${CMAKE_SOURCE_DIR}/cmake/build_stamp.sh ${CMAKE_SOURCE_DIR} ${ZEPN_BUILD_STAMP}
+    COMMAND ${CMAKE_SOURCE_DIR}/cmake/build_stamp.sh ${CMAKE_SOURCE_DIR}
+            ${CMAKE_SOURCE_DIR}/cmake/build_stamp.rsp.in ${ZEPN_BUILD_STAMP}
     BYPRODUCTS ${ZEPN_BUILD_STAMP} VERBATIM)
 set_source_files_properties(driver/driver.cpp PROPERTIES
     COMPILE_OPTIONS "@build_stamp.rsp" OBJECT_DEPENDS ${ZEPN_BUILD_STAMP})

@@ -30,10 +30,19 @@ endforeach()
 include(cmake/trace_gen.cmake)
 # What makes the driver's reports readable on Windows. By its path: CMake takes a target of a cross build for one that
 # cannot run here.
-add_custom_command(OUTPUT zepn.res
-    COMMAND ${CMAKE_BINARY_DIR}/zepn-trace-gen --resources zepn.res ${PROJECT_VERSION}
+add_custom_command(OUTPUT reports.res
+    COMMAND ${CMAKE_BINARY_DIR}/zepn-trace-gen --resources reports.res
     DEPENDS zepn-trace-gen VERBATIM)
-add_custom_target(resources DEPENDS zepn.res)
+# The version resource, with the commit that it is built from; rewritten when that changes.
+add_custom_target(version_stamp
+    COMMAND ${CMAKE_SOURCE_DIR}/cmake/build_stamp.sh ${CMAKE_SOURCE_DIR}
+            ${CMAKE_SOURCE_DIR}/package/version.rc.in version.rc
+    BYPRODUCTS version.rc VERBATIM)
+add_custom_command(OUTPUT version.res
+    COMMAND llvm-rc-19 /no-preprocess /FO version.res version.rc
+    DEPENDS version.rc VERBATIM)
+add_custom_target(resources DEPENDS reports.res version.res)
+add_dependencies(resources version_stamp)
 
 # What decodes the reports elsewhere, and the pages about them: the host's tools and all tests read these.
 set(ZEPN_DECODING_FILES ${CMAKE_SOURCE_DIR}/out/manifest)
@@ -67,15 +76,16 @@ function(zepn_add_image_for machine name)
     # Relative to the machine's folder, where the link runs.
     list(TRANSFORM sources PREPEND ../CMakeFiles/${objects}.dir/ OUTPUT_VARIABLE object_names)
     list(TRANSFORM object_names APPEND ${CMAKE_CXX_OUTPUT_EXTENSION})
+    list(TRANSFORM ${name}_RESOURCES PREPEND ../ OUTPUT_VARIABLE resources)
     set(product ${machine}/${name})
     set(out ${CMAKE_SOURCE_DIR}/out/${machine})
     add_custom_command(OUTPUT ${product}.sys ${product}.pdb ${product}.map
         COMMAND lld-link-19 /nologo /driver /driver:wdm /subsystem:native,10.0 /machine:${machine}
                 /entry:FxDriverEntry /nodefaultlib /opt:ref /opt:noicf /guard:cf /release /Brepro
                 /debug /pdb:${name}.pdb /pdbaltpath:%_PDB% /pdbsourcepath:C:\\src /lldmap:${name}.map /out:${name}.sys
-                ${object_names} ${${name}_RESOURCES} ntoskrnl.lib wdfldr.lib
+                ${object_names} ${resources} ntoskrnl.lib wdfldr.lib
         DEPENDS ${objects} $<TARGET_OBJECTS:${objects}> import_libraries_${machine}
-                ${machine}/ntoskrnl.lib ${machine}/wdfldr.lib resources zepn.res
+                ${machine}/ntoskrnl.lib ${machine}/wdfldr.lib resources ${${name}_RESOURCES}
         WORKING_DIRECTORY ${CMAKE_BINARY_DIR}/${machine} VERBATIM)
     add_custom_target(${name}_${machine}
         COMMAND ${CMAKE_COMMAND} -E make_directory ${out}
@@ -83,7 +93,7 @@ function(zepn_add_image_for machine name)
         DEPENDS ${product}.sys ${product}.pdb ${product}.map VERBATIM)
 endfunction()
 
-set(zepn_RESOURCES ../zepn.res)
+set(zepn_RESOURCES reports.res version.res)
 zepn_add_image(zepn ${ZEPN_DRIVER_SOURCES})
 # What the benchmark compares the driver with.
 zepn_add_image(bound bench/bound/bound.cpp)

@@ -2,10 +2,7 @@
 # Puts the package together from what was built: assemble.sh SOURCE_FOLDER PACKAGE_FOLDER
 set -euo pipefail
 source=$1 target=$2
-version=$(< "$source/VERSION")
-date=$(LC_ALL=C TZ=UTC0 git -c safe.directory='*' -C "$source" log -1 --date=format-local:%m/%d/%Y --format=%cd \
-    2> /dev/null) || date=01/01/1980
-fill() { sed -e "s|@VERSION@|$version|g" -e "s|@DATE@|$date|g" "$1"; }
+fill() { "$source/cmake/build_stamp.sh" "$source" "$1"; }
 
 mkdir -p "$target/trace" "$target/include"
 for machine in arm64 x64; do
@@ -14,5 +11,5 @@ for machine in arm64 x64; do
     fill "$source/package/zepn.inf.in" | sed 's/$/\r/' > "$target/$machine/zepn.inf"
 done
 cp "$source/out/manifest/zepn.man" "$source"/out/manifest/*.tmf "$target/trace"
-{ printf '// Version %s.\n//\n' "$version"; cat "$source/include/zepn_notifier.h"; } > "$target/include/zepn_notifier.h"
+{ printf '// Version %s.\n//\n' "$(< "$source/VERSION")"; cat "$source/include/zepn_notifier.h"; } > "$target/include/zepn_notifier.h"
 fill "$source/package/README.md.in" > "$target/README.md"

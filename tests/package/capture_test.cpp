@@ -1,18 +1,16 @@
 // From a played scenario to text, and what a damaged capture file gets.
+#include "tests/package/assembled.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 
 namespace tests {
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string BytesOf(const fs::path& file)
 {

@@ -1,39 +1,15 @@
 // The package as a whole: what the INF names is what the driver and its files are called.
 #include "host/tracing/decode.h"
+#include "tests/package/assembled.h"
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <cstdlib>
-#include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 
 namespace tests {
 namespace {
 
-namespace fs = std::filesystem;
-
-std::string ReadAll(const fs::path& file)
-{
-    std::ifstream stream(file, std::ios::binary);
-    EXPECT_TRUE(stream) << file;
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
-
 // Sections by name; each its lines, cut at the first '='. A line without one has an empty second half.
 using Inf = std::map<std::string, std::vector<std::pair<std::string, std::string>>>;
-
-std::string Trimmed(std::string text)
-{
-    text.erase(0, text.find_first_not_of(" \t\r"));
-    text.erase(text.find_last_not_of(" \t\r") + 1);
-    return text;
-}
 
 Inf ReadInf(const fs::path& file)
 {
@@ -69,29 +45,14 @@ std::string Value(const Inf& inf, const std::string& section, const std::string&
     return {};
 }
 
-class Package : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        fs::remove_all(folder_);
-        ASSERT_EQ(
-            std::system(("'" + root_ + "/package/assemble.sh' '" + root_ + "' '" + folder_.string() + "'").c_str()), 0);
-        version_ = Trimmed(ReadAll(root_ + "/VERSION"));
-        version_ = version_.substr(0, version_.find('\n'));
-    }
-    void TearDown() override { fs::remove_all(folder_); }
-
-    const std::string root_ = ZEPN_ROOT;
-    const fs::path folder_ = fs::temp_directory_path() / ("zepn-package-test-" + std::to_string(getpid()));
-    std::string version_;
-};
+class Package : public AssembledPackage {};
 
 TEST_F(Package, InfAgreesWithTheDriver)
 {
     const Inf inf = ReadInf(folder_ / "arm64" / "zepn.inf");
     EXPECT_EQ(ReadAll(folder_ / "arm64" / "zepn.inf"), ReadAll(folder_ / "x64" / "zepn.inf"));
     EXPECT_TRUE(std::regex_match(Value(inf, "Version", "DriverVer"),
-                                 std::regex(R"((0[1-9]|1[0-2])/[0-3]\d/\d{4},)" + version_ + R"(\.0)")));
+                                 std::regex(R"((0[1-9]|1[0-2])/[0-3]\d/\d{4},)" + version_ + R"(\.\d+)")));
 
     // Every section that is referred to is there, and there are no others.
     std::set<std::string> wanted = {"Version",         "SourceDisksNames", "SourceDisksFiles",

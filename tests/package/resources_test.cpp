@@ -1,13 +1,14 @@
 // The image's resources, read back by others' tools and by a parser that knows only the format, not the generator.
 #include "host/tracing/decode.h"
-#include "tools/trace_gen/resources.h"
+#include "tests/package/assembled.h"
+#include "tests/package/version_resource.h"
+#include "tools/trace_gen/event_template.h"
 #include "tools/trace_gen/sha256.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
+#include <regex>
 
 namespace tests {
 namespace {
@@ -133,18 +134,16 @@ TEST_P(Resources, SayWhatTheManifestSays)
     }
 }
 
-TEST_P(Resources, CarryTheVersion)
+TEST_P(Resources, CarryVersionAndCommit)
 {
-    std::ifstream file(std::string(ZEPN_ROOT) + "/VERSION");
-    std::string version;
-    std::getline(file, version);
-    const Bytes bytes = Extract(GetParam(), "16");
-    const View view{bytes};
-    EXPECT_EQ(view.U16(0), bytes.size());
-    EXPECT_EQ(view.Text16(6), "VS_VERSION_INFO");
-    EXPECT_EQ(view.U32(40), 0xFEEF04BDu);
-    EXPECT_EQ(std::to_string(view.U16(50)) + "." + std::to_string(view.U16(48)) + "." + std::to_string(view.U16(54)),
-              version);
+    const fs::path root = ZEPN_ROOT;
+    const VersionResource version(root / "out" / GetParam() / "zepn.sys");
+    EXPECT_TRUE(version.FileVersion().starts_with(Trimmed(ReadAll(root / "VERSION")) + ".")) << version.FileVersion();
+    EXPECT_EQ(version.Text("FileVersion"), version.FileVersion());
+    EXPECT_EQ(version.Text("ProductVersion"), version.FileVersion());
+    EXPECT_EQ(version.Text("OriginalFilename"), "zepn.sys");
+    EXPECT_TRUE(std::regex_match(version.Text("Comments"), std::regex("commit ([0-9a-f]{40}(-modified)?|none)")))
+        << version.Text("Comments");
 }
 
 INSTANTIATE_TEST_SUITE_P(Images, Resources, testing::Values("arm64", "x64"),

@@ -2,7 +2,7 @@
 // message set, or the resources that are linked into the image.
 //
 //     zepn-trace-gen FOLDER [PAGES]
-//     zepn-trace-gen --resources FILE VERSION
+//     zepn-trace-gen --resources FILE
 //
 // PAGES, when given, receives reports.md, which docs/ holds too, and reports.txt, one line for each report.
 //
@@ -313,20 +313,15 @@ bool WriteFile(const std::filesystem::path& path, const Writer& writer)
 
 int main(int argumentCount, char** arguments)
 {
-    if (argumentCount == 4 && std::string(arguments[1]) == "--resources") {
-        const auto version = trace_gen::ParseVersion(arguments[3]);
-        if (!version) {
-            std::cerr << "zepn-trace-gen: \"" << arguments[3] << "\" is no version like 1.2.3\n";
-            return 2;
-        }
-        const trace_gen::Bytes bytes = trace_gen::ResourceFile(DescribeProvider(), *version, arguments[3]);
+    if (argumentCount == 3 && std::string(arguments[1]) == "--resources") {
+        const trace_gen::Bytes bytes = trace_gen::ResourceFile(DescribeProvider());
         const auto write = [&bytes](std::ostream& out) {
             out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
         };
         return WriteFile(arguments[2], write) ? 0 : 1;
     }
     if (argumentCount != 2 && argumentCount != 3) {
-        std::cerr << "usage: zepn-trace-gen FOLDER [PAGES]\n       zepn-trace-gen --resources FILE VERSION\n";
+        std::cerr << "usage: zepn-trace-gen FOLDER [PAGES]\n       zepn-trace-gen --resources FILE\n";
         return 2;
     }
     const std::filesystem::path folder = arguments[1];
