@@ -8,11 +8,11 @@ product=out/zepn-$(< VERSION)
 [ ! -d "$product" ] || mv "$product" "$folder/product"
 restore() {
     [ ! -d "$folder/product" ] || { rm -rf "$product" && mv "$folder/product" "$product"; }
-    rm -rf "$folder"
+    rm -rf "$folder" "$product.new"  # left by the refused signature
 }
 trap restore EXIT
 ./zepn package --sign > "$folder/package"
-for name in arm64/zepn.sys x64/zepn.sys x64/zepn.pdb zepn.inf zepn.man README.md; do
+for name in arm64/zepn.sys x64/zepn.inf install.ps1 probe/arm64/zepn_probe.sys samples/client/x64/zepn_client.inf; do
     grep -q "/$name\$" "$folder/package" || { echo "the package lacks $name"; exit 1; }
 done
 # A pair of one's own; one that does not belong together is refused, and the package stays.
@@ -26,6 +26,10 @@ if ./zepn package --sign "$folder/own.pem" "$folder/other.key" 2> "$folder/error
     exit 1
 fi
 grep -q 'does not belong' "$folder/error"
+if ./zepn package --sign "$folder/own.pem" "$folder/own.key" --timestamp http://127.0.0.1:9/ 2> "$folder/error"; then
+    echo "signed without the time stamp that was asked for"
+    exit 1
+fi
 for machine in arm64 x64; do
     osslsigncode verify -CAfile "$folder/own.pem" -in "$product/$machine/zepn.sys" | grep '/CN=own' > /dev/null
 done
