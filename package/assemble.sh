@@ -36,6 +36,9 @@ windows_lines < "$source/samples/probe/answers.txt" > "$target/probe/answers.txt
 
 mkdir -p "$target/trace" "$target/include"
 cp "$source/out/manifest/zepn.man" "$source"/out/manifest/*.tmf "$target/trace"
+for file in zepn.ctl zepn.wprp; do
+    windows_lines < "$source/package/$file" > "$target/trace/$file"
+done
 for script in install.ps1 uninstall.ps1; do
     windows_lines < "$source/package/$script" > "$target/$script"
 done

@@ -1,7 +1,9 @@
 // What only Windows can run or read, held as far as it can be read here: form, names, and GUIDs that other files have
 // too.
+#include "host/tracing/decode.h"
 #include "tests/package/assembled.h"
 #include "tests/package/powershell.h"
+#include "tests/support/world.h"
 
 #include <algorithm>
 #include <regex>
@@ -70,6 +72,37 @@ TEST_F(WindowsFiles, UninstallTakesBackWhatInstallMakes)
         EXPECT_FALSE(used.empty()) << name;
         EXPECT_TRUE(std::ranges::includes(options, used)) << name;
     }
+}
+
+TEST_F(WindowsFiles, SayTheProvidersGuidsAsTheDriverDoes)
+{
+    const host::tracing::Manifest manifest(folder_ / "trace" / "zepn.man");
+    const auto plain = [](const GUID& guid) {
+        std::string text = host::tracing::GuidText(guid);
+        std::ranges::transform(text, text.begin(), [](unsigned char letter) { return std::toupper(letter); });
+        return text.substr(1, text.size() - 2);
+    };
+    const std::string events = plain(manifest.provider());
+    const std::string messages = plain(kControl);  // what the behaviour tests open their sessions by
+    EXPECT_EQ(ReadAll(folder_ / "trace" / "zepn.ctl"), messages + " zepn\r\n");
+    EXPECT_EQ(std::system(("xmllint --noout '" + (folder_ / "trace" / "zepn.wprp").string() + "'").c_str()), 0);
+    const std::string profile = ReadAll(folder_ / "trace" / "zepn.wprp");
+    EXPECT_EQ(Matches(profile, "<EventProvider [^>]*Name=\"([^\"]+)\""), (std::set<std::string>{events, messages}));
+    EXPECT_EQ(Matches(profile, "<EventProvider Id=\"([^\"]+)\""),
+              Matches(profile, "<EventProviderId Value=\"([^\"]+)\""));
+    EXPECT_EQ(Matches(profile, "<EventCollector Id=\"([^\"]+)\""),
+              Matches(profile, "<EventCollectorId Value=\"([^\"]+)\""));
+    // A GUID without quotes is a block of code to PowerShell.
+    for (const fs::path& page :
+         {folder_ / "README.md", fs::path(root_) / "docs/tracing.md", fs::path(root_) / "docs/windows.md"}) {
+        EXPECT_EQ(Matches(ReadAll(page), R"( -p (\{))"), std::set<std::string>{}) << page;
+        const std::set<std::string> guids = Matches(ReadAll(page), R"re( -p "\{([^}]+)\}")re");
+        EXPECT_TRUE(std::ranges::all_of(guids, [&](const auto& guid) { return guid == events || guid == messages; }))
+            << page;
+        EXPECT_FALSE(guids.empty()) << page;
+    }
+    // The image is in the driver store, under a name that no page can know.
+    EXPECT_EQ(ReadAll(folder_ / "trace" / "zepn.man").find("System32"), std::string::npos);
 }
 
 }  // namespace

@@ -23,7 +23,8 @@ namespace {
 
 constexpr const char* kProviderName = "Zepn-Notifier";
 constexpr const char* kProviderGuid = "{84CD9D5E-9773-4BA7-A709-72F079E81CDE}";
-constexpr const char* kImagePath = "%SystemRoot%\\System32\\drivers\\zepn.sys";
+// Without a folder, for the image stays in the driver store; whoever registers by hand names it (wevtutil im /rf /mf).
+constexpr const char* kImageName = "zepn.sys";
 
 struct SetFile {
     MessageSet set;
@@ -109,8 +110,8 @@ void WriteManifest(std::ostream& out)
     <events>
 )";
     out << "      <provider name=\"" << kProviderName << "\" guid=\"" << kProviderGuid
-        << "\" symbol=\"ZEPN_NOTIFIER_PROVIDER\"\n                resourceFileName=\"" << kImagePath
-        << "\" messageFileName=\"" << kImagePath << "\">\n        <templates>\n";
+        << "\" symbol=\"ZEPN_NOTIFIER_PROVIDER\"\n                resourceFileName=\"" << kImageName
+        << "\" messageFileName=\"" << kImageName << "\">\n        <templates>\n";
     std::map<std::string, const Event*> templates;
     for (const Event& event : kEvents) {
         if (!templates.emplace(TemplateId(event), &event).second) {
