@@ -39,6 +39,10 @@ cp "$source/out/manifest/zepn.man" "$source"/out/manifest/*.tmf "$target/trace"
 for file in zepn.ctl zepn.wprp; do
     windows_lines < "$source/package/$file" > "$target/trace/$file"
 done
+mkdir -p "$target/wdk"
+fill "$source/package/version.rc.in" > "$target/wdk/version.rc"
+fill "$source/wdk/stamp.props.in" > "$target/wdk/stamp.props"
+"$source/wdk/trace_formats.sh" "$source"/out/manifest/*.tmf > "$target/wdk/trace_formats.cpp"
 for script in install.ps1 uninstall.ps1; do
     windows_lines < "$source/package/$script" > "$target/$script"
 done

@@ -1,4 +1,4 @@
-// The MSBuild project against the CMake build: it cannot be run here, but it cannot fall behind either.
+// The MSBuild projects against the CMake build: they cannot be run here, but they cannot fall behind either.
 #include "tests/docs/text_files.h"
 
 #include <nlohmann/json.hpp>
@@ -22,51 +22,71 @@ std::set<std::string> Matches(const std::string& text, const std::string& expres
     return found;
 }
 
-TEST(WdkProject, CompilesTheSourcesOfTheImageInTheirLanguageForTheirFramework)
+// The sources that a project lists by their place in the repository.
+std::set<std::string> SourcesOf(const std::string& project)
 {
-    const std::string project = TextOf(kRoot / "wdk/zepn.vcxproj");
-    EXPECT_EQ(std::system(("xmllint --noout '" + (kRoot / "wdk/zepn.vcxproj").string() + "'").c_str()), 0);
     std::set<std::string> sources;
-    for (std::string source : Matches(project, R"(<ClCompile Include="\.\.\\([^"]+)\")")) {
+    for (std::string source : Matches(TextOf(kRoot / "wdk" / project), R"(<ClCompile Include="\.\.\\([^"]+)\")")) {
         std::replace(source.begin(), source.end(), '\\', '/');
         sources.insert(source);
     }
-    std::set<std::string> expected;
+    return sources;
+}
+
+TEST(WdkProjects, CompileTheSourcesOfTheImagesInTheirLanguageForTheirFramework)
+{
+    std::map<std::string, std::set<std::string>> expected;
     std::set<std::string> defines;
     std::set<std::string> standards;
     const auto commands = nlohmann::json::parse(TextOf(kRoot / "build/windows/compile_commands.json"));
     for (const auto& command : commands) {
         const std::string file = std::filesystem::relative(command["file"].get<std::string>(), kRoot).string();
-        const bool isOfTheDriver =
-            command["command"].get<std::string>().find("/zepn_arm64_objects.dir/") != std::string::npos;
-        if (isOfTheDriver && !file.starts_with("platform/")) {
-            expected.insert(file);
+        const std::set<std::string> image = Matches(command["command"], R"(CMakeFiles/(\w+)_arm64_objects\.dir/)");
+        if (image.size() == 1 && !file.starts_with("platform/")) {
+            expected[*image.begin()].insert(file);
             defines.merge(Matches(command["command"], R"( -D(\S+))"));
             standards.merge(Matches(command["command"], R"( -std=c\+\+(\S+))"));
         }
     }
-    EXPECT_EQ(sources, expected);
+    for (const char* name : {"zepn", "zepn_probe"}) {
+        EXPECT_FALSE(expected[name].empty()) << name;
+        EXPECT_EQ(SourcesOf(std::string(name) + ".vcxproj"), expected[name]) << name;
+    }
 
-    // The WDK makes these two defines of the project's properties; there must be no others.
+    // The WDK makes these two defines of the properties; there must be no others.
+    const std::string shared = TextOf(kRoot / "wdk/driver.props");
     std::set<std::string> projectDefines;
     for (const std::string& part : {std::string("MAJOR"), std::string("MINOR")}) {
-        for (const std::string& value : Matches(project, "<KMDF_VERSION_" + part + ">(\\d+)<")) {
+        for (const std::string& value : Matches(shared, "<KMDF_VERSION_" + part + ">(\\d+)<")) {
             projectDefines.insert("KMDF_VERSION_" + part + "=" + value);
         }
     }
     EXPECT_EQ(projectDefines, defines);
-    EXPECT_EQ(project.find("PreprocessorDefinitions"), std::string::npos);
-    EXPECT_EQ(Matches(project, "<LanguageStandard>stdcpp(\\d+)<"), standards);
+    EXPECT_EQ(shared.find("PreprocessorDefinitions"), std::string::npos);
+    EXPECT_EQ(Matches(shared, "<LanguageStandard>stdcpp(\\d+)<"), standards);
 }
 
-TEST(WdkProject, AndItsSolutionHaveBothPlatforms)
+TEST(WdkProjects, AreWellFormedAndInTheSolutionWithBothPlatforms)
 {
     const std::set<std::string> expected = {"Debug|ARM64", "Debug|x64", "Release|ARM64", "Release|x64"};
-    EXPECT_EQ(Matches(TextOf(kRoot / "wdk/zepn.vcxproj"), R"re(<ProjectConfiguration Include="([^"]+)")re"), expected);
+    EXPECT_EQ(Matches(TextOf(kRoot / "wdk/driver.props"), R"re(<ProjectConfiguration Include="([^"]+)")re"), expected);
     const std::string solution = TextOf(kRoot / "wdk/zepn.sln");
-    EXPECT_EQ(Matches(solution, R"(\.Build\.0 = (\S+))"), expected);
-    EXPECT_EQ(Matches(solution, R"re("zepn.vcxproj", "(\{[^}]+\})")re"),
-              Matches(TextOf(kRoot / "wdk/zepn.vcxproj"), R"(<ProjectGuid>(.*)</ProjectGuid>)"));
+    std::set<std::string> projects;
+    for (const auto& entry : std::filesystem::directory_iterator(kRoot / "wdk")) {
+        const std::string name = entry.path().filename().string();
+        if (name.ends_with(".vcxproj") || name.ends_with(".props")) {
+            EXPECT_EQ(std::system(("xmllint --noout '" + entry.path().string() + "'").c_str()), 0);
+        }
+        if (name.ends_with(".vcxproj")) {
+            projects.insert(name);
+            const std::string text = TextOf(entry.path());
+            EXPECT_NE(text.find("<Import Project=\"driver.props\" />"), std::string::npos) << name;
+            const std::set<std::string> id = Matches(text, R"(<ProjectGuid>\{(.*)\}</ProjectGuid>)");
+            EXPECT_EQ(Matches(solution, '"' + name + R"re(", "\{([^}]+)\}")re"), id) << name;
+            EXPECT_EQ(Matches(solution, R"(\{)" + *id.begin() + R"(\}\.([^.]+)\.Build\.0 = )"), expected) << name;
+        }
+    }
+    EXPECT_EQ(projects, (std::set<std::string>{"zepn.vcxproj", "zepn_probe.vcxproj"}));
 }
 
 }  // namespace

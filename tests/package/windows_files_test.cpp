@@ -105,5 +105,65 @@ TEST_F(WindowsFiles, SayTheProvidersGuidsAsTheDriverDoes)
     EXPECT_EQ(ReadAll(folder_ / "trace" / "zepn.man").find("System32"), std::string::npos);
 }
 
+// The build with the WDK takes these over; a name that changed on one side only would be missed on Windows alone.
+TEST_F(WindowsFiles, HoldWhatTheBuildWithTheWdkTakesOver)
+{
+    unsigned taken = 0;
+    for (const char* project : {"zepn.vcxproj", "zepn_probe.vcxproj", "driver.props"}) {
+        for (std::string name :
+             Matches(ReadAll(fs::path(root_) / "wdk" / project), R"(\$\(ZepnPackage\)\\([^'";]+))")) {
+            std::ranges::replace(name, '\\', '/');
+            for (const char* machine : {"arm64", "x64"}) {
+                EXPECT_TRUE(fs::exists(folder_ / std::regex_replace(name, std::regex(R"(\$\(ZepnMachine\))"), machine)))
+                    << name;
+            }
+            ++taken;
+        }
+        // StampInf stamps in any case; without these, the time of the build.
+        const std::string text = ReadAll(fs::path(root_) / "wdk" / project);
+        if (text.find("<Inf ") != std::string::npos) {
+            EXPECT_NE(text.find("<DateStamp>$(ZepnDay)</DateStamp>"), std::string::npos) << project;
+            EXPECT_NE(text.find("<TimeStamp>$(ZepnVersion)</TimeStamp>"), std::string::npos) << project;
+        }
+    }
+    EXPECT_GE(taken, 5u);
+    EXPECT_EQ(std::system(("xmllint --noout '" + (folder_ / "wdk/stamp.props").string() + "'").c_str()), 0);
+    // StampInf writes what the INF has.
+    const std::string stamp = ReadAll(folder_ / "wdk" / "stamp.props");
+    EXPECT_EQ(Matches(ReadAll(folder_ / "x64" / "zepn.inf"), R"(DriverVer +=[^,]*,([\d.]+))"),
+              Matches(stamp, "<ZepnVersion>(.*)</ZepnVersion>"));
+    EXPECT_EQ(Matches(ReadAll(folder_ / "x64" / "zepn.inf"), R"(DriverVer += ([\d/]+),)"),
+              Matches(stamp, "<ZepnDay>(.*)</ZepnDay>"));
+}
+
+// The compiler for Windows takes the generated source and keeps every line of the format files beside the function.
+TEST_F(WindowsFiles, HaveTheTraceFormatsAsAnnotations)
+{
+    const fs::path object = folder_ / "formats.obj";
+    ASSERT_EQ(std::system(("clang++-19 --target=aarch64-pc-windows-msvc -O2 -g -gcodeview -c '" +
+                           (folder_ / "wdk/trace_formats.cpp").string() + "' -o '" + object.string() + "'")
+                              .c_str()),
+              0);
+    const std::string compiled = ReadAll(object);
+    std::size_t messages = 0;
+    for (const auto& entry : fs::directory_iterator(folder_ / "trace")) {
+        if (entry.path().extension() == ".tmf") {
+            std::istringstream lines(ReadAll(entry.path()));
+            for (std::string line; std::getline(lines, line);) {
+                messages += line.starts_with("#typev") ? 1 : 0;
+                if (!line.starts_with("//")) {
+                    EXPECT_NE(compiled.find(line + '\0'), std::string::npos) << line;
+                }
+            }
+        }
+    }
+    EXPECT_GT(messages, 100u);
+    std::size_t annotations = 0;
+    for (std::size_t at = compiled.find("TMF:"); at != std::string::npos; at = compiled.find("TMF:", at + 1)) {
+        ++annotations;
+    }
+    EXPECT_EQ(annotations, messages);
+}
+
 }  // namespace
 }  // namespace tests
