@@ -136,6 +136,20 @@ TEST_F(WindowsFiles, HoldWhatTheBuildWithTheWdkTakesOver)
               Matches(stamp, "<ZepnDay>(.*)</ZepnDay>"));
 }
 
+// What only a Windows machine can run (tests/windows): the program that replays a capture, the script that compares.
+TEST(ReplayOnWindows, IsWellFormedAndHasTheDriversProviderAndACaptureThatDecodes)
+{
+    const fs::path folder = fs::path(ZEPN_ROOT) / "tests/windows";
+    EXPECT_EQ(PowerShellForm::Fault(ReadAll(folder / "read_reports.ps1")), "");
+    char guid[64];
+    std::snprintf(guid, sizeof(guid), "0x%08X, 0x%04X, 0x%04X, {0x%02X, 0x%02X", kProvider.Data1, kProvider.Data2,
+                  kProvider.Data3, kProvider.Data4[0], kProvider.Data4[1]);
+    EXPECT_NE(ReadAll(folder / "replay.cpp").find(guid), std::string::npos) << guid;
+    const std::string decode = "'" ZEPN_DECODE "' '" + (folder / "boot.capture").string() + "' > /dev/null";
+    EXPECT_EQ(std::system(decode.c_str()), 0)
+        << "its records are not what the driver writes today: make it anew by ./zepn demo --capture";
+}
+
 // The compiler for Windows takes the generated source and keeps every line of the format files beside the function.
 TEST_F(WindowsFiles, HaveTheTraceFormatsAsAnnotations)
 {
