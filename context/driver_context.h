@@ -92,6 +92,14 @@ template <Site kNoDriver, Site kNoContext>
     return context;
 }
 
+// Whether the clients' collection and its lock both exist; without either there are no clients. A device add that fails
+// is cleaned up too, and the power callback of an earlier device stays registered; and because the framework clears the
+// handle of what it cannot create, either may be missing beside the other of that earlier device.
+[[nodiscard]] FORCEINLINE bool HasClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
+{
+    return context.wdfWaitLockClientsCollection != nullptr && context.wdfCollectionZepClients != nullptr;
+}
+
 // GUIDs are compared as the 16 bytes they are.
 [[nodiscard]] FORCEINLINE bool GuidsEqual(const GUID& first, const GUID& second)
 {

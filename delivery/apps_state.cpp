@@ -178,6 +178,9 @@ NTSTATUS Notifier_NotifyAppsState(ULONG)
     if (context == nullptr) {
         return STATUS_IO_DEVICE_ERROR;
     }
+    if (!HasClients(*context)) {
+        return STATUS_SUCCESS;
+    }
     NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
     if (status != STATUS_SUCCESS) {
         return ReportFailure<Site::kAppsStateLock>(status);

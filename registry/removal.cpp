@@ -156,8 +156,7 @@ NTSTATUS NotifierClientCleanup(void)
     if (context == nullptr) {
         return STATUS_IO_DEVICE_ERROR;
     }
-    // A device add that failed half-way is cleaned up too; before there was a lock there were no clients.
-    if (context->wdfWaitLockClientsCollection == nullptr) {
+    if (!HasClients(*context)) {
         return STATUS_SUCCESS;
     }
     const NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);

@@ -14,7 +14,7 @@ namespace host::checks {
 
 // The forms in which a platform call can fail. A function ignores forms that it cannot have.
 enum class FaultForm {
-    kStatus,      // returns Fault::status, outputs untouched
+    kStatus,      // returns Fault::status with nothing done; outputs are what the function leaves when it fails
     kNull,        // returns NULL where it returns a pointer or handle (item, context, pool block, registration, driver)
     kNullOutput,  // returns STATUS_SUCCESS and stores NULL in its output
     kInforms,     // does its work and returns Fault::status, one of the success class

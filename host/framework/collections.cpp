@@ -11,6 +11,7 @@ NTSTATUS NTAPI CollectionCreate(PWDF_DRIVER_GLOBALS globals, PWDF_OBJECT_ATTRIBU
                                 WDFCOLLECTION* collection)
 {
     const PlatformCall call("WdfCollectionCreate", HOST_CALLER, DISPATCH_LEVEL);
+    ClearOnEntry(collection);
     return Create<CollectionObject>(call, globals, attributes, collection, "Collection");
 }
 

@@ -83,6 +83,7 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
                             PWDF_OBJECT_ATTRIBUTES attributes, WDFDEVICE* handle)
 {
     const PlatformCall call("WdfDeviceCreate", HOST_CALLER, PASSIVE_LEVEL);
+    ClearOnEntry(handle);
     if (const std::optional<NTSTATUS> injected = Injected(call, handle)) {
         return *injected;
     }

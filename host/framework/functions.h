@@ -23,6 +23,16 @@ std::optional<NTSTATUS> Injected(const PlatformCall& call, Handle* output)
     return STATUS_SUCCESS;
 }
 
+// The first line of the creations that the framework begins by clearing the caller's handle: every failure, an injected
+// one too, leaves null there. The other creations write the handle on success only.
+template <class Handle>
+void ClearOnEntry(Handle* output)
+{
+    if (output != nullptr) {
+        *output = nullptr;
+    }
+}
+
 // Creation of an object whose attributes are optional and whose default parent is the driver object.
 template <class T, class Handle>
 NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, const WDF_OBJECT_ATTRIBUTES* attributes,

@@ -19,6 +19,7 @@ NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFD
     constexpr ACCESS_MASK kWriting = kSetValue | kCreateSubKey | kMaximumAllowed | kGenericAll | kGenericWrite;
 
     const PlatformCall call("WdfDriverOpenParametersRegistryKey", HOST_CALLER, PASSIVE_LEVEL);
+    ClearOnEntry(handle);
     Framework& framework = Framework::Current();
     kernel::Registry& registry = framework.kernel.registry();
     std::string service;

@@ -178,6 +178,7 @@ namespace functions {
 NTSTATUS NTAPI WaitLockCreate(PWDF_DRIVER_GLOBALS globals, PWDF_OBJECT_ATTRIBUTES attributes, WDFWAITLOCK* waitLock)
 {
     const PlatformCall call("WdfWaitLockCreate", HOST_CALLER, DISPATCH_LEVEL);
+    ClearOnEntry(waitLock);
     return Create<WaitLockObject>(call, globals, attributes, waitLock, "Lock");
 }
 

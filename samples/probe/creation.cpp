@@ -14,6 +14,16 @@ VOID AskAttributes(WDFDEVICE device)
     RtlZeroMemory(&attributes, sizeof(attributes));
     attributes.Size = sizeof(attributes);
     Answer(L"Attributes.NotInitialised", (ULONG)WdfObjectCreate(&attributes, &object));
+    // What the failure leaves in the caller's handle.
+    object = device;
+    WDFCOLLECTION collection = (WDFCOLLECTION)object;
+    WDFWAITLOCK lock = (WDFWAITLOCK)object;
+    (void)WdfObjectCreate(&attributes, &object);
+    (void)WdfCollectionCreate(&attributes, &collection);
+    (void)WdfWaitLockCreate(&attributes, &lock);
+    Answer(L"Attributes.FailedObjectIsKept", object == device);
+    Answer(L"Attributes.FailedCollectionIsNull", collection == NULL);
+    Answer(L"Attributes.FailedWaitLockIsNull", lock == NULL);
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
     attributes.ParentObject = device;
     attributes.SynchronizationScope = WdfSynchronizationScopeDevice;

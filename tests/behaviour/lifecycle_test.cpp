@@ -171,6 +171,49 @@ TEST_P(Lifecycle, SecondDeviceIsRefusedByItsName)
     EXPECT_TRUE(world.driver->HasDevice());
 }
 
+TEST_P(Lifecycle, SecondDeviceWithoutClientsCollectionOrLockIsCleanedUpAndPowerStatesFindNobody)
+{
+    struct Row {
+        const char* function;
+        unsigned skip;
+    };
+    for (const Row& row : {Row{"WdfCollectionCreate", 2}, Row{"WdfWaitLockCreate", 1}}) {
+        SCOPED_TRACE(row.function);
+        World world(GetParam());
+        world.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
+        Peer peer(1);
+        peer.HearsAppsState();
+        ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
+        world.driver->SurpriseRemoveDevice();
+        ASSERT_FALSE(world.driver->RemoveDevice().parked);
+        const DriverContext before = world.Context();
+
+        world.Fail(row.function, STATUS_INSUFFICIENT_RESOURCES, row.skip);
+        (void)world.TakeRecords();
+        EXPECT_EQ(world.driver->AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
+        world.EndFaults();
+        // What cannot be created is cleared; what comes after it in device add is still the first device's.
+        const DriverContext context = world.Context();
+        const bool isCollection = context.clients == nullptr;
+        EXPECT_EQ(context.clientsLock, isCollection ? before.clientsLock : nullptr);
+        EXPECT_NE(context.clients, before.clients);
+        const std::string event = isCollection ? "M21 " : "M32 ";
+        EXPECT_EQ(world.TakeRecords(),
+                  (Lines{"M12 NotifierEvtDeviceAdd", "E41 NotifierEvtDeviceAdd", "E43 NotifierEvtDeviceAdd",
+                         "M16 NotifierEvtDeviceAdd", "E1 NotifierEvtDeviceAdd", event + "NotifierEvtDeviceAdd",
+                         "M54 NotifierEvtDeviceContextCleanup", "E43 NotifierEvtDeviceContextCleanup",
+                         "M99 NotifierClientCleanup"}));
+
+        // The first device's power callback is still registered.
+        world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
+        EXPECT_EQ(world.TakeRecords(),
+                  (Lines{"M199 EvtPowerStateCallback", "M182 Notifier_NotifyAppsState", "E61 Notifier_NotifyAppsState",
+                         "M203 ZEPReadRegistry", "M200 EvtPowerStateCallback", "M202 EvtPowerStateCallback"}));
+        EXPECT_EQ(peer.appsStateCalls, 0u);
+        EXPECT_EQ(world.machine.Delays(), std::vector<std::int64_t>{-2500000});
+    }
+}
+
 TEST_P(Lifecycle, TablesHaveTheBindingHeaderAndTheirReferencesDoNothing)
 {
     World world(GetParam());

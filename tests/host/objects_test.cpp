@@ -157,6 +157,55 @@ TEST(Objects, AttributesAreRefusedInTheFrameworksOrder)
     EXPECT_EQ(lock, nullptr);
 }
 
+void NTAPI NoWork(WDFWORKITEM)
+{
+}
+
+template <class Handle, class Create>
+bool FailureClears(const Create& create)
+{
+    char somewhere = 0;
+    auto* const before = reinterpret_cast<Handle>(&somewhere);
+    Handle handle = before;
+    EXPECT_FALSE(NT_SUCCESS(create(&handle)));
+    EXPECT_TRUE(handle == nullptr || handle == before);
+    return handle == nullptr;
+}
+
+TEST(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
+{
+    BrokenWorld world;
+    WDF_OBJECT_ATTRIBUTES refused{};  // zeroed is not initialised
+    refused.Size = sizeof(refused);
+    WDF_WORKITEM_CONFIG work;
+    WDF_WORKITEM_CONFIG_INIT(&work, NoWork);
+    WDF_IO_QUEUE_CONFIG queue;
+    WDF_IO_QUEUE_CONFIG_INIT(&queue, WdfIoQueueDispatchManual);
+    for (const bool isInjected : {false, true}) {
+        SCOPED_TRACE(isInjected ? "injected" : "refused");
+        for (const char* function : {"WdfCollectionCreate", "WdfWaitLockCreate", "WdfDriverOpenParametersRegistryKey",
+                                     "WdfDeviceCreate", "WdfObjectCreate", "WdfWorkItemCreate", "WdfIoQueueCreate"}) {
+            if (isInjected) {
+                world.machine.faults().Add({.function = function});
+            }
+        }
+        EXPECT_TRUE(FailureClears<WDFCOLLECTION>([&](auto* handle) { return WdfCollectionCreate(&refused, handle); }));
+        EXPECT_TRUE(FailureClears<WDFWAITLOCK>([&](auto* handle) { return WdfWaitLockCreate(&refused, handle); }));
+        EXPECT_TRUE(FailureClears<WDFKEY>([&](auto* handle) {
+            return WdfDriverOpenParametersRegistryKey(WdfGetDriver(), KEY_READ, &refused, handle);
+        }));
+        EXPECT_FALSE(FailureClears<WDFOBJECT>([&](auto* handle) { return WdfObjectCreate(&refused, handle); }));
+        EXPECT_FALSE(
+            FailureClears<WDFWORKITEM>([&](auto* handle) { return WdfWorkItemCreate(&work, &refused, handle); }));
+        EXPECT_FALSE(FailureClears<WDFQUEUE>(
+            [&](auto* handle) { return WdfIoQueueCreate(world.table.Device, &queue, &refused, handle); }));
+    }
+    // Its init structure exists only during device add, so here this one can only be made to fail.
+    PWDFDEVICE_INIT init = nullptr;
+    EXPECT_TRUE(FailureClears<WDFDEVICE>([&](auto* handle) { return WdfDeviceCreate(&init, &refused, handle); }));
+    world.machine.faults().Clear();
+}
+
 TEST(Contexts, AreZeroFoundByTypeAndAttachedOnce)
 {
     BrokenWorld world;

@@ -28,6 +28,8 @@ bool Expected::Allows(Do what) const
     case Do::kClose:
     case Do::kControl:
         return file_;
+    case Do::kPower:
+        return powerRegistrations_ != 0;
     case Do::kOpen:
         return started_ && !file_;
     default:
@@ -334,7 +336,7 @@ Lines Expected::Alive() const
     lines.push_back(Contents("commands", commands_));
     lines.push_back(std::string("attached ") + (wpcd_ != nullptr ? "1" : "0"));
     lines.push_back(std::string("power callback ") + (powerCallback_ ? "1" : "0"));
-    lines.push_back(std::string("driver referenced ") + (reference_ ? "1" : "0"));
+    lines.push_back("driver referenced " + std::to_string(references_));
     lines.push_back("context fields " + std::to_string(fields_.size()));
     lines.push_back("second deletes " + std::to_string(secondDeletes_));
     lines.push_back("pool " + std::to_string(leakedBlocks_ + poolBlocks_));

@@ -104,6 +104,7 @@ private:
     void DiscardClient(const Ref& client, bool freeEntries);
     NTSTATUS Leave(ULONG number);
     NTSTATUS Withdraw(const Ref& client);
+    [[nodiscard]] bool HasClients() const;
     void Cleanup();
     NTSTATUS Post(ULONG number, ULONG state);
     NTSTATUS Subscribe(ULONG number, ULONG target, ULONG state);
@@ -126,6 +127,7 @@ private:
     NTSTATUS DumpContext(bool handle);
     NTSTATUS Broadcast();
     void Power(ULONG argument);
+    void LeaveWorkingState();
     NTSTATUS Control(ULONG code);
     NTSTATUS Open();
     void Close();
@@ -151,8 +153,11 @@ private:
     bool loaded_ = false;
     bool device_ = false;
     bool started_ = false;
-    bool powerCallback_ = false;
-    bool reference_ = false;
+    bool powerCallback_ = false;  // the driver context names a registration
+    bool powerObject_ = false;    // ... a callback object
+    unsigned powerRegistrations_ = 0;
+    unsigned powerOpens_ = 0;
+    unsigned references_ = 0;  // on the driver object, by device add
     bool file_ = false;
 };
 

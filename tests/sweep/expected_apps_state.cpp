@@ -10,6 +10,9 @@ NTSTATUS Expected::Broadcast()
                 "13 " + name + "Driver context is NULL?! Returning NULL")) {
         return STATUS_IO_DEVICE_ERROR;
     }
+    if (!HasClients()) {
+        return STATUS_SUCCESS;
+    }
     NTSTATUS status = Acquire("clients");
     if (status != STATUS_SUCCESS) {
         return Fails("1 " + name + kClientsLock, status);
@@ -98,9 +101,14 @@ NTSTATUS Expected::Broadcast()
 
 void Expected::Power(ULONG argument)
 {
-    if (argument != 0) {
-        return;
+    // A second device registers the routine once more.
+    for (unsigned index = 0; argument == 0 && index < powerRegistrations_; ++index) {
+        LeaveWorkingState();
     }
+}
+
+void Expected::LeaveWorkingState()
+{
     (void)Broadcast();
     const std::string name = "13 ZEPReadRegistry: ";
     if (!Gives("WdfGetDriver")) {

@@ -66,6 +66,9 @@ NTSTATUS Expected::FillDevice()
     for (const auto& [text, collection] : kCollections) {
         status = Status("WdfCollectionCreate", kMaking);
         if (!NT_SUCCESS(status)) {
+            // The framework clears the field, also that of an earlier device.
+            *collection = nullptr;
+            fields_.erase(text);
             return Fails(name + "WdfCollectionObjectCreate for for " + text, status);
         }
         *collection = Make("collection", driver_);
@@ -83,6 +86,8 @@ NTSTATUS Expected::FillDevice()
                              "NotifyStatesWorkItem", "NotifyCommandsWorkItem", "NotifyAppsStateWorkItem"}) {
         status = Status("WdfWaitLockCreate", kMaking);
         if (!NT_SUCCESS(status)) {
+            locks_.erase(text);
+            fields_.erase(text);
             return Fails(name + "WdfWaitLockCreate for wdfWaitLock" + text, status);
         }
         locks_.insert(text);
@@ -101,11 +106,16 @@ NTSTATUS Expected::FillDevice()
     if (!NT_SUCCESS(status)) {
         return Fails(name + "ExCreateCallback for Power state callback", status);
     }
-    if (!Gives("ExRegisterCallback")) {
+    ++powerOpens_;
+    powerObject_ = true;
+    powerCallback_ = Gives("ExRegisterCallback");
+    if (!powerCallback_) {
+        --powerOpens_;
+        powerObject_ = false;
         return STATUS_UNSUCCESSFUL;  // silently
     }
-    powerCallback_ = true;
-    reference_ = true;
+    ++powerRegistrations_;
+    ++references_;
     return STATUS_SUCCESS;
 }
 
@@ -120,6 +130,11 @@ void Expected::EndDevice()
     started_ = false;
 }
 
+bool Expected::HasClients() const
+{
+    return locks_.contains("ClientsCollection") && clients_ != nullptr;
+}
+
 void Expected::Cleanup()
 {
     const std::string name = "NotifierClientCleanup: ";
@@ -127,7 +142,7 @@ void Expected::Cleanup()
                 "7 " + name + "Driver object context, <driver>, 0xC0000185")) {
         return;
     }
-    if (!locks_.contains("ClientsCollection")) {
+    if (!HasClients()) {
         return;
     }
     const NTSTATUS status = Acquire("clients");
@@ -167,14 +182,18 @@ void Expected::Unload()
 {
     if (!HasContext("ZEP_NOTIFIER_DRIVER_CONTEXT")) {
         Report("13 NotifierEvtDriverUnload: Driver context is NULL?!");
-        if (powerCallback_) {
-            // Neither the registration nor the reference on the callback object is given back.
-            step_.violations.emplace_back("registration at unload");
-            step_.violations.emplace_back("reference leak");
-        }
+    } else {
+        powerRegistrations_ -= powerCallback_ ? 1 : 0;
+        powerOpens_ -= powerObject_ ? 1 : 0;
     }
-    if (!reference_) {
+    // What an earlier device registered, and everything when there is no context to find it in, stays.
+    step_.violations.insert(step_.violations.end(), powerRegistrations_, "registration at unload");
+    step_.violations.insert(step_.violations.end(), powerOpens_, "reference leak");
+    if (references_ == 0) {
         step_.violations.emplace_back("reference underflow");
+    } else if (references_ > 1) {
+        step_.violations.emplace_back("reference leak");  // of the driver object, which the framework deletes twice
+        ++secondDeletes_;
     }
     step_.violations.insert(step_.violations.end(), poolBlocks_, "leak");
     loaded_ = false;

@@ -77,8 +77,8 @@ inline constexpr ULONG kTimeoutMs = 250;
 
 // How a call fails.
 enum class Form {
-    kError,       // an error status, outputs untouched
-    kRefuses,     // a status of the success class other than STATUS_SUCCESS, outputs untouched
+    kError,       // an error status, nothing done; some creations leave a null handle then
+    kRefuses,     // a status of the success class other than STATUS_SUCCESS, nothing done
     kInforms,     // the work is done, but the status is one of the success class other than STATUS_SUCCESS
     kNull,        // no item, no context, no block, no registration, no driver object
     kNullOutput,  // STATUS_SUCCESS with a null output

@@ -199,6 +199,25 @@ Life LegacyLife()
     return After(kBegin, {{Do::kPost, 1, 3}, {Do::kDeliver}, {Do::kSurprise}, {Do::kRemove}, {Do::kUnload}});
 }
 
+Life SecondDevice()
+{
+    return After(kBegin, {{Do::kRegister, 3, kApps | kEntries},
+                          {Do::kPost, 1, 3},
+                          {Do::kDeliver},
+                          {Do::kSurprise},
+                          {Do::kRemove},
+                          {Do::kAddDevice},
+                          {Do::kPower, 0},  // also when there is no second device
+                          {Do::kStart},
+                          {Do::kRegister, 1, kApps},
+                          {Do::kRegister, 2, kApps},
+                          {Do::kPower, 0},
+                          {Do::kDeliver},
+                          {Do::kSurprise},
+                          {Do::kRemove},
+                          {Do::kUnload}});
+}
+
 Life CommandToOneself()
 {
     return After(kBegin, {{Do::kSend, 1, 1, 7}, {Do::kDeliver}});

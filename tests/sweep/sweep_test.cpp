@@ -149,7 +149,7 @@ TEST_P(Sweep, EveryCallFails)
 {
     const Life whole = WholeLife();
     FailEachCall(whole, false);
-    for (const Life& life : {CommandToOneself(), CommandOfTheDeparted(), CommandToTheChanged()}) {
+    for (const Life& life : {SecondDevice(), CommandToOneself(), CommandOfTheDeparted(), CommandToTheChanged()}) {
         FailEachCall(life, false);
     }
     FailTracing(whole, host::TraceRoutes::kClassic);
@@ -162,6 +162,7 @@ TEST_P(Sweep, EveryCallFails)
 TEST_P(Sweep, EveryCallFailsForGood)
 {
     FailEachCall(WholeLife(), true);
+    FailEachCall(SecondDevice(), true);
     figures_.Save(GetParam().container.name, "sticky", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
 }
