@@ -1,5 +1,7 @@
 #include "bench/instruction_counter.h"
 
+#include "host/schedule/single_step.h"
+
 #include <csignal>
 #include <stdexcept>
 #include <ucontext.h>
@@ -25,28 +27,15 @@ void OnStep(int, siginfo_t*, void* context)
     }
 }
 
-// The trap flag, bit 8. The stack pointer first leaves the red zone that this function may be using.
-void SetTrapFlag()
-{
-    asm volatile("lea -128(%%rsp), %%rsp\n pushfq\n orq $0x100, (%%rsp)\n popfq\n lea 128(%%rsp), %%rsp" ::: "memory",
-                 "cc");
-}
-
-void ClearTrapFlag()
-{
-    asm volatile("lea -128(%%rsp), %%rsp\n pushfq\n andq $~0x100, (%%rsp)\n popfq\n lea 128(%%rsp), %%rsp" ::
-                     : "memory", "cc");
-}
-
 // Switches on the threads that run work items.
 class Stepper final : public host::schedule::Controller {
 public:
     void OnYield(host::schedule::YieldKind kind, const char*) override
     {
         if (kind == host::schedule::YieldKind::kThreadBegins) {
-            SetTrapFlag();
+            host::schedule::BeginSingleSteps();
         } else if (kind == host::schedule::YieldKind::kThreadEnds) {
-            ClearTrapFlag();
+            host::schedule::EndSingleSteps();
         }
     }
     void OnBlock(std::unique_lock<std::mutex>& lock) override
@@ -86,9 +75,9 @@ std::uint64_t InstructionCounter::Count(const std::function<void()>& work)
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     sigaction(SIGTRAP, &action, &before);
     host::schedule::theController.store(&g_stepper);
-    SetTrapFlag();
+    host::schedule::BeginSingleSteps();
     work();
-    ClearTrapFlag();
+    host::schedule::EndSingleSteps();
     host::schedule::theController.store(nullptr);
     sigaction(SIGTRAP, &before, nullptr);
     std::uint64_t sum = 0;

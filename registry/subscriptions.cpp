@@ -40,26 +40,20 @@ static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_C
     return STATUS_SUCCESS;
 }
 
-// Tells the subscriber the state that the watched client is in already. True when the answer is a new state.
-static bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber,
-                                const ZEP_NOTIFIER_CLIENT_CONTEXT& target, PZEP_STATE_NOTIFICATION_CALLBACK callback,
-                                ULONG& response)
+// Notifies the subscriber of the state that the watched client is in already. True when the answer is a new state.
+static bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const GUID& targetGuid,
+                                ULONG targetState, PZEP_STATE_NOTIFICATION_CALLBACK callback, ULONG& response)
 {
     const ZepState current = {
         .Size = sizeof(ZepState),
-        .InterfaceGUID = target.InterfaceGUID,
-        .State = ReadULongNoFence(&target.CurrentState),
+        .InterfaceGUID = targetGuid,
+        .State = targetState,
         .Reserved = 0,
     };
     response = ReadULongNoFence(&subscriber.CurrentState);
     (void)callback(subscriber.CallbackContext, &current, &response);
     // On purpose: read anew. A post meanwhile makes an answer of the state before it.
     return response != ReadULongNoFence(&subscriber.CurrentState);
-}
-
-static bool IsStateAwaited(const ZepState& filter, const ZEP_NOTIFIER_CLIENT_CONTEXT& target)
-{
-    return ReadULongNoFence(&target.CurrentState) == filter.State || filter.State == ZEP_STATE_ANY;
 }
 
 NTSTATUS Notifier_HelperRegisterForStateNotification(const GUID* interfaceGuid, const ZepState* state,
@@ -96,13 +90,19 @@ NTSTATUS Notifier_HelperRegisterForStateNotification(const GUID* interfaceGuid, 
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
         return status;
     }
-    if (target == nullptr || !IsStateAwaited(*state, *target)) {
+    if (target == nullptr) {
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+        return STATUS_SUCCESS;
+    }
+    // Read once: a post may change it at any time, and the subscriber must get the state that was compared.
+    const ULONG targetState = ReadULongNoFence(&target->CurrentState);
+    if (targetState != state->State && state->State != ZEP_STATE_ANY) {
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
         return STATUS_SUCCESS;
     }
 
     ULONG response;
-    if (!DeliverCurrentState(*subscriber, *target, callback, response)) {
+    if (!DeliverCurrentState(*subscriber, target->InterfaceGUID, targetState, callback, response)) {
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
         return STATUS_SUCCESS;
     }

@@ -1,0 +1,63 @@
+// What other threads may do between any two instructions of an operation.
+#include "tests/behaviour/interruption.h"
+#include "tests/support/world.h"
+
+namespace tests {
+namespace {
+
+class Interrupted : public OnContainer {
+protected:
+    void SetUp() override
+    {
+        if (!kCanInterrupt) {
+            GTEST_SKIP() << "needs a processor with a trap flag";
+        }
+    }
+};
+FOR_ALL_CONTAINERS(Interrupted);
+
+// Where a client's current state lies: posts that have found the client write it without the clients lock.
+ULONG* CurrentStateOf(World& world, const Peer& peer)
+{
+    for (const auto& object : world.machine.inspect().WithContext(kClientContextName)) {
+        const auto* context = reinterpret_cast<const ClientContext*>(object.contexts.front().bytes.data());
+        if (memcmp(&context->guid, &peer.guid, sizeof(GUID)) == 0) {
+            return const_cast<ULONG*>(&context->currentState);
+        }
+    }
+    throw std::logic_error("no such client");
+}
+
+TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
+{
+    World world(GetParam(), {.records = false});
+    Peer subscriber(1);
+    Peer target(2);
+    ASSERT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+    ASSERT_EQ(world.Register(target), STATUS_SUCCESS);
+    ULONG* const current = CurrentStateOf(world, target);
+    subscriber.onState = [](const ZepState&, ULONG&) { EndInterruption(); };
+
+    unsigned instructionCount = 1;
+    unsigned calledCount = 0;
+    for (unsigned instruction = 0; instruction <= instructionCount; ++instruction) {
+        *current = 3;
+        subscriber.deliveries.clear();
+        const unsigned seen = RunInterrupted(
+            world.machine, *world.driver,
+            {.function = "WdfCollectionAdd", .instruction = instruction, .action = [&] { *current = 5; }},
+            [&] { EXPECT_EQ(world.Subscribe(subscriber, target, 3), STATUS_SUCCESS); });
+        instructionCount = instruction == 0 ? seen : instructionCount;
+        for (const ZepState& delivery : subscriber.deliveries) {
+            EXPECT_EQ(delivery.State, 3u) << "posted before instruction " << instruction << " of " << instructionCount;
+        }
+        calledCount += subscriber.deliveries.empty() ? 0 : 1;
+        ASSERT_EQ(world.Unsubscribe(subscriber, target, 3), STATUS_SUCCESS);
+    }
+    // The state changes before the comparison in some of the runs, and after it in the others.
+    EXPECT_GT(calledCount, 1u);
+    EXPECT_LT(calledCount, instructionCount);
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,32 @@
+// An action in the middle of a driver's call, before one chosen instruction of the driver: what another processor may
+// do at that very moment. The explorer of interleavings comes between platform calls; this comes between instructions.
+#pragma once
+
+#include "host/machine.h"
+
+#include <functional>
+
+namespace tests {
+
+#if defined(__x86_64__)
+inline constexpr bool kCanInterrupt = true;
+#else
+inline constexpr bool kCanInterrupt = false;  // no single-stepping
+#endif
+
+struct Interruption {
+    const char* function;      // counting begins when the calling thread calls this platform function
+    unsigned skip = 0;         // let this many calls of it pass first
+    unsigned instruction = 1;  // of the driver's, from there on; 0: no action
+    std::function<void()> action;
+};
+
+// Runs work on the calling thread. Gives the number of the driver's instructions between the platform call and the
+// end of the work, or of the counting.
+unsigned RunInterrupted(host::Machine& machine, const host::Driver& driver, const Interruption& interruption,
+                        const std::function<void()>& work);
+
+// Ends the counting and the single-stepping early; the calling thread runs at full speed again.
+void EndInterruption();
+
+}  // namespace tests
