@@ -32,8 +32,9 @@ static NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WD
     return STATUS_SUCCESS;
 }
 
-static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject,
-                           const ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepState& state)
+// The client's context is not touched here: waiting for the lock gives the client time to leave.
+static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject, const ZepState& state,
+                           ULONG currentState)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_CONTEXT);
@@ -64,10 +65,7 @@ static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
         WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
         return status;
     }
-    if (IsHeard<Site::kSendStatePosted>()) {
-        // Only now: the client may be gone already, and its context with it.
-        Report<Site::kSendStatePosted>(client.InterfaceGUID.Data1, ReadULongNoFence(&client.CurrentState));
-    }
+    Report<Site::kSendStatePosted>(state.InterfaceGUID.Data1, currentState);
     WdfWorkItemEnqueue(context.wdfWorkItemNotifyStates);
     WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
     return STATUS_SUCCESS;
@@ -97,11 +95,14 @@ NTSTATUS Notifier_HelperSendState(const ZepState* state)
     WriteULongNoFence(&client->CurrentState, state->State);
     WdfWaitLockRelease(context->wdfWaitLockGeneral);
 
+    // For the trace message, together with what is read anyway: a listener must not lengthen the use of a context that
+    // another thread may remove.
+    const ULONG currentState = ReadULongNoFence(&client->CurrentState);
     if (ReadULongNoFence(&client->AddedToWpcd) == 0 || ReadULongNoFence(&client->WpcdRefreshPending) != 0) {
         status = QueueAnnouncement(*context, clientObject, *client);
         if (status != STATUS_SUCCESS) {
             return status;
         }
     }
-    return QueueState(*context, clientObject, *client, *state);
+    return QueueState(*context, clientObject, *state, currentState);
 }

@@ -1,5 +1,6 @@
 // What other threads may do between any two instructions of an operation.
 #include "tests/behaviour/interruption.h"
+#include "tests/support/one_report.h"
 #include "tests/support/world.h"
 
 namespace tests {
@@ -57,6 +58,26 @@ TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
     // The state changes before the comparison in some of the runs, and after it in the others.
     EXPECT_GT(calledCount, 1u);
     EXPECT_LT(calledCount, instructionCount);
+}
+
+// The record is queued already, so the client may leave and its context go: also for a listener.
+TEST_P(Interrupted, PostIsTracedWithoutTheContextOfAClientThatLeavesMeanwhile)
+{
+    World world(GetParam());
+    Peer poster(1);
+    ASSERT_EQ(world.Register(poster), STATUS_SUCCESS);
+    (void)world.TakeRecords();
+    const auto leave = [&] {
+        (void)world.machine.OnThread("leaver", [&] { EXPECT_EQ(world.Leave(poster), STATUS_SUCCESS); });
+    };
+    // The first append is that for the crash-dump driver.
+    RunInterrupted(world.machine, *world.driver, {.function = "WdfCollectionAdd", .skip = 1, .action = leave},
+                   [&] { EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS); });
+    EXPECT_EQ(world.TakeRecords(),
+              (Lines{"M125 Notifier_HelperSendState", "M63 _getClientContextByGUID", "M87 Notifier_HelperClientDeinit",
+                     "M94 Notifier_HelperClientDeinit", "M137 Notifier_HelperSendState"}));
+    EXPECT_EQ(NumbersOf(world.machine.tracing().Messages().back()), (std::vector<std::uint64_t>{1, 5}));
+    world.Deliver();
 }
 
 }  // namespace
