@@ -61,7 +61,7 @@ inline constexpr EventField kStatusField{"Status", Field::kStatus};
 inline constexpr EventField kObjectField{"Object", Field::kHandle};
 
 inline constexpr Event kEvents[] = {
-    {1, kLevelError, "CallFailed", "%1: %2 failed with status %3", {kFunction, kDescription, kStatusField}},
+    {1, kLevelError, "CallFailed", "%1: %2 (status %3)", {kFunction, kDescription, kStatusField}},
     {2, kLevelError, "Refused", "%1: %2 (status %3)", {kFunction, kDescription, kStatusField}},
     {3, kLevelError, "CrashDumpCallFailed", "%1: %2 (status %3)", {kFunction, kDescription, kStatusField}},
     {5,
@@ -89,7 +89,7 @@ inline constexpr Event kEvents[] = {
     {12,
      kLevelError,
      "ClientUnusable",
-     "%1: %2%3 (status %4)",
+     "%1: %2 GUID %3 (status %4)",
      {kFunction, kDescription, {"Guid", Field::kGuid}, kStatusField}},
     {13, kLevelError, "Failed", "%1: %2", {kFunction, kDescription}},
     {22, kLevelWarning, "Recoverable", "%1: %2 (%3)", {kFunction, kDescription, {"Detail", Field::kString}}},

@@ -8,6 +8,12 @@ namespace {
 
 using Numbers = std::vector<std::uint64_t>;
 
+// Without the blank that ends some descriptions.
+std::string Trimmed(const std::string& text)
+{
+    return text.substr(0, text.find_last_not_of(' ') + 1);
+}
+
 // A GUID counts by its first number.
 Numbers NumbersOf(const host::tracing::DecodedEvent& event)
 {
@@ -43,7 +49,7 @@ std::string DifferenceOf(const host::tracing::DecodedEvent& event, const host::t
     const Numbers values = NumbersOf(event);
     const Numbers numbers = NumbersOf(message);
     const bool isBare = numbers.empty() && !values.empty();
-    const bool saysTheSame = numbers == values && decoded.text.starts_with(event.Text("Description"));
+    const bool saysTheSame = numbers == values && decoded.text.starts_with(Trimmed(event.Text("Description")));
     if (isError && decoded.function == event.fields[0].text && (isBare || saysTheSame)) {
         return "";
     }

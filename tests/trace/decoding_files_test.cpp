@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <set>
 
 #include <unistd.h>
@@ -70,6 +71,30 @@ TEST(MessageFormats, NumberMessagesFromTenInTwoSetsAndReferToTheirItems)
     EXPECT_TRUE(main.contains(259));
     EXPECT_EQ(*forwarding.begin(), 10u);
     EXPECT_EQ(*forwarding.rbegin() - *forwarding.begin() + 1, forwarding.size()) << "without holes";
+}
+
+// Texts that people read: what follows a description is set off from it, and no blank comes twice.
+TEST(Texts, SetValuesOffFromWhatTheyFollow)
+{
+    const host::tracing::Manifest manifest(kFolder / "zepn.man");
+    EXPECT_EQ(manifest.events().at(1).message, "%1: %2 (status %3)");
+    EXPECT_EQ(manifest.events().at(12).message, "%1: %2 GUID %3 (status %4)");
+    const auto check = [&](const std::string& text) {
+        // Two blanks, a colon behind another mark, values side by side.
+        EXPECT_FALSE(std::regex_search(text, std::regex(R"(  |[ !?.]:|^ | $|%\d+(!\w+!)?%)"))) << text;
+    };
+    for (const auto& [id, event] : manifest.events()) {
+        check(event.message);
+    }
+    std::set<std::string> texts;
+    const host::tracing::MessageFormats formats(kFolder);
+    for (const auto& [key, format] : formats.formats()) {
+        check(format.text.substr(2));
+        texts.insert(format.text.substr(2));
+    }
+    EXPECT_TRUE(texts.contains("Unable to find client with GUID beginning %10!08X! (status %11!s!)"));
+    EXPECT_TRUE(texts.contains("InterfaceGUID is already initialized! GUID beginning %10!08X! (status %11!s!)"));
+    EXPECT_TRUE(texts.contains("WdfCollectionGetItem (index %10!u!, collection %11!p!, count %12!I64u!)"));
 }
 
 TEST(MessageFormats, SayWhereAFileIsWrong)

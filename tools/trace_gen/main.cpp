@@ -167,7 +167,7 @@ std::vector<Item> ItemsOf(const Row& row)
     case Values::kMissingItem:
         return {{"index", "ItemLong", "u"}, {"collection", "ItemPtr", "p"}, {"count", "ItemULongLong", "I64u"}};
     case Values::kGuidStatus:
-        return {{"client", "ItemLong", "08X"}, kStatusItem};
+        return {{"guid", "ItemLong", "08X"}, kStatusItem};
     case Values::kTooSmall:
         return {{"provided", "ItemLong", "u"}, {"required", "ItemLong", "u"}, kStatusItem};
     case Values::kBuild:
@@ -190,22 +190,35 @@ std::vector<Item> ItemsOf(const Row& row)
     return {};
 }
 
-// A row without a text of its own reads as its description and its values.
+// Some descriptions end with a blank; here the separator that follows brings its own.
+std::string Trimmed(const std::string& text)
+{
+    return text.substr(0, text.find_last_not_of(' ') + 1);
+}
+
+// A row without a text of its own reads as its description and its values: "WdfObjectCreate (status ...)".
 std::string TextOf(const Row& row)
 {
     if (row.message.text != nullptr) {
         return row.message.text;
     }
     std::ostringstream text;
-    text << row.description;
+    text << Trimmed(row.description);
     if (row.detail != nullptr) {
         text << " (" << row.detail << ")";
     }
-    unsigned index = 10;
-    for (const Item& item : ItemsOf(row)) {
-        text << (index == 10 ? ": " : ", ") << item.expression << " %" << index << "!" << item.form << "!";
-        ++index;
+    const std::vector<Item> items = ItemsOf(row);
+    std::size_t next = 0;
+    if (row.values == Values::kGuidStatus) {
+        text << " GUID beginning %10!08X!";  // a message carries only the first number
+        next = 1;
     }
+    const char* separator = " (";
+    for (; next < items.size(); ++next) {
+        text << separator << items[next].expression << " %" << 10 + next << "!" << items[next].form << "!";
+        separator = ", ";
+    }
+    text << (*separator == ',' ? ")" : "");
     return text.str();
 }
 
