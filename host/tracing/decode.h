@@ -62,6 +62,7 @@ private:
 
 struct DecodedMessage {
     std::uint16_t number;
+    std::string site;   // the tag: what %2 stands for in a reader's prefix
     std::string level;  // "TRACE_LEVEL_ERROR"
     std::string flags;  // "TRACE_FLAG_GENERAL"
     std::string function;
@@ -84,6 +85,7 @@ public:
         unsigned index;    // 10, 11, ...
     };
     struct Format {
+        std::string tag;
         std::string text;
         std::string level;
         std::string flags;

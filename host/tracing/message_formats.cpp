@@ -95,7 +95,8 @@ private:
         if (!(fields >> keyword >> tag >> number) || open == std::string::npos || close <= open || guid_.empty()) {
             Fail("#typev <tag> <number> \"<format>\" below a message GUID");
         }
-        const MessageFormats::Format format{.text = line.substr(open + 1, close - open - 1),
+        const MessageFormats::Format format{.tag = tag,
+                                            .text = line.substr(open + 1, close - open - 1),
                                             .level = After(line, "LEVEL="),
                                             .flags = After(line, "FLAGS="),
                                             .function = After(line, "FUNC="),
@@ -271,6 +272,7 @@ std::optional<DecodedMessage> MessageFormats::Decode(const CapturedMessage& mess
         return std::nullopt;
     }
     DecodedMessage decoded{.number = message.number,
+                           .site = known->second.tag,
                            .level = known->second.level,
                            .flags = known->second.flags,
                            .function = known->second.function,

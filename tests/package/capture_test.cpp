@@ -35,7 +35,7 @@ TEST(Capture, IsDecodedByTheFilesAloneAndDamageIsNamed)
     std::string text;
     EXPECT_EQ(Decode(file, text), 0) << text;
     EXPECT_NE(text.find("event 44 level 4: DriverEntry: built "), std::string::npos);
-    EXPECT_NE(text.find("TRACE_LEVEL_INFORMATION DriverEntry: built "), std::string::npos);
+    EXPECT_NE(text.find("trace 10 DriverEntryStarted TRACE_LEVEL_INFORMATION DriverEntry: built "), std::string::npos);
 
     const std::string good = BytesOf(file);
     const auto expect = [&](const std::string& bytes, int status, const std::string& words) {

@@ -73,6 +73,31 @@ TEST(MessageFormats, NumberMessagesFromTenInTwoSetsAndReferToTheirItems)
     EXPECT_EQ(*forwarding.rbegin() - *forwarding.begin() + 1, forwarding.size()) << "without holes";
 }
 
+std::string TextOf(const std::filesystem::path& file)
+{
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// A reader's prefix shows the tag as the place in the source: searching the sources for it must lead there.
+TEST(MessageFormats, AreTaggedWithTheNameOfTheirReportingSite)
+{
+    const host::tracing::MessageFormats formats(kFolder);
+    std::string rows;
+    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(ZEPN_ROOT) / "trace")) {
+        rows += entry.path().filename().string().starts_with("rows_") ? TextOf(entry.path()) : "";
+    }
+    for (const auto& [key, format] : formats.formats()) {
+        SCOPED_TRACE(std::to_string(key.second) + " " + format.tag);
+        const std::string name = "Site::k" + format.tag + ",";
+        const std::size_t at = rows.find(name);
+        ASSERT_NE(at, std::string::npos);
+        const std::string row = rows.substr(at, rows.find("Site::k", at + name.size()) - at);
+        EXPECT_NE(row.find("\"" + format.function + "\""), std::string::npos) << row;
+        EXPECT_TRUE(std::regex_search(row, std::regex("\\b" + std::to_string(key.second) + "\\b"))) << row;
+    }
+}
+
 // Texts that people read: what follows a description is set off from it, and no blank comes twice.
 TEST(Texts, SetValuesOffFromWhatTheyFollow)
 {

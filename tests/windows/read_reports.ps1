@@ -63,10 +63,11 @@ $textFile = Join-Path $folder 'messages.txt'
 Invoke-Tool 'tracefmt.exe' @($etl, '-p', (Join-Path $Package 'trace'), '-o', $textFile, '-nosummary')
 $found += @(Get-Content $textFile | Where-Object { $_ -match '^TRACE_LEVEL_' })
 
-# "17 event 12 level 2: text" and "18 trace 33 TRACE_LEVEL_ERROR Function: text"; events first, each kind in its order.
+# "17 event 12 level 2: text" and "18 trace 33 Site TRACE_LEVEL_ERROR Function: text"; events first, each kind in its
+# order.
 $lines = Get-Content $Expected
 $wanted = @($lines | Where-Object { $_ -match '^\d+ event ' } | ForEach-Object { $_ -replace '^\d+ ', '' })
-$wanted += @($lines | Where-Object { $_ -match '^\d+ trace ' } | ForEach-Object { $_ -replace '^\d+ trace \d+ ', '' })
+$wanted += @($lines | Where-Object { $_ -match '^\d+ trace ' } | ForEach-Object { $_ -replace '^\d+ trace \d+ \w+ ', '' })
 
 Write-Host "$($wanted.Count) reports, $($found.Count) shown by Windows"
 $differences = 0

@@ -34,7 +34,7 @@ bool Print(const CapturedMessage& message, const Manifest&, const MessageFormats
                   << message.payload.size() << " bytes)\n";
         return false;
     }
-    std::cout << decoded->level << " " << decoded->function << ": " << decoded->text << "\n";
+    std::cout << decoded->site << " " << decoded->level << " " << decoded->function << ": " << decoded->text << "\n";
     return true;
 }
 

@@ -9,6 +9,7 @@
 // Nothing is read; the catalogue is compiled in. The files are the ones that ship, so nothing edits them by hand.
 #include "tools/trace_gen/reports_page.h"
 #include "tools/trace_gen/resources.h"
+#include "tools/trace_gen/site_names.h"
 #include "trace/rows.h"
 
 #include <filesystem>
@@ -238,8 +239,9 @@ void WriteMessage(std::ostream& out, const Row& row)
         "", "", "TRACE_LEVEL_ERROR", "TRACE_LEVEL_WARNING", "TRACE_LEVEL_INFORMATION", "TRACE_LEVEL_VERBOSE"};
     const Message& message = row.message;
     const std::string text = TextOf(row);
-    out << "#typev zepn_" << static_cast<ULONG>(row.site) << " " << message.number << " \"%0" << text
-        << "\" //   LEVEL=" << kLevels[message.level]
+    // The tag, which readers show as the place in the source, is the site's name there.
+    out << "#typev " << trace_gen::kSiteNames[static_cast<std::size_t>(row.site)] << " " << message.number << " \"%0"
+        << text << "\" //   LEVEL=" << kLevels[message.level]
         << " FLAGS=" << (message.flag == TraceFlag::kEntry ? "TRACE_FLAG_ENTRY" : "TRACE_FLAG_GENERAL")
         << " FUNC=" << row.function << "\n{\n";
     unsigned index = 10;
