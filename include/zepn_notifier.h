@@ -497,38 +497,63 @@ typedef struct _ZEP_NOTIFIER_WPCD_INTERFACE {
 
 #ifdef __cplusplus
 }
-
-// ---- The binary contract ----
-
-static_assert(sizeof(ZepState) == 32 && offsetof(ZepState, InterfaceGUID) == 8 && offsetof(ZepState, State) == 24);
-static_assert(sizeof(ZepCommand) == 48 && offsetof(ZepCommand, CommandArgument) == 8 &&
-              offsetof(ZepCommand, SourceGuid) == 12 && offsetof(ZepCommand, TargetGuid) == 28 &&
-              offsetof(ZepCommand, CommandId) == 44);
-static_assert(sizeof(ZepCommandInfo) == 32 && offsetof(ZepCommandInfo, CommandArgument) == 8 &&
-              offsetof(ZepCommandInfo, SourceGuid) == 12 && offsetof(ZepCommandInfo, SourceState) == 28);
-static_assert(sizeof(ActionCallbackTable) == 48 && offsetof(ActionCallbackTable, CommandCallback) == 32);
-static_assert(sizeof(ZepDataEntry) == 16);
-static_assert(sizeof(WpcdClientRegistration) == 64 && offsetof(WpcdClientRegistration, ZepClientAdd) == 8 &&
-              offsetof(WpcdClientRegistration, ZepDumpAddDumpData) == 32 &&
-              offsetof(WpcdClientRegistration, ZepDumpStop) == 40 &&
-              offsetof(WpcdClientRegistration, ZepDumpAddTriageData) == 56);
-static_assert(sizeof(ZEP_SUBSYSTEM_DESCRIPTOR) == 272 && offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, SubsystemName) == 16 &&
-              offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, SubsystemDescription) == 80 &&
-              offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, AppsStateNotificationCallback) == 208 &&
-              offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, DescriptorCallbackC) == 232 &&
-              offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, DataEntries) == 240 &&
-              offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, DataEntryCount) == 248 &&
-              offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, CallbackContext) == 256 &&
-              offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, Reserved1) == 264);
-static_assert(sizeof(ZEP_NOTIFIER_HELPER_INTERFACE) == 120 &&
-              offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperInit) == 32 &&
-              offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperSendCommand) == 56 &&
-              offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperStopDump) == 88 &&
-              offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperAddDumpData) == 96 &&
-              offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperDumpAddTriageData) == 112);
-static_assert(sizeof(ZEP_NOTIFIER_WPCD_INTERFACE) == 64 &&
-              offsetof(ZEP_NOTIFIER_WPCD_INTERFACE, Notifier_WpcdGetAllSubsystemDescriptors) == 56);
-static_assert(IOCTL_ZEPN_NOTIFY_APPS_STATE == 0x01002144u);
 #endif
+
+// ---- The binary contract, checked in C (C11) and C++ (C++14) alike ----
+
+C_ASSERT(sizeof(ZepState) == 32 && offsetof(ZepState, Size) == 0 && offsetof(ZepState, InterfaceGUID) == 8 &&
+         offsetof(ZepState, State) == 24 && offsetof(ZepState, Reserved) == 28);
+C_ASSERT(sizeof(ZepCommand) == 48 && offsetof(ZepCommand, Size) == 0 && offsetof(ZepCommand, CommandArgument) == 8 &&
+         offsetof(ZepCommand, SourceGuid) == 12 && offsetof(ZepCommand, TargetGuid) == 28 &&
+         offsetof(ZepCommand, CommandId) == 44);
+C_ASSERT(sizeof(ZepCommandInfo) == 32 && offsetof(ZepCommandInfo, Size) == 0 &&
+         offsetof(ZepCommandInfo, CommandArgument) == 8 && offsetof(ZepCommandInfo, SourceGuid) == 12 &&
+         offsetof(ZepCommandInfo, SourceState) == 28);
+C_ASSERT(sizeof(ActionCallbackTable) == 48 && offsetof(ActionCallbackTable, ReservedCallback) == 0 &&
+         offsetof(ActionCallbackTable, AppsStateNotificationCallback) == 8 &&
+         offsetof(ActionCallbackTable, DescriptorCallbackA) == 16 &&
+         offsetof(ActionCallbackTable, DescriptorCallbackB) == 24 &&
+         offsetof(ActionCallbackTable, CommandCallback) == 32 &&
+         offsetof(ActionCallbackTable, DescriptorCallbackC) == 40);
+C_ASSERT(sizeof(ZepDataEntry) == 16);
+C_ASSERT(sizeof(ZEP_NOTIFIER_HELPER_INTERFACE) == 120 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, InterfaceHeader) == 0 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperInit) == 32 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperClientDeinit) == 40 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperSendState) == 48 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperSendCommand) == 56 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperRegisterForStateNotification) == 64 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperDeregisterForStateNotification) == 72 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperStartDump) == 80 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperStopDump) == 88 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperAddDumpData) == 96 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperDumpQueryParam) == 104 &&
+         offsetof(ZEP_NOTIFIER_HELPER_INTERFACE, Notifier_HelperDumpAddTriageData) == 112);
+C_ASSERT(sizeof(ZEP_SUBSYSTEM_DESCRIPTOR) == 272 && offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, InterfaceGUID) == 0 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, SubsystemName) == 16 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, SubsystemDescription) == 80 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, AppsStateNotificationCallback) == 208 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, DescriptorCallbackA) == 216 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, DescriptorCallbackB) == 224 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, DescriptorCallbackC) == 232 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, DataEntries) == 240 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, DataEntryCount) == 248 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, Padding) == 249 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, CallbackContext) == 256 &&
+         offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, Reserved1) == 264 && offsetof(ZEP_SUBSYSTEM_DESCRIPTOR, Reserved2) == 268);
+C_ASSERT(sizeof(WpcdClientRegistration) == 64 && offsetof(WpcdClientRegistration, Header) == 0 &&
+         offsetof(WpcdClientRegistration, ZepClientAdd) == 8 &&
+         offsetof(WpcdClientRegistration, ZepClientRemove) == 16 &&
+         offsetof(WpcdClientRegistration, ZepDumpStart) == 24 &&
+         offsetof(WpcdClientRegistration, ZepDumpAddDumpData) == 32 &&
+         offsetof(WpcdClientRegistration, ZepDumpStop) == 40 &&
+         offsetof(WpcdClientRegistration, ZepDumpQueryParam) == 48 &&
+         offsetof(WpcdClientRegistration, ZepDumpAddTriageData) == 56);
+C_ASSERT(sizeof(ZEP_NOTIFIER_WPCD_INTERFACE) == 64 && offsetof(ZEP_NOTIFIER_WPCD_INTERFACE, InterfaceHeader) == 0 &&
+         offsetof(ZEP_NOTIFIER_WPCD_INTERFACE, Notifier_WpcdClientInit) == 32 &&
+         offsetof(ZEP_NOTIFIER_WPCD_INTERFACE, Notifier_WpcdClientDeInit) == 40 &&
+         offsetof(ZEP_NOTIFIER_WPCD_INTERFACE, Notifier_WpcdGetNumSubsystemDescriptors) == 48 &&
+         offsetof(ZEP_NOTIFIER_WPCD_INTERFACE, Notifier_WpcdGetAllSubsystemDescriptors) == 56);
+C_ASSERT(IOCTL_ZEPN_NOTIFY_APPS_STATE == 0x01002144u);
 
 #endif

@@ -21,9 +21,12 @@ PLATFORM_ASSERT(PLATFORM_ALIGNOF(GUID) == 4, "GUID alignment");
 
 // Outside the guard on purpose: including the header again after <initguid.h> turns declarations into definitions.
 #undef DEFINE_GUID
-#ifdef INITGUID
+#if defined(INITGUID) && defined(__cplusplus)
 #define DEFINE_GUID(name, l, w1, w2, b1, b2, b3, b4, b5, b6, b7, b8) \
     EXTERN_C const GUID DECLSPEC_SELECTANY name = {l, w1, w2, {b1, b2, b3, b4, b5, b6, b7, b8}}
+#elif defined(INITGUID)  // in C a definition is not extern
+#define DEFINE_GUID(name, l, w1, w2, b1, b2, b3, b4, b5, b6, b7, b8) \
+    const GUID DECLSPEC_SELECTANY name = {l, w1, w2, {b1, b2, b3, b4, b5, b6, b7, b8}}
 #else
 #define DEFINE_GUID(name, l, w1, w2, b1, b2, b3, b4, b5, b6, b7, b8) EXTERN_C const GUID name
 #endif

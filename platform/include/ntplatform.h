@@ -22,6 +22,7 @@
 #define PLATFORM_ASSERT(condition, text) _Static_assert(condition, text)
 #define PLATFORM_ALIGNOF(type) _Alignof(type)
 #endif
+#define C_ASSERT(condition) PLATFORM_ASSERT(condition, #condition)
 #define PLATFORM_LAYOUT(type, field, offset) \
     PLATFORM_ASSERT(offsetof(type, field) == (offset), #type "." #field " is at its binary offset")
 #define PLATFORM_SIZE(type, bytes) PLATFORM_ASSERT(sizeof(type) == (bytes), #type " has its binary size")

@@ -1,0 +1,106 @@
+// The interface header as its includers compile it: in C and C++, for both images and for Linux. Whoever exchanges two
+// members of a record must not get as far as a running driver.
+#include "tests/docs/text_files.h"
+
+#include <cstdlib>
+
+#include <unistd.h>
+
+namespace tests {
+namespace {
+
+constexpr const char* kHeader = "include/zepn_notifier.h";
+constexpr const char* kLanguages[] = {"-x c -std=c11", "-x c++ -std=c++14", "-x c++ -std=c++20"};
+constexpr const char* kTargets[] = {"--target=x86_64-pc-windows-msvc", "--target=aarch64-pc-windows-msvc",
+                                    "-fshort-wchar -fsigned-char"};
+
+// A folder of its own with one source file that stands where the header does.
+class Source {
+public:
+    Source()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "zepn-header-XXXXXX").string();
+        EXPECT_NE(mkdtemp(name.data()), nullptr);
+        path_ = name;
+    }
+    ~Source() { std::filesystem::remove_all(path_); }
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+
+    // The compiler's messages; empty when there are none.
+    [[nodiscard]] std::string Compile(const std::string& text, const std::string& options) const
+    {
+        std::ofstream(path_ / "source") << text;
+        const std::string command = "clang-19 " + options +
+                                    " -fsyntax-only -Wall -Wextra -Wpedantic -Werror -isystem '" +
+                                    (kRoot / "platform/include").string() + "' -I'" + kRoot.string() + "' '" +
+                                    (path_ / "source").string() + "' > '" + (path_ / "log").string() + "' 2>&1";
+        const bool isGood = std::system(command.c_str()) == 0;
+        const std::string log = TextOf(path_ / "log");
+        EXPECT_EQ(isGood, log.empty()) << log;
+        return log;
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+TEST(Header, CompilesAloneInCAndCppForEveryTarget)
+{
+    const Source source;
+    const std::string include = std::string("#include \"") + kHeader + "\"\n";
+    const std::string use = "const GUID* Table(void);\n"
+                            "const GUID* Table(void) { return &GUID_ZEP_NOTIFIER_HELPER_INTERFACE; }\n";
+    for (const char* language : kLanguages) {
+        for (const char* target : kTargets) {
+            SCOPED_TRACE(std::string(language) + " " + target);
+            const std::string options = std::string(language) + " " + target;
+            EXPECT_EQ(source.Compile(include + use, options), "");
+            EXPECT_EQ(source.Compile("#include <initguid.h>\n" + include + use, options), "");
+        }
+    }
+}
+
+// The header, each time with another two neighbouring members of a record exchanged.
+std::vector<std::string> WithMembersExchanged()
+{
+    std::vector<std::string> lines = LinesOf(TextOf(kRoot / kHeader));
+    std::vector<std::string> headers;
+    std::size_t before = 0;  // the line of the member before; 0: none
+    bool isRecord = false;
+    for (std::size_t at = 0; at < lines.size(); ++at) {
+        if (lines[at].starts_with("typedef struct _") && lines[at].ends_with("{")) {
+            isRecord = true;
+            before = 0;
+        } else if (lines[at].starts_with("}")) {
+            isRecord = false;
+        } else if (isRecord && lines[at].find(';') < lines[at].find("//")) {
+            if (before != 0) {
+                std::swap(lines[before], lines[at]);
+                std::string& header = headers.emplace_back();
+                for (const std::string& line : lines) {
+                    header += line + "\n";
+                }
+                std::swap(lines[before], lines[at]);
+            }
+            before = at;
+        }
+    }
+    return headers;
+}
+
+TEST(Header, IsRefusedByTheCompilerWhenMembersOfARecordAreExchanged)
+{
+    const Source source;
+    const std::vector<std::string> headers = WithMembersExchanged();
+    EXPECT_GT(headers.size(), 40u);
+    for (const char* language : {kLanguages[0], kLanguages[1]}) {
+        for (const std::string& header : headers) {
+            const std::string messages = source.Compile(header, std::string(language) + " " + kTargets[0]);
+            EXPECT_NE(messages.find("static assertion failed"), std::string::npos) << messages;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tests
