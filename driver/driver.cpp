@@ -51,7 +51,8 @@ void NotifierEvtDriverUnload(WDFDRIVER driver)
         }
     }
 
-    // On purpose: unconditional: it pairs with the reference that a successful device add took last.
+    // On purpose: unconditional. It gives back the reference that a successful device add took last. When no device add
+    // has succeeded, it takes the framework's own, which stops the system: bugcheck 0x10D.
     WdfObjectDereferenceActual(driver, nullptr, kDereferenceLine, const_cast<PCHAR>(kReferenceFile));
 
     UnregisterEventProvider();

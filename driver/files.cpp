@@ -1,6 +1,5 @@
-// Handles of the control device: each open file object carries a client-type context that nobody fills or reads.
-//
-// On purpose: the context is only there: it marks a handle as opened through this driver and goes with the file object.
+// Handles of the control device. On purpose: each open file object carries a client-type context that nobody fills or
+// reads; its only role is to be present, and it goes with the file object.
 #include "context/driver_context.h"
 #include "context/operations.h"
 #include "registry/client.h"

@@ -7,8 +7,8 @@
 
 struct ZEP_NOTIFIER_DRIVER_CONTEXT;
 
-// Reference tracking names the power callback's hold on the driver object by these. On purpose fixed, whatever the
-// source looks like: tools outside this project know them.
+// Reference tracking names the power callback's hold on the driver object by these. On purpose: fixed, whatever the
+// source looks like.
 inline constexpr char kReferenceFile[] = "driver";
 inline constexpr LONG kReferenceLine = 769;
 inline constexpr LONG kDereferenceLine = 1092;

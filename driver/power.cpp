@@ -53,7 +53,7 @@ NTSTATUS RegisterPowerStateCallback(WDFDRIVER driver, ZEP_NOTIFIER_DRIVER_CONTEX
     context.PowerStateCallbackRegistration =
         ExRegisterCallback(context.PowerStateCallbackObject, EvtPowerStateCallback, &context);
     if (context.PowerStateCallbackRegistration == nullptr) {
-        // On purpose: without a report: the only cause is lack of memory, and device add fails visibly.
+        // On purpose: without a report.
         ObDereferenceObject(context.PowerStateCallbackObject);
         context.PowerStateCallbackObject = nullptr;
         return STATUS_UNSUCCESSFUL;

@@ -15,8 +15,9 @@ static void FreeEntries(const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
     }
 }
 
-// A client waits for its announcement as often as it posted before the announcing run. The queue's references would
-// keep the departed client's object alive, and the run would announce it with entries that are freed.
+// On purpose: a client that leaves is taken off the announcement queue, where it stands as often as it posted before
+// the announcing run. The queue's references would keep its object alive, and the run would announce a client that has
+// gone, with entries that are freed.
 static void LeaveAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
 {
     for (ULONG index = WdfCollectionGetCount(context.wdfCollectionWpcdClientAddQueue); index > 0; --index) {

@@ -47,7 +47,7 @@ inline constexpr Row kDeliveryRows[] = {
     CallFailed(Site::kNotifyStatesFollowUpObject, "NotifierEvtWorkItemNotifyStates",
                "WdfObjectCreate for state notification", 152),
     ContextMissing(Site::kNotifyStatesFollowUpContext, "NotifierEvtWorkItemNotifyStates", "State context", 153),
-    // On purpose: the comma at the end is part of the text; it tells this lock apart from the one of the drain loop.
+    // On purpose: the comma at the end is part of the description.
     CallFailed(Site::kNotifyStatesFollowUpLock, "NotifierEvtWorkItemNotifyStates",
                "WdfWaitLockAcquire for wdfWaitLockStatesCollection,", 154),
     CallFailed(Site::kNotifyStatesFollowUpAdd, "NotifierEvtWorkItemNotifyStates",

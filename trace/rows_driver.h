@@ -1,5 +1,5 @@
 // Reporting sites of the driver frame: entry, unload, device, power and file callbacks.
-// Messages 10 to 62 and 259 are fixed numbers; tools outside this project know them. 28 to 30 and 43 to 48 stay free.
+// On purpose: the numbers of messages 10 to 62 and 259 are fixed; 28 to 30 and 43 to 48 stay free.
 #pragma once
 
 #include "trace/catalogue.h"
@@ -57,7 +57,7 @@ inline constexpr Row kDriverRows[] = {
      {.number = 16, .level = kLevelInformation, .bare = true, .text = "device created"}},
     CallFailed(Site::kDeviceAddSymbolicLink, "NotifierEvtDeviceAdd", "WdfDeviceCreateSymbolicLink", 17),
     CallFailed(Site::kDeviceAddQueue, "NotifierEvtDeviceAdd", "WdfIoQueueCreate", 18),
-    // On purpose: the doubled "for" is how these texts have always read; tools search for them.
+    // On purpose: the doubled "for". All descriptions are fixed.
     CallFailed(Site::kDeviceAddClientAddQueue, "NotifierEvtDeviceAdd",
                "WdfCollectionObjectCreate for for wdfCollectionWpcdClientAddQueue", 19),
     CallFailed(Site::kDeviceAddClientRemoveQueue, "NotifierEvtDeviceAdd",

@@ -50,7 +50,7 @@ inline constexpr Row kDumpRows[] = {
     QueueEmpty(Site::kWithdrawEmpty, "NotifierEvtWorkItemWpcdClientRemove", 233),
     ContextMissing(Site::kWithdrawWpcdContext, "NotifierEvtWorkItemWpcdClientRemove", "WPCD client context", 234),
     ContextMissing(Site::kWithdrawClient, "NotifierEvtWorkItemWpcdClientRemove", "Client context", 235),
-    // On purpose: under the add work item's name; both crash-dump calls are catalogued together.
+    // On purpose: under the add work item's name.
     CrashDumpCallFailed(Site::kWithdrawRefused, "NotifierEvtWorkItemWpcdClientAdd",
                         "Remove client call to WPCD failed!", 236, kLevelError),
 
