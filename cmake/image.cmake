@@ -14,6 +14,7 @@ set(arm64_TRIPLE aarch64-pc-windows-msvc)
 set(arm64_DLLTOOL arm64)
 set(x64_TRIPLE x86_64-pc-windows-msvc)
 set(x64_DLLTOOL i386:x86-64)
+set(x64_LINK_OPTIONS /cetcompat)  # kernel-mode shadow stacks are x64's alone
 
 # What a machine's images lie in and are linked with.
 foreach(machine ${ZEPN_MACHINES})
@@ -70,7 +71,7 @@ function(zepn_add_image_for machine name)
         -fasynchronous-unwind-tables  # the kernel unwinds by them
         -g -gcodeview -gno-codeview-command-line
         -ffile-compilation-dir=. -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
-        -Xclang -cfguard
+        -Xclang -cfguard -fstack-protector-strong
         ${ZEPN_DRIVER_WARNINGS})
 
     # Relative to the machine's folder, where the link runs.
@@ -81,7 +82,8 @@ function(zepn_add_image_for machine name)
     set(out ${CMAKE_SOURCE_DIR}/out/${machine})
     add_custom_command(OUTPUT ${product}.sys ${product}.pdb ${product}.map
         COMMAND lld-link-19 /nologo /driver /driver:wdm /subsystem:native,10.0 /machine:${machine}
-                /entry:FxDriverEntry /nodefaultlib /opt:ref /opt:noicf /guard:cf /release /Brepro
+                /entry:FxDriverEntry /nodefaultlib /opt:ref /opt:noicf /guard:cf ${${machine}_LINK_OPTIONS}
+                /section:.rsrc,RD /release /Brepro
                 /debug /pdb:${name}.pdb /pdbaltpath:%_PDB% /pdbsourcepath:C:\\src /lldmap:${name}.map /out:${name}.sys
                 ${object_names} ${resources} ntoskrnl.lib wdfldr.lib
         DEPENDS ${objects} $<TARGET_OBJECTS:${objects}> import_libraries_${machine}

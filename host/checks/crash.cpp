@@ -4,6 +4,7 @@
 // to an end.
 #include "host/checks/crash.h"
 
+#include "host/checks/fast_fail.h"
 #include "host/checks/watchdog.h"
 #include "host/environment.h"
 
@@ -108,6 +109,7 @@ void SetAlarm()
 
 void OnFault(int signal, siginfo_t* information, void* context)
 {
+    ReportFastFail(ProgramCounter(context), context);
     SetAlarm();
     if (TellsAlready()) {
         std::fprintf(stderr, "another fault while telling of the first\n");

@@ -1,9 +1,40 @@
-// Control flow guard: the pointers that guarded indirect calls go through, and the record by which the system's loader
-// finds them. Until the loader puts its own checks there, both lead to routines that do nothing and disturb no
-// argument.
+// What the compiler's protections need of an image, and the record by which the system's loader finds it: the pointers
+// that guarded indirect calls go through, and the stack protector's cookie. Until the loader puts its own checks there,
+// the pointers lead to routines that do nothing and disturb no argument.
 #include <ntplatform.h>
 
 EXTERN_C_START
+
+// ---- Stack protector ----
+
+// This value tells the system's loader that nobody has chosen one yet: it puts a random one here before the image's
+// entry runs.
+constexpr ULONG_PTR kDefaultCookie = 0x00002B992DDFA232;
+extern ULONG_PTR __security_cookie;
+ULONG_PTR __security_cookie = kDefaultCookie;
+
+// Called at the end of each protected function with the cookie that it kept in its frame. When that has changed nothing
+// on the stack can be trusted: fast fail 2, which stops the system with bugcheck 0x139.
+__attribute__((naked)) void __security_check_cookie(ULONG_PTR)
+{
+#if defined(__x86_64__)
+    __asm__("cmpq __security_cookie(%rip), %rcx\n"
+            "jne 0f\n"
+            "ret\n"
+            "0: movl $2, %ecx\n"
+            "int $0x29");
+#else
+    __asm__("adrp x16, __security_cookie\n"
+            "ldr x16, [x16, :lo12:__security_cookie]\n"
+            "cmp x0, x16\n"
+            "b.ne 0f\n"
+            "ret\n"
+            "0: mov w0, #2\n"
+            "brk #0xF003");
+#endif
+}
+
+// ---- Control flow guard ----
 
 // Linker-defined: their addresses are the values.
 extern char __guard_fids_table[];
@@ -35,6 +66,8 @@ extern void (*const __guard_check_icall_fptr)();
 extern void (*const __guard_dispatch_icall_fptr)();
 __attribute__((section(".00cfg"))) void (*const __guard_check_icall_fptr)() = GuardCheckNothing;
 __attribute__((section(".00cfg"))) void (*const __guard_dispatch_icall_fptr)() = GuardDispatch;
+
+// ---- The record ----
 
 struct LoadConfiguration {
     ULONG Size;
@@ -68,7 +101,7 @@ extern const struct LoadConfiguration _load_config_used;
 const struct LoadConfiguration _load_config_used = {
     .Size = sizeof(struct LoadConfiguration),
     .Unused1 = {},
-    .SecurityCookie = nullptr,
+    .SecurityCookie = &__security_cookie,
     .Unused2 = {},
     .GuardCheckFunctionPointer = &__guard_check_icall_fptr,
     .GuardDispatchFunctionPointer = &__guard_dispatch_icall_fptr,

@@ -35,6 +35,7 @@ enum class Scenario : ULONG {
     kTraceHandleTwice,
     kNotProvided,
     kBugCheck,
+    kFastFail,
     kKernelReference,
     kLockKept,  // by a work item's run, which is queued
     // What these leave behind shows at unload.

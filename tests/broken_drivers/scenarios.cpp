@@ -263,6 +263,17 @@ void BugCheck()
     KeBugCheckEx(0xE2, 1, 2, 3, 4);
 }
 
+void FastFail()
+{
+    constexpr ULONG kFatalExit = 7;
+#if defined(__x86_64__)
+    asm volatile("int $0x29" ::"c"(kFatalExit));
+#else
+    register ULONG code asm("w0") = kFatalExit;
+    asm volatile("brk #0xF003" ::"r"(code));
+#endif
+}
+
 void KernelReference()
 {
     PCALLBACK_OBJECT const object = OpenPowerState();
@@ -355,14 +366,14 @@ void RacyDelete()
 void NTAPI RunScenario(Scenario scenario)
 {
     static void (*const kScenarios[])() = {
-        NullHandle,         WrongType,        DeadHandle,          ForeignHandle,      RequiredParameter,
-        BadParameter,       DeleteNotAllowed, ReferenceUnderflow,  StolenReference,    CollectionIndex,
-        CollectionStranger, LockNotOwned,     StrangersRelease,    OrderInversion,     AboveItsLevel,
-        SelfWait,           Deadlock,         WorkItemGone,        PoolWrongTag,       PoolDoubleFree,
-        PoolOverrun,        TraceHandle,      TraceHandleTwice,    NotProvided,        BugCheck,
-        KernelReference,    LockKept,         LeavesPool,          LeavesRegistration, LeavesReference,
-        LeavesTracing,      TouchesHandle,    TouchesFreedContext, TouchesBehindPool,  Trap,
-        TraceNull,          CallbackStranger, RacyPrepare,         RacyDelete,
+        NullHandle,         WrongType,        DeadHandle,         ForeignHandle,       RequiredParameter,
+        BadParameter,       DeleteNotAllowed, ReferenceUnderflow, StolenReference,     CollectionIndex,
+        CollectionStranger, LockNotOwned,     StrangersRelease,   OrderInversion,      AboveItsLevel,
+        SelfWait,           Deadlock,         WorkItemGone,       PoolWrongTag,        PoolDoubleFree,
+        PoolOverrun,        TraceHandle,      TraceHandleTwice,   NotProvided,         BugCheck,
+        FastFail,           KernelReference,  LockKept,           LeavesPool,          LeavesRegistration,
+        LeavesReference,    LeavesTracing,    TouchesHandle,      TouchesFreedContext, TouchesBehindPool,
+        Trap,               TraceNull,        CallbackStranger,   RacyPrepare,         RacyDelete,
     };
     static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kRacyDelete) + 1);
     kScenarios[static_cast<ULONG>(scenario)]();

@@ -74,6 +74,15 @@ struct Places {
     // Offset of the contents of a directory.
     [[nodiscard]] std::uint64_t Table(unsigned index) const { return AtAddress(image.directory(index).address); }
     [[nodiscard]] std::uint64_t AtAddress(std::uint64_t address) const { return image.OffsetOf(address, 1); }
+    // Offset of the debug directory's entry of a type.
+    [[nodiscard]] std::uint64_t DebugEntry(std::uint32_t type) const
+    {
+        std::uint64_t entry = Table(6);
+        while (image.At<std::uint32_t>(entry + 12) != type) {
+            entry += 28;
+        }
+        return entry;
+    }
     [[nodiscard]] std::uint64_t Followed(std::uint64_t offset) const
     {
         return AtAddress(image.At<std::uint32_t>(offset));

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <regex>
 #include <set>
 
 namespace tests {
@@ -76,8 +77,10 @@ std::vector<Damage> SectionDamage()
         {"run-time library", put(kData, 0, {'.', 'C', 'R', 'T', 0}), {"sections"}, ".CRT needs"},
         {"behind the file", put(kText, 16, {0, 0, 0, 0x10}), {"sections"}, ".text goes beyond the end"},
         {"size", put(kRelocationData, 8, {0, 0x40, 0, 0}), {"sections"}, "the sections end at"},
-        // The relocated slots of that section are missing then, too.
-        {"no contents", put(kData, 16, {0, 0, 0, 0}), {"sections", "relocations"}, "claims contents"},
+        {"relocations kept", put(kRelocationData, 39, {0x40}), {"sections"}, ".reloc stays in memory"},
+        // The relocated slots and the cookie of that section are missing then, too.
+        {"no contents", put(kData, 16, {0, 0, 0, 0}), {"sections", "relocations", "stack protector"},
+         "claims contents"},
         {"bytes behind the sections", [](Bytes& bytes, const Places&) { bytes.resize(bytes.size() + 8); },
          {"sections"}, "its parts end at"},
     };
@@ -160,7 +163,7 @@ std::vector<Damage> GuardAndDebugDamage()
     return {
         {"no load configuration",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(10), {0, 0, 0, 0}); },
-         {"guard"}, "no load configuration"},
+         {"guard", "stack protector"}, "no load configuration"},
         {"short load configuration",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10), {0x70, 0, 0, 0}); },
          {"guard"}, "says 112 bytes"},
@@ -169,9 +172,11 @@ std::vector<Damage> GuardAndDebugDamage()
          {"guard"}, "instrumented is not set"},
         {"writable check pointer",
          [](Bytes& bytes, const Places& places) {
-             Put(bytes, places.Table(10) + 112, {0, 0, 1});  // the beginning of the data section
+             // The beginning of the data section.
+             std::memcpy(&bytes.at(places.Table(10) + 112), &bytes.at(places.SectionHeader(kData) + 12), 4);
+             bytes.at(places.Table(10) + 112 + 3) = 0x40;
          },
-         {"guard"}, "check pointer at 0x140010000 is not in read-only data"},
+         {"guard"}, "is not in read-only data"},
         {"dispatch to data",
          [](Bytes& bytes, const Places& places) {
              Put(bytes, places.FollowedPointer(places.Table(10) + 120), {0, 0, 1});
@@ -182,7 +187,7 @@ std::vector<Damage> GuardAndDebugDamage()
          {"guard"}, "no function may be called"},
         {"endless guarded functions",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 136, {0xFF, 0xFF, 0xFF, 0xFF}); },
-         {"guard"}, "beyond section"},
+         {"guard"}, "section"},
         {"guarded data",
          [](Bytes& bytes, const Places& places) {
              Put(bytes, places.FollowedPointer(places.Table(10) + 128), {0, 0, 0, 0});
@@ -194,6 +199,22 @@ std::vector<Damage> GuardAndDebugDamage()
              std::swap_ranges(&bytes.at(first), &bytes.at(first + 4), &bytes.at(first + 4));
          },
          {"guard"}, "is not sorted"},
+        {"no cookie",
+         [](Bytes& bytes, const Places& places) {
+             Put(bytes, places.Table(10) + 88, {0, 0, 0, 0, 0, 0, 0, 0});
+         },
+         {"relocations", "stack protector"}, "names no cookie"},  // the field is a relocated slot
+        {"cookie in read-only data",
+         [](Bytes& bytes, const Places& places) {
+             std::memcpy(&bytes.at(places.Table(10) + 88), &bytes.at(places.Table(10) + 112), 8);
+         },
+         {"stack protector"}, "no aligned word of writable data"},
+        {"cookie between words",
+         [](Bytes& bytes, const Places& places) { bytes.at(places.Table(10) + 88) += 4; },
+         {"stack protector"}, "no aligned word of writable data"},
+        {"cookie of its own",
+         [](Bytes& bytes, const Places& places) { bytes.at(places.FollowedPointer(places.Table(10) + 88)) ^= 1; },
+         {"stack protector"}, "so the loader puts no random value in its place", "arm64"},
         {"PDB with a folder",
          [](Bytes& bytes, const Places& places) {
              Put(bytes, places.image.At<std::uint32_t>(places.Table(6) + 24) + 24, {'C', ':', '\\'});
@@ -208,8 +229,13 @@ std::vector<Damage> GuardAndDebugDamage()
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(6) + 4, {0, 0, 0, 0}); },
          {"debug records"}, "not exactly one PDB"},
         {"not reproducible",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(6) + 28 + 12, {13}); },
+         [](Bytes& bytes, const Places& places) { bytes.at(places.DebugEntry(16) + 12) = 13; },
          {"debug records"}, "not the contents'"},
+        {"no shadow stacks",
+         [](Bytes& bytes, const Places& places) {
+             bytes.at(places.image.At<std::uint32_t>(places.DebugEntry(20) + 24)) = 0;
+         },
+         {"debug records"}, "shadow stacks (CET) are not declared"},
     };
 }
 
@@ -331,6 +357,16 @@ TEST_P(ImageCheck, FindsCodeThatCannotBeUnwoundAndForbiddenRegisters)
     }
 }
 
+TEST_P(ImageCheck, FindsCodeWhoseFramesAreNotChecked)
+{
+    std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    const bool isArm = good.headers().machine == image_check::kMachineArm64;
+    const std::regex fastFail(isArm ? R"(brk\t#0xf003)" : R"(int\t\$0x29)");
+    ASSERT_TRUE(std::regex_search(disassembly, fastFail));
+    disassembly = std::regex_replace(disassembly, fastFail, "nop");
+    EXPECT_EQ(ChecksOf(image_check::CheckCode(good, disassembly)), std::set<std::string>{"stack protector"});
+}
+
 TEST_P(ImageCheck, SaysSoWhenCodeCannotBeHeldAgainstTheFunctionTable)
 {
     Bytes bytes = good.bytes();
@@ -343,7 +379,8 @@ TEST_P(ImageCheck, DoesNotTakeABrokenOffDisassemblyForCleanCode)
 {
     const std::string whole = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
     for (const std::string& part : {std::string(), whole.substr(0, whole.size() / 2)}) {
-        EXPECT_EQ(ChecksOf(image_check::CheckCode(good, part)), std::set<std::string>{"disassembly"});
+        EXPECT_EQ(ChecksOf(image_check::CheckCode(good, part)),
+                  (std::set<std::string>{"disassembly", "stack protector"}));
     }
     EXPECT_THROW((void)image_check::Disassemble("llvm-objdump-19", "/nonexistent"), std::runtime_error);
     EXPECT_THROW((void)image_check::Disassemble("no-such-disassembler", PathOf(GetParam())), std::runtime_error);

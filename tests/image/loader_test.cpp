@@ -134,6 +134,26 @@ TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
     EXPECT_NE(Refusal(changed, false).find("checksum"), std::string::npos);
 }
 
+// As the system's loader: only the default value asks for another one, so that each load has a cookie of its own.
+TEST_F(Loader, ReplacesTheDefaultCookie)
+{
+    constexpr std::uint64_t kDefaultCookie = 0x00002B992DDFA232;
+    const auto field = good.At<std::uint64_t>(good.Offset(good.Directory(10)) + 88);
+    const auto cookieAddress = static_cast<std::uint32_t>(field - good.Optional<std::uint64_t>(24));
+    ASSERT_EQ(good.At<std::uint64_t>(good.Offset(cookieAddress)), kDefaultCookie);
+    host::Environment environment({});
+    RegisterExports();
+    std::set<std::uint64_t> cookies = {0, kDefaultCookie};
+    std::vector<std::unique_ptr<host::image::LoadedImage>> images;
+    for (unsigned count = 0; count < 3; ++count) {
+        images.push_back(host::image::LoadedImage::Load(environment, PathOf(kOwnMachine)));
+        std::uint64_t cookie = 0;
+        memcpy(&cookie, static_cast<const char*>(images.back()->base()) + cookieAddress, sizeof(cookie));
+        EXPECT_TRUE(cookies.insert(cookie).second) << cookie;
+        EXPECT_EQ(cookie >> 48, 0u) << "the system's cookies leave the upper 16 bits clear";
+    }
+}
+
 TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)
 {
     host::Environment environment({});

@@ -87,6 +87,44 @@ void CheckRegisters(const PeReader& image, std::span<const Instruction> instruct
     }
 }
 
+std::uint64_t BranchTarget(std::string_view instruction, const std::regex& call)
+{
+    std::cmatch match;
+    if (!std::regex_search(instruction.data(), instruction.data() + instruction.size(), match, call)) {
+        return 0;
+    }
+    std::uint64_t target = 0;
+    std::from_chars(match[1].first, match[1].second, target, 16);
+    return target;
+}
+
+// The check of a frame's cookie ends in a fast fail; functions with a frame worth protecting call it.
+void CheckStackProtector(const PeReader& image, std::span<const Instruction> instructions,
+                         std::vector<Finding>& findings)
+{
+    constexpr std::uint64_t kCheckBytesMaximum = 32;
+    static const std::regex kFastFail(R"(^\s*(int\s+\$0x29|brk\s+#0xf003)\b)");
+    static const std::regex kCall(R"(^\s*(?:callq?|bl)\s+0x([0-9a-f]+))");
+    std::vector<std::uint64_t> fastFails;
+    for (const Instruction& instruction : instructions) {
+        if (std::regex_search(instruction.text.begin(), instruction.text.end(), kFastFail)) {
+            fastFails.push_back(instruction.address);
+        }
+    }
+    const auto isCheck = [&](std::uint64_t address) {
+        return std::ranges::any_of(fastFails, [&](std::uint64_t fastFail) {
+            return address < fastFail && fastFail - address < kCheckBytesMaximum;
+        });
+    };
+    const bool isCalled = std::ranges::any_of(instructions, [&](const Instruction& instruction) {
+        const std::uint64_t target = BranchTarget(instruction.text, kCall);
+        return target != 0 && isCheck(target - image.headers().preferredBase);
+    });
+    if (!isCalled) {
+        findings.push_back({"stack protector", "no function checks its frame"});
+    }
+}
+
 }  // namespace
 
 std::vector<Finding> CheckCode(const PeReader& image, std::string_view disassembly)
@@ -95,6 +133,7 @@ std::vector<Finding> CheckCode(const PeReader& image, std::string_view disassemb
     const std::vector<Instruction> instructions = Parse(image, disassembly);
     CheckCompleteness(image, instructions, findings);
     CheckRegisters(image, instructions, findings);
+    CheckStackProtector(image, instructions, findings);
     try {
         CheckCoverage(image, instructions, findings);
     } catch (const FormatError& error) {

@@ -11,6 +11,7 @@ namespace {
 constexpr std::uint16_t kMagicPe32Plus = 0x20B;
 constexpr std::uint32_t kTextMaximum = 256;
 constexpr std::uint32_t kDebugTypeCodeView = 2;
+constexpr std::uint32_t kDebugTypeExtendedCharacteristics = 20;
 constexpr std::uint32_t kCodeViewSignature = 0x53445352;  // "RSDS"
 
 }  // namespace
@@ -240,6 +241,8 @@ std::vector<DebugEntry> PeReader::DebugEntries() const
                 throw FormatError("the CodeView record at offset " + Hex(record) + " names no PDB");
             }
             debug.pdbName = TextWithin(record + kNameOffset, size - kNameOffset);
+        } else if (debug.type == kDebugTypeExtendedCharacteristics) {
+            debug.extendedDllCharacteristics = At<std::uint32_t>(AtAddress<std::uint32_t>(entry + 24));
         }
     }
     return entries;
@@ -268,6 +271,17 @@ std::optional<LoadConfiguration> PeReader::GuardConfiguration() const
         configuration.guardedFunctions.push_back(AtAddress<std::uint32_t>(table + entrySize * index));
     }
     return configuration;
+}
+
+std::uint64_t PeReader::CookieAddress() const
+{
+    constexpr unsigned kCookie = 88;
+    const std::uint64_t record = directory(kLoadConfiguration).address;
+    if (record == 0 || AtAddress<std::uint32_t>(record) < kCookie + sizeof(std::uint64_t)) {
+        return 0;
+    }
+    const auto cookie = AtAddress<std::uint64_t>(record + kCookie);
+    return cookie == 0 ? 0 : cookie - headers_.preferredBase;
 }
 
 }  // namespace image_check

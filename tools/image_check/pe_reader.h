@@ -95,7 +95,8 @@ struct FunctionRange {
 
 struct DebugEntry {
     std::uint32_t type;
-    std::string pdbName;  // CodeView entries only
+    std::string pdbName;                           // CodeView entries only
+    std::uint32_t extendedDllCharacteristics = 0;  // entries of that type only
 };
 
 struct LoadConfiguration {
@@ -147,6 +148,8 @@ public:
     // In the order of the tree; the places of their data are as the tree says, not checked.
     [[nodiscard]] std::vector<Resource> Resources() const;
     [[nodiscard]] std::optional<LoadConfiguration> GuardConfiguration() const;
+    // Where the load configuration says that the stack protector's cookie lies; 0 when it names none.
+    [[nodiscard]] std::uint64_t CookieAddress() const;
 
     template <class T>
     [[nodiscard]] T At(std::uint64_t offset) const

@@ -90,6 +90,9 @@ void CheckSections(const PeReader& image, Report& report)
         if (section.name.starts_with("PAGE")) {
             add("is pageable, and its routines run where paging is not possible");
         }
+        if (section.name == ".reloc" && !section.IsDiscardable()) {
+            add("stays in memory");
+        }
         if (section.name == ".CRT" || section.name == ".tls") {
             add("needs a run-time library that a driver has not");
         }
@@ -263,14 +266,37 @@ void CheckGuard(const PeReader& image, Report& report)
     }
 }
 
+// The system's loader replaces the default value only, and only where the load configuration names it.
+void CheckCookie(const PeReader& image, Report& report)
+{
+    constexpr std::uint64_t kDefaultCookie = 0x00002B992DDFA232;
+    const std::uint64_t address = image.CookieAddress();
+    if (address == 0) {
+        report.Add("the load configuration names no cookie");
+        return;
+    }
+    const Section* section = image.SectionOf(address);
+    if (section == nullptr || !section->IsWritable() || address % sizeof(std::uint64_t) != 0) {
+        report.Add(Join("the cookie at ", Hex(address), " is no aligned word of writable data"));
+        return;
+    }
+    const auto value = image.AtAddress<std::uint64_t>(address);
+    if (value != kDefaultCookie) {
+        report.Add(Join("the cookie is ", Hex(value), ", so the loader puts no random value in its place"));
+    }
+}
+
 void CheckDebugRecords(const PeReader& image, Report& report)
 {
     constexpr std::uint32_t kCodeView = 2;
     constexpr std::uint32_t kReproducible = 16;
+    constexpr std::uint32_t kShadowStacks = 0x1;
     unsigned pdbCount = 0;
     bool isReproducible = false;
+    bool hasShadowStacks = false;
     for (const DebugEntry& entry : image.DebugEntries()) {
         isReproducible = isReproducible || entry.type == kReproducible;
+        hasShadowStacks = hasShadowStacks || (entry.extendedDllCharacteristics & kShadowStacks) != 0;
         if (entry.type == kCodeView) {
             ++pdbCount;
             report.Require(!entry.pdbName.empty() && entry.pdbName.find_first_of("/\\:") == std::string::npos,
@@ -279,6 +305,7 @@ void CheckDebugRecords(const PeReader& image, Report& report)
     }
     report.Require(pdbCount == 1, "not exactly one PDB is named");
     report.Require(isReproducible, "the time stamp is the build's, not the contents'");
+    report.Require(hasShadowStacks || image.headers().machine != kMachineX64, "shadow stacks (CET) are not declared");
 }
 
 struct Check {
@@ -297,6 +324,7 @@ constexpr Check kChecks[] = {
     {"relocations", CheckRelocations},
     {"function table", CheckFunctionTable},
     {"guard", CheckGuard},
+    {"stack protector", CheckCookie},
     {"debug records", CheckDebugRecords},
 };
 

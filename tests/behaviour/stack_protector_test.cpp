@@ -1,0 +1,59 @@
+// A frame that was overwritten stops the system before the function returns through it. The images' protection; the
+// native driver has its compiler's own.
+#include "tests/support/world.h"
+
+namespace tests {
+namespace {
+
+class StackProtector : public OnContainer {};
+
+std::vector<Container> Images()
+{
+    std::vector<Container> images = Containers();
+    std::erase_if(images, [](const Container& container) { return std::string("native") == container.name; });
+    return images;
+}
+
+INSTANTIATE_TEST_SUITE_P(On, StackProtector, testing::ValuesIn(Images()), ContainerName);
+
+// The cookie of a loaded image, by its load configuration.
+ULONG_PTR* CookieOf(const host::Driver& driver)
+{
+    const auto* base = static_cast<const char*>(driver.ImageBase());
+    const auto read = [&]<class T>(std::uint64_t address, T) {
+        T value;
+        memcpy(&value, base + address, sizeof(value));
+        return value;
+    };
+    const std::uint64_t optionalHeader = read(60, ULONG{}) + 24;
+    const ULONG loadConfiguration = read(optionalHeader + 112 + 8 * 10, ULONG{});
+    return reinterpret_cast<ULONG_PTR*>(read(loadConfiguration + 88, ULONG_PTR{}));
+}
+
+TEST_P(StackProtector, StopsAFunctionWhoseFrameWasOverwritten)
+{
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    GTEST_SKIP() << "the sanitizer itself ends the process";
+#endif
+#endif
+    World world(GetParam());
+    Peer subscriber(1);
+    Peer target(2);
+    ASSERT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+    ASSERT_EQ(world.Register(target), STATUS_SUCCESS);
+    // To the function that calls back, another cookie is the same as another frame.
+    subscriber.onState = [&](const ZepState&, ULONG&) { *CookieOf(*world.driver) ^= 1; };
+    const host::Outcome outcome =
+        world.machine.OnThread("subscriber", [&] { (void)world.Subscribe(subscriber, target, ZEP_STATE_ANY); });
+    EXPECT_TRUE(outcome.parked);
+    const auto violations = world.machine.violations().Take(host::checks::Rule::kBugCheck);
+    ASSERT_EQ(violations.size(), 1u);
+    EXPECT_EQ(violations[0].message, "bugcheck 0x139 (0x2): the end of a stack frame was overwritten");
+    EXPECT_TRUE(violations[0].caller.starts_with("zepn.sys!Notifier_HelperRegisterForStateNotification+"))
+        << violations[0].caller;
+    world.Abandon();
+}
+
+}  // namespace
+}  // namespace tests
