@@ -4,9 +4,12 @@
 # -DZEPN_UNITE=OFF compiles each source by itself, which tools that look at single sources want.
 option(ZEPN_UNITE "Compile several sources as one translation unit" ON)
 
-# ccache, where it is installed: a second checkout, or a change taken back, compiles nothing anew.
+# ccache, where it is installed: a second checkout, or a change taken back, compiles nothing anew. What ships is always
+# compiled: it takes seconds, and no setting of a cache may reach it.
 find_program(ZEPN_CCACHE ccache)
-if(ZEPN_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+if(ZEPN_IMAGES)
+    set(CMAKE_CXX_COMPILER_LAUNCHER "")
+elseif(ZEPN_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER
         ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${ZEPN_CCACHE})
 endif()
