@@ -1,0 +1,149 @@
+// The watchdog: which processes it ends, and which it leaves alone. Each case runs in a process of its own, whose exit
+// says what became of it. Where nothing may end the process, several limits pass first; where something must, the
+// process ends by itself, with another status, only after a time that no machine is slow enough to need.
+#include "host/checks/crash.h"
+#include "host/checks/watchdog.h"
+#include "tests/support/death.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <functional>
+#include <thread>
+
+namespace tests {
+namespace {
+
+using host::checks::LastWords;
+using host::checks::Watchdog;
+using std::chrono::milliseconds;
+
+// What looking costs is a fraction of the limit that counts as waiting; under emulation it costs more.
+#if defined(ZEPN_EMULATED)
+constexpr milliseconds kLimit{800};
+#else
+constexpr milliseconds kLimit{200};
+#endif
+constexpr milliseconds kSeveralLimits = 3 * kLimit;
+constexpr milliseconds kStep = kLimit / 10;
+constexpr std::chrono::minutes kWithoutEnd{10};
+
+std::chrono::nanoseconds ProcessorTime()
+{
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+// Uses the processor for so long, and does something now and then.
+void Work(milliseconds duration, const std::function<void()>& nowAndThen)
+{
+    const auto begin = ProcessorTime();
+    for (auto next = begin; ProcessorTime() - begin < duration;) {
+        if (ProcessorTime() >= next) {
+            nowAndThen();
+            next += kStep;
+        }
+    }
+}
+
+void Wait(milliseconds duration, const std::function<void()>& nowAndThen)
+{
+    for (milliseconds waited{0}; waited < duration; waited += kStep) {
+        nowAndThen();
+        std::this_thread::sleep_for(kStep);
+    }
+}
+
+void DoNothing() {}
+
+void WaitForAChildThatWorks()
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        Wait(kSeveralLimits, DoNothing);
+        _exit(0);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || status != 0) {
+        _exit(1);
+    }
+}
+
+// Work that ends, under a watchdog; then the process does.
+[[noreturn]] void EndAfter(const std::function<void()>& work)
+{
+    {
+        const Watchdog watchdog(kLimit);
+        const LastWords words([] { return "the seventh sequence"; });
+        work();
+    }
+    _exit(0);
+}
+
+class Watchdogs : public testing::Test {
+protected:
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, kDeathTestStyle); }
+};
+
+TEST_F(Watchdogs, EndAProcessThatWorksWithoutProgressAndSayWhatItWasDoing)
+{
+    EXPECT_EXIT(EndAfter([] { Work(kWithoutEnd, DoNothing); }), testing::KilledBySignal(SIGALRM),
+                "no progress: it uses the processor for 0[.][28] s\nthe seventh sequence\n");
+}
+
+TEST_F(Watchdogs, EndAProcessThatWaitsForWhatNeverComesAndSayWhatItWasDoing)
+{
+    EXPECT_EXIT(EndAfter([] { Wait(kWithoutEnd, DoNothing); }), testing::KilledBySignal(SIGALRM),
+                "no progress: it waits for 0[.][28] s\nthe seventh sequence\n");
+}
+
+TEST_F(Watchdogs, EndAProcessWhoseProgressStops)
+{
+    EXPECT_EXIT(EndAfter([] {
+                    Work(kSeveralLimits, &Watchdog::Progress);
+                    Work(kWithoutEnd, DoNothing);
+                }),
+                testing::KilledBySignal(SIGALRM), "it uses the processor");
+    // A child that is gone is none to wait for.
+    EXPECT_EXIT(EndAfter([] {
+                    WaitForAChildThatWorks();
+                    Wait(kWithoutEnd, DoNothing);
+                }),
+                testing::KilledBySignal(SIGALRM), "it waits");
+}
+
+TEST_F(Watchdogs, LeaveAProcessThatMakesProgress)
+{
+    EXPECT_EXIT(EndAfter([] { Work(kSeveralLimits, &Watchdog::Progress); }), testing::ExitedWithCode(0), "^$");
+    EXPECT_EXIT(EndAfter([] { Wait(kSeveralLimits, &Watchdog::Progress); }), testing::ExitedWithCode(0), "^$");
+    EXPECT_EXIT(EndAfter([] { Work(kSeveralLimits, [] { const LastWords more([] { return ""; }); }); }),
+                testing::ExitedWithCode(0), "^$");
+}
+
+// However long that takes: the child has a watchdog of its own, or ends by itself.
+TEST_F(Watchdogs, LeaveAProcessThatWaitsForItsChild)
+{
+    EXPECT_EXIT(EndAfter(WaitForAChildThatWorks), testing::ExitedWithCode(0), "^$");
+}
+
+TEST_F(Watchdogs, LeaveAProcessInWhichTheyAreNoMore)
+{
+    EXPECT_EXIT(
+        {
+            {
+                const Watchdog watchdog(kLimit);
+            }
+            Work(kSeveralLimits, DoNothing);
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "^$");
+}
+
+}  // namespace
+}  // namespace tests
