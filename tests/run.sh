@@ -19,7 +19,7 @@ all_cases() {
     local folder
     for folder in "$root"/tests/*/; do
         find "$folder" -maxdepth 1 -name '*_test.cpp' -exec cat {} + |
-            grep -zoP '\nTEST(_[PF])?\(\s*\w+,\s*\w+\s*\)' | tr -d ' \n' | tr '\0' '\n' |
+            { grep -zoP '\nTEST(_[PF])?\(\s*\w+,\s*\w+\s*\)' || true; } | tr -d ' \n' | tr '\0' '\n' |
             sed -E "s|^TEST(_[PF])?\((.*),(.*)\)\$|$(basename "$folder") \2.\3|"
     done
     sed -nE 's/^ *(zepn_add_script\(|add_test\(NAME )([a-z_]+) .*/script \2/p' "$root/tests/CMakeLists.txt"
@@ -33,6 +33,15 @@ targets_of() {
     tsan) echo behaviour_tests ;;
     linux-arm64) if $all; then echo tests; else echo behaviour_tests zepn-play; fi ;;
     *) echo tests ;;
+    esac
+}
+
+# has_program PRESET FOLDER: whether tests/CMakeLists.txt makes a program of that folder's cases there.
+has_program() {
+    case $1:$2 in
+    tsan:behaviour) ;;
+    tsan:* | asan:docs | asan:explorer | asan:bench) return 1 ;;
+    linux-arm64:docs | linux-arm64:image | linux-arm64:package | linux-arm64:trace | linux-arm64:bench) return 1 ;;
     esac
 }
 
@@ -54,10 +63,11 @@ build_images_for_tests() {
 
 # What a result depends on: all files, the commit that the build date comes from, the compiler. Empty: not known.
 state_of_tree() {
+    git -C "$root" rev-parse HEAD > /dev/null 2>&1 || return 0
     (
         cd "$root"
-        git rev-parse HEAD 2> /dev/null || exit 0
-        git ls-files -z --cached --others --exclude-standard |
+        git rev-parse HEAD
+        git ls-files -z --cached --others --exclude-standard | sort -z |
             while IFS= read -r -d '' file; do [ ! -f "$file" ] || printf '%s\0' "$file"; done | xargs -0 sha256sum
         clang++-19 --version
     ) | sha256sum
@@ -67,7 +77,7 @@ state_of_tree() {
 show_progress() {
     local title=$1 word last=$SECONDS
     while read -r word _; do
-        [[ $word == */* ]] || continue
+        [[ $word =~ ^[0-9]+/[0-9]+$ ]] || continue
         if [ -t 2 ]; then
             printf '\r  %-40s %s  ' "$title" "$word" >&2
         elif [ $((SECONDS - last)) -ge 30 ]; then
@@ -104,8 +114,11 @@ count_cases() {
             "$junit" | sed -E 's/&#10;|<!\[CDATA\[|\]\]>//g; s/&lt;/</g; s/&gt;/>/g; s/&amp;/\&/g' | tail -n 60 >&2
         echo >&2
     done
-    # Nothing passed: the programs were not built, or no case bears the label.
-    [ "$good" -gt 0 ] || bad=$((bad + 1))
+    # The programs were not built, or no case bears the label.
+    if [ $((good + bad)) = 0 ]; then
+        echo "of $title no case ran" >&2
+        bad=1
+    fi
     passed=$((passed + good)) failed=$((failed + bad))
     printf '  %-48s %4d passed%s%s%s\n' "$title" "$good" "$([ "$skipped" = 0 ] || echo ", $skipped skipped")" \
         "$([ "$bad" = 0 ] || echo ", $bad FAILED")" "$note"
@@ -180,8 +193,13 @@ run_groups() {
 
 # Of the cases that match, those of one build folder.
 run_chosen() {
-    local preset=native programs=() arguments=() program targets=() pattern
-    mapfile -t programs < <(all_cases | awk -v part="$chosen" 'index($2, part) { print $1 }' | sort -u)
+    local preset=native part programs=() arguments=() program targets=() pattern
+    # As failures name it: On/SUITE.CASE/x64.
+    part=$(sed -E 's|^[A-Za-z]+/||; s|/.*||' <<< "$chosen")
+    if [ -z "$only" ] && [[ $chosen =~ /(native|x64|arm64)(_[0-9]+)?$ ]]; then
+        only=${BASH_REMATCH[1]}
+    fi
+    mapfile -t programs < <(all_cases | awk -v part="$part" 'index($2, part) { print $1 }' | sort -u)
     [ ${#programs[@]} -gt 0 ] || refuse "no case is called $chosen; ./zepn test --list lists them"
     case $only in
     asan | tsan) preset=$only ;;
@@ -194,12 +212,16 @@ run_chosen() {
             targets=(tests)
             break
         fi
-        targets+=("${program}_tests")
+        ! has_program "$preset" "$program" || targets+=("${program}_tests")
     done
-    step "building the driver images" windows build_images_for_tests
+    [ ${#targets[@]} -gt 0 ] || refuse "of the cases called $chosen none is built for $only"
+    # The host's own cases load no image.
+    [ "${targets[*]}" = host_tests ] || step "building the driver images" windows build_images_for_tests
     step "building what they need" "$preset" build "$preset" "${targets[@]}"
     pattern=$(sed 's/[.[\*^$()+?{|\\]/\\&/g' <<< "$chosen")
-    run_ctest "$preset" "$results/chosen.xml" "$chosen" -R "$pattern" "${arguments[@]}"
+    run_ctest "$preset" "$results/chosen.xml" "$chosen" -R "$pattern" -E '_NOT_BUILT$' "${arguments[@]}"
+    [ "$(cases_with "$results/chosen.xml" 'true()')" -gt 0 ] ||
+        refuse "of the cases called $chosen none runs on ${only:-the native build}"
     count_cases "$results/chosen.xml" "$chosen${only:+, on $only}"
 }
 
@@ -229,6 +251,7 @@ run_tests() {
         --all) all=true ;;
         --again) again=true ;;
         --list) list=true ;;
+        --coverage) refuse "test --coverage goes alone" ;;
         --on)
             [ $# -gt 1 ] && [[ $2 =~ ^(native|x64|arm64|asan|tsan)$ ]] ||
                 refuse "test --on takes native, x64, arm64, asan or tsan"

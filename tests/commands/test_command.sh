@@ -1,0 +1,200 @@
+#!/usr/bin/env bash
+# ./zepn test itself, in a small project of its own: what it lists, refuses, builds, runs, counts, shows and does not run
+# again. CMake is played by a script that notes what is to be built; CTest is the real one, and its cases note that they
+# ran: test_command.sh ROOT BUILD_FOLDER
+set -euo pipefail
+root=$1 build=$2
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+project="$folder/the project"
+
+fail() {
+    printf '%s\n' "$*"
+    cat "$folder/output" "$folder/error" 2> /dev/null
+    exit 1
+}
+
+# ---- The project ----
+
+mkdir -p "$project/build" "$project"/tests/{behaviour,empty,host} "$folder/bin"
+cp "$root/zepn" "$project"
+cp "$root/tests/run.sh" "$project/tests"
+printf '/build/\n/out/\n' > "$project/.gitignore"
+echo '{}' > "$project/CMakePresets.json"
+printf '// A comment.\nTEST_P(Loud, Works)\n{\n}\n' > "$project/tests/behaviour/loud_test.cpp"
+printf '// A comment.\nTEST(Quiet, Works)\n{\n}\nTEST_F(Quiet, Rests)\n{\n}\n' > "$project/tests/host/quiet_test.cpp"
+printf '    zepn_add_script(pages_work "files"\nzepn_add_script(pages_take_long "files;slow" x)\n' \
+    > "$project/tests/CMakeLists.txt"
+git -C "$project" init -q
+commit() {
+    git -C "$project" add -A
+    git -C "$project" -c user.name=tests -c user.email=tests@localhost commit -q --allow-empty -m "$1"
+}
+commit first
+
+# Every build folder has every case; labels choose.
+cat > "$folder/bin/cmake" <<SCRIPT
+#!/bin/sh
+echo "\$*" >> '$folder/built'
+if [ -e '$folder/unbuildable' ]; then echo 'error: expected a semicolon'; exit 1; fi
+[ "\$1" = --preset ] || exit 0
+mkdir -p "build/\$2"
+echo "CMAKE_HOME_DIRECTORY:INTERNAL=\$PWD" > "build/\$2/CMakeCache.txt"
+: > "build/\$2/build.ninja"
+add() { printf 'add_test("%s" "%s" "%s")\nset_tests_properties("%s" PROPERTIES LABELS "%s")\n' "\$1" '$folder/case' "\$1" "\$1" "\$2"; }
+for container in native x64 arm64; do add "On/Loud.Works/\$container" \$container; done > "build/\$2/CTestTestfile.cmake"
+{ add Quiet.Works host; add pages_work files; add pages_take_long 'files;slow'; } >> "build/\$2/CTestTestfile.cmake"
+SCRIPT
+cat > "$folder/case" <<SCRIPT
+#!/bin/sh
+echo "\$1" >> '$folder/ran'
+if grep -qsxF "\$1" '$folder/failing'; then echo 'expected <up> & saw <down>'; exit 1; fi
+SCRIPT
+chmod +x "$folder/bin/cmake" "$folder/case"
+
+# zepn STATUS ARGUMENTS...: what it printed lies in output and error, what was built and ran in built and ran.
+zepn() {
+    local wanted=$1 status=0
+    shift
+    rm -f "$folder/built" "$folder/ran"
+    : > "$folder/built"
+    : > "$folder/ran"
+    (cd "$folder" && PATH="$folder/bin:$PATH" "$project/zepn" "$@") > "$folder/output" 2> "$folder/error" || status=$?
+    [ "$status" = "$wanted" ] || fail "zepn $* ended with $status, not $wanted"
+}
+ran() { [ "$(sort "$folder/ran" | paste -sd' ')" = "$1" ] || fail "$(paste -sd' ' "$folder/ran") ran, not $1"; }
+says() { grep -qF -- "$1" "$folder/output" "$folder/error" || fail "nothing says: $1"; }
+
+# ---- Listing ----
+
+zepn 0 test --list
+diff - "$folder/output" <<'TEXT' || fail "the list differs"
+behaviour Loud.Works
+host Quiet.Works
+host Quiet.Rests
+script pages_work
+script pages_take_long
+TEXT
+[ ! -s "$folder/built" ] || fail "listing built something"
+zepn 0 test --list Quiet.W
+[ "$(cat "$folder/output")" = "host Quiet.Works" ] || fail "a part of a name lists other cases"
+
+# The real one: every folder, and every case that CTest knows.
+"$root/zepn" test --list > "$folder/list"
+for name in "$root"/tests/*/*_test.cpp; do
+    name=$(basename "$(dirname "$name")")
+    grep -q "^$name " "$folder/list" || fail "no case of tests/$name is listed"
+done
+ctest --test-dir "$build" -N | sed -nE 's/^ *Test +#[0-9]+: //p' | grep -v '_NOT_BUILT$' |
+    sed -E 's|^[A-Za-z]+/||; s|/.*||' | sort -u > "$folder/known"
+[ "$(wc -l < "$folder/known")" -gt 100 ] || fail "CTest knows hardly a case"
+unlisted=$(cut -d' ' -f2 "$folder/list" | sort -u | comm -13 - "$folder/known")
+[ -z "$unlisted" ] || fail "not listed: $unlisted"
+
+# ---- Refusing ----
+
+refuses() {
+    local sentence=$1
+    shift
+    zepn 2 "$@"
+    [ ! -s "$folder/built" ] && [ ! -s "$folder/ran" ] || fail "zepn $* is refused after something was done"
+    [ "$(cat "$folder/error")" = "zepn: $sentence" ] || fail "zepn $* is refused in other words"
+}
+refuses "no case is called Silent; ./zepn test --list lists them" test Silent
+refuses "test takes one name, and there is Loud and Quiet" test Loud Quiet
+refuses "test does not know --fast" test --fast
+refuses "test --on takes native, x64, arm64, asan or tsan" test Loud --on mars
+refuses "test --on takes native, x64, arm64, asan or tsan" test Loud --on
+refuses "test --on goes with a name" test --on x64
+refuses "test takes a name or --all" test Loud --all
+refuses "test --coverage goes alone" test --again --coverage
+refuses "of the cases called Quiet none is built for tsan" test Quiet --on tsan
+
+# ---- Choosing ----
+
+zepn 0 test Quiet
+ran Quiet.Works
+says "1 passed, 0 failed"
+grep -q -- '--target host_tests$' "$folder/built" || fail "host_tests is not what was built"
+zepn 0 test Loud
+ran "On/Loud.Works/arm64 On/Loud.Works/native On/Loud.Works/x64"
+zepn 0 test Loud --on x64
+ran On/Loud.Works/x64
+zepn 0 test Loud --on asan
+grep -q -- '--build --preset asan --target behaviour_tests$' "$folder/built" || fail "not built under sanitizers"
+# As a failure names it.
+zepn 0 test On/Loud.Works/arm64
+ran On/Loud.Works/arm64
+[ "$(uname -m)" = aarch64 ] || grep -q -- '--build --preset linux-arm64 ' "$folder/built" || fail "built for this machine"
+zepn 0 test pages_
+ran "pages_take_long pages_work"
+# In the sources, and in no build: an older list of CTest's, or a case that is compiled elsewhere only.
+zepn 2 test Quiet.Rests
+says "zepn: of the cases called Quiet.Rests none runs on the native build"
+
+echo Quiet.Works > "$folder/failing"
+zepn 1 test Quiet
+says "expected <up> & saw <down>"
+says "0 passed, 1 failed"
+: > "$folder/unbuildable"
+zepn 1 test Quiet
+says "expected a semicolon"
+ran ""
+rm "$folder/unbuildable" "$folder/failing"
+
+# ---- All, and not again ----
+
+ordinary="On/Loud.Works/arm64 On/Loud.Works/native On/Loud.Works/x64 Quiet.Works pages_work"
+# Of an AArch64 machine, which has no x64 container.
+[ "$(uname -m)" = x86_64 ] || ordinary=${ordinary/ On\/Loud.Works\/x64/}
+count=$(wc -w <<< "$ordinary")
+zepn 0 test
+ran "$ordinary"
+says "$count passed, 0 failed"
+says "left to ./zepn test --all:"
+[ "$(xmllint --xpath 'count(//testcase)' "$project/build/results/native-host-files.xml")" = 2 ] ||
+    fail "the results are not in build/results"
+
+zepn 0 test
+ran ""
+says "unchanged since"
+says "$count passed, 0 failed"
+zepn 0 test --again
+ran "$ordinary"
+echo '// Another.' >> "$project/tests/host/quiet_test.cpp"
+zepn 0 test
+ran "$ordinary"
+: > "$project/new.cpp"
+zepn 0 test
+ran "$ordinary"
+git -C "$project" add -A
+zepn 0 test
+ran ""
+# Its time is in what is built.
+commit second
+zepn 0 test
+ran "$ordinary"
+
+# What failed runs again, unchanged or not; what passed does not.
+echo '// A third.' >> "$project/tests/host/quiet_test.cpp"
+echo Quiet.Works > "$folder/failing"
+zepn 1 test
+ran "$ordinary"
+says "expected <up> & saw <down>"
+says "$((count - 1)) passed, 1 failed"
+zepn 1 test
+ran "Quiet.Works pages_work"
+rm "$folder/failing"
+
+zepn 0 test --all
+grep -q pages_take_long "$folder/ran" || fail "--all leaves out what is slow"
+for preset in asan tsan; do
+    grep -q -- "--build --preset $preset " "$folder/built" || fail "--all leaves out $preset"
+done
+if grep -q 'left to' "$folder/output"; then fail "--all leaves something"; fi
+
+# Without a repository nobody knows what has changed.
+rm -rf "$project/.git"
+zepn 0 test
+zepn 0 test
+ran "$ordinary"
