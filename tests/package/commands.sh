@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# The commands that leave files, as typed: the package is whole and signed, and a captured run reads back.
+# The commands that read and leave files, as typed: the package is whole and signed, a captured run reads back, and all
+# files are named from where the caller stands.
 set -euo pipefail
-cd "$1"
+root=$(readlink -f "$1")
+cd "$root"
 folder=$(mktemp -d)
 product=out/zepn-$(< VERSION)
 # A package that is there, signed by whomever, comes back.
@@ -20,7 +22,7 @@ for name in own other; do
     openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=$name" -keyout "$folder/$name.key" \
         -out "$folder/$name.pem" 2> /dev/null
 done
-./zepn package --sign "$folder/own.pem" "$folder/own.key" > /dev/null
+(cd "$folder" && "$root/zepn" package --sign own.pem own.key) > /dev/null
 if ./zepn package --sign "$folder/own.pem" "$folder/other.key" 2> "$folder/error"; then
     echo "signed with a key of another certificate"
     exit 1
@@ -41,6 +43,25 @@ grep -q 'no violation, nothing left behind' "$folder/arm64"
 # The seed is told before the search, whatever becomes of that.
 ./zepn fuzz --image native --seed 5 --seconds 0.5 --scenario "$folder/fuzz.json" > "$folder/fuzz"
 head -n 1 "$folder/fuzz" | grep -q -- '--seed 5 '
+# From a folder of the caller's, where a name may look like a value and a value like a name.
+caller="$folder/the caller's folder"
+mkdir "$caller"
+sed 's/"title": *"[^"]*"/"title": "A scenario of the caller"/' scenarios/boot.json > "$caller/mine.json"
+(
+    cd "$caller"
+    touch 3 x64
+    "$root/zepn" demo mine.json --etw 3 --image x64 --capture=run --diagram picture.mmd > demo
+    grep -q 'A scenario of the caller' demo
+    "$root/zepn" decode run > reports
+    grep -q 'Notifier_HelperInit' reports
+    [ -s picture.mmd ]
+    "$root/zepn" fuzz --image=native --seed 5 --seconds 0.5 --scenario=fuzz.json > /dev/null
+    # Level 3 shows warnings and worse, so fewer than all.
+    "$root/zepn" demo mine.json --etw=0 > all
+    [ "$(wc -l < demo)" -lt "$(wc -l < all)" ]
+    [ "$(ls)" = "$(printf '%s\n' 3 all demo mine.json picture.mmd reports run x64)" ] && [ ! -s 3 ] && [ ! -s x64 ]
+)
+[ ! -e run ] && [ ! -e picture.mmd ]
 if ./zepn decode "$folder/demo" 2> "$folder/error"; then
     echo "a text file passed for a capture"
     exit 1
