@@ -61,16 +61,22 @@ build_images_for_tests() {
 
 # ---- Running ----
 
-# What a result depends on: all files, the commit that the build date comes from, the compiler. Empty: not known.
+# What a result depends on: all files and their modes, the commit that the build date comes from, the packages. Empty:
+# not known, as in a copy that is no repository of its own.
 state_of_tree() {
-    git -C "$root" rev-parse HEAD > /dev/null 2>&1 || return 0
+    local git=(git -c safe.directory='*' -C "$root")
+    "${git[@]}" rev-parse HEAD > /dev/null 2>&1 && [ -z "$("${git[@]}" rev-parse --show-prefix)" ] || return 0
     (
-        cd "$root"
-        git rev-parse HEAD
-        git ls-files -z --cached --others --exclude-standard | sort -z |
-            while IFS= read -r -d '' file; do [ ! -f "$file" ] || printf '%s\0' "$file"; done | xargs -0 sha256sum
-        clang++-19 --version
+        cd "$root" || exit
+        "${git[@]}" rev-parse HEAD
+        files_of_project | xargs -0 sha256sum
+        files_of_project | xargs -0 stat -c '%a %n'
+        dpkg-query -W "${packages[@]}" 2> /dev/null || clang++-19 --version
     ) | sha256sum
+}
+files_of_project() {
+    "${git[@]}" ls-files -z --cached --others --exclude-from=.gitignore | sort -z |
+        while IFS= read -r -d '' file; do [ ! -f "$file" ] || printf '%s\0' "$file"; done
 }
 
 # Reads CTest's lines and says how far it is: in place on a terminal, else now and then.
@@ -94,28 +100,31 @@ run_ctest() {
     shift 3
     mkdir -p "$results" "$logs"
     rm -f "$junit"
+    local log
+    log=$logs/test-$(basename "$junit" .xml).log
     ctest --test-dir "$root/build/$preset" --output-on-failure -j "$(nproc)" --output-junit "$junit" "$@" \
-        2>&1 < /dev/null | tee "$logs/test-$preset.log" | show_progress "$title" || true
+        2>&1 < /dev/null | tee "$log" | show_progress "$title" || true
     [ -s "$junit" ] && return
-    tail -n 40 "$logs/test-$preset.log" >&2
+    tail -n 40 "$log" >&2
     exit 1
 }
 
+was_skipped='@message="SKIP_REGULAR_EXPRESSION_MATCHED"'
 cases_with() { xmllint --xpath "count(//testcase[$2])" "$1"; }
 
 # Prints a line for a JUnit file, and of each failed case what it said; adds to the sums.
 count_cases() {
     local junit=$1 title=$2 note=${3:-} good skipped bad number
     good=$(cases_with "$junit" '@status="run"')
-    skipped=$(cases_with "$junit" 'skipped[@message="SKIP_REGULAR_EXPRESSION_MATCHED"]')
+    skipped=$(cases_with "$junit" "skipped[$was_skipped]")
     bad=$(($(cases_with "$junit" 'true()') - good - skipped))
     for ((number = 1; number <= bad; ++number)); do
-        xmllint --xpath "(//testcase[@status!='run' and not(skipped[@message='SKIP_REGULAR_EXPRESSION_MATCHED'])])[$number]" \
-            "$junit" | sed -E 's/&#10;|<!\[CDATA\[|\]\]>//g; s/&lt;/</g; s/&gt;/>/g; s/&amp;/\&/g' | tail -n 60 >&2
+        xmllint --xpath "(//testcase[@status!='run' and not(skipped[$was_skipped])])[$number]" "$junit" |
+            sed -E 's/&#10;|<!\[CDATA\[|\]\]>//g; s/&lt;/</g; s/&gt;/>/g; s/&quot;/"/g; s/&amp;/\&/g' | tail -n 60 >&2
         echo >&2
     done
     # The programs were not built, or no case bears the label.
-    if [ $((good + bad)) = 0 ]; then
+    if [ $((good + bad + skipped)) = 0 ]; then
         echo "of $title no case ran" >&2
         bad=1
     fi
@@ -128,19 +137,41 @@ count_cases() {
 run_group() {
     local preset=$1 labels=$2 title=$3 arguments=() name junit before=$failed begin
     begin=$(milliseconds)
-    $all || arguments=(-LE '^slow$')
-    name=$preset-${labels//|/-}$($all && echo -all || true)
+    name=$preset-${labels//|/-}
+    # Only these have slow cases.
+    if [[ $labels = *files* || $preset = linux-arm64 ]]; then
+        if $all; then name+=-all; else arguments=(-LE '^slow$'); fi
+    fi
     junit=$results/$name.xml
-    if ! $again && [ -n "$state" ] && [ -s "$junit" ] && [ "$(cat "$results/$name.passed" 2> /dev/null)" = "$state" ]; then
+    if ! $again && [ -n "$state" ] && [ -s "$junit" ] &&
+        [ "$(cat "$results/$name.passed" 2> /dev/null)" = "$state" ]; then
         count_cases "$junit" "$title" ", unchanged since"
         return
     fi
     rm -f "$results/$name.passed"
     [[ $labels != *host* ]] || rm -rf "$root/build/$preset/rules_broken"
+    remove_figures "$preset" "$labels"
     # The cases that others need have a group of their own.
     run_ctest "$preset" "$junit" "$title" -FA '.*' -L "^($labels)\$" "${arguments[@]}"
     count_cases "$junit" "$title" " in $(seconds_since "$begin") s"
-    [ "$failed" != "$before" ] || printf '%s' "$state" > "$results/$name.passed"
+    # What was saved meanwhile may be in the files and not in the programs.
+    if [ "$failed" = "$before" ] && [ "$(state_of_tree)" = "$state" ]; then
+        printf '%s' "$state" > "$results/$name.passed"
+    fi
+}
+
+# remove_figures PRESET LABELS, show_figures PRESET LABELS: what the group's cases leave in figures/, by container.
+remove_figures() {
+    local folder=$root/build/$1/figures
+    rm -f "$folder"/{model,sweep}-"$2"*.txt "$folder/explorer/$2,"*
+}
+show_figures() {
+    local folder=$root/build/$1/figures
+    cat "$folder"/{model,sweep}-"$2"*.txt 2> /dev/null || true
+    cat "$folder/explorer/$2,"* 2> /dev/null | awk '
+        { walked[$2] += $(NF - 5); random[$2] += $(NF - 1) }
+        END { for (on in walked) print "interleavings, " on " all: " walked[on] " walked, " random[on] " random" }' ||
+        true
 }
 
 # ---- The kinds of runs ----
@@ -156,6 +187,7 @@ groups_of_run() {
         echo "native:native:native driver"
         echo "native:arm64:ARM64 image"
         echo "native:host|files:host, tools, images, files"
+        echo "  x64 image: skipped, this is no x86-64 machine" >&2
     fi
     $all || return 0
     echo "asan:native:native driver, sanitizers"
@@ -172,51 +204,89 @@ groups_of_run() {
 run_groups() {
     local preset labels title presets state
     presets=$(groups_of_run | cut -d: -f1 | awk '!seen[$0]++')
+    state=$(state_of_tree)
     step "building the driver images" windows build_images_for_tests
     for preset in $presets; do
         # shellcheck disable=SC2046
         step "building $(title_of "$preset")" "$preset" build "$preset" $(targets_of "$preset")
     done
-    state=$(state_of_tree)
     while IFS=: read -r preset labels title; do
         run_group "$preset" "$labels" "$title"
     done < <(groups_of_run)
-    cat "$root"/build/{native,linux-arm64}/figures/{model,sweep}*.txt 2> /dev/null || true
-    cat "$root"/build/{native,linux-arm64}/figures/explorer/*.txt 2> /dev/null | awk '
-        { walked[$2] += $(NF - 5); random[$2] += $(NF - 1) }
-        END { for (on in walked) print "interleavings, " on " all: " walked[on] " walked, " random[on] " random" }' || true
-    if ! $all; then
-        echo "left to ./zepn test --all: address, undefined-behaviour and thread sanitizers; fault injection, model,"
-        echo "interleavings and samples on the ARM64 image; whether two builds are equal; the commands as typed"
+    for labels in native x64 arm64; do
+        show_figures native "$labels"
+    done
+    if $all; then
+        show_figures linux-arm64 arm64
+        return
     fi
+    if [ "$(uname -m)" = x86_64 ]; then
+        echo "left to ./zepn test --all: address, undefined-behaviour and thread sanitizers; on the ARM64 image fault"
+        echo "injection, model, interleavings, scenarios and samples; host and tools under emulation; whether two builds"
+        echo "are equal; the commands as typed"
+    else
+        echo "left to ./zepn test --all: address, undefined-behaviour and thread sanitizers; whether two builds are equal;"
+        echo "the commands as typed"
+    fi
+}
+
+# images_for PROGRAM...: the targets of the image build that these programs' cases load or look at.
+images_for() {
+    local machine program targets=(decoding_files)
+    machine=$([ "$(uname -m)" = aarch64 ] && echo arm64 || echo x64)
+    [ "$only" != arm64 ] || machine=arm64
+    for program in "$@"; do
+        case $program in
+        host) ;;
+        behaviour | sweep | explorer | fuzz) [ "$only" = native ] || targets+=("zepn_$machine") ;;
+        bench) targets+=(all_images bound_x64 bound_arm64) ;;
+        *) targets+=(all_images samples_x64 samples_arm64) ;;
+        esac
+    done
+    printf '%s\n' "${targets[@]}" | sort -u
 }
 
 # Of the cases that match, those of one build folder.
 run_chosen() {
-    local preset=native part programs=() arguments=() program targets=() pattern
+    local preset=native part matching programs=() arguments=() program script targets=() pattern
     # As failures name it: On/SUITE.CASE/x64.
     part=$(sed -E 's|^[A-Za-z]+/||; s|/.*||' <<< "$chosen")
-    if [ -z "$only" ] && [[ $chosen =~ /(native|x64|arm64)(_[0-9]+)?$ ]]; then
+    if [ -z "$only" ] && [[ $chosen =~ ^On/.*/(native|x64|arm64)(_[0-9]+)?$ ]]; then
         only=${BASH_REMATCH[1]}
     fi
-    mapfile -t programs < <(all_cases | awk -v part="$part" 'index($2, part) { print $1 }' | sort -u)
-    [ ${#programs[@]} -gt 0 ] || refuse "no case is called $chosen; ./zepn test --list lists them"
+    matching=$(all_cases | awk -v part="$part" 'index($2, part)')
+    [ -n "$matching" ] || refuse "no case is called $chosen; ./zepn test --list lists them"
+    mapfile -t programs < <(cut -d' ' -f1 <<< "$matching" | sort -u)
+    # These exist in one kind of build alone.
+    if [ -z "$only" ] && [ "${programs[*]}" = script ]; then
+        case $(cut -d' ' -f2 <<< "$matching" | paste -sd' ') in
+        demo_plays) only=arm64 ;;
+        libfuzzer_*) only=asan ;;
+        esac
+    fi
     case $only in
     asan | tsan) preset=$only ;;
     arm64) [ "$(uname -m)" = aarch64 ] || preset=linux-arm64 ;;&
     native | x64 | arm64) arguments=(-L "^$only\$") ;;
     esac
     for program in "${programs[@]}"; do
-        if [ "$program" = script ]; then
-            # What a script looks at, other cases have left.
-            targets=(tests)
-            break
+        if [ "$program" != script ]; then
+            ! has_program "$preset" "$program" || targets+=("${program}_tests")
+            continue
         fi
-        ! has_program "$preset" "$program" || targets+=("${program}_tests")
+        while read -r script; do
+            case $script in
+            demo_plays) targets+=(zepn-play) ;;
+            libfuzzer_*) targets+=(zepn-libfuzzer mistaken_libfuzzer) ;;
+            *) targets+=(tests) ;;  # they look at what other cases have left
+            esac
+        done < <(awk '$1 == "script" { print $2 }' <<< "$matching")
     done
     [ ${#targets[@]} -gt 0 ] || refuse "of the cases called $chosen none is built for $only"
     # The host's own cases load no image.
-    [ "${targets[*]}" = host_tests ] || step "building the driver images" windows build_images_for_tests
+    # shellcheck disable=SC2046
+    [ "${programs[*]}" = host ] ||
+        step "building the driver images" windows build windows $(images_for "${programs[@]}")
     step "building what they need" "$preset" build "$preset" "${targets[@]}"
     pattern=$(sed 's/[.[\*^$()+?{|\\]/\\&/g' <<< "$chosen")
     run_ctest "$preset" "$results/chosen.xml" "$chosen" -R "$pattern" -E '_NOT_BUILT$' "${arguments[@]}"
@@ -232,7 +302,8 @@ run_coverage() {
     step "building with coverage" coverage build coverage tests zepn-coverage
     rm -rf "$folder/profiles"
     export LLVM_PROFILE_FILE=$folder/profiles/%4m.profraw
-    step "testing the native driver" test-coverage ctest --test-dir "$folder" -j "$(nproc)" -L '^native$'
+    step "testing the native driver" test-coverage ctest --test-dir "$folder" -j "$(nproc)" \
+        -FA '.*' -L '^native$'
     unset LLVM_PROFILE_FILE
     llvm-profdata-19 merge -o "$folder/all.profdata" "$folder"/profiles/*.profraw
     llvm-cov-19 export "$folder/platform/zepn.so" -instr-profile="$folder/all.profdata" > "$folder/all.json"

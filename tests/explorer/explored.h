@@ -5,6 +5,7 @@
 #pragma once
 
 #include "host/checks/crash.h"
+#include "host/checks/watchdog.h"
 #include "host/schedule/explorer.h"
 #include "tests/support/world.h"
 
@@ -62,6 +63,7 @@ protected:
             };
             const host::checks::LastWords words(failed);
             while (explorer.Next()) {
+                host::checks::Watchdog::Progress();
                 {
                     World world(GetParam(), {.records = false});
                     play(world, explorer);

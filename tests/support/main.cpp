@@ -7,10 +7,10 @@
 namespace {
 
 // Of processor time, without a case or a crash context that begins; many times what the longest takes.
-#if defined(ZEPN_EMULATED)
-constexpr std::chrono::minutes kLimit{20};
+#if defined(ZEPN_EMULATED) || defined(ZEPN_SANITIZED)
+constexpr std::chrono::minutes kLimit{30};
 #else
-constexpr std::chrono::minutes kLimit{4};
+constexpr std::chrono::minutes kLimit{10};
 #endif
 
 class Progress : public testing::EmptyTestEventListener {
