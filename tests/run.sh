@@ -213,6 +213,7 @@ run_groups() {
     while IFS=: read -r preset labels title; do
         run_group "$preset" "$labels" "$title"
     done < <(groups_of_run)
+    cat "$root/build/native/figures/checks.txt" 2> /dev/null || true
     for labels in native x64 arm64; do
         show_figures native "$labels"
     done
