@@ -116,7 +116,8 @@ static NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& 
     return status;
 }
 
-// Second phase, without locks: a client that left meanwhile makes its post fail. No failure stops it.
+// Second phase, without locks. A client that left before its post makes it fail; one that leaves during it is an
+// accepted race. No failure stops it.
 static NTSTATUS PostAnswers(Answers& answers, NTSTATUS status)
 {
     const ULONG count = WdfCollectionGetCount(answers.collection);

@@ -1,9 +1,10 @@
 // Posting a state: recorded as the client's current one, announced if the crash-dump driver lacks it, queued for the
 // subscribers. The caller never waits for delivery.
 //
-// Three locks are taken, one after the other and never nested: clients, general, states. So a post may come from
-// anywhere that holds none of them: client threads, a subscription after its first callback, the broadcast after its
-// first phase, and command delivery, which still holds the lock of its own run.
+// Three locks are taken, one after the other and never nested: clients (to find the client), general, clients again if
+// it has to be announced, states. So a post may come from anywhere that holds none of them: client threads, a
+// subscription after its first callback, the broadcast after its first phase, and command delivery, which still holds
+// the lock of its own run.
 #include "delivery/delivery.h"
 
 #include "context/driver_context.h"

@@ -52,7 +52,7 @@ void NotifierEvtDriverUnload(WDFDRIVER driver)
     }
 
     // On purpose: unconditional. It gives back the reference that a successful device add took last. When no device add
-    // has succeeded, it takes the framework's own, which stops the system: bugcheck 0x10D.
+    // has succeeded, it takes the framework's own: bugcheck 0x10D, or freed memory when nothing was made yet.
     WdfObjectDereferenceActual(driver, nullptr, kDereferenceLine, const_cast<PCHAR>(kReferenceFile));
 
     UnregisterEventProvider();

@@ -115,7 +115,7 @@ typedef struct _ZepState {
 // Called from a work item (later states) or from inside Notifier_HelperRegisterForStateNotification (the state that the
 // watched client is in already). The clients lock is held: call no operation that takes it, and so post no state here.
 // Every post is delivered once to each matching subscription of every other client, also when the state has not
-// changed; a client is never told of its own states. All posts are delivered in the order in which they were made.
+// changed; a client never receives its own states. All posts are delivered in the order in which they were made.
 //
 // Answer only when your state really changes. An answer is delivered in the same run: two subscribers that answer each
 // other's states without end keep the run going, and the clients lock held, for ever.
@@ -143,7 +143,7 @@ typedef struct _ZepCommand {
     ULONG CommandId;        // reaches the target as an argument
 } ZepCommand;
 
-// What the target of a command is told, 32 bytes, filled by the Notifier.
+// What the target of a command receives, 32 bytes, filled by the Notifier.
 typedef struct _ZepCommandInfo {
     ULONGLONG Size;         // 32
     ULONG CommandArgument;  // the command's
@@ -167,15 +167,15 @@ typedef ZEP_COMMAND_CALLBACK* PZEP_COMMAND_CALLBACK;
 // The only reason ever passed.
 #define ZEP_APPS_STATE_REASON_CHANGED 2u
 
-// Tells a client that the system leaves its working state, or that user mode asked for it; the return to the working
-// state is not told. On the power callback's or the I/O control's thread, with the clients lock held: call no operation
-// that takes it. The system waits: be quick. After all were told the power transition is held for the configured time
-// (SubsystemNotificationTimeout, milliseconds), so that the answers reach their subscribers.
+// Notifies a client that the system leaves its working state, or that user mode asked for it; not of the return to the
+// working state. On the power callback's or the I/O control's thread, with the clients lock held: call no operation
+// that takes it. The system waits: be quick. After all were notified the power transition is held for the configured
+// time (SubsystemNotificationTimeout, milliseconds), so that the answers reach their subscribers.
 //
 // CallbackContext: the client's own.
 // Reason:          ZEP_APPS_STATE_REASON_CHANGED.
 // State:           in: the client's current state; out: its wanted state. A value other than the client's state at the
-//                  return is posted for the client after all clients have been told. So a post of the client's own
+//                  return is posted for the client after all clients have been notified. So a post of the client's own
 //                  that comes while its callback runs is taken back by a callback that leaves the value alone. The
 //                  answer is posted without the lock: leave the value alone if you may deregister at any time.
 // Result:          ignored.
@@ -233,9 +233,9 @@ typedef NTSTATUS(NTAPI ZEP_NOTIFIER_HELPER_INIT)(_In_ const GUID* InterfaceGUID,
 typedef ZEP_NOTIFIER_HELPER_INIT* PZEP_NOTIFIER_HELPER_INIT;
 
 // Removes a client, with its own subscriptions. Takes the clients lock. Subscriptions of others to it stay and match
-// again when it registers anew. The crash-dump driver is told on a work item if it knew the client, late or never (see
-// ZEP_CLIENT_REMOVE). A client that leaves while commands from or to it are undelivered stops command delivery: let the
-// work drain first. States that it posted are still delivered.
+// again when it registers anew. The crash-dump driver is notified on a work item if it knew the client, late or never
+// (see ZEP_CLIENT_REMOVE). A client that leaves while commands from or to it are undelivered stops command delivery:
+// let the work drain first. States that it posted are still delivered.
 //
 // Nobody else may be using the client meanwhile: no post, command or answered subscription of it on another thread, no
 // answer that the Notifier posts for it (see "For every callback"), and no command that another client is sending it.
@@ -249,7 +249,7 @@ typedef ZEP_NOTIFIER_HELPER_INIT* PZEP_NOTIFIER_HELPER_INIT;
 // STATUS_IO_DEVICE_ERROR    the Notifier is not up, or an inner object was missing
 // others                    the framework failed. When it did so while the removal was handed to the crash-dump driver
 //                           (STATUS_IO_DEVICE_ERROR included), the client is gone all the same and the crash-dump
-//                           driver is not told; else the client is still registered
+//                           driver is not notified; else the client is still registered
 _IRQL_requires_max_(PASSIVE_LEVEL)
 typedef NTSTATUS(NTAPI ZEP_NOTIFIER_HELPER_CLIENT_DEINIT)(_In_ const GUID* InterfaceGUID);
 typedef ZEP_NOTIFIER_HELPER_CLIENT_DEINIT* PZEP_NOTIFIER_HELPER_CLIENT_DEINIT;
@@ -402,13 +402,16 @@ typedef struct _ZEP_NOTIFIER_CLIENT_CONTEXT ZEP_NOTIFIER_CLIENT_CONTEXT;
 typedef NTSTATUS(NTAPI ZEP_CLIENT_ADD)(_In_ const ZEP_SUBSYSTEM_DESCRIPTOR* Descriptor);
 typedef ZEP_CLIENT_ADD* PZEP_CLIENT_ADD;
 
-// Tells that an announced client has gone, on a work item with the clients lock held; the same prohibition. One removal
-// is told per run, so the rest of a burst waits for later removals. Result: 0 means taken, anything else is reported.
+// Reports that an announced client was removed, on a work item with the clients lock held; the same prohibition. One
+// removal is reported per run, so the rest of a burst waits for later removals. Result: 0 means taken, anything else is
+// reported as an event.
 //
 // So a removal can come after the announcement of the same GUID's next registration, can name a client that only an
 // earlier crash-dump driver knew, and does not come at all when nobody is attached at that moment, when it could not be
-// queued, or when the Notifier's device is removed. The GUID alone does not say which registration has ended. Rule: ask
-// for all descriptors, on a thread of your own, and forget only those clients that are no longer among them.
+// queued, or when the Notifier's device is removed. The GUID alone does not say which registration has ended, and the
+// CallbackContext, which distinguishes descriptors, is not shown here. Rule: ask for all descriptors, on a thread of
+// your own, and forget only those clients that are not among them and have not been announced since you asked. Hold no
+// lock of yours while you ask that ZepClientAdd or ZepClientRemove takes.
 typedef NTSTATUS(NTAPI ZEP_CLIENT_REMOVE)(_In_ const ZEP_NOTIFIER_CLIENT_CONTEXT* Client);
 typedef ZEP_CLIENT_REMOVE* PZEP_CLIENT_REMOVE;
 
@@ -425,8 +428,8 @@ typedef struct _WpcdClientRegistration {
 } WpcdClientRegistration;
 
 // Attaches the crash-dump driver; one at a time. Takes no lock, calls nobody back. Clients that are registered already
-// are announced after their next state post, unless an earlier crash-dump driver was told of them, or learned by
-// Notifier_WpcdGetAllSubsystemDescriptors.
+// are announced after their next state post, unless they were announced to an earlier crash-dump driver or it
+// enumerated them by Notifier_WpcdGetAllSubsystemDescriptors.
 //
 // Attach before clients post states and make dump calls: for an instant the attached driver can be seen while its
 // callbacks are still NULL, and an announcement or dump call in that instant calls address 0.
@@ -446,7 +449,7 @@ _IRQL_requires_max_(PASSIVE_LEVEL)
 typedef NTSTATUS(NTAPI ZEP_NOTIFIER_WPCD_CLIENT_INIT)(_In_ const WpcdClientRegistration* Registration);
 typedef ZEP_NOTIFIER_WPCD_CLIENT_INIT* PZEP_NOTIFIER_WPCD_CLIENT_INIT;
 
-// Detaches the crash-dump driver; not while it attaches. Takes the clients lock. No removals are told, and clients stay
+// Detaches the crash-dump driver; not while it attaches. Takes the clients lock. Reports no removals, and clients stay
 // marked as announced: a driver that attaches anew learns them by Notifier_WpcdGetAllSubsystemDescriptors. Once it has
 // returned, no announcement runs any more; a dump call may still be under way.
 //

@@ -80,6 +80,10 @@ static NTSTATUS NTAPI OnCommand(PVOID context, ULONG commandId, const ZepCommand
 }
 
 // An answer to this would be posted for us later, on another thread, when we may have left already. So the work posts.
+//
+// What remains: a post of ours on another thread that has looked us up already can be recorded during this callback.
+// Then the value that is left alone counts as an answer and is posted all the same, perhaps while we leave. A client
+// that posts at any time and leaves at any time sets no such callback; this one does, to show it.
 static NTSTATUS NTAPI OnAppsState(PVOID context, ULONG reason, PULONG state)
 {
     auto* client = static_cast<CLIENT_CONTEXT*>(context);

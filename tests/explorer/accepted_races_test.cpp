@@ -1,5 +1,5 @@
-// Races that the driver's design accepts: callers are told not to run into them. Each is shown to be there, so that who
-// closes one notices.
+// Races that the driver's design accepts: the header and the pages forbid callers to run into them. Each is shown to be
+// there, so that who closes one notices.
 #include "tests/explorer/explored.h"
 
 #include "host/checks/crash.h"
