@@ -6,8 +6,9 @@
 #   @BUILD@     how many commits led to it         @__DATE__@, @__TIME__@  the same in the compiler's form
 #
 # Everything is the commit's, so that equal commits make equal builds; changes that are not committed add "-modified" to
-# the id. Without git it is build 0 of 1980, commit "none"; a clone without its whole history cannot count and is build
-# 0, too. FILE is rewritten only when its contents change; without it the text goes to the standard output.
+# the id. Without git it is build 0 of 2010, commit "none"; a clone without its whole history cannot count and is build
+# 0, too. (inf2cat refuses an INF of a day before 21 April 2009.) FILE is rewritten only when its contents change;
+# without it the text goes to the standard output.
 set -euo pipefail
 source=$1 template=$2
 # In containers the sources often belong to another user; reading from them is harmless.
@@ -15,7 +16,7 @@ git() { command git -c safe.directory='*' --no-optional-locks -C "$source" "$@" 
 commit_time() { LC_ALL=C TZ=UTC0 git log -1 --date="format-local:$1" --format=%cd; }
 
 version=$(< "$source/VERSION")
-build=0 commit=none day=01/01/1980 date='Jan  1 1980' time=00:00:00
+build=0 commit=none day=01/01/2010 date='Jan  1 2010' time=00:00:00
 # A repository around the sources' folder says nothing about them.
 if prefix=$(git rev-parse --show-prefix) && [ -z "$prefix" ] && id=$(git rev-parse --verify HEAD); then
     commit=$id

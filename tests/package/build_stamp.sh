@@ -38,7 +38,7 @@ expect "$folder/second" "$whole" 'with a file that nobody asked git about'
 echo 1.2.4 > "$folder/second/VERSION"
 expect "$folder/second" "1.2.4.2 1,2,4,2 $id-modified 05/08/2024 \"May  8 2024\" 23:04:05" 'changed, not committed'
 
-none='1.2.3.0 1,2,3,0 none 01/01/1980 "Jan  1 1980" 00:00:00'
+none='1.2.3.0 1,2,3,0 none 01/01/2010 "Jan  1 2010" 00:00:00'
 mkdir "$folder/plain" "$first/inner"
 echo 1.2.3 | tee "$folder/plain/VERSION" > "$first/inner/VERSION"
 expect "$folder/plain" "$none" 'without git'
