@@ -18,7 +18,7 @@ The device's; ROOT\ and the INF's name unless given. One that does not begin wit
 A code-signing certificate with its key in Cert:\LocalMachine\My, in the place of one made here.
 
 .PARAMETER Tools
-Where inf2cat, signtool and devgen (or devcon) are: the WDK's folder, or one that holds copies of them.
+Where inf2cat, signtool and devgen (or devcon) are: the folder of WDK and SDK, or one that holds copies of them.
 #>
 param(
     [string] $Inf,
@@ -29,13 +29,15 @@ param(
 Set-StrictMode -Version 2.0
 $ErrorActionPreference = 'Stop'
 
-# As Windows names the processor: what folders of the package and of the WDK are called, and the catalog's target.
+# By Win32_Processor's numbers: what folders of the package and of the WDK are called, and the catalog's target. The
+# environment would name the architecture of this PowerShell, which may be an emulated one.
 $machines = @{
-    ARM64 = @{ Folder = 'arm64'; Catalog = '10_RS5_ARM64' }
-    AMD64 = @{ Folder = 'x64'; Catalog = '10_RS5_X64' }
+    12 = @{ Folder = 'arm64'; Catalog = '10_RS5_ARM64' }
+    9 = @{ Folder = 'x64'; Catalog = '10_RS5_X64' }
 }
-$machine = $machines[$env:PROCESSOR_ARCHITECTURE]
-if (-not $machine) { throw "No driver for $env:PROCESSOR_ARCHITECTURE, or this is not the processor's own PowerShell." }
+$architecture = [int] (Get-CimInstance Win32_Processor | Select-Object -First 1).Architecture
+$machine = $machines[$architecture]
+if (-not $machine) { throw "No driver for this processor: its Win32_Processor.Architecture is $architecture." }
 
 # Runs a program; an exit code that is not accepted ends the script.
 function Invoke-Tool([string] $Path, [string[]] $Arguments, [int[]] $Accept = @(0)) {
@@ -55,7 +57,7 @@ function Find-Tool([string] $Name) {
 
 function Get-Tool([string] $Name) {
     $path = Find-Tool $Name
-    if (-not $path) { throw "$Name is not below $Tools. Install the WDK, or name the tool's folder with -Tools." }
+    if (-not $path) { throw "$Name is not below $Tools. Install WDK and SDK, or name the tool's folder with -Tools." }
     return $path
 }
 
@@ -90,7 +92,8 @@ if (-not $isSigned) {
         $certificate = Get-Item "Cert:\LocalMachine\My\$Thumbprint"
     } else {
         $certificate = Get-ChildItem Cert:\LocalMachine\My |
-            Where-Object { $_.Subject -eq $subject -and $_.NotAfter -gt (Get-Date).AddDays(1) } | Select-Object -First 1
+            Where-Object { $_.Subject -eq $subject -and $_.HasPrivateKey -and $_.NotAfter -gt (Get-Date).AddDays(1) } |
+            Select-Object -First 1
     }
     if (-not $certificate) {
         $certificate = New-SelfSignedCertificate -Type CodeSigningCert -Subject $subject -HashAlgorithm SHA256 `

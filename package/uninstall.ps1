@@ -12,10 +12,14 @@ The driver's: zepn unless given.
 
 .PARAMETER HardwareId
 The device's, as given to install.ps1; ROOT\ and the driver's name unless given.
+
+.PARAMETER Devcon
+The WDK's devcon.exe, which removes the device where Windows is older than 10 2004; one on the PATH unless given.
 #>
 param(
     [string] $Name = 'zepn',
-    [string] $HardwareId
+    [string] $HardwareId,
+    [string] $Devcon = 'devcon.exe'
 )
 Set-StrictMode -Version 2.0
 $ErrorActionPreference = 'Stop'
@@ -30,11 +34,17 @@ function Invoke-Tool([string] $Path, [string[]] $Arguments, [int[]] $Accept = @(
     if ($Accept -notcontains $LASTEXITCODE) { throw "$Path ended with $LASTEXITCODE." }
 }
 
-# A device of the firmware's comes back by itself, so it stays. 3010: done after a restart.
+# A device of the firmware's comes back by itself, so it stays. 3010, of devcon 1: done after a restart. pnputil removes
+# devices since Windows 10 2004, which is build 19041.
+$build = [int] (Get-ItemProperty 'HKLM:\SOFTWARE\Microsoft\Windows NT\CurrentVersion').CurrentBuildNumber
 if ($HardwareId -like 'ROOT\*') {
     foreach ($device in @(Get-PnpDevice | Where-Object { $_.HardwareID -contains $HardwareId })) {
-        Invoke-Tool 'pnputil.exe' @('/remove-device', $device.InstanceId) @(0, 3010)
-        if ($LASTEXITCODE -eq 3010) { $needsRestart = $true }
+        if ($build -ge 19041) {
+            Invoke-Tool 'pnputil.exe' @('/remove-device', $device.InstanceId) @(0, 3010)
+        } else {
+            Invoke-Tool $Devcon @('remove', ('@' + $device.InstanceId)) @(0, 1)
+        }
+        if ($LASTEXITCODE -ne 0) { $needsRestart = $true }
     }
 }
 
