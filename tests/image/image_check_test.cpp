@@ -359,12 +359,16 @@ TEST_P(ImageCheck, FindsCodeThatCannotBeUnwoundAndForbiddenRegisters)
 
 TEST_P(ImageCheck, FindsCodeWhoseFramesAreNotChecked)
 {
+    // A weaker form of the compiler's option still checks a few.
+    constexpr std::size_t kFewestCheckedFrames = 30;
     std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    EXPECT_GE(image_check::CountCheckedFrames(good, disassembly), kFewestCheckedFrames);
     const bool isArm = good.headers().machine == image_check::kMachineArm64;
     const std::regex fastFail(isArm ? R"(brk\t#0xf003)" : R"(int\t\$0x29)");
     ASSERT_TRUE(std::regex_search(disassembly, fastFail));
     disassembly = std::regex_replace(disassembly, fastFail, "nop");
     EXPECT_EQ(ChecksOf(image_check::CheckCode(good, disassembly)), std::set<std::string>{"stack protector"});
+    EXPECT_EQ(image_check::CountCheckedFrames(good, disassembly), 0u);
 }
 
 TEST_P(ImageCheck, SaysSoWhenCodeCannotBeHeldAgainstTheFunctionTable)

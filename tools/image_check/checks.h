@@ -3,6 +3,7 @@
 
 #include "tools/image_check/pe_reader.h"
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,5 +30,9 @@ enum class ReportResources { kRequired, kNotNeeded };
 // The code, by a disassembly in the form of llvm-objdump: what can fault must be unwindable, and some registers are not
 // the driver's to use.
 [[nodiscard]] std::vector<Finding> CheckCode(const PeReader& image, std::string_view disassembly);
+
+// How many functions of the table have their frame checked by the stack protector. Throws FormatError when the table
+// cannot be read.
+[[nodiscard]] std::size_t CountCheckedFrames(const PeReader& image, std::string_view disassembly);
 
 }  // namespace image_check

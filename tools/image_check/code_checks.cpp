@@ -98,9 +98,8 @@ std::uint64_t BranchTarget(std::string_view instruction, const std::regex& call)
     return target;
 }
 
-// The check of a frame's cookie ends in a fast fail; functions with a frame worth protecting call it.
-void CheckStackProtector(const PeReader& image, std::span<const Instruction> instructions,
-                         std::vector<Finding>& findings)
+// Where the check of a frame's cookie is called, which ends in a fast fail: in functions with a frame worth protecting.
+std::vector<std::uint64_t> CallsOfFrameCheck(const PeReader& image, std::span<const Instruction> instructions)
 {
     constexpr std::uint64_t kCheckBytesMaximum = 32;
     static const std::regex kFastFail(R"(^\s*(int\s+\$0x29|brk\s+#0xf003)\b)");
@@ -116,11 +115,20 @@ void CheckStackProtector(const PeReader& image, std::span<const Instruction> ins
             return address < fastFail && fastFail - address < kCheckBytesMaximum;
         });
     };
-    const bool isCalled = std::ranges::any_of(instructions, [&](const Instruction& instruction) {
+    std::vector<std::uint64_t> calls;
+    for (const Instruction& instruction : instructions) {
         const std::uint64_t target = BranchTarget(instruction.text, kCall);
-        return target != 0 && isCheck(target - image.headers().preferredBase);
-    });
-    if (!isCalled) {
+        if (target != 0 && isCheck(target - image.headers().preferredBase)) {
+            calls.push_back(instruction.address);
+        }
+    }
+    return calls;
+}
+
+void CheckStackProtector(const PeReader& image, std::span<const Instruction> instructions,
+                         std::vector<Finding>& findings)
+{
+    if (CallsOfFrameCheck(image, instructions).empty()) {
         findings.push_back({"stack protector", "no function checks its frame"});
     }
 }
@@ -140,6 +148,16 @@ std::vector<Finding> CheckCode(const PeReader& image, std::string_view disassemb
         findings.push_back({"unwinding", error.what()});
     }
     return findings;
+}
+
+std::size_t CountCheckedFrames(const PeReader& image, std::string_view disassembly)
+{
+    const std::vector<Instruction> instructions = Parse(image, disassembly);
+    const std::vector<std::uint64_t> calls = CallsOfFrameCheck(image, instructions);
+    const std::vector<FunctionRange> ranges = image.FunctionRanges();
+    return static_cast<std::size_t>(std::ranges::count_if(ranges, [&](const FunctionRange& range) {
+        return std::ranges::any_of(calls, [&](std::uint64_t call) { return call >= range.begin && call < range.end; });
+    }));
 }
 
 }  // namespace image_check

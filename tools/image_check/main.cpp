@@ -80,6 +80,9 @@ void PrintText(const std::string& file, const Json& facts, const std::vector<Fin
                   << facts["checksum"].get<std::string>() << ", " << facts["functions"]
                   << " functions with unwind data, " << facts["guardedFunctions"] << " guarded, "
                   << facts["relocations"] << " relocations, " << facts["resources"].size() << " resources";
+        if (facts.contains("checkedFrames")) {
+            std::cout << ", " << facts["checkedFrames"] << " functions check their frame";
+        }
         for (const auto& [module, names] : facts["imports"].items()) {
             std::cout << "\n  " << module << ":";
             for (const auto& name : names) {
@@ -136,8 +139,9 @@ int main(int argumentCount, char** arguments)
             findings = image_check::CheckStructure(image, withoutReports ? ReportResources::kNotNeeded
                                                                          : ReportResources::kRequired);
             if (!structureOnly) {
-                std::ranges::copy(image_check::CheckCode(image, image_check::Disassemble(disassembler, file)),
-                                  std::back_inserter(findings));
+                const std::string disassembly = image_check::Disassemble(disassembler, file);
+                facts["checkedFrames"] = Readable([&] { return image_check::CountCheckedFrames(image, disassembly); });
+                std::ranges::copy(image_check::CheckCode(image, disassembly), std::back_inserter(findings));
             }
         } catch (const image_check::FormatError& error) {
             findings.push_back({"format", error.what()});
