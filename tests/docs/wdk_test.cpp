@@ -1,26 +1,16 @@
 // The MSBuild projects against the CMake build: they cannot be run here, but they cannot fall behind either.
 #include "tests/docs/text_files.h"
+#include "tests/support/matches.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdlib>
 #include <map>
-#include <regex>
 #include <set>
 
 namespace tests {
 namespace {
-
-std::set<std::string> Matches(const std::string& text, const std::string& expression)
-{
-    std::set<std::string> found;
-    const std::regex regex(expression);
-    for (std::sregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at) {
-        found.insert((*at)[1]);
-    }
-    return found;
-}
 
 // The sources that a project lists by their place in the repository.
 std::set<std::string> SourcesOf(const std::string& project)

@@ -3,6 +3,7 @@
 #include "host/tracing/decode.h"
 #include "tests/package/assembled.h"
 #include "tests/package/powershell.h"
+#include "tests/support/matches.h"
 #include "tests/support/world.h"
 
 #include <algorithm>
@@ -11,16 +12,6 @@
 
 namespace tests {
 namespace {
-
-std::set<std::string> Matches(const std::string& text, const std::string& expression)
-{
-    std::set<std::string> found;
-    const std::regex regex(expression);
-    for (std::sregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at) {
-        found.insert((*at)[1]);
-    }
-    return found;
-}
 
 TEST(PowerShellForm, FindsWhatIsNotClosed)
 {
@@ -147,7 +138,7 @@ TEST(ReplayOnWindows, IsWellFormedAndHasTheDriversProviderAndACaptureThatDecodes
     EXPECT_NE(ReadAll(folder / "replay.cpp").find(guid), std::string::npos) << guid;
     const std::string decode = "'" ZEPN_DECODE "' '" + (folder / "boot.capture").string() + "' > /dev/null";
     EXPECT_EQ(std::system(decode.c_str()), 0)
-        << "its records are not what the driver writes today: make it anew by ./zepn demo --capture";
+        << "it has records that today's decoding files do not know: make it anew by ./zepn demo --capture";
 }
 
 // The compiler for Windows takes the generated source and keeps every line of the format files beside the function.

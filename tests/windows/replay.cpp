@@ -10,6 +10,7 @@
 #include <evntprov.h>
 #include <evntrace.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -106,8 +107,14 @@ std::uint64_t Play(const std::string& bytes, TRACEHANDLE session, REGHANDLE prov
     }
     for (std::uint64_t count = 0;; ++count) {
         Head head;
-        std::memcpy(&head, bytes.substr(at, sizeof(head)).append(sizeof(head), '\0').data(), sizeof(head));
+        if (bytes.size() - at < sizeof(head)) {
+            throw std::runtime_error("the file is cut off");
+        }
+        std::memcpy(&head, bytes.data() + at, sizeof(head));
         if (head.kind == kEnd) {
+            if (head.place != count || at + sizeof(head) != bytes.size()) {
+                throw std::runtime_error("the end record does not fit what is there");
+            }
             return count;
         }
         Body body;
