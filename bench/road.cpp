@@ -7,7 +7,7 @@
 namespace bench {
 namespace {
 
-constexpr const char* kRoadSection = "The road of a state";
+constexpr const char* kPathSection = "The road of a state";
 
 struct Road {
     double post;
@@ -30,10 +30,10 @@ Road RoadOf(Subject subject, unsigned clients, unsigned subscriptionsEach, ULONG
 void Compare(Table& table, Subject subject, Subject bound, const Options& options)
 {
     const auto add = [&](const std::string& name, double ours, double least, std::optional<Goal> goal) {
-        table.Add({.section = kRoadSection, .name = name + ": instructions", .on = Name(subject), .value = ours,
+        table.Add({.section = kPathSection, .name = name + ": instructions", .on = Name(subject), .value = ours,
                    .unit = "instructions", .remark = "bound " + std::to_string(static_cast<long>(least)),
                    .isExact = true});
-        table.Add({.section = kRoadSection, .name = name + ": to the bound", .on = Name(subject), .value = ours / least,
+        table.Add({.section = kPathSection, .name = name + ": to the bound", .on = Name(subject), .value = ours / least,
                    .unit = "ratio", .goal = goal, .isExact = true});
     };
     constexpr Goal kGoal{.limit = 1.10};

@@ -18,7 +18,7 @@
 namespace host::checks {
 namespace {
 
-constexpr unsigned kLastWordsSeconds = 30;
+constexpr unsigned kCrashContextSeconds = 30;
 constexpr int kLooks = 10;
 constexpr int kIdleShare = 50;  // less than a fiftieth of the time between two looks is no work: looking costs some
 
@@ -55,7 +55,7 @@ bool HasChild()
     sigemptyset(&alarms);
     sigaddset(&alarms, SIGALRM);
     pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
-    alarm(kLastWordsSeconds);  // should the last words hang too
+    alarm(kCrashContextSeconds);  // should printing hang too
     TellLastWords();
     std::fflush(stderr);
     raise(SIGALRM);
