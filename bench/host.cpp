@@ -2,7 +2,7 @@
 #include "bench/sections.h"
 #include "bench/stage.h"
 #include "bench/timing.h"
-#include "tools/fuzz/run.h"
+#include "tests/model/run.h"
 
 #include <algorithm>
 #include <chrono>

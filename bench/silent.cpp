@@ -5,7 +5,7 @@
 #include "bench/sections.h"
 #include "bench/stage.h"
 
-#include "trace/rows.h"
+#include "driver/trace/rows.h"
 
 #include <stdexcept>
 

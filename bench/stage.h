@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/machine.h"
-#include "include/zepn_notifier.h"
+#include "driver/include/zepn_notifier.h"
 
 #include <cstdint>
 #include <deque>

@@ -1,25 +1,25 @@
 # The driver's sources: the same list for both images and the native build.
 set(ZEPN_DRIVER_SOURCES
-    delivery/apps_state.cpp
-    delivery/commands.cpp
-    delivery/state_posting.cpp
-    delivery/states.cpp
-    driver/device.cpp
-    driver/driver.cpp
-    driver/files.cpp
-    driver/interfaces.cpp
-    driver/power.cpp
-    dump/announcements.cpp
-    dump/attach.cpp
-    dump/descriptors.cpp
-    dump/forwarding.cpp
-    registry/lookup.cpp
-    registry/registration.cpp
-    registry/removal.cpp
-    registry/subscriptions.cpp
-    trace/events.cpp
-    trace/messages.cpp
-    trace/report.cpp)
+    driver/delivery/apps_state.cpp
+    driver/delivery/commands.cpp
+    driver/delivery/state_posting.cpp
+    driver/delivery/states.cpp
+    driver/entry/device.cpp
+    driver/entry/driver.cpp
+    driver/entry/files.cpp
+    driver/entry/interfaces.cpp
+    driver/entry/power.cpp
+    driver/crash_dump/announcements.cpp
+    driver/crash_dump/attach.cpp
+    driver/crash_dump/descriptors.cpp
+    driver/crash_dump/forwarding.cpp
+    driver/registry/lookup.cpp
+    driver/registry/registration.cpp
+    driver/registry/removal.cpp
+    driver/registry/subscriptions.cpp
+    driver/trace/events.cpp
+    driver/trace/messages.cpp
+    driver/trace/report.cpp)
 
 # What the WDK would link: the framework's entry stub, and memory routines.
 set(ZEPN_PLATFORM_SOURCES platform/windows/framework_entry.cpp platform/windows/memory.cpp)
@@ -31,5 +31,5 @@ add_custom_target(build_stamp
     COMMAND ${CMAKE_SOURCE_DIR}/cmake/build_stamp.sh ${CMAKE_SOURCE_DIR}
             ${CMAKE_SOURCE_DIR}/cmake/build_stamp.rsp.in ${ZEPN_BUILD_STAMP}
     BYPRODUCTS ${ZEPN_BUILD_STAMP} VERBATIM)
-set_source_files_properties(driver/driver.cpp PROPERTIES
+set_source_files_properties(driver/entry/driver.cpp PROPERTIES
     COMPILE_OPTIONS "@build_stamp.rsp" OBJECT_DEPENDS ${ZEPN_BUILD_STAMP})

@@ -37,7 +37,7 @@ add_custom_command(OUTPUT reports.res
 # The version resource, with the commit that it is built from; rewritten when that changes.
 add_custom_target(version_stamp
     COMMAND ${CMAKE_SOURCE_DIR}/cmake/build_stamp.sh ${CMAKE_SOURCE_DIR}
-            ${CMAKE_SOURCE_DIR}/package/version.rc.in version.rc
+            ${CMAKE_SOURCE_DIR}/driver/package/version.rc.in version.rc
     BYPRODUCTS version.rc VERBATIM)
 add_custom_command(OUTPUT version.res
     COMMAND llvm-rc-19 /no-preprocess /FO version.res version.rc

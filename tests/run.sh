@@ -40,7 +40,7 @@ targets_of() {
 has_program() {
     case $1:$2 in
     tsan:behaviour) ;;
-    tsan:* | asan:docs | asan:explorer | asan:bench) return 1 ;;
+    tsan:* | asan:docs | asan:concurrency | asan:bench) return 1 ;;
     linux-arm64:docs | linux-arm64:image | linux-arm64:package | linux-arm64:trace | linux-arm64:bench) return 1 ;;
     esac
 }
@@ -239,7 +239,7 @@ images_for() {
     for program in "$@"; do
         case $program in
         host) ;;
-        behaviour | sweep | explorer | fuzz) [ "$only" = native ] || targets+=("zepn_$machine") ;;
+        behaviour | fault_injection | concurrency | model) [ "$only" = native ] || targets+=("zepn_$machine") ;;
         bench) targets+=(all_images bound_x64 bound_arm64) ;;
         *) targets+=(all_images samples_x64 samples_arm64) ;;
         esac

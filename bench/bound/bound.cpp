@@ -8,7 +8,7 @@
 
 #include <initguid.h>
 
-#include "include/zepn_notifier.h"
+#include "driver/include/zepn_notifier.h"
 
 struct BoundContext {
     WDFCOLLECTION clients;

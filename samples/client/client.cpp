@@ -11,7 +11,7 @@
 #include <initguid.h>
 #include <wdmguid.h>
 
-#include "include/zepn_notifier.h"
+#include "driver/include/zepn_notifier.h"
 #include "samples/client/sample_client.h"
 #include "samples/common/notifier_link.h"
 

@@ -7,7 +7,7 @@
 #include <initguid.h>
 #include <wdmguid.h>
 
-#include "include/zepn_notifier.h"
+#include "driver/include/zepn_notifier.h"
 #include "samples/common/notifier_link.h"
 
 #define CRASHDUMP_POOL_TAG 'pmdS'  // "Sdmp" in memory

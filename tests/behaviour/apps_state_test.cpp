@@ -1,5 +1,5 @@
 // The application-state broadcast: power transitions, the I/O control, handles of the control device.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

@@ -1,6 +1,6 @@
 // Commands: what reaches the target, one per run; what is refused, dropped, left alive, and how delivery can stop for
 // good.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

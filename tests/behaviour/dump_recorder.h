@@ -1,7 +1,7 @@
 // A crash-dump driver that records what it is told, and a world that has it attached.
 #pragma once
 
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 

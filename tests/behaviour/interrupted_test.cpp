@@ -1,7 +1,7 @@
 // What other threads may do between any two instructions of an operation.
 #include "tests/behaviour/interruption.h"
-#include "tests/support/one_report.h"
-#include "tests/support/world.h"
+#include "tests/kit/one_report.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

@@ -1,5 +1,5 @@
 // Load, device add, start, removal and unload: what exists, what is reported, and every way device add can fail.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

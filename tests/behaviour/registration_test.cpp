@@ -1,5 +1,5 @@
 // Registration of clients: what is stored and what is refused.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

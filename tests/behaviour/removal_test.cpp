@@ -1,5 +1,5 @@
 // A client leaves, alone or with all others: what goes, what stays, and who is told.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

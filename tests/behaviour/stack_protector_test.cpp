@@ -1,6 +1,6 @@
 // A frame that was overwritten stops the system before the function returns through it. The images' protection; the
 // native driver has its compiler's own.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

@@ -1,5 +1,5 @@
 // The road of a state: posting, delivery in order, answers, and what every failure on the way leaves behind.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

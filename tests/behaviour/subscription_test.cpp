@@ -1,5 +1,5 @@
 // Subscriptions: keys, the immediate delivery, answers, and failures.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

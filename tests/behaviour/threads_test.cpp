@@ -1,6 +1,6 @@
 // The same driver with real worker threads and several client threads at once: nothing is lost, nothing is delivered
 // twice, each poster's order is kept, and nothing is left behind.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 #include <array>
 #include <atomic>

@@ -1,5 +1,5 @@
 // Listeners: what they get at which level, when they come and go, and that a silent driver writes nothing.
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 
 namespace tests {
 namespace {

@@ -9,7 +9,7 @@
 namespace tests {
 namespace {
 
-constexpr const char* kHeader = "include/zepn_notifier.h";
+constexpr const char* kHeader = "driver/include/zepn_notifier.h";
 constexpr const char* kLanguages[] = {"-x c -std=c11", "-x c++ -std=c++14", "-x c++ -std=c++20"};
 constexpr const char* kTargets[] = {"--target=x86_64-pc-windows-msvc", "--target=aarch64-pc-windows-msvc",
                                     "-fshort-wchar -fsigned-char"};

@@ -133,7 +133,7 @@ Pairs StatusesOfHeader(const std::string& header)
 
 TEST(Troubleshooting, HoldsEachStatusOfTheHeaderWithAScenarioThatShowsIt)
 {
-    const Pairs expected = StatusesOfHeader(TextOf(kRoot / "include/zepn_notifier.h"));
+    const Pairs expected = StatusesOfHeader(TextOf(kRoot / "driver/include/zepn_notifier.h"));
     EXPECT_GT(expected.size(), 40u);
     Pairs found;
     for (const auto& row : Rows(TextOf(kRoot / "docs/troubleshooting.md"))) {
@@ -148,7 +148,7 @@ TEST(Troubleshooting, HoldsEachStatusOfTheHeaderWithAScenarioThatShowsIt)
 TEST(Troubleshooting, HoldsEachProhibitionOfTheHeaderWithAScenarioThatShowsItsTrouble)
 {
     std::set<std::string> expected;
-    for (const std::string& line : LinesOf(TextOf(kRoot / "include/zepn_notifier.h"))) {
+    for (const std::string& line : LinesOf(TextOf(kRoot / "driver/include/zepn_notifier.h"))) {
         std::smatch match;
         if (std::regex_search(line, match, std::regex(R"(^//   (\[[a-z-]+\]) )"))) {
             expected.insert(match[1]);

@@ -1,6 +1,6 @@
 // The MSBuild projects against the CMake build: they cannot be run here, but they cannot fall behind either.
 #include "tests/docs/text_files.h"
-#include "tests/support/matches.h"
+#include "tests/kit/matches.h"
 
 #include <nlohmann/json.hpp>
 
@@ -16,8 +16,10 @@ namespace {
 std::set<std::string> SourcesOf(const std::string& project)
 {
     std::set<std::string> sources;
-    for (std::string source : Matches(TextOf(kRoot / "wdk" / project), R"(<ClCompile Include="\.\.\\([^"]+)\")")) {
+    for (std::string source : Matches(TextOf(kRoot / "driver/wdk" / project), R"(<ClCompile Include="\.\.\\([^"]+)\")")) {
         std::replace(source.begin(), source.end(), '\\', '/');
+        // From the projects' folder, driver/wdk.
+        source = source.starts_with("../") ? source.substr(3) : "driver/" + source;
         sources.insert(source);
     }
     return sources;
@@ -44,7 +46,7 @@ TEST(WdkProjects, CompileTheSourcesOfTheImagesInTheirLanguageForTheirFramework)
     }
 
     // The WDK makes these two defines of the properties; there must be no others.
-    const std::string shared = TextOf(kRoot / "wdk/driver.props");
+    const std::string shared = TextOf(kRoot / "driver/wdk/driver.props");
     std::set<std::string> projectDefines;
     for (const std::string& part : {std::string("MAJOR"), std::string("MINOR")}) {
         for (const std::string& value : Matches(shared, "<KMDF_VERSION_" + part + ">(\\d+)<")) {
@@ -59,10 +61,10 @@ TEST(WdkProjects, CompileTheSourcesOfTheImagesInTheirLanguageForTheirFramework)
 TEST(WdkProjects, AreWellFormedAndInTheSolutionWithBothPlatforms)
 {
     const std::set<std::string> expected = {"Debug|ARM64", "Debug|x64", "Release|ARM64", "Release|x64"};
-    EXPECT_EQ(Matches(TextOf(kRoot / "wdk/driver.props"), R"re(<ProjectConfiguration Include="([^"]+)")re"), expected);
-    const std::string solution = TextOf(kRoot / "wdk/zepn.sln");
+    EXPECT_EQ(Matches(TextOf(kRoot / "driver/wdk/driver.props"), R"re(<ProjectConfiguration Include="([^"]+)")re"), expected);
+    const std::string solution = TextOf(kRoot / "driver/wdk/zepn.sln");
     std::set<std::string> projects;
-    for (const auto& entry : std::filesystem::directory_iterator(kRoot / "wdk")) {
+    for (const auto& entry : std::filesystem::directory_iterator(kRoot / "driver/wdk")) {
         const std::string name = entry.path().filename().string();
         if (name.ends_with(".vcxproj") || name.ends_with(".props")) {
             EXPECT_EQ(std::system(("xmllint --noout '" + entry.path().string() + "'").c_str()), 0);

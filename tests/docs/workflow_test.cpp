@@ -48,7 +48,7 @@ TEST(Workflow, NamesFilesThatAreThere)
     for (const auto& job : workflow["jobs"]) {
         for (const YAML::Node& step : job.second["steps"]) {
             const std::string text = step["run"].IsDefined() ? step["run"].as<std::string>() : "";
-            const std::regex name(R"((?:^|[\s'"])\.?[\\/]?((?:tests|wdk)[\\/][\w\\/.]+\.(?:sln|cpp|ps1|capture)))");
+            const std::regex name(R"((?:^|[\s'"])\.?[\\/]?((?:tests|driver)[\\/][\w\\/.]+\.(?:sln|cpp|ps1|capture)))");
             for (std::sregex_iterator at(text.begin(), text.end(), name), end; at != end; ++at) {
                 std::string file = (*at)[1];
                 std::ranges::replace(file, '\\', '/');

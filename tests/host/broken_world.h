@@ -3,8 +3,8 @@
 #pragma once
 
 #include "host/machine.h"
-#include "tests/broken_drivers/broken.h"
-#include "tests/support/death.h"
+#include "tests/faulty_drivers/broken.h"
+#include "tests/kit/death.h"
 
 #include <gtest/gtest.h>
 

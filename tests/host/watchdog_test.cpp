@@ -3,7 +3,7 @@
 // process ends by itself, with another status, only after a time that no machine is slow enough to need.
 #include "host/checks/crash.h"
 #include "host/checks/watchdog.h"
-#include "tests/support/death.h"
+#include "tests/kit/death.h"
 
 #include <gtest/gtest.h>
 

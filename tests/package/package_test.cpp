@@ -13,7 +13,7 @@ protected:
     // The end status of sign.sh, with the test certificate; options stand before the command.
     [[nodiscard]] int Sign(const std::string& options = "") const
     {
-        const std::string call = options + " '" + root_ + "/package/sign.sh' '" + folder_.string() + "' '" +
+        const std::string call = options + " '" + root_ + "/driver/package/sign.sh' '" + folder_.string() + "' '" +
                                  (folder_ / "work").string() + "' > /dev/null 2>&1";
         return std::system(call.c_str());
     }

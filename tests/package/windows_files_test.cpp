@@ -3,8 +3,8 @@
 #include "host/tracing/decode.h"
 #include "tests/package/assembled.h"
 #include "tests/package/powershell.h"
-#include "tests/support/matches.h"
-#include "tests/support/world.h"
+#include "tests/kit/matches.h"
+#include "tests/kit/world.h"
 
 #include <algorithm>
 #include <regex>
@@ -102,7 +102,7 @@ TEST_F(WindowsFiles, HoldWhatTheBuildWithTheWdkTakesOver)
     unsigned taken = 0;
     for (const char* project : {"zepn.vcxproj", "zepn_probe.vcxproj", "driver.props"}) {
         for (std::string name :
-             Matches(ReadAll(fs::path(root_) / "wdk" / project), R"(\$\(ZepnPackage\)\\([^'";]+))")) {
+             Matches(ReadAll(fs::path(root_) / "driver/wdk" / project), R"(\$\(ZepnPackage\)\\([^'";]+))")) {
             std::ranges::replace(name, '\\', '/');
             for (const char* machine : {"arm64", "x64"}) {
                 EXPECT_TRUE(fs::exists(folder_ / std::regex_replace(name, std::regex(R"(\$\(ZepnMachine\))"), machine)))
@@ -111,7 +111,7 @@ TEST_F(WindowsFiles, HoldWhatTheBuildWithTheWdkTakesOver)
             ++taken;
         }
         // StampInf stamps in any case; without these, the time of the build.
-        const std::string text = ReadAll(fs::path(root_) / "wdk" / project);
+        const std::string text = ReadAll(fs::path(root_) / "driver/wdk" / project);
         if (text.find("<Inf ") != std::string::npos) {
             EXPECT_NE(text.find("<DateStamp>$(ZepnDay)</DateStamp>"), std::string::npos) << project;
             EXPECT_NE(text.find("<TimeStamp>$(ZepnVersion)</TimeStamp>"), std::string::npos) << project;

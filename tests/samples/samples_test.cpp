@@ -1,6 +1,6 @@
 // The samples as images: their life beside the Notifier, and the probe's answers.
 #include "host/machine.h"
-#include "tests/support/world.h"
+#include "tests/kit/world.h"
 #include "tools/image_check/checks.h"
 #include "tools/play/samples_life.h"
 

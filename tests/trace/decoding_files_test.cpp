@@ -84,7 +84,7 @@ TEST(MessageFormats, AreTaggedWithTheNameOfTheirReportingSite)
 {
     const host::tracing::MessageFormats formats(kFolder);
     std::string rows;
-    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(ZEPN_ROOT) / "trace")) {
+    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(ZEPN_ROOT) / "driver/trace")) {
         rows += entry.path().filename().string().starts_with("rows_") ? TextOf(entry.path()) : "";
     }
     for (const auto& [key, format] : formats.formats()) {

@@ -1,7 +1,7 @@
 // The simulated peers: client drivers that answer as the scenario says, and a crash-dump driver.
 #pragma once
 
-#include "include/zepn_notifier.h"
+#include "driver/include/zepn_notifier.h"
 #include "tools/play/scenario.h"
 #include "tools/play/timeline.h"
 

@@ -1,6 +1,6 @@
 #include "tools/play/statuses.h"
 
-#include "include/zepn_notifier.h"
+#include "driver/include/zepn_notifier.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -10,7 +10,7 @@
 #include "tools/trace_gen/reports_page.h"
 #include "tools/trace_gen/resources.h"
 #include "tools/trace_gen/site_names.h"
-#include "trace/rows.h"
+#include "driver/trace/rows.h"
 
 #include <filesystem>
 #include <fstream>

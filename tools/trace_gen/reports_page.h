@@ -1,7 +1,7 @@
 // Writes for people, and for the tests, what the catalogue holds.
 #pragma once
 
-#include "trace/rows.h"
+#include "driver/trace/rows.h"
 
 #include <ostream>
 #include <string>

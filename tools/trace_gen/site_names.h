@@ -1,7 +1,7 @@
 // The names of the reporting sites as the sources spell them, without the leading k.
 #pragma once
 
-#include "trace/sites.h"
+#include "driver/trace/sites.h"
 
 #include <array>
 #include <string_view>

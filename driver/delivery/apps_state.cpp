@@ -1,0 +1,245 @@
+// Application state: every client is told that the system leaves its working state, or that user mode asked, and the
+// states that clients choose in answer are posted. On the power path the transition is then held for a configured time,
+// so that the deliveries can run before the system sleeps.
+//
+// The broadcast has two phases because posting takes the clients lock: under it the answers are collected in a
+// temporary collection, without it they are posted. Nothing serialises two broadcasts beyond the first phase.
+#include "driver/delivery/delivery.h"
+
+#include "driver/context/driver_context.h"
+#include "driver/context/operations.h"
+#include "driver/registry/client.h"
+
+constexpr LONGLONG kIntervalsPerMillisecond = 10000;  // 100 ns units
+
+// The temporary objects of one broadcast. Failure paths delete the parent, and the collection with it, while both
+// phases go on: the broadcast holds a reference on each, deletes the parent at most once and gives both back at its
+// end.
+struct Answers {
+    WDFOBJECT parent;
+    WDFCOLLECTION collection;
+    bool deleted;
+};
+
+static void DeleteParent(Answers& answers)
+{
+    if (!answers.deleted) {
+        answers.deleted = true;
+        WdfObjectDelete(answers.parent);
+    }
+}
+
+static NTSTATUS CreateAnswers(Answers& answers)
+{
+    answers.deleted = false;
+    NTSTATUS status = WdfObjectCreate(WDF_NO_OBJECT_ATTRIBUTES, &answers.parent);
+    if (!NT_SUCCESS(status)) {
+        return ReportFailure<Site::kAppsStateParent>(status);
+    }
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = answers.parent;
+    status = WdfCollectionCreate(&attributes, &answers.collection);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kAppsStateCollection>(status);
+        WdfObjectDelete(answers.parent);
+        return status;
+    }
+    WdfObjectReference(answers.parent);
+    WdfObjectReference(answers.collection);
+    return status;
+}
+
+// On purpose: without a failure nothing is deleted; the objects stay until the driver object goes.
+static void LeaveAnswers(const Answers& answers)
+{
+    WdfObjectDereference(answers.collection);
+    WdfObjectDereference(answers.parent);
+}
+
+// Keeps one client's answer for the second phase. Its object is on purpose a child of the driver object, not of the
+// temporary parent.
+static NTSTATUS CollectAnswer(Answers& answers, const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ULONG wanted)
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_CONTEXT);
+    WDFOBJECT object;
+    NTSTATUS status = WdfObjectCreate(&attributes, &object);
+    if (!NT_SUCCESS(status)) {
+        return ReportFailure<Site::kAppsStateState>(status);
+    }
+    ZEP_NOTIFIER_STATE_CONTEXT* stateContext = GetStateContext(object);
+    if (stateContext == nullptr) {
+        // On purpose: the temporary parent is deleted, not the new object.
+        Report<Site::kAppsStateStateContext>(object);
+        DeleteParent(answers);
+        return status;
+    }
+    stateContext->State = {
+        .Size = sizeof(ZepState), .InterfaceGUID = client.InterfaceGUID, .State = wanted, .Reserved = 0};
+
+    status = WdfCollectionAdd(answers.collection, object);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kAppsStateAdd>(status);
+        DeleteParent(answers);
+    }
+    return status;
+}
+
+// First phase, under the clients lock. No failure stops it. Takes and returns the status of the last framework call.
+static NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& answers, NTSTATUS status)
+{
+    const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
+    for (ULONG index = 0; index < count; ++index) {
+        const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
+        if (item == nullptr) {
+            Report<Site::kAppsStateClientItem>(index, context.wdfCollectionZepClients, count);
+            continue;
+        }
+        const ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(item);
+        if (client == nullptr) {
+            Report<Site::kAppsStateClient>(item);
+            continue;
+        }
+        if (client->ActionCallbackTable.AppsStateNotificationCallback == nullptr) {
+            Report<Site::kAppsStateNoCallback>(item);
+            continue;
+        }
+        ULONG wanted = ReadULongNoFence(&client->CurrentState);
+        (void)client->ActionCallbackTable.AppsStateNotificationCallback(client->CallbackContext,
+                                                                        ZEP_APPS_STATE_REASON_CHANGED, &wanted);
+        // On purpose: read anew. A post meanwhile makes an answer of the state before it.
+        if (wanted != ReadULongNoFence(&client->CurrentState)) {
+            status = CollectAnswer(answers, *client, wanted);
+        }
+    }
+    return status;
+}
+
+// Second phase, without locks. A client that left before its post makes it fail; one that leaves during it is an
+// accepted race. No failure stops it.
+static NTSTATUS PostAnswers(Answers& answers, NTSTATUS status)
+{
+    const ULONG count = WdfCollectionGetCount(answers.collection);
+    for (ULONG index = 0; index < count; ++index) {
+        const WDFOBJECT item = WdfCollectionGetItem(answers.collection, index);
+        if (item == nullptr) {
+            Report<Site::kAppsStatePostItem>(0u, answers.collection, count);  // On purpose: index 0, whichever it was
+            continue;
+        }
+        const ZEP_NOTIFIER_STATE_CONTEXT* stateContext = GetStateContext(item);
+        if (stateContext == nullptr) {
+            Report<Site::kAppsStatePostContext>(item);
+            DeleteParent(answers);
+            continue;
+        }
+        Report<Site::kAppsStatePosting>(stateContext->State.InterfaceGUID.Data1, stateContext->State.State);
+        status = Notifier_HelperSendState(&stateContext->State);
+        if (!NT_SUCCESS(status)) {
+            Report<Site::kAppsStatePost>(status);
+            DeleteParent(answers);
+        }
+    }
+    return status;
+}
+
+// Milliseconds; 0 when nothing is configured. Read anew at each transition, so that a change needs no reload.
+static ULONG ZEPReadRegistry()
+{
+    Report<Site::kReadRegistryEntered>();
+    ULONG timeoutMs = 0;
+    UNICODE_STRING valueName;
+    RtlInitUnicodeString(&valueName, L"SubsystemNotificationTimeout");
+
+    const WDFDRIVER driver = WdfGetDriver();
+    if (driver == nullptr) {
+        Report<Site::kReadRegistryNoDriver>();
+        return 0;
+    }
+    WDFKEY key;
+    NTSTATUS status = WdfDriverOpenParametersRegistryKey(driver, KEY_READ, WDF_NO_OBJECT_ATTRIBUTES, &key);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kReadRegistryOpen>();
+        return 0;
+    }
+    status = WdfRegistryQueryULong(key, &valueName, &timeoutMs);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kReadRegistryQuery>();
+        timeoutMs = 0;
+    }
+    WdfRegistryClose(key);
+    return timeoutMs;
+}
+
+NTSTATUS Notifier_NotifyAppsState(ULONG)
+{
+    Report<Site::kAppsStateEntered>();
+    const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
+        DriverContextOrReport<Site::kAppsStateNoDriver, Site::kAppsStateNoContext>();
+    if (context == nullptr) {
+        return STATUS_IO_DEVICE_ERROR;
+    }
+    if (!HasClients(*context)) {
+        return STATUS_SUCCESS;
+    }
+    NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
+    if (status != STATUS_SUCCESS) {
+        return ReportFailure<Site::kAppsStateLock>(status);
+    }
+    Answers answers;
+    status = CreateAnswers(answers);
+    if (!NT_SUCCESS(status)) {
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+        return status;
+    }
+
+    status = AskClients(*context, answers, status);
+    WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+    status = PostAnswers(answers, status);
+
+    LeaveAnswers(answers);
+    Report<Site::kAppsStateDone>(status);
+    return status;
+}
+
+// Called by the system for every kind of power notification, some at DISPATCH_LEVEL: all but the one kind that comes at
+// PASSIVE_LEVEL are turned away before anything else.
+void EvtPowerStateCallback(PVOID callbackContext, PVOID argument1, PVOID argument2)
+{
+    if (reinterpret_cast<ULONG_PTR>(argument1) != PO_CB_SYSTEM_STATE_LOCK) {
+        return;
+    }
+    Report<Site::kPowerStateEntered>(callbackContext);
+
+    const ULONG inWorkingState = static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(argument2));
+    if (inWorkingState == 0) {
+        (void)Notifier_NotifyAppsState(ZEP_APPS_STATE_REASON_CHANGED);
+        const ULONG timeoutMs = ZEPReadRegistry();
+        if (timeoutMs != 0) {
+            Report<Site::kPowerStateWaiting>(timeoutMs);
+            LARGE_INTEGER interval = {.QuadPart = -static_cast<LONGLONG>(timeoutMs) * kIntervalsPerMillisecond};
+            (void)KeDelayExecutionThread(KernelMode, FALSE, &interval);
+        }
+    } else if (inWorkingState == 1) {
+        Report<Site::kPowerStateResumed>();
+    }
+    Report<Site::kPowerStateDone>();
+}
+
+void NotifierEvtIoDeviceControl(WDFQUEUE queue, WDFREQUEST request, size_t, size_t, ULONG ioControlCode)
+{
+    NTSTATUS status;
+    if (WdfIoQueueGetDevice(queue) == nullptr) {
+        status = ReportFailure<Site::kIoControlNoDevice>(queue, STATUS_INVALID_DEVICE_REQUEST);
+    } else {
+        Report<Site::kIoControlEntered>(ioControlCode);
+        if (ioControlCode == IOCTL_ZEPN_NOTIFY_APPS_STATE) {
+            status = NT_SUCCESS(Notifier_NotifyAppsState(ZEP_APPS_STATE_REASON_CHANGED)) ? STATUS_SUCCESS
+                                                                                         : STATUS_UNSUCCESSFUL;
+        } else {
+            Report<Site::kIoControlUnknown>(ioControlCode);
+            status = STATUS_NOT_SUPPORTED;
+        }
+    }
+    WdfRequestCompleteWithInformation(request, status, 0);
+}

@@ -1,0 +1,241 @@
+// Commands from one client to another: posting, and the work item that hands one command to its target per run.
+//
+// Posting accepts a command once sender and target are known; what fails behind that is only reported. A run holds its
+// own lock throughout and the clients lock until the target has answered; the answer is posted without it.
+#include "driver/delivery/delivery.h"
+
+#include "driver/context/driver_context.h"
+#include "driver/context/operations.h"
+#include "driver/registry/registry.h"
+
+static void QueueCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT senderObject, const ZepCommand& command)
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_COMMAND_CONTEXT);
+    attributes.ParentObject = senderObject;
+    WDFOBJECT object;
+    NTSTATUS status = WdfObjectCreate(&attributes, &object);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kSendCommandObject>(status);
+        return;
+    }
+    ZEP_NOTIFIER_COMMAND_CONTEXT* commandContext = GetCommandContext(object);
+    if (commandContext == nullptr) {
+        Report<Site::kSendCommandContext>(object, STATUS_IO_DEVICE_ERROR);
+        WdfObjectDelete(object);
+        return;
+    }
+    commandContext->Command = command;
+    Report<Site::kSendCommandPosted>(command.SourceGuid.Data1, command.TargetGuid.Data1, command.CommandId,
+                                     command.CommandArgument);
+
+    status = WdfWaitLockAcquire(context.wdfWaitLockCommandsCollection, nullptr);
+    if (status != STATUS_SUCCESS) {
+        Report<Site::kSendCommandLock>(status);
+        WdfObjectDelete(object);
+        return;
+    }
+    status = WdfCollectionAdd(context.wdfCollectionZepCommands, object);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kSendCommandAdd>(status);
+        WdfObjectDelete(object);
+    } else {
+        WdfWorkItemEnqueue(context.wdfWorkItemNotifyCommands);
+    }
+    WdfWaitLockRelease(context.wdfWaitLockCommandsCollection);
+}
+
+// Takes the oldest command off its queue, with a reference of the driver's own on its object: the sender may have gone,
+// and with it the object's only other reference. False ends the run.
+static bool TakeCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepCommand& command, WDFOBJECT& object)
+{
+    const NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockCommandsCollection, nullptr);
+    if (status != STATUS_SUCCESS) {
+        Report<Site::kNotifyCommandsCommandsLock>(status);
+        return false;
+    }
+    object = WdfCollectionGetFirstItem(context.wdfCollectionZepCommands);
+    if (object == nullptr) {
+        Report<Site::kNotifyCommandsEmpty>(context.wdfCollectionZepCommands);
+        WdfWaitLockRelease(context.wdfWaitLockCommandsCollection);
+        return false;
+    }
+    const ZEP_NOTIFIER_COMMAND_CONTEXT* commandContext = GetCommandContext(object);
+    if (commandContext == nullptr) {
+        Report<Site::kNotifyCommandsCommand>(object);
+        // Out of the queue before it is deleted: it would otherwise stay first for ever.
+        WdfObjectReference(object);
+        WdfCollectionRemove(context.wdfCollectionZepCommands, object);
+        WdfObjectDelete(object);
+        WdfObjectDereference(object);
+        WdfWaitLockRelease(context.wdfWaitLockCommandsCollection);
+        return false;
+    }
+    command = commandContext->Command;
+    WdfObjectReference(object);
+    WdfCollectionRemove(context.wdfCollectionZepCommands, object);
+    WdfWaitLockRelease(context.wdfWaitLockCommandsCollection);
+    return true;
+}
+
+struct Parties {
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* sender;
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* target;
+};
+
+// Looks for both at once and stops when both are known. On purpose a client that is the sender is not looked at as the
+// target: a command to oneself never finds its target. False ends the run.
+static bool FindParties(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, Parties& parties)
+{
+    const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
+    for (ULONG index = 0; index < count && (parties.sender == nullptr || parties.target == nullptr); ++index) {
+        const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
+        if (item == nullptr) {
+            Report<Site::kNotifyCommandsItem>(index, context.wdfCollectionZepClients, count);
+            return false;
+        }
+        const ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(item);
+        if (client == nullptr) {
+            Report<Site::kNotifyCommandsClient>(item);
+            return false;
+        }
+        if (GuidsEqual(client->InterfaceGUID, command.SourceGuid)) {
+            parties.sender = client;
+        } else if (GuidsEqual(client->InterfaceGUID, command.TargetGuid)) {
+            parties.target = client;
+        }
+    }
+    return true;
+}
+
+static void ReportMissingParties(const ZepCommand& command, const Parties& parties)
+{
+    if (parties.sender == nullptr) {
+        Report<Site::kNotifyCommandsNoSource>(command.SourceGuid, STATUS_UNSUCCESSFUL);
+    }
+    if (parties.target == nullptr) {
+        Report<Site::kNotifyCommandsNoTarget>(command.TargetGuid, STATUS_UNSUCCESSFUL);
+    }
+}
+
+// Calls the target under the clients lock, gives the lock back and posts the state that the target chose. False, with
+// the lock still held, when the target has no callback.
+static bool HandToTarget(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, const Parties& parties)
+{
+    const ZEP_NOTIFIER_CLIENT_CONTEXT& target = *parties.target;
+    if (target.ActionCallbackTable.CommandCallback == nullptr) {
+        Report<Site::kNotifyCommandsNoCallback>(command.TargetGuid, STATUS_SUCCESS);  // On purpose: status 0
+        return false;
+    }
+
+    const ZepCommandInfo info = {
+        .Size = sizeof(ZepCommandInfo),
+        .CommandArgument = command.CommandArgument,
+        .SourceGuid = command.SourceGuid,
+        .SourceState = ReadULongNoFence(&parties.sender->CurrentState),
+    };
+    const ULONG before = ReadULongNoFence(&target.CurrentState);
+    ULONG wanted = before;
+    (void)target.ActionCallbackTable.CommandCallback(target.CallbackContext, command.CommandId, &info, &wanted);
+    WdfWaitLockRelease(context.wdfWaitLockClientsCollection);
+
+    if (wanted != before) {
+        const ZepState state = {
+            .Size = sizeof(ZepState), .InterfaceGUID = command.TargetGuid, .State = wanted, .Reserved = 0};
+        const NTSTATUS status = Notifier_HelperSendState(&state);
+        if (!NT_SUCCESS(status)) {
+            Report<Site::kNotifyCommandsPost>(status);
+        }
+    }
+    return true;
+}
+
+enum class Delivery : UCHAR { kDelivered, kEnds, kPartyMissing };
+
+// One pass with the clients lock held; it is given back only when the command was delivered.
+static Delivery DeliverCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Parties& parties)
+{
+    ZepCommand command;
+    WDFOBJECT object;
+    if (!TakeCommand(context, command, object)) {
+        return Delivery::kEnds;
+    }
+
+    Delivery delivery = Delivery::kEnds;
+    if (FindParties(context, command, parties)) {
+        if (parties.sender == nullptr || parties.target == nullptr) {
+            ReportMissingParties(command, parties);
+            WdfObjectDelete(object);
+            delivery = Delivery::kPartyMissing;
+        } else if (HandToTarget(context, command, parties)) {
+            delivery = Delivery::kDelivered;
+        }
+    }
+    // On purpose: a command that was delivered, or dropped with both parties known, stays with its sender, undeleted.
+    WdfObjectDereference(object);
+    return delivery;
+}
+
+NTSTATUS Notifier_HelperSendCommand(const ZepCommand* command)
+{
+    Report<Site::kSendCommandEntered>();
+    if (command == nullptr) {
+        return ReportFailure<Site::kSendCommandNull>(STATUS_INVALID_PARAMETER);
+    }
+    const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
+        DriverContextOrReport<Site::kSendCommandNoDriver, Site::kSendCommandNoContext>(STATUS_IO_DEVICE_ERROR);
+    if (context == nullptr) {
+        return STATUS_IO_DEVICE_ERROR;
+    }
+    WDFOBJECT senderObject = nullptr;
+    if (_getClientContextByGUID(&command->SourceGuid, &senderObject) == nullptr) {
+        return ReportFailure<Site::kSendCommandNoSource>(command->SourceGuid, STATUS_INVALID_DEVICE_REQUEST);
+    }
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* target = _getClientContextByGUID(&command->TargetGuid, nullptr);
+    if (target == nullptr) {
+        return ReportFailure<Site::kSendCommandNoTarget>(command->TargetGuid, STATUS_INVALID_DEVICE_REQUEST);
+    }
+    if (target->ActionCallbackTable.CommandCallback == nullptr) {
+        return ReportFailure<Site::kSendCommandNoCallback>(command->TargetGuid, STATUS_INVALID_DEVICE_REQUEST);
+    }
+
+    // On purpose: accepted from here on, whatever becomes of it.
+    QueueCommand(*context, senderObject, *command);
+    return STATUS_SUCCESS;
+}
+
+void NotifierEvtWorkItemNotifyCommands(WDFWORKITEM)
+{
+    Report<Site::kNotifyCommandsEntered>();
+    const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
+        DriverContextOrReport<Site::kNotifyCommandsNoDriver, Site::kNotifyCommandsNoContext>();
+    if (context == nullptr) {
+        return;
+    }
+    NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockNotifyCommandsWorkItem, nullptr);
+    if (status != STATUS_SUCCESS) {
+        Report<Site::kNotifyCommandsItemLock>(status);
+        return;
+    }
+
+    // On purpose: one command a run; and the parties are found once for the run, not anew for each pass.
+    Parties parties = {.sender = nullptr, .target = nullptr};
+    Delivery delivery;
+    do {
+        status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
+        if (status != STATUS_SUCCESS) {
+            // On purpose: a hold of the pass before is not given back. Only a framework fault leads here then.
+            Report<Site::kNotifyCommandsClientsLock>(status);
+            WdfWaitLockRelease(context->wdfWaitLockNotifyCommandsWorkItem);
+            return;
+        }
+        delivery = DeliverCommand(*context, parties);
+        // On purpose: with a party missing the next pass waits for the clients lock that this thread holds. A client
+        // that leaves with commands under way, or commands itself, stops command delivery for good.
+    } while (delivery == Delivery::kPartyMissing);
+
+    if (delivery == Delivery::kEnds) {
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+    }
+    WdfWaitLockRelease(context->wdfWaitLockNotifyCommandsWorkItem);
+}

@@ -1,0 +1,29 @@
+// The queued records of delivery, and the broadcast that the power callback and the I/O control share.
+#pragma once
+
+#include <ntddk.h>
+
+#include <wdf.h>
+
+#include "driver/include/zepn_notifier.h"
+
+// A queued state: a plain copy of the posted record. Its object is a child of the posting client.
+struct ZEP_NOTIFIER_STATE_CONTEXT {
+    ZepState State;
+};
+static_assert(sizeof(ZEP_NOTIFIER_STATE_CONTEXT) == 32);
+
+WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_STATE_CONTEXT, GetStateContext)
+
+// A queued command: a plain copy of the posted record. Its object is a child of the sending client.
+struct ZEP_NOTIFIER_COMMAND_CONTEXT {
+    ZepCommand Command;
+};
+static_assert(sizeof(ZEP_NOTIFIER_COMMAND_CONTEXT) == 48);
+
+WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_COMMAND_CONTEXT, GetCommandContext)
+
+// Notifies every client of an application-state change, then posts the states that clients want in answer. Holds the
+// clients lock while it calls them; each post then takes it again, so the caller holds none. The reason is not used:
+// clients always get ZEP_APPS_STATE_REASON_CHANGED.
+[[nodiscard]] NTSTATUS Notifier_NotifyAppsState(ULONG Reason);

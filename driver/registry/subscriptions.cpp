@@ -1,0 +1,158 @@
+// Subscriptions of one client to another's states.
+//
+// A subscription is a child object of the subscriber and stands in the subscriber's own collection; it names the
+// watched client by GUID only, so it outlives that client and matches again when the GUID registers anew. Both
+// operations hold the clients lock from look-up to change, and the immediate callback runs under it.
+#include "driver/registry/registry.h"
+
+#include "driver/context/driver_context.h"
+#include "driver/context/operations.h"
+
+static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber,
+                                const GUID& subscriberGuid, const ZepState& filter,
+                                PZEP_STATE_NOTIFICATION_CALLBACK callback)
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT);
+    attributes.ParentObject = subscriberObject;
+    WDFOBJECT object;
+    NTSTATUS status = WdfObjectCreate(&attributes, &object);
+    if (!NT_SUCCESS(status)) {
+        return ReportFailure<Site::kRegisterObject>(status);
+    }
+    ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* registration = GetStateNotificationContext(object);
+    if (registration == nullptr) {
+        Report<Site::kRegisterContext>(object, STATUS_IO_DEVICE_ERROR);
+        WdfObjectDelete(object);
+        return STATUS_IO_DEVICE_ERROR;
+    }
+
+    registration->SubscriberGUID = subscriberGuid;
+    registration->StateFilter = filter;
+    registration->StateNotificationCallback = callback;
+
+    status = WdfCollectionAdd(subscriber.wdfCollectionStateRegistrations, object);
+    if (status != STATUS_SUCCESS) {  // On purpose: any other status, also of the success class
+        Report<Site::kRegisterAdd>(status);
+        WdfObjectDelete(object);
+        return status;
+    }
+    return STATUS_SUCCESS;
+}
+
+// Notifies the subscriber of the state that the watched client is in already. True when the answer is a new state.
+static bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const GUID& targetGuid,
+                                ULONG targetState, PZEP_STATE_NOTIFICATION_CALLBACK callback, ULONG& response)
+{
+    const ZepState current = {
+        .Size = sizeof(ZepState),
+        .InterfaceGUID = targetGuid,
+        .State = targetState,
+        .Reserved = 0,
+    };
+    response = ReadULongNoFence(&subscriber.CurrentState);
+    (void)callback(subscriber.CallbackContext, &current, &response);
+    // On purpose: read anew. A post meanwhile makes an answer of the state before it.
+    return response != ReadULongNoFence(&subscriber.CurrentState);
+}
+
+NTSTATUS Notifier_HelperRegisterForStateNotification(const GUID* interfaceGuid, const ZepState* state,
+                                                     PZEP_STATE_NOTIFICATION_CALLBACK callback)
+{
+    Report<Site::kRegisterEntered>();
+    if (interfaceGuid == nullptr || state == nullptr || callback == nullptr) {
+        return ReportFailure<Site::kRegisterNull>(STATUS_INVALID_PARAMETER);
+    }
+    const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
+        DriverContextOrReport<Site::kRegisterNoDriver, Site::kRegisterNoContext>(STATUS_IO_DEVICE_ERROR);
+    if (context == nullptr) {
+        return STATUS_IO_DEVICE_ERROR;
+    }
+    NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
+    if (status != STATUS_SUCCESS) {
+        return ReportFailure<Site::kRegisterLock>(status);
+    }
+
+    WDFOBJECT subscriberObject = nullptr;
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(interfaceGuid, &subscriberObject);
+    if (subscriber == nullptr) {
+        Report<Site::kRegisterNoSubscriber>(*interfaceGuid, STATUS_ZEP_NOTIFIER_NO_DRIVER);
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+        return STATUS_ZEP_NOTIFIER_NO_DRIVER;
+    }
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* target = _getClientContextByGUID_unsafe(&state->InterfaceGUID, nullptr);
+    if (target == nullptr) {
+        Report<Site::kRegisterNoTarget>(*interfaceGuid, STATUS_SUCCESS);
+    }
+
+    status = AddRegistration(subscriberObject, *subscriber, *interfaceGuid, *state, callback);
+    if (status != STATUS_SUCCESS) {
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+        return status;
+    }
+    if (target == nullptr) {
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+        return STATUS_SUCCESS;
+    }
+    // Read once: a post may change it at any time, and the subscriber must get the state that was compared.
+    const ULONG targetState = ReadULongNoFence(&target->CurrentState);
+    if (targetState != state->State && state->State != ZEP_STATE_ANY) {
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+        return STATUS_SUCCESS;
+    }
+
+    ULONG response;
+    if (!DeliverCurrentState(*subscriber, target->InterfaceGUID, targetState, callback, response)) {
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+        return STATUS_SUCCESS;
+    }
+    const ZepState answer = {
+        .Size = sizeof(ZepState),
+        .InterfaceGUID = subscriber->InterfaceGUID,
+        .State = response,
+        .Reserved = 0,
+    };
+    // Posting takes the clients lock itself.
+    WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+    status = Notifier_HelperSendState(&answer);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kRegisterPost>(status);
+    }
+    return status;
+}
+
+NTSTATUS Notifier_HelperDeregisterForStateNotification(const GUID* interfaceGuid, const ZepState* state)
+{
+    Report<Site::kDeregisterEntered>();
+    if (interfaceGuid == nullptr || state == nullptr) {
+        return ReportFailure<Site::kDeregisterNull>(STATUS_INVALID_PARAMETER);
+    }
+    const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
+        DriverContextOrReport<Site::kDeregisterNoDriver, Site::kDeregisterNoContext>(STATUS_IO_DEVICE_ERROR);
+    if (context == nullptr) {
+        return STATUS_IO_DEVICE_ERROR;
+    }
+    const NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
+    if (status != STATUS_SUCCESS) {
+        return ReportFailure<Site::kDeregisterLock>(status);
+    }
+
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(interfaceGuid, nullptr);
+    if (subscriber == nullptr) {
+        Report<Site::kDeregisterNoSubscriber>(*interfaceGuid, STATUS_ZEP_NOTIFIER_NO_DRIVER);
+        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+        return STATUS_ZEP_NOTIFIER_NO_DRIVER;
+    }
+
+    WDFOBJECT registrationObject = nullptr;
+    const WDFCOLLECTION registrations = subscriber->wdfCollectionStateRegistrations;
+    if (_getStateNotificationContextByZepState_unsafe(state, registrations, &registrationObject) != nullptr) {
+        // A collection keeps a deleted object: out of it first.
+        WdfCollectionRemove(registrations, registrationObject);
+        WdfObjectDelete(registrationObject);
+    } else {
+        Report<Site::kDeregisterNotFound>();
+    }
+    WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+    return STATUS_SUCCESS;
+}

@@ -1,0 +1,235 @@
+// Each platform call of a life fails once, and once more with all later ones of its function, in every form that it
+// has; what the driver shows must be what the expectation says, operation by operation, to the end of the life.
+#include "host/checks/call_path.h"
+#include "tests/kit/death.h"
+#include "tests/fault_injection/figures.h"
+#include "tests/fault_injection/lives.h"
+#include "tests/fault_injection/played.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+namespace sweep {
+namespace {
+
+std::string Path(const host::ObservedCall& call, host::Machine& machine)
+{
+    std::string path;
+    for (const auto& name : host::checks::CallPath(machine.environment().modules)) {
+        path += name + " > ";
+    }
+    return path + call.function;
+}
+
+// By which functions the life without the fault comes to the call that fails, or to the one behind a look-up. The native
+// driver is asked: it makes the same calls as the others.
+std::string PathTo(const Plan& plan)
+{
+    std::string path;
+    std::uint64_t number = 0;
+    unsigned index = 0;
+    std::set<Site> sites;
+    const auto onCall = [&](const host::ObservedCall& call, host::Machine& machine) {
+        const bool isIt = plan.hideAt != 0 ? ++number == plan.hideAt + 1
+                                           : call.function == plan.fault->function && index++ == plan.fault->index;
+        path = isIt ? ", by " + Path(call, machine) : path;
+    };
+    const Played played(tests::Containers().front(), {.life = plan.life, .routes = plan.routes, .onCall = onCall},
+                        sites);
+    return path;
+}
+
+// The faults are dealt out to so many cases of each container, so that processors share them: every one belongs to one.
+constexpr unsigned kShards = 4;
+
+struct Shard {
+    tests::Container container;
+    unsigned number;
+};
+void PrintTo(const Shard& shard, std::ostream* out)
+{
+    *out << shard.container.name << "_" << shard.number;
+}
+
+std::vector<Shard> Shards()
+{
+    std::vector<Shard> shards;
+    for (const tests::Container& container : tests::Containers()) {
+        for (unsigned number = 1; number <= kShards; ++number) {
+            shards.push_back({container, number});
+        }
+    }
+    return shards;
+}
+
+class Sweep : public testing::TestWithParam<Shard> {
+protected:
+    void Check(const Plan& plan)
+    {
+        if (fault_++ % kShards != GetParam().number - 1) {
+            return;
+        }
+        const Played played(GetParam().container, plan, sites_);
+        if (plan.fault) {
+            figures_.Count(*plan.fault, plan.records != nullptr);
+        }
+        if (!played.difference.empty() && failures_++ < kShownFailures) {
+            ADD_FAILURE() << plan.Text() << (plan.fault ? PathTo(plan) : "") << "\n" << played.difference;
+        }
+    }
+
+    // Every call of the life that the expectation foresees, in every form; sticky: with all later ones of its function.
+    void FailEachCall(const Life& life, bool sticky);
+    // Every call of the tracing runtime.
+    void FailTracing(const Life& life, host::TraceRoutes routes);
+
+    static constexpr unsigned kShownFailures = 10;
+    unsigned failures_ = 0;
+    unsigned turn_ = 0;
+    unsigned fault_ = 0;
+    std::set<Site> sites_;
+    Figures figures_;
+};
+INSTANTIATE_TEST_SUITE_P(On, Sweep, testing::ValuesIn(Shards()), testing::PrintToStringParamName());
+
+void Sweep::FailEachCall(const Life& life, bool sticky)
+{
+    const Played whole(GetParam().container, {.life = life}, sites_);
+    ASSERT_EQ(whole.difference, "");
+    figures_.NoteLife(whole.callCount, whole.numbers.size(), whole.calls.size() - whole.numbers.size());
+    std::map<std::string, unsigned> indices;
+    std::size_t next = 0;  // of the calls that the host sees
+    for (const Call& call : whole.calls) {
+        const bool isDriver = call.function == "WdfGetDriver";
+        // The driver object is looked up without a call: it is hidden from the call before the one that follows.
+        const std::uint64_t hideAt = isDriver ? whole.numbers[next] - 1 : 0;
+        next += isDriver ? 0 : 1;
+        const unsigned index = indices[call.function]++;
+        if (++turn_ % Stride() != 0) {
+            continue;
+        }
+        for (const Form form : call.forms) {
+            Check({.life = life, .fault = Fault{call.function, index, sticky, form}, .hideAt = hideAt});
+        }
+    }
+}
+
+void Sweep::FailTracing(const Life& life, host::TraceRoutes routes)
+{
+    std::map<std::string, unsigned> counts;
+    const Plan plan{.life = life, .routes = routes, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
+                        counts[call.function] += KindOf(call.function) == Kind::kTracing ? 1 : 0;
+                    }};
+    const Played whole(GetParam().container, plan, sites_);
+    ASSERT_EQ(whole.difference, "");
+    for (const auto& [function, count] : counts) {
+        for (unsigned index = 0; index < count; ++index) {
+            const bool writes = function == "EtwWrite" || function == "WmiTraceMessage";
+            const Form form = function == "MmGetSystemRoutineAddress" ? Form::kNull : Form::kError;
+            const bool isLeftOut = writes && Stride() != 1 && index % (10 * Stride()) != 0;
+            if (!isLeftOut) {
+                Check({.life = life,
+                       .fault = Fault{function, index, false, form},
+                       .routes = routes,
+                       .records = &whole.records});
+            }
+            if (!writes || index == 0) {
+                Check({.life = life,
+                       .fault = Fault{function, index, true, form},
+                       .routes = routes,
+                       .records = &whole.records});
+            }
+        }
+    }
+}
+
+TEST_P(Sweep, EveryCallFails)
+{
+    const Life whole = WholeLife();
+    FailEachCall(whole, false);
+    for (const Life& life : {SecondDevice(), CommandToOneself(), CommandOfTheDeparted(), CommandToTheChanged()}) {
+        FailEachCall(life, false);
+    }
+    FailTracing(whole, host::TraceRoutes::kClassic);
+    FailTracing(LegacyLife(), host::TraceRoutes::kLegacy);
+
+    figures_.Save(GetParam().container.name, "once", GetParam().number, sites_);
+    EXPECT_EQ(failures_, 0u);
+}
+
+TEST_P(Sweep, EveryCallFailsForGood)
+{
+    FailEachCall(WholeLife(), true);
+    FailEachCall(SecondDevice(), true);
+    figures_.Save(GetParam().container.name, "sticky", GetParam().number, sites_);
+    EXPECT_EQ(failures_, 0u);
+}
+
+class SweepInAll : public tests::OnContainer {};
+FOR_ALL_CONTAINERS(SweepInAll);
+
+// A call is named by its number: that means the same call on all containers.
+TEST_P(SweepInAll, MakesTheSameCallsOnEachContainer)
+{
+    const auto callsOn = [life = WholeLife()](const tests::Container& container) {
+        Lines functions;
+        std::set<Site> sites;
+        const Played played(
+            container,
+            {.life = life,
+             .onCall = [&](const host::ObservedCall& call, host::Machine&) { functions.emplace_back(call.function); }},
+            sites);
+        EXPECT_EQ(played.difference, "");
+        return functions;
+    };
+    EXPECT_EQ(callsOn(GetParam()), callsOn(tests::Containers().front()));
+}
+
+// Where the stack can be unwound.
+std::size_t CallPaths(const tests::Container& container)
+{
+    std::set<std::string> paths;
+    std::set<Site> sites;
+    const Life life = WholeLife();
+    const Played played(
+        container,
+        {.life = life,
+         .onCall = [&](const host::ObservedCall& call, host::Machine& machine) { paths.insert(Path(call, machine)); }},
+        sites);
+    return container.name == std::string("native") ? paths.size() : 0;
+}
+
+// Runs after the shards, which are its fixture: it reads what they left.
+
+TEST_P(SweepInAll, ReachesEverySite)
+{
+    for (const std::string kind : {"once", "sticky"}) {
+        Figures all = Figures::OfAll(GetParam().name, kind, kShards);
+        all.NotePaths(kind == "once" ? CallPaths(GetParam()) : 0);
+        all.Write(GetParam().name, kind);
+        if (kind == "once" && Stride() == 1) {
+            EXPECT_EQ(all.Unreached(), Lines{}) << "reporting sites that no life reached";
+        }
+    }
+}
+
+TEST(SweepThatEnds, TellsWhatFailedAndWhere)
+{
+    GTEST_FLAG_SET(death_test_style, tests::kDeathTestStyle);
+    const Life life = LegacyLife();
+    const Plan plan{
+        .life = life, .fault = Fault{"WdfDeviceCreate"}, .onCall = [](const host::ObservedCall& call, host::Machine&) {
+            if (call.function == std::string("WdfWorkItemEnqueue")) {
+                tests::TouchNothing();
+            }
+        }};
+    std::set<Site> sites;
+    EXPECT_DEATH(Played(tests::Containers().front(), plan, sites),
+                 "sweep on native: WdfDeviceCreate call 0, error status; "
+                 "operation 5 .post 1 3 0., platform call [0-9]+");
+}
+
+}  // namespace
+}  // namespace sweep

@@ -1,0 +1,7 @@
+#pragma once
+
+#include "tests/faulty_drivers/broken.h"
+
+void NTAPI RunScenario(Scenario scenario);
+
+WDFDEVICE TheDevice();

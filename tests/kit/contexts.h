@@ -1,0 +1,62 @@
+// The driver's typed contexts as they lie in memory, restated here so that a change of layout shows as a failure.
+#pragma once
+
+#include "host/framework/view.h"
+#include "driver/include/zepn_notifier.h"
+
+namespace layout {
+
+inline constexpr const char* kDriverContextName = "ZEP_NOTIFIER_DRIVER_CONTEXT";
+inline constexpr const char* kClientContextName = "ZEP_NOTIFIER_CLIENT_CONTEXT";
+inline constexpr const char* kRegistrationContextName = "ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT";
+inline constexpr const char* kStateContextName = "ZEP_NOTIFIER_STATE_CONTEXT";
+inline constexpr const char* kCommandContextName = "ZEP_NOTIFIER_COMMAND_CONTEXT";
+inline constexpr const char* kWpcdContextName = "ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT";
+
+struct DriverContext {
+    WDFQUEUE queue;
+    WDFCOLLECTION addQueue;
+    WDFCOLLECTION removeQueue;
+    WDFCOLLECTION clients;
+    WDFCOLLECTION states;
+    WDFCOLLECTION commands;
+    WDFWAITLOCK generalLock;
+    WDFWAITLOCK clientsLock;
+    WDFWAITLOCK statesLock;
+    WDFWAITLOCK commandsLock;
+    WDFOBJECT wpcdClient;
+    WDFWORKITEM addItem;
+    WDFWORKITEM removeItem;
+    WDFWORKITEM notifyStatesItem;
+    WDFWORKITEM notifyCommandsItem;
+    WDFWAITLOCK notifyStatesLock;
+    WDFWAITLOCK notifyCommandsLock;
+    WDFWAITLOCK notifyAppsStateLock;
+    PVOID powerCallbackObject;
+    PVOID powerCallbackRegistration;
+};
+static_assert(sizeof(DriverContext) == 160);
+
+struct ClientContext {
+    GUID guid;
+    char name[64];
+    char description[128];
+    void* callbacks[6];
+    const ZepDataEntry* entries;
+    unsigned char entryCount;
+    void* callbackContext;
+    ULONG addedToWpcd;
+    ULONG wpcdRefreshPending;
+    ULONG currentState;
+    WDFCOLLECTION registrations;
+};
+static_assert(sizeof(ClientContext) == 304);
+
+struct RegistrationContext {
+    GUID subscriber;
+    ZepState filter;
+    void* callback;
+};
+static_assert(sizeof(RegistrationContext) == 56);
+
+}  // namespace layout

@@ -1,0 +1,60 @@
+#include "tests/kit/one_report.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tests {
+namespace {
+
+using Numbers = std::vector<std::uint64_t>;
+
+// Without the blank that ends some descriptions.
+std::string Trimmed(const std::string& text)
+{
+    return text.substr(0, text.find_last_not_of(' ') + 1);
+}
+
+// A GUID counts by its first number.
+Numbers NumbersOf(const host::tracing::DecodedEvent& event)
+{
+    using host::tracing::FieldType;
+    Numbers numbers;
+    for (const auto& field : event.fields) {
+        if (field.type == FieldType::kGuid) {
+            numbers.push_back(host::tracing::ParseGuid(field.text)->Data1);
+        } else if (field.type != FieldType::kAnsiString) {
+            numbers.push_back(field.number);
+        }
+    }
+    return numbers;
+}
+
+}  // namespace
+
+Numbers NumbersOf(const host::tracing::CapturedMessage& message)
+{
+    Numbers numbers;
+    std::size_t at = 0;
+    for (const std::uint32_t size : message.argumentSizes) {
+        std::memcpy(&numbers.emplace_back(0), message.payload.data() + at, std::min<std::size_t>(size, 8));
+        at += size;
+    }
+    return numbers;
+}
+
+std::string DifferenceOf(const host::tracing::DecodedEvent& event, const host::tracing::CapturedMessage& message,
+                         const host::tracing::DecodedMessage& decoded)
+{
+    const bool isError = decoded.level == "TRACE_LEVEL_ERROR" || decoded.level == "TRACE_LEVEL_WARNING";
+    const Numbers values = NumbersOf(event);
+    const Numbers numbers = NumbersOf(message);
+    const bool isBare = numbers.empty() && !values.empty();
+    const bool saysTheSame = numbers == values && decoded.text.starts_with(Trimmed(event.Text("Description")));
+    if (isError && decoded.function == event.fields[0].text && (isBare || saysTheSame)) {
+        return "";
+    }
+    return "behind \"" + event.message + "\" comes message " + std::to_string(message.number) + " \"" +
+           decoded.function + ": " + decoded.text + "\"";
+}
+
+}  // namespace tests

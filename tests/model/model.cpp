@@ -1,0 +1,229 @@
+#include "tests/model/model.h"
+
+#include <algorithm>
+
+namespace fuzz {
+
+Model::Model(const Life& life, Mistake mistake) : life_(life), mistake_(mistake)
+{
+    for (const Habits& habits : life.clients) {
+        scripts_.emplace_back(habits);
+    }
+}
+
+Outcome Model::Do(const Operation& operation)
+{
+    outcome_ = {};
+    NTSTATUS status = STATUS_SUCCESS;
+    switch (operation.kind) {
+    case Kind::kRegister:
+        status = Register(operation);
+        break;
+    case Kind::kLeave:
+        status = Leave(operation);
+        break;
+    case Kind::kSubscribe:
+        status = Subscribe(operation);
+        break;
+    case Kind::kUnsubscribe:
+        status = Unsubscribe(operation);
+        break;
+    case Kind::kPost:
+        status = operation.null.empty() ? Post({operation.client, kPostedSize, operation.state, kPostedReserved})
+                                        : STATUS_INVALID_PARAMETER;
+        break;
+    case Kind::kCommand:
+        status = Send(operation);
+        break;
+    case Kind::kRunOne:
+        RunOne();
+        break;
+    case Kind::kDeliver:
+        while (!work_.empty() && !outcome_.standsStill) {
+            RunOne();
+        }
+        break;
+    case Kind::kAttach:
+        status = Attach(operation);
+        break;
+    case Kind::kDetach:
+        status = Detach();
+        break;
+    case Kind::kCount:
+        status = CountClients(operation);
+        break;
+    case Kind::kDescribe:
+        status = Describe(operation);
+        break;
+    case Kind::kStartDump:
+    case Kind::kAddDumpData:
+    case Kind::kQueryDump:
+    case Kind::kAddTriageData:
+    case Kind::kStopDump:
+        status = Dump(operation);
+        break;
+    case Kind::kControl:
+        if (ControlCode(operation) == IOCTL_ZEPN_NOTIFY_APPS_STATE) {
+            Broadcast();
+        } else {
+            status = STATUS_NOT_SUPPORTED;
+        }
+        break;
+    case Kind::kTimeout:
+        timeoutMs_ = TimeoutMs(operation);
+        break;
+    case Kind::kSleep:
+        Broadcast();
+        if (timeoutMs_ != 0) {
+            Tell("waits " + std::to_string(timeoutMs_) + " ms");
+        }
+        break;
+    case Kind::kWake:
+        break;
+    }
+    outcome_.status = status;
+    outcome_.workItems = work_.size();
+    return outcome_;
+}
+
+// ---- The registry ----
+
+Model::Client* Model::Find(unsigned who)
+{
+    const auto found = std::find_if(clients_.begin(), clients_.end(), [&](const Client& c) { return c.who == who; });
+    return found == clients_.end() ? nullptr : &*found;
+}
+
+NTSTATUS Model::Register(const Operation& operation)
+{
+    if (operation.null == "guid") {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (Find(operation.client) != nullptr) {
+        return STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED;
+    }
+    if (operation.null == "callbacks") {
+        return STATUS_INVALID_PARAMETER;
+    }
+    Client client;
+    client.who = operation.client;
+    client.birth = ++births_;
+    clients_.push_back(client);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Model::Leave(const Operation& operation)
+{
+    if (operation.null == "guid") {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const Client* client = Find(operation.client);
+    if (client == nullptr) {
+        return STATUS_NOT_FOUND;
+    }
+    if (client->announced && mistake_ != Mistake::kForgetsWithdrawals) {
+        toWithdraw_.push_back(client->who);
+        Enqueue(Work::kWithdraw);
+    }
+    std::erase(toAnnounce_, client->who);  // nobody is announced who has gone; states and commands stay queued
+    clients_.erase(clients_.begin() + (client - clients_.data()));
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Model::Subscribe(const Operation& operation)
+{
+    if (!operation.null.empty()) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    Client* subscriber = Find(operation.client);
+    if (subscriber == nullptr) {
+        return STATUS_ZEP_NOTIFIER_NO_DRIVER;
+    }
+    subscriber->subscriptions.push_back({operation.other, operation.state});
+    const Client* target = Find(operation.other);
+    if (target == nullptr || (target->state != operation.state && operation.state != ZEP_STATE_ANY)) {
+        return STATUS_SUCCESS;
+    }
+    // Told at once; whoever watches himself is, too. The response enters as the subscriber's own state.
+    Tell(lines::State(subscriber->who, ClientName(target->who), sizeof(ZepState), target->state, 0, subscriber->state));
+    const std::uint32_t response =
+        scripts_[subscriber->who].OnState(target->who, target->state).value_or(subscriber->state);
+    if (response == subscriber->state) {
+        return STATUS_SUCCESS;
+    }
+    return Post({subscriber->who, sizeof(ZepState), response, 0});
+}
+
+NTSTATUS Model::Unsubscribe(const Operation& operation)
+{
+    if (!operation.null.empty()) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    Client* subscriber = Find(operation.client);
+    if (subscriber == nullptr) {
+        return STATUS_ZEP_NOTIFIER_NO_DRIVER;
+    }
+    auto& list = subscriber->subscriptions;
+    const auto found = std::find_if(list.begin(), list.end(), [&](const Subscription& subscription) {
+        return subscription.target == operation.other && subscription.state == operation.state;
+    });
+    if (found != list.end()) {
+        list.erase(found);
+    }
+    return STATUS_SUCCESS;
+}
+
+// ---- States, commands, broadcasts ----
+
+NTSTATUS Model::Post(const State& state)
+{
+    Client* client = Find(state.who);
+    if (client == nullptr) {
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
+    client->state = state.state;
+    if (!client->announced || client->refreshPending) {
+        client->refreshPending = false;
+        toAnnounce_.push_back(client->who);
+        Enqueue(Work::kAnnounce);
+    }
+    states_.push_back(state);
+    Enqueue(Work::kStates);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Model::Send(const Operation& operation)
+{
+    if (!operation.null.empty()) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const Client* source = Find(operation.client);
+    const Client* target = Find(operation.other);
+    if (source == nullptr || target == nullptr || !life_.clients[target->who].takesCommands) {
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
+    commands_.push_back({source->who, source->birth, target->who, operation.value, CommandArgument(operation)});
+    Enqueue(Work::kCommands);
+    return STATUS_SUCCESS;
+}
+
+void Model::Broadcast()
+{
+    std::vector<State> wanted;
+    for (const Client& client : clients_) {
+        if (!life_.clients[client.who].hearsAppsState) {
+            continue;
+        }
+        Tell(lines::AppsState(client.who, ZEP_APPS_STATE_REASON_CHANGED, client.state));
+        const std::uint32_t state = scripts_[client.who].OnAppsState().value_or(client.state);
+        if (state != client.state) {
+            wanted.push_back({client.who, sizeof(ZepState), state, 0});
+        }
+    }
+    broadcastStates_ += wanted.size();
+    for (const State& state : wanted) {
+        (void)Post(state);
+    }
+}
+
+}  // namespace fuzz

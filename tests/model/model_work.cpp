@@ -1,0 +1,241 @@
+// The model's second half: what runs later, and the crash-dump driver's side.
+#include "tests/model/model.h"
+
+#include <algorithm>
+
+namespace fuzz {
+
+// ---- Queued work ----
+
+void Model::Enqueue(Work work)
+{
+    if (std::find(work_.begin(), work_.end(), work) == work_.end()) {
+        work_.push_back(work);
+    }
+}
+
+void Model::RunOne()
+{
+    if (work_.empty()) {
+        return;
+    }
+    const Work work = work_.front();
+    work_.pop_front();
+    if (work == Work::kStates) {
+        RunStates();
+    } else if (work == Work::kCommands) {
+        RunCommands();
+    } else if (work == Work::kAnnounce) {
+        RunAnnounce();
+    } else {
+        RunWithdraw();
+    }
+}
+
+void Model::RunStates()
+{
+    while (!states_.empty()) {
+        const State state = states_.front();
+        states_.pop_front();
+        for (Client& client : clients_) {
+            if (client.who == state.who && mistake_ != Mistake::kTellsOfOwnStates) {
+                continue;
+            }
+            for (const Subscription& subscription : client.subscriptions) {
+                if (subscription.target != state.who ||
+                    (subscription.state != state.state && subscription.state != ZEP_STATE_ANY)) {
+                    continue;
+                }
+                Tell(lines::State(client.who, ClientName(state.who), state.sizeBytes, state.state, state.reserved, 0));
+                const std::uint32_t response = scripts_[client.who].OnState(state.who, state.state).value_or(0);
+                if (response != 0) {
+                    client.state = response;
+                    states_.push_back({client.who, 0, response, 0});
+                    Enqueue(Work::kStates);
+                }
+            }
+        }
+    }
+}
+
+void Model::RunCommands()
+{
+    if (commands_.empty()) {
+        return;
+    }
+    const Command command = commands_.front();
+    commands_.pop_front();
+    Client* source = Find(command.source);
+    const Client* target = command.source == command.target ? nullptr : Find(command.target);
+    if (source == nullptr || target == nullptr) {
+        outcome_.standsStill = true;
+        return;
+    }
+    source->commandsSent += source->birth == command.sourceBirth ? 1 : 0;
+    Tell(lines::Command(target->who, command.id, sizeof(ZepCommandInfo), command.argument, ClientName(source->who),
+                        source->state, target->state));
+    const std::uint32_t state = scripts_[target->who].OnCommand(command.id).value_or(target->state);
+    if (state != target->state) {
+        (void)Post({target->who, sizeof(ZepState), state, 0});
+    }
+}
+
+void Model::Announced(Client& client) const
+{
+    client.announced = true;
+    client.refreshPending = client.refreshPending || client.state == 0;
+}
+
+void Model::RunAnnounce()
+{
+    for (const unsigned who : toAnnounce_) {
+        if (table_) {
+            Tell(FromTable(*table_, DescriptorOf(who)));
+            if (life_.addAnswer == STATUS_SUCCESS) {
+                Announced(*Find(who));
+            }
+        }
+    }
+    toAnnounce_.clear();
+}
+
+void Model::RunWithdraw()
+{
+    if (toWithdraw_.empty()) {
+        return;
+    }
+    const Habits& habits = life_.clients[toWithdraw_.front()];
+    if (table_) {
+        Tell(FromTable(*table_, lines::Removed(ClientName(toWithdraw_.front()), habits.name, habits.description)));
+    }
+    toWithdraw_.pop_front();
+}
+
+// ---- The crash-dump driver ----
+
+NTSTATUS Model::Attach(const Operation& operation)
+{
+    if (!operation.null.empty()) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (table_) {
+        return STATUS_OBJECT_NAME_EXISTS;
+    }
+    table_ = operation.value % 2;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Model::Detach()
+{
+    if (!table_) {
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    table_.reset();
+    return STATUS_SUCCESS;
+}
+
+std::string Model::DescriptorOf(unsigned who) const
+{
+    const Habits& habits = life_.clients[who];
+    return lines::Descriptor(ClientName(who), habits.name, habits.description, habits.hearsAppsState,
+                             habits.entryCount != 0, habits.entryCount % 256);
+}
+
+NTSTATUS Model::CountClients(const Operation& operation)
+{
+    if (!operation.null.empty()) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    Tell("count " + std::to_string(clients_.size()));
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Model::Describe(const Operation& operation)
+{
+    if (!operation.null.empty()) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (operation.value < clients_.size()) {
+        Tell("count " + std::to_string(clients_.size()));
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    for (Client& client : clients_) {
+        Tell(DescriptorOf(client.who));
+        Announced(client);
+    }
+    Tell("count " + std::to_string(clients_.size()));
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Model::Dump(const Operation& operation)
+{
+    if (!operation.null.empty()) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (!table_) {
+        return STATUS_IO_DEVICE_ERROR;
+    }
+    Tell(FromTable(*table_, DumpLine(operation.kind, operation.client)));
+    return life_.dumpAnswer;
+}
+
+// ---- By count ----
+
+Inner Model::Count() const
+{
+    Inner inner;
+    for (const Client& client : clients_) {
+        inner.clients.push_back(
+            {client.who, client.state, client.announced, client.refreshPending, client.subscriptions.size()});
+        inner.subscriptionObjects += client.subscriptions.size();
+        inner.commandObjects += client.commandsSent;
+        inner.entryBytes += life_.clients[client.who].entryCount * sizeof(ZepDataEntry);
+    }
+    inner.states = states_.size();
+    inner.commands = commands_.size();
+    inner.toAnnounce = toAnnounce_.size();
+    inner.toWithdraw = toWithdraw_.size();
+    inner.attached = table_.has_value();
+    inner.clientObjects = clients_.size() + toWithdraw_.size();
+    inner.stateObjects = states_.size() + broadcastStates_;
+    inner.commandObjects += commands_.size();
+    return inner;
+}
+
+Life Playable(Life life)
+{
+    Life playable = life;
+    playable.operations.clear();
+    Model model(life);
+    std::size_t workItems = 0;
+    std::vector<Operation> undelivered;  // commands: as long as one may be, none of its two may leave
+    for (const Operation& operation : life.operations) {
+        const auto concerned = [&](const Operation& command) {
+            return command.client == operation.client || command.other == operation.client;
+        };
+        if (!life.mayStandStill &&
+            ((operation.kind == Kind::kCommand && operation.client == operation.other) ||
+             (operation.kind == Kind::kLeave && std::any_of(undelivered.begin(), undelivered.end(), concerned)))) {
+            continue;
+        }
+        const std::size_t before = model.Count().commands;
+        const Outcome outcome = model.Do(operation);
+        const std::size_t after = model.Count().commands;
+        if (after > before) {
+            undelivered.push_back(operation);
+        } else {
+            undelivered.erase(undelivered.begin(), undelivered.begin() + static_cast<std::ptrdiff_t>(before - after));
+        }
+        playable.operations.push_back(operation);
+        workItems = outcome.standsStill ? 0 : outcome.workItems;
+        if (outcome.standsStill) {
+            break;
+        }
+    }
+    if (workItems != 0) {  // nothing stays queued at the end
+        playable.operations.push_back({.kind = Kind::kDeliver, .null = ""});
+    }
+    return playable;
+}
+
+}  // namespace fuzz

@@ -1,0 +1,211 @@
+#include "tests/model/operations.h"
+
+#include <cstring>
+#include <iterator>
+#include <random>
+
+namespace fuzz {
+namespace {
+
+constexpr std::size_t kMostOperations = 64;
+constexpr std::uint32_t kStates[] = {1, 2, 3, 4, 0, ZEP_STATE_ANY, 1, 0x80000002};
+constexpr NTSTATUS kAnswers[] = {STATUS_SUCCESS, STATUS_SUCCESS, STATUS_SUCCESS, STATUS_OBJECT_NAME_EXISTS,
+                                 STATUS_UNSUCCESSFUL};
+
+// How often each comes up: once for each time it stands here.
+constexpr Kind kKinds[] = {
+    Kind::kRegister,  Kind::kRegister,      Kind::kRegister,  Kind::kLeave,     Kind::kSubscribe,   Kind::kSubscribe,
+    Kind::kSubscribe, Kind::kSubscribe,     Kind::kSubscribe, Kind::kSubscribe, Kind::kUnsubscribe, Kind::kPost,
+    Kind::kPost,      Kind::kPost,          Kind::kPost,      Kind::kPost,      Kind::kPost,        Kind::kPost,
+    Kind::kCommand,   Kind::kCommand,       Kind::kCommand,   Kind::kCommand,   Kind::kRunOne,      Kind::kRunOne,
+    Kind::kRunOne,    Kind::kDeliver,       Kind::kDeliver,   Kind::kDeliver,   Kind::kAttach,      Kind::kAttach,
+    Kind::kDetach,    Kind::kCount,         Kind::kDescribe,  Kind::kDescribe,  Kind::kStartDump,   Kind::kAddDumpData,
+    Kind::kQueryDump, Kind::kAddTriageData, Kind::kStopDump,  Kind::kControl,   Kind::kTimeout,     Kind::kSleep,
+    Kind::kWake};
+
+// Reads on as zeros behind the end.
+class Bytes {
+public:
+    explicit Bytes(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
+
+    [[nodiscard]] bool AtEnd() const { return next_ >= bytes_.size(); }
+    unsigned Below(unsigned limit) { return (AtEnd() ? 0u : bytes_[next_++]) % limit; }
+    std::uint32_t State() { return kStates[Below(std::size(kStates))]; }
+
+private:
+    std::span<const std::uint8_t> bytes_;
+    std::size_t next_ = 0;
+};
+
+// A rule that answers for ever listens only to clients of lower numbers, so that every chain of answers ends.
+std::vector<Answer> DecodeAnswers(Bytes& bytes, unsigned self)
+{
+    std::vector<Answer> answers(bytes.Below(4));
+    for (Answer& answer : answers) {
+        answer.from = bytes.Below(kClients);
+        const std::uint32_t state = bytes.State();
+        answer.state = state == ZEP_STATE_ANY ? std::nullopt : std::optional(state);
+        answer.answer = bytes.State();
+        answer.once = answer.from >= self || bytes.Below(2) == 0;
+    }
+    return answers;
+}
+
+Habits DecodeHabits(Bytes& bytes, unsigned self)
+{
+    constexpr std::uint32_t kEntryCounts[] = {0, 0, 1, 3, 300};
+    Habits habits;
+    const unsigned form = bytes.Below(4);
+    habits.name = ClientName(self) + std::string(form == 0 ? 70 : form, 'n');
+    habits.description = form == 1 ? std::string(140, 'd') : form == 2 ? "" : "described";
+    habits.entryCount = kEntryCounts[bytes.Below(std::size(kEntryCounts))];
+    habits.answers = DecodeAnswers(bytes, self);
+    habits.takesCommands = bytes.Below(4) != 0;
+    for (std::uint32_t id = 1; habits.takesCommands && id <= 2; ++id) {
+        habits.commands.emplace_back(id, bytes.State());
+    }
+    const unsigned apps = bytes.Below(4);
+    habits.hearsAppsState = apps != 0;
+    if (apps > 1) {
+        habits.appsState = bytes.State();
+    }
+    return habits;
+}
+
+const char* DecodeNull(Bytes& bytes, Kind kind)
+{
+    const unsigned which = bytes.Below(24);
+    switch (kind) {
+    case Kind::kRegister:
+        return which == 0 ? "guid" : which == 1 ? "callbacks" : "";
+    case Kind::kSubscribe:
+        return which == 0 ? "guid" : which == 1 ? "record" : which == 2 ? "callback" : "";
+    case Kind::kUnsubscribe:
+        return which == 0 ? "guid" : which == 1 ? "record" : "";
+    case Kind::kLeave:
+        return which == 0 ? "guid" : "";
+    case Kind::kDescribe:
+        return which == 0 ? "descriptors" : which == 1 ? "count" : "";
+    case Kind::kCount:
+        return which == 0 ? "count" : "";
+    case Kind::kPost:
+    case Kind::kCommand:
+    case Kind::kAttach:
+    case Kind::kStartDump:
+    case Kind::kAddDumpData:
+    case Kind::kQueryDump:
+    case Kind::kAddTriageData:
+    case Kind::kStopDump:
+        return which == 0 ? "record" : "";
+    default:
+        return "";
+    }
+}
+
+Operation DecodeOperation(Bytes& bytes)
+{
+    Operation operation;
+    operation.kind = kKinds[bytes.Below(std::size(kKinds))];
+    operation.client = bytes.Below(kClients);
+    operation.other = bytes.Below(kClients);
+    operation.state = bytes.State();
+    operation.value = bytes.Below(7);
+    operation.null = DecodeNull(bytes, operation.kind);
+    return operation;
+}
+
+}  // namespace
+
+Life Decode(std::span<const std::uint8_t> input)
+{
+    Bytes bytes(input);
+    Life life;
+    life.mayStandStill = bytes.Below(64) == 1;
+    life.addAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
+    life.removeAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
+    life.dumpAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
+    for (unsigned client = 0; client < kClients; ++client) {
+        life.clients.push_back(DecodeHabits(bytes, client));
+    }
+    const unsigned present = bytes.Below(32);
+    for (unsigned client = 0; client < kClients; ++client) {
+        if ((present >> client & 1) != 0) {
+            life.operations.push_back({.kind = Kind::kRegister, .client = client, .null = ""});
+        }
+    }
+    while (!bytes.AtEnd() && life.operations.size() < kMostOperations) {
+        life.operations.push_back(DecodeOperation(bytes));
+    }
+    return life;
+}
+
+std::vector<std::uint8_t> RandomBytes(std::uint64_t seed, std::uint64_t number)
+{
+    std::mt19937_64 random(seed * 0x9E3779B97F4A7C15u + number);
+    std::vector<std::uint8_t> bytes(100 + random() % 300);
+    for (std::uint8_t& byte : bytes) {
+        byte = static_cast<std::uint8_t>(random() >> 32);
+    }
+    return bytes;
+}
+
+std::string ClientName(unsigned client)
+{
+    return "client" + std::to_string(client);
+}
+
+std::string Text(const Operation& operation)
+{
+    constexpr const char* kNames[] = {"register",  "leave",       "subscribe", "unsubscribe",   "post",     "command",
+                                      "run one",   "deliver",     "attach",    "detach",        "count",    "describe",
+                                      "startDump", "addDumpData", "queryDump", "addTriageData", "stopDump", "control",
+                                      "timeout",   "sleep",       "wake"};
+    return ClientName(operation.client) + " " + kNames[static_cast<unsigned>(operation.kind)] + " to " +
+           ClientName(operation.other) + ", state " + std::to_string(operation.state) + ", value " +
+           std::to_string(operation.value) + (operation.null.empty() ? "" : ", null " + operation.null);
+}
+
+GUID GuidOf(unsigned client)
+{
+    constexpr std::size_t kPlaces[kClients] = {0, 0, 15, 7, 8};
+    GUID guid = {0x6f1b0001, 0x2c3d, 0x4a5b, {0x8c, 0x9d, 1, 2, 3, 4, 5, 6}};
+    if (client != 0) {
+        reinterpret_cast<std::uint8_t*>(&guid)[kPlaces[client]] ^= 0x80;
+    }
+    return guid;
+}
+
+std::string NameOf(const GUID& guid)
+{
+    for (unsigned client = 0; client < kClients; ++client) {
+        const GUID known = GuidOf(client);
+        if (std::memcmp(&known, &guid, sizeof(guid)) == 0) {
+            return ClientName(client);
+        }
+    }
+    return "somebody unknown";
+}
+
+std::optional<std::uint32_t> Script::OnState(unsigned from, std::uint32_t state)
+{
+    for (std::size_t index = 0; index < spent_.size(); ++index) {
+        const Answer& rule = habits_->answers[index];
+        if (rule.from == from && (!rule.state || *rule.state == state) && !spent_[index]) {
+            spent_[index] = rule.once;
+            return rule.answer;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::uint32_t> Script::OnCommand(std::uint32_t id) const
+{
+    for (const auto& [known, answer] : habits_->commands) {
+        if (known == id) {
+            return answer;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace fuzz

@@ -1,0 +1,31 @@
+# The programs and libraries that only tests and ./zepn fuzz use. The programs lie with the other tools.
+find_package(nlohmann_json REQUIRED)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tools)
+
+add_library(layout STATIC ${CMAKE_CURRENT_SOURCE_DIR}/kit/lock_order.cpp)
+target_link_libraries(layout PUBLIC host)
+
+file(GLOB fuzz_sources CONFIGURE_DEPENDS model/*.cpp)
+list(FILTER fuzz_sources EXCLUDE REGEX "model/(main|libfuzzer|.*_test).cpp")
+add_library(fuzz STATIC ${fuzz_sources})
+zepn_unite(fuzz 6)
+target_link_libraries(fuzz PUBLIC host PRIVATE layout nlohmann_json::nlohmann_json)
+zepn_add_program(zepn-fuzz model/main.cpp fuzz)
+target_compile_definitions(zepn-fuzz PRIVATE
+    ZEPN_ROOT="${CMAKE_SOURCE_DIR}" ZEPN_NATIVE_DRIVER="$<TARGET_FILE:zepn_native>")
+if(ZEPN_SANITIZE MATCHES "fuzzer|address")
+    add_executable(zepn-libfuzzer model/libfuzzer.cpp)
+    target_link_libraries(zepn-libfuzzer PRIVATE fuzz)
+    target_link_options(zepn-libfuzzer PRIVATE -fsanitize=fuzzer)
+    target_compile_definitions(zepn-libfuzzer PRIVATE ZEPN_NATIVE_DRIVER="$<TARGET_FILE:zepn_native>")
+    add_dependencies(zepn-libfuzzer zepn_native)
+endif()
+
+add_executable(zepn-coverage coverage/main.cpp)
+target_link_libraries(zepn-coverage PRIVATE nlohmann_json::nlohmann_json)
+
+target_compile_options(zepn-coverage PRIVATE ${ZEPN_RUNS_ONCE})
+
+# It holds the interfaces' identifiers, so it includes what makes them before all else.
+set_source_files_properties(model/witness.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+unset(CMAKE_RUNTIME_OUTPUT_DIRECTORY)
