@@ -1,7 +1,7 @@
 // Footprint: the images by section, and what lives in memory for each client, subscription and queued state; and what a
 // million posts leave behind.
 #include "bench/sections.h"
-#include "bench/stage.h"
+#include "bench/fixture.h"
 
 #include "tools/image_check/pe_reader.h"
 
@@ -19,7 +19,11 @@ void MeasureImage(Table& table, const std::string& machine)
     std::ifstream stream(file, std::ios::binary);
     const image_check::PeReader image({std::istreambuf_iterator<char>(stream), {}});
     const auto add = [&](const std::string& name, double value) {
-        table.Add({.section = kSection, .name = name, .on = machine + " image", .value = value, .unit = "bytes",
+        table.Add({.section = kSection,
+                   .name = name,
+                   .on = machine + " image",
+                   .value = value,
+                   .unit = "bytes",
                    .isExact = true});
     };
     add("file", static_cast<double>(image.bytes().size()));
@@ -35,30 +39,30 @@ struct Stock {
     double poolBlocks;
 };
 
-Stock StockOf(Stage& stage)
+Stock StockOf(Fixture& fixture)
 {
     Stock stock{};
-    for (const host::framework::ObjectView& object : stage.machine.inspect().Objects()) {
+    for (const host::framework::ObjectView& object : fixture.machine.inspect().Objects()) {
         ++stock.objects;
         for (const host::framework::ContextView& context : object.contexts) {
             stock.contextBytes += static_cast<double>(context.bytes.size());
         }
     }
-    for (const host::Machine::PoolUse& use : stage.machine.PoolInUse()) {
+    for (const host::Machine::PoolUse& use : fixture.machine.PoolInUse()) {
         stock.poolBlocks += static_cast<double>(use.blockCount);
     }
     return stock;
 }
 
-void MeasureEach(Table& table, const std::string& what, const std::function<void(Stage&)>& add)
+void MeasureEach(Table& table, const std::string& what, const std::function<void(Fixture&)>& add)
 {
-    Stage stage({.subject = Subject::kNative});
-    const Stock before = StockOf(stage);
-    add(stage);
-    const Stock after = StockOf(stage);
+    Fixture fixture({.subject = Subject::kNative});
+    const Stock before = StockOf(fixture);
+    add(fixture);
+    const Stock after = StockOf(fixture);
     const auto row = [&](const std::string& name, double value, const char* unit) {
-        table.Add({.section = kSection, .name = what + ": " + name, .on = "", .value = value, .unit = unit,
-                   .isExact = true});
+        table.Add(
+            {.section = kSection, .name = what + ": " + name, .on = "", .value = value, .unit = unit, .isExact = true});
     };
     row("framework objects", after.objects - before.objects, "objects");
     row("context memory", after.contextBytes - before.contextBytes, "bytes");
@@ -68,20 +72,29 @@ void MeasureEach(Table& table, const std::string& what, const std::function<void
 void MeasureMillion(Table& table, const Options& options)
 {
     const unsigned posts = options.isQuick ? 20000 : 1000000;
-    Stage stage({.clients = 2, .subscriptionsEach = 1});
-    const Stock before = StockOf(stage);
+    Fixture fixture({.clients = 2, .subscriptionsEach = 1});
+    const Stock before = StockOf(fixture);
     for (unsigned post = 0; post < posts; ++post) {
-        stage.Post(stage.poster(), 1);
+        fixture.Post(fixture.poster(), 1);
         if (post % 64 == 63) {
-            stage.machine.RunWorkItems();
+            fixture.machine.RunWorkItems();
         }
     }
-    stage.machine.RunWorkItems();
-    const Stock after = StockOf(stage);
-    table.Add({.section = kSection, .name = "objects left by " + std::to_string(posts) + " posts", .on = "",
-               .value = after.objects - before.objects, .unit = "objects", .goal = Goal{0}, .isExact = !options.isQuick});
-    table.Add({.section = kSection, .name = "pool blocks left by " + std::to_string(posts) + " posts", .on = "",
-               .value = after.poolBlocks - before.poolBlocks, .unit = "blocks", .goal = Goal{0},
+    fixture.machine.RunWorkItems();
+    const Stock after = StockOf(fixture);
+    table.Add({.section = kSection,
+               .name = "objects left by " + std::to_string(posts) + " posts",
+               .on = "",
+               .value = after.objects - before.objects,
+               .unit = "objects",
+               .goal = Goal{0},
+               .isExact = !options.isQuick});
+    table.Add({.section = kSection,
+               .name = "pool blocks left by " + std::to_string(posts) + " posts",
+               .on = "",
+               .value = after.poolBlocks - before.poolBlocks,
+               .unit = "blocks",
+               .goal = Goal{0},
                .isExact = !options.isQuick});
 }
 
@@ -92,12 +105,12 @@ void MeasureFootprint(Table& table, const Options& options)
     for (const char* machine : {"arm64", "x64"}) {
         MeasureImage(table, machine);
     }
-    MeasureEach(table, "each client", [](Stage& stage) { stage.Register(100); });
-    MeasureEach(table, "each subscription", [](Stage& stage) { stage.Subscribe(1, stage.poster(), 7); });
-    MeasureEach(table, "each queued state", [](Stage& stage) { stage.Post(stage.poster(), 7); });
-    MeasureEach(table, "each delivered command, until its sender leaves", [](Stage& stage) {
-        stage.Command(stage.poster(), 1);
-        stage.machine.RunWorkItems();
+    MeasureEach(table, "each client", [](Fixture& fixture) { fixture.Register(100); });
+    MeasureEach(table, "each subscription", [](Fixture& fixture) { fixture.Subscribe(1, fixture.poster(), 7); });
+    MeasureEach(table, "each queued state", [](Fixture& fixture) { fixture.Post(fixture.poster(), 7); });
+    MeasureEach(table, "each delivered command, until its sender leaves", [](Fixture& fixture) {
+        fixture.Command(fixture.poster(), 1);
+        fixture.machine.RunWorkItems();
     });
     MeasureMillion(table, options);
 }

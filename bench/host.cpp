@@ -1,6 +1,6 @@
 // The host as a tool: how many driver lives a second, and how fast it plays.
 #include "bench/sections.h"
-#include "bench/stage.h"
+#include "bench/fixture.h"
 #include "bench/timing.h"
 #include "tests/model/run.h"
 
@@ -55,12 +55,12 @@ double DemoSeconds()
 
 double PostsPerSecond(Subject subject, bool isQuick)
 {
-    Stage stage({.subject = subject, .clients = 4, .subscriptionsEach = 1});
+    Fixture fixture({.subject = subject, .clients = 4, .subscriptionsEach = 1});
     return 1e9 / NanosecondsOf(
                      "operation",
                      [&] {
-                         stage.Post(stage.poster(), 1);
-                         stage.machine.RunWorkItems();
+                         fixture.Post(fixture.poster(), 1);
+                         fixture.machine.RunWorkItems();
                      },
                      isQuick);
 }
@@ -71,18 +71,29 @@ void MeasureHost(Table& table, const Options& options)
 {
     constexpr const char* kSection = "The host as a tool";
     for (const Subject subject : kSubjects) {
-        const double life = NanosecondsOf(
-            "life", [&] { const Stage stage({.subject = subject}); }, options.isQuick);
-        table.Add({.section = kSection, .name = "driver lives, load to unload", .on = Name(subject),
-                   .value = 1e9 / life, .unit = "a second"});
-        table.Add({.section = kSection, .name = "posts, each delivered to 4 by a run of its own", .on = Name(subject),
-                   .value = PostsPerSecond(subject, options.isQuick), .unit = "a second"});
-        table.Add({.section = kSection, .name = "operations in random lives, held against the model",
-                   .on = Name(subject), .value = RandomOperationsPerSecond(subject, options.isQuick),
+        const double life =
+            NanosecondsOf("life", [&] { const Fixture fixture({.subject = subject}); }, options.isQuick);
+        table.Add({.section = kSection,
+                   .name = "driver lives, load to unload",
+                   .on = Name(subject),
+                   .value = 1e9 / life,
+                   .unit = "a second"});
+        table.Add({.section = kSection,
+                   .name = "posts, each delivered to 4 by a run of its own",
+                   .on = Name(subject),
+                   .value = PostsPerSecond(subject, options.isQuick),
+                   .unit = "a second"});
+        table.Add({.section = kSection,
+                   .name = "operations in random lives, held against the model",
+                   .on = Name(subject),
+                   .value = RandomOperationsPerSecond(subject, options.isQuick),
                    .unit = "a second"});
     }
-    table.Add({.section = kSection, .name = "the demo's boot scenario, start to end", .on = "process",
-               .value = DemoSeconds() * 1000, .unit = "ms"});
+    table.Add({.section = kSection,
+               .name = "the demo's boot scenario, start to end",
+               .on = "process",
+               .value = DemoSeconds() * 1000,
+               .unit = "ms"});
 }
 
 }  // namespace bench

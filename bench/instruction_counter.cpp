@@ -105,7 +105,9 @@ bool InstructionCounter::IsSupported()
 
 #else
 
-InstructionCounter::InstructionCounter(const host::Driver&) {}
+InstructionCounter::InstructionCounter(const host::Driver&)
+{
+}
 InstructionCounter::~InstructionCounter() = default;
 std::uint64_t InstructionCounter::Count(const std::function<void()>&)
 {

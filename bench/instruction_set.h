@@ -36,7 +36,7 @@ public:
     [[nodiscard]] virtual bool Writes(const Instruction& instruction, const std::string& reg) const = 0;
     struct Branch {
         std::uint64_t target;
-        bool isTakenWhenHeard;
+        bool isTakenWhenEnabled;
     };
     // A branch on one bit of a register; `tested` says that the test stands before it.
     [[nodiscard]] virtual bool IsBitTest(const Instruction& instruction, const std::string& reg) const = 0;

@@ -79,9 +79,9 @@ private:
             if (const auto branch = set_->BranchOf(instruction, reg, tested)) {
                 test.path.push_back(instruction.offset);
                 test.isTested = true;
-                test.isColdOutOfLine = branch->isTakenWhenHeard;
+                test.isColdOutOfLine = branch->isTakenWhenEnabled;
                 const std::size_t cold =
-                    branch->isTakenWhenHeard && at_.contains(branch->target) ? at_.at(branch->target) : index + 1;
+                    branch->isTakenWhenEnabled && at_.contains(branch->target) ? at_.at(branch->target) : index + 1;
                 test.site = RecordBehind(cold);
                 tests.push_back(test);
                 return;

@@ -15,12 +15,12 @@ enum class Channel { kEvents, kMessages };
 
 // One load of an enable word in code that is not the reporting's own.
 struct SiteTest {
-    std::uint64_t load;                     // offset of the load from the image's base
-    std::vector<std::uint64_t> path;        // offsets of the load, the test and the branch
+    std::uint64_t load;               // offset of the load from the image's base
+    std::vector<std::uint64_t> path;  // offsets of the load, the test and the branch
     Channel channel;
-    bool isTested = false;                  // a single-bit test of the loaded value and a branch on it follow
-    int site = -1;                          // number of the site whose record is behind the branch; -1: none found
-    bool isColdOutOfLine = false;           // the branch is taken only when somebody listens
+    bool isTested = false;         // a single-bit test of the loaded value and a branch on it follow
+    int site = -1;                 // number of the site whose record is behind the branch; -1: none found
+    bool isColdOutOfLine = false;  // the branch is taken only when somebody listens
 };
 
 struct SiteCode {

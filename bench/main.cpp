@@ -13,9 +13,9 @@ int main(int argc, char** argv)
         void (*measure)(bench::Table&, const bench::Options&);
     };
     constexpr Section kSections[] = {
-        {"silent", bench::MeasureSilentReporting},
-        {"road", bench::MeasureRoad},
-        {"growth", bench::MeasureGrowth},
+        {"silent", bench::MeasureDisabledTracing},
+        {"road", bench::MeasureDeliveryPath},
+        {"growth", bench::MeasureScaling},
         {"side-by-side", bench::MeasureSideBySide},
         {"host", bench::MeasureHost},
         {"footprint", bench::MeasureFootprint},

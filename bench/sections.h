@@ -9,9 +9,9 @@ struct Options {
     bool isQuick = false;  // exact figures and short times only
 };
 
-void MeasureSilentReporting(Table& table, const Options& options);
-void MeasureRoad(Table& table, const Options& options);
-void MeasureGrowth(Table& table, const Options& options);
+void MeasureDisabledTracing(Table& table, const Options& options);
+void MeasureDeliveryPath(Table& table, const Options& options);
+void MeasureScaling(Table& table, const Options& options);
 void MeasureSideBySide(Table& table, const Options& options);
 void MeasureHost(Table& table, const Options& options);
 void MeasureFootprint(Table& table, const Options& options);

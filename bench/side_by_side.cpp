@@ -1,8 +1,8 @@
 // Side by side: a state posted by one party and delivered on a worker to N subscribers, by the Notifier and by what one
 // would use instead, in one run.
-#include "bench/rivals/rival.h"
+#include "bench/baselines/baseline.h"
 #include "bench/sections.h"
-#include "bench/stage.h"
+#include "bench/fixture.h"
 #include "bench/timing.h"
 
 #include <thread>
@@ -22,42 +22,42 @@ void WaitFor(const std::function<bool()>& isDone)
 // Time of one post with all its deliveries, in bursts.
 double TimeOfNotifier(Subject subject, unsigned subscribers, std::uint64_t burst, bool isQuick)
 {
-    Stage stage({.subject = subject, .clients = subscribers, .subscriptionsEach = 1,
-                 .workItems = host::WorkItems::kThreads});
-    std::uint64_t wanted = Stage::Deliveries();
+    Fixture fixture(
+        {.subject = subject, .clients = subscribers, .subscriptionsEach = 1, .workItems = host::WorkItems::kThreads});
+    std::uint64_t wanted = Fixture::Deliveries();
     return NanosecondsOf(
         "notifier",
         [&] {
             for (std::uint64_t post = 0; post < burst; ++post) {
-                stage.Post(stage.poster(), 1);
+                fixture.Post(fixture.poster(), 1);
             }
             wanted += burst * subscribers;
-            WaitFor([&] { return Stage::Deliveries() >= wanted; });
+            WaitFor([&] { return Fixture::Deliveries() >= wanted; });
         },
         isQuick, static_cast<double>(burst));
 }
 
-double TimeOfRival(const RivalKind& kind, unsigned subscribers, bool isQuick)
+double TimeOfRival(const BaselineKind& kind, unsigned subscribers, bool isQuick)
 {
-    const std::unique_ptr<Rival> rival = kind.make(subscribers);
-    std::uint64_t wanted = rival->Delivered();
+    const std::unique_ptr<Baseline> baseline = kind.make(subscribers);
+    std::uint64_t wanted = baseline->Delivered();
     return NanosecondsOf(
         kind.name,
         [&] {
             for (std::uint64_t post = 0; post < kind.burst; ++post) {
-                rival->Post({kPoster, 1});
+                baseline->Post({kPoster, 1});
             }
             wanted += kind.burst * subscribers;
-            WaitFor([&] { return rival->Delivered() >= wanted; });
+            WaitFor([&] { return baseline->Delivered() >= wanted; });
         },
         isQuick, static_cast<double>(kind.burst));
 }
 
 }  // namespace
 
-const std::vector<RivalKind>& Rivals()
+const std::vector<BaselineKind>& Baselines()
 {
-    static const std::vector<RivalKind> kinds = {
+    static const std::vector<BaselineKind> kinds = {
         {"Boost.Signals2 with a queue and a worker", MakeSignals2, 256},
         {"libsigc++ with a queue and a worker", MakeSigcpp, 256},
         {"ZeroMQ, in-process publish and subscribe", MakeZeroMq, 256},
@@ -73,11 +73,17 @@ void MeasureSideBySide(Table& table, const Options& options)
     for (const unsigned subscribers : {8u, 64u}) {
         const std::string who = ", " + std::to_string(subscribers) + " subscribers";
         const double ours = TimeOfNotifier(Subject::kNative, subscribers, kBurst, options.isQuick);
-        table.Add({.section = kSection, .name = "the Notifier" + who, .on = Name(Subject::kNative), .value = ours,
+        table.Add({.section = kSection,
+                   .name = "the Notifier" + who,
+                   .on = Name(Subject::kNative),
+                   .value = ours,
                    .unit = "ns a post"});
-        for (const RivalKind& kind : Rivals()) {
+        for (const BaselineKind& kind : Baselines()) {
             const double theirs = TimeOfRival(kind, subscribers, options.isQuick);
-            table.Add({.section = kSection, .name = kind.name + who, .on = "", .value = theirs / ours,
+            table.Add({.section = kSection,
+                       .name = kind.name + who,
+                       .on = "",
+                       .value = theirs / ours,
                        .unit = "x ours",
                        .goal = kind.isForScale ? std::nullopt : std::optional(Goal{1.0, false}),
                        .remark = std::to_string(static_cast<long>(theirs)) + " ns a post"});

@@ -20,7 +20,7 @@ struct Row {
     std::string name;     // "post and delivery, 16 clients"
     std::string on;       // "x64 image"
     double value;
-    std::string unit;     // "instructions", "ratio", "ns"
+    std::string unit;  // "instructions", "ratio", "ns"
     std::optional<Goal> goal = std::nullopt;
     std::string remark = {};
     bool isExact = false;  // repeats exactly on every machine of this kind

@@ -16,8 +16,8 @@ public:
         constexpr double kNanoseconds = 1e9;
         for (const Run& run : runs) {
             if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
-                fastest = std::min(fastest, run.real_accumulated_time / static_cast<double>(run.iterations) *
-                                                kNanoseconds);
+                fastest =
+                    std::min(fastest, run.real_accumulated_time / static_cast<double>(run.iterations) * kNanoseconds);
             }
         }
     }
@@ -29,11 +29,16 @@ public:
 double NanosecondsOf(const std::string& name, const std::function<void()>& call, bool isQuick, double perCall)
 {
     benchmark::ClearRegisteredBenchmarks();
-    benchmark::RegisterBenchmark(name.c_str(), [&](benchmark::State& state) {
-        for (auto _ : state) {
-            call();
-        }
-    })->UseRealTime()->MinTime(isQuick ? 0.01 : 0.1)->Repetitions(isQuick ? 1 : 3)->ReportAggregatesOnly(false);
+    benchmark::RegisterBenchmark(name.c_str(),
+                                 [&](benchmark::State& state) {
+                                     for (auto _ : state) {
+                                         call();
+                                     }
+                                 })
+        ->UseRealTime()
+        ->MinTime(isQuick ? 0.01 : 0.1)
+        ->Repetitions(isQuick ? 1 : 3)
+        ->ReportAggregatesOnly(false);
     Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector, "all");
     return collector.fastest / perCall;

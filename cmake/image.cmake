@@ -98,7 +98,7 @@ endfunction()
 set(zepn_RESOURCES reports.res version.res)
 zepn_add_image(zepn ${ZEPN_DRIVER_SOURCES})
 # What the benchmark compares the driver with.
-zepn_add_image(bound bench/bound/bound.cpp)
+zepn_add_image(minimal bench/minimal_driver/minimal_driver.cpp)
 add_custom_target(all_images ALL)
 foreach(machine ${ZEPN_MACHINES})
     add_dependencies(zepn_${machine}_objects build_stamp)

@@ -36,20 +36,20 @@ enum class TraceRoutes {
 
 struct MachineOptions {
     WorkItems workItems = WorkItems::kPumped;
-    unsigned workerCount = 2;               // with kThreads
+    unsigned workerCount = 2;  // with kThreads
     TraceRoutes traceRoutes = TraceRoutes::kClassic;
-    bool exportsPsGetVersion = true;        // FALSE: the version look-up finds nothing
-    bool guardPages = true;                 // allocations end at inaccessible pages and are never reused
-    bool realTime = false;                  // KeDelayExecutionThread waits; otherwise it only advances the clock
-    std::uint32_t frameworkMinor = 33;      // version of the framework that plays: 1.<minor>
-    bool onlyDriverLocks = false;           // the thread sanitizer learns of these alone: schedule/happens_before.h
+    bool exportsPsGetVersion = true;    // FALSE: the version look-up finds nothing
+    bool guardPages = true;             // allocations end at inaccessible pages and are never reused
+    bool realTime = false;              // KeDelayExecutionThread waits; otherwise it only advances the clock
+    std::uint32_t frameworkMinor = 33;  // version of the framework that plays: 1.<minor>
+    bool onlyDriverLocks = false;       // the thread sanitizer learns of these alone: schedule/happens_before.h
 };
 
 // One call of a platform function, as an observer sees it.
 struct ObservedCall {
-    const char* function;   // "WdfCollectionAdd"
-    const void* caller;     // return address in the image
-    const char* detail;     // context type or routine name where the function has one, else ""
+    const char* function;  // "WdfCollectionAdd"
+    const void* caller;    // return address in the image
+    const char* detail;    // context type or routine name where the function has one, else ""
 };
 
 class Environment {
@@ -83,7 +83,7 @@ public:
 
 // State of the calling thread as the platform would keep it.
 struct ThreadState {
-    std::uint64_t id;         // never reused within a process
+    std::uint64_t id;  // never reused within a process
     std::string name = "main";
     KIRQL irql = PASSIVE_LEVEL;
     int criticalRegions = 0;  // wait locks entered and not left

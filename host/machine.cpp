@@ -2,7 +2,7 @@
 
 #include "host/checks/crash.h"
 #include "host/framework/devices.h"
-#include "host/framework/driver_life.h"
+#include "host/framework/driver_load.h"
 #include "host/framework/plug_play.h"
 #include "host/image/pe_file.h"
 
@@ -147,8 +147,7 @@ IoResult Driver::Open(FileId& file)
         return {STATUS_NO_SUCH_DEVICE, 0, true};
     }
     framework::FileObjectObject* object = nullptr;
-    const framework::RequestResult result =
-        framework::OpenFile(Framework::Current(), NewestDevice(instance_), object);
+    const framework::RequestResult result = framework::OpenFile(Framework::Current(), NewestDevice(instance_), object);
     if (object != nullptr) {
         file = nextFile_++;
         files_[file] = object;

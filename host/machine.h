@@ -13,7 +13,7 @@
 #pragma once
 
 #include "host/environment.h"
-#include "host/framework/view.h"
+#include "host/framework/inspector.h"
 #include "host/kernel/registry.h"
 #include "host/results.h"
 #include "host/schedule/threads.h"
@@ -41,7 +41,7 @@ namespace framework {
 class Framework;
 struct DriverInstance;
 struct FileObjectObject;
-}
+}  // namespace framework
 
 using kernel::RegistryNumber;
 
@@ -59,11 +59,11 @@ public:
     NTSTATUS AddDevice();
     NTSTATUS StartDevice();
     NTSTATUS QueryStopDevice();
-    NTSTATUS QueryRemoveDevice();   // asks also those who hold the device open
-    NTSTATUS Sleep();               // D0Exit(D3)
-    NTSTATUS Wake();                // D0Entry(D3)
-    void SurpriseRemoveDevice();    // the surprise-removal half; the device answers on until RemoveDevice
-    Outcome RemoveDevice();         // IRP_MN_REMOVE_DEVICE once no handle is open; waits for work items, so it can park
+    NTSTATUS QueryRemoveDevice();  // asks also those who hold the device open
+    NTSTATUS Sleep();              // D0Exit(D3)
+    NTSTATUS Wake();               // D0Entry(D3)
+    void SurpriseRemoveDevice();   // the surprise-removal half; the device answers on until RemoveDevice
+    Outcome RemoveDevice();        // IRP_MN_REMOVE_DEVICE once no handle is open; waits for work items, so it can park
     [[nodiscard]] bool HasDevice() const;
     [[nodiscard]] WDFDEVICE Device() const;
 
@@ -84,7 +84,7 @@ public:
 
     // File handles and I/O controls, as user mode would make them.
     IoResult Open(FileId& file);
-    void Close(FileId file);        // cleanup and close
+    void Close(FileId file);  // cleanup and close
     IoResult DeviceControl(FileId file, std::uint32_t code, std::span<const std::byte> input = {},
                            std::span<std::byte> output = {});
 

@@ -13,14 +13,14 @@ namespace host {
 using Outcome = schedule::Outcome;
 
 struct PumpResult {
-    unsigned runs = 0;                 // callbacks that were started
-    std::vector<Outcome> parked;       // those that will never return
+    unsigned runs = 0;            // callbacks that were started
+    std::vector<Outcome> parked;  // those that will never return
 };
 
 struct IoResult {
     NTSTATUS status;
     std::uint64_t information;
-    bool completed;                    // FALSE: still pending when the call came back
+    bool completed;  // FALSE: still pending when the call came back
 };
 
 // An open handle of a device; 0 is none.

@@ -56,7 +56,7 @@ title_of() {
 }
 
 build_images_for_tests() {
-    build windows decoding_files all_images bound_x64 bound_arm64 samples_x64 samples_arm64
+    build windows decoding_files all_images minimal_x64 minimal_arm64 samples_x64 samples_arm64
 }
 
 # ---- Running ----
@@ -150,7 +150,7 @@ run_group() {
     fi
     rm -f "$results/$name.passed"
     [[ $labels != *host* ]] || rm -rf "$root/build/$preset/rules_broken"
-    remove_figures "$preset" "$labels"
+    remove_statistics "$preset" "$labels"
     # The cases that others need have a group of their own.
     run_ctest "$preset" "$junit" "$title" -FA '.*' -L "^($labels)\$" "${arguments[@]}"
     count_cases "$junit" "$title" " in $(seconds_since "$begin") s"
@@ -160,15 +160,15 @@ run_group() {
     fi
 }
 
-# remove_figures PRESET LABELS, show_figures PRESET LABELS: what the group's cases leave in figures/, by container.
-remove_figures() {
-    local folder=$root/build/$1/figures
-    rm -f "$folder"/{model,sweep}-"$2"*.txt "$folder/explorer/$2,"*
+# remove_statistics PRESET LABELS, show_statistics PRESET LABELS: what the group's cases leave in figures/, by container.
+remove_statistics() {
+    local folder=$root/build/$1/statistics
+    rm -f "$folder"/{model,fault-injection}-"$2"*.txt "$folder/concurrency/$2,"*
 }
-show_figures() {
-    local folder=$root/build/$1/figures
-    cat "$folder"/{model,sweep}-"$2"*.txt 2> /dev/null || true
-    cat "$folder/explorer/$2,"* 2> /dev/null | awk '
+show_statistics() {
+    local folder=$root/build/$1/statistics
+    cat "$folder"/{model,fault-injection}-"$2"*.txt 2> /dev/null || true
+    cat "$folder/concurrency/$2,"* 2> /dev/null | awk '
         { walked[$2] += $(NF - 5); random[$2] += $(NF - 1) }
         END { for (on in walked) print "interleavings, " on " all: " walked[on] " walked, " random[on] " random" }' ||
         true
@@ -213,12 +213,12 @@ run_groups() {
     while IFS=: read -r preset labels title; do
         run_group "$preset" "$labels" "$title"
     done < <(groups_of_run)
-    cat "$root/build/native/figures/checks.txt" 2> /dev/null || true
+    cat "$root/build/native/statistics/checks.txt" 2> /dev/null || true
     for labels in native x64 arm64; do
-        show_figures native "$labels"
+        show_statistics native "$labels"
     done
     if $all; then
-        show_figures linux-arm64 arm64
+        show_statistics linux-arm64 arm64
         return
     fi
     if [ "$(uname -m)" = x86_64 ]; then
@@ -240,7 +240,7 @@ images_for() {
         case $program in
         host) ;;
         behaviour | fault_injection | concurrency | model) [ "$only" = native ] || targets+=("zepn_$machine") ;;
-        bench) targets+=(all_images bound_x64 bound_arm64) ;;
+        bench) targets+=(all_images minimal_x64 minimal_arm64) ;;
         *) targets+=(all_images samples_x64 samples_arm64) ;;
         esac
     done
@@ -278,7 +278,7 @@ run_chosen() {
         while read -r script; do
             case $script in
             demo_plays) targets+=(zepn-play) ;;
-            libfuzzer_*) targets+=(zepn-libfuzzer mistaken_libfuzzer) ;;
+            libfuzzer_*) targets+=(zepn-libfuzzer libfuzzer_with_model_bug) ;;
             *) targets+=(tests) ;;  # they look at what other cases have left
             esac
         done < <(awk '$1 == "script" { print $2 }' <<< "$matching")
@@ -313,7 +313,7 @@ run_coverage() {
 
 run_tests() {
     # What would choose among the cases.
-    unset ZEPN_SCHEDULE ZEPN_SCHEDULES ZEPN_SWEEP "${!GTEST_@}"
+    unset ZEPN_SCHEDULE ZEPN_SCHEDULES ZEPN_FAULT "${!GTEST_@}"
     if [ "$*" = --coverage ]; then
         run_coverage
         return

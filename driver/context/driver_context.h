@@ -22,16 +22,16 @@ struct ZEP_NOTIFIER_DRIVER_CONTEXT {
     WDFWAITLOCK wdfWaitLockClientsCollection;          // "the clients lock"
     WDFWAITLOCK wdfWaitLockStatesCollection;           //
     WDFWAITLOCK wdfWaitLockCommandsCollection;         //
-    WDFOBJECT wdfObjectWpcdClient;                     // the attached crash-dump driver or null; see driver/crash_dump/attach.cpp
-    WDFWORKITEM wdfWorkItemWpcdClientAdd;              // the work items are children of the device
-    WDFWORKITEM wdfWorkItemWpcdClientRemove;           //
-    WDFWORKITEM wdfWorkItemNotifyStates;               //
-    WDFWORKITEM wdfWorkItemNotifyCommands;             //
-    WDFWAITLOCK wdfWaitLockNotifyStatesWorkItem;       // one delivery run at a time
-    WDFWAITLOCK wdfWaitLockNotifyCommandsWorkItem;     // one delivery run at a time
-    WDFWAITLOCK wdfWaitLockNotifyAppsStateWorkItem;    // On purpose: created and never taken
-    PCALLBACK_OBJECT PowerStateCallbackObject;         // \Callback\PowerState, referenced; null when not registered
-    PVOID PowerStateCallbackRegistration;              //
+    WDFOBJECT wdfObjectWpcdClient;         // the attached crash-dump driver or null; see driver/crash_dump/attach.cpp
+    WDFWORKITEM wdfWorkItemWpcdClientAdd;  // the work items are children of the device
+    WDFWORKITEM wdfWorkItemWpcdClientRemove;         //
+    WDFWORKITEM wdfWorkItemNotifyStates;             //
+    WDFWORKITEM wdfWorkItemNotifyCommands;           //
+    WDFWAITLOCK wdfWaitLockNotifyStatesWorkItem;     // one delivery run at a time
+    WDFWAITLOCK wdfWaitLockNotifyCommandsWorkItem;   // one delivery run at a time
+    WDFWAITLOCK wdfWaitLockNotifyAppsStateWorkItem;  // On purpose: created and never taken
+    PCALLBACK_OBJECT PowerStateCallbackObject;       // \Callback\PowerState, referenced; null when not registered
+    PVOID PowerStateCallbackRegistration;            //
 };
 static_assert(sizeof(ZEP_NOTIFIER_DRIVER_CONTEXT) == 160);
 static_assert(offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, wdfWaitLockGeneral) == 48 &&

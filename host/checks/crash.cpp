@@ -37,9 +37,9 @@ constexpr bool kSanitized = false;
 #endif
 
 constexpr std::size_t kStackBytes = 64 * 1024;
-constexpr unsigned kPatienceSeconds = 30;
+constexpr unsigned kWatchdogSeconds = 30;
 
-std::atomic<LastWords*> g_lastWords{nullptr};  // the newest
+std::atomic<CrashContext*> g_crashContexts{nullptr};  // the newest
 
 // The thread that tells how the process ends. Others that fault meanwhile stand still until it has.
 std::atomic<pid_t> g_teller{0};
@@ -104,7 +104,7 @@ void TellOfFault(int signal, const siginfo_t& information, const void* at)
 void SetAlarm()
 {
     signal(SIGALRM, SIG_DFL);
-    alarm(kPatienceSeconds);
+    alarm(kWatchdogSeconds);
 }
 
 void OnFault(int signal, siginfo_t* information, void* context)
@@ -116,7 +116,7 @@ void OnFault(int signal, siginfo_t* information, void* context)
     } else {
         TellOfFault(signal, *information, ProgramCounter(context));
     }
-    TellLastWords();
+    PrintCrashContexts();
     std::fflush(stderr);
     _exit(kMemoryFaultExit);
 }
@@ -126,7 +126,7 @@ void OnAbort(int)
 {
     SetAlarm();
     const bool again = TellsAlready();
-    TellLastWords();
+    PrintCrashContexts();
     std::fflush(stderr);
     if (again) {
         _exit(kMemoryFaultExit);
@@ -165,7 +165,7 @@ void InstallHandlers()
 {
 #if defined(HOST_SANITIZED)
     if (LLVMFuzzerTestOneInput == nullptr) {
-        __sanitizer_set_death_callback(TellLastWords);
+        __sanitizer_set_death_callback(PrintCrashContexts);
     }
 #endif
     if (!kSanitized) {
@@ -194,22 +194,22 @@ void CatchMemoryFaults()
     }
 }
 
-LastWords::LastWords(std::function<std::string()> words)
-    : words_(std::move(words)), outer_(g_lastWords.load(std::memory_order_relaxed))
+CrashContext::CrashContext(std::function<std::string()> words)
+    : words_(std::move(words)), outer_(g_crashContexts.load(std::memory_order_relaxed))
 {
     Watchdog::Progress();
-    g_lastWords.store(this, std::memory_order_release);
+    g_crashContexts.store(this, std::memory_order_release);
 }
 
-LastWords::~LastWords()
+CrashContext::~CrashContext()
 {
-    g_lastWords.store(outer_, std::memory_order_release);
+    g_crashContexts.store(outer_, std::memory_order_release);
 }
 
-void TellLastWords()
+void PrintCrashContexts()
 {
-    while (LastWords* words = g_lastWords.load(std::memory_order_acquire)) {
-        g_lastWords.store(words->outer_, std::memory_order_release);
+    while (CrashContext* words = g_crashContexts.load(std::memory_order_acquire)) {
+        g_crashContexts.store(words->outer_, std::memory_order_release);
         std::fprintf(stderr, "%s\n", words->words_().c_str());
     }
 }

@@ -17,7 +17,7 @@ inline constexpr int kMemoryFaultExit = 4;
 // What is to be told, on stderr, when the process ends by a memory fault or by std::abort while this object lives: who
 // plays something says what it is, so that it can be played again.
 //
-//     const LastWords words([&] { return "life 12 of seed 7"; });
+//     const CrashContext words([&] { return "life 12 of seed 7"; });
 //
 // The faulting thread asks all that live, the newest first, and prints a line for each; the other threads go on
 // meanwhile. The routine runs inside the signal handler. It may read what the stopped thread does not change at that
@@ -27,21 +27,21 @@ inline constexpr int kMemoryFaultExit = 4;
 //
 // Nothing is told of a process that ends itself, or is killed. Objects may be made on any thread and must end in the
 // reverse order, as those in nested scopes do.
-class LastWords {
+class CrashContext {
 public:
-    explicit LastWords(std::function<std::string()> words);
-    ~LastWords();
-    LastWords(const LastWords&) = delete;
-    LastWords& operator=(const LastWords&) = delete;
+    explicit CrashContext(std::function<std::string()> words);
+    ~CrashContext();
+    CrashContext(const CrashContext&) = delete;
+    CrashContext& operator=(const CrashContext&) = delete;
 
 private:
-    friend void TellLastWords();
+    friend void PrintCrashContexts();
 
     const std::function<std::string()> words_;
-    LastWords* const outer_;
+    CrashContext* const outer_;
 };
 
 // Prints them; each is told once in a process. Called by the handler.
-void TellLastWords();
+void PrintCrashContexts();
 
 }  // namespace host::checks

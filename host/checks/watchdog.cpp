@@ -56,7 +56,7 @@ bool HasChild()
     sigaddset(&alarms, SIGALRM);
     pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
     alarm(kCrashContextSeconds);  // should printing hang too
-    TellLastWords();
+    PrintCrashContexts();
     std::fflush(stderr);
     raise(SIGALRM);
     _exit(kMemoryFaultExit);

@@ -6,9 +6,9 @@
 
 namespace host::checks {
 
-// While one exists, the process must make progress: each LastWords that begin, and each call of Progress, is some.
+// While one exists, the process must make progress: each CrashContext that begin, and each call of Progress, is some.
 // Without any, it ends by SIGALRM when it has used so much processor time, or has used next to none for as long and has
-// no child that it could be waiting for. Before that it prints which, and what every LastWords says.
+// no child that it could be waiting for. Before that it prints which, and what every CrashContext says.
 //
 // One at a time in a process. It takes SIGALRM and the real-time interval timer; a forked child begins without.
 class Watchdog {

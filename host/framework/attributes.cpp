@@ -18,8 +18,8 @@ bool MayHaveScope(ObjectType type)
 
 }  // namespace
 
-NTSTATUS Framework::CheckAttributes(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes,
-                                    ObjectType type, ParentRule parentRule)
+NTSTATUS Framework::CheckAttributes(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes, ObjectType type,
+                                    ParentRule parentRule)
 {
     if (attributes == nullptr) {
         return parentRule == ParentRule::kRequired ? STATUS_WDF_PARENT_NOT_SPECIFIED : STATUS_SUCCESS;
@@ -101,8 +101,8 @@ void Framework::ApplyAttributes(Object& object, const WDF_OBJECT_ATTRIBUTES* att
 Context& Framework::AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes)
 {
     constexpr std::size_t kAlignment = 16;
-    const std::size_t size = attributes.ContextSizeOverride != 0 ? attributes.ContextSizeOverride
-                                                                 : attributes.ContextTypeInfo->ContextSize;
+    const std::size_t size =
+        attributes.ContextSizeOverride != 0 ? attributes.ContextSizeOverride : attributes.ContextTypeInfo->ContextSize;
     object.contexts.push_back({.type = attributes.ContextTypeInfo->UniqueType,
                                .memory = kernel.contextMemory().Allocate(size, kAlignment),
                                .sizeBytes = size,

@@ -1,5 +1,5 @@
 // The framework's loader: WdfVersionBind and WdfVersionUnbind, and what the framework keeps for each client.
-#include "host/framework/driver_life.h"
+#include "host/framework/driver_load.h"
 #include "host/image/exports.h"
 
 #include <algorithm>
@@ -40,8 +40,8 @@ ULONG FunctionCountOf(unsigned minor)
 bool IsComponent(const WCHAR* component)
 {
     static constexpr char16_t kComponent[] = u"KmdfLibrary";
-    return component != nullptr && std::equal(std::begin(kComponent), std::end(kComponent),
-                                              reinterpret_cast<const char16_t*>(component));
+    return component != nullptr &&
+           std::equal(std::begin(kComponent), std::end(kComponent), reinterpret_cast<const char16_t*>(component));
 }
 
 // What the loader and then the framework say to a client's demand.
@@ -59,8 +59,7 @@ NTSTATUS CheckDemand(const WDF_BIND_INFO& info, unsigned runningMinor)
     const bool isSomeRelease = std::any_of(kReleases.begin(), kReleases.end(), [&](const Release& release) {
         return release.functionCount == info.FuncCount;
     });
-    return isSomeRelease && info.FuncCount <= FunctionCountOf(runningMinor) ? STATUS_SUCCESS
-                                                                            : STATUS_INVALID_PARAMETER;
+    return isSomeRelease && info.FuncCount <= FunctionCountOf(runningMinor) ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
 }
 
 }  // namespace
@@ -114,8 +113,7 @@ void Framework::ReportObjectsLeft(DriverInstance& instance)
         const std::string what = Describe(*object);
         if (object->finished) {
             environment.Report(checks::Rule::kReferenceLeak, "unload",
-                               what + " was deleted, but " + std::to_string(object->references) +
-                                   " references keep it",
+                               what + " was deleted, but " + std::to_string(object->references) + " references keep it",
                                nullptr);
         } else {
             environment.Report(checks::Rule::kLeak, "unload",

@@ -58,8 +58,8 @@ void NTAPI CollectionRemove(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, WDFOBJECT
     }
     const auto found = std::find(collection->items.begin(), collection->items.end(), item);
     if (found == collection->items.end()) {
-        call.Violation(Rule::kCollectionItem, Framework::Describe(*item) + " is not in " +
-                                                  Framework::Describe(*collection));
+        call.Violation(Rule::kCollectionItem,
+                       Framework::Describe(*item) + " is not in " + Framework::Describe(*collection));
         return;
     }
     collection->items.erase(found);

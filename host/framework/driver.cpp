@@ -1,6 +1,6 @@
 // The driver object: its creation, and the framework's own unload and add-device routines behind the system's.
 #include "host/framework/devices.h"
-#include "host/framework/driver_life.h"
+#include "host/framework/driver_load.h"
 #include "host/framework/functions.h"
 
 #include <algorithm>
@@ -91,8 +91,8 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
     if (instance->driver != nullptr) {
         return STATUS_DRIVER_INTERNAL_ERROR;
     }
-    const NTSTATUS status = framework.CheckAttributes(call, attributes, ObjectType::kDriver,
-                                                      Framework::ParentRule::kForbidden);
+    const NTSTATUS status =
+        framework.CheckAttributes(call, attributes, ObjectType::kDriver, Framework::ParentRule::kForbidden);
     if (!NT_SUCCESS(status)) {
         return status;
     }

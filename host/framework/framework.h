@@ -43,16 +43,16 @@ struct DriverInstance {
     NTSTATUS entryStatus = STATUS_SUCCESS;
     DRIVER_OBJECT driverObject{};
     DRIVER_EXTENSION extension{};
-    WDF_DRIVER_GLOBALS* globals = nullptr;  // null while not bound
-    WDFDRIVER hiddenDriver = nullptr;       // what the globals held before a fault hid it
-    DriverObject* driver = nullptr;         // null before creation and after destruction
-    std::list<DeviceObject*> devices;       // oldest first
+    WDF_DRIVER_GLOBALS* globals = nullptr;                // null while not bound
+    WDFDRIVER hiddenDriver = nullptr;                     // what the globals held before a fault hid it
+    DriverObject* driver = nullptr;                       // null before creation and after destruction
+    std::list<DeviceObject*> devices;                     // oldest first
     std::vector<InterfaceChangeRecord> interfaceChanges;  // asked for by the driver, oldest first
     bool loaded = false;
 };
 
 inline constexpr std::uint64_t kHandleBase = 0xFFFFE00000000000;  // never a usable address
-inline constexpr std::uint64_t kHandleStep = 8;  // the low bits are free
+inline constexpr std::uint64_t kHandleStep = 8;                   // the low bits are free
 
 class Framework {
 public:

@@ -147,8 +147,7 @@ Object* Framework::ResolveAny(const PlatformCall& call, const void* handle, cons
     return slot->object.get();
 }
 
-void Framework::ReportWrongType(const PlatformCall& call, const Object& object, const char* argument,
-                                ObjectType wanted)
+void Framework::ReportWrongType(const PlatformCall& call, const Object& object, const char* argument, ObjectType wanted)
 {
     call.Violation(checks::Rule::kWrongHandleType,
                    std::string(argument) + " is " + Describe(object) + ", not a " + Name(wanted));

@@ -129,9 +129,8 @@ NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PW
         (imports && config->EvtDeviceProcessQueryInterfaceRequest == nullptr) || config->InterfaceType == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    QueryInterfaceEntry entry{.type = *config->InterfaceType,
-                              .table = {},
-                              .process = config->EvtDeviceProcessQueryInterfaceRequest};
+    QueryInterfaceEntry entry{
+        .type = *config->InterfaceType, .table = {}, .process = config->EvtDeviceProcessQueryInterfaceRequest};
     if (config->Interface != nullptr) {
         INTERFACE header = *config->Interface;
         if (header.Size < sizeof(INTERFACE)) {

@@ -3,7 +3,7 @@
 // One mutex (Framework::mutex) guards all of it. It is never held while driver code runs.
 #pragma once
 
-#include "host/framework/view.h"
+#include "host/framework/inspector.h"
 
 #include <cstdint>
 #include <deque>
@@ -34,12 +34,12 @@ struct Object {
     const ObjectType type;
     DriverInstance* const driver;
     WDFOBJECT handle = nullptr;
-    long references = 1;    // the creation reference, the driver's own and those of collections
+    long references = 1;        // the creation reference, the driver's own and those of collections
     long driverReferences = 0;  // the driver's own: what it may give back
-    bool deleted = false;   // delete or the parent's end has begun
-    bool finished = false;  // the creation reference is given up
-    bool noDelete = false;  // not for the driver to delete
-    unsigned serial = 0;    // among the objects of its type, for reports
+    bool deleted = false;       // delete or the parent's end has begun
+    bool finished = false;      // the creation reference is given up
+    bool noDelete = false;      // not for the driver to delete
+    unsigned serial = 0;        // among the objects of its type, for reports
 
     // Children in creation order, as a list through the siblings: clients have many short-lived ones.
     Object* parent = nullptr;
@@ -81,10 +81,10 @@ struct CollectionObject final : Object {
 struct WaitLockObject final : Object {
     explicit WaitLockObject(DriverInstance* owner) : Object(ObjectType::kWaitLock, owner) {}
     bool held = false;
-    bool abandoned = false;       // its holder's callback is over: nobody will give it back
-    unsigned rank = 0;            // in the declared order; 0: in none
-    std::uint64_t holderId = 0;   // ThreadState::id
-    std::uint64_t robbedId = 0;   // whose hold a stranger's release ended
+    bool abandoned = false;      // its holder's callback is over: nobody will give it back
+    unsigned rank = 0;           // in the declared order; 0: in none
+    std::uint64_t holderId = 0;  // ThreadState::id
+    std::uint64_t robbedId = 0;  // whose hold a stranger's release ended
     std::string holderName;
 };
 
@@ -92,9 +92,9 @@ struct WorkItemObject final : Object {
     explicit WorkItemObject(DriverInstance* owner) : Object(ObjectType::kWorkItem, owner) {}
     PFN_WDF_WORKITEM routine = nullptr;
     bool queued = false;
-    bool gone = false;                         // disposal has begun: enqueue is dropped
-    unsigned starting = 0;                     // taken off the queue, not on their thread yet
-    std::vector<std::uint64_t> runningOn;      // thread ids
+    bool gone = false;                     // disposal has begun: enqueue is dropped
+    unsigned starting = 0;                 // taken off the queue, not on their thread yet
+    std::vector<std::uint64_t> runningOn;  // thread ids
 };
 
 struct KeyObject final : Object {

@@ -21,9 +21,10 @@ void Framework::DisposeQueue(std::unique_lock<std::mutex>& lock, Object& object)
     const auto isOver = [&] {
         return queue.presented.empty() || (framework.workQueue.empty() && framework.workRunning == 0);
     };
-    (void)framework.WaitFor(lock, {.subject = "the requests of " + Describe(queue), .isReady = isOver, .heldBy = [&] {
-                                       return queue.deliveringOn;
-                                   }},
+    (void)framework.WaitFor(lock,
+                            {.subject = "the requests of " + Describe(queue),
+                             .isReady = isOver,
+                             .heldBy = [&] { return queue.deliveringOn; }},
                             "queue end", nullptr);
     if (!queue.presented.empty()) {
         const std::string reason =
@@ -71,8 +72,7 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     if (isDefault && device->defaultQueue != nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
-    NTSTATUS status =
-        framework.CheckAttributes(call, attributes, ObjectType::kQueue, Framework::ParentRule::kOptional);
+    NTSTATUS status = framework.CheckAttributes(call, attributes, ObjectType::kQueue, Framework::ParentRule::kOptional);
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -50,8 +50,7 @@ void Present(Framework& framework, QueueObject& queue, RequestObject& request)
         });
     } else {
         const auto any = queue.config.EvtIoDefault;
-        framework.Guarded("EvtIoDefault", reinterpret_cast<const void*>(any),
-                          [&] { any(queueHandle, requestHandle); });
+        framework.Guarded("EvtIoDefault", reinterpret_cast<const void*>(any), [&] { any(queueHandle, requestHandle); });
     }
 }
 
@@ -237,10 +236,10 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
 
     // Behind another request a sender waits as long as somebody is at work on the queue.
     const auto isSettled = [&] { return request.completed || queue->deliveringOn.empty(); };
-    (void)framework.WaitFor(lock, {.subject = Framework::Describe(request), .isReady = isSettled, .heldBy = [&] {
-                                       return queue->deliveringOn;
-                                   }},
-                            "I/O control", nullptr);
+    (void)framework.WaitFor(
+        lock,
+        {.subject = Framework::Describe(request), .isReady = isSettled, .heldBy = [&] { return queue->deliveringOn; }},
+        "I/O control", nullptr);
     const RequestResult result = TakeResult(framework, lock, request);
     framework.Dereference(lock, *queue);
     return result;
@@ -300,8 +299,7 @@ WDFFILEOBJECT NTAPI RequestGetFileObject(PWDF_DRIVER_GLOBALS, WDFREQUEST handle)
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     const auto* request = framework.Resolve<RequestObject>(call, handle, "Request");
-    return request == nullptr || request->file == nullptr ? nullptr
-                                                          : static_cast<WDFFILEOBJECT>(request->file->handle);
+    return request == nullptr || request->file == nullptr ? nullptr : static_cast<WDFFILEOBJECT>(request->file->handle);
 }
 
 WDFQUEUE NTAPI RequestGetIoQueue(PWDF_DRIVER_GLOBALS, WDFREQUEST handle)

@@ -21,7 +21,7 @@ constexpr bool kUnderAddressSanitizer = false;
 
 constexpr std::size_t kPage = 4096;
 constexpr std::size_t kArenaBytes = std::size_t{16} << 20;  // address space only, reserved when the last one is full
-constexpr std::size_t kGuardedBlocksMaximum = 20000;       // each costs the kernel two mappings
+constexpr std::size_t kGuardedBlocksMaximum = 20000;        // each costs the kernel two mappings
 constexpr std::size_t kCanaryBytes = 32;
 constexpr std::uint8_t kSlackFill = 0xFD;
 

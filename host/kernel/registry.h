@@ -17,8 +17,8 @@ inline constexpr std::uint32_t kTypeDword = 4;
 struct RegistryValue {
     std::uint32_t type;
     std::vector<std::byte> data;
-    std::string name = {};       // as it was first written
-    std::uint64_t serial = 0;    // in order of first writing
+    std::string name = {};     // as it was first written
+    std::uint64_t serial = 0;  // in order of first writing
 };
 
 struct RegistryNumber {

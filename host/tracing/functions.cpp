@@ -147,7 +147,7 @@ HOST_EXPORT NTSTATUS NTAPI EtwWrite(REGHANDLE handle, PCEVENT_DESCRIPTOR descrip
             }
         }
     }
-    state.unheardEvents += heard ? 0 : 1;
+    state.disabledEvents += heard ? 0 : 1;
     return STATUS_SUCCESS;
 }
 
@@ -218,7 +218,7 @@ HOST_EXPORT NTSTATUS NTAPI_VARIADIC WmiTraceMessage(TRACEHANDLE logger, ULONG fl
     const std::lock_guard lock(state.mutex);
     const auto* session = state.ByLogger(logger);
     if (session == nullptr) {
-        ++state.unheardMessages;
+        ++state.disabledMessages;
         return STATUS_INVALID_HANDLE;
     }
     message.session = session->id;

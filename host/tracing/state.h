@@ -58,8 +58,8 @@ struct Tracing::State {
     std::vector<CapturedEvent> events;
     std::vector<CapturedMessage> messages;
     std::uint64_t nextOrder = 1;
-    std::uint64_t unheardEvents = 0;
-    std::uint64_t unheardMessages = 0;
+    std::uint64_t disabledEvents = 0;
+    std::uint64_t disabledMessages = 0;
     REGHANDLE nextHandle = 0x1000;
     SessionId nextSession = 0x21;  // doubles as logger id
     Listener* listener = nullptr;

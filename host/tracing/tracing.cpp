@@ -250,20 +250,20 @@ void Tracing::ClearCaptured()
     const std::lock_guard lock(state_->mutex);
     state_->events.clear();
     state_->messages.clear();
-    state_->unheardEvents = 0;
-    state_->unheardMessages = 0;
+    state_->disabledEvents = 0;
+    state_->disabledMessages = 0;
 }
 
-std::uint64_t Tracing::UnheardEvents() const
+std::uint64_t Tracing::DisabledEvents() const
 {
     const std::lock_guard lock(state_->mutex);
-    return state_->unheardEvents;
+    return state_->disabledEvents;
 }
 
-std::uint64_t Tracing::UnheardMessages() const
+std::uint64_t Tracing::DisabledMessages() const
 {
     const std::lock_guard lock(state_->mutex);
-    return state_->unheardMessages;
+    return state_->disabledMessages;
 }
 
 std::size_t Tracing::EventProviders() const

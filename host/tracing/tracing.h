@@ -71,8 +71,8 @@ public:
     void ClearCaptured();
 
     // Writes that no session took: a driver that tests its enable bits makes none.
-    [[nodiscard]] std::uint64_t UnheardEvents() const;
-    [[nodiscard]] std::uint64_t UnheardMessages() const;
+    [[nodiscard]] std::uint64_t DisabledEvents() const;
+    [[nodiscard]] std::uint64_t DisabledMessages() const;
 
     // Registrations alive now.
     [[nodiscard]] std::size_t EventProviders() const;

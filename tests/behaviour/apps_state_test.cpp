@@ -1,5 +1,5 @@
 // The application-state broadcast: power transitions, the I/O control, handles of the control device.
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -13,7 +13,7 @@ constexpr std::uintptr_t kStateLock = PO_CB_SYSTEM_STATE_LOCK;
 
 TEST_P(AppsState, PowerTransitionTellsEveryClientAndPostsTheAnswers)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer deaf(1);
     Peer content(2);
     Peer changing(3);
@@ -26,92 +26,92 @@ TEST_P(AppsState, PowerTransitionTellsEveryClientAndPostsTheAnswers)
         state = 4;
     };
     for (Peer* peer : {&deaf, &content, &changing, &watcher}) {
-        ASSERT_EQ(world.Register(*peer), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
     }
-    ASSERT_EQ(world.Post(changing, 1), STATUS_SUCCESS);
-    ASSERT_EQ(world.Subscribe(watcher, changing, 4), STATUS_SUCCESS);
-    world.Deliver();
-    (void)world.TakeReports();
+    ASSERT_EQ(fixture.Post(changing, 1), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Subscribe(watcher, changing, 4), STATUS_SUCCESS);
+    fixture.Deliver();
+    (void)fixture.TakeReports();
 
-    world.machine.NotifyPowerState(kStateLock, 0);
+    fixture.machine.NotifyPowerState(kStateLock, 0);
     EXPECT_EQ(entered, 1u);
     EXPECT_EQ(content.appsStateCalls, 1u);
     EXPECT_EQ(changing.appsStateCalls, 1u);
-    EXPECT_EQ(world.TakeReports(),
+    EXPECT_EQ(fixture.TakeReports(),
               (Lines{"6 Notifier_NotifyAppsState: ActionCallbackTable.AppsStateNotificationCallback, <object>",
                      "6 Notifier_NotifyAppsState: ActionCallbackTable.AppsStateNotificationCallback, <object>",
                      "13 ZEPReadRegistry: WdfDriverOpenParametersRegistryKey failed with status NULL?!"}));
-    EXPECT_TRUE(world.machine.Delays().empty());
-    world.Deliver();
+    EXPECT_TRUE(fixture.machine.Delays().empty());
+    fixture.Deliver();
     ASSERT_EQ(watcher.deliveries.size(), 1u);
     EXPECT_EQ(watcher.deliveries[0].Size, 32u);
-    EXPECT_EQ(world.Client(changing)->currentState, 4u);
+    EXPECT_EQ(fixture.Client(changing)->currentState, 4u);
 }
 
 TEST_P(AppsState, OnlyLeavingTheWorkingStateDoesAnything)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer peer(1);
     peer.HearsAppsState();
-    ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
-    world.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 100);
+    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 100);
     for (const std::uintptr_t kind : {0u, 1u, 2u, 4u}) {
-        (void)world.TakeRecords();
-        world.machine.NotifyPowerState(kind, 0);
-        EXPECT_EQ(world.TakeRecords(), Lines{});
+        (void)fixture.TakeRecords();
+        fixture.machine.NotifyPowerState(kind, 0);
+        EXPECT_EQ(fixture.TakeRecords(), Lines{});
     }
-    world.machine.NotifyPowerState(kStateLock, 1);
-    EXPECT_EQ(world.TakeRecords(),
+    fixture.machine.NotifyPowerState(kStateLock, 1);
+    EXPECT_EQ(fixture.TakeRecords(),
               (Lines{"M199 EvtPowerStateCallback", "M201 EvtPowerStateCallback", "M202 EvtPowerStateCallback"}));
-    world.machine.NotifyPowerState(kStateLock, 2);
+    fixture.machine.NotifyPowerState(kStateLock, 2);
     EXPECT_EQ(peer.appsStateCalls, 0u);
-    EXPECT_TRUE(world.machine.Delays().empty());
+    EXPECT_TRUE(fixture.machine.Delays().empty());
     // The second argument counts as 32 bits.
-    world.machine.NotifyPowerState(kStateLock, std::uintptr_t{1} << 32);
+    fixture.machine.NotifyPowerState(kStateLock, std::uintptr_t{1} << 32);
     EXPECT_EQ(peer.appsStateCalls, 1u);
-    EXPECT_EQ(world.machine.Delays().size(), 1u);
+    EXPECT_EQ(fixture.machine.Delays().size(), 1u);
     // Other kinds may come at DISPATCH_LEVEL and must be turned away at once.
     const host::ScopedIrql irql(DISPATCH_LEVEL);
-    world.machine.NotifyPowerState(1, 0);
+    fixture.machine.NotifyPowerState(1, 0);
 }
 
 TEST_P(AppsState, WaitIsReadAnewEachTimeAndIsInMilliseconds)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     const auto wait = [&] {
-        const auto before = world.machine.Delays().size();
-        world.machine.NotifyPowerState(kStateLock, 0);
-        const auto delays = world.machine.Delays();
+        const auto before = fixture.machine.Delays().size();
+        fixture.machine.NotifyPowerState(kStateLock, 0);
+        const auto delays = fixture.machine.Delays();
         return delays.size() == before ? std::int64_t{0} : delays.back();
     };
     EXPECT_EQ(wait(), 0);
-    world.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
+    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
     EXPECT_EQ(wait(), -2500000);
-    world.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 0xFFFFFFFF);
+    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 0xFFFFFFFF);
     EXPECT_EQ(wait(), -42949672950000);
-    world.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 0);
+    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 0);
     EXPECT_EQ(wait(), 0);
-    (void)world.TakeReports();
-    world.machine.SetRegistryString(kService, "SubsystemNotificationTimeout", "250");
+    (void)fixture.TakeReports();
+    fixture.machine.SetRegistryString(kService, "SubsystemNotificationTimeout", "250");
     EXPECT_EQ(wait(), 0);
-    EXPECT_EQ(world.TakeReports(), (Lines{"13 ZEPReadRegistry: WdfRegistryQueryULong returned NULL?!"}));
-    EXPECT_TRUE(world.machine.inspect().Objects(host::framework::ObjectType::kKey).empty()) << "the key is closed";
+    EXPECT_EQ(fixture.TakeReports(), (Lines{"13 ZEPReadRegistry: WdfRegistryQueryULong returned NULL?!"}));
+    EXPECT_TRUE(fixture.machine.inspect().Objects(host::framework::ObjectType::kKey).empty()) << "the key is closed";
 }
 
 struct Handle {
-    World& world;
+    DriverFixture& fixture;
     host::FileId file = 0;
 
-    explicit Handle(World& ofWorld) : world(ofWorld)
+    explicit Handle(DriverFixture& ofWorld) : fixture(ofWorld)
     {
-        const auto opened = world.driver->Open(file);
+        const auto opened = fixture.driver->Open(file);
         EXPECT_TRUE(opened.completed);
         EXPECT_EQ(opened.status, STATUS_SUCCESS);
     }
-    ~Handle() { world.driver->Close(file); }
+    ~Handle() { fixture.driver->Close(file); }
     NTSTATUS Control(std::uint32_t code)
     {
-        const auto result = world.driver->DeviceControl(file, code);
+        const auto result = fixture.driver->DeviceControl(file, code);
         EXPECT_TRUE(result.completed);
         EXPECT_EQ(result.information, 0u);
         return result.status;
@@ -120,17 +120,17 @@ struct Handle {
 
 TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer peer(1);
     peer.HearsAppsState();
-    ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
-    Handle handle(world);
+    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    Handle handle(fixture);
     EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS);
     EXPECT_EQ(peer.appsStateCalls, 1u);
     for (const std::uint32_t code : {0u, 0x01002140u, 0x01002148u, 0x01002145u}) {
-        (void)world.TakeRecords();
+        (void)fixture.TakeRecords();
         EXPECT_EQ(handle.Control(code), STATUS_NOT_SUPPORTED);
-        EXPECT_EQ(world.TakeRecords(), (Lines{"M208 NotifierEvtIoDeviceControl", "E64 NotifierEvtIoDeviceControl",
+        EXPECT_EQ(fixture.TakeRecords(), (Lines{"M208 NotifierEvtIoDeviceControl", "E64 NotifierEvtIoDeviceControl",
                                               "M209 NotifierEvtIoDeviceControl"}));
     }
     EXPECT_EQ(peer.appsStateCalls, 1u);
@@ -138,16 +138,16 @@ TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
 
 TEST_P(AppsState, HandlesWorkInEveryStageOfTheDevice)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer peer(1);
     peer.HearsAppsState();
-    ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     {
-        Handle handle(world);
-        EXPECT_EQ(world.driver->Sleep(), STATUS_SUCCESS);
+        Handle handle(fixture);
+        EXPECT_EQ(fixture.driver->Sleep(), STATUS_SUCCESS);
         EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS);
-        EXPECT_EQ(world.driver->Wake(), STATUS_SUCCESS);
-        world.driver->SurpriseRemoveDevice();
+        EXPECT_EQ(fixture.driver->Wake(), STATUS_SUCCESS);
+        fixture.driver->SurpriseRemoveDevice();
         EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS) << "also between surprise removal and removal";
     }
     EXPECT_EQ(peer.appsStateCalls, 2u);
@@ -155,49 +155,49 @@ TEST_P(AppsState, HandlesWorkInEveryStageOfTheDevice)
 
 TEST_P(AppsState, ControlSentAtARaisedLevelIsHandledBelowIt)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer peer(1);
     peer.HearsAppsState();
-    ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
-    Handle handle(world);
+    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    Handle handle(fixture);
     {
         const host::ScopedIrql irql(DISPATCH_LEVEL);
-        EXPECT_FALSE(world.driver->DeviceControl(handle.file, 0x01002144).completed);
+        EXPECT_FALSE(fixture.driver->DeviceControl(handle.file, 0x01002144).completed);
     }
-    world.Deliver();
+    fixture.Deliver();
     EXPECT_EQ(peer.appsStateCalls, 1u);
 }
 
 TEST_P(AppsState, TemporaryObjectsStayUntilUnloadOnPurpose)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer peer(1);
     peer.HearsAppsState().onAppsState = [](ULONG& state) { ++state; };
-    ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
-    const std::size_t before = world.machine.inspect().Objects().size();
+    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    const std::size_t before = fixture.machine.inspect().Objects().size();
     for (int round = 0; round < 3; ++round) {
-        world.machine.NotifyPowerState(kStateLock, 0);
-        world.Deliver();
+        fixture.machine.NotifyPowerState(kStateLock, 0);
+        fixture.Deliver();
     }
     // Each broadcast leaves its parent, its collection and one object for each answer.
-    EXPECT_EQ(world.machine.inspect().Objects().size(), before + 3 * 3);
+    EXPECT_EQ(fixture.machine.inspect().Objects().size(), before + 3 * 3);
 }
 
 TEST_P(AppsState, HandleCarriesAZeroedContextThatNobodyUses)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     {
-        Handle handle(world);
-        const auto files = world.machine.inspect().Objects(host::framework::ObjectType::kFileObject);
+        Handle handle(fixture);
+        const auto files = fixture.machine.inspect().Objects(host::framework::ObjectType::kFileObject);
         ASSERT_EQ(files.size(), 1u);
-        const auto context = world.machine.inspect().Context<ClientContext>(files[0].handle, kClientContextName);
+        const auto context = fixture.machine.inspect().Context<ClientContext>(files[0].handle, kClientContextName);
         ASSERT_TRUE(context);
         EXPECT_EQ(memcmp(&*context, std::vector<char>(sizeof(*context)).data(), sizeof(*context)), 0);
-        EXPECT_EQ(world.Count(world.Context().clients), 0u);
-        EXPECT_EQ(world.TakeRecords(), (Lines{"M49 NotifierEvtDeviceFileCreate", "E45 NotifierEvtDeviceFileCreate"}));
+        EXPECT_EQ(fixture.Count(fixture.Context().clients), 0u);
+        EXPECT_EQ(fixture.TakeRecords(), (Lines{"M49 NotifierEvtDeviceFileCreate", "E45 NotifierEvtDeviceFileCreate"}));
     }
-    EXPECT_EQ(world.TakeRecords(), (Lines{"M52 NotifierEvtDeviceFileClose", "E45 NotifierEvtDeviceFileClose"}));
-    EXPECT_TRUE(world.machine.inspect().Objects(host::framework::ObjectType::kFileObject).empty());
+    EXPECT_EQ(fixture.TakeRecords(), (Lines{"M52 NotifierEvtDeviceFileClose", "E45 NotifierEvtDeviceFileClose"}));
+    EXPECT_TRUE(fixture.machine.inspect().Objects(host::framework::ObjectType::kFileObject).empty());
 }
 
 }  // namespace

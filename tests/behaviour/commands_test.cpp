@@ -1,6 +1,6 @@
 // Commands: what reaches the target, one per run; what is refused, dropped, left alive, and how delivery can stop for
 // good.
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -14,23 +14,23 @@ struct Pair {
     Peer sender{1};
     Peer target{2};
 
-    explicit Pair(World& world)
+    explicit Pair(DriverFixture& fixture)
     {
         target.TakesCommands();
-        EXPECT_EQ(world.Register(sender), STATUS_SUCCESS);
-        EXPECT_EQ(world.Register(target), STATUS_SUCCESS);
+        EXPECT_EQ(fixture.Register(sender), STATUS_SUCCESS);
+        EXPECT_EQ(fixture.Register(target), STATUS_SUCCESS);
     }
 };
 
 TEST_P(Commands, ReachTheTargetWithTheSendersStateAndStayWithTheSender)
 {
-    World world(GetParam());
-    Pair pair(world);
-    ASSERT_EQ(world.Post(pair.sender, 8), STATUS_SUCCESS);
-    world.Deliver();
-    ASSERT_EQ(world.Send(pair.sender, pair.target, 77, 1234), STATUS_SUCCESS);
+    DriverFixture fixture(GetParam());
+    Pair pair(fixture);
+    ASSERT_EQ(fixture.Post(pair.sender, 8), STATUS_SUCCESS);
+    fixture.Deliver();
+    ASSERT_EQ(fixture.Send(pair.sender, pair.target, 77, 1234), STATUS_SUCCESS);
     EXPECT_TRUE(pair.target.commands.empty());
-    world.Deliver();
+    fixture.Deliver();
     ASSERT_EQ(pair.target.commands.size(), 1u);
     const auto& [id, info] = pair.target.commands[0];
     EXPECT_EQ(id, 77u);
@@ -38,60 +38,60 @@ TEST_P(Commands, ReachTheTargetWithTheSendersStateAndStayWithTheSender)
     EXPECT_EQ(info.CommandArgument, 1234u);
     EXPECT_EQ(info.SourceState, 8u);
     EXPECT_EQ(memcmp(&info.SourceGuid, &pair.sender.guid, sizeof(GUID)), 0);
-    EXPECT_EQ(world.Count(world.Context().states), 0u) << "an unchanged state posts nothing";
+    EXPECT_EQ(fixture.Count(fixture.Context().states), 0u) << "an unchanged state posts nothing";
 
     // A delivered command is not deleted: it goes with its sender.
-    EXPECT_EQ(world.Count(world.Context().commands), 0u);
-    EXPECT_EQ(world.Alive(kCommandContextName), 1u);
-    ASSERT_EQ(world.Leave(pair.sender), STATUS_SUCCESS);
-    EXPECT_EQ(world.Alive(kCommandContextName), 0u);
+    EXPECT_EQ(fixture.Count(fixture.Context().commands), 0u);
+    EXPECT_EQ(fixture.Alive(kCommandContextName), 1u);
+    ASSERT_EQ(fixture.Leave(pair.sender), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Alive(kCommandContextName), 0u);
 }
 
 TEST_P(Commands, ChangedStateOfTheTargetIsPostedOnce)
 {
-    World world(GetParam());
-    Pair pair(world);
+    DriverFixture fixture(GetParam());
+    Pair pair(fixture);
     Peer watcher(3);
-    ASSERT_EQ(world.Register(watcher), STATUS_SUCCESS);
-    ASSERT_EQ(world.Subscribe(watcher, pair.target, 5), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(watcher), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Subscribe(watcher, pair.target, 5), STATUS_SUCCESS);
     pair.target.onCommand = [](ULONG, ULONG& state) { state = 5; };
-    ASSERT_EQ(world.Send(pair.sender, pair.target, 1), STATUS_SUCCESS);
-    world.Deliver();
+    ASSERT_EQ(fixture.Send(pair.sender, pair.target, 1), STATUS_SUCCESS);
+    fixture.Deliver();
     ASSERT_EQ(watcher.deliveries.size(), 1u);
     EXPECT_EQ(watcher.deliveries[0].Size, 32u);
-    EXPECT_EQ(world.Client(pair.target)->currentState, 5u);
+    EXPECT_EQ(fixture.Client(pair.target)->currentState, 5u);
 }
 
 TEST_P(Commands, OneRunDeliversOneOfABurst)
 {
-    World world(GetParam());
-    Pair pair(world);
+    DriverFixture fixture(GetParam());
+    Pair pair(fixture);
     for (const ULONG id : {1u, 2u, 3u}) {
-        ASSERT_EQ(world.Send(pair.sender, pair.target, id), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Send(pair.sender, pair.target, id), STATUS_SUCCESS);
     }
-    EXPECT_EQ(world.Queued(), 1u);
-    world.Deliver();
+    EXPECT_EQ(fixture.Queued(), 1u);
+    fixture.Deliver();
     EXPECT_EQ(pair.target.commands.size(), 1u);
-    EXPECT_EQ(world.Count(world.Context().commands), 2u);
-    ASSERT_EQ(world.Send(pair.sender, pair.target, 4), STATUS_SUCCESS);
-    world.Deliver();
+    EXPECT_EQ(fixture.Count(fixture.Context().commands), 2u);
+    ASSERT_EQ(fixture.Send(pair.sender, pair.target, 4), STATUS_SUCCESS);
+    fixture.Deliver();
     ASSERT_EQ(pair.target.commands.size(), 2u);
     EXPECT_EQ(pair.target.commands[1].first, 2u) << "the oldest comes first";
 }
 
 TEST_P(Commands, BothMissingPartiesAreReportedAndStopCommandDeliveryForGood)
 {
-    World world(GetParam());
-    Pair pair(world);
-    ASSERT_EQ(world.Send(pair.sender, pair.target, 1), STATUS_SUCCESS);
-    ASSERT_EQ(world.Leave(pair.sender), STATUS_SUCCESS);
-    ASSERT_EQ(world.Leave(pair.target), STATUS_SUCCESS);
-    EXPECT_EQ(world.machine.RunWorkItems().parked.size(), 1u);
+    DriverFixture fixture(GetParam());
+    Pair pair(fixture);
+    ASSERT_EQ(fixture.Send(pair.sender, pair.target, 1), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Leave(pair.sender), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Leave(pair.target), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.machine.RunWorkItems().parked.size(), 1u);
     const std::string run = "12 NotifierEvtWorkItemNotifyCommands: Unable to find client with , {0000000";
     const std::string tail = "-1111-2222-0102-030405060708}, 0xC0000001";
-    EXPECT_EQ(world.TakeReports(), (Lines{run + "1" + tail, run + "2" + tail}));
-    EXPECT_EQ(world.machine.violations().Take(Rule::kSelfWait).size(), 1u);
-    world.Abandon();
+    EXPECT_EQ(fixture.TakeReports(), (Lines{run + "1" + tail, run + "2" + tail}));
+    EXPECT_EQ(fixture.machine.violations().Take(Rule::kSelfWait).size(), 1u);
+    fixture.Abandon();
 }
 
 }  // namespace

@@ -17,29 +17,29 @@ TEST_P(CrashDumpCalls, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
     const auto isUntouched = [&](std::size_t index) {
         return memcmp(&array[index], &untouched[index], sizeof(array[0])) == 0;
     };
-    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
+    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
     EXPECT_EQ(count, 0u);
-    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
+    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
     EXPECT_TRUE(isUntouched(0));
 
     Peer withState(1);
     Peer without(2);
-    ASSERT_EQ(a.world.Register(withState), STATUS_SUCCESS);
-    ASSERT_EQ(a.world.Register(without), STATUS_SUCCESS);
-    ASSERT_EQ(a.world.Post(withState, 5), STATUS_SUCCESS);
-    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
+    ASSERT_EQ(a.fixture.Register(withState), STATUS_SUCCESS);
+    ASSERT_EQ(a.fixture.Register(without), STATUS_SUCCESS);
+    ASSERT_EQ(a.fixture.Post(withState, 5), STATUS_SUCCESS);
+    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
     EXPECT_EQ(count, 2u);
 
     count = 1;
-    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(count, 2u);
     EXPECT_TRUE(isUntouched(0));
-    EXPECT_EQ(a.world.TakeReports(),
+    EXPECT_EQ(a.fixture.TakeReports(),
               (Lines{"11 Notifier_WpcdGetAllSubsystemDescriptors: 1, 2, 0xC0000023"}));
-    EXPECT_EQ(a.world.Client(withState)->addedToWpcd, 0u);
+    EXPECT_EQ(a.fixture.Client(withState)->addedToWpcd, 0u);
 
     count = 3;
-    EXPECT_EQ(a.world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
+    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
     EXPECT_EQ(count, 2u);
     EXPECT_EQ(array[0].InterfaceGUID.Data1, 1u);
     EXPECT_EQ(array[1].InterfaceGUID.Data1, 2u);
@@ -48,22 +48,22 @@ TEST_P(CrashDumpCalls, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
     memcpy(padding, array[0].Padding, sizeof(padding));
     EXPECT_EQ(padding[0] & padding[6], 0xEE);
     EXPECT_TRUE(isUntouched(2));
-    EXPECT_EQ(a.world.Client(withState)->addedToWpcd, 1u);
-    EXPECT_EQ(a.world.Client(withState)->wpcdRefreshPending, 0u);
-    EXPECT_EQ(a.world.Client(without)->wpcdRefreshPending, 1u);
+    EXPECT_EQ(a.fixture.Client(withState)->addedToWpcd, 1u);
+    EXPECT_EQ(a.fixture.Client(withState)->wpcdRefreshPending, 0u);
+    EXPECT_EQ(a.fixture.Client(without)->wpcdRefreshPending, 1u);
 }
 
 TEST_P(CrashDumpCalls, DescriptorArgumentsAreCheckedInOrder)
 {
     Attached a(GetParam());
-    const auto& wpcd = a.world.wpcd;
+    const auto& wpcd = a.fixture.wpcd;
     const std::string kCount = "Notifier_WpcdGetNumSubsystemDescriptors: ";
     const std::string kAll = "Notifier_WpcdGetAllSubsystemDescriptors: ";
     EXPECT_EQ(wpcd.Notifier_WpcdGetNumSubsystemDescriptors(nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(wpcd.Notifier_WpcdGetAllSubsystemDescriptors(nullptr, nullptr), STATUS_INVALID_PARAMETER);
     std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> array(2);
     EXPECT_EQ(wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(a.world.TakeReports(), (Lines{"2 " + kCount + "NumberDescriptors is NULL, 0xC000000D",
+    EXPECT_EQ(a.fixture.TakeReports(), (Lines{"2 " + kCount + "NumberDescriptors is NULL, 0xC000000D",
                                             "2 " + kAll + "Descriptors is NULL?!, 0xC000000D",
                                             "2 " + kAll + "NumberDescriptors is NULL?!, 0xC000000D"}));
 }
@@ -72,7 +72,7 @@ TEST_P(CrashDumpCalls, DescriptorArgumentsAreCheckedInOrder)
 struct DumpCall {
     const char* function;
     const char* callback;
-    std::function<NTSTATUS(World&, void* handle)> call;
+    std::function<NTSTATUS(DriverFixture&, void* handle)> call;
     Recorder::Call recorded;  // first argument filled in by the test
     std::vector<std::uint32_t> traced;
 };
@@ -85,21 +85,21 @@ const std::vector<DumpCall>& DumpCalls()
     constexpr ULONGLONG kWide = 0x1122334455667788;
     static const std::vector<DumpCall> kCalls = {
         {"Notifier_HelperStartDump", "ZepDumpStart",
-         [](World& w, void* h) { return w.helper.Notifier_HelperStartDump(h, kWide, 2); },
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStartDump(h, kWide, 2); },
          {"start", {0, kWide, 2}}, {0xD0D0}},
         {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
-         [](World& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, &g_dumpData, kWide, 0xFFFFFFFF, 3); },
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, &g_dumpData, kWide, 0xFFFFFFFF, 3); },
          {"add data", {0, Number(&g_dumpData), kWide, 0xFFFFFFFF, 3}}, {0xD0D0, 0xDA7A}},
         {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
-         [](World& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, nullptr, kWide, 2, 3); },
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, nullptr, kWide, 2, 3); },
          {"add data", {0, 0, kWide, 2, 3}}, {0xD0D0, 0}},
         {"Notifier_HelperStopDump", "ZepDumpStop",
-         [](World& w, void* h) { return w.helper.Notifier_HelperStopDump(h, kWide); }, {"stop", {0, kWide}}, {0xD0D0}},
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStopDump(h, kWide); }, {"stop", {0, kWide}}, {0xD0D0}},
         {"Notifier_HelperDumpQueryParam", "ZepDumpQueryParam",
-         [](World& w, void* h) { return w.helper.Notifier_HelperDumpQueryParam(h, 0x80000001, kWide, 3); },
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperDumpQueryParam(h, 0x80000001, kWide, 3); },
          {"query", {0, 0x80000001, kWide, 3}}, {0xD0D0}},
         {"Notifier_HelperDumpAddTriageData", "ZepDumpAddTriageData",
-         [](World& w, void* h) { return w.helper.Notifier_HelperDumpAddTriageData(h, kWide, 0xFFFFFFFE); },
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperDumpAddTriageData(h, kWide, 0xFFFFFFFE); },
          {"triage", {0, kWide, 0xFFFFFFFE}}, {0xD0D0, 0xFFFFFFFE}},
     };
     return kCalls;
@@ -110,22 +110,22 @@ TEST_P(CrashDumpCalls, DumpCallsPassThroughUnchangedAtAnyLevel)
     for (const DumpCall& dump : DumpCalls()) {
         SCOPED_TRACE(dump.function);
         Attached a(GetParam());
-        (void)a.world.TakeRecords();
-        a.world.machine.tracing().ClearCaptured();
+        (void)a.fixture.TakeRecords();
+        a.fixture.machine.tracing().ClearCaptured();
         const host::ScopedIrql irql(DISPATCH_LEVEL);
-        EXPECT_EQ(dump.call(a.world, &g_dumpRecord), STATUS_SUCCESS);
+        EXPECT_EQ(dump.call(a.fixture, &g_dumpRecord), STATUS_SUCCESS);
         Recorder::Call expected = dump.recorded;
         expected.arguments[0] = Number(&g_dumpRecord);
         EXPECT_EQ(a.recorder.calls, std::vector<Recorder::Call>{expected});
 
         // Entry message, entry event, the look-up's two, the result with its values, the exit.
-        Lines functions = a.world.TakeRecords();
+        Lines functions = a.fixture.TakeRecords();
         for (std::string& function : functions) {
             function.erase(0, function.find(' ') + 1);
         }
         EXPECT_EQ(functions, (Lines{dump.function, dump.function, "GetContext", "GetContext", dump.function,
                                     dump.function}));
-        const auto messages = a.world.machine.tracing().Messages();
+        const auto messages = a.fixture.machine.tracing().Messages();
         ASSERT_EQ(messages.size(), 4u);
         constexpr GUID kForwardingSet = {
             0x75F8AA61, 0xC96E, 0x3558, {0x5D, 0xC3, 0x89, 0x8A, 0xAE, 0x90, 0xE8, 0xED}};
@@ -135,7 +135,7 @@ TEST_P(CrashDumpCalls, DumpCallsPassThroughUnchangedAtAnyLevel)
         std::vector<std::uint32_t> traced(messages[2].payload.size() / 4);
         memcpy(traced.data(), messages[2].payload.data(), messages[2].payload.size());
         EXPECT_EQ(traced, dump.traced);
-        EXPECT_EQ(a.world.machine.tracing().Events().size(), 2u);
+        EXPECT_EQ(a.fixture.machine.tracing().Events().size(), 2u);
     }
 }
 
@@ -146,15 +146,15 @@ TEST_P(CrashDumpCalls, DumpAnswersAreJudgedByTheirSignAndReturned)
         Attached a(GetParam());
         for (const NTSTATUS answer : {STATUS_PENDING, STATUS_OBJECT_NAME_EXISTS}) {
             a.recorder.answer = answer;
-            EXPECT_EQ(dump.call(a.world, &g_dumpRecord), answer);
-            EXPECT_EQ(a.world.TakeReports(), Lines{});
+            EXPECT_EQ(dump.call(a.fixture, &g_dumpRecord), answer);
+            EXPECT_EQ(a.fixture.TakeReports(), Lines{});
         }
         for (const std::uint32_t answer : {0xC0000001u, 0x80000005u}) {
             a.recorder.answer = static_cast<NTSTATUS>(answer);
-            EXPECT_EQ(dump.call(a.world, &g_dumpRecord), static_cast<NTSTATUS>(answer));
+            EXPECT_EQ(dump.call(a.fixture, &g_dumpRecord), static_cast<NTSTATUS>(answer));
             char status[16];
             std::snprintf(status, sizeof(status), "0x%08X", answer);
-            EXPECT_EQ(a.world.TakeReports(), (Lines{std::string("1 pWpcdClientContext->") + dump.callback +
+            EXPECT_EQ(a.fixture.TakeReports(), (Lines{std::string("1 pWpcdClientContext->") + dump.callback +
                                                     ": Failed with an error code., " + status}));
         }
     }

@@ -10,27 +10,27 @@ FOR_ALL_CONTAINERS(CrashDump);
 TEST_P(CrashDump, AttachesOnceAndDetachesOnce)
 {
     Recorder first;
-    World world(GetParam());
-    EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&first.registration), STATUS_SUCCESS);
+    DriverFixture fixture(GetParam());
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientDeInit(), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientInit(nullptr), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&first.registration), STATUS_SUCCESS);
     const WpcdClientRegistration other{};
-    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&other), STATUS_OBJECT_NAME_EXISTS);
-    EXPECT_EQ(world.TakeReports(),
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&other), STATUS_OBJECT_NAME_EXISTS);
+    EXPECT_EQ(fixture.TakeReports(),
               (Lines{"2 Notifier_WpcdClientDeInit: CDI client is not already registered?!, 0xC0000034",
                      "2 Notifier_WpcdClientInit: ZepClientAdd or ZepClientRemove is NULL!, 0xC000000D",
                      "2 Notifier_WpcdClientInit: WPCD client already registered?!, 0x40000000"}));
     using Callbacks = std::array<void*, 7>;
     const auto stored = [&] {
-        return *world.machine.inspect().Context<Callbacks>(world.Context().wpcdClient, kWpcdContextName);
+        return *fixture.machine.inspect().Context<Callbacks>(fixture.Context().wpcdClient, kWpcdContextName);
     };
     EXPECT_EQ(memcmp(stored().data(), &first.registration.ZepClientAdd, 56), 0) << "the first callbacks stay";
-    EXPECT_EQ(world.Queued(), 0u);
+    EXPECT_EQ(fixture.Queued(), 0u);
 
-    EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
-    EXPECT_EQ(world.Context().wpcdClient, nullptr);
-    EXPECT_EQ(world.Alive(kWpcdContextName), 0u);
-    EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&other), STATUS_SUCCESS) << "null callbacks are accepted";
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Context().wpcdClient, nullptr);
+    EXPECT_EQ(fixture.Alive(kWpcdContextName), 0u);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&other), STATUS_SUCCESS) << "null callbacks are accepted";
     EXPECT_EQ(stored(), Callbacks{});
 }
 
@@ -46,15 +46,15 @@ TEST_P(CrashDump, AnnouncesClientsByTheirPostsInOrderThroughOneBuffer)
     first.callbacks.DescriptorCallbackC = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&a);
     const ZepDataEntry entries[2] = {};
     const std::string longName(70, 'n');
-    ASSERT_EQ(a.world.helper.Notifier_HelperInit(&first.guid, longName.c_str(), "first one", &first.callbacks, entries,
+    ASSERT_EQ(a.fixture.helper.Notifier_HelperInit(&first.guid, longName.c_str(), "first one", &first.callbacks, entries,
                                                  2, &first),
               STATUS_SUCCESS);
-    ASSERT_EQ(a.world.Register(second), STATUS_SUCCESS);
-    a.world.Deliver();
+    ASSERT_EQ(a.fixture.Register(second), STATUS_SUCCESS);
+    a.fixture.Deliver();
     EXPECT_TRUE(a.recorder.added.empty()) << "registration alone announces nobody";
-    ASSERT_EQ(a.world.Post(second, 1), STATUS_SUCCESS);
-    ASSERT_EQ(a.world.Post(first, 1), STATUS_SUCCESS);
-    a.world.Deliver();
+    ASSERT_EQ(a.fixture.Post(second, 1), STATUS_SUCCESS);
+    ASSERT_EQ(a.fixture.Post(first, 1), STATUS_SUCCESS);
+    a.fixture.Deliver();
 
     ASSERT_EQ(a.recorder.added.size(), 2u);
     EXPECT_EQ(a.recorder.buffers[0], a.recorder.buffers[1]);
@@ -67,15 +67,15 @@ TEST_P(CrashDump, AnnouncesClientsByTheirPostsInOrderThroughOneBuffer)
     EXPECT_EQ(d.DescriptorCallbackA, first.callbacks.DescriptorCallbackA);
     EXPECT_EQ(d.DescriptorCallbackB, first.callbacks.DescriptorCallbackB);
     EXPECT_EQ(d.DescriptorCallbackC, first.callbacks.DescriptorCallbackC);
-    EXPECT_EQ(d.DataEntries, a.world.Client(first)->entries);
+    EXPECT_EQ(d.DataEntries, a.fixture.Client(first)->entries);
     EXPECT_EQ(d.DataEntryCount, 2);
     EXPECT_EQ(d.CallbackContext, &first);
     EXPECT_EQ(d.Reserved1 + d.Reserved2, 0u);
     // The name of the first is longer: what stands behind the shorter name's end is not cleaned.
-    EXPECT_EQ(a.world.Client(first)->addedToWpcd, 1u);
-    EXPECT_EQ(a.world.Client(first)->wpcdRefreshPending, 0u);
-    ASSERT_EQ(a.world.Post(first, 2), STATUS_SUCCESS);
-    a.world.Deliver();
+    EXPECT_EQ(a.fixture.Client(first)->addedToWpcd, 1u);
+    EXPECT_EQ(a.fixture.Client(first)->wpcdRefreshPending, 0u);
+    ASSERT_EQ(a.fixture.Post(first, 2), STATUS_SUCCESS);
+    a.fixture.Deliver();
     EXPECT_EQ(a.recorder.added.size(), 2u) << "announced once";
 }
 
@@ -84,13 +84,13 @@ TEST_P(CrashDump, TextTailsKeepWhatAnEarlierDescriptorLeft)
     Attached a(GetParam());
     Peer first(1);
     Peer second(2);
-    ASSERT_EQ(a.world.helper.Notifier_HelperInit(&first.guid, "a long name", "d", &first.callbacks, nullptr, 0, nullptr),
+    ASSERT_EQ(a.fixture.helper.Notifier_HelperInit(&first.guid, "a long name", "d", &first.callbacks, nullptr, 0, nullptr),
               STATUS_SUCCESS);
-    ASSERT_EQ(a.world.helper.Notifier_HelperInit(&second.guid, "x", "d", &second.callbacks, nullptr, 0, nullptr),
+    ASSERT_EQ(a.fixture.helper.Notifier_HelperInit(&second.guid, "x", "d", &second.callbacks, nullptr, 0, nullptr),
               STATUS_SUCCESS);
-    ASSERT_EQ(a.world.Post(first, 1), STATUS_SUCCESS);
-    ASSERT_EQ(a.world.Post(second, 1), STATUS_SUCCESS);
-    a.world.Deliver();
+    ASSERT_EQ(a.fixture.Post(first, 1), STATUS_SUCCESS);
+    ASSERT_EQ(a.fixture.Post(second, 1), STATUS_SUCCESS);
+    a.fixture.Deliver();
     ASSERT_EQ(a.recorder.added.size(), 2u);
     EXPECT_EQ(std::string(a.recorder.added[1].SubsystemName, 11), std::string("x\0long name", 11));
 }
@@ -99,14 +99,14 @@ TEST_P(CrashDump, ClientHandedOverWithoutStateIsAnnouncedOnceMore)
 {
     Attached a(GetParam());
     Peer peer(1);
-    ASSERT_EQ(a.world.Register(peer), STATUS_SUCCESS);
-    ASSERT_EQ(a.world.Post(peer, 0), STATUS_SUCCESS);
-    a.world.Deliver();
-    EXPECT_EQ(a.world.Client(peer)->wpcdRefreshPending, 1u);
+    ASSERT_EQ(a.fixture.Register(peer), STATUS_SUCCESS);
+    ASSERT_EQ(a.fixture.Post(peer, 0), STATUS_SUCCESS);
+    a.fixture.Deliver();
+    EXPECT_EQ(a.fixture.Client(peer)->wpcdRefreshPending, 1u);
     for (const ULONG state : {3u, 4u, 5u}) {
-        ASSERT_EQ(a.world.Post(peer, state), STATUS_SUCCESS);
-        EXPECT_EQ(a.world.Client(peer)->wpcdRefreshPending, 0u);
-        a.world.Deliver();
+        ASSERT_EQ(a.fixture.Post(peer, state), STATUS_SUCCESS);
+        EXPECT_EQ(a.fixture.Client(peer)->wpcdRefreshPending, 0u);
+        a.fixture.Deliver();
     }
     EXPECT_EQ(a.recorder.added.size(), 2u);
 }
@@ -114,66 +114,66 @@ TEST_P(CrashDump, ClientHandedOverWithoutStateIsAnnouncedOnceMore)
 TEST_P(CrashDump, UnattachedOrRefusingDriverLeavesClientsUnannouncedUntilTheyPostAgain)
 {
     Recorder recorder;
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer first(1);
     Peer second(2);
-    ASSERT_EQ(world.Register(first), STATUS_SUCCESS);
-    ASSERT_EQ(world.Register(second), STATUS_SUCCESS);
-    ASSERT_EQ(world.Post(first, 1), STATUS_SUCCESS);
-    ASSERT_EQ(world.Post(second, 1), STATUS_SUCCESS);
-    (void)world.machine.RunOneWorkItem();
-    EXPECT_EQ(world.TakeReports(), (Lines{"22 NotifierEvtWorkItemWpcdClientAdd: Connection to CDI driver is not yet "
+    ASSERT_EQ(fixture.Register(first), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(second), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Post(first, 1), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Post(second, 1), STATUS_SUCCESS);
+    (void)fixture.machine.RunOneWorkItem();
+    EXPECT_EQ(fixture.TakeReports(), (Lines{"22 NotifierEvtWorkItemWpcdClientAdd: Connection to CDI driver is not yet "
                                           "available, will retry later, ZEPN driver"}))
         << "one warning per run";
-    EXPECT_EQ(world.Count(world.Context().addQueue), 0u);
-    world.Deliver();
-    (void)world.TakeReports();
+    EXPECT_EQ(fixture.Count(fixture.Context().addQueue), 0u);
+    fixture.Deliver();
+    (void)fixture.TakeReports();
 
-    ASSERT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
-    world.Deliver();
+    ASSERT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
+    fixture.Deliver();
     EXPECT_TRUE(recorder.added.empty());
     for (const NTSTATUS refusal : {STATUS_NOT_SUPPORTED, STATUS_PENDING}) {
         recorder.answer = refusal;
-        ASSERT_EQ(world.Post(first, 2), STATUS_SUCCESS);
-        (void)world.machine.RunOneWorkItem();
-        EXPECT_EQ(world.Client(first)->addedToWpcd, 0u);
-        world.Deliver();
+        ASSERT_EQ(fixture.Post(first, 2), STATUS_SUCCESS);
+        (void)fixture.machine.RunOneWorkItem();
+        EXPECT_EQ(fixture.Client(first)->addedToWpcd, 0u);
+        fixture.Deliver();
     }
     recorder.answer = STATUS_SUCCESS;
     const std::string refused = "3 NotifierEvtWorkItemWpcdClientAdd: Add client call to WPCD failed!, 0x";
     const std::string empty = "10 NotifierEvtWorkItemNotifyStates: <states>";
-    EXPECT_EQ(world.TakeReports(), (Lines{refused + "C00000BB", empty, refused + "00000103", empty}));
-    ASSERT_EQ(world.Post(first, 3), STATUS_SUCCESS);
-    world.Deliver();
-    EXPECT_EQ(world.Client(first)->addedToWpcd, 1u);
+    EXPECT_EQ(fixture.TakeReports(), (Lines{refused + "C00000BB", empty, refused + "00000103", empty}));
+    ASSERT_EQ(fixture.Post(first, 3), STATUS_SUCCESS);
+    fixture.Deliver();
+    EXPECT_EQ(fixture.Client(first)->addedToWpcd, 1u);
 }
 
 // Announces peers and lets them leave, so that as many copies wait as peers were given.
-void QueueRemovals(World& world, std::deque<Peer>& peers, unsigned count)
+void QueueRemovals(DriverFixture& fixture, std::deque<Peer>& peers, unsigned count)
 {
     for (unsigned number = 1; number <= count; ++number) {
         Peer& peer = peers.emplace_back(number);
-        ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
-        ASSERT_EQ(world.Post(peer, 1), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Post(peer, 1), STATUS_SUCCESS);
     }
-    world.Deliver();
+    fixture.Deliver();
     for (Peer& peer : peers) {
-        ASSERT_EQ(world.Leave(peer), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Leave(peer), STATUS_SUCCESS);
     }
-    (void)world.TakeReports();
+    (void)fixture.TakeReports();
 }
 
 TEST_P(CrashDump, OneRunWithdrawsOneClient)
 {
     Attached a(GetParam());
     std::deque<Peer> peers;
-    QueueRemovals(a.world, peers, 3);
-    EXPECT_EQ(a.world.Queued(), 1u);
-    a.world.Deliver();
+    QueueRemovals(a.fixture, peers, 3);
+    EXPECT_EQ(a.fixture.Queued(), 1u);
+    a.fixture.Deliver();
     ASSERT_EQ(a.recorder.removed.size(), 1u);
     EXPECT_EQ(a.recorder.removed[0].Data1, 1u);
-    EXPECT_EQ(a.world.Count(a.world.Context().removeQueue), 2u);
-    EXPECT_EQ(a.world.Alive(kClientContextName), 2u);
+    EXPECT_EQ(a.fixture.Count(a.fixture.Context().removeQueue), 2u);
+    EXPECT_EQ(a.fixture.Alive(kClientContextName), 2u);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
-// A crash-dump driver that records what it is told, and a world that has it attached.
+// A crash-dump driver that records what it is told, and a fixture that has it attached.
 #pragma once
 
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 
@@ -30,11 +30,11 @@ inline std::uint64_t Number(const void* pointer)
 
 struct Attached {
     Recorder recorder;
-    World world;
+    DriverFixture fixture;
 
-    explicit Attached(const Container& container) : world(container)
+    explicit Attached(const Container& container) : fixture(container)
     {
-        EXPECT_EQ(world.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
+        EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&recorder.registration), STATUS_SUCCESS);
     }
 };
 

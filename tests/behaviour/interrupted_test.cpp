@@ -1,7 +1,7 @@
 // What other threads may do between any two instructions of an operation.
 #include "tests/behaviour/interruption.h"
 #include "tests/kit/one_report.h"
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -18,9 +18,9 @@ protected:
 FOR_ALL_CONTAINERS(Interrupted);
 
 // Where a client's current state lies: posts that have found the client write it without the clients lock.
-ULONG* CurrentStateOf(World& world, const Peer& peer)
+ULONG* CurrentStateOf(DriverFixture& fixture, const Peer& peer)
 {
-    for (const auto& object : world.machine.inspect().WithContext(kClientContextName)) {
+    for (const auto& object : fixture.machine.inspect().WithContext(kClientContextName)) {
         const auto* context = reinterpret_cast<const ClientContext*>(object.contexts.front().bytes.data());
         if (memcmp(&context->guid, &peer.guid, sizeof(GUID)) == 0) {
             return const_cast<ULONG*>(&context->currentState);
@@ -31,12 +31,12 @@ ULONG* CurrentStateOf(World& world, const Peer& peer)
 
 TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
 {
-    World world(GetParam(), {.records = false});
+    DriverFixture fixture(GetParam(), {.records = false});
     Peer subscriber(1);
     Peer target(2);
-    ASSERT_EQ(world.Register(subscriber), STATUS_SUCCESS);
-    ASSERT_EQ(world.Register(target), STATUS_SUCCESS);
-    ULONG* const current = CurrentStateOf(world, target);
+    ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
+    ULONG* const current = CurrentStateOf(fixture, target);
     subscriber.onState = [](const ZepState&, ULONG&) { EndInterruption(); };
 
     unsigned instructionCount = 1;
@@ -45,15 +45,15 @@ TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
         *current = 3;
         subscriber.deliveries.clear();
         const unsigned seen = RunInterrupted(
-            world.machine, *world.driver,
+            fixture.machine, *fixture.driver,
             {.function = "WdfCollectionAdd", .instruction = instruction, .action = [&] { *current = 5; }},
-            [&] { EXPECT_EQ(world.Subscribe(subscriber, target, 3), STATUS_SUCCESS); });
+            [&] { EXPECT_EQ(fixture.Subscribe(subscriber, target, 3), STATUS_SUCCESS); });
         instructionCount = instruction == 0 ? seen : instructionCount;
         for (const ZepState& delivery : subscriber.deliveries) {
             EXPECT_EQ(delivery.State, 3u) << "posted before instruction " << instruction << " of " << instructionCount;
         }
         calledCount += subscriber.deliveries.empty() ? 0 : 1;
-        ASSERT_EQ(world.Unsubscribe(subscriber, target, 3), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Unsubscribe(subscriber, target, 3), STATUS_SUCCESS);
     }
     // The state changes before the comparison in some of the runs, and after it in the others.
     EXPECT_GT(calledCount, 1u);
@@ -63,21 +63,21 @@ TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
 // The record is queued already, so the client may leave and its context go: also for a listener.
 TEST_P(Interrupted, PostIsTracedWithoutTheContextOfAClientThatLeavesMeanwhile)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer poster(1);
-    ASSERT_EQ(world.Register(poster), STATUS_SUCCESS);
-    (void)world.TakeRecords();
+    ASSERT_EQ(fixture.Register(poster), STATUS_SUCCESS);
+    (void)fixture.TakeRecords();
     const auto leave = [&] {
-        (void)world.machine.OnThread("leaver", [&] { EXPECT_EQ(world.Leave(poster), STATUS_SUCCESS); });
+        (void)fixture.machine.OnThread("leaver", [&] { EXPECT_EQ(fixture.Leave(poster), STATUS_SUCCESS); });
     };
     // The first append is that for the crash-dump driver.
-    RunInterrupted(world.machine, *world.driver, {.function = "WdfCollectionAdd", .skip = 1, .action = leave},
-                   [&] { EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS); });
-    EXPECT_EQ(world.TakeRecords(),
+    RunInterrupted(fixture.machine, *fixture.driver, {.function = "WdfCollectionAdd", .skip = 1, .action = leave},
+                   [&] { EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS); });
+    EXPECT_EQ(fixture.TakeRecords(),
               (Lines{"M125 Notifier_HelperSendState", "M63 _getClientContextByGUID", "M87 Notifier_HelperClientDeinit",
                      "M94 Notifier_HelperClientDeinit", "M137 Notifier_HelperSendState"}));
-    EXPECT_EQ(NumbersOf(world.machine.tracing().Messages().back()), (std::vector<std::uint64_t>{1, 5}));
-    world.Deliver();
+    EXPECT_EQ(NumbersOf(fixture.machine.tracing().Messages().back()), (std::vector<std::uint64_t>{1, 5}));
+    fixture.Deliver();
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Load, device add, start, removal and unload: what exists, what is reported, and every way device add can fail.
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -11,11 +11,11 @@ FOR_ALL_CONTAINERS(Lifecycle);
 
 TEST_P(Lifecycle, FirstReportsOfALoadAreTheBuildDateOnBothChannels)
 {
-    World world(GetParam(), {.boots = false});
-    world.Load();
-    EXPECT_EQ(world.driver->EntryStatus(), STATUS_SUCCESS);
-    EXPECT_EQ(world.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"}));
-    const auto messages = world.machine.tracing().Messages();
+    DriverFixture fixture(GetParam(), {.boots = false});
+    fixture.Load();
+    EXPECT_EQ(fixture.driver->EntryStatus(), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"}));
+    const auto messages = fixture.machine.tracing().Messages();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].argumentSizes, (std::vector<std::uint32_t>{12, 9}));
     // "Nov  1 2026" and "02:40:53": 11 and 8 characters with their ends.
@@ -25,20 +25,20 @@ TEST_P(Lifecycle, FirstReportsOfALoadAreTheBuildDateOnBothChannels)
     EXPECT_EQ(text[12 + 2], ':');
     EXPECT_EQ(text[12 + 5], ':');
     // No device add has taken the reference that unload gives back.
-    world.TakeDown();
-    EXPECT_EQ(world.machine.violations().Take(Rule::kReferenceUnderflow).size(), 1u);
+    fixture.TakeDown();
+    EXPECT_EQ(fixture.machine.violations().Take(Rule::kReferenceUnderflow).size(), 1u);
 }
 
 TEST_P(Lifecycle, WholeLifeReportsEachCallbackInOrderAndLeavesNothing)
 {
-    World world(GetParam(), {.boots = false});
-    world.Load();
-    ASSERT_EQ(world.driver->AddDevice(), STATUS_SUCCESS);
-    world.Start();
-    EXPECT_EQ(world.driver->Sleep(), STATUS_SUCCESS);
-    EXPECT_EQ(world.driver->Wake(), STATUS_SUCCESS);
-    world.TakeDown();
-    EXPECT_EQ(world.TakeRecords(), (Lines{
+    DriverFixture fixture(GetParam(), {.boots = false});
+    fixture.Load();
+    ASSERT_EQ(fixture.driver->AddDevice(), STATUS_SUCCESS);
+    fixture.Start();
+    EXPECT_EQ(fixture.driver->Sleep(), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.driver->Wake(), STATUS_SUCCESS);
+    fixture.TakeDown();
+    EXPECT_EQ(fixture.TakeRecords(), (Lines{
                                        "E44 DriverEntry",
                                        "M10 DriverEntry",
                                        "M12 NotifierEvtDeviceAdd",
@@ -66,39 +66,39 @@ TEST_P(Lifecycle, WholeLifeReportsEachCallbackInOrderAndLeavesNothing)
                                        "M57 NotifierEvtDriverUnload",
                                        "M58 NotifierEvtDriverUnload",
                                    }));
-    EXPECT_EQ(world.machine.tracing().EventProviders(), 0u);
-    EXPECT_EQ(world.machine.tracing().MessageProviders(), 0u);
+    EXPECT_EQ(fixture.machine.tracing().EventProviders(), 0u);
+    EXPECT_EQ(fixture.machine.tracing().MessageProviders(), 0u);
 }
 
 TEST_P(Lifecycle, DeviceAddFillsTheContextAndRegistersForPowerStates)
 {
-    World world(GetParam());
-    const DriverContext context = world.Context();
-    const auto inspect = world.machine.inspect();
+    DriverFixture fixture(GetParam());
+    const DriverContext context = fixture.Context();
+    const auto inspect = fixture.machine.inspect();
     const auto typeOf = [&](const void* handle) { return inspect.Find(const_cast<void*>(handle))->type; };
     using host::framework::ObjectType;
     EXPECT_EQ(typeOf(context.queue), ObjectType::kQueue);
     for (const auto collection :
          {context.addQueue, context.removeQueue, context.clients, context.states, context.commands}) {
         EXPECT_EQ(typeOf(collection), ObjectType::kCollection);
-        EXPECT_EQ(inspect.Find(collection)->parent, world.driver->Handle());
+        EXPECT_EQ(inspect.Find(collection)->parent, fixture.driver->Handle());
     }
     for (const auto item :
          {context.addItem, context.removeItem, context.notifyStatesItem, context.notifyCommandsItem}) {
         EXPECT_EQ(typeOf(item), ObjectType::kWorkItem);
-        EXPECT_EQ(inspect.Find(item)->parent, world.driver->Device());
+        EXPECT_EQ(inspect.Find(item)->parent, fixture.driver->Device());
     }
     for (const auto lock : {context.generalLock, context.clientsLock, context.statesLock, context.commandsLock,
                             context.notifyStatesLock, context.notifyCommandsLock, context.notifyAppsStateLock}) {
         EXPECT_EQ(typeOf(lock), ObjectType::kWaitLock);
-        EXPECT_EQ(inspect.Find(lock)->parent, world.driver->Handle());
+        EXPECT_EQ(inspect.Find(lock)->parent, fixture.driver->Handle());
     }
     EXPECT_EQ(context.wpcdClient, nullptr);
-    EXPECT_EQ(world.driver->PoolTag(), 0x3066746Eu) << "ntf0";
+    EXPECT_EQ(fixture.driver->PoolTag(), 0x3066746Eu) << "ntf0";
     EXPECT_NE(context.powerCallbackObject, nullptr);
     EXPECT_NE(context.powerCallbackRegistration, nullptr);
     // One more reference than the creation's, for the power callback.
-    EXPECT_EQ(inspect.Find(world.driver->Handle())->references, 2);
+    EXPECT_EQ(inspect.Find(fixture.driver->Handle())->references, 2);
 }
 
 TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
@@ -111,12 +111,12 @@ TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
     for (const Row& row : {Row{"WdfIoQueueCreate", 1}, Row{"WdfCollectionCreate", 5}, Row{"WdfWorkItemCreate", 4},
                            Row{"WdfWaitLockCreate", 7}}) {
         for (unsigned skip = 0; skip < row.count; ++skip, ++filled) {
-            World world(GetParam(), {.boots = false});
-            world.Load();
-            world.Fail(row.function, STATUS_INSUFFICIENT_RESOURCES, skip);
-            EXPECT_EQ(world.driver->AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
-            world.EndFaults();
-            const auto context = world.Context();
+            DriverFixture fixture(GetParam(), {.boots = false});
+            fixture.Load();
+            fixture.Fail(row.function, STATUS_INSUFFICIENT_RESOURCES, skip);
+            EXPECT_EQ(fixture.driver->AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
+            fixture.EndFaults();
+            const auto context = fixture.Context();
             const void* const fields[] = {context.queue,
                                           context.addQueue,
                                           context.removeQueue,
@@ -138,8 +138,8 @@ TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
                 EXPECT_EQ(fields[index] != nullptr, index < filled) << row.function << " " << skip << ": " << index;
             }
             // Unload gives back a reference that this device add never took.
-            world.TakeDown();
-            EXPECT_EQ(world.machine.violations().Take(Rule::kReferenceUnderflow).size(), 1u);
+            fixture.TakeDown();
+            EXPECT_EQ(fixture.machine.violations().Take(Rule::kReferenceUnderflow).size(), 1u);
         }
     }
     EXPECT_EQ(filled, 17u);
@@ -147,28 +147,28 @@ TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
 
 TEST_P(Lifecycle, StopAndRemoveRequestsAreRefusedButSurpriseRemovalDisablesHelperThenWpcd)
 {
-    World world(GetParam());
-    EXPECT_EQ(world.driver->QueryStopDevice(), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(world.driver->QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_TRUE(world.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_HELPER_INTERFACE));
-    EXPECT_TRUE(world.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_WPCD_INTERFACE));
-    EXPECT_TRUE(world.driver->InterfaceChanges().empty());
+    DriverFixture fixture(GetParam());
+    EXPECT_EQ(fixture.driver->QueryStopDevice(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(fixture.driver->QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_TRUE(fixture.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_HELPER_INTERFACE));
+    EXPECT_TRUE(fixture.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_WPCD_INTERFACE));
+    EXPECT_TRUE(fixture.driver->InterfaceChanges().empty());
 
-    world.driver->SurpriseRemoveDevice();
-    const auto changes = world.driver->InterfaceChanges();
+    fixture.driver->SurpriseRemoveDevice();
+    const auto changes = fixture.driver->InterfaceChanges();
     ASSERT_EQ(changes.size(), 2u);
     EXPECT_EQ(memcmp(&changes[0].interfaceClass, &GUID_ZEP_NOTIFIER_HELPER_INTERFACE, sizeof(GUID)), 0);
     EXPECT_EQ(memcmp(&changes[1].interfaceClass, &GUID_ZEP_NOTIFIER_WPCD_INTERFACE, sizeof(GUID)), 0);
     EXPECT_FALSE(changes[0].enabled || changes[1].enabled);
-    EXPECT_FALSE(world.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_HELPER_INTERFACE));
+    EXPECT_FALSE(fixture.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_HELPER_INTERFACE));
 }
 
 TEST_P(Lifecycle, SecondDeviceIsRefusedByItsName)
 {
-    World world(GetParam());
-    EXPECT_EQ(world.driver->AddDevice(), STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(world.TakeReports(), (Lines{"1 NotifierEvtDeviceAdd: WdfDeviceCreate, 0xC0000035"}));
-    EXPECT_TRUE(world.driver->HasDevice());
+    DriverFixture fixture(GetParam());
+    EXPECT_EQ(fixture.driver->AddDevice(), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(fixture.TakeReports(), (Lines{"1 NotifierEvtDeviceAdd: WdfDeviceCreate, 0xC0000035"}));
+    EXPECT_TRUE(fixture.driver->HasDevice());
 }
 
 TEST_P(Lifecycle, SecondDeviceWithoutClientsCollectionOrLockIsCleanedUpAndPowerStatesFindNobody)
@@ -179,59 +179,59 @@ TEST_P(Lifecycle, SecondDeviceWithoutClientsCollectionOrLockIsCleanedUpAndPowerS
     };
     for (const Row& row : {Row{"WdfCollectionCreate", 2}, Row{"WdfWaitLockCreate", 1}}) {
         SCOPED_TRACE(row.function);
-        World world(GetParam());
-        world.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
+        DriverFixture fixture(GetParam());
+        fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
         Peer peer(1);
         peer.HearsAppsState();
-        ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
-        world.driver->SurpriseRemoveDevice();
-        ASSERT_FALSE(world.driver->RemoveDevice().parked);
-        const DriverContext before = world.Context();
+        ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+        fixture.driver->SurpriseRemoveDevice();
+        ASSERT_FALSE(fixture.driver->RemoveDevice().parked);
+        const DriverContext before = fixture.Context();
 
-        world.Fail(row.function, STATUS_INSUFFICIENT_RESOURCES, row.skip);
-        (void)world.TakeRecords();
-        EXPECT_EQ(world.driver->AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
-        world.EndFaults();
+        fixture.Fail(row.function, STATUS_INSUFFICIENT_RESOURCES, row.skip);
+        (void)fixture.TakeRecords();
+        EXPECT_EQ(fixture.driver->AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
+        fixture.EndFaults();
         // What cannot be created is cleared; what comes after it in device add is still the first device's.
-        const DriverContext context = world.Context();
+        const DriverContext context = fixture.Context();
         const bool isCollection = context.clients == nullptr;
         EXPECT_EQ(context.clientsLock, isCollection ? before.clientsLock : nullptr);
         EXPECT_NE(context.clients, before.clients);
         const std::string event = isCollection ? "M21 " : "M32 ";
-        EXPECT_EQ(world.TakeRecords(),
+        EXPECT_EQ(fixture.TakeRecords(),
                   (Lines{"M12 NotifierEvtDeviceAdd", "E41 NotifierEvtDeviceAdd", "E43 NotifierEvtDeviceAdd",
                          "M16 NotifierEvtDeviceAdd", "E1 NotifierEvtDeviceAdd", event + "NotifierEvtDeviceAdd",
                          "M54 NotifierEvtDeviceContextCleanup", "E43 NotifierEvtDeviceContextCleanup",
                          "M99 NotifierClientCleanup"}));
 
         // The first device's power callback is still registered.
-        world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
-        EXPECT_EQ(world.TakeRecords(),
+        fixture.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
+        EXPECT_EQ(fixture.TakeRecords(),
                   (Lines{"M199 EvtPowerStateCallback", "M182 Notifier_NotifyAppsState", "E61 Notifier_NotifyAppsState",
                          "M203 ZEPReadRegistry", "M200 EvtPowerStateCallback", "M202 EvtPowerStateCallback"}));
         EXPECT_EQ(peer.appsStateCalls, 0u);
-        EXPECT_EQ(world.machine.Delays(), std::vector<std::int64_t>{-2500000});
+        EXPECT_EQ(fixture.machine.Delays(), std::vector<std::int64_t>{-2500000});
     }
 }
 
 TEST_P(Lifecycle, TablesHaveTheBindingHeaderAndTheirReferencesDoNothing)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     for (const auto& [header, size] :
-         {std::pair(world.helper.InterfaceHeader, 120), {world.wpcd.InterfaceHeader, 64}}) {
+         {std::pair(fixture.helper.InterfaceHeader, 120), {fixture.wpcd.InterfaceHeader, 64}}) {
         EXPECT_EQ(header.Size, size);
         EXPECT_EQ(header.Version, 1);
-        EXPECT_EQ(header.Context, world.driver->Device());
+        EXPECT_EQ(header.Context, fixture.driver->Device());
         ULONG padding = 1;
         memcpy(&padding, reinterpret_cast<const char*>(&header) + 4, sizeof(padding));
         EXPECT_EQ(padding, 0u) << "peers get no stack contents";
         EXPECT_EQ(header.InterfaceReference, header.InterfaceDereference);
-        const long before = world.machine.inspect().Find(world.driver->Device())->references;
+        const long before = fixture.machine.inspect().Find(fixture.driver->Device())->references;
         header.InterfaceReference(header.Context);
         header.InterfaceDereference(nullptr);
-        EXPECT_EQ(world.machine.inspect().Find(world.driver->Device())->references, before);
+        EXPECT_EQ(fixture.machine.inspect().Find(fixture.driver->Device())->references, before);
     }
-    const auto* slots = reinterpret_cast<void* const*>(&world.helper);
+    const auto* slots = reinterpret_cast<void* const*>(&fixture.helper);
     for (unsigned slot = 4; slot < 15; ++slot) {
         EXPECT_NE(slots[slot], nullptr) << "slot " << slot;
     }

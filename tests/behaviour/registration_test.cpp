@@ -1,5 +1,5 @@
 // Registration of clients: what is stored and what is refused.
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -11,14 +11,14 @@ constexpr ULONG kEntriesTag = 0x6166746E;  // "ntfa"
 
 TEST_P(Registration, StoresTheArgumentsAndStartsWithoutState)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer peer(1);
     peer.TakesCommands().HearsAppsState();
-    peer.callbacks.ReservedCallback = &world;
+    peer.callbacks.ReservedCallback = &fixture;
     const ZepDataEntry entries[2] = {{{1, 2}}, {{3, 4}}};
-    ASSERT_EQ(world.Register(peer, 2, entries), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(peer, 2, entries), STATUS_SUCCESS);
 
-    const auto client = world.Client(peer);
+    const auto client = fixture.Client(peer);
     ASSERT_TRUE(client);
     EXPECT_STREQ(client->name, "name");
     EXPECT_STREQ(client->description, "description");
@@ -28,20 +28,20 @@ TEST_P(Registration, StoresTheArgumentsAndStartsWithoutState)
     EXPECT_EQ(client->entryCount, 2);
     EXPECT_EQ(client->callbackContext, &peer);
     EXPECT_EQ(client->addedToWpcd + client->wpcdRefreshPending + client->currentState, 0u);
-    EXPECT_EQ(world.machine.inspect().Find(client->registrations)->parent, world.driver->Handle());
-    EXPECT_EQ(world.Queued(), 0u);
+    EXPECT_EQ(fixture.machine.inspect().Find(client->registrations)->parent, fixture.driver->Handle());
+    EXPECT_EQ(fixture.Queued(), 0u);
 }
 
 TEST_P(Registration, CutsTextsToTheirFields)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer peer(1);
     const std::string longName(100, 'n');
     const std::string fittingDescription(127, 'd');
-    ASSERT_EQ(world.helper.Notifier_HelperInit(&peer.guid, longName.c_str(), fittingDescription.c_str(),
+    ASSERT_EQ(fixture.helper.Notifier_HelperInit(&peer.guid, longName.c_str(), fittingDescription.c_str(),
                                                &peer.callbacks, nullptr, 0, nullptr),
               STATUS_SUCCESS);
-    const auto client = world.Client(peer);
+    const auto client = fixture.Client(peer);
     EXPECT_EQ(client->name, std::string(63, 'n'));
     EXPECT_EQ(client->description, fittingDescription);
 }
@@ -67,17 +67,17 @@ TEST_P(Registration, KeepsEntryCountsAsTheyHaveAlwaysBeenKept)
     const std::vector<ZepDataEntry> entries(300);
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.name);
-        World world(GetParam());
+        DriverFixture fixture(GetParam());
         Peer peer(1);
         if (row.hasDescriptorCallbackB) {
-            peer.callbacks.DescriptorCallbackB = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&world);
+            peer.callbacks.DescriptorCallbackB = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&fixture);
         }
-        ASSERT_EQ(world.Register(peer, row.count, row.givesEntries ? entries.data() : nullptr), STATUS_SUCCESS);
-        const auto client = world.Client(peer);
+        ASSERT_EQ(fixture.Register(peer, row.count, row.givesEntries ? entries.data() : nullptr), STATUS_SUCCESS);
+        const auto client = fixture.Client(peer);
         EXPECT_EQ(client->entryCount, row.keptCount);
         EXPECT_EQ(client->entries != nullptr, row.pooledBytes != 0);
         std::size_t bytes = 0;
-        for (const auto& use : world.machine.PoolInUse()) {
+        for (const auto& use : fixture.machine.PoolInUse()) {
             EXPECT_EQ(use.tag, kEntriesTag);
             bytes += use.sizeBytes;
         }
@@ -87,24 +87,24 @@ TEST_P(Registration, KeepsEntryCountsAsTheyHaveAlwaysBeenKept)
 
 TEST_P(Registration, RefusesBadArgumentsInOrder)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer peer(0x42);
-    ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     Peer almost(0x42);
     almost.guid.Data4[7] ^= 1;  // the last byte tells GUIDs apart
 
     const auto init = [&](const GUID* guid, const ActionCallbackTable* table) {
-        return world.helper.Notifier_HelperInit(guid, "n", "d", table, nullptr, 0, nullptr);
+        return fixture.helper.Notifier_HelperInit(guid, "n", "d", table, nullptr, 0, nullptr);
     };
     EXPECT_EQ(init(nullptr, nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(init(&peer.guid, nullptr), STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
     EXPECT_EQ(init(&almost.guid, nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(world.TakeReports(), (Lines{"2 Notifier_HelperInit: InterfaceGUID is NULL, 0xC000000D",
+    EXPECT_EQ(fixture.TakeReports(), (Lines{"2 Notifier_HelperInit: InterfaceGUID is NULL, 0xC000000D",
                                           "12 Notifier_HelperInit: InterfaceGUID is already initialized!, "
                                           "{00000042-1111-2222-0102-030405060708}, 0xE00A8102",
                                           "2 Notifier_HelperInit: ActionCallbackTable is NULL!, 0xC000000D"}));
     EXPECT_EQ(init(&almost.guid, &almost.callbacks), STATUS_SUCCESS);
-    EXPECT_EQ(world.Count(world.Context().clients), 2u);
+    EXPECT_EQ(fixture.Count(fixture.Context().clients), 2u);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // A frame that was overwritten stops the system before the function returns through it. The images' protection; the
 // native driver has its compiler's own.
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -37,22 +37,22 @@ TEST_P(StackProtector, StopsAFunctionWhoseFrameWasOverwritten)
     GTEST_SKIP() << "the sanitizer itself ends the process";
 #endif
 #endif
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer subscriber(1);
     Peer target(2);
-    ASSERT_EQ(world.Register(subscriber), STATUS_SUCCESS);
-    ASSERT_EQ(world.Register(target), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
     // To the function that calls back, another cookie is the same as another frame.
-    subscriber.onState = [&](const ZepState&, ULONG&) { *CookieOf(*world.driver) ^= 1; };
+    subscriber.onState = [&](const ZepState&, ULONG&) { *CookieOf(*fixture.driver) ^= 1; };
     const host::Outcome outcome =
-        world.machine.OnThread("subscriber", [&] { (void)world.Subscribe(subscriber, target, ZEP_STATE_ANY); });
+        fixture.machine.OnThread("subscriber", [&] { (void)fixture.Subscribe(subscriber, target, ZEP_STATE_ANY); });
     EXPECT_TRUE(outcome.parked);
-    const auto violations = world.machine.violations().Take(host::checks::Rule::kBugCheck);
+    const auto violations = fixture.machine.violations().Take(host::checks::Rule::kBugCheck);
     ASSERT_EQ(violations.size(), 1u);
     EXPECT_EQ(violations[0].message, "bugcheck 0x139 (0x2): the end of a stack frame was overwritten");
     EXPECT_TRUE(violations[0].caller.starts_with("zepn.sys!Notifier_HelperRegisterForStateNotification+"))
         << violations[0].caller;
-    world.Abandon();
+    fixture.Abandon();
 }
 
 }  // namespace

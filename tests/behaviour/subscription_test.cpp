@@ -1,5 +1,5 @@
 // Subscriptions: keys, the immediate delivery, answers, and failures.
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -11,28 +11,28 @@ constexpr const char* kGuid1 = "{00000001-1111-2222-0102-030405060708}";
 
 TEST_P(Subscription, StoresTheWholeFilterAsAChildOfTheSubscriber)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer subscriber(1);
     Peer target(2);
-    ASSERT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
     const ZepState filter{.Size = 0x1122334455667788, .InterfaceGUID = target.guid, .State = 3, .Reserved = 0x99};
     // The target may register later; the report carries the subscriber's GUID and success.
-    ASSERT_EQ(world.helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &World::OnState),
+    ASSERT_EQ(fixture.helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &DriverFixture::OnState),
               STATUS_SUCCESS);
-    EXPECT_EQ(world.TakeReports(),
+    EXPECT_EQ(fixture.TakeReports(),
               (Lines{std::string("12 Notifier_HelperRegisterForStateNotification: Unable to find client with , ") +
                      kGuid1 + ", 0x00000000"}));
-    const auto objects = world.machine.inspect().WithContext(kRegistrationContextName);
+    const auto objects = fixture.machine.inspect().WithContext(kRegistrationContextName);
     ASSERT_EQ(objects.size(), 1u);
     const auto stored =
-        world.machine.inspect().Context<RegistrationContext>(objects[0].handle, kRegistrationContextName);
+        fixture.machine.inspect().Context<RegistrationContext>(objects[0].handle, kRegistrationContextName);
     EXPECT_EQ(memcmp(&stored->subscriber, &subscriber.guid, sizeof(GUID)), 0);
     EXPECT_EQ(memcmp(&stored->filter, &filter, sizeof(filter)), 0);
-    EXPECT_EQ(world.Count(world.Client(subscriber)->registrations), 1u);
+    EXPECT_EQ(fixture.Count(fixture.Client(subscriber)->registrations), 1u);
 
-    ASSERT_EQ(world.Register(target), STATUS_SUCCESS);
-    ASSERT_EQ(world.Post(target, 3), STATUS_SUCCESS);
-    world.Deliver();
+    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Post(target, 3), STATUS_SUCCESS);
+    fixture.Deliver();
     EXPECT_EQ(subscriber.deliveries.size(), 1u);
 }
 
@@ -47,17 +47,17 @@ TEST_P(Subscription, MatchingCurrentStateIsDeliveredAtOnce)
                              {5, ZEP_STATE_ANY, true}, {0, 5, false}, {10, 10, true}};
     for (const Row& row : kRows) {
         SCOPED_TRACE(testing::Message() << "state " << row.targetState << ", filter " << row.filterState);
-        World world(GetParam());
+        DriverFixture fixture(GetParam());
         Peer subscriber(1);
         Peer target(2);
-        ASSERT_EQ(world.Register(subscriber), STATUS_SUCCESS);
-        ASSERT_EQ(world.Register(target), STATUS_SUCCESS);
-        ASSERT_EQ(world.Post(subscriber, 7), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Post(subscriber, 7), STATUS_SUCCESS);
         if (row.targetState != 0) {
-            ASSERT_EQ(world.Post(target, row.targetState), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Post(target, row.targetState), STATUS_SUCCESS);
         }
-        world.Deliver();
-        ASSERT_EQ(world.Subscribe(subscriber, target, row.filterState), STATUS_SUCCESS);
+        fixture.Deliver();
+        ASSERT_EQ(fixture.Subscribe(subscriber, target, row.filterState), STATUS_SUCCESS);
         ASSERT_EQ(subscriber.deliveries.size(), row.delivered ? 1u : 0u);
         if (row.delivered) {
             EXPECT_EQ(subscriber.deliveries[0].Size, 32u);
@@ -65,94 +65,94 @@ TEST_P(Subscription, MatchingCurrentStateIsDeliveredAtOnce)
             EXPECT_EQ(memcmp(&subscriber.deliveries[0].InterfaceGUID, &target.guid, sizeof(GUID)), 0);
             EXPECT_EQ(subscriber.responsesAtEntry[0], 7u) << "the response enters as the subscriber's own state";
         }
-        EXPECT_EQ(world.Queued(), 0u) << "an unchanged response posts nothing";
+        EXPECT_EQ(fixture.Queued(), 0u) << "an unchanged response posts nothing";
     }
 }
 
 TEST_P(Subscription, AnswerToTheImmediateDeliveryIsPostedForTheSubscriber)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer subscriber(1);
     Peer target(2);
     Peer watcher(3);
     for (Peer* peer : {&subscriber, &target, &watcher}) {
-        ASSERT_EQ(world.Register(*peer), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
     }
-    ASSERT_EQ(world.Subscribe(watcher, subscriber, 6), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Subscribe(watcher, subscriber, 6), STATUS_SUCCESS);
     subscriber.onState = [](const ZepState&, ULONG& response) { response = 6; };
-    ASSERT_EQ(world.Subscribe(subscriber, target, ZEP_STATE_ANY), STATUS_SUCCESS);
-    EXPECT_EQ(world.Client(subscriber)->currentState, 6u);
-    world.Deliver();
+    ASSERT_EQ(fixture.Subscribe(subscriber, target, ZEP_STATE_ANY), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Client(subscriber)->currentState, 6u);
+    fixture.Deliver();
     ASSERT_EQ(watcher.deliveries.size(), 1u);
     EXPECT_EQ(watcher.deliveries[0].Size, 32u);
 }
 
 TEST_P(Subscription, EndsByExactKeyOldestFirstAndLeavesTheCollection)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer subscriber(1);
     Peer target(2);
     Peer other(3);
     for (Peer* peer : {&subscriber, &target, &other}) {
-        ASSERT_EQ(world.Register(*peer), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
     }
     for (const ULONG state : {3u, 3u, ZEP_STATE_ANY}) {
-        ASSERT_EQ(world.Subscribe(subscriber, target, state), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Subscribe(subscriber, target, state), STATUS_SUCCESS);
     }
-    ASSERT_EQ(world.Subscribe(subscriber, other, 3), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Subscribe(subscriber, other, 3), STATUS_SUCCESS);
     subscriber.deliveries.clear();
-    const WDFCOLLECTION registrations = world.Client(subscriber)->registrations;
-    const auto items = world.machine.inspect().Find(registrations)->items;
+    const WDFCOLLECTION registrations = fixture.Client(subscriber)->registrations;
+    const auto items = fixture.machine.inspect().Find(registrations)->items;
     ASSERT_EQ(items.size(), 4u);
 
-    ASSERT_EQ(world.Unsubscribe(subscriber, target, 3), STATUS_SUCCESS);
-    EXPECT_EQ(world.machine.inspect().Find(registrations)->items,
+    ASSERT_EQ(fixture.Unsubscribe(subscriber, target, 3), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.machine.inspect().Find(registrations)->items,
               (std::vector<WDFOBJECT>{items[1], items[2], items[3]}));
-    EXPECT_FALSE(world.machine.inspect().Find(items[0]).has_value());
-    ASSERT_EQ(world.Unsubscribe(subscriber, target, ZEP_STATE_ANY), STATUS_SUCCESS);
-    ASSERT_EQ(world.Post(target, 3), STATUS_SUCCESS);
-    world.Deliver();
+    EXPECT_FALSE(fixture.machine.inspect().Find(items[0]).has_value());
+    ASSERT_EQ(fixture.Unsubscribe(subscriber, target, ZEP_STATE_ANY), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Post(target, 3), STATUS_SUCCESS);
+    fixture.Deliver();
     EXPECT_EQ(subscriber.deliveries.size(), 1u);
 
     // What was never there ends successfully, with a warning alone.
-    (void)world.TakeReports();
-    (void)world.TakeRecords();
-    ASSERT_EQ(world.Unsubscribe(subscriber, target, ZEP_STATE_ANY), STATUS_SUCCESS);
-    EXPECT_EQ(world.TakeReports(), (Lines{"22 Notifier_HelperDeregisterForStateNotification: State notification "
+    (void)fixture.TakeReports();
+    (void)fixture.TakeRecords();
+    ASSERT_EQ(fixture.Unsubscribe(subscriber, target, ZEP_STATE_ANY), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.TakeReports(), (Lines{"22 Notifier_HelperDeregisterForStateNotification: State notification "
                                           "registration, Client's registrations"}));
-    EXPECT_EQ(world.Count(registrations), 2u);
+    EXPECT_EQ(fixture.Count(registrations), 2u);
 }
 
 TEST_P(Subscription, OutlivesItsTargetButNotItsSubscriber)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer subscriber(1);
     Peer target(2);
-    ASSERT_EQ(world.Register(subscriber), STATUS_SUCCESS);
-    ASSERT_EQ(world.Register(target), STATUS_SUCCESS);
-    ASSERT_EQ(world.Subscribe(subscriber, target, 3), STATUS_SUCCESS);
-    ASSERT_EQ(world.Leave(target), STATUS_SUCCESS);
-    ASSERT_EQ(world.Register(target), STATUS_SUCCESS);
-    ASSERT_EQ(world.Post(target, 3), STATUS_SUCCESS);
-    world.Deliver();
+    ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Subscribe(subscriber, target, 3), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Leave(target), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Post(target, 3), STATUS_SUCCESS);
+    fixture.Deliver();
     EXPECT_EQ(subscriber.deliveries.size(), 1u);
-    ASSERT_EQ(world.Leave(subscriber), STATUS_SUCCESS);
-    EXPECT_EQ(world.Alive(kRegistrationContextName), 0u);
+    ASSERT_EQ(fixture.Leave(subscriber), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Alive(kRegistrationContextName), 0u);
 }
 
 TEST_P(Subscription, WrongArgumentsAreRefused)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer subscriber(1);
     Peer target(2);
     const ZepState filter{.Size = 32, .InterfaceGUID = target.guid, .State = 3, .Reserved = 0};
-    const auto& helper = world.helper;
+    const auto& helper = fixture.helper;
     const std::string kRegister = "Notifier_HelperRegisterForStateNotification: ";
     const std::string kDeregister = "Notifier_HelperDeregisterForStateNotification: ";
 
-    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(nullptr, &filter, &World::OnState),
+    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(nullptr, &filter, &DriverFixture::OnState),
               STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, nullptr, &World::OnState),
+    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, nullptr, &DriverFixture::OnState),
               STATUS_INVALID_PARAMETER);
     EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, nullptr),
               STATUS_INVALID_PARAMETER);
@@ -160,7 +160,7 @@ TEST_P(Subscription, WrongArgumentsAreRefused)
     EXPECT_EQ(helper.Notifier_HelperDeregisterForStateNotification(&subscriber.guid, nullptr),
               STATUS_INVALID_PARAMETER);
     const std::string null = "One of the parameters is NULL!, 0xC000000D";
-    EXPECT_EQ(world.TakeReports(), (Lines{"2 " + kRegister + null, "2 " + kRegister + null, "2 " + kRegister + null,
+    EXPECT_EQ(fixture.TakeReports(), (Lines{"2 " + kRegister + null, "2 " + kRegister + null, "2 " + kRegister + null,
                                           "2 " + kDeregister + null, "2 " + kDeregister + null}));
 }
 

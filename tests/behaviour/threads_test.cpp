@@ -1,6 +1,6 @@
 // The same driver with real worker threads and several client threads at once: nothing is lost, nothing is delivered
 // twice, each poster's order is kept, and nothing is left behind.
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 #include <array>
 #include <atomic>
@@ -15,7 +15,7 @@ FOR_ALL_CONTAINERS(Threads);
 // Under thread sanitizer once with the host's own locks in its sight, which finds races of the host, and once with none
 // but the driver's, which alone shows whether the driver takes them. guardPages: freed memory faults, where the
 // sanitizers would not notice.
-void InEachView(unsigned workers, const std::function<void(const WorldOptions&)>& play)
+void InEachView(unsigned workers, const std::function<void(const FixtureOptions&)>& play)
 {
 #if defined(HOST_THREAD_SANITIZER)
     const std::vector<bool> views = {false, true};
@@ -36,43 +36,43 @@ constexpr ULONG kPostsEach = 200;
 
 TEST_P(Threads, PostsOfManyThreadsAllArriveInEachPostersOrder)
 {
-    InEachView(3, [](const WorldOptions& options) {
-        World world(GetParam(), options);
+    InEachView(3, [](const FixtureOptions& options) {
+        DriverFixture fixture(GetParam(), options);
         std::deque<Peer> posters;
         Peer subscriber(100);
-        ASSERT_EQ(world.Register(subscriber), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
         for (unsigned number = 1; number <= kPosters; ++number) {
-            ASSERT_EQ(world.Register(posters.emplace_back(number)), STATUS_SUCCESS);
-            ASSERT_EQ(world.Post(posters.back(), 1), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Register(posters.emplace_back(number)), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Post(posters.back(), 1), STATUS_SUCCESS);
         }
-        world.machine.WaitForWorkItems();
+        fixture.machine.WaitForWorkItems();
         for (Peer& poster : posters) {
-            ASSERT_EQ(world.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
         }
         subscriber.deliveries.clear();
 
         std::vector<std::thread> threads;
         std::atomic<unsigned> refused{0};
         for (Peer& poster : posters) {
-            threads.emplace_back([&world, &poster, &refused] {
+            threads.emplace_back([&fixture, &poster, &refused] {
                 for (ULONG state = 100; state < 100 + kPostsEach; ++state) {
-                    refused += world.Post(poster, state) == STATUS_SUCCESS ? 0 : 1;
+                    refused += fixture.Post(poster, state) == STATUS_SUCCESS ? 0 : 1;
                 }
             });
         }
         // Others come, subscribe and go meanwhile.
-        threads.emplace_back([&world, &posters, &refused] {
+        threads.emplace_back([&fixture, &posters, &refused] {
             for (ULONG number = 200; number < 240; ++number) {
                 Peer passing(number);
-                refused += world.Register(passing) == STATUS_SUCCESS ? 0 : 1;
-                refused += world.Subscribe(passing, posters.front(), 1) == STATUS_SUCCESS ? 0 : 1;
-                refused += world.Leave(passing) == STATUS_SUCCESS ? 0 : 1;
+                refused += fixture.Register(passing) == STATUS_SUCCESS ? 0 : 1;
+                refused += fixture.Subscribe(passing, posters.front(), 1) == STATUS_SUCCESS ? 0 : 1;
+                refused += fixture.Leave(passing) == STATUS_SUCCESS ? 0 : 1;
             }
         });
         for (std::thread& thread : threads) {
             thread.join();
         }
-        world.machine.WaitForWorkItems();
+        fixture.machine.WaitForWorkItems();
         EXPECT_EQ(refused, 0u);
         EXPECT_EQ(subscriber.deliveries.size(), std::size_t{kPosters} * kPostsEach);
         std::map<ULONG, ULONG> last;
@@ -80,7 +80,7 @@ TEST_P(Threads, PostsOfManyThreadsAllArriveInEachPostersOrder)
             EXPECT_GT(state.State, last[state.InterfaceGUID.Data1]);
             last[state.InterfaceGUID.Data1] = state.State;
         }
-        EXPECT_EQ(world.Alive(kStateContextName), 0u);
+        EXPECT_EQ(fixture.Alive(kStateContextName), 0u);
     });
 }
 
@@ -120,20 +120,20 @@ std::thread Turns(ULONG count, std::atomic<unsigned>& refused, const std::atomic
 // raised level, descriptors, and listeners coming and going.
 TEST_P(Threads, EverythingAtOnceEndsInOrder)
 {
-    InEachView(2, [](const WorldOptions& options) {
+    InEachView(2, [](const FixtureOptions& options) {
         constexpr unsigned kTurns = ZEPN_TURNS;
         g_dumps = 0;
         g_announced = 0;
-        World world(GetParam(), options);
+        DriverFixture fixture(GetParam(), options);
         WpcdClientRegistration registration{};
         registration.ZepClientAdd = OnAnnounced;
         registration.ZepClientRemove = OnWithdrawn;
         registration.ZepDumpStart = OnDumpStart;
-        ASSERT_EQ(world.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
         Peer poster(1);
         Peer other(2);
         for (Peer* peer : {&poster, &other}) {
-            ASSERT_EQ(world.Register(peer->TakesCommands().HearsAppsState()), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Register(peer->TakesCommands().HearsAppsState()), STATUS_SUCCESS);
         }
 
         // The other's state is chosen by answers too, under other locks than by posts.
@@ -144,39 +144,39 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
         std::atomic<bool> started{false};
         const auto turns = [&](const Act& act) { return Turns(kTurns, refused, started, act); };
         std::vector<std::thread> threads;
-        threads.push_back(turns([&](ULONG turn) { return world.Post(poster, 100 + turn); }));
-        threads.push_back(turns([&](ULONG turn) { return world.Post(other, 100 + turn); }));
-        threads.push_back(turns([&](ULONG turn) { return world.Send(turn % 2 == 0 ? poster : other,
+        threads.push_back(turns([&](ULONG turn) { return fixture.Post(poster, 100 + turn); }));
+        threads.push_back(turns([&](ULONG turn) { return fixture.Post(other, 100 + turn); }));
+        threads.push_back(turns([&](ULONG turn) { return fixture.Send(turn % 2 == 0 ? poster : other,
                                                                     turn % 2 == 0 ? other : poster, turn); }));
         threads.push_back(turns([&](ULONG turn) {
-            return turn % 2 == 0 ? world.Subscribe(other, poster, ZEP_STATE_ANY)
-                                 : world.Unsubscribe(other, poster, ZEP_STATE_ANY);
+            return turn % 2 == 0 ? fixture.Subscribe(other, poster, ZEP_STATE_ANY)
+                                 : fixture.Unsubscribe(other, poster, ZEP_STATE_ANY);
         }));
         threads.push_back(turns([&](ULONG turn) {
             Peer passing(1000 + turn);
-            const NTSTATUS status = world.Register(passing);
-            return status == STATUS_SUCCESS ? world.Leave(passing) : status;
+            const NTSTATUS status = fixture.Register(passing);
+            return status == STATUS_SUCCESS ? fixture.Leave(passing) : status;
         }));
         threads.push_back(turns([&](ULONG turn) {
-            world.machine.NotifyPowerState(3, turn % 2);
+            fixture.machine.NotifyPowerState(3, turn % 2);
             return STATUS_SUCCESS;
         }));
         threads.push_back(turns([&](ULONG) {
             const host::ScopedIrql irql(DISPATCH_LEVEL);
             ULONG record = 7;
-            return world.helper.Notifier_HelperStartDump(&record, 1, 2);
+            return fixture.helper.Notifier_HelperStartDump(&record, 1, 2);
         }));
         threads.push_back(turns([&](ULONG) {
             ULONG count = 0;
-            const NTSTATUS status = world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+            const NTSTATUS status = fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
             std::array<ZEP_SUBSYSTEM_DESCRIPTOR, 3> descriptors;  // the two, and one that is passing
             count = descriptors.size();
             return status == STATUS_SUCCESS
-                       ? world.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(descriptors.data(), &count)
+                       ? fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(descriptors.data(), &count)
                        : status;
         }));
         threads.push_back(turns([&](ULONG turn) {
-            auto& tracing = world.machine.tracing();
+            auto& tracing = fixture.machine.tracing();
             tracing.Close(turn % 2 == 0 ? tracing.OpenEventSession({kProvider, 5})
                                         : tracing.OpenMessageSession({kControl, 5, 3}));
             return STATUS_SUCCESS;
@@ -186,27 +186,27 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
         for (std::thread& thread : threads) {
             thread.join();
         }
-        world.machine.WaitForWorkItems();
+        fixture.machine.WaitForWorkItems();
         // Who comes now is announced and heard.
         const unsigned before = g_announced;
         Peer late(3);
-        ASSERT_EQ(world.Register(late), STATUS_SUCCESS);
-        ASSERT_EQ(world.Subscribe(other, late, 77), STATUS_SUCCESS);
-        ASSERT_EQ(world.Post(late, 77), STATUS_SUCCESS);
-        world.machine.WaitForWorkItems();
+        ASSERT_EQ(fixture.Register(late), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Subscribe(other, late, 77), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Post(late, 77), STATUS_SUCCESS);
+        fixture.machine.WaitForWorkItems();
         EXPECT_EQ(g_announced, before + 1);
         EXPECT_EQ(other.deliveries.back().State, 77u);
 
         EXPECT_EQ(refused, 0u);
         EXPECT_EQ(g_dumps, kTurns);
         // One command a run: of those queued in a burst some wait for the next post.
-        EXPECT_EQ(poster.commands.size() + other.commands.size() + world.Count(world.Context().commands), kTurns);
-        EXPECT_EQ(world.Count(world.Context().clients), 3u);
+        EXPECT_EQ(poster.commands.size() + other.commands.size() + fixture.Count(fixture.Context().commands), kTurns);
+        EXPECT_EQ(fixture.Count(fixture.Context().clients), 3u);
         // A post that overtakes an apps-state callback makes an answer of it, which is kept like every answer.
         EXPECT_EQ(poster.appsStateCalls, kTurns / 2);
         EXPECT_EQ(other.appsStateCalls, kTurns / 2);
-        EXPECT_EQ(world.Alive(kStateContextName), world.AnswersKept());
-        EXPECT_LE(world.AnswersKept(), std::size_t{kTurns});
+        EXPECT_EQ(fixture.Alive(kStateContextName), fixture.AnswersKept());
+        EXPECT_LE(fixture.AnswersKept(), std::size_t{kTurns});
     });
 }
 
@@ -214,18 +214,18 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
 // leave. Attaching among announcements, and dump calls at either time, are what nobody may do.
 TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
 {
-    InEachView(2, [](const WorldOptions& options) {
+    InEachView(2, [](const FixtureOptions& options) {
         constexpr unsigned kRounds = 12;
         constexpr unsigned kTurns = 8;
         g_announced = 0;
-        World world(GetParam(), options);
+        DriverFixture fixture(GetParam(), options);
         WpcdClientRegistration registration{};
         registration.ZepClientAdd = OnAnnounced;
         registration.ZepClientRemove = OnWithdrawn;
         Peer poster(1);
         Peer other(2);
         for (Peer* peer : {&poster, &other}) {
-            ASSERT_EQ(world.Register(peer->TakesCommands()), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Register(peer->TakesCommands()), STATUS_SUCCESS);
         }
         std::atomic<unsigned> refused{0};
         const auto all = [&](const std::vector<Act>& acts) {
@@ -239,49 +239,49 @@ TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
             for (std::thread& thread : threads) {
                 thread.join();
             }
-            world.machine.WaitForWorkItems();
+            fixture.machine.WaitForWorkItems();
         };
         for (unsigned round = 0; round < kRounds; ++round) {
             all({[&](ULONG turn) {
-                     return turn == kTurns / 2 ? world.wpcd.Notifier_WpcdClientInit(&registration) : STATUS_SUCCESS;
+                     return turn == kTurns / 2 ? fixture.wpcd.Notifier_WpcdClientInit(&registration) : STATUS_SUCCESS;
                  },
                  [&](ULONG turn) {
-                     return turn % 2 == 0 ? world.Subscribe(other, poster, 7) : world.Unsubscribe(other, poster, 7);
+                     return turn % 2 == 0 ? fixture.Subscribe(other, poster, 7) : fixture.Unsubscribe(other, poster, 7);
                  },
                  [&](ULONG turn) {
                      Peer passing(1000 + turn);
-                     const NTSTATUS status = world.Register(passing);
-                     return status == STATUS_SUCCESS ? world.Leave(passing) : status;
+                     const NTSTATUS status = fixture.Register(passing);
+                     return status == STATUS_SUCCESS ? fixture.Leave(passing) : status;
                  },
-                 [&](ULONG turn) { return world.Send(poster, other, turn); }});
+                 [&](ULONG turn) { return fixture.Send(poster, other, turn); }});
             // Somebody new each time, so that there is something to announce.
             Peer guest(2000 + round);
-            ASSERT_EQ(world.Register(guest), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Register(guest), STATUS_SUCCESS);
             const unsigned before = g_announced;
             all({[&](ULONG turn) {
                      while (g_announced == before) {
                          std::this_thread::yield();
                      }
-                     return turn == kTurns / 2 ? world.wpcd.Notifier_WpcdClientDeInit() : STATUS_SUCCESS;
+                     return turn == kTurns / 2 ? fixture.wpcd.Notifier_WpcdClientDeInit() : STATUS_SUCCESS;
                  },
-                 [&](ULONG turn) { return world.Post(guest, 1 + turn); },
-                 [&](ULONG turn) { return world.Post(poster, 100 + turn); },
+                 [&](ULONG turn) { return fixture.Post(guest, 1 + turn); },
+                 [&](ULONG turn) { return fixture.Post(poster, 100 + turn); },
                  [&](ULONG turn) {
                      Peer passing(1000 + turn);
-                     NTSTATUS status = world.Register(passing);
-                     status = status == STATUS_SUCCESS ? world.Post(passing, 1) : status;
-                     return status == STATUS_SUCCESS ? world.Leave(passing) : status;
+                     NTSTATUS status = fixture.Register(passing);
+                     status = status == STATUS_SUCCESS ? fixture.Post(passing, 1) : status;
+                     return status == STATUS_SUCCESS ? fixture.Leave(passing) : status;
                  },
                  [&](ULONG) {
                      ULONG count = 0;
-                     return world.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
+                     return fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count);
                  }});
-            ASSERT_EQ(world.Leave(guest), STATUS_SUCCESS);
-            world.machine.WaitForWorkItems();
+            ASSERT_EQ(fixture.Leave(guest), STATUS_SUCCESS);
+            fixture.machine.WaitForWorkItems();
         }
         EXPECT_EQ(refused, 0u);
-        EXPECT_EQ(world.Context().wpcdClient, nullptr);
-        EXPECT_EQ(world.Count(world.Context().clients), 2u);
+        EXPECT_EQ(fixture.Context().wpcdClient, nullptr);
+        EXPECT_EQ(fixture.Count(fixture.Context().clients), 2u);
     });
 }
 

@@ -1,5 +1,5 @@
 // Listeners: what they get at which level, when they come and go, and that a silent driver writes nothing.
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -7,39 +7,39 @@ namespace {
 class Reporting : public OnContainer {};
 FOR_ALL_CONTAINERS(Reporting);
 
-std::set<unsigned> EventIds(World& world)
+std::set<unsigned> EventIds(DriverFixture& fixture)
 {
     std::set<unsigned> ids;
-    for (const auto& event : world.machine.tracing().Events()) {
+    for (const auto& event : fixture.machine.tracing().Events()) {
         ids.insert(event.descriptor.Id);
     }
     return ids;
 }
 
 // A bit of everything: entries, an error, a warning, a delivery.
-void LiveALittle(World& world)
+void LiveALittle(DriverFixture& fixture)
 {
     Peer one(1);
     Peer other(2);
-    EXPECT_EQ(world.Register(one), STATUS_SUCCESS);
-    EXPECT_EQ(world.Register(other), STATUS_SUCCESS);
-    EXPECT_EQ(world.Register(one), STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
-    EXPECT_EQ(world.Unsubscribe(one, other, 3), STATUS_SUCCESS);
-    EXPECT_EQ(world.Subscribe(one, other, ZEP_STATE_ANY), STATUS_SUCCESS);
-    EXPECT_EQ(world.Post(other, 3), STATUS_SUCCESS);
-    world.Deliver();
+    EXPECT_EQ(fixture.Register(one), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Register(other), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Register(one), STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
+    EXPECT_EQ(fixture.Unsubscribe(one, other, 3), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Subscribe(one, other, ZEP_STATE_ANY), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Post(other, 3), STATUS_SUCCESS);
+    fixture.Deliver();
     EXPECT_EQ(one.deliveries.size(), 2u);
-    EXPECT_EQ(world.Leave(one), STATUS_SUCCESS);
-    EXPECT_EQ(world.Leave(other), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Leave(one), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Leave(other), STATUS_SUCCESS);
 }
 
 TEST_P(Reporting, WithoutListenersNothingIsWrittenAndAllWorksTheSame)
 {
-    World world(GetParam(), {.records = false});
-    LiveALittle(world);
-    world.TakeDown();
-    EXPECT_EQ(world.machine.tracing().UnheardEvents(), 0u);
-    EXPECT_EQ(world.machine.tracing().UnheardMessages(), 0u);
+    DriverFixture fixture(GetParam(), {.records = false});
+    LiveALittle(fixture);
+    fixture.TakeDown();
+    EXPECT_EQ(fixture.machine.tracing().DisabledEvents(), 0u);
+    EXPECT_EQ(fixture.machine.tracing().DisabledMessages(), 0u);
 }
 
 TEST_P(Reporting, EventLevelsSelectAsTheSystemDefinesThem)
@@ -59,23 +59,23 @@ TEST_P(Reporting, EventLevelsSelectAsTheSystemDefinesThem)
     };
     for (const Row& row : kRows) {
         SCOPED_TRACE(int{row.level});
-        World world(GetParam(), {.records = false, .boots = false});
-        world.machine.tracing().OpenEventSession({kProvider, row.level});
-        world.Load();
-        ASSERT_EQ(world.driver->AddDevice(), STATUS_SUCCESS);
-        world.Start();
-        LiveALittle(world);
-        world.TakeDown();
-        EXPECT_EQ(EventIds(world), row.ids);
-        EXPECT_EQ(world.machine.tracing().UnheardEvents(), 0u);
+        DriverFixture fixture(GetParam(), {.records = false, .boots = false});
+        fixture.machine.tracing().OpenEventSession({kProvider, row.level});
+        fixture.Load();
+        ASSERT_EQ(fixture.driver->AddDevice(), STATUS_SUCCESS);
+        fixture.Start();
+        LiveALittle(fixture);
+        fixture.TakeDown();
+        EXPECT_EQ(EventIds(fixture), row.ids);
+        EXPECT_EQ(fixture.machine.tracing().DisabledEvents(), 0u);
     }
 }
 
 TEST_P(Reporting, EventsCarryNoKeywordChannelTaskOrVersion)
 {
-    World world(GetParam());
-    LiveALittle(world);
-    for (const auto& event : world.machine.tracing().Events()) {
+    DriverFixture fixture(GetParam());
+    LiveALittle(fixture);
+    for (const auto& event : fixture.machine.tracing().Events()) {
         const EVENT_DESCRIPTOR& d = event.descriptor;
         EXPECT_EQ(d.Version + d.Channel + d.Opcode + d.Task, 0);
         EXPECT_EQ(d.Keyword, 0u);
@@ -85,43 +85,43 @@ TEST_P(Reporting, EventsCarryNoKeywordChannelTaskOrVersion)
 
 TEST_P(Reporting, ListenersComeChangeAndGoWhileTheDriverRuns)
 {
-    World world(GetParam(), {.records = false});
-    auto& tracing = world.machine.tracing();
+    DriverFixture fixture(GetParam(), {.records = false});
+    auto& tracing = fixture.machine.tracing();
     const auto errors = tracing.OpenEventSession({kProvider, 2});
-    LiveALittle(world);
-    EXPECT_EQ(EventIds(world), (std::set<unsigned>{10, 12}));
+    LiveALittle(fixture);
+    EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
     const auto all = tracing.OpenEventSession({kProvider, 5});
     tracing.ClearCaptured();
-    LiveALittle(world);
-    EXPECT_EQ(EventIds(world), (std::set<unsigned>{10, 12, 22, 61}));
+    LiveALittle(fixture);
+    EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12, 22, 61}));
 
     // The level falls back to what the session that stays wants.
     tracing.Close(all);
     tracing.ClearCaptured();
-    LiveALittle(world);
-    EXPECT_EQ(EventIds(world), (std::set<unsigned>{10, 12}));
+    LiveALittle(fixture);
+    EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
     tracing.ChangeEventSession(errors, {kProvider, 1});
     tracing.ClearCaptured();
-    LiveALittle(world);
-    EXPECT_TRUE(EventIds(world).empty());
+    LiveALittle(fixture);
+    EXPECT_TRUE(EventIds(fixture).empty());
     tracing.Close(errors);
-    EXPECT_EQ(tracing.UnheardEvents(), 0u);
+    EXPECT_EQ(tracing.DisabledEvents(), 0u);
 }
 
 TEST_P(Reporting, OtherControlCodesAndANullContextChangeNothing)
 {
-    World world(GetParam(), {.records = false});
-    auto& tracing = world.machine.tracing();
+    DriverFixture fixture(GetParam(), {.records = false});
+    auto& tracing = fixture.machine.tracing();
     tracing.OpenEventSession({kProvider, 2});
     tracing.SendEventControl(kProvider, 2, 5, 0, 0);
     tracing.SendEventControl(kProvider, 7, 5, 0, 0);
     tracing.SendEventControl(kProvider, 0, 0, 0, 0, true);
-    LiveALittle(world);
-    EXPECT_EQ(EventIds(world), (std::set<unsigned>{10, 12}));
+    LiveALittle(fixture);
+    EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
     tracing.SendEventControl(kProvider, 0, 0, 0, 0);
     tracing.ClearCaptured();
-    LiveALittle(world);
-    EXPECT_TRUE(EventIds(world).empty());
+    LiveALittle(fixture);
+    EXPECT_TRUE(EventIds(fixture).empty());
 }
 
 // Both registration routes: who listens with which flags and level gets which messages.
@@ -146,23 +146,23 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
         for (const Row& row : kRows) {
             SCOPED_TRACE(testing::Message() << "flags " << row.flags << " level " << int{row.level} << " route "
                                             << static_cast<int>(route));
-            World world(GetParam(), {.machine = {.traceRoutes = route}, .records = false, .boots = false});
-            world.machine.tracing().OpenMessageSession({kControl, row.level, row.flags});
-            world.Load();
-            ASSERT_EQ(world.driver->AddDevice(), STATUS_SUCCESS);
-            world.Start();
-            LiveALittle(world);
-            world.TakeDown();
+            DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = route}, .records = false, .boots = false});
+            fixture.machine.tracing().OpenMessageSession({kControl, row.level, row.flags});
+            fixture.Load();
+            ASSERT_EQ(fixture.driver->AddDevice(), STATUS_SUCCESS);
+            fixture.Start();
+            LiveALittle(fixture);
+            fixture.TakeDown();
             std::set<unsigned> numbers;
-            for (const auto& message : world.machine.tracing().Messages()) {
+            for (const auto& message : fixture.machine.tracing().Messages()) {
                 numbers.insert(message.number);
             }
             EXPECT_EQ(numbers.contains(10), row.entry);
             EXPECT_EQ(numbers.contains(76), row.error);      // the GUID that is registered already
             EXPECT_EQ(numbers.contains(137), row.progress);  // a posted state
             EXPECT_EQ(numbers.contains(57), row.detail);     // the power callback is unregistered
-            EXPECT_EQ(world.machine.tracing().UnheardMessages(), 0u);
-            EXPECT_EQ(world.machine.tracing().MessageProviders(), 0u);
+            EXPECT_EQ(fixture.machine.tracing().DisabledMessages(), 0u);
+            EXPECT_EQ(fixture.machine.tracing().MessageProviders(), 0u);
         }
     }
 }
@@ -170,8 +170,8 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
 TEST_P(Reporting, ClosedAndUnknownControlsSilenceMessagesOnBothRoutes)
 {
     for (const auto route : {host::TraceRoutes::kClassic, host::TraceRoutes::kLegacy}) {
-        World world(GetParam(), {.machine = {.traceRoutes = route}, .records = false});
-        auto& tracing = world.machine.tracing();
+        DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = route}, .records = false});
+        auto& tracing = fixture.machine.tracing();
         auto session = tracing.OpenMessageSession({kControl, 5, 3});
         tracing.SendMessageControl(kControl, 2);
         for (const std::uint8_t code : {0, 1, 4, 5}) {
@@ -181,40 +181,40 @@ TEST_P(Reporting, ClosedAndUnknownControlsSilenceMessagesOnBothRoutes)
             tracing.Close(session);  // the null contexts of a disable reached the block itself
             session = tracing.OpenMessageSession({kControl, 5, 3});
         }
-        LiveALittle(world);
+        LiveALittle(fixture);
         EXPECT_FALSE(tracing.Messages().empty());
         tracing.Close(session);
         tracing.ClearCaptured();
-        LiveALittle(world);
+        LiveALittle(fixture);
         EXPECT_TRUE(tracing.Messages().empty());
-        EXPECT_EQ(tracing.UnheardMessages(), 0u);
+        EXPECT_EQ(tracing.DisabledMessages(), 0u);
     }
 }
 
 // What messages without an event say, in the order in which it happens.
 TEST_P(Reporting, MessagesSayWhoDidWhat)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer poster(1);
     Peer other(2);
     other.onState = [](const ZepState&, ULONG& response) { response = 8; };
     other.TakesCommands();
     poster.HearsAppsState().onAppsState = [](ULONG& state) { state = 5; };
-    ASSERT_EQ(world.Register(poster), STATUS_SUCCESS);
-    ASSERT_EQ(world.Register(other), STATUS_SUCCESS);
-    ASSERT_EQ(world.Subscribe(other, poster, 4), STATUS_SUCCESS);
-    ASSERT_EQ(world.Post(poster, 4), STATUS_SUCCESS);
-    world.Deliver();
-    ASSERT_EQ(world.Send(poster, other, 77, 1234), STATUS_SUCCESS);
-    world.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
-    world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
-    world.Deliver();
-    ASSERT_EQ(world.Leave(poster), STATUS_SUCCESS);
-    ASSERT_EQ(world.Leave(other), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(poster), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(other), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Subscribe(other, poster, 4), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Post(poster, 4), STATUS_SUCCESS);
+    fixture.Deliver();
+    ASSERT_EQ(fixture.Send(poster, other, 77, 1234), STATUS_SUCCESS);
+    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
+    fixture.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
+    fixture.Deliver();
+    ASSERT_EQ(fixture.Leave(poster), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Leave(other), STATUS_SUCCESS);
 
     const host::tracing::MessageFormats formats(std::string(ZEPN_ROOT) + "/out/manifest");
     Lines texts;
-    for (const auto& message : world.machine.tracing().Messages()) {
+    for (const auto& message : fixture.machine.tracing().Messages()) {
         const auto decoded = formats.Decode(message);
         ASSERT_TRUE(decoded);
         if (!decoded->arguments.empty() && decoded->flags == "TRACE_FLAG_GENERAL" &&
@@ -233,65 +233,65 @@ TEST_P(Reporting, MessagesSayWhoDidWhat)
 // Handles in messages of their own: the context that the power callback was registered with, device and file object.
 TEST_P(Reporting, MessagesCarryTheHandlesOfTheirObjects)
 {
-    World world(GetParam());
-    auto& tracing = world.machine.tracing();
+    DriverFixture fixture(GetParam());
+    auto& tracing = fixture.machine.tracing();
     const auto handles = [&] {
         std::vector<const void*> values(tracing.Messages().front().payload.size() / sizeof(void*));
         memcpy(values.data(), tracing.Messages().front().payload.data(), values.size() * sizeof(void*));
         return values;
     };
     tracing.ClearCaptured();
-    world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 1);
-    const auto context = world.machine.inspect().Find(world.driver->Handle())->contexts.front().bytes;
+    fixture.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 1);
+    const auto context = fixture.machine.inspect().Find(fixture.driver->Handle())->contexts.front().bytes;
     EXPECT_EQ(handles(), std::vector<const void*>{context.data()});
     tracing.ClearCaptured();
     host::FileId file = 0;
-    ASSERT_EQ(world.driver->Open(file).status, STATUS_SUCCESS);
-    const auto files = world.machine.inspect().Objects(host::framework::ObjectType::kFileObject);
-    EXPECT_EQ(handles(), (std::vector<const void*>{world.driver->Device(), files[0].handle}));
-    world.driver->Close(file);
+    ASSERT_EQ(fixture.driver->Open(file).status, STATUS_SUCCESS);
+    const auto files = fixture.machine.inspect().Objects(host::framework::ObjectType::kFileObject);
+    EXPECT_EQ(handles(), (std::vector<const void*>{fixture.driver->Device(), files[0].handle}));
+    fixture.driver->Close(file);
 }
 
-// The world compares their values in event and message.
+// The fixture compares their values in event and message.
 TEST_P(Reporting, MissingItemsAndContextsAreReportedWithTheirPlace)
 {
-    World world(GetParam());
+    DriverFixture fixture(GetParam());
     Peer first(1);
     Peer second(2);
-    ASSERT_EQ(world.Register(first), STATUS_SUCCESS);
-    ASSERT_EQ(world.Register(second), STATUS_SUCCESS);
-    world.Lose("WdfCollectionGetItem", "", 1);
-    EXPECT_EQ(world.Post(second, 1), STATUS_INVALID_DEVICE_REQUEST);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports().front(), "5 _getClientContextByGUID: WdfCollectionGetItem, 1, <clients>, 2");
-    world.Lose("WdfObjectGetTypedContextWorker", kClientContextName);
-    EXPECT_EQ(world.Post(first, 1), STATUS_INVALID_DEVICE_REQUEST);
-    world.EndFaults();
-    EXPECT_EQ(world.TakeReports().front(), "6 _getClientContextByGUID: Client context, <object>");
+    ASSERT_EQ(fixture.Register(first), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(second), STATUS_SUCCESS);
+    fixture.Lose("WdfCollectionGetItem", "", 1);
+    EXPECT_EQ(fixture.Post(second, 1), STATUS_INVALID_DEVICE_REQUEST);
+    fixture.EndFaults();
+    EXPECT_EQ(fixture.TakeReports().front(), "5 _getClientContextByGUID: WdfCollectionGetItem, 1, <clients>, 2");
+    fixture.Lose("WdfObjectGetTypedContextWorker", kClientContextName);
+    EXPECT_EQ(fixture.Post(first, 1), STATUS_INVALID_DEVICE_REQUEST);
+    fixture.EndFaults();
+    EXPECT_EQ(fixture.TakeReports().front(), "6 _getClientContextByGUID: Client context, <object>");
 }
 
 // A missing item is reported by event alone when only events are wanted.
 TEST_P(Reporting, EventsAndMessagesAreChosenApart)
 {
-    World world(GetParam(), {.records = false});
-    world.machine.tracing().OpenEventSession({kProvider, 5});
+    DriverFixture fixture(GetParam(), {.records = false});
+    fixture.machine.tracing().OpenEventSession({kProvider, 5});
     Peer peer(1);
-    ASSERT_EQ(world.Register(peer), STATUS_SUCCESS);
-    world.Lose("WdfCollectionGetItem");
-    EXPECT_NE(world.Post(peer, 1), STATUS_SUCCESS);
-    world.EndFaults();
-    EXPECT_TRUE(EventIds(world).contains(5));
-    EXPECT_TRUE(world.machine.tracing().Messages().empty());
+    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    fixture.Lose("WdfCollectionGetItem");
+    EXPECT_NE(fixture.Post(peer, 1), STATUS_SUCCESS);
+    fixture.EndFaults();
+    EXPECT_TRUE(EventIds(fixture).contains(5));
+    EXPECT_TRUE(fixture.machine.tracing().Messages().empty());
 }
 
 TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
 {
-    World world(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kLegacy}, .records = false});
-    auto& tracing = world.machine.tracing();
+    DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kLegacy}, .records = false});
+    auto& tracing = fixture.machine.tracing();
     const auto session = tracing.OpenMessageSession({kControl, 2, 3});
-    world.machine.faults().Add({.function = "WmiQueryTraceInformation", .detail = "level"});
+    fixture.machine.faults().Add({.function = "WmiQueryTraceInformation", .detail = "level"});
     tracing.ChangeMessageSession(session, {kControl, 5, 3});
-    LiveALittle(world);
+    LiveALittle(fixture);
     std::set<unsigned> numbers;
     for (const auto& message : tracing.Messages()) {
         numbers.insert(message.number);
@@ -302,12 +302,12 @@ TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
 
 TEST_P(Reporting, MissingVersionRoutineMeansTheOldRoute)
 {
-    World world(GetParam(), {.machine = {.exportsPsGetVersion = false}, .boots = false});
-    world.Load();
-    EXPECT_EQ(world.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"}));
-    world.TakeDown();
-    world.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);
-    EXPECT_EQ(world.machine.tracing().MessageProviders(), 0u);
+    DriverFixture fixture(GetParam(), {.machine = {.exportsPsGetVersion = false}, .boots = false});
+    fixture.Load();
+    EXPECT_EQ(fixture.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"}));
+    fixture.TakeDown();
+    fixture.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);
+    EXPECT_EQ(fixture.machine.tracing().MessageProviders(), 0u);
 }
 
 }  // namespace

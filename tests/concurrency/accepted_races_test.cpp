@@ -1,6 +1,6 @@
 // Races that the driver's design accepts: the header and the pages forbid callers to run into them. Each is shown to be
 // there, so that who closes one notices.
-#include "tests/concurrency/explored.h"
+#include "tests/concurrency/systematic.h"
 
 #include "host/checks/crash.h"
 #include "tests/kit/death.h"
@@ -13,7 +13,7 @@ namespace {
 
 using host::checks::Rule;
 
-class AcceptedRaces : public Explored {};
+class AcceptedRaces : public Systematic {};
 FOR_ALL_CONTAINERS(AcceptedRaces);
 
 // A party of a command that leaves before it is delivered stops command delivery for good: the run waits for the lock
@@ -23,22 +23,23 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
     for (const bool senderLeaves : {false, true}) {
         unsigned delivered = 0;
         unsigned stopped = 0;
-        Explore(senderLeaves ? "sender leaves" : "target leaves", [&](World& world, Explorer& explorer) {
+        Explore(senderLeaves ? "sender leaves" : "target leaves", [&](DriverFixture& fixture,
+                                                                      ControlledScheduler& scheduler) {
             Peer sender(1);
             Peer target(2);
-            RegisterAll(world, {&sender, &target.TakesCommands()});
-            EXPECT_EQ(world.Send(sender, target, 7), STATUS_SUCCESS);
+            RegisterAll(fixture, {&sender, &target.TakesCommands()});
+            EXPECT_EQ(fixture.Send(sender, target, 7), STATUS_SUCCESS);
             std::size_t parkedRuns = 0;
-            RunAll(world, explorer,
-                   {{"party", [&] { EXPECT_EQ(world.Leave(senderLeaves ? sender : target), STATUS_SUCCESS); }},
-                    {"run", [&] { parkedRuns = world.machine.RunWorkItems().parked.size(); }}});
-            const std::size_t selfWaits = world.machine.violations().Take(Rule::kSelfWait).size();
+            RunAll(fixture, scheduler,
+                   {{"party", [&] { EXPECT_EQ(fixture.Leave(senderLeaves ? sender : target), STATUS_SUCCESS); }},
+                    {"run", [&] { parkedRuns = fixture.machine.RunWorkItems().parked.size(); }}});
+            const std::size_t selfWaits = fixture.machine.violations().Take(Rule::kSelfWait).size();
             EXPECT_EQ(selfWaits, parkedRuns);
             EXPECT_EQ(target.commands.size() + parkedRuns, 1u);
             delivered += target.commands.size() == 1 ? 1 : 0;
             if (parkedRuns != 0) {
                 ++stopped;
-                world.Abandon();
+                fixture.Abandon();
             }
         });
         EXPECT_TRUE(IsReplay() || (delivered >= 1 && stopped >= 1)) << delivered << " and " << stopped;
@@ -55,32 +56,32 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
     for (const bool subscribes : {false, true}) {
         unsigned takenBack = 0;
         unsigned kept = 0;
-        const auto play = [&](World& world, Explorer& explorer) {
+        const auto play = [&](DriverFixture& fixture, ControlledScheduler& scheduler) {
             Peer poster(1);
             Peer watcher(2);
-            RegisterAll(world, {&poster.HearsAppsState(), &watcher});
-            EXPECT_EQ(world.Post(poster, 3), STATUS_SUCCESS);
-            EXPECT_EQ(world.Post(watcher, 4), STATUS_SUCCESS);
-            EXPECT_EQ(world.Subscribe(watcher, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
-            world.Deliver();
+            RegisterAll(fixture, {&poster.HearsAppsState(), &watcher});
+            EXPECT_EQ(fixture.Post(poster, 3), STATUS_SUCCESS);
+            EXPECT_EQ(fixture.Post(watcher, 4), STATUS_SUCCESS);
+            EXPECT_EQ(fixture.Subscribe(watcher, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
+            fixture.Deliver();
             watcher.deliveries.clear();
             const auto isCalled = [&] {
                 if (subscribes) {
-                    EXPECT_EQ(world.Subscribe(poster, watcher, 4), STATUS_SUCCESS);
+                    EXPECT_EQ(fixture.Subscribe(poster, watcher, 4), STATUS_SUCCESS);
                 } else {
-                    world.machine.NotifyPowerState(kStateLock, 0);
+                    fixture.machine.NotifyPowerState(kStateLock, 0);
                 }
             };
-            RunAll(world, explorer,
-                   {{"callback", isCalled}, {"client", [&] { EXPECT_EQ(world.Post(poster, 5), STATUS_SUCCESS); }}});
-            world.Deliver();
+            RunAll(fixture, scheduler,
+                   {{"callback", isCalled}, {"client", [&] { EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS); }}});
+            fixture.Deliver();
             // In either order: the post's own record may come behind the one that takes it back.
             States states = StatesFrom(watcher, poster);
             std::sort(states.begin(), states.end());
             const bool isTakenBack = states == States{3, 5};
             EXPECT_TRUE(isTakenBack || states == States{5});
-            EXPECT_EQ(world.Client(poster)->currentState, isTakenBack ? 3u : 5u);
-            EXPECT_EQ(world.AnswersKept(), isTakenBack && !subscribes ? 1u : 0u);
+            EXPECT_EQ(fixture.Client(poster)->currentState, isTakenBack ? 3u : 5u);
+            EXPECT_EQ(fixture.AnswersKept(), isTakenBack && !subscribes ? 1u : 0u);
             ++(isTakenBack ? takenBack : kept);
         };
         Explore(subscribes ? "post around a first state" : "post around a broadcast", play, kIntoTheCallbackAndOut);
@@ -91,18 +92,19 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
 constexpr int kViolationExit = 5;
 
 // Plays schedules until one goes wrong, and ends the process with what went wrong; with status 0 when none does.
-[[noreturn]] void EndAtFirstFault(const Container& container, const std::function<void(World&, Explorer&)>& play)
+[[noreturn]] void EndAtFirstFault(const Container& container,
+                                  const std::function<void(DriverFixture&, ControlledScheduler&)>& play)
 {
-    Explorer explorer({.everyCall = true});
-    while (explorer.Next()) {
-        World world(container, {.records = false});
-        play(world, explorer);
-        for (const auto& violation : world.machine.violations().Take()) {
+    ControlledScheduler scheduler({.everyCall = true});
+    while (scheduler.Next()) {
+        DriverFixture fixture(container, {.records = false});
+        play(fixture, scheduler);
+        for (const auto& violation : fixture.machine.violations().Take()) {
             std::fprintf(stderr, "%s\n", violation.Text().c_str());
             std::_Exit(kViolationExit);
         }
     }
-    std::fprintf(stderr, "nothing goes wrong in %u schedules\n", explorer.Count());
+    std::fprintf(stderr, "nothing goes wrong in %u schedules\n", scheduler.Count());
     std::_Exit(0);
 }
 
@@ -125,25 +127,25 @@ TEST_P(AcceptedRaces, TwoAttachesAtOnceBothSucceedAndOneObjectStays)
     constexpr bool kEveryCall = true;  // there are no locks to choose at
     unsigned bothSucceed = 0;
     unsigned oneSucceeds = 0;
-    const auto play = [&](World& world, Explorer& explorer) {
+    const auto play = [&](DriverFixture& fixture, ControlledScheduler& scheduler) {
         WpcdClientRegistration registration{};
         registration.ZepClientAdd = OnAdd;
         NTSTATUS statuses[2] = {};
-        RunAll(world, explorer,
-               {{"one", [&] { statuses[0] = world.wpcd.Notifier_WpcdClientInit(&registration); }},
-                {"two", [&] { statuses[1] = world.wpcd.Notifier_WpcdClientInit(&registration); }}});
+        RunAll(fixture, scheduler,
+               {{"one", [&] { statuses[0] = fixture.wpcd.Notifier_WpcdClientInit(&registration); }},
+                {"two", [&] { statuses[1] = fixture.wpcd.Notifier_WpcdClientInit(&registration); }}});
         std::size_t attached = 0;
         for (const NTSTATUS status : statuses) {
             EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_OBJECT_NAME_EXISTS) << status;
             attached += status == STATUS_SUCCESS ? 1 : 0;
         }
         EXPECT_GE(attached, 1u);
-        EXPECT_EQ(world.Alive(kWpcdContextName), attached);
+        EXPECT_EQ(fixture.Alive(kWpcdContextName), attached);
         ++(attached == 2 ? bothSucceed : oneSucceeds);
-        // The world's end finds no leak: the object that stays is a child of the driver object.
-        EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
-        EXPECT_EQ(world.wpcd.Notifier_WpcdClientDeInit(), STATUS_OBJECT_NAME_NOT_FOUND);
-        EXPECT_EQ(world.Alive(kWpcdContextName), attached - 1);
+        // The fixture's end finds no leak: the object that stays is a child of the driver object.
+        EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
+        EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientDeInit(), STATUS_OBJECT_NAME_NOT_FOUND);
+        EXPECT_EQ(fixture.Alive(kWpcdContextName), attached - 1);
     };
     Explore("two attaches", play, kPreemptions, kEveryCall);
     EXPECT_TRUE(IsReplay() || (bothSucceed >= 1 && oneSucceeds >= 1)) << bothSucceed << " and " << oneSucceeds;
@@ -154,12 +156,12 @@ TEST_P(AcceptedRaces, DetachingWhileAnAttachIsUnderWayUsesNoHandle)
 {
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(EndAtFirstFault(GetParam(),
-                                [](World& world, Explorer& explorer) {
+                                [](DriverFixture& fixture, ControlledScheduler& scheduler) {
                                     WpcdClientRegistration registration{};
                                     RunAll(
-                                        world, explorer,
-                                        {{"attach", [&] { (void)world.wpcd.Notifier_WpcdClientInit(&registration); }},
-                                         {"detach", [&] { (void)world.wpcd.Notifier_WpcdClientDeInit(); }}});
+                                        fixture, scheduler,
+                                        {{"attach", [&] { (void)fixture.wpcd.Notifier_WpcdClientInit(&registration); }},
+                                         {"detach", [&] { (void)fixture.wpcd.Notifier_WpcdClientDeInit(); }}});
                                 }),
                 testing::ExitedWithCode(kViolationExit), "(null|dead) handle: .*Notifier_WpcdClientInit");
 }
@@ -174,15 +176,15 @@ TEST_P(AcceptedRaces, AttachingWhileAClientIsAnnouncedCallsNull)
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(Explore(
                     "attach",
-                    [](World& world, Explorer& explorer) {
+                    [](DriverFixture& fixture, ControlledScheduler& scheduler) {
                         WpcdClientRegistration registration{};
                         registration.ZepClientAdd = OnAdd;
                         Peer peer(1);
-                        (void)world.Register(peer);
-                        (void)world.Post(peer, 5);
-                        RunAll(world, explorer,
-                               {{"crash dump", [&] { (void)world.wpcd.Notifier_WpcdClientInit(&registration); }},
-                                {"run", [&] { world.Deliver(); }}});
+                        (void)fixture.Register(peer);
+                        (void)fixture.Post(peer, 5);
+                        RunAll(fixture, scheduler,
+                               {{"crash dump", [&] { (void)fixture.wpcd.Notifier_WpcdClientInit(&registration); }},
+                                {"run", [&] { fixture.Deliver(); }}});
                     },
                     2, true),
                 testing::ExitedWithCode(host::checks::kMemoryFaultExit),
@@ -195,14 +197,14 @@ TEST_P(AcceptedRaces, DetachingWhileADumpStartsUsesTheDeadClient)
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(
         EndAtFirstFault(GetParam(),
-                        [](World& world, Explorer& explorer) {
+                        [](DriverFixture& fixture, ControlledScheduler& scheduler) {
                             WpcdClientRegistration registration{};
                             registration.ZepDumpStart = OnDumpStart;
-                            (void)world.wpcd.Notifier_WpcdClientInit(&registration);
+                            (void)fixture.wpcd.Notifier_WpcdClientInit(&registration);
                             ULONG record = 1;
-                            RunAll(world, explorer,
-                                   {{"client", [&] { (void)world.helper.Notifier_HelperStartDump(&record, 0, 0); }},
-                                    {"crash dump", [&] { (void)world.wpcd.Notifier_WpcdClientDeInit(); }}});
+                            RunAll(fixture, scheduler,
+                                   {{"client", [&] { (void)fixture.helper.Notifier_HelperStartDump(&record, 0, 0); }},
+                                    {"crash dump", [&] { (void)fixture.wpcd.Notifier_WpcdClientDeInit(); }}});
                         }),
         testing::ExitedWithCode(kViolationExit), "dead handle: .*GetContext");
 }
@@ -210,7 +212,7 @@ TEST_P(AcceptedRaces, DetachingWhileADumpStartsUsesTheDeadClient)
 // What happens to a client while another thread deregisters it.
 struct Use {
     const char* name;
-    void (*play)(World&, Explorer&, Peer& leaving, Peer& other);
+    void (*play)(DriverFixture&, ControlledScheduler&, Peer& leaving, Peer& other);
     const char* finding;
 };
 
@@ -218,44 +220,44 @@ constexpr const char* kInSendState = "dead handle: .*Notifier_HelperSendState";
 
 const Use kUses[] = {
     {"post",
-     [](World& world, Explorer& explorer, Peer& leaving, Peer&) {
-         RunAll(world, explorer,
-                {{"post", [&] { (void)world.Post(leaving, 5); }}, {"leave", [&] { (void)world.Leave(leaving); }}});
+     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer&) {
+         RunAll(fixture, scheduler,
+                {{"post", [&] { (void)fixture.Post(leaving, 5); }}, {"leave", [&] { (void)fixture.Leave(leaving); }}});
      },
      kInSendState},
     {"command",
-     [](World& world, Explorer& explorer, Peer& leaving, Peer& other) {
-         RunAll(world, explorer,
-                {{"command", [&] { (void)world.Send(leaving, other, 7); }},
-                 {"leave", [&] { (void)world.Leave(leaving); }}});
+     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer& other) {
+         RunAll(fixture, scheduler,
+                {{"command", [&] { (void)fixture.Send(leaving, other, 7); }},
+                 {"leave", [&] { (void)fixture.Leave(leaving); }}});
      },
      "dead handle: .*(QueueCommand|Notifier_HelperSendCommand)"},
     {"answer to a first state",
-     [](World& world, Explorer& explorer, Peer& leaving, Peer& other) {
+     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer& other) {
          leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };
-         RunAll(world, explorer,
-                {{"subscribe", [&] { (void)world.Subscribe(leaving, other, ZEP_STATE_ANY); }},
-                 {"leave", [&] { (void)world.Leave(leaving); }}});
+         RunAll(fixture, scheduler,
+                {{"subscribe", [&] { (void)fixture.Subscribe(leaving, other, ZEP_STATE_ANY); }},
+                 {"leave", [&] { (void)fixture.Leave(leaving); }}});
      },
      kInSendState},
     {"answer to a command",
-     [](World& world, Explorer& explorer, Peer& leaving, Peer& other) {
+     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer& other) {
          leaving.onCommand = [](ULONG, ULONG& state) { state = 9; };
-         (void)world.Send(other, leaving, 7);
+         (void)fixture.Send(other, leaving, 7);
          const auto leave = [&] {
              if (!leaving.commands.empty()) {  // before, it would stop command delivery
-                 (void)world.Leave(leaving);
+                 (void)fixture.Leave(leaving);
              }
          };
-         RunAll(world, explorer, {{"run", [&] { world.Deliver(); }}, {"leave", leave}});
+         RunAll(fixture, scheduler, {{"run", [&] { fixture.Deliver(); }}, {"leave", leave}});
      },
      kInSendState},
     {"answer to an application-state change",
-     [](World& world, Explorer& explorer, Peer& leaving, Peer&) {
+     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer&) {
          leaving.onAppsState = [](ULONG& state) { state = 9; };
-         RunAll(world, explorer,
-                {{"power", [&] { world.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }},
-                 {"leave", [&] { (void)world.Leave(leaving); }}});
+         RunAll(fixture, scheduler,
+                {{"power", [&] { fixture.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }},
+                 {"leave", [&] { (void)fixture.Leave(leaving); }}});
      },
      kInSendState},
 };
@@ -268,13 +270,13 @@ TEST_P(AcceptedRaces, EachUseOfAClientThatLeavesMeetsItsDeadObject)
     for (const Use& use : kUses) {
         SCOPED_TRACE(use.name);
         EXPECT_EXIT(EndAtFirstFault(GetParam(),
-                                    [&use](World& world, Explorer& explorer) {
+                                    [&use](DriverFixture& fixture, ControlledScheduler& scheduler) {
                                         Peer leaving(1);
                                         Peer other(2);
                                         for (Peer* peer : {&leaving, &other}) {
-                                            (void)world.Register(peer->TakesCommands().HearsAppsState());
+                                            (void)fixture.Register(peer->TakesCommands().HearsAppsState());
                                         }
-                                        use.play(world, explorer, leaving, other);
+                                        use.play(fixture, scheduler, leaving, other);
                                     }),
                     testing::ExitedWithCode(kViolationExit), use.finding);
     }

@@ -33,9 +33,9 @@ public:
         if (entry.kind == play::EntryKind::kReport) {
             reports.insert(entry.who);
         }
-        hasTrouble = hasTrouble || entry.kind == play::EntryKind::kTrouble;
+        hasFinding = hasFinding || entry.kind == play::EntryKind::kFinding;
     }
-    void OnBegin(unsigned, const play::Stretch& stretch) override { open_[stretch.who].push_back(stretch.name); }
+    void OnBegin(unsigned, const play::Span& stretch) override { open_[stretch.who].push_back(stretch.name); }
     void OnEnd(const std::string& who, const std::string& outcome) override
     {
         statuses.insert({open_[who].back(), outcome});
@@ -44,7 +44,7 @@ public:
 
     std::set<std::string> reports;  // "event 12"
     Pairs statuses;                 // operation, status
-    bool hasTrouble = false;
+    bool hasFinding = false;
 
 private:
     std::map<std::string, std::vector<std::string>> open_;
@@ -159,7 +159,7 @@ TEST(Troubleshooting, HoldsEachProhibitionOfTheHeaderWithAScenarioThatShowsItsTr
     for (const auto& row : Rows(TextOf(kRoot / "docs/troubleshooting.md"))) {
         if (row[0].starts_with("[")) {
             found.insert(row[0]);
-            EXPECT_TRUE(PlayLinked(row).hasTrouble) << row[0];
+            EXPECT_TRUE(PlayLinked(row).hasFinding) << row[0];
         }
     }
     EXPECT_EQ(found, expected);

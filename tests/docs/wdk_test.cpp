@@ -16,7 +16,8 @@ namespace {
 std::set<std::string> SourcesOf(const std::string& project)
 {
     std::set<std::string> sources;
-    for (std::string source : Matches(TextOf(kRoot / "driver/wdk" / project), R"(<ClCompile Include="\.\.\\([^"]+)\")")) {
+    for (std::string source :
+         Matches(TextOf(kRoot / "driver/wdk" / project), R"(<ClCompile Include="\.\.\\([^"]+)\")")) {
         std::replace(source.begin(), source.end(), '\\', '/');
         // From the projects' folder, driver/wdk.
         source = source.starts_with("../") ? source.substr(3) : "driver/" + source;
@@ -61,7 +62,8 @@ TEST(WdkProjects, CompileTheSourcesOfTheImagesInTheirLanguageForTheirFramework)
 TEST(WdkProjects, AreWellFormedAndInTheSolutionWithBothPlatforms)
 {
     const std::set<std::string> expected = {"Debug|ARM64", "Debug|x64", "Release|ARM64", "Release|x64"};
-    EXPECT_EQ(Matches(TextOf(kRoot / "driver/wdk/driver.props"), R"re(<ProjectConfiguration Include="([^"]+)")re"), expected);
+    EXPECT_EQ(Matches(TextOf(kRoot / "driver/wdk/driver.props"), R"re(<ProjectConfiguration Include="([^"]+)")re"),
+              expected);
     const std::string solution = TextOf(kRoot / "driver/wdk/zepn.sln");
     std::set<std::string> projects;
     for (const auto& entry : std::filesystem::directory_iterator(kRoot / "driver/wdk")) {

@@ -1,6 +1,6 @@
 #include "tests/fault_injection/clients.h"
 
-namespace sweep {
+namespace fault_injection {
 namespace {
 
 Lines* g_callbacks = nullptr;
@@ -138,4 +138,4 @@ const WpcdClientRegistration& CrashDumpDriver()
     return registration;
 }
 
-}  // namespace sweep
+}  // namespace fault_injection

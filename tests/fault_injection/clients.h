@@ -1,10 +1,10 @@
-// The clients and the crash-dump driver that the lives play with: every callback is recorded and answered as told.
+// The clients and the crash-dump driver that the sequences play with: every callback is recorded and answered as told.
 #pragma once
 
 #include "driver/include/zepn_notifier.h"
-#include "tests/fault_injection/life.h"
+#include "tests/fault_injection/sequence.h"
 
-namespace sweep {
+namespace fault_injection {
 
 [[nodiscard]] GUID GuidOf(ULONG client);
 [[nodiscard]] void* ContextOf(ULONG client);
@@ -20,4 +20,4 @@ void AnswerDumps(NTSTATUS status);
 [[nodiscard]] PZEP_APPS_STATE_CALLBACK AppsStateCallback();
 [[nodiscard]] const WpcdClientRegistration& CrashDumpDriver();
 
-}  // namespace sweep
+}  // namespace fault_injection

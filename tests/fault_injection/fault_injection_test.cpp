@@ -1,17 +1,17 @@
-// Each platform call of a life fails once, and once more with all later ones of its function, in every form that it
-// has; what the driver shows must be what the expectation says, operation by operation, to the end of the life.
+// Each platform call of a sequence fails once, and once more with all later ones of its function, in every form that it
+// has; what the driver shows must be what the expectation says, operation by operation, to the end of the sequence.
 #include "host/checks/call_path.h"
 #include "tests/kit/death.h"
-#include "tests/fault_injection/figures.h"
-#include "tests/fault_injection/lives.h"
-#include "tests/fault_injection/played.h"
+#include "tests/fault_injection/statistics.h"
+#include "tests/fault_injection/sequences.h"
+#include "tests/fault_injection/comparison.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <memory>
 
-namespace sweep {
+namespace fault_injection {
 namespace {
 
 std::string Path(const host::ObservedCall& call, host::Machine& machine)
@@ -23,7 +23,7 @@ std::string Path(const host::ObservedCall& call, host::Machine& machine)
     return path + call.function;
 }
 
-// By which functions the life without the fault comes to the call that fails, or to the one behind a look-up. The native
+// By which functions the sequence without the fault comes to the call that fails, or to the one behind a look-up. The native
 // driver is asked: it makes the same calls as the others.
 std::string PathTo(const Plan& plan)
 {
@@ -36,8 +36,8 @@ std::string PathTo(const Plan& plan)
                                            : call.function == plan.fault->function && index++ == plan.fault->index;
         path = isIt ? ", by " + Path(call, machine) : path;
     };
-    const Played played(tests::Containers().front(), {.life = plan.life, .routes = plan.routes, .onCall = onCall},
-                        sites);
+    const Comparison comparison(tests::Containers().front(),
+                                {.sequence = plan.sequence, .routes = plan.routes, .onCall = onCall}, sites);
     return path;
 }
 
@@ -64,26 +64,26 @@ std::vector<Shard> Shards()
     return shards;
 }
 
-class Sweep : public testing::TestWithParam<Shard> {
+class FaultInjection : public testing::TestWithParam<Shard> {
 protected:
     void Check(const Plan& plan)
     {
         if (fault_++ % kShards != GetParam().number - 1) {
             return;
         }
-        const Played played(GetParam().container, plan, sites_);
+        const Comparison comparison(GetParam().container, plan, sites_);
         if (plan.fault) {
             figures_.Count(*plan.fault, plan.records != nullptr);
         }
-        if (!played.difference.empty() && failures_++ < kShownFailures) {
-            ADD_FAILURE() << plan.Text() << (plan.fault ? PathTo(plan) : "") << "\n" << played.difference;
+        if (!comparison.difference.empty() && failures_++ < kShownFailures) {
+            ADD_FAILURE() << plan.Text() << (plan.fault ? PathTo(plan) : "") << "\n" << comparison.difference;
         }
     }
 
-    // Every call of the life that the expectation foresees, in every form; sticky: with all later ones of its function.
-    void FailEachCall(const Life& life, bool sticky);
+    // Every call of the sequence that the expectation foresees, in every form; persistent: with all later ones of its function.
+    void FailEachCall(const Sequence& sequence, bool persistent);
     // Every call of the tracing runtime.
-    void FailTracing(const Life& life, host::TraceRoutes routes);
+    void FailTracing(const Sequence& sequence, host::TraceRoutes routes);
 
     static constexpr unsigned kShownFailures = 10;
     unsigned failures_ = 0;
@@ -92,11 +92,11 @@ protected:
     std::set<Site> sites_;
     Figures figures_;
 };
-INSTANTIATE_TEST_SUITE_P(On, Sweep, testing::ValuesIn(Shards()), testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(On, FaultInjection, testing::ValuesIn(Shards()), testing::PrintToStringParamName());
 
-void Sweep::FailEachCall(const Life& life, bool sticky)
+void FaultInjection::FailEachCall(const Sequence& sequence, bool persistent)
 {
-    const Played whole(GetParam().container, {.life = life}, sites_);
+    const Comparison whole(GetParam().container, {.sequence = sequence}, sites_);
     ASSERT_EQ(whole.difference, "");
     figures_.NoteLife(whole.callCount, whole.numbers.size(), whole.calls.size() - whole.numbers.size());
     std::map<std::string, unsigned> indices;
@@ -110,33 +110,34 @@ void Sweep::FailEachCall(const Life& life, bool sticky)
         if (++turn_ % Stride() != 0) {
             continue;
         }
-        for (const Form form : call.forms) {
-            Check({.life = life, .fault = Fault{call.function, index, sticky, form}, .hideAt = hideAt});
+        for (const FaultKind form : call.forms) {
+            Check({.sequence = sequence, .fault = Fault{call.function, index, persistent, form}, .hideAt = hideAt});
         }
     }
 }
 
-void Sweep::FailTracing(const Life& life, host::TraceRoutes routes)
+void FaultInjection::FailTracing(const Sequence& sequence, host::TraceRoutes routes)
 {
     std::map<std::string, unsigned> counts;
-    const Plan plan{.life = life, .routes = routes, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
-                        counts[call.function] += KindOf(call.function) == Kind::kTracing ? 1 : 0;
-                    }};
-    const Played whole(GetParam().container, plan, sites_);
+    const Plan plan{
+        .sequence = sequence, .routes = routes, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
+            counts[call.function] += KindOf(call.function) == Kind::kTracing ? 1 : 0;
+        }};
+    const Comparison whole(GetParam().container, plan, sites_);
     ASSERT_EQ(whole.difference, "");
     for (const auto& [function, count] : counts) {
         for (unsigned index = 0; index < count; ++index) {
             const bool writes = function == "EtwWrite" || function == "WmiTraceMessage";
-            const Form form = function == "MmGetSystemRoutineAddress" ? Form::kNull : Form::kError;
+            const FaultKind form = function == "MmGetSystemRoutineAddress" ? FaultKind::kNull : FaultKind::kError;
             const bool isLeftOut = writes && Stride() != 1 && index % (10 * Stride()) != 0;
             if (!isLeftOut) {
-                Check({.life = life,
+                Check({.sequence = sequence,
                        .fault = Fault{function, index, false, form},
                        .routes = routes,
                        .records = &whole.records});
             }
             if (!writes || index == 0) {
-                Check({.life = life,
+                Check({.sequence = sequence,
                        .fault = Fault{function, index, true, form},
                        .routes = routes,
                        .records = &whole.records});
@@ -145,43 +146,44 @@ void Sweep::FailTracing(const Life& life, host::TraceRoutes routes)
     }
 }
 
-TEST_P(Sweep, EveryCallFails)
+TEST_P(FaultInjection, EveryCallFails)
 {
-    const Life whole = WholeLife();
+    const Sequence whole = WholeLife();
     FailEachCall(whole, false);
-    for (const Life& life : {SecondDevice(), CommandToOneself(), CommandOfTheDeparted(), CommandToTheChanged()}) {
-        FailEachCall(life, false);
+    for (const Sequence& sequence :
+         {SecondDevice(), CommandToOneself(), CommandOfTheDeparted(), CommandToTheChanged()}) {
+        FailEachCall(sequence, false);
     }
     FailTracing(whole, host::TraceRoutes::kClassic);
-    FailTracing(LegacyLife(), host::TraceRoutes::kLegacy);
+    FailTracing(ClassicProvider(), host::TraceRoutes::kLegacy);
 
     figures_.Save(GetParam().container.name, "once", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
 }
 
-TEST_P(Sweep, EveryCallFailsForGood)
+TEST_P(FaultInjection, EveryCallFailsForGood)
 {
     FailEachCall(WholeLife(), true);
     FailEachCall(SecondDevice(), true);
-    figures_.Save(GetParam().container.name, "sticky", GetParam().number, sites_);
+    figures_.Save(GetParam().container.name, "persistent", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
 }
 
-class SweepInAll : public tests::OnContainer {};
-FOR_ALL_CONTAINERS(SweepInAll);
+class FaultInjectionInAll : public tests::OnContainer {};
+FOR_ALL_CONTAINERS(FaultInjectionInAll);
 
 // A call is named by its number: that means the same call on all containers.
-TEST_P(SweepInAll, MakesTheSameCallsOnEachContainer)
+TEST_P(FaultInjectionInAll, MakesTheSameCallsOnEachContainer)
 {
-    const auto callsOn = [life = WholeLife()](const tests::Container& container) {
+    const auto callsOn = [sequence = WholeLife()](const tests::Container& container) {
         Lines functions;
         std::set<Site> sites;
-        const Played played(
+        const Comparison comparison(
             container,
-            {.life = life,
+            {.sequence = sequence,
              .onCall = [&](const host::ObservedCall& call, host::Machine&) { functions.emplace_back(call.function); }},
             sites);
-        EXPECT_EQ(played.difference, "");
+        EXPECT_EQ(comparison.difference, "");
         return functions;
     };
     EXPECT_EQ(callsOn(GetParam()), callsOn(tests::Containers().front()));
@@ -192,10 +194,10 @@ std::size_t CallPaths(const tests::Container& container)
 {
     std::set<std::string> paths;
     std::set<Site> sites;
-    const Life life = WholeLife();
-    const Played played(
+    const Sequence sequence = WholeLife();
+    const Comparison comparison(
         container,
-        {.life = life,
+        {.sequence = sequence,
          .onCall = [&](const host::ObservedCall& call, host::Machine& machine) { paths.insert(Path(call, machine)); }},
         sites);
     return container.name == std::string("native") ? paths.size() : 0;
@@ -203,14 +205,14 @@ std::size_t CallPaths(const tests::Container& container)
 
 // Runs after the shards, which are its fixture: it reads what they left.
 
-TEST_P(SweepInAll, ReachesEverySite)
+TEST_P(FaultInjectionInAll, ReachesEverySite)
 {
-    for (const std::string kind : {"once", "sticky"}) {
+    for (const std::string kind : {"once", "persistent"}) {
         Figures all = Figures::OfAll(GetParam().name, kind, kShards);
         all.NotePaths(kind == "once" ? CallPaths(GetParam()) : 0);
         all.Write(GetParam().name, kind);
         if (kind == "once" && Stride() == 1) {
-            EXPECT_EQ(all.Unreached(), Lines{}) << "reporting sites that no life reached";
+            EXPECT_EQ(all.Unreached(), Lines{}) << "reporting sites that no sequence reached";
         }
     }
 }
@@ -218,18 +220,19 @@ TEST_P(SweepInAll, ReachesEverySite)
 TEST(SweepThatEnds, TellsWhatFailedAndWhere)
 {
     GTEST_FLAG_SET(death_test_style, tests::kDeathTestStyle);
-    const Life life = LegacyLife();
-    const Plan plan{
-        .life = life, .fault = Fault{"WdfDeviceCreate"}, .onCall = [](const host::ObservedCall& call, host::Machine&) {
-            if (call.function == std::string("WdfWorkItemEnqueue")) {
-                tests::TouchNothing();
-            }
-        }};
+    const Sequence sequence = ClassicProvider();
+    const Plan plan{.sequence = sequence,
+                    .fault = Fault{"WdfDeviceCreate"},
+                    .onCall = [](const host::ObservedCall& call, host::Machine&) {
+                        if (call.function == std::string("WdfWorkItemEnqueue")) {
+                            tests::TouchNothing();
+                        }
+                    }};
     std::set<Site> sites;
-    EXPECT_DEATH(Played(tests::Containers().front(), plan, sites),
-                 "sweep on native: WdfDeviceCreate call 0, error status; "
+    EXPECT_DEATH(Comparison(tests::Containers().front(), plan, sites),
+                 "fault injection on native: WdfDeviceCreate call 0, error status; "
                  "operation 5 .post 1 3 0., platform call [0-9]+");
 }
 
 }  // namespace
-}  // namespace sweep
+}  // namespace fault_injection

@@ -1,9 +1,9 @@
 // The platform functions that the driver may call, by what they can do to it.
-#include "tests/fault_injection/actual.h"
+#include "tests/fault_injection/observed.h"
 
 #include <unordered_map>
 
-namespace sweep {
+namespace fault_injection {
 namespace {
 
 const std::unordered_map<std::string_view, Kind>& Table()
@@ -77,4 +77,4 @@ std::optional<Kind> KindOf(std::string_view function)
     return found == Table().end() ? std::nullopt : std::optional(found->second);
 }
 
-}  // namespace sweep
+}  // namespace fault_injection

@@ -68,7 +68,7 @@ PCALLBACK_OBJECT OpenPowerState()
 REGHANDLE RegisterTracing()
 {
     REGHANDLE handle = 0;
-    (void)EtwRegister(&kBrokenInterface, OnTraceControl, nullptr, &handle);
+    (void)EtwRegister(&kFaultyInterface, OnTraceControl, nullptr, &handle);
     return handle;
 }
 
@@ -183,7 +183,7 @@ void LockKept()
 // Run at DISPATCH_LEVEL.
 void AboveItsLevel()
 {
-    WdfDeviceSetDeviceInterfaceState(TheDevice(), &kBrokenInterface, nullptr, TRUE);
+    WdfDeviceSetDeviceInterfaceState(TheDevice(), &kFaultyInterface, nullptr, TRUE);
 }
 
 void SelfWait()
@@ -366,14 +366,26 @@ void RacyDelete()
 void NTAPI RunScenario(Scenario scenario)
 {
     static void (*const kScenarios[])() = {
-        NullHandle,         WrongType,        DeadHandle,         ForeignHandle,       RequiredParameter,
-        BadParameter,       DeleteNotAllowed, ReferenceUnderflow, StolenReference,     CollectionIndex,
-        CollectionStranger, LockNotOwned,     StrangersRelease,   OrderInversion,      AboveItsLevel,
-        SelfWait,           Deadlock,         WorkItemGone,       PoolWrongTag,        PoolDoubleFree,
-        PoolOverrun,        TraceHandle,      TraceHandleTwice,   NotProvided,         BugCheck,
-        FastFail,           KernelReference,  LockKept,           LeavesPool,          LeavesRegistration,
-        LeavesReference,    LeavesTracing,    TouchesHandle,      TouchesFreedContext, TouchesBehindPool,
-        Trap,               TraceNull,        CallbackStranger,   RacyPrepare,         RacyDelete,
+        NullHandle,         WrongType,
+        DeadHandle,         ForeignHandle,
+        RequiredParameter,  BadParameter,
+        DeleteNotAllowed,   ReferenceUnderflow,
+        StolenReference,    CollectionIndex,
+        CollectionStranger, LockNotOwned,
+        StrangersRelease,   OrderInversion,
+        AboveItsLevel,      SelfWait,
+        Deadlock,           WorkItemGone,
+        PoolWrongTag,       PoolDoubleFree,
+        PoolOverrun,        TraceHandle,
+        TraceHandleTwice,   NotProvided,
+        BugCheck,           FastFail,
+        KernelReference,    LockKept,
+        LeavesPool,         LeavesRegistration,
+        LeavesReference,    LeavesTracing,
+        TouchesHandle,      TouchesFreedContext,
+        TouchesBehindPool,  Trap,
+        TraceNull,          CallbackStranger,
+        RacyPrepare,        RacyDelete,
     };
     static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kRacyDelete) + 1);
     kScenarios[static_cast<ULONG>(scenario)]();

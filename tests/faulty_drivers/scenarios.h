@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/faulty_drivers/broken.h"
+#include "tests/faulty_drivers/faulty.h"
 
 void NTAPI RunScenario(Scenario scenario);
 

@@ -1,5 +1,5 @@
 // Objects, references, contexts and collections, in the corners that decide what a driver may rely on.
-#include "tests/host/broken_world.h"
+#include "tests/host/faulty_driver_fixture.h"
 
 WDF_DECLARE_CONTEXT_TYPE(BROKEN_CONTEXT)
 
@@ -53,7 +53,7 @@ WDF_OBJECT_ATTRIBUTES Attributes()
 
 TEST(Objects, EndChildrenBeforeParentsAndCleanUpBeforeTheyDestroy)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     g_order.clear();
     const WDFOBJECT parent = NewNamed<'p'>(nullptr);
     const WDFOBJECT first = NewNamed<'1'>(parent);
@@ -67,7 +67,7 @@ TEST(Objects, EndChildrenBeforeParentsAndCleanUpBeforeTheyDestroy)
 
 TEST(Objects, ASiblingDeletedDuringTheParentsEndIsCleanedUpAndDestroyedOnce)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     g_order.clear();
     const WDFOBJECT parent = NewNamed<'p'>(nullptr);
     (void)NewNamed<'1'>(parent);
@@ -80,33 +80,33 @@ TEST(Objects, ASiblingDeletedDuringTheParentsEndIsCleanedUpAndDestroyedOnce)
 
 TEST(Objects, AReferencePostponesOnlyTheDestruction)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     g_order.clear();
     const WDFOBJECT parent = NewNamed<'p'>(nullptr);
     const WDFOBJECT child = NewNamed<'1'>(parent);
     WdfObjectReference(child);
     WdfObjectDelete(parent);
     EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "cleanup p", "destroy p"}));
-    EXPECT_TRUE(world.machine.inspect().Find(child)->deleted);
+    EXPECT_TRUE(fixture.machine.inspect().Find(child)->deleted);
     WdfObjectDereference(child);
     EXPECT_EQ(g_order.back(), "destroy 1");
-    EXPECT_FALSE(world.machine.inspect().Find(child).has_value());
+    EXPECT_FALSE(fixture.machine.inspect().Find(child).has_value());
 }
 
 TEST(Objects, ASecondDeleteOfAReferencedObjectIsIgnoredAndCounted)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     const WDFOBJECT object = NewObject();
     WdfObjectReference(object);
     WdfObjectDelete(object);
     WdfObjectDelete(object);
     WdfObjectDereference(object);
-    EXPECT_EQ(world.machine.SecondDeletes(), 1u);
+    EXPECT_EQ(fixture.machine.SecondDeletes(), 1u);
 }
 
 TEST(Objects, ADeletedParentTakesNoChildren)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     const WDFOBJECT parent = NewObject();
     WdfObjectReference(parent);
     WdfObjectDelete(parent);
@@ -120,21 +120,21 @@ TEST(Objects, HandlesOfAnEarlierMachineAreForeign)
 {
     WDFOBJECT earlier = nullptr;
     {
-        BrokenWorld world;
+        FaultyDriverFixture fixture;
         earlier = NewObject();
     }
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     WdfObjectDelete(earlier);
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kForeignHandle});
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kForeignHandle});
 }
 
 TEST(Objects, AttributesAreRefusedInTheFrameworksOrder)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     WDF_OBJECT_ATTRIBUTES attributes = Attributes();
     attributes.Size = 48;
     EXPECT_EQ(CreateWith(attributes), STATUS_INFO_LENGTH_MISMATCH);
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kBadParameter});
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kBadParameter});
 
     attributes = Attributes();
     attributes.ContextSizeOverride = 8;  // and no type
@@ -174,7 +174,7 @@ bool FailureClears(const Create& create)
 
 TEST(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     WDF_OBJECT_ATTRIBUTES refused{};  // zeroed is not initialised
     refused.Size = sizeof(refused);
     WDF_WORKITEM_CONFIG work;
@@ -186,7 +186,7 @@ TEST(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
         for (const char* function : {"WdfCollectionCreate", "WdfWaitLockCreate", "WdfDriverOpenParametersRegistryKey",
                                      "WdfDeviceCreate", "WdfObjectCreate", "WdfWorkItemCreate", "WdfIoQueueCreate"}) {
             if (isInjected) {
-                world.machine.faults().Add({.function = function});
+                fixture.machine.faults().Add({.function = function});
             }
         }
         EXPECT_TRUE(FailureClears<WDFCOLLECTION>([&](auto* handle) { return WdfCollectionCreate(&refused, handle); }));
@@ -198,17 +198,17 @@ TEST(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
         EXPECT_FALSE(
             FailureClears<WDFWORKITEM>([&](auto* handle) { return WdfWorkItemCreate(&work, &refused, handle); }));
         EXPECT_FALSE(FailureClears<WDFQUEUE>(
-            [&](auto* handle) { return WdfIoQueueCreate(world.table.Device, &queue, &refused, handle); }));
+            [&](auto* handle) { return WdfIoQueueCreate(fixture.table.Device, &queue, &refused, handle); }));
     }
     // Its init structure exists only during device add, so here this one can only be made to fail.
     PWDFDEVICE_INIT init = nullptr;
     EXPECT_TRUE(FailureClears<WDFDEVICE>([&](auto* handle) { return WdfDeviceCreate(&init, &refused, handle); }));
-    world.machine.faults().Clear();
+    fixture.machine.faults().Clear();
 }
 
 TEST(Contexts, AreZeroFoundByTypeAndAttachedOnce)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     const WDFOBJECT object = NewObject();
     EXPECT_EQ(WdfObjectGet_BROKEN_CONTEXT(object), nullptr);
 
@@ -233,7 +233,7 @@ TEST(Contexts, AreZeroFoundByTypeAndAttachedOnce)
 
 TEST(Collections, KeepDeletedItemsAndDuplicatesUntilTheyAreRemoved)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     const WDFCOLLECTION collection = NewCollection();
     const WDFOBJECT first = NewObject();
     const WDFOBJECT second = NewObject();
@@ -247,14 +247,14 @@ TEST(Collections, KeepDeletedItemsAndDuplicatesUntilTheyAreRemoved)
     EXPECT_EQ(WdfCollectionGetLastItem(collection), first);
     EXPECT_EQ(WdfCollectionGetItem(collection, 2), nullptr);
     WdfCollectionRemoveItem(collection, 1);
-    EXPECT_FALSE(world.machine.inspect().Find(first).has_value());
+    EXPECT_FALSE(fixture.machine.inspect().Find(first).has_value());
 
     // A collection that is deleted and still referenced keeps its contents.
     WdfObjectReference(collection);
     WdfObjectDelete(collection);
     EXPECT_EQ(WdfCollectionGetFirstItem(collection), second);
     WdfObjectDereference(collection);
-    EXPECT_EQ(world.machine.inspect().Find(second)->references, 1);
+    EXPECT_EQ(fixture.machine.inspect().Find(second)->references, 1);
 }
 
 }  // namespace

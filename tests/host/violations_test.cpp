@@ -1,7 +1,7 @@
 // Every check of the host fires: a driver breaks one rule in a function of its own, and the report names the rule, the
 // platform function, and the place in the driver.
 #include "host/checks/crash.h"
-#include "tests/host/broken_world.h"
+#include "tests/host/faulty_driver_fixture.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -13,7 +13,7 @@
 namespace tests {
 namespace {
 
-using host::checks::LastWords;
+using host::checks::CrashContext;
 
 struct Breach {
     const char* name;
@@ -42,20 +42,20 @@ TEST_P(Breaches, AreReportedWithPlaceAndSubject)
     if (kSanitized && (!breach.guardPages || breach.scenario == Scenario::kFastFail)) {
         GTEST_SKIP() << "the sanitizer itself reports it";
     }
-    BrokenWorld world({.guardPages = breach.guardPages});
-    const host::Outcome outcome = world.machine.OnThread("peer", [&] {
+    FaultyDriverFixture fixture({.guardPages = breach.guardPages});
+    const host::Outcome outcome = fixture.machine.OnThread("peer", [&] {
         const host::ScopedIrql level(breach.rule == Rule::kIrql ? DISPATCH_LEVEL : PASSIVE_LEVEL);
-        world.table.Run(breach.scenario);
+        fixture.table.Run(breach.scenario);
     });
-    EXPECT_TRUE(world.machine.RunWorkItems().parked.empty());
+    EXPECT_TRUE(fixture.machine.RunWorkItems().parked.empty());
 
-    const Violation violation = world.TakeBroken(breach.rule, breach.name, breach.count);
+    const Violation violation = fixture.TakeFaulty(breach.rule, breach.name, breach.count);
     EXPECT_EQ(violation.function, breach.function);
     EXPECT_EQ(violation.thread, breach.thread);
     EXPECT_NE(violation.message.find(breach.message), std::string::npos) << violation.message;
     EXPECT_EQ(outcome.parked, breach.parks) << outcome.reason;
     if (breach.rule == Rule::kDeadlock) {
-        world.Abandon();  // its device waits for the work item
+        fixture.Abandon();  // its device waits for the work item
     }
 }
 
@@ -131,12 +131,12 @@ class Leftovers : public testing::TestWithParam<Leftover> {};
 
 TEST_P(Leftovers, AreReportedAtUnload)
 {
-    BrokenWorld world;
-    world.OnThread("peer", [&] { world.table.Run(GetParam().scenario); });
-    ASSERT_EQ(world.TakeRules(), std::vector<Rule>{}) << world.Text();
+    FaultyDriverFixture fixture;
+    fixture.OnThread("peer", [&] { fixture.table.Run(GetParam().scenario); });
+    ASSERT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 
-    world.End();
-    const Violation violation = world.TakeBroken(GetParam().rule, GetParam().place);
+    fixture.End();
+    const Violation violation = fixture.TakeFaulty(GetParam().rule, GetParam().place);
     EXPECT_EQ(violation.function, "unload");
     EXPECT_NE(violation.message.find(GetParam().message), std::string::npos) << violation.message;
 }
@@ -175,13 +175,13 @@ TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(
         {
-            BrokenWorld world;
-            world.machine.OnThread("peer", [&] { world.table.Run(GetParam().scenario); });
+            FaultyDriverFixture fixture;
+            fixture.machine.OnThread("peer", [&] { fixture.table.Run(GetParam().scenario); });
         },
         testing::ExitedWithCode(4),
-        std::string("memory fault at broken.so!") + GetParam().name + ".*" + GetParam().message + ".*peer");
+        std::string("memory fault at faulty.so!") + GetParam().name + ".*" + GetParam().message + ".*peer");
     if (!HasFailure()) {
-        NoteBroken(Rule::kMemoryFault);
+        NoteFaulty(Rule::kMemoryFault);
     }
 }
 
@@ -202,38 +202,38 @@ int Deep(int depth)
     return depth < 0 ? 0 : Deep(depth + 1) + page[0];
 }
 
-TEST(MemoryFaults, TellLastWords)
+TEST(MemoryFaults, PrintCrashContexts)
 {
     if (kSanitized) {
         GTEST_SKIP() << "the sanitizer decides how the process ends";
     }
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     const auto end = [](const std::function<void()>& work) {
-        BrokenWorld world;
-        const LastWords outer([] { return "outer"; });
-        const LastWords faulty([] {
+        FaultyDriverFixture fixture;
+        const CrashContext outer([] { return "outer"; });
+        const CrashContext faulty([] {
             TouchNothing();
             return "never";
         });
         {
-            const LastWords gone([] { return "gone"; });
+            const CrashContext gone([] { return "gone"; });
         }
-        const LastWords inner([] { return "inner"; });
-        world.machine.OnThread("peer", work);
+        const CrashContext inner([] { return "inner"; });
+        fixture.machine.OnThread("peer", work);
     };
     const char* told = "inner\nanother fault while telling of the first\nouter\n$";
     EXPECT_EXIT(end(&TouchNothing), testing::ExitedWithCode(4), told);
     EXPECT_EXIT(end([] { (void)Deep(0); }), testing::ExitedWithCode(4), told);  // no stack left
     EXPECT_EXIT(
         {
-            BrokenWorld world;
-            const LastWords words([] { return "aborted"; });
+            FaultyDriverFixture fixture;
+            const CrashContext words([] { return "aborted"; });
             std::abort();
         },
         testing::KilledBySignal(SIGABRT), "aborted\n");
 }
 
-// The list that every_rule_has_a_broken_driver holds against what was caught.
+// The list that every_rule_has_a_faulty_driver holds against what was caught.
 TEST(Rules, HaveNamesOfTheirOwn)
 {
     std::set<std::string_view> names;

@@ -1,5 +1,5 @@
 // Wait locks and work items: what waits, what is found to wait for ever, and what happens to it.
-#include "tests/host/broken_world.h"
+#include "tests/host/faulty_driver_fixture.h"
 
 #include <atomic>
 #include <barrier>
@@ -16,16 +16,16 @@ std::atomic<bool> g_overlapped;
 
 TEST(WaitLocks, TimeOutWithASuccessStatus)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     const WDFWAITLOCK lock = NewLock();
     ASSERT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
-    world.OnThread("other", [&] {
+    fixture.OnThread("other", [&] {
         for (LONGLONG timeout : {LONGLONG{0}, kOneMillisecond}) {
             EXPECT_EQ(WdfWaitLockAcquire(lock, &timeout), STATUS_TIMEOUT);
         }
     });
     WdfWaitLockRelease(lock);
-    world.OnThread("other", [&] {
+    fixture.OnThread("other", [&] {
         EXPECT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
         WdfWaitLockRelease(lock);
     });
@@ -33,41 +33,41 @@ TEST(WaitLocks, TimeOutWithASuccessStatus)
 
 TEST(WaitLocks, AcquireAboveItsLevelFailsUnlessItOnlyTries)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     const WDFWAITLOCK lock = NewLock();
     const host::ScopedIrql level(DISPATCH_LEVEL);
     LONGLONG noTime = 0;
     EXPECT_EQ(WdfWaitLockAcquire(lock, &noTime), STATUS_SUCCESS);
     WdfWaitLockRelease(lock);
-    EXPECT_EQ(world.TakeRules(), std::vector<Rule>{}) << world.Text();
+    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
     EXPECT_FALSE(NT_SUCCESS(WdfWaitLockAcquire(lock, nullptr)));
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kIrql});
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kIrql});
 }
 
 TEST(WaitLocks, ALockThatACallbackKeptParksItsNextTaker)
 {
-    BrokenWorld world;
-    world.table.Run(Scenario::kLockKept);
-    EXPECT_TRUE(world.machine.RunWorkItems().parked.empty());
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kLockKept});
-    const auto locks = world.machine.inspect().Objects(host::framework::ObjectType::kWaitLock);
+    FaultyDriverFixture fixture;
+    fixture.table.Run(Scenario::kLockKept);
+    EXPECT_TRUE(fixture.machine.RunWorkItems().parked.empty());
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kLockKept});
+    const auto locks = fixture.machine.inspect().Objects(host::framework::ObjectType::kWaitLock);
     ASSERT_EQ(locks.size(), 1u);
-    const host::Outcome outcome = world.machine.OnThread(
+    const host::Outcome outcome = fixture.machine.OnThread(
         "next", [&] { (void)WdfWaitLockAcquire(static_cast<WDFWAITLOCK>(locks[0].handle), nullptr); });
     EXPECT_TRUE(outcome.parked);
     EXPECT_NE(outcome.reason.find("kept when its callback returned"), std::string::npos) << outcome.reason;
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kDeadlock});
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});
 }
 
 TEST(WaitLocks, ACircleOfTwoParksBothAndItsOrderIsReported)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     const WDFWAITLOCK first = NewLock();
     const WDFWAITLOCK second = NewLock();
     std::barrier bothHold(2);
     host::Outcome outcomes[2];
     const auto take = [&](unsigned index, WDFWAITLOCK one, WDFWAITLOCK other) {
-        outcomes[index] = world.machine.OnThread("thread " + std::to_string(index), [&] {
+        outcomes[index] = fixture.machine.OnThread("thread " + std::to_string(index), [&] {
             (void)WdfWaitLockAcquire(one, nullptr);
             bothHold.arrive_and_wait();
             (void)WdfWaitLockAcquire(other, nullptr);
@@ -78,19 +78,19 @@ TEST(WaitLocks, ACircleOfTwoParksBothAndItsOrderIsReported)
     one.join();
     two.join();
     EXPECT_TRUE(outcomes[0].parked && outcomes[1].parked);
-    EXPECT_EQ(world.machine.violations().Take(Rule::kDeadlock).size(), 2u);
-    EXPECT_EQ(world.machine.violations().Take(Rule::kLockOrder).size(), 1u);
+    EXPECT_EQ(fixture.machine.violations().Take(Rule::kDeadlock).size(), 2u);
+    EXPECT_EQ(fixture.machine.violations().Take(Rule::kLockOrder).size(), 1u);
 }
 
 TEST(WaitLocks, ADeclaredOrderIsHeldToFromTheFirstTime)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     const WDFWAITLOCK outer = NewLock();
     const WDFWAITLOCK beside = NewLock();
     const WDFWAITLOCK inner = NewLock();
-    world.machine.RankLock(outer, 1);
-    world.machine.RankLock(beside, 1);
-    world.machine.RankLock(inner, 2);
+    fixture.machine.RankLock(outer, 1);
+    fixture.machine.RankLock(beside, 1);
+    fixture.machine.RankLock(inner, 2);
     const auto takeBoth = [](WDFWAITLOCK one, WDFWAITLOCK other) {
         (void)WdfWaitLockAcquire(one, nullptr);
         (void)WdfWaitLockAcquire(other, nullptr);
@@ -99,12 +99,12 @@ TEST(WaitLocks, ADeclaredOrderIsHeldToFromTheFirstTime)
     };
     takeBoth(outer, inner);
     takeBoth(NewLock(), outer);  // of no rank: free
-    EXPECT_EQ(world.TakeRules(), std::vector<Rule>{}) << world.Text();
+    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
     takeBoth(inner, outer);
     takeBoth(outer, beside);
-    EXPECT_EQ(world.TakeRules(), (std::vector{Rule::kLockOrder, Rule::kLockOrder}));
-    EXPECT_NE(world.Text().find("of rank 1 is taken while"), std::string::npos) << world.Text();
-    EXPECT_THROW(world.machine.RankLock(reinterpret_cast<WDFWAITLOCK>(NewObject()), 1), host::HostError);
+    EXPECT_EQ(fixture.TakeRules(), (std::vector{Rule::kLockOrder, Rule::kLockOrder}));
+    EXPECT_NE(fixture.Text().find("of rank 1 is taken while"), std::string::npos) << fixture.Text();
+    EXPECT_THROW(fixture.machine.RankLock(reinterpret_cast<WDFWAITLOCK>(NewObject()), 1), host::HostError);
 }
 
 TEST(WaitLocks, AMainThreadThatCanNeverGoOnEndsTheProcess)
@@ -112,69 +112,69 @@ TEST(WaitLocks, AMainThreadThatCanNeverGoOnEndsTheProcess)
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(
         {
-            BrokenWorld world;
-            world.table.Run(Scenario::kSelfWait);
+            FaultyDriverFixture fixture;
+            fixture.table.Run(Scenario::kSelfWait);
         },
         testing::ExitedWithCode(3),
-        "can never go on.*\n.*self-wait: WdfWaitLockAcquire called from broken.so!SelfWait");
+        "can never go on.*\n.*self-wait: WdfWaitLockAcquire called from faulty.so!SelfWait");
 }
 
 TEST(WorkItems, AreQueuedOnceAndAgainFromTheirOwnCallback)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     g_runs = 0;
-    world.table.Hooks->Work = [](WDFWORKITEM item) NTAPI {
+    fixture.table.Hooks->Work = [](WDFWORKITEM item) NTAPI {
         if (++g_runs == 1) {
             WdfWorkItemEnqueue(item);
             WdfWorkItemEnqueue(item);
         }
     };
-    WdfWorkItemEnqueue(world.table.WorkItem);
-    WdfWorkItemEnqueue(world.table.WorkItem);
-    EXPECT_EQ(world.machine.QueuedWorkItems(), 1u);
-    EXPECT_EQ(world.machine.RunWorkItems().runs, 2u);
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    EXPECT_EQ(fixture.machine.QueuedWorkItems(), 1u);
+    EXPECT_EQ(fixture.machine.RunWorkItems().runs, 2u);
     EXPECT_EQ(g_runs, 2);
 }
 
 TEST(WorkItems, FlushWaitsForWhatIsQueuedAndFromTheirOwnCallbackForEver)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     g_runs = 0;
-    world.table.Hooks->Work = [](WDFWORKITEM) NTAPI { ++g_runs; };
-    WdfWorkItemEnqueue(world.table.WorkItem);
-    WdfWorkItemFlush(world.table.WorkItem);
+    fixture.table.Hooks->Work = [](WDFWORKITEM) NTAPI { ++g_runs; };
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    WdfWorkItemFlush(fixture.table.WorkItem);
     EXPECT_EQ(g_runs, 1);
 
-    world.table.Hooks->Work = [](WDFWORKITEM item) NTAPI { WdfWorkItemFlush(item); };
-    WdfWorkItemEnqueue(world.table.WorkItem);
-    EXPECT_EQ(world.machine.RunWorkItems().parked.size(), 1u);
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kSelfWait});
+    fixture.table.Hooks->Work = [](WDFWORKITEM item) NTAPI { WdfWorkItemFlush(item); };
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    EXPECT_EQ(fixture.machine.RunWorkItems().parked.size(), 1u);
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kSelfWait});
 
     // The device's end waits for the callback that will never return.
-    world.driver.SurpriseRemoveDevice();
-    EXPECT_TRUE(world.driver.RemoveDevice().parked);
-    EXPECT_EQ(world.TakeRules(), std::vector{Rule::kDeadlock});
-    world.Abandon();
+    fixture.driver.SurpriseRemoveDevice();
+    EXPECT_TRUE(fixture.driver.RemoveDevice().parked);
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});
+    fixture.Abandon();
 }
 
 TEST(WorkItems, DeletedAboveTheirLevelEndOnAWorker)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     {
         const host::ScopedIrql level(DISPATCH_LEVEL);
-        WdfObjectDelete(world.table.WorkItem);
+        WdfObjectDelete(fixture.table.WorkItem);
     }
-    EXPECT_TRUE(world.machine.inspect().Find(world.table.WorkItem).has_value());
-    (void)world.machine.RunWorkItems();
-    EXPECT_FALSE(world.machine.inspect().Find(world.table.WorkItem).has_value());
+    EXPECT_TRUE(fixture.machine.inspect().Find(fixture.table.WorkItem).has_value());
+    (void)fixture.machine.RunWorkItems();
+    EXPECT_FALSE(fixture.machine.inspect().Find(fixture.table.WorkItem).has_value());
 }
 
 TEST(WorkItems, RunsOfOneItemOverlapOnRealThreads)
 {
-    BrokenWorld world({.workItems = host::WorkItems::kThreads, .workerCount = 2});
+    FaultyDriverFixture fixture({.workItems = host::WorkItems::kThreads, .workerCount = 2});
     g_runs = g_inside = 0;
     g_overlapped = false;
-    world.table.Hooks->Work = [](WDFWORKITEM item) NTAPI {
+    fixture.table.Hooks->Work = [](WDFWORKITEM item) NTAPI {
         if (++g_inside == 2) {
             g_overlapped = true;
         }
@@ -186,15 +186,15 @@ TEST(WorkItems, RunsOfOneItemOverlapOnRealThreads)
         }
         --g_inside;
     };
-    WdfWorkItemEnqueue(world.table.WorkItem);
-    world.machine.WaitForWorkItems();
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    fixture.machine.WaitForWorkItems();
     EXPECT_EQ(g_runs, 2);
     EXPECT_TRUE(g_overlapped);
 }
 
 TEST(WorkItems, CreationIsRefusedWithoutADeviceAbove)
 {
-    BrokenWorld world;
+    FaultyDriverFixture fixture;
     WDF_WORKITEM_CONFIG config;
     WDF_WORKITEM_CONFIG_INIT(&config, [](WDFWORKITEM) NTAPI {});
     WDF_OBJECT_ATTRIBUTES attributes;
@@ -204,7 +204,7 @@ TEST(WorkItems, CreationIsRefusedWithoutADeviceAbove)
     EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_WDF_PARENT_NOT_SPECIFIED);
     attributes.ParentObject = NewObject();
     EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_INVALID_DEVICE_REQUEST);
-    attributes.ParentObject = NewObject(world.table.Device);
+    attributes.ParentObject = NewObject(fixture.table.Device);
     EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);
 }
 

@@ -19,7 +19,7 @@
 namespace tests {
 namespace {
 
-using host::checks::LastWords;
+using host::checks::CrashContext;
 using host::checks::Watchdog;
 using std::chrono::milliseconds;
 
@@ -60,7 +60,9 @@ void Wait(milliseconds duration, const std::function<void()>& nowAndThen)
     }
 }
 
-void DoNothing() {}
+void DoNothing()
+{
+}
 
 void WaitForAChildThatWorks()
 {
@@ -80,7 +82,7 @@ void WaitForAChildThatWorks()
 {
     {
         const Watchdog watchdog(kLimit);
-        const LastWords words([] { return "the seventh sequence"; });
+        const CrashContext words([] { return "the seventh sequence"; });
         work();
     }
     _exit(0);
@@ -122,7 +124,7 @@ TEST_F(Watchdogs, LeaveAProcessThatMakesProgress)
 {
     EXPECT_EXIT(EndAfter([] { Work(kSeveralLimits, &Watchdog::Progress); }), testing::ExitedWithCode(0), "^$");
     EXPECT_EXIT(EndAfter([] { Wait(kSeveralLimits, &Watchdog::Progress); }), testing::ExitedWithCode(0), "^$");
-    EXPECT_EXIT(EndAfter([] { Work(kSeveralLimits, [] { const LastWords more([] { return ""; }); }); }),
+    EXPECT_EXIT(EndAfter([] { Work(kSeveralLimits, [] { const CrashContext more([] { return ""; }); }); }),
                 testing::ExitedWithCode(0), "^$");
 }
 

@@ -79,10 +79,14 @@ std::vector<Damage> SectionDamage()
         {"size", put(kRelocationData, 8, {0, 0x40, 0, 0}), {"sections"}, "the sections end at"},
         {"relocations kept", put(kRelocationData, 39, {0x40}), {"sections"}, ".reloc stays in memory"},
         // The relocated slots and the cookie of that section are missing then, too.
-        {"no contents", put(kData, 16, {0, 0, 0, 0}), {"sections", "relocations", "stack protector"},
+        {"no contents",
+         put(kData, 16, {0, 0, 0, 0}),
+         {"sections", "relocations", "stack protector"},
          "claims contents"},
-        {"bytes behind the sections", [](Bytes& bytes, const Places&) { bytes.resize(bytes.size() + 8); },
-         {"sections"}, "its parts end at"},
+        {"bytes behind the sections",
+         [](Bytes& bytes, const Places&) { bytes.resize(bytes.size() + 8); },
+         {"sections"},
+         "its parts end at"},
     };
 }
 
@@ -91,40 +95,50 @@ std::vector<Damage> ImportAndRelocationDamage()
     return {
         {"other module",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Followed(places.Table(1) + 12), {'q'}); },
-         {"imports"}, "imports from q"},
+         {"imports"},
+         "imports from q"},
         {"other name",
          [](Bytes& bytes, const Places& places) {
              Put(bytes, places.Followed(places.Followed(places.Table(1))) + 2, {'q'});
          },
-         {"imports"}, "not on the list"},
+         {"imports"},
+         "not on the list"},
         {"by number",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Followed(places.Table(1)) + 7, {0x80}); },
-         {"imports"}, "1 imports by number"},
+         {"imports"},
+         "1 imports by number"},
         {"one module less",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(1) + 20 + 12, {0, 0, 0, 0}); },
-         {"imports"}, "not exactly two"},
+         {"imports"},
+         "not exactly two"},
         {"names nowhere",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(1), {0, 0, 0, 0x7F}); },
-         {"imports"}, "in no section"},
+         {"imports"},
+         "in no section"},
         {"relocation type",
          [](Bytes& bytes, const Places& places) { bytes.at(places.Table(5) + 9) = 0x30; },
-         {"relocations"}, "type 3"},
+         {"relocations"},
+         "type 3"},
         {"relocated code",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(5), {0, 0x10, 0, 0}); },
-         {"relocations"}, "is in no data"},
+         {"relocations"},
+         "is in no data"},
         {"pointer out of the image",
          [](Bytes& bytes, const Places& places) {
              const auto page = places.image.At<std::uint32_t>(places.Table(5));
              const std::uint32_t entry = places.image.At<std::uint16_t>(places.Table(5) + 8);
              bytes.at(places.AtAddress(page + (entry & 0xFFF)) + 7) = 0x40;
          },
-         {"relocations"}, "points out of the image"},
+         {"relocations"},
+         "points out of the image"},
         {"no relocations",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(5), {0, 0, 0, 0, 0, 0, 0, 0}); },
-         {"relocations"}, "there are none"},
+         {"relocations"},
+         "there are none"},
         {"relocation block too long",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(5) + 4, {0xFF, 0xFF, 0, 0}); },
-         {"relocations"}, "claims 65535 bytes"},
+         {"relocations"},
+         "claims 65535 bytes"},
     };
 }
 
@@ -139,13 +153,17 @@ std::vector<Damage> FunctionTableDamage()
         {"half an entry", half, {"function table"}, "no whole number", "arm64"},
         {"end before begin",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(3) + 4, {0, 0, 0, 0}); },
-         {"function table"}, "is empty or out of order"},
+         {"function table"},
+         "is empty or out of order"},
         {"function in data",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(3), {0, 0, 1, 0}); },
-         {"function table"}, "is not within code", "arm64"},
+         {"function table"},
+         "is not within code",
+         "arm64"},
         {"unwind version",
          [](Bytes& bytes, const Places& places) { bytes.at(places.Followed(places.Table(3) + 8)) |= 7; },
-         {"function table"}, "unknown version"},
+         {"function table"},
+         "unknown version"},
         {"unwind version",
          [](Bytes& bytes, const Places& places) {
              std::uint64_t entry = places.Table(3);
@@ -154,7 +172,9 @@ std::vector<Damage> FunctionTableDamage()
              }
              bytes.at(places.Followed(entry + 4) + 2) |= 0x0C;
          },
-         {"function table"}, "unknown version", "arm64"},
+         {"function table"},
+         "unknown version",
+         "arm64"},
     };
 }
 
@@ -163,79 +183,96 @@ std::vector<Damage> GuardAndDebugDamage()
     return {
         {"no load configuration",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(10), {0, 0, 0, 0}); },
-         {"guard", "stack protector"}, "no load configuration"},
+         {"guard", "stack protector"},
+         "no load configuration"},
         {"short load configuration",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10), {0x70, 0, 0, 0}); },
-         {"guard"}, "says 112 bytes"},
+         {"guard"},
+         "says 112 bytes"},
         {"not instrumented",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 144, {0, 0x04}); },
-         {"guard"}, "instrumented is not set"},
+         {"guard"},
+         "instrumented is not set"},
         {"writable check pointer",
          [](Bytes& bytes, const Places& places) {
              // The beginning of the data section.
              std::memcpy(&bytes.at(places.Table(10) + 112), &bytes.at(places.SectionHeader(kData) + 12), 4);
              bytes.at(places.Table(10) + 112 + 3) = 0x40;
          },
-         {"guard"}, "is not in read-only data"},
+         {"guard"},
+         "is not in read-only data"},
         {"dispatch to data",
          [](Bytes& bytes, const Places& places) {
              Put(bytes, places.FollowedPointer(places.Table(10) + 120), {0, 0, 1});
          },
-         {"guard"}, "dispatch pointer points to no code"},
+         {"guard"},
+         "dispatch pointer points to no code"},
         {"no guarded function",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 136, {0, 0}); },
-         {"guard"}, "no function may be called"},
+         {"guard"},
+         "no function may be called"},
         {"endless guarded functions",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 136, {0xFF, 0xFF, 0xFF, 0xFF}); },
-         {"guard"}, "section"},
+         {"guard"},
+         "section"},
         {"guarded data",
          [](Bytes& bytes, const Places& places) {
              Put(bytes, places.FollowedPointer(places.Table(10) + 128), {0, 0, 0, 0});
          },
-         {"guard"}, "0x0 is no code"},
+         {"guard"},
+         "0x0 is no code"},
         {"unsorted guarded functions",
          [](Bytes& bytes, const Places& places) {
              const std::uint64_t first = places.FollowedPointer(places.Table(10) + 128);
              std::swap_ranges(&bytes.at(first), &bytes.at(first + 4), &bytes.at(first + 4));
          },
-         {"guard"}, "is not sorted"},
+         {"guard"},
+         "is not sorted"},
         {"no cookie",
-         [](Bytes& bytes, const Places& places) {
-             Put(bytes, places.Table(10) + 88, {0, 0, 0, 0, 0, 0, 0, 0});
-         },
-         {"relocations", "stack protector"}, "names no cookie"},  // the field is a relocated slot
+         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 88, {0, 0, 0, 0, 0, 0, 0, 0}); },
+         {"relocations", "stack protector"},
+         "names no cookie"},  // the field is a relocated slot
         {"cookie in read-only data",
          [](Bytes& bytes, const Places& places) {
              std::memcpy(&bytes.at(places.Table(10) + 88), &bytes.at(places.Table(10) + 112), 8);
          },
-         {"stack protector"}, "no aligned word of writable data"},
+         {"stack protector"},
+         "no aligned word of writable data"},
         {"cookie between words",
          [](Bytes& bytes, const Places& places) { bytes.at(places.Table(10) + 88) += 4; },
-         {"stack protector"}, "no aligned word of writable data"},
+         {"stack protector"},
+         "no aligned word of writable data"},
         {"cookie of its own",
          [](Bytes& bytes, const Places& places) { bytes.at(places.FollowedPointer(places.Table(10) + 88)) ^= 1; },
-         {"stack protector"}, "so the loader puts no random value in its place", "arm64"},
+         {"stack protector"},
+         "so the loader puts no random value in its place",
+         "arm64"},
         {"PDB with a folder",
          [](Bytes& bytes, const Places& places) {
              Put(bytes, places.image.At<std::uint32_t>(places.Table(6) + 24) + 24, {'C', ':', '\\'});
          },
-         {"debug records"}, "not that of a file alone"},
+         {"debug records"},
+         "not that of a file alone"},
         {"no PDB",
          [](Bytes& bytes, const Places& places) {
              Put(bytes, places.image.At<std::uint32_t>(places.Table(6) + 24), {'X'});
          },
-         {"debug records"}, "names no PDB"},
+         {"debug records"},
+         "names no PDB"},
         {"no debug records",
          [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(6) + 4, {0, 0, 0, 0}); },
-         {"debug records"}, "not exactly one PDB"},
+         {"debug records"},
+         "not exactly one PDB"},
         {"not reproducible",
          [](Bytes& bytes, const Places& places) { bytes.at(places.DebugEntry(16) + 12) = 13; },
-         {"debug records"}, "not the contents'"},
+         {"debug records"},
+         "not the contents'"},
         {"no shadow stacks",
          [](Bytes& bytes, const Places& places) {
              bytes.at(places.image.At<std::uint32_t>(places.DebugEntry(20) + 24)) = 0;
          },
-         {"debug records"}, "shadow stacks (CET) are not declared"},
+         {"debug records"},
+         "shadow stacks (CET) are not declared"},
     };
 }
 
@@ -343,10 +380,14 @@ TEST_P(ImageCheck, FindsCodeThatCannotBeUnwoundAndForbiddenRegisters)
         {"ldr\tx1, [x19, #0x18]", {}},
     };
     const std::vector<Row> x64Rows = {
-        {"callq\t0x140001000", {"unwinding"}},   {"callq\t*%rax", {"unwinding"}},
-        {"pushq\t%rsi", {"unwinding"}},          {"subq\t$0x28, %rsp", {"unwinding"}},
-        {"movq\t%rcx, 0x8(%rsp)", {"unwinding"}}, {"vmovups\t%ymm0, (%rcx)", {"registers"}},
-        {"jmp\t0x140001000", {}},                {"movups\t%xmm0, (%rcx)", {}},
+        {"callq\t0x140001000", {"unwinding"}},
+        {"callq\t*%rax", {"unwinding"}},
+        {"pushq\t%rsi", {"unwinding"}},
+        {"subq\t$0x28, %rsp", {"unwinding"}},
+        {"movq\t%rcx, 0x8(%rsp)", {"unwinding"}},
+        {"vmovups\t%ymm0, (%rcx)", {"registers"}},
+        {"jmp\t0x140001000", {}},
+        {"movups\t%xmm0, (%rcx)", {}},
     };
     const std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
     const bool isArm = good.headers().machine == image_check::kMachineArm64;

@@ -157,8 +157,10 @@ TEST_F(Loader, ReplacesTheDefaultCookie)
 TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)
 {
     host::Environment environment({});
-    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, BuiltFile(kOtherMachine, "zepn.sys")), host::HostError);
-    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, BuiltFile(kOwnMachine, "zepn.map")), host::HostError);
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, BuiltFile(kOtherMachine, "zepn.sys")),
+                 host::HostError);
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, BuiltFile(kOwnMachine, "zepn.map")),
+                 host::HostError);
     EXPECT_THROW((void)host::image::LoadedImage::Load(environment, "/nonexistent"), host::HostError);
 }
 

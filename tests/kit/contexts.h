@@ -1,7 +1,7 @@
 // The driver's typed contexts as they lie in memory, restated here so that a change of layout shows as a failure.
 #pragma once
 
-#include "host/framework/view.h"
+#include "host/framework/inspector.h"
 #include "driver/include/zepn_notifier.h"
 
 namespace layout {

@@ -1,9 +1,9 @@
-// libFuzzer's entry: its bytes are a life of the native driver.
+// libFuzzer's entry: its bytes are a sequence of the native driver.
 //
-// Every life loads the driver anew, so counters compiled into it would each time count as new code. What guides the
+// Every sequence loads the driver anew, so counters compiled into it would each time count as new code. What guides the
 // search on the driver's side instead is which platform calls follow one another.
 #include "tests/model/run.h"
-#include "tests/model/witness.h"
+#include "tests/model/driver_harness.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -11,10 +11,10 @@
 namespace {
 
 // A test builds this entry with a model that is wrong on purpose.
-#ifndef ZEPN_MISTAKE
-#define ZEPN_MISTAKE kNone
+#ifndef ZEPN_MODEL_BUG
+#define ZEPN_MODEL_BUG kNone
 #endif
-constexpr fuzz::Model::Mistake kMistake = fuzz::Model::Mistake::ZEPN_MISTAKE;
+constexpr model::Model::ModelBug kModelBug = model::Model::ModelBug::ZEPN_MODEL_BUG;
 
 constexpr std::size_t kCounters = 1 << 14;
 __attribute__((section("__libfuzzer_extra_counters"), used)) std::uint8_t g_counters[kCounters];
@@ -32,20 +32,21 @@ void NoteCall(std::uintptr_t place)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    fuzz::Life life = fuzz::Decode({data, size});
-    life.mayStandStill = false;  // each such life would leave a thread behind
-    life = fuzz::Playable(life);
-    fuzz::onPlatformCall = NoteCall;
-    fuzz::Totals totals;
-    const auto fails = [&](const fuzz::Life& candidate) {
-        return fuzz::Run(candidate, ZEPN_NATIVE_DRIVER, totals, kMistake).has_value();
+    model::Sequence sequence = model::Decode({data, size});
+    sequence.mayHang = false;  // each such sequence would leave a thread behind
+    sequence = model::Playable(sequence);
+    model::onPlatformCall = NoteCall;
+    model::Totals totals;
+    const auto fails = [&](const model::Sequence& candidate) {
+        return model::Run(candidate, ZEPN_NATIVE_DRIVER, totals, kModelBug).has_value();
     };
-    if (!fails(life)) {
+    if (!fails(sequence)) {
         return 0;
     }
-    fuzz::Finding finding;
-    finding.life = fuzz::Shrink(life, fails);
-    finding.mismatch = fuzz::Run(finding.life, ZEPN_NATIVE_DRIVER, totals, kMistake).value_or(fuzz::Mismatch{});
-    std::cerr << fuzz::Report(finding) << fuzz::Scenario(finding.life, "A life that libFuzzer found", finding.mismatch);
+    model::Finding finding;
+    finding.sequence = model::Shrink(sequence, fails);
+    finding.mismatch = model::Run(finding.sequence, ZEPN_NATIVE_DRIVER, totals, kModelBug).value_or(model::Mismatch{});
+    std::cerr << model::Report(finding)
+              << model::Scenario(finding.sequence, "A sequence that libFuzzer found", finding.mismatch);
     std::abort();
 }

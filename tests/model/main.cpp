@@ -1,6 +1,6 @@
-// zepn-fuzz: random lives of the driver against the model.
+// zepn-fuzz: random sequences of the driver against the model.
 //
-// Ends with 0 when driver and model agreed in all, 1 when a life went wrong, 2 for a wrong call.
+// Ends with 0 when driver and model agreed in all, 1 when a sequence went wrong, 2 for a wrong call.
 #include "host/environment.h"
 #include "tools/command_line/command_line.h"
 #include "tests/model/run.h"
@@ -35,23 +35,23 @@ int main(int argumentCount, char** arguments)
 #else
     std::string image = "arm64";
 #endif
-    fuzz::Budget budget;
+    model::Budget budget;
     budget.seed = static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()) % 1000000;
     std::string scenarioFile = "fuzz.json";
 
-    CLI::App app{"Lives random lives on the driver image and on a model of it, and compares."};
-    app.add_option("--seed", budget.seed, "the row of lives (default: another each time)");
+    CLI::App app{"Sequences random sequences on the driver image and on a model of it, and compares."};
+    app.add_option("--seed", budget.seed, "the row of sequences (default: another each time)");
     CLI::Option* seconds =
         app.add_option("--seconds", budget.seconds, "how long (default: 60)")->check(CLI::Range(0.1, 1e7));
-    app.add_option("--sequences", budget.lives, "how many lives at most")
+    app.add_option("--sequences", budget.sequences, "how many sequences at most")
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000'000}));
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
-    app.add_option("--scenario", scenarioFile, "where the life that went wrong is written (default: fuzz.json)")
+    app.add_option("--scenario", scenarioFile, "where the sequence that went wrong is written (default: fuzz.json)")
         ->take_last();
     if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
         return *status;
     }
-    if (seconds->count() == 0 && budget.lives == 0) {
+    if (seconds->count() == 0 && budget.sequences == 0) {
         budget.seconds = 60;
     }
 
@@ -62,26 +62,26 @@ int main(int argumentCount, char** arguments)
             throw std::runtime_error(scenarioFile + ": cannot be written");
         }
         // Before the search: one that is stopped can be begun again.
-        std::cout << "seed " << budget.seed << "; the same lives again: ./zepn fuzz --seed " << budget.seed
+        std::cout << "seed " << budget.seed << "; the same sequences again: ./zepn fuzz --seed " << budget.seed
                   << " --image " << image << std::endl;
-        fuzz::Totals totals;
+        model::Totals totals;
         const auto begin = std::chrono::steady_clock::now();
-        const auto finding = fuzz::Search(budget, ImagePath(image), totals);
+        const auto finding = model::Search(budget, ImagePath(image), totals);
         const double spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-        std::cout << fuzz::Figures(totals, spent, image + ", seed " + std::to_string(budget.seed));
+        std::cout << model::Figures(totals, spent, image + ", seed " + std::to_string(budget.seed));
         if (!finding) {
             return 0;
         }
         std::ofstream out(scenarioFile);
-        out << fuzz::Scenario(*finding);
+        out << model::Scenario(*finding);
         out.close();
         if (!out) {
             std::cerr << "zepn-fuzz: " << scenarioFile << ": cannot be written\n";
         }
-        std::cout << fuzz::Report(*finding) << "again: ./zepn fuzz --seed " << finding->seed << " --sequences "
+        std::cout << model::Report(*finding) << "again: ./zepn fuzz --seed " << finding->seed << " --sequences "
                   << finding->number + 1 << " --image " << image << "; as a scenario: ./zepn demo " << scenarioFile
                   << " --image " << image << "\n"
-                  << fuzz::kLookFor << "\n";
+                  << model::kLookFor << "\n";
         return kWentWrong;
     } catch (const std::exception& error) {
         std::cerr << "zepn-fuzz: " << error.what() << "\n";

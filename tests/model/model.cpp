@@ -2,11 +2,11 @@
 
 #include <algorithm>
 
-namespace fuzz {
+namespace model {
 
-Model::Model(const Life& life, Mistake mistake) : life_(life), mistake_(mistake)
+Model::Model(const Sequence& sequence, ModelBug bug) : sequence_(sequence), bug_(bug)
 {
-    for (const Habits& habits : life.clients) {
+    for (const ClientScript& habits : sequence.clients) {
         scripts_.emplace_back(habits);
     }
 }
@@ -121,7 +121,7 @@ NTSTATUS Model::Leave(const Operation& operation)
     if (client == nullptr) {
         return STATUS_NOT_FOUND;
     }
-    if (client->announced && mistake_ != Mistake::kForgetsWithdrawals) {
+    if (client->announced && bug_ != ModelBug::kForgetsWithdrawals) {
         toWithdraw_.push_back(client->who);
         Enqueue(Work::kWithdraw);
     }
@@ -199,7 +199,7 @@ NTSTATUS Model::Send(const Operation& operation)
     }
     const Client* source = Find(operation.client);
     const Client* target = Find(operation.other);
-    if (source == nullptr || target == nullptr || !life_.clients[target->who].takesCommands) {
+    if (source == nullptr || target == nullptr || !sequence_.clients[target->who].takesCommands) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
     commands_.push_back({source->who, source->birth, target->who, operation.value, CommandArgument(operation)});
@@ -211,7 +211,7 @@ void Model::Broadcast()
 {
     std::vector<State> wanted;
     for (const Client& client : clients_) {
-        if (!life_.clients[client.who].hearsAppsState) {
+        if (!sequence_.clients[client.who].wantsAppsState) {
             continue;
         }
         Tell(lines::AppsState(client.who, ZEP_APPS_STATE_REASON_CHANGED, client.state));
@@ -226,4 +226,4 @@ void Model::Broadcast()
     }
 }
 
-}  // namespace fuzz
+}  // namespace model

@@ -1,5 +1,5 @@
 // The Notifier as those outside see it, written down plainly: a list of clients, four queues, and who is told what.
-// It knows nothing of the driver's code; a life that goes otherwise on the driver is a fault of one of the two.
+// It knows nothing of the driver's code; a sequence that goes otherwise on the driver is a fault of one of the two.
 #pragma once
 
 #include "tests/model/operations.h"
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace fuzz {
+namespace model {
 
 // What came of one operation.
 struct Outcome {
@@ -23,7 +23,7 @@ struct Outcome {
     [[nodiscard]] std::string Text() const;
 };
 
-// How the lines of `told` read; the witness of the driver's side writes the same.
+// How the lines of `told` read; the harness of the driver's side writes the same.
 namespace lines {
 
 [[nodiscard]] std::string State(unsigned subscriber, const std::string& from, std::uint64_t sizeBytes,
@@ -32,13 +32,13 @@ namespace lines {
                                   const std::string& source, std::uint32_t sourceState, std::uint32_t ownState);
 [[nodiscard]] std::string AppsState(unsigned client, std::uint32_t reason, std::uint32_t ownState);
 [[nodiscard]] std::string Descriptor(const std::string& client, const std::string& name, const std::string& description,
-                                     bool hearsAppsState, bool hasEntries, unsigned entryCount);
+                                     bool wantsAppsState, bool hasEntries, unsigned entryCount);
 [[nodiscard]] std::string Removed(const std::string& client, const std::string& name, const std::string& description);
 
 }  // namespace lines
 
 // What the driver holds, by count.
-struct Inner {
+struct InternalState {
     struct Client {
         unsigned who = 0;
         std::uint32_t state = 0;
@@ -59,19 +59,19 @@ struct Inner {
     std::size_t commandObjects = 0;
     std::size_t entryBytes = 0;
 
-    bool operator==(const Inner&) const = default;
+    bool operator==(const InternalState&) const = default;
     [[nodiscard]] std::string Text() const;
 };
 
 class Model {
 public:
     // One thing that the model gets wrong on purpose: for tests of what happens when model and driver disagree.
-    enum class Mistake { kNone, kTellsOfOwnStates, kForgetsWithdrawals };
+    enum class ModelBug { kNone, kNotifiesOfOwnStates, kForgetsWithdrawals };
 
-    explicit Model(const Life& life, Mistake mistake = Mistake::kNone);
+    explicit Model(const Sequence& sequence, ModelBug bug = ModelBug::kNone);
 
     [[nodiscard]] Outcome Do(const Operation& operation);
-    [[nodiscard]] Inner Count() const;
+    [[nodiscard]] InternalState Count() const;
 
 private:
     struct Subscription {
@@ -125,8 +125,8 @@ private:
     [[nodiscard]] std::string DescriptorOf(unsigned who) const;
     void Tell(std::string line) { outcome_.told.push_back(std::move(line)); }
 
-    const Life& life_;
-    const Mistake mistake_;
+    const Sequence& sequence_;
+    const ModelBug bug_;
     std::vector<Script> scripts_;
     std::vector<Client> clients_;  // in the order of registration
     std::deque<State> states_;
@@ -141,9 +141,9 @@ private:
     Outcome outcome_;
 };
 
-// The life without what nobody may do: operations after which a thread would stand still are left out or, where the
-// life may end so, are its last.
-[[nodiscard]] Life Playable(Life life);
+// The sequence without what nobody may do: operations after which a thread would stand still are left out or, where the
+// sequence may end so, are its last.
+[[nodiscard]] Sequence Playable(Sequence sequence);
 
 // Arguments that depend on nothing but the operation; both sides use them.
 inline constexpr std::uint64_t kPostedSize = 77;
@@ -156,4 +156,4 @@ inline constexpr std::uint32_t kPostedReserved = 0xABCD;
 [[nodiscard]] std::string DumpLine(Kind kind, unsigned client);
 [[nodiscard]] std::string FromTable(unsigned table, const std::string& line);
 
-}  // namespace fuzz
+}  // namespace model

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-namespace fuzz {
+namespace model {
 
 // ---- Queued work ----
 
@@ -38,7 +38,7 @@ void Model::RunStates()
         const State state = states_.front();
         states_.pop_front();
         for (Client& client : clients_) {
-            if (client.who == state.who && mistake_ != Mistake::kTellsOfOwnStates) {
+            if (client.who == state.who && bug_ != ModelBug::kNotifiesOfOwnStates) {
                 continue;
             }
             for (const Subscription& subscription : client.subscriptions) {
@@ -91,7 +91,7 @@ void Model::RunAnnounce()
     for (const unsigned who : toAnnounce_) {
         if (table_) {
             Tell(FromTable(*table_, DescriptorOf(who)));
-            if (life_.addAnswer == STATUS_SUCCESS) {
+            if (sequence_.addAnswer == STATUS_SUCCESS) {
                 Announced(*Find(who));
             }
         }
@@ -104,7 +104,7 @@ void Model::RunWithdraw()
     if (toWithdraw_.empty()) {
         return;
     }
-    const Habits& habits = life_.clients[toWithdraw_.front()];
+    const ClientScript& habits = sequence_.clients[toWithdraw_.front()];
     if (table_) {
         Tell(FromTable(*table_, lines::Removed(ClientName(toWithdraw_.front()), habits.name, habits.description)));
     }
@@ -136,8 +136,8 @@ NTSTATUS Model::Detach()
 
 std::string Model::DescriptorOf(unsigned who) const
 {
-    const Habits& habits = life_.clients[who];
-    return lines::Descriptor(ClientName(who), habits.name, habits.description, habits.hearsAppsState,
+    const ClientScript& habits = sequence_.clients[who];
+    return lines::Descriptor(ClientName(who), habits.name, habits.description, habits.wantsAppsState,
                              habits.entryCount != 0, habits.entryCount % 256);
 }
 
@@ -176,20 +176,20 @@ NTSTATUS Model::Dump(const Operation& operation)
         return STATUS_IO_DEVICE_ERROR;
     }
     Tell(FromTable(*table_, DumpLine(operation.kind, operation.client)));
-    return life_.dumpAnswer;
+    return sequence_.dumpAnswer;
 }
 
 // ---- By count ----
 
-Inner Model::Count() const
+InternalState Model::Count() const
 {
-    Inner inner;
+    InternalState inner;
     for (const Client& client : clients_) {
         inner.clients.push_back(
             {client.who, client.state, client.announced, client.refreshPending, client.subscriptions.size()});
         inner.subscriptionObjects += client.subscriptions.size();
         inner.commandObjects += client.commandsSent;
-        inner.entryBytes += life_.clients[client.who].entryCount * sizeof(ZepDataEntry);
+        inner.entryBytes += sequence_.clients[client.who].entryCount * sizeof(ZepDataEntry);
     }
     inner.states = states_.size();
     inner.commands = commands_.size();
@@ -202,18 +202,18 @@ Inner Model::Count() const
     return inner;
 }
 
-Life Playable(Life life)
+Sequence Playable(Sequence sequence)
 {
-    Life playable = life;
+    Sequence playable = sequence;
     playable.operations.clear();
-    Model model(life);
+    Model model(sequence);
     std::size_t workItems = 0;
     std::vector<Operation> undelivered;  // commands: as long as one may be, none of its two may leave
-    for (const Operation& operation : life.operations) {
+    for (const Operation& operation : sequence.operations) {
         const auto concerned = [&](const Operation& command) {
             return command.client == operation.client || command.other == operation.client;
         };
-        if (!life.mayStandStill &&
+        if (!sequence.mayHang &&
             ((operation.kind == Kind::kCommand && operation.client == operation.other) ||
              (operation.kind == Kind::kLeave && std::any_of(undelivered.begin(), undelivered.end(), concerned)))) {
             continue;
@@ -238,4 +238,4 @@ Life Playable(Life life)
     return playable;
 }
 
-}  // namespace fuzz
+}  // namespace model

@@ -4,7 +4,7 @@
 #include <iterator>
 #include <random>
 
-namespace fuzz {
+namespace model {
 namespace {
 
 constexpr std::size_t kMostOperations = 64;
@@ -51,10 +51,10 @@ std::vector<Answer> DecodeAnswers(Bytes& bytes, unsigned self)
     return answers;
 }
 
-Habits DecodeHabits(Bytes& bytes, unsigned self)
+ClientScript DecodeClientScript(Bytes& bytes, unsigned self)
 {
     constexpr std::uint32_t kEntryCounts[] = {0, 0, 1, 3, 300};
-    Habits habits;
+    ClientScript habits;
     const unsigned form = bytes.Below(4);
     habits.name = ClientName(self) + std::string(form == 0 ? 70 : form, 'n');
     habits.description = form == 1 ? std::string(140, 'd') : form == 2 ? "" : "described";
@@ -65,7 +65,7 @@ Habits DecodeHabits(Bytes& bytes, unsigned self)
         habits.commands.emplace_back(id, bytes.State());
     }
     const unsigned apps = bytes.Below(4);
-    habits.hearsAppsState = apps != 0;
+    habits.wantsAppsState = apps != 0;
     if (apps > 1) {
         habits.appsState = bytes.State();
     }
@@ -116,27 +116,27 @@ Operation DecodeOperation(Bytes& bytes)
 
 }  // namespace
 
-Life Decode(std::span<const std::uint8_t> input)
+Sequence Decode(std::span<const std::uint8_t> input)
 {
     Bytes bytes(input);
-    Life life;
-    life.mayStandStill = bytes.Below(64) == 1;
-    life.addAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
-    life.removeAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
-    life.dumpAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
+    Sequence sequence;
+    sequence.mayHang = bytes.Below(64) == 1;
+    sequence.addAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
+    sequence.removeAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
+    sequence.dumpAnswer = kAnswers[bytes.Below(std::size(kAnswers))];
     for (unsigned client = 0; client < kClients; ++client) {
-        life.clients.push_back(DecodeHabits(bytes, client));
+        sequence.clients.push_back(DecodeClientScript(bytes, client));
     }
     const unsigned present = bytes.Below(32);
     for (unsigned client = 0; client < kClients; ++client) {
         if ((present >> client & 1) != 0) {
-            life.operations.push_back({.kind = Kind::kRegister, .client = client, .null = ""});
+            sequence.operations.push_back({.kind = Kind::kRegister, .client = client, .null = ""});
         }
     }
-    while (!bytes.AtEnd() && life.operations.size() < kMostOperations) {
-        life.operations.push_back(DecodeOperation(bytes));
+    while (!bytes.AtEnd() && sequence.operations.size() < kMostOperations) {
+        sequence.operations.push_back(DecodeOperation(bytes));
     }
-    return life;
+    return sequence;
 }
 
 std::vector<std::uint8_t> RandomBytes(std::uint64_t seed, std::uint64_t number)
@@ -208,4 +208,4 @@ std::optional<std::uint32_t> Script::OnCommand(std::uint32_t id) const
     return std::nullopt;
 }
 
-}  // namespace fuzz
+}  // namespace model

@@ -1,4 +1,4 @@
-// What a random life is made of: clients with their habits, and operations. Any string of bytes means one.
+// What a random sequence is made of: clients with their habits, and operations. Any string of bytes means one.
 #pragma once
 
 #include "driver/include/zepn_notifier.h"
@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace fuzz {
+namespace model {
 
 inline constexpr unsigned kClients = 5;
 
@@ -23,14 +23,14 @@ struct Answer {
     bool once = true;
 };
 
-struct Habits {
+struct ClientScript {
     std::string name;
     std::string description;
     std::uint32_t entryCount = 0;
     std::vector<Answer> answers;
     bool takesCommands = false;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> commands;  // id, the state taken in answer; no id twice
-    bool hearsAppsState = false;
+    bool wantsAppsState = false;
     std::optional<std::uint32_t> appsState;  // state wanted in answer
 };
 
@@ -67,18 +67,18 @@ struct Operation {
     std::string null;         // the argument passed as NULL, by its name in scenario files; empty: none
 };
 
-struct Life {
-    std::vector<Habits> clients;          // kClients of them
+struct Sequence {
+    std::vector<ClientScript> clients;    // kClients of them
     NTSTATUS addAnswer = STATUS_SUCCESS;  // what the crash-dump driver answers
     NTSTATUS removeAnswer = STATUS_SUCCESS;
     NTSTATUS dumpAnswer = STATUS_SUCCESS;
-    bool mayStandStill = false;  // it may end in a command that stops its delivery for good
+    bool mayHang = false;  // it may end in a command that stops its delivery for good
     std::vector<Operation> operations;
 };
 
-[[nodiscard]] Life Decode(std::span<const std::uint8_t> bytes);
+[[nodiscard]] Sequence Decode(std::span<const std::uint8_t> bytes);
 
-// The bytes of one life of a seed's endless row of lives.
+// The bytes of one sequence of a seed's endless row of sequences.
 [[nodiscard]] std::vector<std::uint8_t> RandomBytes(std::uint64_t seed, std::uint64_t number);
 
 // "client1 post state 4".
@@ -89,18 +89,18 @@ struct Life {
 [[nodiscard]] GUID GuidOf(unsigned client);
 [[nodiscard]] std::string NameOf(const GUID& guid);
 
-// A client's answers within one life: what the scenario player's clients do, too.
+// A client's answers within one sequence: what the scenario player's clients do, too.
 class Script {
 public:
-    explicit Script(const Habits& habits) : habits_(&habits), spent_(habits.answers.size()) {}
+    explicit Script(const ClientScript& habits) : habits_(&habits), spent_(habits.answers.size()) {}
 
     [[nodiscard]] std::optional<std::uint32_t> OnState(unsigned from, std::uint32_t state);
     [[nodiscard]] std::optional<std::uint32_t> OnCommand(std::uint32_t id) const;
     [[nodiscard]] std::optional<std::uint32_t> OnAppsState() const { return habits_->appsState; }
 
 private:
-    const Habits* habits_;
+    const ClientScript* habits_;
     std::vector<bool> spent_;  // rules that answer once and have answered
 };
 
-}  // namespace fuzz
+}  // namespace model

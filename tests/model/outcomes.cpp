@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-namespace fuzz {
+namespace model {
 namespace {
 
 std::string Hex(std::uint32_t value)
@@ -43,10 +43,10 @@ std::string AppsState(unsigned client, std::uint32_t reason, std::uint32_t ownSt
 }
 
 std::string Descriptor(const std::string& client, const std::string& name, const std::string& description,
-                       bool hearsAppsState, bool hasEntries, unsigned entryCount)
+                       bool wantsAppsState, bool hasEntries, unsigned entryCount)
 {
     return "descriptor of " + client + ": \"" + name.substr(0, 63) + "\", \"" + description.substr(0, 127) + "\"" +
-           (hearsAppsState ? ", hears" : "") + (hasEntries ? ", entries " : ", no entries ") + Number(entryCount);
+           (wantsAppsState ? ", hears" : "") + (hasEntries ? ", entries " : ", no entries ") + Number(entryCount);
 }
 
 std::string Removed(const std::string& client, const std::string& name, const std::string& description)
@@ -103,7 +103,7 @@ std::string Outcome::Text() const
     return text;
 }
 
-std::string Inner::Text() const
+std::string InternalState::Text() const
 {
     std::string text = "  queued: " + Number(states) + " states, " + Number(commands) + " commands, " +
                        Number(toAnnounce) + " to announce, " + Number(toWithdraw) + " to withdraw; " +
@@ -118,4 +118,4 @@ std::string Inner::Text() const
     return text;
 }
 
-}  // namespace fuzz
+}  // namespace model

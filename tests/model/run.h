@@ -1,4 +1,4 @@
-// A life on the model and on the driver side by side, and the search for the shortest life that goes wrong.
+// A sequence on the model and on the driver side by side, and the search for the shortest sequence that goes wrong.
 #pragma once
 
 #include "tests/model/model.h"
@@ -9,64 +9,64 @@
 #include <optional>
 #include <string>
 
-namespace fuzz {
+namespace model {
 
 struct Mismatch {
-    std::size_t operation = 0;  // index; one past the last: at the end of the life
+    std::size_t operation = 0;  // index; one past the last: at the end of the sequence
     std::string text;           // what the model expected and what the driver did, or how the process ended
 };
 
 struct Totals {
-    std::uint64_t lives = 0;
+    std::uint64_t sequences = 0;
     std::uint64_t operations = 0;
     std::uint64_t callbacks = 0;
-    std::uint64_t standstills = 0;
+    std::uint64_t hangs = 0;
     std::uint64_t counts = 0;  // comparisons of the inner counts
-    std::size_t position = 0;  // of the life under way: the operation, as Mismatch counts them
+    std::size_t position = 0;  // of the sequence under way: the operation, as Mismatch counts them
 };
 
-// Lives one life. It must be playable. Whatever goes wrong is a mismatch, an image that does not load among it.
-[[nodiscard]] std::optional<Mismatch> Run(const Life& life, const std::filesystem::path& image, Totals& totals,
-                                          Model::Mistake mistake = Model::Mistake::kNone);
+// Sequences one sequence. It must be playable. Whatever goes wrong is a mismatch, an image that does not load among it.
+[[nodiscard]] std::optional<Mismatch> Run(const Sequence& sequence, const std::filesystem::path& image, Totals& totals,
+                                          Model::ModelBug bug = Model::ModelBug::kNone);
 
-// Lives it in a process of its own: whatever ends that process, or keeps it for more than so many seconds, is a mismatch
-// too. As all that DoApart does, by a process of one thread.
-[[nodiscard]] std::optional<Mismatch> RunApart(const Life& life, const std::filesystem::path& image, double patience,
-                                               Model::Mistake mistake = Model::Mistake::kNone);
+// Sequences it in a process of its own: whatever ends that process, or keeps it for more than so many seconds, is a mismatch
+// too. As all that RunInChild does, by a process of one thread.
+[[nodiscard]] std::optional<Mismatch> RunApart(const Sequence& sequence, const std::filesystem::path& image,
+                                               double patience, Model::ModelBug bug = Model::ModelBug::kNone);
 
-// Whether a life still goes wrong.
-using Fails = std::function<bool(const Life&)>;
+// Whether a sequence still goes wrong.
+using Fails = std::function<bool(const Sequence&)>;
 
-// Leaves out operations and habits, and makes numbers small, as long as the life fails. The result is playable.
-[[nodiscard]] Life Shrink(Life life, const Fails& fails);
+// Leaves out operations and habits, and makes numbers small, as long as the sequence fails. The result is playable.
+[[nodiscard]] Sequence Shrink(Sequence sequence, const Fails& fails);
 
-// The life as a scenario file that ./zepn demo plays, with the statuses that the model expects.
-[[nodiscard]] std::string Scenario(const Life& life, const std::string& title,
+// The sequence as a scenario file that ./zepn demo plays, with the statuses that the model expects.
+[[nodiscard]] std::string Scenario(const Sequence& sequence, const std::string& title,
                                    const std::optional<Mismatch>& mismatch = std::nullopt);
 
 struct Finding {
     std::uint64_t seed = 0;
-    std::uint64_t number = 0;  // of the life
-    Life life;                 // shrunk
+    std::uint64_t number = 0;  // of the sequence
+    Sequence sequence;         // shrunk
     Mismatch mismatch;
     bool again = true;  // lived alone it goes wrong, too; else it is not shrunk
 };
 
-inline constexpr double kPatienceSeconds = 60;  // with a life, which takes some milliseconds
+inline constexpr double kWatchdogSeconds = 60;  // with a sequence, which takes some milliseconds
 
 struct Budget {
     std::uint64_t seed = 1;
-    std::uint64_t lives = 0;  // 0: no bound
-    double seconds = 0;       // 0: no bound
+    std::uint64_t sequences = 0;  // 0: no bound
+    double seconds = 0;           // 0: no bound
 };
 
-// Lives the lives of a seed until one goes wrong or the budget is spent, and then those by which that one is shrunk, in
-// processes apart; a new one begins only where a life has ended the one before. Throws host::HostError when the image is
+// Sequences the sequences of a seed until one goes wrong or the budget is spent, and then those by which that one is shrunk, in
+// processes child_process; a new one begins only where a sequence has ended the one before. Throws host::HostError when the image is
 // refused.
 [[nodiscard]] std::optional<Finding> Search(const Budget& budget, const std::filesystem::path& image, Totals& totals,
-                                            Model::Mistake mistake = Model::Mistake::kNone);
+                                            Model::ModelBug bug = Model::ModelBug::kNone);
 
-// "random lives (x64): 1200 lives, ...", one line.
+// "random sequences (x64): 1200 sequences, ...", one line.
 [[nodiscard]] std::string Figures(const Totals& totals, double seconds, const std::string& where);
 
 // Seed, operations and what went wrong, for people.
@@ -78,4 +78,4 @@ inline constexpr const char* kLookFor =
     "The demo holds statuses against what is expected and finds violations and faults by itself. Who is told what, and "
     "what is queued and counted, it only shows: there it ends with 0, and the notes say what should differ.";
 
-}  // namespace fuzz
+}  // namespace model

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <sstream>
 
-namespace fuzz {
+namespace model {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -27,7 +27,7 @@ std::string StatusNumber(NTSTATUS status)
     return text;
 }
 
-Json ClientOf(const Habits& habits, unsigned client)
+Json ClientOf(const ClientScript& habits, unsigned client)
 {
     Json json = {{"guid", GuidText(GuidOf(client))}, {"name", habits.name}, {"description", habits.description}};
     if (habits.entryCount != 0) {
@@ -47,7 +47,7 @@ Json ClientOf(const Habits& habits, unsigned client)
             json["commands"].push_back({{"id", id}, {"answer", answer}});
         }
     }
-    if (habits.hearsAppsState) {
+    if (habits.wantsAppsState) {
         json["appsState"] = habits.appsState ? Json(*habits.appsState) : Json("heard");
     }
     return json;
@@ -130,26 +130,26 @@ void AddNotes(Json& steps, const std::string& text)
 
 }  // namespace
 
-std::string Scenario(const Life& life, const std::string& title, const std::optional<Mismatch>& mismatch)
+std::string Scenario(const Sequence& sequence, const std::string& title, const std::optional<Mismatch>& mismatch)
 {
     Json scenario = {{"title", title}, {"states", Json::object()}};
     for (unsigned client = 0; client < kClients; ++client) {
-        scenario["clients"][ClientName(client)] = ClientOf(life.clients[client], client);
+        scenario["clients"][ClientName(client)] = ClientOf(sequence.clients[client], client);
     }
     Json& crashDump = scenario["crashDump"] = Json::object();
-    crashDump["add"] = StatusNumber(life.addAnswer);
-    crashDump["remove"] = StatusNumber(life.removeAnswer);
+    crashDump["add"] = StatusNumber(sequence.addAnswer);
+    crashDump["remove"] = StatusNumber(sequence.removeAnswer);
     for (const char* dump : {"start", "addData", "stop", "query", "triage"}) {
-        crashDump[dump] = StatusNumber(life.dumpAnswer);
+        crashDump[dump] = StatusNumber(sequence.dumpAnswer);
     }
     Json steps = Json::array();
     if (mismatch) {
         AddNotes(steps, kLookFor);
     }
     steps.push_back({{"do", "open"}});
-    Model model(life);
-    for (std::size_t index = 0; index < life.operations.size(); ++index) {
-        const Operation& operation = life.operations[index];
+    Model model(sequence);
+    for (std::size_t index = 0; index < sequence.operations.size(); ++index) {
+        const Operation& operation = sequence.operations[index];
         const Outcome expected = model.Do(operation);
         if (mismatch && mismatch->operation == index) {
             AddNotes(steps, mismatch->text);
@@ -166,11 +166,11 @@ std::string Scenario(const Life& life, const std::string& title, const std::opti
         }
         steps.push_back(step);
     }
-    if (mismatch && mismatch->operation == life.operations.size()) {
+    if (mismatch && mismatch->operation == sequence.operations.size()) {
         AddNotes(steps, mismatch->text);
     }
     scenario["steps"] = steps;
     return scenario.dump(2) + "\n";
 }
 
-}  // namespace fuzz
+}  // namespace model

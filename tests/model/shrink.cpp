@@ -2,87 +2,87 @@
 
 #include <algorithm>
 
-namespace fuzz {
+namespace model {
 namespace {
 
-// Takes a change of the life when it still fails.
+// Takes a change of the sequence when it still fails.
 class Shrinker {
 public:
-    Shrinker(Life life, const Fails& fails) : life_(std::move(life)), fails_(fails) {}
+    Shrinker(Sequence sequence, const Fails& fails) : sequence_(std::move(sequence)), fails_(fails) {}
 
-    Life Run()
+    Sequence Run()
     {
-        const auto size = [&] { return life_.operations.size() + HabitCount(); };
+        const auto size = [&] { return sequence_.operations.size() + HabitCount(); };
         for (std::size_t before = 0; before != size();) {
             before = size();
             DropOperations();
-            DropHabits();
+            DropClientScripts();
         }
         SimplifyOperations();
-        return life_;
+        return sequence_;
     }
 
 private:
-    bool Try(const Life& changed)
+    bool Try(const Sequence& changed)
     {
-        const Life candidate = Playable(changed);
-        if (candidate.operations.size() > life_.operations.size() || !fails_(candidate)) {
+        const Sequence candidate = Playable(changed);
+        if (candidate.operations.size() > sequence_.operations.size() || !fails_(candidate)) {
             return false;
         }
-        life_ = candidate;
+        sequence_ = candidate;
         return true;
     }
 
     [[nodiscard]] std::size_t HabitCount() const
     {
         std::size_t count = 0;
-        for (const Habits& habits : life_.clients) {
+        for (const ClientScript& habits : sequence_.clients) {
             count += habits.answers.size() + habits.commands.size() + (habits.appsState ? 1 : 0) +
                      (habits.entryCount != 0 ? 1 : 0);
         }
         return count;
     }
 
-    // Pieces of half the life first, single operations last.
+    // Pieces of half the sequence first, single operations last.
     void DropOperations()
     {
-        for (std::size_t piece = life_.operations.size() / 2 + 1; piece != 0; piece /= 2) {
-            for (std::size_t begin = 0; begin < life_.operations.size();) {
-                Life changed = life_;
+        for (std::size_t piece = sequence_.operations.size() / 2 + 1; piece != 0; piece /= 2) {
+            for (std::size_t begin = 0; begin < sequence_.operations.size();) {
+                Sequence changed = sequence_;
                 const auto first = changed.operations.begin() + static_cast<std::ptrdiff_t>(begin);
-                const std::size_t length = std::min(piece, life_.operations.size() - begin);
+                const std::size_t length = std::min(piece, sequence_.operations.size() - begin);
                 changed.operations.erase(first, first + static_cast<std::ptrdiff_t>(length));
-                const std::size_t before = life_.operations.size();
+                const std::size_t before = sequence_.operations.size();
                 // The last delivery comes back by itself: nothing is gained then.
-                if (!Try(changed) || life_.operations.size() == before) {
+                if (!Try(changed) || sequence_.operations.size() == before) {
                     begin += piece;
                 }
             }
         }
     }
 
-    void DropHabits()
+    void DropClientScripts()
     {
-        for (std::size_t client = 0; client < life_.clients.size(); ++client) {
-            for (std::size_t index = life_.clients[client].answers.size(); index-- != 0;) {
-                Life changed = life_;
+        for (std::size_t client = 0; client < sequence_.clients.size(); ++client) {
+            for (std::size_t index = sequence_.clients[client].answers.size(); index-- != 0;) {
+                Sequence changed = sequence_;
                 auto& answers = changed.clients[client].answers;
                 answers.erase(answers.begin() + static_cast<std::ptrdiff_t>(index));
                 (void)Try(changed);
             }
             const auto change = [&](const auto& made) {
-                Life changed = life_;
+                Sequence changed = sequence_;
                 made(changed.clients[client]);
                 (void)Try(changed);
             };
-            change([](Habits& habits) { habits.commands.clear(); });
-            change([](Habits& habits) { habits.appsState.reset(); });
-            change([](Habits& habits) { habits.entryCount = 0; });
-            change([&](Habits& habits) { habits.name = ClientName(static_cast<unsigned>(client)); });
-            change([](Habits& habits) { habits.description = "described"; });
+            change([](ClientScript& habits) { habits.commands.clear(); });
+            change([](ClientScript& habits) { habits.appsState.reset(); });
+            change([](ClientScript& habits) { habits.entryCount = 0; });
+            change([&](ClientScript& habits) { habits.name = ClientName(static_cast<unsigned>(client)); });
+            change([](ClientScript& habits) { habits.description = "described"; });
         }
-        for (NTSTATUS Life::* answer : {&Life::addAnswer, &Life::removeAnswer, &Life::dumpAnswer}) {
-            Life changed = life_;
+        for (NTSTATUS Sequence::* answer : {&Sequence::addAnswer, &Sequence::removeAnswer, &Sequence::dumpAnswer}) {
+            Sequence changed = sequence_;
             changed.*answer = STATUS_SUCCESS;
             (void)Try(changed);
         }
@@ -90,9 +90,9 @@ private:
 
     void SimplifyOperations()
     {
-        for (std::size_t index = 0; index < life_.operations.size(); ++index) {
+        for (std::size_t index = 0; index < sequence_.operations.size(); ++index) {
             const auto change = [&](const auto& made) {
-                Life changed = life_;
+                Sequence changed = sequence_;
                 made(changed.operations[index]);
                 (void)Try(changed);
             };
@@ -102,15 +102,15 @@ private:
         }
     }
 
-    Life life_;
+    Sequence sequence_;
     const Fails& fails_;
 };
 
 }  // namespace
 
-Life Shrink(Life life, const Fails& fails)
+Sequence Shrink(Sequence sequence, const Fails& fails)
 {
-    return Shrinker(std::move(life), fails).Run();
+    return Shrinker(std::move(sequence), fails).Run();
 }
 
-}  // namespace fuzz
+}  // namespace model

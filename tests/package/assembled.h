@@ -37,7 +37,9 @@ protected:
     {
         fs::remove_all(folder_);
         ASSERT_EQ(
-            std::system(("'" + root_ + "/driver/package/assemble.sh' '" + root_ + "' '" + folder_.string() + "'").c_str()), 0);
+            std::system(
+                ("'" + root_ + "/driver/package/assemble.sh' '" + root_ + "' '" + folder_.string() + "'").c_str()),
+            0);
     }
     void TearDown() override { fs::remove_all(folder_); }
 

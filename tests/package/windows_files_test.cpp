@@ -4,7 +4,7 @@
 #include "tests/package/assembled.h"
 #include "tests/package/powershell.h"
 #include "tests/kit/matches.h"
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 
 #include <algorithm>
 #include <regex>

@@ -1,8 +1,8 @@
 // The samples as images: their life beside the Notifier, and the probe's answers.
 #include "host/machine.h"
-#include "tests/kit/world.h"
+#include "tests/kit/driver_fixture.h"
 #include "tools/image_check/checks.h"
-#include "tools/play/samples_life.h"
+#include "tools/play/samples_run.h"
 
 #include <algorithm>
 #include <fstream>

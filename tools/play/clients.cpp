@@ -23,7 +23,7 @@ public:
     Told(Timeline& timeline, std::string who, const char* callback, const std::string& causedBy)
         : timeline_(timeline), who_(std::move(who))
     {
-        timeline_.Begin({Stretch::Kind::kCallback, who_, callback, causedBy});
+        timeline_.Begin({Span::Kind::kCallback, who_, callback, causedBy});
     }
     ~Told() { timeline_.End(who_); }
     Told(const Told&) = delete;
@@ -131,7 +131,7 @@ Client::Client(Peers& peers, const ClientModel& model)
       dumpRecord_(model.guid.Data1)
 {
     callbacks_.CommandCallback = model.takesCommands ? &OnCommand : nullptr;
-    callbacks_.AppsStateNotificationCallback = model.hearsAppsState ? &OnAppsState : nullptr;
+    callbacks_.AppsStateNotificationCallback = model.wantsAppsState ? &OnAppsState : nullptr;
 }
 
 bool Client::IsUnloaded(const char* callback)

@@ -83,15 +83,15 @@ void Diagram::OnEntry(unsigned, const Entry& entry)
     case EntryKind::kReport:
         lines_.push_back("Note right of " + notifier + ": " + Plain(entry.who + ": " + entry.what));
         return;
-    case EntryKind::kTrouble:
+    case EntryKind::kFinding:
         lines_.push_back(kAcross + Plain("!! " + entry.what));
         return;
     }
 }
 
-void Diagram::OnBegin(unsigned, const Stretch& stretch)
+void Diagram::OnBegin(unsigned, const Span& stretch)
 {
-    if (stretch.kind == Stretch::Kind::kCall) {
+    if (stretch.kind == Span::Kind::kCall) {
         begun_[stretch.who] = lines_.size();
     }
 }

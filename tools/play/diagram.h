@@ -17,7 +17,7 @@ public:
     explicit Diagram(std::string title, std::string part = "");
 
     void OnEntry(unsigned step, const Entry& entry) override;
-    void OnBegin(unsigned step, const Stretch& stretch) override;
+    void OnBegin(unsigned step, const Span& stretch) override;
 
     // Whether any note of the run contained the part.
     [[nodiscard]] bool HasPart() const { return partSeen_; }

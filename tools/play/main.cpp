@@ -7,7 +7,7 @@
 #include "tools/play/perfetto.h"
 #include "tools/play/player.h"
 #include "tools/play/reading/scenario_reader.h"
-#include "tools/play/samples_life.h"
+#include "tools/play/samples_run.h"
 
 #include <unistd.h>
 

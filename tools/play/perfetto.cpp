@@ -48,7 +48,7 @@ int Perfetto::Track(const std::string& who)
 
 void Perfetto::OnEntry(unsigned step, const Entry& entry)
 {
-    if (entry.kind == EntryKind::kHeading || entry.kind == EntryKind::kReport || entry.kind == EntryKind::kTrouble) {
+    if (entry.kind == EntryKind::kHeading || entry.kind == EntryKind::kReport || entry.kind == EntryKind::kFinding) {
         Instant(step, entry);
         return;
     }
@@ -67,7 +67,7 @@ void Perfetto::Instant(unsigned step, const Entry& entry)
     const bool global = entry.kind == EntryKind::kHeading || onTop_.empty();
     events_.push_back({{"name", entry.who.empty() ? entry.what : entry.who + ": " + entry.what},
                        {"cat", entry.kind == EntryKind::kReport    ? "report"
-                               : entry.kind == EntryKind::kTrouble ? "trouble"
+                               : entry.kind == EntryKind::kFinding ? "trouble"
                                                                    : "note"},
                        {"ph", "i"},
                        {"s", global ? "g" : "t"},
@@ -77,7 +77,7 @@ void Perfetto::Instant(unsigned step, const Entry& entry)
                        {"args", {{"step", step}}}});
 }
 
-void Perfetto::OnBegin(unsigned step, const Stretch& stretch)
+void Perfetto::OnBegin(unsigned step, const Span& stretch)
 {
     const double begin = Now();
     const int track = Track(stretch.who);

@@ -21,7 +21,7 @@ public:
     explicit Perfetto(std::string title, Clock clock = {});
 
     void OnEntry(unsigned step, const Entry& entry) override;
-    void OnBegin(unsigned step, const Stretch& stretch) override;
+    void OnBegin(unsigned step, const Span& stretch) override;
     void OnCause(const std::string& who, const std::string& cause) override;
     void OnEnd(const std::string& who, const std::string& outcome) override;
 
@@ -32,7 +32,7 @@ private:
     struct Open {
         double beginUs;
         unsigned step;
-        Stretch stretch;
+        Span stretch;
     };
     struct Point {
         int track;

@@ -57,7 +57,7 @@ bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeli
         }
         run.Arm(step);
         Do(run, step);
-        run.ShowTrouble();
+        run.ShowFinding();
         run.Disarm(step);
     }
     run.End();

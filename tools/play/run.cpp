@@ -70,7 +70,7 @@ NTSTATUS Run::AddDevice()
 std::optional<NTSTATUS> Run::Call(const Step& step, const std::string& who, const char* operation,
                                   const std::vector<std::string>& causes, const std::function<NTSTATUS()>& call)
 {
-    timeline.Begin({Stretch::Kind::kCall, who, operation, ""});
+    timeline.Begin({Span::Kind::kCall, who, operation, ""});
     for (const std::string& cause : causes) {
         timeline.Cause(who, cause);
     }
@@ -109,8 +109,8 @@ void Run::ShowParked(const host::Outcome& outcome)
 
 void Run::Arm(const Step& step)
 {
-    expectedTrouble_ = step.trouble;
-    troubleCame_ = false;
+    expectedFinding_ = step.trouble;
+    findingCame_ = false;
     if (step.fail) {
         machine.faults().Add(
             {.function = step.fail->call,
@@ -120,7 +120,7 @@ void Run::Arm(const Step& step)
     }
 }
 
-void Run::ShowTrouble()
+void Run::ShowFinding()
 {
     for (const auto& violation : machine.violations().Take()) {
         violations_ += Trouble(violation.Text()) ? 0 : 1;
@@ -136,12 +136,12 @@ void Run::Disarm(const Step& step)
         Trouble("the step never calls " + step.fail->call + ", which was to fail");
     }
     machine.faults().Clear();
-    if (expectedTrouble_ && !troubleCame_) {
-        const std::string expected = *expectedTrouble_;
-        expectedTrouble_.reset();
+    if (expectedFinding_ && !findingCame_) {
+        const std::string expected = *expectedFinding_;
+        expectedFinding_.reset();
         Trouble("expected trouble that did not come: " + expected);
     }
-    expectedTrouble_.reset();
+    expectedFinding_.reset();
     std::size_t shown = 0;
     for (const std::string& text : timeline.StepTexts()) {
         shown += shown < step.shows.size() && text.find(step.shows[shown]) != std::string::npos ? 1 : 0;
@@ -153,9 +153,9 @@ void Run::Disarm(const Step& step)
 
 bool Run::Trouble(const std::string& text)
 {
-    const bool expected = expectedTrouble_ && text.find(*expectedTrouble_) != std::string::npos;
-    timeline.Add({EntryKind::kTrouble, "", "", text, "", expected});
-    troubleCame_ = troubleCame_ || expected;
+    const bool expected = expectedFinding_ && text.find(*expectedFinding_) != std::string::npos;
+    timeline.Add({EntryKind::kFinding, "", "", text, "", expected});
+    findingCame_ = findingCame_ || expected;
     good_ = good_ && expected;
     return expected;
 }
@@ -172,7 +172,7 @@ void Run::End()
     if (driver->IsLoaded() && !driver->HasDevice()) {
         driver->Unload();
     }
-    ShowTrouble();
+    ShowFinding();
     const Counts& counts = peers.counts;
     const auto count = [](const char* what, unsigned number) {
         return std::string(what) + " " + std::to_string(number) + ", ";

@@ -65,7 +65,7 @@ public:
     // Before a step: sets its fault and what trouble it must end in.
     void Arm(const Step& step);
     // After it: shows what the host and the peers found.
-    void ShowTrouble();
+    void ShowFinding();
     // At last: a fault that did not strike, trouble that did not come, and what was not shown, are trouble too.
     void Disarm(const Step& step);
 
@@ -78,8 +78,8 @@ private:
 
     unsigned violations_ = 0;
     bool stuck_ = false;  // a thread of the driver's never comes back
-    std::optional<std::string> expectedTrouble_;
-    bool troubleCame_ = false;
+    std::optional<std::string> expectedFinding_;
+    bool findingCame_ = false;
     bool good_ = true;
 };
 

@@ -42,7 +42,7 @@ struct ClientModel {
     std::vector<AnswerRule> answers;
     bool takesCommands = false;
     std::vector<CommandRule> commands;
-    bool hearsAppsState = false;
+    bool wantsAppsState = false;
     std::optional<std::uint32_t> appsState;  // state wanted in answer
     std::vector<InsideCall> inside;
 };

@@ -11,7 +11,7 @@ void Deliver(Run& run, std::uint32_t runs)
                       queued == 0 ? "nothing is queued" : "lets the queued work run", "", true});
     for (std::uint32_t done = 0; run.machine.QueuedWorkItems() != 0 && (runs == 0 || done < runs); ++done) {
         const std::string routine = run.machine.NextWorkItem();
-        run.timeline.Begin({Stretch::Kind::kWorkItem, routine, routine, ""});
+        run.timeline.Begin({Span::Kind::kWorkItem, routine, routine, ""});
         const host::PumpResult result = run.machine.RunOneWorkItem();
         if (result.parked.empty()) {
             run.timeline.End(routine);
@@ -79,7 +79,7 @@ void DoSystemStep(Run& run, const Step& step)
         run.Show(step, kSystem, "asks to remove the device", run.driver->QueryRemoveDevice());
         return;
     case Action::kSurpriseRemoval:
-        run.timeline.Begin({Stretch::Kind::kCall, kSystem, "surprise removal", ""});
+        run.timeline.Begin({Span::Kind::kCall, kSystem, "surprise removal", ""});
         run.driver->SurpriseRemoveDevice();
         run.timeline.End(kSystem);
         run.Show(step, kSystem, "the device is pulled out", STATUS_SUCCESS);

@@ -52,7 +52,7 @@ void Timeline::Add(const Entry& entry)
     }
 }
 
-void Timeline::Begin(const Stretch& stretch)
+void Timeline::Begin(const Span& stretch)
 {
     for (Observer* observer : observers_) {
         observer->OnBegin(step_, stretch);
@@ -90,7 +90,7 @@ void Timeline::PrintText(const Entry& entry)
         out_ << step.str() << "    " << Colored(kDim, Padded(entry.who, kNameWidth) + "  " + entry.what) << "\n";
         return;
     }
-    if (entry.kind == EntryKind::kTrouble) {
+    if (entry.kind == EntryKind::kFinding) {
         out_ << step.str() << "  " << Colored(kRed, "!! " + entry.what) << "\n";
         return;
     }

@@ -20,7 +20,7 @@ enum class EntryKind {
     kCallback,  // the Notifier calls somebody
     kAnswer,    // what was answered to a callback
     kReport,    // an event or trace message that a session recorded
-    kTrouble,   // a violation that the host found, or a thread that was set aside
+    kFinding,   // a violation that the host found, or a thread that was set aside
 };
 
 struct Entry {
@@ -33,7 +33,7 @@ struct Entry {
 };
 
 // A stretch of work on somebody's thread: a call into the Notifier, a run of a work item, a callback.
-struct Stretch {
+struct Span {
     enum class Kind { kCall, kWorkItem, kCallback };
 
     Kind kind = Kind::kCall;
@@ -47,7 +47,7 @@ class Observer {
 public:
     virtual ~Observer() = default;
     virtual void OnEntry(unsigned step, const Entry& entry) = 0;
-    virtual void OnBegin(unsigned step, const Stretch& stretch) { (void)step, (void)stretch; }
+    virtual void OnBegin(unsigned step, const Span& stretch) { (void)step, (void)stretch; }
     // The innermost open stretch of `who` gives something to be passed on.
     virtual void OnCause(const std::string& who, const std::string& cause) { (void)who, (void)cause; }
     // The innermost open stretch of `who` ends. One that stands still for ever never does.
@@ -64,7 +64,7 @@ public:
 
     // Observers see everything from now on, and must outlive the run.
     void AddObserver(Observer& observer) { observers_.push_back(&observer); }
-    void Begin(const Stretch& stretch);
+    void Begin(const Span& stretch);
     void Cause(const std::string& who, const std::string& cause);
     void End(const std::string& who, const std::string& outcome = "");
 

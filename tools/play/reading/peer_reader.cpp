@@ -96,7 +96,7 @@ void ReadClient(ValueReader& reader, const JsonValue& value, const std::string& 
     ReadInside(reader, value, field, {"state", "command", "appsState"},
                {"register", "leave", "post", "command", "subscribe", "unsubscribe"}, client.inside);
     if (const JsonValue* apps = FindMember(value, "appsState")) {
-        client.hearsAppsState = true;
+        client.wantsAppsState = true;
         if (apps->kind != Kind::kText || apps->text != "heard") {
             reader.ReadState(*apps, field + ".appsState", false, client.appsState);
         }

@@ -1,0 +1,81 @@
+#include "host/framework/inspector.h"
+
+#include "host/framework/framework.h"
+
+namespace host::framework {
+namespace {
+
+ObjectView View(const Object& object)
+{
+    ObjectView view;
+    view.handle = object.handle;
+    view.type = object.type;
+    view.references = object.references;
+    view.deleted = object.deleted;
+    view.parent = object.parent != nullptr ? object.parent->handle : nullptr;
+    for (const Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
+        view.children.push_back(child->handle);
+    }
+    for (const struct Context& context : object.contexts) {
+        view.contexts.push_back(
+            {context.type->ContextName, {static_cast<const std::byte*>(context.memory), context.sizeBytes}});
+    }
+    if (object.type == ObjectType::kCollection) {
+        for (const Object* item : static_cast<const CollectionObject&>(object).items) {
+            view.items.push_back(item->handle);
+        }
+    } else if (object.type == ObjectType::kWaitLock) {
+        view.held = static_cast<const WaitLockObject&>(object).held;
+    } else if (object.type == ObjectType::kWorkItem) {
+        view.queued = static_cast<const WorkItemObject&>(object).queued;
+    }
+    return view;
+}
+
+template <class Condition>
+std::vector<ObjectView> ViewsOf(const Condition& condition)
+{
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    std::vector<ObjectView> views;
+    framework.ForEachObject([&](const Object& object) {
+        if (condition(object)) {
+            views.push_back(View(object));
+        }
+    });
+    return views;
+}
+
+}  // namespace
+
+std::vector<ObjectView> Inspector::Objects() const
+{
+    return ViewsOf([](const Object&) { return true; });
+}
+
+std::vector<ObjectView> Inspector::Objects(ObjectType type) const
+{
+    return ViewsOf([type](const Object& object) { return object.type == type; });
+}
+
+std::optional<ObjectView> Inspector::Find(WDFOBJECT handle) const
+{
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const Object* object = framework.Peek(handle);
+    return object == nullptr ? std::nullopt : std::optional(View(*object));
+}
+
+std::vector<ObjectView> Inspector::WithContext(std::string_view typeName) const
+{
+    return ViewsOf([typeName](const Object& object) {
+        for (const struct Context& context : object.contexts) {
+            if (typeName == context.type->ContextName) {
+                return true;
+            }
+        }
+        return false;
+    });
+}
+
+}  // namespace host::framework

@@ -1,0 +1,138 @@
+// What explored scenarios share: each is played anew in a fixture of its own for every schedule.
+//
+// A failure names its schedule; ZEPN_SCHEDULE="two clients post, one run: locks 12>1" plays that one alone.
+// ZEPN_SCHEDULES=1000 plays so many random ones of each scenario.
+#pragma once
+
+#include "host/checks/crash.h"
+#include "host/checks/watchdog.h"
+#include "host/schedule/controlled_scheduler.h"
+#include "tests/kit/driver_fixture.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <initializer_list>
+
+namespace tests {
+
+using host::schedule::ControlledScheduler;
+using host::schedule::SchedulerOptions;
+using host::schedule::YieldKind;
+using host::schedule::YieldPoint;
+using Threads = std::vector<ControlledScheduler::Thread>;
+using States = std::vector<ULONG>;
+
+// Every schedule of two preemptions takes five minutes under emulation; the calls are the same as elsewhere.
+#if defined(ZEPN_EMULATED)
+inline constexpr unsigned kPreemptions = 1;
+inline constexpr unsigned kRandomSchedules = 10;
+#else
+inline constexpr unsigned kPreemptions = 2;
+inline constexpr unsigned kRandomSchedules = 60;
+#endif
+
+class Systematic : public OnContainer {
+protected:
+    // Plays a scenario in every interleaving of so many preemptions, at locks or at every call, and in some of more by
+    // random priorities.
+    void Explore(const std::string& name, const std::function<void(DriverFixture&, ControlledScheduler&)>& play,
+                 unsigned preemptions = kPreemptions, bool everyCall = false)
+    {
+        if (HasFailure()) {
+            return;  // a scenario before this one failed: nothing here could be told apart from that
+        }
+        const std::string replay = Setting("ZEPN_SCHEDULE");
+        const std::string more = Setting("ZEPN_SCHEDULES");
+        const unsigned random = more.empty() ? kRandomSchedules : static_cast<unsigned>(std::stoul(more));
+        std::vector<SchedulerOptions> plans = {
+            {.preemptions = preemptions, .everyCall = everyCall},
+            {.preemptions = 5, .everyCall = true, .random = random, .seed = 7},
+        };
+        if (!replay.empty()) {
+            if (!replay.starts_with(name + ": ")) {
+                return;
+            }
+            hasReplayed_ = true;
+            plans = {{.replay = replay.substr(name.size() + 2)}};
+        }
+        std::vector<unsigned> counts;
+        for (const SchedulerOptions& plan : plans) {
+            ControlledScheduler scheduler(plan);
+            const auto failed = [&] {
+                return name + " fails; ZEPN_SCHEDULE=\"" + name + ": " + scheduler.Schedule() + "\" replays it";
+            };
+            const host::checks::CrashContext words(failed);
+            while (scheduler.Next()) {
+                host::checks::Watchdog::Progress();
+                {
+                    DriverFixture fixture(GetParam(), {.records = false});
+                    play(fixture, scheduler);
+                }
+                if (HasFailure()) {
+                    ADD_FAILURE() << failed();
+                    return;
+                }
+            }
+            EXPECT_TRUE(plan.random != 0 || !replay.empty() || scheduler.IsComplete())
+                << name << ": not walked to its end";
+            counts.push_back(scheduler.Count());
+        }
+        if (!replay.empty()) {
+            return;
+        }
+        const std::filesystem::path folder = std::filesystem::path(ZEPN_STATISTICS) / "scheduler";
+        std::filesystem::create_directories(folder);
+        std::ofstream(folder / (std::string(GetParam().name) + ", " + name + ".txt"))
+            << "interleavings, " << GetParam().name << ", " << name << ": " << counts[0] << " to " << preemptions
+            << " preemptions, " << counts[1] << " random\n";
+    }
+
+    [[nodiscard]] static bool IsReplay() { return !Setting("ZEPN_SCHEDULE").empty(); }
+
+    void TearDown() override
+    {
+        if (IsReplay() && !hasReplayed_) {
+            GTEST_SKIP() << "no scenario here bears the name that ZEPN_SCHEDULE begins with";
+        }
+    }
+
+private:
+    static std::string Setting(const char* name)
+    {
+        const char* value = std::getenv(name);
+        return value == nullptr ? "" : value;
+    }
+
+    bool hasReplayed_ = false;
+};
+
+// Runs the threads by the scheduler's schedule; each must come back.
+inline void RunAll(DriverFixture& fixture, ControlledScheduler& scheduler, const Threads& threads)
+{
+    for (const host::Outcome& outcome : scheduler.Run(fixture.machine, threads)) {
+        if (outcome.parked) {
+            ADD_FAILURE() << outcome.reason;
+            fixture.Abandon();
+        }
+    }
+}
+
+inline void RegisterAll(DriverFixture& fixture, std::initializer_list<Peer*> peers)
+{
+    for (Peer* peer : peers) {
+        EXPECT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
+    }
+}
+
+inline States StatesFrom(const Peer& subscriber, const Peer& poster)
+{
+    States states;
+    for (const ZepState& state : subscriber.deliveries) {
+        if (state.InterfaceGUID.Data1 == poster.guid.Data1) {
+            states.push_back(state.State);
+        }
+    }
+    return states;
+}
+
+}  // namespace tests

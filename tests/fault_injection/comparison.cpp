@@ -1,0 +1,231 @@
+#include "tests/fault_injection/comparison.h"
+
+#include "host/checks/crash.h"
+#include "tests/fault_injection/sequences.h"
+
+#include <algorithm>
+
+namespace fault_injection {
+namespace {
+
+std::string Joined(const Lines& lines)
+{
+    std::string text;
+    for (const std::string& line : lines) {
+        text += "\n      " + line;
+    }
+    return text.empty() ? " nothing" : text;
+}
+
+// Names what one side has and the other has not.
+void Compare(const char* what, const Lines& expected, const Lines& observed, std::string& difference)
+{
+    if (expected == observed) {
+        return;
+    }
+    Lines missing;
+    Lines surplus = observed;
+    for (const std::string& line : expected) {
+        const auto found = std::find(surplus.begin(), surplus.end(), line);
+        if (found == surplus.end()) {
+            missing.push_back(line);
+        } else {
+            surplus.erase(found);
+        }
+    }
+    difference += std::string("\n    ") + what + ", missing:" + Joined(missing) +
+                  "\n    instead:" + (missing.empty() && surplus.empty() ? " another order" : Joined(surplus));
+}
+
+// The kind of records that a fault in tracing costs, 'E' or 'M'; 0: none.
+char KindLost(const Fault& fault, host::TraceRoutes routes)
+{
+    if (fault.function == "EtwWrite" || fault.function == "EtwRegister") {
+        return 'E';
+    }
+    if (fault.function == "MmGetSystemRoutineAddress") {
+        // Looked up in this order: version, writing, querying, the classic registration and its end. Without version or
+        // classic registration there is still the legacy route, which needs the query.
+        constexpr unsigned kWriting = 1;
+        constexpr unsigned kQuerying = 2;
+        const bool losesQuery = fault.index == kQuerying && (fault.persistent || routes == host::TraceRoutes::kLegacy);
+        const bool losesWriting = fault.index == kWriting || (fault.index < kWriting && fault.persistent);
+        return losesWriting || losesQuery ? 'M' : '\0';
+    }
+    const bool deregisters = fault.function == "IoWMIRegistrationControl" && fault.index != 0;
+    return deregisters || fault.function == "EtwUnregister" ? '\0' : 'M';
+}
+
+// What is left of the records of a sequence when tracing itself fails: all but the one whose write failed, or none of the
+// kind that has nowhere to go.
+Lines Remaining(Lines records, const Fault& fault, host::TraceRoutes routes)
+{
+    const char kind = KindLost(fault, routes);
+    const bool writes = fault.function == "EtwWrite" || fault.function == "WmiTraceMessage";
+    unsigned number = 0;
+    std::erase_if(records, [&](const std::string& record) {
+        return record.front() == kind && (!writes || number++ == fault.index || fault.persistent);
+    });
+    return records;
+}
+
+std::string FirstDifference(const Lines& expected, const Lines& observed)
+{
+    const auto at = std::mismatch(expected.begin(), expected.end(), observed.begin(), observed.end());
+    const auto text = [](const Lines& lines, auto position) { return position == lines.end() ? "none" : *position; };
+    return at.first == expected.end() && at.second == observed.end()
+               ? ""
+               : "  record " + std::to_string(at.first - expected.begin()) + " of " + std::to_string(expected.size()) +
+                     " should be " + text(expected, at.first) + ", but is " + text(observed, at.second) + " of " +
+                     std::to_string(observed.size());
+}
+
+// What unload cannot put right when tracing itself fails.
+Lines TracingLeftovers(const Fault& fault, unsigned struckCount)
+{
+    constexpr unsigned kUnregisterLookUp = 4;  // the fifth look-up of a routine, after that of the classic route
+    if (fault.function == "EtwUnregister") {
+        return Lines(struckCount, "registration at unload");  // the system does not let go
+    }
+    if (fault.function == "MmGetSystemRoutineAddress" && fault.index == kUnregisterLookUp) {
+        return {"registration at unload"};  // the classic provider cannot be given back
+    }
+    if (fault.function == "IoWMIRegistrationControl" && fault.index == 0 && !fault.persistent) {
+        return {"trace handle"};  // deregisters, without having asked whether it was registered
+    }
+    if (fault.function == "IoWMIRegistrationControl" && fault.index != 0) {
+        return {"registration at unload"};
+    }
+    return {};
+}
+
+}  // namespace
+
+Comparison::Comparison(const tests::Container& container, const Plan& plan, std::set<Site>& sites)
+    : plan_(plan), reference_(plan.records != nullptr ? std::nullopt : plan.fault),
+      observed_(std::make_unique<ObservedRun>(
+          container, Options{.fault = plan.fault,
+                             .hideAt = plan.hideAt,
+                             .routes = plan.routes,
+                             .keepsRecords = !plan.fault || plan.records != nullptr,
+                             .onCall = [this](std::uint64_t number, const host::ObservedCall& call) {
+                                 if (KindOf(call.function) == Kind::kFallible) {
+                                     numbers.push_back(number);
+                                 }
+                                 if (plan_.onCall) {
+                                     plan_.onCall(call, observed_->machine());
+                                 }
+                             }}))
+{
+    const host::checks::CrashContext words([this, &container] {
+        return std::string("fault injection on ") + container.name + ": " + plan_.Text() + "; " + Where() +
+               ", platform call " + std::to_string(observed_ ? observed_->calls() : callCount);
+    });
+    Live(plan.sequence);
+    CompareRecords();
+    if (difference.empty() && plan.fault && !HasStruck()) {
+        difference = "  the fault was never reached";
+    }
+    if (!plan_.fault) {
+        calls = reference_.calls();
+    }
+    callCount = observed_->calls();
+    if (difference.empty() && struckAtEnd_ && reference_.Allows(Do::kLoad)) {
+        // An end that went wrong leaves nothing in the way of the next beginning.
+        observed_->machine().faults().Clear();
+        reloaded_ = true;
+        reference_ = reference_.Again();
+        Live(ClassicProvider());
+    }
+    const std::size_t before = sites.size();
+    sites.insert(observed_->sites().begin(), observed_->sites().end());
+    if (sites.size() > before) {
+        observed_->NoteReportsSeen();
+    }
+    observed_.reset();
+}
+
+void Comparison::Live(Sequence sequence)
+{
+    sequence_ = std::move(sequence);
+    for (index_ = 0; index_ < sequence_.size() && difference.empty(); ++index_) {
+        const Op& op = sequence_[index_];
+        if (!reference_.Allows(op.what)) {
+            continue;
+        }
+        const bool struckBefore = HasStruck();
+        Step step = Run(op);
+        const bool isEnd = op.what == Do::kRemove || op.what == Do::kUnload;
+        struckAtEnd_ |= isEnd && !struckBefore && HasStruck();
+        const bool again = (op.what == Do::kLoad || op.what == Do::kAddDevice) && reference_.Allows(op.what);
+        if (again && difference.empty()) {
+            step = Run(op);  // what failed once must be possible now
+        }
+        if (!difference.empty()) {
+            difference = "  " + Where() + difference;
+        }
+        if (step.ends) {
+            break;
+        }
+    }
+}
+
+std::string Comparison::Where() const
+{
+    return std::string(reloaded_ ? "after it, loaded again, " : "") +
+           (index_ < sequence_.size() ? "operation " + std::to_string(index_) + " (" + Text(sequence_[index_]) + ")"
+                                      : "the sequence's end");
+}
+
+void Comparison::CompareRecords()
+{
+    records = observed_->records();
+    std::size_t lostMessages = 0;
+    if (difference.empty() && plan_.records != nullptr) {
+        const Lines remaining = Remaining(*plan_.records, *plan_.fault, plan_.routes);
+        difference = FirstDifference(remaining, records);
+        const bool areMessages = KindLost(*plan_.fault, plan_.routes) == 'M';
+        lostMessages = areMessages ? plan_.records->size() - remaining.size() : 0;
+    }
+    // An error event stands alone only where its message was lost.
+    if (difference.empty() && observed_->badRecords().size() > lostMessages) {
+        difference = "  records:" + Joined(observed_->badRecords());
+    }
+}
+
+Step Comparison::Run(const Op& op)
+{
+    Step expected = reference_.Run(op);
+    Step observed;
+    try {
+        observed = observed_->Run(op);
+    } catch (const host::HostError& error) {
+        difference = std::string("\n    ") + error.what();
+        return expected;
+    }
+    if (expected.status != observed.status) {
+        difference += "\n    status " + expected.status + " expected, seen " + observed.status;
+    }
+    if (plan_.records == nullptr || reloaded_) {
+        Compare("reports", expected.reports, observed.reports, difference);  // else by all records, at the end
+    } else if (op.what == Do::kUnload) {
+        expected.violations = TracingLeftovers(*plan_.fault, observed_->StruckCount());
+    }
+    Compare("callbacks", expected.callbacks, observed.callbacks, difference);
+    Compare("calls", expected.calls, observed.calls, difference);
+    // What is found at unload comes in the host's order.
+    Lines rules[2] = {expected.violations, observed.violations};
+    std::sort(rules[0].begin(), rules[0].end());
+    std::sort(rules[1].begin(), rules[1].end());
+    Compare("violations", rules[0], rules[1], difference);
+    if (expected.ends != observed.ends) {
+        difference += expected.ends ? "\n    it should stand still" : "\n    it stands still";
+    }
+    // Before the fault this sequence is the one without.
+    if (!plan_.fault || reloaded_ || HasStruck()) {
+        Compare("alive", reference_.Alive(), observed_->Alive(), difference);
+    }
+    return expected;
+}
+
+}  // namespace fault_injection

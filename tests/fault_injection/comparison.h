@@ -1,0 +1,54 @@
+// A sequence comparison on both sides, the real driver and the expectation, and what tells them apart.
+#pragma once
+
+#include "tests/fault_injection/observed.h"
+#include "tests/fault_injection/reference_model.h"
+
+#include <memory>
+
+namespace fault_injection {
+
+struct Plan {
+    [[nodiscard]] std::string Text() const { return fault ? fault->Text() : "without a fault"; }
+
+    const Sequence& sequence;
+    std::optional<Fault> fault = {};
+    std::uint64_t hideAt = 0;
+    host::TraceRoutes routes = host::TraceRoutes::kClassic;
+    const Lines* records =
+        nullptr;  // of the sequence without fault: the fault is in tracing, and only records may differ
+    std::function<void(const host::ObservedCall&, host::Machine&)> onCall = {};
+};
+
+// One sequence, comparison on both sides.
+class Comparison {
+public:
+    // Adds the sites that it reaches; a sequence that reaches new ones leaves word of its reports.
+    Comparison(const tests::Container& container, const Plan& plan, std::set<Site>& sites);
+
+    std::string difference;   // "" when all was as expected
+    std::vector<Call> calls;  // of a sequence without a fault
+    Lines records;
+    std::vector<std::uint64_t> numbers;  // of the fallible calls among all platform calls
+    std::uint64_t callCount = 0;
+
+private:
+    void Live(Sequence sequence);
+    Step Run(const Op& op);
+    void CompareRecords();
+    [[nodiscard]] std::string Where() const;  // the operation under way
+    [[nodiscard]] bool HasStruck() const
+    {
+        return plan_.records != nullptr ? observed_->StruckCount() != 0 : reference_.struck() != 0;
+    }
+
+    const Plan& plan_;
+    Sequence sequence_;         // under way
+    std::size_t index_ = 0;     // in the sequence
+    bool reloaded_ = false;     // the fault is over, and the image has been loaded once more
+    bool struckAtEnd_ = false;  // by removal or unload
+    ReferenceModel reference_;
+    std::unique_ptr<ObservedRun> observed_;  // for as long as the sequence lasts: one machine at a time
+};
+
+}  // namespace fault_injection

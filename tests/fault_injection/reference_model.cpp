@@ -1,0 +1,357 @@
+#include "tests/fault_injection/reference_model.h"
+
+#include <algorithm>
+
+namespace fault_injection {
+
+ReferenceModel ReferenceModel::Again() const
+{
+    ReferenceModel again(std::nullopt);
+    again.leakedBlocks_ = leakedBlocks_ + poolBlocks_;
+    again.secondDeletes_ = secondDeletes_;
+    return again;
+}
+
+bool ReferenceModel::Allows(Do what) const
+{
+    switch (what) {
+    case Do::kLoad:
+        return !loaded_;
+    case Do::kAddDevice:
+        return loaded_ && !device_;
+    case Do::kStart:
+        return device_ && !started_;
+    case Do::kUnload:
+        return loaded_ && !device_;
+    case Do::kRemove:
+        return device_ && !file_;
+    case Do::kClose:
+    case Do::kControl:
+        return file_;
+    case Do::kPower:
+        return powerRegistrations_ != 0;
+    case Do::kOpen:
+        return started_ && !file_;
+    default:
+        return started_;
+    }
+}
+
+Step ReferenceModel::Run(const Op& op)
+{
+    step_ = {};
+    std::optional<NTSTATUS> status;
+    switch (op.what) {
+    case Do::kLoad:
+        status = Load();
+        break;
+    case Do::kAddDevice:
+        status = AddDevice();
+        break;
+    case Do::kStart:
+        started_ = true;
+        status = STATUS_SUCCESS;
+        break;
+    case Do::kSleep:
+    case Do::kWake:
+        status = STATUS_SUCCESS;
+        break;
+    case Do::kSurprise:
+        break;
+    case Do::kRemove:
+        EndDevice();
+        break;
+    case Do::kUnload:
+        Unload();
+        break;
+    case Do::kRegister:
+        status = Register(op.a, op.b);
+        break;
+    case Do::kLeave:
+        status = Leave(op.a);
+        break;
+    case Do::kPost:
+        status = Post(op.a, op.b);
+        break;
+    case Do::kSubscribe:
+        status = Subscribe(op.a, op.b, op.c);
+        break;
+    case Do::kUnsubscribe:
+        status = Unsubscribe(op.a, op.b, op.c);
+        break;
+    case Do::kSend:
+        status = Send(op.a, op.b, op.c);
+        break;
+    case Do::kDeliver:
+        Deliver();
+        break;
+    case Do::kAttach:
+        status = Attach(op.a != 0);
+        break;
+    case Do::kDetach:
+        status = Detach();
+        break;
+    case Do::kCount:
+        status = Count(op.a != 0);
+        break;
+    case Do::kDescribe:
+        status = Describe(op.a, op.b);
+        break;
+    case Do::kDump:
+        status = Dump(op.a, op.b != 0, static_cast<NTSTATUS>(op.c));
+        break;
+    case Do::kOpen:
+        status = Open();
+        break;
+    case Do::kClose:
+        Close();
+        break;
+    case Do::kControl:
+        status = Control(op.a);
+        break;
+    case Do::kPower:
+        Power(op.a);
+        break;
+    }
+    step_.status = status ? Hex(*status) : "";
+    return step_;
+}
+
+// ---- Calls that can fail ----
+
+bool ReferenceModel::Strikes(const char* function, const std::string& detail, std::vector<FaultKind> forms)
+{
+    const auto found = counts_.find(std::string_view(function));
+    const unsigned number = found == counts_.end() ? counts_.emplace(function, 1).first->second - 1 : found->second++;
+    if (!fault_) {
+        calls_.push_back({function, detail, std::move(forms)});
+    }
+    if (std::string_view(function) != "WdfGetDriver") {
+        step_.calls.push_back(std::string(function) + (detail.empty() ? "" : " " + detail));
+    }
+    const bool strikes = fault_ && fault_->function == function &&
+                         (number == fault_->index || (fault_->persistent && number > fault_->index));
+    struck_ += strikes ? 1 : 0;
+    return strikes;
+}
+
+NTSTATUS ReferenceModel::Status(const char* function, std::vector<FaultKind> forms)
+{
+    return Strikes(function, "", std::move(forms)) ? fault_->Status() : STATUS_SUCCESS;
+}
+
+bool ReferenceModel::Gives(const char* function, const std::string& detail)
+{
+    return !Strikes(function, detail, {FaultKind::kNull});
+}
+
+NTSTATUS ReferenceModel::Create(const std::string& type)
+{
+    const bool strikes = Strikes("WdfObjectCreate", type, {FaultKind::kError, FaultKind::kInforms});
+    return strikes ? fault_->Status() : STATUS_SUCCESS;
+}
+
+// What the caller makes of a status of the success class is the caller's: some go by the sign, some take only 0.
+NTSTATUS ReferenceModel::Add(const Ref& collection, const Ref& thing, std::vector<FaultKind> forms)
+{
+    const NTSTATUS status = Status("WdfCollectionAdd", std::move(forms));
+    if (status == STATUS_SUCCESS || fault_->form == FaultKind::kInforms) {
+        collection->items.push_back(thing);
+    }
+    return status;
+}
+
+// Every acquire is judged by exactly STATUS_SUCCESS.
+NTSTATUS ReferenceModel::Acquire(const char* lock)
+{
+    const NTSTATUS status = Status("WdfWaitLockAcquire", kExact);
+    if (status == STATUS_SUCCESS) {
+        if (held_.contains(lock)) {
+            step_.violations.emplace_back("self-wait");
+            step_.ends = true;
+        }
+        held_.insert(lock);
+    }
+    return status;
+}
+
+void ReferenceModel::Release(const char* lock)
+{
+    if (held_.erase(lock) == 0) {
+        step_.violations.emplace_back("lock not owned");
+    }
+}
+
+Ref ReferenceModel::Item(const Ref& collection, std::size_t index)
+{
+    const bool gives = Gives("WdfCollectionGetItem");
+    return gives && index < collection->items.size() ? collection->items[index] : nullptr;
+}
+
+Ref ReferenceModel::FirstItem(const Ref& collection)
+{
+    const bool gives = Gives("WdfCollectionGetFirstItem");
+    return gives && !collection->items.empty() ? collection->items.front() : nullptr;
+}
+
+// ---- Objects ----
+
+Ref ReferenceModel::Make(const std::string& kind, const Ref& parent)
+{
+    auto thing = std::make_shared<ModelObject>();
+    thing->kind = kind;
+    if (parent != nullptr) {
+        thing->parent = parent.get();
+        parent->children.push_back(thing);
+    }
+    things_.push_back(thing);
+    return thing;
+}
+
+void ReferenceModel::Delete(const Ref& thing)
+{
+    const Ref keep = thing;
+    if (keep->deleted) {
+        ++secondDeletes_;
+        return;
+    }
+    keep->deleted = true;
+    if (keep->parent != nullptr) {
+        std::erase(keep->parent->children, keep);
+        keep->parent = nullptr;
+    }
+    const std::vector<Ref> children = keep->children;
+    for (const Ref& child : children) {
+        if (!child->deleted) {
+            Delete(child);
+        }
+    }
+}
+
+// A subscription that was deleted while its collection kept it (an add that did its work and was taken for a failure)
+// is no more once it is taken out. No real collection answers so.
+void ReferenceModel::DeleteRemoved(const Ref& thing)
+{
+    if (thing->deleted) {
+        step_.violations.emplace_back("dead handle");
+    } else {
+        Delete(thing);
+    }
+}
+
+void ReferenceModel::Remove(const Ref& collection, const Ref& thing)
+{
+    const auto found = std::find(collection->items.begin(), collection->items.end(), thing);
+    if (found != collection->items.end()) {
+        collection->items.erase(found);
+    }
+}
+
+void ReferenceModel::Enqueue(const std::string& item)
+{
+    if (std::find(queue_.begin(), queue_.end(), item) == queue_.end()) {
+        queue_.push_back(item);
+    }
+}
+
+NTSTATUS ReferenceModel::Fails(const std::string& line, NTSTATUS status)
+{
+    Report(line + ", " + Hex(status));
+    return status;
+}
+
+// ---- The state of things ----
+
+namespace {
+
+std::string Text(const ModelObject& thing)
+{
+    const std::string prefix = thing.deleted ? "deleted " : "";
+    const std::string number = std::to_string(thing.number);
+    if (thing.kind == "client") {
+        std::string text = prefix + "client " + number + " in state " + std::to_string(thing.value) + ", announced " +
+                           std::to_string(thing.added) + std::to_string(thing.refresh);
+        if (const Ref registrations = thing.registrations.lock()) {
+            text += ", subscribed";
+            for (const Ref& item : registrations->items) {
+                text += " " + std::string(item->deleted ? "deleted " : "") + std::to_string(item->other) + "@" +
+                        std::to_string(item->value);
+            }
+        }
+        return text;
+    }
+    if (thing.kind == "state") {
+        return prefix + "state " + number + "=" + std::to_string(thing.value) + " size " + std::to_string(thing.size);
+    }
+    if (thing.kind == "subscription") {
+        return prefix + "subscription " + number + " to " + std::to_string(thing.other) + "@" +
+               std::to_string(thing.value);
+    }
+    if (thing.kind == "command") {
+        return prefix + "command " + number + ">" + std::to_string(thing.other) + " " + std::to_string(thing.value);
+    }
+    return prefix + thing.kind;
+}
+
+std::string Contents(const std::string& name, const Ref& collection)
+{
+    if (collection == nullptr) {
+        return name + " none";
+    }
+    std::string text = name;
+    for (const Ref& item : collection->items) {
+        text += " [" + Text(*item) + "]";
+    }
+    return text;
+}
+
+}  // namespace
+
+Lines ReferenceModel::Alive() const
+{
+    Lines lines;
+    if (!loaded_) {
+        return lines;
+    }
+    for (const auto& weak : things_) {
+        const Ref thing = weak.lock();
+        if (thing == nullptr || thing == driver_) {
+            continue;
+        }
+        const std::string parent = thing->parent == nullptr          ? "nobody"
+                                   : thing->parent->kind == "client" ? "client " + std::to_string(thing->parent->number)
+                                                                     : thing->parent->kind;
+        lines.push_back(Text(*thing) + " of " + parent);
+    }
+    for (const auto& [name, count] : others_) {
+        for (int index = 0; index < count; ++index) {
+            lines.push_back(name + (name == "wait lock" || name == "device" ? " of driver" : " of device"));
+        }
+    }
+    std::sort(lines.begin(), lines.end());
+    lines.push_back(Contents("clients", clients_));
+    lines.push_back(Contents("add queue", addQueue_));
+    lines.push_back(Contents("remove queue", removeQueue_));
+    lines.push_back(Contents("states", states_));
+    lines.push_back(Contents("commands", commands_));
+    lines.push_back(std::string("attached ") + (wpcd_ != nullptr ? "1" : "0"));
+    lines.push_back(std::string("power callback ") + (powerCallback_ ? "1" : "0"));
+    lines.push_back("driver referenced " + std::to_string(references_));
+    lines.push_back("context fields " + std::to_string(fields_.size()));
+    lines.push_back("second deletes " + std::to_string(secondDeletes_));
+    lines.push_back("pool " + std::to_string(leakedBlocks_ + poolBlocks_));
+    std::string text = "held";
+    for (const std::string& lock : held_) {
+        text += " " + lock;
+    }
+    lines.push_back(text);
+    text = "queued";
+    std::set<std::string> sorted(queue_.begin(), queue_.end());
+    for (const std::string& item : sorted) {
+        text += " " + item;
+    }
+    lines.push_back(text);
+    return lines;
+}
+
+}  // namespace fault_injection

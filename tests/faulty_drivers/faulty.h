@@ -1,0 +1,87 @@
+// What the driver that breaks rules shares with its tests: one interface, by which a test picks a scenario, takes over
+// the driver's callbacks, or calls the framework with the driver's own table and globals.
+#pragma once
+
+#include <ntddk.h>
+
+#include <wdf.h>
+
+inline constexpr GUID kFaultyInterface = {0x6B1F0C52, 0x77A1, 0x4E0B, {0x9D, 0x31, 0x52, 0x0A, 0xC4, 0x18, 0x7F, 0x90}};
+
+// Each breaks exactly one rule.
+enum class Scenario : ULONG {
+    kNullHandle,
+    kWrongType,
+    kDeadHandle,
+    kForeignHandle,
+    kRequiredParameter,
+    kBadParameter,
+    kDeleteNotAllowed,
+    kReferenceUnderflow,
+    kStolenReference,
+    kCollectionIndex,
+    kCollectionStranger,
+    kLockNotOwned,
+    kStrangersRelease,
+    kOrderInversion,
+    kAboveItsLevel,
+    kSelfWait,
+    kDeadlock,
+    kWorkItemGone,
+    kPoolWrongTag,
+    kPoolDoubleFree,
+    kPoolOverrun,
+    kTraceHandle,
+    kTraceHandleTwice,
+    kNotProvided,
+    kBugCheck,
+    kFastFail,
+    kKernelReference,
+    kLockKept,  // by a work item's run, which is queued
+    // What these leave behind shows at unload.
+    kLeavesPool,
+    kLeavesRegistration,
+    kLeavesReference,
+    kLeavesTracing,
+    // These do not come back.
+    kTouchesHandle,
+    kTouchesFreedContext,
+    kTouchesBehindPool,
+    kTrap,
+    kTraceNull,
+    kCallbackStranger,
+    kRacyPrepare,  // makes the object that the next one deletes
+    kRacyDelete,   // right on one thread; on two both may find the object
+};
+
+// How the request of an I/O control is dealt with, by its control code.
+enum Control : ULONG {
+    kCompletes = 4,
+    kCompletesTwice = 8,
+    kClaimsTooMuch = 12,
+    kNeverCompletes = 16,
+};
+
+// The driver's callbacks go on to these when they are set.
+struct FaultyHooks {
+    void(NTAPI* Work)(WDFWORKITEM item);
+    void(NTAPI* FileCreate)(WDFREQUEST request, WDFFILEOBJECT file);
+    void(NTAPI* FileClose)(WDFFILEOBJECT file);
+    NTSTATUS(NTAPI* Step)(const char* step);  // "prepare", "D0 entry from D3Final", ...
+};
+
+struct FaultyTable {
+    INTERFACE Header;
+    void(NTAPI* Run)(Scenario scenario);
+    FaultyHooks* Hooks;
+    const WDFFUNC* Functions;
+    PWDF_DRIVER_GLOBALS Globals;
+    WDFDEVICE Device;
+    WDFQUEUE Queue;
+    WDFWORKITEM WorkItem;
+    WDFREQUEST* Pending;  // the last request that was kept
+};
+
+struct BROKEN_CONTEXT {
+    ULONG Numbers[10];
+};

@@ -1,0 +1,140 @@
+// The scheduler itself: it finds a race that needs one preemption, and what it prints replays it.
+#include "host/schedule/controlled_scheduler.h"
+#include "tests/host/faulty_driver_fixture.h"
+
+#include <gtest/gtest.h>
+
+namespace tests {
+namespace {
+
+using host::schedule::ControlledScheduler;
+
+// The rules broken in one schedule of two threads that delete one object.
+std::vector<Rule> RunRace(ControlledScheduler& scheduler)
+{
+    FaultyDriverFixture fixture;
+    fixture.table.Run(Scenario::kRacyPrepare);
+    scheduler.Run(fixture.machine, {{"one", [&] { fixture.table.Run(Scenario::kRacyDelete); }},
+                                    {"two", [&] { fixture.table.Run(Scenario::kRacyDelete); }}});
+    return fixture.TakeRules();
+}
+
+TEST(ControlledScheduler, FindsARaceAndReplaysIt)
+{
+    ControlledScheduler walk({.preemptions = 1});
+    std::string schedule;
+    unsigned found = 0;
+    while (walk.Next()) {
+        if (!RunRace(walk).empty()) {
+            schedule = walk.Schedule();
+            ++found;
+        }
+    }
+    EXPECT_TRUE(walk.IsComplete());
+    ASSERT_GE(found, 1u);
+    EXPECT_LT(found, walk.Count());
+    for (unsigned again = 0; again < 3; ++again) {
+        ControlledScheduler replay({.replay = schedule});
+        ASSERT_TRUE(replay.Next());
+        EXPECT_FALSE(RunRace(replay).empty()) << schedule;
+        EXPECT_EQ(replay.Schedule(), schedule);
+        EXPECT_FALSE(replay.Next());
+    }
+}
+
+TEST(ControlledScheduler, WithoutPreemptionsTheRaceStaysHidden)
+{
+    ControlledScheduler walk({.preemptions = 0});
+    while (walk.Next()) {
+        EXPECT_TRUE(RunRace(walk).empty()) << walk.Schedule();
+    }
+    EXPECT_EQ(walk.Count(), 2u);  // either thread first
+}
+
+TEST(ControlledScheduler, RandomPrioritiesFindItToo)
+{
+    ControlledScheduler random({.preemptions = 2, .everyCall = true, .random = 200, .seed = 3});
+    unsigned found = 0;
+    while (random.Next()) {
+        found += RunRace(random).empty() ? 0 : 1;
+    }
+    EXPECT_GE(found, 1u);
+    EXPECT_EQ(random.Count(), 200u);
+}
+
+// Two threads that take two locks in opposite orders, in one schedule: how many of them stood still for ever.
+unsigned RunCircle(ControlledScheduler& scheduler)
+{
+    FaultyDriverFixture fixture;
+    const WDFWAITLOCK first = NewLock();
+    const WDFWAITLOCK second = NewLock();
+    const auto takeBoth = [](WDFWAITLOCK outer, WDFWAITLOCK inner) {
+        (void)WdfWaitLockAcquire(outer, nullptr);
+        (void)WdfWaitLockAcquire(inner, nullptr);
+        WdfWaitLockRelease(inner);
+        WdfWaitLockRelease(outer);
+    };
+    unsigned parked = 0;
+    for (const host::Outcome& outcome : scheduler.Run(
+             fixture.machine, {{"one", [&] { takeBoth(first, second); }}, {"two", [&] { takeBoth(second, first); }}})) {
+        parked += outcome.parked ? 1 : 0;
+    }
+    EXPECT_EQ(fixture.machine.violations().Take(Rule::kLockOrder).size(), 1u);
+    EXPECT_EQ(fixture.machine.violations().Take(Rule::kDeadlock).size(), parked);
+    if (parked != 0) {
+        fixture.Abandon();
+    }
+    return parked;
+}
+
+TEST(ControlledScheduler, FindsADeadlockAndReplaysIt)
+{
+    ControlledScheduler walk({.preemptions = 1});
+    std::string schedule;
+    while (walk.Next()) {
+        const unsigned parked = RunCircle(walk);
+        EXPECT_TRUE(parked == 0 || parked == 2) << parked << " in " << walk.Schedule();
+        if (parked == 2) {
+            schedule = walk.Schedule();
+        }
+    }
+    EXPECT_TRUE(walk.IsComplete());
+    ASSERT_FALSE(schedule.empty());
+    ControlledScheduler replay({.replay = schedule});
+    ASSERT_TRUE(replay.Next());
+    EXPECT_EQ(RunCircle(replay), 2u);
+    EXPECT_EQ(replay.Schedule(), schedule);
+}
+
+TEST(ControlledScheduler, RefusesAScheduleThatIsNone)
+{
+    EXPECT_THROW(ControlledScheduler({.replay = "locks 12>"}), host::HostError);
+}
+
+TEST(ControlledScheduler, AScheduleThatIsLeftIsNoResult)
+{
+    // Of other code: no such point, or no such thread there.
+    for (const char* schedule : {"locks 500>1", "locks 0>7"}) {
+        ControlledScheduler replay({.replay = schedule});
+        ASSERT_TRUE(replay.Next());
+        EXPECT_THROW((void)RunRace(replay), host::HostError) << schedule;
+    }
+    // Of code that does something else every time.
+    ControlledScheduler walk({.preemptions = 1});
+    unsigned turn = 0;
+    const auto play = [&] {
+        FaultyDriverFixture fixture;
+        const WDFWAITLOCK lock = NewLock();
+        const auto take = [&, times = ++turn % 2 == 0 ? 1u : 3u] {
+            for (unsigned time = 0; time < times; ++time) {
+                (void)WdfWaitLockAcquire(lock, nullptr);
+                WdfWaitLockRelease(lock);
+            }
+        };
+        (void)walk.Run(fixture.machine, {{"one", take}, {"two", take}});
+    };
+    EXPECT_THROW(while (walk.Next()) { play(); }, host::HostError);
+}
+
+}  // namespace
+}  // namespace tests

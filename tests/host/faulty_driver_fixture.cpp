@@ -1,0 +1,119 @@
+#include "tests/host/faulty_driver_fixture.h"
+
+#include <filesystem>
+#include <fstream>
+const WDFFUNC* WdfFunctions_01015;
+PWDF_DRIVER_GLOBALS WdfDriverGlobals;
+
+namespace tests {
+namespace {
+
+std::vector<std::string> g_steps;
+
+NTSTATUS NTAPI RecordStep(const char* step)
+{
+    g_steps.emplace_back(step);
+    return step == failingStep ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+}
+
+}  // namespace
+
+std::string failingStep;
+
+FaultyDriverFixture::FaultyDriverFixture(host::MachineOptions options)
+    : machine(options), driver(machine.Boot(FAULTY_DRIVER, "broken"))
+{
+    EXPECT_EQ(driver.QueryInterface(kFaultyInterface, std::as_writable_bytes(std::span(&table, 1)), 2), STATUS_SUCCESS);
+    WdfFunctions_01015 = table.Functions;
+    WdfDriverGlobals = table.Globals;
+    table.Hooks->Step = RecordStep;
+    g_steps.clear();
+    failingStep.clear();
+}
+
+FaultyDriverFixture::~FaultyDriverFixture()
+{
+    if (!ended_) {
+        End();
+    }
+    EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
+}
+
+void FaultyDriverFixture::End()
+{
+    ended_ = true;
+    if (driver.HasDevice()) {
+        driver.SurpriseRemoveDevice();
+        EXPECT_FALSE(driver.RemoveDevice().parked);
+    }
+    driver.Unload();
+}
+
+void NoteFaulty(Rule rule)
+{
+    const std::filesystem::path folder = ZEPN_RULES_BROKEN;
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder / Name(rule)) << "";
+}
+
+std::vector<Rule> FaultyDriverFixture::TakeRules()
+{
+    text_.clear();
+    std::vector<Rule> rules;
+    for (const Violation& violation : machine.violations().Take()) {
+        rules.push_back(violation.rule);
+        text_ += violation.Text() + "\n";
+    }
+    return rules;
+}
+
+Violation FaultyDriverFixture::TakeFaulty(Rule rule, const std::string& place, std::size_t count)
+{
+    const std::vector<Violation> all = machine.violations().All();
+    EXPECT_EQ(TakeRules(), std::vector(count, rule)) << Text();
+    if (all.empty()) {
+        return {};
+    }
+    EXPECT_EQ(all[0].caller.find(place.empty() ? "host" : "faulty.so!" + place + "+0x"), 0u) << all[0].caller;
+    if (!testing::Test::HasFailure()) {
+        NoteFaulty(rule);
+    }
+    return all[0];
+}
+
+void FaultyDriverFixture::OnThread(const std::string& name, const std::function<void()>& work)
+{
+    const host::Outcome outcome = machine.OnThread(name, work);
+    EXPECT_FALSE(outcome.parked) << outcome.reason;
+}
+
+std::vector<std::string> FaultyDriverFixture::TakeSteps()
+{
+    return std::exchange(g_steps, {});
+}
+
+WDFOBJECT NewObject(WDFOBJECT parent)
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = parent;
+    WDFOBJECT object = nullptr;
+    EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
+    return object;
+}
+
+WDFWAITLOCK NewLock()
+{
+    WDFWAITLOCK lock = nullptr;
+    EXPECT_EQ(WdfWaitLockCreate(nullptr, &lock), STATUS_SUCCESS);
+    return lock;
+}
+
+WDFCOLLECTION NewCollection()
+{
+    WDFCOLLECTION collection = nullptr;
+    EXPECT_EQ(WdfCollectionCreate(nullptr, &collection), STATUS_SUCCESS);
+    return collection;
+}
+
+}  // namespace tests

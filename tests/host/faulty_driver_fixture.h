@@ -1,0 +1,77 @@
+// A machine with the rule-breaking driver started. The test may call the framework as that driver: wdf.h's functions go
+// through the driver's own table and globals, which every new fixture puts in place.
+#pragma once
+
+#include "host/machine.h"
+#include "tests/faulty_drivers/faulty.h"
+#include "tests/kit/death.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace tests {
+
+using host::checks::Rule;
+using host::checks::Violation;
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+// Leaves word that a driver broke this rule in its own code and was caught, for the test every_rule_has_a_faulty_driver.
+void NoteFaulty(Rule rule);
+
+class FaultyDriverFixture {
+public:
+    explicit FaultyDriverFixture(host::MachineOptions options = {});
+
+    // Takes the driver down unless End has, and expects that nothing is left to report.
+    ~FaultyDriverFixture();
+    FaultyDriverFixture(const FaultyDriverFixture&) = delete;
+    FaultyDriverFixture& operator=(const FaultyDriverFixture&) = delete;
+
+    // Surprise removal, removal and unload.
+    void End();
+
+    // The driver cannot be taken down: one of its threads is parked.
+    void Abandon() { ended_ = true; }
+
+    // The rules of all violations so far, oldest first, which are taken; Text shows them.
+    std::vector<Rule> TakeRules();
+    [[nodiscard]] const std::string& Text() const { return text_; }
+
+    // Takes all violations: they are of this rule, so many, and the first, which it returns, names the place in the
+    // driver that broke it: a function of the driver's, or none (empty) for what the driver has not done.
+    Violation TakeFaulty(Rule rule, const std::string& place, std::size_t count = 1);
+
+    // Runs driver code on a thread of its own and expects that it comes back.
+    void OnThread(const std::string& name, const std::function<void()>& work);
+
+    // What the driver's power and plug-and-play callbacks were called for since the last call.
+    std::vector<std::string> TakeSteps();
+
+    host::Machine machine;
+    host::Driver& driver;
+    FaultyTable table{};
+
+private:
+    std::string text_;
+    bool ended_ = false;
+};
+
+// The driver's callbacks for plug and play fail at this step; empty: none.
+extern std::string failingStep;
+
+[[nodiscard]] WDFOBJECT NewObject(WDFOBJECT parent = nullptr);
+[[nodiscard]] WDFWAITLOCK NewLock();
+[[nodiscard]] WDFCOLLECTION NewCollection();
+
+}  // namespace tests

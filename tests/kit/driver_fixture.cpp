@@ -1,0 +1,285 @@
+#include <initguid.h>  // before all: this file holds the interfaces' identifiers
+
+#include "tests/kit/driver_fixture.h"
+
+#include "host/schedule/yield.h"
+#include "tests/kit/reports_seen.h"
+#include "tests/kit/lock_order.h"
+
+#include <algorithm>
+
+namespace tests {
+namespace {
+
+using host::schedule::YieldKind;
+using host::schedule::YieldPoint;
+
+std::string OutFolder()
+{
+    return std::string(ZEPN_ROOT) + "/out";
+}
+
+NTSTATUS NTAPI OnCommandCallback(PVOID context, ULONG id, const ZepCommandInfo* info, PULONG state)
+{
+    YieldPoint(YieldKind::kClientCode, "CommandCallback");
+    auto& peer = *static_cast<Peer*>(context);
+    peer.commands.emplace_back(id, *info);
+    if (peer.onCommand) {
+        peer.onCommand(id, *state);
+    }
+    return STATUS_UNSUCCESSFUL;  // nobody may care
+}
+
+NTSTATUS NTAPI OnAppsStateCallback(PVOID context, ULONG reason, PULONG state)
+{
+    YieldPoint(YieldKind::kClientCode, "AppsStateNotificationCallback");
+    auto& peer = *static_cast<Peer*>(context);
+    EXPECT_EQ(reason, ZEP_APPS_STATE_REASON_CHANGED);
+    ++peer.appsStateCalls;
+    if (peer.onAppsState) {
+        peer.onAppsState(*state);
+    }
+    return STATUS_UNSUCCESSFUL;
+}
+
+}  // namespace
+
+const host::tracing::Manifest& TheManifest()
+{
+    static const host::tracing::Manifest manifest(OutFolder() + "/manifest/zepn.man");
+    return manifest;
+}
+
+const host::tracing::MessageFormats& TheFormats()
+{
+    static const host::tracing::MessageFormats formats(OutFolder() + "/manifest");
+    return formats;
+}
+
+std::vector<Container> Containers()
+{
+    std::vector<Container> containers = {{"native", ZEPN_NATIVE_DRIVER}};
+#if defined(__x86_64__)
+    containers.push_back({"x64", OutFolder() + "/x64/zepn.sys"});
+#else
+    containers.push_back({"arm64", OutFolder() + "/arm64/zepn.sys"});
+#endif
+    return containers;
+}
+
+std::string ContainerName(const testing::TestParamInfo<Container>& info)
+{
+    return info.param.name;
+}
+
+Peer::Peer(ULONG number) : guid{number, 0x1111, 0x2222, {1, 2, 3, 4, 5, 6, 7, 8}}
+{
+}
+
+Peer& Peer::TakesCommands()
+{
+    callbacks.CommandCallback = &OnCommandCallback;
+    return *this;
+}
+
+Peer& Peer::HearsAppsState()
+{
+    callbacks.AppsStateNotificationCallback = &OnAppsStateCallback;
+    return *this;
+}
+
+DriverFixture::DriverFixture(const Container& container, FixtureOptions options)
+    : machine(options.machine), container_(container), options_(options), manifest_(TheManifest()),
+      formats_(TheFormats())
+{
+    if (options_.records) {
+        machine.tracing().OpenEventSession({kProvider, 0});
+        machine.tracing().OpenMessageSession({kControl, 5, 3});
+    }
+    if (options_.boots) {
+        Load();
+        EXPECT_EQ(driver->AddDevice(), STATUS_SUCCESS);
+        Start();
+        (void)TakeReports();
+        (void)TakeRecords();
+    }
+}
+
+void DriverFixture::Load()
+{
+    driver = &machine.Load(container_.image, kService);
+}
+
+void DriverFixture::Start()
+{
+    EXPECT_EQ(driver->StartDevice(), STATUS_SUCCESS);
+    EXPECT_EQ(driver->QueryInterface(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, std::as_writable_bytes(std::span(&helper, 1)),
+                                     ZEP_NOTIFIER_INTERFACE_VERSION),
+              STATUS_SUCCESS);
+    EXPECT_EQ(driver->QueryInterface(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, std::as_writable_bytes(std::span(&wpcd, 1)),
+                                     ZEP_NOTIFIER_INTERFACE_VERSION),
+              STATUS_SUCCESS);
+    DeclareLockOrder(machine, *driver);
+}
+
+void DriverFixture::TakeDown()
+{
+    machine.faults().Clear();
+    if (driver == nullptr || !driver->IsLoaded()) {
+        return;
+    }
+    if (driver->HasDevice()) {
+        driver->SurpriseRemoveDevice();
+        if (driver->RemoveDevice().parked) {
+            return;  // the driver cannot go; the test has taken the violation, or it shows below
+        }
+    }
+    driver->Unload();
+}
+
+DriverFixture::~DriverFixture()
+{
+    TakeDown();
+    for (const auto& violation : machine.violations().All()) {
+        ADD_FAILURE() << violation.Text();
+    }
+    CheckReports();
+    if (options_.records) {
+        NoteReportsSeen(machine.tracing(), manifest_);
+    }
+}
+
+NTSTATUS DriverFixture::Register(Peer& peer, ULONG entryCount, const ZepDataEntry* entries)
+{
+    return helper.Notifier_HelperInit(&peer.guid, "name", "description", &peer.callbacks, entries, entryCount, &peer);
+}
+
+NTSTATUS DriverFixture::Post(const Peer& peer, ULONG state)
+{
+    const ZepState record{.Size = 32, .InterfaceGUID = peer.guid, .State = state, .Reserved = 0};
+    return helper.Notifier_HelperSendState(&record);
+}
+
+NTSTATUS DriverFixture::Subscribe(Peer& subscriber, const Peer& target, ULONG state)
+{
+    const ZepState filter{.Size = 32, .InterfaceGUID = target.guid, .State = state, .Reserved = 0};
+    return helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &OnState);
+}
+
+NTSTATUS DriverFixture::Unsubscribe(const Peer& subscriber, const Peer& target, ULONG state)
+{
+    // Size and the last word take no part.
+    const ZepState filter{.Size = 1, .InterfaceGUID = target.guid, .State = state, .Reserved = 7};
+    return helper.Notifier_HelperDeregisterForStateNotification(&subscriber.guid, &filter);
+}
+
+NTSTATUS DriverFixture::Leave(const Peer& peer)
+{
+    return helper.Notifier_HelperClientDeinit(&peer.guid);
+}
+
+NTSTATUS DriverFixture::Send(const Peer& sender, const Peer& target, ULONG id, ULONG argument)
+{
+    const ZepCommand command{.Size = 0xBAD,
+                             .CommandArgument = argument,
+                             .SourceGuid = sender.guid,
+                             .TargetGuid = target.guid,
+                             .CommandId = id};
+    return helper.Notifier_HelperSendCommand(&command);
+}
+
+void DriverFixture::Deliver()
+{
+    for (const host::Outcome& outcome : machine.RunWorkItems().parked) {
+        ADD_FAILURE() << outcome.reason;
+    }
+}
+
+NTSTATUS DriverFixture::OnState(PVOID context, const ZepState* state, PULONG response)
+{
+    YieldPoint(YieldKind::kClientCode, "StateNotificationCallback");
+    auto& peer = *static_cast<Peer*>(context);
+    peer.deliveries.push_back(*state);
+    peer.responsesAtEntry.push_back(*response);
+    if (peer.onState) {
+        peer.onState(*state, *response);
+    }
+    return STATUS_UNSUCCESSFUL;
+}
+
+DriverContext DriverFixture::Context()
+{
+    const auto context = machine.inspect().Context<DriverContext>(driver->Handle(), kDriverContextName);
+    EXPECT_TRUE(context.has_value());
+    return context.value_or(DriverContext{});
+}
+
+std::size_t DriverFixture::Count(WDFCOLLECTION collection)
+{
+    const auto view = machine.inspect().Find(collection);
+    EXPECT_TRUE(view.has_value());
+    return view ? view->items.size() : 0;
+}
+
+std::optional<ClientContext> DriverFixture::Client(const Peer& peer)
+{
+    const auto clients = machine.inspect().Find(Context().clients);
+    for (const WDFOBJECT item : clients->items) {
+        const auto context = machine.inspect().Context<ClientContext>(item, kClientContextName);
+        if (context && memcmp(&context->guid, &peer.guid, sizeof(GUID)) == 0) {
+            return context;
+        }
+    }
+    return std::nullopt;
+}
+
+std::size_t DriverFixture::Alive(const char* contextName)
+{
+    return machine.inspect().WithContext(contextName).size();
+}
+
+std::size_t DriverFixture::AnswersKept()
+{
+    const std::vector<host::framework::ObjectView> drivers =
+        machine.inspect().Objects(host::framework::ObjectType::kDriver);
+    return static_cast<std::size_t>(
+        std::ranges::count_if(machine.inspect().WithContext(kStateContextName),
+                              [&](const auto& state) { return state.parent == drivers.front().handle; }));
+}
+
+std::size_t DriverFixture::Queued()
+{
+    return machine.QueuedWorkItems();
+}
+
+void DriverFixture::Fail(const char* function, NTSTATUS status, unsigned skip)
+{
+    ++faultsArmed_;
+    machine.faults().Add({.function = function, .caller = "", .detail = "", .skip = skip, .status = status});
+}
+
+void DriverFixture::Lose(const char* function, const char* detail, unsigned skip, unsigned count)
+{
+    ++faultsArmed_;
+    machine.faults().Add({.function = function,
+                          .caller = "",
+                          .detail = detail,
+                          .skip = skip,
+                          .count = count,
+                          .form = host::checks::FaultForm::kNull});
+}
+
+void DriverFixture::HideDriver()
+{
+    ++faultsArmed_;
+    machine.faults().Add({.function = "WdfGetDriver", .caller = "", .detail = ""});
+}
+
+void DriverFixture::EndFaults()
+{
+    EXPECT_GE(machine.faults().StruckCount(), faultsArmed_) << "a fault was never reached";
+    faultsArmed_ = 0;
+    machine.faults().Clear();
+}
+
+}  // namespace tests

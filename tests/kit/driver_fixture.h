@@ -1,0 +1,156 @@
+// A machine with the driver loaded and its device started, peers that answer as told, and every report recorded.
+//
+// At its end a fixture takes everything down, expects no violation that the test did not take, and checks that every
+// error event was written together with its trace message and decodes by the files that ship.
+#pragma once
+
+#include "host/machine.h"
+#include "host/tracing/decode.h"
+#include "driver/include/zepn_notifier.h"
+#include "tests/kit/contexts.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tests {
+
+using namespace layout;  // the contexts of the driver, by their names
+
+// Where the driver runs: the same cases for each.
+struct Container {
+    const char* name;
+    std::string image;
+};
+inline void PrintTo(const Container& container, std::ostream* out)
+{
+    *out << container.name;
+}
+[[nodiscard]] std::vector<Container> Containers();
+[[nodiscard]] std::string ContainerName(const testing::TestParamInfo<Container>& info);
+
+// The files that decode the driver's reports, read once in a process.
+[[nodiscard]] const host::tracing::Manifest& TheManifest();
+[[nodiscard]] const host::tracing::MessageFormats& TheFormats();
+
+// Registers a suite of cases for all containers.
+#define FOR_ALL_CONTAINERS(suite)                                                                                      \
+    INSTANTIATE_TEST_SUITE_P(On, suite, testing::ValuesIn(::tests::Containers()), ::tests::ContainerName)
+
+inline constexpr GUID kProvider = {0x84CD9D5E, 0x9773, 0x4BA7, {0xA7, 0x09, 0x72, 0xF0, 0x79, 0xE8, 0x1C, 0xDE}};
+inline constexpr GUID kControl = {0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
+inline constexpr const char* kService = "zepn";
+
+// A client driver. Its GUID's first number tells it apart; deliveries and commands are recorded.
+struct Peer {
+    explicit Peer(ULONG number);
+
+    GUID guid;
+    ActionCallbackTable callbacks{};
+    std::vector<ZepState> deliveries;
+    std::vector<ULONG> responsesAtEntry;
+    std::vector<std::pair<ULONG, ZepCommandInfo>> commands;
+    unsigned appsStateCalls = 0;
+    std::function<void(const ZepState&, ULONG&)> onState;
+    std::function<void(ULONG id, ULONG& state)> onCommand;
+    std::function<void(ULONG& state)> onAppsState;
+
+    // Puts the command and application-state callbacks into the table.
+    Peer& TakesCommands();
+    Peer& HearsAppsState();
+};
+
+struct FixtureOptions {
+    host::MachineOptions machine{};
+    bool records = true;  // event and trace-message sessions at full level from before the load
+    bool boots = true;    // load, add, start
+};
+
+class DriverFixture {
+public:
+    explicit DriverFixture(const Container& container, FixtureOptions options = {});
+    ~DriverFixture();
+    DriverFixture(const DriverFixture&) = delete;
+    DriverFixture& operator=(const DriverFixture&) = delete;
+
+    host::Machine machine;
+    host::Driver* driver = nullptr;
+    ZEP_NOTIFIER_HELPER_INTERFACE helper{};
+    ZEP_NOTIFIER_WPCD_INTERFACE wpcd{};
+
+    void Load();
+    void Start();
+
+    // Ends whatever still exists: device, driver. Called by the destructor too.
+    void TakeDown();
+
+    // The driver cannot be taken down any more: a thread stands still inside it. Its machine goes as it is.
+    void Abandon() { driver = nullptr; }
+
+    // ---- Peers ----
+
+    NTSTATUS Register(Peer& peer, ULONG entryCount = 0, const ZepDataEntry* entries = nullptr);
+    NTSTATUS Post(const Peer& peer, ULONG state);
+    NTSTATUS Subscribe(Peer& subscriber, const Peer& target, ULONG state);
+    NTSTATUS Unsubscribe(const Peer& subscriber, const Peer& target, ULONG state);
+    NTSTATUS Leave(const Peer& peer);
+    NTSTATUS Send(const Peer& sender, const Peer& target, ULONG id, ULONG argument = 0);
+    // Runs queued work; no run may park.
+    void Deliver();
+    static NTSTATUS NTAPI OnState(PVOID context, const ZepState* state, PULONG response);
+
+    // ---- Inner state ----
+
+    [[nodiscard]] DriverContext Context();
+    [[nodiscard]] std::size_t Count(WDFCOLLECTION collection);
+    [[nodiscard]] std::optional<ClientContext> Client(const Peer& peer);
+    // Live objects that carry a context of this type.
+    [[nodiscard]] std::size_t Alive(const char* contextName);
+    // Of the live objects with a state: those that broadcasts left for the driver's end, one for each answer.
+    [[nodiscard]] std::size_t AnswersKept();
+    [[nodiscard]] std::size_t Queued();
+
+    // ---- Faults ----
+
+    // The next call (after `skip` others) of a platform function fails with a status.
+    void Fail(const char* function, NTSTATUS status, unsigned skip = 0);
+    // ... returns NULL. Detail narrows typed-context look-ups to one context type.
+    void Lose(const char* function, const char* detail = "", unsigned skip = 0, unsigned count = 1);
+    void HideDriver();
+    // Clears all faults; every one of them must have struck.
+    void EndFaults();
+
+    // ---- Reports ----
+
+    // Error and warning events since the last call, one line each: "1 Notifier_HelperInit: WdfObjectCreate,
+    // 0xC0000001". Handles read as what they are: <driver>, <clients>, <object>.
+    [[nodiscard]] std::vector<std::string> TakeReports();
+    // Every record since the last call, in order: "E44 DriverEntry", "M10 DriverEntry".
+    [[nodiscard]] std::vector<std::string> TakeRecords();
+
+private:
+    [[nodiscard]] std::string HandleName(std::uint64_t handle);
+    void CheckReports();
+
+    const Container container_;
+    const FixtureOptions options_;
+    const host::tracing::Manifest& manifest_;
+    const host::tracing::MessageFormats& formats_;
+    std::size_t eventsSeen_ = 0;
+    std::uint64_t recordsSeen_ = 0;
+    unsigned faultsArmed_ = 0;
+};
+
+// The base of behaviour tests: one container each.
+class OnContainer : public testing::TestWithParam<Container> {};
+
+using Lines = std::vector<std::string>;
+
+}  // namespace tests

@@ -1,0 +1,118 @@
+// What the driver reported, in words, and what must hold for all of it.
+#include "tests/kit/driver_fixture.h"
+
+#include "tests/kit/one_report.h"
+
+#include <algorithm>
+#include <map>
+
+namespace tests {
+
+std::string DriverFixture::HandleName(std::uint64_t handle)
+{
+    const auto pointer = reinterpret_cast<WDFOBJECT>(handle);
+    if (driver != nullptr && driver->IsLoaded() && pointer == driver->Handle()) {
+        return "<driver>";
+    }
+    if (driver != nullptr && driver->IsLoaded()) {
+        const auto context = machine.inspect().Context<DriverContext>(driver->Handle(), kDriverContextName);
+        if (context && pointer == context->clients) {
+            return "<clients>";
+        }
+        if (context && pointer == context->states) {
+            return "<states>";
+        }
+        if (context && pointer == context->commands) {
+            return "<commands>";
+        }
+        if (context && pointer == context->addQueue) {
+            return "<add queue>";
+        }
+        if (context && pointer == context->removeQueue) {
+            return "<remove queue>";
+        }
+    }
+    const auto object = machine.inspect().Find(pointer);
+    if (!object) {
+        return "<gone>";
+    }
+    return object->type == host::framework::ObjectType::kGeneral
+               ? "<object>"
+               : std::string("<") + host::framework::Name(object->type) + ">";
+}
+
+Lines DriverFixture::TakeReports()
+{
+    constexpr std::uint8_t kWarning = 3;
+    Lines lines;
+    const auto events = machine.tracing().Events();
+    for (; eventsSeen_ < events.size(); ++eventsSeen_) {
+        if (events[eventsSeen_].descriptor.Level > kWarning) {
+            continue;
+        }
+        const auto decoded = manifest_.Decode(events[eventsSeen_]);
+        if (!decoded) {
+            lines.push_back("undecodable event " + std::to_string(events[eventsSeen_].descriptor.Id));
+            continue;
+        }
+        std::string line = std::to_string(decoded->id) + " " + decoded->fields[0].text + ":";
+        for (std::size_t index = 1; index < decoded->fields.size(); ++index) {
+            const auto& field = decoded->fields[index];
+            const bool isHandle = field.name == "Object" || field.name == "Collection";
+            line += (index == 1 ? " " : ", ") + (isHandle ? HandleName(field.number) : field.text);
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+Lines DriverFixture::TakeRecords()
+{
+    std::vector<std::pair<std::uint64_t, std::string>> records;
+    for (const auto& event : machine.tracing().Events()) {
+        const auto decoded = manifest_.Decode(event);
+        records.emplace_back(event.order, "E" + std::to_string(event.descriptor.Id) + " " +
+                                              (decoded ? decoded->fields[0].text : "undecodable"));
+    }
+    for (const auto& message : machine.tracing().Messages()) {
+        const auto decoded = formats_.Decode(message);
+        records.emplace_back(message.order, "M" + std::to_string(message.number) + " " +
+                                                (decoded ? decoded->function : "undecodable"));
+    }
+    std::sort(records.begin(), records.end());
+    Lines lines;
+    for (const auto& [order, line] : records) {
+        if (order > recordsSeen_) {
+            lines.push_back(line);
+            recordsSeen_ = order;
+        }
+    }
+    return lines;
+}
+
+// An error event and its trace message are one report: same site, same values, one right behind the other. All must
+// decode.
+void DriverFixture::CheckReports()
+{
+    if (!options_.records) {
+        return;
+    }
+    std::map<std::uint64_t, std::pair<host::tracing::CapturedMessage, host::tracing::DecodedMessage>> messages;
+    for (const auto& message : machine.tracing().Messages()) {
+        const auto decoded = formats_.Decode(message);
+        ASSERT_TRUE(decoded) << "trace message " << message.number << " does not decode";
+        messages[message.order] = {message, *decoded};
+    }
+    for (const auto& event : machine.tracing().Events()) {
+        const auto decoded = manifest_.Decode(event);
+        ASSERT_TRUE(decoded) << "event " << event.descriptor.Id << " does not decode";
+        EXPECT_EQ(decoded->level, manifest_.events().at(decoded->id).level);
+        if (decoded->level == 2) {
+            const auto message = messages.find(event.order + 1);
+            ASSERT_NE(message, messages.end()) << "no trace message behind: " << decoded->message;
+            EXPECT_EQ(DifferenceOf(*decoded, message->second.first, message->second.second), "");
+        }
+    }
+}
+
+}  // namespace tests

@@ -1,0 +1,50 @@
+// Work in a process of its own: a fault of the driver, an abort or a loop without end ends that process alone, and who
+// waits for it is told.
+#pragma once
+
+#include <sys/mman.h>
+
+#include <functional>
+#include <new>
+#include <string>
+
+namespace model {
+
+struct ChildResult {
+    std::string result;   // what the work returned
+    std::string trouble;  // how the process ended otherwise and what it printed, as lines; empty: it did not
+    bool isEndless;       // it ended because it went on without end
+    std::string printed;  // by the process, on stderr
+};
+
+// Does the work in a child of this process and waits until it is done. Only what is Shared, and the result, come back.
+// Throws host::HostError with the text of what the work throws, or when there can be no child. The calling thread must be
+// the only one: so not behind a sequence in this process that left a thread standing still.
+[[nodiscard]] ChildResult RunInChild(const std::function<std::string()>& work);
+
+// For the work: ends its process unless it is called again, or the work is done, within so many seconds of processor
+// time, or of waiting for what does not come (host/checks/watchdog.h). 0: no more.
+void SetWatchdog(double seconds);
+
+// A value that both processes see, for as long as this object sequences. A plain type.
+template <class Type>
+class Shared {
+public:
+    Shared() : memory_(mmap(nullptr, sizeof(Type), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+    {
+        if (memory_ == MAP_FAILED) {
+            throw std::bad_alloc();
+        }
+        new (memory_) Type();
+    }
+    ~Shared() { munmap(memory_, sizeof(Type)); }
+    Shared(const Shared&) = delete;
+    Shared& operator=(const Shared&) = delete;
+
+    [[nodiscard]] Type& operator*() const { return *static_cast<Type*>(memory_); }
+
+private:
+    void* memory_;
+};
+
+}  // namespace model
