@@ -13,6 +13,17 @@ target_link_libraries(model PUBLIC host PRIVATE layout nlohmann_json::nlohmann_j
 zepn_add_program(zepn-fuzz model/main.cpp model)
 target_compile_definitions(zepn-fuzz PRIVATE
     ZEPN_ROOT="${CMAKE_SOURCE_DIR}" ZEPN_NATIVE_DRIVER="$<TARGET_FILE:zepn_native>")
+
+file(GLOB file_fuzzing_sources CONFIGURE_DEPENDS fuzz/*.cpp)
+list(FILTER file_fuzzing_sources EXCLUDE REGEX "fuzz/(main|.*_test).cpp")
+add_library(file_fuzzing STATIC ${file_fuzzing_sources})
+zepn_unite(file_fuzzing)
+target_link_libraries(file_fuzzing PUBLIC model play image_check)
+target_compile_definitions(file_fuzzing PRIVATE
+    ZEPN_ROOT="${CMAKE_SOURCE_DIR}" ZEPN_NATIVE_DRIVER="$<TARGET_FILE:zepn_native>")
+zepn_add_program(zepn-fuzz-files fuzz/main.cpp file_fuzzing)
+add_dependencies(zepn-fuzz-files zepn_native)
+
 if(ZEPN_SANITIZE MATCHES "fuzzer|address")
     add_executable(zepn-libfuzzer model/libfuzzer.cpp)
     target_link_libraries(zepn-libfuzzer PRIVATE model)

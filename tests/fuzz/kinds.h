@@ -1,0 +1,17 @@
+// The kinds of files that are fuzzed. Each has a source file of its own; a new one is added to the list in kinds.cpp.
+#pragma once
+
+#include "tests/fuzz/file_fuzzer.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace fuzz {
+
+[[nodiscard]] const std::vector<FileKind>& FileKinds();
+
+// The contents of a folder's files with this extension, in the order of their names.
+[[nodiscard]] std::vector<std::string> ContentsOf(const std::filesystem::path& folder, const std::string& extension);
+
+}  // namespace fuzz
