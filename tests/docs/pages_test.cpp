@@ -196,8 +196,8 @@ TEST(Troubleshooting, EachRowHasAScenarioAndEachScenarioARow)
         }
         isInTable = line.starts_with("|--") || (isInTable && line.starts_with("|"));
     }
-    for (const auto& entry : std::filesystem::directory_iterator(kRoot / "scenarios/troubles")) {
-        const std::string link = "](../scenarios/troubles/" + entry.path().filename().string() + ")";
+    for (const auto& entry : std::filesystem::directory_iterator(kRoot / "scenarios/misuse")) {
+        const std::string link = "](../scenarios/misuse/" + entry.path().filename().string() + ")";
         EXPECT_NE(page.find(link), std::string::npos) << entry.path();
     }
 }
