@@ -4,6 +4,7 @@ set(ZEPN_DRIVER_SOURCES
     driver/delivery/commands.cpp
     driver/delivery/state_posting.cpp
     driver/delivery/states.cpp
+    driver/entry/control_queue.cpp
     driver/entry/device.cpp
     driver/entry/driver.cpp
     driver/entry/files.cpp

@@ -22,6 +22,8 @@ EVT_WDF_DEVICE_D0_EXIT NotifierEvtDeviceD0Exit;
 EVT_WDF_DEVICE_SURPRISE_REMOVAL NotifierEvtDeviceSurpriseRemoval;
 EVT_WDF_DEVICE_FILE_CREATE NotifierEvtDeviceFileCreate;
 EVT_WDF_FILE_CLOSE NotifierEvtDeviceFileClose;
+EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL NotifierEvtIoDeviceControl;
+CALLBACK_FUNCTION EvtPowerStateCallback;
 
 // ---- Client registry ----
 
@@ -30,7 +32,7 @@ ZEP_NOTIFIER_HELPER_CLIENT_DEINIT Notifier_HelperClientDeinit;
 ZEP_NOTIFIER_HELPER_REGISTER Notifier_HelperRegisterForStateNotification;
 ZEP_NOTIFIER_HELPER_DEREGISTER Notifier_HelperDeregisterForStateNotification;
 
-// Drops every client at the device's clean-up. The crash-dump driver is told nothing.
+// Drops every client at the device's clean-up. The crash-dump driver is not notified.
 NTSTATUS NotifierClientCleanup(void);
 
 // ---- Delivery ----
@@ -39,8 +41,11 @@ ZEP_NOTIFIER_HELPER_SEND_STATE Notifier_HelperSendState;
 EVT_WDF_WORKITEM NotifierEvtWorkItemNotifyStates;
 ZEP_NOTIFIER_HELPER_SEND_COMMAND Notifier_HelperSendCommand;
 EVT_WDF_WORKITEM NotifierEvtWorkItemNotifyCommands;
-EVT_WDF_IO_QUEUE_IO_DEVICE_CONTROL NotifierEvtIoDeviceControl;
-CALLBACK_FUNCTION EvtPowerStateCallback;
+
+// Notifies every client of an application-state change, then posts the states that clients want in answer. Holds the
+// clients lock while it calls them; each post then takes it again, so the caller holds none. The reason is not used:
+// clients always get ZEP_APPS_STATE_REASON_CHANGED.
+[[nodiscard]] NTSTATUS Notifier_NotifyAppsState(ULONG Reason);
 
 // ---- Crash-dump bridge ----
 

@@ -1,6 +1,5 @@
-// Application state: every client is told that the system leaves its working state, or that user mode asked, and the
-// states that clients choose in answer are posted. On the power path the transition is then held for a configured time,
-// so that the deliveries can run before the system sleeps.
+// Application state: every client is notified that the system leaves its working state, or that user mode asked, and the
+// states that clients choose in answer are posted.
 //
 // The broadcast has two phases because posting takes the clients lock: under it the answers are collected in a
 // temporary collection, without it they are posted. Nothing serialises two broadcasts beyond the first phase.
@@ -9,8 +8,6 @@
 #include "driver/context/driver_context.h"
 #include "driver/context/operations.h"
 #include "driver/registry/client.h"
-
-constexpr LONGLONG kIntervalsPerMillisecond = 10000;  // 100 ns units
 
 // The temporary objects of one broadcast. Failure paths delete the parent, and the collection with it, while both
 // phases go on: the broadcast holds a reference on each, deletes the parent at most once and gives both back at its
@@ -143,34 +140,6 @@ static NTSTATUS PostAnswers(Answers& answers, NTSTATUS status)
     return status;
 }
 
-// Milliseconds; 0 when nothing is configured. Read anew at each transition, so that a change needs no reload.
-static ULONG ZEPReadRegistry()
-{
-    Report<Site::kReadRegistryEntered>();
-    ULONG timeoutMs = 0;
-    UNICODE_STRING valueName;
-    RtlInitUnicodeString(&valueName, L"SubsystemNotificationTimeout");
-
-    const WDFDRIVER driver = WdfGetDriver();
-    if (driver == nullptr) {
-        Report<Site::kReadRegistryNoDriver>();
-        return 0;
-    }
-    WDFKEY key;
-    NTSTATUS status = WdfDriverOpenParametersRegistryKey(driver, KEY_READ, WDF_NO_OBJECT_ATTRIBUTES, &key);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kReadRegistryOpen>();
-        return 0;
-    }
-    status = WdfRegistryQueryULong(key, &valueName, &timeoutMs);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kReadRegistryQuery>();
-        timeoutMs = 0;
-    }
-    WdfRegistryClose(key);
-    return timeoutMs;
-}
-
 NTSTATUS Notifier_NotifyAppsState(ULONG)
 {
     Report<Site::kAppsStateEntered>();
@@ -200,46 +169,4 @@ NTSTATUS Notifier_NotifyAppsState(ULONG)
     LeaveAnswers(answers);
     Report<Site::kAppsStateDone>(status);
     return status;
-}
-
-// Called by the system for every kind of power notification, some at DISPATCH_LEVEL: all but the one kind that comes at
-// PASSIVE_LEVEL are turned away before anything else.
-void EvtPowerStateCallback(PVOID callbackContext, PVOID argument1, PVOID argument2)
-{
-    if (reinterpret_cast<ULONG_PTR>(argument1) != PO_CB_SYSTEM_STATE_LOCK) {
-        return;
-    }
-    Report<Site::kPowerStateEntered>(callbackContext);
-
-    const ULONG inWorkingState = static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(argument2));
-    if (inWorkingState == 0) {
-        (void)Notifier_NotifyAppsState(ZEP_APPS_STATE_REASON_CHANGED);
-        const ULONG timeoutMs = ZEPReadRegistry();
-        if (timeoutMs != 0) {
-            Report<Site::kPowerStateWaiting>(timeoutMs);
-            LARGE_INTEGER interval = {.QuadPart = -static_cast<LONGLONG>(timeoutMs) * kIntervalsPerMillisecond};
-            (void)KeDelayExecutionThread(KernelMode, FALSE, &interval);
-        }
-    } else if (inWorkingState == 1) {
-        Report<Site::kPowerStateResumed>();
-    }
-    Report<Site::kPowerStateDone>();
-}
-
-void NotifierEvtIoDeviceControl(WDFQUEUE queue, WDFREQUEST request, size_t, size_t, ULONG ioControlCode)
-{
-    NTSTATUS status;
-    if (WdfIoQueueGetDevice(queue) == nullptr) {
-        status = ReportFailure<Site::kIoControlNoDevice>(queue, STATUS_INVALID_DEVICE_REQUEST);
-    } else {
-        Report<Site::kIoControlEntered>(ioControlCode);
-        if (ioControlCode == IOCTL_ZEPN_NOTIFY_APPS_STATE) {
-            status = NT_SUCCESS(Notifier_NotifyAppsState(ZEP_APPS_STATE_REASON_CHANGED)) ? STATUS_SUCCESS
-                                                                                         : STATUS_UNSUCCESSFUL;
-        } else {
-            Report<Site::kIoControlUnknown>(ioControlCode);
-            status = STATUS_NOT_SUPPORTED;
-        }
-    }
-    WdfRequestCompleteWithInformation(request, status, 0);
 }

@@ -1,4 +1,4 @@
-// The queued records of delivery, and the broadcast that the power callback and the I/O control share.
+// The queued records of delivery.
 #pragma once
 
 #include <ntddk.h>
@@ -22,8 +22,3 @@ struct ZEP_NOTIFIER_COMMAND_CONTEXT {
 static_assert(sizeof(ZEP_NOTIFIER_COMMAND_CONTEXT) == 48);
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_COMMAND_CONTEXT, GetCommandContext)
-
-// Notifies every client of an application-state change, then posts the states that clients want in answer. Holds the
-// clients lock while it calls them; each post then takes it again, so the caller holds none. The reason is not used:
-// clients always get ZEP_APPS_STATE_REASON_CHANGED.
-[[nodiscard]] NTSTATUS Notifier_NotifyAppsState(ULONG Reason);

@@ -40,27 +40,6 @@ static NTSTATUS PrepareInit(PWDFDEVICE_INIT deviceInit)
     return STATUS_SUCCESS;
 }
 
-// Not power-managed: I/O controls are delivered whatever the device's power state.
-static NTSTATUS CreateDefaultQueue(WDFDEVICE device, ZEP_NOTIFIER_DRIVER_CONTEXT& context)
-{
-    WDF_IO_QUEUE_CONFIG config;
-    WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchSequential);
-    config.PowerManaged = WdfFalse;
-    config.AllowZeroLengthRequests = TRUE;
-    config.EvtIoDeviceControl = NotifierEvtIoDeviceControl;
-
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ExecutionLevel = WdfExecutionLevelPassive;
-    attributes.ParentObject = device;
-
-    const NTSTATUS status = WdfIoQueueCreate(device, &config, &attributes, &context.wdfQueueDefault);
-    if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kDeviceAddQueue>(status);
-    }
-    return STATUS_SUCCESS;
-}
-
 template <Site kFailure>
 static NTSTATUS CreateCollection(WDFCOLLECTION& collection)
 {

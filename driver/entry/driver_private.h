@@ -13,6 +13,9 @@ inline constexpr char kReferenceFile[] = "driver";
 inline constexpr LONG kReferenceLine = 769;
 inline constexpr LONG kDereferenceLine = 1092;
 
+// Creates the default queue, a child of the device, and stores its handle in the driver context.
+[[nodiscard]] NTSTATUS CreateDefaultQueue(WDFDEVICE device, ZEP_NOTIFIER_DRIVER_CONTEXT& context);
+
 // Publishes both device interfaces, then both query interfaces, the crash-dump driver's first each time.
 [[nodiscard]] NTSTATUS PublishInterfaces(WDFDEVICE device);
 

@@ -19,7 +19,7 @@ struct PackagedDriver {
 };
 
 const PackagedDriver kDrivers[] = {
-    {"zepn", "", "driver/delivery/apps_state.cpp", {"SubsystemNotificationTimeout"}},
+    {"zepn", "", "driver/entry/power.cpp", {"SubsystemNotificationTimeout"}},
     {"zepn_probe", "probe", "samples/probe/probe.cpp", {}},
     {"zepn_client", "samples/client", "samples/client/client.cpp", {"ClientNumber", "WatchedNumber", "Supervises"}},
     {"zepn_crashdump", "samples/crashdump", "samples/crashdump/crashdump.cpp", {}},
