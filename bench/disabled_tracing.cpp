@@ -5,7 +5,7 @@
 #include "bench/sections.h"
 #include "bench/fixture.h"
 
-#include "driver/trace/rows.h"
+#include "driver/trace/report_list.h"
 
 #include <stdexcept>
 
@@ -14,22 +14,9 @@ namespace {
 
 constexpr const char* kSilentSection = "Silent reporting";
 
-// By site number.
-std::vector<const ::Row*> SiteRows()
-{
-    std::vector<const ::Row*> rows;
-    for (const RowList& list : kRowLists) {
-        for (ULONG index = 0; index < list.count; ++index) {
-            rows.push_back(&list.rows[index]);
-        }
-    }
-    return rows;
-}
-
 void MeasureSites(Table& table, const std::string& machine)
 {
     const SiteCode code = ReadSiteCode(std::filesystem::path(ZEPN_ROOT) / "out" / machine / "zepn.sys", machine);
-    const std::vector<const ::Row*> rows = SiteRows();
     unsigned untested = 0;
     unsigned unresolved = 0;
     unsigned inLine = 0;
@@ -46,12 +33,12 @@ void MeasureSites(Table& table, const std::string& machine)
     }
     unsigned complete = 0;
     std::string wrong;
-    for (std::size_t site = 0; site < rows.size(); ++site) {
+    for (std::size_t site = 0; site < std::size(kReportDefinitions); ++site) {
         std::set<Channel> wanted;
-        if (rows[site]->event != 0) {
+        if (kReportDefinitions[site].event != 0) {
             wanted.insert(Channel::kEvents);
         }
-        if (rows[site]->message.number != 0) {
+        if (kReportDefinitions[site].message.number != 0) {
             wanted.insert(Channel::kMessages);
         }
         const auto match = found.find(static_cast<int>(site));
@@ -71,8 +58,8 @@ void MeasureSites(Table& table, const std::string& machine)
                    .remark = std::move(remark),
                    .isExact = true});
     };
-    const double sites = static_cast<double>(rows.size());
-    add("reporting sites in the catalogue", sites, std::nullopt);
+    const double sites = static_cast<double>(std::size(kReportDefinitions));
+    add("reporting sites", sites, std::nullopt);
     add("sites with exactly their channels' tests", complete, Goal{sites, false}, wrong);
     add("loads of an enable word", static_cast<double>(code.tests.size()), std::nullopt,
         "a site that is inlined twice counts twice");

@@ -1,4 +1,4 @@
-// The cold halves of the reporting sites.
+// The slow paths of the reporting sites.
 //
 // Each builds its event's payload on the stack, field by field, and writes what is enabled: event and message of a
 // failure, message and event of an entry.
@@ -6,40 +6,41 @@
 
 #include "driver/trace/trace.h"
 
-// ---- The catalogue as a whole ----
+// ---- The list as a whole ----
 
-consteval bool RowsMatchSites()
-{
-    ULONG next = 0;
-    for (const RowList& list : kRowLists) {
-        for (ULONG index = 0; index < list.count; ++index, ++next) {
-            if (static_cast<ULONG>(list.rows[index].site) != next) {
-                return false;
-            }
-        }
-    }
-    return next == static_cast<ULONG>(Site::kCount);
-}
-static_assert(RowsMatchSites(), "one row for each site, in the order of the sites");
+// Two sites whose messages have one number; the same site twice when there are none.
+struct NumberedAlike {
+    Site first;
+    Site second;
+};
 
-consteval bool MessageNumbersAreUnique()
+consteval NumberedAlike FindNumberedAlike()
 {
     constexpr ULONG kSets = 2;
     constexpr ULONG kNumbers = 512;  // a larger one does not compile
+    Site users[kSets][kNumbers] = {};
     bool isUsed[kSets][kNumbers] = {};
-    for (const RowList& list : kRowLists) {
-        for (ULONG index = 0; index < list.count; ++index) {
-            const Message& message = list.rows[index].message;
-            bool& isThis = isUsed[static_cast<ULONG>(message.set)][message.number];
-            if (message.number != 0 && isThis) {
-                return false;
-            }
-            isThis = true;
+    for (ULONG index = 0; index < static_cast<ULONG>(Site::kCount); ++index) {
+        const Message& message = kReportDefinitions[index].message;
+        if (message.number == 0) {
+            continue;
         }
+        const ULONG set = static_cast<ULONG>(message.set);
+        if (isUsed[set][message.number]) {
+            return {users[set][message.number], static_cast<Site>(index)};
+        }
+        isUsed[set][message.number] = true;
+        users[set][message.number] = static_cast<Site>(index);
     }
-    return true;
+    return {Site::kCount, Site::kCount};
 }
-static_assert(MessageNumbersAreUnique(), "a message number stands once in its set");
+
+// A template, so that the compiler's message names both sites.
+template <Site kFirst, Site kSecond>
+struct MessageNumberStandsOnce {
+    static_assert(kFirst == kSecond, "two messages of one set have the same number");
+};
+template struct MessageNumberStandsOnce<FindNumberedAlike().first, FindNumberedAlike().second>;
 
 // ---- Payloads ----
 
@@ -256,7 +257,7 @@ void WriteOpen(const SiteRecord& site, PVOID device, PVOID fileObject)
     WriteSiteEvent(site, payload);
 }
 
-// The clients' records are read only here, when somebody listens.
+// The clients' records are read only here, when their message is enabled.
 void WriteDump(const SiteRecord& site, const VOID* dump)
 {
     TraceMessageW(site.set, site.message, FirstWord(dump));

@@ -1,14 +1,14 @@
-// How the driver reports: one call per site, naming the site's row and passing its values.
+// How the driver reports: one call per site, naming the site and passing its values.
 //
 //     return ReportFailure<Site::kInitObject>(status);
 //
-// A silent site costs one load and one bit test per channel, inline; writing is out of line. Values of the wrong kind
+// A disabled site costs one load and one bit test per channel, inline; writing is out of line. Values of the wrong kind
 // do not compile. Reporting never changes a result, takes no lock and allocates nothing; callable at any IRQL.
 #pragma once
 
-#include "driver/trace/rows.h"
+#include "driver/trace/report_list.h"
 
-// What a site's cold half needs of its row at run time.
+// What a site's slow path needs of its definition at run time.
 struct SiteRecord {
     const char* function;
     const char* description;
@@ -25,16 +25,16 @@ struct SiteRecord {
 };
 
 // The words that the sites test. Each is derived by its channel's enable callback, on a thread of the system's, and is
-// read at every site without lock or fence: a report that races with a listener coming or going may be lost.
+// read at every site without lock or fence: a report that races with a session that starts or stops may be lost.
 struct TraceEnableWords {
     ULONG events;    // bit i: the provider's enable bit i (level 2 + i)
     ULONG messages;  // bit 8 * flag + level: messages of that flag and level are wanted
 };
 extern TraceEnableWords g_TraceEnable;
 
-consteval UCHAR EventBit(const Row& row)
+consteval UCHAR EventBit(const ReportDefinition& definition)
 {
-    return row.event == 0 ? 0 : static_cast<UCHAR>(EventById(row.event)->level - kLevelError);
+    return definition.event == 0 ? 0 : static_cast<UCHAR>(EventById(definition.event)->level - kLevelError);
 }
 
 consteval UCHAR MessageBit(const Message& message)
@@ -42,31 +42,31 @@ consteval UCHAR MessageBit(const Message& message)
     return static_cast<UCHAR>(8 * static_cast<UCHAR>(message.flag) + message.level);
 }
 
-consteval bool HasDescription(const Row& row)
+consteval bool HasDescription(const ReportDefinition& definition)
 {
-    return row.event != 0 && EventById(row.event)->fields[1].type == Field::kDescription;
+    return definition.event != 0 && EventById(definition.event)->fields[1].type == Field::kDescription;
 }
 
-consteval SiteRecord RecordOf(const Row& row)
+consteval SiteRecord RecordOf(const ReportDefinition& definition)
 {
-    return {.function = row.function,
-            .description = row.description,
-            .detail = row.detail,
-            .event = row.event,
-            .message = row.message.number,
-            .eventBit = EventBit(row),
-            .eventLevel = row.event == 0 ? UCHAR{0} : EventById(row.event)->level,
-            .messageBit = MessageBit(row.message),
-            .set = row.message.set,
-            .hasDescription = HasDescription(row),
-            .bareMessage = row.message.bare,
-            .messageFirst = row.messageFirst};
+    return {.function = definition.function,
+            .description = definition.description,
+            .detail = definition.detail,
+            .event = definition.event,
+            .message = definition.message.number,
+            .eventBit = EventBit(definition),
+            .eventLevel = definition.event == 0 ? UCHAR{0} : EventById(definition.event)->level,
+            .messageBit = MessageBit(definition.message),
+            .set = definition.message.set,
+            .hasDescription = HasDescription(definition),
+            .bareMessage = definition.message.bare,
+            .messageFirst = definition.messageFirst};
 }
 
 template <Site kSite>
-inline constexpr SiteRecord kSiteRecord = RecordOf(RowOf(kSite));
+inline constexpr SiteRecord kSiteRecord = RecordOf(DefinitionOf(kSite));
 
-// The cold halves, one per kind of values. Each writes what is enabled: WritePlain and WriteObject in the site's order,
+// The slow paths, one per kind of payload. Each writes what is enabled: WritePlain and WriteObject in the site's order,
 // WriteControlCode and WriteOpen the message first, all others the event first.
 void WritePlain(const SiteRecord& site);
 void WriteStatus(const SiteRecord& site, NTSTATUS status);
@@ -87,16 +87,16 @@ void WriteWords(const SiteRecord& site, ULONG first, ULONG second, ULONG third);
 void WriteWords(const SiteRecord& site, ULONG first, ULONG second, ULONG third, ULONG fourth);
 
 template <Site kSite>
-FORCEINLINE bool IsHeard()
+FORCEINLINE bool IsEnabled()
 {
-    constexpr const Row& row = RowOf(kSite);
-    if constexpr (row.event != 0) {
-        if ((ReadULongNoFence(&g_TraceEnable.events) & (1u << EventBit(row))) != 0) {
+    constexpr const ReportDefinition& definition = DefinitionOf(kSite);
+    if constexpr (definition.event != 0) {
+        if ((ReadULongNoFence(&g_TraceEnable.events) & (1u << EventBit(definition))) != 0) {
             return true;
         }
     }
-    if constexpr (row.message.number != 0) {
-        if ((ReadULongNoFence(&g_TraceEnable.messages) & (1u << MessageBit(row.message))) != 0) {
+    if constexpr (definition.message.number != 0) {
+        if ((ReadULongNoFence(&g_TraceEnable.messages) & (1u << MessageBit(definition.message))) != 0) {
             return true;
         }
     }
@@ -106,44 +106,45 @@ FORCEINLINE bool IsHeard()
 template <Site kSite, class... Arguments>
 FORCEINLINE void Report(const Arguments&... arguments)
 {
-    constexpr Values values = RowOf(kSite).values;
-    if (!IsHeard<kSite>()) [[likely]] {
+    constexpr PayloadKind payload = DefinitionOf(kSite).payload;
+    if (!IsEnabled<kSite>()) [[likely]] {
         return;
     }
-    if constexpr (values == Values::kNone) {
+    if constexpr (payload == PayloadKind::kNone) {
         WritePlain(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kStatus) {
+    } else if constexpr (payload == PayloadKind::kStatus) {
         WriteStatus(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kObject) {
+    } else if constexpr (payload == PayloadKind::kObject) {
         WriteObject(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kObjectStatus) {
+    } else if constexpr (payload == PayloadKind::kObjectStatus) {
         WriteObjectStatus(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kMissingItem) {
+    } else if constexpr (payload == PayloadKind::kMissingItem) {
         WriteMissingItem(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kGuidStatus) {
+    } else if constexpr (payload == PayloadKind::kGuidStatus) {
         WriteGuidStatus(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kTooSmall) {
+    } else if constexpr (payload == PayloadKind::kTooSmall) {
         WriteTooSmall(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kBuild) {
+    } else if constexpr (payload == PayloadKind::kBuild) {
         WriteBuild(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kControlCode) {
+    } else if constexpr (payload == PayloadKind::kControlCode) {
         WriteControlCode(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kOpen) {
+    } else if constexpr (payload == PayloadKind::kOpen) {
         WriteOpen(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kDump) {
+    } else if constexpr (payload == PayloadKind::kDump) {
         WriteDump(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kDumpData) {
+    } else if constexpr (payload == PayloadKind::kDumpData) {
         WriteDumpData(kSiteRecord<kSite>, arguments...);
-    } else if constexpr (values == Values::kDumpValue) {
+    } else if constexpr (payload == PayloadKind::kDumpValue) {
         WriteDumpValue(kSiteRecord<kSite>, arguments...);
     } else {  // plain words
-        static_assert(values == static_cast<Values>(static_cast<int>(Values::kWords1) + sizeof...(Arguments) - 1),
-                      "as many words as the row says");
+        static_assert(payload ==
+                          static_cast<PayloadKind>(static_cast<int>(PayloadKind::kWords1) + sizeof...(Arguments) - 1),
+                      "as many words as the definition says");
         WriteWords(kSiteRecord<kSite>, arguments...);
     }
 }
 
-// Report and return in one statement, for the kinds of values that end with the status an operation answers.
+// Report and return in one statement, for the payloads that end with the status that an operation returns.
 template <Site kSite>
 [[nodiscard]] FORCEINLINE NTSTATUS ReportFailure(NTSTATUS status)
 {

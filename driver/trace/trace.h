@@ -1,21 +1,21 @@
-// Bringing reporting up and down, and the two writers that the cold halves of the reporting sites use.
+// Bringing reporting up and down, and the two writers that the slow paths of the reporting sites use.
 #pragma once
 
 #include <ntddk.h>
 
-#include "driver/trace/catalogue.h"
+#include "driver/trace/report_definitions.h"
 
 // Control codes of enable callbacks; the system may send others.
 inline constexpr ULONG kControlDisable = 0;
 inline constexpr ULONG kControlEnable = 1;
 
-// ---- Life: PASSIVE_LEVEL, from driver entry and unload only ----
+// ---- Registration: PASSIVE_LEVEL, from driver entry and unload only ----
 
 // Registers the event provider unless it is registered. A session that is armed already enables it before this returns.
 void RegisterEventProvider();
 void UnregisterEventProvider();
 
-// Registers the trace-message provider with the system's tracing, by the route that the system has. Doing it twice, or
+// Registers the trace-message provider with the system's tracing, by the registration that the system has. Doing it twice, or
 // cleaning up what was never initialised, does nothing.
 void InitializeTraceMessages();
 void CleanUpTraceMessages();

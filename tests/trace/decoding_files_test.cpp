@@ -83,18 +83,14 @@ std::string TextOf(const std::filesystem::path& file)
 TEST(MessageFormats, AreTaggedWithTheNameOfTheirReportingSite)
 {
     const host::tracing::MessageFormats formats(kFolder);
-    std::string rows;
-    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(ZEPN_ROOT) / "driver/trace")) {
-        rows += entry.path().filename().string().starts_with("rows_") ? TextOf(entry.path()) : "";
-    }
+    const std::string list = TextOf(std::filesystem::path(ZEPN_ROOT) / "driver/trace/reports.def");
     for (const auto& [key, format] : formats.formats()) {
         SCOPED_TRACE(std::to_string(key.second) + " " + format.tag);
-        const std::string name = "Site::k" + format.tag + ",";
-        const std::size_t at = rows.find(name);
+        const std::size_t at = list.find("REPORT(k" + format.tag + ",");
         ASSERT_NE(at, std::string::npos);
-        const std::string row = rows.substr(at, rows.find("Site::k", at + name.size()) - at);
-        EXPECT_NE(row.find("\"" + format.function + "\""), std::string::npos) << row;
-        EXPECT_TRUE(std::regex_search(row, std::regex("\\b" + std::to_string(key.second) + "\\b"))) << row;
+        const std::string entry = list.substr(at, list.find("REPORT(", at + 1) - at);
+        EXPECT_NE(entry.find("\"" + format.function + "\""), std::string::npos) << entry;
+        EXPECT_TRUE(std::regex_search(entry, std::regex("\\b" + std::to_string(key.second) + "\\b"))) << entry;
     }
 }
 

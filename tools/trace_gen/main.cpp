@@ -1,4 +1,4 @@
-// Writes what decodes the driver's reports from the catalogue: the event manifest and one message-format file per
+// Writes what decodes the driver's reports from the list of reports: the event manifest and one message-format file per
 // message set, or the resources that are linked into the image.
 //
 //     zepn-trace-gen FOLDER [PAGES]
@@ -6,11 +6,11 @@
 //
 // PAGES, when given, receives reports.md, which docs/ holds too, and reports.txt, one line for each report.
 //
-// Nothing is read; the catalogue is compiled in. The files are the ones that ship, so nothing edits them by hand.
+// Nothing is read; the list is compiled in. The files are the ones that ship, so nothing edits them by hand.
 #include "tools/trace_gen/reports_page.h"
 #include "tools/trace_gen/resources.h"
 #include "tools/trace_gen/site_names.h"
-#include "driver/trace/rows.h"
+#include "driver/trace/report_list.h"
 
 #include <filesystem>
 #include <fstream>
@@ -103,7 +103,7 @@ std::string TemplateId(const Event& event)
 void WriteManifest(std::ostream& out)
 {
     out << R"(<?xml version="1.0" encoding="UTF-8"?>
-<!-- Generated from the driver's catalogue of reports; not edited by hand. -->
+<!-- Generated from the driver's list of reports; not edited by hand. -->
 <instrumentationManifest xmlns="http://schemas.microsoft.com/win/2004/08/events"
                          xmlns:win="http://manifests.microsoft.com/win/2004/08/windows/events"
                          xmlns:xs="http://www.w3.org/2001/XMLSchema">
@@ -148,44 +148,44 @@ struct Item {
     const char* form;
 };
 
-std::vector<Item> ItemsOf(const Row& row)
+std::vector<Item> ItemsOf(const ReportDefinition& definition)
 {
     constexpr Item kStatusItem{"status", "ItemNTSTATUS", "s"};
     constexpr Item kObjectItem{"object", "ItemPtr", "p"};
     constexpr Item kWordItem{"value", "ItemLong", "u"};
-    if (row.message.bare) {
+    if (definition.message.bare) {
         return {};
     }
-    switch (row.values) {
-    case Values::kNone:
+    switch (definition.payload) {
+    case PayloadKind::kNone:
         return {};
-    case Values::kStatus:
+    case PayloadKind::kStatus:
         return {kStatusItem};
-    case Values::kObject:
+    case PayloadKind::kObject:
         return {kObjectItem};
-    case Values::kObjectStatus:
+    case PayloadKind::kObjectStatus:
         return {kObjectItem, kStatusItem};
-    case Values::kMissingItem:
+    case PayloadKind::kMissingItem:
         return {{"index", "ItemLong", "u"}, {"collection", "ItemPtr", "p"}, {"count", "ItemULongLong", "I64u"}};
-    case Values::kGuidStatus:
+    case PayloadKind::kGuidStatus:
         return {{"guid", "ItemLong", "08X"}, kStatusItem};
-    case Values::kTooSmall:
+    case PayloadKind::kTooSmall:
         return {{"provided", "ItemLong", "u"}, {"required", "ItemLong", "u"}, kStatusItem};
-    case Values::kBuild:
+    case PayloadKind::kBuild:
         return {{"date", "ItemString", "s"}, {"time", "ItemString", "s"}};
-    case Values::kOpen:
+    case PayloadKind::kOpen:
         return {{"device", "ItemPtr", "p"}, {"file", "ItemPtr", "p"}};
-    case Values::kControlCode:
-    case Values::kDump:
-    case Values::kWords1:
+    case PayloadKind::kControlCode:
+    case PayloadKind::kDump:
+    case PayloadKind::kWords1:
         return {kWordItem};
-    case Values::kDumpData:
-    case Values::kDumpValue:
-    case Values::kWords2:
+    case PayloadKind::kDumpData:
+    case PayloadKind::kDumpValue:
+    case PayloadKind::kWords2:
         return {kWordItem, kWordItem};
-    case Values::kWords3:
+    case PayloadKind::kWords3:
         return {kWordItem, kWordItem, kWordItem};
-    case Values::kWords4:
+    case PayloadKind::kWords4:
         return {kWordItem, kWordItem, kWordItem, kWordItem};
     }
     return {};
@@ -197,20 +197,20 @@ std::string Trimmed(const std::string& text)
     return text.substr(0, text.find_last_not_of(' ') + 1);
 }
 
-// A row without a text of its own reads as its description and its values: "WdfObjectCreate (status ...)".
-std::string TextOf(const Row& row)
+// A definition without a text of its own reads as its description and its values: "WdfObjectCreate (status ...)".
+std::string TextOf(const ReportDefinition& definition)
 {
-    if (row.message.text != nullptr) {
-        return row.message.text;
+    if (definition.message.text != nullptr) {
+        return definition.message.text;
     }
     std::ostringstream text;
-    text << Trimmed(row.description);
-    if (row.detail != nullptr) {
-        text << " (" << row.detail << ")";
+    text << Trimmed(definition.description);
+    if (definition.detail != nullptr) {
+        text << " (" << definition.detail << ")";
     }
-    const std::vector<Item> items = ItemsOf(row);
+    const std::vector<Item> items = ItemsOf(definition);
     std::size_t next = 0;
-    if (row.values == Values::kGuidStatus) {
+    if (definition.payload == PayloadKind::kGuidStatus) {
         text << " GUID beginning %10!08X!";  // a message carries only the first number
         next = 1;
     }
@@ -233,19 +233,20 @@ std::string TypeOf(const Item& item, const std::string& text, unsigned index)
     return item.type;
 }
 
-void WriteMessage(std::ostream& out, const Row& row)
+void WriteMessage(std::ostream& out, Site site)
 {
     constexpr const char* kLevels[] = {
         "", "", "TRACE_LEVEL_ERROR", "TRACE_LEVEL_WARNING", "TRACE_LEVEL_INFORMATION", "TRACE_LEVEL_VERBOSE"};
-    const Message& message = row.message;
-    const std::string text = TextOf(row);
+    const ReportDefinition& definition = kReportDefinitions[static_cast<std::size_t>(site)];
+    const Message& message = definition.message;
+    const std::string text = TextOf(definition);
     // The tag, which readers show as the place in the source, is the site's name there.
-    out << "#typev " << trace_gen::kSiteNames[static_cast<std::size_t>(row.site)] << " " << message.number << " \"%0"
-        << text << "\" //   LEVEL=" << kLevels[message.level]
+    out << "#typev " << trace_gen::NameOf(site) << " " << message.number << " \"%0" << text
+        << "\" //   LEVEL=" << kLevels[message.level]
         << " FLAGS=" << (message.flag == TraceFlag::kEntry ? "TRACE_FLAG_ENTRY" : "TRACE_FLAG_GENERAL")
-        << " FUNC=" << row.function << "\n{\n";
+        << " FUNC=" << definition.function << "\n{\n";
     unsigned index = 10;
-    for (const Item& item : ItemsOf(row)) {
+    for (const Item& item : ItemsOf(definition)) {
         out << item.expression << ", " << TypeOf(item, text, index) << " -- " << index << "\n";
         ++index;
     }
@@ -255,17 +256,15 @@ void WriteMessage(std::ostream& out, const Row& row)
 void WriteMessages(std::ostream& out, const SetFile& file)
 {
     out << "// PDB:  zepn.pdb\n" << file.guid << " zepn // SRC=" << file.source << " MJ= MN=\n";
-    std::map<USHORT, const Row*> byNumber;
-    for (const RowList& list : kRowLists) {
-        for (ULONG index = 0; index < list.count; ++index) {
-            const Row& row = list.rows[index];
-            if (row.message.number != 0 && row.message.set == file.set) {
-                byNumber.emplace(row.message.number, &row);
-            }
+    std::map<USHORT, Site> byNumber;
+    for (std::size_t index = 0; index < std::size(kReportDefinitions); ++index) {
+        const Message& message = kReportDefinitions[index].message;
+        if (message.number != 0 && message.set == file.set) {
+            byNumber.emplace(message.number, static_cast<Site>(index));
         }
     }
-    for (const auto& [number, row] : byNumber) {
-        WriteMessage(out, *row);
+    for (const auto& [number, site] : byNumber) {
+        WriteMessage(out, site);
     }
 }
 
