@@ -121,6 +121,7 @@ void Framework::ReportObjectsLeft(DriverInstance& instance)
                                nullptr);
         }
         std::erase(workQueue, object);
+        std::erase_if(deferredWork, [&](const DeferredWork& deferred) { return deferred.object == object; });
         FreeObject(*object);
     }
     instance.driver = nullptr;

@@ -51,6 +51,17 @@ struct DriverInstance {
     bool loaded = false;
 };
 
+// What the framework leaves to a system thread because it needs PASSIVE_LEVEL.
+struct DeferredWork {
+    const Object* owner;   // the device or driver whose removal waits for it; null: nobody's does
+    const Object* object;  // that is disposed or destroyed; null for other work
+    std::function<void()> work;
+};
+struct RunningDeferred {
+    const Object* owner;
+    schedule::ThreadId thread;  // kNobody until it has begun
+};
+
 inline constexpr std::uint64_t kHandleBase = 0xFFFFE00000000000;  // never a usable address
 inline constexpr std::uint64_t kHandleStep = 8;                   // the low bits are free
 
@@ -107,9 +118,10 @@ public:
     // Gives up one reference; at 0 destroy callbacks run and the memory goes. The lock is released meanwhile.
     void Dereference(std::unique_lock<std::mutex>& lock, Object& object);
 
-    // The whole end of a live object: unlink, dispose, finish. Ignored when it has begun already.
+    // Disposes a live object and gives up its creation reference; later, on a system thread, when the level does not
+    // allow it now. Ignored when the object is deleted already.
     void Delete(std::unique_lock<std::mutex>& lock, Object& object);
-    void End(std::unique_lock<std::mutex>& lock, Object& object);
+    void DisposeAndFinish(std::unique_lock<std::mutex>& lock, Object& object);
     void Dispose(std::unique_lock<std::mutex>& lock, Object& object);
     void Finish(std::unique_lock<std::mutex>& lock, Object& object);
 
@@ -153,7 +165,8 @@ public:
     // ---- Work items (work_items.cpp) ----
 
     std::deque<WorkItemObject*> workQueue;
-    std::deque<std::function<void()>> deferredWork;  // the framework's own: what needs PASSIVE_LEVEL
+    std::deque<DeferredWork> deferredWork;  // the framework's own: what needs PASSIVE_LEVEL
+    std::list<RunningDeferred> deferredRunning;
     std::condition_variable workChanged;
     unsigned workRunning = 0;
     void StartWorkers();
@@ -161,6 +174,10 @@ public:
     // Runs the oldest queued callback on a thread of the host; false when none is queued.
     bool RunOneWorkItem(schedule::Outcome& outcome);
     void WaitForWorkItems();
+    // Leaves an object's disposal or destruction to a system thread; the mutex is held.
+    void Defer(const Object* owner, const Object& object, std::function<void()> work);
+    // Waits until nothing is deferred for this device or driver; what no thread has begun yet is run for it.
+    void WaitForDisposals(std::unique_lock<std::mutex>& lock, const Object& owner);
     void DisposeWorkItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item);
     // Waits until the item is neither queued nor running; in pumped mode a queued callback is run for it.
     void WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const char* function,
@@ -208,8 +225,13 @@ private:
     void RunCallback(WorkItemObject& item);
     void RunTaken(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const std::string& threadName,
                   schedule::Outcome& outcome);
-    bool RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome);
-    [[nodiscard]] bool EndsAtPassiveLevel(const Object& object) const;
+    // Runs the oldest deferred work, of one owner or of all; false when there is none.
+    bool RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome,
+                     const Object* onlyOf = nullptr);
+    // Whether the callbacks of an object, or of one in its tree, must run at PASSIVE_LEVEL.
+    [[nodiscard]] static bool NeedsPassiveLevel(const Object& object);
+    [[nodiscard]] static bool TreeNeedsPassiveLevel(const Object& object);
+    [[nodiscard]] static const Object* OwnerOfDisposals(const Object& object);
 
     // A handle's object, or what it was when it is gone.
     struct Slot {

@@ -163,6 +163,12 @@ void Framework::ForEachObject(const std::function<void(const Object&)>& visit) c
 void Framework::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
 {
     // Callbacks may look at the object, so its handle lives until they are through.
+    if (object.destroy != nullptr) {
+        lock.unlock();
+        Guarded("EvtDestroyCallback", reinterpret_cast<const void*>(object.destroy),
+                [&] { object.destroy(object.handle); });
+        lock.lock();
+    }
     for (const Context& context : object.contexts) {
         if (context.destroy != nullptr) {
             lock.unlock();
@@ -170,12 +176,6 @@ void Framework::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
                     [&] { context.destroy(object.handle); });
             lock.lock();
         }
-    }
-    if (object.destroy != nullptr) {
-        lock.unlock();
-        Guarded("EvtDestroyCallback", reinterpret_cast<const void*>(object.destroy),
-                [&] { object.destroy(object.handle); });
-        lock.lock();
     }
     if (object.type == ObjectType::kCollection) {
         auto& collection = static_cast<CollectionObject&>(object);

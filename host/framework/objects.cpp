@@ -1,13 +1,23 @@
-// The end of objects, in the framework's order, and the object calls of the table.
+// Disposal and destruction of objects, in the framework's order, and the object calls of the table.
 //
-// Deleting an object disposes its children, each one's subtree first, runs its own clean-up, and then lets children and
-// object give up their creation references. References postpone only the last step for the object they are on.
+// Deleting an object disposes it: its children first, each one's subtree before the child itself; then what its type
+// has to wait for or close; then its clean-up callbacks. After that its children and the object give up their creation
+// references. References postpone only this last step, the destruction, for the object they are on.
 #include "host/framework/functions.h"
 #include "host/framework/plug_play.h"
 
 namespace host::framework {
 
 using checks::Rule;
+
+namespace {
+
+const Object* DriverOf(const Object& object)
+{
+    return object.driver != nullptr ? object.driver->driver : nullptr;
+}
+
+}  // namespace
 
 void Framework::Unlink(Object& object)
 {
@@ -24,33 +34,45 @@ void Framework::Unlink(Object& object)
 
 void Framework::Dereference(std::unique_lock<std::mutex>& lock, Object& object)
 {
-    if (--object.references == 0) {
-        Destroy(lock, object);
+    if (--object.references != 0) {
+        return;
     }
+    if (ThreadState::Current().irql > PASSIVE_LEVEL && NeedsPassiveLevel(object)) {
+        // By the driver's own list, whatever device it was below: that may be gone.
+        Defer(DriverOf(object), object, [this, &object] {
+            std::unique_lock later(mutex);
+            Destroy(later, object);
+        });
+        return;
+    }
+    Destroy(lock, object);
 }
 
 void Framework::Dispose(std::unique_lock<std::mutex>& lock, Object& object)
 {
     object.deleted = true;
+    for (Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
+        if (!child->deleted) {
+            Dispose(lock, *child);
+        }
+    }
     if (object.type == ObjectType::kWorkItem) {
         DisposeWorkItem(lock, static_cast<WorkItemObject&>(object));
     } else if (object.type == ObjectType::kQueue) {
         DisposeQueue(lock, object);
     } else if (object.type == ObjectType::kIoTarget) {
         CloseTarget(*this, lock, static_cast<IoTargetObject&>(object), IoTargetObject::State::kClosed);
+    } else if (object.type == ObjectType::kDriver) {
+        WaitForDisposals(lock, object);
     }
-    for (Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
-        if (!child->deleted) {
-            Dispose(lock, *child);
-        }
+    // The creation attributes come first, whether or not they brought a context.
+    if (object.cleanup != nullptr) {
+        RunCleanup(lock, object, object.cleanup);
     }
     for (const Context& context : std::vector<Context>(object.contexts)) {
         if (context.cleanup != nullptr) {
             RunCleanup(lock, object, context.cleanup);
         }
-    }
-    if (object.cleanup != nullptr) {
-        RunCleanup(lock, object, object.cleanup);
     }
 }
 
@@ -84,28 +106,41 @@ void Framework::Delete(std::unique_lock<std::mutex>& lock, Object& object)
         return;  // the parent's end is under way and includes it
     }
     object.deleted = true;
+    const Object* owner = OwnerOfDisposals(object);
     Unlink(object);
-    if (ThreadState::Current().irql > PASSIVE_LEVEL && EndsAtPassiveLevel(object)) {
-        deferredWork.push_back([this, &object] {
+    if (ThreadState::Current().irql > PASSIVE_LEVEL && TreeNeedsPassiveLevel(object)) {
+        Defer(owner, object, [this, &object] {
             std::unique_lock later(mutex);
-            End(later, object);
+            DisposeAndFinish(later, object);
         });
-        workChanged.notify_all();
         return;
     }
-    End(lock, object);
+    DisposeAndFinish(lock, object);
 }
 
-void Framework::End(std::unique_lock<std::mutex>& lock, Object& object)
+void Framework::DisposeAndFinish(std::unique_lock<std::mutex>& lock, Object& object)
 {
     // While it is disposed nobody may take its memory away.
     Reference(object);
     Dispose(lock, object);
     Finish(lock, object);
+    if (object.type == ObjectType::kDevice) {
+        WaitForDisposals(lock, object);
+    }
     Dereference(lock, object);
 }
 
-bool Framework::EndsAtPassiveLevel(const Object& object) const
+const Object* Framework::OwnerOfDisposals(const Object& object)
+{
+    for (const Object* above = object.parent; above != nullptr; above = above->parent) {
+        if (above->type == ObjectType::kDevice) {
+            return above;
+        }
+    }
+    return DriverOf(object);
+}
+
+bool Framework::NeedsPassiveLevel(const Object& object)
 {
     switch (object.type) {
     case ObjectType::kDevice:
@@ -114,11 +149,20 @@ bool Framework::EndsAtPassiveLevel(const Object& object) const
     case ObjectType::kWorkItem:
     case ObjectType::kIoTarget:
         return true;
+    case ObjectType::kGeneral:
+        return object.executionLevel == WdfExecutionLevelPassive;
     default:
-        break;
+        return false;
+    }
+}
+
+bool Framework::TreeNeedsPassiveLevel(const Object& object)
+{
+    if (NeedsPassiveLevel(object)) {
+        return true;
     }
     for (const Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
-        if (EndsAtPassiveLevel(*child)) {
+        if (TreeNeedsPassiveLevel(*child)) {
             return true;
         }
     }

@@ -91,9 +91,9 @@ void SetInterface(Framework& framework, DeviceObject& device, DeviceInterface& i
     const std::string name = InterfaceName(device, interface);
     for (const auto& registration : framework.plugPlayRegistrations) {
         if (SameGuid(registration->interfaceClass, interface.interfaceClass)) {
-            framework.deferredWork.emplace_back([&framework, registration, enabled, name] {
-                Tell(framework, registration, enabled ? kArrival : kRemoval, name);
-            });
+            framework.deferredWork.push_back({nullptr, nullptr, [&framework, registration, enabled, name] {
+                                                  Tell(framework, registration, enabled ? kArrival : kRemoval, name);
+                                              }});
         }
     }
     framework.workChanged.notify_all();

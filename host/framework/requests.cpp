@@ -90,11 +90,11 @@ void Deliver(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObje
     }
     if (queue.executionLevel == WdfExecutionLevelPassive && thread.irql > PASSIVE_LEVEL) {
         framework.Reference(queue);
-        framework.deferredWork.emplace_back([&framework, &queue] {
-            std::unique_lock later(framework.mutex);
-            Deliver(framework, later, queue);
-            framework.Dereference(later, queue);
-        });
+        framework.deferredWork.push_back({nullptr, nullptr, [&framework, &queue] {
+                                              std::unique_lock later(framework.mutex);
+                                              Deliver(framework, later, queue);
+                                              framework.Dereference(later, queue);
+                                          }});
         framework.workChanged.notify_all();
         return;
     }

@@ -1,5 +1,6 @@
 // Work items: queued at most once, run at PASSIVE_LEVEL on threads of the host, either when asked to or at once. Runs
-// of one item may overlap. An item's end drops later enqueues and waits for what is queued or running.
+// of one item may overlap. An item's disposal drops later enqueues and waits for what is queued or running. The
+// framework's own deferred work, disposals above all, runs on the same threads.
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 #include "host/schedule/parking.h"
@@ -17,6 +18,7 @@ void Framework::RunCallback(WorkItemObject& item)
         const std::lock_guard lock(mutex);
         --item.starting;
         item.runningOn.push_back(self);
+        item.callbackThread = self;
     }
     schedule::Acquire(&item.queued);
     Guarded("EvtWorkItem", reinterpret_cast<const void*>(item.routine),
@@ -24,6 +26,7 @@ void Framework::RunCallback(WorkItemObject& item)
     schedule::Release(&item.runningOn);
     std::unique_lock lock(mutex);
     std::erase(item.runningOn, self);
+    item.callbackThread = 0;
     waiting.NotifyAll();
     Dereference(lock, item);
 }
@@ -44,21 +47,64 @@ void Framework::RunTaken(std::unique_lock<std::mutex>& lock, WorkItemObject& ite
     workChanged.notify_all();
 }
 
-bool Framework::RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName,
-                            schedule::Outcome& outcome)
+void Framework::Defer(const Object* owner, const Object& object, std::function<void()> work)
 {
-    if (deferredWork.empty()) {
+    deferredWork.push_back({owner, &object, std::move(work)});
+    workChanged.notify_all();
+}
+
+bool Framework::RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName,
+                            schedule::Outcome& outcome, const Object* onlyOf)
+{
+    const auto next = std::find_if(deferredWork.begin(), deferredWork.end(), [onlyOf](const DeferredWork& deferred) {
+        return onlyOf == nullptr || deferred.owner == onlyOf;
+    });
+    if (next == deferredWork.end()) {
         return false;
     }
-    const std::function<void()> work = std::move(deferredWork.front());
-    deferredWork.pop_front();
+    const DeferredWork deferred = std::move(*next);
+    deferredWork.erase(next);
+    const auto running = deferredRunning.insert(deferredRunning.end(), {deferred.owner, schedule::kNobody});
     ++workRunning;
     lock.unlock();
-    outcome = RunOnThread(threadName, "framework work", nullptr, work);
+    outcome = RunOnThread(threadName, "framework work", nullptr, [&] {
+        {
+            const std::lock_guard begin(mutex);
+            running->thread = ThreadState::Current().id;
+        }
+        deferred.work();
+    });
     lock.lock();
+    if (!outcome.parked) {
+        deferredRunning.erase(running);
+        waiting.NotifyAll();
+    }
     --workRunning;
     workChanged.notify_all();
     return true;
+}
+
+void Framework::WaitForDisposals(std::unique_lock<std::mutex>& lock, const Object& owner)
+{
+    schedule::Outcome outcome;
+    while (RunDeferred(lock, "system worker", outcome, &owner)) {
+    }
+    const auto threads = [&] {
+        std::vector<schedule::ThreadId> begun;
+        for (const RunningDeferred& running : deferredRunning) {
+            if (running.owner == &owner && running.thread != schedule::kNobody) {
+                begun.push_back(running.thread);
+            }
+        }
+        return begun;
+    };
+    const auto isOver = [&] {
+        return std::none_of(deferredRunning.begin(), deferredRunning.end(),
+                            [&](const RunningDeferred& running) { return running.owner == &owner; });
+    };
+    (void)WaitFor(lock,
+                  {.subject = "the deferred disposals of " + Describe(owner), .isReady = isOver, .heldBy = threads},
+                  "removal", nullptr);
 }
 
 bool Framework::RunOneWorkItem(schedule::Outcome& outcome)
@@ -127,7 +173,7 @@ void Framework::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& 
         RunTaken(lock, item, "system worker", outcome);
     }
     const schedule::Wait wait{
-        .subject = "the end of " + Describe(item),
+        .subject = "the runs of " + Describe(item),
         .isReady = [&item] { return !item.queued && item.starting == 0 && item.runningOn.empty(); },
         .heldBy = [&item] { return item.runningOn; },
     };
@@ -138,9 +184,8 @@ void Framework::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& 
 void Framework::DisposeWorkItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item)
 {
     item.gone = true;
-    const std::uint64_t self = ThreadState::Current().id;
-    if (std::find(item.runningOn.begin(), item.runningOn.end(), self) == item.runningOn.end()) {
-        WaitForRuns(lock, item, "work item end", reinterpret_cast<const void*>(item.routine));
+    if (item.callbackThread != ThreadState::Current().id) {
+        WaitForRuns(lock, item, "work item disposal", reinterpret_cast<const void*>(item.routine));
     }
 }
 
@@ -238,6 +283,11 @@ void NTAPI WorkItemFlush(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
     std::unique_lock lock(framework.mutex);
     auto* item = framework.Resolve<WorkItemObject>(call, handle, "WorkItem");
     if (item == nullptr) {
+        return;
+    }
+    if (item->callbackThread == ThreadState::Current().id) {
+        call.Violation(Rule::kSelfWait,
+                       Framework::Describe(*item) + " is flushed by its own callback; the call returns at once");
         return;
     }
     framework.Reference(*item);

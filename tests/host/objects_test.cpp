@@ -65,6 +65,67 @@ TEST(Objects, EndChildrenBeforeParentsAndCleanUpBeforeTheyDestroy)
     EXPECT_EQ(g_order, expected);
 }
 
+TEST(Objects, CallbacksFromTheCreationComeBeforeThoseOfLaterContexts)
+{
+    FaultyDriverFixture fixture;
+    g_order.clear();
+    const WDFOBJECT object = NewNamed<'1'>(nullptr);  // without a context of its own
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
+    WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, BROKEN_CONTEXT);
+    attributes.EvtCleanupCallback = Cleanup<'2'>;
+    attributes.EvtDestroyCallback = Destroy<'2'>;
+    ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, nullptr), STATUS_SUCCESS);
+    WdfObjectDelete(object);
+    EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "cleanup 2", "destroy 1", "destroy 2"}));
+}
+
+// An object whose callbacks must run at PASSIVE_LEVEL, deleted or dereferenced for the last time above it.
+TEST(Objects, OfPassiveLevelAreDisposedAndDestroyedOnASystemThread)
+{
+    FaultyDriverFixture fixture;
+    g_order.clear();
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
+    attributes.ExecutionLevel = WdfExecutionLevelPassive;
+    attributes.EvtCleanupCallback = Cleanup<'1'>;
+    attributes.EvtDestroyCallback = Destroy<'1'>;
+    WDFOBJECT object = nullptr;
+    ASSERT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
+    WdfObjectReference(object);
+    {
+        const host::ScopedIrql level(DISPATCH_LEVEL);
+        WdfObjectDelete(object);
+        EXPECT_EQ(g_order, std::vector<std::string>{});
+    }
+    (void)fixture.machine.RunWorkItems();
+    EXPECT_EQ(g_order, std::vector<std::string>{"cleanup 1"});
+    {
+        const host::ScopedIrql level(DISPATCH_LEVEL);
+        WdfObjectDereference(object);
+        EXPECT_EQ(g_order, std::vector<std::string>{"cleanup 1"});
+    }
+    (void)fixture.machine.RunWorkItems();
+    EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "destroy 1"}));
+}
+
+TEST(Objects, UnloadWaitsForDisposalsThatAreStillDeferred)
+{
+    FaultyDriverFixture fixture;
+    g_order.clear();
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
+    attributes.ExecutionLevel = WdfExecutionLevelPassive;
+    attributes.EvtCleanupCallback = Cleanup<'1'>;
+    attributes.EvtDestroyCallback = Destroy<'1'>;
+    WDFOBJECT object = nullptr;
+    ASSERT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
+    {
+        const host::ScopedIrql level(DISPATCH_LEVEL);
+        WdfObjectDelete(object);
+    }
+    fixture.End();
+    EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "destroy 1"}));
+    EXPECT_EQ(fixture.machine.QueuedWorkItems(), 0u);
+}
+
 TEST(Objects, ASiblingDeletedDuringTheParentsEndIsCleanedUpAndDestroyedOnce)
 {
     FaultyDriverFixture fixture;
