@@ -65,5 +65,5 @@ int main(int argc, char** argv)
             return cannotWrite();
         }
     }
-    return 0;
+    return tools::EndWith(app, 0);
 }

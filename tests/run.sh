@@ -36,14 +36,8 @@ targets_of() {
     esac
 }
 
-# has_program PRESET FOLDER: whether tests/CMakeLists.txt makes a program of that folder's cases there.
-has_program() {
-    case $1:$2 in
-    tsan:behaviour) ;;
-    tsan:* | asan:docs | asan:concurrency | asan:bench) return 1 ;;
-    linux-arm64:docs | linux-arm64:image | linux-arm64:package | linux-arm64:trace | linux-arm64:bench) return 1 ;;
-    esac
-}
+# has_program PRESET FOLDER
+has_program() { grep -qE "^$2 .*\b${1#linux-}\b" "$root/tests/programs.txt"; }
 
 # The build folders of a run, with what people call them.
 title_of() {
@@ -311,10 +305,20 @@ run_coverage() {
     "$folder/tools/zepn-coverage" "$folder/all.json" "$root/tests/coverage/exceptions.txt" "$root"
 }
 
+# Two runs would build and count in the same folders.
+wait_for_other_run() {
+    local lock
+    exec {lock}> "$root/build/test.lock"
+    flock --nonblock "$lock" && return
+    echo "zepn: another ./zepn test is running in $root; this one begins when that has ended" >&2
+    flock "$lock"
+}
+
 run_tests() {
     # What would choose among the cases.
     unset ZEPN_SCHEDULE ZEPN_SCHEDULES ZEPN_FAULT "${!GTEST_@}"
     if [ "$*" = --coverage ]; then
+        wait_for_other_run
         run_coverage
         return
     fi
@@ -344,6 +348,7 @@ run_tests() {
     fi
     [ -z "$chosen" ] || ! $all || refuse "test takes a name or --all"
     [ -n "$chosen" ] || [ -z "$only" ] || refuse "test --on goes with a name"
+    wait_for_other_run
     if [ -n "$chosen" ]; then run_chosen; else run_groups; fi
     printf '%d passed, %d failed\n' "$passed" "$failed"
     [ "$failed" = 0 ]

@@ -19,9 +19,10 @@ fail() {
 
 # ---- The project ----
 
-mkdir -p "$project/build" "$project"/tests/{behaviour,empty,host} "$folder/bin"
+mkdir -p "$project/build" "$project/bench" "$project"/tests/{behaviour,empty,host} "$folder/bin"
 cp "$root/zepn" "$project"
-cp "$root/tests/run.sh" "$project/tests"
+cp "$root/tests/run.sh" "$root/tests/programs.txt" "$project/tests"
+cp "$root/bench/main.cpp" "$project/bench"
 printf '/build/\n/out/\n' > "$project/.gitignore"
 echo '{}' > "$project/CMakePresets.json"
 printf '// A comment.\nTEST_P(Loud, Works)\n{\n}\n' > "$project/tests/behaviour/loud_test.cpp"
@@ -113,6 +114,27 @@ refuses "test takes a name or --all" test Loud --all
 refuses "test --coverage goes alone" test --again --coverage
 refuses "of the cases called Quiet none is built for tsan" test Quiet --on tsan
 
+refuses "fuzz --libfuzzer takes a number of seconds, up to 9999999" fuzz --libfuzzer 99999999999999999999
+zepn 2 bench --quick host nonsense
+says "zepn: bench has no section nonsense; there are: "
+says " host"
+[ ! -s "$folder/built" ] || fail "an unknown section is refused after something was built"
+
+# ---- What cannot be written ----
+
+# unwritable NAME SENTENCE: something else lies where the build would write. (A superuser may write everywhere else.)
+unwritable() {
+    rm -rf "$project/build" "$project/out"
+    mkdir -p "$(dirname "$project/$1")"
+    if [ "${1%.log}" = "$1" ]; then : > "$project/$1"; else mkdir "$project/$1"; fi
+    zepn 1 test Quiet
+    [ "$(cat "$folder/error")" = "zepn: $project/$2" ] || fail "not said: $2"
+    rm -r "${project:?}/$1"
+}
+unwritable build "build cannot be written to, and what is built belongs there"
+unwritable out "out cannot be written to, and what is built belongs there"
+unwritable build/logs/native.log "build/logs/native.log cannot be written"
+
 # ---- Choosing ----
 
 zepn 0 test Quiet
@@ -177,6 +199,15 @@ ran ""
 commit second
 zepn 0 test
 ran "$ordinary"
+
+# One after the other: the second says what it waits for.
+mkfifo "$folder/held"
+( flock 9; : > "$folder/held"; for _ in {1..600}; do
+      grep -qs 'another ./zepn test is running' "$folder/error" && break; sleep 0.1; done; echo freed >> "$folder/ran"
+) 9> "$project/build/test.lock" &
+: < "$folder/held"
+zepn 0 test Quiet
+[ "$(paste -sd' ' "$folder/ran")" = "freed Quiet.Works" ] || fail "two runs at once: $(paste -sd' ' "$folder/ran")"
 
 # What failed runs again, unchanged or not; what passed does not.
 echo '// A third.' >> "$project/tests/host/quiet_test.cpp"

@@ -39,8 +39,9 @@ int main(int argumentCount, char** arguments)
     budget.seed = static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()) % 1000000;
     std::string scenarioFile = "fuzz.json";
 
-    CLI::App app{"Sequences random sequences on the driver image and on a model of it, and compares."};
-    app.add_option("--seed", budget.seed, "the row of sequences (default: another each time)");
+    CLI::App app{"Plays random operation sequences on the driver image and on a model of it, and compares."};
+    app.add_option("--seed", budget.seed, "which operation sequences (default: others each time)")
+        ->check(tools::Unsigned());
     CLI::Option* seconds =
         app.add_option("--seconds", budget.seconds, "how long (default: 60)")->check(CLI::Range(0.1, 1e7));
     app.add_option("--sequences", budget.sequences, "how many sequences at most")
@@ -64,13 +65,16 @@ int main(int argumentCount, char** arguments)
         // Before the search: one that is stopped can be begun again.
         std::cout << "seed " << budget.seed << "; the same sequences again: ./zepn fuzz --seed " << budget.seed
                   << " --image " << image << std::endl;
+        if (!std::cout) {
+            return tools::EndWith(app, 0);
+        }
         model::Totals totals;
         const auto begin = std::chrono::steady_clock::now();
         const auto finding = model::Search(budget, ImagePath(image), totals);
         const double spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
         std::cout << model::Figures(totals, spent, image + ", seed " + std::to_string(budget.seed));
         if (!finding) {
-            return 0;
+            return tools::EndWith(app, 0);
         }
         std::ofstream out(scenarioFile);
         out << model::Scenario(*finding);
@@ -82,7 +86,7 @@ int main(int argumentCount, char** arguments)
                   << finding->number + 1 << " --image " << image << "; as a scenario: ./zepn demo " << scenarioFile
                   << " --image " << image << "\n"
                   << model::kLookFor << "\n";
-        return kWentWrong;
+        return tools::EndWith(app, kWentWrong);
     } catch (const std::exception& error) {
         std::cerr << "zepn-fuzz: " << error.what() << "\n";
         return kBadInput;

@@ -60,7 +60,7 @@ int main(int argumentCount, char** arguments)
         for (const CapturedRecord& record : ReadCapture(file)) {
             all = std::visit([&](const auto& one) { return Print(one, manifest, formats); }, record) && all;
         }
-        return all ? 0 : 1;
+        return tools::EndWith(app, all ? 0 : 1);
     } catch (const std::exception& error) {
         std::cerr << "zepn-decode: " << error.what() << "\n";
         return tools::kBadInput;

@@ -152,5 +152,5 @@ int main(int argumentCount, char** arguments)
         (json ? PrintJson : PrintText)(file, facts, findings);
         result = findings.empty() ? result : kFound;
     }
-    return result;
+    return tools::EndWith(app, result);
 }

@@ -94,7 +94,7 @@ int main(int argumentCount, char** arguments)
         const bool colored = color == "always" || (color == "auto" && isatty(STDOUT_FILENO) == 1);
         play::Timeline timeline(std::cout, json ? play::Timeline::Form::kJson : play::Timeline::Form::kText, colored);
         if (samples) {
-            return play::PlaySamples(ImagePath(image, root), timeline) ? 0 : kNotAsExpected;
+            return tools::EndWith(app, play::PlaySamples(ImagePath(image, root), timeline) ? 0 : kNotAsExpected);
         }
         for (const std::string& written : {capture, diagramFile, perfettoFile}) {
             for (const std::string& read : {scenarioFile, ImagePath(image, root).string()}) {
@@ -129,7 +129,7 @@ int main(int argumentCount, char** arguments)
         }
         WriteFile(diagramFile, diagram);
         WriteFile(perfettoFile, perfetto);
-        return good ? 0 : kNotAsExpected;
+        return tools::EndWith(app, good ? 0 : kNotAsExpected);
     } catch (const play::ScenarioError& error) {
         std::cerr << error.what() << "\n";
         return kBadInput;
