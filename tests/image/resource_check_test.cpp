@@ -47,8 +47,8 @@ std::vector<Damage> PlaceDamage()
         {"nowhere", directory(0, {0, 0, 0, 0x7F}), {"resources"}, "not within one section"},
         {"longer than its section", directory(4, {0, 0, 1}), {"resources"}, "not within one section"},
         {"shorter than its data", directory(4, {0, 4}), {"resources"}, "lies beyond the directory"},
-        {"writable", InSection(0xC2), {"resources"}, ".rsrc is writable"},
-        {"executable", InSection(0x62), {"resources", "sections"}, ".rsrc is executable"},
+        {"writable", InSection(0xC2), {"sections"}, ".rsrc is writable"},
+        {"executable", InSection(0x62), {"sections"}, ".rsrc is executable"},
         {"kept", InSection(0x40), {"resources"}, ".rsrc stays in memory"},
     };
 }
@@ -126,7 +126,7 @@ TEST(ImageCheckResources, MayBeMissingWhereTheyAreNotNeeded)
     };
     EXPECT_EQ(found([](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(2), {0, 0, 0, 0}); }), "");
     EXPECT_EQ(found(InTree(kTemplateNames + 16, {2})), "");
-    EXPECT_EQ(found(InSection(0xC2)), "resources: .rsrc is writable\n");
+    EXPECT_EQ(found(InSection(0x40)), "resources: .rsrc stays in memory\n");
 }
 
 // The sanitizers look on.

@@ -67,6 +67,7 @@ struct Section {
     [[nodiscard]] bool HoldsInitializedData() const { return (characteristics & 0x00000060u) != 0; }
     [[nodiscard]] bool IsDiscardable() const { return (characteristics & 0x02000000u) != 0; }
     [[nodiscard]] bool IsExecutable() const { return (characteristics & 0x20000000u) != 0; }
+    [[nodiscard]] bool IsReadable() const { return (characteristics & 0x40000000u) != 0; }
     [[nodiscard]] bool IsWritable() const { return (characteristics & 0x80000000u) != 0; }
 };
 

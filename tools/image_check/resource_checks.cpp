@@ -97,8 +97,6 @@ bool CheckPlace(const PeReader& image, Report& report)
                         " bytes is not within one section"));
         return false;
     }
-    report.Require(!section->IsWritable(), section->name + " is writable");
-    report.Require(!section->IsExecutable(), section->name + " is executable");
     // Whoever reads them reads the file.
     report.Require(section->IsDiscardable(), section->name + " stays in memory");
     return true;

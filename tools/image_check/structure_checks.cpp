@@ -10,6 +10,8 @@
 namespace image_check {
 namespace {
 
+constexpr std::uint32_t kFileAlignment = 512;
+
 struct Bit {
     std::uint32_t mask;
     std::string_view name;
@@ -36,7 +38,7 @@ void CheckMachine(const PeReader& image, Report& report)
     report.Require(headers.subsystemVersion[0] == 10 && headers.subsystemVersion[1] == 0,
                    "subsystem version is not 10.0");
     report.Require(headers.sectionAlignment == 4096, "sections are not aligned to 4096 bytes");
-    report.Require(headers.fileAlignment == 512, "sections are not aligned to 512 bytes in the file");
+    report.Require(headers.fileAlignment == kFileAlignment, "sections are not aligned to 512 bytes in the file");
 }
 
 void CheckCharacteristics(const PeReader& image, Report& report)
@@ -61,6 +63,52 @@ void CheckChecksum(const PeReader& image, Report& report)
     }
 }
 
+// What the loader lets a section's pages be used for. A name promises more: code that cannot run, or data that cannot be
+// written, would fault at the first use.
+void CheckAccess(const Section& section, Report& report)
+{
+    struct Promise {
+        std::string_view name;
+        bool isExecutable;
+        bool isWritable;
+    };
+    constexpr Promise kPromises[] = {{".text", true, false},   {".rdata", false, false}, {".data", false, true},
+                                     {".pdata", false, false}, {".xdata", false, false}, {".rsrc", false, false},
+                                     {".reloc", false, false}};
+    if (!section.IsReadable()) {
+        report.Add(section.name + " is not readable");
+    }
+    if (section.IsExecutable() && section.IsWritable()) {
+        report.Add(section.name + " is writable and executable");
+    }
+    const auto* promise = std::ranges::find(kPromises, section.name, &Promise::name);
+    if (promise == std::end(kPromises)) {
+        return;
+    }
+    if (section.IsExecutable() != promise->isExecutable) {
+        report.Add(section.name + (promise->isExecutable ? " is not executable" : " is executable"));
+    }
+    if (section.IsWritable() != promise->isWritable) {
+        report.Add(section.name + (promise->isWritable ? " is not writable" : " is writable"));
+    }
+}
+
+// Contents in the file begin and end at whole units, behind those of the section before.
+void CheckRawData(const Section& section, std::uint64_t previousEnd, Report& report)
+{
+    if (section.rawSizeBytes == 0) {
+        return;
+    }
+    if (section.rawOffset % kFileAlignment != 0 || section.rawSizeBytes % kFileAlignment != 0) {
+        report.Add(Join(section.name, " is not aligned in the file: ", section.rawSizeBytes, " bytes at offset ",
+                        Hex(section.rawOffset)));
+    }
+    if (section.rawOffset < previousEnd) {
+        report.Add(Join(section.name, " overlaps what stands before it in the file: it begins at offset ",
+                        Hex(section.rawOffset), ", that ends at ", Hex(previousEnd)));
+    }
+}
+
 void CheckSections(const PeReader& image, Report& report)
 {
     constexpr std::uint64_t kPageSize = 4096;
@@ -77,13 +125,12 @@ void CheckSections(const PeReader& image, Report& report)
         if (std::uint64_t{section.rawOffset} + section.rawSizeBytes > image.bytes().size()) {
             add("goes beyond the end of the file");
         }
+        CheckRawData(section, fileEnd, report);
         fileEnd = std::max(fileEnd, std::uint64_t{section.rawOffset} + section.rawSizeBytes);
         if (section.HoldsInitializedData() && section.rawSizeBytes == 0) {
             add("claims contents, but the file has none");
         }
-        if (section.IsExecutable() && section.IsWritable()) {
-            add("is writable and executable");
-        }
+        CheckAccess(section, report);
         if (section.IsExecutable() && section.IsDiscardable()) {
             add("holds code that is thrown away");
         }
