@@ -1,43 +1,14 @@
 // Events decoded by the manifest alone, the way the system's viewer walks a payload: each field consumes what its type
 // says, and the last one must end with the payload.
 #include "host/tracing/decode.h"
-#include "host/tracing/xml.h"
 
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
 
 namespace host::tracing {
 namespace {
 
 constexpr std::size_t kGuidBytes = 16;
-
-std::uint8_t LevelOf(const std::string& name)
-{
-    static const std::map<std::string, std::uint8_t> kLevels = {{"win:Critical", std::uint8_t{1}},
-                                                                {"win:Error", std::uint8_t{2}},
-                                                                {"win:Warning", std::uint8_t{3}},
-                                                                {"win:Informational", std::uint8_t{4}},
-                                                                {"win:Verbose", std::uint8_t{5}}};
-    const auto found = kLevels.find(name);
-    if (found == kLevels.end()) {
-        throw std::runtime_error("unknown level " + name);
-    }
-    return found->second;
-}
-
-FieldType TypeOf(const std::string& name)
-{
-    static const std::map<std::string, FieldType> kTypes = {{"win:AnsiString", FieldType::kAnsiString},
-                                                            {"win:UInt32", FieldType::kUInt32},
-                                                            {"win:UInt64", FieldType::kUInt64},
-                                                            {"win:GUID", FieldType::kGuid}};
-    const auto found = kTypes.find(name);
-    if (found == kTypes.end()) {
-        throw std::runtime_error("unsupported type " + name);
-    }
-    return found->second;
-}
 
 std::string NumberText(std::uint64_t number, const std::string& outType)
 {
@@ -129,49 +100,6 @@ std::uint64_t DecodedEvent::Number(const std::string& field) const
         }
     }
     return 0;
-}
-
-Manifest::Manifest(const std::filesystem::path& file)
-{
-    const XmlElement root = ReadXml(file);
-    try {
-        const auto providers = root.All("provider");
-        if (providers.size() != 1) {
-            throw std::runtime_error("expected one provider");
-        }
-        const std::optional<GUID> guid = ParseGuid(providers[0]->Required("guid"));
-        if (!guid) {
-            throw std::runtime_error("the provider's guid is none");
-        }
-        provider_ = *guid;
-
-        std::map<std::string, std::string> strings;
-        for (const XmlElement* string : root.All("string")) {
-            strings["$(string." + string->Required("id") + ")"] = string->Required("value");
-        }
-        std::map<std::string, std::vector<Field>> templates;
-        for (const XmlElement* element : root.All("template")) {
-            std::vector<Field>& fields = templates[element->Required("tid")];
-            for (const XmlElement& data : element->children) {
-                fields.push_back({data.Required("name"), TypeOf(data.Required("inType")), data.Optional("outType")});
-            }
-        }
-        for (const XmlElement* element : root.All("event")) {
-            const auto id = static_cast<std::uint16_t>(std::stoul(element->Required("value")));
-            const auto message = strings.find(element->Required("message"));
-            const auto fields = templates.find(element->Required("template"));
-            if (message == strings.end() || fields == templates.end()) {
-                throw std::runtime_error("event " + std::to_string(id) + " refers to a missing string or template");
-            }
-            const Event event{id, LevelOf(element->Required("level")), element->Required("symbol"), message->second,
-                              fields->second};
-            if (!events_.emplace(id, event).second) {
-                throw std::runtime_error("event " + std::to_string(id) + " stands twice");
-            }
-        }
-    } catch (const std::exception& error) {
-        throw std::runtime_error(file.string() + ": " + error.what());
-    }
 }
 
 std::optional<DecodedEvent> Manifest::Decode(const CapturedEvent& event) const

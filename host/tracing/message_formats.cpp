@@ -1,6 +1,7 @@
 // Trace messages decoded by message-format files alone: the items say how many bytes each argument takes, the format
 // how it reads.
 #include "host/tracing/decode.h"
+#include "host/tracing/number_text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -88,12 +89,14 @@ private:
         std::istringstream fields(line);
         std::string keyword;
         std::string tag;
-        unsigned number = 0;
+        std::string numberText;
         const std::size_t open = line.find('"');
         const std::size_t trailer = line.find("//");
         const std::size_t close = trailer == std::string::npos ? line.rfind('"') : line.rfind('"', trailer);
-        if (!(fields >> keyword >> tag >> number) || open == std::string::npos || close <= open || guid_.empty()) {
-            Fail("#typev <tag> <number> \"<format>\" below a message GUID");
+        fields >> keyword >> tag >> numberText;
+        const std::optional<std::uint16_t> number = ParseNumber<std::uint16_t>(numberText);
+        if (!number || open == std::string::npos || close <= open || guid_.empty()) {
+            Fail("#typev <tag> <number up to 65535> \"<format>\" below a message GUID");
         }
         const MessageFormats::Format format{.tag = tag,
                                             .text = line.substr(open + 1, close - open - 1),
@@ -101,9 +104,9 @@ private:
                                             .flags = After(line, "FLAGS="),
                                             .function = After(line, "FUNC="),
                                             .items = {}};
-        const auto [entry, isNew] = formats_.emplace(std::pair(guid_, static_cast<std::uint16_t>(number)), format);
+        const auto [entry, isNew] = formats_.emplace(std::pair(guid_, *number), format);
         if (!isNew) {
-            Fail("message " + std::to_string(number) + " once");
+            Fail("message " + numberText + " once");
         }
         current_ = &entry->second;
     }
@@ -122,7 +125,7 @@ private:
         }
         MessageFormats::Item item{
             .expression = line.substr(0, comma), .type = line.substr(comma + 2, dashes - comma - 2), .index = 0};
-        std::istringstream(line.substr(dashes + 4)) >> item.index;
+        item.index = ParseNumber<unsigned>(Trimmed(line.substr(dashes + 4))).value_or(0);
         if (item.index != kFirstArgument + current_->items.size()) {
             Fail("index " + std::to_string(kFirstArgument + current_->items.size()));
         }

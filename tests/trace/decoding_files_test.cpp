@@ -94,6 +94,83 @@ TEST(MessageFormats, AreTaggedWithTheNameOfTheirReportingSite)
     }
 }
 
+// What a damaged manifest is refused with; the sentences end with the line where the damage is.
+TEST(Manifest, SaysWhereAFileIsWrong)
+{
+    const auto file = std::filesystem::temp_directory_path() / ("zepn-wrong-" + std::to_string(getpid()) + ".man");
+    const std::string good = TextOf(kFolder / "zepn.man");
+    const auto with = [&](const std::string& part, const std::string& other) {
+        std::string text = good;
+        const std::size_t at = text.find(part);
+        EXPECT_NE(at, std::string::npos) << part;
+        return text.replace(at, part.size(), other);
+    };
+    const auto lineOf = [&](const std::string& part) {
+        const auto end = good.begin() + static_cast<std::ptrdiff_t>(good.find(part));
+        return ":" + std::to_string(1 + std::count(good.begin(), end, '\n')) + ": ";
+    };
+    const std::string event = lineOf("<event ") + "<event> ";
+    const std::string deep = [] {
+        std::string text;
+        for (unsigned depth = 0; depth < 30000; ++depth) {
+            text += "<a>";
+        }
+        return text;
+    }();
+    const auto refusal = [&](const std::string& text) -> std::string {
+        std::ofstream(file, std::ios::binary) << text;
+        try {
+            const host::tracing::Manifest manifest(file);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "none";
+    };
+    const std::pair<std::string, std::string> rows[] = {
+        {"", ": No document element found"},
+        {good.substr(0, good.size() / 2), ": "},
+        {deep, ": Start-end tags mismatch"},
+        {with("<instrumentation>", "<instrumentation>" + deep), ": Start-end tags mismatch"},
+        {with("<provider ", "<other "), ": "},
+        {with("{84CD9D5E-", "{84CD9D5E+"), "<provider> has a guid that is none"},
+        {with("<event value=\"1\"", "<event value=\"65537\""),
+         event + "has a value that is no number from 0 to 65535: 65537"},
+        {with("<event value=\"1\"", "<event value=\"-1\""),
+         event + "has a value that is no number from 0 to 65535: -1"},
+        {with("<event value=\"1\"", "<event value=\"one\""),
+         event + "has a value that is no number from 0 to 65535: one"},
+        {with("<event value=\"1\"", "<event value=\"2\""), "<event> has the value of another: 2"},
+        {with("<event value=\"1\"", "<event"), event + "has no attribute value"},
+        {with("<event value=\"1\"", "<event value=\"1\" value=\"2\""), event + "has more than one attribute value"},
+        {with("win:Error", "win:Grave"), "has an unknown level: win:Grave"},
+        {with("win:AnsiString", "win:Text"), "<data> has an unknown inType: win:Text"},
+        {with("template=\"", "template=\"X"), "refers to a template that is missing"},
+        {with("message=\"$(string.", "message=\"$(string.X"), "refers to a string that is missing"},
+    };
+    for (const auto& [text, words] : rows) {
+        const std::string said = refusal(text);
+        EXPECT_NE(said.find(words), std::string::npos) << said << "\nwithout: " << words;
+        EXPECT_TRUE(said.starts_with(file.string() + ":")) << said;
+    }
+    // As some editors of Windows write it; its lines are counted, too.
+    const auto wide = [](const std::string& text) {
+        std::string bytes = "\xFF\xFE";
+        for (const char letter : text) {
+            bytes += {letter, '\0'};
+        }
+        return bytes;
+    };
+    EXPECT_EQ(refusal(wide(good)), "none");
+    EXPECT_NE(refusal(wide(with("<event value=\"1\"", "<event"))).find(event + "has no"), std::string::npos);
+    // Closed as often as opened, so read whatever the depth.
+    std::string nested = "<instrumentation>" + deep;
+    for (unsigned depth = 0; depth < 30000; ++depth) {
+        nested += "</a>";
+    }
+    EXPECT_EQ(refusal(with("<instrumentation>", nested)), "none");
+    std::filesystem::remove(file);
+}
+
 // Texts that people read: what follows a description is set off from it, and no blank comes twice.
 TEST(Texts, SetValuesOffFromWhatTheyFollow)
 {
@@ -126,6 +203,8 @@ TEST(MessageFormats, SayWhereAFileIsWrong)
              {"", "no message formats"},
              {"nonsense\n", ":1: expected a message GUID"},
              {head + "#typev a ten \"x\"\n", ":2: expected #typev"},
+             {head + "#typev a 65546 \"x\" //\n{\n}\n", ":2: expected #typev <tag> <number up to 65535>"},
+             {head + "#typev a -1 \"x\" //\n{\n}\n", ":2: expected #typev"},
              {head + "#typev a 10 \"x\" //\n{\na, ItemLong -- 11\n}\n", ":4: expected index 10"},
              {head + "#typev a 10 \"x\" //\n{\na, ItemLong -- b\n}\n", ":4: expected index 10"},
              {head + "#typev a 10 \"x\" //\n{\n}\n#typev b 10 \"x\" //\n{\n}\n", ":5: expected message 10 once"},
