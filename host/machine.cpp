@@ -54,7 +54,7 @@ NTSTATUS Driver::StartDevice()
 
 NTSTATUS Driver::QueryStopDevice()
 {
-    return NewestDevice(instance_).stopRemoveRefusals > 0 ? STATUS_INVALID_DEVICE_STATE : STATUS_SUCCESS;
+    return NewestDevice(instance_).stopRemoveRefusals != 0 ? STATUS_INVALID_DEVICE_STATE : STATUS_SUCCESS;
 }
 
 NTSTATUS Driver::QueryRemoveDevice()
@@ -257,14 +257,15 @@ void Machine::SetRegistryString(const std::string& serviceName, const std::strin
     kernel_->registry().SetString(serviceName, name, value);
 }
 
+void Machine::SetRegistryData(const std::string& serviceName, const std::string& name, std::uint32_t type,
+                              std::vector<std::byte> data)
+{
+    kernel_->registry().SetData(serviceName, name, type, std::move(data));
+}
+
 std::vector<RegistryNumber> Machine::RegistryNumbers(const std::string& serviceName) const
 {
     return kernel_->registry().Numbers(serviceName);
-}
-
-void Machine::RemoveRegistryKey(const std::string& serviceName)
-{
-    kernel_->registry().RemoveParameters(serviceName);
 }
 
 PumpResult Machine::RunWorkItems()

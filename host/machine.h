@@ -126,9 +126,11 @@ public:
     // Registry: values below HKLM\...\Services\<service>\Parameters. SetValue creates the key.
     void SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value);
     void SetRegistryString(const std::string& serviceName, const std::string& name, const std::string& value);
+    // A value of any type and length, also one that does not suit its type.
+    void SetRegistryData(const std::string& serviceName, const std::string& name, std::uint32_t type,
+                         std::vector<std::byte> data);
     // The numbers below the key, in the order in which they were first written.
     [[nodiscard]] std::vector<RegistryNumber> RegistryNumbers(const std::string& serviceName) const;
-    void RemoveRegistryKey(const std::string& serviceName);
 
     // Work items (pumped mode). Each callback runs on a worker thread of the host while the caller waits; one that
     // parks is set aside and reported. RunWorkItems goes on until none is queued; RunOneWorkItem runs the oldest.

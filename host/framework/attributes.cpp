@@ -18,15 +18,12 @@ bool MayHaveScope(ObjectType type)
 
 }  // namespace
 
-NTSTATUS Framework::CheckAttributes(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes, ObjectType type,
-                                    ParentRule parentRule)
+NTSTATUS Framework::CheckAttributes(const WDF_OBJECT_ATTRIBUTES* attributes, ObjectType type, ParentRule parentRule)
 {
     if (attributes == nullptr) {
         return parentRule == ParentRule::kRequired ? STATUS_WDF_PARENT_NOT_SPECIFIED : STATUS_SUCCESS;
     }
     if (attributes->Size != sizeof(WDF_OBJECT_ATTRIBUTES)) {
-        call.Violation(checks::Rule::kBadParameter,
-                       "attributes of " + std::to_string(attributes->Size) + " bytes instead of 56");
         return STATUS_INFO_LENGTH_MISMATCH;
     }
     const WDF_OBJECT_CONTEXT_TYPE_INFO* info = attributes->ContextTypeInfo;

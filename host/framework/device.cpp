@@ -1,4 +1,4 @@
-// A device's life as plug and play drives it: add, start, sleep, wake, surprise removal, removal.
+// A device as plug and play drives it: add, start, sleep, wake, surprise removal, removal.
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 #include "host/framework/plug_play.h"
@@ -205,7 +205,7 @@ NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, P
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
-    if (device == nullptr || !Requires(call, name, "SymbolicLinkName")) {
+    if (device == nullptr || !Requires(call, name, "SymbolicLinkName") || !kernel::IsWellFormed(*name)) {
         return STATUS_INVALID_PARAMETER;
     }
     if (!device->symbolicLink.empty()) {

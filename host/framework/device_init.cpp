@@ -47,7 +47,7 @@ NTSTATUS NTAPI DeviceInitAssignName(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, P
     if (call.IsRefused()) {
         return call.fault()->status;
     }
-    if (!IsUsable(call, init)) {
+    if (!IsUsable(call, init) || (name != nullptr && !kernel::IsWellFormed(*name))) {
         return STATUS_INVALID_PARAMETER;
     }
     init->name = name == nullptr ? std::string() : kernel::Narrow(*name);
@@ -99,7 +99,7 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
         return STATUS_INVALID_PARAMETER;
     }
     const NTSTATUS status =
-        framework.CheckAttributes(call, attributes, ObjectType::kDevice, Framework::ParentRule::kForbidden);
+        framework.CheckAttributes(attributes, ObjectType::kDevice, Framework::ParentRule::kForbidden);
     if (!NT_SUCCESS(status)) {
         return status;
     }

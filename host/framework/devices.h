@@ -28,7 +28,8 @@ struct DeviceInterface {
 
 struct QueryInterfaceEntry {
     GUID type;
-    std::vector<std::byte> table;  // the copied INTERFACE and what follows it
+    std::vector<std::byte> table;  // the INTERFACE and what follows it; empty: none was given
+    bool imports;                  // the callback fills in the requester's table, nothing is copied
     PFN_WDF_DEVICE_PROCESS_QUERY_INTERFACE_REQUEST process;
 };
 
@@ -40,7 +41,7 @@ struct DeviceObject final : Object {
     explicit DeviceObject(DriverInstance* owner) : Object(ObjectType::kDevice, owner) { noDelete = true; }
     DeviceStage stage = DeviceStage::kAdded;
     bool inD0 = false;
-    int stopRemoveRefusals = 0;
+    int stopRemoveRefusals = 0;  // not 0: refused, also when it was taken back once too often
     std::string deviceName;
     std::string symbolicLink;
     WDF_PNPPOWER_EVENT_CALLBACKS power{};

@@ -4,7 +4,9 @@
 #include "host/framework/functions.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
+#include <string_view>
 
 namespace host::framework {
 namespace {
@@ -19,16 +21,34 @@ NTSTATUS NTAPI Dispatch(PDEVICE_OBJECT, PIRP)
 void SetName(WDF_DRIVER_GLOBALS& globals, const std::string& registryPath)
 {
     const std::size_t slash = registryPath.find_last_of('\\');
-    const std::string name = slash == std::string::npos ? registryPath : registryPath.substr(slash + 1);
+    const std::string name = slash == std::string::npos || slash == 0 ? "WDF" : registryPath.substr(slash + 1);
     const std::size_t length = std::min(name.size(), sizeof(globals.DriverName) - 1);
     std::fill(std::begin(globals.DriverName), std::end(globals.DriverName), '\0');
     std::copy_n(name.begin(), length, globals.DriverName);
 }
 
-void TakeOver(DRIVER_OBJECT& driverObject)
+// The tag of what the framework allocates for the driver: its own, else the first letters of its name.
+void SetTag(WDF_DRIVER_GLOBALS& globals, ULONG wanted)
 {
-    driverObject.DriverUnload = FrameworkUnload;
-    driverObject.DriverExtension->AddDevice = FrameworkAddDevice;
+    constexpr ULONG kTagOfManySamples = ' kdD';
+    if (wanted != 0 && wanted != kTagOfManySamples) {
+        globals.DriverTag = wanted;
+        return;
+    }
+    std::string_view name = globals.DriverName;
+    if (kernel::LowerCase(std::string(name.substr(0, 3))) == "wdf") {
+        name.remove_prefix(3);
+    }
+    if (name.size() > 2) {
+        std::memcpy(&globals.DriverTag, name.data(), std::min(name.size(), sizeof(globals.DriverTag)));
+    }
+}
+
+void TakeOver(DRIVER_OBJECT& driverObject, const WDF_DRIVER_CONFIG& config)
+{
+    const bool isNonPnp = (config.DriverInitFlags & WdfDriverInitNonPnpDriver) != 0;
+    driverObject.DriverUnload = isNonPnp && config.EvtDriverUnload == nullptr ? nullptr : FrameworkUnload;
+    driverObject.DriverExtension->AddDevice = isNonPnp ? nullptr : FrameworkAddDevice;
     std::fill(std::begin(driverObject.MajorFunction), std::end(driverObject.MajorFunction), Dispatch);
 }
 
@@ -81,6 +101,11 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
     if (config->Size != sizeof(WDF_DRIVER_CONFIG)) {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
+    const ULONG flags = config->DriverInitFlags;
+    if ((flags & ~static_cast<ULONG>(WdfDriverInitNonPnpDriver | WdfDriverInitNoDispatchOverride)) != 0 ||
+        !kernel::IsWellFormed(*registryPath)) {
+        return STATUS_INVALID_PARAMETER;
+    }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     DriverInstance* instance = framework.InstanceOf(globals);
@@ -91,8 +116,16 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
     if (instance->driver != nullptr) {
         return STATUS_DRIVER_INTERNAL_ERROR;
     }
+    ClearOnEntry(handle);
+    SetName(*globals, kernel::Narrow(*registryPath));
+    SetTag(*globals, config->DriverPoolTag);
+    const bool takesOver = (flags & WdfDriverInitNoDispatchOverride) == 0;
+    const bool isNonPnp = (flags & WdfDriverInitNonPnpDriver) != 0;
+    if (takesOver && isNonPnp && config->EvtDriverDeviceAdd != nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
     const NTSTATUS status =
-        framework.CheckAttributes(call, attributes, ObjectType::kDriver, Framework::ParentRule::kForbidden);
+        framework.CheckAttributes(attributes, ObjectType::kDriver, Framework::ParentRule::kForbidden);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -103,15 +136,12 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
     framework.Register(std::move(object), nullptr);
     instance->driver = &created;
 
-    if (config->DriverPoolTag != 0) {
-        globals->DriverTag = config->DriverPoolTag;
+    globals->DriverFlags |= flags;
+    if (takesOver) {
+        TakeOver(*driverObject, *config);
     }
-    globals->DriverFlags = config->DriverInitFlags;
-    SetName(*globals, kernel::Narrow(*registryPath));
-    if ((config->DriverInitFlags & WdfDriverInitNoDispatchOverride) == 0) {
-        TakeOver(*driverObject);
-        globals->DisplaceDriverUnload = TRUE;
-    }
+    const bool unloads = (takesOver && !isNonPnp) || config->EvtDriverUnload != nullptr;
+    globals->DisplaceDriverUnload = unloads ? TRUE : FALSE;
     const auto driver = static_cast<WDFDRIVER>(created.handle);
     if (handle != nullptr) {
         *handle = driver;

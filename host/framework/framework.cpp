@@ -17,6 +17,7 @@ Framework::Framework(Environment& machineEnvironment, kernel::Kernel& machineKer
     RegisterLoaderExports();
     RegisterPlugPlayExports();
     environment.faults.onHideDriver = [this](bool hide) { HideDriverHandles(hide); };
+    ConnectCallbackWaits(*this);
     if (environment.options.workItems == WorkItems::kThreads) {
         StartWorkers();
     }

@@ -137,8 +137,7 @@ public:
 
     enum class ParentRule { kOptional, kForbidden, kRequired };
     // The status that attributes earn at creation, checked in the framework's order. The mutex is held.
-    NTSTATUS CheckAttributes(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes, ObjectType type,
-                             ParentRule parentRule);
+    static NTSTATUS CheckAttributes(const WDF_OBJECT_ATTRIBUTES* attributes, ObjectType type, ParentRule parentRule);
     // The parent named by the attributes, or the default; null when it cannot have children (status says why).
     Object* ParentFor(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes, Object* defaultParent,
                       NTSTATUS& status);
@@ -259,6 +258,9 @@ private:
 // The table that drivers call through, 458 entries.
 inline constexpr unsigned kFunctionCount = 458;
 [[nodiscard]] const WDFFUNC* FunctionTable();
+
+// Lets the kernel's ExUnregisterCallback wait among all other waits of driver threads (callback_waits.cpp).
+void ConnectCallbackWaits(Framework& framework);
 
 // Exports of the framework's loader; registered once per process.
 void RegisterLoaderExports();

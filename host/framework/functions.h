@@ -51,7 +51,7 @@ NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, con
         call.Violation(checks::Rule::kForeignHandle, "the driver globals belong to no driver that has an object");
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = framework.CheckAttributes(call, attributes, kTypeOf<T>, Framework::ParentRule::kOptional);
+    NTSTATUS status = framework.CheckAttributes(attributes, kTypeOf<T>, Framework::ParentRule::kOptional);
     if (!NT_SUCCESS(status)) {
         return status;
     }

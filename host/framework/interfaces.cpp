@@ -13,39 +13,40 @@ bool SameGuid(const GUID& first, const GUID& second)
     return std::memcmp(&first, &second, sizeof(GUID)) == 0;
 }
 
-// IRP_MN_QUERY_INTERFACE. The caller's buffer is as large as the size it asks for.
+// IRP_MN_QUERY_INTERFACE. The caller's buffer is as large as the size it asks for. The first entry of the type decides:
+// one that is larger or newer than what is asked for hides the later ones.
 NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& type, std::span<std::byte> buffer,
                         std::uint16_t version)
 {
-    const QueryInterfaceEntry* taken = nullptr;
     INTERFACE header{};
+    const QueryInterfaceEntry* taken = nullptr;
     {
         const std::lock_guard lock(framework.mutex);
-        for (const QueryInterfaceEntry& entry : device.queryInterfaces) {
-            if (entry.table.empty()) {  // imported: the callback fills what the requester brings
-                std::memcpy(&header, buffer.data(), std::min(sizeof(header), buffer.size()));
-            } else {
-                std::memcpy(&header, entry.table.data(), sizeof(header));
-            }
-            if (SameGuid(entry.type, type) && buffer.size() >= sizeof(header) && header.Size <= buffer.size() &&
-                header.Version <= version) {
-                taken = &entry;
-                break;
-            }
-        }
-        if (taken == nullptr) {
+        const auto found = std::find_if(device.queryInterfaces.begin(), device.queryInterfaces.end(),
+                                        [&](const QueryInterfaceEntry& entry) { return SameGuid(entry.type, type); });
+        if (found == device.queryInterfaces.end() || buffer.size() < sizeof(header)) {
             return STATUS_NOT_SUPPORTED;
         }
-        std::copy(taken->table.begin(), taken->table.end(), buffer.begin());
+        taken = &*found;
+        if (!taken->table.empty()) {
+            std::memcpy(&header, taken->table.data(), sizeof(header));
+            if (header.Size > buffer.size() || header.Version > version) {
+                return STATUS_NOT_SUPPORTED;
+            }
+            if (!taken->imports) {
+                std::copy(taken->table.begin(), taken->table.end(), buffer.begin());
+            }
+        }
     }
+    NTSTATUS status = STATUS_SUCCESS;
     if (taken->process != nullptr) {
         GUID typeCopy = type;
-        const NTSTATUS status = framework.Guarded(
-            "EvtDeviceProcessQueryInterfaceRequest", reinterpret_cast<const void*>(taken->process), [&] {
-                return taken->process(static_cast<WDFDEVICE>(device.handle), &typeCopy,
-                                      reinterpret_cast<PINTERFACE>(buffer.data()), nullptr);
-            });
-        if (!NT_SUCCESS(status)) {
+        status = framework.Guarded("EvtDeviceProcessQueryInterfaceRequest",
+                                   reinterpret_cast<const void*>(taken->process), [&] {
+                                       return taken->process(static_cast<WDFDEVICE>(device.handle), &typeCopy,
+                                                             reinterpret_cast<PINTERFACE>(buffer.data()), nullptr);
+                                   });
+        if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) {
             return status;
         }
     }
@@ -54,7 +55,7 @@ NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& 
         framework.Guarded("InterfaceReference", reinterpret_cast<const void*>(header.InterfaceReference),
                           [&] { header.InterfaceReference(header.Context); });
     }
-    return STATUS_SUCCESS;
+    return status;
 }
 
 namespace functions {
@@ -81,7 +82,8 @@ NTSTATUS NTAPI DeviceCreateDeviceInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
-    if (device == nullptr || !Requires(call, interfaceClass, "InterfaceClassGUID")) {
+    if (device == nullptr || !Requires(call, interfaceClass, "InterfaceClassGUID") ||
+        (referenceString != nullptr && !kernel::IsWellFormed(*referenceString))) {
         return STATUS_INVALID_PARAMETER;
     }
     device->interfaces.push_back({*interfaceClass, TextOf(referenceString), device->stage == DeviceStage::kStarted});
@@ -96,6 +98,10 @@ void NTAPI DeviceSetDeviceInterfaceState(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, 
     const std::lock_guard lock(framework.mutex);
     auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
     if (device == nullptr || !Requires(call, interfaceClass, "InterfaceClassGUID")) {
+        return;
+    }
+    if (referenceString != nullptr && !kernel::IsWellFormed(*referenceString)) {
+        call.Violation(checks::Rule::kBadParameter, "ReferenceString is malformed; nothing is changed");
         return;
     }
     for (DeviceInterface& interface : device->interfaces) {
@@ -117,7 +123,8 @@ NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PW
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
-    if (device == nullptr || !Requires(call, config, "InterfaceConfig")) {
+    if (device == nullptr || !Requires(call, config, "InterfaceConfig") ||
+        !Requires(call, config->InterfaceType, "InterfaceType")) {
         return STATUS_INVALID_PARAMETER;
     }
     if (config->Size != sizeof(WDF_QUERY_INTERFACE_CONFIG)) {
@@ -126,11 +133,13 @@ NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PW
     const bool passesOn = config->SendQueryToParentStack != FALSE;
     const bool imports = config->ImportInterface != FALSE;
     if (passesOn || (config->Interface == nullptr && !imports) ||
-        (imports && config->EvtDeviceProcessQueryInterfaceRequest == nullptr) || config->InterfaceType == nullptr) {
+        (imports && config->EvtDeviceProcessQueryInterfaceRequest == nullptr)) {
         return STATUS_INVALID_PARAMETER;
     }
-    QueryInterfaceEntry entry{
-        .type = *config->InterfaceType, .table = {}, .process = config->EvtDeviceProcessQueryInterfaceRequest};
+    QueryInterfaceEntry entry{.type = *config->InterfaceType,
+                              .table = {},
+                              .imports = imports,
+                              .process = config->EvtDeviceProcessQueryInterfaceRequest};
     if (config->Interface != nullptr) {
         INTERFACE header = *config->Interface;
         if (header.Size < sizeof(INTERFACE)) {
@@ -138,11 +147,13 @@ NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PW
         }
         const auto* bytes = reinterpret_cast<const std::byte*>(config->Interface);
         entry.table.assign(bytes, bytes + header.Size);
-        if (header.InterfaceReference == nullptr || header.InterfaceDereference == nullptr) {
+        if (header.InterfaceReference == nullptr) {
             header.InterfaceReference = NoReference;
-            header.InterfaceDereference = NoReference;
-            std::memcpy(entry.table.data(), &header, sizeof(header));
         }
+        if (header.InterfaceDereference == nullptr) {
+            header.InterfaceDereference = NoReference;
+        }
+        std::memcpy(entry.table.data(), &header, sizeof(header));
     }
     device->queryInterfaces.push_back(std::move(entry));
     return call.Done();

@@ -121,7 +121,7 @@ NTSTATUS QueryRemove(Framework& framework, DeviceObject& device)
             break;
         }
     }
-    if (NT_SUCCESS(status) && device.stopRemoveRefusals > 0) {
+    if (NT_SUCCESS(status) && device.stopRemoveRefusals != 0) {
         status = STATUS_INVALID_DEVICE_STATE;
     }
     if (!NT_SUCCESS(status)) {
@@ -163,8 +163,7 @@ NTSTATUS NTAPI IoTargetCreate(PWDF_DRIVER_GLOBALS, WDFDEVICE deviceHandle, PWDF_
     if (device == nullptr || !Requires(call, handle, "IoTarget")) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status =
-        framework.CheckAttributes(call, attributes, ObjectType::kIoTarget, Framework::ParentRule::kOptional);
+    NTSTATUS status = framework.CheckAttributes(attributes, ObjectType::kIoTarget, Framework::ParentRule::kOptional);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -207,10 +206,11 @@ NTSTATUS NTAPI IoTargetOpen(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle, PWDF_IO_TAR
             if (target->state != State::kClosed) {
                 return STATUS_INVALID_DEVICE_STATE;
             }
-            if (parameters->TargetDeviceName.Buffer == nullptr || parameters->TargetDeviceName.Length == 0) {
+            const UNICODE_STRING& name = parameters->TargetDeviceName;
+            if (!kernel::IsWellFormed(name) || name.Buffer == nullptr || name.Length == 0) {
                 return STATUS_INVALID_PARAMETER;
             }
-            device = DeviceByInterface(framework, kernel::LowerCase(kernel::Narrow(parameters->TargetDeviceName)));
+            device = DeviceByInterface(framework, kernel::LowerCase(kernel::Narrow(name)));
             target->queryRemove = parameters->EvtIoTargetQueryRemove;
             target->removeCanceled = parameters->EvtIoTargetRemoveCanceled;
             target->removeComplete = parameters->EvtIoTargetRemoveComplete;
@@ -267,6 +267,8 @@ NTSTATUS NTAPI IoTargetQueryForInterface(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle
             return STATUS_INVALID_PARAMETER;
         }
         if (target->state != State::kOpen) {
+            call.Violation(Rule::kBadParameter, Framework::Describe(*target) +
+                                                    " is not open; the real framework uses its device all the same");
             return STATUS_INVALID_DEVICE_STATE;
         }
         device = target->device;

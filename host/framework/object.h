@@ -101,6 +101,7 @@ struct WorkItemObject final : Object {
 struct KeyObject final : Object {
     explicit KeyObject(DriverInstance* owner) : Object(ObjectType::kKey, owner) {}
     std::string service;
+    ACCESS_MASK access = 0;  // that it was opened for
 };
 
 // Which C++ type stands behind a handle type.

@@ -266,11 +266,13 @@ NTSTATUS NTAPI ObjectAllocateContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PWDF
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     Object* object = framework.ResolveAny(call, handle, "Handle");
-    if (object == nullptr || !Requires(call, attributes, "ContextAttributes")) {
+    if (object == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    const NTSTATUS status =
-        framework.CheckAttributes(call, attributes, object->type, Framework::ParentRule::kForbidden);
+    if (attributes == nullptr) {
+        return STATUS_WDF_PARENT_NOT_SPECIFIED;
+    }
+    const NTSTATUS status = framework.CheckAttributes(attributes, object->type, Framework::ParentRule::kForbidden);
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -148,13 +148,14 @@ HOST_EXPORT NTSTATUS NTAPI IoGetDeviceInterfaces(const GUID* interfaceClass, PDE
         }
     }
     text.push_back(0);
-    host::kernel::Kernel& kernel = framework.kernel;
     const std::size_t bytes = text.size() * sizeof(WCHAR);
-    void* memory = kernel.poolMemory.Allocate(bytes, alignof(std::max_align_t), false);
+    void* memory = framework.kernel.AllocatePool({bytes, host::framework::kPoolTag, true, call.caller(), true},
+                                                 alignof(std::max_align_t));
+    if (memory == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     std::memcpy(memory, text.data(), bytes);
     *list = static_cast<PWSTR>(memory);
-    const std::lock_guard lock(kernel.mutex);
-    kernel.pool[memory] = {bytes, host::framework::kPoolTag, true, call.caller(), true};
     return STATUS_SUCCESS;
 }
 

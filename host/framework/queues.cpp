@@ -1,4 +1,4 @@
-// I/O queues: creation, and the end that waits for the request which the driver still has.
+// I/O queues: creation, and the disposal that waits for the requests which the driver still has.
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 #include "host/schedule/parking.h"
@@ -25,12 +25,12 @@ void Framework::DisposeQueue(std::unique_lock<std::mutex>& lock, Object& object)
                             {.subject = "the requests of " + Describe(queue),
                              .isReady = isOver,
                              .heldBy = [&] { return queue.deliveringOn; }},
-                            "queue end", nullptr);
+                            "queue disposal", nullptr);
     if (!queue.presented.empty()) {
         const std::string reason =
             "waits for " + Describe(*queue.presented.front()) + ", which the driver never completed";
         lock.unlock();
-        framework.environment.Report(checks::Rule::kRequestNotCompleted, "queue end", reason, nullptr);
+        framework.environment.Report(checks::Rule::kRequestNotCompleted, "queue disposal", reason, nullptr);
         schedule::ParkThisThread(reason);
     }
     std::erase(queue.device->queues, &queue);
@@ -40,6 +40,30 @@ void Framework::DisposeQueue(std::unique_lock<std::mutex>& lock, Object& object)
 }
 
 namespace functions {
+namespace {
+
+bool HasHandler(const WDF_IO_QUEUE_CONFIG& config)
+{
+    return config.EvtIoDefault != nullptr || config.EvtIoRead != nullptr || config.EvtIoWrite != nullptr ||
+           config.EvtIoDeviceControl != nullptr || config.EvtIoInternalDeviceControl != nullptr;
+}
+
+NTSTATUS CheckDispatching(const WDF_IO_QUEUE_CONFIG& config)
+{
+    const int type = config.DispatchType;
+    if (type <= WdfIoQueueDispatchInvalid || type > WdfIoQueueDispatchManual) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const bool isManual = type == WdfIoQueueDispatchManual;
+    if (isManual == HasHandler(config)) {
+        return isManual ? STATUS_INVALID_PARAMETER : STATUS_WDF_NO_CALLBACK;
+    }
+    return type != WdfIoQueueDispatchParallel && config.Settings.Parallel.NumberOfPresentedRequests != 0
+               ? STATUS_INVALID_PARAMETER
+               : STATUS_SUCCESS;
+}
+
+}  // namespace
 
 NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle, PWDF_IO_QUEUE_CONFIG config,
                              PWDF_OBJECT_ATTRIBUTES attributes, WDFQUEUE* handle)
@@ -54,13 +78,12 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     if (device == nullptr || !Requires(call, config, "Config")) {
         return STATUS_INVALID_PARAMETER;
     }
+    NTSTATUS status = framework.CheckAttributes(attributes, ObjectType::kQueue, Framework::ParentRule::kOptional);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
     if (config->Size != sizeof(WDF_IO_QUEUE_CONFIG)) {
         return STATUS_INFO_LENGTH_MISMATCH;
-    }
-    if (config->DispatchType != WdfIoQueueDispatchManual && config->EvtIoDefault == nullptr &&
-        config->EvtIoRead == nullptr && config->EvtIoWrite == nullptr && config->EvtIoDeviceControl == nullptr &&
-        config->EvtIoInternalDeviceControl == nullptr) {
-        return STATUS_WDF_NO_CALLBACK;
     }
     const bool isDefault = config->DefaultQueue != FALSE;
     if (handle == nullptr && !isDefault) {
@@ -68,13 +91,6 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     }
     if (isDefault && device->stage != DeviceStage::kAdded) {
         return STATUS_INVALID_DEVICE_STATE;
-    }
-    if (isDefault && device->defaultQueue != nullptr) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    NTSTATUS status = framework.CheckAttributes(call, attributes, ObjectType::kQueue, Framework::ParentRule::kOptional);
-    if (!NT_SUCCESS(status)) {
-        return status;
     }
     Object* parent = framework.ParentFor(call, attributes, device, status);
     if (parent == nullptr) {
@@ -86,6 +102,13 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     }
     if (above == nullptr) {
         return STATUS_INVALID_DEVICE_REQUEST;
+    }
+    status = CheckDispatching(*config);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (isDefault && device->defaultQueue != nullptr) {
+        return STATUS_UNSUCCESSFUL;
     }
 
     auto object = std::make_unique<QueueObject>(framework.InstanceOf(globals));

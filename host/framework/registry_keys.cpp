@@ -4,19 +4,24 @@
 #include <cstring>
 
 namespace host::framework::functions {
+namespace {
 
-using checks::Rule;
+constexpr ACCESS_MASK kQueryValue = 0x1;
+constexpr ACCESS_MASK kSetValue = 0x2;
+constexpr ACCESS_MASK kCreateSubKey = 0x4;
+constexpr ACCESS_MASK kMaximumAllowed = 0x02000000;
+constexpr ACCESS_MASK kGenericAll = 0x10000000;
+constexpr ACCESS_MASK kGenericWrite = 0x40000000;
+constexpr ACCESS_MASK kGenericRead = 0x80000000;
+constexpr ACCESS_MASK kEverything = kMaximumAllowed | kGenericAll;
+
+}  // namespace
 
 NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFDRIVER driver, ACCESS_MASK access,
                                                PWDF_OBJECT_ATTRIBUTES attributes, WDFKEY* handle)
 {
     // The rights that make the framework create a key that is missing.
-    constexpr ACCESS_MASK kSetValue = 0x2;
-    constexpr ACCESS_MASK kCreateSubKey = 0x4;
-    constexpr ACCESS_MASK kMaximumAllowed = 0x02000000;
-    constexpr ACCESS_MASK kGenericAll = 0x10000000;
-    constexpr ACCESS_MASK kGenericWrite = 0x40000000;
-    constexpr ACCESS_MASK kWriting = kSetValue | kCreateSubKey | kMaximumAllowed | kGenericAll | kGenericWrite;
+    constexpr ACCESS_MASK kWriting = kSetValue | kCreateSubKey | kGenericWrite | kEverything;
 
     const PlatformCall call("WdfDriverOpenParametersRegistryKey", HOST_CALLER, PASSIVE_LEVEL);
     ClearOnEntry(handle);
@@ -42,6 +47,7 @@ NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFD
         const std::lock_guard lock(framework.mutex);
         if (auto* key = framework.Resolve<KeyObject>(call, *handle, "Key")) {
             key->service = service;
+            key->access = access;
         }
     }
     return status;
@@ -49,7 +55,7 @@ NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFD
 
 NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, PULONG value)
 {
-    const std::string text = name != nullptr && name->Buffer != nullptr ? kernel::Narrow(*name) : std::string();
+    const std::string text = name != nullptr && kernel::IsWellFormed(*name) ? kernel::Narrow(*name) : std::string();
     const PlatformCall call("WdfRegistryQueryULong", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
     if (call.IsRefused()) {
         return call.fault()->status;
@@ -62,16 +68,27 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
         if (key == nullptr || !Requires(call, name, "ValueName") || !Requires(call, value, "Value")) {
             return STATUS_INVALID_PARAMETER;
         }
+        if (!kernel::IsWellFormed(*name)) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        if ((key->access & (kQueryValue | kGenericRead | kEverything)) == 0) {
+            return STATUS_ACCESS_DENIED;
+        }
         service = key->service;
     }
     const std::optional<kernel::RegistryValue> found = framework.kernel.registry().Query(service, text);
     if (!found) {
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
-    if (found->type != kernel::kTypeDword || found->data.size() != sizeof(ULONG)) {
+    if (found->type != kernel::kTypeDword) {
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
-    std::memcpy(value, found->data.data(), sizeof(ULONG));
+    if (found->data.size() > sizeof(ULONG)) {
+        return STATUS_BUFFER_OVERFLOW;
+    }
+    // A value that is shorter than its type leaves the rest of the number undefined.
+    std::memset(value, kernel::kUninitializedFill, sizeof(ULONG));
+    std::memcpy(value, found->data.data(), found->data.size());
     return call.Done();
 }
 
@@ -84,8 +101,11 @@ NTSTATUS NTAPI RegistryAssignULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     const auto* key = framework.Resolve<KeyObject>(call, handle, "Key");
-    if (key == nullptr || !Requires(call, name, "ValueName")) {
+    if (key == nullptr || !Requires(call, name, "ValueName") || !kernel::IsWellFormed(*name)) {
         return STATUS_INVALID_PARAMETER;
+    }
+    if ((key->access & (kSetValue | kGenericWrite | kEverything)) == 0) {
+        return STATUS_ACCESS_DENIED;
     }
     framework.kernel.registry().SetDword(key->service, kernel::Narrow(*name), value);
     return STATUS_SUCCESS;

@@ -240,7 +240,7 @@ NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLON
         return STATUS_INVALID_PARAMETER;
     }
     if (!onlyTries && thread.irql > PASSIVE_LEVEL) {
-        return STATUS_UNSUCCESSFUL;  // reported above; waiting here would hang a processor
+        return STATUS_INVALID_DEVICE_REQUEST;  // reported above; waiting here would hang a processor
     }
     if (timeout == nullptr) {
         framework.CheckLockOrder(call, *waitLock);

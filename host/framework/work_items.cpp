@@ -203,8 +203,7 @@ NTSTATUS NTAPI WorkItemCreate(PWDF_DRIVER_GLOBALS globals, PWDF_WORKITEM_CONFIG 
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    NTSTATUS status =
-        framework.CheckAttributes(call, attributes, ObjectType::kWorkItem, Framework::ParentRule::kRequired);
+    NTSTATUS status = framework.CheckAttributes(attributes, ObjectType::kWorkItem, Framework::ParentRule::kRequired);
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -1,7 +1,5 @@
 // Callback objects: ExCreateCallback, ExRegisterCallback, ExUnregisterCallback, ObfDereferenceObject.
 #include "host/kernel/kernel.h"
-#include "host/schedule/parking.h"
-#include "host/schedule/yield.h"
 
 #include <algorithm>
 
@@ -104,19 +102,8 @@ __attribute__((visibility("default"), used)) VOID NTAPI ExUnregisterCallback(PVO
         return;
     }
     registration->removed = true;
-    const auto self = std::this_thread::get_id();
-    if (std::find(registration->running.begin(), registration->running.end(), self) != registration->running.end()) {
-        lock.unlock();
-        call.Violation(Rule::kSelfWait, "a routine unregisters itself and waits for its own end");
-        host::schedule::ParkThisThread("waits in ExUnregisterCallback for the callback that it runs in");
-    }
-    while (!registration->running.empty()) {
-        if (host::schedule::Controller* controller = host::schedule::theController.load(std::memory_order_acquire)) {
-            controller->OnBlock(lock);
-        } else {
-            kernel.callbackLeft.wait(lock);
-        }
-    }
+    lock.unlock();
+    kernel.waitForRoutine(call, registration);
 }
 
 __attribute__((visibility("default"), used)) LONG_PTR NTAPI ObfDereferenceObject(PVOID handle)

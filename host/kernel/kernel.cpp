@@ -82,7 +82,7 @@ void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2
             if (registration->removed) {
                 continue;
             }
-            registration->running.push_back(std::this_thread::get_id());
+            registration->runningOn.push_back(ThreadState::Current().id);
         }
         ThreadState& thread = ThreadState::Current();
         const int regionsBefore = thread.criticalRegions;
@@ -93,9 +93,11 @@ void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2
                                reinterpret_cast<const void*>(registration->function));
             thread.criticalRegions = regionsBefore;
         }
-        const std::lock_guard lock(mutex);
-        std::erase(registration->running, std::this_thread::get_id());
-        callbackLeft.notify_all();
+        {
+            const std::lock_guard lock(mutex);
+            std::erase(registration->runningOn, thread.id);
+        }
+        onRoutineLeft();
     }
 }
 
@@ -115,7 +117,7 @@ std::vector<PoolUseRow> Kernel::PoolInUse() const
 {
     const std::lock_guard lock(const_cast<std::mutex&>(mutex));
     std::map<std::uint32_t, PoolUseRow> byTag;
-    for (const auto& [address, block] : pool) {
+    for (const auto& [address, block] : pool_) {
         PoolUseRow& row = byTag.try_emplace(block.tag, PoolUseRow{block.tag, 0, 0}).first->second;
         ++row.blockCount;
         row.sizeBytes += block.sizeBytes;
@@ -127,11 +129,39 @@ std::vector<PoolUseRow> Kernel::PoolInUse() const
     return rows;
 }
 
+void* Kernel::AllocatePool(const PoolBlock& block, std::size_t alignment)
+{
+    {
+        const std::lock_guard lock(mutex);
+        if (block.sizeBytes > environment.options.poolBytesMaximum - poolBytes_) {
+            return nullptr;
+        }
+        poolBytes_ += block.sizeBytes;
+    }
+    void* address = poolMemory.Allocate(block.sizeBytes, alignment, false);
+    const std::lock_guard lock(mutex);
+    pool_[address] = block;
+    return address;
+}
+
+std::optional<PoolBlock> Kernel::TakePool(void* address)
+{
+    const std::lock_guard lock(mutex);
+    const auto found = pool_.find(address);
+    if (found == pool_.end()) {
+        return std::nullopt;
+    }
+    const PoolBlock block = found->second;
+    pool_.erase(found);
+    poolBytes_ -= block.sizeBytes;
+    return block;
+}
+
 void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
 {
     using checks::Rule;
     const std::lock_guard lock(mutex);
-    for (auto& [address, block] : pool) {
+    for (auto& [address, block] : pool_) {
         if (Lies(block.caller, imageBase, imageSizeBytes)) {
             environment.Report(Rule::kLeak, "unload",
                                std::to_string(block.sizeBytes) + " bytes of pool with tag \"" + TagText(block.tag) +
@@ -172,6 +202,12 @@ std::string Narrow(const UNICODE_STRING& text)
         narrow.push_back(unit < 0x80 ? static_cast<char>(unit) : '?');
     }
     return narrow;
+}
+
+bool IsWellFormed(const UNICODE_STRING& text)
+{
+    return text.Length % sizeof(WCHAR) == 0 && text.MaximumLength % sizeof(WCHAR) == 0 &&
+           text.Length <= text.MaximumLength && (text.MaximumLength == 0 || text.Buffer != nullptr);
 }
 
 std::string LowerCase(std::string text)

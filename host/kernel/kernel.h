@@ -10,13 +10,13 @@
 
 #include <ntddk.h>
 
-#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -42,7 +42,7 @@ struct CallbackRegistration {
     void* context;
     const void* caller;
     bool removed = false;
-    std::vector<std::thread::id> running;  // threads inside the routine now
+    std::vector<std::uint64_t> runningOn;  // threads inside the routine now
 };
 
 struct CallbackObject {
@@ -71,6 +71,11 @@ public:
 
     [[nodiscard]] std::vector<std::int64_t> Delays() const;
     [[nodiscard]] std::vector<PoolUseRow> PoolInUse() const;
+
+    // Contents undefined; null when the machine's pool is exhausted.
+    [[nodiscard]] void* AllocatePool(const PoolBlock& block, std::size_t alignment);
+    // Takes a block out of the list of those in use; its memory is the caller's to free. Empty for another address.
+    [[nodiscard]] std::optional<PoolBlock> TakePool(void* address);
     [[nodiscard]] std::vector<std::string> DebugOutput() const;
 
     // What an image leaves behind when it is unmapped: pool blocks it allocated, callback registrations whose routine
@@ -81,8 +86,10 @@ public:
 
     // ---- For the kernel's functions ----
     std::mutex mutex;
-    std::condition_variable callbackLeft;
-    std::unordered_map<void*, PoolBlock> pool;
+    // How threads wait for one another is the framework's to know: it sets both.
+    std::function<void(const PlatformCall& call, const std::shared_ptr<CallbackRegistration>& registration)>
+        waitForRoutine;  // until no thread is inside; without the mutex
+    std::function<void()> onRoutineLeft;
     GuardedMemory poolMemory;
     std::vector<std::unique_ptr<CallbackObject>> callbackObjects;
     std::uintptr_t nextHandle = 0xFFFFD00000001000;  // never a usable address
@@ -94,12 +101,16 @@ public:
     CallbackObject* FindCallbackObject(const std::string& lowerCaseName);
 
 private:
+    std::unordered_map<void*, PoolBlock> pool_;
+    std::size_t poolBytes_ = 0;
     Registry registry_;
     GuardedMemory contextMemory_;
 };
 
 // Lower-case ASCII form of a counted UTF-16 string; other characters become '?'.
 [[nodiscard]] std::string Narrow(const UNICODE_STRING& text);
+// What the framework demands of every counted string: whole characters, within a buffer.
+[[nodiscard]] bool IsWellFormed(const UNICODE_STRING& text);
 [[nodiscard]] std::string LowerCase(std::string text);
 
 // The routines that MmGetSystemRoutineAddress finds, by name; null for others.

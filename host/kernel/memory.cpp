@@ -149,10 +149,4 @@ std::string GuardedMemory::Free(void* address)
            std::to_string(block.bytes) + " were overwritten";
 }
 
-std::size_t GuardedMemory::BlockCount() const
-{
-    const std::lock_guard lock(mutex_);
-    return blocks_.size();
-}
-
 }  // namespace host::kernel

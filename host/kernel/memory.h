@@ -33,8 +33,6 @@ public:
     // is freed in both cases. An address that is no block: "was never allocated here or is free already".
     [[nodiscard]] std::string Free(void* block);
 
-    [[nodiscard]] std::size_t BlockCount() const;
-
 private:
     struct Block {
         std::size_t bytes;

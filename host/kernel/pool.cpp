@@ -37,39 +37,28 @@ __attribute__((visibility("default"), used)) PVOID NTAPI ExAllocatePoolWithTag(P
     if (poolType == NonPagedPool) {
         call.Violation(Rule::kBadParameter, "plain non-paged pool is executable; use NonPagedPoolNx");
     }
-    Kernel& kernel = Kernel::Current();
-    void* address = kernel.poolMemory.Allocate(size, size >= kPage ? kPage : kAlignment, false);
-    const std::lock_guard lock(kernel.mutex);
-    kernel.pool[address] = {size, tag, paged, call.caller(), false};
-    return address;
+    if (size == 0) {
+        call.Violation(Rule::kBadParameter, "a block of 0 bytes is asked for");
+    }
+    return Kernel::Current().AllocatePool({size, tag, paged, call.caller()}, size >= kPage ? kPage : kAlignment);
 }
 
 __attribute__((visibility("default"), used)) VOID NTAPI ExFreePoolWithTag(PVOID address, ULONG tag)
 {
     Kernel& kernel = Kernel::Current();
-    host::kernel::PoolBlock block{};
-    bool known = false;
-    {
-        const std::lock_guard lock(kernel.mutex);
-        const auto found = kernel.pool.find(address);
-        if (found != kernel.pool.end()) {
-            block = found->second;
-            known = true;
-            kernel.pool.erase(found);
-        }
-    }
-    const PlatformCall call("ExFreePoolWithTag", HOST_CALLER, known && block.paged ? APC_LEVEL : DISPATCH_LEVEL);
-    if (!known) {
+    const std::optional<host::kernel::PoolBlock> block = kernel.TakePool(address);
+    const PlatformCall call("ExFreePoolWithTag", HOST_CALLER, block && block->paged ? APC_LEVEL : DISPATCH_LEVEL);
+    if (!block) {
         call.Violation(Rule::kPoolBadFree, "the address is no pool block that is in use");
         return;
     }
-    if (block.tag != tag && !(block.bySystem && tag == 0)) {
+    if (block->tag != tag && !(block->bySystem && tag == 0)) {
         call.Violation(Rule::kPoolWrongTag,
-                       "a block with tag " + Quoted(block.tag) + " is freed with tag " + Quoted(tag));
+                       "a block with tag " + Quoted(block->tag) + " is freed with tag " + Quoted(tag));
     }
     const std::string damage = kernel.poolMemory.Free(address);
     if (!damage.empty()) {
-        call.Violation(Rule::kPoolCorrupted, "the block with tag " + Quoted(block.tag) + ": " + damage);
+        call.Violation(Rule::kPoolCorrupted, "the block with tag " + Quoted(block->tag) + ": " + damage);
     }
 }
 

@@ -33,6 +33,12 @@ void Registry::SetString(const std::string& service, const std::string& name, co
     Set(service, name, std::move(entry));
 }
 
+void Registry::SetData(const std::string& service, const std::string& name, std::uint32_t type,
+                       std::vector<std::byte> data)
+{
+    Set(service, name, {type, std::move(data)});
+}
+
 void Registry::Set(const std::string& service, const std::string& name, RegistryValue value)
 {
     const std::lock_guard lock(mutex_);
@@ -66,12 +72,6 @@ void Registry::CreateParameters(const std::string& service)
 {
     const std::lock_guard lock(mutex_);
     parameters_[Key(service)];
-}
-
-void Registry::RemoveParameters(const std::string& service)
-{
-    const std::lock_guard lock(mutex_);
-    parameters_.erase(Key(service));
 }
 
 bool Registry::HasParameters(const std::string& service) const

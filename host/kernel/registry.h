@@ -31,8 +31,8 @@ class Registry {
 public:
     void SetDword(const std::string& service, const std::string& name, std::uint32_t value);
     void SetString(const std::string& service, const std::string& name, const std::string& text);
+    void SetData(const std::string& service, const std::string& name, std::uint32_t type, std::vector<std::byte> data);
     void CreateParameters(const std::string& service);
-    void RemoveParameters(const std::string& service);
     [[nodiscard]] bool HasParameters(const std::string& service) const;
     // All numbers below a key, oldest first.
     [[nodiscard]] std::vector<RegistryNumber> Numbers(const std::string& service) const;

@@ -62,9 +62,6 @@ HOST_EXPORT NTSTATUS NTAPI EtwRegister(LPCGUID guid, PETWENABLECALLBACK callback
         return STATUS_INVALID_PARAMETER;
     }
     Tracing::State& state = Tracing::State::Current();
-    if (!state.ProvidersOf(*guid, true).empty()) {
-        call.Violation(Rule::kTraceHandle, "the provider is registered already");
-    }
     *handle = AddProvider(
         state, {ProviderKind::kEvents, 0, *guid, reinterpret_cast<const void*>(callback), context, call.caller()});
     bool armed;

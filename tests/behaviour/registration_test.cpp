@@ -85,6 +85,16 @@ TEST_P(Registration, KeepsEntryCountsAsTheyHaveAlwaysBeenKept)
     }
 }
 
+TEST_P(Registration, RefusesMoreEntriesThanThePoolHolds)
+{
+    DriverFixture fixture(GetParam());
+    Peer peer(1);
+    const ZepDataEntry entry{};
+    EXPECT_EQ(fixture.Register(peer, 0xFFFFFFFF, &entry), STATUS_ZEP_NOTIFIER_NO_MEMORY);
+    EXPECT_FALSE(fixture.Client(peer));
+    EXPECT_TRUE(fixture.machine.PoolInUse().empty());
+}
+
 TEST_P(Registration, RefusesBadArgumentsInOrder)
 {
     DriverFixture fixture(GetParam());

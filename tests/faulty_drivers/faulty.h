@@ -16,6 +16,7 @@ enum class Scenario : ULONG {
     kForeignHandle,
     kRequiredParameter,
     kBadParameter,
+    kPoolOfNothing,
     kDeleteNotAllowed,
     kReferenceUnderflow,
     kStolenReference,

@@ -107,6 +107,11 @@ void BadParameter()
     ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 16, 0), 0);
 }
 
+void PoolOfNothing()
+{
+    ExFreePoolWithTag(ExAllocatePoolWithTag(NonPagedPoolNx, 0, kTag), kTag);
+}
+
 void DeleteNotAllowed()
 {
     WdfObjectDelete(TheDevice());
@@ -366,26 +371,47 @@ void RacyDelete()
 void NTAPI RunScenario(Scenario scenario)
 {
     static void (*const kScenarios[])() = {
-        NullHandle,         WrongType,
-        DeadHandle,         ForeignHandle,
-        RequiredParameter,  BadParameter,
-        DeleteNotAllowed,   ReferenceUnderflow,
-        StolenReference,    CollectionIndex,
-        CollectionStranger, LockNotOwned,
-        StrangersRelease,   OrderInversion,
-        AboveItsLevel,      SelfWait,
-        Deadlock,           WorkItemGone,
-        PoolWrongTag,       PoolDoubleFree,
-        PoolOverrun,        TraceHandle,
-        TraceHandleTwice,   NotProvided,
-        BugCheck,           FastFail,
-        KernelReference,    LockKept,
-        LeavesPool,         LeavesRegistration,
-        LeavesReference,    LeavesTracing,
-        TouchesHandle,      TouchesFreedContext,
-        TouchesBehindPool,  Trap,
-        TraceNull,          CallbackStranger,
-        RacyPrepare,        RacyDelete,
+        NullHandle,
+        WrongType,
+        DeadHandle,
+        ForeignHandle,
+        RequiredParameter,
+        BadParameter,
+        PoolOfNothing,
+        DeleteNotAllowed,
+        ReferenceUnderflow,
+        StolenReference,
+        CollectionIndex,
+        CollectionStranger,
+        LockNotOwned,
+        StrangersRelease,
+        OrderInversion,
+        AboveItsLevel,
+        SelfWait,
+        Deadlock,
+        WorkItemGone,
+        PoolWrongTag,
+        PoolDoubleFree,
+        PoolOverrun,
+        TraceHandle,
+        TraceHandleTwice,
+        NotProvided,
+        BugCheck,
+        FastFail,
+        KernelReference,
+        LockKept,
+        LeavesPool,
+        LeavesRegistration,
+        LeavesReference,
+        LeavesTracing,
+        TouchesHandle,
+        TouchesFreedContext,
+        TouchesBehindPool,
+        Trap,
+        TraceNull,
+        CallbackStranger,
+        RacyPrepare,
+        RacyDelete,
     };
     static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kRacyDelete) + 1);
     kScenarios[static_cast<ULONG>(scenario)]();

@@ -68,6 +68,9 @@ TEST(Devices, RefusalsOfStopAndRemoveAreCounted)
     EXPECT_EQ(fixture.driver.QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
     WdfDeviceSetStaticStopRemove(fixture.table.Device, TRUE);
     EXPECT_EQ(fixture.driver.QueryStopDevice(), STATUS_SUCCESS);
+    WdfDeviceSetStaticStopRemove(fixture.table.Device, TRUE);  // once too often
+    EXPECT_EQ(fixture.driver.QueryStopDevice(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(fixture.driver.QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
 }
 
 TEST(Devices, SymbolicLinksAreGivenOnceAndTakenBackAtRemoval)
@@ -100,6 +103,97 @@ TEST(Interfaces, QuerySizeAndVersionAreMinimums)
     EXPECT_EQ(fixture.driver.QueryInterface(GUID{}, buffer, 2), STATUS_NOT_SUPPORTED);
 }
 
+constexpr GUID kOwnInterface = {0x0C52B1AE, 0x77A1, 0x4E0B, {0x9D, 0x31, 0x52, 0x0A, 0xC4, 0x18, 0x7F, 0x91}};
+unsigned g_referenced;
+
+struct OwnTable {
+    INTERFACE Header;
+    ULONG Number;
+};
+
+void NTAPI CountReference(PVOID)
+{
+    ++g_referenced;
+}
+
+NTSTATUS AddOwnTable(WDFDEVICE device, USHORT version, ULONG number,
+                     const std::function<void(WDF_QUERY_INTERFACE_CONFIG& config)>& change = nullptr)
+{
+    OwnTable table{};
+    table.Header.Size = sizeof(table);
+    table.Header.Version = version;
+    table.Header.InterfaceReference = CountReference;
+    table.Number = number;
+    WDF_QUERY_INTERFACE_CONFIG config;
+    WDF_QUERY_INTERFACE_CONFIG_INIT(&config, &table.Header, &kOwnInterface, nullptr);
+    if (change) {
+        change(config);
+    }
+    return WdfDeviceAddQueryInterface(device, &config);
+}
+
+NTSTATUS QueryOwn(FaultyDriverFixture& fixture, USHORT version, OwnTable& table)
+{
+    return fixture.driver.QueryInterface(kOwnInterface, std::as_writable_bytes(std::span(&table, 1)), version);
+}
+
+TEST(Interfaces, TheFirstTableOfATypeDecides)
+{
+    FaultyDriverFixture fixture;
+    g_referenced = 0;
+    ASSERT_EQ(AddOwnTable(fixture.table.Device, 2, 20), STATUS_SUCCESS);
+    ASSERT_EQ(AddOwnTable(fixture.table.Device, 1, 10), STATUS_SUCCESS);
+    OwnTable got{};
+    EXPECT_EQ(QueryOwn(fixture, 1, got), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(QueryOwn(fixture, 2, got), STATUS_SUCCESS);
+    EXPECT_EQ(got.Number, 20u);
+    EXPECT_EQ(g_referenced, 1u);
+    // The routine that was missing is there, the one that was given is kept.
+    EXPECT_EQ(got.Header.InterfaceReference, CountReference);
+    ASSERT_NE(got.Header.InterfaceDereference, nullptr);
+    got.Header.InterfaceDereference(nullptr);
+}
+
+TEST(Interfaces, AnImportedTableIsLeftToTheCallback)
+{
+    FaultyDriverFixture fixture;
+    ASSERT_EQ(AddOwnTable(fixture.table.Device, 1, 10,
+                          [](WDF_QUERY_INTERFACE_CONFIG& config) {
+                              config.ImportInterface = TRUE;
+                              config.EvtDeviceProcessQueryInterfaceRequest = [](WDFDEVICE, LPGUID, PINTERFACE table,
+                                                                                PVOID) NTAPI -> NTSTATUS {
+                                  reinterpret_cast<OwnTable*>(table)->Number += 5;
+                                  return STATUS_SUCCESS;
+                              };
+                          }),
+              STATUS_SUCCESS);
+    OwnTable got{};
+    got.Number = 1;
+    EXPECT_EQ(QueryOwn(fixture, 0, got), STATUS_NOT_SUPPORTED);  // its version is the least that is served
+    EXPECT_EQ(QueryOwn(fixture, 1, got), STATUS_SUCCESS);
+    EXPECT_EQ(got.Number, 6u);
+}
+
+TEST(Interfaces, WithoutATypeAreAViolation)
+{
+    FaultyDriverFixture fixture;
+    EXPECT_FALSE(NT_SUCCESS(AddOwnTable(fixture.table.Device, 1, 10,
+                                        [](WDF_QUERY_INTERFACE_CONFIG& config) { config.InterfaceType = nullptr; })));
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kRequiredParameter});
+}
+
+TEST(IoTargets, AQueryOnOneThatIsNotOpenIsAViolation)
+{
+    FaultyDriverFixture fixture;
+    WDFIOTARGET target = nullptr;
+    ASSERT_EQ(WdfIoTargetCreate(fixture.table.Device, nullptr, &target), STATUS_SUCCESS);
+    OwnTable got{};
+    EXPECT_FALSE(
+        NT_SUCCESS(WdfIoTargetQueryForInterface(target, &kOwnInterface, &got.Header, sizeof(got), 1, nullptr)));
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kBadParameter});
+    EXPECT_NE(fixture.Text().find("I/O target #1 is not open"), std::string::npos) << fixture.Text();
+}
+
 TEST(Interfaces, AreEnabledAtStartAndOneDisabledBeforeIsToo)
 {
     FaultyDriverFixture fixture;
@@ -125,6 +219,14 @@ TEST(Queues, RefuseWhatTheFrameworkRefuses)
     EXPECT_EQ(WdfIoQueueCreate(fixture.table.Device, &config, nullptr, &queue), STATUS_WDF_NO_CALLBACK);
     config.EvtIoDefault = [](WDFQUEUE, WDFREQUEST) NTAPI {};
     EXPECT_EQ(WdfIoQueueCreate(fixture.table.Device, &config, nullptr, nullptr), STATUS_INVALID_PARAMETER_4);
+    config.Settings.Parallel.NumberOfPresentedRequests = 1;
+    EXPECT_EQ(WdfIoQueueCreate(fixture.table.Device, &config, nullptr, &queue), STATUS_INVALID_PARAMETER);
+    config.Settings.Parallel.NumberOfPresentedRequests = 0;
+    for (const int type : {WdfIoQueueDispatchInvalid + 0, WdfIoQueueDispatchManual + 1, WdfIoQueueDispatchManual + 0}) {
+        config.DispatchType = static_cast<WDF_IO_QUEUE_DISPATCH_TYPE>(type);  // a manual queue has no callback
+        EXPECT_EQ(WdfIoQueueCreate(fixture.table.Device, &config, nullptr, &queue), STATUS_INVALID_PARAMETER) << type;
+    }
+    config.DispatchType = WdfIoQueueDispatchSequential;
     config.DefaultQueue = TRUE;
     EXPECT_EQ(WdfIoQueueCreate(fixture.table.Device, &config, nullptr, &queue), STATUS_INVALID_DEVICE_STATE);
     ASSERT_EQ(fixture.driver.AddDevice(), STATUS_SUCCESS);
@@ -224,9 +326,115 @@ TEST(Keys, GiveNumbersOfTheRightTypeAndAreGoneWhenClosed)
     EXPECT_EQ(number, 7u);
     EXPECT_EQ(query(u"Text", number), STATUS_OBJECT_TYPE_MISMATCH);
     EXPECT_EQ(query(u"Other", number), STATUS_OBJECT_NAME_NOT_FOUND);
+
+    // Data that do not fill the number are no error, data that exceed it are one.
+    constexpr std::byte kOne{1};
+    fixture.machine.SetRegistryData("broken", "Short", host::kernel::kTypeDword, {kOne});
+    fixture.machine.SetRegistryData("broken", "Long", host::kernel::kTypeDword, std::vector(8, kOne));
+    EXPECT_EQ(query(u"Short", number), STATUS_SUCCESS);
+    EXPECT_EQ(number & 0xFF, 1u);
+    EXPECT_EQ(query(u"Long", number), STATUS_BUFFER_OVERFLOW);
+
     WdfRegistryClose(key);
     WdfRegistryClose(key);
     EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadHandle});
+}
+
+TEST(Keys, AllowWhatTheyWereOpenedFor)
+{
+    FaultyDriverFixture fixture;
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"Number");
+    ULONG number = 0;
+    struct Row {
+        ACCESS_MASK access;
+        NTSTATUS write;
+        NTSTATUS read;
+    };
+    for (const Row& row :
+         {Row{KEY_READ | KEY_WRITE, STATUS_SUCCESS, STATUS_SUCCESS},
+          Row{KEY_READ, STATUS_ACCESS_DENIED, STATUS_SUCCESS}, Row{KEY_WRITE, STATUS_SUCCESS, STATUS_ACCESS_DENIED}}) {
+        SCOPED_TRACE(row.access);
+        WDFKEY key = nullptr;
+        ASSERT_EQ(WdfDriverOpenParametersRegistryKey(WdfGetDriver(), row.access, nullptr, &key), STATUS_SUCCESS);
+        EXPECT_EQ(WdfRegistryAssignULong(key, &name, 7), row.write);
+        EXPECT_EQ(WdfRegistryQueryULong(key, &name, &number), row.read);
+        WdfRegistryClose(key);
+    }
+}
+
+TEST(Strings, MustBeWholeCharactersWithinABuffer)
+{
+    FaultyDriverFixture fixture;
+    WCHAR text[] = u"Text";
+    WDFKEY key = nullptr;
+    ASSERT_EQ(WdfDriverOpenParametersRegistryKey(WdfGetDriver(), KEY_READ | KEY_WRITE, nullptr, &key), STATUS_SUCCESS);
+    ULONG number = 0;
+    const WDFDEVICE device = fixture.table.Device;
+    for (UNICODE_STRING malformed : {UNICODE_STRING{3, 8, text}, UNICODE_STRING{2, 7, text}, UNICODE_STRING{8, 4, text},
+                                     UNICODE_STRING{2, 8, nullptr}}) {
+        SCOPED_TRACE(malformed.Length);
+        EXPECT_EQ(WdfRegistryQueryULong(key, &malformed, &number), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(WdfRegistryAssignULong(key, &malformed, 7), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(WdfDeviceCreateSymbolicLink(device, &malformed), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(WdfDeviceCreateDeviceInterface(device, &kOwnInterface, &malformed), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+        WdfDeviceSetDeviceInterfaceState(device, &kOwnInterface, &malformed, FALSE);  // which can answer no status
+        EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kBadParameter});
+    }
+    WdfRegistryClose(key);
+}
+
+TEST(Drivers, WithoutATagGetTheFirstLettersOfTheirName)
+{
+    FaultyDriverFixture fixture;
+    EXPECT_EQ(fixture.driver.PoolTag(), 0x6B6F7262u);  // "brok" in memory
+}
+
+TEST(Drivers, WithFlagsThatDoNotExistAreRefused)
+{
+    FaultyDriverFixture fixture;
+    WDF_DRIVER_CONFIG config;
+    WDF_DRIVER_CONFIG_INIT(&config, nullptr);
+    UNICODE_STRING path;
+    RtlInitUnicodeString(&path, u"\\Registry\\broken");
+    const auto create = [&] {
+        return WdfDriverCreate(WdfDriverWdmGetDriverObject(WdfGetDriver()), &path, nullptr, &config, nullptr);
+    };
+    config.DriverInitFlags = 4;
+    EXPECT_EQ(create(), STATUS_INVALID_PARAMETER);
+    config.DriverInitFlags = 0;
+    path.Length = 3;
+    EXPECT_EQ(create(), STATUS_INVALID_PARAMETER);
+    path.Length = 2;
+    EXPECT_EQ(create(), STATUS_DRIVER_INTERNAL_ERROR);  // the second driver object
+}
+
+TEST(Pool, GivesNullWhenItIsExhausted)
+{
+    FaultyDriverFixture fixture({.poolBytesMaximum = 100});
+    constexpr ULONG kTag = 'tseT';
+    PVOID const first = ExAllocatePoolWithTag(PagedPool, 60, kTag);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, 60, kTag), nullptr);
+    EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, ~SIZE_T{0}, kTag), nullptr);
+    ExFreePoolWithTag(first, kTag);
+    PVOID const second = ExAllocatePoolWithTag(PagedPool, 100, kTag);
+    ASSERT_NE(second, nullptr);
+    ExFreePoolWithTag(second, kTag);
+}
+
+TEST(Providers, OfOneIdentifierMayBeRegisteredTwice)
+{
+    FaultyDriverFixture fixture;
+    REGHANDLE handles[2] = {};
+    for (REGHANDLE& handle : handles) {
+        ASSERT_EQ(EtwRegister(&kOwnInterface, nullptr, nullptr, &handle), STATUS_SUCCESS);
+    }
+    EXPECT_NE(handles[0], handles[1]);
+    for (const REGHANDLE handle : handles) {
+        EXPECT_EQ(EtwUnregister(handle), STATUS_SUCCESS);
+    }
 }
 
 TEST(Binding, RefusesAClientNewerThanTheFramework)

@@ -70,6 +70,7 @@ constexpr Breach kBreaches[] = {
     {"ForeignHandle", Scenario::kForeignHandle, Rule::kForeignHandle, "WdfObjectDelete", "was never handed out"},
     {"RequiredParameter", Scenario::kRequiredParameter, Rule::kRequiredParameter, "WdfObjectCreate", "Object is null"},
     {"BadParameter", Scenario::kBadParameter, Rule::kBadParameter, "ExAllocatePoolWithTag", "the pool tag is 0"},
+    {"PoolOfNothing", Scenario::kPoolOfNothing, Rule::kBadParameter, "ExAllocatePoolWithTag", "a block of 0 bytes"},
     {"DeleteNotAllowed", Scenario::kDeleteNotAllowed, Rule::kDeleteNotAllowed, "WdfObjectDelete", "device #1"},
     {"ReferenceUnderflow", Scenario::kReferenceUnderflow, Rule::kReferenceUnderflow, "WdfObjectDereferenceActual",
      "loses its last reference"},

@@ -40,7 +40,7 @@ TEST(WaitLocks, AcquireAboveItsLevelFailsUnlessItOnlyTries)
     EXPECT_EQ(WdfWaitLockAcquire(lock, &noTime), STATUS_SUCCESS);
     WdfWaitLockRelease(lock);
     EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
-    EXPECT_FALSE(NT_SUCCESS(WdfWaitLockAcquire(lock, nullptr)));
+    EXPECT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kIrql});
 }
 
@@ -117,6 +117,51 @@ TEST(WaitLocks, AMainThreadThatCanNeverGoOnEndsTheProcess)
         },
         testing::ExitedWithCode(3),
         "can never go on.*\n.*self-wait: WdfWaitLockAcquire called from faulty.so!SelfWait");
+}
+
+PCALLBACK_OBJECT OpenPowerState()
+{
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"\\Callback\\PowerState");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    PCALLBACK_OBJECT object = nullptr;
+    EXPECT_EQ(ExCreateCallback(&object, &attributes, FALSE, TRUE), STATUS_SUCCESS);
+    return object;
+}
+
+TEST(PowerCallbacks, UnregisteringOneWhoseThreadIsParkedWaitsForEver)
+{
+    FaultyDriverFixture fixture;
+    WDFWAITLOCK lock = NewLock();
+    PCALLBACK_OBJECT const object = OpenPowerState();
+    PVOID const registration = ExRegisterCallback(
+        object,
+        [](PVOID context, PVOID, PVOID) NTAPI {
+            (void)WdfWaitLockAcquire(static_cast<WDFWAITLOCK>(context), nullptr);
+            (void)WdfWaitLockAcquire(static_cast<WDFWAITLOCK>(context), nullptr);
+        },
+        lock);
+    EXPECT_TRUE(fixture.machine.OnThread("power", [&] { fixture.machine.NotifyPowerState(0, 0); }).parked);
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kSelfWait});
+    const host::Outcome outcome = fixture.machine.OnThread("other", [&] { ExUnregisterCallback(registration); });
+    EXPECT_TRUE(outcome.parked);
+    EXPECT_NE(outcome.reason.find("the callback routine that it unregisters"), std::string::npos) << outcome.reason;
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});
+    ObDereferenceObject(object);
+}
+
+PVOID g_registration;
+
+TEST(PowerCallbacks, OneThatUnregistersItselfWaitsForItself)
+{
+    FaultyDriverFixture fixture;
+    PCALLBACK_OBJECT const object = OpenPowerState();
+    g_registration =
+        ExRegisterCallback(object, [](PVOID, PVOID, PVOID) NTAPI { ExUnregisterCallback(g_registration); }, nullptr);
+    EXPECT_TRUE(fixture.machine.OnThread("power", [&] { fixture.machine.NotifyPowerState(0, 0); }).parked);
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kSelfWait});
+    ObDereferenceObject(object);
 }
 
 TEST(WorkItems, AreQueuedOnceAndAgainFromTheirOwnCallback)
