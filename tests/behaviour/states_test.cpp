@@ -119,6 +119,33 @@ TEST_P(States, AnswersAreDeliveredInTheSameRunBehindAllOthersWithSizeZero)
     EXPECT_EQ(fixture.TakeReports(), (Lines{"10 NotifierEvtWorkItemNotifyStates: <states>"}));
 }
 
+TEST_P(States, AnAnswerToOneSubscriptionIsNoneToTheNext)
+{
+    DriverFixture fixture(GetParam());
+    Peer poster(1);
+    Peer subscriber(2);
+    Peer watcher(3);
+    for (Peer* peer : {&poster, &subscriber, &watcher}) {
+        ASSERT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
+    }
+    ASSERT_EQ(fixture.Subscribe(subscriber, poster, 4), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Subscribe(watcher, subscriber, ZEP_STATE_ANY), STATUS_SUCCESS);
+    for (Peer* peer : {&subscriber, &watcher}) {  // both have been given the state at their subscription
+        peer->deliveries.clear();
+        peer->responsesAtEntry.clear();
+    }
+    subscriber.onState = [&](const ZepState&, ULONG& response) {
+        if (subscriber.deliveries.size() == 1) {
+            response = 8;  // and the second callback leaves it alone
+        }
+    };
+    ASSERT_EQ(fixture.Post(poster, 4), STATUS_SUCCESS);
+    fixture.Deliver();
+    EXPECT_EQ(subscriber.responsesAtEntry, (std::vector<ULONG>{0, 0}));
+    EXPECT_EQ(StatesOf(watcher), (std::vector<ULONG>{8}));
+}
+
 TEST_P(States, ZeroAnswerChangesNothing)
 {
     DriverFixture fixture(GetParam());

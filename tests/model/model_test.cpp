@@ -84,7 +84,7 @@ TEST_P(Sequences, LeaveNothingMapped)
 model::Finding FindingOf(Model::ModelBug bug)
 {
     model::Totals totals;
-    const auto finding = model::Search({.seed = 7, .sequences = 500}, ZEPN_NATIVE_DRIVER, totals, bug);
+    const auto finding = model::Search({.seed = 8, .sequences = 500}, ZEPN_NATIVE_DRIVER, totals, bug);
     EXPECT_TRUE(finding.has_value());
     return finding.value_or(model::Finding{});
 }

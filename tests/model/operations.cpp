@@ -72,6 +72,18 @@ ClientScript DecodeClientScript(Bytes& bytes, unsigned self)
     return habits;
 }
 
+// Two subscriptions to each state that the client has an answer to: with a rule that answers once, the second leaves
+// the response alone.
+void SubscribeToWhatIsAnswered(Sequence& sequence, unsigned client)
+{
+    for (const Answer& answer : sequence.clients[client].answers) {
+        for (const std::uint32_t state : {answer.state.value_or(ZEP_STATE_ANY), std::uint32_t{ZEP_STATE_ANY}}) {
+            sequence.operations.push_back(
+                {.kind = Kind::kSubscribe, .client = client, .other = answer.from, .state = state, .null = ""});
+        }
+    }
+}
+
 const char* DecodeNull(Bytes& bytes, Kind kind)
 {
     const unsigned which = bytes.Below(24);
@@ -131,6 +143,12 @@ Sequence Decode(std::span<const std::uint8_t> input)
     for (unsigned client = 0; client < kClients; ++client) {
         if ((present >> client & 1) != 0) {
             sequence.operations.push_back({.kind = Kind::kRegister, .client = client, .null = ""});
+        }
+    }
+    const unsigned watching = bytes.Below(32);
+    for (unsigned client = 0; client < kClients; ++client) {
+        if ((watching >> client & 1) != 0) {
+            SubscribeToWhatIsAnswered(sequence, client);
         }
     }
     while (!bytes.AtEnd() && sequence.operations.size() < kMostOperations) {
