@@ -16,11 +16,13 @@ static void NTAPI NoReference(PVOID)
 {
 }
 
-// The rest of a zeroed table is left to the caller. Peers get a byte copy, so its padding must not carry stack
-// contents.
-static void FillHeader(INTERFACE& header, USHORT size, WDFDEVICE device)
+// The functions are left to the caller. Peers get a byte copy of the table, so its padding must not carry stack contents.
+template <class Table>
+static void BeginTable(Table& table, WDFDEVICE device)
 {
-    header.Size = size;
+    RtlZeroMemory(&table, sizeof(table));
+    INTERFACE& header = table.InterfaceHeader;
+    header.Size = sizeof(table);
     header.Version = ZEP_NOTIFIER_INTERFACE_VERSION;
     header.Context = device;
     header.InterfaceReference = NoReference;
@@ -30,8 +32,7 @@ static void FillHeader(INTERFACE& header, USHORT size, WDFDEVICE device)
 static NTSTATUS AddWpcdInterface(WDFDEVICE device)
 {
     ZEP_NOTIFIER_WPCD_INTERFACE table;
-    RtlZeroMemory(&table, sizeof(table));
-    FillHeader(table.InterfaceHeader, sizeof(table), device);
+    BeginTable(table, device);
     table.Notifier_WpcdClientInit = Notifier_WpcdClientInit;
     table.Notifier_WpcdClientDeInit = Notifier_WpcdClientDeInit;
     table.Notifier_WpcdGetNumSubsystemDescriptors = Notifier_WpcdGetNumSubsystemDescriptors;
@@ -45,8 +46,7 @@ static NTSTATUS AddWpcdInterface(WDFDEVICE device)
 static NTSTATUS AddHelperInterface(WDFDEVICE device)
 {
     ZEP_NOTIFIER_HELPER_INTERFACE table;
-    RtlZeroMemory(&table, sizeof(table));
-    FillHeader(table.InterfaceHeader, sizeof(table), device);
+    BeginTable(table, device);
     table.Notifier_HelperInit = Notifier_HelperInit;
     table.Notifier_HelperClientDeinit = Notifier_HelperClientDeinit;
     table.Notifier_HelperSendState = Notifier_HelperSendState;

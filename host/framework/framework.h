@@ -3,6 +3,7 @@
 // The functions of the table are free functions in one file per family; they find this through Framework::Current().
 #pragma once
 
+#include "host/checks/unused_stack.h"
 #include "host/environment.h"
 #include "host/framework/object.h"
 #include "host/image/image.h"
@@ -193,6 +194,7 @@ public:
     auto Guarded(const char* callbackName, const void* routine, const Callback& callback)
     {
         const Regions before = RegionsNow();
+        checks::FillUnusedStack();
         if constexpr (std::is_void_v<decltype(callback())>) {
             callback();
             CheckRegions(callbackName, routine, before);

@@ -1,5 +1,7 @@
 #include "host/kernel/kernel.h"
 
+#include "host/checks/unused_stack.h"
+
 #include <algorithm>
 #include <cctype>
 
@@ -86,6 +88,7 @@ void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2
         }
         ThreadState& thread = ThreadState::Current();
         const int regionsBefore = thread.criticalRegions;
+        checks::FillUnusedStack();
         registration->function(registration->context, reinterpret_cast<void*>(argument1),
                                reinterpret_cast<void*>(argument2));
         if (thread.criticalRegions != regionsBefore) {

@@ -1,4 +1,5 @@
 // The registration route of old systems: WMI requests to the control block's callback, and the query that it makes.
+#include "host/checks/unused_stack.h"
 #include "host/environment.h"
 #include "host/tracing/state.h"
 
@@ -26,6 +27,7 @@ constexpr ULONG kActionDeregister = 0x80000002u;
 LONG Request(const Provider& provider, std::uint8_t minor, void* buffer, ULONG length, ULONG& size)
 {
     const auto callback = reinterpret_cast<host::tracing::LegacyCallback>(const_cast<void*>(provider.callback));
+    host::checks::FillUnusedStack();
     return callback(minor, nullptr, length, buffer, provider.context, &size);
 }
 

@@ -1,6 +1,7 @@
 // Sessions: opening, changing, closing, and what providers are told of it.
 #include "host/tracing/tracing.h"
 
+#include "host/checks/unused_stack.h"
 #include "host/environment.h"
 #include "host/tracing/state.h"
 
@@ -88,6 +89,7 @@ void Tracing::State::NotifyEvents(const GUID& guid)
             continue;
         }
         const auto callback = reinterpret_cast<PETWENABLECALLBACK>(const_cast<void*>(provider.callback));
+        checks::FillUnusedStack();
         if (merged) {
             callback(&source, EVENT_CONTROL_CODE_ENABLE_PROVIDER, merged->level, merged->matchAny, merged->matchAll,
                      nullptr, provider.context);
@@ -124,6 +126,7 @@ void Tracing::State::NotifyMessages(const Provider& provider)
                    .enableFlagsHigh = 0,
                    .reserved = 0};
     }
+    checks::FillUnusedStack();
     callback(&provider.guid, receiver ? 1 : 0, &context, provider.context);
     // Valid only during the call: what a provider kept of it would read this.
     std::memset(&context, 0xEE, sizeof(context));

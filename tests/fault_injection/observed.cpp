@@ -1,5 +1,6 @@
 #include "tests/fault_injection/observed.h"
 
+#include "host/checks/unused_stack.h"
 #include "tests/kit/one_report.h"
 #include "tests/kit/reports_seen.h"
 #include "tests/fault_injection/clients.h"
@@ -183,6 +184,7 @@ Step ObservedRun::Run(const Op& op)
     step_ = {};
     RecordCallbacks(step_.callbacks);
     const std::size_t delays = machine_.Delays().size();
+    host::checks::FillUnusedStack();
     const std::optional<NTSTATUS> status = Act(op);
     const auto allDelays = machine_.Delays();
     if (allDelays.size() > delays && allDelays.back() != -10000LL * kTimeoutMs) {

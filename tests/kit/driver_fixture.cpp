@@ -2,6 +2,7 @@
 
 #include "tests/kit/driver_fixture.h"
 
+#include "host/checks/unused_stack.h"
 #include "host/schedule/yield.h"
 #include "tests/kit/reports_seen.h"
 #include "tests/kit/lock_order.h"
@@ -151,18 +152,21 @@ DriverFixture::~DriverFixture()
 
 NTSTATUS DriverFixture::Register(Peer& peer, ULONG entryCount, const ZepDataEntry* entries)
 {
+    host::checks::FillUnusedStack();
     return helper.Notifier_HelperInit(&peer.guid, "name", "description", &peer.callbacks, entries, entryCount, &peer);
 }
 
 NTSTATUS DriverFixture::Post(const Peer& peer, ULONG state)
 {
     const ZepState record{.Size = 32, .InterfaceGUID = peer.guid, .State = state, .Reserved = 0};
+    host::checks::FillUnusedStack();
     return helper.Notifier_HelperSendState(&record);
 }
 
 NTSTATUS DriverFixture::Subscribe(Peer& subscriber, const Peer& target, ULONG state)
 {
     const ZepState filter{.Size = 32, .InterfaceGUID = target.guid, .State = state, .Reserved = 0};
+    host::checks::FillUnusedStack();
     return helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &OnState);
 }
 
@@ -170,11 +174,13 @@ NTSTATUS DriverFixture::Unsubscribe(const Peer& subscriber, const Peer& target, 
 {
     // Size and the last word take no part.
     const ZepState filter{.Size = 1, .InterfaceGUID = target.guid, .State = state, .Reserved = 7};
+    host::checks::FillUnusedStack();
     return helper.Notifier_HelperDeregisterForStateNotification(&subscriber.guid, &filter);
 }
 
 NTSTATUS DriverFixture::Leave(const Peer& peer)
 {
+    host::checks::FillUnusedStack();
     return helper.Notifier_HelperClientDeinit(&peer.guid);
 }
 
@@ -185,6 +191,7 @@ NTSTATUS DriverFixture::Send(const Peer& sender, const Peer& target, ULONG id, U
                              .SourceGuid = sender.guid,
                              .TargetGuid = target.guid,
                              .CommandId = id};
+    host::checks::FillUnusedStack();
     return helper.Notifier_HelperSendCommand(&command);
 }
 
