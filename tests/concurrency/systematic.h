@@ -8,6 +8,7 @@
 #include "host/checks/watchdog.h"
 #include "host/schedule/controlled_scheduler.h"
 #include "tests/kit/driver_fixture.h"
+#include "tests/kit/settings.h"
 
 #include <cstdlib>
 #include <fstream>
@@ -80,7 +81,7 @@ protected:
         if (!replay.empty()) {
             return;
         }
-        const std::filesystem::path folder = std::filesystem::path(ZEPN_STATISTICS) / "scheduler";
+        const std::filesystem::path folder = ResultsFolder() / "statistics" / "scheduler";
         std::filesystem::create_directories(folder);
         std::ofstream(folder / (std::string(GetParam().name) + ", " + name + ".txt"))
             << "interleavings, " << GetParam().name << ", " << name << ": " << counts[0] << " to " << preemptions

@@ -1,5 +1,7 @@
 #include "tests/fault_injection/statistics.h"
 
+#include "tests/kit/settings.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -11,9 +13,14 @@
 namespace fault_injection {
 namespace {
 
+std::filesystem::path Folder()
+{
+    return tests::ResultsFolder() / "statistics";
+}
+
 std::filesystem::path ShardFile(const std::string& container, const std::string& kind, unsigned shard)
 {
-    return std::filesystem::path(ZEPN_STATISTICS) / "shards" / (container + "-" + kind + "-" + std::to_string(shard));
+    return Folder() / "shards" / (container + "-" + kind + "-" + std::to_string(shard));
 }
 
 std::string Wish()
@@ -143,7 +150,7 @@ void Figures::Write(const std::string& container, const std::string& kind) const
     }
     text << "\n";
     std::cout << text.str();
-    std::ofstream(std::string(ZEPN_STATISTICS) + "/fault-injection-" + container + "-" + kind + ".txt") << text.str();
+    std::ofstream(Folder() / ("fault-injection-" + container + "-" + kind + ".txt")) << text.str();
 }
 
 }  // namespace fault_injection

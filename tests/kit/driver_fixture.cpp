@@ -5,6 +5,7 @@
 #include "host/checks/unused_stack.h"
 #include "host/schedule/yield.h"
 #include "tests/kit/reports_seen.h"
+#include "tests/kit/settings.h"
 #include "tests/kit/lock_order.h"
 
 #include <algorithm>
@@ -59,7 +60,7 @@ const host::tracing::MessageFormats& TheFormats()
 
 std::vector<Container> Containers()
 {
-    std::vector<Container> containers = {{"native", ZEPN_NATIVE_DRIVER}};
+    std::vector<Container> containers = {{"native", NativeDriver()}};
 #if defined(__x86_64__)
     containers.push_back({"x64", OutFolder() + "/x64/zepn.sys"});
 #else

@@ -1,5 +1,7 @@
 #include "tests/kit/reports_seen.h"
 
+#include "tests/kit/settings.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -37,7 +39,7 @@ void NoteReportsSeen(const host::tracing::Tracing& tracing, const host::tracing:
     if (seen.size() == before) {
         return;
     }
-    const std::filesystem::path folder = ZEPN_REPORTS_SEEN;
+    const std::filesystem::path folder = ResultsFolder() / "reports_seen";
     std::filesystem::create_directories(folder);
     std::ofstream out(folder / name);
     out << "P " << std::filesystem::read_symlink("/proc/self/exe").string() << "\n";

@@ -4,6 +4,7 @@
 #include "host/checks/crash.h"
 #include "tests/kit/death.h"
 #include "tests/kit/driver_fixture.h"
+#include "tests/kit/settings.h"
 #include "tests/model/child_process.h"
 #include "tests/model/driver_harness.h"
 #include "tools/play/player.h"
@@ -49,9 +50,9 @@ TEST_P(Sequences, GoAsTheModelSays)
     EXPECT_GT(totals.hangs, 0u);
 #endif
 
-    std::filesystem::create_directories(ZEPN_STATISTICS);
-    const std::filesystem::path file = std::string(ZEPN_STATISTICS) + "/model-" + GetParam().name + ".txt";
-    std::ofstream(file) << model::Figures(totals, spent, GetParam().name);
+    const std::filesystem::path folder = ResultsFolder() / "statistics";
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder / (std::string("model-") + GetParam().name + ".txt")) << model::Figures(totals, spent, GetParam().name);
 }
 
 #ifndef ZEPN_SANITIZED
