@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <set>
 #include <thread>
+#include <utility>
 
 namespace host::schedule {
 namespace {
@@ -36,6 +38,7 @@ struct Threads::Worker {
     std::function<void()> work;
     std::string name;
     std::string parkReason;
+    std::exception_ptr exception;  // that the work ended by
     std::thread thread;
 };
 
@@ -87,8 +90,14 @@ std::shared_ptr<Threads::Worker> Threads::TakeIdle()
             worker->work = nullptr;
             ThreadState::Current().name = worker->name;
             workerLock.unlock();
-            work();
+            std::exception_ptr exception;
+            try {
+                work();
+            } catch (...) {
+                exception = std::current_exception();
+            }
             workerLock.lock();
+            worker->exception = std::move(exception);
             worker->state = Worker::State::kDone;
             worker->changed.notify_all();
         }
@@ -108,7 +117,11 @@ Outcome Threads::Run(const std::string& name, std::function<void()> work)
     if (worker->state == Worker::State::kParked) {
         return {.parked = true, .reason = worker->parkReason};
     }
+    const std::exception_ptr exception = std::exchange(worker->exception, nullptr);
     worker->state = Worker::State::kIdle;  // not before: it would serve somebody else while this call still looks
+    if (exception != nullptr) {
+        std::rethrow_exception(exception);
+    }
     return {};
 }
 

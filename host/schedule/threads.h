@@ -25,7 +25,8 @@ public:
     Threads(const Threads&) = delete;
     Threads& operator=(const Threads&) = delete;
 
-    // Runs work on a thread that bears this name meanwhile, and waits until it returns or parks.
+    // Runs work on a thread that bears this name meanwhile, and waits until it returns or parks. What it throws, this
+    // throws.
     Outcome Run(const std::string& name, std::function<void()> work);
 
     // Whether a thread (ThreadState::id) was parked in this process.
