@@ -98,9 +98,9 @@ WDFDEVICE Driver::Device() const
     return static_cast<WDFDEVICE>(NewestDevice(instance_).handle);
 }
 
-void Driver::Unload()
+Outcome Driver::Unload()
 {
-    framework::UnloadDriver(Framework::Current(), machine_.tracing(), instance_);
+    return framework::UnloadDriver(Framework::Current(), machine_.tracing(), instance_);
 }
 
 bool Driver::IsLoaded() const
@@ -149,32 +149,37 @@ IoResult Driver::Open(FileId& file)
     framework::FileObjectObject* object = nullptr;
     const framework::RequestResult result = framework::OpenFile(Framework::Current(), NewestDevice(instance_), object);
     if (object != nullptr) {
+        const std::lock_guard lock(filesMutex_);
         file = nextFile_++;
         files_[file] = object;
     }
     return {result.status, result.information, result.completed};
 }
 
-void Driver::Close(FileId file)
+framework::FileObjectObject& Driver::FileOf(FileId file, bool forget)
 {
+    const std::lock_guard lock(filesMutex_);
     const auto found = files_.find(file);
     if (found == files_.end()) {
         throw HostError(instance_.service + ": no such open handle");
     }
     framework::FileObjectObject& object = *found->second;
-    files_.erase(found);
-    framework::CloseFile(Framework::Current(), object);
+    if (forget) {
+        files_.erase(found);
+    }
+    return object;
+}
+
+void Driver::Close(FileId file)
+{
+    framework::CloseFile(Framework::Current(), FileOf(file, true));
 }
 
 IoResult Driver::DeviceControl(FileId file, std::uint32_t code, std::span<const std::byte> input,
                                std::span<std::byte> output)
 {
-    const auto found = files_.find(file);
-    if (found == files_.end()) {
-        throw HostError(instance_.service + ": no such open handle");
-    }
     const framework::RequestResult result =
-        framework::DeviceControl(Framework::Current(), *found->second, code, input.size(), output.size());
+        framework::DeviceControl(Framework::Current(), FileOf(file, false), code, input.size(), output.size());
     return {result.status, result.information, result.completed};
 }
 

@@ -27,6 +27,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -67,8 +68,9 @@ public:
     [[nodiscard]] bool HasDevice() const;
     [[nodiscard]] WDFDEVICE Device() const;
 
-    // Unloads: runs the unload routine, unbinds, reports what is left, unmaps. No device may exist.
-    void Unload();
+    // Unloads: runs the unload routine, unbinds, reports what is left, unmaps. No device may exist. When the routine
+    // parks, the driver stays loaded.
+    Outcome Unload();
     [[nodiscard]] bool IsLoaded() const;
 
     // IRP_MN_QUERY_INTERFACE to the device. `buffer` receives at most buffer.size() bytes.
@@ -82,7 +84,7 @@ public:
     [[nodiscard]] bool IsInterfaceEnabled(const GUID& interfaceClass) const;
     [[nodiscard]] std::vector<InterfaceChange> InterfaceChanges() const;
 
-    // File handles and I/O controls, as user mode would make them.
+    // File handles and I/O controls, as user mode would make them; from any thread.
     IoResult Open(FileId& file);
     void Close(FileId file);  // cleanup and close
     IoResult DeviceControl(FileId file, std::uint32_t code, std::span<const std::byte> input = {},
@@ -100,6 +102,9 @@ private:
 
     Machine& machine_;
     framework::DriverInstance& instance_;
+    framework::FileObjectObject& FileOf(FileId file, bool forget);
+
+    std::mutex filesMutex_;
     std::map<FileId, framework::FileObjectObject*> files_;
     FileId nextFile_ = 1;
 

@@ -81,7 +81,7 @@ DriverInstance& LoadDriver(Framework& framework, tracing::Tracing& tracing, cons
     return instance;
 }
 
-void UnloadDriver(Framework& framework, tracing::Tracing& tracing, DriverInstance& instance)
+schedule::Outcome UnloadDriver(Framework& framework, tracing::Tracing& tracing, DriverInstance& instance)
 {
     if (!instance.loaded) {
         throw HostError(instance.service + ": it is not loaded");
@@ -93,8 +93,13 @@ void UnloadDriver(Framework& framework, tracing::Tracing& tracing, DriverInstanc
     if (unload == nullptr) {
         throw HostError(instance.service + ": the driver has no unload routine");
     }
-    framework.Guarded("DriverUnload", reinterpret_cast<const void*>(unload), [&] { unload(&instance.driverObject); });
-    EndImage(framework, tracing, instance);
+    schedule::Outcome outcome =
+        framework.RunOnThread("driver unload", "DriverUnload", reinterpret_cast<const void*>(unload),
+                              [&] { unload(&instance.driverObject); });
+    if (!outcome.parked) {
+        EndImage(framework, tracing, instance);
+    }
+    return outcome;
 }
 
 void AbandonDriver(Framework& framework, DriverInstance& instance)

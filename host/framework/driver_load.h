@@ -13,8 +13,9 @@ namespace host::framework {
 DriverInstance& LoadDriver(Framework& framework, tracing::Tracing& tracing, const std::filesystem::path& file,
                            const std::string& service);
 
-// Runs the unload routine, reports what is left and unmaps. Throws HostError while a device exists.
-void UnloadDriver(Framework& framework, tracing::Tracing& tracing, DriverInstance& instance);
+// Runs the unload routine on a thread of the host, reports what is left and unmaps; a driver whose routine parks stays.
+// Throws HostError while a device exists.
+schedule::Outcome UnloadDriver(Framework& framework, tracing::Tracing& tracing, DriverInstance& instance);
 
 // Drops a driver without running any of its code: the machine goes. The image stays mapped if threads are parked.
 void AbandonDriver(Framework& framework, DriverInstance& instance);

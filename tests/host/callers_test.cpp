@@ -1,0 +1,125 @@
+// Calls that come from several threads: callbacks that are unregistered while they run, handles, exceptions.
+#include "tests/host/faulty_driver_fixture.h"
+
+#include <atomic>
+#include <barrier>
+#include <thread>
+
+namespace tests {
+namespace {
+
+PCALLBACK_OBJECT PowerState()
+{
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(u"\\Callback\\PowerState"));
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    PCALLBACK_OBJECT object = nullptr;
+    EXPECT_EQ(ExCreateCallback(&object, &attributes, FALSE, TRUE), STATUS_SUCCESS);
+    return object;
+}
+
+WDFWAITLOCK g_callbackLock;
+std::atomic<bool> g_callbackRuns;
+
+VOID NTAPI TakeLock(PVOID, PVOID, PVOID)
+{
+    g_callbackRuns = true;
+    (void)WdfWaitLockAcquire(g_callbackLock, nullptr);
+    g_callbackRuns = false;
+    WdfWaitLockRelease(g_callbackLock);
+}
+
+TEST(Callbacks, UnregisteringWaitsUntilARunningOneHasReturned)
+{
+    FaultyDriverFixture fixture;
+    g_callbackLock = NewLock();
+    g_callbackRuns = false;
+    const PCALLBACK_OBJECT object = PowerState();
+    PVOID registration = ExRegisterCallback(object, TakeLock, nullptr);
+    ASSERT_EQ(WdfWaitLockAcquire(g_callbackLock, nullptr), STATUS_SUCCESS);
+    std::thread power([&] { fixture.OnThread("power", [&] { fixture.machine.NotifyPowerState(0, 0); }); });
+    while (!g_callbackRuns) {
+        std::this_thread::yield();
+    }
+    std::atomic<bool> begins = false;
+    std::thread unregister([&] {
+        fixture.OnThread("unregister", [&] {
+            begins = true;
+            ExUnregisterCallback(registration);
+            EXPECT_FALSE(g_callbackRuns);
+        });
+    });
+    // One that does not wait has time to return.
+    for (int turn = 0; turn < 10'000 || !begins; ++turn) {
+        std::this_thread::yield();
+    }
+    WdfWaitLockRelease(g_callbackLock);
+    power.join();
+    unregister.join();
+    ObfDereferenceObject(object);
+    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+}
+
+TEST(Callbacks, UnregisteringOneThatCanNeverReturnParks)
+{
+    FaultyDriverFixture fixture;
+    fixture.Abandon();
+    g_callbackLock = NewLock();
+    PVOID registration = ExRegisterCallback(PowerState(), TakeLock, nullptr);
+    const auto parks = [&](const char* name, const std::function<void()>& work) {
+        EXPECT_TRUE(fixture.machine.OnThread(name, work).parked) << name;
+    };
+    // The unregistering thread holds the lock that the callback waits for: both are in one circle.
+    std::thread power;
+    parks("unregister", [&] {
+        g_callbackRuns = false;
+        (void)WdfWaitLockAcquire(g_callbackLock, nullptr);
+        power = std::thread([&] { parks("power", [&] { fixture.machine.NotifyPowerState(0, 0); }); });
+        while (!g_callbackRuns) {
+            std::this_thread::yield();
+        }
+        ExUnregisterCallback(registration);
+    });
+    power.join();
+    EXPECT_EQ(fixture.TakeRules(), (std::vector{Rule::kDeadlock, Rule::kDeadlock})) << fixture.Text();
+}
+
+TEST(Handles, AreOpenedAndClosedFromSeveralThreads)
+{
+    FaultyDriverFixture fixture;
+    constexpr int kThreads = 4;
+    constexpr int kTurns = 2000;
+    std::barrier start(kThreads);
+    std::vector<std::thread> threads;
+    for (int number = 0; number < kThreads; ++number) {
+        threads.emplace_back([&] {
+            start.arrive_and_wait();
+            for (int turn = 0; turn < kTurns; ++turn) {
+                host::FileId file = 0;
+                EXPECT_EQ(fixture.driver.Open(file).status, STATUS_SUCCESS);
+                fixture.driver.Close(file);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    host::FileId file = 0;
+    EXPECT_EQ(fixture.driver.Open(file).status, STATUS_SUCCESS);
+    EXPECT_EQ(file, kThreads * kTurns + 1u);
+    fixture.driver.Close(file);
+}
+
+TEST(HostThreads, HandExceptionsToWhoWaitsForTheWork)
+{
+    FaultyDriverFixture fixture;
+    const auto refused = [&] {
+        (void)fixture.machine.OnThread("application", [&] { (void)fixture.driver.DeviceControl(7, 0); });
+    };
+    EXPECT_THROW(refused(), host::HostError);
+    fixture.OnThread("next", [] {});
+}
+
+}  // namespace
+}  // namespace tests
