@@ -14,7 +14,7 @@ s|[@]COMMIT[@]|@COMMIT@|g
 s|[@]DAY[@]|@DAY@|g
 TEXT
 )
-fill() { sed "$stamp" "$1"; }
+fill() { sed -e "$stamp" -f "$source/out/pages/identifiers.sed" "$1"; }
 windows_lines() { sed 's/$/\r/'; }
 
 # driver NAME INF_TEMPLATE FOLDER: its images, for each architecture in a folder below FOLDER.
@@ -37,7 +37,7 @@ windows_lines < "$source/samples/probe/answers.txt" > "$target/probe/answers.txt
 mkdir -p "$target/trace" "$target/include"
 cp "$source/out/manifest/zepn.man" "$source"/out/manifest/*.tmf "$target/trace"
 for file in zepn.ctl zepn.wprp; do
-    windows_lines < "$source/driver/package/$file" > "$target/trace/$file"
+    fill "$source/driver/package/$file.in" | windows_lines > "$target/trace/$file"
 done
 mkdir -p "$target/wdk"
 fill "$source/driver/package/version.rc.in" > "$target/wdk/version.rc"

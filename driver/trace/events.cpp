@@ -2,12 +2,11 @@
 //
 // The enable callback runs on threads of the system's, also inside registration. It touches static storage only and
 // never the registration handle, which may not be stored yet.
+#include "driver/trace/identifiers.h"
 #include "driver/trace/report.h"
 #include "driver/trace/trace.h"
 
 TraceEnableWords g_TraceEnable;
-
-constexpr GUID kProvider = {0x84CD9D5E, 0x9773, 0x4BA7, {0xA7, 0x09, 0x72, 0xF0, 0x79, 0xE8, 0x1C, 0xDE}};
 
 constexpr ULONG kEnableBitCount = 4;
 
@@ -78,7 +77,7 @@ void RegisterEventProvider()
         return;
     }
     // The result does not matter: without a handle every write is refused by the system.
-    (void)EtwRegister(&kProvider, EventEnableCallback, &g_EventContext, &g_RegistrationHandle);
+    (void)EtwRegister(&kProviderGuid, EventEnableCallback, &g_EventContext, &g_RegistrationHandle);
 }
 
 void UnregisterEventProvider()

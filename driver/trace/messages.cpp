@@ -3,18 +3,11 @@
 // Systems of today register through the classic-provider routine, which has no public declaration and is looked up by
 // name; the older route answers WMI requests instead. The control block's first field and the enable contexts are laid
 // out as the system expects them; the rest of the block is the driver's own.
+#include "driver/trace/identifiers.h"
 #include "driver/trace/report.h"
 #include "driver/trace/trace.h"
 
 #include <wmistr.h>
-
-constexpr GUID kControl = {0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
-
-// Indexed by MessageSet.
-constexpr GUID kMessageSets[] = {
-    {0x4BEF4337, 0xD238, 0x624D, {0x32, 0xCE, 0x81, 0x73, 0xA7, 0xA2, 0x27, 0x2B}},
-    {0x75F8AA61, 0xC96E, 0x3558, {0x5D, 0xC3, 0x89, 0x8A, 0xAE, 0x90, 0xE8, 0xED}},
-};
 
 // Sequence number, message GUID, time stamp, and thread and process id go into each record.
 constexpr ULONG kMessageFlags = 0x01 | 0x02 | 0x08 | 0x20;
@@ -263,7 +256,7 @@ void InitializeTraceMessages()
     }
     g_ControlBlock = {
         .callback = AnswerWmiRequest,
-        .controlGuid = &kControl,
+        .controlGuid = &kControlGuid,
         .next = nullptr,
         .logger = 0,
         .registryPath = nullptr,
@@ -279,7 +272,7 @@ void InitializeTraceMessages()
     // Registration enables at once when a session is armed already; its status does not matter.
     EtwRegisterClassicProviderRoutine* registerClassic = FindClassicRoute();
     if (g_Route == Route::kClassic) {
-        (void)registerClassic(&kControl, 0, MessageEnableCallback, g_Control, &g_Control->registrationHandle);
+        (void)registerClassic(&kControlGuid, 0, MessageEnableCallback, g_Control, &g_Control->registrationHandle);
     } else {
         (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kLegacyRegister);
     }
@@ -317,7 +310,7 @@ static void Send(MessageSet set, USHORT number, Pairs... pairs)
         return;
     }
     (void)g_TraceMessage(ReadULong64NoFence(&g_ControlBlock.logger), kMessageFlags,
-                         &kMessageSets[static_cast<ULONG>(set)], number, pairs..., kEnd);
+                         &kMessageSetGuids[static_cast<ULONG>(set)], number, pairs..., kEnd);
 }
 
 static SIZE_T SizeWithEnd(const char* text)

@@ -177,8 +177,8 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
         }));
         threads.push_back(turns([&](ULONG turn) {
             auto& tracing = fixture.machine.tracing();
-            tracing.Close(turn % 2 == 0 ? tracing.OpenEventSession({kProvider, 5})
-                                        : tracing.OpenMessageSession({kControl, 5, 3}));
+            tracing.Close(turn % 2 == 0 ? tracing.OpenEventSession({kProviderGuid, 5})
+                                        : tracing.OpenMessageSession({kControlGuid, 5, 3}));
             return STATUS_SUCCESS;
         }));
         started = true;

@@ -60,7 +60,7 @@ TEST_P(Reporting, EventLevelsSelectAsTheSystemDefinesThem)
     for (const Row& row : kRows) {
         SCOPED_TRACE(int{row.level});
         DriverFixture fixture(GetParam(), {.records = false, .boots = false});
-        fixture.machine.tracing().OpenEventSession({kProvider, row.level});
+        fixture.machine.tracing().OpenEventSession({kProviderGuid, row.level});
         fixture.Load();
         ASSERT_EQ(fixture.driver->AddDevice(), STATUS_SUCCESS);
         fixture.Start();
@@ -79,7 +79,7 @@ TEST_P(Reporting, EventsCarryNoKeywordChannelTaskOrVersion)
         const EVENT_DESCRIPTOR& d = event.descriptor;
         EXPECT_EQ(d.Version + d.Channel + d.Opcode + d.Task, 0);
         EXPECT_EQ(d.Keyword, 0u);
-        EXPECT_EQ(memcmp(&event.provider, &kProvider, sizeof(GUID)), 0);
+        EXPECT_EQ(memcmp(&event.provider, &kProviderGuid, sizeof(GUID)), 0);
     }
 }
 
@@ -87,10 +87,10 @@ TEST_P(Reporting, ListenersComeChangeAndGoWhileTheDriverRuns)
 {
     DriverFixture fixture(GetParam(), {.records = false});
     auto& tracing = fixture.machine.tracing();
-    const auto errors = tracing.OpenEventSession({kProvider, 2});
+    const auto errors = tracing.OpenEventSession({kProviderGuid, 2});
     LiveALittle(fixture);
     EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
-    const auto all = tracing.OpenEventSession({kProvider, 5});
+    const auto all = tracing.OpenEventSession({kProviderGuid, 5});
     tracing.ClearCaptured();
     LiveALittle(fixture);
     EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12, 22, 61}));
@@ -100,7 +100,7 @@ TEST_P(Reporting, ListenersComeChangeAndGoWhileTheDriverRuns)
     tracing.ClearCaptured();
     LiveALittle(fixture);
     EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
-    tracing.ChangeEventSession(errors, {kProvider, 1});
+    tracing.ChangeEventSession(errors, {kProviderGuid, 1});
     tracing.ClearCaptured();
     LiveALittle(fixture);
     EXPECT_TRUE(EventIds(fixture).empty());
@@ -112,13 +112,13 @@ TEST_P(Reporting, OtherControlCodesAndANullContextChangeNothing)
 {
     DriverFixture fixture(GetParam(), {.records = false});
     auto& tracing = fixture.machine.tracing();
-    tracing.OpenEventSession({kProvider, 2});
-    tracing.SendEventControl(kProvider, 2, 5, 0, 0);
-    tracing.SendEventControl(kProvider, 7, 5, 0, 0);
-    tracing.SendEventControl(kProvider, 0, 0, 0, 0, true);
+    tracing.OpenEventSession({kProviderGuid, 2});
+    tracing.SendEventControl(kProviderGuid, 2, 5, 0, 0);
+    tracing.SendEventControl(kProviderGuid, 7, 5, 0, 0);
+    tracing.SendEventControl(kProviderGuid, 0, 0, 0, 0, true);
     LiveALittle(fixture);
     EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
-    tracing.SendEventControl(kProvider, 0, 0, 0, 0);
+    tracing.SendEventControl(kProviderGuid, 0, 0, 0, 0);
     tracing.ClearCaptured();
     LiveALittle(fixture);
     EXPECT_TRUE(EventIds(fixture).empty());
@@ -147,7 +147,7 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
             SCOPED_TRACE(testing::Message() << "flags " << row.flags << " level " << int{row.level} << " route "
                                             << static_cast<int>(route));
             DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = route}, .records = false, .boots = false});
-            fixture.machine.tracing().OpenMessageSession({kControl, row.level, row.flags});
+            fixture.machine.tracing().OpenMessageSession({kControlGuid, row.level, row.flags});
             fixture.Load();
             ASSERT_EQ(fixture.driver->AddDevice(), STATUS_SUCCESS);
             fixture.Start();
@@ -172,14 +172,14 @@ TEST_P(Reporting, ClosedAndUnknownControlsSilenceMessagesOnBothRoutes)
     for (const auto route : {host::TraceRoutes::kClassic, host::TraceRoutes::kLegacy}) {
         DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = route}, .records = false});
         auto& tracing = fixture.machine.tracing();
-        auto session = tracing.OpenMessageSession({kControl, 5, 3});
-        tracing.SendMessageControl(kControl, 2);
+        auto session = tracing.OpenMessageSession({kControlGuid, 5, 3});
+        tracing.SendMessageControl(kControlGuid, 2);
         for (const std::uint8_t code : {0, 1, 4, 5}) {
-            tracing.SendMessageControl(kControl, code, true);
+            tracing.SendMessageControl(kControlGuid, code, true);
         }
         if (route == host::TraceRoutes::kClassic) {
             tracing.Close(session);  // the null contexts of a disable reached the block itself
-            session = tracing.OpenMessageSession({kControl, 5, 3});
+            session = tracing.OpenMessageSession({kControlGuid, 5, 3});
         }
         LiveALittle(fixture);
         EXPECT_FALSE(tracing.Messages().empty());
@@ -274,7 +274,7 @@ TEST_P(Reporting, MissingItemsAndContextsAreReportedWithTheirPlace)
 TEST_P(Reporting, EventsAndMessagesAreChosenApart)
 {
     DriverFixture fixture(GetParam(), {.records = false});
-    fixture.machine.tracing().OpenEventSession({kProvider, 5});
+    fixture.machine.tracing().OpenEventSession({kProviderGuid, 5});
     Peer peer(1);
     ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     fixture.Lose("WdfCollectionGetItem");
@@ -288,9 +288,9 @@ TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
 {
     DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kLegacy}, .records = false});
     auto& tracing = fixture.machine.tracing();
-    const auto session = tracing.OpenMessageSession({kControl, 2, 3});
+    const auto session = tracing.OpenMessageSession({kControlGuid, 2, 3});
     fixture.machine.faults().Add({.function = "WmiQueryTraceInformation", .detail = "level"});
-    tracing.ChangeMessageSession(session, {kControl, 5, 3});
+    tracing.ChangeMessageSession(session, {kControlGuid, 5, 3});
     LiveALittle(fixture);
     std::set<unsigned> numbers;
     for (const auto& message : tracing.Messages()) {

@@ -62,8 +62,8 @@ ObservedRun::ObservedRun(const tests::Container& container, Options options)
     : container_(container), options_(std::move(options)), machine_({.traceRoutes = options_.routes})
 {
     machine_.SetRegistryValue(tests::kService, "SubsystemNotificationTimeout", kTimeoutMs);
-    machine_.tracing().OpenEventSession({tests::kProvider, 0});
-    machine_.tracing().OpenMessageSession({tests::kControl, 5, 3});
+    machine_.tracing().OpenEventSession({kProviderGuid, 0});
+    machine_.tracing().OpenMessageSession({kControlGuid, 5, 3});
     machine_.tracing().SetListener(this);
     machine_.environment().observer = [this](const host::ObservedCall& call) { OnCall(call); };
     if (options_.fault && options_.fault->function != "WdfGetDriver") {

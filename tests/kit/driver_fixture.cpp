@@ -95,8 +95,8 @@ DriverFixture::DriverFixture(const Container& container, FixtureOptions options)
       formats_(TheFormats())
 {
     if (options_.records) {
-        machine.tracing().OpenEventSession({kProvider, 0});
-        machine.tracing().OpenMessageSession({kControl, 5, 3});
+        machine.tracing().OpenEventSession({kProviderGuid, 0});
+        machine.tracing().OpenMessageSession({kControlGuid, 5, 3});
     }
     if (options_.boots) {
         Load();

@@ -7,6 +7,7 @@
 #include "host/machine.h"
 #include "host/tracing/decode.h"
 #include "driver/include/zepn_notifier.h"
+#include "driver/trace/identifiers.h"
 #include "tests/kit/contexts.h"
 
 #include <gtest/gtest.h>
@@ -44,8 +45,6 @@ inline void PrintTo(const Container& container, std::ostream* out)
 #define FOR_ALL_CONTAINERS(suite)                                                                                      \
     INSTANTIATE_TEST_SUITE_P(On, suite, testing::ValuesIn(::tests::Containers()), ::tests::ContainerName)
 
-inline constexpr GUID kProvider = {0x84CD9D5E, 0x9773, 0x4BA7, {0xA7, 0x09, 0x72, 0xF0, 0x79, 0xE8, 0x1C, 0xDE}};
-inline constexpr GUID kControl = {0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
 inline constexpr const char* kService = "zepn";
 
 // A client driver. Its GUID's first number tells it apart; deliveries and commands are recorded.

@@ -1,5 +1,7 @@
 #include "tools/play/report_listener.h"
 
+#include "driver/trace/identifiers.h"
+
 namespace play {
 
 bool ReportListener::IsWanted(const PlayOptions& options)
@@ -21,8 +23,7 @@ ReportListener::ReportListener(const PlayOptions& options, host::tracing::Tracin
         tracing_.OpenEventSession({manifest_.provider(), level});
     }
     if (options.traceMessages || captures) {
-        constexpr GUID kControl = {0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
-        tracing_.OpenMessageSession({kControl, 5, 3});
+        tracing_.OpenMessageSession({kControlGuid, 5, 3});
     }
 }
 

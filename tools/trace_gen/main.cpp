@@ -4,14 +4,18 @@
 //     zepn-trace-gen FOLDER [PAGES]
 //     zepn-trace-gen --resources FILE
 //
-// PAGES, when given, receives reports.md, which docs/ holds too, and reports.txt, one line for each report.
+// PAGES, when given, receives reports.md, which docs/ holds too, reports.txt, one line for each report, and
+// identifiers.sed, the script that puts the provider's name and GUIDs in the package's templates.
 //
 // Nothing is read; the list is compiled in. The files are the ones that ship, so nothing edits them by hand.
+#include "tools/trace_gen/guid_text.h"
 #include "tools/trace_gen/reports_page.h"
 #include "tools/trace_gen/resources.h"
 #include "tools/trace_gen/site_names.h"
+#include "driver/trace/identifiers.h"
 #include "driver/trace/report_list.h"
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -22,20 +26,21 @@
 
 namespace {
 
-constexpr const char* kProviderName = "Zepn-Notifier";
-constexpr const char* kProviderGuid = "{84CD9D5E-9773-4BA7-A709-72F079E81CDE}";
+using trace_gen::Case;
+using trace_gen::GuidText;
+
 // Without a folder, for the image stays in the driver store; whoever registers by hand names it (wevtutil im /rf /mf).
 constexpr const char* kImageName = "zepn.sys";
 
+// The source file that each set of messages belongs to.
 struct SetFile {
     MessageSet set;
-    const char* guid;
     const char* source;
 };
 
 constexpr SetFile kSets[] = {
-    {MessageSet::kMain, "4bef4337-d238-624d-32ce-8173a7a2272b", "driver.cpp"},
-    {MessageSet::kForwarding, "75f8aa61-c96e-3558-5dc3-898aae90e8ed", "forwarding.cpp"},
+    {MessageSet::kMain, "driver.cpp"},
+    {MessageSet::kForwarding, "forwarding.cpp"},
 };
 
 std::string Escaped(const std::string& text)
@@ -110,8 +115,8 @@ void WriteManifest(std::ostream& out)
   <instrumentation>
     <events>
 )";
-    out << "      <provider name=\"" << kProviderName << "\" guid=\"" << kProviderGuid
-        << "\" symbol=\"ZEPN_NOTIFIER_PROVIDER\"\n                resourceFileName=\"" << kImageName
+    out << "      <provider name=\"" << kProviderName << "\" guid=\"{" << GuidText(kProviderGuid, Case::kUpper)
+        << "}\" symbol=\"ZEPN_NOTIFIER_PROVIDER\"\n                resourceFileName=\"" << kImageName
         << "\" messageFileName=\"" << kImageName << "\">\n        <templates>\n";
     std::map<std::string, const Event*> templates;
     for (const Event& event : kEvents) {
@@ -255,7 +260,7 @@ void WriteMessage(std::ostream& out, Site site)
 
 void WriteMessages(std::ostream& out, const SetFile& file)
 {
-    out << "// PDB:  zepn.pdb\n" << file.guid << " zepn // SRC=" << file.source << " MJ= MN=\n";
+    out << "// PDB:  zepn.pdb\n" << GuidText(file.set) << " zepn // SRC=" << file.source << " MJ= MN=\n";
     std::map<USHORT, Site> byNumber;
     for (std::size_t index = 0; index < std::size(kReportDefinitions); ++index) {
         const Message& message = kReportDefinitions[index].message;
@@ -290,11 +295,9 @@ trace_gen::TemplateField BinaryField(const EventField& field)
 
 trace_gen::ProviderDescription DescribeProvider()
 {
-    trace_gen::ProviderDescription provider{
-        .name = kProviderName,
-        .guid = {0x5E, 0x9D, 0xCD, 0x84, 0x73, 0x97, 0xA7, 0x4B, 0xA7, 0x09, 0x72, 0xF0, 0x79, 0xE8, 0x1C, 0xDE},
-        .templates = {},
-        .events = {}};
+    trace_gen::ProviderDescription provider{.name = kProviderName, .guid = {}, .templates = {}, .events = {}};
+    static_assert(sizeof(provider.guid) == sizeof(kProviderGuid));
+    std::memcpy(provider.guid.data(), &kProviderGuid, sizeof(kProviderGuid));
     std::map<std::string, std::size_t> indexes;
     for (const Event& event : kEvents) {
         const auto [known, isNew] = indexes.emplace(TemplateId(event), provider.templates.size());
@@ -309,6 +312,13 @@ trace_gen::ProviderDescription DescribeProvider()
         provider.events.push_back({event.id, event.level, known->second, event.message});
     }
     return provider;
+}
+
+void WriteIdentifiers(std::ostream& out)
+{
+    out << "s|@PROVIDER_NAME@|" << kProviderName << "|g\n"
+        << "s|@PROVIDER_GUID@|" << GuidText(kProviderGuid, Case::kUpper) << "|g\n"
+        << "s|@CONTROL_GUID@|" << GuidText(kControlGuid, Case::kUpper) << "|g\n";
 }
 
 template <class Writer>
@@ -344,7 +354,7 @@ int main(int argumentCount, char** arguments)
     std::filesystem::create_directories(folder, error);
     bool written = WriteFile(folder / "zepn.man", [](std::ostream& out) { WriteManifest(out); });
     for (const SetFile& file : kSets) {
-        written = WriteFile(folder / (std::string(file.guid) + ".tmf"),
+        written = WriteFile(folder / (GuidText(file.set) + ".tmf"),
                             [&file](std::ostream& out) { WriteMessages(out, file); }) &&
                   written;
     }
@@ -353,6 +363,7 @@ int main(int argumentCount, char** arguments)
         std::filesystem::create_directories(pages, error);
         written = WriteFile(pages / "reports.md", [](std::ostream& out) { WriteReportsPage(out, &TextOf); }) && written;
         written = WriteFile(pages / "reports.txt", [](std::ostream& out) { WriteReportList(out); }) && written;
+        written = WriteFile(pages / "identifiers.sed", [](std::ostream& out) { WriteIdentifiers(out); }) && written;
     }
     return written ? 0 : 1;
 }

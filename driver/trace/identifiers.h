@@ -1,0 +1,19 @@
+// By what the system's tracing knows the driver. They stand only here: the generator writes them into the decoding files,
+// the pages and what fills the package's templates.
+#pragma once
+
+#include <ntddk.h>
+
+inline constexpr char kProviderName[] = "Zepn-Notifier";
+
+// The event provider.
+inline constexpr GUID kProviderGuid = {0x84CD9D5E, 0x9773, 0x4BA7, {0xA7, 0x09, 0x72, 0xF0, 0x79, 0xE8, 0x1C, 0xDE}};
+
+// What a session names to enable the trace messages.
+inline constexpr GUID kControlGuid = {0x7311D40C, 0xCE4F, 0x496F, {0xA5, 0x63, 0xF7, 0x2D, 0x7B, 0xC9, 0xD9, 0x2F}};
+
+// What each trace message carries; indexed by MessageSet.
+inline constexpr GUID kMessageSetGuids[] = {
+    {0x4BEF4337, 0xD238, 0x624D, {0x32, 0xCE, 0x81, 0x73, 0xA7, 0xA2, 0x27, 0x2B}},
+    {0x75F8AA61, 0xC96E, 0x3558, {0x5D, 0xC3, 0x89, 0x8A, 0xAE, 0x90, 0xE8, 0xED}},
+};
