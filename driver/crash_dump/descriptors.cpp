@@ -8,17 +8,6 @@
 #include "driver/context/operations.h"
 #include "driver/registry/client.h"
 
-template <ULONG kSize>
-static void CopyText(CHAR (&destination)[kSize], const CHAR (&source)[kSize])
-{
-    ULONG length = 0;
-    while (length < kSize - 1 && source[length] != '\0') {
-        destination[length] = source[length];
-        ++length;
-    }
-    destination[length] = '\0';
-}
-
 // Fills one record for each client. completed tells whether every client was described.
 // On purpose: a stop on a missing item is no failure.
 static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG count,
@@ -26,14 +15,10 @@ static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG co
 {
     completed = false;
     for (ULONG index = 0; index < count; ++index) {
-        const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
-        if (item == nullptr) {
-            Report<Site::kDescribeItem>(index, context.wdfCollectionZepClients, count);
-            return STATUS_SUCCESS;
-        }
-        ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(item);
+        WDFOBJECT item;
+        ZEP_NOTIFIER_CLIENT_CONTEXT* client =
+            ClientAt<Site::kDescribeItem, Site::kDescribeClient>(context.wdfCollectionZepClients, index, count, item);
         if (client == nullptr) {
-            Report<Site::kDescribeClient>(item);
             return STATUS_SUCCESS;
         }
         DescribeClient(*client, descriptors[index]);
@@ -55,13 +40,9 @@ static void CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG& numb
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
-        const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
-        if (item == nullptr) {
-            Report<Site::kCountItem>(index, context.wdfCollectionZepClients, count);
-            return;
-        }
-        if (GetClientContext(item) == nullptr) {
-            Report<Site::kCountClient>(item);
+        WDFOBJECT item;
+        if (ClientAt<Site::kCountItem, Site::kCountClient>(context.wdfCollectionZepClients, index, count, item) ==
+            nullptr) {
             return;
         }
     }

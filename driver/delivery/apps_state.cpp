@@ -88,14 +88,10 @@ static NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& 
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
-        const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
-        if (item == nullptr) {
-            Report<Site::kAppsStateClientItem>(index, context.wdfCollectionZepClients, count);
-            continue;
-        }
-        const ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(item);
+        WDFOBJECT item;
+        const ZEP_NOTIFIER_CLIENT_CONTEXT* client = ClientAt<Site::kAppsStateClientItem, Site::kAppsStateClient>(
+            context.wdfCollectionZepClients, index, count, item);
         if (client == nullptr) {
-            Report<Site::kAppsStateClient>(item);
             continue;
         }
         if (client->ActionCallbackTable.AppsStateNotificationCallback == nullptr) {

@@ -1,6 +1,6 @@
 // Commands from one client to another: posting, and the work item that hands one command to its target per run.
 //
-// Posting accepts a command once sender and target are known; what fails behind that is only reported. A run holds its
+// Posting accepts a command once sender and target are known; what fails after that is only reported. A run holds its
 // own lock throughout and the clients lock until the target has answered; the answer is posted without it.
 #include "driver/delivery/delivery.h"
 
@@ -45,20 +45,20 @@ static void QueueCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT s
     WdfWaitLockRelease(context.wdfWaitLockCommandsCollection);
 }
 
-// Takes the oldest command off its queue, with a reference of the driver's own on its object: the sender may have gone,
-// and with it the object's only other reference. False ends the run.
-static bool TakeCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepCommand& command, WDFOBJECT& object)
+// Takes the oldest command off its queue, with a reference of the driver's own on its object: the sender may have been
+// removed, and with it the object's only other reference.
+static Run TakeCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepCommand& command, WDFOBJECT& object)
 {
     const NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockCommandsCollection, nullptr);
     if (status != STATUS_SUCCESS) {
         Report<Site::kNotifyCommandsCommandsLock>(status);
-        return false;
+        return Run::kEnds;
     }
     object = WdfCollectionGetFirstItem(context.wdfCollectionZepCommands);
     if (object == nullptr) {
         Report<Site::kNotifyCommandsEmpty>(context.wdfCollectionZepCommands);
         WdfWaitLockRelease(context.wdfWaitLockCommandsCollection);
-        return false;
+        return Run::kEnds;
     }
     const ZEP_NOTIFIER_COMMAND_CONTEXT* commandContext = GetCommandContext(object);
     if (commandContext == nullptr) {
@@ -69,13 +69,13 @@ static bool TakeCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepCommand& 
         WdfObjectDelete(object);
         WdfObjectDereference(object);
         WdfWaitLockRelease(context.wdfWaitLockCommandsCollection);
-        return false;
+        return Run::kEnds;
     }
     command = commandContext->Command;
     WdfObjectReference(object);
     WdfCollectionRemove(context.wdfCollectionZepCommands, object);
     WdfWaitLockRelease(context.wdfWaitLockCommandsCollection);
-    return true;
+    return Run::kGoesOn;
 }
 
 struct Parties {
@@ -84,20 +84,16 @@ struct Parties {
 };
 
 // Looks for both at once and stops when both are known. On purpose a client that is the sender is not looked at as the
-// target: a command to oneself never finds its target. False ends the run.
-static bool FindParties(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, Parties& parties)
+// target: a command to oneself never finds its target.
+static Run FindParties(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, Parties& parties)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count && (parties.sender == nullptr || parties.target == nullptr); ++index) {
-        const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
-        if (item == nullptr) {
-            Report<Site::kNotifyCommandsItem>(index, context.wdfCollectionZepClients, count);
-            return false;
-        }
-        const ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(item);
+        WDFOBJECT item;
+        const ZEP_NOTIFIER_CLIENT_CONTEXT* client = ClientAt<Site::kNotifyCommandsItem, Site::kNotifyCommandsClient>(
+            context.wdfCollectionZepClients, index, count, item);
         if (client == nullptr) {
-            Report<Site::kNotifyCommandsClient>(item);
-            return false;
+            return Run::kEnds;
         }
         if (GuidsEqual(client->InterfaceGUID, command.SourceGuid)) {
             parties.sender = client;
@@ -105,7 +101,7 @@ static bool FindParties(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCom
             parties.target = client;
         }
     }
-    return true;
+    return Run::kGoesOn;
 }
 
 static void ReportMissingParties(const ZepCommand& command, const Parties& parties)
@@ -118,14 +114,13 @@ static void ReportMissingParties(const ZepCommand& command, const Parties& parti
     }
 }
 
-// Calls the target under the clients lock, gives the lock back and posts the state that the target chose. False, with
-// the lock still held, when the target has no callback.
-static bool HandToTarget(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, const Parties& parties)
+static ClientAnswer CallTarget(const ZepCommand& command, const Parties& parties)
 {
+    ClientAnswer answer = {};
     const ZEP_NOTIFIER_CLIENT_CONTEXT& target = *parties.target;
     if (target.ActionCallbackTable.CommandCallback == nullptr) {
         Report<Site::kNotifyCommandsNoCallback>(command.TargetGuid, STATUS_SUCCESS);  // On purpose: status 0
-        return false;
+        return answer;
     }
 
     const ZepCommandInfo info = {
@@ -137,43 +132,33 @@ static bool HandToTarget(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCo
     const ULONG before = ReadULongNoFence(&target.CurrentState);
     ULONG wanted = before;
     (void)target.ActionCallbackTable.CommandCallback(target.CallbackContext, command.CommandId, &info, &wanted);
-    WdfWaitLockRelease(context.wdfWaitLockClientsCollection);
-
-    if (wanted != before) {
-        const ZepState state = {
-            .Size = sizeof(ZepState), .InterfaceGUID = command.TargetGuid, .State = wanted, .Reserved = 0};
-        const NTSTATUS status = Notifier_HelperSendState(&state);
-        if (!NT_SUCCESS(status)) {
-            Report<Site::kNotifyCommandsPost>(status);
-        }
-    }
-    return true;
+    answer.isNew = wanted != before;
+    answer.state = {.Size = sizeof(ZepState), .InterfaceGUID = command.TargetGuid, .State = wanted, .Reserved = 0};
+    return answer;
 }
 
-enum class Delivery : UCHAR { kDelivered, kEnds, kPartyMissing };
-
-// One pass with the clients lock held; it is given back only when the command was delivered.
-static Delivery DeliverCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Parties& parties)
+// Hands the oldest command to its target, under the clients lock. The run goes on only when a party is missing.
+static Run DeliverCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Parties& parties, ClientAnswer& answer)
 {
     ZepCommand command;
     WDFOBJECT object;
-    if (!TakeCommand(context, command, object)) {
-        return Delivery::kEnds;
+    if (TakeCommand(context, command, object) == Run::kEnds) {
+        return Run::kEnds;
     }
 
-    Delivery delivery = Delivery::kEnds;
-    if (FindParties(context, command, parties)) {
+    Run run = FindParties(context, command, parties);
+    if (run == Run::kGoesOn) {
         if (parties.sender == nullptr || parties.target == nullptr) {
             ReportMissingParties(command, parties);
             WdfObjectDelete(object);
-            delivery = Delivery::kPartyMissing;
-        } else if (HandToTarget(context, command, parties)) {
-            delivery = Delivery::kDelivered;
+        } else {
+            // On purpose: a command whose parties are both known, delivered or not, stays with its sender, undeleted.
+            answer = CallTarget(command, parties);
+            run = Run::kEnds;
         }
     }
-    // On purpose: a command that was delivered, or dropped with both parties known, stays with its sender, undeleted.
     WdfObjectDereference(object);
-    return delivery;
+    return run;
 }
 
 NTSTATUS Notifier_HelperSendCommand(const ZepCommand* command)
@@ -220,7 +205,8 @@ void NotifierEvtWorkItemNotifyCommands(WDFWORKITEM)
 
     // On purpose: one command a run; and the parties are found once for the run, not anew for each pass.
     Parties parties = {.sender = nullptr, .target = nullptr};
-    Delivery delivery;
+    ClientAnswer answer = {};
+    Run run;
     do {
         status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
         if (status != STATUS_SUCCESS) {
@@ -229,13 +215,18 @@ void NotifierEvtWorkItemNotifyCommands(WDFWORKITEM)
             WdfWaitLockRelease(context->wdfWaitLockNotifyCommandsWorkItem);
             return;
         }
-        delivery = DeliverCommand(*context, parties);
+        run = DeliverCommand(*context, parties, answer);
         // On purpose: with a party missing the next pass waits for the clients lock that this thread holds. A client
-        // that leaves with commands under way, or commands itself, stops command delivery for good.
-    } while (delivery == Delivery::kPartyMissing);
+        // that is removed with commands under way, or commands itself, stops command delivery for good.
+    } while (run == Run::kGoesOn);
+    WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
 
-    if (delivery == Delivery::kEnds) {
-        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
+    // Posting takes the clients lock itself.
+    if (answer.isNew) {
+        status = Notifier_HelperSendState(&answer.state);
+        if (!NT_SUCCESS(status)) {
+            Report<Site::kNotifyCommandsPost>(status);
+        }
     }
     WdfWaitLockRelease(context->wdfWaitLockNotifyCommandsWorkItem);
 }

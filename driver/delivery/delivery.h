@@ -1,4 +1,4 @@
-// The queued records of delivery.
+// The queued records of delivery, and how their work items end.
 #pragma once
 
 #include <ntddk.h>
@@ -22,3 +22,6 @@ struct ZEP_NOTIFIER_COMMAND_CONTEXT {
 static_assert(sizeof(ZEP_NOTIFIER_COMMAND_CONTEXT) == 48);
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_COMMAND_CONTEXT, GetCommandContext)
+
+// Whether a run of a work item goes on after one of its steps.
+enum class Run : UCHAR { kGoesOn, kEnds };

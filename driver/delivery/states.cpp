@@ -10,8 +10,7 @@
 #include "driver/context/operations.h"
 #include "driver/registry/client.h"
 
-// Whether the run goes on. Every failure but a refused follow-up ends it.
-enum class Run : UCHAR { kGoesOn, kEnds };
+// Every failure but a refused follow-up ends the run.
 
 // Takes the oldest state off its queue. The object carries a reference of the driver's own from before the removal: its
 // client may have gone meanwhile, and with it the object's only other reference.
@@ -96,14 +95,11 @@ static Run DeliverToClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
     const WDFCOLLECTION registrations = subscriber.wdfCollectionStateRegistrations;
     const ULONG count = WdfCollectionGetCount(registrations);
     for (ULONG index = 0; index < count; ++index) {
-        const WDFOBJECT item = WdfCollectionGetItem(registrations, index);
-        if (item == nullptr) {
-            Report<Site::kNotifyStatesRegistrationItem>(index, registrations, count);
-            return Run::kEnds;
-        }
-        const ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* registration = GetStateNotificationContext(item);
+        WDFOBJECT item;
+        const ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* registration =
+            RegistrationAt<Site::kNotifyStatesRegistrationItem, Site::kNotifyStatesRegistration>(registrations, index,
+                                                                                                 count, item);
         if (registration == nullptr) {
-            Report<Site::kNotifyStatesRegistration>(item);
             return Run::kEnds;
         }
         const ZepState filter = registration->StateFilter;
@@ -132,14 +128,10 @@ static Run DeliverState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepSta
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
-        const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
-        if (item == nullptr) {
-            Report<Site::kNotifyStatesClientItem>(index, context.wdfCollectionZepClients, count);
-            return Run::kEnds;
-        }
-        ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(item);
+        WDFOBJECT item;
+        ZEP_NOTIFIER_CLIENT_CONTEXT* client = ClientAt<Site::kNotifyStatesClientItem, Site::kNotifyStatesClient>(
+            context.wdfCollectionZepClients, index, count, item);
         if (client == nullptr) {
-            Report<Site::kNotifyStatesClient>(item);
             return Run::kEnds;
         }
         if (GuidsEqual(client->InterfaceGUID, state.InterfaceGUID)) {

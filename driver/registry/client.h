@@ -6,6 +6,7 @@
 #include <wdf.h>
 
 #include "driver/include/zepn_notifier.h"
+#include "driver/trace/report.h"
 
 inline constexpr ULONG kDataEntriesTag = 'aftn';  // "ntfa" in memory
 
@@ -45,3 +46,54 @@ struct ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT {
 static_assert(sizeof(ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT) == 56);
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT, GetStateNotificationContext)
+
+// What a client that was called back wants to be posted for it: nothing unless the state is new.
+struct ClientAnswer {
+    bool isNew;
+    ZepState state;
+};
+
+// The typed context of the item at an index of a collection, and the item: null when the item or its context is missing,
+// which has then been reported. The caller holds the clients lock and has read the count under it. The collection is a
+// reference so that no register is spent on it between the look-up and a report.
+template <Site kNoItem, Site kNoContext, auto kGetContext>
+[[nodiscard]] FORCEINLINE auto ContextAt(const WDFCOLLECTION& collection, ULONG index, ULONG count, WDFOBJECT& item)
+{
+    item = WdfCollectionGetItem(collection, index);
+    if (item == nullptr) {
+        Report<kNoItem>(index, collection, count);
+        return decltype(kGetContext(item)){};
+    }
+    const auto context = kGetContext(item);
+    if (context == nullptr) {
+        Report<kNoContext>(item);
+    }
+    return context;
+}
+
+template <Site kNoItem, Site kNoContext>
+[[nodiscard]] FORCEINLINE ZEP_NOTIFIER_CLIENT_CONTEXT* ClientAt(const WDFCOLLECTION& clients, ULONG index, ULONG count,
+                                                                WDFOBJECT& item)
+{
+    return ContextAt<kNoItem, kNoContext, GetClientContext>(clients, index, count, item);
+}
+
+template <Site kNoItem, Site kNoContext>
+[[nodiscard]] FORCEINLINE ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT*
+RegistrationAt(const WDFCOLLECTION& registrations, ULONG index, ULONG count, WDFOBJECT& item)
+{
+    return ContextAt<kNoItem, kNoContext, GetStateNotificationContext>(registrations, index, count, item);
+}
+
+// Copies a text into a record's field: cut silently, always terminated; the bytes after the terminator keep what they
+// held.
+template <ULONG kSize>
+void CopyText(CHAR (&destination)[kSize], const CHAR* source)
+{
+    ULONG length = 0;
+    while (length < kSize - 1 && source[length] != '\0') {
+        destination[length] = source[length];
+        ++length;
+    }
+    destination[length] = '\0';
+}

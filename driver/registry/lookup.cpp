@@ -10,14 +10,10 @@ static ZEP_NOTIFIER_CLIENT_CONTEXT* FindClient(const ZEP_NOTIFIER_DRIVER_CONTEXT
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
-        const WDFOBJECT item = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
-        if (item == nullptr) {
-            Report<kNoItem>(index, context.wdfCollectionZepClients, count);
-            return nullptr;
-        }
-        ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(item);
+        WDFOBJECT item;
+        ZEP_NOTIFIER_CLIENT_CONTEXT* client =
+            ClientAt<kNoItem, kNoClient>(context.wdfCollectionZepClients, index, count, item);
         if (client == nullptr) {
-            Report<kNoClient>(item);
             return nullptr;
         }
         if (GuidsEqual(client->InterfaceGUID, guid)) {
@@ -67,14 +63,11 @@ ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* _getStateNotificationContextByZepState_
     Report<Site::kFindRegistrationEntered>();
     const ULONG count = WdfCollectionGetCount(Registrations);
     for (ULONG index = 0; index < count; ++index) {
-        const WDFOBJECT item = WdfCollectionGetItem(Registrations, index);
-        if (item == nullptr) {
-            Report<Site::kFindRegistrationItem>(index, Registrations, count);
-            return nullptr;
-        }
-        ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* registration = GetStateNotificationContext(item);
+        WDFOBJECT item;
+        ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* registration =
+            RegistrationAt<Site::kFindRegistrationItem, Site::kFindRegistrationContext>(Registrations, index, count,
+                                                                                        item);
         if (registration == nullptr) {
-            Report<Site::kFindRegistrationContext>(item);
             return nullptr;
         }
         if (GuidsEqual(registration->StateFilter.InterfaceGUID, Key->InterfaceGUID) &&

@@ -7,18 +7,6 @@
 #include "driver/context/driver_context.h"
 #include "driver/context/operations.h"
 
-// Cuts silently; always terminates.
-template <ULONG kSize>
-static void CopyText(CHAR (&destination)[kSize], const CHAR* source)
-{
-    ULONG length = 0;
-    while (length < kSize - 1 && source[length] != '\0') {
-        destination[length] = source[length];
-        ++length;
-    }
-    destination[length] = '\0';
-}
-
 // On purpose: every entry is copied, but the count is recorded modulo 256.
 static NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEntry* entries, ULONG entryCount)
 {
@@ -39,19 +27,13 @@ static NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEn
     return STATUS_SUCCESS;
 }
 
-static void FreeEntries(ZepDataEntry* entries)
+// Deletes a client that was not added; its registrations collection, if it has one, is left to the driver object. Returns
+// the entries, which the caller frees: they do not go with the context.
+[[nodiscard]] static ZepDataEntry* DeleteClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
-    if (entries != nullptr) {
-        ExFreePoolWithTag(entries, kDataEntriesTag);
-    }
-}
-
-// Deletes a client that was not added. Its registrations collection, if it has one, is left to the driver object.
-static void Discard(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
-{
-    ZepDataEntry* entries = client.DataEntries;  // the context goes with the object
+    ZepDataEntry* entries = client.DataEntries;
     WdfObjectDelete(clientObject);
-    FreeEntries(entries);
+    return entries;
 }
 
 // On purpose: from here on a failure leaves the registrations collection to its parent, the driver object.
@@ -60,16 +42,15 @@ static NTSTATUS AddClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONT
     const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
         DriverContextOrReport<Site::kInitNoDriver, Site::kInitNoContext>(STATUS_ZEP_NOTIFIER_NO_DRIVER);
     if (context == nullptr) {
-        Discard(clientObject, client);
+        FreeEntries(DeleteClient(clientObject, client));
         return STATUS_ZEP_NOTIFIER_NO_DRIVER;
     }
 
     NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
     if (status != STATUS_SUCCESS) {
         Report<Site::kInitLock>(status);
-        ZepDataEntry* entries = client.DataEntries;
-        WdfObjectDelete(clientObject);
-        // On purpose: by the sign: a lock that answers with another success keeps the entries allocated.
+        ZepDataEntry* entries = DeleteClient(clientObject, client);
+        // On purpose: only for an error: a lock that returns another success leaves the entries allocated.
         if (!NT_SUCCESS(status)) {
             FreeEntries(entries);
         }
@@ -79,8 +60,7 @@ static NTSTATUS AddClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONT
     status = WdfCollectionAdd(context->wdfCollectionZepClients, clientObject);
     if (!NT_SUCCESS(status)) {
         Report<Site::kInitAdd>(status);
-        ZepDataEntry* entries = client.DataEntries;
-        WdfObjectDelete(clientObject);
+        ZepDataEntry* entries = DeleteClient(clientObject, client);
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
         FreeEntries(entries);
         return status;
@@ -88,6 +68,13 @@ static NTSTATUS AddClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONT
 
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
     return STATUS_SUCCESS;
+}
+
+void FreeEntries(ZepDataEntry* entries)
+{
+    if (entries != nullptr) {
+        ExFreePoolWithTag(entries, kDataEntriesTag);
+    }
 }
 
 NTSTATUS Notifier_HelperInit(const GUID* interfaceGuid, const CHAR* name, const CHAR* description,
@@ -101,7 +88,7 @@ NTSTATUS Notifier_HelperInit(const GUID* interfaceGuid, const CHAR* name, const 
     if (_getClientContextByGUID(interfaceGuid, nullptr) != nullptr) {
         return ReportFailure<Site::kInitAlreadyRegistered>(*interfaceGuid, STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
     }
-    // On purpose: behind the look-up: a taken GUID is refused even with a null table.
+    // On purpose: after the look-up: a taken GUID is refused even with a null table.
     if (callbacks == nullptr) {
         return ReportFailure<Site::kInitTableNull>(STATUS_INVALID_PARAMETER);
     }
@@ -143,7 +130,7 @@ NTSTATUS Notifier_HelperInit(const GUID* interfaceGuid, const CHAR* name, const 
     status = WdfCollectionCreate(WDF_NO_OBJECT_ATTRIBUTES, &client->wdfCollectionStateRegistrations);
     if (!NT_SUCCESS(status)) {
         Report<Site::kInitRegistrations>(status);
-        Discard(clientObject, *client);
+        FreeEntries(DeleteClient(clientObject, *client));
         return status;
     }
 

@@ -1,4 +1,4 @@
-// The look-ups of the client registry.
+// The look-ups of the client registry, and what registration and removal share.
 #pragma once
 
 #include "driver/registry/client.h"
@@ -19,3 +19,6 @@
 [[nodiscard]] ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT*
 _getStateNotificationContextByZepState_unsafe(const ZepState* Key, WDFCOLLECTION Registrations,
                                               WDFOBJECT* RegistrationObject);
+
+// Frees a client's copy of its data entries, if it has one.
+void FreeEntries(ZepDataEntry* entries);

@@ -7,18 +7,10 @@
 #include "driver/context/driver_context.h"
 #include "driver/context/operations.h"
 
-static void FreeEntries(const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
-{
-    // On purpose: not cleared: the context goes at once, and nobody reads the field in the copy.
-    if (client.DataEntries != nullptr) {
-        ExFreePoolWithTag(client.DataEntries, kDataEntriesTag);
-    }
-}
-
-// On purpose: a client that leaves is taken off the announcement queue, where it stands as often as it posted before
+// On purpose: a client that is removed is taken off the announcement queue, where it stands as often as it posted before
 // the announcing run. The queue's references would keep its object alive, and the run would announce a client that has
 // gone, with entries that are freed.
-static void LeaveAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
+static void RemoveFromAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
 {
     for (ULONG index = WdfCollectionGetCount(context.wdfCollectionWpcdClientAddQueue); index > 0; --index) {
         if (WdfCollectionGetItem(context.wdfCollectionWpcdClientAddQueue, index - 1) == clientObject) {
@@ -82,14 +74,9 @@ static NTSTATUS FindLeaving(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GU
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {
-        clientObject = WdfCollectionGetItem(context.wdfCollectionZepClients, index);
-        if (clientObject == nullptr) {
-            Report<Site::kDeinitItem>(index, context.wdfCollectionZepClients, count);
-            return STATUS_IO_DEVICE_ERROR;
-        }
-        client = GetClientContext(clientObject);
+        client = ClientAt<Site::kDeinitItem, Site::kDeinitClient>(context.wdfCollectionZepClients, index, count,
+                                                                  clientObject);
         if (client == nullptr) {
-            Report<Site::kDeinitClient>(clientObject);
             return STATUS_IO_DEVICE_ERROR;
         }
         if (GuidsEqual(client->InterfaceGUID, guid)) {
@@ -124,9 +111,10 @@ NTSTATUS Notifier_HelperClientDeinit(const GUID* interfaceGuid)
     }
     Report<Site::kDeinitFound>(interfaceGuid->Data1);
 
-    FreeEntries(*client);
+    // On purpose: the field is not cleared: the context is deleted at once, and nobody reads the field in the copy.
+    FreeEntries(client->DataEntries);
     WdfCollectionRemove(context->wdfCollectionZepClients, clientObject);
-    LeaveAddQueue(*context, clientObject);
+    RemoveFromAddQueue(*context, clientObject);
 
     if (ReadULongNoFence(&client->AddedToWpcd) != 0) {
         status = QueueWithdrawal(*context, *client);
@@ -175,7 +163,7 @@ NTSTATUS NotifierClientCleanup(void)
             Report<Site::kCleanupClient>(clientObject);
             break;
         }
-        FreeEntries(*client);
+        FreeEntries(client->DataEntries);
         WdfCollectionRemove(context->wdfCollectionZepClients, clientObject);
         (void)DrainRegistrations<Site::kCleanupDrain>(client->wdfCollectionStateRegistrations);
         WdfObjectDelete(client->wdfCollectionStateRegistrations);

@@ -40,9 +40,9 @@ static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_C
     return STATUS_SUCCESS;
 }
 
-// Notifies the subscriber of the state that the watched client is in already. True when the answer is a new state.
-static bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const GUID& targetGuid,
-                                ULONG targetState, PZEP_STATE_NOTIFICATION_CALLBACK callback, ULONG& response)
+// Notifies the subscriber of the state that the watched client is in already.
+static ClientAnswer DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const GUID& targetGuid,
+                                        ULONG targetState, PZEP_STATE_NOTIFICATION_CALLBACK callback)
 {
     const ZepState current = {
         .Size = sizeof(ZepState),
@@ -50,10 +50,64 @@ static bool DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, c
         .State = targetState,
         .Reserved = 0,
     };
-    response = ReadULongNoFence(&subscriber.CurrentState);
+    ULONG response = ReadULongNoFence(&subscriber.CurrentState);
     (void)callback(subscriber.CallbackContext, &current, &response);
     // On purpose: read anew. A post meanwhile makes an answer of the state before it.
-    return response != ReadULongNoFence(&subscriber.CurrentState);
+    return {.isNew = response != ReadULongNoFence(&subscriber.CurrentState),
+            .state = {
+                .Size = sizeof(ZepState),
+                .InterfaceGUID = subscriber.InterfaceGUID,
+                .State = response,
+                .Reserved = 0,
+            }};
+}
+
+// The part of the operation that runs under the clients lock.
+static NTSTATUS Subscribe(const GUID& subscriberGuid, const ZepState& filter, PZEP_STATE_NOTIFICATION_CALLBACK callback,
+                          ClientAnswer& answer)
+{
+    WDFOBJECT subscriberObject = nullptr;
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(&subscriberGuid, &subscriberObject);
+    if (subscriber == nullptr) {
+        return ReportFailure<Site::kRegisterNoSubscriber>(subscriberGuid, STATUS_ZEP_NOTIFIER_NO_DRIVER);
+    }
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* target = _getClientContextByGUID_unsafe(&filter.InterfaceGUID, nullptr);
+    if (target == nullptr) {
+        Report<Site::kRegisterNoTarget>(subscriberGuid, STATUS_SUCCESS);
+    }
+
+    const NTSTATUS status = AddRegistration(subscriberObject, *subscriber, subscriberGuid, filter, callback);
+    if (status != STATUS_SUCCESS) {
+        return status;
+    }
+    if (target == nullptr) {
+        return STATUS_SUCCESS;
+    }
+    // Read once: a post may change it at any time, and the subscriber must get the state that was compared.
+    const ULONG targetState = ReadULongNoFence(&target->CurrentState);
+    if (targetState == filter.State || filter.State == ZEP_STATE_ANY) {
+        answer = DeliverCurrentState(*subscriber, target->InterfaceGUID, targetState, callback);
+    }
+    return STATUS_SUCCESS;
+}
+
+// Ends the oldest subscription to the filter's client and state, under the clients lock.
+static NTSTATUS Unsubscribe(const GUID& subscriberGuid, const ZepState& filter)
+{
+    const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(&subscriberGuid, nullptr);
+    if (subscriber == nullptr) {
+        return ReportFailure<Site::kDeregisterNoSubscriber>(subscriberGuid, STATUS_ZEP_NOTIFIER_NO_DRIVER);
+    }
+    WDFOBJECT registrationObject = nullptr;
+    const WDFCOLLECTION registrations = subscriber->wdfCollectionStateRegistrations;
+    if (_getStateNotificationContextByZepState_unsafe(&filter, registrations, &registrationObject) != nullptr) {
+        // A collection keeps a deleted object: out of it first.
+        WdfCollectionRemove(registrations, registrationObject);
+        WdfObjectDelete(registrationObject);
+    } else {
+        Report<Site::kDeregisterNotFound>();
+    }
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS Notifier_HelperRegisterForStateNotification(const GUID* interfaceGuid, const ZepState* state,
@@ -73,50 +127,16 @@ NTSTATUS Notifier_HelperRegisterForStateNotification(const GUID* interfaceGuid, 
         return ReportFailure<Site::kRegisterLock>(status);
     }
 
-    WDFOBJECT subscriberObject = nullptr;
-    const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(interfaceGuid, &subscriberObject);
-    if (subscriber == nullptr) {
-        Report<Site::kRegisterNoSubscriber>(*interfaceGuid, STATUS_ZEP_NOTIFIER_NO_DRIVER);
-        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-        return STATUS_ZEP_NOTIFIER_NO_DRIVER;
-    }
-    const ZEP_NOTIFIER_CLIENT_CONTEXT* target = _getClientContextByGUID_unsafe(&state->InterfaceGUID, nullptr);
-    if (target == nullptr) {
-        Report<Site::kRegisterNoTarget>(*interfaceGuid, STATUS_SUCCESS);
-    }
-
-    status = AddRegistration(subscriberObject, *subscriber, *interfaceGuid, *state, callback);
-    if (status != STATUS_SUCCESS) {
-        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-        return status;
-    }
-    if (target == nullptr) {
-        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-        return STATUS_SUCCESS;
-    }
-    // Read once: a post may change it at any time, and the subscriber must get the state that was compared.
-    const ULONG targetState = ReadULongNoFence(&target->CurrentState);
-    if (targetState != state->State && state->State != ZEP_STATE_ANY) {
-        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-        return STATUS_SUCCESS;
-    }
-
-    ULONG response;
-    if (!DeliverCurrentState(*subscriber, target->InterfaceGUID, targetState, callback, response)) {
-        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-        return STATUS_SUCCESS;
-    }
-    const ZepState answer = {
-        .Size = sizeof(ZepState),
-        .InterfaceGUID = subscriber->InterfaceGUID,
-        .State = response,
-        .Reserved = 0,
-    };
-    // Posting takes the clients lock itself.
+    ClientAnswer answer = {};
+    status = Subscribe(*interfaceGuid, *state, callback, answer);
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-    status = Notifier_HelperSendState(&answer);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kRegisterPost>(status);
+
+    // Posting takes the clients lock itself.
+    if (answer.isNew) {
+        status = Notifier_HelperSendState(&answer.state);
+        if (!NT_SUCCESS(status)) {
+            Report<Site::kRegisterPost>(status);
+        }
     }
     return status;
 }
@@ -132,27 +152,11 @@ NTSTATUS Notifier_HelperDeregisterForStateNotification(const GUID* interfaceGuid
     if (context == nullptr) {
         return STATUS_IO_DEVICE_ERROR;
     }
-    const NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
+    NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
     if (status != STATUS_SUCCESS) {
         return ReportFailure<Site::kDeregisterLock>(status);
     }
-
-    const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(interfaceGuid, nullptr);
-    if (subscriber == nullptr) {
-        Report<Site::kDeregisterNoSubscriber>(*interfaceGuid, STATUS_ZEP_NOTIFIER_NO_DRIVER);
-        WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-        return STATUS_ZEP_NOTIFIER_NO_DRIVER;
-    }
-
-    WDFOBJECT registrationObject = nullptr;
-    const WDFCOLLECTION registrations = subscriber->wdfCollectionStateRegistrations;
-    if (_getStateNotificationContextByZepState_unsafe(state, registrations, &registrationObject) != nullptr) {
-        // A collection keeps a deleted object: out of it first.
-        WdfCollectionRemove(registrations, registrationObject);
-        WdfObjectDelete(registrationObject);
-    } else {
-        Report<Site::kDeregisterNotFound>();
-    }
+    status = Unsubscribe(*interfaceGuid, *state);
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-    return STATUS_SUCCESS;
+    return status;
 }
