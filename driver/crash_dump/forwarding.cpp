@@ -40,97 +40,81 @@ static NTSTATUS GetContext(PVOID dumpHandle, ZEP_NOTIFIER_DRIVER_CONTEXT** drive
     return STATUS_SUCCESS;
 }
 
+// The reporting sites of one forwarder. What it traces of a call that succeeded differs, so that is its caller's.
+struct ForwarderSites {
+    Site entered;
+    Site noContext;
+    Site failed;
+    Site exited;
+};
+
+// Passes a call on to one of the crash-dump driver's callbacks.
+template <ForwarderSites kSites, auto kCallback, class ReportDone, class... Arguments>
+static NTSTATUS Forward(ReportDone reportDone, PVOID dumpHandle, Arguments... arguments)
+{
+    Report<kSites.entered>();
+    ZEP_NOTIFIER_DRIVER_CONTEXT* driverContext;
+    ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT* wpcdClientContext;
+    NTSTATUS status = GetContext(dumpHandle, &driverContext, &wpcdClientContext);
+    if (!NT_SUCCESS(status)) {
+        return ReportFailure<kSites.noContext>(status);
+    }
+    status = (wpcdClientContext->*kCallback)(dumpHandle, arguments...);
+    if (!NT_SUCCESS(status)) {
+        Report<kSites.failed>(status);
+    } else {
+        reportDone();
+    }
+    Report<kSites.exited>();
+    return status;
+}
+
 NTSTATUS Notifier_HelperStartDump(PVOID dumpHandle, ULONGLONG value1, ULONGLONG value2)
 {
-    Report<Site::kStartDumpEntered>();
-    ZEP_NOTIFIER_DRIVER_CONTEXT* driverContext;
-    ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT* pWpcdClientContext;
-    NTSTATUS status = GetContext(dumpHandle, &driverContext, &pWpcdClientContext);
-    if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kStartDumpNoContext>(status);
-    }
-    status = pWpcdClientContext->ZepDumpStart(dumpHandle, value1, value2);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kStartDumpFailed>(status);
-    } else {
-        Report<Site::kStartDumpDone>(dumpHandle);
-    }
-    Report<Site::kStartDumpLeft>();
-    return status;
+    constexpr ForwarderSites kSites = {.entered = Site::kStartDumpEntered,
+                                       .noContext = Site::kStartDumpNoContext,
+                                       .failed = Site::kStartDumpFailed,
+                                       .exited = Site::kStartDumpExited};
+    return Forward<kSites, &ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT::ZepDumpStart>(
+        [=] { Report<Site::kStartDumpDone>(dumpHandle); }, dumpHandle, value1, value2);
 }
 
 NTSTATUS Notifier_HelperAddDumpData(PVOID dumpHandle, PVOID data, ULONGLONG value1, ULONG value2, ULONG value3)
 {
-    Report<Site::kAddDumpDataEntered>();
-    ZEP_NOTIFIER_DRIVER_CONTEXT* driverContext;
-    ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT* pWpcdClientContext;
-    NTSTATUS status = GetContext(dumpHandle, &driverContext, &pWpcdClientContext);
-    if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kAddDumpDataNoContext>(status);
-    }
-    status = pWpcdClientContext->ZepDumpAddDumpData(dumpHandle, data, value1, value2, value3);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kAddDumpDataFailed>(status);
-    } else {
-        Report<Site::kAddDumpDataDone>(dumpHandle, data);
-    }
-    Report<Site::kAddDumpDataLeft>();
-    return status;
+    constexpr ForwarderSites kSites = {.entered = Site::kAddDumpDataEntered,
+                                       .noContext = Site::kAddDumpDataNoContext,
+                                       .failed = Site::kAddDumpDataFailed,
+                                       .exited = Site::kAddDumpDataExited};
+    return Forward<kSites, &ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT::ZepDumpAddDumpData>(
+        [=] { Report<Site::kAddDumpDataDone>(dumpHandle, data); }, dumpHandle, data, value1, value2, value3);
 }
 
 NTSTATUS Notifier_HelperStopDump(PVOID dumpHandle, ULONGLONG value1)
 {
-    Report<Site::kStopDumpEntered>();
-    ZEP_NOTIFIER_DRIVER_CONTEXT* driverContext;
-    ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT* pWpcdClientContext;
-    NTSTATUS status = GetContext(dumpHandle, &driverContext, &pWpcdClientContext);
-    if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kStopDumpNoContext>(status);
-    }
-    status = pWpcdClientContext->ZepDumpStop(dumpHandle, value1);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kStopDumpFailed>(status);
-    } else {
-        Report<Site::kStopDumpDone>(dumpHandle);
-    }
-    Report<Site::kStopDumpLeft>();
-    return status;
+    constexpr ForwarderSites kSites = {.entered = Site::kStopDumpEntered,
+                                       .noContext = Site::kStopDumpNoContext,
+                                       .failed = Site::kStopDumpFailed,
+                                       .exited = Site::kStopDumpExited};
+    return Forward<kSites, &ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT::ZepDumpStop>(
+        [=] { Report<Site::kStopDumpDone>(dumpHandle); }, dumpHandle, value1);
 }
 
 NTSTATUS Notifier_HelperDumpQueryParam(PVOID dumpHandle, ULONG value1, ULONGLONG value2, ULONGLONG value3)
 {
-    Report<Site::kDumpQueryParamEntered>();
-    ZEP_NOTIFIER_DRIVER_CONTEXT* driverContext;
-    ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT* pWpcdClientContext;
-    NTSTATUS status = GetContext(dumpHandle, &driverContext, &pWpcdClientContext);
-    if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kDumpQueryParamNoContext>(status);
-    }
-    status = pWpcdClientContext->ZepDumpQueryParam(dumpHandle, value1, value2, value3);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kDumpQueryParamFailed>(status);
-    } else {
-        Report<Site::kDumpQueryParamDone>(dumpHandle);
-    }
-    Report<Site::kDumpQueryParamLeft>();
-    return status;
+    constexpr ForwarderSites kSites = {.entered = Site::kDumpQueryParamEntered,
+                                       .noContext = Site::kDumpQueryParamNoContext,
+                                       .failed = Site::kDumpQueryParamFailed,
+                                       .exited = Site::kDumpQueryParamExited};
+    return Forward<kSites, &ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT::ZepDumpQueryParam>(
+        [=] { Report<Site::kDumpQueryParamDone>(dumpHandle); }, dumpHandle, value1, value2, value3);
 }
 
 NTSTATUS Notifier_HelperDumpAddTriageData(PVOID dumpHandle, ULONGLONG value1, ULONG value2)
 {
-    Report<Site::kDumpAddTriageDataEntered>();
-    ZEP_NOTIFIER_DRIVER_CONTEXT* driverContext;
-    ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT* pWpcdClientContext;
-    NTSTATUS status = GetContext(dumpHandle, &driverContext, &pWpcdClientContext);
-    if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kDumpAddTriageDataNoContext>(status);
-    }
-    status = pWpcdClientContext->ZepDumpAddTriageData(dumpHandle, value1, value2);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kDumpAddTriageDataFailed>(status);
-    } else {
-        Report<Site::kDumpAddTriageDataDone>(dumpHandle, value2);
-    }
-    Report<Site::kDumpAddTriageDataLeft>();
-    return status;
+    constexpr ForwarderSites kSites = {.entered = Site::kDumpAddTriageDataEntered,
+                                       .noContext = Site::kDumpAddTriageDataNoContext,
+                                       .failed = Site::kDumpAddTriageDataFailed,
+                                       .exited = Site::kDumpAddTriageDataExited};
+    return Forward<kSites, &ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT::ZepDumpAddTriageData>(
+        [=] { Report<Site::kDumpAddTriageDataDone>(dumpHandle, value2); }, dumpHandle, value1, value2);
 }

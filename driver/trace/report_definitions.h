@@ -171,7 +171,7 @@ consteval ReportDefinition EnteredWithoutEvent(USHORT number, const char* functi
 
 consteval ReportDefinition Exited(USHORT number, const char* function)
 {
-    return {.function = function, .message = EntryMessage(number, "left")};
+    return {.function = function, .message = EntryMessage(number, "exited")};
 }
 
 // Entry of a callback that the framework or the system calls: its message, then its event if it has one, both with what
