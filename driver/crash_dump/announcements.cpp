@@ -11,6 +11,7 @@
 // Announcements are handed over in this one buffer. Runs may overlap; the clients lock keeps them apart.
 static ZEP_SUBSYSTEM_DESCRIPTOR g_AnnouncedDescriptor;
 
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void EmptyAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     while (WdfCollectionGetFirstItem(context.wdfCollectionWpcdClientAddQueue) != nullptr) {
@@ -18,6 +19,7 @@ static void EmptyAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
     }
 }
 
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT& wpcd,
                      ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
@@ -33,6 +35,7 @@ static void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIF
     WdfWaitLockRelease(context.wdfWaitLockGeneral);
 }
 
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void AnnounceQueued(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     const WDFOBJECT object = ReadPointerNoFence(&context.wdfObjectWpcdClient);

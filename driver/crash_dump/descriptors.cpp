@@ -10,6 +10,7 @@
 
 // Fills one record for each client. completed tells whether every client was described.
 // On purpose: a stop on a missing item is no failure.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG count,
                             ZEP_SUBSYSTEM_DESCRIPTOR* descriptors, bool& completed)
 {
@@ -36,6 +37,7 @@ static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG co
 
 // Counts the clients that are really there.
 // On purpose: a stop is a success that leaves the number at 0.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG& number)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);

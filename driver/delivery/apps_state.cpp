@@ -84,6 +84,7 @@ static NTSTATUS CollectAnswer(Answers& answers, const ZEP_NOTIFIER_CLIENT_CONTEX
 }
 
 // First phase, under the clients lock. No failure stops it. Takes and returns the status of the last framework call.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& answers, NTSTATUS status)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);

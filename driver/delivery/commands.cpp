@@ -47,6 +47,7 @@ static void QueueCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT s
 
 // Takes the oldest command off its queue, with a reference of the driver's own on its object: the sender may have been
 // removed, and with it the object's only other reference.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run TakeCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepCommand& command, WDFOBJECT& object)
 {
     const NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockCommandsCollection, nullptr);
@@ -85,6 +86,7 @@ struct Parties {
 
 // Looks for both at once and stops when both are known. On purpose a client that is the sender is not looked at as the
 // target: a command to oneself never finds its target.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run FindParties(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepCommand& command, Parties& parties)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
@@ -138,6 +140,7 @@ static ClientAnswer CallTarget(const ZepCommand& command, const Parties& parties
 }
 
 // Hands the oldest command to its target, under the clients lock. The run goes on only when a party is missing.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run DeliverCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Parties& parties, ClientAnswer& answer)
 {
     ZepCommand command;

@@ -13,6 +13,7 @@
 
 // The crash-dump driver learns a client's state only when the client is handed to it: a client that it does not have,
 // or got without a state, is queued (again). A failure leaves the state recorded but undelivered.
+_Requires_lock_not_held_(context.wdfWaitLockClientsCollection)
 static NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject,
                                   ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {

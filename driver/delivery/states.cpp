@@ -14,6 +14,7 @@
 
 // Takes the oldest state off its queue. The object carries a reference of the driver's own from before the removal: its
 // client may have gone meanwhile, and with it the object's only other reference.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run TakeState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepState& state, WDFOBJECT& object)
 {
     const NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockStatesCollection, nullptr);
@@ -44,6 +45,7 @@ static Run TakeState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepState& state
 
 // Queues the state that a subscriber answered with. It does not go through posting: the crash-dump driver is not told,
 // and on purpose the record's Size stays 0.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run QueueFollowUp(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscriberObject,
                          const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, ULONG state)
 {
@@ -89,6 +91,7 @@ static bool IsMatch(const ZepState& filter, const ZepState& state)
 }
 
 // Offers a state to every subscription of one client.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run DeliverToClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscriberObject,
                            ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const ZepState& state)
 {
@@ -124,6 +127,7 @@ static Run DeliverToClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
 }
 
 // Offers a state to every client but the one whose state it is.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run DeliverState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepState& state)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
@@ -144,6 +148,7 @@ static Run DeliverState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZepSta
     return Run::kGoesOn;
 }
 
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void DrainStates(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
 {
     for (;;) {

@@ -5,6 +5,7 @@
 
 // The walk that both client look-ups share; they differ in the lock and in the names they report under.
 template <Site kNoItem, Site kNoClient>
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static ZEP_NOTIFIER_CLIENT_CONTEXT* FindClient(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid,
                                                WDFOBJECT* clientObject)
 {

@@ -1,4 +1,4 @@
-// A client leaves: on its own call, or with all others when the device is cleaned up.
+// Removal of clients: on its own call, or with all others when the device is cleaned up.
 //
 // Both hold the clients lock for the whole removal, so no look-up, registration or subscription change comes between.
 // Only a client's own call tells the crash-dump driver; what it queued for others stays queued and is found orphaned.
@@ -10,6 +10,7 @@
 // On purpose: a client that is removed is taken off the announcement queue, where it stands as often as it posted before
 // the announcing run. The queue's references would keep its object alive, and the run would announce a client that has
 // gone, with entries that are freed.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void RemoveFromAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
 {
     for (ULONG index = WdfCollectionGetCount(context.wdfCollectionWpcdClientAddQueue); index > 0; --index) {
@@ -21,6 +22,7 @@ static void RemoveFromAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOB
 
 // Queues a copy of the client's context for the crash-dump driver. On a failure the client is gone all the same and the
 // crash-dump driver is not told.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static NTSTATUS QueueWithdrawal(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
@@ -68,8 +70,9 @@ static bool DrainRegistrations(WDFCOLLECTION registrations)
     return true;
 }
 
-// Finds the leaving client under the clients lock, which the caller holds and releases.
-static NTSTATUS FindLeaving(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid, WDFOBJECT& clientObject,
+// Finds the client to remove.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
+static NTSTATUS FindClientToRemove(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid, WDFOBJECT& clientObject,
                             ZEP_NOTIFIER_CLIENT_CONTEXT*& client)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
@@ -104,7 +107,7 @@ NTSTATUS Notifier_HelperClientDeinit(const GUID* interfaceGuid)
 
     WDFOBJECT clientObject = nullptr;
     ZEP_NOTIFIER_CLIENT_CONTEXT* client = nullptr;
-    status = FindLeaving(*context, *interfaceGuid, clientObject, client);
+    status = FindClientToRemove(*context, *interfaceGuid, clientObject, client);
     if (!NT_SUCCESS(status)) {
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
         return status;
