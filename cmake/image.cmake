@@ -29,20 +29,19 @@ foreach(machine ${ZEPN_MACHINES})
 endforeach()
 
 include(cmake/trace_gen.cmake)
-# What makes the driver's reports readable on Windows. By its path: CMake takes a target of a cross build for one that
-# cannot run here.
-add_custom_command(OUTPUT reports.res
-    COMMAND ${CMAKE_BINARY_DIR}/zepn-trace-gen --resources reports.res
+# The driver's resources: what makes its reports readable on Windows, and its version with the commit that it is built
+# from. The generator by its path: CMake takes a target of a cross build for one that cannot run here.
+add_custom_command(OUTPUT zepn_events.rc
+    COMMAND ${CMAKE_BINARY_DIR}/zepn-trace-gen --resources .
     DEPENDS zepn-trace-gen VERBATIM)
-# The version resource, with the commit that it is built from; rewritten when that changes.
 add_custom_target(version_stamp
     COMMAND ${CMAKE_SOURCE_DIR}/cmake/build_stamp.sh ${CMAKE_SOURCE_DIR}
-            ${CMAKE_SOURCE_DIR}/driver/package/version.rc.in version.rc
-    BYPRODUCTS version.rc VERBATIM)
-add_custom_command(OUTPUT version.res
-    COMMAND llvm-rc-19 /no-preprocess /FO version.res version.rc
-    DEPENDS version.rc VERBATIM)
-add_custom_target(resources DEPENDS reports.res version.res)
+            ${CMAKE_SOURCE_DIR}/driver/package/zepn_version.h.in zepn_version.h
+    BYPRODUCTS zepn_version.h VERBATIM)
+add_custom_command(OUTPUT zepn.res
+    COMMAND llvm-rc-19 /I . /FO zepn.res ${CMAKE_SOURCE_DIR}/driver/package/zepn.rc
+    DEPENDS zepn_events.rc zepn_version.h ${CMAKE_SOURCE_DIR}/driver/package/zepn.rc VERBATIM)
+add_custom_target(resources DEPENDS zepn.res)
 add_dependencies(resources version_stamp)
 
 # What decodes the reports elsewhere, and the pages about them: the host's tools and all tests read these.
@@ -95,7 +94,7 @@ function(zepn_add_image_for machine name)
         DEPENDS ${product}.sys ${product}.pdb ${product}.map VERBATIM)
 endfunction()
 
-set(zepn_RESOURCES reports.res version.res)
+set(zepn_RESOURCES zepn.res)
 zepn_add_image(zepn ${ZEPN_DRIVER_SOURCES})
 # What the benchmark compares the driver with.
 zepn_add_image(minimal bench/minimal_driver/minimal_driver.cpp)

@@ -2,7 +2,6 @@
 # the tests use its parts.
 add_library(trace_gen STATIC
     ${CMAKE_SOURCE_DIR}/tools/trace_gen/event_template.cpp
-    ${CMAKE_SOURCE_DIR}/tools/trace_gen/resources.cpp
     ${CMAKE_SOURCE_DIR}/tools/trace_gen/sha256.cpp)
 zepn_unite(trace_gen)
 if(ZEPN_IMAGES)

@@ -40,7 +40,7 @@ for file in zepn.ctl zepn.wprp; do
     fill "$source/driver/package/$file.in" | windows_lines > "$target/trace/$file"
 done
 mkdir -p "$target/wdk"
-fill "$source/driver/package/version.rc.in" > "$target/wdk/version.rc"
+fill "$source/driver/package/zepn_version.h.in" > "$target/wdk/zepn_version.h"
 fill "$source/driver/wdk/stamp.props.in" > "$target/wdk/stamp.props"
 "$source/driver/wdk/trace_formats.sh" "$source"/out/manifest/*.tmf > "$target/wdk/trace_formats.cpp"
 for script in install.ps1 uninstall.ps1; do

@@ -32,10 +32,10 @@ protected:
 
 TEST_F(Package, HoldsWhatItsReadmeListsAndNothingElse)
 {
-    std::set<std::string> expected = {"README.md",       "install.ps1",       "uninstall.ps1",
-                                      "probe/README.md", "probe/answers.txt", "include/zepn_notifier.h",
-                                      "trace/zepn.man",  "trace/zepn.ctl",    "trace/zepn.wprp",
-                                      "wdk/version.rc",  "wdk/stamp.props",   "wdk/trace_formats.cpp"};
+    std::set<std::string> expected = {"README.md",          "install.ps1",       "uninstall.ps1",
+                                      "probe/README.md",    "probe/answers.txt", "include/zepn_notifier.h",
+                                      "trace/zepn.man",     "trace/zepn.ctl",    "trace/zepn.wprp",
+                                      "wdk/zepn_version.h", "wdk/stamp.props",   "wdk/trace_formats.cpp"};
     for (const char* guid : {"4bef4337-d238-624d-32ce-8173a7a2272b", "75f8aa61-c96e-3558-5dc3-898aae90e8ed"}) {
         expected.insert("trace/" + std::string(guid) + ".tmf");
     }

@@ -1,8 +1,8 @@
 // Writes what decodes the driver's reports from the list of reports: the event manifest and one message-format file per
-// message set, or the resources that are linked into the image.
+// message set, or what the resource compiler takes.
 //
 //     zepn-trace-gen FOLDER [PAGES]
-//     zepn-trace-gen --resources FILE
+//     zepn-trace-gen --resources FOLDER
 //
 // PAGES, when given, receives reports.md, which docs/ holds too, reports.txt, one line for each report, and
 // identifiers.sed, the script that puts the provider's name and GUIDs in the package's templates.
@@ -10,7 +10,7 @@
 // Nothing is read; the list is compiled in. The files are the ones that ship, so nothing edits them by hand.
 #include "tools/trace_gen/guid_text.h"
 #include "tools/trace_gen/reports_page.h"
-#include "tools/trace_gen/resources.h"
+#include "tools/trace_gen/event_template.h"
 #include "tools/trace_gen/site_names.h"
 #include "driver/trace/identifiers.h"
 #include "driver/trace/report_list.h"
@@ -334,19 +334,33 @@ bool WriteFile(const std::filesystem::path& path, const Writer& writer)
     return true;
 }
 
+// What the message compiler of the WDK makes of the manifest, under the names that it would give.
+bool WriteResources(const std::filesystem::path& folder)
+{
+    constexpr const char* kMessages = "zepn_events_MSG00001.bin";
+    constexpr const char* kTemplate = "zepn_eventsTEMP.BIN";
+    const trace_gen::ProviderDescription provider = DescribeProvider();
+    const auto writeBytes = [&folder](const char* name, const trace_gen::Bytes& bytes) {
+        return WriteFile(folder / name, [&bytes](std::ostream& out) {
+            out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        });
+    };
+    return writeBytes(kMessages, trace_gen::MessageTable(provider)) &&
+           writeBytes(kTemplate, trace_gen::EventTemplate(provider)) &&
+           WriteFile(folder / "zepn_events.rc", [&](std::ostream& out) {
+               out << "LANGUAGE 0x9, 0x1\n1 WEVT_TEMPLATE \"" << kTemplate << "\"\n1 11 \"" << kMessages << "\"\n";
+           });
+}
+
 }  // namespace
 
 int main(int argumentCount, char** arguments)
 {
     if (argumentCount == 3 && std::string(arguments[1]) == "--resources") {
-        const trace_gen::Bytes bytes = trace_gen::ResourceFile(DescribeProvider());
-        const auto write = [&bytes](std::ostream& out) {
-            out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        };
-        return WriteFile(arguments[2], write) ? 0 : 1;
+        return WriteResources(arguments[2]) ? 0 : 1;
     }
     if (argumentCount != 2 && argumentCount != 3) {
-        std::cerr << "usage: zepn-trace-gen FOLDER [PAGES]\n       zepn-trace-gen --resources FILE\n";
+        std::cerr << "usage: zepn-trace-gen FOLDER [PAGES]\n       zepn-trace-gen --resources FOLDER\n";
         return 2;
     }
     const std::filesystem::path folder = arguments[1];
