@@ -1,5 +1,5 @@
-// Application state: every client is notified that the system leaves its working state, or that user mode asked, and the
-// states that clients choose in answer are posted.
+// Application state: every client is notified that the system leaves its working state, or that user mode asked, and
+// the states that clients choose in answer are posted.
 //
 // The broadcast has two phases because posting takes the clients lock: under it the answers are collected in a
 // temporary collection, without it they are posted. Nothing serialises two broadcasts beyond the first phase.

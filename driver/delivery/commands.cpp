@@ -5,6 +5,7 @@
 #include "driver/delivery/delivery.h"
 
 #include "driver/context/driver_context.h"
+#include "driver/context/object_creation.h"
 #include "driver/context/operations.h"
 #include "driver/registry/registry.h"
 
@@ -14,15 +15,10 @@ static void QueueCommand(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT s
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_COMMAND_CONTEXT);
     attributes.ParentObject = senderObject;
     WDFOBJECT object;
-    NTSTATUS status = WdfObjectCreate(&attributes, &object);
+    ZEP_NOTIFIER_COMMAND_CONTEXT* commandContext;
+    NTSTATUS status = CreateObject<Site::kSendCommandObject, Site::kSendCommandContext, GetCommandContext>(
+        attributes, object, commandContext);
     if (!NT_SUCCESS(status)) {
-        Report<Site::kSendCommandObject>(status);
-        return;
-    }
-    ZEP_NOTIFIER_COMMAND_CONTEXT* commandContext = GetCommandContext(object);
-    if (commandContext == nullptr) {
-        Report<Site::kSendCommandContext>(object, STATUS_IO_DEVICE_ERROR);
-        WdfObjectDelete(object);
         return;
     }
     commandContext->Command = command;

@@ -8,6 +8,7 @@
 #include "driver/delivery/delivery.h"
 
 #include "driver/context/driver_context.h"
+#include "driver/context/object_creation.h"
 #include "driver/context/operations.h"
 #include "driver/registry/registry.h"
 
@@ -42,15 +43,11 @@ static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_CONTEXT);
     attributes.ParentObject = clientObject;
     WDFOBJECT object;
-    NTSTATUS status = WdfObjectCreate(&attributes, &object);
+    ZEP_NOTIFIER_STATE_CONTEXT* stateContext;
+    NTSTATUS status = CreateObject<Site::kSendStateObject, Site::kSendStateContext, GetStateContext>(attributes, object,
+                                                                                                     stateContext);
     if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kSendStateObject>(status);
-    }
-    ZEP_NOTIFIER_STATE_CONTEXT* stateContext = GetStateContext(object);
-    if (stateContext == nullptr) {
-        Report<Site::kSendStateContext>(object, STATUS_IO_DEVICE_ERROR);
-        WdfObjectDelete(object);
-        return STATUS_IO_DEVICE_ERROR;
+        return status;
     }
     stateContext->State = state;
 

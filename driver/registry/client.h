@@ -53,9 +53,9 @@ struct ClientAnswer {
     ZepState state;
 };
 
-// The typed context of the item at an index of a collection, and the item: null when the item or its context is missing,
-// which has then been reported. The caller holds the clients lock and has read the count under it. The collection is a
-// reference so that no register is spent on it between the look-up and a report.
+// The typed context of the item at an index of a collection, and the item: null when the item or its context is
+// missing, which has then been reported. The caller holds the clients lock and has read the count under it. The
+// collection is a reference so that no register is spent on it between the look-up and a report.
 template <Site kNoItem, Site kNoContext, auto kGetContext>
 [[nodiscard]] FORCEINLINE auto ContextAt(const WDFCOLLECTION& collection, ULONG index, ULONG count, WDFOBJECT& item)
 {

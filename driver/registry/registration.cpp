@@ -5,6 +5,7 @@
 #include "driver/registry/registry.h"
 
 #include "driver/context/driver_context.h"
+#include "driver/context/object_creation.h"
 #include "driver/context/operations.h"
 
 // On purpose: every entry is copied, but the count is recorded modulo 256.
@@ -26,9 +27,8 @@ static NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEn
     client.DataEntryCount = static_cast<UCHAR>(entryCount);
     return STATUS_SUCCESS;
 }
-
-// Deletes a client that was not added; its registrations collection, if it has one, is left to the driver object. Returns
-// the entries, which the caller frees: they do not go with the context.
+//  Deletes a client that was not added; its registrations collection, if it has one, is left to the driver object.
+// Returns the entries, which the caller frees: they do not go with the context.
 [[nodiscard]] static ZepDataEntry* DeleteClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     ZepDataEntry* entries = client.DataEntries;
@@ -96,15 +96,11 @@ NTSTATUS Notifier_HelperInit(const GUID* interfaceGuid, const CHAR* name, const 
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_CLIENT_CONTEXT);
     WDFOBJECT clientObject;
-    NTSTATUS status = WdfObjectCreate(&attributes, &clientObject);
+    ZEP_NOTIFIER_CLIENT_CONTEXT* client;
+    NTSTATUS status =
+        CreateObject<Site::kInitObject, Site::kInitContext, GetClientContext>(attributes, clientObject, client);
     if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kInitObject>(status);
-    }
-    ZEP_NOTIFIER_CLIENT_CONTEXT* client = GetClientContext(clientObject);
-    if (client == nullptr) {
-        Report<Site::kInitContext>(clientObject, STATUS_IO_DEVICE_ERROR);
-        WdfObjectDelete(clientObject);
-        return STATUS_IO_DEVICE_ERROR;
+        return status;
     }
 
     client->InterfaceGUID = *interfaceGuid;

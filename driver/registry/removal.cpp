@@ -7,9 +7,9 @@
 #include "driver/context/driver_context.h"
 #include "driver/context/operations.h"
 
-// On purpose: a client that is removed is taken off the announcement queue, where it stands as often as it posted before
-// the announcing run. The queue's references would keep its object alive, and the run would announce a client that has
-// gone, with entries that are freed.
+// On purpose: a client that is removed is taken off the announcement queue, where it stands as often as it posted
+// before the announcing run. The queue's references would keep its object alive, and the run would announce a client
+// that has gone, with entries that are freed.
 _Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void RemoveFromAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
 {
@@ -72,8 +72,8 @@ static bool DrainRegistrations(WDFCOLLECTION registrations)
 
 // Finds the client to remove.
 _Requires_lock_held_(context.wdfWaitLockClientsCollection)
-static NTSTATUS FindClientToRemove(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid, WDFOBJECT& clientObject,
-                            ZEP_NOTIFIER_CLIENT_CONTEXT*& client)
+static NTSTATUS FindClientToRemove(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& guid,
+                                   WDFOBJECT& clientObject, ZEP_NOTIFIER_CLIENT_CONTEXT*& client)
 {
     const ULONG count = WdfCollectionGetCount(context.wdfCollectionZepClients);
     for (ULONG index = 0; index < count; ++index) {

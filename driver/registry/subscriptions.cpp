@@ -6,6 +6,7 @@
 #include "driver/registry/registry.h"
 
 #include "driver/context/driver_context.h"
+#include "driver/context/object_creation.h"
 #include "driver/context/operations.h"
 
 static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber,
@@ -16,15 +17,11 @@ static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_C
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT);
     attributes.ParentObject = subscriberObject;
     WDFOBJECT object;
-    NTSTATUS status = WdfObjectCreate(&attributes, &object);
+    ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* registration;
+    NTSTATUS status = CreateObject<Site::kRegisterObject, Site::kRegisterContext, GetStateNotificationContext>(
+        attributes, object, registration);
     if (!NT_SUCCESS(status)) {
-        return ReportFailure<Site::kRegisterObject>(status);
-    }
-    ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* registration = GetStateNotificationContext(object);
-    if (registration == nullptr) {
-        Report<Site::kRegisterContext>(object, STATUS_IO_DEVICE_ERROR);
-        WdfObjectDelete(object);
-        return STATUS_IO_DEVICE_ERROR;
+        return status;
     }
 
     registration->SubscriberGUID = subscriberGuid;

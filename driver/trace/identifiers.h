@@ -1,5 +1,5 @@
-// By what the system's tracing knows the driver. They stand only here: the generator writes them into the decoding files,
-// the pages and what fills the package's templates.
+// By what the system's tracing knows the driver. They stand only here: the generator writes them into the decoding
+// files, the pages and what fills the package's templates.
 #pragma once
 
 #include <ntddk.h>

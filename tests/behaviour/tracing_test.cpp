@@ -227,7 +227,8 @@ TEST_P(Reporting, MessagesSayWhoDidWhat)
                             "client 00000002 answers with state 8",
                             "command 77 (1234) from client 00000001 to client 00000002",
                             "client 00000001 wants state 5", "client 00000001 posted state 5", "ends with 0x00000000",
-                            "holding the transition for 250 ms", "client 00000001 deregisters", "client 00000002 deregisters"}));
+                            "holding the transition for 250 ms", "client 00000001 deregisters",
+                            "client 00000002 deregisters"}));
 }
 
 // Handles in messages of their own: the context that the power callback was registered with, device and file object.
