@@ -25,7 +25,7 @@ static void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIF
 {
     DescribeClient(client, g_AnnouncedDescriptor);
     const NTSTATUS status = wpcd.ZepClientAdd(&g_AnnouncedDescriptor);
-    // On purpose: any answer but 0 is a refusal, while the dump forwarders judge by the sign.
+    // On purpose: any answer but 0 is a refusal, while the dump forwarders test NT_SUCCESS.
     if (status != STATUS_SUCCESS) {
         Report<Site::kAnnounceRefused>(status);
         return;
@@ -62,7 +62,7 @@ static void AnnounceQueued(const ZEP_NOTIFIER_DRIVER_CONTEXT& context)
         } else {
             Announce(context, *wpcd, *client);
         }
-        // The client's context may go with the queue's reference: it is not touched behind this.
+        // The client's context may be freed with the queue's reference: it is not touched after this.
         WdfCollectionRemoveItem(context.wdfCollectionWpcdClientAddQueue, 0);
     }
 }
@@ -105,7 +105,7 @@ void NotifierEvtWorkItemWpcdClientRemove(WDFWORKITEM)
     }
     const WDFOBJECT wpcdObject = ReadPointerNoFence(&context->wdfObjectWpcdClient);
     if (wpcdObject == nullptr) {
-        // On purpose: nobody is told and nothing is reported.
+        // On purpose: nobody is notified and nothing is reported.
         WdfCollectionRemove(context->wdfCollectionWpcdClientRemoveQueue, entry);
         WdfObjectDelete(entry);
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);

@@ -1,5 +1,5 @@
-// Attaching and detaching the crash-dump driver: one object whose context holds its callbacks. Clients that came before
-// it are announced with their next state, unless an earlier one was told of them.
+// Attaching and detaching the crash-dump driver: one object whose context holds its callbacks. Clients that
+// registered before it are announced with their next state, unless an earlier one was notified of them.
 //
 // On purpose: attaching takes no lock, so the handle is visible before the callbacks are, and it accepts null
 // callbacks, which nobody tests later.

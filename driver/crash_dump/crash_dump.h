@@ -24,7 +24,7 @@ static_assert(sizeof(ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT) == 56);
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT, GetWpcdClientContext)
 
-// Fills a descriptor. Bytes behind the texts' ends and the padding keep what they held. The caller holds the clients
+// Fills a descriptor. Bytes after the texts' ends and the padding keep what they held. The caller holds the clients
 // lock.
 void DescribeClient(const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ZEP_SUBSYSTEM_DESCRIPTOR& descriptor);
 

@@ -8,7 +8,7 @@
 #include "driver/context/operations.h"
 #include "driver/registry/client.h"
 
-// Fills one record for each client. completed tells whether every client was described.
+// Fills one record for each client. completed: whether every client was described.
 // On purpose: a stop on a missing item is no failure.
 _Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG count,

@@ -1,10 +1,10 @@
-// The dump forwarders: a client's dump call goes straight through to the crash-dump driver.
+// The dump forwarders: a client's dump call is passed on to the crash-dump driver.
 //
 // No lock, the caller's thread and IRQL; everything touched here is resident. Arguments are passed on as they came;
-// only the first 32 bits behind a pointer are read, and only to trace a call that succeeded. The crash-dump driver must
-// not attach or detach while such calls can come. These sites have a set of trace messages of their own.
+// only the first 32 bits that a pointer points to are read, and only to trace a call that succeeded. The crash-dump
+// driver must not attach or detach while such calls can come. These sites have a set of trace messages of their own.
 //
-// On purpose: the answer is judged by its sign, while announcements take only 0. A call that does not reach the
+// On purpose: the answer is tested by NT_SUCCESS, while announcements take only 0. A call that does not reach the
 // crash-dump driver, for whatever reason, writes no exit trace.
 #include "driver/crash_dump/crash_dump.h"
 

@@ -47,8 +47,8 @@ static NTSTATUS CreateAnswers(Answers& answers)
     return status;
 }
 
-// On purpose: without a failure nothing is deleted; the objects stay until the driver object goes.
-static void LeaveAnswers(const Answers& answers)
+// On purpose: without a failure nothing is deleted; the objects stay until the driver object is deleted.
+static void ReleaseAnswers(const Answers& answers)
 {
     WdfObjectDereference(answers.collection);
     WdfObjectDereference(answers.parent);
@@ -110,7 +110,7 @@ static NTSTATUS AskClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, Answers& 
     return status;
 }
 
-// Second phase, without locks. A client that left before its post makes it fail; one that leaves during it is an
+// Second phase, without locks. The post of a client that has deregistered fails; one that deregisters meanwhile is an
 // accepted race. No failure stops it.
 static NTSTATUS PostAnswers(Answers& answers, NTSTATUS status)
 {
@@ -163,7 +163,7 @@ NTSTATUS Notifier_NotifyAppsState(ULONG)
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
     status = PostAnswers(answers, status);
 
-    LeaveAnswers(answers);
+    ReleaseAnswers(answers);
     Report<Site::kAppsStateDone>(status);
     return status;
 }

@@ -35,7 +35,7 @@ static NTSTATUS QueueAnnouncement(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WD
     return STATUS_SUCCESS;
 }
 
-// The client's context is not touched here: waiting for the lock gives the client time to leave.
+// The client's context is not touched here: while it waits for the lock the client may be removed.
 static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject, const ZepState& state,
                            ULONG currentState)
 {
@@ -58,7 +58,7 @@ static NTSTATUS QueueState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT
         return status;
     }
     status = WdfCollectionAdd(context.wdfCollectionZepStates, object);
-    if (status != STATUS_SUCCESS) {  // On purpose: any other status, while the add queue goes by the sign
+    if (status != STATUS_SUCCESS) {  // On purpose: any other status, while the add queue tests NT_SUCCESS
         Report<Site::kSendStateAdd>(status);
         WdfObjectDelete(object);
         WdfWaitLockRelease(context.wdfWaitLockStatesCollection);
@@ -94,8 +94,8 @@ NTSTATUS Notifier_HelperSendState(const ZepState* state)
     WriteULongNoFence(&client->CurrentState, state->State);
     WdfWaitLockRelease(context->wdfWaitLockGeneral);
 
-    // For the trace message, together with what is read anyway: a listener must not lengthen the use of a context that
-    // another thread may remove.
+    // For the trace message, together with what is read anyway: an enabled report must not lengthen the use of a
+    // context that another thread may remove.
     const ULONG currentState = ReadULongNoFence(&client->CurrentState);
     if (ReadULongNoFence(&client->AddedToWpcd) == 0 || ReadULongNoFence(&client->WpcdRefreshPending) != 0) {
         status = QueueAnnouncement(*context, clientObject, *client);

@@ -1,9 +1,9 @@
 // The state work item: drains the queued states, oldest first, and calls every matching subscription of every other
-// client, client by client in order of registration. This is the heart of the Notifier.
+// client, client by client in order of registration.
 //
 // A run holds its own lock and the clients lock from beginning to end, callbacks included, and the states lock only for
 // a moment around the queue; so the counts read at the start of each walk stay valid while posts go on. A subscriber's
-// answer is queued behind all others and delivered in the same run.
+// answer is queued after all others and delivered in the same run.
 #include "driver/delivery/delivery.h"
 
 #include "driver/context/driver_context.h"
@@ -13,7 +13,7 @@
 // Every failure but a refused follow-up ends the run.
 
 // Takes the oldest state off its queue. The object carries a reference of the driver's own from before the removal: its
-// client may have gone meanwhile, and with it the object's only other reference.
+// client may have been removed meanwhile, and with it the object's only other reference.
 _Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run TakeState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepState& state, WDFOBJECT& object)
 {
@@ -43,8 +43,8 @@ static Run TakeState(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ZepState& state
     return Run::kGoesOn;
 }
 
-// Queues the state that a subscriber answered with. It does not go through posting: the crash-dump driver is not told,
-// and on purpose the record's Size stays 0.
+// Queues the state that a subscriber answered with. It does not go through posting: the crash-dump driver is not
+// notified, and on purpose the record's Size stays 0.
 _Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static Run QueueFollowUp(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT subscriberObject,
                          const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, ULONG state)

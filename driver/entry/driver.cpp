@@ -1,4 +1,4 @@
-// Driver entry and unload: tracing comes before everything else and goes when everything of ours has gone.
+// Driver entry and unload: tracing is registered before everything else and unregistered after everything else.
 #include "driver/entry/driver_private.h"
 #include "driver/trace/trace.h"
 
@@ -38,7 +38,7 @@ void NotifierEvtDriverUnload(WDFDRIVER driver)
     if (context == nullptr) {
         Report<Site::kDriverUnloadNoContext>();
     } else {
-        // Unregistering waits for a running callback; only then may the object go.
+        // Unregistering waits for a running callback; only then may the object be dereferenced.
         if (context->PowerStateCallbackRegistration != nullptr) {
             Report<Site::kDriverUnloadUnregister>();
             ExUnregisterCallback(context->PowerStateCallbackRegistration);

@@ -1,5 +1,5 @@
 // Handles of the control device. On purpose: each open file object carries a client-type context that nobody fills or
-// reads; its only role is to be present, and it goes with the file object.
+// reads; its only role is to be present, and it is freed with the file object.
 #include "driver/context/driver_context.h"
 #include "driver/context/operations.h"
 #include "driver/registry/client.h"

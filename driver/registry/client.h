@@ -26,7 +26,7 @@ struct _ZEP_NOTIFIER_CLIENT_CONTEXT {
     ULONG AddedToWpcd;          // 1: the crash-dump driver has the client
     ULONG WpcdRefreshPending;   // 1: it was handed over without a state and is announced again with its next one
     ULONG CurrentState;         // 0: none yet
-    // Its own subscriptions; a child of the driver object, deleted when the client goes.
+    // Its own subscriptions; a child of the driver object, deleted when the client is removed.
     WDFCOLLECTION wdfCollectionStateRegistrations;
 };
 static_assert(offsetof(ZEP_NOTIFIER_CLIENT_CONTEXT, InterfaceGUID) == 0 &&

@@ -1,7 +1,7 @@
 // Removal of clients: on its own call, or with all others when the device is cleaned up.
 //
-// Both hold the clients lock for the whole removal, so no look-up, registration or subscription change comes between.
-// Only a client's own call tells the crash-dump driver; what it queued for others stays queued and is found orphaned.
+// Both hold the clients lock for the whole removal, so no look-up, registration or subscription change happens
+// meanwhile. Only a client's own call notifies the crash-dump driver. What the client queued for others stays queued.
 #include "driver/registry/registry.h"
 
 #include "driver/context/driver_context.h"
@@ -9,7 +9,7 @@
 
 // On purpose: a client that is removed is taken off the announcement queue, where it stands as often as it posted
 // before the announcing run. The queue's references would keep its object alive, and the run would announce a client
-// that has gone, with entries that are freed.
+// that is removed, with entries that are freed.
 _Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void RemoveFromAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOBJECT clientObject)
 {
@@ -20,8 +20,8 @@ static void RemoveFromAddQueue(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, WDFOB
     }
 }
 
-// Queues a copy of the client's context for the crash-dump driver. On a failure the client is gone all the same and the
-// crash-dump driver is not told.
+// Queues a copy of the client's context for the crash-dump driver. On a failure the client is removed all the same and
+// the crash-dump driver is not notified.
 _Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static NTSTATUS QueueWithdrawal(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {

@@ -1,8 +1,8 @@
-// The trace-message provider: its control block, the two registration routes, and one write per form of arguments.
+// The trace-message provider: its control block, the two ways to register it, and one write per form of arguments.
 //
 // Systems of today register through the classic-provider routine, which has no public declaration and is looked up by
-// name; the older route answers WMI requests instead. The control block's first field and the enable contexts are laid
-// out as the system expects them; the rest of the block is the driver's own.
+// name; older systems register through WMI, whose requests the driver answers. The control block's first field and the
+// enable contexts are laid out as the system expects them; the rest of the block is the driver's own.
 #include "driver/trace/identifiers.h"
 #include "driver/trace/report.h"
 #include "driver/trace/trace.h"
@@ -15,9 +15,10 @@ static_assert(kMessageFlags == 43);
 
 constexpr ULONG kFirstMajorWithClassicProviders = 6;
 
-// Actions of the legacy route: register as a trace provider, deregister; the device object is a callback block in both.
-constexpr ULONG kLegacyRegister = 0x80010001;
-constexpr ULONG kLegacyDeregister = 0x80000002;
+// Actions of the WMI registration: register as a trace provider, deregister; the device object is a callback block in
+// both.
+constexpr ULONG kWmiRegister = 0x80010001;
+constexpr ULONG kWmiDeregister = 0x80000002;
 
 // Variadic functions have a convention of their own; the WDK knows it by this name only.
 #if !defined(NTAPI_VARIADIC)
@@ -38,7 +39,7 @@ typedef LONG(NTAPI WmiRequestCallback)(UCHAR minorFunction, PVOID dataPath, ULON
 
 // Flags, level and logger are written by the enable callbacks on threads of the system's and read without a lock.
 struct ControlBlock {
-    WmiRequestCallback* callback;  // the older route finds it here
+    WmiRequestCallback* callback;  // the WMI registration finds it here
     const GUID* controlGuid;
     ControlBlock* next;
     ULONG64 logger;
@@ -63,18 +64,18 @@ struct EnableContext {
 };
 static_assert(sizeof(EnableContext) == 8);
 
-enum class Route : UCHAR { kLegacy, kClassic };
+enum class Registration : UCHAR { kWmi, kClassicProvider };
 
 static ControlBlock g_ControlBlock;
 static ControlBlock* g_Control;  // null before initialisation and after clean-up
-static Route g_Route;
+static Registration g_Registration;
 static WmiTraceMessageRoutine* g_TraceMessage;
 static WmiQueryTraceInformationRoutine* g_QueryTraceInformation;
 static EtwUnregisterRoutine* g_Unregister;
 
 // ---- Enable state ----
 
-// The bit of every (flag, level) that a session with these flags and this level listens to.
+// The bit of every (flag, level) that a session with these flags and this level enables.
 static ULONG WantedMessages(ULONG flags, UCHAR level)
 {
     ULONG levels = 0;
@@ -106,7 +107,7 @@ static void DisableMessages(ControlBlock& control)
     WriteULong64NoFence(&control.logger, 0);
 }
 
-// ---- Classic route ----
+// ---- Classic provider ----
 
 static ClassicEnableCallback MessageEnableCallback;
 
@@ -127,7 +128,7 @@ static void MessageEnableCallback(LPCGUID, UCHAR controlCode, PVOID enableContex
     }
 }
 
-// ---- Legacy route: WMI requests ----
+// ---- WMI registration: its requests ----
 
 enum WmiMinorFunction : UCHAR {
     kWmiEnableEvents = 4,
@@ -226,13 +227,13 @@ static Routine* FindRoutine(PCWSTR name)
     return reinterpret_cast<Routine*>(MmGetSystemRoutineAddress(&routineName));
 }
 
-// Without a version routine the system counts as one that has only the legacy route.
-static EtwRegisterClassicProviderRoutine* FindClassicRoute()
+// Without a version routine the system counts as one that has only the WMI registration.
+static EtwRegisterClassicProviderRoutine* FindClassicRegistration()
 {
     PsGetVersionRoutine* getVersion = FindRoutine<PsGetVersionRoutine>(L"PsGetVersion");
     g_TraceMessage = FindRoutine<WmiTraceMessageRoutine>(L"WmiTraceMessage");
     g_QueryTraceInformation = FindRoutine<WmiQueryTraceInformationRoutine>(L"WmiQueryTraceInformation");
-    g_Route = Route::kLegacy;
+    g_Registration = Registration::kWmi;
 
     ULONG major = 0;
     if (getVersion != nullptr) {
@@ -244,7 +245,7 @@ static EtwRegisterClassicProviderRoutine* FindClassicRoute()
     auto* registerClassic = FindRoutine<EtwRegisterClassicProviderRoutine>(L"EtwRegisterClassicProvider");
     if (registerClassic != nullptr) {
         g_Unregister = FindRoutine<EtwUnregisterRoutine>(L"EtwUnregister");
-        g_Route = Route::kClassic;
+        g_Registration = Registration::kClassicProvider;
     }
     return registerClassic;
 }
@@ -270,11 +271,11 @@ void InitializeTraceMessages()
     g_Control = &g_ControlBlock;
 
     // Registration enables at once when a session is armed already; its status does not matter.
-    EtwRegisterClassicProviderRoutine* registerClassic = FindClassicRoute();
-    if (g_Route == Route::kClassic) {
+    EtwRegisterClassicProviderRoutine* registerClassic = FindClassicRegistration();
+    if (g_Registration == Registration::kClassicProvider) {
         (void)registerClassic(&kControlGuid, 0, MessageEnableCallback, g_Control, &g_Control->registrationHandle);
     } else {
-        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kLegacyRegister);
+        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kWmiRegister);
     }
 }
 
@@ -283,13 +284,13 @@ void CleanUpTraceMessages()
     if (g_Control == nullptr) {
         return;
     }
-    if (g_Route == Route::kClassic) {
+    if (g_Registration == Registration::kClassicProvider) {
         if (g_Control->registrationHandle != 0 && g_Unregister != nullptr) {
             (void)g_Unregister(g_Control->registrationHandle);
             g_Control->registrationHandle = 0;
         }
     } else {
-        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kLegacyDeregister);
+        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kWmiDeregister);
     }
     DisableMessages(*g_Control);
     g_Control = nullptr;

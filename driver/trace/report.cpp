@@ -61,7 +61,7 @@ static void AddText(Payload& payload, const char* text)
     EventDataDescCreate(&payload.fields[payload.count++], text, size);
 }
 
-// The value must live until the event is written.
+// The value must stay valid until the event is written.
 template <class Value>
 static void AddValue(Payload& payload, const Value& value)
 {
