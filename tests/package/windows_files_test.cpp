@@ -118,6 +118,13 @@ TEST_F(WindowsFiles, HoldWhatTheBuildWithTheWdkTakesOver)
         }
     }
     EXPECT_GE(taken, 5u);
+    // The resource script is the CMake build's; what it includes comes from the message compiler and the package.
+    const std::string project = ReadAll(fs::path(root_) / "driver/wdk/zepn.vcxproj");
+    EXPECT_NE(project.find("<ResourceCompile Include=\"..\\package\\zepn.rc\" />"), std::string::npos);
+    EXPECT_NE(project.find("<GeneratedFilesBaseName>zepn_events</GeneratedFilesBaseName>"), std::string::npos);
+    EXPECT_EQ(Matches(ReadAll(fs::path(root_) / "driver/package/zepn.rc"), "#include \"([^\"]+)\""),
+              (std::set<std::string>{"zepn_events.rc", "zepn_version.h"}));
+    EXPECT_TRUE(fs::exists(folder_ / "wdk" / "zepn_version.h"));
     EXPECT_EQ(std::system(("xmllint --noout '" + (folder_ / "wdk/stamp.props").string() + "'").c_str()), 0);
     // StampInf writes what the INF has.
     const std::string stamp = ReadAll(folder_ / "wdk" / "stamp.props");
