@@ -47,7 +47,6 @@ constexpr EntryName kAbsent[] = {
     {120, "WdfWdmDriverGetWdfDriverHandle"},
     {122, "WdfDriverRetrieveVersionString"},
     {123, "WdfDriverIsVersionAvailable"},
-    {131, "WdfFdoQueryForInterface"},
     {137, "WdfFileObjectGetFileName"},
     {138, "WdfFileObjectGetFlags"},
     {139, "WdfFileObjectGetDevice"},
@@ -146,7 +145,9 @@ void ProvideDevices(Table& table)
     PROVIDE(WdfDriverOpenParametersRegistryKey, DriverOpenParametersRegistryKey);
     PROVIDE(WdfRegistryQueryULong, RegistryQueryULong);
     PROVIDE(WdfRegistryClose, RegistryClose);
+    PROVIDE(WdfRegistryAssignValue, RegistryAssignValue);
     PROVIDE(WdfRegistryAssignULong, RegistryAssignULong);
+    PROVIDE(WdfRegistryRemoveValue, RegistryRemoveValue);
     PROVIDE(WdfDriverWdmGetDriverObject, DriverWdmGetDriverObject);
     PROVIDE(WdfDeviceInitSetIoType, DeviceInitSetIoType);
     PROVIDE(WdfDeviceInitAssignName, DeviceInitAssignName);
@@ -159,6 +160,7 @@ void ProvideDevices(Table& table)
     PROVIDE(WdfDeviceCreateDeviceInterface, DeviceCreateDeviceInterface);
     PROVIDE(WdfDeviceSetDeviceInterfaceState, DeviceSetDeviceInterfaceState);
     PROVIDE(WdfDeviceAddQueryInterface, DeviceAddQueryInterface);
+    PROVIDE(WdfFdoQueryForInterface, FdoQueryForInterface);
     PROVIDE(WdfDeviceGetDefaultQueue, DeviceGetDefaultQueue);
     PROVIDE(WdfIoQueueCreate, IoQueueCreate);
     PROVIDE(WdfIoQueueGetDevice, IoQueueGetDevice);

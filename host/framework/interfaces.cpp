@@ -159,5 +159,25 @@ NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PW
     return call.Done();
 }
 
+// The query enters the device's own stack at its top: the device itself answers first, and below it nobody does.
+NTSTATUS NTAPI FdoQueryForInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, LPCGUID type, PINTERFACE table, USHORT size,
+                                    USHORT version, PVOID)
+{
+    const PlatformCall call("WdfFdoQueryForInterface", HOST_CALLER, PASSIVE_LEVEL);
+    if (call.fault()) {
+        return call.fault()->status;
+    }
+    Framework& framework = Framework::Current();
+    DeviceObject* device = nullptr;
+    {
+        const std::lock_guard lock(framework.mutex);
+        device = framework.Resolve<DeviceObject>(call, handle, "Fdo");
+    }
+    if (device == nullptr || !Requires(call, type, "InterfaceType") || !Requires(call, table, "Interface")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    return QueryInterface(framework, *device, *type, {reinterpret_cast<std::byte*>(table), size}, version);
+}
+
 }  // namespace functions
 }  // namespace host::framework

@@ -1,4 +1,4 @@
-// Registry keys: the Parameters key of a driver's service, and the numbers in it.
+// Registry keys: the Parameters key of a driver's service, and the values in it.
 #include "host/framework/functions.h"
 
 #include <cstring>
@@ -92,9 +92,12 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
     return call.Done();
 }
 
-NTSTATUS NTAPI RegistryAssignULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, ULONG value)
+namespace {
+
+// Changes a value if the key was opened for that.
+template <class Change>
+NTSTATUS ChangeValue(const PlatformCall& call, WDFKEY handle, PCUNICODE_STRING name, const Change& change)
 {
-    const PlatformCall call("WdfRegistryAssignULong", HOST_CALLER, PASSIVE_LEVEL);
     if (call.fault()) {
         return call.fault()->status;
     }
@@ -107,8 +110,43 @@ NTSTATUS NTAPI RegistryAssignULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE
     if ((key->access & (kSetValue | kGenericWrite | kEverything)) == 0) {
         return STATUS_ACCESS_DENIED;
     }
-    framework.kernel.registry().SetDword(key->service, kernel::Narrow(*name), value);
-    return STATUS_SUCCESS;
+    return change(framework.kernel.registry(), key->service, kernel::Narrow(*name));
+}
+
+}  // namespace
+
+NTSTATUS NTAPI RegistryAssignULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, ULONG value)
+{
+    const PlatformCall call("WdfRegistryAssignULong", HOST_CALLER, PASSIVE_LEVEL);
+    return ChangeValue(call, handle, name,
+                       [&](kernel::Registry& registry, const std::string& service, const std::string& text) {
+                           registry.SetDword(service, text, value);
+                           return STATUS_SUCCESS;
+                       });
+}
+
+NTSTATUS NTAPI RegistryAssignValue(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, ULONG type, ULONG length,
+                                   PVOID value)
+{
+    const PlatformCall call("WdfRegistryAssignValue", HOST_CALLER, PASSIVE_LEVEL);
+    if (!Requires(call, value, "Value")) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const auto* bytes = static_cast<const std::byte*>(value);
+    return ChangeValue(call, handle, name,
+                       [&](kernel::Registry& registry, const std::string& service, const std::string& text) {
+                           registry.SetData(service, text, type, {bytes, bytes + length});
+                           return STATUS_SUCCESS;
+                       });
+}
+
+NTSTATUS NTAPI RegistryRemoveValue(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name)
+{
+    const PlatformCall call("WdfRegistryRemoveValue", HOST_CALLER, PASSIVE_LEVEL);
+    return ChangeValue(call, handle, name,
+                       [](kernel::Registry& registry, const std::string& service, const std::string& text) {
+                           return registry.Remove(service, text) ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
+                       });
 }
 
 void NTAPI RegistryClose(PWDF_DRIVER_GLOBALS, WDFKEY handle)

@@ -1,4 +1,4 @@
-// Callback objects: ExCreateCallback, ExRegisterCallback, ExUnregisterCallback, ObfDereferenceObject.
+// Callback objects: ExCreateCallback, ExRegisterCallback, ExUnregisterCallback, ExNotifyCallback, ObfDereferenceObject.
 #include "host/kernel/kernel.h"
 
 #include <algorithm>
@@ -102,8 +102,28 @@ __attribute__((visibility("default"), used)) VOID NTAPI ExUnregisterCallback(PVO
         return;
     }
     registration->removed = true;
+    kernel.DropUnusedCallbackObjects();
     lock.unlock();
     kernel.waitForRoutine(call, registration);
+}
+
+__attribute__((visibility("default"), used)) VOID NTAPI ExNotifyCallback(PVOID callbackObject, PVOID argument1,
+                                                                         PVOID argument2)
+{
+    const PlatformCall call("ExNotifyCallback", HOST_CALLER, DISPATCH_LEVEL);
+    Kernel& kernel = Kernel::Current();
+    std::vector<std::shared_ptr<CallbackRegistration>> registrations;
+    {
+        const std::lock_guard lock(kernel.mutex);
+        const CallbackObject* object = kernel.FindCallbackObject(callbackObject);
+        if (object == nullptr) {
+            call.Violation(Rule::kCallbackObject, "no such callback object");
+            return;
+        }
+        registrations = object->registrations;
+    }
+    kernel.Notify(registrations, reinterpret_cast<std::uintptr_t>(argument1),
+                  reinterpret_cast<std::uintptr_t>(argument2));
 }
 
 __attribute__((visibility("default"), used)) LONG_PTR NTAPI ObfDereferenceObject(PVOID handle)
@@ -123,7 +143,9 @@ __attribute__((visibility("default"), used)) LONG_PTR NTAPI ObfDereferenceObject
         return 0;
     }
     object->openedBy.pop_back();
-    return --object->references;
+    const long left = --object->references;
+    kernel.DropUnusedCallbackObjects();
+    return left;
 }
 
 }  // extern "C"

@@ -71,6 +71,13 @@ CallbackObject* Kernel::FindCallbackObject(const std::string& lowerCaseName)
     return nullptr;
 }
 
+void Kernel::DropUnusedCallbackObjects()
+{
+    std::erase_if(callbackObjects, [](const std::unique_ptr<CallbackObject>& object) {
+        return object->references == 0 && object->registrations.empty();
+    });
+}
+
 void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2)
 {
     std::vector<std::shared_ptr<CallbackRegistration>> registrations;
@@ -78,6 +85,12 @@ void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2
         const std::lock_guard lock(mutex);
         registrations = FindCallbackObject(std::string("\\callback\\powerstate"))->registrations;
     }
+    Notify(registrations, argument1, argument2);
+}
+
+void Kernel::Notify(const std::vector<std::shared_ptr<CallbackRegistration>>& registrations, std::uintptr_t argument1,
+                    std::uintptr_t argument2)
+{
     for (const auto& registration : registrations) {
         {
             const std::lock_guard lock(mutex);
@@ -92,7 +105,7 @@ void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2
         registration->function(registration->context, reinterpret_cast<void*>(argument1),
                                reinterpret_cast<void*>(argument2));
         if (thread.criticalRegions != regionsBefore) {
-            environment.Report(checks::Rule::kLockKept, "power-state callback", "it returned with a wait lock held",
+            environment.Report(checks::Rule::kLockKept, "callback routine", "it returned with a wait lock held",
                                reinterpret_cast<const void*>(registration->function));
             thread.criticalRegions = regionsBefore;
         }

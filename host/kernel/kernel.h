@@ -66,8 +66,11 @@ public:
     [[nodiscard]] Registry& registry() { return registry_; }
     [[nodiscard]] GuardedMemory& contextMemory() { return contextMemory_; }
 
-    // Calls every routine registered on \Callback\PowerState, in order of registration, on this thread.
+    // Calls every routine registered on \Callback\PowerState, or on another object, in order of registration, on this
+    // thread.
     void NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2);
+    void Notify(const std::vector<std::shared_ptr<CallbackRegistration>>& registrations, std::uintptr_t argument1,
+                std::uintptr_t argument2);
 
     [[nodiscard]] std::vector<std::int64_t> Delays() const;
     [[nodiscard]] std::vector<PoolUseRow> PoolInUse() const;
@@ -99,6 +102,8 @@ public:
     // Null for an unknown handle or name. The caller holds the mutex.
     CallbackObject* FindCallbackObject(const void* handle);
     CallbackObject* FindCallbackObject(const std::string& lowerCaseName);
+    // Callback objects that nobody references or is registered on are gone. The caller holds the mutex.
+    void DropUnusedCallbackObjects();
 
 private:
     std::unordered_map<void*, PoolBlock> pool_;

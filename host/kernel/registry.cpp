@@ -39,6 +39,13 @@ void Registry::SetData(const std::string& service, const std::string& name, std:
     Set(service, name, {type, std::move(data)});
 }
 
+bool Registry::Remove(const std::string& service, const std::string& name)
+{
+    const std::lock_guard lock(mutex_);
+    const auto key = parameters_.find(Key(service));
+    return key != parameters_.end() && key->second.erase(Key(name)) != 0;
+}
+
 void Registry::Set(const std::string& service, const std::string& name, RegistryValue value)
 {
     const std::lock_guard lock(mutex_);

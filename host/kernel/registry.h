@@ -32,6 +32,7 @@ public:
     void SetDword(const std::string& service, const std::string& name, std::uint32_t value);
     void SetString(const std::string& service, const std::string& name, const std::string& text);
     void SetData(const std::string& service, const std::string& name, std::uint32_t type, std::vector<std::byte> data);
+    bool Remove(const std::string& service, const std::string& name);  // false when there is no such value
     void CreateParameters(const std::string& service);
     [[nodiscard]] bool HasParameters(const std::string& service) const;
     // All numbers below a key, oldest first.

@@ -248,6 +248,7 @@ void RegisterKernelExports()
         Of("ExCreateCallback", &ExCreateCallback),
         Of("ExRegisterCallback", &ExRegisterCallback),
         Of("ExUnregisterCallback", &ExUnregisterCallback),
+        Of("ExNotifyCallback", &ExNotifyCallback),
         Of("ObfDereferenceObject", &ObfDereferenceObject),
         Of("KeDelayExecutionThread", &KeDelayExecutionThread),
         Of("RtlInitUnicodeString", &RtlInitUnicodeString),

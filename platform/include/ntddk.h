@@ -204,6 +204,7 @@ enum { KernelMode = 0, UserMode = 1 };
 
 #define KEY_READ 0x20019
 #define KEY_WRITE 0x20006
+#define REG_SZ 1
 #define REG_DWORD 4
 
 #define FILE_DEVICE_UNKNOWN 0x00000022
@@ -231,6 +232,9 @@ NTKERNELAPI PVOID NTAPI ExRegisterCallback(PCALLBACK_OBJECT CallbackObject, PCAL
 
 _IRQL_requires_max_(APC_LEVEL)
 NTKERNELAPI VOID NTAPI ExUnregisterCallback(PVOID CallbackRegistration);
+
+_IRQL_requires_max_(DISPATCH_LEVEL)
+NTKERNELAPI VOID NTAPI ExNotifyCallback(PVOID CallbackObject, PVOID Argument1, PVOID Argument2);
 
 _IRQL_requires_max_(DISPATCH_LEVEL)
 NTKERNELAPI LONG_PTR NTAPI ObfDereferenceObject(PVOID Object);

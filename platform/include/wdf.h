@@ -490,6 +490,9 @@ WDF_CALL(118, WdfDriverWdmGetDriverObject, PDRIVER_OBJECT, (WDFDRIVER Driver), (
 WDF_CALL(119, WdfDriverOpenParametersRegistryKey, NTSTATUS,
          (WDFDRIVER Driver, ACCESS_MASK DesiredAccess, PWDF_OBJECT_ATTRIBUTES KeyAttributes, WDFKEY* Key),
          (Driver, DesiredAccess, KeyAttributes, Key))
+WDF_CALL(131, WdfFdoQueryForInterface, NTSTATUS,
+         (WDFDEVICE Fdo, LPCGUID InterfaceType, PINTERFACE Interface, USHORT Size, USHORT Version, PVOID InterfaceSpecificData),
+         (Fdo, InterfaceType, Interface, Size, Version, InterfaceSpecificData))
 WDF_CALL(152, WdfIoQueueCreate, NTSTATUS,
          (WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config, PWDF_OBJECT_ATTRIBUTES QueueAttributes, WDFQUEUE* Queue),
          (Device, Config, QueueAttributes, Queue))
@@ -513,9 +516,13 @@ WDF_CALL(228, WdfDeviceAddQueryInterface, NTSTATUS,
          (WDFDEVICE Device, PWDF_QUERY_INTERFACE_CONFIG InterfaceConfig),
          (Device, InterfaceConfig))
 WDF_CALL(231, WdfRegistryClose, VOID, (WDFKEY Key), (Key))
+WDF_CALL(234, WdfRegistryRemoveValue, NTSTATUS, (WDFKEY Key, PCUNICODE_STRING ValueName), (Key, ValueName))
 WDF_CALL(240, WdfRegistryQueryULong, NTSTATUS,
          (WDFKEY Key, PCUNICODE_STRING ValueName, PULONG Value),
          (Key, ValueName, Value))
+WDF_CALL(241, WdfRegistryAssignValue, NTSTATUS,
+         (WDFKEY Key, PCUNICODE_STRING ValueName, ULONG ValueType, ULONG ValueLength, PVOID Value),
+         (Key, ValueName, ValueType, ValueLength, Value))
 WDF_CALL(246, WdfRegistryAssignULong, NTSTATUS,
          (WDFKEY Key, PCUNICODE_STRING ValueName, ULONG Value),
          (Key, ValueName, Value))

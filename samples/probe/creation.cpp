@@ -7,6 +7,13 @@ static VOID NTAPI NoWork(WDFWORKITEM)
 {
 }
 
+static EVT_WDF_IO_QUEUE_IO_DEFAULT NoRequest;
+
+// No queue that names it is ever created.
+static VOID NTAPI NoRequest(WDFQUEUE, WDFREQUEST)
+{
+}
+
 VOID AskAttributes(WDFDEVICE device)
 {
     WDFOBJECT object = NULL;
@@ -24,6 +31,19 @@ VOID AskAttributes(WDFDEVICE device)
     Answer(L"Attributes.FailedObjectIsKept", object == device);
     Answer(L"Attributes.FailedCollectionIsNull", collection == NULL);
     Answer(L"Attributes.FailedWaitLockIsNull", lock == NULL);
+    attributes.Size = sizeof(attributes) - sizeof(PVOID);
+    object = device;
+    collection = (WDFCOLLECTION)object;
+    lock = (WDFWAITLOCK)object;
+    WDFKEY key = (WDFKEY)object;
+    Answer(L"Attributes.WrongSize", (ULONG)WdfObjectCreate(&attributes, &object));
+    (void)WdfCollectionCreate(&attributes, &collection);
+    (void)WdfWaitLockCreate(&attributes, &lock);
+    (void)WdfDriverOpenParametersRegistryKey(WdfGetDriver(), KEY_READ, &attributes, &key);
+    Answer(L"Attributes.WrongSizeObjectIsKept", object == device);
+    Answer(L"Attributes.WrongSizeCollectionIsNull", collection == NULL);
+    Answer(L"Attributes.WrongSizeWaitLockIsNull", lock == NULL);
+    Answer(L"Attributes.WrongSizeKeyIsNull", key == NULL);
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
     attributes.ParentObject = device;
     attributes.SynchronizationScope = WdfSynchronizationScopeDevice;
@@ -41,7 +61,9 @@ VOID AskAttributes(WDFDEVICE device)
     config.EvtWorkItemFunc = NULL;
     Answer(L"WorkItems.WithoutRoutine", (ULONG)WdfWorkItemCreate(&config, &attributes, &item));
     config.Size = 0;
+    item = (WDFWORKITEM)(WDFOBJECT)device;
     Answer(L"WorkItems.ConfigSize", (ULONG)WdfWorkItemCreate(&config, &attributes, &item));
+    Answer(L"WorkItems.FailedIsKept", (WDFOBJECT)item == (WDFOBJECT)device);
 }
 
 VOID AskDevice(WDFDEVICE device)
@@ -53,42 +75,69 @@ VOID AskDevice(WDFDEVICE device)
     WDF_IO_QUEUE_CONFIG_INIT(&queue, WdfIoQueueDispatchSequential);
     WDFQUEUE handle = NULL;
     Answer(L"Queues.WithoutCallback", (ULONG)WdfIoQueueCreate(device, &queue, NULL, &handle));
+    queue.EvtIoDefault = NoRequest;
+    queue.Settings.Parallel.NumberOfPresentedRequests = 1;
+    Answer(L"Queues.SequentialWithNumber", (ULONG)WdfIoQueueCreate(device, &queue, NULL, &handle));
+    queue.DispatchType = (WDF_IO_QUEUE_DISPATCH_TYPE)(WdfIoQueueDispatchManual + 1);
+    Answer(L"Queues.UnknownType", (ULONG)WdfIoQueueCreate(device, &queue, NULL, &handle));
     queue.Size = 0;
+    handle = (WDFQUEUE)(WDFOBJECT)device;
     Answer(L"Queues.ConfigSize", (ULONG)WdfIoQueueCreate(device, &queue, NULL, &handle));
+    Answer(L"Queues.FailedIsKept", (WDFOBJECT)handle == (WDFOBJECT)device);
 
-    INTERFACE table;
-    RtlZeroMemory(&table, sizeof(table));
-    table.Size = sizeof(table) - 1;
-    static const GUID kType = {0x6C7C7C9F, 0x0FD6, 0x4C4F, {0x8E, 0x55, 0x90, 0x2C, 0x7B, 0x8F, 0x1A, 0x01}};
-    WDF_QUERY_INTERFACE_CONFIG config;
-    WDF_QUERY_INTERFACE_CONFIG_INIT(&config, &table, &kType, NULL);
-    Answer(L"QueryInterface.SmallTable", (ULONG)WdfDeviceAddQueryInterface(device, &config));
-    config.Interface = NULL;
-    Answer(L"QueryInterface.NoTable", (ULONG)WdfDeviceAddQueryInterface(device, &config));
-
-    WDFKEY key = NULL;
-    if (NT_SUCCESS(WdfDriverOpenParametersRegistryKey(WdfGetDriver(), KEY_READ, WDF_NO_OBJECT_ATTRIBUTES, &key))) {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, L"NeverWritten");
-        ULONG value = 0;
-        Answer(L"Registry.Missing", (ULONG)WdfRegistryQueryULong(key, &name, &value));
-        WdfRegistryClose(key);
-    }
+    UNICODE_STRING link;
+    RtlInitUnicodeString(&link, L"\\DosDevices\\ZepnProbe");
+    Answer(L"Device.SymbolicLink", (ULONG)WdfDeviceCreateSymbolicLink(device, &link));
+    Answer(L"Device.SymbolicLinkAgain", (ULONG)WdfDeviceCreateSymbolicLink(device, &link));
 }
 
-static CALLBACK_FUNCTION NoCallback;
+static CALLBACK_FUNCTION NoteCallback;
 
-static VOID NTAPI NoCallback(PVOID, PVOID, PVOID)
+// Notes the number that it was registered with.
+static VOID NTAPI NoteCallback(PVOID number, PVOID, PVOID)
 {
+    Note((ULONG)(ULONG_PTR)number);
 }
 
-static NTSTATUS OpenCallback(PCWSTR name, PCALLBACK_OBJECT* object)
+static NTSTATUS OpenCallback(PCWSTR name, BOOLEAN create, PCALLBACK_OBJECT* object)
 {
     UNICODE_STRING text;
     RtlInitUnicodeString(&text, name);
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
-    return ExCreateCallback(object, &attributes, FALSE, TRUE);
+    return ExCreateCallback(object, &attributes, create, TRUE);
+}
+
+// In which order registered routines are called.
+static VOID AskCallbackOrder(VOID)
+{
+    PCALLBACK_OBJECT object = NULL;
+    if (!NT_SUCCESS(OpenCallback(L"\\Callback\\ZepnProbe", TRUE, &object))) {
+        return;
+    }
+    PVOID registrations[3];
+    for (ULONG index = 0; index < 3; ++index) {
+        registrations[index] = ExRegisterCallback(object, NoteCallback, (PVOID)(ULONG_PTR)(index + 1));
+    }
+    ExNotifyCallback(object, NULL, NULL);
+    Answer(L"Callback.Order", TakeLog());
+    for (ULONG index = 0; index < 3; ++index) {
+        if (registrations[index] != NULL) {
+            ExUnregisterCallback(registrations[index]);
+        }
+    }
+    ObDereferenceObject(object);
+}
+
+// More than any machine has; a pool that cannot give it says so.
+static VOID AskPool(VOID)
+{
+    const SIZE_T kTooMuch = (SIZE_T)1 << 46;
+    PVOID block = ExAllocatePoolWithTag(PagedPool, kTooMuch, 'borP');
+    Answer(L"Kernel.PoolBeyondMemory", block != NULL);
+    if (block != NULL) {
+        ExFreePoolWithTag(block, 'borP');
+    }
 }
 
 VOID AskKernel(VOID)
@@ -109,12 +158,12 @@ VOID AskKernel(VOID)
     Answer(L"Kernel.MissingRoutine", MmGetSystemRoutineAddress(&text) != NULL);
 
     PCALLBACK_OBJECT object = NULL;
-    Answer(L"Callback.Missing", (ULONG)OpenCallback(L"\\Callback\\ZepnNoSuchCallback", &object));
-    const NTSTATUS status = OpenCallback(L"\\Callback\\POWERSTATE", &object);
+    Answer(L"Callback.Missing", (ULONG)OpenCallback(L"\\Callback\\ZepnNoSuchCallback", FALSE, &object));
+    const NTSTATUS status = OpenCallback(L"\\Callback\\POWERSTATE", FALSE, &object);
     Answer(L"Callback.PowerState", (ULONG)status);
     if (NT_SUCCESS(status)) {
-        PVOID first = ExRegisterCallback(object, NoCallback, NULL);
-        PVOID second = ExRegisterCallback(object, NoCallback, NULL);
+        PVOID first = ExRegisterCallback(object, NoteCallback, NULL);
+        PVOID second = ExRegisterCallback(object, NoteCallback, NULL);
         Answer(L"Callback.SeveralRegister", first != NULL && second != NULL && first != second);
         if (second != NULL) {
             ExUnregisterCallback(second);
@@ -124,4 +173,6 @@ VOID AskKernel(VOID)
         }
         ObDereferenceObject(object);
     }
+    AskCallbackOrder();
+    AskPool();
 }

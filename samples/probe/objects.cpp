@@ -1,4 +1,4 @@
-// The end of objects, references, contexts, collections.
+// Disposal and destruction of objects, references, contexts, collections.
 #include "samples/probe/probe.h"
 
 typedef struct _FIRST_CONTEXT {
@@ -25,7 +25,7 @@ static VOID AskTree(WDFDEVICE device)
     WdfObjectDelete(parent);
     Answer(L"Objects.EndOrder", TakeLog());
 
-    // A child with a reference of its own outlives its parent's end, but is cleaned up with it.
+    // A child with a reference of its own outlives its parent's deletion, but is cleaned up with it.
     if (!NT_SUCCESS(MakeNoted(device, 1, &parent)) || !NT_SUCCESS(MakeNoted(parent, 2, &child))) {
         return;
     }
@@ -82,11 +82,52 @@ static VOID AskContexts(WDFDEVICE device)
     WdfObjectDereference(object);
 }
 
+static VOID NTAPI FirstCleanup(WDFOBJECT)
+{
+    Note(1);
+}
+
+static VOID NTAPI FirstDestroy(WDFOBJECT)
+{
+    Note(9);
+}
+
+static VOID NTAPI SecondCleanup(WDFOBJECT)
+{
+    Note(2);
+}
+
+static VOID NTAPI SecondDestroy(WDFOBJECT)
+{
+    Note(10);
+}
+
+// The callbacks of an object's creation, which brings no context, and those of a context that it gets later.
+static VOID AskCallbackOrder(WDFDEVICE device)
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = device;
+    attributes.EvtCleanupCallback = FirstCleanup;
+    attributes.EvtDestroyCallback = FirstDestroy;
+    WDFOBJECT object = NULL;
+    if (!NT_SUCCESS(WdfObjectCreate(&attributes, &object))) {
+        return;
+    }
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, FIRST_CONTEXT);
+    attributes.EvtCleanupCallback = SecondCleanup;
+    attributes.EvtDestroyCallback = SecondDestroy;
+    (void)WdfObjectAllocateContext(object, &attributes, NULL);
+    WdfObjectDelete(object);
+    Answer(L"Contexts.CallbackOrder", TakeLog());
+}
+
 VOID AskObjects(WDFDEVICE device)
 {
     AskTree(device);
     AskSecondDelete(device);
     AskContexts(device);
+    AskCallbackOrder(device);
 }
 
 VOID AskCollections(WDFDEVICE device)
@@ -111,7 +152,7 @@ VOID AskCollections(WDFDEVICE device)
     WdfCollectionRemove(collection, one);
     Answer(L"Collections.RemoveTakesFirst", WdfCollectionGetFirstItem(collection) == two);
 
-    // A deleted item stays, usable, until it is taken out; that is its end.
+    // A deleted item stays, usable, until it is taken out; then it is destroyed.
     WdfObjectDelete(two);
     Answer(L"Collections.DeletedItem", TakeLog());
     Answer(L"Collections.DeletedItemStays", WdfCollectionGetFirstItem(collection) == two);

@@ -1,7 +1,7 @@
-// The probe: a driver that asks the platform the questions on which the host's truth rests, and writes down the answers.
+// The probe: a driver that asks the platform what the host assumes of it, and writes down the answers.
 //
 // It asks nothing that could stop a system: every call is one that a careful driver may make. Questions are asked once,
-// when its device starts; the order of the device's own life is written at unload.
+// when its device starts; the order of the device's own callbacks is written at unload.
 #include <ntddk.h>
 
 #include <initguid.h>
@@ -67,7 +67,12 @@ VOID Answer(PCWSTR name, ULONG value)
 
 VOID Note(ULONG digit)
 {
-    g_Log = g_Log << 4 | digit;
+    __atomic_store_n(&g_Log, g_Log << 4 | digit, __ATOMIC_RELEASE);
+}
+
+ULONG NotesSoFar(VOID)
+{
+    return __atomic_load_n(&g_Log, __ATOMIC_ACQUIRE);
 }
 
 ULONG TakeLog(VOID)
@@ -101,7 +106,7 @@ NTSTATUS MakeNoted(WDFOBJECT parent, ULONG digit, WDFOBJECT* object)
     return status;
 }
 
-// ---- The device's own life: eight notes ----
+// ---- The device's own callbacks: eight notes ----
 
 static VOID NoteLife(ULONG digit)
 {
@@ -116,6 +121,8 @@ static NTSTATUS NTAPI ProbePrepareHardware(WDFDEVICE device, WDFCMRESLIST, WDFCM
     AskCollections(device);
     AskAttributes(device);
     AskDevice(device);
+    AskQueries(device);
+    AskRegistry();
     AskWorkItems(device);
     AskWaitLocks(device);
     AskKernel();

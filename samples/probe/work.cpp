@@ -5,6 +5,7 @@ typedef struct _WORK_CONTEXT {
     ULONG Runs;
     ULONG EnqueuesLeft;  // from inside the run
     WDFWAITLOCK Lock;    // to be tried
+    ULONG Overlapped;
     NTSTATUS TryNow;
     NTSTATUS TryShortly;
 } WORK_CONTEXT;
@@ -33,6 +34,60 @@ static VOID NTAPI CountingWork(WDFWORKITEM item)
     (void)KeDelayExecutionThread(KernelMode, FALSE, &interval);
 }
 
+// Waits, a few seconds at most, until something counted on another thread is there.
+static ULONG Comes(ULONG (*isThere)(const WORK_CONTEXT*), const WORK_CONTEXT* work)
+{
+    for (ULONG round = 0; round < 300; ++round) {
+        if (isThere(work)) {
+            return 1;
+        }
+        LARGE_INTEGER interval = Milliseconds(10);
+        (void)KeDelayExecutionThread(KernelMode, FALSE, &interval);
+    }
+    return 0;
+}
+
+static ULONG IsSecondRun(const WORK_CONTEXT* work)
+{
+    return __atomic_load_n(&work->Runs, __ATOMIC_ACQUIRE) >= 2;
+}
+
+static EVT_WDF_WORKITEM OverlappingWork;
+
+// The first run queues the second and does not return before that has begun.
+static VOID NTAPI OverlappingWork(WDFWORKITEM item)
+{
+    WORK_CONTEXT* work = Work(item);
+    if (__atomic_fetch_add(&work->Runs, 1, __ATOMIC_ACQ_REL) == 0) {
+        WdfWorkItemEnqueue(item);
+        work->Overlapped = Comes(IsSecondRun, work);
+    }
+}
+
+static ULONG IsNoted(const WORK_CONTEXT*)
+{
+    return NotesSoFar() != 0;
+}
+
+static EVT_WDF_WORKITEM NotingWork;
+
+// Gives the clean-up of the item's child time to come first, if it does.
+static VOID NTAPI NotingWork(WDFWORKITEM item)
+{
+    (void)Comes(IsNoted, Work(item));
+    Note(7);
+}
+
+static VOID NTAPI ItemCleanup(WDFOBJECT)
+{
+    Note(2);
+}
+
+static VOID NTAPI ItemDestroy(WDFOBJECT)
+{
+    Note(10);
+}
+
 static EVT_WDF_WORKITEM TryingWork;
 
 static VOID NTAPI TryingWork(WDFWORKITEM item)
@@ -44,7 +99,8 @@ static VOID NTAPI TryingWork(WDFWORKITEM item)
     work->TryShortly = WdfWaitLockAcquire(work->Lock, &shortly);
 }
 
-static NTSTATUS MakeWork(WDFDEVICE device, PFN_WDF_WORKITEM routine, WDFWORKITEM* item)
+static NTSTATUS MakeWorkWith(WDFDEVICE device, PFN_WDF_WORKITEM routine, PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup,
+                             PFN_WDF_OBJECT_CONTEXT_DESTROY destroy, WDFWORKITEM* item)
 {
     WDF_WORKITEM_CONFIG config;
     WDF_WORKITEM_CONFIG_INIT(&config, routine);
@@ -52,7 +108,40 @@ static NTSTATUS MakeWork(WDFDEVICE device, PFN_WDF_WORKITEM routine, WDFWORKITEM
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, WORK_CONTEXT);
     attributes.ParentObject = device;
+    attributes.EvtCleanupCallback = cleanup;
+    attributes.EvtDestroyCallback = destroy;
     return WdfWorkItemCreate(&config, &attributes, item);
+}
+
+static NTSTATUS MakeWork(WDFDEVICE device, PFN_WDF_WORKITEM routine, WDFWORKITEM* item)
+{
+    return MakeWorkWith(device, routine, NULL, NULL, item);
+}
+
+// An item with a child that is deleted while a run is queued: who comes first.
+static VOID AskItemWithChild(WDFDEVICE device)
+{
+    WDFWORKITEM item = NULL;
+    WDFOBJECT child = NULL;
+    if (!NT_SUCCESS(MakeWorkWith(device, NotingWork, ItemCleanup, ItemDestroy, &item)) ||
+        !NT_SUCCESS(MakeNoted((WDFOBJECT)item, 1, &child))) {
+        return;
+    }
+    WdfWorkItemEnqueue(item);
+    WdfObjectDelete(item);
+    Answer(L"WorkItems.WithChild", TakeLog());
+}
+
+static VOID AskOverlap(WDFDEVICE device)
+{
+    WDFWORKITEM item = NULL;
+    if (!NT_SUCCESS(MakeWork(device, OverlappingWork, &item))) {
+        return;
+    }
+    WdfWorkItemEnqueue(item);
+    WdfWorkItemFlush(item);
+    Answer(L"WorkItems.RunsOverlap", Work(item)->Overlapped);
+    WdfObjectDelete(item);
 }
 
 VOID AskWorkItems(WDFDEVICE device)
@@ -79,13 +168,15 @@ VOID AskWorkItems(WDFDEVICE device)
     }
     Answer(L"WorkItems.EnqueueOfRunningRuns", work->Runs);
 
-    // The end of an item waits for what is queued.
+    // The disposal of an item waits for what is queued.
     work->Runs = 0;
     WdfWorkItemEnqueue(item);
     WdfObjectReference(item);
     WdfObjectDelete(item);
     Answer(L"WorkItems.DeleteWaitsForQueued", work->Runs);
     WdfObjectDereference(item);
+    AskItemWithChild(device);
+    AskOverlap(device);
 }
 
 VOID AskWaitLocks(WDFDEVICE device)

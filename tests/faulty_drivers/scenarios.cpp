@@ -258,9 +258,9 @@ void TraceHandleTwice()
 
 void NotProvided()
 {
-    constexpr unsigned kFdoQueryForInterface = 131;
-    using Function = NTSTATUS(NTAPI*)(PWDF_DRIVER_GLOBALS, WDFDEVICE, PVOID);
-    (void)reinterpret_cast<Function>(WdfFunctions[kFdoQueryForInterface])(WdfDriverGlobals, nullptr, nullptr);
+    constexpr unsigned kObjectQuery = 209;
+    using Function = NTSTATUS(NTAPI*)(PWDF_DRIVER_GLOBALS, WDFOBJECT, const GUID*, ULONG, PVOID);
+    (void)reinterpret_cast<Function>(WdfFunctions[kObjectQuery])(WdfDriverGlobals, nullptr, nullptr, 0, nullptr);
 }
 
 void BugCheck()

@@ -192,6 +192,7 @@ constexpr std::string_view kKernelNames[] = {
     "ExAllocatePoolWithTag",
     "ExCreateCallback",
     "ExFreePoolWithTag",
+    "ExNotifyCallback",
     "ExRegisterCallback",
     "ExUnregisterCallback",
     "IoGetDeviceInterfaces",
