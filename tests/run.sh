@@ -143,7 +143,7 @@ run_group() {
         return
     fi
     rm -f "$results/$name.passed"
-    [[ $labels != *host* ]] || rm -rf "$root/build/$preset/rules_broken"
+    [[ $labels != *host* ]] || rm -rf "$root/build/$preset/rules_proven"
     remove_statistics "$preset" "$labels"
     # The cases that others need have a group of their own.
     run_ctest "$preset" "$junit" "$title" -FA '.*' -L "^($labels)\$" "${arguments[@]}"

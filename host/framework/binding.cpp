@@ -178,7 +178,7 @@ HOST_EXPORT NTSTATUS NTAPI WdfVersionBind(PDRIVER_OBJECT driverObject, PUNICODE_
         call.Violation(Rule::kBadParameter, "the driver object is unknown, or its driver is bound already");
         return STATUS_INVALID_PARAMETER;
     }
-    // In guarded memory: a use behind the unbinding faults at once.
+    // In guarded memory: a use after the unbinding faults at once.
     auto* made = static_cast<PWDF_DRIVER_GLOBALS>(
         framework.kernel.contextMemory().Allocate(sizeof(WDF_DRIVER_GLOBALS), alignof(WDF_DRIVER_GLOBALS)));
     made->DriverTag = host::framework::kDefaultTag;

@@ -9,7 +9,7 @@ using checks::Rule;
 
 namespace {
 
-// Under the lock: a client that opens the device on another thread looks at it.
+// Under the lock: a client that opens the device on another thread reads it.
 void SetStage(Framework& framework, DeviceObject& device, DeviceStage stage)
 {
     const std::lock_guard lock(framework.mutex);
@@ -31,7 +31,7 @@ NTSTATUS CallD0Entry(Framework& framework, DeviceObject& device, WDF_POWER_DEVIC
     std::unique_lock lock(framework.mutex);
     device.inD0 = NT_SUCCESS(status);
     for (QueueObject* queue : std::vector<QueueObject*>(device.queues)) {
-        Deliver(framework, lock, *queue);  // what came while the device slept
+        Deliver(framework, lock, *queue);  // what arrived while the device slept
     }
     return status;
 }
@@ -72,13 +72,13 @@ void DropSymbolicLink(Framework& framework, DeviceObject& device)
     device.symbolicLink.clear();
 }
 
-// From here on a queue refuses what comes, and what waits in it fails.
+// From here on a queue refuses new requests, and those that wait in it fail.
 void Purge(Framework& framework, DeviceObject& device, bool onlyPowerManaged)
 {
     std::unique_lock lock(framework.mutex);
     for (QueueObject* queue : std::vector<QueueObject*>(device.queues)) {
         if (queue->powerManaged || !onlyPowerManaged) {
-            queue->gone = true;
+            queue->purged = true;
             CancelWaiting(framework, lock, *queue, nullptr, STATUS_CANCELLED);
         }
     }
@@ -86,8 +86,7 @@ void Purge(Framework& framework, DeviceObject& device, bool onlyPowerManaged)
 
 }  // namespace
 
-// Common end of removal and of a failed device add.
-void EndDevice(Framework& framework, DeviceObject& device)
+void DisposeDevice(Framework& framework, DeviceObject& device)
 {
     DropSymbolicLink(framework, device);
     Purge(framework, device, false);
@@ -111,7 +110,7 @@ NTSTATUS AddDevice(Framework& framework, DriverInstance& driver)
         return add(static_cast<WDFDRIVER>(driver.driver->handle), &init);
     });
     if (!NT_SUCCESS(status) && driver.devices.size() > devicesBefore) {
-        EndDevice(framework, *driver.devices.back());
+        DisposeDevice(framework, *driver.devices.back());
     }
     return status;
 }
@@ -159,7 +158,7 @@ void SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
     DropSymbolicLink(framework, device);
     Purge(framework, device, true);
     SetStage(framework, device, DeviceStage::kSurpriseRemoved);
-    TellRemoveComplete(framework, device);
+    NotifyRemoveComplete(framework, device);
 }
 
 void RemoveDevice(Framework& framework, DeviceObject& device)
@@ -170,9 +169,9 @@ void RemoveDevice(Framework& framework, DeviceObject& device)
         }
         CallReleaseHardware(framework, device);
         SetAllInterfaces(framework, device, false);
-        TellRemoveComplete(framework, device);
+        NotifyRemoveComplete(framework, device);
     }
-    EndDevice(framework, device);
+    DisposeDevice(framework, device);
 }
 
 namespace functions {

@@ -62,7 +62,7 @@ struct QueueObject final : Object {
     DeviceObject* device = nullptr;
     WDF_IO_QUEUE_CONFIG config{};
     bool powerManaged = false;
-    bool gone = false;                        // purged: nothing is accepted any more
+    bool purged = false;                      // nothing is accepted any more
     std::deque<RequestObject*> waiting;       // not with the driver yet
     std::vector<RequestObject*> presented;    // with the driver
     std::vector<std::uint64_t> deliveringOn;  // threads that hand requests to the driver now
@@ -88,7 +88,7 @@ struct RequestObject final : Object {
     bool completed = false;
     NTSTATUS status = STATUS_PENDING;
     std::uint64_t information = 0;
-    bool senderGone = false;  // nobody waits for the result any more
+    bool isAbandoned = false;  // nobody waits for the result any more
 };
 
 template <>
@@ -107,10 +107,10 @@ NTSTATUS StartDevice(Framework& framework, DeviceObject& device);
 NTSTATUS SleepDevice(Framework& framework, DeviceObject& device);
 NTSTATUS WakeDevice(Framework& framework, DeviceObject& device);
 void SurpriseRemoveDevice(Framework& framework, DeviceObject& device);
-// Ends the device; on a thread that may park while it waits for work items.
+// Stops the device if it still runs, and disposes it; on a thread that may park while it waits for work items.
 void RemoveDevice(Framework& framework, DeviceObject& device);
-// Common end of removal and of a failed device add.
-void EndDevice(Framework& framework, DeviceObject& device);
+// The last step of a removal, and what follows a failed device add.
+void DisposeDevice(Framework& framework, DeviceObject& device);
 
 NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& type, std::span<std::byte> buffer,
                         std::uint16_t version);
@@ -132,7 +132,7 @@ void Deliver(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObje
 void CancelWaiting(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObject& queue,
                    const FileObjectObject* file, NTSTATUS status);
 
-// Ends a request: its result is there, its queue and its file are told.
+// Completes a request: its result is there, its queue and its file are notified.
 void CompleteRequest(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request, NTSTATUS status,
                      std::uint64_t information);
 

@@ -24,8 +24,8 @@ void PrepareDriverObject(DriverInstance& instance)
     instance.extension.DriverObject = &object;
 }
 
-// The end that a failed entry and an unload share: reports, then unmaps.
-void EndImage(Framework& framework, tracing::Tracing& tracing, DriverInstance& instance)
+// What follows a failed entry and an unload: what is left behind is reported, then the image is unmapped.
+void ReleaseImage(Framework& framework, tracing::Tracing& tracing, DriverInstance& instance)
 {
     const void* base = instance.imageBase;
     const std::size_t sizeBytes = instance.imageSizeBytes;
@@ -76,7 +76,7 @@ DriverInstance& LoadDriver(Framework& framework, tracing::Tracing& tracing, cons
         instance.loaded = true;
         instance.image->SealAfterEntry();
     } else {
-        EndImage(framework, tracing, instance);
+        ReleaseImage(framework, tracing, instance);
     }
     return instance;
 }
@@ -97,7 +97,7 @@ schedule::Outcome UnloadDriver(Framework& framework, tracing::Tracing& tracing, 
         framework.RunOnThread("driver unload", "DriverUnload", reinterpret_cast<const void*>(unload),
                               [&] { unload(&instance.driverObject); });
     if (!outcome.parked) {
-        EndImage(framework, tracing, instance);
+        ReleaseImage(framework, tracing, instance);
     }
     return outcome;
 }

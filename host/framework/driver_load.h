@@ -1,4 +1,4 @@
-// A driver from its image to its end: mapped, entered, unloaded, unmapped.
+// A driver as an image: mapped, entered, unloaded, unmapped.
 #pragma once
 
 #include "host/framework/framework.h"
@@ -8,8 +8,8 @@
 
 namespace host::framework {
 
-// Maps an image and runs its entry point, whose status stands in the instance; after a failed entry the image is gone
-// again. Throws HostError when the image is refused or the service runs already.
+// Maps an image and runs its entry point, whose status stands in the instance; after a failed entry the image is
+// unmapped again. Throws HostError when the image is refused or the service runs already.
 DriverInstance& LoadDriver(Framework& framework, tracing::Tracing& tracing, const std::filesystem::path& file,
                            const std::string& service);
 
@@ -17,7 +17,7 @@ DriverInstance& LoadDriver(Framework& framework, tracing::Tracing& tracing, cons
 // Throws HostError while a device exists.
 schedule::Outcome UnloadDriver(Framework& framework, tracing::Tracing& tracing, DriverInstance& instance);
 
-// Drops a driver without running any of its code: the machine goes. The image stays mapped if threads are parked.
+// Drops a driver without running any of its code, with the machine. The image stays mapped if threads are parked.
 void AbandonDriver(Framework& framework, DriverInstance& instance);
 
 // The framework's share in both, entered through the driver object (driver.cpp).

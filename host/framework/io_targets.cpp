@@ -1,7 +1,7 @@
-// I/O targets: a driver's hold on the device of another, and what it is told when that device shall go or has gone.
+// I/O targets: a driver holds the device of another open, and is notified when that device shall be or is removed.
 //
 // Without callbacks of the driver's own the framework closes the target for the query, opens it again when the removal
-// is cancelled, and closes it when the device has gone.
+// is cancelled, and closes it when the device is removed.
 #include "host/framework/functions.h"
 #include "host/framework/plug_play.h"
 
@@ -56,7 +56,7 @@ NTSTATUS OpenOn(Framework& framework, IoTargetObject& target, DeviceObject& devi
     target.device = &device;
     target.file = file;
     if (device.stage != DeviceStage::kSurpriseRemoved) {
-        return STATUS_SUCCESS;  // a removal from now on is told to this target
+        return STATUS_SUCCESS;  // this target is notified of a removal from now on
     }
     CloseTarget(framework, lock, target, State::kClosed);
     return STATUS_NO_SUCH_DEVICE;
@@ -75,7 +75,7 @@ auto CallBack(Framework& framework, const char* name, Routine routine, const IoT
                              [&] { return routine(static_cast<WDFIOTARGET>(target.handle)); });
 }
 
-void TellCanceled(Framework& framework, IoTargetObject& target, DeviceObject& device)
+void NotifyRemoveCanceled(Framework& framework, IoTargetObject& target, DeviceObject& device)
 {
     if (target.removeCanceled != nullptr) {
         CallBack(framework, "EvtIoTargetRemoveCanceled", target.removeCanceled, target);
@@ -126,13 +126,13 @@ NTSTATUS QueryRemove(Framework& framework, DeviceObject& device)
     }
     if (!NT_SUCCESS(status)) {
         for (IoTargetObject* target : agreed) {
-            TellCanceled(framework, *target, device);
+            NotifyRemoveCanceled(framework, *target, device);
         }
     }
     return status;
 }
 
-void TellRemoveComplete(Framework& framework, DeviceObject& device)
+void NotifyRemoveComplete(Framework& framework, DeviceObject& device)
 {
     std::vector<IoTargetObject*> targets;
     {

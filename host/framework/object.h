@@ -92,7 +92,7 @@ struct WorkItemObject final : Object {
     explicit WorkItemObject(DriverInstance* owner) : Object(ObjectType::kWorkItem, owner) {}
     PFN_WDF_WORKITEM routine = nullptr;
     bool queued = false;
-    bool gone = false;                     // disposal has begun: enqueue is dropped
+    bool disposing = false;                // disposal has begun: enqueue is dropped
     unsigned starting = 0;                 // taken off the queue, not on their thread yet
     std::vector<std::uint64_t> runningOn;  // thread ids
     std::uint64_t callbackThread = 0;  // of the run that began last, until any run ends: all that the framework keeps

@@ -1,7 +1,7 @@
 // IoGetDeviceInterfaces, IoRegisterPlugPlayNotification, IoUnregisterPlugPlayNotificationEx, and the notifications.
 //
-// Arrival and removal are told on a system thread, after the change. Interfaces that exist at registration are told
-// inside the registering call.
+// Routines are notified of arrival and removal on a system thread, after the change; of interfaces that exist at
+// registration inside the registering call.
 #include "host/framework/plug_play.h"
 
 #include "host/image/exports.h"
@@ -30,9 +30,9 @@ std::string GuidText(const GUID& guid)
     return text;
 }
 
-// Calls one routine, which may be unregistered meanwhile. Record and name die when it returns.
-void Tell(Framework& framework, const std::shared_ptr<PlugPlayRegistration>& registration, const GUID& event,
-          const std::string& name)
+// Calls one routine, which may be unregistered meanwhile. Record and name are freed when it returns.
+void Notify(Framework& framework, const std::shared_ptr<PlugPlayRegistration>& registration, const GUID& event,
+            const std::string& name)
 {
     const std::uint64_t self = ThreadState::Current().id;
     {
@@ -92,7 +92,7 @@ void SetInterface(Framework& framework, DeviceObject& device, DeviceInterface& i
     for (const auto& registration : framework.plugPlayRegistrations) {
         if (SameGuid(registration->interfaceClass, interface.interfaceClass)) {
             framework.deferredWork.push_back({nullptr, nullptr, [&framework, registration, enabled, name] {
-                                                  Tell(framework, registration, enabled ? kArrival : kRemoval, name);
+                                                  Notify(framework, registration, enabled ? kArrival : kRemoval, name);
                                               }});
         }
     }
@@ -169,7 +169,7 @@ HOST_EXPORT NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_
         return call.fault()->status;
     }
     if (category != EventCategoryDeviceInterfaceChange) {
-        call.Violation(Rule::kNotProvided, "this host tells of device interfaces only");
+        call.Violation(Rule::kNotProvided, "this host notifies of device interfaces only");
         return STATUS_NOT_IMPLEMENTED;
     }
     Framework& framework = Framework::Current();
@@ -197,7 +197,7 @@ HOST_EXPORT NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_
         }
     }
     for (const std::string& name : existing) {
-        host::framework::Tell(framework, registration, host::framework::kArrival, name);
+        host::framework::Notify(framework, registration, host::framework::kArrival, name);
     }
     return STATUS_SUCCESS;
 }
@@ -212,18 +212,18 @@ HOST_EXPORT NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID entry)
         return registration->entry == reinterpret_cast<std::uintptr_t>(entry);
     });
     if (found == all.end()) {
-        call.Violation(Rule::kCallbackObject, "the entry is no registration, or was given back before");
+        call.Violation(Rule::kCallbackObject, "the entry is no registration, or was unregistered before");
         return STATUS_INVALID_PARAMETER;
     }
     const std::shared_ptr<PlugPlayRegistration> registration = *found;
     all.erase(found);
     registration->removed = true;
-    // The routine may give its own registration back; anybody else waits until it has returned.
+    // The routine may unregister itself; anybody else waits until it has returned.
     const std::uint64_t self = host::ThreadState::Current().id;
     if (std::find(registration->runningOn.begin(), registration->runningOn.end(), self) ==
         registration->runningOn.end()) {
         const host::schedule::Wait wait{
-            .subject = "the end of a plug and play notification",
+            .subject = "the return of a plug and play notification",
             .isReady = [&registration] { return registration->runningOn.empty(); },
             .heldBy = [&registration] { return registration->runningOn; },
         };

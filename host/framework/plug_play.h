@@ -1,4 +1,4 @@
-// Device interfaces as the rest of the system sees them: their names, who hears of their coming and going, and the
+// Device interfaces as the rest of the system sees them: their names, who is notified of arrival and removal, and the
 // drivers that hold a device open through an I/O target.
 #pragma once
 
@@ -36,8 +36,8 @@ inline constexpr ObjectType kTypeOf<IoTargetObject> = ObjectType::kIoTarget;
 // The symbolic name by which an interface is opened.
 [[nodiscard]] std::string InterfaceName(const DeviceObject& device, const DeviceInterface& interface);
 
-// Enables or disables; those who registered for the class hear of a change later, on a system thread. The mutex is
-// held.
+// Enables or disables; those who registered for the class are notified of a change later, on a system thread. The mutex
+// is held.
 void SetInterface(Framework& framework, DeviceObject& device, DeviceInterface& interface, bool enabled);
 
 // Registrations that an unloaded driver left behind: each is reported and dropped.
@@ -47,11 +47,11 @@ void RegisterPlugPlayExports();
 
 // ---- Targets open on a device (io_targets.cpp) ----
 
-// Asks everybody who holds the device, then the device itself; a refusal is told to those who had agreed.
+// Asks everybody who holds the device open, then the device itself; after a refusal those who agreed are notified.
 NTSTATUS QueryRemove(Framework& framework, DeviceObject& device);
 
-// Tells everybody who holds the device, or let go of it for the query, that it has gone.
-void TellRemoveComplete(Framework& framework, DeviceObject& device);
+// Notifies everybody who holds the device open, or closed it for the query, that it is removed.
+void NotifyRemoveComplete(Framework& framework, DeviceObject& device);
 
 // Closes what is open. The lock is released meanwhile.
 void CloseTarget(Framework& framework, std::unique_lock<std::mutex>& lock, IoTargetObject& target,

@@ -9,7 +9,7 @@ void Framework::DisposeQueue(std::unique_lock<std::mutex>& lock, Object& object)
 {
     auto& queue = static_cast<QueueObject&>(object);
     Framework& framework = Framework::Current();
-    queue.gone = true;
+    queue.purged = true;
     CancelWaiting(framework, lock, queue, nullptr, STATUS_CANCELLED);
     // The driver may complete the rest from a work item.
     while (!queue.presented.empty() && !framework.workQueue.empty()) {

@@ -23,19 +23,19 @@ RequestObject& MakeRequest(Framework& framework, DeviceObject& device, RequestKi
     return request;
 }
 
-void EndRequest(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request)
+void DestroyRequest(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request)
 {
     request.deleted = true;
     framework.Finish(lock, request);
 }
 
-// Takes the result; a request that is still with the driver stays.
+// Takes the result; a request that the driver still has is kept.
 RequestResult TakeResult(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request)
 {
     const RequestResult result{request.status, request.information, request.completed};
-    request.senderGone = true;
+    request.isAbandoned = true;
     if (request.completed) {
-        EndRequest(framework, lock, request);
+        DestroyRequest(framework, lock, request);
     }
     return result;
 }
@@ -56,7 +56,7 @@ void Present(Framework& framework, QueueObject& queue, RequestObject& request)
 
 bool MayPresent(const QueueObject& queue)
 {
-    return !queue.waiting.empty() && !queue.gone && (!queue.powerManaged || queue.device->inD0) &&
+    return !queue.waiting.empty() && !queue.purged && (!queue.powerManaged || queue.device->inD0) &&
            (queue.config.DispatchType == WdfIoQueueDispatchParallel ||
             (queue.config.DispatchType == WdfIoQueueDispatchSequential && queue.presented.empty()));
 }
@@ -66,7 +66,7 @@ bool HasHandler(const QueueObject& queue)
     return queue.config.EvtIoDeviceControl != nullptr || queue.config.EvtIoDefault != nullptr;
 }
 
-// EvtFileClose and the end of the file object: the handle is closed and its last request is through.
+// EvtFileClose, then the deletion of the file object: the handle is closed and its last request is completed.
 void FinishClose(Framework& framework, std::unique_lock<std::mutex>& lock, FileObjectObject& file)
 {
     DeviceObject& device = *file.device;
@@ -86,7 +86,7 @@ void Deliver(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObje
 {
     const ThreadState& thread = ThreadState::Current();
     if (std::find(queue.deliveringOn.begin(), queue.deliveringOn.end(), thread.id) != queue.deliveringOn.end()) {
-        return;  // a completion inside the handler: the delivery around it goes on
+        return;  // a completion inside the handler: the delivery around it continues
     }
     if (queue.executionLevel == WdfExecutionLevelPassive && thread.irql > PASSIVE_LEVEL) {
         framework.Reference(queue);
@@ -143,8 +143,8 @@ void CompleteRequest(Framework& framework, std::unique_lock<std::mutex>& lock, R
     if (queue != nullptr) {
         std::erase(queue->presented, &request);
     }
-    if (request.senderGone) {
-        EndRequest(framework, lock, request);
+    if (request.isAbandoned) {
+        DestroyRequest(framework, lock, request);
     }
     framework.waiting.NotifyAll();
     if (file != nullptr && --file->requests == 0 && file->closing) {
@@ -182,7 +182,7 @@ RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObj
         });
         lock.lock();
         if (!request.completed) {
-            request.file = nullptr;  // the opener gives up, and its file object with it
+            request.file = nullptr;  // the opener gives up, and its file object is deleted
         }
         result = TakeResult(framework, lock, request);
     }
@@ -219,7 +219,7 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
     DeviceObject& device = *file.device;
     std::unique_lock lock(framework.mutex);
     QueueObject* queue = device.defaultQueue;
-    if (queue == nullptr || queue->gone || device.stage == DeviceStage::kRemoved) {
+    if (queue == nullptr || queue->purged || device.stage == DeviceStage::kRemoved) {
         return {STATUS_INVALID_DEVICE_STATE, 0, true};
     }
     if (!HasHandler(*queue) && queue->config.DispatchType != WdfIoQueueDispatchManual) {
@@ -234,7 +234,7 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
     framework.Reference(*queue);
     Deliver(framework, lock, *queue);
 
-    // Behind another request a sender waits as long as somebody is at work on the queue.
+    // A sender whose request stands behind another one waits as long as a thread delivers from the queue.
     const auto isSettled = [&] { return request.completed || queue->deliveringOn.empty(); };
     (void)framework.WaitFor(
         lock,
@@ -248,11 +248,11 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
 namespace functions {
 namespace {
 
-// A request goes with its completion, so a second completion finds it dead.
+// A request is destroyed when it is completed, so a second completion finds a dead handle.
 RequestObject* ResolveIncomplete(const PlatformCall& call, Framework& framework, WDFREQUEST handle)
 {
     if (framework.WasRequest(handle)) {
-        call.Violation(Rule::kRequestCompletedTwice, "the request was completed before and is gone");
+        call.Violation(Rule::kRequestCompletedTwice, "the request was completed before and is destroyed");
         return nullptr;
     }
     auto* request = framework.Resolve<RequestObject>(call, handle, "Request");

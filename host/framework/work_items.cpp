@@ -31,7 +31,7 @@ void Framework::RunCallback(WorkItemObject& item)
     Dereference(lock, item);
 }
 
-// Runs a queued item's callback on a thread of the host. The item may go with it, unless it parks.
+// Runs a queued item's callback on a thread of the host. The item may be destroyed by it, unless the thread parks.
 void Framework::RunTaken(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const std::string& threadName,
                          schedule::Outcome& outcome)
 {
@@ -183,7 +183,7 @@ void Framework::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& 
 
 void Framework::DisposeWorkItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item)
 {
-    item.gone = true;
+    item.disposing = true;
     if (item.callbackThread != ThreadState::Current().id) {
         WaitForRuns(lock, item, "work item disposal", reinterpret_cast<const void*>(item.routine));
     }
@@ -256,7 +256,7 @@ void NTAPI WorkItemEnqueue(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
         schedule::Release(&item->queued);
         return;
     }
-    if (item->gone) {
+    if (item->disposing) {
         call.Violation(Rule::kWorkItemGone, Framework::Describe(*item) + " is being deleted; the enqueue is dropped");
         return;
     }

@@ -32,7 +32,8 @@ struct PoolBlock {
     std::size_t sizeBytes;
     std::uint32_t tag;
     bool paged;
-    const void* caller;     // where in the image it was allocated; null once that image has gone without freeing it
+    const void*
+        caller;  // where in the image it was allocated; null once that image is unmapped without having freed it
     bool bySystem = false;  // on the driver's behalf: the driver frees it without its tag
 };
 
@@ -102,7 +103,7 @@ public:
     // Null for an unknown handle or name. The caller holds the mutex.
     CallbackObject* FindCallbackObject(const void* handle);
     CallbackObject* FindCallbackObject(const std::string& lowerCaseName);
-    // Callback objects that nobody references or is registered on are gone. The caller holds the mutex.
+    // Deletes callback objects that nobody references or is registered on. The caller holds the mutex.
     void DropUnusedCallbackObjects();
 
 private:

@@ -131,7 +131,7 @@ std::string GuardedMemory::Free(void* address)
 
     auto* user = static_cast<std::uint8_t*>(address);
     const std::size_t before = CountDamaged(block.begin, user);
-    const std::size_t behind = CountDamaged(user + block.bytes, block.begin + block.rangeBytes);
+    const std::size_t after = CountDamaged(user + block.bytes, block.begin + block.rangeBytes);
     if (block.guarded) {
         --guardedCount_;
         madvise(block.begin, block.rangeBytes, MADV_DONTNEED);
@@ -142,10 +142,10 @@ std::string GuardedMemory::Free(void* address)
         }
         std::free(block.begin);
     }
-    if (before + behind == 0) {
+    if (before + after == 0) {
         return {};
     }
-    return std::to_string(before) + " bytes before and " + std::to_string(behind) + " bytes behind its " +
+    return std::to_string(before) + " bytes before and " + std::to_string(after) + " bytes after its " +
            std::to_string(block.bytes) + " were overwritten";
 }
 

@@ -1,7 +1,7 @@
 // Memory for pool blocks and object contexts that finds overruns and use after free.
 //
-// With guard pages each block ends at an inaccessible page, and its range becomes inaccessible for good when it is
-// freed. The slack in front of and behind a block is filled and checked at free. Without guard pages, or when very many
+// With guard pages each block ends at an inaccessible page, and its range stays inaccessible when it is
+// freed. The slack before and after a block is filled and checked at free. Without guard pages, or when very many
 // blocks are alive, blocks lie on the heap between canaries. Under address sanitizer every block is plain heap.
 #pragma once
 
@@ -29,7 +29,7 @@ public:
     // Never null. Contents are zero or kUninitializedFill. Alignment is a power of two up to 4096.
     [[nodiscard]] void* Allocate(std::size_t bytes, std::size_t alignment, bool zero = true);
 
-    // Empty when the block was intact, else what is wrong with it ("3 bytes behind its 48 were overwritten"). The block
+    // Empty when the block was intact, else what is wrong with it ("3 bytes after its 48 were overwritten"). The block
     // is freed in both cases. An address that is no block: "was never allocated here or is free already".
     [[nodiscard]] std::string Free(void* block);
 
@@ -47,7 +47,7 @@ private:
     mutable std::mutex mutex_;
     std::unordered_map<void*, Block> blocks_;
     std::size_t guardedCount_ = 0;
-    // Address space that guarded blocks are laid into, one behind the other; the last arena is the one in use.
+    // Address space that guarded blocks are laid into, one after the other; the last arena is the one in use.
     struct Arena {
         std::uint8_t* begin;
         std::size_t bytes;

@@ -1,4 +1,4 @@
-// What creation refuses, what the device answers, and the kernel routines that a small driver stands on.
+// What creation refuses, what the device answers, and the kernel routines that a small driver needs.
 #include "samples/probe/probe.h"
 
 static EVT_WDF_WORKITEM NoWork;

@@ -23,7 +23,7 @@ static VOID AskTree(WDFDEVICE device)
     (void)MakeNoted(child, 2, &other);
     (void)MakeNoted(parent, 3, &other);
     WdfObjectDelete(parent);
-    Answer(L"Objects.EndOrder", TakeLog());
+    Answer(L"Objects.DisposalOrder", TakeLog());
 
     // A child with a reference of its own outlives its parent's deletion, but is cleaned up with it.
     if (!NT_SUCCESS(MakeNoted(device, 1, &parent)) || !NT_SUCCESS(MakeNoted(parent, 2, &child))) {
@@ -33,7 +33,7 @@ static VOID AskTree(WDFDEVICE device)
     WdfObjectDelete(parent);
     Answer(L"Objects.ReferencedChild", TakeLog());
     WdfObjectDereference(child);
-    Answer(L"Objects.ReferencedChildEnd", TakeLog());
+    Answer(L"Objects.ReferencedChildDestroyed", TakeLog());
 }
 
 static VOID AskSecondDelete(WDFDEVICE device)
@@ -52,7 +52,7 @@ static VOID AskSecondDelete(WDFDEVICE device)
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, FIRST_CONTEXT);
     Answer(L"Contexts.AllocateOnDeleted", (ULONG)WdfObjectAllocateContext(object, &attributes, NULL));
     WdfObjectDereference(object);
-    Answer(L"Objects.SecondDeleteEnd", TakeLog());
+    Answer(L"Objects.SecondDeleteDestroyed", TakeLog());
 }
 
 static VOID AskContexts(WDFDEVICE device)
@@ -157,7 +157,7 @@ VOID AskCollections(WDFDEVICE device)
     Answer(L"Collections.DeletedItem", TakeLog());
     Answer(L"Collections.DeletedItemStays", WdfCollectionGetFirstItem(collection) == two);
     WdfCollectionRemoveItem(collection, 0);
-    Answer(L"Collections.DeletedItemEnd", TakeLog());
+    Answer(L"Collections.DeletedItemDestroyed", TakeLog());
     Answer(L"Collections.CountAtEnd", WdfCollectionGetCount(collection));
 
     // A deleted collection keeps its items as long as somebody references it.
@@ -167,5 +167,5 @@ VOID AskCollections(WDFDEVICE device)
     WdfObjectDelete(one);
     Answer(L"Collections.ItemOfDeleted", TakeLog());
     WdfObjectDereference(collection);
-    Answer(L"Collections.ItemOfDeletedEnd", TakeLog());
+    Answer(L"Collections.ItemOfDeletedDestroyed", TakeLog());
 }

@@ -30,7 +30,7 @@ static EVT_WDF_DEVICE_D0_EXIT ProbeD0Exit;
 static REGHANDLE g_Provider;
 static WDFKEY g_Key;
 static ULONG g_Log;
-static ULONG g_LifeLog;
+static ULONG g_DeviceLog;
 static ULONG g_FirstD0From;
 
 // ---- Answers ----
@@ -108,14 +108,14 @@ NTSTATUS MakeNoted(WDFOBJECT parent, ULONG digit, WDFOBJECT* object)
 
 // ---- The device's own callbacks: eight notes ----
 
-static VOID NoteLife(ULONG digit)
+static VOID NoteDevice(ULONG digit)
 {
-    g_LifeLog = g_LifeLog << 4 | digit;
+    g_DeviceLog = g_DeviceLog << 4 | digit;
 }
 
 static NTSTATUS NTAPI ProbePrepareHardware(WDFDEVICE device, WDFCMRESLIST, WDFCMRESLIST)
 {
-    NoteLife(1);
+    NoteDevice(1);
     OpenAnswers();
     AskObjects(device);
     AskCollections(device);
@@ -132,46 +132,46 @@ static NTSTATUS NTAPI ProbePrepareHardware(WDFDEVICE device, WDFCMRESLIST, WDFCM
 
 static NTSTATUS NTAPI ProbeD0Entry(WDFDEVICE, WDF_POWER_DEVICE_STATE previous)
 {
-    NoteLife(2);
+    NoteDevice(2);
     g_FirstD0From = previous;
     return STATUS_SUCCESS;
 }
 
 static NTSTATUS NTAPI ProbeD0Exit(WDFDEVICE, WDF_POWER_DEVICE_STATE)
 {
-    NoteLife(3);
+    NoteDevice(3);
     return STATUS_SUCCESS;
 }
 
 static NTSTATUS NTAPI ProbeReleaseHardware(WDFDEVICE, WDFCMRESLIST)
 {
-    NoteLife(4);
+    NoteDevice(4);
     return STATUS_SUCCESS;
 }
 
 static VOID NTAPI ChildCleanup(WDFOBJECT)
 {
-    NoteLife(5);
+    NoteDevice(5);
 }
 
 static VOID NTAPI DeviceCleanup(WDFOBJECT)
 {
-    NoteLife(6);
+    NoteDevice(6);
 }
 
 static VOID NTAPI ChildDestroy(WDFOBJECT)
 {
-    NoteLife(7);
+    NoteDevice(7);
 }
 
 static VOID NTAPI DeviceDestroy(WDFOBJECT)
 {
-    NoteLife(8);
+    NoteDevice(8);
 }
 
 static NTSTATUS NTAPI ProbeDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit)
 {
-    g_LifeLog = 0;
+    g_DeviceLog = 0;
     WDF_PNPPOWER_EVENT_CALLBACKS power;
     WDF_PNPPOWER_EVENT_CALLBACKS_INIT(&power);
     power.EvtDevicePrepareHardware = ProbePrepareHardware;
@@ -203,8 +203,8 @@ static NTSTATUS NTAPI ProbeDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit)
 static VOID NTAPI ProbeUnload(WDFDRIVER)
 {
     OpenAnswers();
-    Answer(L"Life.FirstD0EntryFrom", g_FirstD0From);
-    Answer(L"Life.Order", g_LifeLog);
+    Answer(L"Device.FirstD0EntryFrom", g_FirstD0From);
+    Answer(L"Device.CallbackOrder", g_DeviceLog);
     CloseAnswers();
     (void)EtwUnregister(g_Provider);
 }

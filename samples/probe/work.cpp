@@ -34,11 +34,11 @@ static VOID NTAPI CountingWork(WDFWORKITEM item)
     (void)KeDelayExecutionThread(KernelMode, FALSE, &interval);
 }
 
-// Waits, a few seconds at most, until something counted on another thread is there.
-static ULONG Comes(ULONG (*isThere)(const WORK_CONTEXT*), const WORK_CONTEXT* work)
+// Waits, a few seconds at most, until another thread has done something.
+static ULONG Happens(ULONG (*isDone)(const WORK_CONTEXT*), const WORK_CONTEXT* work)
 {
     for (ULONG round = 0; round < 300; ++round) {
-        if (isThere(work)) {
+        if (isDone(work)) {
             return 1;
         }
         LARGE_INTEGER interval = Milliseconds(10);
@@ -60,7 +60,7 @@ static VOID NTAPI OverlappingWork(WDFWORKITEM item)
     WORK_CONTEXT* work = Work(item);
     if (__atomic_fetch_add(&work->Runs, 1, __ATOMIC_ACQ_REL) == 0) {
         WdfWorkItemEnqueue(item);
-        work->Overlapped = Comes(IsSecondRun, work);
+        work->Overlapped = Happens(IsSecondRun, work);
     }
 }
 
@@ -74,7 +74,7 @@ static EVT_WDF_WORKITEM NotingWork;
 // Gives the clean-up of the item's child time to come first, if it does.
 static VOID NTAPI NotingWork(WDFWORKITEM item)
 {
-    (void)Comes(IsNoted, Work(item));
+    (void)Happens(IsNoted, Work(item));
     Note(7);
 }
 
@@ -118,7 +118,7 @@ static NTSTATUS MakeWork(WDFDEVICE device, PFN_WDF_WORKITEM routine, WDFWORKITEM
     return MakeWorkWith(device, routine, NULL, NULL, item);
 }
 
-// An item with a child that is deleted while a run is queued: who comes first.
+// An item with a child, deleted while a run is queued: which callback is first.
 static VOID AskItemWithChild(WDFDEVICE device)
 {
     WDFWORKITEM item = NULL;

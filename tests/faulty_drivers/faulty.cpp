@@ -1,4 +1,4 @@
-// The frame of the driver that breaks rules: an ordinary small driver, correct in itself.
+// The faulty driver without its faults: an ordinary small driver, correct in itself.
 #include "tests/faulty_drivers/scenarios.h"
 
 namespace {

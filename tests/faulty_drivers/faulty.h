@@ -1,4 +1,4 @@
-// What the driver that breaks rules shares with its tests: one interface, by which a test picks a scenario, takes over
+// What the faulty driver shares with its tests: one interface, by which a test picks a scenario, takes over
 // the driver's callbacks, or calls the framework with the driver's own table and globals.
 #pragma once
 
@@ -44,7 +44,7 @@ enum class Scenario : ULONG {
     kLeavesRegistration,
     kLeavesReference,
     kLeavesTracing,
-    // These do not come back.
+    // These do not return.
     kTouchesHandle,
     kTouchesFreedContext,
     kTouchesBehindPool,
@@ -63,7 +63,7 @@ enum Control : ULONG {
     kNeverCompletes = 16,
 };
 
-// The driver's callbacks go on to these when they are set.
+// The driver's callbacks call these when they are set.
 struct FaultyHooks {
     void(NTAPI* Work)(WDFWORKITEM item);
     void(NTAPI* FileCreate)(WDFREQUEST request, WDFFILEOBJECT file);
@@ -83,6 +83,6 @@ struct FaultyTable {
     WDFREQUEST* Pending;  // the last request that was kept
 };
 
-struct BROKEN_CONTEXT {
+struct FAULTY_CONTEXT {
     ULONG Numbers[10];
 };

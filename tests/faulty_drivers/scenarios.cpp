@@ -1,17 +1,17 @@
 // One function for each rule that the driver can break; reports name it as the caller.
 #include "tests/faulty_drivers/scenarios.h"
 
-WDF_DECLARE_CONTEXT_TYPE(BROKEN_CONTEXT)
+WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
 
 namespace {
 
-constexpr ULONG kTag = 'nkrB';
+constexpr ULONG kTag = 'ytlF';
 constexpr ULONG kOtherTag = 'rhtO';
 
 WDFOBJECT NewObject()
 {
     WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, BROKEN_CONTEXT);
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
     WDFOBJECT object = nullptr;
     (void)WdfObjectCreate(&attributes, &object);
     return object;
@@ -122,7 +122,7 @@ void ReferenceUnderflow()
     WdfObjectDereference(NewObject());
 }
 
-// The reference that goes is the collection's.
+// The reference that is dropped is the collection's.
 void StolenReference()
 {
     const WDFOBJECT object = NewObject();
@@ -316,7 +316,7 @@ void TouchesHandle()
 void TouchesFreedContext()
 {
     const WDFOBJECT object = NewObject();
-    const volatile BROKEN_CONTEXT* context = WdfObjectGet_BROKEN_CONTEXT(object);
+    const volatile FAULTY_CONTEXT* context = WdfObjectGet_FAULTY_CONTEXT(object);
     WdfObjectDelete(object);
     g_sink = context->Numbers[0];
 }

@@ -62,7 +62,7 @@ TEST(ControlledScheduler, RandomPrioritiesFindItToo)
     EXPECT_EQ(random.Count(), 200u);
 }
 
-// Two threads that take two locks in opposite orders, in one schedule: how many of them stood still for ever.
+// Two threads that take two locks in opposite orders, in one schedule: how many of them are parked.
 unsigned RunCircle(ControlledScheduler& scheduler)
 {
     FaultyDriverFixture fixture;
@@ -111,7 +111,7 @@ TEST(ControlledScheduler, RefusesAScheduleThatIsNone)
     EXPECT_THROW(ControlledScheduler({.replay = "locks 12>"}), host::HostError);
 }
 
-TEST(ControlledScheduler, AScheduleThatIsLeftIsNoResult)
+TEST(ControlledScheduler, AScheduleThatTheThreadsDoNotFollowIsNoResult)
 {
     // Of other code: no such point, or no such thread there.
     for (const char* schedule : {"locks 500>1", "locks 0>7"}) {

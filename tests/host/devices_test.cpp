@@ -6,7 +6,7 @@ namespace {
 
 using Steps = std::vector<std::string>;
 
-TEST(Devices, SleepWakeAndGoInTheFrameworksOrder)
+TEST(Devices, SleepWakeAndAreRemovedInTheFrameworksOrder)
 {
     FaultyDriverFixture fixture;
     EXPECT_EQ(fixture.driver.Sleep(), STATUS_SUCCESS);
@@ -18,7 +18,7 @@ TEST(Devices, SleepWakeAndGoInTheFrameworksOrder)
     EXPECT_EQ(fixture.TakeSteps(), Steps{"cleanup"});
 }
 
-TEST(Devices, ASleepingOneIsNotPutToSleepAgainWhenItGoes)
+TEST(Devices, ASleepingOneIsNotPutToSleepAgainByItsRemoval)
 {
     FaultyDriverFixture fixture;
     (void)fixture.driver.Sleep();
@@ -73,11 +73,11 @@ TEST(Devices, RefusalsOfStopAndRemoveAreCounted)
     EXPECT_EQ(fixture.driver.QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
 }
 
-TEST(Devices, SymbolicLinksAreGivenOnceAndTakenBackAtRemoval)
+TEST(Devices, SymbolicLinksAreCreatedOnceAndDeletedAtRemoval)
 {
     FaultyDriverFixture fixture;
     UNICODE_STRING name;
-    RtlInitUnicodeString(&name, u"\\DosDevices\\Broken");
+    RtlInitUnicodeString(&name, u"\\DosDevices\\Faulty");
     EXPECT_EQ(WdfDeviceCreateSymbolicLink(fixture.table.Device, &name), STATUS_SUCCESS);
     EXPECT_EQ(WdfDeviceCreateSymbolicLink(fixture.table.Device, &name), STATUS_INVALID_DEVICE_REQUEST);
     ASSERT_EQ(fixture.driver.AddDevice(), STATUS_SUCCESS);  // beside the first
@@ -307,14 +307,14 @@ TEST(Files, WhoseCreateFailsLeaveNoObjectAndAreNotClosed)
     EXPECT_FALSE(fixture.machine.inspect().Find(seen).has_value());
 }
 
-TEST(Keys, GiveNumbersOfTheRightTypeAndAreGoneWhenClosed)
+TEST(Keys, GiveNumbersOfTheRightTypeAndAreDeadWhenClosed)
 {
     FaultyDriverFixture fixture;
     WDFKEY key = nullptr;
     constexpr ACCESS_MASK kRead = KEY_READ;
     EXPECT_EQ(WdfDriverOpenParametersRegistryKey(WdfGetDriver(), kRead, nullptr, &key), STATUS_OBJECT_NAME_NOT_FOUND);
-    fixture.machine.SetRegistryValue("broken", "Number", 7);
-    fixture.machine.SetRegistryString("broken", "Text", "7");
+    fixture.machine.SetRegistryValue("faulty", "Number", 7);
+    fixture.machine.SetRegistryString("faulty", "Text", "7");
     ASSERT_EQ(WdfDriverOpenParametersRegistryKey(WdfGetDriver(), kRead, nullptr, &key), STATUS_SUCCESS);
     const auto query = [&](const WCHAR* name, ULONG& number) {
         UNICODE_STRING text;
@@ -329,8 +329,8 @@ TEST(Keys, GiveNumbersOfTheRightTypeAndAreGoneWhenClosed)
 
     // Data that do not fill the number are no error, data that exceed it are one.
     constexpr std::byte kOne{1};
-    fixture.machine.SetRegistryData("broken", "Short", host::kernel::kTypeDword, {kOne});
-    fixture.machine.SetRegistryData("broken", "Long", host::kernel::kTypeDword, std::vector(8, kOne));
+    fixture.machine.SetRegistryData("faulty", "Short", host::kernel::kTypeDword, {kOne});
+    fixture.machine.SetRegistryData("faulty", "Long", host::kernel::kTypeDword, std::vector(8, kOne));
     EXPECT_EQ(query(u"Short", number), STATUS_SUCCESS);
     EXPECT_EQ(number & 0xFF, 1u);
     EXPECT_EQ(query(u"Long", number), STATUS_BUFFER_OVERFLOW);
@@ -388,7 +388,7 @@ TEST(Strings, MustBeWholeCharactersWithinABuffer)
 TEST(Drivers, WithoutATagGetTheFirstLettersOfTheirName)
 {
     FaultyDriverFixture fixture;
-    EXPECT_EQ(fixture.driver.PoolTag(), 0x6B6F7262u);  // "brok" in memory
+    EXPECT_EQ(fixture.driver.PoolTag(), 0x6C756166u);  // "faul" in memory
 }
 
 TEST(Drivers, WithFlagsThatDoNotExistAreRefused)
@@ -397,7 +397,7 @@ TEST(Drivers, WithFlagsThatDoNotExistAreRefused)
     WDF_DRIVER_CONFIG config;
     WDF_DRIVER_CONFIG_INIT(&config, nullptr);
     UNICODE_STRING path;
-    RtlInitUnicodeString(&path, u"\\Registry\\broken");
+    RtlInitUnicodeString(&path, u"\\Registry\\faulty");
     const auto create = [&] {
         return WdfDriverCreate(WdfDriverWdmGetDriverObject(WdfGetDriver()), &path, nullptr, &config, nullptr);
     };
@@ -440,7 +440,7 @@ TEST(Providers, OfOneIdentifierMayBeRegisteredTwice)
 TEST(Binding, RefusesAClientNewerThanTheFramework)
 {
     host::Machine machine({.frameworkMinor = 13});
-    const host::Driver& driver = machine.Load(FAULTY_DRIVER, "broken");
+    const host::Driver& driver = machine.Load(FAULTY_DRIVER, "faulty");
     EXPECT_FALSE(NT_SUCCESS(driver.EntryStatus()));
     EXPECT_FALSE(driver.IsLoaded());
     EXPECT_EQ(machine.violations().Count(), 0u);
@@ -453,7 +453,7 @@ TEST(Faults, StrikeTheNamedCallOfTheNamedFunctionOnce)
     fault.function = "WdfWorkItemCreate";
     fault.caller = "CreateParts";
     machine.faults().Add(fault);
-    host::Driver& driver = machine.Load(FAULTY_DRIVER, "broken");
+    host::Driver& driver = machine.Load(FAULTY_DRIVER, "faulty");
     EXPECT_EQ(driver.AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_FALSE(driver.HasDevice());
     EXPECT_EQ(driver.AddDevice(), STATUS_SUCCESS);

@@ -21,7 +21,7 @@ NTSTATUS NTAPI RecordStep(const char* step)
 std::string failingStep;
 
 FaultyDriverFixture::FaultyDriverFixture(host::MachineOptions options)
-    : machine(options), driver(machine.Boot(FAULTY_DRIVER, "broken"))
+    : machine(options), driver(machine.Boot(FAULTY_DRIVER, "faulty"))
 {
     EXPECT_EQ(driver.QueryInterface(kFaultyInterface, std::as_writable_bytes(std::span(&table, 1)), 2), STATUS_SUCCESS);
     WdfFunctions_01015 = table.Functions;
@@ -33,15 +33,15 @@ FaultyDriverFixture::FaultyDriverFixture(host::MachineOptions options)
 
 FaultyDriverFixture::~FaultyDriverFixture()
 {
-    if (!ended_) {
-        End();
+    if (!isDown_) {
+        TakeDown();
     }
     EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
 }
 
-void FaultyDriverFixture::End()
+void FaultyDriverFixture::TakeDown()
 {
-    ended_ = true;
+    isDown_ = true;
     if (driver.HasDevice()) {
         driver.SurpriseRemoveDevice();
         EXPECT_FALSE(driver.RemoveDevice().parked);
@@ -51,7 +51,7 @@ void FaultyDriverFixture::End()
 
 void NoteFaulty(Rule rule)
 {
-    const std::filesystem::path folder = ZEPN_RULES_BROKEN;
+    const std::filesystem::path folder = ZEPN_RULES_PROVEN;
     std::filesystem::create_directories(folder);
     std::ofstream(folder / Name(rule)) << "";
 }

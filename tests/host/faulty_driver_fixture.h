@@ -1,4 +1,4 @@
-// A machine with the rule-breaking driver started. The test may call the framework as that driver: wdf.h's functions go
+// A machine with the faulty driver started. The test may call the framework as that driver: wdf.h's functions go
 // through the driver's own table and globals, which every new fixture puts in place.
 #pragma once
 
@@ -26,23 +26,24 @@ inline constexpr bool kSanitized = false;
 inline constexpr bool kSanitized = false;
 #endif
 
-// Leaves word that a driver broke this rule in its own code and was caught, for the test every_rule_has_a_faulty_driver.
+// Writes a mark that the faulty driver broke this rule in its own code and was caught, for the test
+// every_rule_has_a_faulty_driver.
 void NoteFaulty(Rule rule);
 
 class FaultyDriverFixture {
 public:
     explicit FaultyDriverFixture(host::MachineOptions options = {});
 
-    // Takes the driver down unless End has, and expects that nothing is left to report.
+    // Takes the driver down unless that is done, and expects that nothing is left to report.
     ~FaultyDriverFixture();
     FaultyDriverFixture(const FaultyDriverFixture&) = delete;
     FaultyDriverFixture& operator=(const FaultyDriverFixture&) = delete;
 
     // Surprise removal, removal and unload.
-    void End();
+    void TakeDown();
 
     // The driver cannot be taken down: one of its threads is parked.
-    void Abandon() { ended_ = true; }
+    void Abandon() { isDown_ = true; }
 
     // The rules of all violations so far, oldest first, which are taken; Text shows them.
     std::vector<Rule> TakeRules();
@@ -52,7 +53,7 @@ public:
     // driver that broke it: a function of the driver's, or none (empty) for what the driver has not done.
     Violation TakeFaulty(Rule rule, const std::string& place, std::size_t count = 1);
 
-    // Runs driver code on a thread of its own and expects that it comes back.
+    // Runs driver code on a thread of its own and expects that it returns.
     void OnThread(const std::string& name, const std::function<void()>& work);
 
     // What the driver's power and plug-and-play callbacks were called for since the last call.
@@ -64,7 +65,7 @@ public:
 
 private:
     std::string text_;
-    bool ended_ = false;
+    bool isDown_ = false;
 };
 
 // The driver's callbacks for plug and play fail at this step; empty: none.

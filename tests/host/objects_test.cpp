@@ -1,7 +1,7 @@
 // Objects, references, contexts and collections, in the corners that decide what a driver may rely on.
 #include "tests/host/faulty_driver_fixture.h"
 
-WDF_DECLARE_CONTEXT_TYPE(BROKEN_CONTEXT)
+WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
 
 namespace tests {
 namespace {
@@ -51,7 +51,7 @@ WDF_OBJECT_ATTRIBUTES Attributes()
     return attributes;
 }
 
-TEST(Objects, EndChildrenBeforeParentsAndCleanUpBeforeTheyDestroy)
+TEST(Objects, AreDisposedChildrenFirstAndDestroyedAfterwards)
 {
     FaultyDriverFixture fixture;
     g_order.clear();
@@ -71,7 +71,7 @@ TEST(Objects, CallbacksFromTheCreationComeBeforeThoseOfLaterContexts)
     g_order.clear();
     const WDFOBJECT object = NewNamed<'1'>(nullptr);  // without a context of its own
     WDF_OBJECT_ATTRIBUTES attributes = Attributes();
-    WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, BROKEN_CONTEXT);
+    WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
     attributes.EvtCleanupCallback = Cleanup<'2'>;
     attributes.EvtDestroyCallback = Destroy<'2'>;
     ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, nullptr), STATUS_SUCCESS);
@@ -121,12 +121,12 @@ TEST(Objects, UnloadWaitsForDisposalsThatAreStillDeferred)
         const host::ScopedIrql level(DISPATCH_LEVEL);
         WdfObjectDelete(object);
     }
-    fixture.End();
+    fixture.TakeDown();
     EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "destroy 1"}));
     EXPECT_EQ(fixture.machine.QueuedWorkItems(), 0u);
 }
 
-TEST(Objects, ASiblingDeletedDuringTheParentsEndIsCleanedUpAndDestroyedOnce)
+TEST(Objects, ASiblingDeletedDuringTheParentsDisposalIsCleanedUpAndDestroyedOnce)
 {
     FaultyDriverFixture fixture;
     g_order.clear();
@@ -271,16 +271,16 @@ TEST(Contexts, AreZeroFoundByTypeAndAttachedOnce)
 {
     FaultyDriverFixture fixture;
     const WDFOBJECT object = NewObject();
-    EXPECT_EQ(WdfObjectGet_BROKEN_CONTEXT(object), nullptr);
+    EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(object), nullptr);
 
     WDF_OBJECT_ATTRIBUTES attributes = Attributes();
     PVOID memory = nullptr;
     EXPECT_EQ(WdfObjectAllocateContext(object, nullptr, &memory), STATUS_WDF_PARENT_NOT_SPECIFIED);
     EXPECT_EQ(WdfObjectAllocateContext(object, &attributes, &memory), STATUS_OBJECT_NAME_INVALID);
-    WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, BROKEN_CONTEXT);
+    WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
     ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, &memory), STATUS_SUCCESS);
-    EXPECT_EQ(static_cast<BROKEN_CONTEXT*>(memory)->Numbers[9], 0u);
-    EXPECT_EQ(WdfObjectGet_BROKEN_CONTEXT(object), memory);
+    EXPECT_EQ(static_cast<FAULTY_CONTEXT*>(memory)->Numbers[9], 0u);
+    EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(object), memory);
     EXPECT_EQ(WdfObjectContextGetObject(memory), object);
 
     PVOID again = nullptr;
@@ -289,7 +289,7 @@ TEST(Contexts, AreZeroFoundByTypeAndAttachedOnce)
 
     WdfObjectReference(object);
     WdfObjectDelete(object);
-    EXPECT_EQ(WdfObjectGet_BROKEN_CONTEXT(object), memory);
+    EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(object), memory);
     WdfObjectDereference(object);
 }
 

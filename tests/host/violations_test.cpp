@@ -66,7 +66,7 @@ constexpr Breach kBreaches[] = {
     {"WrongType", Scenario::kWrongType, Rule::kWrongHandleType, "WdfCollectionGetCount",
      "is wait lock #1, not a collection"},
     {"DeadHandle", Scenario::kDeadHandle, Rule::kDeadHandle, "WdfObjectReferenceActual",
-     "was a general object (BROKEN_CONTEXT) that is gone"},
+     "was a general object (FAULTY_CONTEXT) that is gone"},
     {"ForeignHandle", Scenario::kForeignHandle, Rule::kForeignHandle, "WdfObjectDelete", "was never handed out"},
     {"RequiredParameter", Scenario::kRequiredParameter, Rule::kRequiredParameter, "WdfObjectCreate", "Object is null"},
     {"BadParameter", Scenario::kBadParameter, Rule::kBadParameter, "ExAllocatePoolWithTag", "the pool tag is 0"},
@@ -95,10 +95,10 @@ constexpr Breach kBreaches[] = {
      "waits for wait lock #1, held by peer: nobody can ever end this wait", true, true, kWorker, 2},
     {"EnqueuesItself", Scenario::kWorkItemGone, Rule::kWorkItemGone, "WdfWorkItemEnqueue",
      "is being deleted; the enqueue is dropped", false, true, kWorker},
-    {"PoolWrongTag", Scenario::kPoolWrongTag, Rule::kPoolWrongTag, "ExFreePoolWithTag", "\"Brkn\" is freed with tag"},
+    {"PoolWrongTag", Scenario::kPoolWrongTag, Rule::kPoolWrongTag, "ExFreePoolWithTag", "\"Flty\" is freed with tag"},
     {"PoolDoubleFree", Scenario::kPoolDoubleFree, Rule::kPoolBadFree, "ExFreePoolWithTag", "no pool block"},
     {"PoolOverrun", Scenario::kPoolOverrun, Rule::kPoolCorrupted, "ExFreePoolWithTag",
-     "1 bytes behind its 40 were overwritten", false, false},
+     "1 bytes after its 40 were overwritten", false, false},
     {"TraceHandle", Scenario::kTraceHandle, Rule::kTraceHandle, "EtwWrite", "not registered"},
     {"TraceNull", Scenario::kTraceNull, Rule::kTraceArguments, "EtwRegister", "a required pointer is null"},
     {"CallbackStranger", Scenario::kCallbackStranger, Rule::kCallbackObject, "ExRegisterCallback",
@@ -135,18 +135,18 @@ TEST_P(Leftovers, AreReportedAtUnload)
     fixture.OnThread("peer", [&] { fixture.table.Run(GetParam().scenario); });
     ASSERT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 
-    fixture.End();
+    fixture.TakeDown();
     const Violation violation = fixture.TakeFaulty(GetParam().rule, GetParam().place);
     EXPECT_EQ(violation.function, "unload");
     EXPECT_NE(violation.message.find(GetParam().message), std::string::npos) << violation.message;
 }
 
 constexpr Leftover kLeftovers[] = {
-    {"Pool", Scenario::kLeavesPool, Rule::kLeak, "40 bytes of pool with tag \"Brkn\"", "LeavesPool"},
+    {"Pool", Scenario::kLeavesPool, Rule::kLeak, "40 bytes of pool with tag \"Flty\"", "LeavesPool"},
     {"CallbackRegistration", Scenario::kLeavesRegistration, Rule::kUnloadRegistration, "\\callback\\powerstate",
      "LeavesRegistration"},
     {"ObjectReference", Scenario::kLeavesReference, Rule::kReferenceLeak,
-     "general object #1 (BROKEN_CONTEXT) was deleted, but 1 references keep it", ""},
+     "general object #1 (FAULTY_CONTEXT) was deleted, but 1 references keep it", ""},
     {"TraceRegistration", Scenario::kLeavesTracing, Rule::kUnloadRegistration, "event provider is still registered",
      "LeavesTracing"},
 };
@@ -195,7 +195,7 @@ constexpr Fault kFaults[] = {
 INSTANTIATE_TEST_SUITE_P(Of, MemoryFaults, testing::ValuesIn(kFaults),
                          [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
 
-// Without an end that the compiler can see.
+// A recursion without an end that the compiler can see.
 int Deep(int depth)
 {
     volatile char page[4096] = {static_cast<char>(depth)};
@@ -216,18 +216,18 @@ TEST(MemoryFaults, PrintCrashContexts)
             return "never";
         });
         {
-            const CrashContext gone([] { return "gone"; });
+            const CrashContext over([] { return "over"; });
         }
         const CrashContext inner([] { return "inner"; });
         fixture.machine.OnThread("peer", work);
     };
-    const char* told = "inner\nanother fault while telling of the first\nouter\n$";
-    EXPECT_EXIT(end(&TouchNothing), testing::ExitedWithCode(4), told);
-    EXPECT_EXIT(end([] { (void)Deep(0); }), testing::ExitedWithCode(4), told);  // no stack left
+    const char* printed = "inner\nanother fault while telling of the first\nouter\n$";
+    EXPECT_EXIT(end(&TouchNothing), testing::ExitedWithCode(4), printed);
+    EXPECT_EXIT(end([] { (void)Deep(0); }), testing::ExitedWithCode(4), printed);  // no stack left
     EXPECT_EXIT(
         {
             FaultyDriverFixture fixture;
-            const CrashContext words([] { return "aborted"; });
+            const CrashContext context([] { return "aborted"; });
             std::abort();
         },
         testing::KilledBySignal(SIGABRT), "aborted\n");

@@ -59,7 +59,7 @@ TEST(WaitLocks, ALockThatACallbackKeptParksItsNextTaker)
     EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});
 }
 
-TEST(WaitLocks, ACircleOfTwoParksBothAndItsOrderIsReported)
+TEST(WaitLocks, ADeadlockOfTwoParksBothAndTheirOrderIsReported)
 {
     FaultyDriverFixture fixture;
     const WDFWAITLOCK first = NewLock();
@@ -107,7 +107,7 @@ TEST(WaitLocks, ADeclaredOrderIsHeldToFromTheFirstTime)
     EXPECT_THROW(fixture.machine.RankLock(reinterpret_cast<WDFWAITLOCK>(NewObject()), 1), host::HostError);
 }
 
-TEST(WaitLocks, AMainThreadThatCanNeverGoOnEndsTheProcess)
+TEST(WaitLocks, AMainThreadInADeadlockEndsTheProcess)
 {
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(

@@ -1,5 +1,5 @@
-// The watchdog: which processes it ends, and which it leaves alone. Each case runs in a process of its own, whose exit
-// says what became of it. Where nothing may end the process, several limits pass first; where something must, the
+// The watchdog: which processes it ends, and which it does not. Each case runs in a process of its own, whose exit
+// status is the result. Where nothing may end the process, several limits pass first; where something must, the
 // process ends by itself, with another status, only after a time that no machine is slow enough to need.
 #include "host/checks/crash.h"
 #include "host/checks/watchdog.h"
@@ -82,7 +82,7 @@ void WaitForAChildThatWorks()
 {
     {
         const Watchdog watchdog(kLimit);
-        const CrashContext words([] { return "the seventh sequence"; });
+        const CrashContext context([] { return "the seventh sequence"; });
         work();
     }
     _exit(0);
@@ -112,7 +112,7 @@ TEST_F(Watchdogs, EndAProcessWhoseProgressStops)
                     Work(kWithoutEnd, DoNothing);
                 }),
                 testing::KilledBySignal(SIGALRM), "it uses the processor");
-    // A child that is gone is none to wait for.
+    // A child that has exited is none to wait for.
     EXPECT_EXIT(EndAfter([] {
                     WaitForAChildThatWorks();
                     Wait(kWithoutEnd, DoNothing);
@@ -134,7 +134,7 @@ TEST_F(Watchdogs, LeaveAProcessThatWaitsForItsChild)
     EXPECT_EXIT(EndAfter(WaitForAChildThatWorks), testing::ExitedWithCode(0), "^$");
 }
 
-TEST_F(Watchdogs, LeaveAProcessInWhichTheyAreNoMore)
+TEST_F(Watchdogs, LeaveAProcessAfterTheirDestruction)
 {
     EXPECT_EXIT(
         {

@@ -141,7 +141,7 @@ TEST_P(Samples, FailedJoinLetsTheNotifierGo)
     }
 }
 
-// In the form of Windows' own tool: "    Life.Order    REG_DWORD    0x12345678".
+// In the form of Windows' own tool: "    Device.CallbackOrder    REG_DWORD    0x12345678".
 std::string ProbeAnswers(const host::Machine& machine)
 {
     std::ostringstream text;
