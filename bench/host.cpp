@@ -27,10 +27,10 @@ double SecondsOf(const std::function<void()>& work)
 
 double RandomOperationsPerSecond(Subject subject, bool isQuick)
 {
-    fuzz::Totals totals;
+    model::Totals totals;
     const double seconds = SecondsOf([&] {
-        const fuzz::Budget budget{.seed = 1, .lives = isQuick ? 50u : 500u};
-        if (fuzz::Search(budget, ImageOf(subject), totals)) {
+        const model::Budget budget{.seed = 1, .sequences = isQuick ? 50u : 500u};
+        if (model::Search(budget, ImageOf(subject), totals)) {
             throw std::runtime_error("a random life went wrong: ./zepn fuzz --seed 1 tells more");
         }
     });
