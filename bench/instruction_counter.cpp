@@ -27,14 +27,25 @@ void OnStep(int, siginfo_t*, void* context)
     }
 }
 
-// Switches on the threads that run work items.
+// Switches on the system threads that run work items; one that counts already goes on counting.
 class Stepper final : public host::schedule::Controller {
 public:
     void OnYield(host::schedule::YieldKind kind, const char*) override
     {
         if (kind == host::schedule::YieldKind::kThreadBegins) {
-            host::schedule::BeginSingleSteps();
+            Begin();
         } else if (kind == host::schedule::YieldKind::kThreadEnds) {
+            End();
+        }
+    }
+    static void Begin()
+    {
+        ++t_depth;
+        host::schedule::BeginSingleSteps();
+    }
+    static void End()
+    {
+        if (--t_depth == 0) {
             host::schedule::EndSingleSteps();
         }
     }
@@ -43,6 +54,9 @@ public:
         lock.unlock();
         lock.lock();
     }
+
+private:
+    static inline thread_local unsigned t_depth = 0;
 };
 
 Stepper g_stepper;
@@ -75,9 +89,9 @@ std::uint64_t InstructionCounter::Count(const std::function<void()>& work)
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     sigaction(SIGTRAP, &action, &before);
     host::schedule::theController.store(&g_stepper);
-    host::schedule::BeginSingleSteps();
+    Stepper::Begin();
     work();
-    host::schedule::EndSingleSteps();
+    Stepper::End();
     host::schedule::theController.store(nullptr);
     sigaction(SIGTRAP, &before, nullptr);
     std::uint64_t sum = 0;

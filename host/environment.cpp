@@ -56,9 +56,10 @@ ThreadState::ThreadState() : id(g_nextThreadId++)
 {
 }
 
-ThreadState& ThreadState::Current()
+ThreadState& ThreadState::OfSystemThread()
 {
     thread_local ThreadState state;
+    current_ = &state;
     return state;
 }
 

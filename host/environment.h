@@ -15,6 +15,8 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace host {
 
@@ -88,9 +90,19 @@ struct ThreadState {
     std::string name = "main";
     KIRQL irql = PASSIVE_LEVEL;
     int criticalRegions = 0;  // wait locks entered and not left
+    // The wait locks that it holds, in the order taken. Handles, for a lock may go while it is held.
+    std::vector<void*> heldLocks;
+    unsigned scheduledAs = ~0u;  // which thread of a controlled schedule it runs for; ~0: none
 
     ThreadState();
-    static ThreadState& Current();
+    static ThreadState& Current() { return current_ != nullptr ? *current_ : OfSystemThread(); }
+
+    // Makes the calling system thread run as another thread; returns what it ran as before.
+    static ThreadState* Exchange(ThreadState* next) { return std::exchange(current_, next); }
+
+private:
+    static ThreadState& OfSystemThread();
+    static inline constinit thread_local ThreadState* current_ = nullptr;
 };
 
 // Raises the calling thread's level for a scope: how a test calls an operation at DISPATCH_LEVEL.

@@ -14,18 +14,9 @@ using checks::Rule;
 
 namespace {
 
-// The locks that the calling thread holds, in the order taken. Handles, for a lock may go while it is held.
 std::vector<WDFOBJECT>& HeldLocks()
 {
-    struct Held {
-        std::uint64_t threadId = 0;
-        std::vector<WDFOBJECT> locks;
-    };
-    thread_local Held held;
-    if (held.threadId != ThreadState::Current().id) {
-        held = {ThreadState::Current().id, {}};
-    }
-    return held.locks;
+    return ThreadState::Current().heldLocks;
 }
 
 // While it stands, the thread that handed out this thread's work is known to wait for it.

@@ -14,8 +14,11 @@ constexpr unsigned kNoThread = ~0u;
 constexpr const char* kEveryCall = "calls";
 constexpr const char* kLocksOnly = "locks";
 
-// Which of the explorer's threads this one runs for.
-thread_local unsigned t_self = kNoThread;
+// Which of the scheduler's threads the calling one runs for.
+unsigned& Self()
+{
+    return ThreadState::Current().scheduledAs;
+}
 
 bool IsLockOrWorkItem(std::string_view what)
 {
@@ -168,35 +171,35 @@ void ControlledScheduler::OnYield(YieldKind kind, const char* what)
     if (kind == YieldKind::kThreadBegins) {
         // Work that a thread of ours hands out and waits for runs in its name.
         const std::lock_guard lock(mutex_);
-        t_self = current_;
+        Self() = current_;
         return;
     }
     if (kind == YieldKind::kThreadEnds) {
-        if (t_self != kNoThread) {
+        if (Self() != kNoThread) {
             const std::lock_guard lock(mutex_);
-            released_[t_self] = true;  // a flush may wait for this run's end
+            released_[Self()] = true;  // a flush may wait for this run's end
         }
-        t_self = kNoThread;
+        Self() = kNoThread;
         return;
     }
-    if (t_self == kNoThread) {
+    if (Self() == kNoThread) {
         return;
     }
     std::unique_lock lock(mutex_);
     idle_ = 0;
     // The call of the point before has acted by now.
-    if (released_[t_self]) {
+    if (released_[Self()]) {
         WakeBlocked();
     }
-    released_[t_self] = MayRelease(what);
+    released_[Self()] = MayRelease(what);
     if (kind == YieldKind::kClientCode || IsEveryCall(options_) || IsLockOrWorkItem(what)) {
-        Switch(lock, t_self);
+        Switch(lock, Self());
     }
 }
 
 void ControlledScheduler::OnBlock(std::unique_lock<std::mutex>& hostLock)
 {
-    if (t_self == kNoThread) {
+    if (Self() == kNoThread) {
         hostLock.unlock();
         std::this_thread::yield();
         hostLock.lock();
@@ -205,11 +208,11 @@ void ControlledScheduler::OnBlock(std::unique_lock<std::mutex>& hostLock)
     hostLock.unlock();
     {
         std::unique_lock lock(mutex_);
-        if (released_[t_self]) {  // what it did before it had to wait
-            released_[t_self] = false;
+        if (released_[Self()]) {  // what it did before it had to wait
+            released_[Self()] = false;
             WakeBlocked();
         }
-        states_[t_self] = State::kBlocked;
+        states_[Self()] = State::kBlocked;
         if (std::ranges::find(states_, State::kReady) == states_.end()) {
             // Nobody can go on: all look again, once each; what has no end is found by the host, which parks it.
             if (++idle_ > 4 * states_.size()) {
@@ -218,7 +221,7 @@ void ControlledScheduler::OnBlock(std::unique_lock<std::mutex>& hostLock)
             }
             WakeBlocked();
         }
-        Switch(lock, t_self);
+        Switch(lock, Self());
     }
     hostLock.lock();
 }

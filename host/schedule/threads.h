@@ -1,14 +1,11 @@
-// The host's own threads: system workers and client threads. Work that can never end is set aside with its thread, and
+// Threads of the host: system workers and client threads. Work that can never end is set aside with its stack, and
 // whoever waits for it is told why.
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 namespace host::schedule {
 
@@ -20,28 +17,18 @@ struct Outcome {
 
 class Threads {
 public:
-    Threads();
-    ~Threads();  // idle threads end; parked ones stay parked for the life of the process
-    Threads(const Threads&) = delete;
-    Threads& operator=(const Threads&) = delete;
-
-    // Runs work on a thread that bears this name meanwhile, and waits until it returns or parks. What it throws, this
-    // throws.
-    Outcome Run(const std::string& name, std::function<void()> work);
+    // Runs work as a thread that bears this name, with a stack and a ThreadState of its own, and returns when it has
+    // returned or parked. What it throws, this throws. Since the caller has nothing to do meanwhile, the system thread is the caller's.
+    Outcome Run(const std::string& name, const std::function<void()>& work);
 
     // Whether a thread (ThreadState::id) was parked in this process.
     [[nodiscard]] static bool IsParked(std::uint64_t threadId);
 
     // Whether a thread of these is parked: what its stack leads into must stay.
-    [[nodiscard]] bool HasParked();
+    [[nodiscard]] bool HasParked() const { return hasParked_.load(std::memory_order_acquire); }
 
 private:
-    struct Worker;
-    friend struct ParkingAccess;
-    std::shared_ptr<Worker> TakeIdle();
-
-    std::mutex mutex_;
-    std::vector<std::shared_ptr<Worker>> workers_;
+    std::atomic<bool> hasParked_{false};
 };
 
 }  // namespace host::schedule

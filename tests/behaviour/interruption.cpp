@@ -4,7 +4,6 @@
 
 #include <csignal>
 #include <stdexcept>
-#include <thread>
 #include <ucontext.h>
 
 namespace tests {
@@ -46,9 +45,9 @@ unsigned RunInterrupted(host::Machine& machine, const host::Driver& driver, cons
     action.sa_sigaction = OnStep;
     action.sa_flags = SA_SIGINFO;
     sigaction(SIGTRAP, &action, &before);
-    const auto caller = std::this_thread::get_id();
+    const std::uint64_t caller = host::ThreadState::Current().id;
     machine.environment().observer = [&, calls = 0u](const host::ObservedCall& call) mutable {
-        if (std::this_thread::get_id() == caller && call.function == std::string_view(interruption.function) &&
+        if (host::ThreadState::Current().id == caller && call.function == std::string_view(interruption.function) &&
             calls++ == interruption.skip) {
             host::schedule::BeginSingleSteps();
         }
