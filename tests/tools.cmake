@@ -2,14 +2,16 @@
 find_package(nlohmann_json REQUIRED)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tools)
 
-add_library(layout STATIC ${CMAKE_CURRENT_SOURCE_DIR}/kit/lock_order.cpp)
-target_link_libraries(layout PUBLIC host)
+# The kit's part that needs no test framework.
+add_library(kit STATIC kit/callback_lines.cpp kit/crash_dump_driver.cpp kit/driver_harness.cpp kit/lock_order.cpp
+    kit/operation.cpp kit/peer.cpp)
+target_link_libraries(kit PUBLIC host)
 
 file(GLOB model_sources CONFIGURE_DEPENDS model/*.cpp)
 list(FILTER model_sources EXCLUDE REGEX "model/(main|libfuzzer|.*_test).cpp")
 add_library(model STATIC ${model_sources})
 zepn_unite(model 6)
-target_link_libraries(model PUBLIC host PRIVATE layout nlohmann_json::nlohmann_json)
+target_link_libraries(model PUBLIC kit PRIVATE nlohmann_json::nlohmann_json)
 zepn_add_program(zepn-fuzz model/main.cpp model)
 target_compile_definitions(zepn-fuzz PRIVATE
     ZEPN_ROOT="${CMAKE_SOURCE_DIR}" ZEPN_NATIVE_DRIVER="$<TARGET_FILE:zepn_native>")
@@ -38,5 +40,5 @@ target_link_libraries(zepn-coverage PRIVATE nlohmann_json::nlohmann_json)
 target_compile_options(zepn-coverage PRIVATE ${ZEPN_RUNS_ONCE})
 
 # It holds the interfaces' identifiers, so it includes what makes them before all else.
-set_source_files_properties(model/driver_harness.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+set_source_files_properties(kit/driver_harness.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 unset(CMAKE_RUNTIME_OUTPUT_DIRECTORY)

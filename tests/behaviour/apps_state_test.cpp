@@ -18,8 +18,8 @@ TEST_P(AppsState, PowerTransitionTellsEveryClientAndPostsTheAnswers)
     Peer content(2);
     Peer changing(3);
     Peer watcher(4);
-    content.HearsAppsState();
-    changing.HearsAppsState();
+    content.WantsAppsState();
+    changing.WantsAppsState();
     ULONG entered = 99;
     changing.onAppsState = [&](ULONG& state) {
         entered = state;
@@ -52,7 +52,7 @@ TEST_P(AppsState, OnlyLeavingTheWorkingStateDoesAnything)
 {
     DriverFixture fixture(GetParam());
     Peer peer(1);
-    peer.HearsAppsState();
+    peer.WantsAppsState();
     ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 100);
     for (const std::uintptr_t kind : {0u, 1u, 2u, 4u}) {
@@ -122,7 +122,7 @@ TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
 {
     DriverFixture fixture(GetParam());
     Peer peer(1);
-    peer.HearsAppsState();
+    peer.WantsAppsState();
     ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     Handle handle(fixture);
     EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS);
@@ -140,7 +140,7 @@ TEST_P(AppsState, HandlesWorkInEveryStageOfTheDevice)
 {
     DriverFixture fixture(GetParam());
     Peer peer(1);
-    peer.HearsAppsState();
+    peer.WantsAppsState();
     ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     {
         Handle handle(fixture);
@@ -157,7 +157,7 @@ TEST_P(AppsState, ControlSentAtARaisedLevelIsHandledBelowIt)
 {
     DriverFixture fixture(GetParam());
     Peer peer(1);
-    peer.HearsAppsState();
+    peer.WantsAppsState();
     ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     Handle handle(fixture);
     {
@@ -172,7 +172,7 @@ TEST_P(AppsState, TemporaryObjectsStayUntilUnloadOnPurpose)
 {
     DriverFixture fixture(GetParam());
     Peer peer(1);
-    peer.HearsAppsState().onAppsState = [](ULONG& state) { ++state; };
+    peer.WantsAppsState().onAppsState = [](ULONG& state) { ++state; };
     ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     const std::size_t before = fixture.machine.inspect().Objects().size();
     for (int round = 0; round < 3; ++round) {

@@ -1,5 +1,5 @@
 // The crash-dump bridge: the descriptors that a crash-dump driver asks for, and the dump calls that pass through to it.
-#include "tests/behaviour/dump_recorder.h"
+#include "tests/kit/driver_fixture.h"
 
 namespace tests {
 namespace {
@@ -9,7 +9,8 @@ FOR_ALL_CONTAINERS(CrashDumpCalls);
 
 TEST_P(CrashDumpCalls, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
 {
-    Attached a(GetParam());
+    DriverFixture fixture(GetParam());
+    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
     ULONG count = 77;
     std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> array(3);
     memset(array.data(), 0xEE, array.size() * sizeof(array[0]));
@@ -17,29 +18,29 @@ TEST_P(CrashDumpCalls, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
     const auto isUntouched = [&](std::size_t index) {
         return memcmp(&array[index], &untouched[index], sizeof(array[0])) == 0;
     };
-    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
     EXPECT_EQ(count, 0u);
-    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
     EXPECT_TRUE(isUntouched(0));
 
     Peer withState(1);
     Peer without(2);
-    ASSERT_EQ(a.fixture.Register(withState), STATUS_SUCCESS);
-    ASSERT_EQ(a.fixture.Register(without), STATUS_SUCCESS);
-    ASSERT_EQ(a.fixture.Post(withState, 5), STATUS_SUCCESS);
-    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(withState), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Register(without), STATUS_SUCCESS);
+    ASSERT_EQ(fixture.Post(withState, 5), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
     EXPECT_EQ(count, 2u);
 
     count = 1;
-    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(count, 2u);
     EXPECT_TRUE(isUntouched(0));
-    EXPECT_EQ(a.fixture.TakeReports(),
+    EXPECT_EQ(fixture.TakeReports(),
               (Lines{"11 Notifier_WpcdGetAllSubsystemDescriptors: 1, 2, 0xC0000023"}));
-    EXPECT_EQ(a.fixture.Client(withState)->addedToWpcd, 0u);
+    EXPECT_EQ(fixture.Client(withState)->addedToWpcd, 0u);
 
     count = 3;
-    EXPECT_EQ(a.fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
     EXPECT_EQ(count, 2u);
     EXPECT_EQ(array[0].InterfaceGUID.Data1, 1u);
     EXPECT_EQ(array[1].InterfaceGUID.Data1, 2u);
@@ -48,22 +49,23 @@ TEST_P(CrashDumpCalls, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
     memcpy(padding, array[0].Padding, sizeof(padding));
     EXPECT_EQ(padding[0] & padding[6], 0xEE);
     EXPECT_TRUE(isUntouched(2));
-    EXPECT_EQ(a.fixture.Client(withState)->addedToWpcd, 1u);
-    EXPECT_EQ(a.fixture.Client(withState)->wpcdRefreshPending, 0u);
-    EXPECT_EQ(a.fixture.Client(without)->wpcdRefreshPending, 1u);
+    EXPECT_EQ(fixture.Client(withState)->addedToWpcd, 1u);
+    EXPECT_EQ(fixture.Client(withState)->wpcdRefreshPending, 0u);
+    EXPECT_EQ(fixture.Client(without)->wpcdRefreshPending, 1u);
 }
 
 TEST_P(CrashDumpCalls, DescriptorArgumentsAreCheckedInOrder)
 {
-    Attached a(GetParam());
-    const auto& wpcd = a.fixture.wpcd;
+    DriverFixture fixture(GetParam());
+    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
+    const auto& wpcd = fixture.wpcd;
     const std::string kCount = "Notifier_WpcdGetNumSubsystemDescriptors: ";
     const std::string kAll = "Notifier_WpcdGetAllSubsystemDescriptors: ";
     EXPECT_EQ(wpcd.Notifier_WpcdGetNumSubsystemDescriptors(nullptr), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(wpcd.Notifier_WpcdGetAllSubsystemDescriptors(nullptr, nullptr), STATUS_INVALID_PARAMETER);
     std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> array(2);
     EXPECT_EQ(wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(a.fixture.TakeReports(), (Lines{"2 " + kCount + "NumberDescriptors is NULL, 0xC000000D",
+    EXPECT_EQ(fixture.TakeReports(), (Lines{"2 " + kCount + "NumberDescriptors is NULL, 0xC000000D",
                                             "2 " + kAll + "Descriptors is NULL?!, 0xC000000D",
                                             "2 " + kAll + "NumberDescriptors is NULL?!, 0xC000000D"}));
 }
@@ -73,7 +75,7 @@ struct DumpCall {
     const char* function;
     const char* callback;
     std::function<NTSTATUS(DriverFixture&, void* handle)> call;
-    Recorder::Call recorded;  // first argument filled in by the test
+    CrashDumpDriver::DumpCall recorded;  // first argument filled in by the test
     std::vector<std::uint32_t> traced;
 };
 
@@ -89,10 +91,10 @@ const std::vector<DumpCall>& DumpCalls()
          {"start", {0, kWide, 2}}, {0xD0D0}},
         {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
          [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, &g_dumpData, kWide, 0xFFFFFFFF, 3); },
-         {"add data", {0, Number(&g_dumpData), kWide, 0xFFFFFFFF, 3}}, {0xD0D0, 0xDA7A}},
+         {"data", {0, Number(&g_dumpData), kWide, 0xFFFFFFFF, 3}}, {0xD0D0, 0xDA7A}},
         {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
          [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, nullptr, kWide, 2, 3); },
-         {"add data", {0, 0, kWide, 2, 3}}, {0xD0D0, 0}},
+         {"data", {0, 0, kWide, 2, 3}}, {0xD0D0, 0}},
         {"Notifier_HelperStopDump", "ZepDumpStop",
          [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStopDump(h, kWide); }, {"stop", {0, kWide}}, {0xD0D0}},
         {"Notifier_HelperDumpQueryParam", "ZepDumpQueryParam",
@@ -109,23 +111,24 @@ TEST_P(CrashDumpCalls, DumpCallsPassThroughUnchangedAtAnyLevel)
 {
     for (const DumpCall& dump : DumpCalls()) {
         SCOPED_TRACE(dump.function);
-        Attached a(GetParam());
-        (void)a.fixture.TakeRecords();
-        a.fixture.machine.tracing().ClearCaptured();
+        DriverFixture fixture(GetParam());
+    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
+        (void)fixture.TakeRecords();
+        fixture.machine.tracing().ClearCaptured();
         const host::ScopedIrql irql(DISPATCH_LEVEL);
-        EXPECT_EQ(dump.call(a.fixture, &g_dumpRecord), STATUS_SUCCESS);
-        Recorder::Call expected = dump.recorded;
+        EXPECT_EQ(dump.call(fixture, &g_dumpRecord), STATUS_SUCCESS);
+        CrashDumpDriver::DumpCall expected = dump.recorded;
         expected.arguments[0] = Number(&g_dumpRecord);
-        EXPECT_EQ(a.recorder.calls, std::vector<Recorder::Call>{expected});
+        EXPECT_EQ(fixture.crashDump.calls, std::vector<CrashDumpDriver::DumpCall>{expected});
 
         // Entry message, entry event, the look-up's two, the result with its values, the exit.
-        Lines functions = a.fixture.TakeRecords();
+        Lines functions = fixture.TakeRecords();
         for (std::string& function : functions) {
             function.erase(0, function.find(' ') + 1);
         }
         EXPECT_EQ(functions, (Lines{dump.function, dump.function, "GetContext", "GetContext", dump.function,
                                     dump.function}));
-        const auto messages = a.fixture.machine.tracing().Messages();
+        const auto messages = fixture.machine.tracing().Messages();
         ASSERT_EQ(messages.size(), 4u);
         constexpr GUID kForwardingSet = {
             0x75F8AA61, 0xC96E, 0x3558, {0x5D, 0xC3, 0x89, 0x8A, 0xAE, 0x90, 0xE8, 0xED}};
@@ -135,7 +138,7 @@ TEST_P(CrashDumpCalls, DumpCallsPassThroughUnchangedAtAnyLevel)
         std::vector<std::uint32_t> traced(messages[2].payload.size() / 4);
         memcpy(traced.data(), messages[2].payload.data(), messages[2].payload.size());
         EXPECT_EQ(traced, dump.traced);
-        EXPECT_EQ(a.fixture.machine.tracing().Events().size(), 2u);
+        EXPECT_EQ(fixture.machine.tracing().Events().size(), 2u);
     }
 }
 
@@ -143,18 +146,19 @@ TEST_P(CrashDumpCalls, DumpAnswersAreJudgedByTheirSignAndReturned)
 {
     for (const DumpCall& dump : DumpCalls()) {
         SCOPED_TRACE(dump.function);
-        Attached a(GetParam());
+        DriverFixture fixture(GetParam());
+    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
         for (const NTSTATUS answer : {STATUS_PENDING, STATUS_OBJECT_NAME_EXISTS}) {
-            a.recorder.answer = answer;
-            EXPECT_EQ(dump.call(a.fixture, &g_dumpRecord), answer);
-            EXPECT_EQ(a.fixture.TakeReports(), Lines{});
+            fixture.crashDump.answer = answer;
+            EXPECT_EQ(dump.call(fixture, &g_dumpRecord), answer);
+            EXPECT_EQ(fixture.TakeReports(), Lines{});
         }
         for (const std::uint32_t answer : {0xC0000001u, 0x80000005u}) {
-            a.recorder.answer = static_cast<NTSTATUS>(answer);
-            EXPECT_EQ(dump.call(a.fixture, &g_dumpRecord), static_cast<NTSTATUS>(answer));
+            fixture.crashDump.answer = static_cast<NTSTATUS>(answer);
+            EXPECT_EQ(dump.call(fixture, &g_dumpRecord), static_cast<NTSTATUS>(answer));
             char status[16];
             std::snprintf(status, sizeof(status), "0x%08X", answer);
-            EXPECT_EQ(a.fixture.TakeReports(), (Lines{std::string("1 pWpcdClientContext->") + dump.callback +
+            EXPECT_EQ(fixture.TakeReports(), (Lines{std::string("1 pWpcdClientContext->") + dump.callback +
                                                     ": Failed with an error code., " + status}));
         }
     }

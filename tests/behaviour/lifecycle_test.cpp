@@ -182,7 +182,7 @@ TEST_P(Lifecycle, SecondDeviceWithoutClientsCollectionOrLockIsCleanedUpAndPowerS
         DriverFixture fixture(GetParam());
         fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
         Peer peer(1);
-        peer.HearsAppsState();
+        peer.WantsAppsState();
         ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
         fixture.driver->SurpriseRemoveDevice();
         ASSERT_FALSE(fixture.driver->RemoveDevice().parked);

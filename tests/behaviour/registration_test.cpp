@@ -13,7 +13,7 @@ TEST_P(Registration, StoresTheArgumentsAndStartsWithoutState)
 {
     DriverFixture fixture(GetParam());
     Peer peer(1);
-    peer.TakesCommands().HearsAppsState();
+    peer.TakesCommands().WantsAppsState();
     peer.callbacks.ReservedCallback = &fixture;
     const ZepDataEntry entries[2] = {{{1, 2}}, {{3, 4}}};
     ASSERT_EQ(fixture.Register(peer, 2, entries), STATUS_SUCCESS);

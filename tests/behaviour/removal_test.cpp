@@ -9,25 +9,6 @@ using host::checks::Rule;
 class Removal : public OnContainer {};
 FOR_ALL_CONTAINERS(Removal);
 
-NTSTATUS NTAPI TakeClient(const ZEP_SUBSYSTEM_DESCRIPTOR*)
-{
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI TakeRemoval(const ZEP_NOTIFIER_CLIENT_CONTEXT*)
-{
-    return STATUS_SUCCESS;
-}
-
-// A crash-dump driver that takes everything.
-void Attach(DriverFixture& fixture)
-{
-    WpcdClientRegistration registration{};
-    registration.ZepClientAdd = &TakeClient;
-    registration.ZepClientRemove = &TakeRemoval;
-    ASSERT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
-}
-
 TEST_P(Removal, TakesTheClientItsEntriesAndItsSubscriptions)
 {
     DriverFixture fixture(GetParam());
@@ -55,7 +36,7 @@ TEST_P(Removal, TakesTheClientItsEntriesAndItsSubscriptions)
 TEST_P(Removal, LeavesTheAnnouncementQueueEveryTimeItStandsThere)
 {
     DriverFixture fixture(GetParam());
-    Attach(fixture);
+    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
     Peer leaving(1);
     Peer staying(2);
     ASSERT_EQ(fixture.Register(leaving), STATUS_SUCCESS);
@@ -73,7 +54,7 @@ TEST_P(Removal, LeavesTheAnnouncementQueueEveryTimeItStandsThere)
 TEST_P(Removal, OfAnAnnouncedClientQueuesOneCopyAndOneRun)
 {
     DriverFixture fixture(GetParam());
-    Attach(fixture);
+    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
     Peer leaving(1);
     ASSERT_EQ(fixture.Register(leaving), STATUS_SUCCESS);
     ASSERT_EQ(fixture.Post(leaving, 6), STATUS_SUCCESS);
@@ -98,7 +79,7 @@ TEST_P(Removal, OfAnAnnouncedClientQueuesOneCopyAndOneRun)
 TEST_P(Removal, DeviceCleanUpDropsAllClientsAndTellsNobody)
 {
     DriverFixture fixture(GetParam());
-    Attach(fixture);
+    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
     std::deque<Peer> peers;
     const ZepDataEntry entry{};
     for (ULONG number = 1; number <= 5; ++number) {

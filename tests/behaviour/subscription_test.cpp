@@ -17,7 +17,7 @@ TEST_P(Subscription, StoresTheWholeFilterAsAChildOfTheSubscriber)
     ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
     const ZepState filter{.Size = 0x1122334455667788, .InterfaceGUID = target.guid, .State = 3, .Reserved = 0x99};
     // The target may register later; the report carries the subscriber's GUID and success.
-    ASSERT_EQ(fixture.helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &DriverFixture::OnState),
+    ASSERT_EQ(fixture.helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &Peer::OnState),
               STATUS_SUCCESS);
     EXPECT_EQ(fixture.TakeReports(),
               (Lines{std::string("12 Notifier_HelperRegisterForStateNotification: Unable to find client with , ") +
@@ -150,9 +150,9 @@ TEST_P(Subscription, WrongArgumentsAreRefused)
     const std::string kRegister = "Notifier_HelperRegisterForStateNotification: ";
     const std::string kDeregister = "Notifier_HelperDeregisterForStateNotification: ";
 
-    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(nullptr, &filter, &DriverFixture::OnState),
+    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(nullptr, &filter, &Peer::OnState),
               STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, nullptr, &DriverFixture::OnState),
+    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, nullptr, &Peer::OnState),
               STATUS_INVALID_PARAMETER);
     EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, nullptr),
               STATUS_INVALID_PARAMETER);

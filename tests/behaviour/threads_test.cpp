@@ -84,24 +84,12 @@ TEST_P(Threads, PostsOfManyThreadsAllArriveInEachPostersOrder)
     });
 }
 
-std::atomic<unsigned> g_dumps;
-std::atomic<unsigned> g_announced;
-
-NTSTATUS NTAPI OnAnnounced(const ZEP_SUBSYSTEM_DESCRIPTOR*)
+// Who announces, and who dumps, does so from several threads: nothing is recorded.
+void CountCalls(CrashDumpDriver& crashDump, std::atomic<unsigned>& announced, std::atomic<unsigned>& dumps)
 {
-    ++g_announced;
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI OnWithdrawn(const ZEP_NOTIFIER_CLIENT_CONTEXT*)
-{
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI OnDumpStart(PVOID, ULONGLONG, ULONGLONG)
-{
-    ++g_dumps;
-    return STATUS_SUCCESS;
+    crashDump.onAdd = [&announced](const ZEP_SUBSYSTEM_DESCRIPTOR&) { return ++announced, STATUS_SUCCESS; };
+    crashDump.onRemove = [](const ClientContext&) { return STATUS_SUCCESS; };
+    crashDump.onDump = [&dumps](const CrashDumpDriver::DumpCall&) { return ++dumps, STATUS_SUCCESS; };
 }
 
 using Act = std::function<NTSTATUS(ULONG turn)>;
@@ -122,18 +110,15 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
 {
     InEachView(2, [](const FixtureOptions& options) {
         constexpr unsigned kTurns = ZEPN_TURNS;
-        g_dumps = 0;
-        g_announced = 0;
+        std::atomic<unsigned> announced{0};
+        std::atomic<unsigned> dumps{0};
         DriverFixture fixture(GetParam(), options);
-        WpcdClientRegistration registration{};
-        registration.ZepClientAdd = OnAnnounced;
-        registration.ZepClientRemove = OnWithdrawn;
-        registration.ZepDumpStart = OnDumpStart;
-        ASSERT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
+        CountCalls(fixture.crashDump, announced, dumps);
+        ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
         Peer poster(1);
         Peer other(2);
         for (Peer* peer : {&poster, &other}) {
-            ASSERT_EQ(fixture.Register(peer->TakesCommands().HearsAppsState()), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Register(peer->TakesCommands().WantsAppsState()), STATUS_SUCCESS);
         }
 
         // The other's state is chosen by answers too, under other locks than by posts.
@@ -188,17 +173,17 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
         }
         fixture.machine.WaitForWorkItems();
         // Who comes now is announced and heard.
-        const unsigned before = g_announced;
+        const unsigned before = announced;
         Peer late(3);
         ASSERT_EQ(fixture.Register(late), STATUS_SUCCESS);
         ASSERT_EQ(fixture.Subscribe(other, late, 77), STATUS_SUCCESS);
         ASSERT_EQ(fixture.Post(late, 77), STATUS_SUCCESS);
         fixture.machine.WaitForWorkItems();
-        EXPECT_EQ(g_announced, before + 1);
+        EXPECT_EQ(announced, before + 1);
         EXPECT_EQ(other.deliveries.back().State, 77u);
 
         EXPECT_EQ(refused, 0u);
-        EXPECT_EQ(g_dumps, kTurns);
+        EXPECT_EQ(dumps, kTurns);
         // One command a run: of those queued in a burst some wait for the next post.
         EXPECT_EQ(poster.commands.size() + other.commands.size() + fixture.Count(fixture.Context().commands), kTurns);
         EXPECT_EQ(fixture.Count(fixture.Context().clients), 3u);
@@ -217,11 +202,10 @@ TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
     InEachView(2, [](const FixtureOptions& options) {
         constexpr unsigned kRounds = 12;
         constexpr unsigned kTurns = 8;
-        g_announced = 0;
+        std::atomic<unsigned> announced{0};
+        std::atomic<unsigned> dumps{0};
         DriverFixture fixture(GetParam(), options);
-        WpcdClientRegistration registration{};
-        registration.ZepClientAdd = OnAnnounced;
-        registration.ZepClientRemove = OnWithdrawn;
+        CountCalls(fixture.crashDump, announced, dumps);
         Peer poster(1);
         Peer other(2);
         for (Peer* peer : {&poster, &other}) {
@@ -243,7 +227,7 @@ TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
         };
         for (unsigned round = 0; round < kRounds; ++round) {
             all({[&](ULONG turn) {
-                     return turn == kTurns / 2 ? fixture.wpcd.Notifier_WpcdClientInit(&registration) : STATUS_SUCCESS;
+                     return turn == kTurns / 2 ? fixture.Attach() : STATUS_SUCCESS;
                  },
                  [&](ULONG turn) {
                      return turn % 2 == 0 ? fixture.Subscribe(other, poster, 7) : fixture.Unsubscribe(other, poster, 7);
@@ -257,12 +241,12 @@ TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
             // Somebody new each time, so that there is something to announce.
             Peer guest(2000 + round);
             ASSERT_EQ(fixture.Register(guest), STATUS_SUCCESS);
-            const unsigned before = g_announced;
+            const unsigned before = announced;
             all({[&](ULONG turn) {
-                     while (g_announced == before) {
+                     while (announced == before) {
                          std::this_thread::yield();
                      }
-                     return turn == kTurns / 2 ? fixture.wpcd.Notifier_WpcdClientDeInit() : STATUS_SUCCESS;
+                     return turn == kTurns / 2 ? fixture.Detach() : STATUS_SUCCESS;
                  },
                  [&](ULONG turn) { return fixture.Post(guest, 1 + turn); },
                  [&](ULONG turn) { return fixture.Post(poster, 100 + turn); },

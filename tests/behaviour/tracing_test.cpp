@@ -199,7 +199,7 @@ TEST_P(Reporting, MessagesSayWhoDidWhat)
     Peer other(2);
     other.onState = [](const ZepState&, ULONG& response) { response = 8; };
     other.TakesCommands();
-    poster.HearsAppsState().onAppsState = [](ULONG& state) { state = 5; };
+    poster.WantsAppsState().onAppsState = [](ULONG& state) { state = 5; };
     ASSERT_EQ(fixture.Register(poster), STATUS_SUCCESS);
     ASSERT_EQ(fixture.Register(other), STATUS_SUCCESS);
     ASSERT_EQ(fixture.Subscribe(other, poster, 4), STATUS_SUCCESS);

@@ -59,7 +59,7 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
         const auto play = [&](DriverFixture& fixture, ControlledScheduler& scheduler) {
             Peer poster(1);
             Peer watcher(2);
-            RegisterAll(fixture, {&poster.HearsAppsState(), &watcher});
+            RegisterAll(fixture, {&poster.WantsAppsState(), &watcher});
             EXPECT_EQ(fixture.Post(poster, 3), STATUS_SUCCESS);
             EXPECT_EQ(fixture.Post(watcher, 4), STATUS_SUCCESS);
             EXPECT_EQ(fixture.Subscribe(watcher, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
@@ -108,18 +108,6 @@ constexpr int kViolationExit = 5;
     std::_Exit(0);
 }
 
-NTSTATUS NTAPI OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR*)
-{
-    YieldPoint(YieldKind::kClientCode, "ZepClientAdd");
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI OnDumpStart(PVOID, ULONGLONG, ULONGLONG)
-{
-    YieldPoint(YieldKind::kClientCode, "ZepDumpStart");
-    return STATUS_SUCCESS;
-}
-
 // Attaching takes no lock: two at once can both find nobody attached. Both succeed then, one object is in force, and the
 // other stays, out of reach, until unload.
 TEST_P(AcceptedRaces, TwoAttachesAtOnceBothSucceedAndOneObjectStays)
@@ -128,12 +116,9 @@ TEST_P(AcceptedRaces, TwoAttachesAtOnceBothSucceedAndOneObjectStays)
     unsigned bothSucceed = 0;
     unsigned oneSucceeds = 0;
     const auto play = [&](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        WpcdClientRegistration registration{};
-        registration.ZepClientAdd = OnAdd;
         NTSTATUS statuses[2] = {};
         RunAll(fixture, scheduler,
-               {{"one", [&] { statuses[0] = fixture.wpcd.Notifier_WpcdClientInit(&registration); }},
-                {"two", [&] { statuses[1] = fixture.wpcd.Notifier_WpcdClientInit(&registration); }}});
+               {{"one", [&] { statuses[0] = fixture.Attach(); }}, {"two", [&] { statuses[1] = fixture.Attach(); }}});
         std::size_t attached = 0;
         for (const NTSTATUS status : statuses) {
             EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_OBJECT_NAME_EXISTS) << status;
@@ -143,8 +128,8 @@ TEST_P(AcceptedRaces, TwoAttachesAtOnceBothSucceedAndOneObjectStays)
         EXPECT_EQ(fixture.Alive(kWpcdContextName), attached);
         ++(attached == 2 ? bothSucceed : oneSucceeds);
         // The fixture's end finds no leak: the object that stays is a child of the driver object.
-        EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientDeInit(), STATUS_OBJECT_NAME_NOT_FOUND);
+        EXPECT_EQ(fixture.Detach(), STATUS_SUCCESS);
+        EXPECT_EQ(fixture.Detach(), STATUS_OBJECT_NAME_NOT_FOUND);
         EXPECT_EQ(fixture.Alive(kWpcdContextName), attached - 1);
     };
     Explore("two attaches", play, kPreemptions, kEveryCall);
@@ -157,11 +142,9 @@ TEST_P(AcceptedRaces, DetachingWhileAnAttachIsUnderWayUsesNoHandle)
     GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(EndAtFirstFault(GetParam(),
                                 [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                                    WpcdClientRegistration registration{};
-                                    RunAll(
-                                        fixture, scheduler,
-                                        {{"attach", [&] { (void)fixture.wpcd.Notifier_WpcdClientInit(&registration); }},
-                                         {"detach", [&] { (void)fixture.wpcd.Notifier_WpcdClientDeInit(); }}});
+                                    RunAll(fixture, scheduler,
+                                           {{"attach", [&] { (void)fixture.Attach(); }},
+                                            {"detach", [&] { (void)fixture.Detach(); }}});
                                 }),
                 testing::ExitedWithCode(kViolationExit), "(null|dead) handle: .*Notifier_WpcdClientInit");
 }
@@ -177,14 +160,11 @@ TEST_P(AcceptedRaces, AttachingWhileAClientIsAnnouncedCallsNull)
     EXPECT_EXIT(Explore(
                     "attach",
                     [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                        WpcdClientRegistration registration{};
-                        registration.ZepClientAdd = OnAdd;
                         Peer peer(1);
                         (void)fixture.Register(peer);
                         (void)fixture.Post(peer, 5);
                         RunAll(fixture, scheduler,
-                               {{"crash dump", [&] { (void)fixture.wpcd.Notifier_WpcdClientInit(&registration); }},
-                                {"run", [&] { fixture.Deliver(); }}});
+                               {{"crash dump", [&] { (void)fixture.Attach(); }}, {"run", [&] { fixture.Deliver(); }}});
                     },
                     2, true),
                 testing::ExitedWithCode(host::checks::kMemoryFaultExit),
@@ -198,13 +178,11 @@ TEST_P(AcceptedRaces, DetachingWhileADumpStartsUsesTheDeadClient)
     EXPECT_EXIT(
         EndAtFirstFault(GetParam(),
                         [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                            WpcdClientRegistration registration{};
-                            registration.ZepDumpStart = OnDumpStart;
-                            (void)fixture.wpcd.Notifier_WpcdClientInit(&registration);
+                            (void)fixture.Attach();
                             ULONG record = 1;
                             RunAll(fixture, scheduler,
                                    {{"client", [&] { (void)fixture.helper.Notifier_HelperStartDump(&record, 0, 0); }},
-                                    {"crash dump", [&] { (void)fixture.wpcd.Notifier_WpcdClientDeInit(); }}});
+                                    {"crash dump", [&] { (void)fixture.Detach(); }}});
                         }),
         testing::ExitedWithCode(kViolationExit), "dead handle: .*GetContext");
 }
@@ -274,7 +252,7 @@ TEST_P(AcceptedRaces, EachUseOfAClientThatLeavesMeetsItsDeadObject)
                                         Peer leaving(1);
                                         Peer other(2);
                                         for (Peer* peer : {&leaving, &other}) {
-                                            (void)fixture.Register(peer->TakesCommands().HearsAppsState());
+                                            (void)fixture.Register(peer->TakesCommands().WantsAppsState());
                                         }
                                         use.play(fixture, scheduler, leaving, other);
                                     }),

@@ -197,37 +197,10 @@ TEST_P(Interleavings, PostingWhileASubscriberLeavesAndARunDelivers)
     });
 }
 
-unsigned g_added;
-unsigned g_removed;
-
-NTSTATUS NTAPI CountAdd(const ZEP_SUBSYSTEM_DESCRIPTOR*)
-{
-    YieldPoint(YieldKind::kClientCode, "ZepClientAdd");
-    ++g_added;
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NTAPI CountRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT*)
-{
-    YieldPoint(YieldKind::kClientCode, "ZepClientRemove");
-    ++g_removed;
-    return STATUS_SUCCESS;
-}
-
-void Attach(DriverFixture& fixture)
-{
-    g_added = 0;
-    g_removed = 0;
-    WpcdClientRegistration registration{};
-    registration.ZepClientAdd = CountAdd;
-    registration.ZepClientRemove = CountRemove;
-    EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientInit(&registration), STATUS_SUCCESS);
-}
-
 TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
 {
     Explore("client leaves while it is announced", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Attach(fixture);
+        EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
         Peer peer(1);
         EXPECT_EQ(fixture.Register(peer), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Post(peer, 5), STATUS_SUCCESS);
@@ -235,33 +208,34 @@ TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
             fixture, scheduler,
             {{"client", [&] { EXPECT_EQ(fixture.Leave(peer), STATUS_SUCCESS); }}, {"run", [&] { fixture.Deliver(); }}});
         fixture.Deliver();
-        EXPECT_LE(g_added, 1u);
-        EXPECT_EQ(g_removed, g_added) << "the crash-dump driver keeps what is gone, or loses what it never had";
+        EXPECT_LE(fixture.crashDump.added.size(), 1u);
+        EXPECT_EQ(fixture.crashDump.removed.size(), fixture.crashDump.added.size())
+            << "the crash-dump driver keeps what is gone, or loses what it never had";
     });
 }
 
 TEST_P(Interleavings, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves)
 {
     Explore("detach, leave and announcement", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Attach(fixture);
+        EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
         Peer peer(1);
         EXPECT_EQ(fixture.Register(peer), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Post(peer, 5), STATUS_SUCCESS);
-        unsigned addedAtDetach = 0;
-        unsigned removedAtDetach = 0;
+        std::size_t addedAtDetach = 0;
+        std::size_t removedAtDetach = 0;
         RunAll(fixture, scheduler,
                {{"crash dump",
                  [&] {
-                     EXPECT_EQ(fixture.wpcd.Notifier_WpcdClientDeInit(), STATUS_SUCCESS);
-                     addedAtDetach = g_added;
-                     removedAtDetach = g_removed;
+                     EXPECT_EQ(fixture.Detach(), STATUS_SUCCESS);
+                     addedAtDetach = fixture.crashDump.added.size();
+                     removedAtDetach = fixture.crashDump.removed.size();
                  }},
                 {"client", [&] { EXPECT_EQ(fixture.Leave(peer), STATUS_SUCCESS); }},
                 {"run", [&] { fixture.Deliver(); }}});
         fixture.Deliver();
-        EXPECT_EQ(g_added, addedAtDetach) << "called when it had detached";
-        EXPECT_EQ(g_removed, removedAtDetach) << "called when it had detached";
-        EXPECT_LE(g_removed, g_added);
+        EXPECT_EQ(fixture.crashDump.added.size(), addedAtDetach) << "called when it had detached";
+        EXPECT_EQ(fixture.crashDump.removed.size(), removedAtDetach) << "called when it had detached";
+        EXPECT_LE(removedAtDetach, addedAtDetach);
         EXPECT_EQ(fixture.Context().wpcdClient, nullptr);
         EXPECT_EQ(fixture.Count(fixture.Context().clients), 0u);
         EXPECT_EQ(fixture.Alive(kClientContextName), 0u);
@@ -271,7 +245,7 @@ TEST_P(Interleavings, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves
 TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
 {
     Explore("client posts no state while it is announced", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Attach(fixture);
+        EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
         Peer peer(1);
         EXPECT_EQ(fixture.Register(peer), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Post(peer, 0), STATUS_SUCCESS);
@@ -289,7 +263,7 @@ TEST_P(Interleavings, TheBroadcastAmongPosts)
     Explore("broadcast, post and run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer answering(1);
         Peer subscriber(2);
-        answering.HearsAppsState().onAppsState = [](ULONG& state) { state = 9; };
+        answering.WantsAppsState().onAppsState = [](ULONG& state) { state = 9; };
         RegisterAll(fixture, {&answering, &subscriber});
         EXPECT_EQ(fixture.Subscribe(subscriber, answering, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
@@ -312,8 +286,8 @@ TEST_P(Interleavings, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
         Peer answering(1);
         Peer leaving(2);
         Peer subscriber(3);
-        answering.HearsAppsState().onAppsState = [](ULONG& state) { state = 9; };
-        RegisterAll(fixture, {&answering, &leaving.HearsAppsState(), &subscriber});
+        answering.WantsAppsState().onAppsState = [](ULONG& state) { state = 9; };
+        RegisterAll(fixture, {&answering, &leaving.WantsAppsState(), &subscriber});
         EXPECT_EQ(fixture.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
         bool hasPosted = false;
         const auto postAndLeave = [&] {

@@ -109,7 +109,7 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
                              .routes = plan.routes,
                              .keepsRecords = !plan.fault || plan.records != nullptr,
                              .onCall = [this](std::uint64_t number, const host::ObservedCall& call) {
-                                 if (KindOf(call.function) == Kind::kFallible) {
+                                 if (KindOf(call.function) == FunctionKind::kFallible) {
                                      numbers.push_back(number);
                                  }
                                  if (plan_.onCall) {
@@ -130,12 +130,12 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
         calls = reference_.calls();
     }
     callCount = observed_->calls();
-    if (difference.empty() && struckAtEnd_ && reference_.Allows(Do::kLoad)) {
+    if (difference.empty() && struckAtEnd_ && reference_.Allows(Kind::kLoad)) {
         // An end that went wrong leaves nothing in the way of the next beginning.
         observed_->machine().faults().Clear();
         reloaded_ = true;
         reference_ = reference_.Again();
-        Live(ClassicProvider());
+        Live(ShortSequence());
     }
     const std::size_t before = sites.size();
     sites.insert(observed_->sites().begin(), observed_->sites().end());
@@ -149,17 +149,18 @@ void Comparison::Live(Sequence sequence)
 {
     sequence_ = std::move(sequence);
     for (index_ = 0; index_ < sequence_.size() && difference.empty(); ++index_) {
-        const Op& op = sequence_[index_];
-        if (!reference_.Allows(op.what)) {
+        const Operation& operation = sequence_[index_];
+        if (!reference_.Allows(operation.kind)) {
             continue;
         }
         const bool struckBefore = HasStruck();
-        Step step = Run(op);
-        const bool isEnd = op.what == Do::kRemove || op.what == Do::kUnload;
+        Step step = Run(operation);
+        const bool isEnd = operation.kind == Kind::kRemove || operation.kind == Kind::kUnload;
         struckAtEnd_ |= isEnd && !struckBefore && HasStruck();
-        const bool again = (op.what == Do::kLoad || op.what == Do::kAddDevice) && reference_.Allows(op.what);
+        const bool again =
+            (operation.kind == Kind::kLoad || operation.kind == Kind::kAddDevice) && reference_.Allows(operation.kind);
         if (again && difference.empty()) {
-            step = Run(op);  // what failed once must be possible now
+            step = Run(operation);  // what failed once must be possible now
         }
         if (!difference.empty()) {
             difference = "  " + Where() + difference;
@@ -193,12 +194,12 @@ void Comparison::CompareRecords()
     }
 }
 
-Step Comparison::Run(const Op& op)
+Step Comparison::Run(const Operation& operation)
 {
-    Step expected = reference_.Run(op);
+    Step expected = reference_.Run(operation);
     Step observed;
     try {
-        observed = observed_->Run(op);
+        observed = observed_->Run(operation);
     } catch (const host::HostError& error) {
         difference = std::string("\n    ") + error.what();
         return expected;
@@ -208,7 +209,7 @@ Step Comparison::Run(const Op& op)
     }
     if (plan_.records == nullptr || reloaded_) {
         Compare("reports", expected.reports, observed.reports, difference);  // else by all records, at the end
-    } else if (op.what == Do::kUnload) {
+    } else if (operation.kind == Kind::kUnload) {
         expected.violations = TracingLeftovers(*plan_.fault, observed_->StruckCount());
     }
     Compare("callbacks", expected.callbacks, observed.callbacks, difference);

@@ -34,7 +34,7 @@ public:
 
 private:
     void Live(Sequence sequence);
-    Step Run(const Op& op);
+    Step Run(const Operation& operation);
     void CompareRecords();
     [[nodiscard]] std::string Where() const;  // the operation under way
     [[nodiscard]] bool HasStruck() const

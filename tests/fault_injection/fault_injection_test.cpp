@@ -121,7 +121,7 @@ void FaultInjection::FailTracing(const Sequence& sequence, host::TraceRoutes rou
     std::map<std::string, unsigned> counts;
     const Plan plan{
         .sequence = sequence, .routes = routes, .onCall = [&](const host::ObservedCall& call, host::Machine&) {
-            counts[call.function] += KindOf(call.function) == Kind::kTracing ? 1 : 0;
+            counts[call.function] += KindOf(call.function) == FunctionKind::kTracing ? 1 : 0;
         }};
     const Comparison whole(GetParam().container, plan, sites_);
     ASSERT_EQ(whole.difference, "");
@@ -148,14 +148,14 @@ void FaultInjection::FailTracing(const Sequence& sequence, host::TraceRoutes rou
 
 TEST_P(FaultInjection, EveryCallFails)
 {
-    const Sequence whole = WholeLife();
+    const Sequence whole = WholeSequence();
     FailEachCall(whole, false);
     for (const Sequence& sequence :
-         {SecondDevice(), CommandToOneself(), CommandOfTheDeparted(), CommandToTheChanged()}) {
+         {SecondDevice(), CommandToOneself(), CommandOfADeregisteredClient(), CommandToAClientWithoutCallback()}) {
         FailEachCall(sequence, false);
     }
     FailTracing(whole, host::TraceRoutes::kClassic);
-    FailTracing(ClassicProvider(), host::TraceRoutes::kLegacy);
+    FailTracing(ShortSequence(), host::TraceRoutes::kLegacy);
 
     figures_.Save(GetParam().container.name, "once", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
@@ -163,7 +163,7 @@ TEST_P(FaultInjection, EveryCallFails)
 
 TEST_P(FaultInjection, EveryCallFailsForGood)
 {
-    FailEachCall(WholeLife(), true);
+    FailEachCall(WholeSequence(), true);
     FailEachCall(SecondDevice(), true);
     figures_.Save(GetParam().container.name, "persistent", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
@@ -175,7 +175,7 @@ FOR_ALL_CONTAINERS(FaultInjectionInAll);
 // A call is named by its number: that means the same call on all containers.
 TEST_P(FaultInjectionInAll, MakesTheSameCallsOnEachContainer)
 {
-    const auto callsOn = [sequence = WholeLife()](const tests::Container& container) {
+    const auto callsOn = [sequence = WholeSequence()](const tests::Container& container) {
         Lines functions;
         std::set<Site> sites;
         const Comparison comparison(
@@ -194,7 +194,7 @@ std::size_t CallPaths(const tests::Container& container)
 {
     std::set<std::string> paths;
     std::set<Site> sites;
-    const Sequence sequence = WholeLife();
+    const Sequence sequence = WholeSequence();
     const Comparison comparison(
         container,
         {.sequence = sequence,
@@ -220,7 +220,7 @@ TEST_P(FaultInjectionInAll, ReachesEverySite)
 TEST(SweepThatEnds, TellsWhatFailedAndWhere)
 {
     GTEST_FLAG_SET(death_test_style, tests::kDeathTestStyle);
-    const Sequence sequence = ClassicProvider();
+    const Sequence sequence = ShortSequence();
     const Plan plan{.sequence = sequence,
                     .fault = Fault{"WdfDeviceCreate"},
                     .onCall = [](const host::ObservedCall& call, host::Machine&) {
@@ -231,7 +231,7 @@ TEST(SweepThatEnds, TellsWhatFailedAndWhere)
     std::set<Site> sites;
     EXPECT_DEATH(Comparison(tests::Containers().front(), plan, sites),
                  "fault injection on native: WdfDeviceCreate call 0, error status; "
-                 "operation 5 .post 1 3 0., platform call [0-9]+");
+                 "operation 5 .client1 post, state 3., platform call [0-9]+");
 }
 
 }  // namespace

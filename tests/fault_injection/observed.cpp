@@ -1,18 +1,15 @@
 #include "tests/fault_injection/observed.h"
 
-#include "host/checks/unused_stack.h"
 #include "tests/kit/one_report.h"
 #include "tests/kit/reports_seen.h"
-#include "tests/fault_injection/clients.h"
-#include "tests/kit/lock_order.h"
-
-#include <array>
 
 namespace fault_injection {
 
 using host::framework::ObjectType;
 
 namespace {
+
+constexpr unsigned kStranger = 9;  // never registers
 
 using tests::TheFormats;
 using tests::TheManifest;
@@ -59,32 +56,46 @@ bool IsTold(const host::tracing::CapturedMessage& message, const host::tracing::
 }  // namespace
 
 ObservedRun::ObservedRun(const tests::Container& container, Options options)
-    : container_(container), options_(std::move(options)), machine_({.traceRoutes = options_.routes})
+    : options_(std::move(options)),
+      harness_(container.image, {.traceRoutes = options_.routes},
+               {.toState =
+                    [](unsigned client, unsigned, ULONG state, ULONG response) {
+                        const ULONG answer = StateAnswer(client, state);
+                        return answer != 0 ? answer : response;
+                    },
+                .toCommand = [](unsigned, ULONG id, ULONG state) { return CommandAnswer(id, state); },
+                .toAppsState = &AppsStateAnswer,
+                .toAdd = &AddAnswer,
+                .toRemove = &RemoveAnswer,
+                .toDump = [this] { return dumpAnswer_; }})
 {
-    machine_.SetRegistryValue(tests::kService, "SubsystemNotificationTimeout", kTimeoutMs);
-    machine_.tracing().OpenEventSession({kProviderGuid, 0});
-    machine_.tracing().OpenMessageSession({kControlGuid, 5, 3});
-    machine_.tracing().SetListener(this);
-    machine_.environment().observer = [this](const host::ObservedCall& call) { OnCall(call); };
+    for (const unsigned client : {1u, 2u, 3u, 4u, 5u, kStranger}) {
+        harness_.AddPeer(client);
+    }
+    machine().SetRegistryValue(tests::kService, "SubsystemNotificationTimeout", kTimeoutMs);
+    machine().tracing().OpenEventSession({kProviderGuid, 0});
+    machine().tracing().OpenMessageSession({kControlGuid, 5, 3});
+    machine().tracing().SetListener(this);
+    machine().environment().observer = [this](const host::ObservedCall& call) { OnCall(call); };
     if (options_.fault && options_.fault->function != "WdfGetDriver") {
         const Fault& fault = *options_.fault;
-        machine_.faults().Add({.function = fault.function,
-                               .skip = fault.index,
-                               .count = fault.persistent ? host::checks::Fault::kSticky : 1,
-                               .form = HostForm(fault.form),
-                               .status = fault.Status()});
+        machine().faults().Add({.function = fault.function,
+                                .skip = fault.index,
+                                .count = fault.persistent ? host::checks::Fault::kSticky : 1,
+                                .form = HostForm(fault.form),
+                                .status = fault.Status()});
     }
 }
 
 ObservedRun::~ObservedRun()
 {
-    machine_.tracing().SetListener(nullptr);
-    machine_.environment().observer = nullptr;
+    machine().tracing().SetListener(nullptr);
+    machine().environment().observer = nullptr;
 }
 
 unsigned ObservedRun::StruckCount() const
 {
-    return const_cast<host::Machine&>(machine_).faults().StruckCount();
+    return const_cast<host::Machine&>(harness_.machine).faults().StruckCount();
 }
 
 void ObservedRun::OnCall(const host::ObservedCall& call)
@@ -92,21 +103,21 @@ void ObservedRun::OnCall(const host::ObservedCall& call)
     ++callNumber_;
     if (options_.hideAt != 0) {
         if (callNumber_ == options_.hideAt) {
-            machine_.faults().onHideDriver(true);
+            machine().faults().onHideDriver(true);
         } else if (callNumber_ == options_.hideAt + 1 && !options_.fault->persistent) {
-            machine_.faults().onHideDriver(false);
+            machine().faults().onHideDriver(false);
         }
     }
-    const std::optional<Kind> kind = KindOf(call.function);
+    const std::optional<FunctionKind> kind = KindOf(call.function);
     if (!kind) {
         step_.violations.push_back(std::string(call.function) + " is in no table");
     }
-    if (kind == Kind::kFallible) {
+    if (kind == FunctionKind::kFallible) {
         const bool detailed = ShowsDetail(call.function) && *call.detail != '\0';
         step_.calls.push_back(std::string(call.function) + (detailed ? std::string(" ") + call.detail : ""));
     }
     if (std::string_view(call.function) == "KeDelayExecutionThread") {
-        step_.callbacks.push_back("waits " + std::to_string(kTimeoutMs) + " ms");
+        harness_.called.push_back(tests::lines::Wait(kTimeoutMs));
     }
     if (options_.onCall) {
         options_.onCall(callNumber_, call);
@@ -179,169 +190,58 @@ void ObservedRun::OnMessage(const host::tracing::CapturedMessage& message)
     }
 }
 
-Step ObservedRun::Run(const Op& op)
+Step ObservedRun::Run(const Operation& operation)
 {
     step_ = {};
-    RecordCallbacks(step_.callbacks);
-    const std::size_t delays = machine_.Delays().size();
-    host::checks::FillUnusedStack();
-    const std::optional<NTSTATUS> status = Act(op);
-    const auto allDelays = machine_.Delays();
+    harness_.called.clear();
+    const std::size_t delays = machine().Delays().size();
+    const std::optional<NTSTATUS> status = Do(operation);
+    const auto allDelays = machine().Delays();
     if (allDelays.size() > delays && allDelays.back() != -10000LL * kTimeoutMs) {
-        step_.callbacks.push_back("waited " + std::to_string(allDelays.back()));
+        harness_.called.push_back("waited " + std::to_string(allDelays.back()));
     }
-    step_.status = status ? Hex(*status) : "";
-    for (const auto& violation : machine_.violations().Take()) {
+    step_.callbacks = harness_.called;
+    step_.status = status ? Hex(static_cast<std::uint32_t>(*status)) : "";
+    for (const auto& violation : machine().violations().Take()) {
         step_.violations.emplace_back(Name(violation.rule));
         step_.ends |= violation.rule == host::checks::Rule::kLockKept;
     }
     return step_;
 }
 
-std::optional<NTSTATUS> ObservedRun::Act(const Op& op)
+std::optional<NTSTATUS> ObservedRun::Do(const Operation& operation)
 {
-    switch (op.what) {
-    case Do::kLoad:
-        driver_ = &machine_.Load(container_.image, tests::kService);
-        if (driver_->IsLoaded()) {
-            driverReferences_ = machine_.inspect().Find(driver_->Handle())->references;
+    switch (operation.kind) {
+    case Kind::kLoad: {
+        const auto status = harness_.Do(operation);
+        if (harness_.driver->IsLoaded()) {
+            driverReferences_ = machine().inspect().Find(harness_.driver->Handle())->references;
         }
-        return driver_->EntryStatus();
-    case Do::kAddDevice:
-        return driver_->AddDevice();
-    case Do::kStart: {
-        const NTSTATUS status = driver_->StartDevice();
-        EXPECT_EQ(driver_->QueryInterface(GUID_ZEP_NOTIFIER_HELPER_INTERFACE,
-                                          std::as_writable_bytes(std::span(&helper_, 1)),
-                                          ZEP_NOTIFIER_INTERFACE_VERSION),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(driver_->QueryInterface(GUID_ZEP_NOTIFIER_WPCD_INTERFACE,
-                                          std::as_writable_bytes(std::span(&wpcd_, 1)), ZEP_NOTIFIER_INTERFACE_VERSION),
-                  STATUS_SUCCESS);
-        layout::DeclareLockOrder(machine_, *driver_);
         return status;
     }
-    case Do::kSleep:
-        return driver_->Sleep();
-    case Do::kWake:
-        return driver_->Wake();
-    case Do::kSurprise:
-        driver_->SurpriseRemoveDevice();
+    case Kind::kRemove:
+        step_.ends = harness_.driver->RemoveDevice().parked;
         return std::nullopt;
-    case Do::kRemove:
-        step_.ends = driver_->RemoveDevice().parked;
-        return std::nullopt;
-    case Do::kUnload:
-        driver_->Unload();
-        return std::nullopt;
-    case Do::kOpen:
-        return driver_->Open(file_).status;
-    case Do::kClose:
-        driver_->Close(file_);
-        return std::nullopt;
-    case Do::kControl: {
-        const auto result = driver_->DeviceControl(file_, op.a);
-        EXPECT_TRUE(result.completed);
-        EXPECT_EQ(result.information, 0u);
-        return result.status;
-    }
-    case Do::kPower:
-        machine_.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, op.a);
-        return std::nullopt;
-    case Do::kDeliver:
+    case Kind::kDeliver:
         Deliver();
         return std::nullopt;
-    default:
-        return ActOnInterfaces(op);
-    }
-}
-
-std::optional<NTSTATUS> ObservedRun::ActOnInterfaces(const Op& op)
-{
-    const GUID guid = GuidOf(op.a);
-    const GUID* client = op.a == 0 ? nullptr : &guid;
-    const ZepState state{.Size = 32, .InterfaceGUID = guid, .State = op.b, .Reserved = 0};
-    const ZepState filter{.Size = 32, .InterfaceGUID = GuidOf(op.b), .State = op.c, .Reserved = 0};
-    const ZepCommand command{
-        .Size = 48, .CommandArgument = 9, .SourceGuid = guid, .TargetGuid = GuidOf(op.b), .CommandId = op.c};
-    switch (op.what) {
-    case Do::kRegister: {
-        const ZepDataEntry entries[3] = {};
-        ActionCallbackTable table{};
-        table.CommandCallback = (op.b & kCommands) != 0 ? CommandCallback() : nullptr;
-        table.AppsStateNotificationCallback = (op.b & kApps) != 0 ? AppsStateCallback() : nullptr;
-        const bool gives = (op.b & kEntries) != 0;
-        return helper_.Notifier_HelperInit(client, "name", "description", (op.b & kNullTable) != 0 ? nullptr : &table,
-                                           gives ? entries : nullptr, gives ? 3 : 0, ContextOf(op.a));
-    }
-    case Do::kLeave:
-        return helper_.Notifier_HelperClientDeinit(client);
-    case Do::kPost:
-        return helper_.Notifier_HelperSendState(op.a == 0 ? nullptr : &state);
-    case Do::kSubscribe:
-        return helper_.Notifier_HelperRegisterForStateNotification(client, op.b == 0 ? nullptr : &filter,
-                                                                   StateCallback());
-    case Do::kUnsubscribe:
-        return helper_.Notifier_HelperDeregisterForStateNotification(client, op.b == 0 ? nullptr : &filter);
-    case Do::kSend:
-        return helper_.Notifier_HelperSendCommand(op.a == 0 ? nullptr : &command);
-    case Do::kAttach:
-        return wpcd_.Notifier_WpcdClientInit(op.a == 0 ? nullptr : &CrashDumpDriver());
-    case Do::kDetach:
-        return wpcd_.Notifier_WpcdClientDeInit();
-    case Do::kCount: {
-        ULONG count = 77;
-        const NTSTATUS status = wpcd_.Notifier_WpcdGetNumSubsystemDescriptors(op.a == 0 ? nullptr : &count);
-        if (op.a != 0) {
-            step_.callbacks.push_back("count " + std::to_string(count));
-        }
-        return status;
-    }
-    case Do::kDescribe:
-        return Describe(op);
-    case Do::kDump: {
-        AnswerDumps(static_cast<NTSTATUS>(op.c));
-        ULONG record[2] = {0xD0, 0xD1};
-        PVOID handle = op.b == 0 ? nullptr : record;
-        switch (op.a) {
-        case 0:
-            return helper_.Notifier_HelperStartDump(handle, 5, 6);
-        case 1:
-            return helper_.Notifier_HelperAddDumpData(handle, record, 5, 6, 7);
-        case 2:
-            return helper_.Notifier_HelperStopDump(handle, 5);
-        case 3:
-            return helper_.Notifier_HelperDumpQueryParam(handle, 5, 6, 7);
-        default:
-            return helper_.Notifier_HelperDumpAddTriageData(handle, 5, 6);
-        }
+    case Kind::kRegister: {
+        tests::Peer& peer = harness_.PeerOf(operation.client);
+        peer.TakesCommands((operation.value & kCommands) != 0).WantsAppsState((operation.value & kApps) != 0);
+        peer.entries.resize((operation.value & kEntries) != 0 ? kEntryCount : 0);
+        return harness_.Do(operation);
     }
     default:
-        return std::nullopt;
+        dumpAnswer_ = static_cast<NTSTATUS>(operation.value);
+        return harness_.Do(operation);
     }
-}
-
-NTSTATUS ObservedRun::Describe(const Op& op)
-{
-    std::array<ZEP_SUBSYSTEM_DESCRIPTOR, 16> records{};
-    ULONG count = op.a;
-    const NTSTATUS status = wpcd_.Notifier_WpcdGetAllSubsystemDescriptors(op.b == 1 ? nullptr : records.data(),
-                                                                          op.b == 2 ? nullptr : &count);
-    if (op.b == 0) {
-        std::string text = "described";
-        for (const auto& record : records) {
-            text += record.InterfaceGUID.Data1 == 0 ? "" : " " + std::to_string(record.InterfaceGUID.Data1);
-        }
-        step_.callbacks.push_back(text + ", count " + std::to_string(count));
-    }
-    return status;
 }
 
 void ObservedRun::Deliver()
 {
-    while (machine_.QueuedWorkItems() != 0 && !step_.ends) {
-        step_.ends |= !machine_.RunOneWorkItem().parked.empty();
-        for (const auto& object : machine_.inspect().Objects(ObjectType::kWaitLock)) {
+    while (machine().QueuedWorkItems() != 0 && !step_.ends) {
+        step_.ends |= !machine().RunOneWorkItem().parked.empty();
+        for (const auto& object : machine().inspect().Objects(ObjectType::kWaitLock)) {
             step_.ends |= object.held;
         }
     }
@@ -349,7 +249,7 @@ void ObservedRun::Deliver()
 
 void ObservedRun::NoteReportsSeen()
 {
-    tests::NoteReportsSeen(machine_.tracing(), TheManifest());
+    tests::NoteReportsSeen(machine().tracing(), TheManifest());
 }
 
 }  // namespace fault_injection

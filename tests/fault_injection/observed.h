@@ -1,4 +1,4 @@
-// A sequence comparison on the real driver: what the host sees of each operation, in the words of the expectation.
+// A sequence on the driver: what the host sees of each operation, in the words of the reference model.
 #pragma once
 
 #include "host/machine.h"
@@ -15,12 +15,12 @@
 namespace fault_injection {
 
 // What a platform function can do to the driver.
-enum class Kind {
-    kFallible,    // its failures are the sweep's; the expectation foresees each of its calls
+enum class FunctionKind {
+    kFallible,    // every call of it is made to fail; the reference model predicts each
     kTracing,     // it can fail, and nothing but the records may change
     kCannotFail,  // no result, or one without failure
 };
-[[nodiscard]] std::optional<Kind> KindOf(std::string_view function);
+[[nodiscard]] std::optional<FunctionKind> KindOf(std::string_view function);
 
 using Site = std::pair<std::uint32_t, std::uint16_t>;  // first number of the message GUID, message number
 
@@ -39,13 +39,13 @@ public:
     ObservedRun(const ObservedRun&) = delete;
     ObservedRun& operator=(const ObservedRun&) = delete;
 
-    Step Run(const Op& op);
+    Step Run(const Operation& operation);
     [[nodiscard]] Lines Alive();
 
     [[nodiscard]] unsigned StruckCount() const;
     [[nodiscard]] const std::set<Site>& sites() const { return sites_; }
     [[nodiscard]] std::uint64_t calls() const { return callNumber_; }
-    [[nodiscard]] host::Machine& machine() { return machine_; }
+    [[nodiscard]] host::Machine& machine() { return harness_.machine; }
     // Every error event was followed by its own message, and every record decodes.
     [[nodiscard]] const Lines& badRecords() const { return badRecords_; }
     // All events ("E...") and trace messages ("M...") of the sequence in order, without the handles; only if they are kept.
@@ -57,20 +57,14 @@ private:
     void OnEvent(const host::tracing::CapturedEvent& event) override;
     void OnMessage(const host::tracing::CapturedMessage& message) override;
     void OnCall(const host::ObservedCall& call);
-    std::optional<NTSTATUS> Act(const Op& op);
-    std::optional<NTSTATUS> ActOnInterfaces(const Op& op);
-    NTSTATUS Describe(const Op& op);
+    std::optional<NTSTATUS> Do(const Operation& operation);
     void Deliver();
     [[nodiscard]] std::string NameOf(std::uint64_t handle);
     [[nodiscard]] std::string Describe(const host::framework::ObjectView& view);
 
-    const tests::Container container_;
     Options options_;
-    host::Machine machine_;
-    host::Driver* driver_ = nullptr;
-    ZEP_NOTIFIER_HELPER_INTERFACE helper_{};
-    ZEP_NOTIFIER_WPCD_INTERFACE wpcd_{};
-    host::FileId file_ = 0;
+    NTSTATUS dumpAnswer_ = STATUS_SUCCESS;  // of the crash-dump driver, to the operation under way
+    tests::DriverHarness harness_;
     std::uint64_t callNumber_ = 0;
     long driverReferences_ = 0;
     std::optional<host::tracing::DecodedEvent> pending_;  // an error event whose message has not come yet

@@ -1,6 +1,5 @@
-// What sequences, as the host sees it, in the words of the expectation.
+// What exists, as the host sees it, in the words of the reference model.
 #include "tests/fault_injection/observed.h"
-#include "tests/kit/contexts.h"
 
 #include <algorithm>
 #include <cstring>
@@ -33,11 +32,11 @@ std::optional<T> ContextOf(const ObjectView& view, const char* typeName)
 std::string ObservedRun::NameOf(std::uint64_t handle)
 {
     const auto pointer = reinterpret_cast<WDFOBJECT>(handle);
-    if (pointer == driver_->Handle()) {
+    if (pointer == harness_.driver->Handle()) {
         return "<driver>";
     }
     const auto context =
-        machine_.inspect().Context<layout::DriverContext>(driver_->Handle(), layout::kDriverContextName);
+        machine().inspect().Context<layout::DriverContext>(harness_.driver->Handle(), layout::kDriverContextName);
     if (context) {
         const std::pair<WDFOBJECT, const char*> kNames[] = {{context->clients, "<clients>"},
                                                             {context->states, "<states>"},
@@ -50,7 +49,7 @@ std::string ObservedRun::NameOf(std::uint64_t handle)
             }
         }
     }
-    const auto object = machine_.inspect().Find(pointer);
+    const auto object = machine().inspect().Find(pointer);
     if (!object) {
         return "<gone>";
     }
@@ -68,7 +67,7 @@ std::string ObservedRun::NameOf(std::uint64_t handle)
 std::string ObservedRun::Describe(const ObjectView& view)
 {
     const std::string prefix = view.deleted ? "deleted " : "";
-    const auto inspect = machine_.inspect();
+    const auto inspect = machine().inspect();
     if (view.type != ObjectType::kGeneral) {
         return prefix + host::framework::Name(view.type);
     }
@@ -112,12 +111,12 @@ std::string ObservedRun::Describe(const ObjectView& view)
 Lines ObservedRun::Alive()
 {
     Lines lines;
-    if (driver_ == nullptr || !driver_->IsLoaded()) {
+    if (harness_.driver == nullptr || !harness_.driver->IsLoaded()) {
         return lines;
     }
-    const auto inspect = machine_.inspect();
-    const auto driver = inspect.Find(driver_->Handle());
-    const auto context = *inspect.Context<layout::DriverContext>(driver_->Handle(), layout::kDriverContextName);
+    const auto inspect = machine().inspect();
+    const auto driver = inspect.Find(harness_.driver->Handle());
+    const auto context = *inspect.Context<layout::DriverContext>(harness_.driver->Handle(), layout::kDriverContextName);
     std::string held = "held";
     std::string queued = "queued";
     std::map<WDFOBJECT, std::string> parentNames;
@@ -167,9 +166,9 @@ Lines ObservedRun::Alive()
                                    context.notifyCommandsLock,
                                    context.notifyAppsStateLock};
     lines.push_back("context fields " + std::to_string(std::size(kFields) - std::ranges::count(kFields, nullptr)));
-    lines.push_back("second deletes " + std::to_string(machine_.SecondDeletes()));
+    lines.push_back("second deletes " + std::to_string(machine().SecondDeletes()));
     std::size_t blocks = 0;
-    for (const auto& use : machine_.PoolInUse()) {
+    for (const auto& use : machine().PoolInUse()) {
         blocks += use.blockCount;
     }
     lines.push_back("pool " + std::to_string(blocks));

@@ -12,109 +12,100 @@ ReferenceModel ReferenceModel::Again() const
     return again;
 }
 
-bool ReferenceModel::Allows(Do what) const
+bool ReferenceModel::Allows(Kind kind) const
 {
-    switch (what) {
-    case Do::kLoad:
+    switch (kind) {
+    case Kind::kLoad:
         return !loaded_;
-    case Do::kAddDevice:
+    case Kind::kAddDevice:
         return loaded_ && !device_;
-    case Do::kStart:
+    case Kind::kStart:
         return device_ && !started_;
-    case Do::kUnload:
+    case Kind::kUnload:
         return loaded_ && !device_;
-    case Do::kRemove:
+    case Kind::kRemove:
         return device_ && !file_;
-    case Do::kClose:
-    case Do::kControl:
+    case Kind::kClose:
+    case Kind::kControl:
         return file_;
-    case Do::kPower:
+    case Kind::kSleep:
+    case Kind::kWake:
         return powerRegistrations_ != 0;
-    case Do::kOpen:
+    case Kind::kOpen:
         return started_ && !file_;
     default:
         return started_;
     }
 }
 
-Step ReferenceModel::Run(const Op& op)
+Step ReferenceModel::Run(const Operation& operation)
 {
     step_ = {};
-    std::optional<NTSTATUS> status;
-    switch (op.what) {
-    case Do::kLoad:
-        status = Load();
-        break;
-    case Do::kAddDevice:
-        status = AddDevice();
-        break;
-    case Do::kStart:
-        started_ = true;
-        status = STATUS_SUCCESS;
-        break;
-    case Do::kSleep:
-    case Do::kWake:
-        status = STATUS_SUCCESS;
-        break;
-    case Do::kSurprise:
-        break;
-    case Do::kRemove:
-        EndDevice();
-        break;
-    case Do::kUnload:
-        Unload();
-        break;
-    case Do::kRegister:
-        status = Register(op.a, op.b);
-        break;
-    case Do::kLeave:
-        status = Leave(op.a);
-        break;
-    case Do::kPost:
-        status = Post(op.a, op.b);
-        break;
-    case Do::kSubscribe:
-        status = Subscribe(op.a, op.b, op.c);
-        break;
-    case Do::kUnsubscribe:
-        status = Unsubscribe(op.a, op.b, op.c);
-        break;
-    case Do::kSend:
-        status = Send(op.a, op.b, op.c);
-        break;
-    case Do::kDeliver:
-        Deliver();
-        break;
-    case Do::kAttach:
-        status = Attach(op.a != 0);
-        break;
-    case Do::kDetach:
-        status = Detach();
-        break;
-    case Do::kCount:
-        status = Count(op.a != 0);
-        break;
-    case Do::kDescribe:
-        status = Describe(op.a, op.b);
-        break;
-    case Do::kDump:
-        status = Dump(op.a, op.b != 0, static_cast<NTSTATUS>(op.c));
-        break;
-    case Do::kOpen:
-        status = Open();
-        break;
-    case Do::kClose:
-        Close();
-        break;
-    case Do::kControl:
-        status = Control(op.a);
-        break;
-    case Do::kPower:
-        Power(op.a);
-        break;
-    }
-    step_.status = status ? Hex(*status) : "";
+    const std::optional<NTSTATUS> status = Do(operation);
+    step_.status = status ? Hex(static_cast<std::uint32_t>(*status)) : "";
     return step_;
+}
+
+std::optional<NTSTATUS> ReferenceModel::Do(const Operation& operation)
+{
+    const unsigned client = operation.null == "guid" || operation.null == "record" ? 0 : operation.client;
+    switch (operation.kind) {
+    case Kind::kLoad:
+        return Load();
+    case Kind::kAddDevice:
+        return AddDevice();
+    case Kind::kStart:
+        started_ = true;
+        return STATUS_SUCCESS;
+    case Kind::kPowerDown:
+    case Kind::kPowerUp:
+        return STATUS_SUCCESS;
+    case Kind::kSurprise:
+        return std::nullopt;
+    case Kind::kRemove:
+        EndDevice();
+        return std::nullopt;
+    case Kind::kUnload:
+        Unload();
+        return std::nullopt;
+    case Kind::kRegister:
+        return Register(client, operation.value, operation.null != "callbacks");
+    case Kind::kDeregister:
+        return Deregister(client);
+    case Kind::kPost:
+        return Post({client, tests::kPostedSize, operation.state, tests::kPostedReserved});
+    case Kind::kSubscribe:
+        return Subscribe(client, operation.other, operation.state);
+    case Kind::kUnsubscribe:
+        return Unsubscribe(client, operation.other, operation.state);
+    case Kind::kCommand:
+        return Send(client, operation.other, operation.value);
+    case Kind::kDeliver:
+        Deliver();
+        return std::nullopt;
+    case Kind::kAttach:
+        return Attach(operation.null.empty());
+    case Kind::kDetach:
+        return Detach();
+    case Kind::kCount:
+        return Count(operation.null.empty());
+    case Kind::kDescribe:
+        return Describe(operation.value, operation.null);
+    case Kind::kOpen:
+        return Open();
+    case Kind::kClose:
+        Close();
+        return std::nullopt;
+    case Kind::kControl:
+        return Control(operation.value);
+    case Kind::kSleep:
+        Sleep();
+        return std::nullopt;
+    case Kind::kWake:
+        return std::nullopt;
+    default:
+        return Dump(operation);
+    }
 }
 
 // ---- Calls that can fail ----
@@ -256,7 +247,7 @@ void ReferenceModel::Enqueue(const std::string& item)
 
 NTSTATUS ReferenceModel::Fails(const std::string& line, NTSTATUS status)
 {
-    Report(line + ", " + Hex(status));
+    Report(line + ", " + Hex(static_cast<std::uint32_t>(status)));
     return status;
 }
 

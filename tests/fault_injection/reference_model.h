@@ -28,6 +28,7 @@ struct ModelObject {
     ULONG other = 0;   // target
     ULONG value = 0;   // current state, posted state, awaited state, command id
     ULONG size = 0;    // of a state record
+    ULONG reserved = 0;
     ULONG added = 0;
     ULONG refresh = 0;
     ULONG traits = 0;
@@ -46,6 +47,17 @@ inline constexpr const char* kCommand = "ZEP_NOTIFIER_COMMAND_CONTEXT";
 inline constexpr const char* kWpcd = "ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT";
 inline constexpr const char* kClientsLock = "WdfWaitLockAcquire for wdfWaitLockClientsCollection";
 
+// A state as it is posted.
+struct StateRecord {
+    ULONG number;
+    ULONG size;
+    ULONG state;
+    ULONG reserved;
+};
+
+// What the crash-dump driver gets to see of a client.
+[[nodiscard]] std::string DescriptorOf(const ModelObject& client);
+
 inline std::string Named(const Ref& client)
 {
     return "<client " + std::to_string(client->number) + ">";
@@ -58,8 +70,8 @@ public:
     // Of the image loaded again, without a fault: what leaked and what was deleted twice stays.
     [[nodiscard]] ReferenceModel Again() const;
     // Whether the sequence, as far as it came, allows the operation.
-    [[nodiscard]] bool Allows(Do what) const;
-    Step Run(const Op& op);
+    [[nodiscard]] bool Allows(Kind kind) const;
+    Step Run(const Operation& operation);
     [[nodiscard]] Lines Alive() const;
 
     // All fallible calls so far, in order; of a sequence without a fault.
@@ -93,6 +105,7 @@ private:
     NTSTATUS Fails(const std::string& line, NTSTATUS status);
 
     // ---- Operations ----
+    std::optional<NTSTATUS> Do(const Operation& operation);
     NTSTATUS Load();
     NTSTATUS AddDevice();
     NTSTATUS FillDevice();
@@ -100,13 +113,13 @@ private:
     void Unload();
     bool Driver(const std::string& noDriver, const std::string& noContext);
     Ref Lookup(ULONG client, bool lock);
-    NTSTATUS Register(ULONG number, ULONG traits);
+    NTSTATUS Register(ULONG number, ULONG traits, bool callbacks);
     void DiscardClient(const Ref& client, bool freeEntries);
-    NTSTATUS Leave(ULONG number);
+    NTSTATUS Deregister(ULONG number);
     NTSTATUS Withdraw(const Ref& client);
     [[nodiscard]] bool HasClients() const;
     void Cleanup();
-    NTSTATUS Post(ULONG number, ULONG state);
+    NTSTATUS Post(const StateRecord& record);
     NTSTATUS Subscribe(ULONG number, ULONG target, ULONG state);
     NTSTATUS Unsubscribe(ULONG number, ULONG target, ULONG state);
     NTSTATUS Send(ULONG sender, ULONG target, ULONG id);
@@ -122,11 +135,11 @@ private:
     NTSTATUS Attach(bool record);
     NTSTATUS Detach();
     NTSTATUS Count(bool pointer);
-    NTSTATUS Describe(ULONG capacity, ULONG nulls);
-    NTSTATUS Dump(ULONG which, bool handle, NTSTATUS answer);
-    NTSTATUS DumpContext(bool handle);
+    NTSTATUS Describe(ULONG capacity, std::string_view null);
+    NTSTATUS Dump(const Operation& operation);
+    NTSTATUS DumpContext(bool record);
     NTSTATUS Broadcast();
-    void Power(ULONG argument);
+    void Sleep();
     void LeaveWorkingState();
     NTSTATUS Control(ULONG code);
     NTSTATUS Open();

@@ -51,8 +51,8 @@ NTSTATUS ReferenceModel::Broadcast()
             Report("6 " + name + "ActionCallbackTable.AppsStateNotificationCallback, " + Named(client));
             continue;
         }
-        step_.callbacks.push_back("apps state 2 to " + std::to_string(client->number) + ", response " +
-                                  std::to_string(client->value));
+        step_.callbacks.push_back(
+            tests::lines::AppsState(client->number, ZEP_APPS_STATE_REASON_CHANGED, client->value));
         const ULONG wanted = AppsStateAnswer(client->number, client->value);
         if (wanted == client->value) {
             continue;
@@ -70,7 +70,7 @@ NTSTATUS ReferenceModel::Broadcast()
         }
         record->number = client->number;
         record->value = wanted;
-        record->size = 32;
+        record->size = sizeof(ZepState);
         status = Add(answers, record);
         if (!NT_SUCCESS(status)) {
             Fails("1 " + name + "WdfCollectionAdd for wdfClientCollection", status);
@@ -90,19 +90,19 @@ NTSTATUS ReferenceModel::Broadcast()
             deleteParent();
             continue;
         }
-        status = Post(record->number, record->value);
+        status = Post({record->number, record->size, record->value, 0});
         if (!NT_SUCCESS(status)) {
-            Report("- " + name + "posting the wanted state failed: " + Hex(status));
+            Report("- " + name + "posting the wanted state failed: " + Hex(static_cast<std::uint32_t>(status)));
             deleteParent();
         }
     }
     return status;
 }
 
-void ReferenceModel::Power(ULONG argument)
+void ReferenceModel::Sleep()
 {
     // A second device registers the routine once more.
-    for (unsigned index = 0; argument == 0 && index < powerRegistrations_; ++index) {
+    for (unsigned index = 0; index < powerRegistrations_; ++index) {
         LeaveWorkingState();
     }
 }
@@ -124,7 +124,7 @@ void ReferenceModel::LeaveWorkingState()
         return;
     }
     (void)Status("KeDelayExecutionThread");
-    step_.callbacks.push_back("waits 250 ms");
+    step_.callbacks.push_back(tests::lines::Wait(kTimeoutMs));
 }
 
 NTSTATUS ReferenceModel::Control(ULONG code)
@@ -134,8 +134,7 @@ NTSTATUS ReferenceModel::Control(ULONG code)
                      STATUS_INVALID_DEVICE_REQUEST);
     }
     if (code != IOCTL_ZEPN_NOTIFY_APPS_STATE) {
-        Report("- NotifierEvtIoDeviceControl: I/O control " + Hex(static_cast<NTSTATUS>(code)).substr(2) +
-               " is not supported");
+        Report("- NotifierEvtIoDeviceControl: I/O control " + Hex(code).substr(2) + " is not supported");
         return STATUS_NOT_SUPPORTED;
     }
     return NT_SUCCESS(Broadcast()) ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;

@@ -153,18 +153,18 @@ bool ReferenceModel::DeliverCommand(Ref& sender, Ref& target, bool& clientsHeld)
         Fails("12 " + name + "Target Client has NULL CommandCallback(), " + GuidText(command->other), STATUS_SUCCESS);
         return false;
     }
-    step_.callbacks.push_back("command " + std::to_string(command->value) + " of " + std::to_string(command->number) +
-                              " in state " + std::to_string(sender->value) + " to " + std::to_string(target->number) +
-                              ", response " + std::to_string(target->value));
+    step_.callbacks.push_back(tests::lines::Command(target->number, command->value, sizeof(ZepCommandInfo),
+                                                    tests::CommandArgument({}), tests::ClientName(command->number),
+                                                    sender->value, target->value));
     const ULONG wanted = CommandAnswer(command->value, target->value);
     const bool posts = wanted != target->value;
     const ULONG number = target->number;
     Release("clients");
     clientsHeld = false;
     if (posts) {
-        status = Post(number, wanted);
+        status = Post({number, sizeof(ZepState), wanted, 0});
         if (!NT_SUCCESS(status)) {
-            Report("- " + name + "posting the target's new state failed: " + Hex(status));
+            Report("- " + name + "posting the target's new state failed: " + Hex(static_cast<std::uint32_t>(status)));
         }
     }
     return false;  // the command stays with its sender

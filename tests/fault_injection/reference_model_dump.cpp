@@ -12,6 +12,13 @@ void MarkAnnounced(ModelObject& client)
 
 }  // namespace
 
+std::string DescriptorOf(const ModelObject& client)
+{
+    return tests::lines::Descriptor(tests::ClientName(client.number), "name", "description",
+                                    (client.traits & kApps) != 0, client.hasEntries,
+                                    client.hasEntries ? kEntryCount : 0);
+}
+
 NTSTATUS ReferenceModel::Attach(bool record)
 {
     const std::string name = "Notifier_WpcdClientInit: ";
@@ -87,7 +94,7 @@ void ReferenceModel::AnnounceQueued()
         } else if (!HasContext(kClient)) {
             Report("6 " + name + "Client context, " + Named(entry));
         } else {
-            step_.callbacks.push_back("announce " + std::to_string(entry->number));
+            step_.callbacks.push_back(tests::lines::FromTable(0, DescriptorOf(*entry)));
             const NTSTATUS answer = AddAnswer(entry->number);
             if (answer != STATUS_SUCCESS) {
                 Fails("3 " + name + "Add client call to WPCD failed!", answer);
@@ -134,7 +141,8 @@ void ReferenceModel::RemoveClient()
         return;
     }
     Remove(removeQueue_, entry);
-    step_.callbacks.push_back("withdraw " + std::to_string(entry->number));
+    step_.callbacks.push_back(
+        tests::lines::FromTable(0, tests::lines::Withdrawal(tests::ClientName(entry->number), "name", "description")));
     if (RemoveAnswer(entry->number) != STATUS_SUCCESS) {
         Fails("3 NotifierEvtWorkItemWpcdClientAdd: Remove client call to WPCD failed!", RemoveAnswer(entry->number));
     }
@@ -175,23 +183,22 @@ NTSTATUS ReferenceModel::Count(bool pointer)
             Release("clients");
         }
     }
-    step_.callbacks.push_back("count " + std::to_string(answer));
+    step_.callbacks.push_back(tests::lines::Count(answer));
     return status;
 }
 
-NTSTATUS ReferenceModel::Describe(ULONG capacity, ULONG nulls)
+NTSTATUS ReferenceModel::Describe(ULONG capacity, std::string_view null)
 {
     const std::string name = "Notifier_WpcdGetAllSubsystemDescriptors: ";
-    if (nulls == 1) {
+    if (null == "descriptors") {
         return Fails("2 " + name + "Descriptors is NULL?!", STATUS_INVALID_PARAMETER);
     }
-    if (nulls == 2) {
+    if (null == "count") {
         return Fails("2 " + name + "NumberDescriptors is NULL?!", STATUS_INVALID_PARAMETER);
     }
     std::size_t answer = capacity;
-    std::string described;
     const auto ends = [&](NTSTATUS status) {
-        step_.callbacks.push_back("described" + described + ", count " + std::to_string(answer));
+        step_.callbacks.push_back(tests::lines::Count(answer));
         return status;
     };
     if (!Driver("2 " + name + "WdfGetDriver returned NULL?!, 0xC0000185",
@@ -221,7 +228,7 @@ NTSTATUS ReferenceModel::Describe(ULONG capacity, ULONG nulls)
             Report("6 " + name + "Client object context, " + Named(item));
             stopped = true;
         } else {
-            described += " " + std::to_string(item->number);
+            step_.callbacks.push_back(DescriptorOf(*item));
             status = Acquire("general");
             if (status != STATUS_SUCCESS) {
                 Fails("1 " + name + "WdfWaitLockAcquire (general lock)", status);
@@ -237,10 +244,10 @@ NTSTATUS ReferenceModel::Describe(ULONG capacity, ULONG nulls)
     return ends(status);
 }
 
-NTSTATUS ReferenceModel::DumpContext(bool handle)
+NTSTATUS ReferenceModel::DumpContext(bool record)
 {
     // These names are fixed, whichever forwarder asks.
-    if (!handle) {
+    if (!record) {
         return Fails("2 Notifier_HelperStartDump: A required parameter is NULL.", STATUS_INVALID_PARAMETER);
     }
     if (!Driver("2 Notifier_HelperStartDump: WdfGetDriver returned NULL., 0xC0000185",
@@ -257,20 +264,23 @@ NTSTATUS ReferenceModel::DumpContext(bool handle)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS ReferenceModel::Dump(ULONG which, bool handle, NTSTATUS answer)
+NTSTATUS ReferenceModel::Dump(const Operation& operation)
 {
-    static const char* const kNames[][2] = {{"Notifier_HelperStartDump", "ZepDumpStart"},
-                                            {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData"},
-                                            {"Notifier_HelperStopDump", "ZepDumpStop"},
-                                            {"Notifier_HelperDumpQueryParam", "ZepDumpQueryParam"},
-                                            {"Notifier_HelperDumpAddTriageData", "ZepDumpAddTriageData"}};
-    const NTSTATUS status = DumpContext(handle);
+    static const std::map<Kind, std::pair<const char*, const char*>> kNames = {
+        {Kind::kStartDump, {"Notifier_HelperStartDump", "ZepDumpStart"}},
+        {Kind::kAddDumpData, {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData"}},
+        {Kind::kStopDump, {"Notifier_HelperStopDump", "ZepDumpStop"}},
+        {Kind::kQueryDump, {"Notifier_HelperDumpQueryParam", "ZepDumpQueryParam"}},
+        {Kind::kAddTriageData, {"Notifier_HelperDumpAddTriageData", "ZepDumpAddTriageData"}}};
+    const auto& [name, callback] = kNames.at(operation.kind);
+    const NTSTATUS status = DumpContext(operation.null.empty());
     if (!NT_SUCCESS(status)) {
-        return Fails(std::string("2 ") + kNames[which][0] + ": Retrieving the context information failed.", status);
+        return Fails(std::string("2 ") + name + ": Retrieving the context information failed.", status);
     }
-    step_.callbacks.push_back("dump " + std::to_string(which) + " 5 6");
+    step_.callbacks.push_back(tests::lines::FromTable(0, tests::lines::Dump(operation.kind, operation.client)));
+    const auto answer = static_cast<NTSTATUS>(operation.value);
     if (!NT_SUCCESS(answer)) {
-        Fails(std::string("1 pWpcdClientContext->") + kNames[which][1] + ": Failed with an error code.", answer);
+        Fails(std::string("1 pWpcdClientContext->") + callback + ": Failed with an error code.", answer);
     }
     return answer;
 }

@@ -53,7 +53,7 @@ Ref ReferenceModel::Lookup(ULONG number, bool lock)
     return found;
 }
 
-NTSTATUS ReferenceModel::Register(ULONG number, ULONG traits)
+NTSTATUS ReferenceModel::Register(ULONG number, ULONG traits, bool callbacks)
 {
     const std::string name = "Notifier_HelperInit: ";
     if (number == 0) {
@@ -63,7 +63,7 @@ NTSTATUS ReferenceModel::Register(ULONG number, ULONG traits)
         return Fails("12 " + name + "InterfaceGUID is already initialized!, " + GuidText(number),
                      STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
     }
-    if ((traits & kNullTable) != 0) {
+    if (!callbacks) {
         return Fails("2 " + name + "ActionCallbackTable is NULL!", STATUS_INVALID_PARAMETER);
     }
     NTSTATUS status = Create(kClient);
@@ -119,7 +119,7 @@ void ReferenceModel::DiscardClient(const Ref& client, bool freeEntries)
     Delete(client);
 }
 
-NTSTATUS ReferenceModel::Leave(ULONG number)
+NTSTATUS ReferenceModel::Deregister(ULONG number)
 {
     const std::string name = "Notifier_HelperClientDeinit: ";
     if (number == 0) {
@@ -265,16 +265,17 @@ NTSTATUS ReferenceModel::Subscribe(ULONG number, ULONG target, ULONG state)
         Release("clients");
         return STATUS_SUCCESS;
     }
-    step_.callbacks.push_back("state " + std::to_string(watched->value) + " of " + std::to_string(target) + " to " +
-                              std::to_string(number) + ", size 32, response " + std::to_string(subscriber->value));
+    step_.callbacks.push_back(
+        tests::lines::State(number, tests::ClientName(target), sizeof(ZepState), watched->value, 0, subscriber->value));
     const ULONG answer = StateAnswer(number, watched->value);
     Release("clients");
     if (answer == 0 || answer == subscriber->value) {
         return STATUS_SUCCESS;
     }
-    status = Post(number, answer);
+    status = Post({number, sizeof(ZepState), answer, 0});
     if (!NT_SUCCESS(status)) {
-        Report("- Notifier_HelperRegisterForStateNotification: posting the subscriber's answer failed: " + Hex(status));
+        Report("- Notifier_HelperRegisterForStateNotification: posting the subscriber's answer failed: " +
+               Hex(static_cast<std::uint32_t>(status)));
     }
     return status;
 }

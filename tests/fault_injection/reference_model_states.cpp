@@ -3,9 +3,10 @@
 
 namespace fault_injection {
 
-NTSTATUS ReferenceModel::Post(ULONG number, ULONG state)
+NTSTATUS ReferenceModel::Post(const StateRecord& posted)
 {
     const std::string name = "Notifier_HelperSendState: ";
+    const ULONG number = posted.number;
     if (number == 0) {
         return Fails("2 " + name + "ZepState is NULL", STATUS_INVALID_PARAMETER);
     }
@@ -21,7 +22,7 @@ NTSTATUS ReferenceModel::Post(ULONG number, ULONG state)
     if (status != STATUS_SUCCESS) {
         return Fails("1 " + name + "WdfWaitLockAcquire (general lock)", status);
     }
-    client->value = state;  // stays, whatever comes
+    client->value = posted.state;  // stays, whatever comes
     Release("general");
     if (client->added == 0 || client->refresh != 0) {
         status = Acquire("clients");
@@ -47,8 +48,9 @@ NTSTATUS ReferenceModel::Post(ULONG number, ULONG state)
         return Fails("7 " + name + "Client state context, <state>", STATUS_IO_DEVICE_ERROR);
     }
     record->number = number;
-    record->value = state;
-    record->size = 32;
+    record->value = posted.state;
+    record->size = posted.size;
+    record->reserved = posted.reserved;
     status = Acquire("states");
     if (status != STATUS_SUCCESS) {
         Delete(record);
@@ -144,9 +146,8 @@ bool ReferenceModel::DeliverState(const ModelObject& state)
                 (registration->value != state.value && registration->value != ZEP_STATE_ANY)) {
                 continue;
             }
-            step_.callbacks.push_back("state " + std::to_string(state.value) + " of " + std::to_string(state.number) +
-                                      " to " + std::to_string(client->number) + ", size " + std::to_string(state.size) +
-                                      ", response 0");
+            step_.callbacks.push_back(tests::lines::State(client->number, tests::ClientName(state.number), state.size,
+                                                          state.value, state.reserved, 0));
             const ULONG answer = StateAnswer(client->number, state.value);
             if (answer != 0) {
                 client->value = answer;

@@ -1,6 +1,9 @@
-// A driver's sequence as a list of operations, and what each of them showed. The host plays it on the real driver
-// (observed.h), the expectation says what must be seen (expected.h); a fault is named so that both mean the same call.
+// What operations of a sequence show, and the faults injected into it. The driver is made to do them (observed.h), the
+// reference model says what must be seen (reference_model.h); a fault is named so that both mean the same call.
 #pragma once
+
+#include "tests/kit/callback_lines.h"
+#include "tests/kit/operation.h"
 
 #include <ntddk.h>
 
@@ -12,45 +15,12 @@ namespace fault_injection {
 
 using Lines = std::vector<std::string>;
 
-enum class Do {
-    kLoad,
-    kAddDevice,
-    kStart,
-    kSleep,
-    kWake,
-    kSurprise,
-    kRemove,
-    kUnload,
-    kRegister,     // a client, b Traits
-    kLeave,        // a client
-    kPost,         // a client, b state
-    kSubscribe,    // a subscriber, b target, c state
-    kUnsubscribe,  // likewise
-    kSend,         // a sender, b target, c command id
-    kDeliver,      // runs work items until none is queued
-    kAttach,       // a 0: null record
-    kDetach,
-    kCount,     // a 0: null pointer
-    kDescribe,  // a capacity; b 1: null array, 2: null count
-    kDump,      // a which forwarder, b 0: null handle, c the answer of the crash-dump driver
-    kOpen,
-    kClose,
-    kControl,  // a code
-    kPower,    // a second argument of the callback
-};
+using tests::Kind;
+using tests::Operation;
 
-// A client's number is the first of its GUID; 0 passes a null pointer instead.
-struct Op {
-    Do what;
-    ULONG a = 0;
-    ULONG b = 0;
-    ULONG c = 0;
-};
-
-// "post 1 5 0": with a, b and c.
-[[nodiscard]] std::string Text(const Op& op);
-
-enum Traits : ULONG { kPlain = 0, kEntries = 1, kCommands = 2, kApps = 4, kNullTable = 8 };
+// What a registration hands over, as the value of its operation.
+enum Traits : ULONG { kPlain = 0, kEntries = 1, kCommands = 2, kApps = 4 };
+inline constexpr unsigned kEntryCount = 3;
 
 // What clients and the crash-dump driver answer: fixed, so that both sides know it.
 inline ULONG StateAnswer(ULONG subscriber, ULONG state)
@@ -95,26 +65,26 @@ struct Fault {
     [[nodiscard]] std::string Text() const;
 };
 
-// One call that can fail, as the expectation foresees it.
+// One call that can fail, as the reference model predicts it.
 struct Call {
     std::string function;
     std::string detail;  // context type
     std::vector<FaultKind> forms;
 };
 
-// Everything that an operation showed.
+// Everything that one operation shows.
 struct Step {
     std::string status;  // "0xC0000017", "" where it has none
     Lines reports;       // errors and warnings, in order
-    Lines callbacks;     // into clients and the crash-dump driver, in order
+    Lines callbacks;     // into clients and the crash-dump driver, in order, and waits
     Lines violations;    // by rule
     Lines calls;         // fallible platform calls: function and detail
-    bool ends = false;   // a thread is parked or a lock kept: nobody can go on from here
+    bool ends = false;   // a thread hangs or a lock is kept: the sequence cannot go on
 };
 
-using Sequence = std::vector<Op>;
+using Sequence = std::vector<Operation>;
 
-std::string Hex(NTSTATUS status);
+using tests::Hex;
 std::string GuidText(ULONG client);
 
 }  // namespace fault_injection

@@ -7,17 +7,6 @@
 
 namespace fault_injection {
 
-std::string Text(const Op& op)
-{
-    constexpr const char* kNames[] = {"load",        "add device", "start",    "sleep",  "wake",    "surprise",
-                                      "remove",      "unload",     "register", "leave",  "post",    "subscribe",
-                                      "unsubscribe", "send",       "deliver",  "attach", "detach",  "count",
-                                      "describe",    "dump",       "open",     "close",  "control", "power"};
-    static_assert(std::size(kNames) == static_cast<std::size_t>(Do::kPower) + 1);
-    return std::string(kNames[static_cast<std::size_t>(op.what)]) + " " + std::to_string(op.a) + " " +
-           std::to_string(op.b) + " " + std::to_string(op.c);
-}
-
 const char* Name(FaultKind form)
 {
     switch (form) {
@@ -48,13 +37,6 @@ std::string Fault::Text() const
     return function + " call " + std::to_string(index) + (persistent ? " and later, " : ", ") + Name(form);
 }
 
-std::string Hex(NTSTATUS status)
-{
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(status));
-    return text;
-}
-
 std::string GuidText(ULONG client)
 {
     char text[64];
@@ -62,129 +44,175 @@ std::string GuidText(ULONG client)
     return text;
 }
 
-Sequence WholeLife()
+namespace {
+
+Operation Register(unsigned client, ULONG traits = kPlain)
+{
+    return {.kind = Kind::kRegister, .client = client, .value = traits};
+}
+Operation Deregister(unsigned client)
+{
+    return {.kind = Kind::kDeregister, .client = client};
+}
+Operation Post(unsigned client, ULONG state)
+{
+    return {.kind = Kind::kPost, .client = client, .state = state};
+}
+Operation Subscribe(unsigned client, unsigned target, ULONG state)
+{
+    return {.kind = Kind::kSubscribe, .client = client, .other = target, .state = state};
+}
+Operation Unsubscribe(unsigned client, unsigned target, ULONG state)
+{
+    return {.kind = Kind::kUnsubscribe, .client = client, .other = target, .state = state};
+}
+Operation Command(unsigned client, unsigned target, ULONG id)
+{
+    return {.kind = Kind::kCommand, .client = client, .other = target, .value = id};
+}
+Operation Describe(ULONG capacity)
+{
+    return {.kind = Kind::kDescribe, .value = capacity};
+}
+Operation Dump(Kind kind, ULONG answer = 0)  // of the crash-dump driver
+{
+    return {.kind = kind, .client = 1, .value = answer};
+}
+Operation Control(ULONG code)
+{
+    return {.kind = Kind::kControl, .value = code};
+}
+Operation Null(Operation operation, std::string_view argument)
+{
+    operation.null = argument;
+    return operation;
+}
+
+}  // namespace
+
+Sequence WholeSequence()
 {
     constexpr ULONG kFailed = 0xC0000001;
     return {
-        {Do::kLoad},
-        {Do::kAddDevice},
-        {Do::kStart},
+        {Kind::kLoad},
+        {Kind::kAddDevice},
+        {Kind::kStart},
 
-        {Do::kRegister, 0},
-        {Do::kRegister, 1, kNullTable},
-        {Do::kRegister, 1, kApps},
-        {Do::kRegister, 2, kEntries | kCommands | kApps},
-        {Do::kRegister, 3, kEntries},
-        {Do::kRegister, 4, kApps},
-        {Do::kRegister, 1, kApps},
+        Null(Register(1), "guid"),
+        Null(Register(1), "callbacks"),
+        Register(1, kApps),
+        Register(2, kEntries | kCommands | kApps),
+        Register(3, kEntries),
+        Register(4, kApps),
+        Register(1, kApps),
 
-        {Do::kPost, 0},
-        {Do::kPost, 9, 1},
-        {Do::kSubscribe, 0, 1, 3},
-        {Do::kSubscribe, 9, 1, 3},
-        {Do::kSubscribe, 2, 1, 3},
-        {Do::kSubscribe, 1, 2, ZEP_STATE_ANY},  // at once, with state 0
-        {Do::kSubscribe, 1, 9, 3},
-        {Do::kSubscribe, 4, 2, 12},
-        {Do::kPost, 1, 3},  // 2 answers with 12, which 1 and 4 hear
-        {Do::kDeliver},
+        Null(Post(1, 0), "record"),
+        Post(9, 1),
+        Null(Subscribe(2, 1, 3), "guid"),
+        Subscribe(9, 1, 3),
+        Subscribe(2, 1, 3),
+        Subscribe(1, 2, ZEP_STATE_ANY),  // at once, with state 0
+        Subscribe(1, 9, 3),
+        Subscribe(4, 2, 12),
+        Post(1, 3),  // 2 answers with 12, which 1 and 4 await
+        {Kind::kDeliver},
 
-        {Do::kDump, 0, 1, 0},
-        {Do::kDetach},
-        {Do::kAttach, 0},
-        {Do::kAttach, 1},
-        {Do::kAttach, 1},
-        {Do::kPost, 1, 4},
-        {Do::kPost, 2, 5},
-        {Do::kPost, 4, 1},
-        {Do::kDeliver},
-        {Do::kSubscribe, 3, 1, 4},  // at once, and 3 answers with 33
-        {Do::kDeliver},
+        Dump(Kind::kStartDump),
+        {Kind::kDetach},
+        Null({Kind::kAttach}, "record"),
+        {Kind::kAttach},
+        {Kind::kAttach},
+        Post(1, 4),
+        Post(2, 5),
+        Post(4, 1),
+        {Kind::kDeliver},
+        Subscribe(3, 1, 4),  // at once, and 3 answers with 33
+        {Kind::kDeliver},
 
-        {Do::kSend, 0},
-        {Do::kSend, 9, 2, 7},
-        {Do::kSend, 1, 9, 7},
-        {Do::kSend, 1, 3, 7},
-        {Do::kSend, 1, 2, 7},  // 2 changes its state
-        {Do::kSend, 1, 2, 8},
-        {Do::kDeliver},
-        {Do::kSend, 3, 2, 8},
-        {Do::kDeliver},
-        {Do::kSend, 3, 2, 7},
-        {Do::kDeliver},
+        Null(Command(1, 2, 7), "record"),
+        Command(9, 2, 7),
+        Command(1, 9, 7),
+        Command(1, 3, 7),
+        Command(1, 2, 7),  // 2 changes its state
+        Command(1, 2, 8),
+        {Kind::kDeliver},
+        Command(3, 2, 8),
+        {Kind::kDeliver},
+        Command(3, 2, 7),
+        {Kind::kDeliver},
 
-        {Do::kCount, 0},
-        {Do::kCount, 1},
-        {Do::kDescribe, 9, 1},
-        {Do::kDescribe, 9, 2},
-        {Do::kDescribe, 2},
-        {Do::kRegister, 5, kPlain},
-        {Do::kDescribe, 6},
-        {Do::kPost, 5, 1},
-        {Do::kDeliver},
+        Null({Kind::kCount}, "count"),
+        {Kind::kCount},
+        Null(Describe(9), "descriptors"),
+        Null(Describe(9), "count"),
+        Describe(2),
+        Register(5),
+        Describe(6),
+        Post(5, 1),
+        {Kind::kDeliver},
 
-        {Do::kDump, 0, 1, 0},
-        {Do::kDump, 1, 1, 0},
-        {Do::kDump, 2, 1, 0},
-        {Do::kDump, 3, 1, 0},
-        {Do::kDump, 4, 1, 0x40000000},
-        {Do::kDump, 0, 1, kFailed},
-        {Do::kDump, 1, 1, kFailed},
-        {Do::kDump, 2, 1, kFailed},
-        {Do::kDump, 3, 1, kFailed},
-        {Do::kDump, 4, 1, kFailed},
-        {Do::kDump, 0, 0, 0},
-        {Do::kDump, 1, 0, 0},
-        {Do::kDump, 2, 0, 0},
-        {Do::kDump, 3, 0, 0},
-        {Do::kDump, 4, 0, 0},
+        Dump(Kind::kStartDump),
+        Dump(Kind::kAddDumpData),
+        Dump(Kind::kStopDump),
+        Dump(Kind::kQueryDump),
+        Dump(Kind::kAddTriageData, 0x40000000),
+        Dump(Kind::kStartDump, kFailed),
+        Dump(Kind::kAddDumpData, kFailed),
+        Dump(Kind::kStopDump, kFailed),
+        Dump(Kind::kQueryDump, kFailed),
+        Dump(Kind::kAddTriageData, kFailed),
+        Null(Dump(Kind::kStartDump), "record"),
+        Null(Dump(Kind::kAddDumpData), "record"),
+        Null(Dump(Kind::kStopDump), "record"),
+        Null(Dump(Kind::kQueryDump), "record"),
+        Null(Dump(Kind::kAddTriageData), "record"),
 
-        {Do::kOpen},
-        {Do::kControl, IOCTL_ZEPN_NOTIFY_APPS_STATE},
-        {Do::kControl, 0x01002140},
-        {Do::kDeliver},
-        {Do::kClose},
-        {Do::kPower, 0},
-        {Do::kPower, 1},
-        {Do::kDeliver},
+        {Kind::kOpen},
+        Control(IOCTL_ZEPN_NOTIFY_APPS_STATE),
+        Control(0x01002140),
+        {Kind::kDeliver},
+        {Kind::kClose},
+        {Kind::kSleep},
+        {Kind::kWake},
+        {Kind::kDeliver},
 
-        {Do::kUnsubscribe, 0, 2, 3},
-        {Do::kUnsubscribe, 9, 2, 3},
-        {Do::kUnsubscribe, 1, 9, 3},
-        {Do::kUnsubscribe, 1, 9, 3},
-        {Do::kUnsubscribe, 1, 2, ZEP_STATE_ANY},
+        Null(Unsubscribe(2, 2, 3), "guid"),
+        Unsubscribe(9, 2, 3),
+        Unsubscribe(1, 9, 3),
+        Unsubscribe(1, 9, 3),
+        Unsubscribe(1, 2, ZEP_STATE_ANY),
 
-        {Do::kLeave, 0},
-        {Do::kLeave, 9},
-        {Do::kPost, 4, 2},
-        {Do::kPost, 5, 6},
-        {Do::kLeave, 4},  // refused by the crash-dump driver, so still waiting
-        {Do::kLeave, 3},
-        {Do::kDeliver},
-        {Do::kLeave, 2},
-        {Do::kDeliver},
-        {Do::kRegister, 3, kEntries},
-        {Do::kSubscribe, 3, 1, ZEP_STATE_ANY},
-        {Do::kDetach},
-        {Do::kPost, 3, 8},
-        {Do::kDeliver},
-        {Do::kLeave, 5},  // nobody is there to be told
-        {Do::kDeliver},
-        {Do::kPost, 1, 9},
+        Null(Deregister(1), "guid"),
+        Deregister(9),
+        Post(4, 2),
+        Post(5, 6),
+        Deregister(4),  // refused by the crash-dump driver, so still waiting
+        Deregister(3),
+        {Kind::kDeliver},
+        Deregister(2),
+        {Kind::kDeliver},
+        Register(3, kEntries),
+        Subscribe(3, 1, ZEP_STATE_ANY),
+        {Kind::kDetach},
+        Post(3, 8),
+        {Kind::kDeliver},
+        Deregister(5),  // nobody is there to be told
+        {Kind::kDeliver},
+        Post(1, 9),
 
-        {Do::kSleep},
-        {Do::kWake},
-        {Do::kDeliver},
-        {Do::kSurprise},
-        {Do::kRemove},
-        {Do::kUnload},
+        {Kind::kPowerDown},
+        {Kind::kPowerUp},
+        {Kind::kDeliver},
+        {Kind::kSurprise},
+        {Kind::kRemove},
+        {Kind::kUnload},
     };
 }
 
 namespace {
 
 const Sequence kBegin = {
-    {Do::kLoad}, {Do::kAddDevice}, {Do::kStart}, {Do::kRegister, 1, kCommands}, {Do::kRegister, 2, kCommands}};
+    {Kind::kLoad}, {Kind::kAddDevice}, {Kind::kStart}, Register(1, kCommands), Register(2, kCommands)};
 
 Sequence After(Sequence begin, const Sequence& rest)
 {
@@ -194,49 +222,49 @@ Sequence After(Sequence begin, const Sequence& rest)
 
 }  // namespace
 
-Sequence ClassicProvider()
+Sequence ShortSequence()
 {
-    return After(kBegin, {{Do::kPost, 1, 3}, {Do::kDeliver}, {Do::kSurprise}, {Do::kRemove}, {Do::kUnload}});
+    return After(kBegin, {Post(1, 3), {Kind::kDeliver}, {Kind::kSurprise}, {Kind::kRemove}, {Kind::kUnload}});
 }
 
 Sequence SecondDevice()
 {
-    return After(kBegin, {{Do::kRegister, 3, kApps | kEntries},
-                          {Do::kPost, 1, 3},
-                          {Do::kDeliver},
-                          {Do::kSurprise},
-                          {Do::kRemove},
-                          {Do::kAddDevice},
-                          {Do::kPower, 0},  // also when there is no second device
-                          {Do::kStart},
-                          {Do::kRegister, 1, kApps},
-                          {Do::kRegister, 2, kApps},
-                          {Do::kPower, 0},
-                          {Do::kDeliver},
-                          {Do::kSurprise},
-                          {Do::kRemove},
-                          {Do::kUnload}});
+    return After(kBegin, {Register(3, kApps | kEntries),
+                          Post(1, 3),
+                          {Kind::kDeliver},
+                          {Kind::kSurprise},
+                          {Kind::kRemove},
+                          {Kind::kAddDevice},
+                          {Kind::kSleep},  // also when there is no second device
+                          {Kind::kStart},
+                          Register(1, kApps),
+                          Register(2, kApps),
+                          {Kind::kSleep},
+                          {Kind::kDeliver},
+                          {Kind::kSurprise},
+                          {Kind::kRemove},
+                          {Kind::kUnload}});
 }
 
 Sequence CommandToOneself()
 {
-    return After(kBegin, {{Do::kSend, 1, 1, 7}, {Do::kDeliver}});
+    return After(kBegin, {Command(1, 1, 7), {Kind::kDeliver}});
 }
 
-Sequence CommandOfTheDeparted()
+Sequence CommandOfADeregisteredClient()
 {
-    return After(kBegin, {{Do::kSend, 2, 1, 7}, {Do::kLeave, 2}, {Do::kDeliver}});
+    return After(kBegin, {Command(2, 1, 7), Deregister(2), {Kind::kDeliver}});
 }
 
-Sequence CommandToTheChanged()
+Sequence CommandToAClientWithoutCallback()
 {
-    return After(kBegin, {{Do::kSend, 1, 2, 7},
-                          {Do::kLeave, 2},
-                          {Do::kRegister, 2, kPlain},
-                          {Do::kDeliver},
-                          {Do::kSurprise},
-                          {Do::kRemove},
-                          {Do::kUnload}});
+    return After(kBegin, {Command(1, 2, 7),
+                          Deregister(2),
+                          Register(2),
+                          {Kind::kDeliver},
+                          {Kind::kSurprise},
+                          {Kind::kRemove},
+                          {Kind::kUnload}});
 }
 
 }  // namespace fault_injection

@@ -1,4 +1,4 @@
-// The sequences that are swept.
+// The sequences that faults are injected into.
 #pragma once
 
 #include "tests/fault_injection/sequence.h"
@@ -6,17 +6,18 @@
 namespace fault_injection {
 
 // From load to unload through every operation, with what each refuses.
-[[nodiscard]] Sequence WholeLife();
+[[nodiscard]] Sequence WholeSequence();
 
-// A short one, for the other route of the trace messages.
-[[nodiscard]] Sequence ClassicProvider();
+// A short one, for the classic (WMI) registration of the trace messages' provider, and for an image loaded again.
+[[nodiscard]] Sequence ShortSequence();
 
 // The device is removed and added once more: the second device add finds the driver context as the first has left it.
 [[nodiscard]] Sequence SecondDevice();
 
-// A client leaves, or changes, while commands from or to it are under way: how command delivery stops for good.
+// A client is deregistered, or registers without a callback, while a command from or to it is queued: how command
+// delivery hangs.
 [[nodiscard]] Sequence CommandToOneself();
-[[nodiscard]] Sequence CommandOfTheDeparted();
-[[nodiscard]] Sequence CommandToTheChanged();
+[[nodiscard]] Sequence CommandOfADeregisteredClient();
+[[nodiscard]] Sequence CommandToAClientWithoutCallback();
 
 }  // namespace fault_injection

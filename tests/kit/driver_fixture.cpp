@@ -3,7 +3,6 @@
 #include "tests/kit/driver_fixture.h"
 
 #include "host/checks/unused_stack.h"
-#include "host/schedule/yield.h"
 #include "tests/kit/reports_seen.h"
 #include "tests/kit/settings.h"
 #include "tests/kit/lock_order.h"
@@ -13,35 +12,9 @@
 namespace tests {
 namespace {
 
-using host::schedule::YieldKind;
-using host::schedule::YieldPoint;
-
 std::string OutFolder()
 {
     return std::string(ZEPN_ROOT) + "/out";
-}
-
-NTSTATUS NTAPI OnCommandCallback(PVOID context, ULONG id, const ZepCommandInfo* info, PULONG state)
-{
-    YieldPoint(YieldKind::kClientCode, "CommandCallback");
-    auto& peer = *static_cast<Peer*>(context);
-    peer.commands.emplace_back(id, *info);
-    if (peer.onCommand) {
-        peer.onCommand(id, *state);
-    }
-    return STATUS_UNSUCCESSFUL;  // nobody may care
-}
-
-NTSTATUS NTAPI OnAppsStateCallback(PVOID context, ULONG reason, PULONG state)
-{
-    YieldPoint(YieldKind::kClientCode, "AppsStateNotificationCallback");
-    auto& peer = *static_cast<Peer*>(context);
-    EXPECT_EQ(reason, ZEP_APPS_STATE_REASON_CHANGED);
-    ++peer.appsStateCalls;
-    if (peer.onAppsState) {
-        peer.onAppsState(*state);
-    }
-    return STATUS_UNSUCCESSFUL;
 }
 
 }  // namespace
@@ -72,22 +45,6 @@ std::vector<Container> Containers()
 std::string ContainerName(const testing::TestParamInfo<Container>& info)
 {
     return info.param.name;
-}
-
-Peer::Peer(ULONG number) : guid{number, 0x1111, 0x2222, {1, 2, 3, 4, 5, 6, 7, 8}}
-{
-}
-
-Peer& Peer::TakesCommands()
-{
-    callbacks.CommandCallback = &OnCommandCallback;
-    return *this;
-}
-
-Peer& Peer::HearsAppsState()
-{
-    callbacks.AppsStateNotificationCallback = &OnAppsStateCallback;
-    return *this;
 }
 
 DriverFixture::DriverFixture(const Container& container, FixtureOptions options)
@@ -168,7 +125,7 @@ NTSTATUS DriverFixture::Subscribe(Peer& subscriber, const Peer& target, ULONG st
 {
     const ZepState filter{.Size = 32, .InterfaceGUID = target.guid, .State = state, .Reserved = 0};
     host::checks::FillUnusedStack();
-    return helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &OnState);
+    return helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &Peer::OnState);
 }
 
 NTSTATUS DriverFixture::Unsubscribe(const Peer& subscriber, const Peer& target, ULONG state)
@@ -203,16 +160,16 @@ void DriverFixture::Deliver()
     }
 }
 
-NTSTATUS DriverFixture::OnState(PVOID context, const ZepState* state, PULONG response)
+NTSTATUS DriverFixture::Attach()
 {
-    YieldPoint(YieldKind::kClientCode, "StateNotificationCallback");
-    auto& peer = *static_cast<Peer*>(context);
-    peer.deliveries.push_back(*state);
-    peer.responsesAtEntry.push_back(*response);
-    if (peer.onState) {
-        peer.onState(*state, *response);
-    }
-    return STATUS_UNSUCCESSFUL;
+    host::checks::FillUnusedStack();
+    return wpcd.Notifier_WpcdClientInit(&crashDump.registration);
+}
+
+NTSTATUS DriverFixture::Detach()
+{
+    host::checks::FillUnusedStack();
+    return wpcd.Notifier_WpcdClientDeInit();
 }
 
 DriverContext DriverFixture::Context()

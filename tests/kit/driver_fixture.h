@@ -6,9 +6,8 @@
 
 #include "host/machine.h"
 #include "host/tracing/decode.h"
-#include "driver/include/zepn_notifier.h"
 #include "driver/trace/identifiers.h"
-#include "tests/kit/contexts.h"
+#include "tests/kit/driver_harness.h"
 
 #include <gtest/gtest.h>
 
@@ -44,27 +43,6 @@ inline void PrintTo(const Container& container, std::ostream* out)
 // Registers a suite of cases for all containers.
 #define FOR_ALL_CONTAINERS(suite)                                                                                      \
     INSTANTIATE_TEST_SUITE_P(On, suite, testing::ValuesIn(::tests::Containers()), ::tests::ContainerName)
-
-inline constexpr const char* kService = "zepn";
-
-// A client driver. Its GUID's first number tells it apart; deliveries and commands are recorded.
-struct Peer {
-    explicit Peer(ULONG number);
-
-    GUID guid;
-    ActionCallbackTable callbacks{};
-    std::vector<ZepState> deliveries;
-    std::vector<ULONG> responsesAtEntry;
-    std::vector<std::pair<ULONG, ZepCommandInfo>> commands;
-    unsigned appsStateCalls = 0;
-    std::function<void(const ZepState&, ULONG&)> onState;
-    std::function<void(ULONG id, ULONG& state)> onCommand;
-    std::function<void(ULONG& state)> onAppsState;
-
-    // Puts the command and application-state callbacks into the table.
-    Peer& TakesCommands();
-    Peer& HearsAppsState();
-};
 
 struct FixtureOptions {
     host::MachineOptions machine{};
@@ -103,7 +81,12 @@ public:
     NTSTATUS Send(const Peer& sender, const Peer& target, ULONG id, ULONG argument = 0);
     // Runs queued work; no run may park.
     void Deliver();
-    static NTSTATUS NTAPI OnState(PVOID context, const ZepState* state, PULONG response);
+
+    // ---- The crash-dump driver ----
+
+    CrashDumpDriver crashDump;
+    NTSTATUS Attach();
+    NTSTATUS Detach();
 
     // ---- Inner state ----
 

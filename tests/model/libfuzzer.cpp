@@ -3,7 +3,7 @@
 // Every sequence loads the driver anew, so counters compiled into it would each time count as new code. What guides the
 // search on the driver's side instead is which platform calls follow one another.
 #include "tests/model/run.h"
-#include "tests/model/driver_harness.h"
+#include "tests/model/observed.h"
 
 #include <cstdlib>
 #include <iostream>

@@ -6,8 +6,8 @@ namespace model {
 
 Model::Model(const Sequence& sequence, ModelBug bug) : sequence_(sequence), bug_(bug)
 {
-    for (const ClientScript& habits : sequence.clients) {
-        scripts_.emplace_back(habits);
+    for (const ClientScript& script : sequence.clients) {
+        scripts_.emplace_back(script);
     }
 }
 
@@ -19,8 +19,8 @@ Outcome Model::Do(const Operation& operation)
     case Kind::kRegister:
         status = Register(operation);
         break;
-    case Kind::kLeave:
-        status = Leave(operation);
+    case Kind::kDeregister:
+        status = Deregister(operation);
         break;
     case Kind::kSubscribe:
         status = Subscribe(operation);
@@ -29,8 +29,9 @@ Outcome Model::Do(const Operation& operation)
         status = Unsubscribe(operation);
         break;
     case Kind::kPost:
-        status = operation.null.empty() ? Post({operation.client, kPostedSize, operation.state, kPostedReserved})
-                                        : STATUS_INVALID_PARAMETER;
+        status = operation.null.empty()
+                     ? Post({operation.client, tests::kPostedSize, operation.state, tests::kPostedReserved})
+                     : STATUS_INVALID_PARAMETER;
         break;
     case Kind::kCommand:
         status = Send(operation);
@@ -39,7 +40,7 @@ Outcome Model::Do(const Operation& operation)
         RunOne();
         break;
     case Kind::kDeliver:
-        while (!work_.empty() && !outcome_.standsStill) {
+        while (!work_.empty() && !outcome_.hangs) {
             RunOne();
         }
         break;
@@ -63,23 +64,23 @@ Outcome Model::Do(const Operation& operation)
         status = Dump(operation);
         break;
     case Kind::kControl:
-        if (ControlCode(operation) == IOCTL_ZEPN_NOTIFY_APPS_STATE) {
+        if (operation.value == IOCTL_ZEPN_NOTIFY_APPS_STATE) {
             Broadcast();
         } else {
             status = STATUS_NOT_SUPPORTED;
         }
         break;
     case Kind::kTimeout:
-        timeoutMs_ = TimeoutMs(operation);
+        timeoutMs_ = operation.value;
         break;
     case Kind::kSleep:
         Broadcast();
         if (timeoutMs_ != 0) {
-            Tell("waits " + std::to_string(timeoutMs_) + " ms");
+            Calls(lines::Wait(timeoutMs_));
         }
         break;
-    case Kind::kWake:
-        break;
+    default:
+        break;  // the system wakes
     }
     outcome_.status = status;
     outcome_.workItems = work_.size();
@@ -112,7 +113,7 @@ NTSTATUS Model::Register(const Operation& operation)
     return STATUS_SUCCESS;
 }
 
-NTSTATUS Model::Leave(const Operation& operation)
+NTSTATUS Model::Deregister(const Operation& operation)
 {
     if (operation.null == "guid") {
         return STATUS_INVALID_PARAMETER;
@@ -144,8 +145,9 @@ NTSTATUS Model::Subscribe(const Operation& operation)
     if (target == nullptr || (target->state != operation.state && operation.state != ZEP_STATE_ANY)) {
         return STATUS_SUCCESS;
     }
-    // Told at once; whoever watches himself is, too. The response enters as the subscriber's own state.
-    Tell(lines::State(subscriber->who, ClientName(target->who), sizeof(ZepState), target->state, 0, subscriber->state));
+    // Notified at once, of itself too. The response enters as the subscriber's own state.
+    Calls(
+        lines::State(subscriber->who, ClientName(target->who), sizeof(ZepState), target->state, 0, subscriber->state));
     const std::uint32_t response =
         scripts_[subscriber->who].OnState(target->who, target->state).value_or(subscriber->state);
     if (response == subscriber->state) {
@@ -202,7 +204,7 @@ NTSTATUS Model::Send(const Operation& operation)
     if (source == nullptr || target == nullptr || !sequence_.clients[target->who].takesCommands) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
-    commands_.push_back({source->who, source->birth, target->who, operation.value, CommandArgument(operation)});
+    commands_.push_back({source->who, source->birth, target->who, operation.value, tests::CommandArgument(operation)});
     Enqueue(Work::kCommands);
     return STATUS_SUCCESS;
 }
@@ -214,7 +216,7 @@ void Model::Broadcast()
         if (!sequence_.clients[client.who].wantsAppsState) {
             continue;
         }
-        Tell(lines::AppsState(client.who, ZEP_APPS_STATE_REASON_CHANGED, client.state));
+        Calls(lines::AppsState(client.who, ZEP_APPS_STATE_REASON_CHANGED, client.state));
         const std::uint32_t state = scripts_[client.who].OnAppsState().value_or(client.state);
         if (state != client.state) {
             wanted.push_back({client.who, sizeof(ZepState), state, 0});

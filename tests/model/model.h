@@ -1,7 +1,8 @@
-// The Notifier as those outside see it, written down plainly: a list of clients, four queues, and who is told what.
+// The Notifier as its peers see it, written down plainly: a list of clients, four queues, and who is notified of what.
 // It knows nothing of the driver's code; a sequence that goes otherwise on the driver is a fault of one of the two.
 #pragma once
 
+#include "tests/kit/callback_lines.h"
 #include "tests/model/operations.h"
 
 #include <cstdint>
@@ -12,32 +13,21 @@
 
 namespace model {
 
-// What came of one operation.
+using tests::ClientName;
+namespace lines = tests::lines;
+
+// What one operation shows.
 struct Outcome {
     NTSTATUS status = STATUS_SUCCESS;
-    bool standsStill = false;       // the work item's thread never comes back
-    std::vector<std::string> told;  // callbacks with all their arguments, and what was written back, in order
-    std::size_t workItems = 0;      // queued afterwards
+    bool hangs = false;               // a thread waits for ever
+    std::vector<std::string> called;  // callbacks with their arguments, and what was written back, in order
+    std::size_t workItems = 0;        // queued afterwards
 
     bool operator==(const Outcome&) const = default;
     [[nodiscard]] std::string Text() const;
 };
 
-// How the lines of `told` read; the harness of the driver's side writes the same.
-namespace lines {
-
-[[nodiscard]] std::string State(unsigned subscriber, const std::string& from, std::uint64_t sizeBytes,
-                                std::uint32_t state, std::uint32_t reserved, std::uint32_t response);
-[[nodiscard]] std::string Command(unsigned target, std::uint32_t id, std::uint64_t sizeBytes, std::uint32_t argument,
-                                  const std::string& source, std::uint32_t sourceState, std::uint32_t ownState);
-[[nodiscard]] std::string AppsState(unsigned client, std::uint32_t reason, std::uint32_t ownState);
-[[nodiscard]] std::string Descriptor(const std::string& client, const std::string& name, const std::string& description,
-                                     bool wantsAppsState, bool hasEntries, unsigned entryCount);
-[[nodiscard]] std::string Removed(const std::string& client, const std::string& name, const std::string& description);
-
-}  // namespace lines
-
-// What the driver holds, by count.
+// What the driver holds, mostly by count.
 struct InternalState {
     struct Client {
         unsigned who = 0;
@@ -65,13 +55,13 @@ struct InternalState {
 
 class Model {
 public:
-    // One thing that the model gets wrong on purpose: for tests of what happens when model and driver disagree.
+    // Seeded in the model, for tests of what happens when model and driver disagree.
     enum class ModelBug { kNone, kNotifiesOfOwnStates, kForgetsWithdrawals };
 
     explicit Model(const Sequence& sequence, ModelBug bug = ModelBug::kNone);
 
     [[nodiscard]] Outcome Do(const Operation& operation);
-    [[nodiscard]] InternalState Count() const;
+    [[nodiscard]] InternalState Internal() const;
 
 private:
     struct Subscription {
@@ -103,7 +93,7 @@ private:
     enum class Work { kStates, kCommands, kAnnounce, kWithdraw };
 
     NTSTATUS Register(const Operation& operation);
-    NTSTATUS Leave(const Operation& operation);
+    NTSTATUS Deregister(const Operation& operation);
     NTSTATUS Subscribe(const Operation& operation);
     NTSTATUS Unsubscribe(const Operation& operation);
     NTSTATUS Send(const Operation& operation);
@@ -123,7 +113,7 @@ private:
     void Announced(Client& client) const;
     [[nodiscard]] Client* Find(unsigned who);
     [[nodiscard]] std::string DescriptorOf(unsigned who) const;
-    void Tell(std::string line) { outcome_.told.push_back(std::move(line)); }
+    void Calls(std::string line) { outcome_.called.push_back(std::move(line)); }
 
     const Sequence& sequence_;
     const ModelBug bug_;
@@ -141,19 +131,8 @@ private:
     Outcome outcome_;
 };
 
-// The sequence without what nobody may do: operations after which a thread would stand still are left out or, where the
+// The sequence without what nobody may do: operations after which a thread would hang are left out or, where the
 // sequence may end so, are its last.
 [[nodiscard]] Sequence Playable(Sequence sequence);
-
-// Arguments that depend on nothing but the operation; both sides use them.
-inline constexpr std::uint64_t kPostedSize = 77;
-inline constexpr std::uint32_t kPostedReserved = 0xABCD;
-[[nodiscard]] std::uint32_t CommandArgument(const Operation& operation);
-[[nodiscard]] std::uint32_t ControlCode(const Operation& operation);
-[[nodiscard]] std::uint32_t TimeoutMs(const Operation& operation);
-
-// "dump startDump <record> <values>", as the crash-dump driver sees it.
-[[nodiscard]] std::string DumpLine(Kind kind, unsigned client);
-[[nodiscard]] std::string FromTable(unsigned table, const std::string& line);
 
 }  // namespace model

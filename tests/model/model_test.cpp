@@ -6,7 +6,7 @@
 #include "tests/kit/driver_fixture.h"
 #include "tests/kit/settings.h"
 #include "tests/model/child_process.h"
-#include "tests/model/driver_harness.h"
+#include "tests/model/observed.h"
 #include "tools/play/player.h"
 #include "tools/play/reading/scenario_reader.h"
 
@@ -113,7 +113,7 @@ TEST(Shrinking, EndsAtTheShortestLife)
 
     // Announced by asking for descriptors, a client need not even post.
     const model::Finding gone = FindingOf(Model::ModelBug::kForgetsWithdrawals);
-    EXPECT_EQ(KindsOf(gone.sequence), (std::multiset{Kind::kRegister, Kind::kDescribe, Kind::kLeave}))
+    EXPECT_EQ(KindsOf(gone.sequence), (std::multiset{Kind::kRegister, Kind::kDescribe, Kind::kDeregister}))
         << model::Report(gone);
 }
 
@@ -144,8 +144,8 @@ Places PlacesOf(const model::Sequence& sequence)
 // From here on something happens at each platform call that is made for a client that leaves, and at no other.
 void WhenAClientLeaves(const std::function<void()>& what)
 {
-    Places leaving = PlacesOf(SequenceOf({Kind::kRegister, Kind::kLeave}));
-    for (const std::uintptr_t place : PlacesOf(SequenceOf({Kind::kLeave, Kind::kRegister}))) {
+    Places leaving = PlacesOf(SequenceOf({Kind::kRegister, Kind::kDeregister}));
+    for (const std::uintptr_t place : PlacesOf(SequenceOf({Kind::kDeregister, Kind::kRegister}))) {
         leaving.erase(place);
     }
     model::onPlatformCall = [leaving, what](std::uintptr_t place) {
@@ -165,11 +165,12 @@ TEST(LivesThatEnd, AreFoundLikeThoseThatDiffer)
     for (const auto& [says, end] : ends) {
         WhenAClientLeaves(end);
         const model::Finding finding = FindingOf(Model::ModelBug::kNone);
-        EXPECT_EQ(KindsOf(finding.sequence), (std::multiset{Kind::kRegister, Kind::kLeave})) << model::Report(finding);
+        EXPECT_EQ(KindsOf(finding.sequence), (std::multiset{Kind::kRegister, Kind::kDeregister}))
+            << model::Report(finding);
         EXPECT_EQ(finding.mismatch.operation, 1u);
         EXPECT_NE(finding.mismatch.text.find(says), std::string::npos) << finding.mismatch.text;
     }
-    const model::Sequence leaving = SequenceOf({Kind::kRegister, Kind::kCount, Kind::kLeave});
+    const model::Sequence leaving = SequenceOf({Kind::kRegister, Kind::kCount, Kind::kDeregister});
     WhenAClientLeaves([] { std::this_thread::sleep_for(std::chrono::hours(1)); });
     const auto endless = model::RunApart(leaving, ZEPN_NATIVE_DRIVER, 3);
     ASSERT_TRUE(endless.has_value());
@@ -214,7 +215,7 @@ TEST(Scenarios, OfLivesPlayAsTheModelExpects)
             sequence = model::Playable(sequence);
             Model model(sequence);
             for (const auto& operation : sequence.operations) {
-                hangs += model.Do(operation).standsStill ? 1 : 0;
+                hangs += model.Do(operation).hangs ? 1 : 0;
             }
             if (const std::string wrong = Play(sequence); !wrong.empty()) {
                 return "sequence " + std::to_string(number) + "\n" + wrong;

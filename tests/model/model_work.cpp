@@ -1,4 +1,4 @@
-// The model's second half: what runs later, and the crash-dump driver's side.
+// The model's work items, and the crash-dump driver's side.
 #include "tests/model/model.h"
 
 #include <algorithm>
@@ -46,7 +46,7 @@ void Model::RunStates()
                     (subscription.state != state.state && subscription.state != ZEP_STATE_ANY)) {
                     continue;
                 }
-                Tell(lines::State(client.who, ClientName(state.who), state.sizeBytes, state.state, state.reserved, 0));
+                Calls(lines::State(client.who, ClientName(state.who), state.sizeBytes, state.state, state.reserved, 0));
                 const std::uint32_t response = scripts_[client.who].OnState(state.who, state.state).value_or(0);
                 if (response != 0) {
                     client.state = response;
@@ -68,12 +68,12 @@ void Model::RunCommands()
     Client* source = Find(command.source);
     const Client* target = command.source == command.target ? nullptr : Find(command.target);
     if (source == nullptr || target == nullptr) {
-        outcome_.standsStill = true;
+        outcome_.hangs = true;
         return;
     }
     source->commandsSent += source->birth == command.sourceBirth ? 1 : 0;
-    Tell(lines::Command(target->who, command.id, sizeof(ZepCommandInfo), command.argument, ClientName(source->who),
-                        source->state, target->state));
+    Calls(lines::Command(target->who, command.id, sizeof(ZepCommandInfo), command.argument, ClientName(source->who),
+                         source->state, target->state));
     const std::uint32_t state = scripts_[target->who].OnCommand(command.id).value_or(target->state);
     if (state != target->state) {
         (void)Post({target->who, sizeof(ZepState), state, 0});
@@ -90,7 +90,7 @@ void Model::RunAnnounce()
 {
     for (const unsigned who : toAnnounce_) {
         if (table_) {
-            Tell(FromTable(*table_, DescriptorOf(who)));
+            Calls(lines::FromTable(*table_, DescriptorOf(who)));
             if (sequence_.addAnswer == STATUS_SUCCESS) {
                 Announced(*Find(who));
             }
@@ -104,9 +104,10 @@ void Model::RunWithdraw()
     if (toWithdraw_.empty()) {
         return;
     }
-    const ClientScript& habits = sequence_.clients[toWithdraw_.front()];
+    const ClientScript& script = sequence_.clients[toWithdraw_.front()];
     if (table_) {
-        Tell(FromTable(*table_, lines::Removed(ClientName(toWithdraw_.front()), habits.name, habits.description)));
+        Calls(lines::FromTable(*table_,
+                               lines::Withdrawal(ClientName(toWithdraw_.front()), script.name, script.description)));
     }
     toWithdraw_.pop_front();
 }
@@ -121,7 +122,7 @@ NTSTATUS Model::Attach(const Operation& operation)
     if (table_) {
         return STATUS_OBJECT_NAME_EXISTS;
     }
-    table_ = operation.value % 2;
+    table_ = operation.value;
     return STATUS_SUCCESS;
 }
 
@@ -136,9 +137,9 @@ NTSTATUS Model::Detach()
 
 std::string Model::DescriptorOf(unsigned who) const
 {
-    const ClientScript& habits = sequence_.clients[who];
-    return lines::Descriptor(ClientName(who), habits.name, habits.description, habits.wantsAppsState,
-                             habits.entryCount != 0, habits.entryCount % 256);
+    const ClientScript& script = sequence_.clients[who];
+    return lines::Descriptor(ClientName(who), script.name, script.description, script.wantsAppsState,
+                             script.entryCount != 0, script.entryCount % 256);
 }
 
 NTSTATUS Model::CountClients(const Operation& operation)
@@ -146,7 +147,7 @@ NTSTATUS Model::CountClients(const Operation& operation)
     if (!operation.null.empty()) {
         return STATUS_INVALID_PARAMETER;
     }
-    Tell("count " + std::to_string(clients_.size()));
+    Calls(lines::Count(clients_.size()));
     return STATUS_SUCCESS;
 }
 
@@ -156,14 +157,14 @@ NTSTATUS Model::Describe(const Operation& operation)
         return STATUS_INVALID_PARAMETER;
     }
     if (operation.value < clients_.size()) {
-        Tell("count " + std::to_string(clients_.size()));
+        Calls(lines::Count(clients_.size()));
         return STATUS_BUFFER_TOO_SMALL;
     }
     for (Client& client : clients_) {
-        Tell(DescriptorOf(client.who));
+        Calls(DescriptorOf(client.who));
         Announced(client);
     }
-    Tell("count " + std::to_string(clients_.size()));
+    Calls(lines::Count(clients_.size()));
     return STATUS_SUCCESS;
 }
 
@@ -175,31 +176,31 @@ NTSTATUS Model::Dump(const Operation& operation)
     if (!table_) {
         return STATUS_IO_DEVICE_ERROR;
     }
-    Tell(FromTable(*table_, DumpLine(operation.kind, operation.client)));
+    Calls(lines::FromTable(*table_, lines::Dump(operation.kind, operation.client)));
     return sequence_.dumpAnswer;
 }
 
-// ---- By count ----
+// ---- Internal state ----
 
-InternalState Model::Count() const
+InternalState Model::Internal() const
 {
-    InternalState inner;
+    InternalState state;
     for (const Client& client : clients_) {
-        inner.clients.push_back(
+        state.clients.push_back(
             {client.who, client.state, client.announced, client.refreshPending, client.subscriptions.size()});
-        inner.subscriptionObjects += client.subscriptions.size();
-        inner.commandObjects += client.commandsSent;
-        inner.entryBytes += sequence_.clients[client.who].entryCount * sizeof(ZepDataEntry);
+        state.subscriptionObjects += client.subscriptions.size();
+        state.commandObjects += client.commandsSent;
+        state.entryBytes += sequence_.clients[client.who].entryCount * sizeof(ZepDataEntry);
     }
-    inner.states = states_.size();
-    inner.commands = commands_.size();
-    inner.toAnnounce = toAnnounce_.size();
-    inner.toWithdraw = toWithdraw_.size();
-    inner.attached = table_.has_value();
-    inner.clientObjects = clients_.size() + toWithdraw_.size();
-    inner.stateObjects = states_.size() + broadcastStates_;
-    inner.commandObjects += commands_.size();
-    return inner;
+    state.states = states_.size();
+    state.commands = commands_.size();
+    state.toAnnounce = toAnnounce_.size();
+    state.toWithdraw = toWithdraw_.size();
+    state.attached = table_.has_value();
+    state.clientObjects = clients_.size() + toWithdraw_.size();
+    state.stateObjects = states_.size() + broadcastStates_;
+    state.commandObjects += commands_.size();
+    return state;
 }
 
 Sequence Playable(Sequence sequence)
@@ -215,25 +216,25 @@ Sequence Playable(Sequence sequence)
         };
         if (!sequence.mayHang &&
             ((operation.kind == Kind::kCommand && operation.client == operation.other) ||
-             (operation.kind == Kind::kLeave && std::any_of(undelivered.begin(), undelivered.end(), concerned)))) {
+             (operation.kind == Kind::kDeregister && std::any_of(undelivered.begin(), undelivered.end(), concerned)))) {
             continue;
         }
-        const std::size_t before = model.Count().commands;
+        const std::size_t before = model.Internal().commands;
         const Outcome outcome = model.Do(operation);
-        const std::size_t after = model.Count().commands;
+        const std::size_t after = model.Internal().commands;
         if (after > before) {
             undelivered.push_back(operation);
         } else {
             undelivered.erase(undelivered.begin(), undelivered.begin() + static_cast<std::ptrdiff_t>(before - after));
         }
         playable.operations.push_back(operation);
-        workItems = outcome.standsStill ? 0 : outcome.workItems;
-        if (outcome.standsStill) {
+        workItems = outcome.hangs ? 0 : outcome.workItems;
+        if (outcome.hangs) {
             break;
         }
     }
     if (workItems != 0) {  // nothing stays queued at the end
-        playable.operations.push_back({.kind = Kind::kDeliver, .null = ""});
+        playable.operations.push_back({.kind = Kind::kDeliver});
     }
     return playable;
 }

@@ -1,6 +1,7 @@
 #include "tests/model/operations.h"
 
-#include <cstring>
+#include "tests/kit/callback_lines.h"
+
 #include <iterator>
 #include <random>
 
@@ -14,16 +15,16 @@ constexpr NTSTATUS kAnswers[] = {STATUS_SUCCESS, STATUS_SUCCESS, STATUS_SUCCESS,
 
 // How often each comes up: once for each time it stands here.
 constexpr Kind kKinds[] = {
-    Kind::kRegister,  Kind::kRegister,      Kind::kRegister,  Kind::kLeave,     Kind::kSubscribe,   Kind::kSubscribe,
-    Kind::kSubscribe, Kind::kSubscribe,     Kind::kSubscribe, Kind::kSubscribe, Kind::kUnsubscribe, Kind::kPost,
-    Kind::kPost,      Kind::kPost,          Kind::kPost,      Kind::kPost,      Kind::kPost,        Kind::kPost,
-    Kind::kCommand,   Kind::kCommand,       Kind::kCommand,   Kind::kCommand,   Kind::kRunOne,      Kind::kRunOne,
-    Kind::kRunOne,    Kind::kDeliver,       Kind::kDeliver,   Kind::kDeliver,   Kind::kAttach,      Kind::kAttach,
-    Kind::kDetach,    Kind::kCount,         Kind::kDescribe,  Kind::kDescribe,  Kind::kStartDump,   Kind::kAddDumpData,
-    Kind::kQueryDump, Kind::kAddTriageData, Kind::kStopDump,  Kind::kControl,   Kind::kTimeout,     Kind::kSleep,
+    Kind::kRegister,  Kind::kRegister,      Kind::kRegister,  Kind::kDeregister, Kind::kSubscribe,   Kind::kSubscribe,
+    Kind::kSubscribe, Kind::kSubscribe,     Kind::kSubscribe, Kind::kSubscribe,  Kind::kUnsubscribe, Kind::kPost,
+    Kind::kPost,      Kind::kPost,          Kind::kPost,      Kind::kPost,       Kind::kPost,        Kind::kPost,
+    Kind::kCommand,   Kind::kCommand,       Kind::kCommand,   Kind::kCommand,    Kind::kRunOne,      Kind::kRunOne,
+    Kind::kRunOne,    Kind::kDeliver,       Kind::kDeliver,   Kind::kDeliver,    Kind::kAttach,      Kind::kAttach,
+    Kind::kDetach,    Kind::kCount,         Kind::kDescribe,  Kind::kDescribe,   Kind::kStartDump,   Kind::kAddDumpData,
+    Kind::kQueryDump, Kind::kAddTriageData, Kind::kStopDump,  Kind::kControl,    Kind::kTimeout,     Kind::kSleep,
     Kind::kWake};
 
-// Reads on as zeros behind the end.
+// Reads zeros after the end.
 class Bytes {
 public:
     explicit Bytes(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
@@ -37,7 +38,7 @@ private:
     std::size_t next_ = 0;
 };
 
-// A rule that answers for ever listens only to clients of lower numbers, so that every chain of answers ends.
+// A rule that answers each time answers only clients of lower numbers, so that every chain of answers ends.
 std::vector<Answer> DecodeAnswers(Bytes& bytes, unsigned self)
 {
     std::vector<Answer> answers(bytes.Below(4));
@@ -54,22 +55,22 @@ std::vector<Answer> DecodeAnswers(Bytes& bytes, unsigned self)
 ClientScript DecodeClientScript(Bytes& bytes, unsigned self)
 {
     constexpr std::uint32_t kEntryCounts[] = {0, 0, 1, 3, 300};
-    ClientScript habits;
+    ClientScript script;
     const unsigned form = bytes.Below(4);
-    habits.name = ClientName(self) + std::string(form == 0 ? 70 : form, 'n');
-    habits.description = form == 1 ? std::string(140, 'd') : form == 2 ? "" : "described";
-    habits.entryCount = kEntryCounts[bytes.Below(std::size(kEntryCounts))];
-    habits.answers = DecodeAnswers(bytes, self);
-    habits.takesCommands = bytes.Below(4) != 0;
-    for (std::uint32_t id = 1; habits.takesCommands && id <= 2; ++id) {
-        habits.commands.emplace_back(id, bytes.State());
+    script.name = tests::ClientName(self) + std::string(form == 0 ? 70 : form, 'n');
+    script.description = form == 1 ? std::string(140, 'd') : form == 2 ? "" : "described";
+    script.entryCount = kEntryCounts[bytes.Below(std::size(kEntryCounts))];
+    script.answers = DecodeAnswers(bytes, self);
+    script.takesCommands = bytes.Below(4) != 0;
+    for (std::uint32_t id = 1; script.takesCommands && id <= 2; ++id) {
+        script.commands.emplace_back(id, bytes.State());
     }
     const unsigned apps = bytes.Below(4);
-    habits.wantsAppsState = apps != 0;
+    script.wantsAppsState = apps != 0;
     if (apps > 1) {
-        habits.appsState = bytes.State();
+        script.appsState = bytes.State();
     }
-    return habits;
+    return script;
 }
 
 // Two subscriptions to each state that the client has an answer to: with a rule that answers once, the second leaves
@@ -79,7 +80,7 @@ void SubscribeToWhatIsAnswered(Sequence& sequence, unsigned client)
     for (const Answer& answer : sequence.clients[client].answers) {
         for (const std::uint32_t state : {answer.state.value_or(ZEP_STATE_ANY), std::uint32_t{ZEP_STATE_ANY}}) {
             sequence.operations.push_back(
-                {.kind = Kind::kSubscribe, .client = client, .other = answer.from, .state = state, .null = ""});
+                {.kind = Kind::kSubscribe, .client = client, .other = answer.from, .state = state});
         }
     }
 }
@@ -94,7 +95,7 @@ const char* DecodeNull(Bytes& bytes, Kind kind)
         return which == 0 ? "guid" : which == 1 ? "record" : which == 2 ? "callback" : "";
     case Kind::kUnsubscribe:
         return which == 0 ? "guid" : which == 1 ? "record" : "";
-    case Kind::kLeave:
+    case Kind::kDeregister:
         return which == 0 ? "guid" : "";
     case Kind::kDescribe:
         return which == 0 ? "descriptors" : which == 1 ? "count" : "";
@@ -114,6 +115,20 @@ const char* DecodeNull(Bytes& bytes, Kind kind)
     }
 }
 
+std::uint32_t DecodeValue(Kind kind, unsigned number)
+{
+    switch (kind) {
+    case Kind::kAttach:
+        return number % 2;
+    case Kind::kControl:
+        return IOCTL_ZEPN_NOTIFY_APPS_STATE + (number == 6 ? 4 : 0);
+    case Kind::kTimeout:
+        return number * 50;
+    default:
+        return number;
+    }
+}
+
 Operation DecodeOperation(Bytes& bytes)
 {
     Operation operation;
@@ -121,7 +136,7 @@ Operation DecodeOperation(Bytes& bytes)
     operation.client = bytes.Below(kClients);
     operation.other = bytes.Below(kClients);
     operation.state = bytes.State();
-    operation.value = bytes.Below(7);
+    operation.value = DecodeValue(operation.kind, bytes.Below(7));
     operation.null = DecodeNull(bytes, operation.kind);
     return operation;
 }
@@ -142,7 +157,7 @@ Sequence Decode(std::span<const std::uint8_t> input)
     const unsigned present = bytes.Below(32);
     for (unsigned client = 0; client < kClients; ++client) {
         if ((present >> client & 1) != 0) {
-            sequence.operations.push_back({.kind = Kind::kRegister, .client = client, .null = ""});
+            sequence.operations.push_back({.kind = Kind::kRegister, .client = client});
         }
     }
     const unsigned watching = bytes.Below(32);
@@ -167,22 +182,6 @@ std::vector<std::uint8_t> RandomBytes(std::uint64_t seed, std::uint64_t number)
     return bytes;
 }
 
-std::string ClientName(unsigned client)
-{
-    return "client" + std::to_string(client);
-}
-
-std::string Text(const Operation& operation)
-{
-    constexpr const char* kNames[] = {"register",  "leave",       "subscribe", "unsubscribe",   "post",     "command",
-                                      "run one",   "deliver",     "attach",    "detach",        "count",    "describe",
-                                      "startDump", "addDumpData", "queryDump", "addTriageData", "stopDump", "control",
-                                      "timeout",   "sleep",       "wake"};
-    return ClientName(operation.client) + " " + kNames[static_cast<unsigned>(operation.kind)] + " to " +
-           ClientName(operation.other) + ", state " + std::to_string(operation.state) + ", value " +
-           std::to_string(operation.value) + (operation.null.empty() ? "" : ", null " + operation.null);
-}
-
 GUID GuidOf(unsigned client)
 {
     constexpr std::size_t kPlaces[kClients] = {0, 0, 15, 7, 8};
@@ -193,21 +192,10 @@ GUID GuidOf(unsigned client)
     return guid;
 }
 
-std::string NameOf(const GUID& guid)
-{
-    for (unsigned client = 0; client < kClients; ++client) {
-        const GUID known = GuidOf(client);
-        if (std::memcmp(&known, &guid, sizeof(guid)) == 0) {
-            return ClientName(client);
-        }
-    }
-    return "somebody unknown";
-}
-
 std::optional<std::uint32_t> Script::OnState(unsigned from, std::uint32_t state)
 {
     for (std::size_t index = 0; index < spent_.size(); ++index) {
-        const Answer& rule = habits_->answers[index];
+        const Answer& rule = script_->answers[index];
         if (rule.from == from && (!rule.state || *rule.state == state) && !spent_[index]) {
             spent_[index] = rule.once;
             return rule.answer;
@@ -218,7 +206,7 @@ std::optional<std::uint32_t> Script::OnState(unsigned from, std::uint32_t state)
 
 std::optional<std::uint32_t> Script::OnCommand(std::uint32_t id) const
 {
-    for (const auto& [known, answer] : habits_->commands) {
+    for (const auto& [known, answer] : script_->commands) {
         if (known == id) {
             return answer;
         }

@@ -1,7 +1,7 @@
 #include "tests/model/run.h"
 
 #include "tests/model/child_process.h"
-#include "tests/model/driver_harness.h"
+#include "tests/model/observed.h"
 
 #include <algorithm>
 #include <chrono>
@@ -24,27 +24,27 @@ std::string Difference(const std::string& expected, const std::string& seen)
 }
 
 // Empty when all is well.
-std::string CompareCounts(const Model& model, DriverHarness& harness, Totals& totals)
+std::string CompareCounts(const Model& model, ObservedRun& observed, Totals& totals)
 {
     ++totals.counts;
-    const InternalState expected = model.Count();
-    const InternalState seen = harness.Count();
+    const InternalState expected = model.Internal();
+    const InternalState seen = observed.State();
     return expected == seen ? "" : Difference(expected.Text(), seen.Text());
 }
 
-std::string Violations(DriverHarness& harness)
+std::string Violations(ObservedRun& observed)
 {
     std::string text;
-    for (const std::string& violation : harness.TakeViolations()) {
+    for (const std::string& violation : observed.TakeViolations()) {
         text += "  " + violation + "\n";
     }
     return text.empty() ? "" : "the host found\n" + text;
 }
 
 // A thread that stands still as foretold waits for its own lock, and that is all that is wrong.
-std::string ViolationsOfStandstill(DriverHarness& harness)
+std::string ViolationsOfStandstill(ObservedRun& observed)
 {
-    const std::vector<std::string> violations = harness.TakeViolations();
+    const std::vector<std::string> violations = observed.TakeViolations();
     if (violations.size() == 1 && violations.front().starts_with(host::checks::Name(host::checks::Rule::kSelfWait))) {
         return "";
     }
@@ -59,40 +59,40 @@ std::optional<Mismatch> Live(const Sequence& sequence, const std::filesystem::pa
                              Model::ModelBug bug)
 {
     Model model(sequence, bug);
-    DriverHarness harness(sequence, image);
+    ObservedRun observed(sequence, image);
     for (std::size_t index = 0; index < sequence.operations.size(); ++index) {
         const Operation& operation = sequence.operations[index];
         ++totals.operations;
         totals.position = index;
         const Outcome expected = model.Do(operation);
-        const Outcome seen = harness.Do(operation);
-        totals.callbacks += seen.told.size();
+        const Outcome seen = observed.Do(operation);
+        totals.callbacks += seen.called.size();
         std::string wrong;
         if (expected != seen) {
             wrong = Difference(expected.Text(), seen.Text());
         }
-        if (expected.standsStill && wrong.empty()) {
-            wrong = ViolationsOfStandstill(harness);
+        if (expected.hangs && wrong.empty()) {
+            wrong = ViolationsOfStandstill(observed);
             if (wrong.empty()) {
                 ++totals.hangs;
                 return std::nullopt;  // such a driver cannot go any more
             }
         } else {
-            wrong += Violations(harness);
+            wrong += Violations(observed);
         }
         if (wrong.empty() && ((index + 1) % kCountEvery == 0 || index + 1 == sequence.operations.size())) {
-            wrong = CompareCounts(model, harness, totals);
+            wrong = CompareCounts(model, observed, totals);
         }
         if (!wrong.empty()) {
-            if (!seen.standsStill) {
-                (void)harness.TakeDown();
+            if (!seen.hangs) {
+                (void)observed.TakeDown();
             }
             return Mismatch{index, wrong};
         }
     }
     totals.position = sequence.operations.size();
-    const std::string standing = harness.TakeDown() ? "" : "the driver cannot be taken down\n";
-    const std::string wrong = standing + Violations(harness);
+    const std::string standing = observed.TakeDown() ? "" : "the driver cannot be taken down\n";
+    const std::string wrong = standing + Violations(observed);
     return wrong.empty() ? std::nullopt : std::optional(Mismatch{sequence.operations.size(), wrong});
 }
 
@@ -101,7 +101,7 @@ void TryImage(const std::filesystem::path& image)
 {
     Sequence none;
     none.clients.resize(kClients);
-    (void)DriverHarness(none, image).TakeDown();
+    (void)ObservedRun(none, image).TakeDown();
 }
 
 Sequence SequenceOf(std::uint64_t seed, std::uint64_t number)

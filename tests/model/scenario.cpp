@@ -20,20 +20,18 @@ std::string GuidText(const GUID& guid)
     return text;
 }
 
-std::string StatusNumber(NTSTATUS status)
+std::string StatusText(NTSTATUS status)
 {
-    char text[16];
-    std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(status));
-    return text;
+    return tests::Hex(static_cast<std::uint32_t>(status));
 }
 
-Json ClientOf(const ClientScript& habits, unsigned client)
+Json ClientOf(const ClientScript& script, unsigned client)
 {
-    Json json = {{"guid", GuidText(GuidOf(client))}, {"name", habits.name}, {"description", habits.description}};
-    if (habits.entryCount != 0) {
-        json["entries"] = habits.entryCount;
+    Json json = {{"guid", GuidText(GuidOf(client))}, {"name", script.name}, {"description", script.description}};
+    if (script.entryCount != 0) {
+        json["entries"] = script.entryCount;
     }
-    for (const Answer& answer : habits.answers) {
+    for (const Answer& answer : script.answers) {
         Json rule = {
             {"from", ClientName(answer.from)}, {"state", "any"}, {"answer", answer.answer}, {"once", answer.once}};
         if (answer.state) {
@@ -41,83 +39,61 @@ Json ClientOf(const ClientScript& habits, unsigned client)
         }
         json["answers"].push_back(rule);
     }
-    if (habits.takesCommands) {
+    if (script.takesCommands) {
         json["commands"] = Json::array();
-        for (const auto& [id, answer] : habits.commands) {
+        for (const auto& [id, answer] : script.commands) {
             json["commands"].push_back({{"id", id}, {"answer", answer}});
         }
     }
-    if (habits.wantsAppsState) {
-        json["appsState"] = habits.appsState ? Json(*habits.appsState) : Json("heard");
+    if (script.wantsAppsState) {
+        json["appsState"] = script.appsState ? Json(*script.appsState) : Json("heard");
     }
     return json;
-}
-
-Json StateOf(const Operation& operation)
-{
-    return operation.state == ZEP_STATE_ANY ? Json("any") : Json(operation.state);
 }
 
 // The step's name and fields; what it ends in is added by the caller.
 Json StepOf(const Operation& operation)
 {
-    const std::string client = ClientName(operation.client);
-    const std::string other = ClientName(operation.other);
-    switch (operation.kind) {
-    case Kind::kRegister:
-        return {{"do", "register"}, {"client", client}};
-    case Kind::kLeave:
-        return {{"do", "leave"}, {"client", client}};
-    case Kind::kSubscribe:
-        return {{"do", "subscribe"}, {"client", client}, {"to", other}, {"state", StateOf(operation)}};
-    case Kind::kUnsubscribe:
-        return {{"do", "unsubscribe"}, {"client", client}, {"to", other}, {"state", StateOf(operation)}};
-    case Kind::kPost:
-        return {{"do", "post"}, {"client", client}, {"state", operation.state}};
-    case Kind::kCommand:
-        return {{"do", "command"},
-                {"client", client},
-                {"to", other},
-                {"id", operation.value},
-                {"argument", CommandArgument(operation)}};
-    case Kind::kRunOne:
-        return {{"do", "deliver"}, {"runs", 1}};
-    case Kind::kDeliver:
-        return {{"do", "deliver"}};
-    case Kind::kAttach:
-        return {{"do", "attach"}};
-    case Kind::kDetach:
-        return {{"do", "detach"}};
-    case Kind::kCount:
-        return {{"do", "count"}};
-    case Kind::kDescribe:
-        return {{"do", "describe"}, {"capacity", operation.value}};
-    case Kind::kStartDump:
-        return {{"do", "startDump"}, {"client", client}};
-    case Kind::kAddDumpData:
-        return {{"do", "addDumpData"}, {"client", client}};
-    case Kind::kQueryDump:
-        return {{"do", "queryDump"}, {"client", client}};
-    case Kind::kAddTriageData:
-        return {{"do", "addTriageData"}, {"client", client}};
-    case Kind::kStopDump:
-        return {{"do", "stopDump"}, {"client", client}};
-    case Kind::kControl:
-        return {{"do", "control"}, {"id", ControlCode(operation)}};
-    case Kind::kTimeout:
-        return {{"do", "timeout"}, {"argument", TimeoutMs(operation)}};
-    case Kind::kSleep:
-        return {{"do", "sleep"}};
-    case Kind::kWake:
-        return {{"do", "wake"}};
+    Json step = {{"do", operation.kind == Kind::kRunOne ? "deliver" : Name(operation.kind)}};
+    if (IsOfClient(operation.kind)) {
+        step["client"] = ClientName(operation.client);
     }
-    return {};
+    switch (operation.kind) {
+    case Kind::kSubscribe:
+    case Kind::kUnsubscribe:
+        step["to"] = ClientName(operation.other);
+        step["state"] = operation.state == ZEP_STATE_ANY ? Json("any") : Json(operation.state);
+        break;
+    case Kind::kPost:
+        step["state"] = operation.state;
+        break;
+    case Kind::kCommand:
+        step["to"] = ClientName(operation.other);
+        step["id"] = operation.value;
+        step["argument"] = tests::CommandArgument(operation);
+        break;
+    case Kind::kRunOne:
+        step["runs"] = 1;
+        break;
+    case Kind::kDescribe:
+        step["capacity"] = operation.value;
+        break;
+    case Kind::kControl:
+        step["id"] = operation.value;
+        break;
+    case Kind::kTimeout:
+        step["argument"] = operation.value;
+        break;
+    default:
+        break;
+    }
+    return step;
 }
 
 bool HasStatus(Kind kind)
 {
-    return kind != Kind::kRunOne && kind != Kind::kDeliver && kind != Kind::kTimeout && kind != Kind::kSleep &&
-           kind != Kind::kWake;
+    return IsOfClient(kind) || kind == Kind::kAttach || kind == Kind::kDetach || kind == Kind::kCount ||
+           kind == Kind::kDescribe || kind == Kind::kControl;
 }
 
 void AddNotes(Json& steps, const std::string& text)
@@ -137,10 +113,10 @@ std::string Scenario(const Sequence& sequence, const std::string& title, const s
         scenario["clients"][ClientName(client)] = ClientOf(sequence.clients[client], client);
     }
     Json& crashDump = scenario["crashDump"] = Json::object();
-    crashDump["add"] = StatusNumber(sequence.addAnswer);
-    crashDump["remove"] = StatusNumber(sequence.removeAnswer);
+    crashDump["add"] = StatusText(sequence.addAnswer);
+    crashDump["remove"] = StatusText(sequence.removeAnswer);
     for (const char* dump : {"start", "addData", "stop", "query", "triage"}) {
-        crashDump[dump] = StatusNumber(sequence.dumpAnswer);
+        crashDump[dump] = StatusText(sequence.dumpAnswer);
     }
     Json steps = Json::array();
     if (mismatch) {
@@ -156,12 +132,12 @@ std::string Scenario(const Sequence& sequence, const std::string& title, const s
         }
         Json step = StepOf(operation);
         if (HasStatus(operation.kind)) {
-            step["expect"] = StatusNumber(expected.status);
+            step["expect"] = StatusText(expected.status);
         }
         if (!operation.null.empty()) {
-            step["null"] = operation.null;
+            step["null"] = std::string(operation.null);
         }
-        if (expected.standsStill) {
+        if (expected.hangs) {
             step["trouble"] = "waits for";
         }
         steps.push_back(step);

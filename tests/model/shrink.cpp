@@ -12,11 +12,11 @@ public:
 
     Sequence Run()
     {
-        const auto size = [&] { return sequence_.operations.size() + HabitCount(); };
+        const auto size = [&] { return sequence_.operations.size() + AnswerCount(); };
         for (std::size_t before = 0; before != size();) {
             before = size();
             DropOperations();
-            DropClientScripts();
+            DropAnswers();
         }
         SimplifyOperations();
         return sequence_;
@@ -33,12 +33,12 @@ private:
         return true;
     }
 
-    [[nodiscard]] std::size_t HabitCount() const
+    [[nodiscard]] std::size_t AnswerCount() const
     {
         std::size_t count = 0;
-        for (const ClientScript& habits : sequence_.clients) {
-            count += habits.answers.size() + habits.commands.size() + (habits.appsState ? 1 : 0) +
-                     (habits.entryCount != 0 ? 1 : 0);
+        for (const ClientScript& script : sequence_.clients) {
+            count += script.answers.size() + script.commands.size() + (script.appsState ? 1 : 0) +
+                     (script.entryCount != 0 ? 1 : 0);
         }
         return count;
     }
@@ -61,7 +61,7 @@ private:
         }
     }
 
-    void DropClientScripts()
+    void DropAnswers()
     {
         for (std::size_t client = 0; client < sequence_.clients.size(); ++client) {
             for (std::size_t index = sequence_.clients[client].answers.size(); index-- != 0;) {
@@ -75,11 +75,11 @@ private:
                 made(changed.clients[client]);
                 (void)Try(changed);
             };
-            change([](ClientScript& habits) { habits.commands.clear(); });
-            change([](ClientScript& habits) { habits.appsState.reset(); });
-            change([](ClientScript& habits) { habits.entryCount = 0; });
-            change([&](ClientScript& habits) { habits.name = ClientName(static_cast<unsigned>(client)); });
-            change([](ClientScript& habits) { habits.description = "described"; });
+            change([](ClientScript& script) { script.commands.clear(); });
+            change([](ClientScript& script) { script.appsState.reset(); });
+            change([](ClientScript& script) { script.entryCount = 0; });
+            change([&](ClientScript& script) { script.name = ClientName(static_cast<unsigned>(client)); });
+            change([](ClientScript& script) { script.description = "described"; });
         }
         for (NTSTATUS Sequence::* answer : {&Sequence::addAnswer, &Sequence::removeAnswer, &Sequence::dumpAnswer}) {
             Sequence changed = sequence_;
@@ -98,7 +98,7 @@ private:
             };
             change([](Operation& operation) { operation.value = 1; });
             change([](Operation& operation) { operation.state = 1; });
-            change([](Operation& operation) { operation.null.clear(); });
+            change([](Operation& operation) { operation.null = {}; });
         }
     }
 

@@ -1,0 +1,52 @@
+// A crash-dump driver as the tests play it: it records what it is called with, and answers as told.
+#pragma once
+
+#include "driver/include/zepn_notifier.h"
+#include "tests/kit/contexts.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace tests {
+
+// Its callbacks carry no context: of each of the two tables there is one driver at a time.
+struct CrashDumpDriver {
+    struct DumpCall {
+        std::string name;
+        std::vector<std::uint64_t> arguments;  // the record first
+        bool operator==(const DumpCall&) const = default;
+    };
+
+    explicit CrashDumpDriver(unsigned table = 0);
+    ~CrashDumpDriver();
+    CrashDumpDriver(const CrashDumpDriver&) = delete;
+    CrashDumpDriver& operator=(const CrashDumpDriver&) = delete;
+
+    const WpcdClientRegistration registration;
+
+    std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> added;
+    std::vector<const ZEP_SUBSYSTEM_DESCRIPTOR*> buffers;
+    std::vector<GUID> removed;
+    std::vector<DumpCall> calls;
+    NTSTATUS answer = STATUS_SUCCESS;
+
+    // Called instead of recording; what they return is the answer.
+    std::function<NTSTATUS(const ZEP_SUBSYSTEM_DESCRIPTOR&)> onAdd;
+    std::function<NTSTATUS(const layout::ClientContext&)> onRemove;
+    std::function<NTSTATUS(const DumpCall&)> onDump;
+
+private:
+    template <unsigned table>
+    struct Callbacks;
+
+    const unsigned table_;
+};
+
+inline std::uint64_t Number(const void* pointer)
+{
+    return reinterpret_cast<std::uint64_t>(pointer);
+}
+
+}  // namespace tests

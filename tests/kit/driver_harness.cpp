@@ -1,0 +1,291 @@
+#include <initguid.h>  // before all: this file holds the interfaces' identifiers
+
+#include "tests/kit/driver_harness.h"
+
+#include "host/checks/unused_stack.h"
+#include "tests/kit/callback_lines.h"
+#include "tests/kit/lock_order.h"
+
+#include <cstring>
+
+namespace tests {
+namespace {
+
+constexpr unsigned kNobody = ~0u;
+
+std::string Bounded(const char* text, std::size_t sizeBytes)
+{
+    return std::string(text, strnlen(text, sizeBytes));
+}
+
+// A descriptor callback: only ever passed on.
+PZEP_DESCRIPTOR_CALLBACK NeverCalled(unsigned client, unsigned slot)
+{
+    return reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(std::uintptr_t{0x1000} * (client + 1) + slot);
+}
+
+}  // namespace
+
+DriverHarness::DriverHarness(std::filesystem::path image, const host::MachineOptions& options, Answers answers)
+    : machine(options), image_(std::move(image)), answers_(std::move(answers))
+{
+    AnswerAsToldBy(answers_, crashDump_[0], 0);
+    AnswerAsToldBy(answers_, crashDump_[1], 1);
+}
+
+// ---- Callbacks ----
+
+Peer& DriverHarness::AddPeer(unsigned number)
+{
+    Peer& peer = peers_.try_emplace(number, number).first->second;
+    peer.callbacks.ReservedCallback = &peer;
+    peer.callbacks.DescriptorCallbackA = NeverCalled(number, 2);
+    peer.callbacks.DescriptorCallbackB = NeverCalled(number, 3);
+    peer.callbacks.DescriptorCallbackC = NeverCalled(number, 5);
+    peer.onState = [this, number](const ZepState& state, ULONG& response) {
+        called.push_back(
+            lines::State(number, NameOf(state.InterfaceGUID), state.Size, state.State, state.Reserved, response));
+        const Peer* from = Find(state.InterfaceGUID);
+        response = answers_.toState(number, from != nullptr ? from->number : kNobody, state.State, response);
+    };
+    peer.onCommand = [this, number, &peer](ULONG id, ULONG& state) {
+        const ZepCommandInfo& info = peer.commands.back().second;
+        called.push_back(lines::Command(number, id, info.Size, info.CommandArgument, NameOf(info.SourceGuid),
+                                        info.SourceState, state));
+        state = answers_.toCommand(number, id, state);
+    };
+    peer.onAppsState = [this, number, &peer, calls = 0u](ULONG& state) mutable {
+        const bool isKnown = peer.appsStateCalls == ++calls;
+        called.push_back(lines::AppsState(number, isKnown ? ZEP_APPS_STATE_REASON_CHANGED : 0, state));
+        state = answers_.toAppsState(number, state);
+    };
+    return peer;
+}
+
+void DriverHarness::AnswerAsToldBy(const Answers& answers, CrashDumpDriver& crashDump, unsigned table)
+{
+    crashDump.onAdd = [this, &answers, table](const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor) {
+        called.push_back(lines::FromTable(table, DescriptorLine(descriptor)));
+        const Peer* client = Find(descriptor.InterfaceGUID);
+        return answers.toAdd(client != nullptr ? client->number : kNobody);
+    };
+    crashDump.onRemove = [this, &answers, table](const layout::ClientContext& context) {
+        called.push_back(
+            lines::FromTable(table, lines::Withdrawal(NameOf(context.guid), Bounded(context.name, sizeof(context.name)),
+                                                      Bounded(context.description, sizeof(context.description)))));
+        const Peer* client = Find(context.guid);
+        return answers.toRemove(client != nullptr ? client->number : kNobody);
+    };
+    // Record and data are pointers: what they point to is what has to arrive.
+    crashDump.onDump = [this, &answers, table](const CrashDumpDriver::DumpCall& call) {
+        std::string line = call.name;
+        for (std::size_t index = 0; index < call.arguments.size(); ++index) {
+            const bool isData = index == 1 && call.name == "data";
+            const auto* pointed = reinterpret_cast<const std::uint32_t*>(call.arguments[index]);
+            line += " " + (index == 0 ? Hex(*pointed) : std::to_string(isData ? *pointed : call.arguments[index]));
+        }
+        called.push_back(lines::FromTable(table, line));
+        return answers.toDump();
+    };
+}
+
+const Peer* DriverHarness::Find(const GUID& guid) const
+{
+    for (const auto& [number, peer] : peers_) {
+        if (std::memcmp(&peer.guid, &guid, sizeof(guid)) == 0) {
+            return &peer;
+        }
+    }
+    return nullptr;
+}
+
+std::string DriverHarness::NameOf(const GUID& guid) const
+{
+    const Peer* peer = Find(guid);
+    return peer != nullptr ? ClientName(peer->number) : "somebody unknown";
+}
+
+// What a descriptor hands on of its client: the very pointers, and a copy of the entries.
+std::string DriverHarness::DescriptorLine(const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor) const
+{
+    std::string line = lines::Descriptor(
+        NameOf(descriptor.InterfaceGUID), Bounded(descriptor.SubsystemName, sizeof(descriptor.SubsystemName)),
+        Bounded(descriptor.SubsystemDescription, sizeof(descriptor.SubsystemDescription)),
+        descriptor.AppsStateNotificationCallback != nullptr, descriptor.DataEntries != nullptr,
+        descriptor.DataEntryCount);
+    const Peer* peer = Find(descriptor.InterfaceGUID);
+    if (peer == nullptr || descriptor.CallbackContext != peer) {
+        return line + ", callback context of another";
+    }
+    const ActionCallbackTable& table = peer->callbacks;
+    if (descriptor.AppsStateNotificationCallback != table.AppsStateNotificationCallback ||
+        descriptor.DescriptorCallbackA != table.DescriptorCallbackA ||
+        descriptor.DescriptorCallbackB != table.DescriptorCallbackB ||
+        descriptor.DescriptorCallbackC != table.DescriptorCallbackC || descriptor.Reserved1 != 0 ||
+        descriptor.Reserved2 != 0) {
+        line += ", callbacks of another";
+    }
+    if (descriptor.DataEntries != nullptr &&
+        (descriptor.DataEntries == peer->entries.data() ||
+         std::memcmp(descriptor.DataEntries, peer->entries.data(), peer->entries.size() * sizeof(ZepDataEntry)) != 0)) {
+        line += ", entries that are no copy";
+    }
+    return line;
+}
+
+// ---- Operations ----
+
+std::optional<NTSTATUS> DriverHarness::Do(const Operation& operation)
+{
+    const bool isNull = !operation.null.empty();
+    host::checks::FillUnusedStack();
+    switch (operation.kind) {
+    case Kind::kLoad:
+        driver = &machine.Load(image_, kService);
+        return driver->EntryStatus();
+    case Kind::kAddDevice:
+        return driver->AddDevice();
+    case Kind::kStart:
+        return Start();
+    case Kind::kPowerDown:
+        return driver->Sleep();
+    case Kind::kPowerUp:
+        return driver->Wake();
+    case Kind::kSurprise:
+        driver->SurpriseRemoveDevice();
+        return std::nullopt;
+    case Kind::kUnload:
+        driver->Unload();
+        return std::nullopt;
+    case Kind::kOpen:
+        return driver->Open(file_).status;
+    case Kind::kClose:
+        driver->Close(file_);
+        return std::nullopt;
+    case Kind::kControl: {
+        const host::IoResult result = driver->DeviceControl(file_, operation.value);
+        if (!result.completed || result.information != 0) {
+            called.push_back(result.completed ? "information " + std::to_string(result.information) : "not completed");
+        }
+        return result.status;
+    }
+    case Kind::kTimeout:
+        machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", operation.value);
+        return STATUS_SUCCESS;
+    case Kind::kSleep:
+    case Kind::kWake:
+        machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, operation.kind == Kind::kWake ? 1 : 0);
+        return std::nullopt;
+    case Kind::kAttach:
+        return wpcd_.Notifier_WpcdClientInit(isNull ? nullptr : &crashDump_[operation.value].registration);
+    case Kind::kDetach:
+        return wpcd_.Notifier_WpcdClientDeInit();
+    case Kind::kCount: {
+        ULONG count = 99;
+        const NTSTATUS status = wpcd_.Notifier_WpcdGetNumSubsystemDescriptors(isNull ? nullptr : &count);
+        if (!isNull) {
+            called.push_back(lines::Count(count));
+        }
+        return status;
+    }
+    case Kind::kDescribe:
+        return Describe(operation);
+    default:
+        return DoAsClient(operation, PeerOf(operation.client));
+    }
+}
+
+NTSTATUS DriverHarness::Start()
+{
+    const NTSTATUS status = driver->StartDevice();
+    const auto query = [&](const GUID& type, auto& table) {
+        if (!NT_SUCCESS(driver->QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)),
+                                               ZEP_NOTIFIER_INTERFACE_VERSION))) {
+            throw host::HostError("the driver did not give out its interface");
+        }
+    };
+    query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper_);
+    query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd_);
+    layout::DeclareLockOrder(machine, *driver);
+    return status;
+}
+
+std::optional<NTSTATUS> DriverHarness::DoAsClient(const Operation& operation, Peer& peer)
+{
+    const std::string_view null = operation.null;
+    const GUID* guid = null == "guid" ? nullptr : &peer.guid;
+    const auto record = [null](const auto& given) { return null == "record" ? nullptr : &given; };
+    const auto other = peers_.find(operation.other);
+    const GUID otherGuid = other != peers_.end() ? other->second.guid : GUID{};
+    const ZepState filter{
+        .Size = sizeof(ZepState), .InterfaceGUID = otherGuid, .State = operation.state, .Reserved = operation.value};
+    switch (operation.kind) {
+    case Kind::kRegister:
+        return helper_.Notifier_HelperInit(
+            guid, peer.name.c_str(), peer.description.c_str(), null == "callbacks" ? nullptr : &peer.callbacks,
+            peer.entries.empty() ? nullptr : peer.entries.data(), static_cast<ULONG>(peer.entries.size()), &peer);
+    case Kind::kDeregister:
+        return helper_.Notifier_HelperClientDeinit(guid);
+    case Kind::kSubscribe:
+        return helper_.Notifier_HelperRegisterForStateNotification(guid, record(filter),
+                                                                   null == "callback" ? nullptr : &Peer::OnState);
+    case Kind::kUnsubscribe:
+        return helper_.Notifier_HelperDeregisterForStateNotification(guid, record(filter));
+    case Kind::kPost: {
+        const ZepState state{
+            .Size = kPostedSize, .InterfaceGUID = peer.guid, .State = operation.state, .Reserved = kPostedReserved};
+        return helper_.Notifier_HelperSendState(record(state));
+    }
+    case Kind::kCommand: {
+        const ZepCommand command{.Size = 1,
+                                 .CommandArgument = CommandArgument(operation),
+                                 .SourceGuid = peer.guid,
+                                 .TargetGuid = otherGuid,
+                                 .CommandId = operation.value};
+        return helper_.Notifier_HelperSendCommand(record(command));
+    }
+    default:
+        return Dump(operation);
+    }
+}
+
+NTSTATUS DriverHarness::Dump(const Operation& operation)
+{
+    std::uint32_t content = 0xD0D00000u + operation.client;
+    std::uint32_t data = 0xDA7A;
+    PVOID record = operation.null.empty() ? &content : nullptr;
+    switch (operation.kind) {
+    case Kind::kStartDump:
+        return helper_.Notifier_HelperStartDump(record, 0x1000, 0x2000);
+    case Kind::kAddDumpData:
+        return helper_.Notifier_HelperAddDumpData(record, &data, 0x80000000, 4096, 1);
+    case Kind::kQueryDump:
+        return helper_.Notifier_HelperDumpQueryParam(record, 7, 11, 12);
+    case Kind::kAddTriageData:
+        return helper_.Notifier_HelperDumpAddTriageData(record, 0x90000000, 256);
+    default:
+        return helper_.Notifier_HelperStopDump(record, 13);
+    }
+}
+
+NTSTATUS DriverHarness::Describe(const Operation& operation)
+{
+    constexpr int kUntouched = 0x5A;
+    std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> descriptors(operation.value + 1);
+    std::memset(descriptors.data(), kUntouched, descriptors.size() * sizeof(descriptors[0]));
+    const ZEP_SUBSYSTEM_DESCRIPTOR untouched = descriptors[0];
+    ULONG count = operation.value;
+    const NTSTATUS status = wpcd_.Notifier_WpcdGetAllSubsystemDescriptors(
+        operation.null == "descriptors" ? nullptr : descriptors.data(), operation.null == "count" ? nullptr : &count);
+    for (const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor : descriptors) {
+        if (std::memcmp(&descriptor, &untouched, sizeof(untouched)) != 0) {
+            called.push_back(DescriptorLine(descriptor));
+        }
+    }
+    if (operation.null.empty()) {
+        called.push_back(lines::Count(count));
+    }
+    return status;
+}
+
+}  // namespace tests

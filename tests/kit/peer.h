@@ -1,0 +1,40 @@
+// A client driver as the tests play it: it records what it is called with, and answers as told.
+#pragma once
+
+#include "driver/include/zepn_notifier.h"
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tests {
+
+// Its address is the callback context. The first number of its GUID tells it apart.
+struct Peer {
+    explicit Peer(ULONG itsNumber);
+
+    ULONG number;
+    GUID guid;
+    std::string name = "name";
+    std::string description = "description";
+    std::vector<ZepDataEntry> entries;
+    ActionCallbackTable callbacks{};
+
+    std::vector<ZepState> deliveries;
+    std::vector<ULONG> responsesAtEntry;
+    std::vector<std::pair<ULONG, ZepCommandInfo>> commands;
+    unsigned appsStateCalls = 0;  // with the one reason that there is
+    std::function<void(const ZepState&, ULONG& response)> onState;
+    std::function<void(ULONG id, ULONG& state)> onCommand;
+    std::function<void(ULONG& state)> onAppsState;
+
+    // Put the command and application-state callbacks into the table.
+    Peer& TakesCommands(bool takes = true);
+    Peer& WantsAppsState(bool wants = true);
+
+    // What a subscription names.
+    static NTSTATUS NTAPI OnState(PVOID context, const ZepState* state, PULONG response);
+};
+
+}  // namespace tests
