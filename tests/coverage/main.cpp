@@ -4,12 +4,12 @@
 //
 // EXPORT is what `llvm-cov export` wrote. An exception is one line, its three parts set apart by " | ":
 //
-//     driver/trace/events.cpp | if (handle != 0) { | true: a provider registers once a life
+//     driver/trace/events.cpp | if (handle != 0) { | true: the driver's entry runs once for each load
 //
-// file, the source line without its indentation, and which side of it (true, false, or code for a stretch that is never
+// file, the source line without its indentation, and which side of it (true, false, or code for a region that is never
 // entered) with the reason. Where a line has several such places, "true#2" is the second from the left. One exception
-// excuses one place: of equal lines in a file each needs its own. Templates count as reached when one instance reaches the place. Ends with 1 when a place is
-// missed that is not listed, or listed that is not missed; with 2 when a file cannot be read.
+// excuses one place: of equal lines in a file each needs its own. A template counts as reached when one instance is.
+// Ends with 1 when a place is missed that is not listed, or listed that is not missed; with 2 when a file cannot be read.
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -152,10 +152,10 @@ int Report(const std::map<Place, std::uint64_t>& reached, std::multiset<std::str
                              NumberedSide(reached, place));
         }
     }
-    for (const char* folder : kFolders) {
-        std::printf("  %-10s stretches of code: %4u of %4u reached   branch sides: %4u of %4u taken\n", folder,
-                    code[folder].places - code[folder].missed, code[folder].places,
-                    sides[folder].places - sides[folder].missed, sides[folder].places);
+    for (const auto& [folder, regions] : code) {
+        std::printf("  %-18s code regions: %4u of %4u reached   branch sides: %4u of %4u taken\n", folder.c_str(),
+                    regions.places - regions.missed, regions.places, sides[folder].places - sides[folder].missed,
+                    sides[folder].places);
     }
     unsigned wrong = 0;
     for (const std::string& place : missed) {
