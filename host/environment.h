@@ -32,7 +32,7 @@ enum class WorkItems {
 };
 
 enum class TraceRoutes {
-    kClassic,  // the system exports EtwRegisterClassicProvider and reports version 10
+    kClassic,  // the system exports EtwRegisterClassicProvider and reports the version that the options say
     kLegacy,   // it reports version 5 and does not
 };
 
@@ -40,6 +40,7 @@ struct MachineOptions {
     WorkItems workItems = WorkItems::kPumped;
     unsigned workerCount = 2;  // with kThreads
     TraceRoutes traceRoutes = TraceRoutes::kClassic;
+    unsigned majorVersion = 10;       // of the system, with kClassic
     bool exportsPsGetVersion = true;  // FALSE: the version look-up finds nothing
     bool guardPages = true;           // allocations end at inaccessible pages and are never reused
     std::size_t poolBytesMaximum = std::size_t{256} << 20;  // of all blocks together; what exceeds it gets null

@@ -54,9 +54,10 @@ HOST_EXPORT SIZE_T NTAPI RtlCompareMemory(const VOID* first, const VOID* second,
 HOST_EXPORT BOOLEAN NTAPI PsGetVersion(PULONG major, PULONG minor, PULONG build, PUNICODE_STRING servicePack)
 {
     const PlatformCall call("PsGetVersion", HOST_CALLER, PASSIVE_LEVEL);
-    const bool legacy = host::Environment::Current().options.traceRoutes == host::TraceRoutes::kLegacy;
+    const host::MachineOptions& options = host::Environment::Current().options;
+    const bool legacy = options.traceRoutes == host::TraceRoutes::kLegacy;
     if (major != nullptr) {
-        *major = legacy ? 5 : 10;
+        *major = legacy ? 5 : options.majorVersion;
     }
     if (minor != nullptr) {
         *minor = legacy ? 1 : 0;

@@ -301,6 +301,20 @@ TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
     EXPECT_FALSE(numbers.contains(137));
 }
 
+// Also of the oldest system that has it.
+TEST_P(Reporting, ClassicRouteIsLookedForFromVersionSixOn)
+{
+    for (const unsigned version : {6u, 10u}) {
+        DriverFixture fixture(GetParam(), {.machine = {.majorVersion = version}, .boots = false});
+        fixture.Lose("MmGetSystemRoutineAddress", "EtwRegisterClassicProvider");
+        fixture.Load();
+        fixture.EndFaults();  // it was looked for, and without it the old route serves
+        EXPECT_EQ(fixture.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"})) << version;
+        fixture.TakeDown();
+        fixture.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);
+    }
+}
+
 TEST_P(Reporting, MissingVersionRoutineMeansTheOldRoute)
 {
     DriverFixture fixture(GetParam(), {.machine = {.exportsPsGetVersion = false}, .boots = false});
