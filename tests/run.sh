@@ -314,12 +314,31 @@ wait_for_other_run() {
     flock "$lock"
 }
 
+# run_mutants [COUNT] [--seed N] [--in FILE[:LINE]]
+run_mutants() {
+    local arguments=("$@")
+    [[ ! ${1:-} =~ ^[0-9]+$ ]] || shift
+    while [ $# -gt 0 ]; do
+        [[ $# -gt 1 && $1 =~ ^--(seed|in)$ ]] || refuse "test --mutants takes a number, --seed N and --in FILE[:LINE]"
+        shift 2
+    done
+    step "building the decoding files" windows build windows decoding_files
+    step "building driver and tests" native build native zepn-mutants \
+        behaviour_tests model_tests fault_injection_tests concurrency_tests
+    "$root/build/native/tools/zepn-mutants" "${arguments[@]}"
+}
+
 run_tests() {
     # What would choose among the cases.
     unset ZEPN_SCHEDULE ZEPN_SCHEDULES ZEPN_FAULT "${!GTEST_@}"
     if [ "$*" = --coverage ]; then
         wait_for_other_run
         run_coverage
+        return
+    fi
+    if [ "${1:-}" = --mutants ]; then
+        wait_for_other_run
+        run_mutants "${@:2}"
         return
     fi
     while [ $# -gt 0 ]; do

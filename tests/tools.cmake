@@ -34,6 +34,15 @@ if(ZEPN_SANITIZE MATCHES "fuzzer|address")
     add_dependencies(zepn-libfuzzer zepn_native)
 endif()
 
+file(GLOB mutation_sources CONFIGURE_DEPENDS mutation/*.cpp)
+list(FILTER mutation_sources EXCLUDE REGEX "mutation/(main|.*_test).cpp")
+add_library(mutation STATIC ${mutation_sources})
+zepn_unite(mutation)
+target_link_libraries(mutation PRIVATE nlohmann_json::nlohmann_json)
+zepn_add_program(zepn-mutants mutation/main.cpp mutation)
+target_compile_definitions(zepn-mutants PRIVATE
+    ZEPN_ROOT="${CMAKE_SOURCE_DIR}" ZEPN_BUILD="${CMAKE_BINARY_DIR}")
+
 add_executable(zepn-coverage coverage/main.cpp)
 target_link_libraries(zepn-coverage PRIVATE nlohmann_json::nlohmann_json)
 

@@ -112,6 +112,8 @@ refuses "test --on takes native, x64, arm64, asan or tsan" test Loud --on
 refuses "test --on goes with a name" test --on x64
 refuses "test takes a name or --all" test Loud --all
 refuses "test --coverage goes alone" test --again --coverage
+refuses "test --mutants takes a number, --seed N and --in FILE[:LINE]" test --mutants many
+refuses "test --mutants takes a number, --seed N and --in FILE[:LINE]" test --mutants 20 --seed
 refuses "of the cases called Quiet none is built for tsan" test Quiet --on tsan
 
 refuses "fuzz --libfuzzer takes a number of seconds, up to 9999999" fuzz --libfuzzer 99999999999999999999

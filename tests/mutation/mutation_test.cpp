@@ -1,0 +1,276 @@
+// The mutation run itself: which mutants a source has, what becomes of them, how the list of equivalent ones is kept.
+#include "tests/mutation/driver_judge.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace mutation {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// A project with one source, and a build folder whose only test calls the driver's function.
+class TinyProject {
+public:
+    explicit TinyProject(const std::string& source)
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "zepn mutants XXXXXX").string();
+        EXPECT_NE(mkdtemp(name.data()), nullptr);
+        root = name;
+        Write("driver/tiny.cpp", source);
+        Write("build/tests.cpp", R"(
+            #include <cstdlib>
+            #include <dlfcn.h>
+            int main()
+            {
+                void* driver = dlopen(std::getenv("ZEPN_NATIVE_DRIVER"), RTLD_NOW);
+                const auto limit = reinterpret_cast<int (*)(int)>(dlsym(driver, "Limit"));
+                return limit(1) == 1 && limit(5) == 3 ? 0 : 1;
+            }
+        )");
+        const std::string object = "platform/CMakeFiles/zepn_native.dir/tiny.o";
+        const std::string path = (root / "driver/tiny.cpp").string();
+        const std::string compile = "clang++-19 -std=c++20 -O1 -fPIC -o " + object + " -c '" + path + "'";
+        Write("build/compile_commands.json",
+              nlohmann::json::array({{{"directory", (root / "build").string()}, {"file", path}, {"command", compile}}})
+                  .dump());
+        Write("build/build.ninja", "rule run\n command = $do\n"
+                                   "build " +
+                                       object + ": run\n do = " + compile +
+                                       "\n"
+                                       "build platform/zepn.so: run " +
+                                       object +
+                                       "\n"
+                                       " do = clang++-19 -shared -o platform/zepn.so " +
+                                       object +
+                                       "\n"
+                                       "build tests/behaviour_tests: run\n"
+                                       " do = clang++-19 -o tests/behaviour_tests tests.cpp\n");
+        const std::string build = (root / "build").string();
+        const std::string line = "cd '" + build +
+                                 "' && mkdir -p platform/CMakeFiles/zepn_native.dir tests && ninja > log"
+                                 " && for name in model fault_injection concurrency; do"
+                                 " ln -s /bin/true tests/${name}_tests; done";
+        EXPECT_EQ(std::system(line.c_str()), 0);
+    }
+    ~TinyProject() { std::filesystem::remove_all(root); }
+    TinyProject(const TinyProject&) = delete;
+    TinyProject& operator=(const TinyProject&) = delete;
+
+    std::filesystem::path root;
+
+private:
+    void Write(const std::string& file, const std::string& text) const
+    {
+        std::filesystem::create_directories((root / file).parent_path());
+        std::ofstream(root / file) << text;
+    }
+};
+
+constexpr const char* kLimit = R"(#include <cstddef>
+extern "C" int Limit(int value)
+{
+    const int unread = 7;
+    if (value > 3) {
+        return 3;
+    }
+    return value;
+}
+extern "C" int Unused()
+{
+    return 9;
+}
+)";
+
+TEST(MutationRun, KillsWhatATestSeesAndShowsWhatSurvives)
+{
+    const TinyProject project(kLimit);
+    const NativeBuild build(project.root, project.root / "build");
+    const std::vector<Mutant> mutants = MutantsOf(build);
+    std::istringstream list("driver/tiny.cpp, Unused\nreturn 9;\n`9` -> `(9 + 1)`\nnobody calls it\n");
+    Lines verdicts;
+    const auto onResult = [&](const Result& result) {
+        verdicts.push_back(result.mutant.change + ": " + std::to_string(static_cast<int>(result.verdict.fate)) +
+                           result.verdict.killedBy + result.reason);
+    };
+    const Plan plan{.seed = 1, .wanted = mutants.size(), .workers = 2};
+    const std::vector<Result> results =
+        RunCampaign(mutants, Equivalents(list), plan, DriverJudge(build, project.root / "build"), onResult);
+    std::ranges::sort(verdicts);
+    const std::string refused = std::to_string(static_cast<int>(Fate::kRefused));
+    const std::string same = std::to_string(static_cast<int>(Fate::kSameCode));
+    const std::string killed = std::to_string(static_cast<int>(Fate::kKilled)) + "behaviour";
+    const std::string survived = std::to_string(static_cast<int>(Fate::kSurvived));
+    EXPECT_EQ(verdicts, (Lines{
+                            "`3` -> `(3 + 1)`: " + killed,    // what is returned
+                            "`3` -> `(3 + 1)`: " + survived,  // 4 is never tried
+                            "`7` -> `(7 + 1)`: " + same,
+                            "`7` -> `{}`: " + same,
+                            "`9` -> `(9 + 1)`: " + survived + "nobody calls it",
+                            "`>` -> `<=`: " + killed,
+                            "`>` -> `>=`: " + same,  // three on both sides
+                            "without `if (value > 3) { return 3; }`: " + killed,
+                            "without `return 3`: " + killed,
+                            "without `return 9`: " + refused,
+                            "without `return value`: " + refused,
+                        }));
+    const std::string text = Text(results, mutants.size(), plan);
+    EXPECT_NE(text.find("mutants: 6 of 11, seed 1: 4 killed (behaviour 4), 1 equivalent, 1 survived; besides 2 that "
+                        "do not compile and 3 of the same code"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("survived, driver/tiny.cpp:5, constant\n"
+                        "driver/tiny.cpp, Limit\nif (value > 3) {\n`3` -> `(3 + 1)`\n"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(nlohmann::json::parse(AsJson(results, mutants.size(), plan))["mutants"].size(), 11u);
+}
+
+TEST(MutationRun, RefusesADriverThatFailsUnchanged)
+{
+    const TinyProject project("extern \"C\" int Limit(int value)\n{\n    return value;\n}\n");
+    const NativeBuild build(project.root, project.root / "build");
+    EXPECT_THROW((void)DriverJudge(build, project.root / "build"), std::runtime_error);
+}
+
+// One of each operator, and what must have none: static assertions, the bodies of macros, a second instance.
+TEST(Mutants, AreThoseOfTheSyntaxTree)
+{
+    const TinyProject project(R"(
+#define FAILED(status) ((status) < 0)
+#define SUCCESS (0L)
+enum class Fruit { kApple, kPear };
+constexpr int kLimit = sizeof(int);
+static_assert(kLimit == 4);
+int Take(int first, int second);
+template <class Value>
+Value Twice(Value value)
+{
+    return value + value;
+}
+extern "C" int Limit(int value)
+{
+    int sum = SUCCESS;
+    for (int index = 0; index < kLimit; ++index) {
+        int part = 5;
+        sum += Take(part, value);
+    }
+    if (FAILED(sum) && value != 2) {
+        (void)Take(Twice(sum), Twice('a'));
+    }
+    return !value ? static_cast<int>(Fruit::kPear) : Take(1, 1);
+}
+int Take(int first, int)
+{
+    return first;
+}
+)");
+    const NativeBuild build(project.root, project.root / "build");
+    Lines changes;
+    for (const Mutant& mutant : MutantsOf(build)) {
+        changes.push_back(std::to_string(mutant.line) + " " + mutant.kind + ": " + mutant.change);
+    }
+    EXPECT_EQ(changes, (Lines{
+                           "5 constant: `sizeof(int)` -> `(sizeof(int) + 1)`",
+                           "5 dropped initialiser: `sizeof(int)` -> `{}`",
+                           "11 dropped return: without `return value + value`",
+                           "11 arithmetic: `+` -> `-`",
+                           "15 constant: `SUCCESS` -> `(SUCCESS + 1)`",
+                           "15 dropped initialiser: `SUCCESS` -> `{}`",
+                           "17 moved initialisation: `int part = 5;` before the loop",
+                           "16 dropped loop: without `for (int index = 0; index < kLimit; ++index) { int part =...`",
+                           "16 constant: `0` -> `(0 + 1)`",
+                           "16 dropped initialiser: `0` -> `{}`",
+                           "16 comparison: `<` -> `<=`",
+                           "16 comparison: `<` -> `>=`",
+                           "16 constant: `kLimit` -> `(kLimit + 1)`",
+                           "16 arithmetic: `++` -> `--`",
+                           "17 constant: `5` -> `(5 + 1)`",
+                           "17 dropped initialiser: `5` -> `{}`",
+                           "18 dropped assignment: without `sum += Take(part, value)`",
+                           "18 arithmetic: `+=` -> `-=`",
+                           "18 dropped call: `Take(part, value)` -> `{}`",
+                           "18 swapped arguments: `part` <-> `value`",
+                           "20 dropped branch: without `if (FAILED(sum) && value != 2) { (void)Take(Twice(sum), T...`",
+                           "20 logic: without `FAILED(sum)`",
+                           "20 logic: without `value != 2`",
+                           "20 negated condition: `FAILED(sum) && value != 2` -> `!(FAILED(sum) && value != 2)`",
+                           "20 logic: `&&` -> `||`",
+                           "20 comparison: `!=` -> `==`",
+                           "20 constant: `2` -> `(2 + 1)`",
+                           "21 dropped call: without `(void)Take(Twice(sum), Twice('a'))`",
+                           "21 dropped call: `Twice(sum)` -> `{}`",
+                           "21 dropped call: `Twice('a')` -> `{}`",
+                           "21 constant: `'a'` -> `('a' + 1)`",
+                           "23 dropped return: without `return !value ? static_cast<int>(Fruit::kPear) : Take(1, 1)`",
+                           "23 negated condition: `!value` -> `value`",
+                           "23 constant: `Fruit::kPear` -> `Fruit::kApple`",
+                           "23 dropped call: `Take(1, 1)` -> `{}`",
+                           "23 constant: `1` -> `(1 + 1)`",
+                           "23 constant: `1` -> `(1 + 1)` #2",
+                           "27 dropped return: without `return first`",
+                       }));
+}
+
+std::vector<Mutant> Numbered(unsigned count)
+{
+    std::vector<Mutant> mutants(count);
+    for (unsigned number = 0; number < count; ++number) {
+        mutants[number].line = number;
+    }
+    return mutants;
+}
+
+TEST(Campaign, DrawsTheSameMutantsBySeedHoweverManyWorkThere)
+{
+    // Every third does not count.
+    const Judge judge = [](const Mutant& mutant, unsigned) {
+        return Verdict{mutant.line % 3 == 0 ? Fate::kRefused : Fate::kKilled, "", 0};
+    };
+    std::istringstream none;
+    const Equivalents equivalents(none);
+    const auto draw = [&](std::uint64_t seed, unsigned workers) {
+        std::vector<unsigned> lines;
+        for (const Result& result :
+             RunCampaign(Numbered(300), equivalents, {.seed = seed, .wanted = 20, .workers = workers}, judge,
+                         [](const Result&) {})) {
+            lines.push_back(result.mutant.line);
+        }
+        return lines;
+    };
+    const std::vector<unsigned> lines = draw(1, 1);
+    EXPECT_EQ(std::ranges::count_if(lines, [](unsigned line) { return line % 3 != 0; }), 20);
+    EXPECT_EQ(draw(1, 4), lines);
+    EXPECT_NE(draw(2, 1), lines);
+}
+
+TEST(EquivalentMutants, AreEntriesWithAReasonThatMustNotGrowStale)
+{
+    Mutant mutant;
+    mutant.file = "driver/a.cpp";
+    mutant.function = "Do";
+    mutant.lineText = "return 1;";
+    mutant.change = "`1` -> `2`";
+    const std::string entry = "driver/a.cpp, Do\nreturn 1;\n`1` -> `2`\n";
+    std::istringstream list("# Why.\n\n" + entry + "nobody asks\n\ndriver/a.cpp, Do\nreturn 0;\n`0` -> `1`\ngone\n");
+    const Equivalents equivalents(list);
+    EXPECT_EQ(equivalents.ReasonFor(mutant), "nobody asks");
+    EXPECT_EQ(equivalents.Stale({mutant}), (Lines{"driver/a.cpp, Do\nreturn 0;\n`0` -> `1`\n"}));
+    // Listed, but a test sees it.
+    EXPECT_TRUE(IsWrong({mutant, {Fate::kKilled, "model", 0}, "nobody asks"}));
+    EXPECT_FALSE(IsWrong({mutant, {Fate::kSurvived, "", 0}, "nobody asks"}));
+
+    for (const std::string& wrong : {entry, entry + "why\n\n" + entry + "why\n"}) {
+        std::istringstream stream(wrong);
+        EXPECT_THROW(Equivalents{stream}, std::runtime_error) << wrong;
+    }
+}
+
+}  // namespace
+}  // namespace mutation
