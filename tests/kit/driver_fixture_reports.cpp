@@ -107,6 +107,11 @@ void DriverFixture::CheckReports()
         const auto decoded = manifest_.Decode(event);
         ASSERT_TRUE(decoded) << "event " << event.descriptor.Id << " does not decode";
         EXPECT_EQ(decoded->level, manifest_.events().at(decoded->id).level);
+        // The manifest gives no event any of these, and Windows finds an event's description by them.
+        const EVENT_DESCRIPTOR& descriptor = event.descriptor;
+        EXPECT_EQ(descriptor.Version | descriptor.Channel | descriptor.Opcode | descriptor.Task | descriptor.Keyword,
+                  0u)
+            << "event " << descriptor.Id;
         if (decoded->level == 2) {
             const auto message = messages.find(event.order + 1);
             ASSERT_NE(message, messages.end()) << "no trace message behind: " << decoded->message;
