@@ -46,28 +46,29 @@ void QueryLegacyRegistration(const Provider& provider, GUID& control)
 {
     alignas(8) unsigned char buffer[kRegisterInfoSize];
     ULONG size = 0;
-    LONG status = Request(provider, kRegisterInfo, buffer, 16, size);
     ULONG needed = 0;
-    std::memcpy(&needed, buffer, sizeof(needed));
-    Expect(status == STATUS_BUFFER_TOO_SMALL && size == 4 && needed == kRegisterInfoSize, provider,
-           "a small registration buffer is not answered with the size that is needed");
+    for (const ULONG length : {ULONG{sizeof(needed)}, ULONG{kRegisterInfoSize - 1}}) {
+        const LONG status = Request(provider, kRegisterInfo, buffer, length, size);
+        std::memcpy(&needed, buffer, sizeof(needed));
+        Expect(status == STATUS_BUFFER_TOO_SMALL && size == sizeof(needed) && needed == kRegisterInfoSize, provider,
+               "a small registration buffer is not answered with the size that is needed");
+    }
     needed = kRegisterInfoSize;
 
-    status = Request(provider, kRegisterInfo, buffer, 2, size);
+    LONG status = Request(provider, kRegisterInfo, buffer, sizeof(needed) - 1, size);
     Expect(status == STATUS_BUFFER_TOO_SMALL && size == 0, provider,
            "a buffer too small for the size itself is not refused untouched");
 
     std::memset(buffer, 0xEE, sizeof(buffer));
     status = Request(provider, kRegisterInfo, buffer, needed, size);
-    ULONG bufferSize;
-    ULONG guidCount;
-    ULONG flags;
-    std::memcpy(&bufferSize, buffer, 4);
-    std::memcpy(&guidCount, buffer + 16, 4);
     std::memcpy(&control, buffer + 24, sizeof(control));
-    std::memcpy(&flags, buffer + 40, 4);
-    Expect(status == STATUS_SUCCESS && size == kRegisterInfoSize && bufferSize == kRegisterInfoSize && guidCount == 1 &&
-               flags == kRegisterFlags,
+    unsigned char expected[kRegisterInfoSize] = {};
+    constexpr ULONG kGuidCount = 1;
+    std::memcpy(expected, &needed, sizeof(needed));
+    std::memcpy(expected + 16, &kGuidCount, sizeof(kGuidCount));
+    std::memcpy(expected + 24, &control, sizeof(control));
+    std::memcpy(expected + 40, &kRegisterFlags, sizeof(kRegisterFlags));
+    Expect(status == STATUS_SUCCESS && size == kRegisterInfoSize && std::memcmp(buffer, expected, sizeof(buffer)) == 0,
            provider, "the registration data are not one traced control GUID in 56 bytes");
 
     // Requests that every control block gets now and then.
