@@ -154,7 +154,7 @@ run_group() {
     fi
 }
 
-# remove_statistics PRESET LABELS, show_statistics PRESET LABELS: what the group's cases leave in figures/, by container.
+# remove_statistics PRESET LABELS, show_statistics PRESET LABELS: what the group's cases leave in statistics/, by container.
 remove_statistics() {
     local folder=$root/build/$1/statistics
     rm -f "$folder"/{model,fault-injection}-"$2"*.txt "$folder/concurrency/$2,"*
@@ -164,7 +164,8 @@ show_statistics() {
     cat "$folder"/{model,fault-injection}-"$2"*.txt 2> /dev/null || true
     cat "$folder/concurrency/$2,"* 2> /dev/null | awk '
         { walked[$2] += $(NF - 5); random[$2] += $(NF - 1) }
-        END { for (on in walked) print "interleavings, " on " all: " walked[on] " walked, " random[on] " random" }' ||
+        END { for (on in walked) print "systematic concurrency testing, " on " schedules: " walked[on] \
+            " up to the preemption bound, " random[on] " random" }' ||
         true
 }
 

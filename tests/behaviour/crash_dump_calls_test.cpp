@@ -44,7 +44,7 @@ TEST_P(CrashDumpCalls, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
     EXPECT_EQ(count, 2u);
     EXPECT_EQ(array[0].InterfaceGUID.Data1, 1u);
     EXPECT_EQ(array[1].InterfaceGUID.Data1, 2u);
-    EXPECT_EQ(array[0].SubsystemName[5], '\xEE') << "bytes behind the text are not written";
+    EXPECT_EQ(array[0].SubsystemName[5], '\xEE') << "bytes after the text are not written";
     unsigned char padding[7];
     memcpy(padding, array[0].Padding, sizeof(padding));
     EXPECT_EQ(padding[0] & padding[6], 0xEE);

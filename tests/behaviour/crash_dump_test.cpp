@@ -71,7 +71,7 @@ TEST_P(CrashDump, AnnouncesClientsByTheirPostsInOrderThroughOneBuffer)
     EXPECT_EQ(d.DataEntryCount, 2);
     EXPECT_EQ(d.CallbackContext, &first);
     EXPECT_EQ(d.Reserved1 + d.Reserved2, 0u);
-    // The name of the first is longer: what stands behind the shorter name's end is not cleaned.
+    // The name of the first is longer: the bytes after the shorter name's end are not cleared.
     EXPECT_EQ(fixture.Client(first)->addedToWpcd, 1u);
     EXPECT_EQ(fixture.Client(first)->wpcdRefreshPending, 0u);
     ASSERT_EQ(fixture.Post(first, 2), STATUS_SUCCESS);
@@ -149,7 +149,7 @@ TEST_P(CrashDump, UnattachedOrRefusingDriverLeavesClientsUnannouncedUntilTheyPos
     EXPECT_EQ(fixture.Client(first)->addedToWpcd, 1u);
 }
 
-// Announces peers and lets them leave, so that as many copies wait as peers were given.
+// Announces peers and deregisters them, so that as many copies wait for their withdrawal.
 void QueueRemovals(DriverFixture& fixture, std::deque<Peer>& peers, unsigned count)
 {
     for (unsigned number = 1; number <= count; ++number) {

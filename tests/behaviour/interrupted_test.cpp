@@ -60,7 +60,7 @@ TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
     EXPECT_LT(calledCount, instructionCount);
 }
 
-// The record is queued already, so the client may leave and its context go: also for a listener.
+// The record is queued already, so the client may deregister and its context be deleted: with tracing enabled, too.
 TEST_P(Interrupted, PostIsTracedWithoutTheContextOfAClientThatLeavesMeanwhile)
 {
     DriverFixture fixture(GetParam());

@@ -1,5 +1,5 @@
 // An action in the middle of a driver's call, before one chosen instruction of the driver: what another processor may
-// do at that very moment. The explorer of interleavings comes between platform calls; this comes between instructions.
+// do at that very moment. The controlled scheduler switches at platform calls; this comes between instructions.
 #pragma once
 
 #include "host/machine.h"

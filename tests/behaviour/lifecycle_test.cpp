@@ -105,7 +105,7 @@ TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
 {
     struct Row {
         const char* function;
-        unsigned count;  // of the fields that it fills, one behind the other
+        unsigned count;  // of the fields that it fills, one after the other
     };
     unsigned filled = 0;
     for (const Row& row : {Row{"WdfIoQueueCreate", 1}, Row{"WdfCollectionCreate", 5}, Row{"WdfWorkItemCreate", 4},

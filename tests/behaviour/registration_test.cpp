@@ -101,7 +101,7 @@ TEST_P(Registration, RefusesBadArgumentsInOrder)
     Peer peer(0x42);
     ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
     Peer almost(0x42);
-    almost.guid.Data4[7] ^= 1;  // the last byte tells GUIDs apart
+    almost.guid.Data4[7] ^= 1;  // the last byte counts, too
 
     const auto init = [&](const GUID* guid, const ActionCallbackTable* table) {
         return fixture.helper.Notifier_HelperInit(guid, "n", "d", table, nullptr, 0, nullptr);

@@ -1,4 +1,4 @@
-// A client leaves, alone or with all others: what goes, what stays, and who is told.
+// A client is deregistered, or all are removed with the device: what is deleted, what stays, and who is notified.
 #include "tests/kit/driver_fixture.h"
 
 namespace tests {

@@ -1,4 +1,4 @@
-// The road of a state: posting, delivery in order, answers, and what every failure on the way leaves behind.
+// The delivery path of a state: posting, delivery in order, answers.
 #include "tests/kit/driver_fixture.h"
 
 namespace tests {
@@ -57,7 +57,7 @@ TEST_P(States, DeliveryIsInOrderOfPostingThenClientsThenSubscriptions)
     ASSERT_EQ(fixture.Subscribe(early, poster, 4), STATUS_SUCCESS);
     ASSERT_EQ(fixture.Subscribe(early, poster, 4), STATUS_SUCCESS);  // called twice
     ASSERT_EQ(fixture.Subscribe(early, poster, 5), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Subscribe(poster, poster, 4), STATUS_SUCCESS);  // never told of itself
+    ASSERT_EQ(fixture.Subscribe(poster, poster, 4), STATUS_SUCCESS);  // never notified of itself
     for (const ULONG state : {4u, 5u, 4u, 6u}) {
         ASSERT_EQ(fixture.Post(poster, state), STATUS_SUCCESS);
     }
@@ -162,7 +162,7 @@ TEST_P(States, ZeroAnswerChangesNothing)
     EXPECT_EQ(fixture.Client(subscriber)->currentState, 3u);
 }
 
-TEST_P(States, OfAClientThatLeftAreStillDeliveredAndThenGone)
+TEST_P(States, OfADeregisteredClientAreStillDeliveredAndThenDeleted)
 {
     DriverFixture fixture(GetParam());
     Peer poster(1);
@@ -179,7 +179,7 @@ TEST_P(States, OfAClientThatLeftAreStillDeliveredAndThenGone)
     EXPECT_EQ(fixture.Alive(kStateContextName), 0u);
 }
 
-TEST_P(States, PostFromInsideACallbackWaitsForItselfForEver)
+TEST_P(States, PostFromInsideACallbackHangs)
 {
     DriverFixture fixture(GetParam(), {.records = false});
     Peer poster(1);

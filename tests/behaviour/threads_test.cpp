@@ -1,5 +1,5 @@
 // The same driver with real worker threads and several client threads at once: nothing is lost, nothing is delivered
-// twice, each poster's order is kept, and nothing is left behind.
+// twice, each poster's order is kept, and no object remains.
 #include "tests/kit/driver_fixture.h"
 
 #include <array>
@@ -60,7 +60,7 @@ TEST_P(Threads, PostsOfManyThreadsAllArriveInEachPostersOrder)
                 }
             });
         }
-        // Others come, subscribe and go meanwhile.
+        // Others register, subscribe and deregister meanwhile.
         threads.emplace_back([&fixture, &posters, &refused] {
             for (ULONG number = 200; number < 240; ++number) {
                 Peer passing(number);
@@ -84,7 +84,7 @@ TEST_P(Threads, PostsOfManyThreadsAllArriveInEachPostersOrder)
     });
 }
 
-// Who announces, and who dumps, does so from several threads: nothing is recorded.
+// Counts and does not record: its callbacks run on several threads.
 void CountCalls(CrashDumpDriver& crashDump, std::atomic<unsigned>& announced, std::atomic<unsigned>& dumps)
 {
     crashDump.onAdd = [&announced](const ZEP_SUBSYSTEM_DESCRIPTOR&) { return ++announced, STATUS_SUCCESS; };
@@ -172,7 +172,7 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
             thread.join();
         }
         fixture.machine.WaitForWorkItems();
-        // Who comes now is announced and heard.
+        // Who registers now is announced, and its states are delivered.
         const unsigned before = announced;
         Peer late(3);
         ASSERT_EQ(fixture.Register(late), STATUS_SUCCESS);
@@ -195,9 +195,9 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
     });
 }
 
-// The crash-dump driver attaches while clients come, subscribe and command, and detaches while they are announced and
-// leave. Attaching among announcements, and dump calls at either time, are what nobody may do.
-TEST_P(Threads, TheCrashDumpDriverComesAndGoes)
+// The crash-dump driver attaches while clients register, subscribe and command, and detaches while they are announced and
+// deregister. Attaching among announcements, and dump calls at either time, are what nobody may do.
+TEST_P(Threads, TheCrashDumpDriverAttachesAndDetaches)
 {
     InEachView(2, [](const FixtureOptions& options) {
         constexpr unsigned kRounds = 12;

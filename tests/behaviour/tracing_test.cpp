@@ -1,4 +1,5 @@
-// Listeners: what they get at which level, when they come and go, and that a silent driver writes nothing.
+// Trace sessions: what they get at which level, when they are enabled and disabled, and that disabled tracing writes
+// nothing.
 #include "tests/kit/driver_fixture.h"
 
 namespace tests {

@@ -47,7 +47,7 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
 }
 
 // The broadcast, and a subscription that is told a state at once, read the client's state before its callback and again
-// behind it. A post of the same client in between makes a callback that changed nothing look like one that chose the
+// after it. A post of the same client in between makes a callback that changed nothing look like one that chose the
 // state before, which is then posted: the newer state is lost.
 TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
 {
@@ -75,7 +75,7 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
             RunAll(fixture, scheduler,
                    {{"callback", isCalled}, {"client", [&] { EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS); }}});
             fixture.Deliver();
-            // In either order: the post's own record may come behind the one that takes it back.
+            // In either order: the post's own record may come after the one that takes it back.
             States states = StatesFrom(watcher, poster);
             std::sort(states.begin(), states.end());
             const bool isTakenBack = states == States{3, 5};
@@ -91,7 +91,7 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
 
 constexpr int kViolationExit = 5;
 
-// Plays schedules until one goes wrong, and ends the process with what went wrong; with status 0 when none does.
+// Plays schedules until one has a violation, and ends the process with its text; with status 0 when none has.
 [[noreturn]] void EndAtFirstFault(const Container& container,
                                   const std::function<void(DriverFixture&, ControlledScheduler&)>& play)
 {
@@ -104,7 +104,7 @@ constexpr int kViolationExit = 5;
             std::_Exit(kViolationExit);
         }
     }
-    std::fprintf(stderr, "nothing goes wrong in %u schedules\n", scheduler.Count());
+    std::fprintf(stderr, "no violation in %u schedules\n", scheduler.Count());
     std::_Exit(0);
 }
 
@@ -150,7 +150,7 @@ TEST_P(AcceptedRaces, DetachingWhileAnAttachIsUnderWayUsesNoHandle)
 }
 
 // The crash-dump driver's handle can be seen before its callbacks: an announcement meanwhile calls nothing. A schedule
-// that ends the process is told like any other that fails.
+// that ends the process is reported like any other that fails.
 TEST_P(AcceptedRaces, AttachingWhileAClientIsAnnouncedCallsNull)
 {
     if (IsReplay()) {

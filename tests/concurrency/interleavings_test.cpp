@@ -61,7 +61,7 @@ TEST_P(Interleavings, SubscribingAndUnsubscribingWhileARunDelivers)
             {{"subscriber", [&] { EXPECT_EQ(fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS); }},
              {"run", [&] { fixture.Deliver(); }}});
         fixture.Deliver();
-        // Told at once, and again by the run when that comes later.
+        // Notified at once, and again by the run when that comes later.
         const States states = StatesFrom(subscriber, poster);
         EXPECT_TRUE(states == States{5} || states == (States{5, 5})) << states.size();
     });
@@ -91,7 +91,9 @@ TEST_P(Interleavings, LeavingWhileARunDelivers)
         EXPECT_EQ(fixture.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
         bool hasLeft = false;
-        subscriber.onState = [&](const ZepState&, ULONG&) { EXPECT_FALSE(hasLeft) << "told after it had left"; };
+        subscriber.onState = [&](const ZepState&, ULONG&) {
+            EXPECT_FALSE(hasLeft) << "notified after it had deregistered";
+        };
         RunAll(fixture, scheduler,
                {{"subscriber",
                  [&] {
@@ -151,7 +153,7 @@ TEST_P(Interleavings, CommandsToEachOtherWhileARunDelivers)
                 {"two", [&] { EXPECT_EQ(fixture.Send(two, one, 8), STATUS_SUCCESS); }},
                 {"run", [&] { fixture.Deliver(); }}});
         fixture.Deliver();
-        // One command a run, and a run for each enqueue; two that were queued at once leave one behind.
+        // One command a run, and a run for each enqueue; of two that were queued at once one stays.
         const std::size_t delivered = one.commands.size() + two.commands.size();
         const std::size_t waiting = fixture.Count(fixture.Context().commands);
         EXPECT_EQ(delivered + waiting, 2u);
@@ -184,7 +186,7 @@ TEST_P(Interleavings, PostingWhileASubscriberLeavesAndARunDelivers)
         RegisterAll(fixture, {&poster, &leaving, &staying});
         EXPECT_EQ(fixture.Subscribe(leaving, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Subscribe(staying, poster, 5), STATUS_SUCCESS);
-        leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };  // wants to go on, perhaps too late
+        leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };  // to be posted, perhaps too late
         RunAll(fixture, scheduler,
                {{"poster", [&] { EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS); }},
                 {"subscriber", [&] { EXPECT_EQ(fixture.Leave(leaving), STATUS_SUCCESS); }},

@@ -1,4 +1,4 @@
-// What explored scenarios share: each is played anew in a fixture of its own for every schedule.
+// Systematic concurrency testing: a scenario is played anew, in a fixture of its own, for every schedule.
 //
 // A failure names its schedule; ZEPN_SCHEDULE="two clients post, one run: locks 12>1" plays that one alone.
 // ZEPN_SCHEDULES=1000 plays so many random ones of each scenario.
@@ -34,8 +34,7 @@ inline constexpr unsigned kRandomSchedules = 60;
 
 class Systematic : public OnContainer {
 protected:
-    // Plays a scenario in every interleaving of so many preemptions, at locks or at every call, and in some of more by
-    // random priorities.
+    // Plays a scenario by every schedule up to a preemption bound, at locks or at every call, and by some random ones.
     void Explore(const std::string& name, const std::function<void(DriverFixture&, ControlledScheduler&)>& play,
                  unsigned preemptions = kPreemptions, bool everyCall = false)
     {
@@ -75,16 +74,16 @@ protected:
                 }
             }
             EXPECT_TRUE(plan.random != 0 || !replay.empty() || scheduler.IsComplete())
-                << name << ": not walked to its end";
+                << name << ": not all schedules were played";
             counts.push_back(scheduler.Count());
         }
         if (!replay.empty()) {
             return;
         }
-        const std::filesystem::path folder = ResultsFolder() / "statistics" / "scheduler";
+        const std::filesystem::path folder = ResultsFolder() / "statistics" / "concurrency";
         std::filesystem::create_directories(folder);
         std::ofstream(folder / (std::string(GetParam().name) + ", " + name + ".txt"))
-            << "interleavings, " << GetParam().name << ", " << name << ": " << counts[0] << " to " << preemptions
+            << "schedules, " << GetParam().name << ", " << name << ": " << counts[0] << " to " << preemptions
             << " preemptions, " << counts[1] << " random\n";
     }
 

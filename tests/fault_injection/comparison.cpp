@@ -121,7 +121,7 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
         return std::string("fault injection on ") + container.name + ": " + plan_.Text() + "; " + Where() +
                ", platform call " + std::to_string(observed_ ? observed_->calls() : callCount);
     });
-    Live(plan.sequence);
+    RunSequence(plan.sequence);
     CompareRecords();
     if (difference.empty() && plan.fault && !HasStruck()) {
         difference = "  the fault was never reached";
@@ -131,11 +131,11 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
     }
     callCount = observed_->calls();
     if (difference.empty() && struckAtEnd_ && reference_.Allows(Kind::kLoad)) {
-        // An end that went wrong leaves nothing in the way of the next beginning.
+        // A removal or unload that failed must not keep the image from being loaded again.
         observed_->machine().faults().Clear();
         reloaded_ = true;
         reference_ = reference_.Again();
-        Live(ShortSequence());
+        RunSequence(ShortSequence());
     }
     const std::size_t before = sites.size();
     sites.insert(observed_->sites().begin(), observed_->sites().end());
@@ -145,7 +145,7 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
     observed_.reset();
 }
 
-void Comparison::Live(Sequence sequence)
+void Comparison::RunSequence(Sequence sequence)
 {
     sequence_ = std::move(sequence);
     for (index_ = 0; index_ < sequence_.size() && difference.empty(); ++index_) {
@@ -175,7 +175,7 @@ std::string Comparison::Where() const
 {
     return std::string(reloaded_ ? "after it, loaded again, " : "") +
            (index_ < sequence_.size() ? "operation " + std::to_string(index_) + " (" + Text(sequence_[index_]) + ")"
-                                      : "the sequence's end");
+                                      : "the end of the sequence");
 }
 
 void Comparison::CompareRecords()
@@ -220,9 +220,9 @@ Step Comparison::Run(const Operation& operation)
     std::sort(rules[1].begin(), rules[1].end());
     Compare("violations", rules[0], rules[1], difference);
     if (expected.ends != observed.ends) {
-        difference += expected.ends ? "\n    it should stand still" : "\n    it stands still";
+        difference += expected.ends ? "\n    it should hang" : "\n    it hangs";
     }
-    // Before the fault this sequence is the one without.
+    // Up to the fault this sequence equals the one without, which is compared in full.
     if (!plan_.fault || reloaded_ || HasStruck()) {
         Compare("alive", reference_.Alive(), observed_->Alive(), difference);
     }

@@ -1,4 +1,4 @@
-// A sequence comparison on both sides, the real driver and the expectation, and what tells them apart.
+// A sequence on both sides, driver and reference model, and the first difference between them.
 #pragma once
 
 #include "tests/fault_injection/observed.h"
@@ -20,10 +20,10 @@ struct Plan {
     std::function<void(const host::ObservedCall&, host::Machine&)> onCall = {};
 };
 
-// One sequence, comparison on both sides.
+// Runs one sequence and compares after each operation.
 class Comparison {
 public:
-    // Adds the sites that it reaches; a sequence that reaches new ones leaves word of its reports.
+    // Adds the sites that it reaches; a sequence that reaches new ones leaves its reports for the test that asks for all.
     Comparison(const tests::Container& container, const Plan& plan, std::set<Site>& sites);
 
     std::string difference;   // "" when all was as expected
@@ -33,7 +33,7 @@ public:
     std::uint64_t callCount = 0;
 
 private:
-    void Live(Sequence sequence);
+    void RunSequence(Sequence sequence);
     Step Run(const Operation& operation);
     void CompareRecords();
     [[nodiscard]] std::string Where() const;  // the operation under way

@@ -1,5 +1,6 @@
-// Each platform call of a sequence fails once, and once more with all later ones of its function, in every form that it
-// has; what the driver shows must be what the expectation says, operation by operation, to the end of the sequence.
+// Systematic fault injection: each platform call of a sequence fails, alone (single fault) and with all later ones of its
+// function (persistent fault), in every form that it has. Operation by operation, to the end of the sequence, the driver
+// must show what the reference model says.
 #include "host/checks/call_path.h"
 #include "tests/kit/death.h"
 #include "tests/fault_injection/statistics.h"
@@ -23,8 +24,8 @@ std::string Path(const host::ObservedCall& call, host::Machine& machine)
     return path + call.function;
 }
 
-// By which functions the sequence without the fault comes to the call that fails, or to the one behind a look-up. The native
-// driver is asked: it makes the same calls as the others.
+// By which functions the sequence without the fault comes to the call that fails, or to the one after a look-up. Asks the
+// native driver, which makes the same calls as the others.
 std::string PathTo(const Plan& plan)
 {
     std::string path;
@@ -41,7 +42,7 @@ std::string PathTo(const Plan& plan)
     return path;
 }
 
-// The faults are dealt out to so many cases of each container, so that processors share them: every one belongs to one.
+// Each container has so many cases, for processors to share; a fault belongs to one of them.
 constexpr unsigned kShards = 4;
 
 struct Shard {
@@ -73,14 +74,15 @@ protected:
         }
         const Comparison comparison(GetParam().container, plan, sites_);
         if (plan.fault) {
-            figures_.Count(*plan.fault, plan.records != nullptr);
+            statistics_.Count(*plan.fault, plan.records != nullptr);
         }
         if (!comparison.difference.empty() && failures_++ < kShownFailures) {
             ADD_FAILURE() << plan.Text() << (plan.fault ? PathTo(plan) : "") << "\n" << comparison.difference;
         }
     }
 
-    // Every call of the sequence that the expectation foresees, in every form; persistent: with all later ones of its function.
+    // Every call of the sequence that the reference model predicts, in every form; persistent: with all later ones of
+    // its function.
     void FailEachCall(const Sequence& sequence, bool persistent);
     // Every call of the tracing runtime.
     void FailTracing(const Sequence& sequence, host::TraceRoutes routes);
@@ -90,7 +92,7 @@ protected:
     unsigned turn_ = 0;
     unsigned fault_ = 0;
     std::set<Site> sites_;
-    Figures figures_;
+    Statistics statistics_;
 };
 INSTANTIATE_TEST_SUITE_P(On, FaultInjection, testing::ValuesIn(Shards()), testing::PrintToStringParamName());
 
@@ -98,7 +100,7 @@ void FaultInjection::FailEachCall(const Sequence& sequence, bool persistent)
 {
     const Comparison whole(GetParam().container, {.sequence = sequence}, sites_);
     ASSERT_EQ(whole.difference, "");
-    figures_.NoteLife(whole.callCount, whole.numbers.size(), whole.calls.size() - whole.numbers.size());
+    statistics_.NoteSequence(whole.callCount, whole.numbers.size(), whole.calls.size() - whole.numbers.size());
     std::map<std::string, unsigned> indices;
     std::size_t next = 0;  // of the calls that the host sees
     for (const Call& call : whole.calls) {
@@ -157,15 +159,15 @@ TEST_P(FaultInjection, EveryCallFails)
     FailTracing(whole, host::TraceRoutes::kClassic);
     FailTracing(ShortSequence(), host::TraceRoutes::kLegacy);
 
-    figures_.Save(GetParam().container.name, "once", GetParam().number, sites_);
+    statistics_.Save(GetParam().container.name, "single", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
 }
 
-TEST_P(FaultInjection, EveryCallFailsForGood)
+TEST_P(FaultInjection, EveryCallFailsFromThenOn)
 {
     FailEachCall(WholeSequence(), true);
     FailEachCall(SecondDevice(), true);
-    figures_.Save(GetParam().container.name, "persistent", GetParam().number, sites_);
+    statistics_.Save(GetParam().container.name, "persistent", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);
 }
 
@@ -207,17 +209,17 @@ std::size_t CallPaths(const tests::Container& container)
 
 TEST_P(FaultInjectionInAll, ReachesEverySite)
 {
-    for (const std::string kind : {"once", "persistent"}) {
-        Figures all = Figures::OfAll(GetParam().name, kind, kShards);
-        all.NotePaths(kind == "once" ? CallPaths(GetParam()) : 0);
+    for (const std::string kind : {"single", "persistent"}) {
+        Statistics all = Statistics::OfAll(GetParam().name, kind, kShards);
+        all.NotePaths(kind == "single" ? CallPaths(GetParam()) : 0);
         all.Write(GetParam().name, kind);
-        if (kind == "once" && Stride() == 1) {
+        if (kind == "single" && Stride() == 1) {
             EXPECT_EQ(all.Unreached(), Lines{}) << "reporting sites that no sequence reached";
         }
     }
 }
 
-TEST(SweepThatEnds, TellsWhatFailedAndWhere)
+TEST(FaultThatEndsTheProcess, IsReportedWithItsOperationAndCall)
 {
     GTEST_FLAG_SET(death_test_style, tests::kDeathTestStyle);
     const Sequence sequence = ShortSequence();

@@ -132,7 +132,7 @@ void ObservedRun::OnEvent(const host::tracing::CapturedEvent& event)
         return;
     }
     if (pending_) {
-        badRecords_.push_back("no trace message behind \"" + pending_->message + "\"");
+        badRecords_.push_back("no trace message after \"" + pending_->message + "\"");
         pending_.reset();
     }
     if (options_.keepsRecords) {

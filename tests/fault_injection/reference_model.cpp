@@ -143,11 +143,11 @@ NTSTATUS ReferenceModel::Create(const std::string& type)
 }
 
 // What the caller makes of a status of the success class is the caller's: some go by the sign, some take only 0.
-NTSTATUS ReferenceModel::Add(const Ref& collection, const Ref& thing, std::vector<FaultKind> forms)
+NTSTATUS ReferenceModel::Add(const Ref& collection, const Ref& object, std::vector<FaultKind> forms)
 {
     const NTSTATUS status = Status("WdfCollectionAdd", std::move(forms));
     if (status == STATUS_SUCCESS || fault_->form == FaultKind::kInforms) {
-        collection->items.push_back(thing);
+        collection->items.push_back(object);
     }
     return status;
 }
@@ -189,19 +189,19 @@ Ref ReferenceModel::FirstItem(const Ref& collection)
 
 Ref ReferenceModel::Make(const std::string& kind, const Ref& parent)
 {
-    auto thing = std::make_shared<ModelObject>();
-    thing->kind = kind;
+    auto object = std::make_shared<ModelObject>();
+    object->kind = kind;
     if (parent != nullptr) {
-        thing->parent = parent.get();
-        parent->children.push_back(thing);
+        object->parent = parent.get();
+        parent->children.push_back(object);
     }
-    things_.push_back(thing);
-    return thing;
+    objects_.push_back(object);
+    return object;
 }
 
-void ReferenceModel::Delete(const Ref& thing)
+void ReferenceModel::Delete(const Ref& object)
 {
-    const Ref keep = thing;
+    const Ref keep = object;
     if (keep->deleted) {
         ++secondDeletes_;
         return;
@@ -221,18 +221,18 @@ void ReferenceModel::Delete(const Ref& thing)
 
 // A subscription that was deleted while its collection kept it (an add that did its work and was taken for a failure)
 // is no more once it is taken out. No real collection answers so.
-void ReferenceModel::DeleteRemoved(const Ref& thing)
+void ReferenceModel::DeleteRemoved(const Ref& object)
 {
-    if (thing->deleted) {
+    if (object->deleted) {
         step_.violations.emplace_back("dead handle");
     } else {
-        Delete(thing);
+        Delete(object);
     }
 }
 
-void ReferenceModel::Remove(const Ref& collection, const Ref& thing)
+void ReferenceModel::Remove(const Ref& collection, const Ref& object)
 {
-    const auto found = std::find(collection->items.begin(), collection->items.end(), thing);
+    const auto found = std::find(collection->items.begin(), collection->items.end(), object);
     if (found != collection->items.end()) {
         collection->items.erase(found);
     }
@@ -251,18 +251,18 @@ NTSTATUS ReferenceModel::Fails(const std::string& line, NTSTATUS status)
     return status;
 }
 
-// ---- The state of things ----
+// ---- What exists ----
 
 namespace {
 
-std::string Text(const ModelObject& thing)
+std::string Text(const ModelObject& object)
 {
-    const std::string prefix = thing.deleted ? "deleted " : "";
-    const std::string number = std::to_string(thing.number);
-    if (thing.kind == "client") {
-        std::string text = prefix + "client " + number + " in state " + std::to_string(thing.value) + ", announced " +
-                           std::to_string(thing.added) + std::to_string(thing.refresh);
-        if (const Ref registrations = thing.registrations.lock()) {
+    const std::string prefix = object.deleted ? "deleted " : "";
+    const std::string number = std::to_string(object.number);
+    if (object.kind == "client") {
+        std::string text = prefix + "client " + number + " in state " + std::to_string(object.value) + ", announced " +
+                           std::to_string(object.added) + std::to_string(object.refresh);
+        if (const Ref registrations = object.registrations.lock()) {
             text += ", subscribed";
             for (const Ref& item : registrations->items) {
                 text += " " + std::string(item->deleted ? "deleted " : "") + std::to_string(item->other) + "@" +
@@ -271,17 +271,17 @@ std::string Text(const ModelObject& thing)
         }
         return text;
     }
-    if (thing.kind == "state") {
-        return prefix + "state " + number + "=" + std::to_string(thing.value) + " size " + std::to_string(thing.size);
+    if (object.kind == "state") {
+        return prefix + "state " + number + "=" + std::to_string(object.value) + " size " + std::to_string(object.size);
     }
-    if (thing.kind == "subscription") {
-        return prefix + "subscription " + number + " to " + std::to_string(thing.other) + "@" +
-               std::to_string(thing.value);
+    if (object.kind == "subscription") {
+        return prefix + "subscription " + number + " to " + std::to_string(object.other) + "@" +
+               std::to_string(object.value);
     }
-    if (thing.kind == "command") {
-        return prefix + "command " + number + ">" + std::to_string(thing.other) + " " + std::to_string(thing.value);
+    if (object.kind == "command") {
+        return prefix + "command " + number + ">" + std::to_string(object.other) + " " + std::to_string(object.value);
     }
-    return prefix + thing.kind;
+    return prefix + object.kind;
 }
 
 std::string Contents(const std::string& name, const Ref& collection)
@@ -304,15 +304,16 @@ Lines ReferenceModel::Alive() const
     if (!loaded_) {
         return lines;
     }
-    for (const auto& weak : things_) {
-        const Ref thing = weak.lock();
-        if (thing == nullptr || thing == driver_) {
+    for (const auto& weak : objects_) {
+        const Ref object = weak.lock();
+        if (object == nullptr || object == driver_) {
             continue;
         }
-        const std::string parent = thing->parent == nullptr          ? "nobody"
-                                   : thing->parent->kind == "client" ? "client " + std::to_string(thing->parent->number)
-                                                                     : thing->parent->kind;
-        lines.push_back(Text(*thing) + " of " + parent);
+        const std::string parent = object->parent == nullptr ? "nobody"
+                                   : object->parent->kind == "client"
+                                       ? "client " + std::to_string(object->parent->number)
+                                       : object->parent->kind;
+        lines.push_back(Text(*object) + " of " + parent);
     }
     for (const auto& [name, count] : others_) {
         for (int index = 0; index < count; ++index) {

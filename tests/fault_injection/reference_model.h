@@ -1,5 +1,5 @@
-// What a sequence must show, fault or no fault: every operation written out as its order of fallible platform calls, with
-// what a failure of each returns, reports and leaves behind.
+// The reference model: what a sequence must show, fault or no fault. Every operation is written out as its order of
+// fallible platform calls, with what a failure of each returns, reports and leaves.
 //
 // It is written from the descriptions of the operations, not from the driver, and shares nothing with it. Objects are
 // counted by reference, as the framework does; a collection and a parent each hold one.
@@ -36,7 +36,7 @@ struct ModelObject {
     std::weak_ptr<ModelObject> registrations;
 };
 
-// The forms of calls that make something: where the caller goes by the sign, and where it takes exactly STATUS_SUCCESS.
+// The forms of calls that make something: where the caller tests NT_SUCCESS, and where it takes exactly STATUS_SUCCESS.
 inline const std::vector<FaultKind> kMaking = {FaultKind::kError, FaultKind::kInforms};
 inline const std::vector<FaultKind> kExact = {FaultKind::kError, FaultKind::kRefuses};
 
@@ -69,7 +69,7 @@ public:
 
     // Of the image loaded again, without a fault: what leaked and what was deleted twice stays.
     [[nodiscard]] ReferenceModel Again() const;
-    // Whether the sequence, as far as it came, allows the operation.
+    // Whether the operation is possible after those before it.
     [[nodiscard]] bool Allows(Kind kind) const;
     Step Run(const Operation& operation);
     [[nodiscard]] Lines Alive() const;
@@ -85,7 +85,7 @@ private:
     bool Gives(const char* function, const std::string& detail = {});
     bool HasContext(const std::string& type) { return Gives("WdfObjectGetTypedContextWorker", type); }
     NTSTATUS Create(const std::string& type);
-    NTSTATUS Add(const Ref& collection, const Ref& thing, std::vector<FaultKind> forms = kMaking);
+    NTSTATUS Add(const Ref& collection, const Ref& object, std::vector<FaultKind> forms = kMaking);
     NTSTATUS Acquire(const char* lock);
     void Release(const char* lock);
     Ref Item(const Ref& collection, std::size_t index);
@@ -93,9 +93,9 @@ private:
 
     // ---- Objects ----
     Ref Make(const std::string& kind, const Ref& parent);
-    void Delete(const Ref& thing);
-    void DeleteRemoved(const Ref& thing);
-    static void Remove(const Ref& collection, const Ref& thing);
+    void Delete(const Ref& object);
+    void DeleteRemoved(const Ref& object);
+    static void Remove(const Ref& collection, const Ref& object);
     void Enqueue(const std::string& item);
 
     // ---- Reports ----
@@ -152,7 +152,7 @@ private:
     unsigned struck_ = 0;
     Step step_;
 
-    std::vector<std::weak_ptr<ModelObject>> things_;
+    std::vector<std::weak_ptr<ModelObject>> objects_;
     Ref driver_;
     Ref addQueue_, removeQueue_, clients_, states_, commands_, wpcd_;
     std::map<std::string, int> others_;  // devices, queues, work items, locks, file objects

@@ -1,4 +1,4 @@
-// Expectations of the application-state broadcast, the power callback and the I/O control.
+// Predictions for the application-state broadcast, the power callback and the I/O control.
 #include "tests/fault_injection/reference_model.h"
 
 namespace fault_injection {

@@ -1,4 +1,4 @@
-// Expectations of commands: posting, the work item that delivers one, and the order in which work items run.
+// Predictions for commands: posting, the work item that delivers one, and the order in which work items run.
 #include "tests/fault_injection/reference_model.h"
 
 namespace fault_injection {

@@ -1,4 +1,4 @@
-// Expectations of the crash-dump bridge.
+// Predictions for the crash-dump bridge.
 #include "tests/fault_injection/reference_model.h"
 
 namespace fault_injection {

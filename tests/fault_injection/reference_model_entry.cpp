@@ -1,4 +1,4 @@
-// Expectations of driver entry, device add, clean-up, unload, file handles.
+// Predictions for driver entry, device add, clean-up, unload, file handles.
 #include "tests/fault_injection/reference_model.h"
 
 namespace fault_injection {

@@ -1,4 +1,4 @@
-// Expectations of the client registry: look-up, registration, removal, subscriptions.
+// Predictions for the client registry: look-up, registration, removal, subscriptions.
 #include "tests/fault_injection/reference_model.h"
 
 #include <algorithm>

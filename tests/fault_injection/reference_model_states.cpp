@@ -1,4 +1,4 @@
-// Expectations of states: posting and the work item that delivers them.
+// Predictions for states: posting and the work item that delivers them.
 #include "tests/fault_injection/reference_model.h"
 
 namespace fault_injection {

@@ -196,7 +196,7 @@ Sequence WholeSequence()
         {Kind::kDetach},
         Post(3, 8),
         {Kind::kDeliver},
-        Deregister(5),  // nobody is there to be told
+        Deregister(5),  // no crash-dump driver is attached
         {Kind::kDeliver},
         Post(1, 9),
 

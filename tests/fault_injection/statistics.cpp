@@ -44,26 +44,26 @@ unsigned Stride()
     return Wish() == "thin" ? kThin : 1;
 }
 
-void Figures::Count(const Fault& fault, bool tracing)
+void Statistics::Count(const Fault& fault, bool tracing)
 {
     ++byForm_[tracing ? "tracing call fails" : Name(fault.form)];
 }
 
-void Figures::NoteLife(std::size_t calls, std::size_t foreseen, std::size_t lookups)
+void Statistics::NoteSequence(std::size_t calls, std::size_t predicted, std::size_t lookups)
 {
-    for (const auto& [what, count] : {std::pair("calls", calls), {"foreseen", foreseen}, {"look-ups", lookups}}) {
+    for (const auto& [what, count] : {std::pair("calls", calls), {"predicted", predicted}, {"look-ups", lookups}}) {
         most_[what] = std::max(most_[what], count);
     }
 }
 
-void Figures::NotePaths(std::size_t paths)
+void Statistics::NotePaths(std::size_t paths)
 {
     most_["paths"] = paths;
 }
 
 // One figure a line: its kind, a number, and what is counted.
-void Figures::Save(const std::string& container, const std::string& kind, unsigned shard,
-                   const std::set<Site>& reached) const
+void Statistics::Save(const std::string& container, const std::string& kind, unsigned shard,
+                      const std::set<Site>& reached) const
 {
     const auto file = ShardFile(container, kind, shard);
     std::filesystem::create_directories(file.parent_path());
@@ -79,10 +79,10 @@ void Figures::Save(const std::string& container, const std::string& kind, unsign
     }
 }
 
-Figures Figures::OfAll(const std::string& container, const std::string& kind, unsigned shards)
+Statistics Statistics::OfAll(const std::string& container, const std::string& kind, unsigned shards)
 {
     const auto built = std::filesystem::last_write_time("/proc/self/exe");
-    Figures all;
+    Statistics all;
     for (unsigned shard = 1; shard <= shards; ++shard) {
         const auto file = ShardFile(container, kind, shard);
         if (!std::filesystem::exists(file) || std::filesystem::last_write_time(file) < built) {
@@ -105,7 +105,7 @@ Figures Figures::OfAll(const std::string& container, const std::string& kind, un
     return all;
 }
 
-Lines Figures::Unreached() const
+Lines Statistics::Unreached() const
 {
     Lines lines;
     for (const auto& [key, format] : tests::TheFormats().formats()) {
@@ -118,16 +118,16 @@ Lines Figures::Unreached() const
     return lines;
 }
 
-void Figures::Write(const std::string& container, const std::string& kind) const
+void Statistics::Write(const std::string& container, const std::string& kind) const
 {
     std::ostringstream text;
     const auto most = [&](const char* what) {
         const auto found = most_.find(what);
         return found == most_.end() ? 0 : found->second;
     };
-    text << "fault injection on " << container << ", " << kind << ": " << most("calls")
-         << " platform calls in a sequence, " << most("foreseen") << " of them failed on, and " << most("look-ups")
-         << " look-ups of the driver object";
+    text << "fault injection (" << container << ", " << kind << " fault): " << most("calls")
+         << " platform calls in the longest sequence; " << most("predicted") << " of them fail, and "
+         << most("look-ups") << " look-ups of the driver object";
     if (most("paths") != 0) {
         text << "; " << most("paths") << " call paths";
     }

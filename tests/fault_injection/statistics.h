@@ -1,30 +1,30 @@
-// What a sweep did, in figures.
+// How much fault injection did.
 #pragma once
 
 #include "tests/fault_injection/observed.h"
 
 namespace fault_injection {
 
-// 1: every call fails. ZEPN_FAULT=thin, and sanitized builds unless it says full: every seventh, and every seventieth
-// record is lost. Loaded drivers stay mapped under sanitizers, so sequences get slower and slower there.
+// 1: every call fails. With ZEPN_FAULT=thin, and in sanitized builds unless it says full, every seventh does, and every
+// seventieth record is lost: loaded drivers stay mapped under sanitizers, so sequences get slower and slower there.
 [[nodiscard]] unsigned Stride();
 
 // Kept by each shard by itself, and added up when all have run.
-class Figures {
+class Statistics {
 public:
     void Count(const Fault& fault, bool tracing);
 
     // Of the longest sequence: its platform calls; how many of them fail for the driver to notice; look-ups of the driver
     // object, which take no call and fail too. Of its calls: by how many paths the driver comes to them, 0 where the
     // container does not show that.
-    void NoteLife(std::size_t calls, std::size_t foreseen, std::size_t lookups);
+    void NoteSequence(std::size_t calls, std::size_t predicted, std::size_t lookups);
     void NotePaths(std::size_t paths);
 
-    // Leaves one shard's figures in build/<preset>/statistics/shards; reads them all again. A shard that left none, or left
+    // Leaves one shard's statistics in build/<preset>/statistics/shards; reads them all again. A shard that left none, or left
     // them before this program was built, throws std::runtime_error with its name.
     void Save(const std::string& container, const std::string& kind, unsigned shard,
               const std::set<Site>& reached) const;
-    [[nodiscard]] static Figures OfAll(const std::string& container, const std::string& kind, unsigned shards);
+    [[nodiscard]] static Statistics OfAll(const std::string& container, const std::string& kind, unsigned shards);
 
     // The catalogue's sites that are missing, by the shipped format files; a site is known by its trace message.
     [[nodiscard]] Lines Unreached() const;

@@ -68,7 +68,7 @@ public:
     // Ends whatever still exists: device, driver. Called by the destructor too.
     void TakeDown();
 
-    // The driver cannot be taken down any more: a thread stands still inside it. Its machine goes as it is.
+    // The driver cannot be taken down: a thread hangs inside it. Its machine is destroyed as it is.
     void Abandon() { driver = nullptr; }
 
     // ---- Peers ----
@@ -95,7 +95,7 @@ public:
     [[nodiscard]] std::optional<ClientContext> Client(const Peer& peer);
     // Live objects that carry a context of this type.
     [[nodiscard]] std::size_t Alive(const char* contextName);
-    // Of the live objects with a state: those that broadcasts left for the driver's end, one for each answer.
+    // Of the live objects with a state: those that broadcasts keep until unload, one for each answer.
     [[nodiscard]] std::size_t AnswersKept();
     [[nodiscard]] std::size_t Queued();
 

@@ -90,7 +90,7 @@ Lines DriverFixture::TakeRecords()
     return lines;
 }
 
-// An error event and its trace message are one report: same site, same values, one right behind the other. All must
+// An error event and its trace message are one report: same site, same values, one right after the other. All must
 // decode.
 void DriverFixture::CheckReports()
 {
@@ -114,7 +114,7 @@ void DriverFixture::CheckReports()
             << "event " << descriptor.Id;
         if (decoded->level == 2) {
             const auto message = messages.find(event.order + 1);
-            ASSERT_NE(message, messages.end()) << "no trace message behind: " << decoded->message;
+            ASSERT_NE(message, messages.end()) << "no trace message after: " << decoded->message;
             EXPECT_EQ(DifferenceOf(*decoded, message->second.first, message->second.second), "");
         }
     }

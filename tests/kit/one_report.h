@@ -1,4 +1,4 @@
-// An error event and the trace message behind it are one report of one site.
+// An error event and the trace message after it are one report of one site.
 #pragma once
 
 #include "host/tracing/decode.h"

@@ -79,7 +79,7 @@ private:
     std::exit(0);  // sanitizers look for leaks
 }
 
-std::string Trouble(int status, const std::string& printed)
+std::string Failure(int status, const std::string& printed)
 {
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
         return "";
@@ -88,7 +88,7 @@ std::string Trouble(int status, const std::string& printed)
     if (WIFEXITED(status)) {
         text = "the process ended with status " + std::to_string(WEXITSTATUS(status)) + "\n";
     } else if (WTERMSIG(status) == SIGALRM) {
-        text = "it went on without end\n";
+        text = "it does not end\n";
     } else {
         text = std::string("the process was ended by a signal: ") + strsignal(WTERMSIG(status)) + "\n";
     }
@@ -119,13 +119,13 @@ ChildResult RunInChild(const std::function<std::string()>& work)
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     ChildResult ending{.result = result.Read(),
-                       .trouble = {},
+                       .failure = {},
                        .isEndless = WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM,
                        .printed = printed.Read()};
-    ending.trouble = Trouble(status, ending.printed);
+    ending.failure = Failure(status, ending.printed);
     const char how = ending.result.empty() ? kDone : ending.result.front();
     ending.result.erase(0, 1);
-    if (how == kThrew && ending.trouble.empty()) {
+    if (how == kThrew && ending.failure.empty()) {
         throw host::HostError(ending.result);
     }
     return ending;

@@ -1,5 +1,4 @@
-// Work in a process of its own: a fault of the driver, an abort or a loop without end ends that process alone, and who
-// waits for it is told.
+// Work in a process of its own: a memory fault of the driver, an abort or an endless loop ends that process alone.
 #pragma once
 
 #include <sys/mman.h>
@@ -12,21 +11,21 @@ namespace model {
 
 struct ChildResult {
     std::string result;   // what the work returned
-    std::string trouble;  // how the process ended otherwise and what it printed, as lines; empty: it did not
-    bool isEndless;       // it ended because it went on without end
+    std::string failure;  // how else the process ended, and what it printed, as lines; empty: the work was done
+    bool isEndless;       // it ended because it does not end
     std::string printed;  // by the process, on stderr
 };
 
 // Does the work in a child of this process and waits until it is done. Only what is Shared, and the result, come back.
 // Throws host::HostError with the text of what the work throws, or when there can be no child. The calling thread must be
-// the only one: so not behind a sequence in this process that left a thread standing still.
+// the only one: so not after a sequence in this process that left a hanging thread.
 [[nodiscard]] ChildResult RunInChild(const std::function<std::string()>& work);
 
 // For the work: ends its process unless it is called again, or the work is done, within so many seconds of processor
 // time, or of waiting for what does not come (host/checks/watchdog.h). 0: no more.
 void SetWatchdog(double seconds);
 
-// A value that both processes see, for as long as this object sequences. A plain type.
+// A value that both processes see, for as long as this object exists. A plain type.
 template <class Type>
 class Shared {
 public:

@@ -1,6 +1,6 @@
-// zepn-fuzz: random sequences of the driver against the model.
+// zepn-fuzz: the model-based test, with random operation sequences.
 //
-// Ends with 0 when driver and model agreed in all, 1 when a sequence went wrong, 2 for a wrong call.
+// Ends with 0 when driver and model agreed in all, 1 when a sequence failed, 2 for a wrong call.
 #include "host/environment.h"
 #include "tools/command_line/command_line.h"
 #include "tests/model/run.h"
@@ -47,7 +47,7 @@ int main(int argumentCount, char** arguments)
     app.add_option("--sequences", budget.sequences, "how many sequences at most")
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000'000}));
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
-    app.add_option("--scenario", scenarioFile, "where the sequence that went wrong is written (default: fuzz.json)")
+    app.add_option("--scenario", scenarioFile, "where the sequence that failed is written (default: fuzz.json)")
         ->take_last();
     if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
         return *status;
@@ -57,7 +57,7 @@ int main(int argumentCount, char** arguments)
     }
 
     try {
-        // Now, and not when hours have led to something.
+        // Now, and not when a search of hours has found something.
         const std::filesystem::path folder = std::filesystem::absolute(scenarioFile).parent_path();
         if (std::filesystem::is_directory(scenarioFile) || !std::filesystem::is_directory(folder)) {
             throw std::runtime_error(scenarioFile + ": cannot be written");
@@ -72,7 +72,7 @@ int main(int argumentCount, char** arguments)
         const auto begin = std::chrono::steady_clock::now();
         const auto finding = model::Search(budget, ImagePath(image), totals);
         const double spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-        std::cout << model::Figures(totals, spent, image + ", seed " + std::to_string(budget.seed));
+        std::cout << model::Statistics(totals, spent, image + ", seed " + std::to_string(budget.seed));
         if (!finding) {
             return tools::EndWith(app, 0);
         }

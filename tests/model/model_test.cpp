@@ -52,7 +52,8 @@ TEST_P(Sequences, GoAsTheModelSays)
 
     const std::filesystem::path folder = ResultsFolder() / "statistics";
     std::filesystem::create_directories(folder);
-    std::ofstream(folder / (std::string("model-") + GetParam().name + ".txt")) << model::Figures(totals, spent, GetParam().name);
+    std::ofstream(folder / (std::string("model-") + GetParam().name + ".txt"))
+        << model::Statistics(totals, spent, GetParam().name);
 }
 
 #ifndef ZEPN_SANITIZED
@@ -63,7 +64,7 @@ std::ptrdiff_t Mappings()
     return std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
 }
 
-// Only a driver that stands still stays mapped; else a long search ends for lack of memory.
+// Only a driver that hangs stays mapped; else a long search runs out of memory.
 TEST_P(Sequences, LeaveNothingMapped)
 {
     constexpr std::uint64_t kFew = 200;
@@ -76,12 +77,12 @@ TEST_P(Sequences, LeaveNothingMapped)
         }
         return std::to_string(Mappings() - before);
     });
-    ASSERT_EQ(ending.trouble, "");
+    ASSERT_EQ(ending.failure, "");
     EXPECT_LT(std::stol(ending.result), static_cast<long>(kFew));
 }
 #endif
 
-// A model that is wrong on purpose: the driver is right, so what is found, and how short it gets, is known beforehand.
+// A seeded model bug: the driver is right, so what is found, and how short it gets, is known beforehand.
 model::Finding FindingOf(Model::ModelBug bug)
 {
     model::Totals totals;
@@ -90,7 +91,7 @@ model::Finding FindingOf(Model::ModelBug bug)
     return finding.value_or(model::Finding{});
 }
 
-// In any order: some may stand either way round.
+// In any order: some may come either way round.
 std::multiset<Kind> KindsOf(const model::Sequence& sequence)
 {
     std::multiset<Kind> kinds;
@@ -100,15 +101,15 @@ std::multiset<Kind> KindsOf(const model::Sequence& sequence)
     return kinds;
 }
 
-TEST(Shrinking, EndsAtTheShortestLife)
+TEST(Shrinking, EndsAtTheShortestSequence)
 {
     const model::Finding own = FindingOf(Model::ModelBug::kNotifiesOfOwnStates);
     EXPECT_EQ(KindsOf(own.sequence), (std::multiset{Kind::kRegister, Kind::kSubscribe, Kind::kPost, Kind::kDeliver}))
         << model::Report(own);
     EXPECT_EQ(own.mismatch.operation, 3u);
-    for (const auto& habits : own.sequence.clients) {
-        EXPECT_TRUE(habits.answers.empty());
-        EXPECT_FALSE(habits.appsState.has_value());
+    for (const auto& script : own.sequence.clients) {
+        EXPECT_TRUE(script.answers.empty());
+        EXPECT_FALSE(script.appsState.has_value());
     }
 
     // Announced by asking for descriptors, a client need not even post.
@@ -141,8 +142,8 @@ Places PlacesOf(const model::Sequence& sequence)
     return places;
 }
 
-// From here on something happens at each platform call that is made for a client that leaves, and at no other.
-void WhenAClientLeaves(const std::function<void()>& what)
+// Does something at each platform call that is made for a client's deregistration, from now on, and at no other.
+void AtDeregistration(const std::function<void()>& what)
 {
     Places leaving = PlacesOf(SequenceOf({Kind::kRegister, Kind::kDeregister}));
     for (const std::uintptr_t place : PlacesOf(SequenceOf({Kind::kDeregister, Kind::kRegister}))) {
@@ -155,15 +156,15 @@ void WhenAClientLeaves(const std::function<void()>& what)
     };
 }
 
-// Whatever ends the process is found, shrunk, and told with its own words.
-TEST(LivesThatEnd, AreFoundLikeThoseThatDiffer)
+// Whatever ends the process is found, shrunk, and reported with what it printed.
+TEST(SequencesThatEndTheProcess, AreFoundLikeThoseThatDiffer)
 {
     const std::pair<const char*, void (*)()> ends[] = {
         {"memory fault at ", &TouchNothing},
         {"this is refused", [] { throw host::HostError("this is refused"); }},
     };
     for (const auto& [says, end] : ends) {
-        WhenAClientLeaves(end);
+        AtDeregistration(end);
         const model::Finding finding = FindingOf(Model::ModelBug::kNone);
         EXPECT_EQ(KindsOf(finding.sequence), (std::multiset{Kind::kRegister, Kind::kDeregister}))
             << model::Report(finding);
@@ -171,10 +172,10 @@ TEST(LivesThatEnd, AreFoundLikeThoseThatDiffer)
         EXPECT_NE(finding.mismatch.text.find(says), std::string::npos) << finding.mismatch.text;
     }
     const model::Sequence leaving = SequenceOf({Kind::kRegister, Kind::kCount, Kind::kDeregister});
-    WhenAClientLeaves([] { std::this_thread::sleep_for(std::chrono::hours(1)); });
-    const auto endless = model::RunApart(leaving, ZEPN_NATIVE_DRIVER, 3);
+    AtDeregistration([] { std::this_thread::sleep_for(std::chrono::hours(1)); });
+    const auto endless = model::RunInOwnProcess(leaving, ZEPN_NATIVE_DRIVER, 3);
     ASSERT_TRUE(endless.has_value());
-    EXPECT_EQ(endless->text, "it went on without end\n  no progress: it waits for 3 s\n");
+    EXPECT_EQ(endless->text, "it does not end\n  no progress: it waits for 3 s\n");
     EXPECT_EQ(endless->operation, 2u);
 
     unsigned left = 5000;  // calls, more than any sequence makes by itself
@@ -185,7 +186,7 @@ TEST(LivesThatEnd, AreFoundLikeThoseThatDiffer)
     EXPECT_NE(finding.mismatch.text.find("memory fault"), std::string::npos);
 
     model::onPlatformCall = nullptr;
-    EXPECT_FALSE(model::RunApart(leaving, ZEPN_NATIVE_DRIVER, model::kWatchdogSeconds).has_value());
+    EXPECT_FALSE(model::RunInOwnProcess(leaving, ZEPN_NATIVE_DRIVER, model::kWatchdogSeconds).has_value());
 }
 #endif
 
@@ -201,7 +202,7 @@ std::string Play(const model::Sequence& sequence, const std::optional<model::Mis
     return play::Play(scenario, options, timeline) ? "" : text + out.str();
 }
 
-TEST(Scenarios, OfLivesPlayAsTheModelExpects)
+TEST(Scenarios, OfSequencesPlayAsTheModelExpects)
 {
     const model::Finding finding = FindingOf(Model::ModelBug::kNotifiesOfOwnStates);
     const model::ChildResult ending = model::RunInChild([&] {
@@ -221,18 +222,18 @@ TEST(Scenarios, OfLivesPlayAsTheModelExpects)
                 return "sequence " + std::to_string(number) + "\n" + wrong;
             }
         }
-        return hangs == 0 ? "none stands still" : Play(finding.sequence, finding.mismatch);  // found: with notes
+        return hangs == 0 ? "no sequence hangs" : Play(finding.sequence, finding.mismatch);  // found: with notes
     });
-    EXPECT_EQ(ending.trouble + ending.result, "");
+    EXPECT_EQ(ending.failure + ending.result, "");
 }
 
-TEST(Bytes, OfAnyKindAreALife)
+TEST(Bytes, OfAnyKindAreASequence)
 {
     EXPECT_TRUE(model::Decode({}).operations.empty());
     const std::vector<std::uint8_t> ones(5000, 0xFF);
     const model::Sequence sequence = model::Playable(model::Decode(ones));
     EXPECT_LE(sequence.operations.size(), 65u);
-    EXPECT_FALSE(model::RunApart(sequence, ZEPN_NATIVE_DRIVER, model::kWatchdogSeconds).has_value());
+    EXPECT_FALSE(model::RunInOwnProcess(sequence, ZEPN_NATIVE_DRIVER, model::kWatchdogSeconds).has_value());
     // A seed and a number name a sequence for good.
     EXPECT_EQ(model::RandomBytes(5, 6), model::RandomBytes(5, 6));
     EXPECT_NE(model::RandomBytes(5, 6), model::RandomBytes(5, 7));

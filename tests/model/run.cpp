@@ -12,9 +12,9 @@
 namespace model {
 namespace {
 
-constexpr std::size_t kCountEvery = 8;  // operations
+constexpr std::size_t kCompareStateEvery = 8;  // operations
 
-// For sequences without end, each of which costs its patience.
+// For endless sequences, each of which costs the watchdog's time.
 constexpr double kShrinkWatchdogSeconds = 3;
 constexpr unsigned kShrinkEndless = 40;
 
@@ -24,9 +24,9 @@ std::string Difference(const std::string& expected, const std::string& seen)
 }
 
 // Empty when all is well.
-std::string CompareCounts(const Model& model, ObservedRun& observed, Totals& totals)
+std::string CompareInternalState(const Model& model, ObservedRun& observed, Totals& totals)
 {
-    ++totals.counts;
+    ++totals.states;
     const InternalState expected = model.Internal();
     const InternalState seen = observed.State();
     return expected == seen ? "" : Difference(expected.Text(), seen.Text());
@@ -41,22 +41,22 @@ std::string Violations(ObservedRun& observed)
     return text.empty() ? "" : "the host found\n" + text;
 }
 
-// A thread that stands still as foretold waits for its own lock, and that is all that is wrong.
-std::string ViolationsOfStandstill(ObservedRun& observed)
+// When the model predicts a hang, a self-wait is the only violation allowed.
+std::string ViolationsOfHang(ObservedRun& observed)
 {
     const std::vector<std::string> violations = observed.TakeViolations();
     if (violations.size() == 1 && violations.front().starts_with(host::checks::Name(host::checks::Rule::kSelfWait))) {
         return "";
     }
-    std::string text = "a self-wait was foretold; the host found\n";
+    std::string text = "the model predicts a self-wait; the host found\n";
     for (const std::string& violation : violations) {
         text += "  " + violation + "\n";
     }
     return text;
 }
 
-std::optional<Mismatch> Live(const Sequence& sequence, const std::filesystem::path& image, Totals& totals,
-                             Model::ModelBug bug)
+std::optional<Mismatch> RunSequence(const Sequence& sequence, const std::filesystem::path& image, Totals& totals,
+                                    Model::ModelBug bug)
 {
     Model model(sequence, bug);
     ObservedRun observed(sequence, image);
@@ -72,7 +72,7 @@ std::optional<Mismatch> Live(const Sequence& sequence, const std::filesystem::pa
             wrong = Difference(expected.Text(), seen.Text());
         }
         if (expected.hangs && wrong.empty()) {
-            wrong = ViolationsOfStandstill(observed);
+            wrong = ViolationsOfHang(observed);
             if (wrong.empty()) {
                 ++totals.hangs;
                 return std::nullopt;  // such a driver cannot go any more
@@ -80,8 +80,8 @@ std::optional<Mismatch> Live(const Sequence& sequence, const std::filesystem::pa
         } else {
             wrong += Violations(observed);
         }
-        if (wrong.empty() && ((index + 1) % kCountEvery == 0 || index + 1 == sequence.operations.size())) {
-            wrong = CompareCounts(model, observed, totals);
+        if (wrong.empty() && ((index + 1) % kCompareStateEvery == 0 || index + 1 == sequence.operations.size())) {
+            wrong = CompareInternalState(model, observed, totals);
         }
         if (!wrong.empty()) {
             if (!seen.hangs) {
@@ -91,8 +91,8 @@ std::optional<Mismatch> Live(const Sequence& sequence, const std::filesystem::pa
         }
     }
     totals.position = sequence.operations.size();
-    const std::string standing = observed.TakeDown() ? "" : "the driver cannot be taken down\n";
-    const std::string wrong = standing + Violations(observed);
+    const std::string stuck = observed.TakeDown() ? "" : "the driver cannot be taken down\n";
+    const std::string wrong = stuck + Violations(observed);
     return wrong.empty() ? std::nullopt : std::optional(Mismatch{sequence.operations.size(), wrong});
 }
 
@@ -109,9 +109,9 @@ Sequence SequenceOf(std::uint64_t seed, std::uint64_t number)
     return Playable(Decode(RandomBytes(seed, number)));
 }
 
-// What went wrong in the first sequence that does; empty when none did within the budget. It is the last that was begun.
-std::string LiveUntilOneFails(const Budget& budget, const std::filesystem::path& image, Totals& totals,
-                              Model::ModelBug bug)
+// The mismatch of the first sequence that has one, which is the last that was begun; empty when none has.
+std::string RunUntilOneFails(const Budget& budget, const std::filesystem::path& image, Totals& totals,
+                             Model::ModelBug bug)
 {
     const auto begin = std::chrono::steady_clock::now();
     const auto spent = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(); };
@@ -138,7 +138,7 @@ struct Verdicts {
     [[nodiscard]] bool IsFull() const { return count == std::size(wentWrong); }
 };
 
-Sequence ShrinkApart(const Sequence& sequence, const std::filesystem::path& image, Model::ModelBug bug)
+Sequence ShrinkInOwnProcesses(const Sequence& sequence, const std::filesystem::path& image, Model::ModelBug bug)
 {
     const Shared<Verdicts> shared;
     Verdicts& verdicts = *shared;
@@ -176,7 +176,7 @@ Sequence ShrinkApart(const Sequence& sequence, const std::filesystem::path& imag
 // What the work in another process found or ended in; empty when it went well.
 std::optional<Mismatch> MismatchOf(const ChildResult& ending, const Totals& totals)
 {
-    const std::string& text = ending.trouble.empty() ? ending.result : ending.trouble;
+    const std::string& text = ending.failure.empty() ? ending.result : ending.failure;
     return text.empty() ? std::nullopt : std::optional(Mismatch{totals.position, text});
 }
 
@@ -188,18 +188,18 @@ std::optional<Mismatch> Run(const Sequence& sequence, const std::filesystem::pat
     ++totals.sequences;
     totals.position = 0;
     try {
-        return Live(sequence, image, totals, bug);
+        return RunSequence(sequence, image, totals, bug);
     } catch (const host::HostError& error) {
         return Mismatch{totals.position, std::string("the host refuses\n  ") + error.what() + "\n"};
     }
 }
 
-std::optional<Mismatch> RunApart(const Sequence& sequence, const std::filesystem::path& image, double patience,
-                                 Model::ModelBug bug)
+std::optional<Mismatch> RunInOwnProcess(const Sequence& sequence, const std::filesystem::path& image,
+                                        double watchdogSeconds, Model::ModelBug bug)
 {
     const Shared<Totals> totals;
     const ChildResult ending = RunInChild([&] {
-        SetWatchdog(patience);
+        SetWatchdog(watchdogSeconds);
         const auto mismatch = Run(sequence, image, *totals, bug);
         if (!mismatch) {
             return std::string();
@@ -214,10 +214,10 @@ std::optional<Finding> Search(const Budget& budget, const std::filesystem::path&
                               Model::ModelBug bug)
 {
     const Shared<Totals> shared;
-    const ChildResult ending = RunInChild([&] { return LiveUntilOneFails(budget, image, *shared, bug); });
+    const ChildResult ending = RunInChild([&] { return RunUntilOneFails(budget, image, *shared, bug); });
     totals = *shared;
     const auto seen = MismatchOf(ending, totals);
-    if (ending.trouble.empty()) {
+    if (ending.failure.empty()) {
         std::cerr << ending.printed;
     }
     if (!seen) {
@@ -226,28 +226,30 @@ std::optional<Finding> Search(const Budget& budget, const std::filesystem::path&
     const std::uint64_t number = totals.sequences == 0 ? 0 : totals.sequences - 1;  // 0: the image itself went wrong
     Finding finding{
         .seed = budget.seed, .number = number, .sequence = SequenceOf(budget.seed, number), .mismatch = *seen};
-    const auto fails = [&](const Sequence& sequence) { return RunApart(sequence, image, kShrinkWatchdogSeconds, bug); };
+    const auto fails = [&](const Sequence& sequence) {
+        return RunInOwnProcess(sequence, image, kShrinkWatchdogSeconds, bug);
+    };
     if (fails(finding.sequence)) {
-        finding.sequence = ShrinkApart(finding.sequence, image, bug);
+        finding.sequence = ShrinkInOwnProcesses(finding.sequence, image, bug);
         finding.mismatch = fails(finding.sequence).value_or(Mismatch{0, "it does not fail again\n"});
     } else {
         finding.again = false;
-        finding.mismatch.text += "lived alone it does not go wrong: the sequences before it matter\n";
+        finding.mismatch.text += "alone it does not fail: the sequences before it matter\n";
     }
     finding.sequence.operations.resize(
-        std::min(finding.sequence.operations.size(), finding.mismatch.operation + 1));  // nothing behind it matters
+        std::min(finding.sequence.operations.size(), finding.mismatch.operation + 1));  // what follows does not matter
     return finding;
 }
 
-std::string Figures(const Totals& totals, double seconds, const std::string& where)
+std::string Statistics(const Totals& totals, double seconds, const std::string& where)
 {
     char rates[80];
     std::snprintf(rates, sizeof(rates), "; %.0f sequences/s, %.0f operations/s",
                   static_cast<double>(totals.sequences) / seconds, static_cast<double>(totals.operations) / seconds);
-    return "random sequences (" + where + "): " + std::to_string(totals.sequences) + " sequences, " +
+    return "model-based test (" + where + "): " + std::to_string(totals.sequences) + " operation sequences, " +
            std::to_string(totals.operations) + " operations, " + std::to_string(totals.callbacks) +
-           " callbacks and answers, " + std::to_string(totals.counts) + " inner counts compared, " +
-           std::to_string(totals.hangs) + " hangs as foretold" + rates + "\n";
+           " callbacks and answers, " + std::to_string(totals.states) + " internal states compared, " +
+           std::to_string(totals.hangs) + " hangs as predicted" + rates + "\n";
 }
 
 std::string Report(const Finding& finding)
