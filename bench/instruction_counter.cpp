@@ -88,11 +88,11 @@ std::uint64_t InstructionCounter::Count(const std::function<void()>& work)
     action.sa_sigaction = OnStep;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     sigaction(SIGTRAP, &action, &before);
-    host::schedule::theController.store(&g_stepper);
+    host::schedule::SetController(&g_stepper);
     Stepper::Begin();
     work();
     Stepper::End();
-    host::schedule::theController.store(nullptr);
+    host::schedule::SetController(nullptr);
     sigaction(SIGTRAP, &before, nullptr);
     std::uint64_t sum = 0;
     for (const std::uint32_t steps : g_memory) {

@@ -1,5 +1,7 @@
 #include "host/environment.h"
 
+#include "host/armed.h"
+
 #include "host/schedule/yield.h"
 
 #include <cstdio>
@@ -21,11 +23,17 @@ Environment::Environment(MachineOptions machineOptions) : options(machineOptions
     g_current = this;
 #if defined(HOST_THREAD_SANITIZER)
     schedule::onlyDriverLocks = options.onlyDriverLocks;
+    Arm(kArmedHiding, options.onlyDriverLocks);
 #endif
+    Arm(kArmedNoMachine, false);
 }
 
 Environment::~Environment()
 {
+    for (const Armed ended : {kArmedObserver, kArmedFaults, kArmedHiding}) {
+        Arm(ended, false);
+    }
+    Arm(kArmedNoMachine, true);
     g_current = nullptr;
 }
 
@@ -41,6 +49,12 @@ Environment& Environment::Current()
 bool Environment::Exists()
 {
     return g_current != nullptr;
+}
+
+void Environment::SetObserver(Observer observer)
+{
+    observer_ = std::move(observer);
+    Arm(kArmedObserver, observer_ != nullptr);
 }
 
 void Environment::Report(checks::Rule rule, std::string function, std::string message, const void* caller)
@@ -83,10 +97,11 @@ PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maxim
         Violation(checks::Rule::kIrql,
                   "called at IRQL " + std::to_string(level) + ", allowed up to " + std::to_string(maximum));
     }
-    if (environment.observer) {
-        environment.observer({function, caller, detail});
+    const unsigned armed = theArmed.load(std::memory_order_relaxed);
+    if ((armed & kArmedObserver) != 0) {
+        environment.observer()({function, caller, detail});
     }
-    if (!environment.faults.Empty()) {
+    if ((armed & kArmedFaults) != 0) {
         fault_ = environment.faults.Strike(function, [&] { return environment.modules.FunctionAt(caller); }, detail);
     }
 }

@@ -76,13 +76,18 @@ public:
     // to.
     std::atomic<std::int64_t> virtualTime100ns{0};
 
-    // Called for every platform call before it acts; empty by default. Set only while no driver code runs.
-    std::function<void(const ObservedCall&)> observer;
+    // Called for every platform call before it acts; an empty one for nobody. Set only while no driver code runs.
+    using Observer = std::function<void(const ObservedCall&)>;
+    void SetObserver(Observer observer);
+    [[nodiscard]] const Observer& observer() const { return observer_; }
 
     // Called for every line that a driver prints for the debugger, with the address that printed it; empty by default.
     std::function<void(const std::string& line, const void* caller)> onDebugPrint;
 
     void Report(checks::Rule rule, std::string function, std::string message, const void* caller);
+
+private:
+    Observer observer_;
 };
 
 // State of the calling thread as the platform would keep it.
@@ -96,6 +101,8 @@ struct ThreadState {
     unsigned scheduledAs = ~0u;  // which thread of a controlled schedule it runs for; ~0: none
 
     ThreadState();
+    // Whether the calling thread is known and at this level or below.
+    static bool IsAtMost(KIRQL level) { return current_ != nullptr && current_->irql <= level; }
     static ThreadState& Current() { return current_ != nullptr ? *current_ : OfSystemThread(); }
 
     // Makes the calling system thread run as another thread; returns what it ran as before.

@@ -376,19 +376,19 @@ framework::Inspector Machine::inspect()
 void Machine::NameObject(WDFOBJECT handle, const std::string& name)
 {
     const std::lock_guard lock(framework_->mutex);
-    if (const framework::Object* object = framework_->Peek(handle)) {
-        const_cast<framework::Object*>(object)->name = name;
+    if (framework::Object* object = framework_->handles.Peek(handle)) {
+        object->name = name;
     }
 }
 
 void Machine::RankLock(WDFWAITLOCK handle, unsigned rank)
 {
     const std::lock_guard lock(framework_->mutex);
-    const framework::Object* object = framework_->Peek(handle);
+    framework::Object* object = framework_->handles.Peek(handle);
     if (object == nullptr || object->type != framework::ObjectType::kWaitLock) {
         throw HostError("only a wait lock can have a place in the order of locks");
     }
-    static_cast<framework::WaitLockObject*>(const_cast<framework::Object*>(object))->rank = rank;
+    static_cast<framework::WaitLockObject*>(object)->rank = rank;
 }
 
 std::uint64_t Machine::SecondDeletes() const

@@ -1,5 +1,7 @@
 #include "host/checks/faults.h"
 
+#include "host/armed.h"
+
 #include <utility>
 
 namespace host::checks {
@@ -10,7 +12,7 @@ void FaultPlan::Add(Fault fault)
     {
         const std::lock_guard lock(mutex_);
         armed_.push_back({std::move(fault)});
-        anyArmed_ = true;
+        Arm(kArmedFaults, true);
         struck_ += hidesDriver ? 1 : 0;
     }
     if (hidesDriver && onHideDriver) {
@@ -23,7 +25,7 @@ void FaultPlan::Clear()
     {
         const std::lock_guard lock(mutex_);
         armed_.clear();
-        anyArmed_ = false;
+        Arm(kArmedFaults, false);
         struck_ = 0;
     }
     if (onHideDriver) {

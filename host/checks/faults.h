@@ -3,7 +3,6 @@
 
 #include <ntddk.h>
 
-#include <atomic>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -46,9 +45,6 @@ public:
     [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::function<std::string()>& caller,
                                               const char* detail);
 
-    // Cheap test that spares silent runs the look-up of the caller's name.
-    [[nodiscard]] bool Empty() const { return !anyArmed_.load(std::memory_order_relaxed); }
-
     // Told when the driver handle in the globals is to be hidden (true) or shown again. Set by the framework.
     std::function<void(bool)> onHideDriver;
 
@@ -59,7 +55,6 @@ private:
     };
     mutable std::mutex mutex_;
     std::vector<Armed> armed_;
-    std::atomic<bool> anyArmed_{false};
     unsigned struck_ = 0;
 };
 

@@ -95,17 +95,20 @@ void Framework::ApplyAttributes(Object& object, const WDF_OBJECT_ATTRIBUTES* att
     }
 }
 
-Context& Framework::AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes)
+const Context& Framework::AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes)
 {
     constexpr std::size_t kAlignment = 16;
     const std::size_t size =
         attributes.ContextSizeOverride != 0 ? attributes.ContextSizeOverride : attributes.ContextTypeInfo->ContextSize;
-    object.contexts.push_back({.type = attributes.ContextTypeInfo->UniqueType,
-                               .memory = kernel.contextMemory().Allocate(size, kAlignment),
-                               .sizeBytes = size,
-                               .cleanup = attributes.EvtCleanupCallback,
-                               .destroy = attributes.EvtDestroyCallback});
-    return object.contexts.back();
+    auto made = std::make_unique<Context>();
+    Context& context = *made;
+    context.type = attributes.ContextTypeInfo->UniqueType;
+    context.memory = kernel.contextMemory().Allocate(size, kAlignment);
+    context.sizeBytes = size;
+    context.cleanup = attributes.EvtCleanupCallback;
+    context.destroy = attributes.EvtDestroyCallback;
+    object.contexts.Add(std::move(made));
+    return context;
 }
 
 }  // namespace host::framework

@@ -104,26 +104,24 @@ void Framework::HideDriverHandles(bool hide)
 void Framework::ReportObjectsLeft(DriverInstance& instance)
 {
     const std::lock_guard lock(mutex);
-    Object* next = nullptr;
-    for (Object* object = firstAlive_; object != nullptr; object = next) {
-        next = object->nextAlive;
-        if (object->driver != &instance) {
-            continue;
+    handles.ForEach([&](Object& object) {
+        if (object.driver != &instance) {
+            return;
         }
-        const std::string what = Describe(*object);
-        if (object->finished) {
+        const std::string what = Describe(object);
+        if (object.finished) {
             environment.Report(checks::Rule::kReferenceLeak, "unload",
-                               what + " was deleted, but " + std::to_string(object->references) + " references keep it",
+                               what + " was deleted, but " + std::to_string(object.references) + " references keep it",
                                nullptr);
         } else {
             environment.Report(checks::Rule::kLeak, "unload",
-                               what + " is still alive, with " + std::to_string(object->references) + " references",
+                               what + " is still alive, with " + std::to_string(object.references) + " references",
                                nullptr);
         }
-        std::erase(workQueue, object);
-        std::erase_if(deferredWork, [&](const DeferredWork& deferred) { return deferred.object == object; });
-        FreeObject(*object);
-    }
+        std::erase(workQueue, &object);
+        std::erase_if(deferredWork, [&](const DeferredWork& deferred) { return deferred.object == &object; });
+        FreeObject(object);
+    });
     instance.driver = nullptr;
 }
 

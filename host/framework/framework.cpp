@@ -11,7 +11,7 @@ Framework* g_current = nullptr;
 }  // namespace
 
 Framework::Framework(Environment& machineEnvironment, kernel::Kernel& machineKernel, schedule::Threads& machineThreads)
-    : environment(machineEnvironment), kernel(machineKernel), threads(machineThreads), firstIndex_(NextIndex())
+    : environment(machineEnvironment), kernel(machineKernel), threads(machineThreads)
 {
     g_current = this;
     RegisterLoaderExports();
@@ -27,7 +27,6 @@ Framework::~Framework()
 {
     StopWorkers();
     environment.faults.onHideDriver = nullptr;
-    NoteIndices();
     g_current = nullptr;
 }
 

@@ -5,7 +5,7 @@
 
 #include "host/checks/unused_stack.h"
 #include "host/environment.h"
-#include "host/framework/object.h"
+#include "host/framework/handle_table.h"
 #include "host/image/image.h"
 #include "host/kernel/kernel.h"
 #include "host/schedule/threads.h"
@@ -62,9 +62,6 @@ struct RunningDeferred {
     const Object* owner;
     schedule::ThreadId thread;  // kNobody until it has begun
 };
-
-inline constexpr std::uint64_t kHandleBase = 0xFFFFE00000000000;  // never a usable address
-inline constexpr std::uint64_t kHandleStep = 8;                   // the low bits are free
 
 class Framework {
 public:
@@ -129,9 +126,7 @@ public:
     // Deletes that found the object deleted already: legal as long as somebody references it.
     [[nodiscard]] std::uint64_t SecondDeletes() const { return secondDeletes_; }
 
-    void ForEachObject(const std::function<void(const Object&)>& visit) const;
-    [[nodiscard]] const Object* Peek(const void* handle) const;
-    [[nodiscard]] bool WasRequest(const void* handle) const;  // a request that is gone
+    HandleTable handles;
     [[nodiscard]] static std::string Describe(const Object& object);
 
     // ---- Attributes (attributes.cpp) ----
@@ -143,7 +138,7 @@ public:
     Object* ParentFor(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes, Object* defaultParent,
                       NTSTATUS& status);
     void ApplyAttributes(Object& object, const WDF_OBJECT_ATTRIBUTES* attributes);
-    Context& AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes);
+    const Context& AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes);
 
     // ---- Drivers (binding.cpp, driver.cpp) ----
 
@@ -219,8 +214,6 @@ private:
     static void DisposeQueue(std::unique_lock<std::mutex>& lock, Object& queue);
     void Destroy(std::unique_lock<std::mutex>& lock, Object& object);
     void FreeObject(Object& object);  // without callbacks
-    static std::uint64_t NextIndex();
-    void NoteIndices() const;
     void Unlink(Object& object);
     void WorkerLoop(unsigned number);
     void RunCallback(WorkItemObject& item);
@@ -234,25 +227,13 @@ private:
     [[nodiscard]] static bool TreeNeedsPassiveLevel(const Object& object);
     [[nodiscard]] static const Object* OwnerOfDisposals(const Object& object);
 
-    // A handle's object, or what it was when it is gone.
-    struct Slot {
-        std::unique_ptr<Object> object;
-        ObjectType type;
-        std::uint32_t nameIndex;
-    };
-    [[nodiscard]] const Slot* SlotOf(const void* handle) const;
-    [[nodiscard]] std::uint32_t NameIndex(std::string_view name);
-
-    const std::uint64_t firstIndex_;  // handles of earlier machines lie below
-    std::deque<Slot> slots_;
-    Object* firstAlive_ = nullptr;
-    Object* lastAlive_ = nullptr;
-    std::map<ObjectType, unsigned> serials_;
-    std::vector<std::string> names_;
     std::uint64_t secondDeletes_ = 0;
     std::vector<std::thread> workers_;
     bool stopping_ = false;
 };
+
+// Takes an item out of a collection, with the reference that it held; the framework's mutex is held.
+[[nodiscard]] Object& TakeItem(CollectionObject& collection, std::size_t index);
 
 // Checks a pointer that a call requires; false, with a violation, when it is null.
 [[nodiscard]] bool Requires(const PlatformCall& call, const void* pointer, const char* argument);

@@ -1,8 +1,11 @@
-// Handles: opaque numbers that are never reused, so that a dead one is recognised for what it was.
+#include "host/framework/handle_table.h"
+
 #include "host/framework/framework.h"
 
-#include <algorithm>
 #include <cstdio>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 namespace host::framework {
 namespace {
@@ -49,15 +52,163 @@ const char* Name(ObjectType type)
     return "?";
 }
 
-std::uint64_t Framework::NextIndex()
+// ---- Memory by kind ----
+
+namespace {
+
+// Blocks that were given back, by their size; they are never returned to the system.
+class BlocksOfKind {
+public:
+    void* Take(std::size_t bytes)
+    {
+        const std::lock_guard lock(mutex_);
+        std::vector<void*>& free = FreeOf(bytes);
+        if (free.empty()) {
+            const std::size_t size = RoundUp(bytes);
+            constexpr std::size_t kAtOnce = 32;
+            auto* blocks = static_cast<std::byte*>(::operator new(size * kAtOnce));
+            for (std::size_t block = kAtOnce; block-- > 0;) {
+                free.push_back(blocks + block * size);
+            }
+        }
+        void* memory = free.back();
+        free.pop_back();
+        return memory;
+    }
+    void Give(void* memory, std::size_t bytes)
+    {
+        const std::lock_guard lock(mutex_);
+        FreeOf(bytes).push_back(memory);
+    }
+
+private:
+    static constexpr std::size_t kStep = 64;
+    static std::size_t RoundUp(std::size_t bytes) { return (bytes + kStep - 1) / kStep * kStep; }
+    std::vector<void*>& FreeOf(std::size_t bytes)
+    {
+        const std::size_t kind = RoundUp(bytes) / kStep;
+        if (free_.size() <= kind) {
+            free_.resize(kind + 1);
+        }
+        return free_[kind];
+    }
+
+    std::mutex mutex_;
+    std::vector<std::vector<void*>> free_;
+};
+
+template <class Kind>
+BlocksOfKind& BlocksOf()
 {
-    return g_nextIndex;
+    static auto* blocks = new BlocksOfKind;  // the last machine may end after everything static
+    return *blocks;
 }
 
-void Framework::NoteIndices() const
+}  // namespace
+
+template <class Kind>
+void* KeepsKind<Kind>::operator new(std::size_t bytes)
 {
-    g_nextIndex = firstIndex_ + slots_.size();
+    return BlocksOf<Kind>().Take(bytes);
 }
+
+template <class Kind>
+void KeepsKind<Kind>::operator delete(void* memory, std::size_t bytes)
+{
+    BlocksOf<Kind>().Give(memory, bytes);
+}
+
+template struct KeepsKind<Object>;
+template struct KeepsKind<Context>;
+
+ContextList::~ContextList()
+{
+    Context* context = first_.exchange(nullptr, std::memory_order_relaxed);
+    while (context != nullptr) {
+        const std::unique_ptr<Context> ended(context);
+        context = ended->next.load(std::memory_order_relaxed);
+    }
+}
+
+void ContextList::Add(std::unique_ptr<Context> context)
+{
+    Context* added = context.release();
+    (last_ != nullptr ? last_->next : first_).store(added, std::memory_order_release);
+    last_ = added;
+}
+
+// ---- The table ----
+
+SlotLock::SlotLock(Slot& slot) : slot_(slot)
+{
+    while (slot_.isLocked.exchange(true, std::memory_order_acquire)) {
+        std::this_thread::yield();
+    }
+}
+
+HandleTable::HandleTable() : first_(kHandleBase + g_nextIndex * kHandleStep)
+{
+    current_ = this;
+}
+
+HandleTable::~HandleTable()
+{
+    current_ = nullptr;
+    g_nextIndex += count_;
+    ForEach([](Object& object) { delete &object; });
+}
+
+bool HandleTable::WasRequest(const void* handle) const
+{
+    const Slot* slot = Find(handle);
+    return slot != nullptr && slot->object == nullptr && slot->type == ObjectType::kRequest;
+}
+
+void HandleTable::Add(std::unique_ptr<Object> object)
+{
+    const std::uint64_t index = count_.load(std::memory_order_relaxed);
+    const std::uint64_t place = index + (std::uint64_t{1} << kFirstChunkBits);
+    if (std::has_single_bit(place)) {
+        chunks_[static_cast<unsigned>(std::bit_width(place)) - 1 - kFirstChunkBits] = std::make_unique<Slot[]>(place);
+    }
+    Object& added = *object.release();
+    Slot& slot = At(index);
+    added.handle = reinterpret_cast<WDFOBJECT>(first_ + index * kHandleStep);
+    added.slot = &slot;
+    added.serial = ++serials_[static_cast<std::size_t>(added.type)];
+    added.previousAlive = lastAlive_;
+    (lastAlive_ != nullptr ? lastAlive_->nextAlive : firstAlive_) = &added;
+    lastAlive_ = &added;
+    const std::string_view name =
+        added.contexts.empty() ? std::string_view() : added.contexts.front().type->ContextName;
+    const auto known = names_.find(name);
+    slot.name = known != names_.end() ? &*known : &*names_.emplace(name).first;
+    slot.type = added.type;
+    slot.object.store(&added, std::memory_order_release);
+    count_.store(index + 1, std::memory_order_release);
+}
+
+void HandleTable::Remove(Object& object)
+{
+    (object.previousAlive != nullptr ? object.previousAlive->nextAlive : firstAlive_) = object.nextAlive;
+    (object.nextAlive != nullptr ? object.nextAlive->previousAlive : lastAlive_) = object.previousAlive;
+    {
+        const SlotLock lock(*object.slot);
+        object.slot->object.store(nullptr, std::memory_order_release);
+    }
+    delete &object;
+}
+
+void HandleTable::ForEach(const std::function<void(Object&)>& visit) const
+{
+    Object* next = nullptr;
+    for (Object* object = firstAlive_; object != nullptr; object = next) {
+        next = object->nextAlive;
+        visit(*object);
+    }
+}
+
+// ---- The framework's side ----
 
 std::string Framework::Describe(const Object& object)
 {
@@ -70,21 +221,9 @@ std::string Framework::Describe(const Object& object)
     return text;
 }
 
-std::uint32_t Framework::NameIndex(std::string_view name)
-{
-    const auto found = std::find(names_.begin(), names_.end(), name);
-    if (found != names_.end()) {
-        return static_cast<std::uint32_t>(found - names_.begin());
-    }
-    names_.emplace_back(name);
-    return static_cast<std::uint32_t>(names_.size() - 1);
-}
-
 void Framework::Register(std::unique_ptr<Object> object, Object* parent)
 {
     Object& registered = *object;
-    registered.handle = reinterpret_cast<WDFOBJECT>(kHandleBase + (firstIndex_ + slots_.size()) * kHandleStep);
-    registered.serial = ++serials_[registered.type];
     if (registered.executionLevel == WdfExecutionLevelInheritFromParent) {
         registered.executionLevel = parent != nullptr ? parent->executionLevel : WdfExecutionLevelDispatch;
     }
@@ -92,37 +231,13 @@ void Framework::Register(std::unique_ptr<Object> object, Object* parent)
         registered.synchronizationScope =
             parent != nullptr ? parent->synchronizationScope : WdfSynchronizationScopeNone;
     }
-    registered.previousAlive = lastAlive_;
-    (lastAlive_ != nullptr ? lastAlive_->nextAlive : firstAlive_) = &registered;
-    lastAlive_ = &registered;
     if (parent != nullptr) {
         registered.parent = parent;
         registered.previousSibling = parent->lastChild;
         (parent->lastChild != nullptr ? parent->lastChild->nextSibling : parent->firstChild) = &registered;
         parent->lastChild = &registered;
     }
-    const std::string_view name =
-        registered.contexts.empty() ? std::string_view() : registered.contexts.front().type->ContextName;
-    slots_.push_back({std::move(object), registered.type, NameIndex(name)});
-}
-
-const Framework::Slot* Framework::SlotOf(const void* handle) const
-{
-    const std::uint64_t offset = reinterpret_cast<std::uint64_t>(handle) - kHandleBase;
-    const std::uint64_t index = offset / kHandleStep - firstIndex_;
-    return offset % kHandleStep != 0 || index >= slots_.size() ? nullptr : &slots_[index];
-}
-
-const Object* Framework::Peek(const void* handle) const
-{
-    const Slot* slot = SlotOf(handle);
-    return slot == nullptr ? nullptr : slot->object.get();
-}
-
-bool Framework::WasRequest(const void* handle) const
-{
-    const Slot* slot = SlotOf(handle);
-    return slot != nullptr && slot->object == nullptr && slot->type == ObjectType::kRequest;
+    handles.Add(std::move(object));
 }
 
 Object* Framework::ResolveAny(const PlatformCall& call, const void* handle, const char* argument)
@@ -131,33 +246,27 @@ Object* Framework::ResolveAny(const PlatformCall& call, const void* handle, cons
         call.Violation(checks::Rule::kNullHandle, std::string(argument) + " is a null handle");
         return nullptr;
     }
-    const Slot* slot = SlotOf(handle);
+    const Slot* slot = handles.Find(handle);
     if (slot == nullptr) {
         call.Violation(checks::Rule::kForeignHandle,
                        std::string(argument) + " " + HandleText(handle) + " was never handed out");
         return nullptr;
     }
-    if (slot->object == nullptr) {
-        const std::string& name = names_[slot->nameIndex];
+    Object* object = slot->object.load(std::memory_order_acquire);
+    if (object == nullptr) {
+        const std::string& name = *slot->name;
         call.Violation(checks::Rule::kDeadHandle, std::string(argument) + " " + HandleText(handle) + " was a " +
                                                       Name(slot->type) + (name.empty() ? "" : " (" + name + ")") +
                                                       " that is gone");
         return nullptr;
     }
-    return slot->object.get();
+    return object;
 }
 
 void Framework::ReportWrongType(const PlatformCall& call, const Object& object, const char* argument, ObjectType wanted)
 {
     call.Violation(checks::Rule::kWrongHandleType,
                    std::string(argument) + " is " + Describe(object) + ", not a " + Name(wanted));
-}
-
-void Framework::ForEachObject(const std::function<void(const Object&)>& visit) const
-{
-    for (const Object* object = firstAlive_; object != nullptr; object = object->nextAlive) {
-        visit(*object);
-    }
 }
 
 void Framework::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
@@ -180,9 +289,7 @@ void Framework::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
     if (object.type == ObjectType::kCollection) {
         auto& collection = static_cast<CollectionObject&>(object);
         while (!collection.items.empty()) {
-            Object* item = collection.items.front();
-            collection.items.pop_front();
-            Dereference(lock, *item);
+            Dereference(lock, TakeItem(collection, 0));
         }
     }
     FreeObject(object);
@@ -208,10 +315,7 @@ void Framework::FreeObject(Object& object)
             later.erase(object.handle);
         }
     }
-    (object.previousAlive != nullptr ? object.previousAlive->nextAlive : firstAlive_) = object.nextAlive;
-    (object.nextAlive != nullptr ? object.nextAlive->previousAlive : lastAlive_) = object.previousAlive;
-    slots_[reinterpret_cast<std::uint64_t>(object.handle) / kHandleStep - kHandleBase / kHandleStep - firstIndex_]
-        .object.reset();
+    handles.Remove(object);
 }
 
 bool Requires(const PlatformCall& call, const void* pointer, const char* argument)

@@ -38,7 +38,7 @@ std::vector<ObjectView> ViewsOf(const Condition& condition)
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     std::vector<ObjectView> views;
-    framework.ForEachObject([&](const Object& object) {
+    framework.handles.ForEach([&](const Object& object) {
         if (condition(object)) {
             views.push_back(View(object));
         }
@@ -62,7 +62,7 @@ std::optional<ObjectView> Inspector::Find(WDFOBJECT handle) const
 {
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const Object* object = framework.Peek(handle);
+    const Object* object = framework.handles.Peek(handle);
     return object == nullptr ? std::nullopt : std::optional(View(*object));
 }
 

@@ -31,6 +31,7 @@ enum class ObjectType {
     kIoTarget,
     kGeneral
 };
+inline constexpr std::size_t kObjectTypeCount = static_cast<std::size_t>(ObjectType::kGeneral) + 1;
 
 [[nodiscard]] const char* Name(ObjectType type);
 

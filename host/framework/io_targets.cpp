@@ -18,7 +18,7 @@ namespace {
 std::vector<IoTargetObject*> TargetsOn(const Framework& framework, const DeviceObject& device)
 {
     std::vector<IoTargetObject*> targets;
-    framework.ForEachObject([&](const Object& object) {
+    framework.handles.ForEach([&](const Object& object) {
         if (object.type == ObjectType::kIoTarget && !object.deleted) {
             auto& target = const_cast<IoTargetObject&>(static_cast<const IoTargetObject&>(object));
             if (target.device == &device) {

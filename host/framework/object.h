@@ -5,6 +5,7 @@
 
 #include "host/framework/inspector.h"
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -17,15 +18,71 @@ struct DriverInstance;
 struct DeviceState;
 struct QueueState;
 
-struct Context {
+struct Slot;
+
+// Memory for values of one kind. What was given back serves others of that kind only, so that a thread may still look
+// at it and then find that the handle is dead.
+template <class Kind>
+struct KeepsKind {
+    static void* operator new(std::size_t bytes);
+    static void operator delete(void* memory, std::size_t bytes);
+};
+
+struct Context : KeepsKind<Context> {
     PCWDF_OBJECT_CONTEXT_TYPE_INFO type;  // look-up goes by this address
     void* memory;
     std::size_t sizeBytes;
     PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup;
     PFN_WDF_OBJECT_CONTEXT_DESTROY destroy;
+    std::atomic<Context*> next{nullptr};
 };
 
-struct Object {
+// An object's contexts in the order in which they were added. They stay as long as the object, so any thread may look
+// while one is added.
+class ContextList {
+public:
+    ContextList() = default;
+    ~ContextList();
+    ContextList(const ContextList&) = delete;
+    ContextList& operator=(const ContextList&) = delete;
+
+    class Iterator {
+    public:
+        explicit Iterator(const Context* at) : at_(at) {}
+        const Context& operator*() const { return *at_; }
+        Iterator& operator++()
+        {
+            at_ = at_->next.load(std::memory_order_acquire);
+            return *this;
+        }
+        bool operator==(const Iterator&) const = default;
+
+    private:
+        const Context* at_;
+    };
+    [[nodiscard]] Iterator begin() const { return Iterator(first_.load(std::memory_order_acquire)); }
+    [[nodiscard]] static Iterator end() { return Iterator(nullptr); }
+    [[nodiscard]] bool empty() const { return begin() == end(); }
+    [[nodiscard]] const Context& front() const { return *begin(); }
+
+    // Null when there is none of this type.
+    [[nodiscard]] const Context* Find(PCWDF_OBJECT_CONTEXT_TYPE_INFO type) const
+    {
+        const Context* context = first_.load(std::memory_order_acquire);
+        while (context != nullptr && context->type != type) {
+            context = context->next.load(std::memory_order_acquire);
+        }
+        return context;
+    }
+
+    void Add(std::unique_ptr<Context> context);
+
+private:
+    std::atomic<Context*> first_{nullptr};
+    Context* last_ = nullptr;
+};
+
+struct Object : KeepsKind<Object> {
     Object(ObjectType objectType, DriverInstance* owner) : type(objectType), driver(owner) {}
     virtual ~Object() = default;
     Object(const Object&) = delete;
@@ -34,6 +91,8 @@ struct Object {
     const ObjectType type;
     DriverInstance* const driver;
     WDFOBJECT handle = nullptr;
+    Slot* slot = nullptr;
+    ContextList contexts;
     long references = 1;        // the creation reference, the driver's own and those of collections
     long driverReferences = 0;  // the driver's own: what it may give back
     bool deleted = false;       // delete or the parent's end has begun
@@ -52,7 +111,6 @@ struct Object {
     Object* previousAlive = nullptr;
     Object* nextAlive = nullptr;
 
-    std::vector<Context> contexts;
     std::string name;  // for reports; may be empty
 
     // From the creation attributes when these name no context type; a context carries its own.
@@ -75,7 +133,14 @@ struct DriverObject final : Object {
 
 struct CollectionObject final : Object {
     explicit CollectionObject(DriverInstance* owner) : Object(ObjectType::kCollection, owner) {}
-    std::deque<Object*> items;  // one reference each
+
+    // One reference each. Changed under the framework's mutex and the slot's lock, so either is enough to look.
+    std::deque<Object*> items;
+    std::atomic<std::uint32_t> count{0};  // of them, for who takes neither
+
+    // The framework keeps a list and walks it from the head to an index; here the place is found at once, and the steps
+    // that the walks would take are counted under the slot's lock.
+    std::uint64_t listSteps = 0;
 };
 
 struct WaitLockObject final : Object {

@@ -3,6 +3,7 @@
 // Deleting an object disposes it: its children first, each one's subtree before the child itself; then what its type
 // has to wait for or close; then its clean-up callbacks. After that its children and the object give up their creation
 // references. References postpone only this last step, the destruction, for the object they are on.
+#include "host/armed.h"
 #include "host/framework/functions.h"
 #include "host/framework/plug_play.h"
 
@@ -69,7 +70,7 @@ void Framework::Dispose(std::unique_lock<std::mutex>& lock, Object& object)
     if (object.cleanup != nullptr) {
         RunCleanup(lock, object, object.cleanup);
     }
-    for (const Context& context : std::vector<Context>(object.contexts)) {
+    for (const Context& context : object.contexts) {
         if (context.cleanup != nullptr) {
             RunCleanup(lock, object, context.cleanup);
         }
@@ -235,7 +236,9 @@ void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG,
     framework.Dereference(lock, *object);
 }
 
-PVOID NTAPI ObjectGetTypedContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO type)
+namespace {
+
+PVOID NTAPI GetTypedContextChecked(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO type)
 {
     const PlatformCall call("WdfObjectGetTypedContextWorker", HOST_CALLER, 31,
                             type != nullptr ? type->ContextName : "");
@@ -248,12 +251,29 @@ PVOID NTAPI ObjectGetTypedContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PCWDF_O
     if (object == nullptr) {
         return nullptr;
     }
-    for (const Context& context : object->contexts) {
-        if (context.type == type->UniqueType) {
-            return context.memory;
+    const Context* context = object->contexts.Find(type->UniqueType);
+    return context == nullptr ? nullptr : context->memory;
+}
+
+}  // namespace
+
+// Drivers call this more often than all else, so what is in order is answered at once, without a lock.
+PVOID NTAPI ObjectGetTypedContext(PWDF_DRIVER_GLOBALS globals, WDFOBJECT handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO type)
+{
+    if (!IsAnythingArmed() && type != nullptr) {
+        if (const Slot* slot = HandleTable::Current().Find(handle)) {
+            const Object* object = slot->object.load(std::memory_order_acquire);
+            const Context* context = object == nullptr ? nullptr : object->contexts.Find(type->UniqueType);
+            if (context != nullptr) {
+                void* memory = context->memory;
+                std::atomic_thread_fence(std::memory_order_acquire);
+                if (slot->object.load(std::memory_order_relaxed) == object) {
+                    return memory;
+                }
+            }
         }
     }
-    return nullptr;
+    [[clang::musttail]] return GetTypedContextChecked(globals, handle, type);
 }
 
 NTSTATUS NTAPI ObjectAllocateContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PWDF_OBJECT_ATTRIBUTES attributes,
@@ -282,13 +302,11 @@ NTSTATUS NTAPI ObjectAllocateContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PWDF
     if (object->deleted) {
         return STATUS_DELETE_PENDING;
     }
-    for (const Context& context : object->contexts) {
-        if (context.type == attributes->ContextTypeInfo->UniqueType) {
-            if (memory != nullptr) {
-                *memory = context.memory;
-            }
-            return STATUS_OBJECT_NAME_EXISTS;
+    if (const Context* existing = object->contexts.Find(attributes->ContextTypeInfo->UniqueType)) {
+        if (memory != nullptr) {
+            *memory = existing->memory;
         }
+        return STATUS_OBJECT_NAME_EXISTS;
     }
     const Context& context = framework.AddContext(*object, *attributes);
     if (memory != nullptr) {
@@ -303,7 +321,7 @@ WDFOBJECT NTAPI ObjectContextGetObject(PWDF_DRIVER_GLOBALS, PVOID memory)
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     WDFOBJECT found = nullptr;
-    framework.ForEachObject([&](const Object& object) {
+    framework.handles.ForEach([&](const Object& object) {
         for (const Context& context : object.contexts) {
             if (context.memory == memory) {
                 found = object.handle;

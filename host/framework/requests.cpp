@@ -251,7 +251,7 @@ namespace {
 // A request is destroyed when it is completed, so a second completion finds a dead handle.
 RequestObject* ResolveIncomplete(const PlatformCall& call, Framework& framework, WDFREQUEST handle)
 {
-    if (framework.WasRequest(handle)) {
+    if (framework.handles.WasRequest(handle)) {
         call.Violation(Rule::kRequestCompletedTwice, "the request was completed before and is destroyed");
         return nullptr;
     }

@@ -71,7 +71,7 @@ void Framework::CheckRegions(const char* callbackName, const void* routine, cons
             if (std::find(before.locks.begin(), before.locks.end(), handle) != before.locks.end()) {
                 continue;
             }
-            auto* waitLock = static_cast<WaitLockObject*>(const_cast<Object*>(Peek(handle)));
+            auto* waitLock = static_cast<WaitLockObject*>(handles.Peek(handle));
             if (waitLock != nullptr && waitLock->held && waitLock->holderId == thread.id) {
                 waitLock->abandoned = true;
                 kept += (kept.empty() ? "" : ", ") + Describe(*waitLock);
@@ -92,7 +92,7 @@ void Framework::CheckLockOrder(const PlatformCall& call, const WaitLockObject& w
         if (held == wanted.handle) {
             continue;
         }
-        const auto* ranked = static_cast<const WaitLockObject*>(Peek(held));
+        const auto* ranked = static_cast<const WaitLockObject*>(handles.Peek(held));
         if (ranked != nullptr && ranked->rank != 0 && wanted.rank != 0) {
             if (ranked->rank >= wanted.rank) {
                 call.Violation(Rule::kLockOrder, Describe(wanted) + " of rank " + std::to_string(wanted.rank) +
@@ -117,7 +117,7 @@ void Framework::CheckLockOrder(const PlatformCall& call, const WaitLockObject& w
             }
         }
         lockOrders[held][wanted.handle] = call.caller();
-        const Object* heldLock = Peek(held);
+        const Object* heldLock = handles.Peek(held);
         if (reached.contains(held) && heldLock != nullptr) {
             call.Violation(Rule::kLockOrder, Describe(wanted) + " is taken while " + Describe(*heldLock) +
                                                  " is held; elsewhere they are taken the other way round");

@@ -56,7 +56,7 @@ ControlledScheduler::ControlledScheduler(SchedulerOptions options)
 
 ControlledScheduler::~ControlledScheduler()
 {
-    theController.store(nullptr, std::memory_order_release);
+    SetController(nullptr);
 }
 
 bool ControlledScheduler::Next()
@@ -115,7 +115,7 @@ std::vector<Outcome> ControlledScheduler::Run(Machine& machine, const std::vecto
     released_.assign(threads.size(), false);
     idle_ = 0;
     current_ = kNoThread;
-    theController.store(this, std::memory_order_release);
+    SetController(this);
 
     left_.clear();
     std::vector<Outcome> outcomes(threads.size());
@@ -143,7 +143,7 @@ std::vector<Outcome> ControlledScheduler::Run(Machine& machine, const std::vecto
     for (std::thread& runner : runners) {
         runner.join();
     }
-    theController.store(nullptr, std::memory_order_release);
+    SetController(nullptr);
     longest_ = std::max(longest_, static_cast<unsigned>(choices_.size()));
     CheckKept();
     return outcomes;

@@ -4,6 +4,8 @@
 // each point which thread goes on; it then also replaces the sleeping of threads that wait.
 #pragma once
 
+#include "host/armed.h"
+
 #include <atomic>
 #include <mutex>
 
@@ -29,6 +31,13 @@ public:
 };
 
 inline std::atomic<Controller*> theController{nullptr};
+
+// Null: nobody decides.
+inline void SetController(Controller* controller)
+{
+    theController.store(controller, std::memory_order_release);
+    Arm(kArmedController, controller != nullptr);
+}
 
 inline void YieldPoint(YieldKind kind, const char* what)
 {

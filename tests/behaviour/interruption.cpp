@@ -46,15 +46,15 @@ unsigned RunInterrupted(host::Machine& machine, const host::Driver& driver, cons
     action.sa_flags = SA_SIGINFO;
     sigaction(SIGTRAP, &action, &before);
     const std::uint64_t caller = host::ThreadState::Current().id;
-    machine.environment().observer = [&, calls = 0u](const host::ObservedCall& call) mutable {
+    machine.environment().SetObserver([&, calls = 0u](const host::ObservedCall& call) mutable {
         if (host::ThreadState::Current().id == caller && call.function == std::string_view(interruption.function) &&
             calls++ == interruption.skip) {
             host::schedule::BeginSingleSteps();
         }
-    };
+    });
     work();
     host::schedule::EndSingleSteps();
-    machine.environment().observer = nullptr;
+    machine.environment().SetObserver(nullptr);
     sigaction(SIGTRAP, &before, nullptr);
     return g_stepping.seen;
 }

@@ -76,7 +76,7 @@ ObservedRun::ObservedRun(const tests::Container& container, Options options)
     machine().tracing().OpenEventSession({kProviderGuid, 0});
     machine().tracing().OpenMessageSession({kControlGuid, 5, 3});
     machine().tracing().SetListener(this);
-    machine().environment().observer = [this](const host::ObservedCall& call) { OnCall(call); };
+    machine().environment().SetObserver([this](const host::ObservedCall& call) { OnCall(call); });
     if (options_.fault && options_.fault->function != "WdfGetDriver") {
         const Fault& fault = *options_.fault;
         machine().faults().Add({.function = fault.function,
@@ -90,7 +90,7 @@ ObservedRun::ObservedRun(const tests::Container& container, Options options)
 ObservedRun::~ObservedRun()
 {
     machine().tracing().SetListener(nullptr);
-    machine().environment().observer = nullptr;
+    machine().environment().SetObserver(nullptr);
 }
 
 unsigned ObservedRun::StruckCount() const

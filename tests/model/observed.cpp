@@ -40,7 +40,7 @@ ObservedRun::ObservedRun(const Sequence& sequence, const std::filesystem::path& 
         DoSetup(kind);
     }
     // A driver that goes round and round makes platform calls; it is set aside like a thread that hangs.
-    harness_.machine.environment().observer = [this](const host::ObservedCall& call) {
+    harness_.machine.environment().SetObserver([this](const host::ObservedCall& call) {
         if (onPlatformCall) {
             onPlatformCall(reinterpret_cast<std::uintptr_t>(call.caller) -
                            reinterpret_cast<std::uintptr_t>(harness_.driver->ImageBase()));
@@ -48,7 +48,7 @@ ObservedRun::ObservedRun(const Sequence& sequence, const std::filesystem::path& 
         if (callsLeft_ != 0 && (--callsLeft_ == 0 || harness_.called.size() > kMostLines)) {
             host::schedule::ParkThisThread("goes on without end");
         }
-    };
+    });
 }
 
 void ObservedRun::DoSetup(Kind kind)

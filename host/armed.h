@@ -1,0 +1,33 @@
+// Who besides the platform function itself acts on a platform call. Functions that drivers call very often look at this
+// one word: while it is 0 they do their work at once, else they take the way of all platform calls.
+#pragma once
+
+#include <atomic>
+
+namespace host {
+
+enum Armed : unsigned {
+    kArmedController = 1,  // of the schedule
+    kArmedObserver = 2,
+    kArmedFaults = 4,
+    kArmedHiding = 8,  // the thread sanitizer learns of driver locks alone
+    kArmedNoMachine = 16,
+};
+
+inline std::atomic<unsigned> theArmed{kArmedNoMachine};
+
+inline void Arm(Armed what, bool isArmed)
+{
+    if (isArmed) {
+        theArmed.fetch_or(what);
+    } else {
+        theArmed.fetch_and(~static_cast<unsigned>(what));
+    }
+}
+
+[[nodiscard]] inline bool IsAnythingArmed()
+{
+    return theArmed.load(std::memory_order_relaxed) != 0;
+}
+
+}  // namespace host
