@@ -1,5 +1,5 @@
-// Silent reporting: what a site costs when nobody listens, read from the machine code of both images for every site,
-// and what share of a state's road it is, counted on the road.
+// Disabled tracing: what a reporting site costs while no session is enabled, read from the machine code of both images
+// for every site, and its share of the delivery path, counted.
 #include "bench/instruction_counter.h"
 #include "bench/machine_code.h"
 #include "bench/sections.h"
@@ -12,7 +12,7 @@
 namespace bench {
 namespace {
 
-constexpr const char* kSilentSection = "Silent reporting";
+constexpr const char* kTracingSection = "Disabled tracing";
 
 void MeasureSites(Table& table, const std::string& machine)
 {
@@ -49,7 +49,7 @@ void MeasureSites(Table& table, const std::string& machine)
         }
     }
     const auto add = [&](const std::string& name, double value, std::optional<Goal> goal, std::string remark = {}) {
-        table.Add({.section = kSilentSection,
+        table.Add({.section = kTracingSection,
                    .name = name,
                    .on = machine + " image",
                    .value = value,
@@ -64,8 +64,8 @@ void MeasureSites(Table& table, const std::string& machine)
     add("loads of an enable word", static_cast<double>(code.tests.size()), std::nullopt,
         "a site that is inlined twice counts twice");
     add("loads without one bit test and one branch behind", untested, Goal{0});
-    add("tests whose site could not be told", unresolved, Goal{0});
-    add("longest silent path of a channel, instructions", static_cast<double>(longest),
+    add("tests whose site is unknown", unresolved, Goal{0});
+    add("longest path of a disabled channel, instructions", static_cast<double>(longest),
         Goal{machine == "arm64" ? 2.0 : 3.0}, machine == "arm64" ? "load, test and branch" : "load, test, branch");
     add("tests that jump over the writing instead of to it", inLine, std::nullopt,
         "where a report is the last thing on a path of its own");
@@ -99,16 +99,16 @@ void MeasureShare(Table& table, const Options& options)
             share += reporting.contains(offset) ? count : 0;
             jumps += jumpsOver.contains(offset) ? count : 0;
         }
-        table.Add({.section = kSilentSection,
-                   .name = "share of a state's road, " + std::to_string(clients) + " told",
+        table.Add({.section = kTracingSection,
+                   .name = "share of the delivery path, " + std::to_string(clients) + " subscribers",
                    .on = Name(Subject::kX64),
                    .value = 100.0 * static_cast<double>(share) / static_cast<double>(all),
                    .unit = "%",
                    .goal = Goal{5.0},
                    .remark = std::to_string(share) + " of " + std::to_string(all) + " instructions",
                    .isExact = true});
-        table.Add({.section = kSilentSection,
-                   .name = "tests on that road that jump over the writing, " + std::to_string(clients) + " told",
+        table.Add({.section = kTracingSection,
+                   .name = "tests on that path that jump over the writing, " + std::to_string(clients) + " subscribers",
                    .on = Name(Subject::kX64),
                    .value = static_cast<double>(jumps),
                    .unit = "",

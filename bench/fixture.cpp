@@ -83,11 +83,11 @@ Fixture::Fixture(const FixtureOptions& options)
     : machine({.workItems = options.workItems, .workerCount = options.workers, .guardPages = options.guardPages}),
       driver(&machine.Boot(ImageOf(options.subject), "zepn")), poster_(options.clients + 1)
 {
-    const bool isBound = options.subject == Subject::kMinimal || options.subject == Subject::kMinimalX64;
+    const bool isMinimal = options.subject == Subject::kMinimal || options.subject == Subject::kMinimalX64;
     Demand(driver->QueryInterface(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, std::as_writable_bytes(std::span(&helper, 1)),
                                   ZEP_NOTIFIER_INTERFACE_VERSION),
            "the query for the client interface");
-    if (!isBound && options.attachesCrashDump) {
+    if (!isMinimal && options.attachesCrashDump) {
         Demand(driver->QueryInterface(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, std::as_writable_bytes(std::span(&wpcd, 1)),
                                       ZEP_NOTIFIER_INTERFACE_VERSION),
                "the query for the crash-dump interface");

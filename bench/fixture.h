@@ -51,7 +51,7 @@ public:
 
     // The client that posts.
     [[nodiscard]] ULONG poster() const { return poster_; }
-    // States that clients were told since the fixture was built; counted by the callbacks.
+    // States delivered to clients in this process so far; counted by the callbacks.
     static std::uint64_t Deliveries();
 
 private:

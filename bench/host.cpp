@@ -1,4 +1,4 @@
-// The host as a tool: how many driver lives a second, and how fast it plays.
+// Speed of the host: load-to-unload cycles, deliveries and model-based operations a second, and the demo.
 #include "bench/sections.h"
 #include "bench/fixture.h"
 #include "bench/timing.h"
@@ -25,13 +25,13 @@ double SecondsOf(const std::function<void()>& work)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-double RandomOperationsPerSecond(Subject subject, bool isQuick)
+double ModelOperationsPerSecond(Subject subject, bool isQuick)
 {
     model::Totals totals;
     const double seconds = SecondsOf([&] {
         const model::Budget budget{.seed = 1, .sequences = isQuick ? 50u : 500u};
         if (model::Search(budget, ImageOf(subject), totals)) {
-            throw std::runtime_error("a random life went wrong: ./zepn fuzz --seed 1 tells more");
+            throw std::runtime_error("a model-based sequence failed: ./zepn fuzz --seed 1 says more");
         }
     });
     return static_cast<double>(totals.operations) / seconds;
@@ -69,14 +69,14 @@ double PostsPerSecond(Subject subject, bool isQuick)
 
 void MeasureHost(Table& table, const Options& options)
 {
-    constexpr const char* kSection = "The host as a tool";
+    constexpr const char* kSection = "Host";
     for (const Subject subject : kSubjects) {
-        const double life =
-            NanosecondsOf("life", [&] { const Fixture fixture({.subject = subject}); }, options.isQuick);
+        const double cycle =
+            NanosecondsOf("cycle", [&] { const Fixture fixture({.subject = subject}); }, options.isQuick);
         table.Add({.section = kSection,
-                   .name = "driver lives, load to unload",
+                   .name = "load-to-unload cycles of a driver",
                    .on = Name(subject),
-                   .value = 1e9 / life,
+                   .value = 1e9 / cycle,
                    .unit = "a second"});
         table.Add({.section = kSection,
                    .name = "posts, each delivered to 4 by a run of its own",
@@ -84,9 +84,9 @@ void MeasureHost(Table& table, const Options& options)
                    .value = PostsPerSecond(subject, options.isQuick),
                    .unit = "a second"});
         table.Add({.section = kSection,
-                   .name = "operations in random lives, held against the model",
+                   .name = "operations of model-based sequences",
                    .on = Name(subject),
-                   .value = RandomOperationsPerSecond(subject, options.isQuick),
+                   .value = ModelOperationsPerSecond(subject, options.isQuick),
                    .unit = "a second"});
     }
     table.Add({.section = kSection,

@@ -1,5 +1,5 @@
 // The reporting sites as the compiler left them in an image: every load of an enable word, the test that follows it,
-// and the site whose record the cold half behind it names. Read from the disassembly and the link map.
+// and the site whose record the slow path after it names. Read from the disassembly and the link map.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ struct SiteTest {
     Channel channel;
     bool isTested = false;         // a single-bit test of the loaded value and a branch on it follow
     int site = -1;                 // number of the site whose record is behind the branch; -1: none found
-    bool isColdOutOfLine = false;  // the branch is taken only when somebody listens
+    bool isColdOutOfLine = false;  // the branch is taken only when tracing is enabled
 };
 
 struct SiteCode {

@@ -1,4 +1,4 @@
-// zepn-bench: what the driver costs, and how the cost grows.
+// zepn-bench: what the driver costs, and how the cost scales.
 #include "bench/sections.h"
 #include "tools/command_line/command_line.h"
 
@@ -13,10 +13,10 @@ int main(int argc, char** argv)
         void (*measure)(bench::Table&, const bench::Options&);
     };
     constexpr Section kSections[] = {
-        {"silent", bench::MeasureDisabledTracing},
-        {"road", bench::MeasureDeliveryPath},
-        {"growth", bench::MeasureScaling},
-        {"side-by-side", bench::MeasureSideBySide},
+        {"disabled-tracing", bench::MeasureDisabledTracing},
+        {"delivery-path", bench::MeasureDeliveryPath},
+        {"scaling", bench::MeasureScaling},
+        {"comparison", bench::MeasureComparison},
         {"host", bench::MeasureHost},
         {"footprint", bench::MeasureFootprint},
     };
@@ -24,9 +24,11 @@ int main(int argc, char** argv)
     std::vector<std::string> names;
     std::string jsonFile;
     bench::Options options;
-    app.add_option("sections", names, "sections to run; all unless given");
-    app.add_option("--json", jsonFile, "also writes all rows as JSON");
-    app.add_flag("--quick", options.isQuick, "short times; the exact figures stay what they are");
+    app.add_option(
+        "sections", names,
+        "sections to run, all unless given: disabled-tracing, delivery-path, scaling, comparison, host, footprint");
+    app.add_option("--json", jsonFile, "also writes the results as JSON");
+    app.add_flag("--quick", options.isQuick, "short times; counts stay exact");
     if (const auto status = tools::ReadCommandLine(app, argc, argv)) {
         return *status;
     }

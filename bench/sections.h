@@ -1,4 +1,4 @@
-// The sections of the benchmark, each adding its rows to the table.
+// The sections of the benchmark. Each adds its results to the table.
 #pragma once
 
 #include "bench/table.h"
@@ -6,13 +6,13 @@
 namespace bench {
 
 struct Options {
-    bool isQuick = false;  // exact figures and short times only
+    bool isQuick = false;  // exact counts and short times only
 };
 
 void MeasureDisabledTracing(Table& table, const Options& options);
 void MeasureDeliveryPath(Table& table, const Options& options);
 void MeasureScaling(Table& table, const Options& options);
-void MeasureSideBySide(Table& table, const Options& options);
+void MeasureComparison(Table& table, const Options& options);
 void MeasureHost(Table& table, const Options& options);
 void MeasureFootprint(Table& table, const Options& options);
 

@@ -1,4 +1,4 @@
-// What a benchmark says: rows of figures, each with its goal where it has one, as text, Markdown and JSON.
+// The results of the benchmark, each with its goal where it has one, as text and JSON.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -16,7 +16,7 @@ struct Goal {
 };
 
 struct Row {
-    std::string section;  // "The road of a state"
+    std::string section;  // "Delivery path"
     std::string name;     // "post and delivery, 16 clients"
     std::string on;       // "x64 image"
     double value;

@@ -397,6 +397,19 @@ std::uint64_t Machine::SecondDeletes() const
     return framework_->SecondDeletes();
 }
 
+std::uint64_t Machine::CollectionSteps() const
+{
+    const std::lock_guard lock(framework_->mutex);
+    std::uint64_t steps = 0;
+    framework_->handles.ForEach([&steps](framework::Object& object) {
+        if (object.type == framework::ObjectType::kCollection) {
+            const framework::SlotLock own(*object.slot);
+            steps += static_cast<const framework::CollectionObject&>(object).listSteps;
+        }
+    });
+    return steps;
+}
+
 std::vector<Machine::PoolUse> Machine::PoolInUse() const
 {
     std::vector<PoolUse> rows;

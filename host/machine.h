@@ -178,6 +178,10 @@ public:
     void NameObject(WDFOBJECT handle, const std::string& name);
     [[nodiscard]] std::uint64_t SecondDeletes() const;
 
+    // How often a walk through a collection that is alive has gone from one item to the next: the framework's collections
+    // are lists, and a look-up by index begins at the head.
+    [[nodiscard]] std::uint64_t CollectionSteps() const;
+
     // Pool allocations alive: count, bytes and by tag.
     struct PoolUse {
         std::uint32_t tag;

@@ -10,7 +10,7 @@
 
 #include "driver/include/zepn_notifier.h"
 
-struct BoundContext {
+struct MinimalContext {
     WDFCOLLECTION clients;
     WDFCOLLECTION states;
     WDFWAITLOCK general;
@@ -19,9 +19,9 @@ struct BoundContext {
     WDFWAITLOCK runLock;
     WDFWORKITEM notifyStates;
 };
-WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(BoundContext, GetBoundContext)
+WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(MinimalContext, GetMinimalContext)
 
-struct BoundClient {
+struct MinimalClient {
     GUID guid;
     PVOID callbackContext;
     ULONG isAnnounced;
@@ -29,30 +29,30 @@ struct BoundClient {
     ULONG state;
     WDFCOLLECTION subscriptions;
 };
-WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(BoundClient, GetBoundClient)
+WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(MinimalClient, GetMinimalClient)
 
-struct BoundSubscription {
+struct MinimalSubscription {
     ZepState filter;
     PZEP_STATE_NOTIFICATION_CALLBACK callback;
 };
-WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(BoundSubscription, GetBoundSubscription)
+WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(MinimalSubscription, GetMinimalSubscription)
 
-struct BoundState {
+struct MinimalState {
     ZepState state;
 };
-WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(BoundState, GetBoundState)
+WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(MinimalState, GetMinimalState)
 
 static bool SameGuid(const GUID& first, const GUID& second)
 {
     return RtlEqualMemory(&first, &second, sizeof(GUID));
 }
 
-static BoundClient* FindLocked(const BoundContext& context, const GUID& guid, WDFOBJECT& object)
+static MinimalClient* FindLocked(const MinimalContext& context, const GUID& guid, WDFOBJECT& object)
 {
     const ULONG count = WdfCollectionGetCount(context.clients);
     for (ULONG index = 0; index < count; ++index) {
         const WDFOBJECT item = WdfCollectionGetItem(context.clients, index);
-        BoundClient* client = item == nullptr ? nullptr : GetBoundClient(item);
+        MinimalClient* client = item == nullptr ? nullptr : GetMinimalClient(item);
         if (client == nullptr) {
             return nullptr;
         }
@@ -65,25 +65,25 @@ static BoundClient* FindLocked(const BoundContext& context, const GUID& guid, WD
 }
 
 // The look-up finds the driver's context for itself, as the Notifier's must: peers may call when it is gone.
-static BoundClient* Find(const GUID& guid, WDFOBJECT& object)
+static MinimalClient* Find(const GUID& guid, WDFOBJECT& object)
 {
-    const BoundContext* context = GetBoundContext(WdfGetDriver());
+    const MinimalContext* context = GetMinimalContext(WdfGetDriver());
     if (context == nullptr || WdfWaitLockAcquire(context->clientsLock, nullptr) != STATUS_SUCCESS) {
         return nullptr;
     }
-    BoundClient* client = FindLocked(*context, guid, object);
+    MinimalClient* client = FindLocked(*context, guid, object);
     WdfWaitLockRelease(context->clientsLock);
     return client;
 }
 
 static NTSTATUS NTAPI Post(const ZepState* state)
 {
-    const BoundContext* context = GetBoundContext(WdfGetDriver());
+    const MinimalContext* context = GetMinimalContext(WdfGetDriver());
     if (context == nullptr) {
         return STATUS_IO_DEVICE_ERROR;
     }
     WDFOBJECT clientObject = nullptr;
-    BoundClient* client = Find(state->InterfaceGUID, clientObject);
+    MinimalClient* client = Find(state->InterfaceGUID, clientObject);
     if (client == nullptr) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
@@ -98,14 +98,14 @@ static NTSTATUS NTAPI Post(const ZepState* state)
     }
 
     WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, BoundState);
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, MinimalState);
     attributes.ParentObject = clientObject;
     WDFOBJECT object;
     status = WdfObjectCreate(&attributes, &object);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    BoundState* queued = GetBoundState(object);
+    MinimalState* queued = GetMinimalState(object);
     if (queued == nullptr) {
         WdfObjectDelete(object);
         return STATUS_IO_DEVICE_ERROR;
@@ -126,12 +126,12 @@ static NTSTATUS NTAPI Post(const ZepState* state)
     return status;
 }
 
-static bool DeliverTo(const BoundClient& client, const ZepState& state)
+static bool DeliverTo(const MinimalClient& client, const ZepState& state)
 {
     const ULONG count = WdfCollectionGetCount(client.subscriptions);
     for (ULONG index = 0; index < count; ++index) {
         const WDFOBJECT item = WdfCollectionGetItem(client.subscriptions, index);
-        const BoundSubscription* subscription = item == nullptr ? nullptr : GetBoundSubscription(item);
+        const MinimalSubscription* subscription = item == nullptr ? nullptr : GetMinimalSubscription(item);
         if (subscription == nullptr) {
             return false;
         }
@@ -150,12 +150,12 @@ static bool DeliverTo(const BoundClient& client, const ZepState& state)
     return true;
 }
 
-static bool DeliverToAll(const BoundContext& context, const ZepState& state)
+static bool DeliverToAll(const MinimalContext& context, const ZepState& state)
 {
     const ULONG count = WdfCollectionGetCount(context.clients);
     for (ULONG index = 0; index < count; ++index) {
         const WDFOBJECT item = WdfCollectionGetItem(context.clients, index);
-        const BoundClient* client = item == nullptr ? nullptr : GetBoundClient(item);
+        const MinimalClient* client = item == nullptr ? nullptr : GetMinimalClient(item);
         if (client == nullptr) {
             return false;
         }
@@ -166,14 +166,14 @@ static bool DeliverToAll(const BoundContext& context, const ZepState& state)
     return true;
 }
 
-static void Drain(const BoundContext& context)
+static void Drain(const MinimalContext& context)
 {
     for (;;) {
         if (WdfWaitLockAcquire(context.statesLock, nullptr) != STATUS_SUCCESS) {
             return;
         }
         const WDFOBJECT object = WdfCollectionGetFirstItem(context.states);
-        const BoundState* queued = object == nullptr ? nullptr : GetBoundState(object);
+        const MinimalState* queued = object == nullptr ? nullptr : GetMinimalState(object);
         if (queued == nullptr) {
             WdfWaitLockRelease(context.statesLock);
             return;
@@ -195,7 +195,7 @@ static void Drain(const BoundContext& context)
 
 static void NTAPI Deliver(WDFWORKITEM)
 {
-    const BoundContext* context = GetBoundContext(WdfGetDriver());
+    const MinimalContext* context = GetMinimalContext(WdfGetDriver());
     if (context == nullptr || WdfWaitLockAcquire(context->runLock, nullptr) != STATUS_SUCCESS) {
         return;
     }
@@ -212,36 +212,36 @@ static NTSTATUS NTAPI RegisterClient(const GUID* guid, const CHAR*, const CHAR*,
                                      const ZepDataEntry*, ULONG, PVOID callbackContext)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, BoundClient);
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, MinimalClient);
     WDFOBJECT object;
     NTSTATUS status = WdfObjectCreate(&attributes, &object);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    BoundClient* client = GetBoundClient(object);
+    MinimalClient* client = GetMinimalClient(object);
     client->guid = *guid;
     client->callbackContext = callbackContext;
     client->isAnnounced = 1;
     status = WdfCollectionCreate(WDF_NO_OBJECT_ATTRIBUTES, &client->subscriptions);
-    return NT_SUCCESS(status) ? WdfCollectionAdd(GetBoundContext(WdfGetDriver())->clients, object) : status;
+    return NT_SUCCESS(status) ? WdfCollectionAdd(GetMinimalContext(WdfGetDriver())->clients, object) : status;
 }
 
 static NTSTATUS NTAPI Subscribe(const GUID* guid, const ZepState* filter, PZEP_STATE_NOTIFICATION_CALLBACK callback)
 {
     WDFOBJECT clientObject = nullptr;
-    const BoundClient* client = Find(*guid, clientObject);
+    const MinimalClient* client = Find(*guid, clientObject);
     if (client == nullptr) {
         return STATUS_ZEP_NOTIFIER_NO_DRIVER;
     }
     WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, BoundSubscription);
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, MinimalSubscription);
     attributes.ParentObject = clientObject;
     WDFOBJECT object;
     const NTSTATUS status = WdfObjectCreate(&attributes, &object);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    *GetBoundSubscription(object) = {.filter = *filter, .callback = callback};
+    *GetMinimalSubscription(object) = {.filter = *filter, .callback = callback};
     return WdfCollectionAdd(client->subscriptions, object);
 }
 
@@ -251,7 +251,7 @@ static void NTAPI NoReference(PVOID)
 
 static NTSTATUS NTAPI DeviceAdd(WDFDRIVER driver, PWDFDEVICE_INIT deviceInit)
 {
-    BoundContext& context = *GetBoundContext(driver);
+    MinimalContext& context = *GetMinimalContext(driver);
     WDFDEVICE device;
     NTSTATUS status = WdfDeviceCreate(&deviceInit, WDF_NO_OBJECT_ATTRIBUTES, &device);
     if (!NT_SUCCESS(status)) {
@@ -296,6 +296,6 @@ NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath)
     WDF_DRIVER_CONFIG config;
     WDF_DRIVER_CONFIG_INIT(&config, DeviceAdd);
     WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, BoundContext);
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, MinimalContext);
     return WdfDriverCreate(driverObject, registryPath, &attributes, &config, WDF_NO_HANDLE);
 }

@@ -1,6 +1,6 @@
-// The figures that repeat exactly do not get worse: instructions on the road of a state, tests at every reporting site,
-// objects for each client, subscription, state and command. Limits stand in limits.json; who mends a figure lowers its
-// limit there.
+// The results that repeat exactly do not get worse: instructions and list steps of the delivery path, tests at every
+// reporting site, objects for each client, subscription, state and command. Their limits are in limits.json; who improves
+// a result lowers its limit there.
 #include "bench/instruction_counter.h"
 #include "bench/sections.h"
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(Figures, AreWithinTheirLimitsAndGoals)
+TEST(Results, AreWithinTheirLimitsAndGoals)
 {
     bench::Table table;
     bench::MeasureDisabledTracing(table, {.isQuick = true});
@@ -28,7 +28,7 @@ TEST(Figures, AreWithinTheirLimitsAndGoals)
         }
     }
     if (bench::InstructionCounter::IsSupported()) {
-        EXPECT_EQ(held, limits.size()) << "a limit names no figure";
+        EXPECT_EQ(held, limits.size()) << "a limit names no result";
     }
 }
 

@@ -1,5 +1,5 @@
-// Side by side: a state posted by one party and delivered on a worker to N subscribers, by the Notifier and by what one
-// would use instead, in one run.
+// Comparison with other libraries: one party posts a state, and a worker delivers it to N subscribers; by the Notifier
+// and by what one would use instead, in one run.
 #include "bench/baselines/baseline.h"
 #include "bench/sections.h"
 #include "bench/fixture.h"
@@ -10,7 +10,7 @@
 namespace bench {
 namespace {
 
-constexpr const char* kSection = "Side by side";
+constexpr const char* kSection = "Comparison";
 
 void WaitFor(const std::function<bool()>& isDone)
 {
@@ -37,7 +37,22 @@ double TimeOfNotifier(Subject subject, unsigned subscribers, std::uint64_t burst
         isQuick, static_cast<double>(burst));
 }
 
-double TimeOfRival(const BaselineKind& kind, unsigned subscribers, bool isQuick)
+// How many more platform calls a delivery makes for one subscriber more.
+double CallsForEach(unsigned subscribers)
+{
+    const auto calls = [](unsigned clients) {
+        Fixture fixture({.clients = clients, .subscriptionsEach = 1});
+        fixture.Post(fixture.poster(), 1);
+        unsigned count = 0;
+        fixture.machine.environment().SetObserver([&count](const host::ObservedCall&) { ++count; });
+        fixture.machine.RunWorkItems();
+        fixture.machine.environment().SetObserver(nullptr);
+        return count;
+    };
+    return calls(subscribers + 1) - calls(subscribers);
+}
+
+double TimeOfBaseline(const BaselineKind& kind, unsigned subscribers, bool isQuick)
 {
     const std::unique_ptr<Baseline> baseline = kind.make(subscribers);
     std::uint64_t wanted = baseline->Delivered();
@@ -67,7 +82,7 @@ const std::vector<BaselineKind>& Baselines()
     return kinds;
 }
 
-void MeasureSideBySide(Table& table, const Options& options)
+void MeasureComparison(Table& table, const Options& options)
 {
     constexpr std::uint64_t kBurst = 256;
     for (const unsigned subscribers : {8u, 64u}) {
@@ -78,8 +93,21 @@ void MeasureSideBySide(Table& table, const Options& options)
                    .on = Name(Subject::kNative),
                    .value = ours,
                    .unit = "ns a post"});
+        const double least = TimeOfNotifier(Subject::kMinimal, subscribers, kBurst, options.isQuick);
+        table.Add({.section = kSection,
+                   .name = "share of the framework calls, by the minimal driver" + who,
+                   .on = Name(Subject::kMinimal),
+                   .value = 100 * least / ours,
+                   .unit = "%",
+                   .remark = std::to_string(static_cast<long>(least)) + " ns a post"});
+        table.Add({.section = kSection,
+                   .name = "framework calls for each further subscriber" + who,
+                   .on = Name(Subject::kNative),
+                   .value = CallsForEach(subscribers),
+                   .unit = "calls",
+                   .isExact = true});
         for (const BaselineKind& kind : Baselines()) {
-            const double theirs = TimeOfRival(kind, subscribers, options.isQuick);
+            const double theirs = TimeOfBaseline(kind, subscribers, options.isQuick);
             table.Add({.section = kSection,
                        .name = kind.name + who,
                        .on = "",
