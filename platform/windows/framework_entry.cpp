@@ -14,7 +14,7 @@ EXTERN_C const WDFFUNC* WdfFunctions_01015;
 const WDFFUNC* WdfFunctions_01015;
 PWDF_DRIVER_GLOBALS WdfDriverGlobals;
 
-// The framework tells clients of its first versions, which bring a table of their own, from later ones by this number.
+// The framework distinguishes clients of its first versions, which bring a table of their own, by this number.
 constexpr ULONG kFunctionCount = 444;
 constexpr USHORT kRegistryPathCharacters = 260;
 
@@ -30,7 +30,7 @@ static WDF_BIND_INFO g_BindInfo = {
     .Module = nullptr,
 };
 
-// The system's string is gone after the entry; unbinding wants it again.
+// The system frees its string after the entry; unbinding needs it again.
 static WCHAR g_RegistryPathBuffer[kRegistryPathCharacters];
 static UNICODE_STRING g_RegistryPath = {
     .Length = 0, .MaximumLength = sizeof(g_RegistryPathBuffer), .Buffer = g_RegistryPathBuffer};

@@ -7,8 +7,8 @@ EXTERN_C_START
 
 // ---- Stack protector ----
 
-// This value tells the system's loader that nobody has chosen one yet: it puts a random one here before the image's
-// entry runs.
+// The system's loader knows by this value that no cookie has been chosen yet: it puts a random one here before the
+// image's entry runs.
 constexpr ULONG_PTR kDefaultCookie = 0x00002B992DDFA232;
 extern ULONG_PTR __security_cookie;
 ULONG_PTR __security_cookie = kDefaultCookie;
