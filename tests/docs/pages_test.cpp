@@ -1,5 +1,5 @@
-// The interface header, the catalogue and the pages of docs/ against one another and against what really happens: every
-// status, prohibition and error event stands in docs/troubleshooting.md with a scenario that shows it.
+// The interface header, the list of reports and the pages of docs/ against one another and against what really happens:
+// every status, prohibition and error event stands in docs/troubleshooting.md with a scenario that shows it.
 #include "host/tracing/decode.h"
 #include "tests/docs/text_files.h"
 #include "tools/play/diagram.h"

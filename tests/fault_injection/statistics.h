@@ -26,7 +26,7 @@ public:
               const std::set<Site>& reached) const;
     [[nodiscard]] static Statistics OfAll(const std::string& container, const std::string& kind, unsigned shards);
 
-    // The catalogue's sites that are missing, by the shipped format files; a site is known by its trace message.
+    // The reporting sites that are missing, by the shipped format files; a site is known by its trace message.
     [[nodiscard]] Lines Unreached() const;
 
     // Prints them and writes them to build/<preset>/statistics/fault-injection-<container>-<kind>.txt.

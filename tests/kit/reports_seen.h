@@ -1,4 +1,5 @@
-// Which reports the tests have seen, left for the test reports_are_all_seen, which holds them against the catalogue.
+// Which reports the tests have seen, left for the test reports_are_all_seen, which compares them with the list of
+// reports.
 #pragma once
 
 #include "host/tracing/decode.h"
