@@ -16,14 +16,14 @@ enum class Rule {
     kDeadHandle,             // use after the last reference: memory corruption on the real system
     kForeignHandle,          // a value that no framework call ever handed out
     kRequiredParameter,      // framework bugcheck 0x10D (4)
-    kBadParameter,           // wrong structure size or impossible value where the call cannot answer a status
+    kBadParameter,           // wrong size or impossible value that no status answers, or that goes unchecked
     kDeleteNotAllowed,       // delete of a driver, device, default queue, file object or queued request
     kReferenceUnderflow,     // framework bugcheck 0x10D (7)
     kCollectionItem,         // removal of an item or index that is not there
     kLockNotOwned,           // release by a stranger, or twice
     kLockKept,               // a callback returned with a wait lock held
     kLockOrder,              // locks taken against the declared order
-    kSelfWait,               // a thread waits for a lock that it holds; it is parked
+    kSelfWait,               // a thread waits for what it holds itself, and is parked; or flushes its own work item
     kDeadlock,               // a thread waits for a lock whose holder can never give it back; it is parked
     kIrql,                   // called above the level that the function allows
     kRequestCompletedTwice,  //

@@ -234,12 +234,6 @@ void DriverFixture::Lose(const char* function, const char* detail, unsigned skip
                           .form = host::checks::FaultForm::kNull});
 }
 
-void DriverFixture::HideDriver()
-{
-    ++faultsArmed_;
-    machine.faults().Add({.function = "WdfGetDriver", .caller = "", .detail = ""});
-}
-
 void DriverFixture::EndFaults()
 {
     EXPECT_GE(machine.faults().StruckCount(), faultsArmed_) << "a fault was never reached";
