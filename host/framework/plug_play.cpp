@@ -215,7 +215,7 @@ HOST_EXPORT NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID entry)
         call.Violation(Rule::kCallbackObject, "the entry is no registration, or was unregistered before");
         return STATUS_INVALID_PARAMETER;
     }
-    const std::shared_ptr<PlugPlayRegistration> registration = *found;
+    const std::shared_ptr<PlugPlayRegistration> registration = std::move(*found);
     all.erase(found);
     registration->removed = true;
     // The routine may unregister itself; anybody else waits until it has returned.

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 
 namespace host::image {
 namespace {
@@ -49,6 +50,21 @@ std::uintmax_t LoadedBytes(int file, std::uintmax_t sizeBytes)
     return std::min(end, sizeBytes);
 }
 
+// Whether a debugger looks on, which reads the library that was loaded, and wants the symbols.
+bool IsTraced()
+{
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    int tracer = 0;
+    while (status >> word) {
+        if (word == "TracerPid:") {
+            status >> tracer;
+            break;
+        }
+    }
+    return tracer != 0;
+}
+
 // A copy of the file in memory, by descriptor.
 class PrivateCopy {
 public:
@@ -56,7 +72,8 @@ public:
     {
         const int source = open(file.c_str(), O_RDONLY | O_CLOEXEC);
         descriptor_ = memfd_create(file.filename().c_str(), MFD_CLOEXEC);
-        std::uintmax_t left = LoadedBytes(source, std::filesystem::file_size(file));
+        const std::uintmax_t sizeBytes = std::filesystem::file_size(file);
+        std::uintmax_t left = IsTraced() ? sizeBytes : LoadedBytes(source, sizeBytes);
         while (source >= 0 && descriptor_ >= 0 && left > 0) {
             const ssize_t copied = sendfile(descriptor_, source, nullptr, left);
             if (copied <= 0) {
@@ -76,11 +93,11 @@ public:
     PrivateCopy& operator=(const PrivateCopy&) = delete;
 
     // The loader takes a path that it has seen for the same library, and descriptor numbers come again while an earlier
-    // image stays mapped: so every path is spelled its own way.
+    // image stays mapped: so every path is spelled its own way. It names the process, for a debugger opens it, too.
     [[nodiscard]] std::string path() const
     {
         static std::atomic<unsigned> loads{0};
-        std::string spelled = "/proc/self/";
+        std::string spelled = "/proc/" + std::to_string(getpid()) + "/";
         for (unsigned number = ++loads; number != 0; number >>= 1) {
             spelled += (number & 1) != 0 ? "./" : "/";
         }

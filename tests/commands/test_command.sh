@@ -229,6 +229,47 @@ for preset in asan tsan; do
 done
 if grep -q 'left to' "$folder/output"; then fail "--all leaves something"; fi
 
+# ---- Checking ----
+
+cp "$root"/{.clang-format,.clang-tidy,.shellcheckrc} "$project"
+cp "$root/tests/check.sh" "$project/tests"
+mkdir -p "$project/host"
+printf 'int One();\n' > "$project/host/one.h"
+printf '#include "host/one.h"\n\nint One()\n{\n    return 1;\n}\n' > "$project/host/first.cpp"
+printf 'int Two()\n{\n    return 2;\n}\n' > "$project/host/two.cpp"
+cat > "$folder/bin/clang-tidy-19" <<SCRIPT
+#!/bin/sh
+if [ "\$1" = --version ]; then echo 'a version'; else for file; do :; done; echo "\$file" >> '$folder/ran'; fi
+! grep -qs UNTIDY "\$file"
+SCRIPT
+chmod +x "$folder/bin/clang-tidy-19"
+git -C "$project" branch -q -M main
+commit third
+zepn 0 check
+says "checked"
+ran ""
+zepn 0 check --all
+ran "host/first.cpp host/two.cpp"
+# A changed header is read through a source that includes it; what has passed is not read again.
+printf 'int Zero();\n' >> "$project/host/one.h"
+printf '// UNTIDY\n' >> "$project/host/two.cpp"
+zepn 1 check
+ran "host/first.cpp host/two.cpp"
+printf 'int Two()\n{\n    return 3;\n}\n' > "$project/host/two.cpp"
+zepn 0 check
+ran "host/first.cpp host/two.cpp"
+zepn 0 check
+ran ""
+printf 'int  Three();\n' > "$project/host/three.h"
+zepn 1 check
+says "host/three.h:1:4"
+rm "$project/host/three.h"
+printf '#!/bin/sh\necho $unquoted\n' > "$project/tests/careless.sh"
+zepn 1 check
+says "SC2154"
+rm "$project/tests/careless.sh"
+refuses "check takes --all and nothing else" check everything
+
 # Without a repository nobody knows what has changed.
 rm -rf "$project/.git"
 zepn 0 test

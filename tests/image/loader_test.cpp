@@ -6,8 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <functional>
 
 namespace tests {
@@ -152,6 +154,17 @@ TEST_F(Loader, ReplacesTheDefaultCookie)
         EXPECT_TRUE(cookies.insert(cookie).second) << cookie;
         EXPECT_EQ(cookie >> 48, 0u) << "the system's cookies leave the upper 16 bits clear";
     }
+}
+
+// A debugger opens the library by the name under which it was loaded.
+TEST_F(Loader, LoadsTheNativeDriverUnderANameThatOtherProcessesCanOpen)
+{
+    host::Environment environment({});
+    const auto image = host::image::LoadedImage::Load(environment, ZEPN_NATIVE_DRIVER);
+    Dl_info library{};
+    ASSERT_NE(dladdr(image->entry(), &library), 0);
+    EXPECT_EQ(std::system(("head -c 4 '" + std::string(library.dli_fname) + "' | grep -q ELF").c_str()), 0)
+        << library.dli_fname;
 }
 
 TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)

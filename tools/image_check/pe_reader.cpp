@@ -163,7 +163,8 @@ std::vector<ImportedModule> PeReader::Imports() const
         module.name = TextAtAddress(AtAddress<std::uint32_t>(descriptor + 12));
         const auto names = AtAddress<std::uint32_t>(descriptor);
         std::uint64_t slot = names != 0 ? names : AtAddress<std::uint32_t>(descriptor + 16);
-        for (; const auto entry = AtAddress<std::uint64_t>(slot); slot += 8) {
+        for (auto entry = AtAddress<std::uint64_t>(slot); entry != 0; entry = AtAddress<std::uint64_t>(slot)) {
+            slot += sizeof(entry);
             if ((entry & kByOrdinal) != 0) {
                 ++module.ordinals;
             } else {
