@@ -11,6 +11,14 @@ namespace fuzz {
 
 [[nodiscard]] const std::vector<FileKind>& FileKinds();
 
+// What zepn decode reads.
+[[nodiscard]] FileKind Captures();
+[[nodiscard]] FileKind Manifests();
+[[nodiscard]] FileKind Formats();
+
+// Damaged driver images, for the checks of images and for the host's loader.
+[[nodiscard]] FileKind Images();
+
 // The contents of a folder's files with this extension, in the order of their names.
 [[nodiscard]] std::vector<std::string> ContentsOf(const std::filesystem::path& folder, const std::string& extension);
 

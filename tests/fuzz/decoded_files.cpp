@@ -1,0 +1,169 @@
+// What zepn decode reads: captures, event manifests and message formats.
+#include "host/tracing/capture_file.h"
+#include "host/tracing/decode.h"
+#include "tests/fuzz/kinds.h"
+#include "tests/fuzz/read_as_file.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace fuzz {
+namespace {
+
+const std::filesystem::path kRoot = ZEPN_ROOT;
+const std::filesystem::path kDecodingFiles = kRoot / "out" / "manifest";
+
+// ---- Captures ----
+
+constexpr std::size_t kMagicBytes = 8;
+constexpr std::size_t kHeadBytes = 16;  // size in 32 bits, kind in 32 bits, order in 64 bits
+
+// The records with the one that ends the file; what cannot be one is left out.
+std::vector<std::string> RecordsOf(const std::string& capture)
+{
+    std::vector<std::string> records;
+    for (std::size_t at = kMagicBytes; at + kHeadBytes <= capture.size();) {
+        std::uint32_t sizeBytes = 0;
+        std::memcpy(&sizeBytes, &capture[at], sizeof(sizeBytes));
+        if (sizeBytes < kHeadBytes || sizeBytes > capture.size() - at) {
+            break;
+        }
+        records.push_back(capture.substr(at, sizeBytes));
+        at += sizeBytes;
+    }
+    return records;
+}
+
+// Records lost, doubled, in another order, with other contents; the sizes fit, and mostly the number at the end.
+std::string MutateRecords(Mutator& mutator, const std::string& original)
+{
+    std::vector<std::string> records = RecordsOf(original);
+    if (records.empty()) {
+        return original;
+    }
+    std::string end = records.back();
+    records.pop_back();
+    for (std::size_t left = 1 + mutator.Below(5); left > 0 && !records.empty(); --left) {
+        const std::size_t at = mutator.Below(records.size());
+        switch (mutator.Below(4)) {
+        case 0:
+            records.erase(records.begin() + static_cast<std::ptrdiff_t>(at));
+            break;
+        case 1: {
+            const std::string copy = records[at];
+            records.push_back(copy);
+            break;
+        }
+        case 2:
+            std::swap(records[at], records[mutator.Below(records.size())]);
+            break;
+        default: {
+            std::string body = mutator.MutateBytes(records[at].substr(kHeadBytes));
+            records[at] = records[at].substr(0, kHeadBytes) + body;
+            const auto sizeBytes = static_cast<std::uint32_t>(records[at].size());
+            std::memcpy(records[at].data(), &sizeBytes, sizeof(sizeBytes));
+        }
+        }
+    }
+    const std::uint64_t count = records.size() + (mutator.OneIn(8) ? 1 : 0);
+    std::memcpy(&end[kHeadBytes - sizeof(count)], &count, sizeof(count));
+    std::string capture = original.substr(0, kMagicBytes);
+    for (const std::string& record : records) {
+        capture += record;
+    }
+    return capture + end;
+}
+
+std::string ReadCaptureFile(const std::string& bytes)
+{
+    static const host::tracing::Manifest manifest(kDecodingFiles / "zepn.man");
+    static const host::tracing::MessageFormats formats(kDecodingFiles);
+    return ReadAsFile(bytes, [](const std::filesystem::path& file) {
+        for (const host::tracing::CapturedRecord& record : host::tracing::ReadCapture(file)) {
+            if (const auto* event = std::get_if<host::tracing::CapturedEvent>(&record)) {
+                (void)manifest.Decode(*event);
+            } else {
+                (void)formats.Decode(std::get<host::tracing::CapturedMessage>(record));
+            }
+        }
+    });
+}
+
+// ---- Manifests and message formats ----
+
+// Lines lost, doubled, in another order.
+std::string MutateLines(Mutator& mutator, const std::string& original)
+{
+    std::vector<std::string> lines;
+    for (std::size_t at = 0; at < original.size();) {
+        const std::size_t end = std::min(original.find('\n', at), original.size() - 1) + 1;
+        lines.push_back(original.substr(at, end - at));
+        at = end;
+    }
+    for (std::size_t left = 1 + mutator.Below(4); left > 0 && !lines.empty(); --left) {
+        const std::size_t at = mutator.Below(lines.size());
+        const auto place = lines.begin() + static_cast<std::ptrdiff_t>(at);
+        switch (mutator.Below(4)) {
+        case 0:
+            lines.erase(place);
+            break;
+        case 1: {
+            const std::string copy = *place;
+            lines.insert(place, copy);
+            break;
+        }
+        case 2:
+            std::swap(*place, lines[mutator.Below(lines.size())]);
+            break;
+        default:
+            *place = mutator.MutateBytes(*place);
+        }
+    }
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line;
+    }
+    return text;
+}
+
+}  // namespace
+
+FileKind Captures()
+{
+    return {.name = "captures",
+            .originals = [] { return ContentsOf(kRoot / "tests" / "windows", ".capture"); },
+            .words = {},
+            .mutate = MutateRecords,
+            .read = ReadCaptureFile,
+            .memoryFault = {}};
+}
+
+FileKind Manifests()
+{
+    return {.name = "manifests",
+            .originals = [] { return ContentsOf(kDecodingFiles, ".man"); },
+            .words = {"<a>", "</a>", "<event>", "<template tid=\"a\">", "</template>", "<data/>", "<!--", "-->", "<?",
+                      "<![CDATA[", "]]>", "&lt;", "&#0;", "&#x110000;", "\"", "win:UInt64", "\xFF\xFE", "\xEF\xBB\xBF"},
+            .mutate = MutateLines,
+            .read =
+                [](const std::string& bytes) {
+                    return ReadAsFile(bytes, [](const auto& file) { const host::tracing::Manifest manifest(file); });
+                },
+            .memoryFault = {}};
+}
+
+FileKind Formats()
+{
+    return {.name = "message_formats",
+            .originals = [] { return ContentsOf(kDecodingFiles, ".tmf"); },
+            .words = {"#typev", "{", "}", "ItemLong", ", Item", " -- ", "\"", "//", "%10!s!", "%0"},
+            .mutate = MutateLines,
+            .read =
+                [](const std::string& bytes) {
+                    return ReadAsFile(bytes,
+                                      [](const auto& file) { const host::tracing::MessageFormats formats(file); });
+                },
+            .memoryFault = {}};
+}
+
+}  // namespace fuzz
