@@ -1,32 +1,14 @@
 #include "bench/instructions.h"
 
-#include "tools/image_check/disassembly.h"
-
-#include <algorithm>
 #include <charconv>
-#include <regex>
-#include <sstream>
 #include <stdexcept>
 
 namespace bench {
 
-// Lines of the form "140001000:     	movl	0x1(%rip), %eax      # 0x1400101a8".
 std::vector<Instruction> ReadInstructions(const std::filesystem::path& image)
 {
-    std::vector<Instruction> instructions;
-    std::istringstream lines(image_check::Disassemble("llvm-objdump-19", image));
-    std::string line;
-    while (std::getline(lines, line)) {
-        std::smatch match;
-        // ARM64 immediates are written with '#' too: only one behind white space begins a comment.
-        const std::size_t cut = std::min(line.find("  # "), line.find("  // "));
-        const std::string code = line.substr(0, cut);
-        static const std::regex form(R"(^\s*([0-9a-f]+):\s+(\S+)\s*(.*?)\s*$)");
-        if (std::regex_match(code, match, form)) {
-            instructions.push_back({std::stoull(match[1], nullptr, 16) - kPreferredBase, match[2], match[3],
-                                    cut == std::string::npos ? "" : line.substr(cut)});
-        }
-    }
+    std::vector<Instruction> instructions =
+        image_check::ParseDisassembly(image_check::Disassemble("llvm-objdump-19", image), kPreferredBase);
     if (instructions.empty()) {
         throw std::runtime_error(image.string() + ": has no code that could be disassembled");
     }

@@ -1,6 +1,8 @@
 // An image's code, instruction by instruction, as its disassembly tells it.
 #pragma once
 
+#include "tools/image_check/disassembly.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -12,12 +14,7 @@ namespace bench {
 // The disassembly's addresses begin here; offsets are counted from it.
 inline constexpr std::uint64_t kPreferredBase = 0x140000000;
 
-struct Instruction {
-    std::uint64_t offset;  // from the image's base
-    std::string mnemonic;
-    std::string operands;
-    std::string comment;  // behind '#' (x64) or '//' (ARM64)
-};
+using image_check::Instruction;
 
 // All of an image's code, in order. Throws std::runtime_error when there is none.
 [[nodiscard]] std::vector<Instruction> ReadInstructions(const std::filesystem::path& image);

@@ -3,39 +3,16 @@
 // The kernel can unwind a routine without an entry in the function table only if it is a leaf: it calls nothing and
 // leaves the stack pointer alone. So no such instruction may stand outside the table's ranges.
 #include "tools/image_check/checks.h"
+#include "tools/image_check/disassembly.h"
 #include "tools/image_check/text.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
-#include <regex>
 #include <span>
 
 namespace image_check {
 namespace {
-
-struct Instruction {
-    std::uint64_t address;
-    std::string_view text;
-};
-
-// Lines of the form "140001000: <tab>instruction"; all others are headings.
-std::vector<Instruction> Parse(const PeReader& image, std::string_view disassembly)
-{
-    std::vector<Instruction> instructions;
-    while (!disassembly.empty()) {
-        const std::size_t lineEnd = std::min(disassembly.find('\n'), disassembly.size());
-        std::string_view line = disassembly.substr(0, lineEnd);
-        disassembly.remove_prefix(std::min(lineEnd + 1, disassembly.size()));
-        line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-        std::uint64_t address = 0;
-        const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), address, 16);
-        if (error == std::errc() && end != line.data() + line.size() && *end == ':') {
-            const auto consumed = static_cast<std::size_t>(end - line.data()) + 1;
-            instructions.push_back({address - image.headers().preferredBase, line.substr(consumed)});
-        }
-    }
-    return instructions;
-}
 
 // A disassembly that broke off must not pass for clean code.
 void CheckCompleteness(const PeReader& image, std::span<const Instruction> instructions, std::vector<Finding>& findings)
@@ -47,7 +24,7 @@ void CheckCompleteness(const PeReader& image, std::span<const Instruction> instr
         }
         const std::uint64_t end = std::uint64_t{section.address} + section.sizeBytes;
         const bool isReached = std::ranges::any_of(instructions, [&](const Instruction& instruction) {
-            return instruction.address < end && instruction.address + kLongestInstruction >= end;
+            return instruction.offset < end && instruction.offset + kLongestInstruction >= end;
         });
         if (!isReached) {
             findings.push_back({"disassembly", "does not reach the end of " + section.name});
@@ -55,59 +32,100 @@ void CheckCompleteness(const PeReader& image, std::span<const Instruction> instr
     }
 }
 
+bool IsPartOfName(char letter)
+{
+    return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '_';
+}
+
+// Whether a name stands among the operands, and not as a part of a longer one.
+bool Names(const Instruction& instruction, std::string_view name)
+{
+    const std::string_view operands = instruction.operands;
+    for (std::size_t at = operands.find(name); at != std::string_view::npos; at = operands.find(name, at + 1)) {
+        const std::size_t end = at + name.size();
+        if ((at == 0 || !IsPartOfName(operands[at - 1])) && (end == operands.size() || !IsPartOfName(operands[end]))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool NeedsUnwinding(const Instruction& instruction, bool isArm)
+{
+    constexpr std::string_view kX64Mnemonics[] = {"call", "push", "pop", "enter", "leave"};
+    if (isArm) {
+        return instruction.mnemonic == "bl" || instruction.mnemonic == "blr" || Names(instruction, "sp");
+    }
+    return std::ranges::any_of(kX64Mnemonics,
+                               [&](std::string_view start) { return instruction.mnemonic.starts_with(start); }) ||
+           Names(instruction, "rsp") || Names(instruction, "esp") || Names(instruction, "sp");
+}
+
+std::string TextOf(const Instruction& instruction)
+{
+    return Join(Hex(instruction.offset), ": ", instruction.mnemonic, " ", instruction.operands);
+}
+
 void CheckCoverage(const PeReader& image, std::span<const Instruction> instructions, std::vector<Finding>& findings)
 {
-    static const std::regex kArmNeedsUnwinding(R"(^\s*(bl|blr)\s|\bsp\b)");
-    static const std::regex kX64NeedsUnwinding(R"(^\s*(call|push|pop|enter|leave)|%[er]?sp\b)");
-    const std::regex& needsUnwinding =
-        image.headers().machine == kMachineArm64 ? kArmNeedsUnwinding : kX64NeedsUnwinding;
+    const bool isArm = image.headers().machine == kMachineArm64;
     const std::vector<FunctionRange> ranges = image.FunctionRanges();
     for (const Instruction& instruction : instructions) {
         const bool isCovered = std::ranges::any_of(ranges, [&](const FunctionRange& range) {
-            return instruction.address >= range.begin && instruction.address < range.end;
+            return instruction.offset >= range.begin && instruction.offset < range.end;
         });
-        if (!isCovered && std::regex_search(instruction.text.begin(), instruction.text.end(), needsUnwinding)) {
-            findings.push_back({"unwinding", Join(Hex(instruction.address), ":", instruction.text,
-                                                  " stands in no function of the table")});
+        if (!isCovered && NeedsUnwinding(instruction, isArm)) {
+            findings.push_back({"unwinding", TextOf(instruction) + " stands in no function of the table"});
         }
     }
+}
+
+// x18 holds the processor block. Wide vector state is not saved for drivers.
+bool UsesForbiddenRegister(const Instruction& instruction, bool isArm)
+{
+    if (isArm) {
+        return Names(instruction, "x18") || Names(instruction, "w18");
+    }
+    return instruction.operands.find("%ymm") != std::string::npos ||
+           instruction.operands.find("%zmm") != std::string::npos;
 }
 
 void CheckRegisters(const PeReader& image, std::span<const Instruction> instructions, std::vector<Finding>& findings)
 {
-    // x18 holds the processor block. Wide vector state is not saved for drivers.
-    static const std::regex kArmForbidden(R"(\b[xw]18\b)");
-    static const std::regex kX64Forbidden(R"(%[yz]mm[0-9])");
-    const std::regex& forbidden = image.headers().machine == kMachineArm64 ? kArmForbidden : kX64Forbidden;
+    const bool isArm = image.headers().machine == kMachineArm64;
     for (const Instruction& instruction : instructions) {
-        if (std::regex_search(instruction.text.begin(), instruction.text.end(), forbidden)) {
-            findings.push_back({"registers", Join(Hex(instruction.address), ":", instruction.text,
-                                                  " uses a register that is not the driver's")});
+        if (UsesForbiddenRegister(instruction, isArm)) {
+            findings.push_back({"registers", TextOf(instruction) + " uses a register that is not the driver's"});
         }
     }
 }
 
-std::uint64_t BranchTarget(std::string_view instruction, const std::regex& call)
+// Where a direct call leads; 0 for all else.
+std::uint64_t CallTarget(const Instruction& instruction)
 {
-    std::cmatch match;
-    if (!std::regex_search(instruction.data(), instruction.data() + instruction.size(), match, call)) {
-        return 0;
-    }
+    const std::string& mnemonic = instruction.mnemonic;
     std::uint64_t target = 0;
-    std::from_chars(match[1].first, match[1].second, target, 16);
+    if ((mnemonic == "call" || mnemonic == "callq" || mnemonic == "bl") && instruction.operands.starts_with("0x")) {
+        std::from_chars(instruction.operands.data() + 2, instruction.operands.data() + instruction.operands.size(),
+                        target, 16);
+    }
     return target;
+}
+
+bool IsFastFail(const Instruction& instruction)
+{
+    return (instruction.mnemonic == "int" && instruction.operands == "$0x29") ||
+           (instruction.mnemonic == "brk" && instruction.operands == "#0xf003");
 }
 
 // Where the check of a frame's cookie is called, which ends in a fast fail: in functions with a frame worth protecting.
 std::vector<std::uint64_t> CallsOfFrameCheck(const PeReader& image, std::span<const Instruction> instructions)
 {
     constexpr std::uint64_t kCheckBytesMaximum = 32;
-    static const std::regex kFastFail(R"(^\s*(int\s+\$0x29|brk\s+#0xf003)\b)");
-    static const std::regex kCall(R"(^\s*(?:callq?|bl)\s+0x([0-9a-f]+))");
     std::vector<std::uint64_t> fastFails;
     for (const Instruction& instruction : instructions) {
-        if (std::regex_search(instruction.text.begin(), instruction.text.end(), kFastFail)) {
-            fastFails.push_back(instruction.address);
+        if (IsFastFail(instruction)) {
+            fastFails.push_back(instruction.offset);
         }
     }
     const auto isCheck = [&](std::uint64_t address) {
@@ -117,9 +135,9 @@ std::vector<std::uint64_t> CallsOfFrameCheck(const PeReader& image, std::span<co
     };
     std::vector<std::uint64_t> calls;
     for (const Instruction& instruction : instructions) {
-        const std::uint64_t target = BranchTarget(instruction.text, kCall);
+        const std::uint64_t target = CallTarget(instruction);
         if (target != 0 && isCheck(target - image.headers().preferredBase)) {
-            calls.push_back(instruction.address);
+            calls.push_back(instruction.offset);
         }
     }
     return calls;
@@ -138,7 +156,7 @@ void CheckStackProtector(const PeReader& image, std::span<const Instruction> ins
 std::vector<Finding> CheckCode(const PeReader& image, std::string_view disassembly)
 {
     std::vector<Finding> findings;
-    const std::vector<Instruction> instructions = Parse(image, disassembly);
+    const std::vector<Instruction> instructions = ParseDisassembly(disassembly, image.headers().preferredBase);
     CheckCompleteness(image, instructions, findings);
     CheckRegisters(image, instructions, findings);
     CheckStackProtector(image, instructions, findings);
@@ -152,7 +170,7 @@ std::vector<Finding> CheckCode(const PeReader& image, std::string_view disassemb
 
 std::size_t CountCheckedFrames(const PeReader& image, std::string_view disassembly)
 {
-    const std::vector<Instruction> instructions = Parse(image, disassembly);
+    const std::vector<Instruction> instructions = ParseDisassembly(disassembly, image.headers().preferredBase);
     const std::vector<std::uint64_t> calls = CallsOfFrameCheck(image, instructions);
     const std::vector<FunctionRange> ranges = image.FunctionRanges();
     return static_cast<std::size_t>(std::ranges::count_if(ranges, [&](const FunctionRange& range) {

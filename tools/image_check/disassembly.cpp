@@ -1,7 +1,9 @@
 #include "tools/image_check/disassembly.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <stdexcept>
 #include <system_error>
@@ -25,6 +27,14 @@ std::string ReadAll(int descriptor)
             return text;
         }
     }
+}
+
+constexpr std::string_view kBlanks = " \t";
+
+std::string_view Trimmed(std::string_view text)
+{
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
 }  // namespace
@@ -64,6 +74,32 @@ std::string Disassemble(const std::string& program, const std::filesystem::path&
         throw std::runtime_error(program + " failed");
     }
     return text;
+}
+
+// Lines of the form "140001000:     \tmovl\t0x1(%rip), %eax      # 0x1400101a8".
+std::vector<Instruction> ParseDisassembly(std::string_view disassembly, std::uint64_t base)
+{
+    std::vector<Instruction> instructions;
+    while (!disassembly.empty()) {
+        const std::size_t lineEnd = std::min(disassembly.find('\n'), disassembly.size());
+        std::string_view line = Trimmed(disassembly.substr(0, lineEnd));
+        disassembly.remove_prefix(std::min(lineEnd + 1, disassembly.size()));
+        std::uint64_t address = 0;
+        const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), address, 16);
+        if (error != std::errc() || end == line.data() + line.size() || *end != ':') {
+            continue;
+        }
+        line.remove_prefix(static_cast<std::size_t>(end - line.data()) + 1);
+        // ARM64 immediates are written with '#' too: only one after two blanks begins a comment.
+        const std::size_t comment = std::min({line.find("  # "), line.find("  // "), line.size()});
+        const std::string_view code = Trimmed(line.substr(0, comment));
+        const std::size_t mnemonicEnd = std::min(code.find_first_of(kBlanks), code.size());
+        instructions.push_back({.offset = address - base,
+                                .mnemonic = std::string(code.substr(0, mnemonicEnd)),
+                                .operands = std::string(Trimmed(code.substr(mnemonicEnd))),
+                                .comment = std::string(line.substr(comment))});
+    }
+    return instructions;
 }
 
 }  // namespace image_check
