@@ -1,8 +1,8 @@
 // The loader takes the image that ships and refuses what is damaged, naming what is wrong.
-#include "tests/image/pe_view.h"
 #include "host/environment.h"
 #include "host/image/exports.h"
 #include "host/image/image.h"
+#include "tests/image/damage.h"
 
 #include <gtest/gtest.h>
 
@@ -10,15 +10,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 
 namespace tests {
 namespace {
-
-std::filesystem::path BuiltFile(const char* name, const char* file)
-{
-    return std::filesystem::path(ZEPN_ROOT) / "out" / name / file;
-}
 
 #if defined(__x86_64__)
 constexpr const char* kOwnMachine = "x64";
@@ -30,17 +26,16 @@ constexpr const char* kOtherMachine = "x64";
 
 class Loader : public testing::Test {
 protected:
-    const PeView good{BuiltFile(kOwnMachine, "zepn.sys")};
+    const PeReader good = PeReader::FromFile(PathOf(kOwnMachine));
 
     // What the loader says of these bytes; empty when it takes them.
     std::string Refusal(std::vector<std::uint8_t> bytes, bool checksumMended)
     {
         if (checksumMended) {
-            PeView view = good;
-            view.bytes = bytes;
-            const std::uint32_t sum = view.ComputedChecksum();
-            if (view.optional + 68 <= bytes.size()) {
-                memcpy(&bytes[view.optional + 64], &sum, 4);
+            try {
+                MendChecksum(bytes);
+            } catch (const FormatError&) {
+                // It has no place for one.
             }
         }
         const std::filesystem::path file =
@@ -63,7 +58,7 @@ protected:
 
     std::string RefusalOf(const std::function<void(std::vector<std::uint8_t>&)>& damage)
     {
-        std::vector<std::uint8_t> bytes = good.bytes;
+        Bytes bytes = good.bytes();
         damage(bytes);
         return Refusal(bytes, true);
     }
@@ -74,12 +69,12 @@ protected:
 void Loader::RegisterExports()
 {
     static const bool kDone = [] {
-        for (const auto& [module, names] : PeView(BuiltFile(kOwnMachine, "zepn.sys")).Imports()) {
-            for (const std::string& name : names) {
+        for (const image_check::ImportedModule& module : PeReader::FromFile(PathOf(kOwnMachine)).Imports()) {
+            for (const std::string& name : module.names) {
                 static std::vector<std::unique_ptr<std::string>> kept;
                 kept.push_back(std::make_unique<std::string>(name));
                 const host::image::Export entry{kept.back()->c_str(), &kept};
-                host::image::AddExports(module, std::span(&entry, 1));
+                host::image::AddExports(module.name, std::span(&entry, 1));
             }
         }
         return true;
@@ -89,8 +84,9 @@ void Loader::RegisterExports()
 
 TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
 {
-    EXPECT_EQ(Refusal(good.bytes, false), "");
-    const std::uint64_t optional = good.optional;
+    EXPECT_EQ(Refusal(good.bytes(), false), "");
+    const Places places{good};
+    const std::uint64_t optional = places.Optional(0);
     const std::uint64_t firstSection = optional + 240;
     const auto put = [](std::uint64_t at, std::vector<std::uint8_t> value) {
         return [at, value](std::vector<std::uint8_t>& bytes) {
@@ -114,24 +110,18 @@ TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
         {"overlapping sections", put(firstSection + 40 + 12, {0, 0x10, 0, 0}), "do not fit"},
         {"thread-local storage", put(optional + 112 + 72, {1, 0, 0, 0}), "none of this kind"},
         {"relocations stripped", put(optional - 2, {0x23, 0x00}), "relocations are stripped"},
-        {"relocation outside", put(good.Offset(good.Directory(5)), {0xFF, 0xFF, 0xFF, 0x7F}), "outside the image"},
-        {"relocation type", put(good.Offset(good.Directory(5)) + 8, {0x00, 0x30}), "type 3"},
-        {"unknown module", put(good.Offset(good.At<std::uint32_t>(good.Offset(good.Directory(1)) + 12)), {'q'}),
+        {"relocation outside", put(places.Table(5), {0xFF, 0xFF, 0xFF, 0x7F}), "outside the image"},
+        {"relocation type", put(places.Table(5) + 8, {0x00, 0x30}), "type 3"},
+        {"unknown module", put(places.Followed(places.Table(1) + 12), {'q'}), "not exported by this platform"},
+        {"unknown name", put(places.Followed(places.Followed(places.Table(1))) + 2, {'q'}),
          "not exported by this platform"},
-        {"unknown name",
-         put(good.Offset(static_cast<std::uint32_t>(
-                 good.At<std::uint64_t>(good.Offset(good.At<std::uint32_t>(good.Offset(good.Directory(1))))))) +
-                 2,
-             {'q'}),
-         "not exported by this platform"},
-        {"import by ordinal", put(good.Offset(good.At<std::uint32_t>(good.Offset(good.Directory(1)))) + 7, {0x80}),
-         "by ordinal"},
+        {"import by ordinal", put(places.Followed(places.Table(1)) + 7, {0x80}), "by ordinal"},
     };
     for (const Row& row : kRows) {
         const std::string refusal = RefusalOf(row.damage);
         EXPECT_NE(refusal.find(row.words), std::string::npos) << row.name << ": " << refusal;
     }
-    std::vector<std::uint8_t> changed = good.bytes;
+    std::vector<std::uint8_t> changed = good.bytes();
     changed[changed.size() / 2] ^= 1;
     EXPECT_NE(Refusal(changed, false).find("checksum"), std::string::npos);
 }
@@ -140,9 +130,8 @@ TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
 TEST_F(Loader, ReplacesTheDefaultCookie)
 {
     constexpr std::uint64_t kDefaultCookie = 0x00002B992DDFA232;
-    const auto field = good.At<std::uint64_t>(good.Offset(good.Directory(10)) + 88);
-    const auto cookieAddress = static_cast<std::uint32_t>(field - good.Optional<std::uint64_t>(24));
-    ASSERT_EQ(good.At<std::uint64_t>(good.Offset(cookieAddress)), kDefaultCookie);
+    const std::uint64_t cookieAddress = good.CookieAddress();
+    ASSERT_EQ(good.AtAddress<std::uint64_t>(cookieAddress), kDefaultCookie);
     host::Environment environment({});
     RegisterExports();
     std::set<std::uint64_t> cookies = {0, kDefaultCookie};
@@ -170,9 +159,8 @@ TEST_F(Loader, LoadsTheNativeDriverUnderANameThatOtherProcessesCanOpen)
 TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)
 {
     host::Environment environment({});
-    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, BuiltFile(kOtherMachine, "zepn.sys")),
-                 host::HostError);
-    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, BuiltFile(kOwnMachine, "zepn.map")),
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kOtherMachine)), host::HostError);
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kOwnMachine).replace_extension(".map")),
                  host::HostError);
     EXPECT_THROW((void)host::image::LoadedImage::Load(environment, "/nonexistent"), host::HostError);
 }
@@ -181,16 +169,16 @@ TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)
 TEST_F(Loader, SurvivesEveryChangedHeaderByteAndEveryLength)
 {
     unsigned refused = 0;
-    const auto headers = good.Optional<std::uint32_t>(60);
+    const std::uint32_t headers = good.headers().headersSizeBytes;
     for (std::size_t at = 0; at < headers; ++at) {
-        std::vector<std::uint8_t> bytes = good.bytes;
+        Bytes bytes = good.bytes();
         bytes[at] ^= 0xFF;
         refused += Refusal(bytes, true).empty() ? 0 : 1;
     }
     EXPECT_GT(refused, 100u);
-    for (std::size_t length = 0; length < good.bytes.size(); length += 97) {
-        const std::vector<std::uint8_t> bytes(good.bytes.begin(),
-                                              good.bytes.begin() + static_cast<std::ptrdiff_t>(length));
+    for (std::size_t length = 0; length < good.bytes().size(); length += 97) {
+        const std::vector<std::uint8_t> bytes(good.bytes().begin(),
+                                              good.bytes().begin() + static_cast<std::ptrdiff_t>(length));
         EXPECT_NE(Refusal(bytes, true), "") << length << " bytes";
     }
 }
