@@ -264,6 +264,7 @@ printf 'int  Three();\n' > "$project/host/three.h"
 zepn 1 check
 says "host/three.h:1:4"
 rm "$project/host/three.h"
+# shellcheck disable=SC2016
 printf '#!/bin/sh\necho $unquoted\n' > "$project/tests/careless.sh"
 zepn 1 check
 says "SC2154"

@@ -50,6 +50,7 @@ sed 's/"title": *"[^"]*"/"title": "A scenario of the caller"/' scenarios/boot.js
 (
     cd "$caller"
     touch 3 x64
+    # shellcheck disable=SC2094
     "$root/zepn" demo mine.json --etw 3 --image x64 --capture=run --diagram picture.mmd > demo
     grep -q 'A scenario of the caller' demo
     "$root/zepn" decode run > reports
