@@ -1,8 +1,7 @@
 #include "bench/link_map.h"
+#include "host/image/link_map.h"
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -10,27 +9,17 @@ namespace bench {
 
 LinkMap ReadLinkMap(const std::filesystem::path& file)
 {
-    std::ifstream stream(file);
-    if (!stream) {
-        throw std::runtime_error(file.string() + ": cannot be read");
-    }
+    using host::image::LinkMapEntry;
     LinkMap map;
     const std::regex record(R"(struct SiteRecord const kSiteRecord<(\d+)>)");
-    std::string line;
-    while (std::getline(stream, line)) {
-        std::uint64_t address = 0;
-        std::uint64_t size = 0;
-        std::istringstream fields(line);
-        if (!(fields >> std::hex >> address >> size)) {
-            continue;
-        }
+    for (const LinkMapEntry& entry : host::image::ReadLinkMap(file)) {
         std::smatch match;
-        if (line.ends_with("struct TraceEnableWords g_TraceEnable")) {
-            map.words = address;
-        } else if (std::regex_search(line, match, record)) {
-            map.records[address] = std::stoi(match[1]);
-        } else if (line.find("/trace/") != std::string::npos && line.ends_with("(.text)")) {
-            map.reporting.push_back({address, address + size});
+        if (entry.name.ends_with("struct TraceEnableWords g_TraceEnable")) {
+            map.words = entry.offset;
+        } else if (std::regex_search(entry.name, match, record)) {
+            map.records[entry.offset] = std::stoi(match[1]);
+        } else if (entry.name.find("/trace/") != std::string::npos && entry.name.ends_with("(.text)")) {
+            map.reporting.push_back({entry.offset, entry.offset + entry.sizeBytes});
         }
     }
     if (map.words == 0 || map.records.empty() || map.reporting.empty()) {

@@ -1,4 +1,5 @@
 #include "host/image/symbols.h"
+#include "host/image/link_map.h"
 
 #include <cxxabi.h>
 #include <elf.h>
@@ -10,7 +11,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <sstream>
 
 namespace host::image {
 namespace {
@@ -69,20 +69,10 @@ Symbols ReadOnce(const std::filesystem::path& file, std::vector<Symbol> (*read)(
 
 std::vector<Symbol> ReadMapFile(const std::filesystem::path& map)
 {
-    std::ifstream stream(map);
     std::vector<Symbol> symbols;
-    std::string line;
-    while (std::getline(stream, line)) {
-        // Columns: address, size, alignment; then section at 24, input at 32, symbol at 40.
-        constexpr std::size_t kSectionColumn = 24;
-        constexpr std::size_t kSymbolColumn = 40;
-        if (line.size() <= kSymbolColumn || line.find_first_not_of(' ', kSectionColumn) != kSymbolColumn) {
-            continue;
-        }
-        std::istringstream fields(line);
-        std::uint64_t address = 0;
-        if (fields >> std::hex >> address) {
-            symbols.push_back({address, BareName(line.substr(kSymbolColumn))});
+    for (const LinkMapEntry& entry : ReadLinkMap(map)) {
+        if (entry.kind == LinkMapEntry::Kind::kSymbol) {
+            symbols.push_back({entry.offset, BareName(entry.name)});
         }
     }
     return symbols;
