@@ -31,7 +31,7 @@ constexpr bool kStaysLoaded = false;
 constexpr bool kStaysLoaded = false;
 #endif
 
-// Where the last segment that is loaded ends: what lies behind it (debug information, symbols) no loader looks at.
+// Where the last segment that is loaded ends: what lies after it (debug information, symbols) no loader looks at.
 std::uintmax_t LoadedBytes(int file, std::uintmax_t sizeBytes)
 {
     Elf64_Ehdr header{};

@@ -156,11 +156,11 @@ void PeFile::CheckSection(const PeSection& section, std::uint32_t earliestAddres
         section.virtualAddress < earliestAddress || section.virtualSize > imageSize_ ||
         section.virtualAddress > imageSize_ - section.virtualSize) {
         Refuse(place, "addresses " + Hex(section.virtualAddress) + " and " + Hex(section.virtualSize) +
-                          " bytes on do not fit behind " + Hex(earliestAddress) + " into an image of " +
+                          " bytes on do not fit after " + Hex(earliestAddress) + " into an image of " +
                           Hex(imageSize_));
     }
     if (section.rawSize > bytes_.size() || section.rawOffset > bytes_.size() - section.rawSize) {
-        Refuse(place, "its data lie behind the end of the file");
+        Refuse(place, "its data lie beyond the end of the file");
     }
     if (section.IsExecutable() && section.IsWritable()) {
         Refuse(place, "writable and executable");

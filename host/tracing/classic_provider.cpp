@@ -1,4 +1,5 @@
-// The registration route of old systems: WMI requests to the control block's callback, and the query that it makes.
+// Classic (WMI) provider registration, as old systems have it: requests to the callback of a control block, and the query
+// that it makes.
 #include "host/checks/unused_stack.h"
 #include "host/environment.h"
 #include "host/tracing/state.h"
@@ -26,7 +27,7 @@ constexpr ULONG kActionDeregister = 0x80000002u;
 
 LONG Request(const Provider& provider, std::uint8_t minor, void* buffer, ULONG length, ULONG& size)
 {
-    const auto callback = reinterpret_cast<host::tracing::LegacyCallback>(const_cast<void*>(provider.callback));
+    const auto callback = reinterpret_cast<host::tracing::WmiCallback>(const_cast<void*>(provider.callback));
     host::checks::FillUnusedStack();
     return callback(minor, nullptr, length, buffer, provider.context, &size);
 }
@@ -42,7 +43,7 @@ void Expect(bool holds, const Provider& provider, const char* what)
 
 namespace host::tracing {
 
-void QueryLegacyRegistration(const Provider& provider, GUID& control)
+void QueryWmiRegistration(const Provider& provider, GUID& control)
 {
     alignas(8) unsigned char buffer[kRegisterInfoSize];
     ULONG size = 0;
@@ -86,7 +87,7 @@ void QueryLegacyRegistration(const Provider& provider, GUID& control)
            "an unknown request is not refused");
 }
 
-void SendLegacyRequest(const Provider& provider, std::uint8_t minor, const GUID& control, TRACEHANDLE logger)
+void SendWmiRequest(const Provider& provider, std::uint8_t minor, const GUID& control, TRACEHANDLE logger)
 {
     WNODE_HEADER header{};
     header.BufferSize = sizeof(header);
@@ -110,8 +111,8 @@ extern "C" __attribute__((visibility("default"), used)) NTSTATUS NTAPI IoWMIRegi
     if (action == kActionRegister) {
         const void* callback;
         std::memcpy(&callback, block, sizeof(callback));
-        Provider provider{ProviderKind::kLegacy, 0, {}, callback, block, call.caller()};
-        QueryLegacyRegistration(provider, provider.guid);
+        Provider provider{ProviderKind::kWmi, 0, {}, callback, block, call.caller()};
+        QueryWmiRegistration(provider, provider.guid);
         bool armed;
         {
             const std::lock_guard lock(state.mutex);
@@ -126,9 +127,8 @@ extern "C" __attribute__((visibility("default"), used)) NTSTATUS NTAPI IoWMIRegi
     }
     if (action == kActionDeregister) {
         const std::lock_guard lock(state.mutex);
-        const std::size_t removed = state.providers.remove_if([&](const Provider& provider) {
-            return provider.kind == ProviderKind::kLegacy && provider.context == block;
-        });
+        const std::size_t removed = state.providers.remove_if(
+            [&](const Provider& provider) { return provider.kind == ProviderKind::kWmi && provider.context == block; });
         if (removed != 0) {
             return STATUS_SUCCESS;
         }

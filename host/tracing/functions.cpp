@@ -132,10 +132,10 @@ HOST_EXPORT NTSTATUS NTAPI EtwWrite(REGHANDLE handle, PCEVENT_DESCRIPTOR descrip
         event.payload.insert(event.payload.end(), bytes, bytes + fields[index].Size);
     }
 
-    bool heard = false;
+    bool isEnabled = false;
     for (const auto& session : state.eventSessions) {
         if (SameGuid(session.options.provider, provider->guid) && Passes(session.options, *descriptor)) {
-            heard = true;
+            isEnabled = true;
             event.session = session.id;
             event.order = state.nextOrder++;
             state.events.push_back(event);
@@ -144,7 +144,7 @@ HOST_EXPORT NTSTATUS NTAPI EtwWrite(REGHANDLE handle, PCEVENT_DESCRIPTOR descrip
             }
         }
     }
-    state.disabledEvents += heard ? 0 : 1;
+    state.disabledEvents += isEnabled ? 0 : 1;
     return STATUS_SUCCESS;
 }
 

@@ -13,9 +13,8 @@ namespace host::tracing {
 
 using ClassicCallback = VOID(NTAPI*)(LPCGUID guid, UCHAR code, PVOID enableContext, PVOID callbackContext);
 
-// Offset 0 of a legacy control block.
-using LegacyCallback = LONG(NTAPI*)(UCHAR minor, PVOID path, ULONG bufferLength, PVOID buffer, PVOID context,
-                                    PULONG size);
+// Offset 0 of a control block that is registered for WMI requests.
+using WmiCallback = LONG(NTAPI*)(UCHAR minor, PVOID path, ULONG bufferLength, PVOID buffer, PVOID context, PULONG size);
 
 // What a session gives a classic provider; 16 bytes with the extended form's rest.
 struct ClassicEnableContext {
@@ -28,14 +27,14 @@ struct ClassicEnableContext {
 };
 static_assert(sizeof(ClassicEnableContext) == 16);
 
-enum class ProviderKind { kEvents, kClassic, kLegacy };
+enum class ProviderKind { kEvents, kClassic, kWmi };
 
 struct Provider {
     ProviderKind kind;
     REGHANDLE handle;
     GUID guid;
-    const void* callback;  // PETWENABLECALLBACK, ClassicCallback or LegacyCallback
-    void* context;         // legacy: the control block
+    const void* callback;  // PETWENABLECALLBACK, ClassicCallback or WmiCallback
+    void* context;         // WMI: the control block
     const void* caller;
 };
 
@@ -89,10 +88,10 @@ struct Tracing::State {
     return memcmp(&first, &second, sizeof(GUID)) == 0;
 }
 
-// Legacy route: asks a new control block for its registration data and reports what is wrong with the answer.
-void QueryLegacyRegistration(const Provider& provider, GUID& control);
+// Classic (WMI) registration: asks a new control block for its data and reports what is wrong with the answer.
+void QueryWmiRegistration(const Provider& provider, GUID& control);
 
-// Legacy route: enable (minor 4) or disable (minor 5) request.
-void SendLegacyRequest(const Provider& provider, std::uint8_t minor, const GUID& control, TRACEHANDLE logger);
+// Classic (WMI) registration: enable (minor 4) or disable (minor 5) request.
+void SendWmiRequest(const Provider& provider, std::uint8_t minor, const GUID& control, TRACEHANDLE logger);
 
 }  // namespace host::tracing

@@ -1,4 +1,4 @@
-// Sessions: opening, changing, closing, and what providers are told of it.
+// Sessions: opening, changing, closing, and what providers are notified of.
 #include "host/tracing/tracing.h"
 
 #include "host/checks/unused_stack.h"
@@ -108,11 +108,11 @@ void Tracing::State::NotifyMessages(const Provider& provider)
             receiver = *session;
         }
     }
-    if (provider.kind == ProviderKind::kLegacy) {
+    if (provider.kind == ProviderKind::kWmi) {
         constexpr std::uint8_t kEnableEvents = 4;
         constexpr std::uint8_t kDisableEvents = 5;
-        SendLegacyRequest(provider, receiver ? kEnableEvents : kDisableEvents, provider.guid,
-                          receiver ? LoggerHandle(*receiver) : 0);
+        SendWmiRequest(provider, receiver ? kEnableEvents : kDisableEvents, provider.guid,
+                       receiver ? LoggerHandle(*receiver) : 0);
         return;
     }
     const auto callback = reinterpret_cast<ClassicCallback>(const_cast<void*>(provider.callback));
@@ -305,7 +305,7 @@ void Tracing::SendMessageControl(const GUID& control, std::uint8_t code, bool nu
         } else {
             Provider addressed = provider;
             addressed.context = nullContext ? nullptr : provider.context;
-            SendLegacyRequest(addressed, code, control, 0);
+            SendWmiRequest(addressed, code, control, 0);
         }
     }
 }

@@ -33,7 +33,7 @@ std::string MutateHeaders(Mutator& mutator, const std::string& original)
     std::string image = original;
     const std::size_t begin =
         mutator.OneIn(3) ? mutator.Below(original.size() - kPieceBytes) : mutator.Below(kHeaderBytes - kPieceBytes);
-    // As long as before: what is behind stays where it was.
+    // As long as before: what comes after it stays where it was.
     std::string piece = mutator.MutateBytes(original.substr(begin, kPieceBytes));
     piece.resize(kPieceBytes);
     std::ranges::copy(piece, image.begin() + static_cast<std::ptrdiff_t>(begin));

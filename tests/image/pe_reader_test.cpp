@@ -1,4 +1,4 @@
-// The reader behind the checks of images, against LLVM's own: both read the same in what ships. What a damaged image is
+// The reader of the checks of images, against LLVM's own: both read the same in what ships. What a damaged image is
 // read as, the checks' tests say.
 #include "tests/image/damage.h"
 #include "tools/image_check/text.h"
@@ -90,7 +90,7 @@ TEST_P(PeReaderAndLlvm, ReadTheSame)
 {
     const std::vector<std::string> theirs = PrintedByLlvm(PathOf(GetParam()));
     const std::vector<std::string> ours = PrintedByUs(PeReader::FromFile(PathOf(GetParam())));
-    // Ours in theirs, in order; theirs have more behind some: the name's bytes, an import's hint.
+    // Ours in theirs, in order; theirs have more after some: the name's bytes, an import's hint.
     auto at = theirs.begin();
     for (const std::string& line : ours) {
         const auto found = std::find_if(at, theirs.end(), [&](const std::string& other) {

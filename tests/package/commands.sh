@@ -40,7 +40,7 @@ done
 grep -q 'Notifier_HelperInit' "$folder/reports"
 ./zepn demo --image arm64 > "$folder/arm64"
 grep -q 'no violation, nothing left behind' "$folder/arm64"
-# The seed is told before the search, whatever becomes of that.
+# The seed is printed before the search, whatever becomes of that.
 ./zepn fuzz --image native --seed 5 --seconds 0.5 --scenario "$folder/fuzz.json" > "$folder/fuzz"
 head -n 1 "$folder/fuzz" | grep -q -- '--seed 5 '
 # From a folder of the caller's, where a name may look like a value and a value like a name.

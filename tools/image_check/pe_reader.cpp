@@ -90,7 +90,7 @@ void PeReader::ReadSections(std::uint64_t offset, std::uint16_t count)
 const std::uint8_t* PeReader::Range(std::uint64_t offset, std::uint64_t sizeBytes) const
 {
     if (sizeBytes > bytes_.size() || offset > bytes_.size() - sizeBytes) {
-        throw FormatError(Join(sizeBytes, " bytes at offset ", Hex(offset), " lie behind the end of the file"));
+        throw FormatError(Join(sizeBytes, " bytes at offset ", Hex(offset), " lie beyond the end of the file"));
     }
     return bytes_.data() + offset;
 }

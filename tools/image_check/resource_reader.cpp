@@ -68,7 +68,7 @@ private:
     [[nodiscard]] std::uint64_t Address(std::uint64_t offset, std::uint64_t sizeBytes) const
     {
         if (offset + sizeBytes > directory_.sizeBytes) {
-            throw FormatError(Join(sizeBytes, " bytes at ", Hex(offset), " lie behind the resource directory"));
+            throw FormatError(Join(sizeBytes, " bytes at ", Hex(offset), " lie beyond the resource directory"));
         }
         return directory_.address + offset;
     }

@@ -93,7 +93,7 @@ void CheckAccess(const Section& section, Report& report)
     }
 }
 
-// Contents in the file begin and end at whole units, behind those of the section before.
+// Contents in the file begin and end at whole units, after those of the section before.
 void CheckRawData(const Section& section, std::uint64_t previousEnd, Report& report)
 {
     if (section.rawSizeBytes == 0) {
@@ -119,7 +119,7 @@ void CheckSections(const PeReader& image, Report& report)
         const auto add = [&](std::string_view text) { report.Add(section.name + " " + std::string(text)); };
         if (section.address != nextAddress || section.sizeBytes == 0) {
             add(Join("begins at ", Hex(section.address), " with ", section.sizeBytes,
-                     " bytes, not right behind what stands before it"));
+                     " bytes, not right after what stands before it"));
         }
         nextAddress = section.address + roundUp(section.sizeBytes);
         if (std::uint64_t{section.rawOffset} + section.rawSizeBytes > image.bytes().size()) {
@@ -148,7 +148,7 @@ void CheckSections(const PeReader& image, Report& report)
         report.Add(
             Join("the sections end at ", Hex(nextAddress), ", the image at ", Hex(image.headers().imageSizeBytes)));
     }
-    // Only a signature may stand behind the sections. Its "address" is an offset.
+    // Only a signature may stand after the sections. Its "address" is an offset.
     const Directory signature = image.directory(kCertificates);
     const std::uint64_t end = signature.address == 0 ? fileEnd : std::uint64_t{signature.address} + signature.sizeBytes;
     if (end != image.bytes().size()) {

@@ -7,7 +7,7 @@
 
 namespace image_check {
 
-// The parts one behind the other, as a stream writes them.
+// The parts one after the other, as a stream writes them.
 template <class... Parts>
 [[nodiscard]] std::string Join(const Parts&... parts)
 {
