@@ -12,6 +12,7 @@ enum Armed : unsigned {
     kArmedFaults = 4,
     kArmedHiding = 8,  // the thread sanitizer learns of driver locks alone
     kArmedNoMachine = 16,
+    kArmedStrangers = 32,  // somebody released a wait lock that another thread held
 };
 
 inline std::atomic<unsigned> theArmed{kArmedNoMachine};

@@ -6,12 +6,25 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <mutex>
 
 namespace host {
 namespace {
 
 Environment* g_current = nullptr;
 std::atomic<std::uint64_t> g_nextThreadId{1};
+
+struct KnownThreads {
+    std::mutex mutex;
+    std::map<std::uint64_t, const ThreadState*> byId;
+};
+
+KnownThreads& TheThreads()
+{
+    static auto* threads = new KnownThreads;  // threads may outlive everything
+    return *threads;
+}
 
 }  // namespace
 
@@ -30,7 +43,7 @@ Environment::Environment(MachineOptions machineOptions) : options(machineOptions
 
 Environment::~Environment()
 {
-    for (const Armed ended : {kArmedObserver, kArmedFaults, kArmedHiding}) {
+    for (const Armed ended : {kArmedObserver, kArmedFaults, kArmedHiding, kArmedStrangers}) {
         Arm(ended, false);
     }
     Arm(kArmedNoMachine, true);
@@ -68,6 +81,36 @@ void Environment::Report(checks::Rule rule, std::string function, std::string me
 
 ThreadState::ThreadState() : id(g_nextThreadId++)
 {
+    const std::lock_guard lock(TheThreads().mutex);
+    TheThreads().byId[id] = this;
+}
+
+ThreadState::~ThreadState()
+{
+    const std::lock_guard lock(TheThreads().mutex);
+    TheThreads().byId.erase(id);
+}
+
+void ThreadState::Rename(const std::string& newName)
+{
+    const std::lock_guard lock(TheThreads().mutex);
+    name = newName;
+}
+
+void ThreadState::BeginWork(const std::string& newName)
+{
+    Rename(newName);
+    irql = PASSIVE_LEVEL;
+    criticalRegions = 0;
+    heldLocks.clear();
+    scheduledAs = ~0u;
+}
+
+std::string ThreadState::NameOf(std::uint64_t id)
+{
+    const std::lock_guard lock(TheThreads().mutex);
+    const auto found = TheThreads().byId.find(id);
+    return found == TheThreads().byId.end() ? "a thread that has ended" : found->second->name;
 }
 
 ThreadState& ThreadState::OfSystemThread()

@@ -92,8 +92,8 @@ private:
 
 // State of the calling thread as the platform would keep it.
 struct ThreadState {
-    std::uint64_t id;  // never reused within a process
-    std::string name = "main";
+    const std::uint64_t id;     // never reused within a process
+    std::string name = "main";  // changed by Rename
     KIRQL irql = PASSIVE_LEVEL;
     int criticalRegions = 0;  // wait locks entered and not left
     // The wait locks that it holds, in the order taken. Handles, for a lock may go while it is held.
@@ -101,8 +101,19 @@ struct ThreadState {
     unsigned scheduledAs = ~0u;  // which thread of a controlled schedule it runs for; ~0: none
 
     ThreadState();
+    ~ThreadState();
+    ThreadState(const ThreadState&) = delete;
+    ThreadState& operator=(const ThreadState&) = delete;
+
+    void Rename(const std::string& newName);
+    void BeginWork(const std::string& newName);  // as a thread of this name that has done nothing yet
+    // The name of any thread, for reports; of one that has ended: "a thread that has ended".
+    static std::string NameOf(std::uint64_t id);
+
     // Whether the calling thread is known and at this level or below.
     static bool IsAtMost(KIRQL level) { return current_ != nullptr && current_->irql <= level; }
+    // Null as long as nobody asked for the calling thread's.
+    static ThreadState* Known() { return current_; }
     static ThreadState& Current() { return current_ != nullptr ? *current_ : OfSystemThread(); }
 
     // Makes the calling system thread run as another thread; returns what it ran as before.

@@ -389,6 +389,7 @@ void Machine::RankLock(WDFWAITLOCK handle, unsigned rank)
         throw HostError("only a wait lock can have a place in the order of locks");
     }
     static_cast<framework::WaitLockObject*>(object)->rank = rank;
+    framework::LockOrder::ForgetLookedAt(framework_->handles);
 }
 
 std::uint64_t Machine::SecondDeletes() const

@@ -161,7 +161,7 @@ WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION han
 {
     if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
         Slot* slot = HandleTable::Current().Find(handle);
-        if (CollectionAtOnce(slot) != nullptr && !slot->isLocked.exchange(true, std::memory_order_acquire)) {
+        if (CollectionAtOnce(slot) != nullptr && slot->owner.exchange(1, std::memory_order_acquire) == 0) {
             // While the slot is locked the collection stays.
             auto* collection = static_cast<CollectionObject*>(slot->object.load(std::memory_order_relaxed));
             WDFOBJECT item = nullptr;
@@ -169,7 +169,7 @@ WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION han
                 item = collection->items[index]->handle;
                 collection->listSteps += index + 1;
             }
-            slot->isLocked.store(false, std::memory_order_release);
+            slot->owner.store(0, std::memory_order_release);
             if (item != nullptr) {
                 return item;
             }

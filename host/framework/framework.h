@@ -6,6 +6,7 @@
 #include "host/checks/unused_stack.h"
 #include "host/environment.h"
 #include "host/framework/handle_table.h"
+#include "host/framework/lock_order.h"
 #include "host/image/image.h"
 #include "host/kernel/kernel.h"
 #include "host/schedule/threads.h"
@@ -180,9 +181,7 @@ public:
 
     // ---- Wait locks (wait_locks.cpp) ----
 
-    // Which lock was taken while another was held, and where: the orders seen so far.
-    std::map<WDFOBJECT, std::map<WDFOBJECT, const void*>> lockOrders;
-    void CheckLockOrder(const PlatformCall& call, const WaitLockObject& wanted);
+    LockOrder lockOrder;
 
     // Runs driver code that must come back with every wait lock given back; says which was kept when not.
     template <class Callback>

@@ -141,7 +141,7 @@ void ContextList::Add(std::unique_ptr<Context> context)
 
 SlotLock::SlotLock(Slot& slot) : slot_(slot)
 {
-    while (slot_.isLocked.exchange(true, std::memory_order_acquire)) {
+    while (slot_.owner.exchange(1, std::memory_order_acquire) != 0) {
         std::this_thread::yield();
     }
 }
@@ -192,8 +192,10 @@ void HandleTable::Remove(Object& object)
 {
     (object.previousAlive != nullptr ? object.previousAlive->nextAlive : firstAlive_) = object.nextAlive;
     (object.nextAlive != nullptr ? object.nextAlive->previousAlive : lastAlive_) = object.previousAlive;
-    {
-        const SlotLock lock(*object.slot);
+    if (object.type == ObjectType::kCollection) {
+        const SlotLock lock(*object.slot);  // nobody looks for an item now
+        object.slot->object.store(nullptr, std::memory_order_release);
+    } else {
         object.slot->object.store(nullptr, std::memory_order_release);
     }
     delete &object;
@@ -310,10 +312,7 @@ void Framework::FreeObject(Object& object)
         object.driver->driver = nullptr;
     }
     if (object.type == ObjectType::kWaitLock) {
-        lockOrders.erase(object.handle);
-        for (auto& [held, later] : lockOrders) {
-            later.erase(object.handle);
-        }
+        lockOrder.Forget(object.handle);
     }
     handles.Remove(object);
 }

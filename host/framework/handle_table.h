@@ -21,7 +21,9 @@ inline constexpr std::uint64_t kHandleStep = 8;                   // the low bit
 // A handle's object, or what it was when it is gone.
 struct Slot {
     std::atomic<Object*> object{nullptr};
-    std::atomic<bool> isLocked{false};  // a collection's lock: it outlives the collection
+    // Who has the lock that the object is or has, 0: nobody. It outlives the object, so whoever takes it may find the
+    // object gone. A wait lock's is the ThreadState::id of its holder.
+    std::atomic<std::uint64_t> owner{0};
     ObjectType type = ObjectType::kGeneral;
     const std::string* name = nullptr;  // of the first context's type
 };
@@ -81,11 +83,11 @@ private:
     std::set<std::string, std::less<>> names_;
 };
 
-// The lock of a collection for a scope.
+// The lock of an object for a scope: what keeps it from being freed, and a collection's items as they are.
 class SlotLock {
 public:
     explicit SlotLock(Slot& slot);
-    ~SlotLock() { slot_.isLocked.store(false, std::memory_order_release); }
+    ~SlotLock() { slot_.owner.store(0, std::memory_order_release); }
     SlotLock(const SlotLock&) = delete;
     SlotLock& operator=(const SlotLock&) = delete;
 

@@ -25,7 +25,7 @@ ObjectView View(const Object& object)
             view.items.push_back(item->handle);
         }
     } else if (object.type == ObjectType::kWaitLock) {
-        view.held = static_cast<const WaitLockObject&>(object).held;
+        view.held = object.slot->owner.load(std::memory_order_relaxed) != 0;
     } else if (object.type == ObjectType::kWorkItem) {
         view.queued = static_cast<const WorkItemObject&>(object).queued;
     }

@@ -5,6 +5,7 @@
 
 #include "host/framework/inspector.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -143,14 +144,16 @@ struct CollectionObject final : Object {
     std::uint64_t listSteps = 0;
 };
 
+// Held by whom the slot says: taken and given back by one atomic exchange, under the framework's mutex or without.
 struct WaitLockObject final : Object {
     explicit WaitLockObject(DriverInstance* owner) : Object(ObjectType::kWaitLock, owner) {}
-    bool held = false;
     bool abandoned = false;      // its holder's callback is over: nobody will give it back
+    std::string abandonedBy;     // that thread's name
     unsigned rank = 0;           // in the declared order; 0: in none
-    std::uint64_t holderId = 0;  // ThreadState::id
     std::uint64_t robbedId = 0;  // whose hold a stranger's release ended
-    std::string holderName;
+
+    // Locks under which this one was taken before, in an order that has been looked at; the rest is in the lock orders.
+    std::array<std::atomic<WDFOBJECT>, 4> takenUnder{};
 };
 
 struct WorkItemObject final : Object {

@@ -1,12 +1,12 @@
 // Wait locks: an auto-reset event each, not recursive, owned by nobody as far as the real framework knows. The host
 // knows the holder, so that a wait that can never end is found instead of hung on, and the order in which locks are
 // taken, so that two threads need not meet for a wrong order to show.
+#include "host/armed.h"
 #include "host/framework/functions.h"
 #include "host/schedule/parking.h"
 #include "host/schedule/yield.h"
 
 #include <algorithm>
-#include <set>
 
 namespace host::framework {
 
@@ -72,8 +72,9 @@ void Framework::CheckRegions(const char* callbackName, const void* routine, cons
                 continue;
             }
             auto* waitLock = static_cast<WaitLockObject*>(handles.Peek(handle));
-            if (waitLock != nullptr && waitLock->held && waitLock->holderId == thread.id) {
+            if (waitLock != nullptr && waitLock->slot->owner.load(std::memory_order_relaxed) == thread.id) {
                 waitLock->abandoned = true;
+                waitLock->abandonedBy = thread.name;
                 kept += (kept.empty() ? "" : ", ") + Describe(*waitLock);
             }
         }
@@ -84,45 +85,6 @@ void Framework::CheckRegions(const char* callbackName, const void* routine, cons
     }
     locks = before.locks;
     thread.criticalRegions = before.count;
-}
-
-void Framework::CheckLockOrder(const PlatformCall& call, const WaitLockObject& wanted)
-{
-    for (const WDFOBJECT held : HeldLocks()) {
-        if (held == wanted.handle) {
-            continue;
-        }
-        const auto* ranked = static_cast<const WaitLockObject*>(handles.Peek(held));
-        if (ranked != nullptr && ranked->rank != 0 && wanted.rank != 0) {
-            if (ranked->rank >= wanted.rank) {
-                call.Violation(Rule::kLockOrder, Describe(wanted) + " of rank " + std::to_string(wanted.rank) +
-                                                     " is taken while " + Describe(*ranked) + " of rank " +
-                                                     std::to_string(ranked->rank) + " is held");
-            }
-            continue;
-        }
-        if (lockOrders[held].contains(wanted.handle)) {
-            continue;
-        }
-        // Does a chain of earlier orders lead from the wanted lock to the held one?
-        std::set<WDFOBJECT> reached;
-        std::vector<WDFOBJECT> open{wanted.handle};
-        while (!open.empty() && !reached.contains(held)) {
-            const WDFOBJECT from = open.back();
-            open.pop_back();
-            if (reached.insert(from).second) {
-                for (const auto& [to, where] : lockOrders[from]) {
-                    open.push_back(to);
-                }
-            }
-        }
-        lockOrders[held][wanted.handle] = call.caller();
-        const Object* heldLock = handles.Peek(held);
-        if (reached.contains(held) && heldLock != nullptr) {
-            call.Violation(Rule::kLockOrder, Describe(wanted) + " is taken while " + Describe(*heldLock) +
-                                                 " is held; elsewhere they are taken the other way round");
-        }
-    }
 }
 
 bool Framework::WaitFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, const char* function,
@@ -175,32 +137,40 @@ NTSTATUS NTAPI WaitLockCreate(PWDF_DRIVER_GLOBALS globals, PWDF_OBJECT_ATTRIBUTE
 
 namespace {
 
+std::uint64_t HolderOf(const WaitLockObject& waitLock)
+{
+    return waitLock.slot->owner.load();
+}
+
 std::string Subject(const WaitLockObject& waitLock)
 {
     std::string text = Framework::Describe(waitLock);
+    const std::uint64_t holder = HolderOf(waitLock);
     if (waitLock.abandoned) {
-        text += ", which " + waitLock.holderName + " kept when its callback returned";
-    } else if (waitLock.holderId != ThreadState::Current().id) {
-        text += ", held by " + waitLock.holderName;
+        text += ", which " + waitLock.abandonedBy + " kept when its callback returned";
+    } else if (holder != 0 && holder != ThreadState::Current().id) {
+        text += ", held by " + ThreadState::NameOf(holder);
     }
     return text;
 }
 
 // False when the time is over, or when the lock itself went away.
 bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, const PlatformCall& call,
-                   WaitLockObject& waitLock, const LONGLONG* timeout)
+                   WaitLockObject& waitLock, std::optional<std::chrono::steady_clock::time_point> deadline)
 {
-    constexpr std::int64_t kNanosecondsPerUnit = 100;
-    schedule::Wait wait{
+    const schedule::Wait wait{
         .subject = Subject(waitLock),
-        .isReady = [&] { return !waitLock.held; },
-        .heldBy = [&] { return std::vector{waitLock.abandoned ? schedule::kNobody : waitLock.holderId}; },
+        .isReady = [&] { return HolderOf(waitLock) == 0; },
+        // It may be given back between two looks, without the mutex.
+        .heldBy =
+            [&] {
+                const std::uint64_t holder = HolderOf(waitLock);
+                return waitLock.abandoned ? std::vector{schedule::kNobody}
+                       : holder == 0      ? std::vector<schedule::ThreadId>()
+                                          : std::vector{holder};
+            },
+        .deadline = deadline,
     };
-    if (timeout != nullptr) {
-        // Absolute times lie in the past of a machine that has just begun.
-        const std::int64_t units = *timeout < 0 ? -*timeout : 0;
-        wait.deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(units * kNanosecondsPerUnit);
-    }
     framework.Reference(waitLock);  // whoever deletes it meanwhile shall not pull it from under us
     const schedule::Wake wake = framework.waiting.Block(lock, wait);
     const bool isLast = waitLock.references == 1;
@@ -214,9 +184,18 @@ bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, con
     return wake == schedule::Wake::kReady && !isLast;
 }
 
-}  // namespace
+std::optional<std::chrono::steady_clock::time_point> DeadlineOf(const LONGLONG* timeout)
+{
+    if (timeout == nullptr) {
+        return std::nullopt;
+    }
+    constexpr std::int64_t kNanosecondsPerUnit = 100;
+    // Absolute times lie in the past of a machine that has just begun.
+    const std::int64_t units = *timeout < 0 ? -*timeout : 0;
+    return std::chrono::steady_clock::now() + std::chrono::nanoseconds(units * kNanosecondsPerUnit);
+}
 
-NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLONG timeout)
+NTSTATUS NTAPI AcquireChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLONG timeout)
 {
     const bool onlyTries = timeout != nullptr && *timeout == 0;
     const PlatformCall call("WdfWaitLockAcquire", HOST_CALLER, onlyTries ? DISPATCH_LEVEL : PASSIVE_LEVEL);
@@ -234,22 +213,22 @@ NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLON
         return STATUS_INVALID_DEVICE_REQUEST;  // reported above; waiting here would hang a processor
     }
     if (timeout == nullptr) {
-        framework.CheckLockOrder(call, *waitLock);
+        framework.lockOrder.Check(call, framework.handles, *waitLock, HeldLocks());
     }
-    if (waitLock->held && (onlyTries || !WaitUntilFree(framework, lock, call, *waitLock, timeout))) {
-        return STATUS_TIMEOUT;
+    const auto deadline = DeadlineOf(timeout);
+    for (std::uint64_t nobody = 0; !waitLock->slot->owner.compare_exchange_strong(nobody, thread.id); nobody = 0) {
+        if (onlyTries || !WaitUntilFree(framework, lock, call, *waitLock, deadline)) {
+            return STATUS_TIMEOUT;
+        }
     }
-    waitLock->held = true;
     waitLock->abandoned = false;
-    waitLock->holderId = thread.id;
-    waitLock->holderName = thread.name;
     ++thread.criticalRegions;
     HeldLocks().push_back(waitLock->handle);
     schedule::Acquire(waitLock);
     return STATUS_SUCCESS;
 }
 
-void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
+void NTAPI ReleaseChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
 {
     const PlatformCall call("WdfWaitLockRelease", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
@@ -259,16 +238,20 @@ void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
     if (waitLock == nullptr) {
         return;
     }
+    const std::uint64_t holder = HolderOf(*waitLock);
     const bool robbed = waitLock->robbedId == thread.id;  // a stranger gave it back for this thread: reported then
-    const bool owned = waitLock->held && waitLock->holderId == thread.id;
-    if (!waitLock->held && !robbed) {
+    const bool owned = holder == thread.id;
+    if (holder == 0 && !robbed) {
         call.Violation(Rule::kLockNotOwned, Framework::Describe(*waitLock) + " is released, but nobody holds it");
         return;
     }
-    if (waitLock->held && !owned) {
-        call.Violation(Rule::kLockNotOwned, Framework::Describe(*waitLock) + " is held by " + waitLock->holderName +
-                                                " and released by " + thread.name);
-        waitLock->robbedId = waitLock->holderId;
+    if (holder != 0 && !owned) {
+        call.Violation(Rule::kLockNotOwned,
+                       Framework::Describe(*waitLock) + " is held by " +
+                           (waitLock->abandoned ? waitLock->abandonedBy : ThreadState::NameOf(holder)) +
+                           " and released by " + thread.name);
+        waitLock->robbedId = holder;
+        Arm(kArmedStrangers, true);
     }
     if (owned || robbed) {
         --thread.criticalRegions;
@@ -278,10 +261,69 @@ void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
         waitLock->robbedId = 0;
     }
     schedule::Release(waitLock);
-    waitLock->held = false;
     waitLock->abandoned = false;
-    waitLock->holderId = 0;
+    waitLock->slot->owner.store(0);
     framework.waiting.NotifyAll();
+}
+
+// The wait lock behind a handle, for calls that nothing needs to look at; null for any other.
+WaitLockObject* WaitLockAtOnce(const Slot* slot)
+{
+    return slot == nullptr || slot->type != ObjectType::kWaitLock
+               ? nullptr
+               : static_cast<WaitLockObject*>(slot->object.load(std::memory_order_acquire));
+}
+
+void WakeWaiting()
+{
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    framework.waiting.NotifyAll();
+}
+
+}  // namespace
+
+// A free lock is taken at once when its order to the locks held is known to be right.
+NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle, PLONGLONG timeout)
+{
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(PASSIVE_LEVEL)) {
+        ThreadState& thread = *ThreadState::Known();
+        Slot* slot = HandleTable::Current().Find(handle);
+        const WaitLockObject* waitLock = WaitLockAtOnce(slot);
+        std::uint64_t nobody = 0;
+        if (waitLock != nullptr &&
+            (timeout != nullptr ||
+             std::ranges::all_of(thread.heldLocks,
+                                 [&](WDFOBJECT held) { return LockOrder::IsLookedAt(*waitLock, held); })) &&
+            slot->owner.compare_exchange_strong(nobody, thread.id)) {
+            if (slot->object.load(std::memory_order_relaxed) == waitLock) {
+                ++thread.criticalRegions;
+                thread.heldLocks.push_back(handle);
+                return STATUS_SUCCESS;
+            }
+            slot->owner.store(0);
+        }
+    }
+    [[clang::musttail]] return AcquireChecked(globals, handle, timeout);
+}
+
+void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle)
+{
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
+        ThreadState& thread = *ThreadState::Known();
+        Slot* slot = HandleTable::Current().Find(handle);
+        if (WaitLockAtOnce(slot) != nullptr && slot->owner.load(std::memory_order_relaxed) == thread.id &&
+            !thread.heldLocks.empty() && thread.heldLocks.back() == handle) {
+            thread.heldLocks.pop_back();
+            --thread.criticalRegions;
+            slot->owner.exchange(0);
+            if (Framework::Current().waiting.HasWaiting()) {
+                WakeWaiting();
+            }
+            return;
+        }
+    }
+    [[clang::musttail]] return ReleaseChecked(globals, handle);
 }
 
 }  // namespace functions

@@ -123,7 +123,7 @@ bool Framework::RunOneWorkItem(schedule::Outcome& outcome)
 void Framework::WorkerLoop(unsigned number)
 {
     const std::string name = "system worker " + std::to_string(number);
-    ThreadState::Current().name = name + " (dispatch)";
+    ThreadState::Current().Rename(name + " (dispatch)");
     std::unique_lock lock(mutex);
     schedule::Outcome outcome;
     while (!stopping_) {

@@ -71,7 +71,7 @@ Outcome Threads::Run(const std::string& name, const std::function<void()>& work)
 {
     checks::CatchMemoryFaults();
     std::unique_ptr<Fiber> fiber = TheIdle().Take();
-    fiber->state.name = name;
+    fiber->state.BeginWork(name);
     if (!fiber->Run(work)) {
         hasParked_.store(true, std::memory_order_release);
         return {.parked = true, .reason = fiber.release()->abandonReason};  // its stack stays for ever

@@ -59,9 +59,11 @@ Wake Waiting::Block(std::unique_lock<std::mutex>& lock, const Wait& wait)
 {
     const ThreadId self = ThreadState::Current().id;
     waits_[self] = &wait;
+    ++waitingCount_;
     for (;;) {
         if (const std::optional<Wake> verdict = Judge(wait, self)) {
             waits_.erase(self);
+            --waitingCount_;
             return *verdict;
         }
         if (Controller* controller = theController.load(std::memory_order_acquire)) {

@@ -2,6 +2,7 @@
 // first, so that a wait without an end is found when it begins, or as soon as its last hope parks.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -38,7 +39,14 @@ public:
     [[nodiscard]] Wake Block(std::unique_lock<std::mutex>& lock, const Wait& wait);
 
     // Something changed that a wait may look at.
-    void NotifyAll() { changed_.notify_all(); }
+    void NotifyAll()
+    {
+        if (HasWaiting()) {
+            changed_.notify_all();
+        }
+    }
+    // Asked without the mutex, by who has just ended what a thread may wait for.
+    [[nodiscard]] bool HasWaiting() const { return waitingCount_.load() != 0; }
 
     // A thread hands its work to another one and waits until that ends or parks.
     void BeginSupervision(ThreadId supervisor, ThreadId worker) { supervised_[worker] = supervisor; }
@@ -49,6 +57,7 @@ private:
     [[nodiscard]] std::optional<Wake> Judge(const Wait& wait, ThreadId self) const;
 
     std::condition_variable changed_;
+    std::atomic<unsigned> waitingCount_{0};  // counted before the wait is looked at
     std::map<ThreadId, const Wait*> waits_;
     std::map<ThreadId, ThreadId> supervised_;  // worker to supervisor
 };
