@@ -11,6 +11,7 @@
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #include <sanitizer/common_interface_defs.h>
+#include <sanitizer/lsan_interface.h>
 #define HOST_ADDRESS_SANITIZER
 #endif
 #endif
@@ -46,6 +47,9 @@ Fiber::Fiber()
     const auto self = reinterpret_cast<std::uintptr_t>(this);
     makecontext(&inside_, reinterpret_cast<void (*)()>(&Fiber::Enter), 2, static_cast<unsigned>(self >> 32),
                 static_cast<unsigned>(self));
+#if defined(HOST_ADDRESS_SANITIZER)
+    __lsan_register_root_region(inside_.uc_stack.ss_sp, inside_.uc_stack.ss_size);  // what parked work owns is no leak
+#endif
 #if defined(HOST_THREAD_SANITIZER)
     insideOfTsan_ = __tsan_create_fiber(0);
 #endif
@@ -55,6 +59,9 @@ Fiber::~Fiber()
 {
 #if defined(HOST_THREAD_SANITIZER)
     __tsan_destroy_fiber(insideOfTsan_);
+#endif
+#if defined(HOST_ADDRESS_SANITIZER)
+    __lsan_unregister_root_region(inside_.uc_stack.ss_sp, inside_.uc_stack.ss_size);
 #endif
     munmap(stack_, kStackBytes);
 }
