@@ -22,9 +22,6 @@ set(ZEPN_DRIVER_SOURCES
     driver/trace/messages.cpp
     driver/trace/report.cpp)
 
-# What the WDK would link: the framework's entry stub, and memory routines.
-set(ZEPN_PLATFORM_SOURCES platform/windows/framework_entry.cpp platform/windows/memory.cpp)
-
 # The build date and time that the driver reports are its commit's, so that equal commits make equal images. The file is
 # rewritten only when they change.
 set(ZEPN_BUILD_STAMP ${CMAKE_BINARY_DIR}/build_stamp.rsp)

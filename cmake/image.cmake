@@ -9,13 +9,6 @@ set(CMAKE_CXX_FLAGS_RELEASE "")
 # The memory routines must not become calls of themselves.
 set_source_files_properties(platform/windows/memory.cpp PROPERTIES COMPILE_OPTIONS -fno-builtin)
 
-set(ZEPN_MACHINES arm64 x64)
-set(arm64_TRIPLE aarch64-pc-windows-msvc)
-set(arm64_DLLTOOL arm64)
-set(x64_TRIPLE x86_64-pc-windows-msvc)
-set(x64_DLLTOOL i386:x86-64)
-set(x64_LINK_OPTIONS /cetcompat)  # kernel-mode shadow stacks are x64's alone
-
 # What a machine's images lie in and are linked with.
 foreach(machine ${ZEPN_MACHINES})
     file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/${machine})
@@ -60,17 +53,13 @@ function(zepn_add_image name)
 endfunction()
 
 function(zepn_add_image_for machine name)
-    set(sources ${ARGN} ${ZEPN_PLATFORM_SOURCES} platform/windows/guard.cpp)
+    set(sources ${ARGN} ${ZEPN_PLATFORM_SOURCES} ${ZEPN_IMAGE_SOURCES})
     set(objects ${name}_${machine}_objects)
     add_library(${objects} OBJECT EXCLUDE_FROM_ALL ${sources})
     target_include_directories(${objects} PRIVATE platform/include)
     target_compile_options(${objects} PRIVATE
-        # Not -ffreestanding: small copies and comparisons are then calls instead of a few instructions.
-        --target=${${machine}_TRIPLE} -O2 -fno-exceptions -fno-rtti -fno-threadsafe-statics
-        -fasynchronous-unwind-tables  # the kernel unwinds by them
-        -g -gcodeview -gno-codeview-command-line
-        -ffile-compilation-dir=. -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
-        -Xclang -cfguard -fstack-protector-strong
+        --target=${${machine}_TRIPLE} ${ZEPN_IMAGE_COMPILE_OPTIONS} ${ZEPN_CPP_OPTIONS}
+        -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
         ${ZEPN_DRIVER_WARNINGS})
 
     # Relative to the machine's folder, where the link runs.
@@ -80,10 +69,8 @@ function(zepn_add_image_for machine name)
     set(product ${machine}/${name})
     set(out ${CMAKE_SOURCE_DIR}/out/${machine})
     add_custom_command(OUTPUT ${product}.sys ${product}.pdb ${product}.map
-        COMMAND lld-link-19 /nologo /driver /driver:wdm /subsystem:native,10.0 /machine:${machine}
-                /entry:FxDriverEntry /nodefaultlib /opt:ref /opt:noicf /guard:cf ${${machine}_LINK_OPTIONS}
-                /section:.rsrc,RD /release /Brepro
-                /debug /pdb:${name}.pdb /pdbaltpath:%_PDB% /pdbsourcepath:C:\\src /lldmap:${name}.map /out:${name}.sys
+        COMMAND lld-link-19 ${ZEPN_IMAGE_LINK_OPTIONS} /machine:${machine} ${${machine}_LINK_OPTIONS}
+                /pdb:${name}.pdb /lldmap:${name}.map /out:${name}.sys
                 ${object_names} ${resources} ntoskrnl.lib wdfldr.lib
         DEPENDS ${objects} $<TARGET_OBJECTS:${objects}> import_libraries_${machine}
                 ${machine}/ntoskrnl.lib ${machine}/wdfldr.lib resources ${${name}_RESOURCES}

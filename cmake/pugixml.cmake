@@ -5,7 +5,7 @@ if(CMAKE_CROSSCOMPILING)
     set(package ${CMAKE_BINARY_DIR}/packages)
     set(library ${package}/usr/lib/aarch64-linux-gnu/libpugixml.a)
     if(NOT EXISTS ${library})
-        execute_process(COMMAND ${CMAKE_SOURCE_DIR}/cmake/unpack_package.sh libpugixml-dev arm64 ${package}
+        execute_process(COMMAND ${CMAKE_CURRENT_LIST_DIR}/unpack_package.sh libpugixml-dev arm64 ${package}
             COMMAND_ERROR_IS_FATAL ANY)
     endif()
     add_library(xml STATIC IMPORTED)

@@ -51,3 +51,13 @@ done
     cat "$source/driver/include/zepn_notifier.h"
 } > "$target/include/zepn_notifier.h"
 fill "$source/driver/package/README.md.in" > "$target/README.md"
+# What client drivers are built and tested with on Linux, where cmake/zepn-config.cmake looks for it.
+mkdir -p "$target/client"
+kit=$(readlink -f "$target/client")
+(
+    cd "$source"
+    cp -r --parents -t "$kit" VERSION host platform/include platform/windows driver/include samples/common \
+        tools/new_client cmake/zepn-config.cmake cmake/zepn-config-version.cmake cmake/image_options.cmake \
+        cmake/compile_time.cmake cmake/linux-arm64.cmake cmake/pugixml.cmake cmake/unpack_package.sh
+    rm "$kit/platform/include/.clang-format"
+)

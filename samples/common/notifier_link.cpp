@@ -2,7 +2,7 @@
 //
 // The table's own reference routines do not keep the Notifier in memory. What does is the open target; so it stays open
 // for as long as the table is used, and whoever wants the Notifier's device to go asks or tells the target first.
-#include "samples/common/notifier_link.h"
+#include "notifier_link.h"
 
 #include <wdmguid.h>
 

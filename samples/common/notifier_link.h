@@ -1,4 +1,5 @@
-// A driver's hold on the Notifier: waits for it, opens it, gets one of its tables, and lets go in time.
+// A driver's hold on the Notifier: waits for it, opens it, gets one of its tables, and closes it in time. For drivers in
+// C and in C++.
 //
 // The Notifier may come before this driver or after it, may be asked to go, and may go without asking. What a driver
 // does itself is in two callbacks:
@@ -17,6 +18,8 @@
 #include <ntddk.h>
 
 #include <wdf.h>
+
+EXTERN_C_START
 
 typedef NTSTATUS EVT_NOTIFIER_LINK_JOIN(WDFDEVICE Device);
 typedef VOID EVT_NOTIFIER_LINK_LEAVE(WDFDEVICE Device);
@@ -53,3 +56,5 @@ VOID NotifierLinkStop(NOTIFIER_LINK* Link);
 // TRUE: the table may be called until NotifierLinkRelease. FALSE: not joined, nothing to release.
 BOOLEAN NotifierLinkAcquire(NOTIFIER_LINK* Link);
 VOID NotifierLinkRelease(NOTIFIER_LINK* Link);
+
+EXTERN_C_END

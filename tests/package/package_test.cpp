@@ -8,6 +8,10 @@
 namespace tests {
 namespace {
 
+const std::set<std::string> kClientCmake = {
+    "compile_time.cmake", "image_options.cmake", "linux-arm64.cmake",        "pugixml.cmake",
+    "unpack_package.sh",  "zepn-config.cmake",   "zepn-config-version.cmake"};
+
 class Package : public AssembledPackage {
 protected:
     // The end status of sign.sh, with the test certificate; options stand before the command.
@@ -47,6 +51,18 @@ TEST_F(Package, HoldsWhatItsReadmeListsAndNothingElse)
             expected.insert("samples/crashdump/" + machine + "/zepn_crashdump" + extension);
         }
     }
+    // For clients: the sources of what builds and tests them.
+    for (const char* part : {"host", "platform/include", "platform/windows", "driver/include", "samples/common",
+                             "tools/new_client", "cmake"}) {
+        for (const auto& entry : fs::recursive_directory_iterator(fs::path(root_) / part)) {
+            const std::string name = entry.path().lexically_relative(root_).string();
+            const bool isOfImages = std::string(part) == "cmake" && !kClientCmake.contains(name.substr(6));
+            if (entry.is_regular_file() && !isOfImages && entry.path().filename() != ".clang-format") {
+                expected.insert("client/" + name);
+            }
+        }
+    }
+    expected.insert("client/VERSION");
     std::set<std::string> found;
     for (const auto& entry : fs::recursive_directory_iterator(folder_)) {
         if (entry.is_regular_file()) {

@@ -1,0 +1,9 @@
+# Which version of the Notifier this is: a client made for one is built with any later one of the same first number.
+file(STRINGS ${CMAKE_CURRENT_LIST_DIR}/../VERSION PACKAGE_VERSION LIMIT_COUNT 1)
+string(REGEX MATCH "^[0-9]+" first "${PACKAGE_VERSION}")
+if(PACKAGE_FIND_VERSION_MAJOR STREQUAL first AND NOT PACKAGE_FIND_VERSION VERSION_GREATER PACKAGE_VERSION)
+    set(PACKAGE_VERSION_COMPATIBLE TRUE)
+    if(PACKAGE_FIND_VERSION VERSION_EQUAL PACKAGE_VERSION)
+        set(PACKAGE_VERSION_EXACT TRUE)
+    endif()
+endif()

@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# The folder of a new client as its author gets it, in C from the sources and in C++ from the package, each with spaces
+# in its path: both images and the native module are built, the scenario plays and the test passes, also under
+# sanitizers. The test that comes with it is a test: a client that forgets to leave fails it.
+set -euo pipefail
+root=$(readlink -f "$1")
+cd "$root"
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+
+fail() {
+    echo "$1"
+    exit 1
+}
+run() { "$@" > "$folder/log" 2>&1 || { tail -n 40 "$folder/log"; fail "failed: $*"; }; }
+
+# refused PART ARGUMENT...: of the message.
+refused() {
+    local part=$1 status=0
+    shift
+    tools/new_client/new_client.sh "$@" > "$folder/log" 2>&1 || status=$?
+    [ "$status" = 2 ] && grep -q "$part" "$folder/log" || fail "not refused for '$part': new-client $*"
+}
+refused 'small letters' Fan "$folder/fan"
+refused 'is taken' zepn_client "$folder/fan"
+refused 'does not know --rust' fan --rust "$folder/fan"
+refused 'outside' fan driver/fan
+mkdir "$folder/taken"
+touch "$folder/taken/file"
+refused 'not empty' fan "$folder/taken"
+[ ! -e "$folder/fan" ] && [ ! -e driver/fan ] || fail "a refused client left a folder"
+
+# works_in FOLDER NAME PRESET
+works_in() (
+    cd "$1"
+    run cmake --preset "$3"
+    run cmake --build --preset "$3"
+    run ctest --preset "$3" --no-tests=error
+    [ -f "build/$3/native/$2.so" ] || fail "no native module"
+)
+
+./zepn new-client fan --c "$folder/a client in C"
+driver/package/assemble.sh "$root" "$folder/the package"
+"$folder/the package/client/tools/new_client/new_client.sh" pump --cpp "$folder/a client in C++"
+for client in "C/fan" "C++/pump"; do
+    name=${client#*/} made="$folder/a client in ${client%/*}"
+    ! grep -rn '@' "$made" || fail "a place that nothing filled"
+    works_in "$made" "$name" native
+    run build/native/tools/zepn-image-check --without-reports "$made"/build/native/{arm64,x64}/"$name.sys"
+    ! grep -c "$folder" "$made"/build/native/{arm64,x64}/"$name".{sys,pdb} || fail "an image names this machine's folders"
+    for machine in arm64 amd64; do
+        grep -q "NT$machine\.10.*"$'\r'"\$" "$made/build/native/${machine/amd64/x64}/$name.inf" || fail "INF for $machine"
+    done
+    run ./zepn demo "$made/$name.json"
+    run xmllint --noout "$made/$name.vcxproj"
+done
+works_in "$folder/a client in C" fan asan
+
+sed -i 's/= .*Notifier_HelperClientDeinit(&OwnGuid);/= device ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;/' \
+    "$folder/a client in C/fan.c"
+(
+    cd "$folder/a client in C"
+    run cmake --build --preset native
+    ! ctest --preset native > "$folder/log" || fail "a client that does not leave passes its test"
+    grep -q 'LeavesANotifierThatGoesAndJoinsTheNext/Image' "$folder/log"
+    grep -q 'LeavesANotifierThatGoesAndJoinsTheNext/Module' "$folder/log"
+)
