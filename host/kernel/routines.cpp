@@ -92,11 +92,11 @@ HOST_EXPORT NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLAR
     return STATUS_SUCCESS;
 }
 
-HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrintEx(ULONG, ULONG, PCSTR format, ...)
+namespace {
+
+// Text and numbers as they are; wide strings and floating point are not for driver output.
+std::string Format(const char* format, __builtin_ms_va_list arguments)
 {
-    // Text and numbers as they are; wide strings and floating point are not for driver output.
-    __builtin_ms_va_list arguments;
-    __builtin_ms_va_start(arguments, format);
     std::string line;
     for (const char* at = format; *at != '\0'; ++at) {
         if (*at != '%') {
@@ -132,8 +132,11 @@ HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrintEx(ULONG, ULONG, PCSTR format, ...)
             line += text;
         }
     }
-    __builtin_ms_va_end(arguments);
-    const PlatformCall call("DbgPrintEx", HOST_CALLER, DISPATCH_LEVEL);
+    return line;
+}
+
+void Print(const PlatformCall& call, const std::string& line)
+{
     Kernel& kernel = Kernel::Current();
     {
         const std::lock_guard lock(kernel.mutex);
@@ -142,6 +145,27 @@ HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrintEx(ULONG, ULONG, PCSTR format, ...)
     if (kernel.environment.onDebugPrint) {
         kernel.environment.onDebugPrint(line, call.caller());
     }
+}
+
+}  // namespace
+
+HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrintEx(ULONG, ULONG, PCSTR format, ...)
+{
+    const PlatformCall call("DbgPrintEx", HOST_CALLER, DISPATCH_LEVEL);
+    __builtin_ms_va_list arguments;
+    __builtin_ms_va_start(arguments, format);
+    Print(call, Format(format, arguments));
+    __builtin_ms_va_end(arguments);
+    return 0;
+}
+
+HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrint(PCSTR format, ...)
+{
+    const PlatformCall call("DbgPrint", HOST_CALLER, DISPATCH_LEVEL);
+    __builtin_ms_va_list arguments;
+    __builtin_ms_va_start(arguments, format);
+    Print(call, Format(format, arguments));
+    __builtin_ms_va_end(arguments);
     return 0;
 }
 
@@ -257,6 +281,7 @@ void RegisterKernelExports()
         Of("RtlCompareMemory", &RtlCompareMemory),
         Of("MmGetSystemRoutineAddress", &MmGetSystemRoutineAddress),
         Of("PsGetVersion", &PsGetVersion),
+        Of("DbgPrint", &DbgPrint),
         Of("DbgPrintEx", &DbgPrintEx),
         Of("KeBugCheckEx", &KeBugCheckEx),
         Of("EtwRegister", &EtwRegister),

@@ -61,6 +61,32 @@ TEST(Header, CompilesAloneInCAndCppForEveryTarget)
     }
 }
 
+// What a driver's source expects of the kernel's headers beside functions, in a free and in a checked build.
+TEST(KernelInlines, CompileInCAndCppForEveryTarget)
+{
+    const Source source;
+    const std::string use = "#include <ntddk.h>\n"
+                            "LONG Use(PLIST_ENTRY head, LONG volatile* count, PVOID volatile* slot);\n"
+                            "LONG Use(PLIST_ENTRY head, LONG volatile* count, PVOID volatile* slot)\n"
+                            "{\n"
+                            "    DECLARE_CONST_UNICODE_STRING(name, L\"text\");\n"
+                            "    PAGED_CODE();\n"
+                            "    NT_ASSERT(name.Length == 8);\n"
+                            "    KdPrint((\"%u\\n\", name.Length));\n"
+                            "    InsertTailList(head, RemoveHeadList(head));\n"
+                            "    (void)InterlockedExchangePointer(slot, NULL);\n"
+                            "    return name.Length + InterlockedIncrement(count);\n"
+                            "}\n";
+    for (const char* language : {kLanguages[0], kLanguages[2]}) {
+        for (const char* target : kTargets) {
+            for (const char* build : {"-DDBG=0", "-DDBG=1"}) {
+                SCOPED_TRACE(std::string(language) + " " + target + " " + build);
+                EXPECT_EQ(source.Compile(use, std::string(language) + " " + target + " " + build), "");
+            }
+        }
+    }
+}
+
 // The header, each time with another two neighbouring members of a record exchanged.
 std::vector<std::string> WithMembersExchanged()
 {
