@@ -11,7 +11,7 @@
 namespace bench {
 namespace {
 
-constexpr const char* kSection = "Footprint";
+constexpr const char* kFootprintSection = "Footprint";
 
 void MeasureImage(Table& table, const std::string& machine)
 {
@@ -19,7 +19,7 @@ void MeasureImage(Table& table, const std::string& machine)
     std::ifstream stream(file, std::ios::binary);
     const image_check::PeReader image({std::istreambuf_iterator<char>(stream), {}});
     const auto add = [&](const std::string& name, double value) {
-        table.Add({.section = kSection,
+        table.Add({.section = kFootprintSection,
                    .name = name,
                    .on = machine + " image",
                    .value = value,
@@ -61,8 +61,12 @@ void MeasureEach(Table& table, const std::string& what, const std::function<void
     add(fixture);
     const Stock after = StockOf(fixture);
     const auto row = [&](const std::string& name, double value, const char* unit) {
-        table.Add(
-            {.section = kSection, .name = what + ": " + name, .on = "", .value = value, .unit = unit, .isExact = true});
+        table.Add({.section = kFootprintSection,
+                   .name = what + ": " + name,
+                   .on = "",
+                   .value = value,
+                   .unit = unit,
+                   .isExact = true});
     };
     row("framework objects", after.objects - before.objects, "objects");
     row("context memory", after.contextBytes - before.contextBytes, "bytes");
@@ -82,14 +86,14 @@ void MeasureMillion(Table& table, const Options& options)
     }
     fixture.machine.RunWorkItems();
     const Stock after = StockOf(fixture);
-    table.Add({.section = kSection,
+    table.Add({.section = kFootprintSection,
                .name = "objects left by " + std::to_string(posts) + " posts",
                .on = "",
                .value = after.objects - before.objects,
                .unit = "objects",
                .goal = Goal{0},
                .isExact = !options.isQuick});
-    table.Add({.section = kSection,
+    table.Add({.section = kFootprintSection,
                .name = "pool blocks left by " + std::to_string(posts) + " posts",
                .on = "",
                .value = after.poolBlocks - before.poolBlocks,

@@ -43,7 +43,7 @@ std::string ReadOne(const FileKind& kind, const std::string& bytes, BatchProgres
 bool IsReportedFault(const FileKind& kind, const model::ChildResult& result)
 {
     const std::string exit = "status " + std::to_string(host::checks::kMemoryFaultExit) + "\n";
-    return !kind.memoryFault.empty() && result.trouble.find(exit) != std::string::npos &&
+    return !kind.memoryFault.empty() && result.failure.find(exit) != std::string::npos &&
            result.printed.find(kind.memoryFault) != std::string::npos;
 }
 
@@ -53,7 +53,7 @@ std::string Wrong(const FileKind& kind, const model::ChildResult& result)
     if (result.result == kGood || IsReportedFault(kind, result)) {
         return {};
     }
-    const std::string& wrong = result.result.empty() ? result.trouble : result.result;
+    const std::string& wrong = result.result.empty() ? result.failure : result.result;
     return wrong.empty() ? "the process ended before it was done" : wrong;
 }
 

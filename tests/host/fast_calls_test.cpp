@@ -5,8 +5,6 @@
 #include <atomic>
 #include <thread>
 
-WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
-
 namespace tests {
 namespace {
 

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
+
 namespace tests {
 
 using host::checks::Rule;

@@ -1,8 +1,6 @@
 // Objects, references, contexts and collections, in the corners that decide what a driver may rely on.
 #include "tests/host/faulty_driver_fixture.h"
 
-WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
-
 namespace tests {
 namespace {
 
