@@ -16,7 +16,7 @@ Equivalents::Equivalents(std::istream& list)
     std::vector<std::string> entry;
     unsigned number = 0;
     const auto refuse = [&](const std::string& why) {
-        throw std::runtime_error("line " + std::to_string(number) + ": " + why);
+        throw std::runtime_error("the list of equivalent mutants, line " + std::to_string(number) + ": " + why);
     };
     const auto end = [&] {
         if (entry.empty()) {

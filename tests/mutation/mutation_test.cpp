@@ -266,6 +266,9 @@ TEST(EquivalentMutants, AreEntriesWithAReasonThatMustNotGrowStale)
     EXPECT_TRUE(IsWrong({mutant, {Fate::kKilled, "model", 0}, "nobody asks"}));
     EXPECT_FALSE(IsWrong({mutant, {Fate::kSurvived, "", 0}, "nobody asks"}));
 
+    std::ifstream ours(std::string(ZEPN_ROOT) + "/tests/mutation/equivalent.txt");
+    ASSERT_TRUE(ours.good());
+    EXPECT_NO_THROW(Equivalents{ours});
     for (const std::string& wrong : {entry, entry + "why\n\n" + entry + "why\n"}) {
         std::istringstream stream(wrong);
         EXPECT_THROW(Equivalents{stream}, std::runtime_error) << wrong;
