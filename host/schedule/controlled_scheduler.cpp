@@ -65,9 +65,9 @@ bool ControlledScheduler::Next()
         if (count_ >= std::max(1u, options_.random)) {
             return false;
         }
-        changes_.clear();
+        changePoints_.clear();
         for (unsigned change = 0; options_.random != 0 && change < options_.preemptions; ++change) {
-            changes_.push_back(static_cast<unsigned>(random_() % longest_));
+            changePoints_.push_back(static_cast<unsigned>(random_() % longest_));
         }
         choices_.clear();
         ++count_;
@@ -158,7 +158,7 @@ void ControlledScheduler::CheckKept() const
         points = std::max<std::size_t>(points, point + 1);
     }
     if (where.empty() && choices_.size() < points) {
-        where = "there were only " + std::to_string(choices_.size()) + " points of choice";
+        where = "there were only " + std::to_string(choices_.size()) + " scheduling points";
     }
     if (!where.empty()) {
         throw HostError("schedule \"" + (options_.replay.empty() ? Schedule() : options_.replay) +
@@ -216,7 +216,8 @@ void ControlledScheduler::OnBlock(std::unique_lock<std::mutex>& hostLock)
         if (std::ranges::find(states_, State::kReady) == states_.end()) {
             // Nobody can go on: all look again, once each; what has no end is found by the host, which parks it.
             if (++idle_ > 4 * states_.size()) {
-                std::fprintf(stderr, "explorer: all threads wait for ever in schedule \"%s\"\n", Schedule().c_str());
+                std::fprintf(stderr, "controlled scheduler: all threads wait for ever in schedule \"%s\"\n",
+                             Schedule().c_str());
                 std::abort();
             }
             WakeBlocked();
@@ -280,15 +281,15 @@ std::size_t ControlledScheduler::Pick(const Choice& choice)
         return static_cast<std::size_t>(found - choice.enabled.begin());
     }
     if (options_.random != 0) {
-        // The highest priority goes on; at a few points the running thread falls behind all others.
-        for (unsigned change = 0; change < changes_.size(); ++change) {
-            if (changes_[change] == point) {
-                priorities_[choice.enabled.front()] = change;
+        const auto highest = [&] {
+            return std::ranges::max_element(choice.enabled, {}, [&](unsigned thread) { return priorities_[thread]; });
+        };
+        for (unsigned change = 0; change < changePoints_.size(); ++change) {
+            if (changePoints_[change] == point) {
+                priorities_[*highest()] = change;
             }
         }
-        const auto best =
-            std::ranges::max_element(choice.enabled, {}, [&](unsigned thread) { return priorities_[thread]; });
-        return static_cast<std::size_t>(best - choice.enabled.begin());
+        return static_cast<std::size_t>(highest() - choice.enabled.begin());
     }
     if (point >= expected_.size()) {
         return 0;

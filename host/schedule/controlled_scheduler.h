@@ -1,6 +1,6 @@
-// Decides which thread of driver code goes on, at every platform call where that may matter and in every callback of a
-// client, and walks through the interleavings of a few threads one after the other, so that a race is found and
-// replayed instead of hoped for.
+// Systematic concurrency testing: decides which thread of driver code goes on, at every platform call where that may
+// matter and in every callback of a client (the scheduling points), and runs the schedules of a few threads one after the
+// other, so that a race is found and replayed instead of hoped for.
 //
 //     ControlledScheduler scheduler(machine options ...);
 //     while (scheduler.Next()) {
@@ -9,9 +9,14 @@
 //         ... look at the outcome; on a failure scheduler.Schedule() is what replays it
 //     }
 //
-// Only one of the threads runs at a time. A thread goes on until it ends, waits, or is preempted; the walk takes every
-// choice at every point, as long as no more than the allowed number of them preempts a thread that could go on. Waits
-// with a time-out cannot be explored: in a schedule no time passes.
+// Only one of the threads runs at a time. A thread goes on until it ends, waits, or is preempted. The search takes every
+// choice at every scheduling point within a preemption bound: no more than so many choices of a schedule preempt a thread
+// that could go on. Waits with a time-out cannot be explored: in a schedule no time passes.
+//
+// Beyond the bound there are random schedules by PCT (probabilistic concurrency testing; Burckhardt and others, 2010):
+// the threads have random priorities, the highest that can go on does, and at d - 1 scheduling points, drawn from the
+// length of a schedule, the thread that would go on falls below all others. The length is that of the longest schedule
+// so far, and points at which only one thread can go on do not count: a change there would show at the next that does.
 #pragma once
 
 #include "host/machine.h"
@@ -28,11 +33,11 @@
 namespace host::schedule {
 
 struct SchedulerOptions {
-    unsigned preemptions = 2;           // in one schedule; with `random` the number of changes of priority
-    bool everyCall = false;             // choose at every platform call, not only at locks, work items and callbacks
-    unsigned random = 0;                // this many schedules by random priorities instead of the walk
+    unsigned preemptions = 2;           // bound for one schedule; with `random` the priority change points, d - 1
+    bool everyCall = false;             // points at every platform call, not only at locks, work items and callbacks
+    unsigned random = 0;                // this many schedules by PCT instead of the search
     std::uint64_t seed = 1;             // of those
-    unsigned maximumSchedules = 20000;  // the walk stops here
+    unsigned maximumSchedules = 20000;  // the search stops here
     std::string replay = {};            // one schedule, as Schedule() gave it, and nothing else
 };
 
@@ -56,10 +61,10 @@ public:
     // threads leave it: a replay of other code, or code that does not do the same each time.
     std::vector<Outcome> Run(Machine& machine, const std::vector<Thread>& threads);
 
-    // What replays the schedule that ran last: "calls 12>1 30>0": at the 12th point of choice thread 1 goes on.
+    // What replays the schedule that ran last: "calls 12>1 30>0": at the 12th scheduling point thread 1 goes on.
     [[nodiscard]] std::string Schedule() const;
     [[nodiscard]] unsigned Count() const { return count_; }
-    [[nodiscard]] bool IsComplete() const { return isComplete_; }  // the walk ended by itself
+    [[nodiscard]] bool IsComplete() const { return isComplete_; }  // the search ended by itself
 
     void OnYield(YieldKind kind, const char* what) override;
     void OnBlock(std::unique_lock<std::mutex>& lock) override;
@@ -92,8 +97,8 @@ private:
     std::vector<std::pair<unsigned, unsigned>> replay_;
     std::string left_;  // where the threads did not do what the schedule says; empty: nowhere
     std::mt19937_64 random_;
-    std::vector<unsigned> changes_;
-    unsigned longest_ = 64;  // points of choice in a schedule: a guess until a longer one has run
+    std::vector<unsigned> changePoints_;
+    unsigned longest_ = 64;  // scheduling points in a schedule: a guess until a longer one has run
     unsigned count_ = 0;
     bool isComplete_ = false;
 };

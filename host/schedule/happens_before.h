@@ -34,7 +34,7 @@ namespace host::schedule {
 inline std::atomic<bool> onlyDriverLocks{false};
 inline thread_local unsigned t_hidden = 0;  // scopes of host work that this thread is in
 
-// A stretch of the host's own work, hidden if the machine says so.
+// A span of the host's own work, hidden if the machine says so.
 class HostWork {
 public:
     HostWork() : hides_(onlyDriverLocks.load(std::memory_order_relaxed))

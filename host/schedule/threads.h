@@ -1,5 +1,5 @@
 // Threads of the host: system workers and client threads. Work that can never end is set aside with its stack, and
-// whoever waits for it is told why.
+// the reason is returned to whoever waits for it.
 #pragma once
 
 #include <atomic>
@@ -9,9 +9,9 @@
 
 namespace host::schedule {
 
-// How a stretch of work on a thread of the host ended.
+// How work on a thread of the host ended.
 struct Outcome {
-    bool parked = false;  // the thread waits for ever and was set aside
+    bool parked = false;  // the thread hangs and was set aside
     std::string reason;   // "waits for wait lock #9, which it holds itself"; empty when it returned
 };
 

@@ -9,7 +9,7 @@
 namespace host::schedule {
 namespace {
 
-// A thread can park in a place that tells nobody here; waits look again this often.
+// A thread can park in a place that notifies nobody here; waits look again this often.
 constexpr std::chrono::milliseconds kLookAgain{20};
 constexpr unsigned kDepthMaximum = 256;
 

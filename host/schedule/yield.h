@@ -1,7 +1,7 @@
 // Where driver code can be interrupted, and who decides what runs then.
 //
-// Ordinary runs have no controller and pay one load per point. An explorer of interleavings sets one and decides at
-// each point which thread goes on; it then also replaces the sleeping of threads that wait.
+// Ordinary runs have no controller and pay one load per point. The controlled scheduler is one: it decides at each point
+// which thread goes on, and replaces the sleeping of threads that wait.
 #pragma once
 
 #include "host/armed.h"
@@ -13,7 +13,7 @@ namespace host::schedule {
 
 enum class YieldKind {
     kPlatformCall,  // a platform function was called and has not acted yet
-    kClientCode,    // a callback of another driver runs; told by who plays that driver
+    kClientCode,    // a callback of another driver runs; reported by who plays that driver
     kThreadBegins,  // a callback or client routine is about to run on a thread of its own
     kThreadEnds,    // it has returned
 };
