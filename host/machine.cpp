@@ -220,7 +220,7 @@ Machine::~Machine()
     framework_->StopWorkers();
     for (const auto& instance : framework_->instances) {
         if (instance->loaded) {
-            // Where a thread stands still a driver cannot be unloaded, and its end has been told.
+            // Where a thread hangs the driver cannot be unloaded, which has been reported.
             if (!threads_->HasParked()) {
                 std::fprintf(stderr, "host: %s was still loaded at the machine's end\n", instance->service.c_str());
             }

@@ -125,7 +125,7 @@ public:
     // Throws HostError with file, place and reason when the image is refused; a failing entry point is no refusal.
     Driver& Load(const std::filesystem::path& image, const std::string& serviceName);
 
-    // The whole road from nothing to a started device; throws HostError when a step fails.
+    // All from nothing to a started device; throws HostError when a step fails.
     Driver& Boot(const std::filesystem::path& image, const std::string& serviceName);
 
     // Registry: values below HKLM\...\Services\<service>\Parameters. SetValue creates the key.

@@ -1,9 +1,10 @@
 // The handler runs on an alternate stack, because a driver that ran out of stack faults too. It uses ordinary memory
 // and locks, which is safe while driver code faults and may hang when the host itself does; an alarm ends the process
-// then. It may be entered anew while it tells the last words: each of them is taken before it is told, so that it comes
+// then. It may be entered anew while it prints the crash contexts: each is removed before it is printed, so that it comes
 // to an end.
 #include "host/checks/crash.h"
 
+#include "host/checks/call_path.h"
 #include "host/checks/fast_fail.h"
 #include "host/checks/watchdog.h"
 #include "host/environment.h"
@@ -16,6 +17,8 @@
 #include <atomic>
 #include <cstdio>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
@@ -41,14 +44,14 @@ constexpr unsigned kWatchdogSeconds = 30;
 
 std::atomic<CrashContext*> g_crashContexts{nullptr};  // the newest
 
-// The thread that tells how the process ends. Others that fault meanwhile stand still until it has.
-std::atomic<pid_t> g_teller{0};
+// The thread that reports how the process ends. Others that fault meanwhile wait until it has ended the process.
+std::atomic<pid_t> g_reporter{0};
 
-// Whether the calling thread tells already; returns only to the one that does.
-bool TellsAlready()
+// Whether the calling thread reports already; returns only to the one that does.
+bool ReportsAlready()
 {
     pid_t nobody = 0;
-    if (g_teller.compare_exchange_strong(nobody, gettid()) || nobody == gettid()) {
+    if (g_reporter.compare_exchange_strong(nobody, gettid()) || nobody == gettid()) {
         return nobody != 0;
     }
     for (;;) {
@@ -66,6 +69,32 @@ const void* ProgramCounter(const void* context)
 #endif
 }
 
+// Where a call has just returned to when it led into unmapped memory: nothing was pushed since.
+const void* CallerOfJump(const void* context)
+{
+    const auto* state = static_cast<const ucontext_t*>(context);
+#if defined(__x86_64__)
+    return *reinterpret_cast<const char* const*>(state->uc_mcontext.gregs[REG_RSP]) - 1;
+#elif defined(__aarch64__)
+    constexpr unsigned kLinkRegister = 30;
+    return reinterpret_cast<const char*>(state->uc_mcontext.regs[kLinkRegister]) - 1;
+#endif
+}
+
+// The place of a fault as a sentence names it: the driver's code or, where host code faults for a driver, or a driver
+// calls what is no code, the driver code that made the call.
+std::string PlaceOf(const Modules& modules, const siginfo_t& information, const void* at, const void* context)
+{
+    if (modules.Contains(at)) {
+        return modules.Describe(at);
+    }
+    if (information.si_addr == at && modules.Contains(CallerOfJump(context))) {
+        return "no code, called by " + modules.Describe(CallerOfJump(context));
+    }
+    const std::vector<std::string> path = CallPath(modules);
+    return path.empty() ? "host" : "host, called by " + path.back();
+}
+
 const char* What(int signal)
 {
     switch (signal) {
@@ -78,12 +107,12 @@ const char* What(int signal)
     }
 }
 
-void TellOfFault(int signal, const siginfo_t& information, const void* at)
+void ReportFault(int signal, const siginfo_t& information, const void* at, const void* context)
 {
     std::string place = "host";
     std::string thread = "?";
     if (Environment::Exists()) {
-        place = Environment::Current().modules.Describe(at);
+        place = PlaceOf(Environment::Current().modules, information, at, context);
         thread = ThreadState::Current().name;
     }
     if (const char* what = What(signal)) {
@@ -111,21 +140,21 @@ void OnFault(int signal, siginfo_t* information, void* context)
 {
     ReportFastFail(ProgramCounter(context), context);
     SetAlarm();
-    if (TellsAlready()) {
-        std::fprintf(stderr, "another fault while telling of the first\n");
+    if (ReportsAlready()) {
+        std::fprintf(stderr, "another fault while the first is reported\n");
     } else {
-        TellOfFault(signal, *information, ProgramCounter(context));
+        ReportFault(signal, *information, ProgramCounter(context), context);
     }
     PrintCrashContexts();
     std::fflush(stderr);
     _exit(kMemoryFaultExit);
 }
 
-// Returns, and abort goes on to end the process as ever; one by which the last words end is no end of its own.
+// Returns, and abort goes on to end the process as ever; one inside a crash context ends it here.
 void OnAbort(int)
 {
     SetAlarm();
-    const bool again = TellsAlready();
+    const bool again = ReportsAlready();
     PrintCrashContexts();
     std::fflush(stderr);
     if (again) {
@@ -194,8 +223,8 @@ void CatchMemoryFaults()
     }
 }
 
-CrashContext::CrashContext(std::function<std::string()> words)
-    : words_(std::move(words)), outer_(g_crashContexts.load(std::memory_order_relaxed))
+CrashContext::CrashContext(std::function<std::string()> describe)
+    : describe_(std::move(describe)), outer_(g_crashContexts.load(std::memory_order_relaxed))
 {
     Watchdog::Progress();
     g_crashContexts.store(this, std::memory_order_release);
@@ -208,9 +237,9 @@ CrashContext::~CrashContext()
 
 void PrintCrashContexts()
 {
-    while (CrashContext* words = g_crashContexts.load(std::memory_order_acquire)) {
-        g_crashContexts.store(words->outer_, std::memory_order_release);
-        std::fprintf(stderr, "%s\n", words->words_().c_str());
+    while (CrashContext* context = g_crashContexts.load(std::memory_order_acquire)) {
+        g_crashContexts.store(context->outer_, std::memory_order_release);
+        std::fprintf(stderr, "%s\n", context->describe_().c_str());
     }
 }
 

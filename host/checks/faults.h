@@ -45,7 +45,7 @@ public:
     [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::function<std::string()>& caller,
                                               const char* detail);
 
-    // Told when the driver handle in the globals is to be hidden (true) or shown again. Set by the framework.
+    // Called when the driver handle in the globals is to be hidden (true) or shown again. Set by the framework.
     std::function<void(bool)> onHideDriver;
 
 private:

@@ -6,7 +6,7 @@
 
 namespace host::checks {
 
-// While one exists, the process must make progress: each CrashContext that begin, and each call of Progress, is some.
+// While one exists, the process must make progress: each new CrashContext and each call of Progress is some.
 // Without any, it ends by SIGALRM when it has used so much processor time, or has used next to none for as long and has
 // no child that it could be waiting for. Before that it prints which, and what every CrashContext says.
 //

@@ -121,5 +121,23 @@ TEST(HostThreads, HandExceptionsToWhoWaitsForTheWork)
     fixture.OnThread("next", [] {});
 }
 
+TEST(MemoryFaults, OutsideOfDriverCodeNameTheDriverCodeThatMadeTheCall)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << "the sanitizer itself reports the access";
+    }
+    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
+    const auto end = [](PFN_WDF_WORKITEM routine) {
+        FaultyDriverFixture fixture;
+        fixture.table.Hooks->Work = routine;
+        WdfWorkItemEnqueue(fixture.table.WorkItem);
+        (void)fixture.machine.RunWorkItems();
+    };
+    EXPECT_EXIT(end(reinterpret_cast<PFN_WDF_WORKITEM>(16)), testing::ExitedWithCode(4),
+                "memory fault at no code, called by .*EvtWork.*touching 0x10");
+    EXPECT_EXIT(end([](WDFWORKITEM) NTAPI { TouchNothing(); }), testing::ExitedWithCode(4),
+                "memory fault at host, called by .*EvtWork");
+}
+
 }  // namespace
 }  // namespace tests

@@ -221,7 +221,7 @@ TEST(MemoryFaults, PrintCrashContexts)
         const CrashContext inner([] { return "inner"; });
         fixture.machine.OnThread("peer", work);
     };
-    const char* printed = "inner\nanother fault while telling of the first\nouter\n$";
+    const char* printed = "inner\nanother fault while the first is reported\nouter\n$";
     EXPECT_EXIT(end(&TouchNothing), testing::ExitedWithCode(4), printed);
     EXPECT_EXIT(end([] { (void)Deep(0); }), testing::ExitedWithCode(4), printed);  // no stack left
     EXPECT_EXIT(
