@@ -29,7 +29,6 @@ TEST_P(MutatedFiles, AreAcceptedOrRefusedWithASentence)
     EXPECT_GE(statistics.refused, kFiles / 20) << "hardly a file is wrong";
 }
 
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(MutatedFiles);
 INSTANTIATE_TEST_SUITE_P(Of, MutatedFiles, testing::Range(std::size_t{0}, fuzz::FileKinds().size()),
                          [](const auto& information) { return fuzz::FileKinds()[information.param].name; });
 

@@ -8,7 +8,7 @@ namespace fuzz {
 
 const std::vector<FileKind>& FileKinds()
 {
-    static const std::vector<FileKind> kKinds = {Captures(), Manifests(), Formats(), Images()};
+    static const std::vector<FileKind> kKinds = {Scenarios(), Captures(), Manifests(), Formats(), Images()};
     return kKinds;
 }
 

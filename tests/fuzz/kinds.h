@@ -11,6 +11,9 @@ namespace fuzz {
 
 [[nodiscard]] const std::vector<FileKind>& FileKinds();
 
+// Scenarios are read and played on the native driver.
+[[nodiscard]] FileKind Scenarios();
+
 // What zepn decode reads.
 [[nodiscard]] FileKind Captures();
 [[nodiscard]] FileKind Manifests();
