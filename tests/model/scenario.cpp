@@ -138,7 +138,7 @@ std::string Scenario(const Sequence& sequence, const std::string& title, const s
             step["null"] = std::string(operation.null);
         }
         if (expected.hangs) {
-            step["trouble"] = "waits for";
+            step["finding"] = "waits for";
         }
         steps.push_back(step);
     }

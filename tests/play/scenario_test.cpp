@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cstdio>
 #include <set>
 #include <sstream>
 
@@ -94,7 +96,84 @@ TEST(Scenario, WithoutADeviceNothingIsAskedOfIt)
     EXPECT_EQ(mistakes(R"({"do": "unload"})"), "none");
     EXPECT_EQ(mistakes(R"({"do": "addDevice"}, {"do": "count"})"), "none");
     EXPECT_EQ(mistakes(R"({"do": "count"}, {"do": "addDevice"})"),
-              "file.json:1:72: steps: with \"device\": false a step \"addDevice\" comes before this one");
+              "file.json:1:72: steps[0]: nobody has the driver's function tables yet; \"addDevice\" comes first");
+}
+
+TEST(Scenario, StepsThatCannotBeDoneAreRefused)
+{
+    const std::pair<const char*, const char*> kRows[] = {
+        {R"({"do": "remove"}, {"do": "unload"})", nullptr},
+        {R"({"do": "surpriseRemoval"}, {"do": "remove"}, {"do": "addDevice"}, {"do": "open"}, {"do": "control"})",
+         nullptr},
+        {R"({"do": "control"})", "the control device is not open"},
+        {R"({"do": "open"}, {"do": "close"}, {"do": "close"})", "the control device is not open"},
+        {R"({"do": "open"}, {"do": "open"})", "the control device is open already"},
+        {R"({"do": "open"}, {"do": "remove"})", "the control device is open, so"},
+        {R"({"do": "unload"})", "does not unload a driver that has a device"},
+        {R"({"do": "remove"}, {"do": "unload"}, {"do": "register", "client": "power"})", "the driver is unloaded"},
+        {R"({"do": "remove"}, {"do": "unload"}, {"do": "addDevice"})", "the driver is unloaded"},
+        {R"({"do": "addDevice"})", "the driver has a device"},
+        {R"({"do": "remove"}, {"do": "remove"})", "the driver has no device"},
+        {R"({"do": "surpriseRemoval"}, {"do": "surpriseRemoval"})", "the device was pulled out already"},
+        {R"({"do": "open", "expect": "STATUS_NO_MEMORY"}, {"do": "control"})", "the control device is not open"},
+    };
+    for (const auto& [steps, expected] : kRows) {
+        const std::string mistakes = MistakesIn(With(steps));
+        EXPECT_EQ(mistakes == "none", expected == nullptr) << steps << "\n" << mistakes;
+        EXPECT_NE(mistakes.find(expected == nullptr ? "none" : expected), std::string::npos) << mistakes;
+        EXPECT_EQ(mistakes.find('\n'), std::string::npos) << mistakes;
+    }
+}
+
+TEST(Scenario, WhatStandsTwiceOrTakesTooMuchMemoryIsRefused)
+{
+    const std::string mistakes = MistakesIn(R"({"title": "t", "states": {"up": 1, "up": 2},
+ "clients": {"a": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "A", "entries": 4294967295},
+             "a": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "A"}},
+ "steps": [{"do": "describe", "capacity": 4294967295}]})");
+    EXPECT_EQ(mistakes, "file.json:1:36: states.up: stands twice\n"
+                        "file.json:3:14: clients.a: stands twice\n"
+                        "file.json:2:92: clients.a.entries: expected a whole number from 0 to 100000\n"
+                        "file.json:4:43: steps[0].capacity: expected a whole number from 0 to 100000");
+}
+
+TEST(Scenario, DeepAndLongFilesAndFoldersAreRefused)
+{
+    EXPECT_EQ(MistakesIn(std::string(1'000'000, '[')), "file.json:1:33: syntax: nested more than 32 deep");
+    EXPECT_EQ(MistakesIn("[1e999]"), "file.json:1:6: syntax: number overflow parsing '1e999'");
+    EXPECT_THROW((void)play::ReadScenario(std::filesystem::temp_directory_path()), ScenarioError);
+    EXPECT_THROW((void)play::ReadScenario("/dev/zero"), ScenarioError);
+}
+
+// Twenty mistakes are enough, and reading takes no longer for them.
+TEST(Scenario, TenMegabytesAndAHundredThousandClientsAreReadOrRefused)
+{
+    constexpr unsigned kClients = 100'000;
+    std::string clients;
+    std::string steps;
+    char text[160];
+    for (unsigned number = 0; number < kClients; ++number) {
+        std::snprintf(text, sizeof(text),
+                      "%s\"c%u\": {\"guid\": \"6f1b2c3d-0001-4a5b-8c9d-0000%08x\", \"name\": \"C\"}\n",
+                      number == 0 ? "" : ",", number, number);
+        clients += text;
+        std::snprintf(text, sizeof(text), "%s{\"do\": \"register\", \"client\": \"c%u\"}\n", number == 0 ? "" : ",",
+                      number);
+        steps += text;
+    }
+    const auto file = [&](const std::string& name) {
+        return R"({"title": "t", "states": {}, "clients": {)" + clients + "}, \"steps\": [" + steps + "]" + name + "}";
+    };
+    const std::string good = file("");
+    EXPECT_GT(good.size(), 10u << 20);
+    EXPECT_EQ(ParseScenario(good, "f").clients.size(), kClients);
+    std::string wrong = good;
+    for (std::size_t at = 0; (at = wrong.find("\"client\": \"c", at)) != std::string::npos; ++at) {
+        wrong[at + 11] = 'x';
+    }
+    const std::string mistakes = MistakesIn(wrong);
+    EXPECT_EQ(std::ranges::count(mistakes, '\n'), 20) << mistakes;
+    EXPECT_NE(mistakes.find("there may be more mistakes"), std::string::npos);
 }
 
 class Demo : public testing::TestWithParam<const char*> {
@@ -128,7 +207,7 @@ INSTANTIATE_TEST_SUITE_P(On, Demo, testing::Values("native", "x64"), [](const au
 INSTANTIATE_TEST_SUITE_P(On, Demo, testing::Values("native", "arm64"), [](const auto& info) { return info.param; });
 #endif
 
-TEST_P(Demo, BootScenarioPlaysToItsEndWithoutTrouble)
+TEST_P(Demo, BootScenarioPlaysToItsEndWithoutAFinding)
 {
     const auto entries = Play("boot.json", true);
     std::set<std::string> seen;
@@ -136,11 +215,11 @@ TEST_P(Demo, BootScenarioPlaysToItsEndWithoutTrouble)
         if (entry["kind"] != "report") {
             seen.insert(entry["what"]);
         }
-        EXPECT_NE(entry["kind"], "trouble") << entry;
+        EXPECT_NE(entry["kind"], "finding") << entry;
     }
     for (const char* expected :
-         {"is told that modem is in state none, at once", "answers: its own state is now starting",
-          "is told that modem is in state starting", "withdraws video", "is about to sleep; held for 50 ms"}) {
+         {"is notified: modem is in state none, at once", "answers: its own state is now starting",
+          "is notified: modem is in state starting", "withdraws video", "is about to sleep; held for 50 ms"}) {
         EXPECT_TRUE(seen.contains(expected)) << expected;
     }
     EXPECT_EQ(entries.back()["kind"], "end");
@@ -167,8 +246,8 @@ TEST(Player, MarksEachUnmetExpectationAndFailsTheRun)
         {R"({"do": "leave", "client": "power", "expect": "STATUS_SUCCESS"})", "STATUS_NOT_FOUND  <-- not expected"},
         {R"({"do": "register", "client": "power", "shows": ["as \"Power\"", "registers"]})",
          "!! the step does not show, in its place: registers"},
-        {R"({"do": "register", "client": "power", "trouble": "dead handle"})",
-         "!! expected trouble that did not come: dead handle"},
+        {R"({"do": "register", "client": "power", "finding": "dead handle"})",
+         "!! the expected finding did not come: dead handle"},
         {R"({"do": "subscribe", "client": "power", "to": "power", "state": "any",
              "fail": {"call": "WdfCollectionRemove"}, "expect": "STATUS_ZEP_NOTIFIER_NO_DRIVER"})",
          "!! the step never calls WdfCollectionRemove, which was to fail"},
@@ -181,6 +260,57 @@ TEST(Player, MarksEachUnmetExpectationAndFailsTheRun)
         EXPECT_FALSE(play::Play(ParseScenario(With(step), "f"), options, timeline));
         EXPECT_NE(out.str().find(marked), std::string::npos) << out.str();
     }
+}
+
+std::string TimelineOf(const std::string& scenario, bool expectGood = false)
+{
+    play::PlayOptions options;
+    options.image = ZEPN_NATIVE_DRIVER;
+    std::ostringstream out;
+    play::Timeline timeline(out, play::Timeline::Form::kText, false);
+    EXPECT_EQ(play::Play(ParseScenario(scenario, "file.json"), options, timeline), expectGood);
+    return out.str();
+}
+
+// The callback before sleep hangs, and with it whatever waits for it.
+TEST(Player, GoesOnAfterAHangToTheLastStep)
+{
+    const char* kScenario = R"({"title": "t", "states": {},
+        "clients": {"power": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "Power", "appsState": 3,
+                              "inside": [{"on": "appsState", "do": "post"}]}},
+        "steps": [{"do": "register", "client": "power"}, {"do": "sleep", "finding": "holds itself"}, )";
+    const std::string removed = TimelineOf(kScenario + std::string(R"(
+        {"do": "remove", "finding": "hang"}, {"do": "unload"}]})"));
+    EXPECT_NE(removed.find("!! file.json:5:46: the step is left out: the system does not unload a driver that has a "),
+              std::string::npos)
+        << removed;
+    EXPECT_NE(removed.find("a thread hangs, so the driver stays"), std::string::npos) << removed;
+    EXPECT_NE(TimelineOf(kScenario + std::string(R"({"do": "wake"}]})"), true).find("a thread hangs"),
+              std::string::npos);
+}
+
+TEST(Player, LeavesOutAStepWhoseNeedsAnEarlierOneDidNotMeet)
+{
+    const std::string timeline = TimelineOf(With(R"({"do": "surpriseRemoval"}, {"do": "open"}, {"do": "control"},
+        {"do": "note", "text": "the end"})"));
+    EXPECT_NE(timeline.find("!! file.json:4:46: the step is left out: the control device is not open"),
+              std::string::npos)
+        << timeline;
+    EXPECT_NE(timeline.find("the end"), std::string::npos) << timeline;
+}
+
+TEST(Player, EndsAnswersThatGoOnWithoutEnd)
+{
+    const std::string timeline = TimelineOf(R"({"title": "t", "states": {}, "clients": {
+        "a": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "A",
+              "answers": [{"from": "b", "state": 1, "answer": 2}, {"from": "b", "state": 2, "answer": 1}]},
+        "b": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000002", "name": "B",
+              "answers": [{"from": "a", "state": 1, "answer": 2}, {"from": "a", "state": 2, "answer": 1}]}},
+      "steps": [{"do": "register", "client": "a"}, {"do": "register", "client": "b"},
+        {"do": "subscribe", "client": "a", "to": "b", "state": "any"},
+        {"do": "subscribe", "client": "b", "to": "a", "state": "any"},
+        {"do": "post", "client": "a", "state": 1}, {"do": "deliver"}]})");
+    EXPECT_NE(timeline.find("!! clients answer each other without end: they stop after 1000 answers"), std::string::npos);
 }
 
 // A driver that is unloaded while its client is registered is found by whichever callback comes first.

@@ -4,9 +4,10 @@
 namespace play {
 namespace {
 
-ZepState StateOf(const Run& run, const std::string& client, std::uint32_t state)
+ZepState StateOf(Run& run, const std::string& client, std::uint32_t state)
 {
-    return {.Size = sizeof(ZepState), .InterfaceGUID = run.scenario.Find(client)->guid, .State = state, .Reserved = 0};
+    return {
+        .Size = sizeof(ZepState), .InterfaceGUID = run.peers.Find(client).model().guid, .State = state, .Reserved = 0};
 }
 
 }  // namespace
@@ -66,7 +67,7 @@ void DoClientStep(Run& run, const Step& step)
         const ZepCommand command{.Size = sizeof(ZepCommand),
                                  .CommandArgument = step.argument,
                                  .SourceGuid = model.guid,
-                                 .TargetGuid = run.scenario.Find(step.to)->guid,
+                                 .TargetGuid = run.peers.Find(step.to).model().guid,
                                  .CommandId = step.id};
         run.Show(step, model.key, "sends command " + std::to_string(step.id) + " to " + step.to,
                  call("Notifier_HelperSendCommand",

@@ -2,13 +2,18 @@
 
 #include "tools/play/statuses.h"
 
+#include <bit>
 #include <cstdio>
-#include <cstring>
 
 namespace play {
 namespace {
 
 Peers* g_peers = nullptr;  // the crash-dump callbacks carry no context of their own
+
+std::array<std::uint64_t, 2> KeyOf(const GUID& guid)
+{
+    return std::bit_cast<std::array<std::uint64_t, 2>>(guid);
+}
 
 std::string Hex(std::uint64_t value)
 {
@@ -17,17 +22,17 @@ std::string Hex(std::uint64_t value)
     return text;
 }
 
-// A callback as a stretch of its own.
-class Told {
+// A callback as a span of its own.
+class CallbackScope {
 public:
-    Told(Timeline& timeline, std::string who, const char* callback, const std::string& causedBy)
+    CallbackScope(Timeline& timeline, std::string who, const char* callback, const std::string& causedBy)
         : timeline_(timeline), who_(std::move(who))
     {
         timeline_.Begin({Span::Kind::kCallback, who_, callback, causedBy});
     }
-    ~Told() { timeline_.End(who_); }
-    Told(const Told&) = delete;
-    Told& operator=(const Told&) = delete;
+    ~CallbackScope() { timeline_.End(who_); }
+    CallbackScope(const CallbackScope&) = delete;
+    CallbackScope& operator=(const CallbackScope&) = delete;
 
 private:
     Timeline& timeline_;
@@ -56,7 +61,7 @@ void CrashDumpCallsFromInside(const std::string& callback)
 
 NTSTATUS Answer(const char* callback, const std::string& what, const std::string& causedBy)
 {
-    const Told told(g_peers->timeline, kCrashDump, callback, causedBy);
+    const CallbackScope scope(g_peers->timeline, kCrashDump, callback, causedBy);
     const auto& answers = g_peers->scenario.crashDump.answers;
     const auto found = answers.find(callback);
     const NTSTATUS status = found == answers.end() ? STATUS_SUCCESS : found->second;
@@ -183,17 +188,20 @@ NTSTATUS Client::OnState(PVOID context, const ZepState* state, PULONG response)
     }
     Peers& peers = self.peers_;
     const std::string from = peers.NameOf(state->InterfaceGUID);
-    const Told told(peers.timeline, self.model_.key, "state callback",
-                    "state " + from + " " + std::to_string(state->State));
+    const CallbackScope scope(peers.timeline, self.model_.key, "state callback",
+                              "state " + from + " " + std::to_string(state->State));
     ++peers.counts.delivered;
     peers.timeline.Add({EntryKind::kCallback, from, self.model_.key,
-                        "is told that " + from + " is in state " + peers.scenario.StateName(state->State) +
+                        "is notified: " + from + " is in state " + peers.scenario.StateName(state->State) +
                             (peers.registering ? ", at once" : ""),
                         "", true});
     for (std::size_t index = 0; index < self.model_.answers.size(); ++index) {
         const AnswerRule& rule = self.model_.answers[index];
         if (rule.from != from || (rule.state && *rule.state != state->State) || self.spent_[index]) {
             continue;
+        }
+        if (!peers.MayAnswer()) {
+            break;
         }
         self.spent_[index] = rule.once;
         ++peers.counts.answered;
@@ -215,8 +223,8 @@ NTSTATUS Client::OnCommand(PVOID context, ULONG id, const ZepCommandInfo* info, 
     }
     Peers& peers = self.peers_;
     const std::string from = peers.NameOf(info->SourceGuid);
-    const Told told(peers.timeline, self.model_.key, "command callback",
-                    "command " + from + " " + self.model_.key + " " + std::to_string(id));
+    const CallbackScope scope(peers.timeline, self.model_.key, "command callback",
+                              "command " + from + " " + self.model_.key + " " + std::to_string(id));
     ++peers.counts.commands;
     peers.timeline.Add({EntryKind::kCallback, from, self.model_.key,
                         "gets command " + std::to_string(id) + " with argument " +
@@ -224,7 +232,7 @@ NTSTATUS Client::OnCommand(PVOID context, ULONG id, const ZepCommandInfo* info, 
                             peers.scenario.StateName(info->SourceState) + ")",
                         "", true});
     for (const CommandRule& rule : self.model_.commands) {
-        if (rule.id == id) {
+        if (rule.id == id && peers.MayAnswer()) {
             *state = rule.answer;
             peers.timeline.Cause(self.model_.key, "state " + self.model_.key + " " + std::to_string(rule.answer));
             ++peers.counts.answered;
@@ -243,9 +251,9 @@ NTSTATUS Client::OnAppsState(PVOID context, ULONG, PULONG state)
         return STATUS_SUCCESS;
     }
     Peers& peers = self.peers_;
-    const Told told(peers.timeline, self.model_.key, "application-state callback", "");
+    const CallbackScope scope(peers.timeline, self.model_.key, "application-state callback", "");
     peers.timeline.Add(
-        {EntryKind::kCallback, "notifier", self.model_.key, "is told that the system is about to sleep", "", true});
+        {EntryKind::kCallback, "notifier", self.model_.key, "is notified: the system is about to sleep", "", true});
     if (self.model_.appsState) {
         *state = *self.model_.appsState;
         peers.timeline.Cause(self.model_.key, "state " + self.model_.key + " " + std::to_string(*state));
@@ -260,7 +268,9 @@ NTSTATUS Client::OnAppsState(PVOID context, ULONG, PULONG state)
 Peers::Peers(const Scenario& scenarioOfRun, Timeline& timelineOfRun) : scenario(scenarioOfRun), timeline(timelineOfRun)
 {
     for (const ClientModel& model : scenario.clients) {
-        clients_.emplace_back(*this, model);
+        Client& client = clients_.emplace_back(*this, model);
+        byKey_.emplace(model.key, &client);
+        byGuid_.emplace(KeyOf(model.guid), &client);
     }
     crashDump_.ZepClientAdd = &OnClientAdd;
     crashDump_.ZepClientRemove = &OnClientRemove;
@@ -279,22 +289,23 @@ Peers::~Peers()
 
 Client& Peers::Find(const std::string& key)
 {
-    for (Client& client : clients_) {
-        if (client.model().key == key) {
-            return client;
-        }
+    return *byKey_.at(key);  // the reader has checked every name
+}
+
+bool Peers::MayAnswer()
+{
+    constexpr unsigned kAnswersMaximum = 1000;
+    if (++answersInStep_ == kAnswersMaximum + 1) {
+        findings.push_back("clients answer each other without end: they stop after " + std::to_string(kAnswersMaximum) +
+                           " answers");
     }
-    throw ScenarioError("no client " + key);  // the reader has checked every name
+    return answersInStep_ <= kAnswersMaximum;
 }
 
 std::string Peers::NameOf(const GUID& guid) const
 {
-    for (const ClientModel& model : scenario.clients) {
-        if (std::memcmp(&model.guid, &guid, sizeof(guid)) == 0) {
-            return model.key;
-        }
-    }
-    return "?";
+    const auto client = byGuid_.find(KeyOf(guid));
+    return client == byGuid_.end() ? "?" : client->second->model().key;
 }
 
 }  // namespace play

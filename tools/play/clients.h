@@ -5,6 +5,7 @@
 #include "tools/play/scenario.h"
 #include "tools/play/timeline.h"
 
+#include <array>
 #include <deque>
 #include <map>
 #include <memory>
@@ -73,6 +74,10 @@ public:
     // What the peers found wrong since the run looked last.
     std::vector<std::string> findings;
 
+    // Called before each answer; false when there were too many since BeginStep, as when clients answer each other.
+    bool MayAnswer();
+    void BeginStep() { answersInStep_ = 0; }
+
     // A registration is delivering now: the callback's response then enters as the subscriber's own state.
     bool registering = false;
 
@@ -81,7 +86,10 @@ public:
     Counts counts;
 
 private:
+    unsigned answersInStep_ = 0;
     std::deque<Client> clients_;
+    std::map<std::string, Client*> byKey_;
+    std::map<std::array<std::uint64_t, 2>, Client*> byGuid_;  // of several with one GUID the first
     WpcdClientRegistration crashDump_{};
 };
 

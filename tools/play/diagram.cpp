@@ -89,10 +89,10 @@ void Diagram::OnEntry(unsigned, const Entry& entry)
     }
 }
 
-void Diagram::OnBegin(unsigned, const Span& stretch)
+void Diagram::OnBegin(unsigned, const Span& span)
 {
-    if (stretch.kind == Span::Kind::kCall) {
-        begun_[stretch.who] = lines_.size();
+    if (span.kind == Span::Kind::kCall) {
+        begun_[span.who] = lines_.size();
     }
 }
 
@@ -100,7 +100,7 @@ void Diagram::DrawCall(const Entry& entry)
 {
     const std::string who = Participant(entry.who);
     const std::string notifier = Participant(kNotifier);
-    // Indented: the end of a call whose beginning was told before its callbacks.
+    // Indented: the end of a call whose beginning was shown before its callbacks.
     const std::size_t begin = entry.what.find_first_not_of(' ');
     const std::string what = Plain(entry.what.substr(begin)) + OutcomeOf(entry);
     const auto begun = begun_.extract(entry.who);

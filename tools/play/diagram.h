@@ -17,7 +17,7 @@ public:
     explicit Diagram(std::string title, std::string part = "");
 
     void OnEntry(unsigned step, const Entry& entry) override;
-    void OnBegin(unsigned step, const Span& stretch) override;
+    void OnBegin(unsigned step, const Span& span) override;
 
     // Whether any note of the run contained the part.
     [[nodiscard]] bool HasPart() const { return partSeen_; }
@@ -34,7 +34,7 @@ private:
     bool partSeen_ = false;
     std::vector<std::string> participants_;  // in order of appearance
     std::vector<std::string> lines_;
-    // Where the call that is under way belongs: it is told of behind its callbacks, and drawn before them.
+    // Where the call that is under way belongs: it is shown after its callbacks, and drawn before them.
     std::map<std::string, std::size_t> begun_;
 };
 

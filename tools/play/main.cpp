@@ -1,6 +1,7 @@
 // zepn-play: plays a scenario on the driver image and prints the timeline.
 //
-// Ends with 0 when all went as the scenario expects, 1 when not, 2 for a wrong scenario or a wrong call.
+// Ends with 0 when all went as the scenario expects, 1 when not, 2 for a wrong scenario or a wrong call, and 4
+// (host::checks::kMemoryFaultExit) after a memory fault of a driver, which is printed with its place and the step.
 #include "host/environment.h"
 #include "tools/command_line/command_line.h"
 #include "tools/play/diagram.h"
@@ -82,7 +83,7 @@ int main(int argumentCount, char** arguments)
         ->needs(diagramOption);
     CLI::Option* perfettoOption =
         app.add_option("--perfetto", perfettoFile, "write the run as trace events for Perfetto and Chrome's viewer");
-    // It is told by the drivers' own prints.
+    // Its lines are what the drivers print.
     app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario")
         ->excludes(scenarioOption, etwOption, traceOption, captureOption, diagramOption, perfettoOption);
     app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));

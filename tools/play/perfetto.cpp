@@ -52,13 +52,13 @@ void Perfetto::OnEntry(unsigned step, const Entry& entry)
         Instant(step, entry);
         return;
     }
-    // What the innermost stretch of that peer was about.
+    // What the innermost span of that peer was about.
     const std::string& who = entry.kind == EntryKind::kCall ? entry.who : entry.whom;
     const auto open = open_.find(who);
     if (open == open_.end() || open->second.empty()) {
         return;
     }
-    std::string& text = open->second.back().stretch.name;
+    std::string& text = open->second.back().span.name;
     text += text.find(": ") == std::string::npos ? ": " + entry.what : "; " + entry.what;
 }
 
@@ -67,7 +67,7 @@ void Perfetto::Instant(unsigned step, const Entry& entry)
     const bool global = entry.kind == EntryKind::kHeading || onTop_.empty();
     events_.push_back({{"name", entry.who.empty() ? entry.what : entry.who + ": " + entry.what},
                        {"cat", entry.kind == EntryKind::kReport    ? "report"
-                               : entry.kind == EntryKind::kFinding ? "trouble"
+                               : entry.kind == EntryKind::kFinding ? "finding"
                                                                    : "note"},
                        {"ph", "i"},
                        {"s", global ? "g" : "t"},
@@ -77,14 +77,14 @@ void Perfetto::Instant(unsigned step, const Entry& entry)
                        {"args", {{"step", step}}}});
 }
 
-void Perfetto::OnBegin(unsigned step, const Span& stretch)
+void Perfetto::OnBegin(unsigned step, const Span& span)
 {
     const double begin = Now();
-    const int track = Track(stretch.who);
-    open_[stretch.who].push_back({begin, step, stretch});
-    onTop_.push_back(stretch.who);
-    const auto cause = causes_.find(stretch.causedBy);
-    if (stretch.causedBy.empty() || cause == causes_.end()) {
+    const int track = Track(span.who);
+    open_[span.who].push_back({begin, step, span});
+    onTop_.push_back(span.who);
+    const auto cause = causes_.find(span.causedBy);
+    if (span.causedBy.empty() || cause == causes_.end()) {
         return;
     }
     // An arrow binds to the slices that lie around its two ends.
@@ -121,13 +121,13 @@ void Perfetto::OnEnd(const std::string& who, const std::string& outcome)
 nlohmann::ordered_json Perfetto::Slice(const Open& open, double endUs, const std::string& outcome) const
 {
     constexpr const char* kCategories[] = {"call", "work item", "callback"};
-    nlohmann::ordered_json slice = {{"name", open.stretch.name},
-                                    {"cat", kCategories[static_cast<int>(open.stretch.kind)]},
+    nlohmann::ordered_json slice = {{"name", open.span.name},
+                                    {"cat", kCategories[static_cast<int>(open.span.kind)]},
                                     {"ph", "X"},
                                     {"ts", open.beginUs},
                                     {"dur", endUs - open.beginUs},
                                     {"pid", kProcess},
-                                    {"tid", tracks_.at(open.stretch.who)},
+                                    {"tid", tracks_.at(open.span.who)},
                                     {"args", {{"step", open.step}}}};
     if (!outcome.empty()) {
         slice["args"]["outcome"] = outcome;
@@ -155,9 +155,9 @@ void Perfetto::Write(std::ostream& out) const
     for (const nlohmann::ordered_json& event : events_) {
         put(event);
     }
-    for (const auto& [who, stretches] : open_) {
-        for (const Open& open : stretches) {
-            put(Slice(open, lastUs_ + 1, "stands still"));
+    for (const auto& [who, spans] : open_) {
+        for (const Open& open : spans) {
+            put(Slice(open, lastUs_ + 1, "hangs"));
         }
     }
     out << "\n]}\n";

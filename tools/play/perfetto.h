@@ -21,18 +21,18 @@ public:
     explicit Perfetto(std::string title, Clock clock = {});
 
     void OnEntry(unsigned step, const Entry& entry) override;
-    void OnBegin(unsigned step, const Span& stretch) override;
+    void OnBegin(unsigned step, const Span& span) override;
     void OnCause(const std::string& who, const std::string& cause) override;
     void OnEnd(const std::string& who, const std::string& outcome) override;
 
-    // Stretches that are still open stand still; they end with the picture.
+    // Spans that are still open stand still; they end with the picture.
     void Write(std::ostream& out) const;
 
 private:
     struct Open {
         double beginUs;
         unsigned step;
-        Span stretch;
+        Span span;
     };
     struct Point {
         int track;
@@ -47,8 +47,8 @@ private:
     const Clock clock_;
     double lastUs_ = -1;
     std::map<std::string, int> tracks_;
-    std::map<std::string, std::vector<Open>> open_;  // by track; nested stretches on top of one another
-    std::vector<std::string> onTop_;                 // tracks of the open stretches, innermost last
+    std::map<std::string, std::vector<Open>> open_;  // by track; nested spans on top of one another
+    std::vector<std::string> onTop_;                 // tracks of the open spans, innermost last
     std::map<std::string, Point> causes_;            // where each cause was given last
     int lastFlow_ = 0;
     nlohmann::ordered_json events_ = nlohmann::ordered_json::array();

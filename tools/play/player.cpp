@@ -1,5 +1,6 @@
 #include "tools/play/player.h"
 
+#include "host/checks/crash.h"
 #include "tools/play/report_listener.h"
 #include "tools/play/steps.h"
 
@@ -51,13 +52,24 @@ bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeli
     }
     run.Boot(options.image);
     unsigned number = 0;
+    Place place;
+    const host::checks::CrashContext context([&] {
+        return "in step " + std::to_string(number) + ", " + scenario.file + ":" + std::to_string(place.line) + ":" +
+               std::to_string(place.column);
+    });
     for (const Step& step : scenario.steps) {
+        place = step.place;
         if (step.action != Action::kNote) {
             timeline.BeginStep(++number);
         }
+        if (const char* obstacle = run.ObstacleTo(step)) {
+            run.LeaveOut(step, obstacle);
+            continue;
+        }
+        run.peers.BeginStep();
         run.Arm(step);
         Do(run, step);
-        run.ShowFinding();
+        run.ShowFindings();
         run.Disarm(step);
     }
     run.End();

@@ -4,35 +4,36 @@
 
 #include "tools/play/statuses.h"
 
+#include <algorithm>
 #include <span>
 #include <utility>
 
 namespace play {
 namespace {
 
-host::MachineOptions MachineOptionsFor(bool realTime)
+constexpr std::uint32_t kRealWaitMaximumMs = 60'000;  // nobody watches a longer one
+
+host::MachineOptions MachineOptionsFor(const Scenario& scenario, bool realTime)
 {
     host::MachineOptions options;
-    options.realTime = realTime;
+    options.realTime = realTime && std::ranges::all_of(scenario.steps, [](const Step& step) {
+                           return step.action != Action::kTimeout || step.argument <= kRealWaitMaximumMs;
+                       });
     return options;
 }
 
 }  // namespace
 
 Run::Run(const Scenario& scenarioOfRun, Timeline& timelineOfRun, bool realTime)
-    : scenario(scenarioOfRun), timeline(timelineOfRun), machine(MachineOptionsFor(realTime)),
+    : scenario(scenarioOfRun), timeline(timelineOfRun), machine(MachineOptionsFor(scenarioOfRun, realTime)),
       peers(scenarioOfRun, timelineOfRun)
 {
 }
 
 template <class Table>
-void Run::Query(const GUID& type, Table& table)
+NTSTATUS Run::Query(const GUID& type, Table& table)
 {
-    const NTSTATUS status =
-        driver->QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)), ZEP_NOTIFIER_INTERFACE_VERSION);
-    if (!NT_SUCCESS(status)) {
-        throw host::HostError("the driver did not give out its interface: " + StatusText(status));
-    }
+    return driver->QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)), ZEP_NOTIFIER_INTERFACE_VERSION);
 }
 
 void Run::Boot(const std::filesystem::path& image)
@@ -58,13 +59,45 @@ void Run::Boot(const std::filesystem::path& image)
 
 NTSTATUS Run::AddDevice()
 {
-    const NTSTATUS added = driver->AddDevice();
-    const NTSTATUS status = NT_SUCCESS(added) ? driver->StartDevice() : added;
-    if (NT_SUCCESS(status)) {
-        Query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper);
-        Query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd);
+    if (const NTSTATUS added = driver->AddDevice(); !NT_SUCCESS(added)) {
+        return added;
     }
-    return status;
+    device = SystemState::Device::kStarted;
+    if (const NTSTATUS started = driver->StartDevice(); !NT_SUCCESS(started)) {
+        (void)RemoveDevice();  // as the system does
+        return started;
+    }
+    const NTSTATUS queried = Query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper);
+    return NT_SUCCESS(queried) ? Query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd) : queried;
+}
+
+const char* Run::ObstacleTo(const Step& step) const
+{
+    return Obstacle(step, {.driverLoaded = driver->IsLoaded(),
+                           .device = device,
+                           .interfacesQueried = helper.InterfaceHeader.Size != 0 && wpcd.InterfaceHeader.Size != 0,
+                           .handleOpen = file != 0});
+}
+
+void Run::LeaveOut(const Step& step, const char* obstacle)
+{
+    AddFinding(scenario.file + ":" + std::to_string(step.place.line) + ":" + std::to_string(step.place.column) +
+               ": the step is left out: " + obstacle);
+}
+
+std::optional<NTSTATUS> Run::RemoveDevice()
+{
+    const host::Outcome outcome = driver->RemoveDevice();
+    ShowParked(outcome);
+    device = outcome.parked ? SystemState::Device::kRemovalHangs : SystemState::Device::kNone;
+    return outcome.parked ? std::nullopt : std::optional(STATUS_SUCCESS);
+}
+
+std::optional<NTSTATUS> Run::Unload()
+{
+    const host::Outcome outcome = driver->Unload();
+    ShowParked(outcome);
+    return outcome.parked ? std::nullopt : std::optional(STATUS_SUCCESS);
 }
 
 std::optional<NTSTATUS> Run::Call(const Step& step, const std::string& who, const char* operation,
@@ -92,9 +125,9 @@ std::optional<NTSTATUS> Run::Call(const Step& step, const std::string& who, cons
 
 void Run::Show(const Step& step, const std::string& who, const std::string& what, std::optional<NTSTATUS> status)
 {
-    // Of a step that must end in trouble the status is judged only when it names one.
+    // Of a step that must end in a finding the status is judged only when it names one.
     const bool good =
-        status && step.expect ? *status == *step.expect : step.trouble.has_value() || (status && NT_SUCCESS(*status));
+        status && step.expect ? *status == *step.expect : step.finding.has_value() || (status && NT_SUCCESS(*status));
     timeline.Add({EntryKind::kCall, who, kNotifier, what, status ? StatusText(*status) : "never returns", good});
     good_ = good_ && good;
 }
@@ -102,14 +135,14 @@ void Run::Show(const Step& step, const std::string& who, const std::string& what
 void Run::ShowParked(const host::Outcome& outcome)
 {
     if (outcome.parked) {
-        stuck_ = true;
-        Trouble("a thread stands still for ever: it " + outcome.reason);
+        hangs_ = true;
+        AddFinding("hang: the thread " + outcome.reason);
     }
 }
 
 void Run::Arm(const Step& step)
 {
-    expectedFinding_ = step.trouble;
+    expectedFinding_ = step.finding;
     findingCame_ = false;
     if (step.fail) {
         machine.faults().Add(
@@ -120,26 +153,26 @@ void Run::Arm(const Step& step)
     }
 }
 
-void Run::ShowFinding()
+void Run::ShowFindings()
 {
     for (const auto& violation : machine.violations().Take()) {
-        violations_ += Trouble(violation.Text()) ? 0 : 1;
+        violations_ += AddFinding(violation.Text()) ? 0 : 1;
     }
     for (const std::string& finding : std::exchange(peers.findings, {})) {
-        violations_ += Trouble(finding) ? 0 : 1;
+        violations_ += AddFinding(finding) ? 0 : 1;
     }
 }
 
 void Run::Disarm(const Step& step)
 {
     if (step.fail && machine.faults().StruckCount() == 0) {
-        Trouble("the step never calls " + step.fail->call + ", which was to fail");
+        AddFinding("the step never calls " + step.fail->call + ", which was to fail");
     }
     machine.faults().Clear();
     if (expectedFinding_ && !findingCame_) {
         const std::string expected = *expectedFinding_;
         expectedFinding_.reset();
-        Trouble("expected trouble that did not come: " + expected);
+        AddFinding("the expected finding did not come: " + expected);
     }
     expectedFinding_.reset();
     std::size_t shown = 0;
@@ -147,11 +180,11 @@ void Run::Disarm(const Step& step)
         shown += shown < step.shows.size() && text.find(step.shows[shown]) != std::string::npos ? 1 : 0;
     }
     if (shown < step.shows.size()) {
-        Trouble("the step does not show, in its place: " + step.shows[shown]);
+        AddFinding("the step does not show, in its place: " + step.shows[shown]);
     }
 }
 
-bool Run::Trouble(const std::string& text)
+bool Run::AddFinding(const std::string& text)
 {
     const bool expected = expectedFinding_ && text.find(*expectedFinding_) != std::string::npos;
     timeline.Add({EntryKind::kFinding, "", "", text, "", expected});
@@ -162,17 +195,20 @@ bool Run::Trouble(const std::string& text)
 
 void Run::End()
 {
-    if (driver->HasDevice() && !stuck_) {
-        if (file != 0) {
-            driver->Close(file);
-        }
-        driver->SurpriseRemoveDevice();
-        ShowParked(driver->RemoveDevice());
+    // After a hang the system could do none of this either.
+    if (!hangs_ && file != 0) {
+        ShowParked(machine.OnThread(kApplication, [&] { driver->Close(file); }));
     }
-    if (driver->IsLoaded() && !driver->HasDevice()) {
-        driver->Unload();
+    if (!hangs_ && device == SystemState::Device::kStarted) {
+        ShowParked(machine.OnThread(kSystem, [&] { driver->SurpriseRemoveDevice(); }));
     }
-    ShowFinding();
+    if (!hangs_ && driver->HasDevice()) {
+        (void)RemoveDevice();
+    }
+    if (!hangs_ && driver->IsLoaded()) {
+        (void)Unload();
+    }
+    ShowFindings();
     const Counts& counts = peers.counts;
     const auto count = [](const char* what, unsigned number) {
         return std::string(what) + " " + std::to_string(number) + ", ";
@@ -181,7 +217,7 @@ void Run::End()
                        count("deliveries", counts.delivered) + count("answers", counts.answered) +
                        count("commands", counts.commands) + count("announcements", counts.announced) +
                        count("dump calls", counts.dumpCalls) +
-                       (stuck_             ? "a thread stands still, so the driver stays"
+                       (hangs_             ? "a thread hangs, so the driver stays"
                         : violations_ == 0 ? "no violation, nothing left behind"
                                            : "violations " + std::to_string(violations_)),
                    good_);

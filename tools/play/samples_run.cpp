@@ -68,7 +68,7 @@ private:
         timeline_.BeginStep(++steps_);
     }
 
-    // A driver's line begins with its name; the timeline tells that already.
+    // A driver's line begins with its name, which stands in the timeline already.
     void Print(const std::string& service, const std::string& line)
     {
         const std::size_t prefix = line.find(": ");
@@ -129,8 +129,7 @@ private:
     void Park(const host::Outcome& outcome)
     {
         if (outcome.parked) {
-            timeline_.Add(
-                {EntryKind::kFinding, "", "", "a thread stands still for ever: it " + outcome.reason, "", false});
+            timeline_.Add({EntryKind::kFinding, "", "", "hang: the thread " + outcome.reason, "", false});
             good_ = false;
         }
     }

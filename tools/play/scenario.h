@@ -107,23 +107,24 @@ struct Step {
     std::string null;  // the argument that is passed as NULL; empty: none
     std::optional<StepFault> fail;
     bool raised = false;                 // the call is made at DISPATCH_LEVEL
-    std::optional<std::string> trouble;  // part of the text of the trouble that the step must end in
+    std::optional<std::string> finding;  // part of the text of the finding that the step must end in
     std::vector<std::string> shows;      // parts of what the step must show, in this order
 };
 
 struct Scenario {
+    std::string file;
     std::string title;
     bool bootsDevice = true;  // else the run begins with the loaded driver, and a step adds the device
     std::map<std::string, std::uint32_t> states;
+    std::map<std::uint32_t, std::string> stateNames;  // of two names for a number the first in the file
     std::vector<ClientModel> clients;
     CrashDumpModel crashDump;
     std::vector<Step> steps;
 
     [[nodiscard]] std::string StateName(std::uint32_t state) const;
-    [[nodiscard]] const ClientModel* Find(const std::string& key) const;
 };
 
-// Every mistake that the file has, as "<file>:<line>:<column>: <field>: <what was expected>", one to a line.
+// The mistakes that a file has, as "<file>:<line>:<column>: <field>: <what was expected>", one to a line.
 class ScenarioError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

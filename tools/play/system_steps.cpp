@@ -1,6 +1,8 @@
 // The steps of the system around the driver, and of an application that has the control device open.
 #include "tools/play/steps.h"
 
+#include <utility>
+
 namespace play {
 namespace {
 
@@ -19,6 +21,28 @@ void Deliver(Run& run, std::uint32_t runs)
             run.ShowParked(result.parked.front());
         }
     }
+}
+
+std::optional<NTSTATUS> CallWithoutStatus(Run& run, const Step& step, const char* who, const char* operation,
+                                          const std::function<void()>& call)
+{
+    return run.Call(step, who, operation, {}, [&] {
+        call();
+        return STATUS_SUCCESS;
+    });
+}
+
+void Sleep(Run& run, const Step& step)
+{
+    const std::size_t delaysBefore = run.machine.Delays().size();
+    const auto status = CallWithoutStatus(run, step, kSystem, "power-state callback",
+                                          [&] { run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); });
+    std::int64_t waitedMs = 0;
+    const std::vector<std::int64_t> delays = run.machine.Delays();
+    for (std::size_t index = delaysBefore; index < delays.size(); ++index) {
+        waitedMs += -delays[index] / 10000;
+    }
+    run.Show(step, kSystem, "is about to sleep; held for " + std::to_string(waitedMs) + " ms", status);
 }
 
 }  // namespace
@@ -40,11 +64,12 @@ void DoSystemStep(Run& run, const Step& step)
         }));
         return;
     }
-    case Action::kClose:
-        run.driver->Close(run.file);
-        run.file = 0;
-        run.Show(step, kApplication, "closes the control device", STATUS_SUCCESS);
+    case Action::kClose: {
+        const host::FileId file = std::exchange(run.file, 0);
+        run.Show(step, kApplication, "closes the control device",
+                 CallWithoutStatus(run, step, kApplication, "close", [&] { run.driver->Close(file); }));
         return;
+    }
     case Action::kTimeout:
         run.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", step.argument);
         run.Show(step, kSystem, "sets the time to wait before sleep: " + std::to_string(step.argument) + " ms",
@@ -54,50 +79,38 @@ void DoSystemStep(Run& run, const Step& step)
         run.Show(step, kSystem, "adds and starts the device",
                  run.Call(step, kSystem, "device add", {}, [&] { return run.AddDevice(); }));
         return;
-    case Action::kSleep: {
-        const std::size_t delaysBefore = run.machine.Delays().size();
-        const auto status = run.Call(step, kSystem, "power-state callback", {}, [&] {
-            run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
-            return STATUS_SUCCESS;
-        });
-        std::int64_t waitedMs = 0;
-        const std::vector<std::int64_t> delays = run.machine.Delays();
-        for (std::size_t index = delaysBefore; index < delays.size(); ++index) {
-            waitedMs += -delays[index] / 10000;
-        }
-        run.Show(step, kSystem, "is about to sleep; held for " + std::to_string(waitedMs) + " ms", status);
+    case Action::kSleep:
+        Sleep(run, step);
         return;
-    }
     case Action::kWake:
-        run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 1);
-        run.Show(step, kSystem, "is awake again", STATUS_SUCCESS);
+        run.Show(step, kSystem, "is awake again", CallWithoutStatus(run, step, kSystem, "power-state callback", [&] {
+                     run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 1);
+                 }));
         return;
     case Action::kRefuseStop:
-        run.Show(step, kSystem, "asks the device to stop", run.driver->QueryStopDevice());
+        run.Show(step, kSystem, "asks the device to stop",
+                 run.Call(step, kSystem, "query stop", {}, [&] { return run.driver->QueryStopDevice(); }));
         return;
     case Action::kRefuseRemove:
-        run.Show(step, kSystem, "asks to remove the device", run.driver->QueryRemoveDevice());
+        run.Show(step, kSystem, "asks to remove the device",
+                 run.Call(step, kSystem, "query remove", {}, [&] { return run.driver->QueryRemoveDevice(); }));
         return;
     case Action::kSurpriseRemoval:
-        run.timeline.Begin({Span::Kind::kCall, kSystem, "surprise removal", ""});
-        run.driver->SurpriseRemoveDevice();
-        run.timeline.End(kSystem);
-        run.Show(step, kSystem, "the device is pulled out", STATUS_SUCCESS);
+        run.device = SystemState::Device::kSurpriseRemoved;
+        run.Show(
+            step, kSystem, "the device is pulled out",
+            CallWithoutStatus(run, step, kSystem, "surprise removal", [&] { run.driver->SurpriseRemoveDevice(); }));
         return;
-    case Action::kRemove: {
-        const host::Outcome outcome = run.driver->RemoveDevice();
-        run.ShowParked(outcome);
-        run.Show(step, kSystem, "the device is removed", STATUS_SUCCESS);
+    case Action::kRemove:
+        run.Show(step, kSystem, "the device is removed", run.RemoveDevice());
         return;
-    }
     case Action::kUnload:
         if (!step.client.empty()) {
             run.peers.Find(step.client).Unload();
             run.Show(step, kSystem, "unloads the driver of " + step.client, STATUS_SUCCESS);
             return;
         }
-        run.driver->Unload();
-        run.Show(step, kSystem, "unloads the driver", STATUS_SUCCESS);
+        run.Show(step, kSystem, "unloads the driver", run.Unload());
         return;
     default:
         return;

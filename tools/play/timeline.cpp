@@ -19,7 +19,7 @@ constexpr const char* kCyan = "36";
 
 const char* KindName(EntryKind kind)
 {
-    constexpr const char* kNames[] = {"heading", "call", "callback", "answer", "report", "trouble"};
+    constexpr const char* kNames[] = {"heading", "call", "callback", "answer", "report", "finding"};
     return kNames[static_cast<int>(kind)];
 }
 
@@ -52,10 +52,10 @@ void Timeline::Add(const Entry& entry)
     }
 }
 
-void Timeline::Begin(const Span& stretch)
+void Timeline::Begin(const Span& span)
 {
     for (Observer* observer : observers_) {
-        observer->OnBegin(step_, stretch);
+        observer->OnBegin(step_, span);
     }
 }
 

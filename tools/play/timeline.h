@@ -32,7 +32,7 @@ struct Entry {
     bool good = true;
 };
 
-// A stretch of work on somebody's thread: a call into the Notifier, a run of a work item, a callback.
+// A span of work on somebody's thread: a call into the Notifier, a run of a work item, a callback.
 struct Span {
     enum class Kind { kCall, kWorkItem, kCallback };
 
@@ -47,10 +47,10 @@ class Observer {
 public:
     virtual ~Observer() = default;
     virtual void OnEntry(unsigned step, const Entry& entry) = 0;
-    virtual void OnBegin(unsigned step, const Span& stretch) { (void)step, (void)stretch; }
-    // The innermost open stretch of `who` gives something to be passed on.
+    virtual void OnBegin(unsigned step, const Span& span) { (void)step, (void)span; }
+    // The innermost open span of `who` gives something to be passed on.
     virtual void OnCause(const std::string& who, const std::string& cause) { (void)who, (void)cause; }
-    // The innermost open stretch of `who` ends. One that stands still for ever never does.
+    // The innermost open span of `who` ends. That of a thread that hangs never does.
     virtual void OnEnd(const std::string& who, const std::string& outcome) { (void)who, (void)outcome; }
 };
 
@@ -64,7 +64,7 @@ public:
 
     // Observers see everything from now on, and must outlive the run.
     void AddObserver(Observer& observer) { observers_.push_back(&observer); }
-    void Begin(const Span& stretch);
+    void Begin(const Span& span);
     void Cause(const std::string& who, const std::string& cause);
     void End(const std::string& who, const std::string& outcome = "");
 

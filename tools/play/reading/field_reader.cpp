@@ -1,10 +1,15 @@
 #include "tools/play/reading/field_reader.h"
 
+#include "tools/play/scenario.h"
+
 #include <algorithm>
 #include <set>
 
 namespace play {
 namespace {
+
+constexpr unsigned kMistakesMaximum = 20;
+constexpr std::size_t kNameMaximum = 64;  // a longer one is no misspelt name
 
 // Of one text to another, in characters put in, taken out or replaced.
 std::size_t Distance(const std::string& first, const std::string& second)
@@ -29,11 +34,17 @@ std::size_t Distance(const std::string& first, const std::string& second)
 
 std::string Nearest(const std::string& name, const std::vector<std::string>& known)
 {
+    if (name.size() > kNameMaximum) {
+        return {};
+    }
     std::string nearest;
     std::size_t best = name.size() / 2 + 1;
     for (const std::string& candidate : known) {
-        if (Distance(name, candidate) < best) {
-            best = Distance(name, candidate);
+        if (candidate.size() >= name.size() + best || name.size() >= candidate.size() + best) {
+            continue;
+        }
+        if (const std::size_t distance = Distance(name, candidate); distance < best) {
+            best = distance;
             nearest = candidate;
         }
     }
@@ -44,6 +55,19 @@ void FieldReader::Mistake(Place place, const std::string& field, const std::stri
 {
     mistakes_ += (mistakes_.empty() ? "" : "\n") + file_ + ":" + std::to_string(place.line) + ":" +
                  std::to_string(place.column) + ": " + field + ": " + expected;
+    if (++mistakeCount_ == kMistakesMaximum) {
+        throw ScenarioError(mistakes_ + "\n" + file_ + ": there may be more mistakes");
+    }
+}
+
+void FieldReader::CheckNames(const JsonValue& object, const std::string& field)
+{
+    std::set<std::string> seen;
+    for (const JsonValue::Member& member : object.members) {
+        if (!seen.insert(member.name).second) {
+            Mistake(member.place, field + "." + member.name, "stands twice");
+        }
+    }
 }
 
 bool FieldReader::IsA(const JsonValue& value, Kind kind, const std::string& field)
@@ -59,16 +83,14 @@ void FieldReader::CheckFields(const JsonValue& object, const std::string& field,
 {
     std::vector<std::string> known = required;
     known.insert(known.end(), optional.begin(), optional.end());
-    std::set<std::string> seen;
+    CheckNames(object, field);
     for (const JsonValue::Member& member : object.members) {
         if (std::find(known.begin(), known.end(), member.name) == known.end()) {
             Mistake(member.place, field + "." + member.name, "unknown field" + Nearest(member.name, known));
-        } else if (!seen.insert(member.name).second) {
-            Mistake(member.place, field + "." + member.name, "stands twice");
         }
     }
     for (const std::string& name : required) {
-        if (!seen.contains(name)) {
+        if (FindMember(object, name) == nullptr) {
             Mistake(object.place, field, "field \"" + name + "\" is missing");
         }
     }
@@ -83,10 +105,11 @@ void FieldReader::ReadText(const JsonValue& object, const std::string& name, con
     }
 }
 
-bool FieldReader::ReadNumber(const JsonValue& value, const std::string& field, std::uint32_t& number)
+bool FieldReader::ReadNumber(const JsonValue& value, const std::string& field, std::uint32_t& number,
+                             std::uint32_t maximum)
 {
-    if (value.kind != Kind::kNumber || !value.isWhole || value.number > 0xFFFFFFFFu) {
-        Mistake(value.place, field, "expected a whole number from 0 to 4294967295");
+    if (value.kind != Kind::kNumber || !value.isWhole || value.number > maximum) {
+        Mistake(value.place, field, "expected a whole number from 0 to " + std::to_string(maximum));
         return false;
     }
     number = static_cast<std::uint32_t>(value.number);
@@ -94,10 +117,10 @@ bool FieldReader::ReadNumber(const JsonValue& value, const std::string& field, s
 }
 
 void FieldReader::ReadNumber(const JsonValue& object, const std::string& name, const std::string& field,
-                             std::uint32_t& number)
+                             std::uint32_t& number, std::uint32_t maximum)
 {
     if (const JsonValue* value = FindMember(object, name)) {
-        (void)ReadNumber(*value, field, number);
+        (void)ReadNumber(*value, field, number, maximum);
     }
 }
 

@@ -21,6 +21,7 @@ public:
 
     explicit FieldReader(std::string file) : file_(std::move(file)) {}
 
+    // Throws ScenarioError when there are too many.
     void Mistake(Place place, const std::string& field, const std::string& expected);
     // All so far, as "<file>:<line>:<column>: <field>: <what was expected>", one to a line.
     [[nodiscard]] const std::string& mistakes() const { return mistakes_; }
@@ -30,8 +31,11 @@ public:
     void CheckFields(const JsonValue& object, const std::string& field, const std::vector<std::string>& required,
                      const std::vector<std::string>& optional);
     void ReadText(const JsonValue& object, const std::string& name, const std::string& field, std::string& text);
-    bool ReadNumber(const JsonValue& value, const std::string& field, std::uint32_t& number);
-    void ReadNumber(const JsonValue& object, const std::string& name, const std::string& field, std::uint32_t& number);
+    void CheckNames(const JsonValue& object, const std::string& field);  // none stands twice
+    bool ReadNumber(const JsonValue& value, const std::string& field, std::uint32_t& number,
+                    std::uint32_t maximum = 0xFFFFFFFF);
+    void ReadNumber(const JsonValue& object, const std::string& name, const std::string& field, std::uint32_t& number,
+                    std::uint32_t maximum = 0xFFFFFFFF);
     // A text out of a list. `field` is the object's.
     void ReadOneOf(const JsonValue& object, const std::string& name, const std::string& field,
                    const std::vector<std::string>& known, std::string& text);
@@ -39,6 +43,7 @@ public:
 private:
     std::string file_;
     std::string mistakes_;
+    unsigned mistakeCount_ = 0;
 };
 
 }  // namespace play

@@ -4,13 +4,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <iterator>
 
 namespace play {
 namespace {
 
 using nlohmann::json;
+
+constexpr std::size_t kDepthMaximum = 32;  // values are destroyed by recursion
 
 class CountingIterator {
 public:
@@ -47,7 +51,14 @@ private:
 
 class Builder : public nlohmann::json_sax<json> {
 public:
-    Builder(const std::string& text, const std::size_t& count) : text_(text), count_(count) {}
+    Builder(const std::string& text, const std::size_t& count) : text_(text), count_(count)
+    {
+        for (std::size_t at = 0; at < text.size(); ++at) {
+            if (text[at] == '\n') {
+                lineBegins_.push_back(at + 1);
+            }
+        }
+    }
 
     JsonValue root;
 
@@ -82,7 +93,7 @@ public:
     bool binary(binary_t&) override { return false; }
     bool start_object(std::size_t) override
     {
-        open_.push_back(Add(JsonValue::Kind::kObject, count_ - 1));
+        Open(JsonValue::Kind::kObject);
         return true;
     }
     bool key(string_t& name) override
@@ -97,7 +108,7 @@ public:
     }
     bool start_array(std::size_t) override
     {
-        open_.push_back(Add(JsonValue::Kind::kArray, count_ - 1));
+        Open(JsonValue::Kind::kArray);
         return true;
     }
     bool end_array() override
@@ -108,20 +119,28 @@ public:
     bool parse_error(std::size_t position, const std::string&, const json::exception& error) override
     {
         std::string message = error.what();
-        const std::size_t colon = message.find(": ", message.find("column"));
-        throw JsonError{PlaceOf(position == 0 ? 0 : position - 1),
-                        colon == std::string::npos ? message : message.substr(colon + 2)};
+        // Behind the library's own name for the error, and the place where it knows one.
+        for (const char* before : {"] ", "column", ": "}) {
+            const std::size_t at = message.find(before);
+            message.erase(0, at == std::string::npos ? 0 : at + std::strlen(before));
+        }
+        throw JsonError{PlaceOf(position == 0 ? 0 : position - 1), message};
     }
 
 private:
     [[nodiscard]] Place PlaceOf(std::size_t offset) const
     {
-        Place place{1, 1};
-        for (std::size_t index = 0; index < offset && index < text_.size(); ++index) {
-            place.line += text_[index] == '\n' ? 1 : 0;
-            place.column = text_[index] == '\n' ? 1 : place.column + 1;
+        const auto next = std::upper_bound(lineBegins_.begin(), lineBegins_.end(), std::min(offset, text_.size()));
+        return {static_cast<unsigned>(next - lineBegins_.begin()),
+                static_cast<unsigned>(std::min(offset, text_.size()) - *std::prev(next) + 1)};
+    }
+
+    void Open(JsonValue::Kind kind)
+    {
+        if (open_.size() == kDepthMaximum) {
+            throw JsonError{PlaceOf(count_ - 1), "nested more than " + std::to_string(kDepthMaximum) + " deep"};
         }
-        return place;
+        open_.push_back(Add(kind, count_ - 1));
     }
 
     // Where the number or word begins that was just read. The parser may have looked at one character behind it.
@@ -167,6 +186,7 @@ private:
 
     const std::string& text_;
     const std::size_t& count_;
+    std::vector<std::size_t> lineBegins_ = {0};
     std::vector<JsonValue*> open_;  // stable: a container grows only while it is the innermost open one
 };
 

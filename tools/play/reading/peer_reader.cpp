@@ -7,6 +7,8 @@ namespace {
 
 using Kind = JsonValue::Kind;
 
+constexpr std::uint32_t kEntriesMaximum = 100'000;  // they take memory
+
 void ReadAnswers(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
 {
     const JsonValue* answers = FindMember(value, "answers");
@@ -90,7 +92,7 @@ void ReadClient(ValueReader& reader, const JsonValue& value, const std::string& 
     }
     reader.ReadText(value, "name", field + ".name", client.name);
     reader.ReadText(value, "description", field + ".description", client.description);
-    reader.ReadNumber(value, "entries", field + ".entries", client.entryCount);
+    reader.ReadNumber(value, "entries", field + ".entries", client.entryCount, kEntriesMaximum);
     ReadAnswers(reader, value, field, client);
     ReadCommands(reader, value, field, client);
     ReadInside(reader, value, field, {"state", "command", "appsState"},
@@ -111,15 +113,23 @@ void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
     if (clients == nullptr || !reader.IsA(*clients, Kind::kObject, "clients")) {
         return;
     }
+    reader.CheckNames(*clients, "clients");
     for (const JsonValue::Member& member : clients->members) {
         reader.AddClientName(member.name);
     }
+    std::uint64_t entries = 0;
     for (const JsonValue::Member& member : clients->members) {
         const std::string field = "clients." + member.name;
         ClientModel client;
         client.key = member.name;
         if (reader.IsA(member.value, Kind::kObject, field)) {
             ReadClient(reader, member.value, field, client);
+        }
+        entries += client.entryCount;
+        if (entries > kEntriesMaximum) {
+            reader.Mistake(member.place, field,
+                           "all clients together have more than " + std::to_string(kEntriesMaximum) + " entries");
+            return;
         }
         scenario.clients.push_back(std::move(client));
     }

@@ -4,12 +4,13 @@
 #include "tools/play/reading/step_reader.h"
 
 #include <fstream>
-#include <iterator>
 
 namespace play {
 namespace {
 
 using Kind = JsonValue::Kind;
+
+constexpr std::size_t kSizeMaximum = std::size_t{32} << 20;
 
 void ReadStates(ValueReader& reader, const JsonValue& root, Scenario& scenario)
 {
@@ -17,6 +18,7 @@ void ReadStates(ValueReader& reader, const JsonValue& root, Scenario& scenario)
     if (states == nullptr || !reader.IsA(*states, Kind::kObject, "states")) {
         return;
     }
+    reader.CheckNames(*states, "states");
     for (const JsonValue::Member& member : states->members) {
         std::uint32_t number = 0;
         if (member.name == "any") {
@@ -24,6 +26,7 @@ void ReadStates(ValueReader& reader, const JsonValue& root, Scenario& scenario)
                            "\"any\" is the name for every state and cannot be given a number");
         } else if (reader.ReadNumber(member.value, "states." + member.name, number)) {
             scenario.states[member.name] = number;
+            scenario.stateNames.emplace(number, member.name);
         }
     }
 }
@@ -33,6 +36,7 @@ void ReadStates(ValueReader& reader, const JsonValue& root, Scenario& scenario)
 Scenario ParseScenario(const std::string& text, const std::string& fileName)
 {
     Scenario scenario;
+    scenario.file = fileName;
     ValueReader reader(fileName, scenario);
     JsonValue root;
     try {
@@ -61,11 +65,19 @@ Scenario ParseScenario(const std::string& text, const std::string& fileName)
 
 Scenario ReadScenario(const std::filesystem::path& file)
 {
+    if (std::filesystem::is_directory(file)) {
+        throw ScenarioError(file.string() + ": is a folder");
+    }
     std::ifstream stream(file, std::ios::binary);
-    if (!stream) {
+    std::string text(kSizeMaximum + 1, '\0');
+    stream.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!stream.is_open() || stream.bad()) {
         throw ScenarioError(file.string() + ": cannot be read");
     }
-    const std::string text((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    text.resize(static_cast<std::size_t>(stream.gcount()));
+    if (text.size() > kSizeMaximum) {
+        throw ScenarioError(file.string() + ": is longer than " + std::to_string(kSizeMaximum >> 20) + " MB");
+    }
     return ParseScenario(text, file.string());
 }
 

@@ -1,9 +1,13 @@
 #include "tools/play/reading/step_reader.h"
 
+#include "tools/play/system_state.h"
+
 namespace play {
 namespace {
 
 using Kind = JsonValue::Kind;
+
+constexpr std::uint32_t kCapacityMaximum = 100'000;  // descriptors take memory
 
 // A kind of step, by its name in "do", with the fields that belong to it.
 struct ActionRow {
@@ -70,21 +74,21 @@ std::vector<std::string> NullArguments(Action action)
     }
 }
 
-// Most steps need a table of the driver's, which only a device gives out.
-void CheckDevice(ValueReader& reader, const Scenario& scenario)
+// No step needs what is not there by then.
+void CheckSystemState(ValueReader& reader, const Scenario& scenario)
 {
-    for (const Step& step : scenario.steps) {
-        switch (step.action) {
-        case Action::kAddDevice:
-            return;
-        case Action::kNote:
-        case Action::kTimeout:
-        case Action::kUnload:
-            break;
-        default:
-            reader.Mistake(step.place, "steps", "with \"device\": false a step \"addDevice\" comes before this one");
-            return;
+    SystemState state;
+    if (scenario.bootsDevice) {
+        state.device = SystemState::Device::kStarted;
+        state.interfacesQueried = true;
+    }
+    for (std::size_t index = 0; index < scenario.steps.size(); ++index) {
+        const Step& step = scenario.steps[index];
+        if (const char* obstacle = Obstacle(step, state)) {
+            reader.Mistake(step.place, "steps[" + std::to_string(index) + "]", obstacle);
+            return;  // the others may follow from it
         }
+        Follow(step, state);
     }
 }
 
@@ -102,15 +106,15 @@ void ReadShows(ValueReader& reader, const JsonValue& value, const std::string& f
     }
 }
 
-// What a step does wrong on purpose, and what shall come of it.
-void ReadMischief(ValueReader& reader, const JsonValue& value, const std::string& field, Step& step)
+// What a step does wrong on purpose, and what must come of it.
+void ReadMisuse(ValueReader& reader, const JsonValue& value, const std::string& field, Step& step)
 {
     reader.ReadOneOf(value, "null", field, NullArguments(step.action), step.null);
     std::string level;
     reader.ReadOneOf(value, "level", field, {"dispatch"}, level);
     step.raised = !level.empty();
-    if (FindMember(value, "trouble") != nullptr) {
-        reader.ReadText(value, "trouble", field + ".trouble", step.trouble.emplace());
+    if (FindMember(value, "finding") != nullptr) {
+        reader.ReadText(value, "finding", field + ".finding", step.finding.emplace());
     }
     ReadShows(reader, value, field, step);
     const JsonValue* fail = FindMember(value, "fail");
@@ -132,7 +136,7 @@ void ReadStepOf(ValueReader& reader, const ActionRow& row, const JsonValue& valu
     required.emplace_back("do");
     std::vector<std::string> optional = row.optional;
     if (row.action != Action::kNote) {
-        optional.insert(optional.end(), {"fail", "level", "shows", "trouble"});
+        optional.insert(optional.end(), {"fail", "level", "shows", "finding"});
     }
     reader.CheckFields(value, field, required, optional);
     Step step;
@@ -149,11 +153,11 @@ void ReadStepOf(ValueReader& reader, const ActionRow& row, const JsonValue& valu
     reader.ReadNumber(value, "argument", field + ".argument", step.argument);
     reader.ReadNumber(value, "runs", field + ".runs", step.runs);
     step.hasCapacity = FindMember(value, "capacity") != nullptr;
-    reader.ReadNumber(value, "capacity", field + ".capacity", step.capacity);
+    reader.ReadNumber(value, "capacity", field + ".capacity", step.capacity, kCapacityMaximum);
     if (const JsonValue* expect = FindMember(value, "expect")) {
         (void)reader.ReadStatus(*expect, field + ".expect", step.expect);
     }
-    ReadMischief(reader, value, field, step);
+    ReadMisuse(reader, value, field, step);
     scenario.steps.push_back(step);
 }
 
@@ -193,8 +197,9 @@ void ReadSteps(ValueReader& reader, const JsonValue& root, Scenario& scenario)
             ReadStep(reader, steps->items[index], field, scenario);
         }
     }
-    if (!scenario.bootsDevice) {
-        CheckDevice(reader, scenario);
+    // Steps that could not be read are missing.
+    if (reader.mistakes().empty()) {
+        CheckSystemState(reader, scenario);
     }
 }
 

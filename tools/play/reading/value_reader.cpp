@@ -2,8 +2,6 @@
 
 #include "tools/play/statuses.h"
 
-#include <algorithm>
-
 namespace play {
 
 void ValueReader::ReadState(const JsonValue& value, const std::string& field, bool anyAllowed,
@@ -48,9 +46,10 @@ void ValueReader::ReadClientName(const JsonValue& object, const std::string& nam
     if (value == nullptr || !IsA(*value, Kind::kText, field + "." + name)) {
         return;
     }
-    if (std::find(clientKeys_.begin(), clientKeys_.end(), value->text) == clientKeys_.end()) {
+    if (!clientKeys_.contains(value->text)) {
         Mistake(value->place, field + "." + name,
-                "no client \"" + value->text + "\" in \"clients\"" + Nearest(value->text, clientKeys_));
+                "no client \"" + value->text + "\" in \"clients\"" +
+                    Nearest(value->text, {clientKeys_.begin(), clientKeys_.end()}));
     }
     key = value->text;
 }

@@ -5,8 +5,8 @@
 #include "tools/play/scenario.h"
 
 #include <optional>
+#include <set>
 #include <string>
-#include <vector>
 
 namespace play {
 
@@ -16,7 +16,7 @@ public:
     ValueReader(std::string file, const Scenario& scenario) : FieldReader(std::move(file)), scenario_(scenario) {}
 
     // Clients name one another, so all names are given before the first client is read.
-    void AddClientName(const std::string& key) { clientKeys_.push_back(key); }
+    void AddClientName(const std::string& key) { clientKeys_.insert(key); }
 
     // A state by name or number; "any", where that is allowed, leaves it empty.
     void ReadState(const JsonValue& value, const std::string& field, bool anyAllowed,
@@ -31,7 +31,7 @@ public:
 
 private:
     const Scenario& scenario_;
-    std::vector<std::string> clientKeys_;
+    std::set<std::string> clientKeys_;
 };
 
 }  // namespace play
