@@ -1,5 +1,5 @@
-// Footprint: the images by section, and what lives in memory for each client, subscription and queued state; and what a
-// million posts leave behind.
+// Footprint: the images by section, and the memory of each client, subscription and queued state; and what remains
+// after a million posts.
 #include "bench/sections.h"
 #include "bench/fixture.h"
 
@@ -112,7 +112,7 @@ void MeasureFootprint(Table& table, const Options& options)
     MeasureEach(table, "each client", [](Fixture& fixture) { fixture.Register(100); });
     MeasureEach(table, "each subscription", [](Fixture& fixture) { fixture.Subscribe(1, fixture.poster(), 7); });
     MeasureEach(table, "each queued state", [](Fixture& fixture) { fixture.Post(fixture.poster(), 7); });
-    MeasureEach(table, "each delivered command, until its sender leaves", [](Fixture& fixture) {
+    MeasureEach(table, "each delivered command, until its sender deregisters", [](Fixture& fixture) {
         fixture.Command(fixture.poster(), 1);
         fixture.machine.RunWorkItems();
     });

@@ -1,4 +1,4 @@
-// An image's code, instruction by instruction, as its disassembly tells it.
+// An image's code, instruction by instruction, read from its disassembly.
 #pragma once
 
 #include "tools/image_check/disassembly.h"

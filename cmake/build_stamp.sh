@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Fills a template with what tells builds apart: build_stamp.sh SOURCE_FOLDER TEMPLATE [FILE]
+# Fills a template with what distinguishes builds: build_stamp.sh SOURCE_FOLDER TEMPLATE [FILE]
 #
 #   @VERSION@   1.2.3, from the file VERSION       @COMMIT@  the commit's id
 #   @NUMBERS@   1,2,3,BUILD                        @DAY@     its day in UTC, mm/dd/yyyy

@@ -3,8 +3,8 @@
 // How to get a table: find the device through the interface class GUID of the table (the same GUID names class and
 // table), open it, and ask it with IRP_MN_QUERY_INTERFACE (WdfIoTargetQueryForInterface) for Size and Version below.
 // Check both in what comes back: the request takes them as limits, so an older and smaller table satisfies it too.
-// The table's reference routines do nothing: keep the device open for as long as you use the table, and leave
-// (Notifier_HelperClientDeinit, Notifier_WpcdClientDeInit) before you close it. docs/clients.md walks through it all.
+// The table's reference routines do nothing: keep the device open for as long as you use the table; deregister
+// or detach before you close it (Notifier_HelperClientDeinit, Notifier_WpcdClientDeInit). docs/clients.md explains it.
 //
 // For every operation:
 // - Any thread may call it while the device is open, at PASSIVE_LEVEL unless it says otherwise. Not at any time:
@@ -31,7 +31,7 @@
 // - A new state that it answers through its argument is posted by the Notifier. The answer to a delivered state is
 //   queued before the lock is released. The answers to a command, to an application-state change and to the first state
 //   of a subscription are posted after the callback has returned, without the lock: a client that deregisters at that
-//   moment is used after its memory is freed. A client that may deregister at any time leaves those values alone and
+//   moment is used after its memory is freed. A client that may deregister at any time does not change the values, but
 //   posts from a thread of its own, under a lock that it also holds while it deregisters (docs/clients.md, section 5).
 // - Once Notifier_HelperClientDeinit has returned, the Notifier calls none of the client's callbacks any more. The
 //   crash-dump driver still can: the descriptor hands it AppsStateNotificationCallback and the descriptor callbacks,
@@ -44,7 +44,7 @@
 //   [call-inside-add]         ... from a ZEP_CLIENT_ADD
 //   [call-inside-remove]      ... from a ZEP_CLIENT_REMOVE
 //   [command-to-oneself]      send a command to oneself
-//   [leave-before-command]    leave while a command from or to oneself is undelivered
+//   [leave-before-command]    deregister while a command from or to oneself is undelivered
 //   [raised-irql]             call an operation above PASSIVE_LEVEL; the dump calls alone may be made there
 //   [unload-registered]       unload, or free the callback context, while registered or attached
 //   [call-after-removal]      call an operation after the Notifier's device was removed
@@ -122,8 +122,8 @@ typedef struct _ZepState {
 //
 // CallbackContext: the subscriber's own, as given to Notifier_HelperInit.
 // State:           the watched client and its state; valid during the call, read only.
-// ResponseState:   in/out. On a delivery it enters as 0; leave it, or set the subscriber's new state, which is queued
-//                  behind all others (0 cannot be answered). From inside the registration it enters as the subscriber's
+// ResponseState:   in/out. On a delivery it enters as 0; keep it, or set the subscriber's new state, which is queued
+//                  after all others (0 cannot be answered). From inside the registration it enters as the subscriber's
 //                  current state; a value other than the subscriber's state at the return is posted, which takes a
 //                  post of the subscriber's own back that came meanwhile. Do not deregister before the subscription
 //                  has returned.
@@ -156,7 +156,7 @@ typedef struct _ZepCommandInfo {
 // CallbackContext: the target's own.
 // CommandId, Info: the command; Info is valid during the call, read only.
 // State:           in: the target's current state; out: its wanted state. A changed value is posted for the target
-//                  after the callback, without the lock: leave it alone if you may deregister at any time.
+//                  after the callback, without the lock: do not change it if you may deregister at any time.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_COMMAND_CALLBACK)(PVOID CallbackContext, ULONG CommandId, const ZepCommandInfo* Info,
                                              PULONG State);
@@ -176,8 +176,8 @@ typedef ZEP_COMMAND_CALLBACK* PZEP_COMMAND_CALLBACK;
 // Reason:          ZEP_APPS_STATE_REASON_CHANGED.
 // State:           in: the client's current state; out: its wanted state. A value other than the client's state at the
 //                  return is posted for the client after all clients have been notified. So a post of the client's own
-//                  that comes while its callback runs is taken back by a callback that leaves the value alone. The
-//                  answer is posted without the lock: leave the value alone if you may deregister at any time.
+//                  that comes while its callback runs is taken back by a callback that does not change the value.
+//                  The answer is posted without the lock: do not change it if you may deregister at any time.
 // Result:          ignored.
 typedef NTSTATUS(NTAPI ZEP_APPS_STATE_CALLBACK)(PVOID CallbackContext, ULONG Reason, PULONG State);
 typedef ZEP_APPS_STATE_CALLBACK* PZEP_APPS_STATE_CALLBACK;
@@ -234,7 +234,7 @@ typedef ZEP_NOTIFIER_HELPER_INIT* PZEP_NOTIFIER_HELPER_INIT;
 
 // Removes a client, with its own subscriptions. Takes the clients lock. Subscriptions of others to it stay and match
 // again when it registers anew. The crash-dump driver is notified on a work item if it knew the client, late or never
-// (see ZEP_CLIENT_REMOVE). A client that leaves while commands from or to it are undelivered stops command delivery:
+// (see ZEP_CLIENT_REMOVE). A client that deregisters before commands from or to it are delivered stops their delivery:
 // let the work drain first. States that it posted are still delivered.
 //
 // Nobody else may be using the client meanwhile: no post, command or answered subscription of it on another thread, no
@@ -325,7 +325,7 @@ typedef ZEP_NOTIFIER_HELPER_DEREGISTER* PZEP_NOTIFIER_HELPER_DEREGISTER;
 //
 // Five calls of a client that go straight through to the crash-dump driver: same arguments, same order, no lock, the
 // caller's thread and IRQL. Meanings are agreed between client and crash-dump driver. The Notifier reads only the
-// first 32 bits behind DumpHandle (and behind the second pointer of AddDumpData, when not NULL), for its trace and
+// first 32 bits at DumpHandle (and at the second pointer of AddDumpData, when not NULL), for its trace and
 // after the crash-dump driver has answered: both must stay readable until the call returns, also that of StopDump, and
 // be non-paged above APC_LEVEL.
 //
@@ -366,7 +366,7 @@ typedef struct _ZEP_NOTIFIER_HELPER_INTERFACE {
 // ---- The crash-dump driver's side ----
 
 // What the crash-dump driver learns of a client, 272 bytes. It points at the Notifier's copy of the client's data
-// entries and names the client's own callbacks: valid only while the client stays registered. Bytes behind a text's
+// entries and names the client's own callbacks: valid only while the client stays registered. Bytes after a text's
 // terminating zero are not written: they keep what the buffer held, in announcements the texts of an earlier client.
 //
 // DataEntries points to paged pool that is freed when the client deregisters, before its removal is reported. Read or
@@ -478,7 +478,7 @@ typedef ZEP_NOTIFIER_WPCD_GET_COUNT* PZEP_NOTIFIER_WPCD_GET_COUNT;
 // Descriptors:       the caller's array. Required, also without clients. What it points to: ZEP_SUBSYSTEM_DESCRIPTOR.
 // NumberDescriptors: in: capacity in records; out: records written, or needed. Required.
 //
-// STATUS_SUCCESS            done; NumberDescriptors tells how many (unchanged when an inner object was missing)
+// STATUS_SUCCESS            done; NumberDescriptors is how many (unchanged when an inner object was missing)
 // STATUS_BUFFER_TOO_SMALL   NumberDescriptors holds the count needed; no record was touched
 // STATUS_INVALID_PARAMETER  an argument is NULL
 // STATUS_IO_DEVICE_ERROR    the Notifier is not up

@@ -162,7 +162,7 @@ void OnAbort(int)
     }
 }
 
-// The alternate stack of one thread, for as long as the thread lives.
+// The alternate stack of one thread, for as long as the thread exists.
 class AlternateStack {
 public:
     AlternateStack() : memory_(mmap(nullptr, kStackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))

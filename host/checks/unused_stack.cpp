@@ -2,7 +2,7 @@
 
 namespace host::checks {
 
-// Written without memset and unseen by the sanitizers: the stretch belongs to no variable.
+// Written without memset and unseen by the sanitizers: this memory belongs to no variable.
 __attribute__((noinline, no_builtin("memset"), no_sanitize("address", "thread", "undefined"))) void FillUnusedStack()
 {
     unsigned long long unused[512];

@@ -435,7 +435,7 @@ FORCEINLINE VOID WDF_WORKITEM_CONFIG_INIT(PWDF_WORKITEM_CONFIG Config, PFN_WDF_W
 
 // ---- Calls: table index, name, result, parameters, arguments ----
 //
-// Parameters are in the platform's order and go behind the driver's globals.
+// Parameters are in the platform's order and follow the driver's globals.
 
 #define WDF_UNPACK(...) __VA_ARGS__
 #define WDF_CALL(index, name, result, parameters, arguments)                                                  \

@@ -1,4 +1,4 @@
-// What a device-interface notification tells, by identifier.
+// What a device-interface notification reports, by identifier.
 #pragma once
 
 #include <guiddef.h>

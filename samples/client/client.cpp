@@ -1,11 +1,11 @@
 // A client of the Notifier: registers, watches another client, posts its states, sends and answers commands, records a
-// dump when asked to, and leaves in time.
+// dump when asked to, and deregisters in time.
 //
 // Its number and whom it watches are in its service's Parameters key: ClientNumber, WatchedNumber, and Supervises (1: it
 // asks the watched client for a dump whenever that comes up).
 //
 // The Notifier calls with its clients lock held, and nearly every operation takes that lock. So a callback here only
-// looks, answers by its arguments, and leaves the rest to a work item.
+// reads its arguments, answers through them, and enqueues a work item for the rest.
 #include <ntddk.h>
 
 #include <initguid.h>
@@ -59,7 +59,7 @@ static NTSTATUS PostState(CLIENT_CONTEXT* client, ULONG state)
 static NTSTATUS NTAPI OnWatchedState(PVOID context, const ZepState* state, PULONG response)
 {
     auto* client = static_cast<CLIENT_CONTEXT*>(context);
-    SAY(client, "hears that client %u is in state %u", client->WatchedNumber, state->State);
+    SAY(client, "is notified: client %u is in state %u", client->WatchedNumber, state->State);
     if (state->State == SAMPLE_STATE_UP) {
         *response = SAMPLE_STATE_CONNECTED;  // the Notifier posts it for us
         WriteULongNoFence(&client->PeerUps, client->PeerUps + 1);
@@ -79,17 +79,17 @@ static NTSTATUS NTAPI OnCommand(PVOID context, ULONG commandId, const ZepCommand
     return STATUS_SUCCESS;
 }
 
-// An answer to this would be posted for us later, on another thread, when we may have left already. So the work posts.
+// An answer to this would be posted for us later, on another thread, perhaps after we deregistered. So the work posts.
 //
 // What remains: a post of ours on another thread that has looked us up already can be recorded during this callback.
-// Then the value that is left alone counts as an answer and is posted all the same, perhaps while we leave. A client
-// that posts at any time and leaves at any time sets no such callback; this one does, to show it.
+// Then the unchanged value counts as an answer and is posted all the same, perhaps while we deregister. A client that
+// posts at any time and deregisters at any time sets no such callback; this one does, to show it.
 static NTSTATUS NTAPI OnAppsState(PVOID context, ULONG reason, PULONG state)
 {
     auto* client = static_cast<CLIENT_CONTEXT*>(context);
     UNREFERENCED_PARAMETER(reason);
     UNREFERENCED_PARAMETER(state);
-    SAY(client, "is told that the system leaves its working state");
+    SAY(client, "is notified: the system leaves its working state");
     WriteULongNoFence(&client->Sleeps, client->Sleeps + 1);
     WdfWorkItemEnqueue(client->Work);
     return STATUS_SUCCESS;
@@ -129,12 +129,12 @@ static VOID RecordDump(CLIENT_CONTEXT* client)
     SAY(client, "has recorded a dump: 0x%08X", (unsigned)status);
 }
 
-// Runs may overlap; the link's lock lets one in at a time, and none while we leave.
+// Runs may overlap; the link's lock lets one in at a time, and none while we deregister.
 static VOID NTAPI ClientWork(WDFWORKITEM workItem)
 {
     CLIENT_CONTEXT* client = ClientContext(WdfWorkItemGetParentObject(workItem));
     if (!NotifierLinkAcquire(&client->Link)) {
-        return;  // the Notifier has gone meanwhile, and what was wanted with it
+        return;  // the Notifier was removed meanwhile, and what was wanted with it
     }
     while (client->SleepsSeen != ReadULongNoFence(&client->Sleeps)) {
         ++client->SleepsSeen;
@@ -153,7 +153,7 @@ static VOID NTAPI ClientWork(WDFWORKITEM workItem)
     NotifierLinkRelease(&client->Link);
 }
 
-// ---- Joining and leaving ----
+// ---- Registering and deregistering ----
 
 static NTSTATUS ClientJoin(WDFDEVICE device)
 {
@@ -190,12 +190,12 @@ static NTSTATUS ClientJoin(WDFDEVICE device)
 }
 
 // Takes our subscriptions along. A command from or to us that is still undelivered would stop command delivery for
-// everybody: a real client ends its conversations before it lets its device go.
+// everybody: a real client lets its commands drain before its device is removed.
 static VOID ClientLeave(WDFDEVICE device)
 {
     CLIENT_CONTEXT* client = ClientContext(device);
     const NTSTATUS status = client->Notifier.Notifier_HelperClientDeinit(&client->Guid);
-    SAY(client, "leaves: 0x%08X", (unsigned)status);
+    SAY(client, "deregisters: 0x%08X", (unsigned)status);
 }
 
 // ---- The device ----

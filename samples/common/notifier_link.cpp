@@ -1,7 +1,7 @@
-// The road to the Notifier: arrival notification, work item, I/O target, query interface; and the same road back.
+// Opens the Notifier: arrival notification, work item, I/O target, query interface; and closes it when it is removed.
 //
 // The table's own reference routines do not keep the Notifier in memory. What does is the open target; so it stays open
-// for as long as the table is used, and whoever wants the Notifier's device to go asks or tells the target first.
+// for as long as the table is used, and whoever removes the Notifier's device asks or notifies the target first.
 #include "notifier_link.h"
 
 #include <wdmguid.h>
@@ -76,12 +76,12 @@ static NTSTATUS OpenTarget(NOTIFIER_LINK* link, PCWSTR symbolicLink)
 // ---- Finding ----
 
 // A routine of the plug-and-play manager's: it only starts the work, as it must not wait for anything. Which interface
-// has come does not matter: there is one Notifier, and the work looks for itself.
+// has arrived does not matter: there is one Notifier, and the work looks for itself.
 static NTSTATUS NTAPI LinkInterfaceChanged(PVOID notificationStructure, PVOID context)
 {
     const auto* change = static_cast<const DEVICE_INTERFACE_CHANGE_NOTIFICATION*>(notificationStructure);
     auto* link = static_cast<NOTIFIER_LINK*>(context);
-    // A removal is told through the target too, and in time: nothing to do here.
+    // A removal is notified through the target too, and in time: nothing to do here.
     if (RtlEqualMemory(&change->Event, &GUID_DEVICE_INTERFACE_ARRIVAL, sizeof(GUID))) {
         WdfWorkItemEnqueue(link->FindWork);
     }
@@ -110,12 +110,12 @@ static VOID NTAPI LinkFind(WDFWORKITEM workItem)
     WdfWaitLockRelease(link->Lock);
 }
 
-// ---- The Notifier's device shall go, stays after all, has gone ----
+// ---- Removal of the Notifier's device: requested, cancelled, complete ----
 
 static NTSTATUS NTAPI LinkQueryRemove(WDFIOTARGET target)
 {
     NOTIFIER_LINK* link = LinkReference(target)->Link;
-    Say(link, "the Notifier shall go: leaving");
+    Say(link, "removal of the Notifier is requested: closing it");
     (void)WdfWaitLockAcquire(link->Lock, NULL);
     if (link->Joined) {
         Leave(link);
@@ -128,7 +128,7 @@ static NTSTATUS NTAPI LinkQueryRemove(WDFIOTARGET target)
 static VOID NTAPI LinkRemoveCanceled(WDFIOTARGET target)
 {
     NOTIFIER_LINK* link = LinkReference(target)->Link;
-    Say(link, "the Notifier stays: joining again");
+    Say(link, "removal of the Notifier is cancelled: joining again");
     WDF_IO_TARGET_OPEN_PARAMS parameters;
     WDF_IO_TARGET_OPEN_PARAMS_INIT_REOPEN(&parameters);
     (void)WdfWaitLockAcquire(link->Lock, NULL);
@@ -146,7 +146,7 @@ static VOID NTAPI LinkRemoveCanceled(WDFIOTARGET target)
 static VOID NTAPI LinkRemoveComplete(WDFIOTARGET target)
 {
     NOTIFIER_LINK* link = LinkReference(target)->Link;
-    Say(link, "the Notifier has gone");
+    Say(link, "the Notifier was removed");
     (void)WdfWaitLockAcquire(link->Lock, NULL);
     if (link->Joined) {
         // Gone without asking. Device and driver stay as long as the target is open: the table is good until then.

@@ -1,17 +1,17 @@
 // A driver's hold on the Notifier: waits for it, opens it, gets one of its tables, and closes it in time. For drivers in
 // C and in C++.
 //
-// The Notifier may come before this driver or after it, may be asked to go, and may go without asking. What a driver
-// does itself is in two callbacks:
+// The Notifier may start before this driver or after it, and its removal may be requested or be a surprise. What a
+// driver does itself is in two callbacks:
 //   Join   the table is filled: register, attach.  PASSIVE_LEVEL, the link's lock held.
-//   Leave  the table is still good: deregister, detach. PASSIVE_LEVEL, the link's lock held. After it the table is dead.
+//   Leave  the table is still valid: deregister, detach. PASSIVE_LEVEL, the link's lock held. After it the table isn't.
 // They come in pairs: Leave for each Join that succeeded.
 //
 //     EvtDriverDeviceAdd         NotifierLinkCreate
 //     EvtDevicePrepareHardware   NotifierLinkStart
 //     EvtDeviceReleaseHardware   NotifierLinkStop
 //
-// The lock stands before the Notifier's own locks. So a callback that the Notifier calls must not take it: it notes
+// The lock is taken before the Notifier's own locks. So a callback that the Notifier calls must not take it: it notes
 // what is to be done and enqueues a work item, which then asks NotifierLinkAcquire.
 #pragma once
 
@@ -43,14 +43,14 @@ typedef struct _NOTIFIER_LINK {
     BOOLEAN Joined;
 } NOTIFIER_LINK;
 
-// Makes the link's objects, all children of the device. The link must live as long as the device: put it into the
+// Makes the link's objects, all children of the device. The link must exist as long as the device: put it into the
 // device's context. Failure statuses are the framework's.
 NTSTATUS NotifierLinkCreate(NOTIFIER_LINK* Link, WDFDEVICE Device);
 
 // From now on the link joins whenever the Notifier is there.
 NTSTATUS NotifierLinkStart(NOTIFIER_LINK* Link);
 
-// Leaves, and lets go of the Notifier. When it returns no callback of the Notifier's runs or comes any more.
+// Calls Leave and closes the Notifier. When it returns no callback of the Notifier's runs or comes any more.
 VOID NotifierLinkStop(NOTIFIER_LINK* Link);
 
 // TRUE: the table may be called until NotifierLinkRelease. FALSE: not joined, nothing to release.

@@ -1,7 +1,7 @@
 // A crash-dump driver: attaches to the Notifier, asks for the clients that are there already, takes the announcements of
 // later ones, and prints each call of a client's dump. A real one would write the dump.
 //
-// Attaching comes first and asking second: so no client is missed, and one can at worst be told twice.
+// Attaching comes first and asking second: so no client is missed, and one can at worst be announced twice.
 #include <ntddk.h>
 
 #include <initguid.h>
@@ -37,14 +37,14 @@ static VOID Describe(const char* how, const ZEP_SUBSYSTEM_DESCRIPTOR* descriptor
 static NTSTATUS NTAPI OnClientAdd(const ZEP_SUBSYSTEM_DESCRIPTOR* descriptor)
 {
     // The descriptor is the Notifier's own buffer: a driver that needs it later copies it here.
-    Describe("is told of", descriptor);
+    Describe("is notified of", descriptor);
     return STATUS_SUCCESS;
 }
 
 static NTSTATUS NTAPI OnClientRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client)
 {
     // Of a removed client only identity and texts are to be read: GUID at 0, name at 16.
-    SAY("\"%s\" has gone", reinterpret_cast<const CHAR*>(client) + sizeof(GUID));
+    SAY("\"%s\" was removed", reinterpret_cast<const CHAR*>(client) + sizeof(GUID));
     return STATUS_SUCCESS;
 }
 

@@ -3,7 +3,7 @@
 # again. CMake is played by a script that notes what is to be built; CTest is the real one, and its cases note that they
 # ran: test_command.sh ROOT BUILD_FOLDER
 set -euo pipefail
-# Whoever commits runs it too: what git tells its hooks is of another repository.
+# A commit hook runs it too: the variables that git sets for its hooks name another repository.
 unset "${!GIT_@}"
 export GIT_CONFIG_GLOBAL=/dev/null GIT_CONFIG_SYSTEM=/dev/null
 root=$1 build=$2

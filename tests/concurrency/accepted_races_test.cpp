@@ -46,7 +46,7 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
     }
 }
 
-// The broadcast, and a subscription that is told a state at once, read the client's state before its callback and again
+// The broadcast, and a subscription that is notified at once, read the client's state before its callback and again
 // after it. A post of the same client in between makes a callback that changed nothing look like one that chose the
 // state before, which is then posted: the newer state is lost.
 TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)

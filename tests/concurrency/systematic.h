@@ -39,7 +39,7 @@ protected:
                  unsigned preemptions = kPreemptions, bool everyCall = false)
     {
         if (HasFailure()) {
-            return;  // a scenario before this one failed: nothing here could be told apart from that
+            return;  // a scenario before this one failed: nothing here could be distinguished from that
         }
         const std::string replay = Setting("ZEPN_SCHEDULE");
         const std::string more = Setting("ZEPN_SCHEDULES");

@@ -35,7 +35,7 @@ public:
         }
         hasFinding = hasFinding || entry.kind == play::EntryKind::kFinding;
     }
-    void OnBegin(unsigned, const play::Span& stretch) override { open_[stretch.who].push_back(stretch.name); }
+    void OnBegin(unsigned, const play::Span& span) override { open_[span.who].push_back(span.name); }
     void OnEnd(const std::string& who, const std::string& outcome) override
     {
         statuses.insert({open_[who].back(), outcome});

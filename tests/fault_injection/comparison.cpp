@@ -85,7 +85,7 @@ Lines TracingLeftovers(const Fault& fault, unsigned struckCount)
 {
     constexpr unsigned kUnregisterLookUp = 4;  // the fifth look-up of a routine, after that of the classic route
     if (fault.function == "EtwUnregister") {
-        return Lines(struckCount, "registration at unload");  // the system does not let go
+        return Lines(struckCount, "registration at unload");  // the system keeps it
     }
     if (fault.function == "MmGetSystemRoutineAddress" && fault.index == kUnregisterLookUp) {
         return {"registration at unload"};  // the classic provider cannot be given back

@@ -100,7 +100,7 @@ private:
 
     // ---- Reports ----
     // Event, function, words and values: "1 DriverEntry: WdfDriverCreate, 0xC000009A". Where the driver says the same in
-    // two places, the number of the trace message tells them apart: "12/160 ...". "- ...": a trace message alone.
+    // two places, the number of the trace message distinguishes them: "12/160 ...". "- ...": a trace message alone.
     void Report(const std::string& line) { step_.reports.push_back(line); }
     NTSTATUS Fails(const std::string& line, NTSTATUS status);
 

@@ -56,7 +56,7 @@ std::string ReadImage(const std::string& bytes)
     } catch (const image_check::FormatError&) {
     }
     return ReadAsFile(bytes, [](const std::filesystem::path& file) {
-        // A machine tells the loader what the platform exports, for all that is loaded later.
+        // A machine registers with the loader what the platform exports, for all that is loaded later.
         [[maybe_unused]] static const bool isExported = [] {
             const host::Machine machine({});
             return true;

@@ -1,4 +1,4 @@
-// A crash-dump driver as the tests play it: it records what it is called with, and answers as told.
+// A crash-dump driver for tests: it records what it is called with, and answers as it is set to.
 #pragma once
 
 #include "driver/include/zepn_notifier.h"

@@ -1,4 +1,4 @@
-// A machine with the driver loaded and its device started, peers that answer as told, and every report recorded.
+// A machine with the driver loaded and its device started, peers that answer as set, and every report recorded.
 //
 // At its end a fixture takes everything down, expects no violation that the test did not take, and checks that every
 // error event was written together with its trace message and decodes by the files that ship.

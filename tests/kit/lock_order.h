@@ -5,8 +5,8 @@
 
 namespace layout {
 
-// Tells the machine in which order a driver whose device has started may take its locks, and the names of locks and
-// collections for its reports. Throws host::HostError when the driver has no context.
+// Gives the machine the order in which a driver whose device has started may take its locks, and the names of locks
+// and collections for its reports. Throws host::HostError when the driver has no context.
 void DeclareLockOrder(host::Machine& machine, const host::Driver& driver);
 
 }  // namespace layout

@@ -5,7 +5,7 @@
 
 namespace tests {
 
-// What tells the two apart, "" when they are one: function, level, description and values must agree. Messages that are
+// How the two differ, "" when they are one: function, level, description and values must agree. Messages that are
 // bare of the values have words of their own.
 [[nodiscard]] std::string DifferenceOf(const host::tracing::DecodedEvent& event,
                                        const host::tracing::CapturedMessage& message,

@@ -1,4 +1,4 @@
-// A client driver as the tests play it: it records what it is called with, and answers as told.
+// A client driver for tests: it records what it is called with, and answers as it is set to.
 #pragma once
 
 #include "driver/include/zepn_notifier.h"
@@ -10,7 +10,7 @@
 
 namespace tests {
 
-// Its address is the callback context. The first number of its GUID tells it apart.
+// Its address is the callback context. The first number of its GUID distinguishes it.
 struct Peer {
     explicit Peer(ULONG itsNumber);
 

@@ -70,7 +70,7 @@ private:
     };
     struct Client {
         unsigned who;
-        std::uint64_t birth;  // tells a client from its predecessor under the same GUID
+        std::uint64_t birth;  // distinguishes a client from its predecessor of the same GUID
         std::uint32_t state = 0;
         bool announced = false;
         bool refreshPending = false;

@@ -10,8 +10,8 @@
 
 namespace model {
 
-// Called with the offset in the image of each platform call; empty by default. Tells which way a sequence went, the same
-// from load to load.
+// Called with the offset in the image of each platform call; empty by default. Shows which way a sequence went, the
+// same from load to load.
 inline std::function<void(std::uintptr_t)> onPlatformCall;
 
 class ObservedRun {

@@ -36,7 +36,7 @@ struct Plan {
     unsigned workers = 1;
 };
 
-// Builds and tests one mutant; `worker` tells calls apart that run at the same time.
+// Builds and tests one mutant; `worker` distinguishes calls that run at the same time.
 using Judge = std::function<Verdict(const Mutant& mutant, unsigned worker)>;
 using OnResult = std::function<void(const Result& result)>;
 

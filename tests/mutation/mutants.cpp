@@ -83,7 +83,7 @@ public:
         std::ranges::sort(mutants_, {}, [](const Mutant& mutant) {
             return std::tie(mutant.edits.front().range, mutant.kind, mutant.change);
         });
-        // Equal changes of equal lines of a function are told apart by their number.
+        // Equal changes of equal lines of a function are distinguished by their number.
         std::map<std::tuple<std::string, std::string, std::string>, unsigned> counts;
         for (Mutant& mutant : mutants_) {
             const unsigned number = ++counts[{mutant.function, mutant.lineText, mutant.change}];

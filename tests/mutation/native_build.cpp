@@ -94,7 +94,7 @@ SyntaxTree NativeBuild::TreeOf(const Source& source) const
 bool NativeBuild::Compile(const Source& source, const std::filesystem::path& text,
                           const std::filesystem::path& object) const
 {
-    // The compiler reads the other file wherever it is told of the source, which keeps its name.
+    // The compiler reads the other file wherever its command names the source, which keeps its name.
     return Run(source.folder, source.command + kOptions + " -Xclang -remap-file -Xclang " +
                                   ShellWord(source.path + ";" + text.string()) + " -o " + ShellWord(object.string()) +
                                   " > " + ShellWord(object.string() + ".log") + " 2>&1");

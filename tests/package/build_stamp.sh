@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What tells builds apart is the commit's alone: equal in every clone of it, and known to be unknown where it is.
+# What distinguishes builds is the commit's alone: equal in every clone of it, and known to be unknown where it is.
 set -euo pipefail
 stamp=$1/cmake/build_stamp.sh
 folder=$(mktemp -d)

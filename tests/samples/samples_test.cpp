@@ -1,4 +1,4 @@
-// The samples as images: their life beside the Notifier, and the probe's answers.
+// The samples as images: a run beside the Notifier, and the probe's answers.
 #include "host/machine.h"
 #include "tests/kit/driver_fixture.h"
 #include "tools/image_check/checks.h"
@@ -24,26 +24,26 @@ std::size_t Lines(const std::string& text, const std::string& pattern)
         std::distance(std::sregex_iterator(text.begin(), text.end(), line), std::sregex_iterator()));
 }
 
-TEST_P(Samples, LiveBesideTheNotifierWithoutAViolation)
+TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
 {
     std::ostringstream out;
     play::Timeline timeline(out, play::Timeline::Form::kText, false);
     EXPECT_TRUE(play::PlaySamples(GetParam().image, timeline)) << out.str();
 
     const std::string text = out.str();
-    // Joined three times each (arrival, refused removal, return), with every leave before the Notifier's own end.
+    // Joined three times each (arrival, refused removal, return), each time deregistered before the Notifier's own end.
     EXPECT_EQ(Lines(text, "client_1 +registers: 0x00000000"), 3u);
     EXPECT_EQ(Lines(text, "client_2 +registers: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "client_[12] +leaves: 0x00000000"), 6u);
+    EXPECT_EQ(Lines(text, "client_[12] +deregisters: 0x00000000"), 6u);
     EXPECT_EQ(Lines(text, "crashdump +attaches: 0x00000000"), 3u);
     EXPECT_EQ(Lines(text, "crashdump +detaches: 0x00000000"), 3u);
     EXPECT_EQ(Lines(text, "finds \"client 1\""), 2u);  // when it came, and after the refusal
-    EXPECT_EQ(Lines(text, "\"client 2\" has gone"), 1u);
+    EXPECT_EQ(Lines(text, "\"client 2\" was removed"), 1u);
     EXPECT_EQ(Lines(text, "client_2 +gets command 1"), 3u);
     EXPECT_EQ(Lines(text, "crashdump +dump 2 (starts|stops)"), 6u);
     EXPECT_EQ(Lines(text, "client_2 +has recorded a dump: 0x00000000"), 3u);
     EXPECT_EQ(Lines(text, "client_[12] +posts state 4: 0x00000000"), 2u);  // posted: an answer might outlive them
-    EXPECT_EQ(Lines(text, "hears that client [12] is in state 4"), 2u);
+    EXPECT_EQ(Lines(text, "is notified: client [12] is in state 4"), 2u);
 }
 
 // A peer's device goes while its arrival notification, or its work, is still queued: nothing may come after its end.
