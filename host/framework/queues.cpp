@@ -3,6 +3,8 @@
 #include "host/framework/functions.h"
 #include "host/schedule/parking.h"
 
+#include <cstring>
+
 namespace host::framework {
 
 void Framework::DisposeQueue(std::unique_lock<std::mutex>& lock, Object& object)
@@ -50,7 +52,9 @@ bool HasHandler(const WDF_IO_QUEUE_CONFIG& config)
 
 NTSTATUS CheckDispatching(const WDF_IO_QUEUE_CONFIG& config)
 {
-    const int type = config.DispatchType;
+    int type = 0;  // not read as the enumeration: a driver may pass what is none of its values
+    static_assert(sizeof(type) == sizeof(config.DispatchType));
+    std::memcpy(&type, &config.DispatchType, sizeof(type));
     if (type <= WdfIoQueueDispatchInvalid || type > WdfIoQueueDispatchManual) {
         return STATUS_INVALID_PARAMETER;
     }
