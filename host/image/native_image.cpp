@@ -65,6 +65,18 @@ bool IsTraced()
     return tracer != 0;
 }
 
+// Whether a copy must be found again by its path, with symbols: for a debugger, and for a sanitizer's reports, which name
+// functions and lines of the first drivers that a process loads. Thousands of whole copies would fill the memory.
+bool IsReadByOthers()
+{
+    if constexpr (kStaysLoaded) {
+        constexpr unsigned kWholeCopies = 8;
+        static std::atomic<unsigned> loads{0};
+        return loads++ < kWholeCopies;
+    }
+    return IsTraced();
+}
+
 // A copy of the file in memory, by descriptor.
 class PrivateCopy {
 public:
@@ -73,7 +85,7 @@ public:
         const int source = open(file.c_str(), O_RDONLY | O_CLOEXEC);
         descriptor_ = memfd_create(file.filename().c_str(), MFD_CLOEXEC);
         const std::uintmax_t sizeBytes = std::filesystem::file_size(file);
-        std::uintmax_t left = IsTraced() ? sizeBytes : LoadedBytes(source, sizeBytes);
+        std::uintmax_t left = isReadByOthers_ ? sizeBytes : LoadedBytes(source, sizeBytes);
         while (source >= 0 && descriptor_ >= 0 && left > 0) {
             const ssize_t copied = sendfile(descriptor_, source, nullptr, left);
             if (copied <= 0) {
@@ -88,7 +100,12 @@ public:
             throw HostError(file.string() + ": cannot be copied for loading");
         }
     }
-    ~PrivateCopy() { close(descriptor_); }
+    ~PrivateCopy()
+    {
+        if (!kStaysLoaded || !isReadByOthers_) {
+            close(descriptor_);
+        }
+    }
     PrivateCopy(const PrivateCopy&) = delete;
     PrivateCopy& operator=(const PrivateCopy&) = delete;
 
@@ -105,6 +122,7 @@ public:
     }
 
 private:
+    const bool isReadByOthers_ = IsReadByOthers();
     int descriptor_ = -1;
 };
 

@@ -195,6 +195,21 @@ constexpr Fault kFaults[] = {
 INSTANTIATE_TEST_SUITE_P(Of, MemoryFaults, testing::ValuesIn(kFaults),
                          [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
 
+// It reports the access itself, and reads names and lines from the driver that was loaded.
+TEST(MemoryFaults, ASanitizersReportNamesTheDriversLine)
+{
+    if (!kSanitized) {
+        GTEST_SKIP() << "only under address sanitizer";
+    }
+    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
+    EXPECT_DEATH(
+        {
+            FaultyDriverFixture fixture;
+            fixture.table.Run(Scenario::kTouchesFreedContext);
+        },
+        "#0 0x[0-9a-f]+ in .*TouchesFreedContext.*scenarios\\.cpp:[0-9]+");
+}
+
 // A recursion without an end that the compiler can see.
 int Deep(int depth)
 {
