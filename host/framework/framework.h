@@ -183,7 +183,7 @@ public:
 
     LockOrder lockOrder;
 
-    // Runs driver code that must come back with every wait lock given back; says which was kept when not.
+    // Runs driver code that must come back with every lock given back; says which was kept when not.
     template <class Callback>
     auto Guarded(const char* callbackName, const void* routine, const Callback& callback)
     {
@@ -204,9 +204,12 @@ private:
     struct Regions {
         int count;
         std::vector<WDFOBJECT> locks;
+        KIRQL level;
     };
     static Regions RegionsNow();
     void CheckRegions(const char* callbackName, const void* routine, const Regions& before);
+    // Spin locks that the calling thread still holds although its callback is over; its level is put back.
+    std::string TakeKeptSpinLocks(KIRQL levelBefore);
 
     void ReportWrongType(const PlatformCall& call, const Object& object, const char* argument, ObjectType wanted);
     void RunCleanup(std::unique_lock<std::mutex>& lock, Object& object, PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup);

@@ -71,9 +71,6 @@ constexpr EntryName kAbsent[] = {
     {285, "WdfRequestWdmGetIrp"},
     {310, "WdfObjectAcquireLock"},
     {311, "WdfObjectReleaseLock"},
-    {315, "WdfSpinLockCreate"},
-    {316, "WdfSpinLockAcquire"},
-    {317, "WdfSpinLockRelease"},
     {367, "WdfVerifierDbgBreakPoint"},
     {368, "WdfVerifierKeBugCheck"},
     {432, "WdfDeviceInitSetIoTypeEx"},
@@ -133,6 +130,9 @@ void ProvideObjects(Table& table)
     PROVIDE(WdfWaitLockCreate, WaitLockCreate);
     PROVIDE(WdfWaitLockAcquire, WaitLockAcquire);
     PROVIDE(WdfWaitLockRelease, WaitLockRelease);
+    PROVIDE(WdfSpinLockCreate, SpinLockCreate);
+    PROVIDE(WdfSpinLockAcquire, SpinLockAcquire);
+    PROVIDE(WdfSpinLockRelease, SpinLockRelease);
     PROVIDE(WdfWorkItemCreate, WorkItemCreate);
     PROVIDE(WdfWorkItemEnqueue, WorkItemEnqueue);
     PROVIDE(WdfWorkItemGetParentObject, WorkItemGetParentObject);

@@ -40,6 +40,8 @@ const char* Name(ObjectType type)
         return "collection";
     case ObjectType::kWaitLock:
         return "wait lock";
+    case ObjectType::kSpinLock:
+        return "spin lock";
     case ObjectType::kWorkItem:
         return "work item";
     case ObjectType::kIoTarget:

@@ -26,6 +26,8 @@ ObjectView View(const Object& object)
         }
     } else if (object.type == ObjectType::kWaitLock) {
         view.held = object.slot->owner.load(std::memory_order_relaxed) != 0;
+    } else if (object.type == ObjectType::kSpinLock) {
+        view.held = static_cast<const SpinLockObject&>(object).held;
     } else if (object.type == ObjectType::kWorkItem) {
         view.queued = static_cast<const WorkItemObject&>(object).queued;
     }

@@ -26,6 +26,7 @@ enum class ObjectType {
     kFileObject,
     kCollection,
     kWaitLock,
+    kSpinLock,
     kWorkItem,
     kKey,
     kIoTarget,
@@ -49,7 +50,7 @@ struct ObjectView {
     std::vector<WDFOBJECT> children;  // creation order
     std::vector<WDFOBJECT> items;     // collections: contents, first to last
     std::vector<ContextView> contexts;
-    bool held = false;    // wait locks: acquired now
+    bool held = false;    // wait and spin locks: acquired now
     bool queued = false;  // work items: waiting to run
 };
 

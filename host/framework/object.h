@@ -156,6 +156,15 @@ struct WaitLockObject final : Object {
     std::array<std::atomic<WDFOBJECT>, 4> takenUnder{};
 };
 
+struct SpinLockObject final : Object {
+    explicit SpinLockObject(DriverInstance* owner) : Object(ObjectType::kSpinLock, owner) {}
+    bool held = false;
+    bool abandoned = false;      // its holder's callback is over: nobody will give it back
+    std::uint64_t holderId = 0;  // ThreadState::id
+    std::string holderName;
+    KIRQL levelBefore = PASSIVE_LEVEL;  // its holder's, which the release brings back
+};
+
 struct WorkItemObject final : Object {
     explicit WorkItemObject(DriverInstance* owner) : Object(ObjectType::kWorkItem, owner) {}
     PFN_WDF_WORKITEM routine = nullptr;
@@ -181,6 +190,8 @@ template <>
 inline constexpr ObjectType kTypeOf<CollectionObject> = ObjectType::kCollection;
 template <>
 inline constexpr ObjectType kTypeOf<WaitLockObject> = ObjectType::kWaitLock;
+template <>
+inline constexpr ObjectType kTypeOf<SpinLockObject> = ObjectType::kSpinLock;
 template <>
 inline constexpr ObjectType kTypeOf<WorkItemObject> = ObjectType::kWorkItem;
 template <>

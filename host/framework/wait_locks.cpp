@@ -54,17 +54,17 @@ void Forget(WDFOBJECT lock)
 
 Framework::Regions Framework::RegionsNow()
 {
-    return {ThreadState::Current().criticalRegions, HeldLocks()};
+    return {ThreadState::Current().criticalRegions, HeldLocks(), ThreadState::Current().irql};
 }
 
 void Framework::CheckRegions(const char* callbackName, const void* routine, const Regions& before)
 {
     ThreadState& thread = ThreadState::Current();
     std::vector<WDFOBJECT>& locks = HeldLocks();
-    if (thread.criticalRegions == before.count && locks == before.locks) {
+    std::string kept = TakeKeptSpinLocks(before.level);
+    if (kept.empty() && thread.criticalRegions == before.count && locks == before.locks) {
         return;
     }
-    std::string kept;
     {
         const std::lock_guard lock(mutex);
         for (const WDFOBJECT handle : locks) {

@@ -537,6 +537,11 @@ WDF_CALL(312, WdfWaitLockCreate, NTSTATUS,
          (LockAttributes, Lock))
 WDF_CALL(313, WdfWaitLockAcquire, NTSTATUS, (WDFWAITLOCK Lock, PLONGLONG Timeout), (Lock, Timeout))
 WDF_CALL(314, WdfWaitLockRelease, VOID, (WDFWAITLOCK Lock), (Lock))
+WDF_CALL(315, WdfSpinLockCreate, NTSTATUS,
+         (PWDF_OBJECT_ATTRIBUTES SpinLockAttributes, WDFSPINLOCK* SpinLock),
+         (SpinLockAttributes, SpinLock))
+WDF_CALL(316, WdfSpinLockAcquire, VOID, (WDFSPINLOCK SpinLock), (SpinLock))
+WDF_CALL(317, WdfSpinLockRelease, VOID, (WDFSPINLOCK SpinLock), (SpinLock))
 WDF_CALL(379, WdfWorkItemCreate, NTSTATUS,
          (PWDF_WORKITEM_CONFIG Config, PWDF_OBJECT_ATTRIBUTES Attributes, WDFWORKITEM* WorkItem),
          (Config, Attributes, WorkItem))
