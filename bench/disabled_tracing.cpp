@@ -63,7 +63,7 @@ void MeasureSites(Table& table, const std::string& machine)
     add("sites with exactly their channels' tests", complete, Goal{sites, false}, wrong);
     add("loads of an enable word", static_cast<double>(code.tests.size()), std::nullopt,
         "a site that is inlined twice counts twice");
-    add("loads without one bit test and one branch behind", untested, Goal{0});
+    add("loads that no bit test with a branch follows", untested, Goal{0});
     add("tests whose site is unknown", unresolved, Goal{0});
     add("longest path of a disabled channel, instructions", static_cast<double>(longest),
         Goal{machine == "arm64" ? 2.0 : 3.0}, machine == "arm64" ? "load, test and branch" : "load, test, branch");

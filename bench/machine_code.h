@@ -19,13 +19,13 @@ struct SiteTest {
     std::vector<std::uint64_t> path;  // offsets of the load, the test and the branch
     Channel channel;
     bool isTested = false;         // a single-bit test of the loaded value and a branch on it follow
-    int site = -1;                 // number of the site whose record is behind the branch; -1: none found
+    int site = -1;                 // number of the site whose record the branch leads to; -1: none found
     bool isColdOutOfLine = false;  // the branch is taken only when tracing is enabled
 };
 
 struct SiteCode {
     std::vector<SiteTest> tests;
-    // Calls of the writing routines behind which stands each site's record.
+    // The sites whose records calls of the writing routines pass.
     std::set<int> recordedSites;
 };
 

@@ -136,7 +136,7 @@ private:
     KIRQL before_;
 };
 
-// The first line of every platform function: checks the level, tells the observer, asks for an injected fault.
+// The first line of every platform function: checks the level, notifies the observer, asks for an injected fault.
 class PlatformCall {
 public:
     PlatformCall(const char* function, const void* caller, KIRQL maximum, const char* detail = "");
@@ -157,7 +157,7 @@ private:
     std::optional<checks::Fault> fault_;
 };
 
-// An address in the instruction by which a platform function was called. Behind it may stand another function already:
+// An address in the instruction by which a platform function was called. Another function may begin after it already:
 // nothing follows a call that does not return.
 #define HOST_CALLER (static_cast<const char*>(__builtin_return_address(0)) - 1)
 

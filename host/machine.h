@@ -48,7 +48,7 @@ using kernel::RegistryNumber;
 
 class Machine;
 
-// A loaded driver. References stay valid until the machine goes, also after Unload.
+// A loaded driver. References stay valid until the machine ends, also after Unload.
 class Driver {
 public:
     // Status of the entry point. After a failed entry the image is unmapped again and nothing else may be called.
@@ -178,7 +178,7 @@ public:
     void NameObject(WDFOBJECT handle, const std::string& name);
     [[nodiscard]] std::uint64_t SecondDeletes() const;
 
-    // How often a walk through a collection that is alive has gone from one item to the next: the framework's collections
+    // How often a walk through an existing collection stepped from one item to the next: the framework's collections
     // are lists, and a look-up by index begins at the head.
     [[nodiscard]] std::uint64_t CollectionSteps() const;
 

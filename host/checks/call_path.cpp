@@ -15,7 +15,7 @@ struct Walk {
 _Unwind_Reason_Code OnFrame(_Unwind_Context* context, void* argument)
 {
     auto& walk = *static_cast<Walk*>(argument);
-    // A return address can lie behind its function's last instruction.
+    // A return address can lie after its function's last instruction.
     const auto* address = reinterpret_cast<const void*>(_Unwind_GetIP(context) - 1);
     if (walk.modules.Contains(address)) {
         walk.names.push_back(walk.modules.FunctionAt(address));

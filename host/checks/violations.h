@@ -38,7 +38,7 @@ enum class Rule {
     kTraceHandle,            // unknown or unregistered trace handle
     kTraceArguments,         // descriptors or lengths that the tracing runtime would choke on
     kCallbackObject,         // power-callback object misuse
-    kUnloadRegistration,     // a callback pointer into the image is left behind at unload
+    kUnloadRegistration,     // a callback pointer into the image is still registered at unload
     kMemoryFault,            // the image touched memory that it must not
     kNotProvided,            // a platform function that this host does not have
     kBugCheck,               // the driver itself asked for a bugcheck

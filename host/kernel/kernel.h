@@ -82,7 +82,7 @@ public:
     [[nodiscard]] std::optional<PoolBlock> TakePool(void* address);
     [[nodiscard]] std::vector<std::string> DebugOutput() const;
 
-    // What an image leaves behind when it is unmapped: pool blocks it allocated, callback registrations whose routine
+    // What an image still holds when it is unmapped: pool blocks it allocated, callback registrations whose routine
     // lies in it (these are dropped), callback-object references it holds. Each is reported.
     void ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes);
 

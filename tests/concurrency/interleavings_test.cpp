@@ -212,7 +212,7 @@ TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
         fixture.Deliver();
         EXPECT_LE(fixture.crashDump.added.size(), 1u);
         EXPECT_EQ(fixture.crashDump.removed.size(), fixture.crashDump.added.size())
-            << "the crash-dump driver keeps what is gone, or loses what it never had";
+            << "the crash-dump driver keeps a removed client, or is asked to remove an unknown one";
     });
 }
 

@@ -90,7 +90,7 @@ NTSTATUS ReferenceModel::Register(ULONG number, ULONG traits, bool callbacks)
         DiscardClient(client, true);
         return Fails("1 " + name + "WdfCollectionObjectCreate for wdfCollectionStateRegistrations", status);
     }
-    // From here on a failure leaves this collection behind.
+    // From here on a failure leaves this collection undeleted.
     client->registrations = Make("collection", driver_);
     if (!Driver("2/82 Notifier_WpcdClientInit: WdfGetDriver returned NULL?!, 0xE00A8101",
                 "7 " + name + "Driver object context, <driver>, 0xE00A8101")) {
@@ -164,7 +164,7 @@ NTSTATUS ReferenceModel::Deregister(ULONG number)
     if (client->added != 0) {
         status = Withdraw(client);
         if (!NT_SUCCESS(status)) {
-            // Gone all the same, its registrations collection neither drained nor deleted.
+            // Deleted all the same, its registrations collection neither drained nor deleted.
             Delete(client);
             Release("clients");
             return status;

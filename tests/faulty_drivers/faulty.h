@@ -39,7 +39,7 @@ enum class Scenario : ULONG {
     kFastFail,
     kKernelReference,
     kLockKept,  // by a work item's run, which is queued
-    // What these leave behind shows at unload.
+    // What these do not give back shows at unload.
     kLeavesPool,
     kLeavesRegistration,
     kLeavesReference,

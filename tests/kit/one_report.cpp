@@ -53,7 +53,7 @@ std::string DifferenceOf(const host::tracing::DecodedEvent& event, const host::t
     if (isError && decoded.function == event.fields[0].text && (isBare || saysTheSame)) {
         return "";
     }
-    return "behind \"" + event.message + "\" comes message " + std::to_string(message.number) + " \"" +
+    return "after \"" + event.message + "\" comes message " + std::to_string(message.number) + " \"" +
            decoded.function + ": " + decoded.text + "\"";
 }
 

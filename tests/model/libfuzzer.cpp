@@ -33,7 +33,7 @@ void NoteCall(std::uintptr_t place)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     model::Sequence sequence = model::Decode({data, size});
-    sequence.mayHang = false;  // each such sequence would leave a thread behind
+    sequence.mayHang = false;  // each such sequence would leave a parked thread
     sequence = model::Playable(sequence);
     model::onPlatformCall = NoteCall;
     model::Totals totals;

@@ -126,7 +126,7 @@ NTSTATUS Model::Deregister(const Operation& operation)
         toWithdraw_.push_back(client->who);
         Enqueue(Work::kWithdraw);
     }
-    std::erase(toAnnounce_, client->who);  // nobody is announced who has gone; states and commands stay queued
+    std::erase(toAnnounce_, client->who);  // a removed client is not announced; states and commands stay queued
     clients_.erase(clients_.begin() + (client - clients_.data()));
     return STATUS_SUCCESS;
 }

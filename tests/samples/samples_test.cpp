@@ -46,7 +46,7 @@ TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
     EXPECT_EQ(Lines(text, "is notified: client [12] is in state 4"), 2u);
 }
 
-// A peer's device goes while its arrival notification, or its work, is still queued: nothing may come after its end.
+// A peer's device is removed while its arrival notification or its work is still queued: nothing may run afterwards.
 TEST_P(Samples, ClientThatGoesAtOnceLeavesNothing)
 {
     host::Machine machine;
