@@ -4,7 +4,7 @@
 //
 //     ControlledScheduler scheduler(machine options ...);
 //     while (scheduler.Next()) {
-//         DriverFixture world(...);
+//         DriverFixture fixture(...);
 //         scheduler.Run(fixture.machine, {{"poster", [&] { ... }}, {"worker", [&] { fixture.machine.RunWorkItems(); }}});
 //         ... look at the outcome; on a failure scheduler.Schedule() is what replays it
 //     }
