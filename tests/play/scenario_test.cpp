@@ -310,7 +310,8 @@ TEST(Player, EndsAnswersThatGoOnWithoutEnd)
         {"do": "subscribe", "client": "a", "to": "b", "state": "any"},
         {"do": "subscribe", "client": "b", "to": "a", "state": "any"},
         {"do": "post", "client": "a", "state": 1}, {"do": "deliver"}]})");
-    EXPECT_NE(timeline.find("!! clients answer each other without end: they stop after 1000 answers"), std::string::npos);
+    EXPECT_NE(timeline.find("!! clients answer each other without end: they stop after 1000 answers"),
+              std::string::npos);
 }
 
 // A driver that is unloaded while its client is registered is found by whichever callback comes first.
