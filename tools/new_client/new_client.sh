@@ -41,7 +41,7 @@ folder=$(readlink -m "$folder")
 [ ! -e "$folder" ] || [ -z "$(ls -A "$folder" 2> /dev/null || echo file)" ] ||
     fail "$folder is there already and not empty"
 
-new_guid() { tr a-z A-Z < /proc/sys/kernel/random/uuid; }
+new_guid() { tr '[:lower:]' '[:upper:]' < /proc/sys/kernel/random/uuid; }
 # 5A3E0000-0B61-... as a C initializer.
 initializer() {
     local guid=$1
