@@ -68,8 +68,8 @@ private:
     [[nodiscard]] Slot& At(std::uint64_t index) const
     {
         const std::uint64_t place = index + (std::uint64_t{1} << kFirstChunkBits);
-        const unsigned bits = static_cast<unsigned>(std::bit_width(place)) - 1;
-        return chunks_[bits - kFirstChunkBits][place - (std::uint64_t{1} << bits)];
+        const auto chunk = static_cast<std::size_t>(std::bit_width(place)) - 1 - kFirstChunkBits;
+        return chunks_[chunk][place - std::bit_floor(place)];
     }
 
     static inline HandleTable* current_ = nullptr;
