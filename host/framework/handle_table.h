@@ -69,7 +69,7 @@ private:
     {
         const std::uint64_t place = index + (std::uint64_t{1} << kFirstChunkBits);
         const auto chunk = static_cast<std::size_t>(std::bit_width(place)) - 1 - kFirstChunkBits;
-        return chunks_[chunk][place - std::bit_floor(place)];
+        return chunks_[chunk][place - std::bit_floor(place)];  // NOLINT(clang-analyzer-core.BitwiseShift): never zero
     }
 
     static inline HandleTable* current_ = nullptr;
