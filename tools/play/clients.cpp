@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cstdio>
+#include <cstring>
 
 namespace play {
 namespace {
