@@ -121,9 +121,9 @@ static VOID AskCallbackOrder(VOID)
     }
     ExNotifyCallback(object, NULL, NULL);
     Answer(L"Callback.Order", TakeLog());
-    for (ULONG index = 0; index < 3; ++index) {
-        if (registrations[index] != NULL) {
-            ExUnregisterCallback(registrations[index]);
+    for (PVOID registration : registrations) {
+        if (registration != NULL) {
+            ExUnregisterCallback(registration);
         }
     }
     ObDereferenceObject(object);
