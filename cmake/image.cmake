@@ -31,8 +31,10 @@ add_custom_target(version_stamp
     COMMAND ${CMAKE_SOURCE_DIR}/cmake/build_stamp.sh ${CMAKE_SOURCE_DIR}
             ${CMAKE_SOURCE_DIR}/driver/package/zepn_version.h.in zepn_version.h
     BYPRODUCTS zepn_version.h VERBATIM)
+# By its relative path: the resource compiler takes a path that starts with '/c' for an option.
+file(RELATIVE_PATH resource_script ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR}/driver/package/zepn.rc)
 add_custom_command(OUTPUT zepn.res
-    COMMAND llvm-rc-19 /I . /FO zepn.res ${CMAKE_SOURCE_DIR}/driver/package/zepn.rc
+    COMMAND llvm-rc-19 /I . /FO zepn.res ${resource_script}
     DEPENDS zepn_events.rc zepn_version.h ${CMAKE_SOURCE_DIR}/driver/package/zepn.rc VERBATIM)
 add_custom_target(resources DEPENDS zepn.res)
 add_dependencies(resources version_stamp)
