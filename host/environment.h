@@ -1,4 +1,4 @@
-// What every part of the host shares while a machine exists: options, checks, modules, clock, and per-thread state.
+// What every part of the host shares while a machine exists: options, checks, modules, and per-thread state.
 //
 // Platform functions have no parameter for the machine they belong to, so one machine at a time is current in a
 // process; Environment::Current() is how they find it.
@@ -71,10 +71,6 @@ public:
     checks::Violations violations;
     checks::FaultPlan faults;
     checks::Modules modules;
-
-    // Every delay that the driver asked for, in 100 ns units as given (negative: relative), and the time they add up
-    // to.
-    std::atomic<std::int64_t> virtualTime100ns{0};
 
     // Called for every platform call before it acts; an empty one for nobody. Set only while no driver code runs.
     using Observer = std::function<void(const ObservedCall&)>;

@@ -343,6 +343,17 @@ std::string Machine::ServiceAt(const void* address) const
     return {};
 }
 
+std::int64_t Machine::Now() const
+{
+    return kernel_->clock.Now();
+}
+
+void Machine::AdvanceClock(std::chrono::nanoseconds duration)
+{
+    constexpr std::int64_t kNanosecondsPerUnit = 100;
+    kernel_->clock.Advance(duration.count() / kNanosecondsPerUnit);
+}
+
 std::vector<std::int64_t> Machine::Delays() const
 {
     return kernel_->Delays();

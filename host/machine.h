@@ -21,6 +21,7 @@
 
 #include <ntddk.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -157,6 +158,11 @@ public:
     // What drivers printed for the debugger, and whose code lies at an address (empty: nobody's).
     [[nodiscard]] std::vector<std::string> DebugOutput() const;
     [[nodiscard]] std::string ServiceAt(const void* address) const;
+
+    // The machine's clock, in 100 ns units since boot. It moves on by the delays that drivers ask for, and when told to;
+    // what is due meanwhile runs on this thread.
+    [[nodiscard]] std::int64_t Now() const;
+    void AdvanceClock(std::chrono::nanoseconds duration);
 
     // Delays that driver code asked for since boot, in 100 ns units as given (negative: relative).
     [[nodiscard]] std::vector<std::int64_t> Delays() const;

@@ -1,10 +1,11 @@
-// The kernel of the machine: pool, callback objects, registry, delays, system routines.
+// The kernel of the machine: pool, clock, callback objects, registry, delays, system routines.
 //
 // The functions that images import (ntddk.h) are defined beside it, one file per family; they find the kernel through
 // Kernel::Current(), of which there is one per machine.
 #pragma once
 
 #include "host/environment.h"
+#include "host/kernel/clock.h"
 #include "host/kernel/memory.h"
 #include "host/kernel/registry.h"
 
@@ -87,6 +88,7 @@ public:
     void ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes);
 
     Environment& environment;
+    Clock clock;
 
     // ---- For the kernel's functions ----
     std::mutex mutex;

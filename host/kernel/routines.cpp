@@ -84,10 +84,10 @@ HOST_EXPORT NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLAR
         kernel.delays.push_back(requested);
     }
     if (requested < 0) {
-        kernel.environment.virtualTime100ns -= requested;
         if (kernel.environment.options.realTime) {
             std::this_thread::sleep_for(std::chrono::nanoseconds(-requested * 100));
         }
+        kernel.clock.Advance(-requested);
     }
     return STATUS_SUCCESS;
 }
