@@ -1,6 +1,7 @@
 #include "host/machine.h"
 
 #include "host/checks/crash.h"
+#include "host/framework/collections.h"
 #include "host/framework/devices.h"
 #include "host/framework/driver_load.h"
 #include "host/framework/plug_play.h"
@@ -24,6 +25,21 @@ DeviceObject& NewestDevice(const DriverInstance& instance)
         throw HostError(instance.service + ": it has no device");
     }
     return *instance.devices.back();
+}
+
+// Runs what is queued longest; false when nothing is.
+bool Pump(Framework& framework, PumpResult& result)
+{
+    std::unique_lock lock(framework.mutex);
+    Outcome outcome;
+    if (!framework.work.RunOne(lock, outcome)) {
+        return false;
+    }
+    ++result.runs;
+    if (outcome.parked) {
+        result.parked.push_back(outcome);
+    }
+    return true;
 }
 
 }  // namespace
@@ -84,8 +100,8 @@ Outcome Driver::RemoveDevice()
     if (device.openFiles != 0) {
         throw HostError(instance_.service + ": handles are open, so the system does not remove the device yet");
     }
-    return framework.RunOnThread("device removal", "device removal", nullptr,
-                                 [&] { framework::RemoveDevice(framework, device); });
+    return framework.threads.RunOnThread("device removal", "device removal", nullptr,
+                                         [&] { framework::RemoveDevice(framework, device); });
 }
 
 bool Driver::HasDevice() const
@@ -217,8 +233,8 @@ Machine::Machine(MachineOptions options)
 
 Machine::~Machine()
 {
-    framework_->StopWorkers();
-    for (const auto& instance : framework_->instances) {
+    framework_->work.StopWorkers();
+    for (const auto& instance : framework_->drivers) {
         if (instance->loaded) {
             // Where a thread hangs the driver cannot be unloaded, which has been reported.
             if (!threads_->HasParked()) {
@@ -276,12 +292,7 @@ std::vector<RegistryNumber> Machine::RegistryNumbers(const std::string& serviceN
 PumpResult Machine::RunWorkItems()
 {
     PumpResult result;
-    Outcome outcome;
-    while (framework_->RunOneWorkItem(outcome)) {
-        ++result.runs;
-        if (outcome.parked) {
-            result.parked.push_back(outcome);
-        }
+    while (Pump(*framework_, result)) {
     }
     return result;
 }
@@ -289,36 +300,30 @@ PumpResult Machine::RunWorkItems()
 PumpResult Machine::RunOneWorkItem()
 {
     PumpResult result;
-    Outcome outcome;
-    if (framework_->RunOneWorkItem(outcome)) {
-        result.runs = 1;
-        if (outcome.parked) {
-            result.parked.push_back(outcome);
-        }
-    }
+    (void)Pump(*framework_, result);
     return result;
 }
 
 std::size_t Machine::QueuedWorkItems() const
 {
     const std::lock_guard lock(framework_->mutex);
-    return framework_->workQueue.size() + framework_->deferredWork.size();
+    return framework_->work.Size();
 }
 
 std::string Machine::NextWorkItem() const
 {
     const std::lock_guard lock(framework_->mutex);
-    return framework_->workQueue.empty() ? std::string() : framework_->workQueue.front()->name;
+    return framework_->work.NextItem();
 }
 
 void Machine::WaitForWorkItems()
 {
-    framework_->WaitForWorkItems();
+    framework_->work.WaitUntilEmpty();
 }
 
 Outcome Machine::OnThread(const std::string& name, const std::function<void()>& work)
 {
-    return framework_->RunOnThread(name, "client thread", nullptr, work);
+    return framework_->threads.RunOnThread(name, "client thread", nullptr, work);
 }
 
 void Machine::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2)
@@ -334,13 +339,8 @@ std::vector<std::string> Machine::DebugOutput() const
 std::string Machine::ServiceAt(const void* address) const
 {
     const std::lock_guard lock(framework_->mutex);
-    for (const auto& instance : framework_->instances) {
-        const auto* base = static_cast<const char*>(instance->imageBase);
-        if (instance->image != nullptr && address >= base && address < base + instance->imageSizeBytes) {
-            return instance->service;
-        }
-    }
-    return {};
+    const DriverInstance* instance = framework_->drivers.At(address);
+    return instance == nullptr ? std::string() : instance->service;
 }
 
 std::int64_t Machine::Now() const
@@ -399,24 +399,22 @@ void Machine::RankLock(WDFWAITLOCK handle, unsigned rank)
     if (object == nullptr || object->type != framework::ObjectType::kWaitLock) {
         throw HostError("only a wait lock can have a place in the order of locks");
     }
-    static_cast<framework::WaitLockObject*>(object)->rank = rank;
-    framework::LockOrder::ForgetLookedAt(framework_->handles);
+    framework_->lockOrder.Rank(static_cast<framework::WaitLockObject&>(*object), rank);
 }
 
 std::uint64_t Machine::SecondDeletes() const
 {
     const std::lock_guard lock(framework_->mutex);
-    return framework_->SecondDeletes();
+    return framework_->objects.SecondDeletes();
 }
 
 std::uint64_t Machine::CollectionSteps() const
 {
     const std::lock_guard lock(framework_->mutex);
     std::uint64_t steps = 0;
-    framework_->handles.ForEach([&steps](framework::Object& object) {
+    framework_->handles.ForEach([&steps](const framework::Object& object) {
         if (object.type == framework::ObjectType::kCollection) {
-            const framework::SlotLock own(*object.slot);
-            steps += static_cast<const framework::CollectionObject&>(object).listSteps;
+            steps += static_cast<const framework::CollectionObject&>(object).Steps();
         }
     });
     return steps;

@@ -1,5 +1,7 @@
 // Object attributes: checked in the framework's order, then applied; and the contexts that they ask for.
-#include "host/framework/functions.h"
+#include "host/framework/attributes.h"
+
+#include "host/framework/framework.h"
 
 namespace host::framework {
 namespace {
@@ -18,7 +20,7 @@ bool MayHaveScope(ObjectType type)
 
 }  // namespace
 
-NTSTATUS Framework::CheckAttributes(const WDF_OBJECT_ATTRIBUTES* attributes, ObjectType type, ParentRule parentRule)
+NTSTATUS CheckAttributes(const WDF_OBJECT_ATTRIBUTES* attributes, ObjectType type, ParentRule parentRule)
 {
     if (attributes == nullptr) {
         return parentRule == ParentRule::kRequired ? STATUS_WDF_PARENT_NOT_SPECIFIED : STATUS_SUCCESS;
@@ -58,8 +60,8 @@ NTSTATUS Framework::CheckAttributes(const WDF_OBJECT_ATTRIBUTES* attributes, Obj
     return STATUS_SUCCESS;
 }
 
-Object* Framework::ParentFor(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes, Object* defaultParent,
-                             NTSTATUS& status)
+Object* ObjectTree::ParentFor(const PlatformCall& call, const WDF_OBJECT_ATTRIBUTES* attributes, Object* defaultParent,
+                              NTSTATUS& status) const
 {
     Object* parent = defaultParent;
     if (attributes != nullptr && attributes->ParentObject != nullptr) {
@@ -76,7 +78,7 @@ Object* Framework::ParentFor(const PlatformCall& call, const WDF_OBJECT_ATTRIBUT
     return parent;
 }
 
-void Framework::ApplyAttributes(Object& object, const WDF_OBJECT_ATTRIBUTES* attributes)
+void ObjectTree::ApplyAttributes(Object& object, const WDF_OBJECT_ATTRIBUTES* attributes)
 {
     if (attributes == nullptr) {
         return;
@@ -95,7 +97,7 @@ void Framework::ApplyAttributes(Object& object, const WDF_OBJECT_ATTRIBUTES* att
     }
 }
 
-const Context& Framework::AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes)
+const Context& ObjectTree::AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes)
 {
     constexpr std::size_t kAlignment = 16;
     const std::size_t size =
@@ -103,7 +105,7 @@ const Context& Framework::AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES
     auto made = std::make_unique<Context>();
     Context& context = *made;
     context.type = attributes.ContextTypeInfo->UniqueType;
-    context.memory = kernel.contextMemory().Allocate(size, kAlignment);
+    context.memory = framework_.kernel.contextMemory().Allocate(size, kAlignment);
     context.sizeBytes = size;
     context.cleanup = attributes.EvtCleanupCallback;
     context.destroy = attributes.EvtDestroyCallback;

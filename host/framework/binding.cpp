@@ -64,72 +64,11 @@ NTSTATUS CheckDemand(const WDF_BIND_INFO& info, unsigned runningMinor)
 
 }  // namespace
 
-DriverInstance* Framework::InstanceOf(const WDF_DRIVER_GLOBALS* globals)
-{
-    for (const auto& instance : instances) {
-        if (globals != nullptr && instance->globals == globals) {
-            return instance.get();
-        }
-    }
-    return nullptr;
-}
-
-DriverInstance* Framework::InstanceOf(const DRIVER_OBJECT* driverObject)
-{
-    for (const auto& instance : instances) {
-        if (&instance->driverObject == driverObject) {
-            return instance.get();
-        }
-    }
-    return nullptr;
-}
-
-void Framework::HideDriverHandles(bool hide)
-{
-    const std::lock_guard lock(mutex);
-    for (const auto& instance : instances) {
-        if (instance->globals == nullptr) {
-            continue;
-        }
-        if (hide && instance->globals->Driver != nullptr) {
-            instance->hiddenDriver = instance->globals->Driver;
-            instance->globals->Driver = nullptr;
-        } else if (!hide && instance->hiddenDriver != nullptr) {
-            instance->globals->Driver = instance->hiddenDriver;
-            instance->hiddenDriver = nullptr;
-        }
-    }
-}
-
-void Framework::ReportObjectsLeft(DriverInstance& instance)
-{
-    const std::lock_guard lock(mutex);
-    handles.ForEach([&](Object& object) {
-        if (object.driver != &instance) {
-            return;
-        }
-        const std::string what = Describe(object);
-        if (object.finished) {
-            environment.Report(checks::Rule::kReferenceLeak, "unload",
-                               what + " was deleted, but " + std::to_string(object.references) + " references keep it",
-                               nullptr);
-        } else {
-            environment.Report(checks::Rule::kLeak, "unload",
-                               what + " is still alive, with " + std::to_string(object.references) + " references",
-                               nullptr);
-        }
-        std::erase(workQueue, &object);
-        std::erase_if(deferredWork, [&](const DeferredWork& deferred) { return deferred.object == &object; });
-        FreeObject(object);
-    });
-    instance.driver = nullptr;
-}
-
 void Unbind(Framework& framework, DriverInstance& instance)
 {
     std::unique_lock lock(framework.mutex);
     if (instance.driver != nullptr) {
-        framework.Delete(lock, *instance.driver);
+        framework.objects.Delete(lock, *instance.driver);
     }
     (void)framework.kernel.contextMemory().Free(instance.globals);
     instance.globals = nullptr;
@@ -171,7 +110,7 @@ HOST_EXPORT NTSTATUS NTAPI WdfVersionBind(PDRIVER_OBJECT driverObject, PUNICODE_
         return status;
     }
     const std::lock_guard lock(framework.mutex);
-    DriverInstance* instance = framework.InstanceOf(driverObject);
+    DriverInstance* instance = framework.drivers.Of(driverObject);
     if (instance == nullptr || instance->globals != nullptr) {
         call.Violation(Rule::kBadParameter, "the driver object is unknown, or its driver is bound already");
         return STATUS_INVALID_PARAMETER;
@@ -199,7 +138,7 @@ HOST_EXPORT NTSTATUS NTAPI WdfVersionUnbind(PUNICODE_STRING, PWDF_BIND_INFO info
     DriverInstance* instance = nullptr;
     {
         const std::lock_guard lock(framework.mutex);
-        instance = framework.InstanceOf(globals);
+        instance = framework.drivers.Of(globals);
     }
     if (instance == nullptr || info == nullptr || info->Module != instance) {
         call.Violation(Rule::kBadParameter, "the bind record or the globals are not those of a bound driver");

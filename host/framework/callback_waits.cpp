@@ -13,15 +13,15 @@ void ConnectCallbackWaits(Framework& framework)
             return registration->runningOn;
         };
         std::unique_lock lock(framework.mutex);
-        (void)framework.WaitFor(lock,
-                                {.subject = "the return of the callback routine that it unregisters",
-                                 .isReady = [&] { return threads().empty(); },
-                                 .heldBy = threads},
-                                call.function(), call.caller());
+        (void)framework.threads.WaitFor(lock,
+                                        {.subject = "the return of the callback routine that it unregisters",
+                                         .isReady = [&] { return threads().empty(); },
+                                         .heldBy = threads},
+                                        call.function(), call.caller());
     };
     framework.kernel.onRoutineLeft = [&framework] {
         const std::lock_guard lock(framework.mutex);
-        framework.waiting.NotifyAll();
+        framework.threads.NotifyWaiting();
     };
 }
 

@@ -1,4 +1,5 @@
-// Collections: ordered, with duplicates, one reference for each entry; deleted items stay until they are removed.
+#include "host/framework/collections.h"
+
 #include "host/armed.h"
 #include "host/framework/functions.h"
 
@@ -8,34 +9,49 @@ namespace host::framework {
 
 using checks::Rule;
 
-void AddSteps(CollectionObject& collection, std::size_t steps)
+void CollectionObject::Add(Object& item)
 {
-    const SlotLock lock(*collection.slot);
-    collection.listSteps += steps;
+    const SlotLock own(*slot);
+    items_.push_back(&item);
+    count_.store(static_cast<std::uint32_t>(items_.size()), std::memory_order_release);
 }
 
-Object& TakeItem(CollectionObject& collection, std::size_t index)
+Object& CollectionObject::Take(std::size_t index)
 {
-    const SlotLock lock(*collection.slot);
-    Object& item = *collection.items[index];
-    collection.items.erase(collection.items.begin() + static_cast<std::ptrdiff_t>(index));
-    collection.count.store(static_cast<std::uint32_t>(collection.items.size()), std::memory_order_release);
+    const SlotLock own(*slot);
+    Object& item = *items_[index];
+    items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(index));
+    count_.store(static_cast<std::uint32_t>(items_.size()), std::memory_order_release);
     return item;
 }
 
-namespace functions {
-
-namespace {
-
-// The collection behind a handle, for calls that nothing needs to look at; null for any other.
-CollectionObject* CollectionAtOnce(const Slot* slot)
+void CollectionObject::CountSteps(std::size_t steps)
 {
-    return slot == nullptr || slot->type != ObjectType::kCollection
-               ? nullptr
-               : static_cast<CollectionObject*>(slot->object.load(std::memory_order_acquire));
+    const SlotLock own(*slot);
+    steps_ += steps;
 }
 
-}  // namespace
+std::uint64_t CollectionObject::Steps() const
+{
+    const SlotLock own(*slot);
+    return steps_;
+}
+
+void CollectionObject::OnDestroy(Framework& framework, std::unique_lock<std::mutex>& lock)
+{
+    while (!items_.empty()) {
+        framework.objects.Dereference(lock, Take(0));
+    }
+}
+
+void CollectionObject::Show(ObjectView& view) const
+{
+    for (const Object* item : items_) {
+        view.items.push_back(item->handle);
+    }
+}
+
+namespace functions {
 
 NTSTATUS NTAPI CollectionCreate(PWDF_DRIVER_GLOBALS globals, PWDF_OBJECT_ATTRIBUTES attributes,
                                 WDFCOLLECTION* collection)
@@ -52,12 +68,12 @@ ULONG NTAPI GetCountChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
     const PlatformCall call("WdfCollectionGetCount", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* collection = framework.Resolve<CollectionObject>(call, handle, "Collection");
+    const auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
     if (collection == nullptr) {
         return 0;
     }
     // A fault lets the collection claim one item more than it has.
-    return static_cast<ULONG>(collection->items.size()) + (call.fault() ? 1 : 0);
+    return static_cast<ULONG>(collection->items().size()) + (call.fault() ? 1 : 0);
 }
 
 }  // namespace
@@ -65,13 +81,9 @@ ULONG NTAPI GetCountChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
 ULONG NTAPI CollectionGetCount(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION handle)
 {
     if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
-        const Slot* slot = HandleTable::Current().Find(handle);
-        if (const CollectionObject* collection = CollectionAtOnce(slot)) {
-            const ULONG count = collection->count.load(std::memory_order_relaxed);
-            std::atomic_thread_fence(std::memory_order_acquire);
-            if (slot->object.load(std::memory_order_relaxed) == collection) {
-                return count;
-            }
+        const auto count = CollectionObject::CountAtOnce(HandleTable::Current().Find(handle));
+        if (count) {
+            return *count;
         }
     }
     [[clang::musttail]] return GetCountChecked(globals, handle);
@@ -85,15 +97,13 @@ NTSTATUS NTAPI CollectionAdd(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, WDFOBJEC
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* collection = framework.Resolve<CollectionObject>(call, handle, "Collection");
-    Object* item = framework.ResolveAny(call, itemHandle, "Object");
+    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
+    Object* item = framework.objects.ResolveAny(call, itemHandle, "Object");
     if (collection == nullptr || item == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    framework.Reference(*item);
-    const SlotLock own(*collection->slot);
-    collection->items.push_back(item);
-    collection->count.store(static_cast<std::uint32_t>(collection->items.size()), std::memory_order_release);
+    ObjectTree::Reference(*item);
+    collection->Add(*item);
     return call.Done();
 }
 
@@ -102,20 +112,19 @@ void NTAPI CollectionRemove(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, WDFOBJECT
     const PlatformCall call("WdfCollectionRemove", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     std::unique_lock lock(framework.mutex);
-    auto* collection = framework.Resolve<CollectionObject>(call, handle, "Collection");
-    Object* item = framework.ResolveAny(call, itemHandle, "Item");
+    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
+    Object* item = framework.objects.ResolveAny(call, itemHandle, "Item");
     if (collection == nullptr || item == nullptr) {
         return;
     }
-    const auto found = std::find(collection->items.begin(), collection->items.end(), item);
-    const auto index = static_cast<std::size_t>(found - collection->items.begin());
-    AddSteps(*collection, index + 1);
-    if (found == collection->items.end()) {
-        call.Violation(Rule::kCollectionItem,
-                       Framework::Describe(*item) + " is not in " + Framework::Describe(*collection));
+    const auto found = std::find(collection->items().begin(), collection->items().end(), item);
+    const auto index = static_cast<std::size_t>(found - collection->items().begin());
+    collection->CountSteps(index + 1);
+    if (found == collection->items().end()) {
+        call.Violation(Rule::kCollectionItem, Describe(*item) + " is not in " + Describe(*collection));
         return;
     }
-    framework.Dereference(lock, TakeItem(*collection, index));
+    framework.objects.Dereference(lock, collection->Take(index));
 }
 
 void NTAPI CollectionRemoveItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG index)
@@ -123,18 +132,17 @@ void NTAPI CollectionRemoveItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG
     const PlatformCall call("WdfCollectionRemoveItem", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     std::unique_lock lock(framework.mutex);
-    auto* collection = framework.Resolve<CollectionObject>(call, handle, "Collection");
+    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
     if (collection == nullptr) {
         return;
     }
-    if (index >= collection->items.size()) {
-        call.Violation(Rule::kCollectionItem, "index " + std::to_string(index) + " of " +
-                                                  Framework::Describe(*collection) + " with " +
-                                                  std::to_string(collection->items.size()) + " items");
+    if (index >= collection->items().size()) {
+        call.Violation(Rule::kCollectionItem, "index " + std::to_string(index) + " of " + Describe(*collection) +
+                                                  " with " + std::to_string(collection->items().size()) + " items");
         return;
     }
-    AddSteps(*collection, index + 1);
-    framework.Dereference(lock, TakeItem(*collection, index));
+    collection->CountSteps(index + 1);
+    framework.objects.Dereference(lock, collection->Take(index));
 }
 
 namespace {
@@ -147,12 +155,12 @@ WDFOBJECT NTAPI GetItemChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG 
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* collection = framework.Resolve<CollectionObject>(call, handle, "Collection");
+    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
     if (collection == nullptr) {
         return nullptr;
     }
-    AddSteps(*collection, std::min<std::size_t>(index + 1, collection->items.size()));
-    return index >= collection->items.size() ? nullptr : collection->items[index]->handle;
+    collection->CountSteps(std::min<std::size_t>(index + 1, collection->items().size()));
+    return index >= collection->items().size() ? nullptr : collection->items()[index]->handle;
 }
 
 }  // namespace
@@ -160,19 +168,9 @@ WDFOBJECT NTAPI GetItemChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG 
 WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION handle, ULONG index)
 {
     if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
-        Slot* slot = HandleTable::Current().Find(handle);
-        if (CollectionAtOnce(slot) != nullptr && slot->owner.exchange(1, std::memory_order_acquire) == 0) {
-            // While the slot is locked the collection stays.
-            auto* collection = static_cast<CollectionObject*>(slot->object.load(std::memory_order_relaxed));
-            WDFOBJECT item = nullptr;
-            if (collection != nullptr && index < collection->items.size()) {
-                item = collection->items[index]->handle;
-                collection->listSteps += index + 1;
-            }
-            slot->owner.store(0, std::memory_order_release);
-            if (item != nullptr) {
-                return item;
-            }
+        const WDFOBJECT item = CollectionObject::ItemAtOnce(HandleTable::Current().Find(handle), index);
+        if (item != nullptr) {
+            return item;
         }
     }
     [[clang::musttail]] return GetItemChecked(globals, handle, index);
@@ -186,8 +184,8 @@ WDFOBJECT NTAPI CollectionGetFirstItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* collection = framework.Resolve<CollectionObject>(call, handle, "Collection");
-    return collection == nullptr || collection->items.empty() ? nullptr : collection->items.front()->handle;
+    const auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
+    return collection == nullptr || collection->items().empty() ? nullptr : collection->items().front()->handle;
 }
 
 WDFOBJECT NTAPI CollectionGetLastItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
@@ -198,8 +196,8 @@ WDFOBJECT NTAPI CollectionGetLastItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* collection = framework.Resolve<CollectionObject>(call, handle, "Collection");
-    return collection == nullptr || collection->items.empty() ? nullptr : collection->items.back()->handle;
+    const auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
+    return collection == nullptr || collection->items().empty() ? nullptr : collection->items().back()->handle;
 }
 
 }  // namespace functions

@@ -25,8 +25,8 @@ NTSTATUS CallD0Entry(Framework& framework, DeviceObject& device, WDF_POWER_DEVIC
 {
     NTSTATUS status = STATUS_SUCCESS;
     if (const auto routine = device.power.EvtDeviceD0Entry) {
-        status = framework.Guarded("EvtDeviceD0Entry", reinterpret_cast<const void*>(routine),
-                                   [&] { return routine(HandleOf(device), previous); });
+        status = framework.threads.Guarded("EvtDeviceD0Entry", reinterpret_cast<const void*>(routine),
+                                           [&] { return routine(HandleOf(device), previous); });
     }
     std::unique_lock lock(framework.mutex);
     device.inD0 = NT_SUCCESS(status);
@@ -43,8 +43,8 @@ NTSTATUS CallD0Exit(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE
         device.inD0 = false;
     }
     if (const auto routine = device.power.EvtDeviceD0Exit) {
-        return framework.Guarded("EvtDeviceD0Exit", reinterpret_cast<const void*>(routine),
-                                 [&] { return routine(HandleOf(device), target); });
+        return framework.threads.Guarded("EvtDeviceD0Exit", reinterpret_cast<const void*>(routine),
+                                         [&] { return routine(HandleOf(device), target); });
     }
     return STATUS_SUCCESS;
 }
@@ -52,8 +52,8 @@ NTSTATUS CallD0Exit(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE
 void CallReleaseHardware(Framework& framework, DeviceObject& device)
 {
     if (const auto routine = device.power.EvtDeviceReleaseHardware) {
-        (void)framework.Guarded("EvtDeviceReleaseHardware", reinterpret_cast<const void*>(routine),
-                                [&] { return routine(HandleOf(device), nullptr); });
+        (void)framework.threads.Guarded("EvtDeviceReleaseHardware", reinterpret_cast<const void*>(routine),
+                                        [&] { return routine(HandleOf(device), nullptr); });
     }
 }
 
@@ -68,7 +68,7 @@ void SetAllInterfaces(Framework& framework, DeviceObject& device, bool enabled)
 void DropSymbolicLink(Framework& framework, DeviceObject& device)
 {
     const std::lock_guard lock(framework.mutex);
-    framework.names.erase(device.symbolicLink);
+    framework.names.Release(device.symbolicLink);
     device.symbolicLink.clear();
 }
 
@@ -86,15 +86,20 @@ void Purge(Framework& framework, DeviceObject& device, bool onlyPowerManaged)
 
 }  // namespace
 
+void DeviceObject::OnFinished(Framework& framework, std::unique_lock<std::mutex>& lock)
+{
+    framework.work.WaitForDisposals(lock, *this);
+}
+
 void DisposeDevice(Framework& framework, DeviceObject& device)
 {
     DropSymbolicLink(framework, device);
     Purge(framework, device, false);
     std::unique_lock lock(framework.mutex);
     device.stage = DeviceStage::kRemoved;
-    framework.names.erase(device.deviceName);
+    framework.names.Release(device.deviceName);
     device.driver->devices.remove(&device);
-    framework.Delete(lock, device);
+    framework.objects.Delete(lock, device);
 }
 
 NTSTATUS AddDevice(Framework& framework, DriverInstance& driver)
@@ -106,7 +111,7 @@ NTSTATUS AddDevice(Framework& framework, DriverInstance& driver)
     WDFDEVICE_INIT init;
     init.driver = &driver;
     const std::size_t devicesBefore = driver.devices.size();
-    const NTSTATUS status = framework.Guarded("EvtDriverDeviceAdd", reinterpret_cast<const void*>(add), [&] {
+    const NTSTATUS status = framework.threads.Guarded("EvtDriverDeviceAdd", reinterpret_cast<const void*>(add), [&] {
         return add(static_cast<WDFDRIVER>(driver.driver->handle), &init);
     });
     if (!NT_SUCCESS(status) && driver.devices.size() > devicesBefore) {
@@ -119,8 +124,8 @@ NTSTATUS StartDevice(Framework& framework, DeviceObject& device)
 {
     NTSTATUS status = STATUS_SUCCESS;
     if (const auto routine = device.power.EvtDevicePrepareHardware) {
-        status = framework.Guarded("EvtDevicePrepareHardware", reinterpret_cast<const void*>(routine),
-                                   [&] { return routine(HandleOf(device), nullptr, nullptr); });
+        status = framework.threads.Guarded("EvtDevicePrepareHardware", reinterpret_cast<const void*>(routine),
+                                           [&] { return routine(HandleOf(device), nullptr, nullptr); });
     }
     if (NT_SUCCESS(status)) {
         status = CallD0Entry(framework, device, WdfPowerDeviceD3Final);
@@ -147,8 +152,8 @@ NTSTATUS WakeDevice(Framework& framework, DeviceObject& device)
 void SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
 {
     if (const auto routine = device.power.EvtDeviceSurpriseRemoval) {
-        framework.Guarded("EvtDeviceSurpriseRemoval", reinterpret_cast<const void*>(routine),
-                          [&] { routine(HandleOf(device)); });
+        framework.threads.Guarded("EvtDeviceSurpriseRemoval", reinterpret_cast<const void*>(routine),
+                                  [&] { routine(HandleOf(device)); });
     }
     if (device.inD0) {
         (void)CallD0Exit(framework, device, WdfPowerDeviceD3Final);
@@ -181,7 +186,7 @@ WDFDRIVER NTAPI DeviceGetDriver(PWDF_DRIVER_GLOBALS, WDFDEVICE handle)
     const PlatformCall call("WdfDeviceGetDriver", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    const auto* device = framework.objects.Resolve<DeviceObject>(call, handle, "Device");
     return device == nullptr ? nullptr : static_cast<WDFDRIVER>(device->driver->driver->handle);
 }
 
@@ -190,7 +195,7 @@ void NTAPI DeviceSetStaticStopRemove(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, BOOL
     const PlatformCall call("WdfDeviceSetStaticStopRemove", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    if (auto* device = framework.Resolve<DeviceObject>(call, handle, "Device")) {
+    if (auto* device = framework.objects.Resolve<DeviceObject>(call, handle, "Device")) {
         device->stopRemoveRefusals += stoppable != FALSE ? -1 : 1;
     }
 }
@@ -203,7 +208,7 @@ NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, P
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    auto* device = framework.objects.Resolve<DeviceObject>(call, handle, "Device");
     if (device == nullptr || !Requires(call, name, "SymbolicLinkName") || !kernel::IsWellFormed(*name)) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -211,7 +216,7 @@ NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, P
         return STATUS_INVALID_DEVICE_REQUEST;
     }
     const std::string link = kernel::LowerCase(kernel::Narrow(*name));
-    if (!framework.names.insert(link).second) {
+    if (!framework.names.Take(link)) {
         return STATUS_OBJECT_NAME_COLLISION;
     }
     device->symbolicLink = link;
@@ -223,7 +228,7 @@ WDFQUEUE NTAPI DeviceGetDefaultQueue(PWDF_DRIVER_GLOBALS, WDFDEVICE handle)
     const PlatformCall call("WdfDeviceGetDefaultQueue", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    const auto* device = framework.objects.Resolve<DeviceObject>(call, handle, "Device");
     return device == nullptr || device->defaultQueue == nullptr ? nullptr
                                                                 : static_cast<WDFQUEUE>(device->defaultQueue->handle);
 }

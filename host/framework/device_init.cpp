@@ -93,19 +93,18 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    DriverInstance* instance = framework.InstanceOf(globals);
+    DriverInstance* instance = framework.drivers.Of(globals);
     if (instance == nullptr || instance->driver == nullptr) {
         call.Violation(Rule::kForeignHandle, "the driver globals belong to no driver that has an object");
         return STATUS_INVALID_PARAMETER;
     }
-    const NTSTATUS status =
-        framework.CheckAttributes(attributes, ObjectType::kDevice, Framework::ParentRule::kForbidden);
+    const NTSTATUS status = CheckAttributes(attributes, ObjectType::kDevice, ParentRule::kForbidden);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     WDFDEVICE_INIT& init = **initPointer;
     const std::string name = kernel::LowerCase(init.name);
-    if (!name.empty() && !framework.names.insert(name).second) {
+    if (!name.empty() && !framework.names.Take(name)) {
         return STATUS_OBJECT_NAME_COLLISION;
     }
 
@@ -117,8 +116,8 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
     device.files = init.fileConfig;
     device.hasFiles = init.hasFileConfig;
     device.fileAttributes = init.fileAttributes;
-    framework.ApplyAttributes(device, attributes);
-    framework.Register(std::move(object), instance->driver);
+    framework.objects.ApplyAttributes(device, attributes);
+    framework.objects.Register(std::move(object), instance->driver);
     instance->devices.push_back(&device);
     init.consumed = true;
     *initPointer = nullptr;

@@ -3,8 +3,12 @@
 
 #include "host/framework/framework.h"
 
+#include <deque>
+#include <list>
 #include <optional>
 #include <span>
+#include <string>
+#include <vector>
 
 // What a driver records between EvtDriverDeviceAdd and WdfDeviceCreate; opaque to it.
 struct WDFDEVICE_INIT {
@@ -39,6 +43,9 @@ enum class DeviceStage { kAdded, kStarted, kSurpriseRemoved, kRemoved };
 
 struct DeviceObject final : Object {
     explicit DeviceObject(DriverInstance* owner) : Object(ObjectType::kDevice, owner) { noDelete = true; }
+    void OnFinished(Framework& framework, std::unique_lock<std::mutex>& lock) override;
+    [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
+
     DeviceStage stage = DeviceStage::kAdded;
     bool inD0 = false;
     int stopRemoveRefusals = 0;  // not 0: refused, also when it was taken back once too often
@@ -59,6 +66,9 @@ struct RequestObject;
 
 struct QueueObject final : Object {
     explicit QueueObject(DriverInstance* owner) : Object(ObjectType::kQueue, owner) {}
+    void OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock) override;
+    [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
+
     DeviceObject* device = nullptr;
     WDF_IO_QUEUE_CONFIG config{};
     bool powerManaged = false;
@@ -70,6 +80,8 @@ struct QueueObject final : Object {
 
 struct FileObjectObject final : Object {
     explicit FileObjectObject(DriverInstance* owner) : Object(ObjectType::kFileObject, owner) { noDelete = true; }
+    [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
+
     DeviceObject* device = nullptr;
     unsigned requests = 0;  // not completed yet
     bool closing = false;   // the last handle is closed; EvtFileClose waits for the requests

@@ -58,7 +58,7 @@ void NTAPI FrameworkUnload(PDRIVER_OBJECT driverObject)
 {
     Framework& framework = Framework::Current();
     std::unique_lock lock(framework.mutex);
-    DriverInstance* instance = framework.InstanceOf(driverObject);
+    DriverInstance* instance = framework.drivers.Of(driverObject);
     if (instance == nullptr || instance->driver == nullptr) {
         return;
     }
@@ -66,11 +66,11 @@ void NTAPI FrameworkUnload(PDRIVER_OBJECT driverObject)
     const auto handle = static_cast<WDFDRIVER>(instance->driver->handle);
     if (unload != nullptr) {
         lock.unlock();
-        framework.Guarded("EvtDriverUnload", reinterpret_cast<const void*>(unload), [&] { unload(handle); });
+        framework.threads.Guarded("EvtDriverUnload", reinterpret_cast<const void*>(unload), [&] { unload(handle); });
         lock.lock();
     }
     if (instance->driver != nullptr) {
-        framework.Delete(lock, *instance->driver);
+        framework.objects.Delete(lock, *instance->driver);
     }
 }
 
@@ -80,7 +80,7 @@ NTSTATUS NTAPI FrameworkAddDevice(PDRIVER_OBJECT driverObject, PDEVICE_OBJECT)
     DriverInstance* instance = nullptr;
     {
         const std::lock_guard lock(framework.mutex);
-        instance = framework.InstanceOf(driverObject);
+        instance = framework.drivers.Of(driverObject);
     }
     return instance == nullptr ? STATUS_NO_SUCH_DEVICE : AddDevice(framework, *instance);
 }
@@ -108,7 +108,7 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    DriverInstance* instance = framework.InstanceOf(globals);
+    DriverInstance* instance = framework.drivers.Of(globals);
     if (instance == nullptr || &instance->driverObject != driverObject) {
         call.Violation(checks::Rule::kBadParameter, "the globals and the driver object do not belong together");
         return STATUS_INVALID_PARAMETER;
@@ -124,16 +124,15 @@ NTSTATUS NTAPI DriverCreate(PWDF_DRIVER_GLOBALS globals, PDRIVER_OBJECT driverOb
     if (takesOver && isNonPnp && config->EvtDriverDeviceAdd != nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    const NTSTATUS status =
-        framework.CheckAttributes(attributes, ObjectType::kDriver, Framework::ParentRule::kForbidden);
+    const NTSTATUS status = CheckAttributes(attributes, ObjectType::kDriver, ParentRule::kForbidden);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     auto object = std::make_unique<DriverObject>(instance);
     DriverObject& created = *object;
     created.config = *config;
-    framework.ApplyAttributes(created, attributes);
-    framework.Register(std::move(object), nullptr);
+    framework.objects.ApplyAttributes(created, attributes);
+    framework.objects.Register(std::move(object), nullptr);
     instance->driver = &created;
 
     globals->DriverFlags |= flags;
@@ -155,7 +154,7 @@ PDRIVER_OBJECT NTAPI DriverWdmGetDriverObject(PWDF_DRIVER_GLOBALS, WDFDRIVER han
     const PlatformCall call("WdfDriverWdmGetDriverObject", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* driver = framework.Resolve<DriverObject>(call, handle, "Driver");
+    const auto* driver = framework.objects.Resolve<DriverObject>(call, handle, "Driver");
     return driver == nullptr ? nullptr : &driver->driver->driverObject;
 }
 

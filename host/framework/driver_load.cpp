@@ -34,7 +34,11 @@ void ReleaseImage(Framework& framework, tracing::Tracing& tracing, DriverInstanc
         Unbind(framework, instance);
     }
     ReportRegistrationsLeft(framework, instance);
-    framework.ReportObjectsLeft(instance);
+    {
+        const std::lock_guard lock(framework.mutex);
+        framework.objects.ReportLeftBy(instance);
+        instance.driver = nullptr;
+    }
     framework.kernel.ReportLeaksOf(base, sizeBytes);
     tracing.ReportLeaksOf(base, sizeBytes);
     if (framework.threads.HasParked()) {
@@ -49,8 +53,9 @@ void ReleaseImage(Framework& framework, tracing::Tracing& tracing, DriverInstanc
 DriverInstance& LoadDriver(Framework& framework, tracing::Tracing& tracing, const std::filesystem::path& file,
                            const std::string& service)
 {
-    for (const auto& other : framework.instances) {
-        if (other->loaded && other->service == service) {
+    {
+        const std::lock_guard lock(framework.mutex);
+        if (framework.drivers.Running(service) != nullptr) {
             throw HostError(service + ": the service runs already");
         }
     }
@@ -63,14 +68,14 @@ DriverInstance& LoadDriver(Framework& framework, tracing::Tracing& tracing, cons
     PrepareDriverObject(instance);
     {
         const std::lock_guard lock(framework.mutex);
-        framework.instances.push_back(std::move(made));
+        framework.drivers.Add(std::move(made));
     }
     {
         const kernel::GuardedString path(framework.kernel.contextMemory(),
                                          "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\" + service);
         const auto entry = reinterpret_cast<Entry>(instance.image->entry());
-        instance.entryStatus = framework.Guarded("DriverEntry", instance.image->entry(),
-                                                 [&] { return entry(&instance.driverObject, path.get()); });
+        instance.entryStatus = framework.threads.Guarded("DriverEntry", instance.image->entry(),
+                                                         [&] { return entry(&instance.driverObject, path.get()); });
     }
     if (NT_SUCCESS(instance.entryStatus)) {
         instance.loaded = true;
@@ -94,8 +99,8 @@ schedule::Outcome UnloadDriver(Framework& framework, tracing::Tracing& tracing, 
         throw HostError(instance.service + ": the driver has no unload routine");
     }
     schedule::Outcome outcome =
-        framework.RunOnThread("driver unload", "DriverUnload", reinterpret_cast<const void*>(unload),
-                              [&] { unload(&instance.driverObject); });
+        framework.threads.RunOnThread("driver unload", "DriverUnload", reinterpret_cast<const void*>(unload),
+                                      [&] { unload(&instance.driverObject); });
     if (!outcome.parked) {
         ReleaseImage(framework, tracing, instance);
     }

@@ -1,6 +1,5 @@
 #include "host/framework/framework.h"
 
-#include "host/framework/devices.h"
 #include "host/framework/plug_play.h"
 
 namespace host::framework {
@@ -11,21 +10,25 @@ Framework* g_current = nullptr;
 }  // namespace
 
 Framework::Framework(Environment& machineEnvironment, kernel::Kernel& machineKernel, schedule::Threads& machineThreads)
-    : environment(machineEnvironment), kernel(machineKernel), threads(machineThreads)
+    : environment(machineEnvironment), kernel(machineKernel), objects(*this), threads(*this, machineThreads),
+      work(*this), lockOrder(handles)
 {
     g_current = this;
     RegisterLoaderExports();
     RegisterPlugPlayExports();
-    environment.faults.onHideDriver = [this](bool hide) { HideDriverHandles(hide); };
+    environment.faults.onHideDriver = [this](bool hide) {
+        const std::lock_guard lock(mutex);
+        drivers.HideHandles(hide);
+    };
     ConnectCallbackWaits(*this);
     if (environment.options.workItems == WorkItems::kThreads) {
-        StartWorkers();
+        work.StartWorkers(environment.options.workerCount);
     }
 }
 
 Framework::~Framework()
 {
-    StopWorkers();
+    work.StopWorkers();
     environment.faults.onHideDriver = nullptr;
     g_current = nullptr;
 }
@@ -33,6 +36,15 @@ Framework::~Framework()
 Framework& Framework::Current()
 {
     return *g_current;
+}
+
+bool Requires(const PlatformCall& call, const void* pointer, const char* argument)
+{
+    if (pointer == nullptr) {
+        call.Violation(checks::Rule::kRequiredParameter, std::string(argument) + " is null");
+        return false;
+    }
+    return true;
 }
 
 }  // namespace host::framework

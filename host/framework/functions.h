@@ -46,23 +46,23 @@ NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, con
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    DriverInstance* instance = framework.InstanceOf(globals);
+    DriverInstance* instance = framework.drivers.Of(globals);
     if (instance == nullptr || instance->driver == nullptr) {
         call.Violation(checks::Rule::kForeignHandle, "the driver globals belong to no driver that has an object");
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = framework.CheckAttributes(attributes, kTypeOf<T>, Framework::ParentRule::kOptional);
+    NTSTATUS status = CheckAttributes(attributes, kTypeOf<T>, ParentRule::kOptional);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    Object* parent = framework.ParentFor(call, attributes, instance->driver, status);
+    Object* parent = framework.objects.ParentFor(call, attributes, instance->driver, status);
     if (parent == nullptr) {
         return status;
     }
     auto object = std::make_unique<T>(instance);
     T& created = *object;
-    framework.ApplyAttributes(created, attributes);
-    framework.Register(std::move(object), parent);
+    framework.objects.ApplyAttributes(created, attributes);
+    framework.objects.Register(std::move(object), parent);
     *handle = static_cast<Handle>(created.handle);
     return call.Done();
 }

@@ -1,8 +1,5 @@
 #include "host/framework/handle_table.h"
 
-#include "host/framework/framework.h"
-
-#include <cstdio>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -12,14 +9,6 @@ namespace {
 
 // The first index that no machine of this process has used.
 std::atomic<std::uint64_t> g_nextIndex{1};
-
-std::string HandleText(const void* handle)
-{
-    char text[24];
-    std::snprintf(text, sizeof(text), "0x%llX",
-                  static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(handle)));
-    return text;
-}
 
 }  // namespace
 
@@ -210,122 +199,6 @@ void HandleTable::ForEach(const std::function<void(Object&)>& visit) const
         next = object->nextAlive;
         visit(*object);
     }
-}
-
-// ---- The framework's side ----
-
-std::string Framework::Describe(const Object& object)
-{
-    std::string text = std::string(Name(object.type)) + " #" + std::to_string(object.serial);
-    if (!object.name.empty()) {
-        text += " (" + object.name + ")";
-    } else if (!object.contexts.empty()) {
-        text += std::string(" (") + object.contexts.front().type->ContextName + ")";
-    }
-    return text;
-}
-
-void Framework::Register(std::unique_ptr<Object> object, Object* parent)
-{
-    Object& registered = *object;
-    if (registered.executionLevel == WdfExecutionLevelInheritFromParent) {
-        registered.executionLevel = parent != nullptr ? parent->executionLevel : WdfExecutionLevelDispatch;
-    }
-    if (registered.synchronizationScope == WdfSynchronizationScopeInheritFromParent) {
-        registered.synchronizationScope =
-            parent != nullptr ? parent->synchronizationScope : WdfSynchronizationScopeNone;
-    }
-    if (parent != nullptr) {
-        registered.parent = parent;
-        registered.previousSibling = parent->lastChild;
-        (parent->lastChild != nullptr ? parent->lastChild->nextSibling : parent->firstChild) = &registered;
-        parent->lastChild = &registered;
-    }
-    handles.Add(std::move(object));
-}
-
-Object* Framework::ResolveAny(const PlatformCall& call, const void* handle, const char* argument)
-{
-    if (handle == nullptr) {
-        call.Violation(checks::Rule::kNullHandle, std::string(argument) + " is a null handle");
-        return nullptr;
-    }
-    const Slot* slot = handles.Find(handle);
-    if (slot == nullptr) {
-        call.Violation(checks::Rule::kForeignHandle,
-                       std::string(argument) + " " + HandleText(handle) + " was never handed out");
-        return nullptr;
-    }
-    Object* object = slot->object.load(std::memory_order_acquire);
-    if (object == nullptr) {
-        const std::string& name = *slot->name;
-        call.Violation(checks::Rule::kDeadHandle, std::string(argument) + " " + HandleText(handle) + " was a " +
-                                                      Name(slot->type) + (name.empty() ? "" : " (" + name + ")") +
-                                                      " that is gone");
-        return nullptr;
-    }
-    return object;
-}
-
-void Framework::ReportWrongType(const PlatformCall& call, const Object& object, const char* argument, ObjectType wanted)
-{
-    call.Violation(checks::Rule::kWrongHandleType,
-                   std::string(argument) + " is " + Describe(object) + ", not a " + Name(wanted));
-}
-
-void Framework::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
-{
-    // Callbacks may look at the object, so its handle lives until they are through.
-    if (object.destroy != nullptr) {
-        lock.unlock();
-        Guarded("EvtDestroyCallback", reinterpret_cast<const void*>(object.destroy),
-                [&] { object.destroy(object.handle); });
-        lock.lock();
-    }
-    for (const Context& context : object.contexts) {
-        if (context.destroy != nullptr) {
-            lock.unlock();
-            Guarded("EvtDestroyCallback", reinterpret_cast<const void*>(context.destroy),
-                    [&] { context.destroy(object.handle); });
-            lock.lock();
-        }
-    }
-    if (object.type == ObjectType::kCollection) {
-        auto& collection = static_cast<CollectionObject&>(object);
-        while (!collection.items.empty()) {
-            Dereference(lock, TakeItem(collection, 0));
-        }
-    }
-    FreeObject(object);
-}
-
-void Framework::FreeObject(Object& object)
-{
-    for (const Context& context : object.contexts) {
-        const std::string damage = kernel.contextMemory().Free(context.memory);
-        if (!damage.empty()) {
-            environment.Report(checks::Rule::kPoolCorrupted, "object end",
-                               "the context " + std::string(context.type->ContextName) + " of " + Describe(object) +
-                                   ": " + damage,
-                               nullptr);
-        }
-    }
-    if (object.driver != nullptr && object.driver->driver == &object) {
-        object.driver->driver = nullptr;
-    }
-    if (object.type == ObjectType::kWaitLock) {
-        lockOrder.Forget(object.handle);
-    }
-    handles.Remove(object);
-}
-
-bool Requires(const PlatformCall& call, const void* pointer, const char* argument)
-{
-    if (pointer == nullptr) {
-        call.Violation(checks::Rule::kRequiredParameter, std::string(argument) + " is null");
-        return false;
-    }
-    return true;
 }
 
 }  // namespace host::framework

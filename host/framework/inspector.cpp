@@ -20,17 +20,7 @@ ObjectView View(const Object& object)
         view.contexts.push_back(
             {context.type->ContextName, {static_cast<const std::byte*>(context.memory), context.sizeBytes}});
     }
-    if (object.type == ObjectType::kCollection) {
-        for (const Object* item : static_cast<const CollectionObject&>(object).items) {
-            view.items.push_back(item->handle);
-        }
-    } else if (object.type == ObjectType::kWaitLock) {
-        view.held = object.slot->owner.load(std::memory_order_relaxed) != 0;
-    } else if (object.type == ObjectType::kSpinLock) {
-        view.held = static_cast<const SpinLockObject&>(object).held;
-    } else if (object.type == ObjectType::kWorkItem) {
-        view.queued = static_cast<const WorkItemObject&>(object).queued;
-    }
+    object.Show(view);
     return view;
 }
 

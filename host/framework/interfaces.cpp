@@ -41,19 +41,19 @@ NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& 
     NTSTATUS status = STATUS_SUCCESS;
     if (taken->process != nullptr) {
         GUID typeCopy = type;
-        status = framework.Guarded("EvtDeviceProcessQueryInterfaceRequest",
-                                   reinterpret_cast<const void*>(taken->process), [&] {
-                                       return taken->process(static_cast<WDFDEVICE>(device.handle), &typeCopy,
-                                                             reinterpret_cast<PINTERFACE>(buffer.data()), nullptr);
-                                   });
+        status = framework.threads.Guarded(
+            "EvtDeviceProcessQueryInterfaceRequest", reinterpret_cast<const void*>(taken->process), [&] {
+                return taken->process(static_cast<WDFDEVICE>(device.handle), &typeCopy,
+                                      reinterpret_cast<PINTERFACE>(buffer.data()), nullptr);
+            });
         if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) {
             return status;
         }
     }
     std::memcpy(&header, buffer.data(), sizeof(header));  // the callback may have changed it
     if (header.InterfaceReference != nullptr) {
-        framework.Guarded("InterfaceReference", reinterpret_cast<const void*>(header.InterfaceReference),
-                          [&] { header.InterfaceReference(header.Context); });
+        framework.threads.Guarded("InterfaceReference", reinterpret_cast<const void*>(header.InterfaceReference),
+                                  [&] { header.InterfaceReference(header.Context); });
     }
     return status;
 }
@@ -81,7 +81,7 @@ NTSTATUS NTAPI DeviceCreateDeviceInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    auto* device = framework.objects.Resolve<DeviceObject>(call, handle, "Device");
     if (device == nullptr || !Requires(call, interfaceClass, "InterfaceClassGUID") ||
         (referenceString != nullptr && !kernel::IsWellFormed(*referenceString))) {
         return STATUS_INVALID_PARAMETER;
@@ -96,7 +96,7 @@ void NTAPI DeviceSetDeviceInterfaceState(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, 
     const PlatformCall call("WdfDeviceSetDeviceInterfaceState", HOST_CALLER, PASSIVE_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    auto* device = framework.objects.Resolve<DeviceObject>(call, handle, "Device");
     if (device == nullptr || !Requires(call, interfaceClass, "InterfaceClassGUID")) {
         return;
     }
@@ -122,7 +122,7 @@ NTSTATUS NTAPI DeviceAddQueryInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PW
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* device = framework.Resolve<DeviceObject>(call, handle, "Device");
+    auto* device = framework.objects.Resolve<DeviceObject>(call, handle, "Device");
     if (device == nullptr || !Requires(call, config, "InterfaceConfig") ||
         !Requires(call, config->InterfaceType, "InterfaceType")) {
         return STATUS_INVALID_PARAMETER;
@@ -171,7 +171,7 @@ NTSTATUS NTAPI FdoQueryForInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, LPCGU
     DeviceObject* device = nullptr;
     {
         const std::lock_guard lock(framework.mutex);
-        device = framework.Resolve<DeviceObject>(call, handle, "Fdo");
+        device = framework.objects.Resolve<DeviceObject>(call, handle, "Fdo");
     }
     if (device == nullptr || !Requires(call, type, "InterfaceType") || !Requires(call, table, "Interface")) {
         return STATUS_INVALID_PARAMETER;

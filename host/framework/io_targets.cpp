@@ -32,7 +32,7 @@ std::vector<IoTargetObject*> TargetsOn(const Framework& framework, const DeviceO
 // The enabled interface that bears a name; the mutex is held.
 DeviceObject* DeviceByInterface(const Framework& framework, const std::string& lowerCaseName)
 {
-    for (const auto& instance : framework.instances) {
+    for (const auto& instance : framework.drivers) {
         for (DeviceObject* device : instance->devices) {
             for (const DeviceInterface& interface : device->interfaces) {
                 if (interface.enabled && kernel::LowerCase(InterfaceName(*device, interface)) == lowerCaseName) {
@@ -71,8 +71,8 @@ void Close(Framework& framework, IoTargetObject& target, State state)
 template <class Routine>
 auto CallBack(Framework& framework, const char* name, Routine routine, const IoTargetObject& target)
 {
-    return framework.Guarded(name, reinterpret_cast<const void*>(routine),
-                             [&] { return routine(static_cast<WDFIOTARGET>(target.handle)); });
+    return framework.threads.Guarded(name, reinterpret_cast<const void*>(routine),
+                                     [&] { return routine(static_cast<WDFIOTARGET>(target.handle)); });
 }
 
 void NotifyRemoveCanceled(Framework& framework, IoTargetObject& target, DeviceObject& device)
@@ -99,6 +99,11 @@ void CloseTarget(Framework& framework, std::unique_lock<std::mutex>& lock, IoTar
         CloseFile(framework, *file);
         lock.lock();
     }
+}
+
+void IoTargetObject::OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock)
+{
+    CloseTarget(framework, lock, *this, State::kClosed);
 }
 
 NTSTATUS QueryRemove(Framework& framework, DeviceObject& device)
@@ -159,22 +164,22 @@ NTSTATUS NTAPI IoTargetCreate(PWDF_DRIVER_GLOBALS, WDFDEVICE deviceHandle, PWDF_
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* device = framework.Resolve<DeviceObject>(call, deviceHandle, "Device");
+    auto* device = framework.objects.Resolve<DeviceObject>(call, deviceHandle, "Device");
     if (device == nullptr || !Requires(call, handle, "IoTarget")) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = framework.CheckAttributes(attributes, ObjectType::kIoTarget, Framework::ParentRule::kOptional);
+    NTSTATUS status = CheckAttributes(attributes, ObjectType::kIoTarget, ParentRule::kOptional);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    Object* parent = framework.ParentFor(call, attributes, device, status);
+    Object* parent = framework.objects.ParentFor(call, attributes, device, status);
     if (parent == nullptr) {
         return status;
     }
     auto object = std::make_unique<IoTargetObject>(device->driver);
     IoTargetObject& created = *object;
-    framework.ApplyAttributes(created, attributes);
-    framework.Register(std::move(object), parent);
+    framework.objects.ApplyAttributes(created, attributes);
+    framework.objects.Register(std::move(object), parent);
     *handle = static_cast<WDFIOTARGET>(created.handle);
     return STATUS_SUCCESS;
 }
@@ -190,7 +195,7 @@ NTSTATUS NTAPI IoTargetOpen(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle, PWDF_IO_TAR
     DeviceObject* device = nullptr;
     {
         const std::lock_guard lock(framework.mutex);
-        target = framework.Resolve<IoTargetObject>(call, handle, "IoTarget");
+        target = framework.objects.Resolve<IoTargetObject>(call, handle, "IoTarget");
         if (target == nullptr || !Requires(call, parameters, "OpenParams")) {
             return STATUS_INVALID_PARAMETER;
         }
@@ -221,11 +226,11 @@ NTSTATUS NTAPI IoTargetOpen(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle, PWDF_IO_TAR
         if (device == nullptr) {
             return STATUS_OBJECT_NAME_NOT_FOUND;
         }
-        framework.Reference(*device);
+        ObjectTree::Reference(*device);
     }
     const NTSTATUS status = OpenOn(framework, *target, *device);
     std::unique_lock lock(framework.mutex);
-    framework.Dereference(lock, *device);
+    framework.objects.Dereference(lock, *device);
     return status;
 }
 
@@ -234,7 +239,7 @@ void NTAPI IoTargetCloseForQueryRemove(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle)
     const PlatformCall call("WdfIoTargetCloseForQueryRemove", HOST_CALLER, PASSIVE_LEVEL);
     Framework& framework = Framework::Current();
     std::unique_lock lock(framework.mutex);
-    if (auto* target = framework.Resolve<IoTargetObject>(call, handle, "IoTarget")) {
+    if (auto* target = framework.objects.Resolve<IoTargetObject>(call, handle, "IoTarget")) {
         if (target->state == State::kOpen) {
             CloseTarget(framework, lock, *target, State::kClosedForQueryRemove);
         }
@@ -246,7 +251,7 @@ void NTAPI IoTargetClose(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle)
     const PlatformCall call("WdfIoTargetClose", HOST_CALLER, PASSIVE_LEVEL);
     Framework& framework = Framework::Current();
     std::unique_lock lock(framework.mutex);
-    if (auto* target = framework.Resolve<IoTargetObject>(call, handle, "IoTarget")) {
+    if (auto* target = framework.objects.Resolve<IoTargetObject>(call, handle, "IoTarget")) {
         CloseTarget(framework, lock, *target, State::kClosed);
     }
 }
@@ -262,13 +267,13 @@ NTSTATUS NTAPI IoTargetQueryForInterface(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle
     DeviceObject* device = nullptr;
     {
         const std::lock_guard lock(framework.mutex);
-        const auto* target = framework.Resolve<IoTargetObject>(call, handle, "IoTarget");
+        const auto* target = framework.objects.Resolve<IoTargetObject>(call, handle, "IoTarget");
         if (target == nullptr || !Requires(call, type, "InterfaceType") || !Requires(call, table, "Interface")) {
             return STATUS_INVALID_PARAMETER;
         }
         if (target->state != State::kOpen) {
-            call.Violation(Rule::kBadParameter, Framework::Describe(*target) +
-                                                    " is not open; the real framework uses its device all the same");
+            call.Violation(Rule::kBadParameter,
+                           Describe(*target) + " is not open; the real framework uses its device all the same");
             return STATUS_INVALID_DEVICE_STATE;
         }
         device = target->device;

@@ -1,6 +1,6 @@
 #include "host/framework/lock_order.h"
 
-#include "host/framework/framework.h"
+#include "host/environment.h"
 
 #include <set>
 
@@ -25,9 +25,11 @@ void NoteLookedAt(WaitLockObject& wanted, WDFOBJECT held)
 
 }  // namespace
 
-void LockOrder::ForgetLookedAt(const HandleTable& handles)
+void LockOrder::Rank(WaitLockObject& lock, unsigned rank)
 {
-    handles.ForEach([](Object& object) {
+    lock.rank = rank;
+    // Every pair is looked at again.
+    handles_.ForEach([](Object& object) {
         if (object.type == ObjectType::kWaitLock) {
             for (std::atomic<WDFOBJECT>& held : static_cast<WaitLockObject&>(object).takenUnder) {
                 held.store(nullptr, std::memory_order_relaxed);
@@ -36,19 +38,17 @@ void LockOrder::ForgetLookedAt(const HandleTable& handles)
     });
 }
 
-void LockOrder::Check(const PlatformCall& call, const HandleTable& handles, WaitLockObject& wanted,
-                      const std::vector<WDFOBJECT>& heldLocks)
+void LockOrder::Check(const PlatformCall& call, WaitLockObject& wanted, const std::vector<WDFOBJECT>& heldLocks)
 {
     for (const WDFOBJECT held : heldLocks) {
         if (held == wanted.handle) {
             continue;
         }
-        const auto* ranked = static_cast<const WaitLockObject*>(handles.Peek(held));
+        const auto* ranked = static_cast<const WaitLockObject*>(handles_.Peek(held));
         if (ranked != nullptr && ranked->rank != 0 && wanted.rank != 0) {
             if (ranked->rank >= wanted.rank) {
-                call.Violation(Rule::kLockOrder, Framework::Describe(wanted) + " of rank " +
-                                                     std::to_string(wanted.rank) + " is taken while " +
-                                                     Framework::Describe(*ranked) + " of rank " +
+                call.Violation(Rule::kLockOrder, Describe(wanted) + " of rank " + std::to_string(wanted.rank) +
+                                                     " is taken while " + Describe(*ranked) + " of rank " +
                                                      std::to_string(ranked->rank) + " is held");
             } else {
                 NoteLookedAt(wanted, held);
@@ -72,10 +72,9 @@ void LockOrder::Check(const PlatformCall& call, const HandleTable& handles, Wait
             }
         }
         orders_[held][wanted.handle] = call.caller();
-        const Object* heldLock = handles.Peek(held);
+        const Object* heldLock = handles_.Peek(held);
         if (reached.contains(held) && heldLock != nullptr) {
-            call.Violation(Rule::kLockOrder, Framework::Describe(wanted) + " is taken while " +
-                                                 Framework::Describe(*heldLock) +
+            call.Violation(Rule::kLockOrder, Describe(wanted) + " is taken while " + Describe(*heldLock) +
                                                  " is held; elsewhere they are taken the other way round");
         }
     }

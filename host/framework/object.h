@@ -1,24 +1,20 @@
-// Framework objects: tree, references, typed contexts, and the handles that name them.
+// What all framework objects have: references, typed contexts, their place in the tree, and the handle that names them.
 //
-// One mutex (Framework::mutex) guards all of it. It is never held while driver code runs.
+// The framework's mutex guards all of it. It is never held while driver code runs.
 #pragma once
 
 #include "host/framework/inspector.h"
 
-#include <array>
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
-#include <vector>
 
 namespace host::framework {
 
+class Framework;
 struct DriverInstance;
-struct DeviceState;
-struct QueueState;
-
 struct Slot;
 
 // Memory for values of one kind. What was given back serves others of that kind only, so that a thread may still look
@@ -90,6 +86,22 @@ struct Object : KeepsKind<Object> {
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
 
+    // What a type of objects adds to the end of an object; the object tree calls it.
+    // After the children are disposed, before the clean-up callbacks: waits for what is under way, closes what is open.
+    // The lock is released meanwhile.
+    virtual void OnDispose(Framework& /*framework*/, std::unique_lock<std::mutex>& /*lock*/) {}
+    // When an object that was deleted itself, not with its parent, and all below it have given up their creation references.
+    virtual void OnFinished(Framework& /*framework*/, std::unique_lock<std::mutex>& /*lock*/) {}
+    // After the destroy callbacks: gives up what it holds of others.
+    virtual void OnDestroy(Framework& /*framework*/, std::unique_lock<std::mutex>& /*lock*/) {}
+    // Its memory goes next, perhaps without callbacks: nothing may lead to it any more.
+    virtual void OnFree(Framework& /*framework*/) {}
+    // Whether its callbacks must run at PASSIVE_LEVEL.
+    [[nodiscard]] virtual bool NeedsPassiveLevel() const { return false; }
+
+    // Adds what the inspector shows of this type.
+    virtual void Show(ObjectView& /*view*/) const {}
+
     const ObjectType type;
     DriverInstance* const driver;
     WDFOBJECT handle = nullptr;
@@ -126,76 +138,14 @@ struct Object : KeepsKind<Object> {
 
 struct GeneralObject final : Object {
     explicit GeneralObject(DriverInstance* owner) : Object(ObjectType::kGeneral, owner) {}
-};
-
-struct DriverObject final : Object {
-    explicit DriverObject(DriverInstance* owner) : Object(ObjectType::kDriver, owner) { noDelete = true; }
-    WDF_DRIVER_CONFIG config{};
-};
-
-struct CollectionObject final : Object {
-    explicit CollectionObject(DriverInstance* owner) : Object(ObjectType::kCollection, owner) {}
-
-    // One reference each. Changed under the framework's mutex and the slot's lock, so either is enough to look.
-    std::deque<Object*> items;
-    std::atomic<std::uint32_t> count{0};  // of them, for who takes neither
-
-    // The framework keeps a list and walks it from the head to an index; here the place is found at once, and the steps
-    // that the walks would take are counted under the slot's lock.
-    std::uint64_t listSteps = 0;
-};
-
-// Held by whom the slot says: taken and given back by one atomic exchange, under the framework's mutex or without.
-struct WaitLockObject final : Object {
-    explicit WaitLockObject(DriverInstance* owner) : Object(ObjectType::kWaitLock, owner) {}
-    bool abandoned = false;      // its holder's callback is over: nobody will give it back
-    std::string abandonedBy;     // that thread's name
-    unsigned rank = 0;           // in the declared order; 0: in none
-    std::uint64_t robbedId = 0;  // whose hold a stranger's release ended
-
-    // Locks under which this one was taken before, in an order that has been looked at; the rest is in the lock orders.
-    std::array<std::atomic<WDFOBJECT>, 4> takenUnder{};
-};
-
-struct SpinLockObject final : Object {
-    explicit SpinLockObject(DriverInstance* owner) : Object(ObjectType::kSpinLock, owner) {}
-    bool held = false;
-    bool abandoned = false;      // its holder's callback is over: nobody will give it back
-    std::uint64_t holderId = 0;  // ThreadState::id
-    std::string holderName;
-    KIRQL levelBefore = PASSIVE_LEVEL;  // its holder's, which the release brings back
-};
-
-struct WorkItemObject final : Object {
-    explicit WorkItemObject(DriverInstance* owner) : Object(ObjectType::kWorkItem, owner) {}
-    PFN_WDF_WORKITEM routine = nullptr;
-    bool queued = false;
-    bool disposing = false;                // disposal has begun: enqueue is dropped
-    unsigned starting = 0;                 // taken off the queue, not on their thread yet
-    std::vector<std::uint64_t> runningOn;  // thread ids
-    std::uint64_t callbackThread = 0;  // of the run that began last, until any run ends: all that the framework keeps
-};
-
-struct KeyObject final : Object {
-    explicit KeyObject(DriverInstance* owner) : Object(ObjectType::kKey, owner) {}
-    std::string service;
-    ACCESS_MASK access = 0;  // that it was opened for
+    [[nodiscard]] bool NeedsPassiveLevel() const override { return executionLevel == WdfExecutionLevelPassive; }
 };
 
 // Which C++ type stands behind a handle type.
 template <class T>
 inline constexpr ObjectType kTypeOf = ObjectType::kGeneral;
-template <>
-inline constexpr ObjectType kTypeOf<DriverObject> = ObjectType::kDriver;
-template <>
-inline constexpr ObjectType kTypeOf<CollectionObject> = ObjectType::kCollection;
-template <>
-inline constexpr ObjectType kTypeOf<WaitLockObject> = ObjectType::kWaitLock;
-template <>
-inline constexpr ObjectType kTypeOf<SpinLockObject> = ObjectType::kSpinLock;
-template <>
-inline constexpr ObjectType kTypeOf<WorkItemObject> = ObjectType::kWorkItem;
-template <>
-inline constexpr ObjectType kTypeOf<KeyObject> = ObjectType::kKey;
+
+// "wait lock #3 (clients lock)"
+[[nodiscard]] std::string Describe(const Object& object);
 
 }  // namespace host::framework

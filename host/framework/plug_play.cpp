@@ -31,38 +31,34 @@ std::string GuidText(const GUID& guid)
 }
 
 // Calls one routine, which may be unregistered meanwhile. Record and name are freed when it returns.
-void Notify(Framework& framework, const std::shared_ptr<PlugPlayRegistration>& registration, const GUID& event,
-            const std::string& name)
+void Notify(Framework& framework, PlugPlayRegistrations::Entry& entry, const GUID& event, const std::string& name)
 {
-    const std::uint64_t self = ThreadState::Current().id;
-    {
-        const std::lock_guard lock(framework.mutex);
-        if (registration->removed) {
-            return;
-        }
-        registration->runningOn.push_back(self);
+    if (!framework.registrations.Enter(entry)) {
+        return;
     }
     {
+        const PlugPlayRegistration& registration = entry.registration;
         kernel::GuardedMemory& memory = framework.kernel.contextMemory();
         const kernel::GuardedString link(memory, name);
         auto* record = static_cast<DEVICE_INTERFACE_CHANGE_NOTIFICATION*>(
             memory.Allocate(sizeof(DEVICE_INTERFACE_CHANGE_NOTIFICATION), alignof(std::max_align_t)));
         *record = {kNotificationVersion, sizeof(DEVICE_INTERFACE_CHANGE_NOTIFICATION), event,
-                   registration->interfaceClass, link.get()};
-        (void)framework.Guarded("plug and play notification", reinterpret_cast<const void*>(registration->routine),
-                                [&] { return registration->routine(record, registration->context); });
+                   registration.interfaceClass, link.get()};
+        (void)framework.threads.Guarded("plug and play notification",
+                                        reinterpret_cast<const void*>(registration.routine),
+                                        [&] { return registration.routine(record, registration.context); });
         (void)memory.Free(record);
     }
+    framework.registrations.Leave(entry);
     const std::lock_guard lock(framework.mutex);
-    std::erase(registration->runningOn, self);
-    framework.waiting.NotifyAll();
+    framework.threads.NotifyWaiting();
 }
 
 // The names of all enabled interfaces of a class; the mutex is held.
 std::vector<std::string> EnabledInterfaces(const Framework& framework, const GUID& interfaceClass)
 {
     std::vector<std::string> names;
-    for (const auto& instance : framework.instances) {
+    for (const auto& instance : framework.drivers) {
         for (const DeviceObject* device : instance->devices) {
             for (const DeviceInterface& interface : device->interfaces) {
                 if (interface.enabled && SameGuid(interface.interfaceClass, interfaceClass)) {
@@ -89,30 +85,21 @@ void SetInterface(Framework& framework, DeviceObject& device, DeviceInterface& i
     }
     interface.enabled = enabled;
     const std::string name = InterfaceName(device, interface);
-    for (const auto& registration : framework.plugPlayRegistrations) {
-        if (SameGuid(registration->interfaceClass, interface.interfaceClass)) {
-            framework.deferredWork.push_back({nullptr, nullptr, [&framework, registration, enabled, name] {
-                                                  Notify(framework, registration, enabled ? kArrival : kRemoval, name);
-                                              }});
-        }
+    for (const PlugPlayRegistrations::Reference& entry : framework.registrations.Of(interface.interfaceClass)) {
+        framework.work.Defer(nullptr, nullptr, [&framework, entry, enabled, name] {
+            Notify(framework, *entry, enabled ? kArrival : kRemoval, name);
+        });
     }
-    framework.workChanged.notify_all();
 }
 
 void ReportRegistrationsLeft(Framework& framework, const DriverInstance& instance)
 {
-    const std::lock_guard lock(framework.mutex);
-    std::erase_if(framework.plugPlayRegistrations, [&](const std::shared_ptr<PlugPlayRegistration>& registration) {
-        if (registration->driver != &instance) {
-            return false;
-        }
+    for (const PlugPlayRegistrations::Reference& entry : framework.registrations.RemoveAllOf(instance)) {
         framework.environment.Report(Rule::kUnloadRegistration, "unload",
                                      "a routine is still registered for device interfaces; the system keeps the "
                                      "driver loaded for it",
-                                     registration->caller);
-        registration->removed = true;
-        return true;
-    });
+                                     entry->registration.caller);
+    }
 }
 
 }  // namespace host::framework
@@ -120,7 +107,7 @@ void ReportRegistrationsLeft(Framework& framework, const DriverInstance& instanc
 using host::PlatformCall;
 using host::checks::Rule;
 using host::framework::Framework;
-using host::framework::PlugPlayRegistration;
+using host::framework::PlugPlayRegistrations;
 
 #define HOST_EXPORT extern "C" __attribute__((visibility("default"), used))
 
@@ -173,31 +160,24 @@ HOST_EXPORT NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_
         return STATUS_NOT_IMPLEMENTED;
     }
     Framework& framework = Framework::Current();
-    auto registration = std::make_shared<PlugPlayRegistration>();
+    PlugPlayRegistrations::Reference registered;
     std::vector<std::string> existing;
     {
         const std::lock_guard lock(framework.mutex);
-        host::framework::DriverInstance* driver = framework.InstanceOf(driverObject);
+        const host::framework::DriverInstance* driver = framework.drivers.Of(driverObject);
         if (driver == nullptr || data == nullptr || routine == nullptr || entry == nullptr) {
             call.Violation(Rule::kBadParameter, "no driver object of a loaded driver, or a required pointer is null");
             return STATUS_INVALID_PARAMETER;
         }
-        *registration = {framework.nextPlugPlayEntry += 16,
-                         *static_cast<const GUID*>(data),
-                         routine,
-                         context,
-                         driver,
-                         call.caller(),
-                         false,
-                         {}};
-        framework.plugPlayRegistrations.push_back(registration);
-        *entry = reinterpret_cast<PVOID>(registration->entry);
+        const GUID& interfaceClass = *static_cast<const GUID*>(data);
+        registered = framework.registrations.Add({interfaceClass, routine, context, driver, call.caller()});
+        *entry = registered->handle;
         if ((flags & PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES) != 0) {
-            existing = host::framework::EnabledInterfaces(framework, registration->interfaceClass);
+            existing = host::framework::EnabledInterfaces(framework, interfaceClass);
         }
     }
     for (const std::string& name : existing) {
-        host::framework::Notify(framework, registration, host::framework::kArrival, name);
+        host::framework::Notify(framework, *registered, host::framework::kArrival, name);
     }
     return STATUS_SUCCESS;
 }
@@ -206,28 +186,20 @@ HOST_EXPORT NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID entry)
 {
     const PlatformCall call("IoUnregisterPlugPlayNotificationEx", HOST_CALLER, PASSIVE_LEVEL);
     Framework& framework = Framework::Current();
-    std::unique_lock lock(framework.mutex);
-    auto& all = framework.plugPlayRegistrations;
-    const auto found = std::find_if(all.begin(), all.end(), [&](const auto& registration) {
-        return registration->entry == reinterpret_cast<std::uintptr_t>(entry);
-    });
-    if (found == all.end()) {
+    const PlugPlayRegistrations::Reference removed = framework.registrations.Remove(entry);
+    if (removed == nullptr) {
         call.Violation(Rule::kCallbackObject, "the entry is no registration, or was unregistered before");
         return STATUS_INVALID_PARAMETER;
     }
-    const std::shared_ptr<PlugPlayRegistration> registration = std::move(*found);
-    all.erase(found);
-    registration->removed = true;
+    const auto threads = [&] { return framework.registrations.RunningOn(*removed); };
     // The routine may unregister itself; anybody else waits until it has returned.
-    const std::uint64_t self = host::ThreadState::Current().id;
-    if (std::find(registration->runningOn.begin(), registration->runningOn.end(), self) ==
-        registration->runningOn.end()) {
-        const host::schedule::Wait wait{
-            .subject = "the return of a plug and play notification",
-            .isReady = [&registration] { return registration->runningOn.empty(); },
-            .heldBy = [&registration] { return registration->runningOn; },
-        };
-        (void)framework.WaitFor(lock, wait, call.function(), call.caller());
+    if (std::ranges::count(threads(), host::ThreadState::Current().id) == 0) {
+        std::unique_lock lock(framework.mutex);
+        (void)framework.threads.WaitFor(lock,
+                                        {.subject = "the return of a plug and play notification",
+                                         .isReady = [&] { return threads().empty(); },
+                                         .heldBy = threads},
+                                        call.function(), call.caller());
     }
     return STATUS_SUCCESS;
 }

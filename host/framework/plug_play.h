@@ -6,19 +6,11 @@
 
 namespace host::framework {
 
-struct PlugPlayRegistration {
-    std::uintptr_t entry;
-    GUID interfaceClass;
-    PDRIVER_NOTIFICATION_CALLBACK_ROUTINE routine;
-    void* context;
-    DriverInstance* driver;
-    const void* caller;
-    bool removed = false;
-    std::vector<std::uint64_t> runningOn;  // threads inside the routine now
-};
-
 struct IoTargetObject final : Object {
     explicit IoTargetObject(DriverInstance* owner) : Object(ObjectType::kIoTarget, owner) {}
+    void OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock) override;
+    [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
+
     enum class State { kClosed, kOpen, kClosedForQueryRemove };
     State state = State::kClosed;
     DeviceObject* device = nullptr;    // that it is open on, or was before the query

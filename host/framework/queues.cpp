@@ -7,37 +7,30 @@
 
 namespace host::framework {
 
-void Framework::DisposeQueue(std::unique_lock<std::mutex>& lock, Object& object)
+void QueueObject::OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock)
 {
-    auto& queue = static_cast<QueueObject&>(object);
-    Framework& framework = Framework::Current();
-    queue.purged = true;
-    CancelWaiting(framework, lock, queue, nullptr, STATUS_CANCELLED);
+    purged = true;
+    CancelWaiting(framework, lock, *this, nullptr, STATUS_CANCELLED);
     // The driver may complete the rest from a work item.
-    while (!queue.presented.empty() && !framework.workQueue.empty()) {
-        lock.unlock();
-        schedule::Outcome outcome;
-        framework.RunOneWorkItem(outcome);
-        lock.lock();
+    schedule::Outcome outcome;
+    while (!presented.empty() && framework.work.HasItems() && framework.work.RunOne(lock, outcome)) {
     }
     const auto isOver = [&] {
-        return queue.presented.empty() || (framework.workQueue.empty() && framework.workRunning == 0);
+        return presented.empty() || (!framework.work.HasItems() && !framework.work.IsRunning());
     };
-    (void)framework.WaitFor(lock,
-                            {.subject = "the requests of " + Describe(queue),
-                             .isReady = isOver,
-                             .heldBy = [&] { return queue.deliveringOn; }},
-                            "queue disposal", nullptr);
-    if (!queue.presented.empty()) {
-        const std::string reason =
-            "waits for " + Describe(*queue.presented.front()) + ", which the driver never completed";
+    (void)framework.threads.WaitFor(
+        lock,
+        {.subject = "the requests of " + Describe(*this), .isReady = isOver, .heldBy = [&] { return deliveringOn; }},
+        "queue disposal", nullptr);
+    if (!presented.empty()) {
+        const std::string reason = "waits for " + Describe(*presented.front()) + ", which the driver never completed";
         lock.unlock();
         framework.environment.Report(checks::Rule::kRequestNotCompleted, "queue disposal", reason, nullptr);
         schedule::ParkThisThread(reason);
     }
-    std::erase(queue.device->queues, &queue);
-    if (queue.device->defaultQueue == &queue) {
-        queue.device->defaultQueue = nullptr;
+    std::erase(device->queues, this);
+    if (device->defaultQueue == this) {
+        device->defaultQueue = nullptr;
     }
 }
 
@@ -78,11 +71,11 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* device = framework.Resolve<DeviceObject>(call, deviceHandle, "Device");
+    auto* device = framework.objects.Resolve<DeviceObject>(call, deviceHandle, "Device");
     if (device == nullptr || !Requires(call, config, "Config")) {
         return STATUS_INVALID_PARAMETER;
     }
-    NTSTATUS status = framework.CheckAttributes(attributes, ObjectType::kQueue, Framework::ParentRule::kOptional);
+    NTSTATUS status = CheckAttributes(attributes, ObjectType::kQueue, ParentRule::kOptional);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -96,7 +89,7 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     if (isDefault && device->stage != DeviceStage::kAdded) {
         return STATUS_INVALID_DEVICE_STATE;
     }
-    Object* parent = framework.ParentFor(call, attributes, device, status);
+    Object* parent = framework.objects.ParentFor(call, attributes, device, status);
     if (parent == nullptr) {
         return status;
     }
@@ -115,13 +108,13 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
         return STATUS_UNSUCCESSFUL;
     }
 
-    auto object = std::make_unique<QueueObject>(framework.InstanceOf(globals));
+    auto object = std::make_unique<QueueObject>(framework.drivers.Of(globals));
     QueueObject& queue = *object;
     queue.device = device;
     queue.config = *config;
     queue.noDelete = isDefault;
-    framework.ApplyAttributes(queue, attributes);
-    framework.Register(std::move(object), parent);
+    framework.objects.ApplyAttributes(queue, attributes);
+    framework.objects.Register(std::move(object), parent);
     // A function driver's queues are power-managed unless it says otherwise.
     queue.powerManaged = config->PowerManaged != WdfFalse;
     device->queues.push_back(&queue);
@@ -142,7 +135,7 @@ WDFDEVICE NTAPI IoQueueGetDevice(PWDF_DRIVER_GLOBALS, WDFQUEUE handle)
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* queue = framework.Resolve<QueueObject>(call, handle, "Queue");
+    const auto* queue = framework.objects.Resolve<QueueObject>(call, handle, "Queue");
     return queue == nullptr ? nullptr : static_cast<WDFDEVICE>(queue->device->handle);
 }
 

@@ -3,7 +3,18 @@
 
 #include <cstring>
 
-namespace host::framework::functions {
+namespace host::framework {
+
+struct KeyObject final : Object {
+    explicit KeyObject(DriverInstance* owner) : Object(ObjectType::kKey, owner) {}
+    std::string service;
+    ACCESS_MASK access = 0;  // that it was opened for
+};
+
+template <>
+inline constexpr ObjectType kTypeOf<KeyObject> = ObjectType::kKey;
+
+namespace functions {
 namespace {
 
 constexpr ACCESS_MASK kQueryValue = 0x1;
@@ -30,7 +41,7 @@ NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFD
     std::string service;
     {
         const std::lock_guard lock(framework.mutex);
-        const auto* object = framework.Resolve<DriverObject>(call, driver, "Driver");
+        const auto* object = framework.objects.Resolve<DriverObject>(call, driver, "Driver");
         if (object == nullptr) {
             return STATUS_INVALID_PARAMETER;
         }
@@ -45,7 +56,7 @@ NTSTATUS NTAPI DriverOpenParametersRegistryKey(PWDF_DRIVER_GLOBALS globals, WDFD
     const NTSTATUS status = Create<KeyObject>(call, globals, attributes, handle, "Key");
     if (NT_SUCCESS(status) && handle != nullptr && *handle != nullptr) {
         const std::lock_guard lock(framework.mutex);
-        if (auto* key = framework.Resolve<KeyObject>(call, *handle, "Key")) {
+        if (auto* key = framework.objects.Resolve<KeyObject>(call, *handle, "Key")) {
             key->service = service;
             key->access = access;
         }
@@ -64,7 +75,7 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
     std::string service;
     {
         const std::lock_guard lock(framework.mutex);
-        const auto* key = framework.Resolve<KeyObject>(call, handle, "Key");
+        const auto* key = framework.objects.Resolve<KeyObject>(call, handle, "Key");
         if (key == nullptr || !Requires(call, name, "ValueName") || !Requires(call, value, "Value")) {
             return STATUS_INVALID_PARAMETER;
         }
@@ -103,7 +114,7 @@ NTSTATUS ChangeValue(const PlatformCall& call, WDFKEY handle, PCUNICODE_STRING n
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* key = framework.Resolve<KeyObject>(call, handle, "Key");
+    const auto* key = framework.objects.Resolve<KeyObject>(call, handle, "Key");
     if (key == nullptr || !Requires(call, name, "ValueName") || !kernel::IsWellFormed(*name)) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -154,9 +165,10 @@ void NTAPI RegistryClose(PWDF_DRIVER_GLOBALS, WDFKEY handle)
     const PlatformCall call("WdfRegistryClose", HOST_CALLER, PASSIVE_LEVEL);
     Framework& framework = Framework::Current();
     std::unique_lock lock(framework.mutex);
-    if (auto* key = framework.Resolve<KeyObject>(call, handle, "Key")) {
-        framework.Delete(lock, *key);
+    if (auto* key = framework.objects.Resolve<KeyObject>(call, handle, "Key")) {
+        framework.objects.Delete(lock, *key);
     }
 }
 
-}  // namespace host::framework::functions
+}  // namespace functions
+}  // namespace host::framework

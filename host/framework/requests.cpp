@@ -19,14 +19,8 @@ RequestObject& MakeRequest(Framework& framework, DeviceObject& device, RequestKi
     request.kind = kind;
     request.file = &file;
     ++file.requests;
-    framework.Register(std::move(object), nullptr);
+    framework.objects.Register(std::move(object), nullptr);
     return request;
-}
-
-void DestroyRequest(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request)
-{
-    request.deleted = true;
-    framework.Finish(lock, request);
 }
 
 // Takes the result; a request that the driver still has is kept.
@@ -35,7 +29,7 @@ RequestResult TakeResult(Framework& framework, std::unique_lock<std::mutex>& loc
     const RequestResult result{request.status, request.information, request.completed};
     request.isAbandoned = true;
     if (request.completed) {
-        DestroyRequest(framework, lock, request);
+        framework.objects.Finish(lock, request);
     }
     return result;
 }
@@ -45,12 +39,13 @@ void Present(Framework& framework, QueueObject& queue, RequestObject& request)
     const auto queueHandle = static_cast<WDFQUEUE>(queue.handle);
     const auto requestHandle = static_cast<WDFREQUEST>(request.handle);
     if (const auto control = queue.config.EvtIoDeviceControl) {
-        framework.Guarded("EvtIoDeviceControl", reinterpret_cast<const void*>(control), [&] {
+        framework.threads.Guarded("EvtIoDeviceControl", reinterpret_cast<const void*>(control), [&] {
             control(queueHandle, requestHandle, request.outputBytes, request.inputBytes, request.code);
         });
     } else {
         const auto any = queue.config.EvtIoDefault;
-        framework.Guarded("EvtIoDefault", reinterpret_cast<const void*>(any), [&] { any(queueHandle, requestHandle); });
+        framework.threads.Guarded("EvtIoDefault", reinterpret_cast<const void*>(any),
+                                  [&] { any(queueHandle, requestHandle); });
     }
 }
 
@@ -73,11 +68,11 @@ void FinishClose(Framework& framework, std::unique_lock<std::mutex>& lock, FileO
     const auto close = device.hasFiles ? device.files.EvtFileClose : nullptr;
     if (close != nullptr) {
         lock.unlock();
-        framework.Guarded("EvtFileClose", reinterpret_cast<const void*>(close),
-                          [&] { close(static_cast<WDFFILEOBJECT>(file.handle)); });
+        framework.threads.Guarded("EvtFileClose", reinterpret_cast<const void*>(close),
+                                  [&] { close(static_cast<WDFFILEOBJECT>(file.handle)); });
         lock.lock();
     }
-    framework.Delete(lock, file);
+    framework.objects.Delete(lock, file);
 }
 
 }  // namespace
@@ -89,18 +84,17 @@ void Deliver(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObje
         return;  // a completion inside the handler: the delivery around it continues
     }
     if (queue.executionLevel == WdfExecutionLevelPassive && thread.irql > PASSIVE_LEVEL) {
-        framework.Reference(queue);
-        framework.deferredWork.push_back({nullptr, nullptr, [&framework, &queue] {
-                                              std::unique_lock later(framework.mutex);
-                                              Deliver(framework, later, queue);
-                                              framework.Dereference(later, queue);
-                                          }});
-        framework.workChanged.notify_all();
+        ObjectTree::Reference(queue);
+        framework.work.Defer(nullptr, nullptr, [&framework, &queue] {
+            std::unique_lock later(framework.mutex);
+            Deliver(framework, later, queue);
+            framework.objects.Dereference(later, queue);
+        });
         return;
     }
     const std::uint64_t self = thread.id;
     queue.deliveringOn.push_back(self);
-    framework.Reference(queue);
+    ObjectTree::Reference(queue);
     while (MayPresent(queue)) {
         RequestObject& request = *queue.waiting.front();
         queue.waiting.pop_front();
@@ -112,8 +106,8 @@ void Deliver(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObje
         lock.lock();
     }
     std::erase(queue.deliveringOn, self);
-    framework.waiting.NotifyAll();
-    framework.Dereference(lock, queue);
+    framework.threads.NotifyWaiting();
+    framework.objects.Dereference(lock, queue);
 }
 
 void CancelWaiting(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObject& queue,
@@ -144,9 +138,9 @@ void CompleteRequest(Framework& framework, std::unique_lock<std::mutex>& lock, R
         std::erase(queue->presented, &request);
     }
     if (request.isAbandoned) {
-        DestroyRequest(framework, lock, request);
+        framework.objects.Finish(lock, request);
     }
-    framework.waiting.NotifyAll();
+    framework.threads.NotifyWaiting();
     if (file != nullptr && --file->requests == 0 && file->closing) {
         FinishClose(framework, lock, *file);
     }
@@ -167,16 +161,16 @@ RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObj
     opened.device = &device;
     opened.executionLevel = WdfExecutionLevelPassive;
     if (device.fileAttributes) {
-        framework.ApplyAttributes(opened, &*device.fileAttributes);
+        framework.objects.ApplyAttributes(opened, &*device.fileAttributes);
     }
-    framework.Register(std::move(object), &device);
+    framework.objects.Register(std::move(object), &device);
 
     RequestResult result{STATUS_SUCCESS, 0, true};
     if (device.hasFiles && device.files.EvtDeviceFileCreate != nullptr) {
         RequestObject& request = MakeRequest(framework, device, RequestKind::kCreate, opened);
         const auto create = device.files.EvtDeviceFileCreate;
         lock.unlock();
-        framework.Guarded("EvtDeviceFileCreate", reinterpret_cast<const void*>(create), [&] {
+        framework.threads.Guarded("EvtDeviceFileCreate", reinterpret_cast<const void*>(create), [&] {
             create(static_cast<WDFDEVICE>(device.handle), static_cast<WDFREQUEST>(request.handle),
                    static_cast<WDFFILEOBJECT>(opened.handle));
         });
@@ -187,7 +181,7 @@ RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObj
         result = TakeResult(framework, lock, request);
     }
     if (!NT_SUCCESS(result.status) || !result.completed) {
-        framework.Delete(lock, opened);
+        framework.objects.Delete(lock, opened);
         return result;
     }
     ++device.openFiles;
@@ -199,8 +193,8 @@ void CloseFile(Framework& framework, FileObjectObject& file)
 {
     DeviceObject& device = *file.device;
     if (device.hasFiles && device.files.EvtFileCleanup != nullptr) {
-        framework.Guarded("EvtFileCleanup", reinterpret_cast<const void*>(device.files.EvtFileCleanup),
-                          [&] { device.files.EvtFileCleanup(static_cast<WDFFILEOBJECT>(file.handle)); });
+        framework.threads.Guarded("EvtFileCleanup", reinterpret_cast<const void*>(device.files.EvtFileCleanup),
+                                  [&] { device.files.EvtFileCleanup(static_cast<WDFFILEOBJECT>(file.handle)); });
     }
     std::unique_lock lock(framework.mutex);
     for (QueueObject* queue : std::vector<QueueObject*>(device.queues)) {
@@ -231,17 +225,16 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
     request.inputBytes = inputBytes;
     request.outputBytes = outputBytes;
     queue->waiting.push_back(&request);
-    framework.Reference(*queue);
+    ObjectTree::Reference(*queue);
     Deliver(framework, lock, *queue);
 
     // A sender whose request stands behind another one waits as long as a thread delivers from the queue.
     const auto isSettled = [&] { return request.completed || queue->deliveringOn.empty(); };
-    (void)framework.WaitFor(
-        lock,
-        {.subject = Framework::Describe(request), .isReady = isSettled, .heldBy = [&] { return queue->deliveringOn; }},
+    (void)framework.threads.WaitFor(
+        lock, {.subject = Describe(request), .isReady = isSettled, .heldBy = [&] { return queue->deliveringOn; }},
         "I/O control", nullptr);
     const RequestResult result = TakeResult(framework, lock, request);
-    framework.Dereference(lock, *queue);
+    framework.objects.Dereference(lock, *queue);
     return result;
 }
 
@@ -255,9 +248,9 @@ RequestObject* ResolveIncomplete(const PlatformCall& call, Framework& framework,
         call.Violation(Rule::kRequestCompletedTwice, "the request was completed before and is destroyed");
         return nullptr;
     }
-    auto* request = framework.Resolve<RequestObject>(call, handle, "Request");
+    auto* request = framework.objects.Resolve<RequestObject>(call, handle, "Request");
     if (request != nullptr && request->completed) {
-        call.Violation(Rule::kRequestCompletedTwice, Framework::Describe(*request) + " was completed before");
+        call.Violation(Rule::kRequestCompletedTwice, Describe(*request) + " was completed before");
         return nullptr;
     }
     return request;
@@ -298,7 +291,7 @@ WDFFILEOBJECT NTAPI RequestGetFileObject(PWDF_DRIVER_GLOBALS, WDFREQUEST handle)
     const PlatformCall call("WdfRequestGetFileObject", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* request = framework.Resolve<RequestObject>(call, handle, "Request");
+    const auto* request = framework.objects.Resolve<RequestObject>(call, handle, "Request");
     return request == nullptr || request->file == nullptr ? nullptr : static_cast<WDFFILEOBJECT>(request->file->handle);
 }
 
@@ -307,7 +300,7 @@ WDFQUEUE NTAPI RequestGetIoQueue(PWDF_DRIVER_GLOBALS, WDFREQUEST handle)
     const PlatformCall call("WdfRequestGetIoQueue", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* request = framework.Resolve<RequestObject>(call, handle, "Request");
+    const auto* request = framework.objects.Resolve<RequestObject>(call, handle, "Request");
     return request == nullptr || request->queue == nullptr ? nullptr : static_cast<WDFQUEUE>(request->queue->handle);
 }
 

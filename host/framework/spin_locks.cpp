@@ -1,31 +1,27 @@
 // Spin locks. Who holds one runs at DISPATCH_LEVEL, so each platform function that it calls meanwhile says whether it may
 // be called there. The host waits where a real processor would spin, and knows the holder.
+#include "host/framework/spin_locks.h"
+
 #include "host/framework/functions.h"
 
 namespace host::framework {
 
 using checks::Rule;
 
-std::string Framework::TakeKeptSpinLocks(KIRQL levelBefore)
+std::vector<std::string> AbandonSpinLocks(const HandleTable& handles)
 {
-    ThreadState& thread = ThreadState::Current();
-    if (thread.irql == levelBefore) {
-        return {};
-    }
-    std::string kept;
-    const std::lock_guard lock(mutex);
+    const std::uint64_t self = ThreadState::Current().id;
+    std::vector<std::string> kept;
     handles.ForEach([&](Object& object) {
         if (object.type != ObjectType::kSpinLock) {
             return;
         }
         auto& spinLock = static_cast<SpinLockObject&>(object);
-        if (spinLock.held && spinLock.holderId == thread.id) {
+        if (spinLock.held && spinLock.holderId == self) {
             spinLock.abandoned = true;
-            kept += (kept.empty() ? "" : ", ") + Describe(spinLock);
+            kept.push_back(Describe(spinLock));
         }
     });
-    thread.irql = levelBefore;
-    waiting.NotifyAll();
     return kept;
 }
 
@@ -44,26 +40,26 @@ void NTAPI SpinLockAcquire(PWDF_DRIVER_GLOBALS, WDFSPINLOCK handle)
     Framework& framework = Framework::Current();
     ThreadState& thread = ThreadState::Current();
     std::unique_lock lock(framework.mutex);
-    auto* spinLock = framework.Resolve<SpinLockObject>(call, handle, "SpinLock");
+    auto* spinLock = framework.objects.Resolve<SpinLockObject>(call, handle, "SpinLock");
     if (spinLock == nullptr) {
         return;
     }
     if (spinLock->held) {
         const std::string holder = spinLock->holderId != thread.id ? ", held by " + spinLock->holderName : "";
         const schedule::Wait wait{
-            .subject = Framework::Describe(*spinLock) + holder,
+            .subject = Describe(*spinLock) + holder,
             .isReady = [&] { return !spinLock->held; },
             .heldBy = [&] { return std::vector{spinLock->abandoned ? schedule::kNobody : spinLock->holderId}; },
         };
-        framework.Reference(*spinLock);  // whoever deletes it meanwhile shall not pull it from under us
-        const schedule::Wake wake = framework.waiting.Block(lock, wait);
+        ObjectTree::Reference(*spinLock);  // whoever deletes it meanwhile shall not pull it from under us
+        const schedule::Wake wake = framework.threads.Block(lock, wait);
         const bool isLast = spinLock->references == 1;
         if (isLast) {
-            call.Violation(Rule::kDeadHandle, Framework::Describe(*spinLock) + " went while a thread waited for it");
+            call.Violation(Rule::kDeadHandle, Describe(*spinLock) + " went while a thread waited for it");
         }
-        framework.Dereference(lock, *spinLock);
+        framework.objects.Dereference(lock, *spinLock);
         if (wake != schedule::Wake::kReady) {
-            framework.ParkFor(lock, wait, wake, call.function(), call.caller());
+            framework.threads.ParkFor(lock, wait, wake, call.function(), call.caller());
         }
         if (isLast) {
             return;
@@ -84,13 +80,13 @@ void NTAPI SpinLockRelease(PWDF_DRIVER_GLOBALS, WDFSPINLOCK handle)
     Framework& framework = Framework::Current();
     ThreadState& thread = ThreadState::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* spinLock = framework.Resolve<SpinLockObject>(call, handle, "SpinLock");
+    auto* spinLock = framework.objects.Resolve<SpinLockObject>(call, handle, "SpinLock");
     if (spinLock == nullptr) {
         return;
     }
     if (!spinLock->held || spinLock->holderId != thread.id) {
         call.Violation(Rule::kLockNotOwned,
-                       Framework::Describe(*spinLock) +
+                       Describe(*spinLock) +
                            (spinLock->held ? " is held by " + spinLock->holderName + " and released by " + thread.name
                                            : " is released, but nobody holds it"));
         return;
@@ -99,7 +95,7 @@ void NTAPI SpinLockRelease(PWDF_DRIVER_GLOBALS, WDFSPINLOCK handle)
     spinLock->held = false;
     spinLock->holderId = 0;
     thread.irql = spinLock->levelBefore;
-    framework.waiting.NotifyAll();
+    framework.threads.NotifyWaiting();
 }
 
 }  // namespace functions

@@ -1,10 +1,7 @@
-// Wait locks: an auto-reset event each, not recursive, owned by nobody as far as the real framework knows. The host
-// knows the holder, so that a wait that can never end is found instead of hung on, and the order in which locks are
-// taken, so that two threads need not meet for a wrong order to show.
+#include "host/framework/wait_locks.h"
+
 #include "host/armed.h"
 #include "host/framework/functions.h"
-#include "host/schedule/parking.h"
-#include "host/schedule/yield.h"
 
 #include <algorithm>
 
@@ -19,28 +16,6 @@ std::vector<WDFOBJECT>& HeldLocks()
     return ThreadState::Current().heldLocks;
 }
 
-// While it stands, the thread that handed out this thread's work is known to wait for it.
-class Supervision {
-public:
-    Supervision(Framework& framework, std::uint64_t supervisor)
-        : framework_(framework), self_(ThreadState::Current().id)
-    {
-        const std::lock_guard lock(framework_.mutex);
-        framework_.waiting.BeginSupervision(supervisor, self_);
-    }
-    ~Supervision()
-    {
-        const std::lock_guard lock(framework_.mutex);
-        framework_.waiting.EndSupervision(self_);
-    }
-    Supervision(const Supervision&) = delete;
-    Supervision& operator=(const Supervision&) = delete;
-
-private:
-    Framework& framework_;
-    const std::uint64_t self_;
-};
-
 void Forget(WDFOBJECT lock)
 {
     std::vector<WDFOBJECT>& locks = HeldLocks();
@@ -52,78 +27,27 @@ void Forget(WDFOBJECT lock)
 
 }  // namespace
 
-Framework::Regions Framework::RegionsNow()
+std::vector<std::string> AbandonWaitLocks(const HandleTable& handles, const std::vector<WDFOBJECT>& before)
 {
-    return {ThreadState::Current().criticalRegions, HeldLocks(), ThreadState::Current().irql};
-}
-
-void Framework::CheckRegions(const char* callbackName, const void* routine, const Regions& before)
-{
-    ThreadState& thread = ThreadState::Current();
-    std::vector<WDFOBJECT>& locks = HeldLocks();
-    std::string kept = TakeKeptSpinLocks(before.level);
-    if (kept.empty() && thread.criticalRegions == before.count && locks == before.locks) {
-        return;
-    }
-    {
-        const std::lock_guard lock(mutex);
-        for (const WDFOBJECT handle : locks) {
-            if (std::find(before.locks.begin(), before.locks.end(), handle) != before.locks.end()) {
-                continue;
-            }
-            auto* waitLock = static_cast<WaitLockObject*>(handles.Peek(handle));
-            if (waitLock != nullptr && waitLock->slot->owner.load(std::memory_order_relaxed) == thread.id) {
-                waitLock->abandoned = true;
-                waitLock->abandonedBy = thread.name;
-                kept += (kept.empty() ? "" : ", ") + Describe(*waitLock);
-            }
+    const ThreadState& thread = ThreadState::Current();
+    std::vector<std::string> kept;
+    for (const WDFOBJECT handle : thread.heldLocks) {
+        if (std::find(before.begin(), before.end(), handle) != before.end()) {
+            continue;
         }
-        waiting.NotifyAll();
+        auto* waitLock = static_cast<WaitLockObject*>(handles.Peek(handle));
+        if (waitLock != nullptr && waitLock->Holder() == thread.id) {
+            waitLock->abandoned = true;
+            waitLock->abandonedBy = thread.name;
+            kept.push_back(Describe(*waitLock));
+        }
     }
-    if (!kept.empty()) {
-        environment.Report(Rule::kLockKept, callbackName, "it returned holding " + kept, routine);
-    }
-    locks = before.locks;
-    thread.criticalRegions = before.count;
+    return kept;
 }
 
-bool Framework::WaitFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, const char* function,
-                        const void* caller)
+void WaitLockObject::OnFree(Framework& framework)
 {
-    const schedule::Wake wake = waiting.Block(lock, wait);
-    if (wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever) {
-        ParkFor(lock, wait, wake, function, caller);
-    }
-    return wake == schedule::Wake::kReady;
-}
-
-void Framework::ParkFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, schedule::Wake wake,
-                        const char* function, const void* caller)
-{
-    const bool self = wake == schedule::Wake::kSelf;
-    const std::string reason =
-        "waits for " + wait.subject + (self ? ", which it holds itself" : ": nobody can ever end this wait");
-    lock.unlock();
-    environment.Report(self ? Rule::kSelfWait : Rule::kDeadlock, function,
-                       "thread " + ThreadState::Current().name + " " + reason, caller);
-    schedule::ParkThisThread(reason);
-}
-
-schedule::Outcome Framework::RunOnThread(const std::string& name, const char* what, const void* routine,
-                                         const std::function<void()>& work)
-{
-    const std::uint64_t supervisor = ThreadState::Current().id;
-    const schedule::Outcome outcome = threads.Run(name, [&, this] {
-        const Supervision supervision(*this, supervisor);
-        schedule::YieldPoint(schedule::YieldKind::kThreadBegins, what);
-        Guarded(what, routine, work);
-        schedule::YieldPoint(schedule::YieldKind::kThreadEnds, what);
-    });
-    if (outcome.parked) {
-        const std::lock_guard lock(mutex);
-        waiting.NotifyAll();  // whoever waits for the parked thread looks again
-    }
-    return outcome;
+    framework.lockOrder.Forget(handle);
 }
 
 namespace functions {
@@ -137,15 +61,10 @@ NTSTATUS NTAPI WaitLockCreate(PWDF_DRIVER_GLOBALS globals, PWDF_OBJECT_ATTRIBUTE
 
 namespace {
 
-std::uint64_t HolderOf(const WaitLockObject& waitLock)
-{
-    return waitLock.slot->owner.load();
-}
-
 std::string Subject(const WaitLockObject& waitLock)
 {
-    std::string text = Framework::Describe(waitLock);
-    const std::uint64_t holder = HolderOf(waitLock);
+    std::string text = Describe(waitLock);
+    const std::uint64_t holder = waitLock.Holder();
     if (waitLock.abandoned) {
         text += ", which " + waitLock.abandonedBy + " kept when its callback returned";
     } else if (holder != 0 && holder != ThreadState::Current().id) {
@@ -160,26 +79,26 @@ bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, con
 {
     const schedule::Wait wait{
         .subject = Subject(waitLock),
-        .isReady = [&] { return HolderOf(waitLock) == 0; },
+        .isReady = [&] { return waitLock.Holder() == 0; },
         // It may be given back between two looks, without the mutex.
         .heldBy =
             [&] {
-                const std::uint64_t holder = HolderOf(waitLock);
+                const std::uint64_t holder = waitLock.Holder();
                 return waitLock.abandoned ? std::vector{schedule::kNobody}
                        : holder == 0      ? std::vector<schedule::ThreadId>()
                                           : std::vector{holder};
             },
         .deadline = deadline,
     };
-    framework.Reference(waitLock);  // whoever deletes it meanwhile shall not pull it from under us
-    const schedule::Wake wake = framework.waiting.Block(lock, wait);
+    ObjectTree::Reference(waitLock);  // whoever deletes it meanwhile shall not pull it from under us
+    const schedule::Wake wake = framework.threads.Block(lock, wait);
     const bool isLast = waitLock.references == 1;
     if (isLast) {
-        call.Violation(Rule::kDeadHandle, Framework::Describe(waitLock) + " went while a thread waited for it");
+        call.Violation(Rule::kDeadHandle, Describe(waitLock) + " went while a thread waited for it");
     }
-    framework.Dereference(lock, waitLock);
+    framework.objects.Dereference(lock, waitLock);
     if (wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever) {
-        framework.ParkFor(lock, wait, wake, call.function(), call.caller());
+        framework.threads.ParkFor(lock, wait, wake, call.function(), call.caller());
     }
     return wake == schedule::Wake::kReady && !isLast;
 }
@@ -205,7 +124,7 @@ NTSTATUS NTAPI AcquireChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLONG
     Framework& framework = Framework::Current();
     ThreadState& thread = ThreadState::Current();
     std::unique_lock lock(framework.mutex);
-    auto* waitLock = framework.Resolve<WaitLockObject>(call, handle, "Lock");
+    auto* waitLock = framework.objects.Resolve<WaitLockObject>(call, handle, "Lock");
     if (waitLock == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
@@ -213,7 +132,7 @@ NTSTATUS NTAPI AcquireChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLONG
         return STATUS_INVALID_DEVICE_REQUEST;  // reported above; waiting here would hang a processor
     }
     if (timeout == nullptr) {
-        framework.lockOrder.Check(call, framework.handles, *waitLock, HeldLocks());
+        framework.lockOrder.Check(call, *waitLock, HeldLocks());
     }
     const auto deadline = DeadlineOf(timeout);
     for (std::uint64_t nobody = 0; !waitLock->slot->owner.compare_exchange_strong(nobody, thread.id); nobody = 0) {
@@ -234,20 +153,20 @@ void NTAPI ReleaseChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
     Framework& framework = Framework::Current();
     ThreadState& thread = ThreadState::Current();
     const std::lock_guard lock(framework.mutex);
-    auto* waitLock = framework.Resolve<WaitLockObject>(call, handle, "Lock");
+    auto* waitLock = framework.objects.Resolve<WaitLockObject>(call, handle, "Lock");
     if (waitLock == nullptr) {
         return;
     }
-    const std::uint64_t holder = HolderOf(*waitLock);
+    const std::uint64_t holder = waitLock->Holder();
     const bool robbed = waitLock->robbedId == thread.id;  // a stranger gave it back for this thread: reported then
     const bool owned = holder == thread.id;
     if (holder == 0 && !robbed) {
-        call.Violation(Rule::kLockNotOwned, Framework::Describe(*waitLock) + " is released, but nobody holds it");
+        call.Violation(Rule::kLockNotOwned, Describe(*waitLock) + " is released, but nobody holds it");
         return;
     }
     if (holder != 0 && !owned) {
         call.Violation(Rule::kLockNotOwned,
-                       Framework::Describe(*waitLock) + " is held by " +
+                       Describe(*waitLock) + " is held by " +
                            (waitLock->abandoned ? waitLock->abandonedBy : ThreadState::NameOf(holder)) +
                            " and released by " + thread.name);
         waitLock->robbedId = holder;
@@ -263,7 +182,7 @@ void NTAPI ReleaseChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
     schedule::Release(waitLock);
     waitLock->abandoned = false;
     waitLock->slot->owner.store(0);
-    framework.waiting.NotifyAll();
+    framework.threads.NotifyWaiting();
 }
 
 // The wait lock behind a handle, for calls that nothing needs to look at; null for any other.
@@ -278,7 +197,7 @@ void WakeWaiting()
 {
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    framework.waiting.NotifyAll();
+    framework.threads.NotifyWaiting();
 }
 
 }  // namespace
@@ -317,7 +236,7 @@ void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle)
             thread.heldLocks.pop_back();
             --thread.criticalRegions;
             slot->owner.exchange(0);
-            if (Framework::Current().waiting.HasWaiting()) {
+            if (Framework::Current().threads.HasWaiting()) {
                 WakeWaiting();
             }
             return;

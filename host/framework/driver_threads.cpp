@@ -1,0 +1,108 @@
+#include "host/framework/driver_threads.h"
+
+#include "host/framework/framework.h"
+#include "host/framework/spin_locks.h"
+#include "host/framework/wait_locks.h"
+#include "host/schedule/parking.h"
+#include "host/schedule/yield.h"
+
+namespace host::framework {
+
+using checks::Rule;
+
+// While it stands, the thread that handed out this thread's work is known to wait for it.
+class DriverThreads::Supervision {
+public:
+    Supervision(DriverThreads& threads, std::uint64_t supervisor) : threads_(threads), self_(ThreadState::Current().id)
+    {
+        const std::lock_guard lock(threads_.framework_.mutex);
+        threads_.waiting_.BeginSupervision(supervisor, self_);
+    }
+    ~Supervision()
+    {
+        const std::lock_guard lock(threads_.framework_.mutex);
+        threads_.waiting_.EndSupervision(self_);
+    }
+    Supervision(const Supervision&) = delete;
+    Supervision& operator=(const Supervision&) = delete;
+
+private:
+    DriverThreads& threads_;
+    const std::uint64_t self_;
+};
+
+DriverThreads::Held DriverThreads::HeldNow()
+{
+    const ThreadState& thread = ThreadState::Current();
+    return {thread.criticalRegions, thread.heldLocks, thread.irql};
+}
+
+void DriverThreads::CheckHeld(const char* callbackName, const void* routine, const Held& before)
+{
+    ThreadState& thread = ThreadState::Current();
+    if (thread.irql == before.level && thread.criticalRegions == before.criticalRegions &&
+        thread.heldLocks == before.waitLocks) {
+        return;
+    }
+    std::vector<std::string> kept;
+    {
+        const std::lock_guard lock(framework_.mutex);
+        if (thread.irql != before.level) {
+            kept = AbandonSpinLocks(framework_.handles);
+        }
+        const std::vector<std::string> waitLocks = AbandonWaitLocks(framework_.handles, before.waitLocks);
+        kept.insert(kept.end(), waitLocks.begin(), waitLocks.end());
+        NotifyWaiting();
+    }
+    if (!kept.empty()) {
+        std::string names;
+        for (const std::string& name : kept) {
+            names += (names.empty() ? "" : ", ") + name;
+        }
+        framework_.environment.Report(Rule::kLockKept, callbackName, "it returned holding " + names, routine);
+    }
+    thread.irql = before.level;
+    thread.heldLocks = before.waitLocks;
+    thread.criticalRegions = before.criticalRegions;
+}
+
+bool DriverThreads::WaitFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, const char* function,
+                            const void* caller)
+{
+    const schedule::Wake wake = Block(lock, wait);
+    if (wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever) {
+        ParkFor(lock, wait, wake, function, caller);
+    }
+    return wake == schedule::Wake::kReady;
+}
+
+void DriverThreads::ParkFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, schedule::Wake wake,
+                            const char* function, const void* caller)
+{
+    const bool self = wake == schedule::Wake::kSelf;
+    const std::string reason =
+        "waits for " + wait.subject + (self ? ", which it holds itself" : ": nobody can ever end this wait");
+    lock.unlock();
+    framework_.environment.Report(self ? Rule::kSelfWait : Rule::kDeadlock, function,
+                                  "thread " + ThreadState::Current().name + " " + reason, caller);
+    schedule::ParkThisThread(reason);
+}
+
+schedule::Outcome DriverThreads::RunOnThread(const std::string& name, const char* what, const void* routine,
+                                             const std::function<void()>& work)
+{
+    const std::uint64_t supervisor = ThreadState::Current().id;
+    const schedule::Outcome outcome = threads_.Run(name, [&, this] {
+        const Supervision supervision(*this, supervisor);
+        schedule::YieldPoint(schedule::YieldKind::kThreadBegins, what);
+        Guarded(what, routine, work);
+        schedule::YieldPoint(schedule::YieldKind::kThreadEnds, what);
+    });
+    if (outcome.parked) {
+        const std::lock_guard lock(framework_.mutex);
+        NotifyWaiting();  // whoever waits for the parked thread looks again
+    }
+    return outcome;
+}
+
+}  // namespace host::framework

@@ -1,0 +1,30 @@
+// Spin locks of the framework, whose holder runs at DISPATCH_LEVEL.
+#pragma once
+
+#include "host/framework/handle_table.h"
+
+#include <string>
+#include <vector>
+
+namespace host::framework {
+
+// The framework's mutex guards it.
+struct SpinLockObject final : Object {
+    explicit SpinLockObject(DriverInstance* owner) : Object(ObjectType::kSpinLock, owner) {}
+    void Show(ObjectView& view) const override { view.held = held; }
+
+    bool held = false;
+    bool abandoned = false;      // its holder's callback is over: nobody will give it back
+    std::uint64_t holderId = 0;  // ThreadState::id
+    std::string holderName;
+    KIRQL levelBefore = PASSIVE_LEVEL;  // its holder's, which the release brings back
+};
+
+template <>
+inline constexpr ObjectType kTypeOf<SpinLockObject> = ObjectType::kSpinLock;
+
+// Those that the calling thread still holds although its callback is over: nobody will give them back. Returns their
+// descriptions. The mutex is held.
+[[nodiscard]] std::vector<std::string> AbandonSpinLocks(const HandleTable& handles);
+
+}  // namespace host::framework

@@ -1,0 +1,103 @@
+// What runs at PASSIVE_LEVEL on threads of the host, either when asked to or at once: work items, and what the framework
+// itself leaves to a system thread, disposals above all.
+#pragma once
+
+#include "host/framework/object.h"
+#include "host/schedule/threads.h"
+#include "host/schedule/waiting.h"
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace host::framework {
+
+// Queued at most once; runs of one item may overlap. The framework's mutex guards it.
+struct WorkItemObject final : Object {
+    explicit WorkItemObject(DriverInstance* owner) : Object(ObjectType::kWorkItem, owner) {}
+    void OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock) override;
+    [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
+    void Show(ObjectView& view) const override { view.queued = queued; }
+
+    PFN_WDF_WORKITEM routine = nullptr;
+    bool queued = false;
+    bool disposing = false;                // disposal has begun: enqueue is dropped
+    unsigned starting = 0;                 // taken off the queue, not on their thread yet
+    std::vector<std::uint64_t> runningOn;  // thread ids
+    std::uint64_t callbackThread = 0;  // of the run that began last, until any run ends: all that the framework keeps
+};
+
+template <>
+inline constexpr ObjectType kTypeOf<WorkItemObject> = ObjectType::kWorkItem;
+
+// The framework's mutex guards it, because waits look at runs.
+class WorkQueue {
+public:
+    explicit WorkQueue(Framework& framework) : framework_(framework) {}
+
+    // ---- With the mutex; those that take the lock release it meanwhile ----
+
+    void Enqueue(WorkItemObject& item);
+    // Leaves work to a system thread. The removal of the owner, a device or driver, waits for it; null: nobody's does.
+    // The object is the one that is disposed or destroyed; null for other work.
+    void Defer(const Object* owner, const Object* object, std::function<void()> work);
+    // The object is freed: nothing is left to do for it.
+    void Forget(const Object& object);
+
+    // Waits until nothing is deferred for this device or driver; what no thread has begun yet is run for it.
+    void WaitForDisposals(std::unique_lock<std::mutex>& lock, const Object& owner);
+    // Waits until the item is neither queued nor running; a queued callback is run for it.
+    void WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const char* function,
+                     const void* caller);
+    // Runs what is oldest; false when there is nothing.
+    bool RunOne(std::unique_lock<std::mutex>& lock, schedule::Outcome& outcome);
+
+    [[nodiscard]] bool HasItems() const { return !items_.empty(); }
+    [[nodiscard]] bool IsRunning() const { return running_ != 0; }
+    [[nodiscard]] std::size_t Size() const { return items_.size() + deferred_.size(); }
+    [[nodiscard]] std::string NextItem() const { return items_.empty() ? std::string() : items_.front()->name; }
+
+    // ---- Without the mutex ----
+
+    // From now on what is queued runs at once, on so many threads.
+    void StartWorkers(unsigned count);
+    void StopWorkers();
+    void WaitUntilEmpty();
+
+private:
+    struct Deferred {
+        const Object* owner;
+        const Object* object;
+        std::function<void()> work;
+    };
+    struct RunningDeferred {
+        const Object* owner;
+        schedule::ThreadId thread;  // kNobody until it has begun
+    };
+
+    bool RunNext(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome);
+    // Runs a queued item's callback. The item may be destroyed by it, unless the thread parks.
+    void RunItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const std::string& threadName,
+                 schedule::Outcome& outcome);
+    void CallBack(WorkItemObject& item);
+    // Runs the oldest deferred work, of one owner or of all; false when there is none.
+    bool RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome,
+                     const Object* onlyOf = nullptr);
+    void WorkerLoop(unsigned number);
+
+    Framework& framework_;
+    std::deque<WorkItemObject*> items_;
+    std::deque<Deferred> deferred_;
+    std::list<RunningDeferred> deferredRunning_;
+    unsigned running_ = 0;
+    bool stopping_ = false;
+    std::condition_variable changed_;
+    std::vector<std::thread> workers_;
+};
+
+}  // namespace host::framework
