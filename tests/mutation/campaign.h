@@ -21,7 +21,6 @@ enum class Fate {
 struct Verdict {
     Fate fate = Fate::kRefused;
     std::string killedBy;  // the stage of tests
-    double seconds = 0;
 };
 
 struct Result {
@@ -46,8 +45,13 @@ using OnResult = std::function<void(const Result& result)>;
                                               const Plan& plan, const Judge& judge, const OnResult& onResult);
 
 // The counts and the table of survivors.
-[[nodiscard]] std::string Text(const std::vector<Result>& results, std::size_t all, const Plan& plan);
-[[nodiscard]] std::string AsJson(const std::vector<Result>& results, std::size_t all, const Plan& plan);
+[[nodiscard]] std::string Summary(const std::vector<Result>& results, std::size_t all, const Plan& plan);
+
+// One result, as a line.
+[[nodiscard]] std::string LineOf(const Result& result);
+
+// Whether a mutant was tested: not when it does not compile or makes the same code.
+[[nodiscard]] bool Counts(const Result& result);
 
 // Whether a survivor is not listed, or a listed mutant was killed.
 [[nodiscard]] bool IsWrong(const Result& result);

@@ -1,6 +1,6 @@
 #include "tests/mutation/equivalent.h"
 
-#include <set>
+#include <ranges>
 #include <stdexcept>
 
 namespace mutation {
@@ -13,32 +13,31 @@ std::string EntryOf(const Mutant& mutant)
 
 Equivalents::Equivalents(std::istream& list)
 {
-    std::vector<std::string> entry;
-    unsigned number = 0;
+    std::string entry;
+    unsigned lines = 0;  // of the entry
     const auto refuse = [&](const std::string& why) {
-        throw std::runtime_error("the list of equivalent mutants, line " + std::to_string(number) + ": " + why);
+        throw std::runtime_error("the list of equivalent mutants: " + why + ":\n" + entry);
     };
-    const auto end = [&] {
-        if (entry.empty()) {
-            return;
+    for (std::string line; std::getline(list, line);) {
+        if (lines == 0 && (line.empty() || line.starts_with("#"))) {
+            continue;
         }
-        if (entry.size() != 4) {
+        if (line.empty()) {
             refuse("an entry is file and function, source line, change, reason");
         }
-        if (!reasons_.emplace(entry[0] + "\n" + entry[1] + "\n" + entry[2] + "\n", entry[3]).second) {
+        if (++lines < 4) {
+            entry += line + "\n";
+            continue;
+        }
+        if (!reasons_.emplace(entry, line).second) {
             refuse("this entry is there twice");
         }
         entry.clear();
-    };
-    for (std::string line; std::getline(list, line);) {
-        ++number;
-        if (line.empty()) {
-            end();
-        } else if (!line.starts_with("#") || !entry.empty()) {
-            entry.push_back(line);
-        }
+        lines = 0;
     }
-    end();
+    if (lines != 0) {
+        refuse("the last entry is not complete");
+    }
 }
 
 std::string Equivalents::ReasonFor(const Mutant& mutant) const
@@ -49,17 +48,12 @@ std::string Equivalents::ReasonFor(const Mutant& mutant) const
 
 std::vector<std::string> Equivalents::Stale(const std::vector<Mutant>& all) const
 {
-    std::set<std::string> entries;
+    std::map<std::string, std::string> left = reasons_;
     for (const Mutant& mutant : all) {
-        entries.insert(EntryOf(mutant));
+        left.erase(EntryOf(mutant));
     }
-    std::vector<std::string> stale;
-    for (const auto& [entry, reason] : reasons_) {
-        if (!entries.contains(entry)) {
-            stale.push_back(entry);
-        }
-    }
-    return stale;
+    const auto entries = std::views::keys(left);
+    return {entries.begin(), entries.end()};
 }
 
 }  // namespace mutation

@@ -24,7 +24,7 @@ namespace mutation {
 
 class Equivalents {
 public:
-    // Throws std::runtime_error, with the line, when an entry is not complete or is there twice.
+    // Throws std::runtime_error, with the entry, when one is not complete or is there twice.
     explicit Equivalents(std::istream& list);
 
     // Why the mutant is equivalent; empty when it is not listed.

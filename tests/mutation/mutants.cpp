@@ -18,7 +18,6 @@ const std::multimap<std::string, std::pair<std::string, std::string>> kOperators
     {"+", {"-", "arithmetic"}},   {"-", {"+", "arithmetic"}},   {"|", {"&", "arithmetic"}},
     {"&", {"|", "arithmetic"}},   {"<<", {">>", "arithmetic"}}, {">>", {"<<", "arithmetic"}},
     {"+=", {"-=", "arithmetic"}}, {"-=", {"+=", "arithmetic"}}, {"|=", {"&=", "arithmetic"}},
-    {"++", {"--", "arithmetic"}}, {"--", {"++", "arithmetic"}},
 };
 
 bool IsComparison(const Node& node)
@@ -194,41 +193,27 @@ private:
 
     void ChangeUnary(const Node& node)
     {
-        if (!Written(node.range).starts_with(node.opcode) && !Written(node.range).ends_with(node.opcode)) {
-            return;
-        }
         const bool isPrefix = Written(node.range).starts_with(node.opcode);
-        const std::size_t at = isPrefix ? node.range.begin : node.range.end - node.opcode.size();
-        const Range range{at, at + node.opcode.size()};
-        if (node.opcode == "~") {
-            Replace(range, "", "arithmetic");
-        }
-        const auto [first, last] = kOperators.equal_range(node.opcode);
-        for (auto found = first; found != last && found->first.size() == 2; ++found) {
-            Replace(range, found->second.first, found->second.second);
+        if ((node.opcode == "++" || node.opcode == "--") && (isPrefix || Written(node.range).ends_with(node.opcode))) {
+            const std::size_t at = isPrefix ? node.range.begin : node.range.end - node.opcode.size();
+            Replace({at, at + node.opcode.size()}, node.opcode == "++" ? "--" : "++", "arithmetic");
         }
     }
 
     void ChangeConstant(const Node& node)
     {
         const std::string written(Written(node.range));
+        // A macro's whole call is no constant, though its body may begin with one.
+        const bool isLiteral = (node.kind == "IntegerLiteral" || node.kind == "CharacterLiteral") &&
+                               (!node.isWholeMacro || IsIdentifier(written));
         if (node.kind == "CXXBoolLiteralExpr") {
             Replace(node.range, written == "true" ? "false" : "true", "constant");
-        } else if (node.kind == "IntegerLiteral" || node.kind == "CharacterLiteral") {
-            // A macro's whole call is no constant, though its body may begin with one.
-            if (!node.isWholeMacro || IsIdentifier(written)) {
-                Replace(node.range, "(" + written + " + 1)", "constant");
-            }
-        } else if (node.kind == "UnaryExprOrTypeTraitExpr") {
+        } else if (const auto next = tree_.nextEnumerator.find(node.refersTo); next != tree_.nextEnumerator.end()) {
+            const std::size_t qualifier = written.rfind("::");
+            Replace(node.range, (qualifier == std::string::npos ? "" : written.substr(0, qualifier + 2)) + next->second,
+                    "constant");
+        } else if (isLiteral || node.kind == "UnaryExprOrTypeTraitExpr" || tree_.constants.contains(node.refersTo)) {
             Replace(node.range, "(" + written + " + 1)", "constant");
-        } else if (node.kind == "DeclRefExpr") {
-            if (const auto next = tree_.nextEnumerator.find(node.refersTo); next != tree_.nextEnumerator.end()) {
-                const std::size_t qualifier = written.rfind("::");
-                const std::string prefix = qualifier == std::string::npos ? "" : written.substr(0, qualifier + 2);
-                Replace(node.range, prefix + next->second, "constant");
-            } else if (tree_.constants.contains(node.refersTo)) {
-                Replace(node.range, "(" + written + " + 1)", "constant");
-            }
         }
     }
 
@@ -266,9 +251,8 @@ private:
     void DropStatements(const Node& block)
     {
         static const std::map<std::string, std::string> kinds = {
-            {"IfStmt", "dropped branch"},     {"ForStmt", "dropped loop"},           {"WhileStmt", "dropped loop"},
-            {"DoStmt", "dropped loop"},       {"ReturnStmt", "dropped return"},      {"BreakStmt", "dropped statement"},
-            {"SwitchStmt", "dropped branch"}, {"ContinueStmt", "dropped statement"},
+            {"IfStmt", "branch"}, {"SwitchStmt", "branch"}, {"ForStmt", "loop"},
+            {"DoStmt", "loop"},   {"WhileStmt", "loop"},    {"ReturnStmt", "return"},
         };
         static const std::set<std::string> kept = {"DeclStmt", "NullStmt", "CompoundStmt", "CaseStmt", "DefaultStmt"};
         for (const Node& statement : block.children) {
@@ -278,12 +262,13 @@ private:
             const auto found = kinds.find(statement.kind);
             const Node& inside = Inside(statement);
             const bool isCall = inside.kind == "CallExpr" || statement.isWholeMacro;
-            const std::string kind = isCall                         ? "dropped call"
+            const std::string kind = isCall                         ? "call"
                                      : found != kinds.end()         ? found->second
-                                     : inside.opcode.ends_with("=") ? "dropped assignment"
-                                                                    : "dropped statement";
+                                     : inside.opcode.ends_with("=") ? "assignment"
+                                                                    : "statement";
             statements_.insert(inside.range);
-            Add(statement.range.begin, kind, "without " + Quoted(Written(statement.range)), {{statement.range, ";"}});
+            Add(statement.range.begin, "dropped " + kind, "without " + Quoted(Written(statement.range)),
+                {{statement.range, ";"}});
         }
     }
 

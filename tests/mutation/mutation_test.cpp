@@ -1,5 +1,5 @@
 // The mutation run itself: which mutants a source has, what becomes of them, how the list of equivalent ones is kept.
-#include "tests/mutation/driver_judge.h"
+#include "tests/mutation/native_driver.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -23,6 +23,10 @@ public:
         std::string name = (std::filesystem::temp_directory_path() / "zepn mutants XXXXXX").string();
         EXPECT_NE(mkdtemp(name.data()), nullptr);
         root = name;
+        const std::string build = (root / "build").string();
+        const std::string path = (root / "driver/tiny.cpp").string();
+        const std::string object = "platform/zepn_native.dir/tiny.o";
+        const std::string compile = "clang++-19 -std=c++20 -O1 -fPIC -o " + object + " -c '" + path + "'";
         Write("driver/tiny.cpp", source);
         Write("build/tests.cpp", R"(
             #include <cstdlib>
@@ -34,27 +38,14 @@ public:
                 return limit(1) == 1 && limit(5) == 3 ? 0 : 1;
             }
         )");
-        const std::string object = "platform/CMakeFiles/zepn_native.dir/tiny.o";
-        const std::string path = (root / "driver/tiny.cpp").string();
-        const std::string compile = "clang++-19 -std=c++20 -O1 -fPIC -o " + object + " -c '" + path + "'";
         Write("build/compile_commands.json",
-              nlohmann::json::array({{{"directory", (root / "build").string()}, {"file", path}, {"command", compile}}})
-                  .dump());
-        Write("build/build.ninja", "rule run\n command = $do\n"
-                                   "build " +
-                                       object + ": run\n do = " + compile +
-                                       "\n"
-                                       "build platform/zepn.so: run " +
-                                       object +
-                                       "\n"
-                                       " do = clang++-19 -shared -o platform/zepn.so " +
-                                       object +
-                                       "\n"
-                                       "build tests/behaviour_tests: run\n"
-                                       " do = clang++-19 -o tests/behaviour_tests tests.cpp\n");
-        const std::string build = (root / "build").string();
+              nlohmann::json::array({{{"directory", build}, {"file", path}, {"command", compile}}}).dump());
+        Write("build/build.ninja", "rule run\n command = $do\nbuild " + object + ": run\n do = " + compile +
+                                       "\nbuild platform/zepn.so: run " + object +
+                                       "\n do = clang++-19 -shared -o platform/zepn.so " + object + "\n");
         const std::string line = "cd '" + build +
-                                 "' && mkdir -p platform/CMakeFiles/zepn_native.dir tests && ninja > log"
+                                 "' && mkdir -p platform/zepn_native.dir tests && ninja > log"
+                                 " && clang++-19 -o tests/behaviour_tests tests.cpp"
                                  " && for name in model fault_injection concurrency; do"
                                  " ln -s /bin/true tests/${name}_tests; done";
         EXPECT_EQ(std::system(line.c_str()), 0);
@@ -91,52 +82,43 @@ extern "C" int Unused()
 TEST(MutationRun, KillsWhatATestSeesAndShowsWhatSurvives)
 {
     const TinyProject project(kLimit);
-    const NativeBuild build(project.root, project.root / "build");
-    const std::vector<Mutant> mutants = MutantsOf(build);
+    const NativeDriver driver(project.root, project.root / "build");
+    EXPECT_NO_THROW(driver.TestUnchanged());
+    const std::vector<Mutant> mutants = driver.Mutants();
     std::istringstream list("driver/tiny.cpp, Unused\nreturn 9;\n`9` -> `(9 + 1)`\nnobody calls it\n");
-    Lines verdicts;
-    const auto onResult = [&](const Result& result) {
-        verdicts.push_back(result.mutant.change + ": " + std::to_string(static_cast<int>(result.verdict.fate)) +
-                           result.verdict.killedBy + result.reason);
-    };
+    Lines lines;
     const Plan plan{.seed = 1, .wanted = mutants.size(), .workers = 2};
-    const std::vector<Result> results =
-        RunCampaign(mutants, Equivalents(list), plan, DriverJudge(build, project.root / "build"), onResult);
-    std::ranges::sort(verdicts);
-    const std::string refused = std::to_string(static_cast<int>(Fate::kRefused));
-    const std::string same = std::to_string(static_cast<int>(Fate::kSameCode));
-    const std::string killed = std::to_string(static_cast<int>(Fate::kKilled)) + "behaviour";
-    const std::string survived = std::to_string(static_cast<int>(Fate::kSurvived));
-    EXPECT_EQ(verdicts, (Lines{
-                            "`3` -> `(3 + 1)`: " + killed,    // what is returned
-                            "`3` -> `(3 + 1)`: " + survived,  // 4 is never tried
-                            "`7` -> `(7 + 1)`: " + same,
-                            "`7` -> `{}`: " + same,
-                            "`9` -> `(9 + 1)`: " + survived + "nobody calls it",
-                            "`>` -> `<=`: " + killed,
-                            "`>` -> `>=`: " + same,  // three on both sides
-                            "without `if (value > 3) { return 3; }`: " + killed,
-                            "without `return 3`: " + killed,
-                            "without `return 9`: " + refused,
-                            "without `return value`: " + refused,
-                        }));
-    const std::string text = Text(results, mutants.size(), plan);
-    EXPECT_NE(text.find("mutants: 6 of 11, seed 1: 4 killed (behaviour 4), 1 equivalent, 1 survived; besides 2 that "
-                        "do not compile and 3 of the same code"),
-              std::string::npos)
-        << text;
-    EXPECT_NE(text.find("survived, driver/tiny.cpp:5, constant\n"
-                        "driver/tiny.cpp, Limit\nif (value > 3) {\n`3` -> `(3 + 1)`\n"),
-              std::string::npos)
-        << text;
-    EXPECT_EQ(nlohmann::json::parse(AsJson(results, mutants.size(), plan))["mutants"].size(), 11u);
+    const std::vector<Result> results = RunCampaign(
+        mutants, Equivalents(list), plan,
+        [&](const Mutant& mutant, unsigned worker) { return driver.Judge(mutant, worker); },
+        [&](const Result& result) { lines.push_back(LineOf(result)); });
+    std::ranges::sort(lines);
+    EXPECT_EQ(lines, (Lines{
+                         "driver/tiny.cpp:12: constant, `9` -> `(9 + 1)`: survived, listed as equivalent\n",
+                         "driver/tiny.cpp:12: dropped return, without `return 9`: does not compile\n",
+                         "driver/tiny.cpp:4: constant, `7` -> `(7 + 1)`: same code\n",
+                         "driver/tiny.cpp:4: dropped initialiser, `7` -> `{}`: same code\n",
+                         "driver/tiny.cpp:5: comparison, `>` -> `<=`: killed by behaviour\n",
+                         "driver/tiny.cpp:5: comparison, `>` -> `>=`: same code\n",    // three on both sides
+                         "driver/tiny.cpp:5: constant, `3` -> `(3 + 1)`: survived\n",  // 4 is never tried
+                         "driver/tiny.cpp:5: dropped branch, without `if (value > 3) { return 3; }`: killed by "
+                         "behaviour\n",
+                         "driver/tiny.cpp:6: constant, `3` -> `(3 + 1)`: killed by behaviour\n",
+                         "driver/tiny.cpp:6: dropped return, without `return 3`: killed by behaviour\n",
+                         "driver/tiny.cpp:8: dropped return, without `return value`: does not compile\n",
+                     }));
+    EXPECT_EQ(Summary(results, mutants.size(), plan),
+              "mutants: 6 of 11, seed 1: 4 killed (behaviour 4), 1 equivalent, 1 survived; besides 2 that do not "
+              "compile and 3 of the same code\n"
+              "\n"
+              "driver/tiny.cpp:5: constant, `3` -> `(3 + 1)`: survived\n"
+              "driver/tiny.cpp, Limit\nif (value > 3) {\n`3` -> `(3 + 1)`\n");
 }
 
 TEST(MutationRun, RefusesADriverThatFailsUnchanged)
 {
     const TinyProject project("extern \"C\" int Limit(int value)\n{\n    return value;\n}\n");
-    const NativeBuild build(project.root, project.root / "build");
-    EXPECT_THROW((void)DriverJudge(build, project.root / "build"), std::runtime_error);
+    EXPECT_THROW(NativeDriver(project.root, project.root / "build").TestUnchanged(), std::runtime_error);
 }
 
 // One of each operator, and what must have none: static assertions, the bodies of macros, a second instance.
@@ -171,9 +153,8 @@ int Take(int first, int)
     return first;
 }
 )");
-    const NativeBuild build(project.root, project.root / "build");
     Lines changes;
-    for (const Mutant& mutant : MutantsOf(build)) {
+    for (const Mutant& mutant : NativeDriver(project.root, project.root / "build").Mutants()) {
         changes.push_back(std::to_string(mutant.line) + " " + mutant.kind + ": " + mutant.change);
     }
     EXPECT_EQ(changes, (Lines{
@@ -231,7 +212,7 @@ TEST(Campaign, DrawsTheSameMutantsBySeedHoweverManyWorkThere)
 {
     // Every third does not count.
     const Judge judge = [](const Mutant& mutant, unsigned) {
-        return Verdict{mutant.line % 3 == 0 ? Fate::kRefused : Fate::kKilled, "", 0};
+        return Verdict{mutant.line % 3 == 0 ? Fate::kRefused : Fate::kKilled, ""};
     };
     std::istringstream none;
     const Equivalents equivalents(none);
@@ -263,8 +244,8 @@ TEST(EquivalentMutants, AreEntriesWithAReasonThatMustNotGrowStale)
     EXPECT_EQ(equivalents.ReasonFor(mutant), "nobody asks");
     EXPECT_EQ(equivalents.Stale({mutant}), (Lines{"driver/a.cpp, Do\nreturn 0;\n`0` -> `1`\n"}));
     // Listed, but a test sees it.
-    EXPECT_TRUE(IsWrong({mutant, {Fate::kKilled, "model", 0}, "nobody asks"}));
-    EXPECT_FALSE(IsWrong({mutant, {Fate::kSurvived, "", 0}, "nobody asks"}));
+    EXPECT_TRUE(IsWrong({mutant, {Fate::kKilled, "model"}, "nobody asks"}));
+    EXPECT_FALSE(IsWrong({mutant, {Fate::kSurvived, ""}, "nobody asks"}));
 
     std::ifstream ours(std::string(ZEPN_ROOT) + "/tests/mutation/equivalent.txt");
     ASSERT_TRUE(ours.good());
