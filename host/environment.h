@@ -40,9 +40,10 @@ struct MachineOptions {
     WorkItems workItems = WorkItems::kPumped;
     unsigned workerCount = 2;  // with kThreads
     TraceRoutes traceRoutes = TraceRoutes::kClassic;
-    unsigned majorVersion = 10;       // of the system, with kClassic
-    bool exportsPsGetVersion = true;  // FALSE: the version look-up finds nothing
-    bool guardPages = true;           // allocations end at inaccessible pages and are never reused
+    unsigned majorVersion = 10;         // of the system, with kClassic
+    bool exportsPsGetVersion = true;    // FALSE: the version look-up finds nothing
+    bool hasPowerStateCallback = true;  // \Callback\PowerState exists
+    bool guardPages = true;             // allocations end at inaccessible pages and are never reused
     std::size_t poolBytesMaximum = std::size_t{256} << 20;  // of all blocks together; what exceeds it gets null
     bool realTime = false;              // KeDelayExecutionThread waits; otherwise it only advances the clock
     std::uint32_t frameworkMinor = 33;  // version of the framework that plays: 1.<minor>

@@ -88,9 +88,9 @@ NTSTATUS Driver::Wake()
     return framework::WakeDevice(Framework::Current(), NewestDevice(instance_));
 }
 
-void Driver::SurpriseRemoveDevice()
+NTSTATUS Driver::SurpriseRemoveDevice()
 {
-    framework::SurpriseRemoveDevice(Framework::Current(), NewestDevice(instance_));
+    return framework::SurpriseRemoveDevice(Framework::Current(), NewestDevice(instance_));
 }
 
 Outcome Driver::RemoveDevice()

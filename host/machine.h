@@ -57,15 +57,16 @@ public:
 
     // Plug and play. AddDevice enumerates one device node and runs EvtDriverDeviceAdd; on failure the framework's
     // failed-creation path has run. At most one device of a driver exists at a time (a second AddDevice is allowed
-    // after, or for a test while, the first exists; the calls below then mean the newest device).
+    // after, or for a test while, the first exists; the calls below then mean the newest device). The framework takes
+    // any status of the success class from the device's callbacks; the first that is not STATUS_SUCCESS is returned.
     NTSTATUS AddDevice();
     NTSTATUS StartDevice();
     NTSTATUS QueryStopDevice();
-    NTSTATUS QueryRemoveDevice();  // asks also those who hold the device open
-    NTSTATUS Sleep();              // D0Exit(D3)
-    NTSTATUS Wake();               // D0Entry(D3)
-    void SurpriseRemoveDevice();   // the surprise-removal half; the device answers on until RemoveDevice
-    Outcome RemoveDevice();        // IRP_MN_REMOVE_DEVICE once no handle is open; waits for work items, so it can park
+    NTSTATUS QueryRemoveDevice();     // asks also those who hold the device open
+    NTSTATUS Sleep();                 // D0Exit(D3)
+    NTSTATUS Wake();                  // D0Entry(D3)
+    NTSTATUS SurpriseRemoveDevice();  // the surprise-removal half; the device answers on until RemoveDevice
+    Outcome RemoveDevice();  // IRP_MN_REMOVE_DEVICE once no handle is open; waits for work items, so it can park
     [[nodiscard]] bool HasDevice() const;
     [[nodiscard]] WDFDEVICE Device() const;
 

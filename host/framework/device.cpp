@@ -49,12 +49,18 @@ NTSTATUS CallD0Exit(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE
     return STATUS_SUCCESS;
 }
 
-void CallReleaseHardware(Framework& framework, DeviceObject& device)
+NTSTATUS CallReleaseHardware(Framework& framework, DeviceObject& device)
 {
     if (const auto routine = device.power.EvtDeviceReleaseHardware) {
-        (void)framework.threads.Guarded("EvtDeviceReleaseHardware", reinterpret_cast<const void*>(routine),
-                                        [&] { return routine(HandleOf(device), nullptr); });
+        return framework.threads.Guarded("EvtDeviceReleaseHardware", reinterpret_cast<const void*>(routine),
+                                         [&] { return routine(HandleOf(device), nullptr); });
     }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS FirstNotSuccess(NTSTATUS first, NTSTATUS second)
+{
+    return first != STATUS_SUCCESS ? first : second;
 }
 
 void SetAllInterfaces(Framework& framework, DeviceObject& device, bool enabled)
@@ -128,15 +134,16 @@ NTSTATUS StartDevice(Framework& framework, DeviceObject& device)
                                            [&] { return routine(HandleOf(device), nullptr, nullptr); });
     }
     if (NT_SUCCESS(status)) {
-        status = CallD0Entry(framework, device, WdfPowerDeviceD3Final);
+        const NTSTATUS entered = CallD0Entry(framework, device, WdfPowerDeviceD3Final);
+        status = NT_SUCCESS(entered) ? FirstNotSuccess(status, entered) : entered;
     }
     if (!NT_SUCCESS(status)) {
-        CallReleaseHardware(framework, device);
+        (void)CallReleaseHardware(framework, device);
         return status;
     }
     SetAllInterfaces(framework, device, true);
     SetStage(framework, device, DeviceStage::kStarted);
-    return STATUS_SUCCESS;
+    return status;
 }
 
 NTSTATUS SleepDevice(Framework& framework, DeviceObject& device)
@@ -149,21 +156,23 @@ NTSTATUS WakeDevice(Framework& framework, DeviceObject& device)
     return CallD0Entry(framework, device, WdfPowerDeviceD3);
 }
 
-void SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
+NTSTATUS SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
 {
+    NTSTATUS status = STATUS_SUCCESS;
     if (const auto routine = device.power.EvtDeviceSurpriseRemoval) {
         framework.threads.Guarded("EvtDeviceSurpriseRemoval", reinterpret_cast<const void*>(routine),
                                   [&] { routine(HandleOf(device)); });
     }
     if (device.inD0) {
-        (void)CallD0Exit(framework, device, WdfPowerDeviceD3Final);
+        status = CallD0Exit(framework, device, WdfPowerDeviceD3Final);
     }
-    CallReleaseHardware(framework, device);
+    status = FirstNotSuccess(status, CallReleaseHardware(framework, device));
     SetAllInterfaces(framework, device, false);
     DropSymbolicLink(framework, device);
     Purge(framework, device, true);
     SetStage(framework, device, DeviceStage::kSurpriseRemoved);
     NotifyRemoveComplete(framework, device);
+    return status;
 }
 
 void RemoveDevice(Framework& framework, DeviceObject& device)
@@ -172,7 +181,7 @@ void RemoveDevice(Framework& framework, DeviceObject& device)
         if (device.inD0) {
             (void)CallD0Exit(framework, device, WdfPowerDeviceD3Final);
         }
-        CallReleaseHardware(framework, device);
+        (void)CallReleaseHardware(framework, device);
         SetAllInterfaces(framework, device, false);
         NotifyRemoveComplete(framework, device);
     }

@@ -118,7 +118,7 @@ NTSTATUS AddDevice(Framework& framework, DriverInstance& driver);
 NTSTATUS StartDevice(Framework& framework, DeviceObject& device);
 NTSTATUS SleepDevice(Framework& framework, DeviceObject& device);
 NTSTATUS WakeDevice(Framework& framework, DeviceObject& device);
-void SurpriseRemoveDevice(Framework& framework, DeviceObject& device);
+NTSTATUS SurpriseRemoveDevice(Framework& framework, DeviceObject& device);
 // Stops the device if it still runs, and disposes it; on a thread that may park while it waits for work items.
 void RemoveDevice(Framework& framework, DeviceObject& device);
 // The last step of a removal, and what follows a failed device add.

@@ -33,12 +33,14 @@ Kernel::Kernel(Environment& environmentOfMachine)
 {
     g_current = this;
     RegisterKernelExports();
-    auto powerState = std::make_unique<CallbackObject>();
-    powerState->handle = nextHandle += 16;
-    powerState->name = "\\callback\\powerstate";
-    powerState->allowsSeveral = true;
-    powerState->references = 1;
-    callbackObjects.push_back(std::move(powerState));
+    if (environment.options.hasPowerStateCallback) {
+        auto powerState = std::make_unique<CallbackObject>();
+        powerState->handle = nextHandle += 16;
+        powerState->name = "\\callback\\powerstate";
+        powerState->allowsSeveral = true;
+        powerState->references = 1;
+        callbackObjects.push_back(std::move(powerState));
+    }
 }
 
 Kernel::~Kernel()
@@ -83,7 +85,9 @@ void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2
     std::vector<std::shared_ptr<CallbackRegistration>> registrations;
     {
         const std::lock_guard lock(mutex);
-        registrations = FindCallbackObject(std::string("\\callback\\powerstate"))->registrations;
+        if (const CallbackObject* object = FindCallbackObject(std::string("\\callback\\powerstate"))) {
+            registrations = object->registrations;
+        }
     }
     Notify(registrations, argument1, argument2);
 }

@@ -4,6 +4,7 @@
 #include "host/environment.h"
 #include "host/tracing/state.h"
 
+#include <algorithm>
 #include <cstring>
 
 using host::PlatformCall;
@@ -45,23 +46,30 @@ namespace host::tracing {
 
 void QueryWmiRegistration(const Provider& provider, GUID& control)
 {
-    alignas(8) unsigned char buffer[kRegisterInfoSize];
+    alignas(8) unsigned char buffer[kRegisterInfoSize + sizeof(std::uint64_t)];
     ULONG size = 0;
+    // Only the first bytes are the driver's to write.
+    const auto query = [&](ULONG length, std::size_t writable) {
+        std::memset(buffer, 0xEE, sizeof(buffer));
+        const LONG status = Request(provider, kRegisterInfo, buffer, length, size);
+        Expect(std::all_of(buffer + writable, std::end(buffer), [](unsigned char byte) { return byte == 0xEE; }),
+               provider, "more is written than the registration buffer or the answer is long");
+        return status;
+    };
     ULONG needed = 0;
     for (const ULONG length : {ULONG{sizeof(needed)}, ULONG{kRegisterInfoSize - 1}}) {
-        const LONG status = Request(provider, kRegisterInfo, buffer, length, size);
+        const LONG status = query(length, sizeof(needed));
         std::memcpy(&needed, buffer, sizeof(needed));
         Expect(status == STATUS_BUFFER_TOO_SMALL && size == sizeof(needed) && needed == kRegisterInfoSize, provider,
                "a small registration buffer is not answered with the size that is needed");
     }
     needed = kRegisterInfoSize;
 
-    LONG status = Request(provider, kRegisterInfo, buffer, sizeof(needed) - 1, size);
+    LONG status = query(sizeof(needed) - 1, 0);
     Expect(status == STATUS_BUFFER_TOO_SMALL && size == 0, provider,
            "a buffer too small for the size itself is not refused untouched");
 
-    std::memset(buffer, 0xEE, sizeof(buffer));
-    status = Request(provider, kRegisterInfo, buffer, needed, size);
+    status = query(needed, kRegisterInfoSize);
     std::memcpy(&control, buffer + 24, sizeof(control));
     unsigned char expected[kRegisterInfoSize] = {};
     constexpr ULONG kGuidCount = 1;
@@ -69,7 +77,8 @@ void QueryWmiRegistration(const Provider& provider, GUID& control)
     std::memcpy(expected + 16, &kGuidCount, sizeof(kGuidCount));
     std::memcpy(expected + 24, &control, sizeof(control));
     std::memcpy(expected + 40, &kRegisterFlags, sizeof(kRegisterFlags));
-    Expect(status == STATUS_SUCCESS && size == kRegisterInfoSize && std::memcmp(buffer, expected, sizeof(buffer)) == 0,
+    Expect(status == STATUS_SUCCESS && size == kRegisterInfoSize &&
+               std::memcmp(buffer, expected, sizeof(expected)) == 0,
            provider, "the registration data are not one traced control GUID in 56 bytes");
 
     // Requests that every control block gets now and then.
@@ -82,6 +91,12 @@ void QueryWmiRegistration(const Provider& provider, GUID& control)
         Expect(Request(provider, minor, &header, sizeof(header), size) == STATUS_WMI_GUID_NOT_FOUND &&
                    Request(provider, minor, &header, sizeof(header) - 1, size) == STATUS_INVALID_PARAMETER,
                provider, "a request for another control GUID, or a short one, is not refused as such");
+    }
+    // The field after the control GUID takes no part in the comparison, whatever it holds.
+    header.Guid = control;
+    for (header.ClientContext = 0; header.ClientContext < 256; ++header.ClientContext) {
+        Expect(Request(provider, kDisableEvents, &header, sizeof(header), size) == STATUS_SUCCESS, provider,
+               "a request for the control GUID is refused");
     }
     Expect(Request(provider, kUnknownMinor, &header, sizeof(header), size) == STATUS_INVALID_DEVICE_REQUEST, provider,
            "an unknown request is not refused");

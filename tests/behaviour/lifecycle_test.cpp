@@ -145,6 +145,17 @@ TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
     EXPECT_EQ(filled, 17u);
 }
 
+TEST_P(Lifecycle, PowerStateCallbackIsOpenedButNeverCreated)
+{
+    DriverFixture fixture(GetParam(), {.machine = {.hasPowerStateCallback = false}, .boots = false});
+    fixture.Load();
+    EXPECT_EQ(fixture.driver->AddDevice(), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(fixture.TakeReports(),
+              (Lines{"1 NotifierEvtDeviceAdd: ExCreateCallback for Power state callback, 0xC0000034"}));
+    fixture.TakeDown();
+    EXPECT_EQ(fixture.machine.violations().Take(Rule::kReferenceUnderflow).size(), 1u);
+}
+
 TEST_P(Lifecycle, StopAndRemoveRequestsAreRefusedButSurpriseRemovalDisablesHelperThenWpcd)
 {
     DriverFixture fixture(GetParam());

@@ -88,7 +88,7 @@ void DriverFixture::TakeDown()
         return;
     }
     if (driver->HasDevice()) {
-        driver->SurpriseRemoveDevice();
+        EXPECT_EQ(driver->SurpriseRemoveDevice(), STATUS_SUCCESS);
         if (driver->RemoveDevice().parked) {
             return;  // the driver cannot go; the test has taken the violation, or it shows below
         }
