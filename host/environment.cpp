@@ -113,11 +113,37 @@ std::string ThreadState::NameOf(std::uint64_t id)
     return found == TheThreads().byId.end() ? "a thread that has ended" : found->second->name;
 }
 
+std::vector<std::uint64_t> ThreadState::ThatRun()
+{
+    const std::lock_guard lock(TheThreads().mutex);
+    std::vector<std::uint64_t> ids;
+    for (const auto& [id, state] : TheThreads().byId) {
+        if (state->isSystemThread_ && !state->isIdle_) {
+            ids.push_back(id);
+        }
+    }
+    return ids;
+}
+
 ThreadState& ThreadState::OfSystemThread()
 {
     thread_local ThreadState state;
     current_ = &state;
+    const std::lock_guard lock(TheThreads().mutex);
+    state.isSystemThread_ = true;
     return state;
+}
+
+IdleScope::IdleScope() : state_(ThreadState::Current()), before_(state_.isIdle_)
+{
+    const std::lock_guard lock(TheThreads().mutex);
+    state_.isIdle_ = true;
+}
+
+IdleScope::~IdleScope()
+{
+    const std::lock_guard lock(TheThreads().mutex);
+    state_.isIdle_ = before_;
 }
 
 ScopedIrql::ScopedIrql(KIRQL level) : before_(ThreadState::Current().irql)

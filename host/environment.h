@@ -106,6 +106,8 @@ struct ThreadState {
     void BeginWork(const std::string& newName);  // as a thread of this name that has done nothing yet
     // The name of any thread, for reports; of one that has ended: "a thread that has ended".
     static std::string NameOf(std::uint64_t id);
+    // The system threads that may still do something for others, each by its own state: those that are not idle.
+    static std::vector<std::uint64_t> ThatRun();
 
     // Whether the calling thread is known and at this level or below.
     static bool IsAtMost(KIRQL level) { return current_ != nullptr && current_->irql <= level; }
@@ -117,8 +119,24 @@ struct ThreadState {
     static ThreadState* Exchange(ThreadState* next) { return std::exchange(current_, next); }
 
 private:
+    friend class IdleScope;
     static ThreadState& OfSystemThread();
+    bool isSystemThread_ = false;
+    bool isIdle_ = false;
     static inline constinit thread_local ThreadState* current_ = nullptr;
+};
+
+// While it stands the calling system thread only waits for what others do: no wait of a driver's hopes for it.
+class IdleScope {
+public:
+    IdleScope();
+    ~IdleScope();
+    IdleScope(const IdleScope&) = delete;
+    IdleScope& operator=(const IdleScope&) = delete;
+
+private:
+    ThreadState& state_;
+    const bool before_;
 };
 
 // Raises the calling thread's level for a scope: how a test calls an operation at DISPATCH_LEVEL.

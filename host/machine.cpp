@@ -1,6 +1,7 @@
 #include "host/machine.h"
 
 #include "host/checks/crash.h"
+#include "host/dispatcher/dispatcher.h"
 #include "host/framework/collections.h"
 #include "host/framework/devices.h"
 #include "host/framework/driver_load.h"
@@ -228,6 +229,7 @@ Machine::Machine(MachineOptions options)
         throw HostError("this machine's pages have " + std::to_string(bytes) + " bytes; drivers are laid out for " +
                         std::to_string(image::kPageSize));
     }
+    dispatcher::RegisterExports();
     checks::CatchMemoryFaults();
 }
 

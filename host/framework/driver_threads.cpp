@@ -49,6 +49,14 @@ void DriverThreads::CheckHeld(const char* callbackName, const void* routine, con
         const std::lock_guard lock(framework_.mutex);
         if (thread.irql != before.level) {
             kept = AbandonSpinLocks(framework_.handles);
+            const std::vector<std::string> own = framework_.kernel.AbandonSpinLocks(thread.id);
+            kept.insert(kept.end(), own.begin(), own.end());
+            if (kept.empty()) {
+                framework_.environment.Report(Rule::kIrql, callbackName,
+                                              "it was called at IRQL " + std::to_string(before.level) +
+                                                  " and returned at " + std::to_string(thread.irql),
+                                              routine);
+            }
         }
         const std::vector<std::string> waitLocks = AbandonWaitLocks(framework_.handles, before.waitLocks);
         kept.insert(kept.end(), waitLocks.begin(), waitLocks.end());

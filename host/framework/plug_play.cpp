@@ -136,7 +136,7 @@ HOST_EXPORT NTSTATUS NTAPI IoGetDeviceInterfaces(const GUID* interfaceClass, PDE
     }
     text.push_back(0);
     const std::size_t bytes = text.size() * sizeof(WCHAR);
-    void* memory = framework.kernel.AllocatePool({bytes, host::framework::kPoolTag, true, call.caller(), true},
+    void* memory = framework.kernel.AllocatePool({bytes, host::framework::kPoolTag, true, call.caller()},
                                                  alignof(std::max_align_t));
     if (memory == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;

@@ -156,6 +156,7 @@ void WorkQueue::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& 
 
 void WorkQueue::WaitUntilEmpty()
 {
+    const IdleScope idle;
     std::unique_lock lock(framework_.mutex);
     changed_.wait(lock, [this] { return items_.empty() && deferred_.empty() && running_ == 0; });
 }
@@ -170,6 +171,7 @@ void WorkQueue::WorkerLoop(unsigned number)
     schedule::Outcome outcome;
     while (!stopping_) {
         if (!RunNext(lock, name, outcome)) {
+            const IdleScope idle;
             changed_.wait(lock);
         }
     }

@@ -11,6 +11,12 @@ struct Export {
     void* address;  // function with the platform's calling convention
 };
 
+template <class Function>
+constexpr Export Of(const char* name, Function* function)
+{
+    return {name, reinterpret_cast<void*>(function)};
+}
+
 // Adds to a module's exports; module names are compared without case. Adding a name again replaces it.
 void AddExports(std::string_view module, std::span<const Export> exports);
 

@@ -80,6 +80,18 @@ void Kernel::DropUnusedCallbackObjects()
     });
 }
 
+std::vector<std::string> Kernel::AbandonSpinLocks(std::uint64_t threadId)
+{
+    std::vector<std::string> names;
+    for (auto& [address, held] : heldSpinLocks) {
+        if (held.holderId == threadId && !held.abandoned) {
+            held.abandoned = true;
+            names.push_back(held.name);
+        }
+    }
+    return names;
+}
+
 void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2)
 {
     std::vector<std::shared_ptr<CallbackRegistration>> registrations;

@@ -35,7 +35,6 @@ struct PoolBlock {
     bool paged;
     const void*
         caller;  // where in the image it was allocated; null once that image is unmapped without having freed it
-    bool bySystem = false;  // on the driver's behalf: the driver frees it without its tag
 };
 
 struct CallbackRegistration {
@@ -54,6 +53,15 @@ struct CallbackObject {
     long references;                    // the system's own included
     std::vector<const void*> openedBy;  // callers that hold a reference
     std::vector<std::shared_ptr<CallbackRegistration>> registrations;
+};
+
+// A spin lock in a driver's own memory that somebody holds.
+struct HeldSpinLock {
+    std::string name;  // for reports
+    std::uint64_t holderId;
+    std::string holderName;
+    KIRQL level;             // that its holder runs at
+    bool abandoned = false;  // its holder's callback is over: nobody will give it back
 };
 
 class Kernel {
@@ -100,7 +108,11 @@ public:
     std::vector<std::unique_ptr<CallbackObject>> callbackObjects;
     std::uintptr_t nextHandle = 0xFFFFD00000001000;  // never a usable address
     std::vector<std::int64_t> delays;
+    std::map<const KSPIN_LOCK*, HeldSpinLock> heldSpinLocks;  // guarded by the mutex of all waits, the framework's
     std::vector<std::string> debugOutput;
+
+    // Those that a thread still holds although its callback is over: nobody will give them back. Returns their names.
+    [[nodiscard]] std::vector<std::string> AbandonSpinLocks(std::uint64_t threadId);
 
     // Null for an unknown handle or name. The caller holds the mutex.
     CallbackObject* FindCallbackObject(const void* handle);
@@ -126,5 +138,6 @@ private:
 
 // Registers the exports of ntoskrnl.exe with the image loader; done once per process.
 void RegisterKernelExports();
+void RegisterTimeExports();
 
 }  // namespace host::kernel

@@ -1,4 +1,4 @@
-// Strings, comparison, version, delay, debug output, bugcheck, look-up; and the export table of the kernel module.
+// Strings, comparison, version, debug output, bugcheck, look-up; and the export table of the kernel module.
 #include "host/image/exports.h"
 #include "host/kernel/kernel.h"
 #include "host/schedule/parking.h"
@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <thread>
 
 using host::PlatformCall;
 using host::checks::Rule;
@@ -69,27 +68,6 @@ HOST_EXPORT BOOLEAN NTAPI PsGetVersion(PULONG major, PULONG minor, PULONG build,
         servicePack->Length = 0;
     }
     return FALSE;
-}
-
-HOST_EXPORT NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER interval)
-{
-    const PlatformCall call("KeDelayExecutionThread", HOST_CALLER, APC_LEVEL);
-    if (call.fault()) {
-        return call.fault()->status;
-    }
-    Kernel& kernel = Kernel::Current();
-    const std::int64_t requested = interval->QuadPart;
-    {
-        const std::lock_guard lock(kernel.mutex);
-        kernel.delays.push_back(requested);
-    }
-    if (requested < 0) {
-        if (kernel.environment.options.realTime) {
-            std::this_thread::sleep_for(std::chrono::nanoseconds(-requested * 100));
-        }
-        kernel.clock.Advance(-requested);
-    }
-    return STATUS_SUCCESS;
 }
 
 namespace {
@@ -235,7 +213,9 @@ int NTAPI_VARIADIC KernelMemcpyS(void* destination, size_t destinationSize, cons
 }  // namespace
 
 // Declared by nobody's header: looked up by name.
+#undef ExFreePool
 extern "C" {
+VOID NTAPI ExFreePool(PVOID address);
 NTSTATUS NTAPI EtwRegisterClassicProvider(LPCGUID guid, ULONG type, PVOID callback, PVOID context, PREGHANDLE handle);
 NTSTATUS NTAPI_VARIADIC WmiTraceMessage(TRACEHANDLE logger, ULONG flags, const GUID* guid, ULONG number, ...);
 NTSTATUS NTAPI WmiQueryTraceInformation(ULONG informationClass, PVOID information, ULONG length, PULONG required,
@@ -243,15 +223,6 @@ NTSTATUS NTAPI WmiQueryTraceInformation(ULONG informationClass, PVOID informatio
 }
 
 namespace host::kernel {
-namespace {
-
-template <class Function>
-constexpr image::Export Of(const char* name, Function* function)
-{
-    return {name, reinterpret_cast<void*>(function)};
-}
-
-}  // namespace
 
 void* FindSystemRoutine(const std::string& name, const MachineOptions& options)
 {
@@ -267,15 +238,18 @@ void* FindSystemRoutine(const std::string& name, const MachineOptions& options)
 
 void RegisterKernelExports()
 {
+    using image::Of;
     static const image::Export kExports[] = {
+        Of("ExAllocatePool2", &ExAllocatePool2),
         Of("ExAllocatePoolWithTag", &ExAllocatePoolWithTag),
+        Of("ExFreePool", &ExFreePool),
+        Of("ExFreePool2", &ExFreePool2),
         Of("ExFreePoolWithTag", &ExFreePoolWithTag),
         Of("ExCreateCallback", &ExCreateCallback),
         Of("ExRegisterCallback", &ExRegisterCallback),
         Of("ExUnregisterCallback", &ExUnregisterCallback),
         Of("ExNotifyCallback", &ExNotifyCallback),
         Of("ObfDereferenceObject", &ObfDereferenceObject),
-        Of("KeDelayExecutionThread", &KeDelayExecutionThread),
         Of("RtlInitUnicodeString", &RtlInitUnicodeString),
         Of("RtlCopyUnicodeString", &RtlCopyUnicodeString),
         Of("RtlCompareMemory", &RtlCompareMemory),
@@ -297,6 +271,7 @@ void RegisterKernelExports()
         Of("memcpy_s", &KernelMemcpyS),
     };
     image::AddExports("ntoskrnl.exe", kExports);
+    RegisterTimeExports();
 }
 
 }  // namespace host::kernel

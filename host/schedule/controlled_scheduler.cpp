@@ -22,13 +22,15 @@ unsigned& Self()
 
 bool IsLockOrWorkItem(std::string_view what)
 {
-    return what.starts_with("WdfWaitLock") || what.starts_with("WdfWorkItem");
+    return what.starts_with("WdfWaitLock") || what.starts_with("WdfWorkItem") ||
+           what.find("SpinLock") != std::string_view::npos || what == "KeSetEvent" || what == "KeWaitForSingleObject";
 }
 
 // What may end another thread's wait.
 bool MayRelease(std::string_view what)
 {
-    return what == "WdfWaitLockRelease" || what == "WdfObjectDelete" || what == "WdfWorkItemEnqueue";
+    return what == "WdfWaitLockRelease" || what == "WdfSpinLockRelease" || what == "WdfObjectDelete" ||
+           what == "WdfWorkItemEnqueue" || what == "KeSetEvent" || what.starts_with("KeReleaseSpinLock");
 }
 
 bool IsEveryCall(const SchedulerOptions& options)
@@ -128,6 +130,7 @@ std::vector<Outcome> ControlledScheduler::Run(Machine& machine, const std::vecto
             }
             outcomes[index] = machine.OnThread(threads[index].name, threads[index].work);
             // It may have parked: its turn ends all the same.
+            const IdleScope idle;
             std::unique_lock lock(mutex_);
             states_[index] = State::kFinished;
             WakeBlocked();
@@ -140,8 +143,11 @@ std::vector<Outcome> ControlledScheduler::Run(Machine& machine, const std::vecto
         current_ = Choose(kNoThread);
         turn_.notify_all();
     }
-    for (std::thread& runner : runners) {
-        runner.join();
+    {
+        const IdleScope idle;
+        for (std::thread& runner : runners) {
+            runner.join();
+        }
     }
     SetController(nullptr);
     longest_ = std::max(longest_, static_cast<unsigned>(choices_.size()));

@@ -33,9 +33,14 @@ bool Waiting::CanNeverMove(ThreadId thread, ThreadId origin, unsigned depth) con
     if (found == waits_.end() || found->second->deadline || found->second->isReady()) {
         return false;
     }
-    const std::vector<ThreadId> holders = found->second->heldBy();
-    return std::any_of(holders.begin(), holders.end(),
-                       [&](ThreadId holder) { return CanNeverMove(holder, origin, depth + 1); });
+    return CanNeverEnd(*found->second, origin, depth + 1);
+}
+
+bool Waiting::CanNeverEnd(const Wait& wait, ThreadId origin, unsigned depth) const
+{
+    const std::vector<ThreadId> holders = wait.heldBy();
+    const auto never = [&](ThreadId holder) { return CanNeverMove(holder, origin, depth); };
+    return wait.anyEndsIt ? std::ranges::all_of(holders, never) : std::ranges::any_of(holders, never);
 }
 
 std::optional<Wake> Waiting::Judge(const Wait& wait, ThreadId self) const
@@ -46,13 +51,13 @@ std::optional<Wake> Waiting::Judge(const Wait& wait, ThreadId self) const
     if (wait.deadline) {
         return std::chrono::steady_clock::now() >= *wait.deadline ? std::optional(Wake::kTimedOut) : std::nullopt;
     }
-    const std::vector<ThreadId> holders = wait.heldBy();
-    if (std::find(holders.begin(), holders.end(), self) != holders.end()) {
-        return Wake::kSelf;
+    if (!wait.anyEndsIt) {
+        const std::vector<ThreadId> holders = wait.heldBy();
+        if (std::ranges::find(holders, self) != holders.end()) {
+            return Wake::kSelf;
+        }
     }
-    const bool never =
-        std::any_of(holders.begin(), holders.end(), [&](ThreadId holder) { return CanNeverMove(holder, self, 0); });
-    return never ? std::optional(Wake::kNever) : std::nullopt;
+    return CanNeverEnd(wait, self, 0) ? std::optional(Wake::kNever) : std::nullopt;
 }
 
 Wake Waiting::Block(std::unique_lock<std::mutex>& lock, const Wait& wait)

@@ -19,10 +19,12 @@ using ThreadId = std::uint64_t;         // ThreadState::id
 inline constexpr ThreadId kNobody = 0;  // among the threads of a wait: no thread is left that could end it
 
 struct Wait {
-    std::string subject;                            // "wait lock #9"
-    std::function<bool()> isReady;                  // asked with the mutex held
-    std::function<std::vector<ThreadId>()> heldBy;  // each of these must move on first; asked with the mutex held
+    std::string subject;            // "wait lock #9"
+    std::function<bool()> isReady;  // asked with the mutex held
+    // Each of these must move on first; asked with the mutex held.
+    std::function<std::vector<ThreadId>()> heldBy;
     std::optional<std::chrono::steady_clock::time_point> deadline = std::nullopt;
+    bool anyEndsIt = false;  // one of them is enough, as for an event, which anybody may set
 };
 
 enum class Wake {
@@ -54,6 +56,7 @@ public:
 
 private:
     [[nodiscard]] bool CanNeverMove(ThreadId thread, ThreadId origin, unsigned depth) const;
+    [[nodiscard]] bool CanNeverEnd(const Wait& wait, ThreadId origin, unsigned depth) const;
     [[nodiscard]] std::optional<Wake> Judge(const Wait& wait, ThreadId self) const;
 
     std::condition_variable changed_;

@@ -45,6 +45,7 @@ typedef struct _LIST_ENTRY {
 PLATFORM_SIZE(LIST_ENTRY, 16);
 
 #include <ntinline.h>
+#include <ntdispatcher.h>
 
 #define OBJ_CASE_INSENSITIVE 0x00000040L
 #define OBJ_KERNEL_HANDLE 0x00000200L
@@ -189,9 +190,19 @@ FORCEINLINE VOID WritePointerNoFence(PVOID volatile* Destination, PVOID Value)
 #define RtlZeroMemory(Destination, Length) memset((Destination), 0, (Length))
 #define RtlEqualMemory(Destination, Source, Length) (!memcmp((Destination), (Source), (Length)))
 
-// ---- Pool, objects, callbacks, time ----
+// ---- Pool, objects, callbacks ----
 
 typedef enum _POOL_TYPE { NonPagedPool = 0, PagedPool = 1, NonPagedPoolNx = 512 } POOL_TYPE;
+
+typedef ULONG64 POOL_FLAGS;
+#define POOL_FLAG_USE_QUOTA 0x0000000000000001ULL
+#define POOL_FLAG_UNINITIALIZED 0x0000000000000002ULL
+#define POOL_FLAG_CACHE_ALIGNED 0x0000000000000008ULL
+#define POOL_FLAG_RAISE_ON_FAILURE 0x0000000000000020ULL
+#define POOL_FLAG_NON_PAGED 0x0000000000000040ULL
+#define POOL_FLAG_NON_PAGED_EXECUTE 0x0000000000000080ULL
+#define POOL_FLAG_PAGED 0x0000000000000100ULL
+typedef const struct _POOL_EXTENDED_PARAMETER* PCPOOL_EXTENDED_PARAMETER;
 
 typedef struct _CALLBACK_OBJECT *PCALLBACK_OBJECT;
 typedef VOID(NTAPI CALLBACK_FUNCTION)(PVOID CallbackContext, PVOID Argument1, PVOID Argument2);
@@ -223,6 +234,15 @@ NTKERNELAPI PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberO
 
 _IRQL_requires_max_(DISPATCH_LEVEL)
 NTKERNELAPI VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
+#define ExFreePool(a) ExFreePoolWithTag(a, 0)
+
+// Zeroed, unless the flags say otherwise.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+NTKERNELAPI PVOID NTAPI ExAllocatePool2(POOL_FLAGS Flags, SIZE_T NumberOfBytes, ULONG Tag);
+
+_IRQL_requires_max_(DISPATCH_LEVEL)
+NTKERNELAPI VOID NTAPI ExFreePool2(PVOID P, ULONG Tag, PCPOOL_EXTENDED_PARAMETER ExtendedParameters,
+                                   ULONG ExtendedParametersCount);
 
 _IRQL_requires_max_(APC_LEVEL)
 NTKERNELAPI NTSTATUS NTAPI ExCreateCallback(PCALLBACK_OBJECT* CallbackObject, POBJECT_ATTRIBUTES ObjectAttributes,
@@ -241,10 +261,6 @@ NTKERNELAPI VOID NTAPI ExNotifyCallback(PVOID CallbackObject, PVOID Argument1, P
 _IRQL_requires_max_(DISPATCH_LEVEL)
 NTKERNELAPI LONG_PTR NTAPI ObfDereferenceObject(PVOID Object);
 #define ObDereferenceObject(Object) ObfDereferenceObject(Object)
-
-_IRQL_requires_max_(APC_LEVEL)
-NTKERNELAPI NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
-                                                  PLARGE_INTEGER Interval);
 
 NTSYSAPI VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString);
 NTSYSAPI VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING SourceString);
@@ -265,6 +281,21 @@ NTSYSAPI ULONG NTAPI_VARIADIC DbgPrint(PCSTR Format, ...);
 
 NTKERNELAPI DECLSPEC_NORETURN VOID NTAPI KeBugCheckEx(ULONG BugCheckCode, ULONG_PTR Parameter1, ULONG_PTR Parameter2,
                                                       ULONG_PTR Parameter3, ULONG_PTR Parameter4);
+
+// What the WDK has for systems before ExAllocatePool2.
+FORCEINLINE PVOID ExAllocatePoolUninitialized(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
+{
+    return ExAllocatePoolWithTag(PoolType, NumberOfBytes, Tag);
+}
+
+FORCEINLINE PVOID ExAllocatePoolZero(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
+{
+    PVOID block = ExAllocatePoolWithTag(PoolType, NumberOfBytes, Tag);
+    if (block != NULL) {
+        RtlZeroMemory(block, NumberOfBytes);
+    }
+    return block;
+}
 
 // ---- Plug and play, as peer drivers use it ----
 
@@ -310,9 +341,6 @@ NTKERNELAPI NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_
 
 _IRQL_requires_max_(PASSIVE_LEVEL)
 NTKERNELAPI NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID NotificationEntry);
-
-// What the system allocated for a driver goes back without its tag.
-#define ExFreePool(a) ExFreePoolWithTag(a, 0)
 
 // ---- Event tracing ----
 

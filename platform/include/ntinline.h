@@ -53,9 +53,13 @@ FORCEINLINE VOID DbgRaiseAssertionFailure(VOID)
 #endif
 #define ASSERT(expression) NT_ASSERT(expression)
 
-// Says that a function may be paged out, and so runs at PASSIVE_LEVEL or APC_LEVEL. The WDK's checked builds look at the
-// level here; the host looks at it in each platform function that such code calls.
+// Says that a function may be paged out, and so runs at PASSIVE_LEVEL or APC_LEVEL. Checked builds look at the level
+// here; the host looks at it in each platform function that such code calls.
+#if DBG
+#define PAGED_CODE() NT_ASSERT(KeGetCurrentIrql() <= APC_LEVEL)
+#else
 #define PAGED_CODE() ((void)0)
+#endif
 
 // ---- Doubly linked lists: a head, and entries inside the records; whoever shares one locks it ----
 

@@ -95,7 +95,7 @@ typedef CHAR* PCHAR;
 typedef const CHAR* PCSTR;
 typedef BOOLEAN* PBOOLEAN;
 typedef LONGLONG* PLONGLONG;
-typedef ULONGLONG* PULONGLONG;
+typedef ULONGLONG *PULONGLONG, *PULONG64;
 typedef ULONG_PTR* PULONG_PTR;
 typedef WCHAR *PWCHAR, *PWSTR;
 typedef const WCHAR* PCWSTR;

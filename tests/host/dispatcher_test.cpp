@@ -1,0 +1,286 @@
+// Levels, spin locks, events and time as drivers have them from the kernel: what they answer, and which mistakes the host
+// finds in their use.
+#include "tests/host/faulty_driver_fixture.h"
+
+#include "host/kernel/kernel.h"
+
+#include <algorithm>
+#include <functional>
+
+namespace tests {
+namespace {
+
+constexpr LONGLONG kMillisecond = -10'000;
+
+NTSTATUS Wait(KEVENT& event, std::optional<LONGLONG> timeout = std::nullopt)
+{
+    LARGE_INTEGER time{.QuadPart = timeout.value_or(0)};
+    return KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, timeout ? &time : nullptr);
+}
+
+TEST(Events, GiveTheirSignalToAllOrToOne)
+{
+    FaultyDriverFixture fixture;
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    EXPECT_EQ(Wait(event, 0), STATUS_TIMEOUT);
+    EXPECT_EQ(KeSetEvent(&event, IO_NO_INCREMENT, FALSE), 0);
+    EXPECT_EQ(KeSetEvent(&event, IO_NO_INCREMENT, FALSE), 1);
+    EXPECT_EQ(Wait(event), STATUS_SUCCESS);
+    EXPECT_EQ(Wait(event, kMillisecond), STATUS_SUCCESS);
+    EXPECT_EQ(KeReadStateEvent(&event), 1);
+    EXPECT_EQ(KeResetEvent(&event), 1);
+    EXPECT_EQ(KeResetEvent(&event), 0);
+
+    KeInitializeEvent(&event, SynchronizationEvent, TRUE);
+    EXPECT_EQ(Wait(event), STATUS_SUCCESS);
+    EXPECT_EQ(KeReadStateEvent(&event), 0);
+    KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+    KeClearEvent(&event);
+    const host::ScopedIrql level(DISPATCH_LEVEL);
+    EXPECT_EQ(Wait(event, 0), STATUS_TIMEOUT);
+}
+
+// In virtual time: nothing is slept.
+TEST(Events, WaitsPassTheTimeThatNothingElseNeeds)
+{
+    FaultyDriverFixture fixture;
+    host::kernel::Clock& clock = host::kernel::Kernel::Current().clock;
+    KEVENT event;
+    KeInitializeEvent(&event, SynchronizationEvent, FALSE);
+    const std::int64_t begin = fixture.machine.Now();
+    EXPECT_EQ(Wait(event, 3600 * 1000 * kMillisecond), STATUS_TIMEOUT);
+    EXPECT_EQ(fixture.machine.Now() - begin, -3600 * 1000 * kMillisecond);
+    EXPECT_EQ(Wait(event, clock.SystemTime() + 70), STATUS_TIMEOUT);  // an absolute time
+    EXPECT_EQ(fixture.machine.Now() - begin, -3600 * 1000 * kMillisecond + 70);
+
+    const std::int64_t due = fixture.machine.Now() + 500;
+    clock.Schedule(due, [&] { KeSetEvent(&event, IO_NO_INCREMENT, FALSE); });
+    EXPECT_EQ(Wait(event, kMillisecond), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.machine.Now(), due);
+}
+
+TEST(Events, WaitsGiveQueuedWorkItsTurn)
+{
+    static KEVENT event;
+    FaultyDriverFixture fixture;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    fixture.table.Hooks->Work = [](WDFWORKITEM) NTAPI { KeSetEvent(&event, IO_NO_INCREMENT, FALSE); };
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    EXPECT_EQ(Wait(event), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.machine.QueuedWorkItems(), 0u);
+}
+
+TEST(Events, AWaitThatNobodyEndsIsADeadlock)
+{
+    FaultyDriverFixture fixture;
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    // A timer that only comes again does not end it.
+    host::kernel::Clock& clock = host::kernel::Kernel::Current().clock;
+    std::function<void()> again = [&] { clock.Schedule(clock.Now() + host::kernel::kUnitsPerSecond, again); };
+    again();
+    const host::Outcome outcome = fixture.machine.OnThread("peer", [&] { (void)Wait(event); });
+    EXPECT_TRUE(outcome.parked);
+    EXPECT_NE(outcome.reason.find("waits for the event at 0x"), std::string::npos) << outcome.reason;
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});
+}
+
+// With threads of its own the machine sleeps, and a wait hopes for every thread that has something to do.
+TEST(Events, OfAMachineWithThreadsAreSetAcrossThem)
+{
+    static KEVENT go;
+    static KEVENT gone;
+    FaultyDriverFixture fixture({.workItems = host::WorkItems::kThreads});
+    KeInitializeEvent(&go, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&gone, SynchronizationEvent, FALSE);
+    fixture.table.Hooks->Work = [](WDFWORKITEM) NTAPI {
+        EXPECT_EQ(Wait(go), STATUS_SUCCESS);
+        KeSetEvent(&gone, IO_NO_INCREMENT, FALSE);
+    };
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    EXPECT_EQ(Wait(gone, kMillisecond), STATUS_TIMEOUT);
+    KeSetEvent(&go, IO_NO_INCREMENT, FALSE);
+    EXPECT_EQ(Wait(gone), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    fixture.machine.WaitForWorkItems();  // meanwhile nobody is left to set it
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});
+    fixture.Abandon();
+}
+
+TEST(KernelSpinLocks, RaiseTheLevelUntilTheirRelease)
+{
+    FaultyDriverFixture fixture;
+    KSPIN_LOCK outer;
+    KSPIN_LOCK inner;
+    KeInitializeSpinLock(&outer);
+    KeInitializeSpinLock(&inner);
+    KIRQL before = HIGH_LEVEL;
+    KeAcquireSpinLock(&outer, &before);
+    EXPECT_EQ(before, PASSIVE_LEVEL);
+    KeAcquireSpinLockAtDpcLevel(&inner);
+    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+    KeReleaseSpinLockFromDpcLevel(&inner);
+    KeReleaseSpinLock(&outer, before);
+    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+    KeRaiseIrql(APC_LEVEL, &before);
+    EXPECT_EQ(KeGetCurrentIrql(), APC_LEVEL);
+    KeLowerIrql(before);
+    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+}
+
+// What a driver may do wrong with them: each is found, named, and the driver goes on.
+TEST(KernelSpinLocks, MistakesAreReported)
+{
+    static KSPIN_LOCK lock;
+    static KSPIN_LOCK other;
+    static KEVENT event;
+    struct Row {
+        const char* name;
+        void (*mistake)();
+        Rule rule;
+        const char* words;
+    };
+    const Row kRows[] = {
+        {"wait at DISPATCH_LEVEL",
+         [] {
+             KIRQL before;
+             KeAcquireSpinLock(&lock, &before);
+             EXPECT_EQ(Wait(event, kMillisecond), STATUS_TIMEOUT);
+             KeReleaseSpinLock(&lock, before);
+         },
+         Rule::kIrql, "KeWaitForSingleObject called from host on peer: called at IRQL 2, allowed up to 1"},
+        {"at DPC level below it", [] { KeAcquireSpinLockAtDpcLevel(&lock), KeReleaseSpinLock(&lock, PASSIVE_LEVEL); },
+         Rule::kIrql, "called at IRQL 0, allowed from 2 on"},
+        {"released below its level",
+         [] {
+             const KIRQL before = KeAcquireSpinLockRaiseToDpc(&lock);
+             KeLowerIrql(before);
+             KeReleaseSpinLock(&lock, before);
+         },
+         Rule::kIrql, "called at IRQL 0, but the lock was taken at 2"},
+        {"outer lock released first",
+         [] {
+             KIRQL before;
+             KIRQL raised;
+             KeAcquireSpinLock(&lock, &before);
+             KeAcquireSpinLock(&other, &raised);
+             KeReleaseSpinLock(&lock, before);
+             KeRaiseIrql(DISPATCH_LEVEL, &raised);
+             KeReleaseSpinLock(&other, raised);
+         },
+         Rule::kIrql, "the level goes down to 0 while the thread holds another spin lock"},
+        {"nobody holds it",
+         [] {
+             KIRQL before;
+             KeRaiseIrql(DISPATCH_LEVEL, &before);
+             KeReleaseSpinLock(&lock, before);
+             KeLowerIrql(before);
+         },
+         Rule::kLockNotOwned, "nobody holds it"},
+        {"taken again",
+         [] {
+             KIRQL before;
+             KeAcquireSpinLock(&lock, &before);
+             KeAcquireSpinLock(&lock, &before);
+         },
+         Rule::kSelfWait, "which it holds itself"},
+        {"kept", [] { (void)KeAcquireSpinLockRaiseToDpc(&other); }, Rule::kLockKept,
+         "it returned holding the spin lock that"},
+        {"level kept", [] { (void)KfRaiseIrql(DISPATCH_LEVEL); }, Rule::kIrql,
+         "it was called at IRQL 0 and returned at 2"},
+        {"raised to a lower level",
+         [] {
+             KIRQL before;
+             KeRaiseIrql(APC_LEVEL, &before);
+             (void)KfRaiseIrql(PASSIVE_LEVEL);
+         },
+         Rule::kIrql, "from 1 to 0, which is lower"},
+        {"lowered to a higher level", [] { KeLowerIrql(APC_LEVEL), KeLowerIrql(PASSIVE_LEVEL); }, Rule::kIrql,
+         "from 0 to 1, which is higher"},
+        {"no such event",
+         [] {
+             KEVENT copied = event;
+             KeSetEvent(&copied, IO_NO_INCREMENT, FALSE);
+         },
+         Rule::kBadParameter, "no event that KeInitializeEvent made"},
+        {"no such lock",
+         [] {
+             KSPIN_LOCK lockOfPool = 0xA5A5A5A5A5A5A5A5;
+             KeReleaseSpinLock(&lockOfPool, KeAcquireSpinLockRaiseToDpc(&lockOfPool));
+         },
+         Rule::kBadParameter, "not initialized by KeInitializeSpinLock"},
+    };
+    for (const Row& row : kRows) {
+        FaultyDriverFixture fixture;
+        KeInitializeEvent(&event, NotificationEvent, FALSE);
+        KeInitializeSpinLock(&lock);
+        KeInitializeSpinLock(&other);
+        (void)fixture.machine.OnThread("peer", row.mistake);
+        EXPECT_EQ(fixture.TakeRules(), std::vector{row.rule}) << row.name << "\n" << fixture.Text();
+        EXPECT_NE(fixture.Text().find(row.words), std::string::npos) << row.name << "\n" << fixture.Text();
+    }
+}
+
+TEST(KernelTime, IsThatOfTheMachinesClock)
+{
+    FaultyDriverFixture fixture;
+    LARGE_INTEGER frequency;
+    LARGE_INTEGER systemBefore;
+    LARGE_INTEGER systemAfter;
+    KeQuerySystemTime(&systemBefore);
+    const LONGLONG counterBefore = KeQueryPerformanceCounter(&frequency).QuadPart;
+    const ULONG64 interruptBefore = KeQueryInterruptTime();
+    LARGE_INTEGER interval{.QuadPart = 20 * kMillisecond};
+    EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &interval), STATUS_SUCCESS);
+    KeStallExecutionProcessor(5);
+    KeQuerySystemTime(&systemAfter);
+    EXPECT_EQ(systemAfter.QuadPart - systemBefore.QuadPart, 200'050);
+    EXPECT_EQ(KeQueryInterruptTime() - interruptBefore, 200'050u);
+    EXPECT_EQ((KeQueryPerformanceCounter(nullptr).QuadPart - counterBefore) * 1'000'000 / frequency.QuadPart, 20'005);
+}
+
+TEST(Pool, IsZeroedUnlessTheFlagsSayOtherwise)
+{
+    constexpr ULONG kTag = 'tseT';
+    FaultyDriverFixture fixture({.poolBytesMaximum = 64 * 1024});
+    struct Row {
+        POOL_FLAGS flags;
+        SIZE_T bytes;
+        int filledWith;  // -1: nothing is allocated
+        std::vector<Rule> rules;
+    };
+    const Row kRows[] = {
+        {POOL_FLAG_NON_PAGED, 100, 0, {}},
+        {POOL_FLAG_PAGED | POOL_FLAG_UNINITIALIZED, 100, 0xA5, {}},
+        {POOL_FLAG_NON_PAGED | POOL_FLAG_CACHE_ALIGNED, 100, 0, {}},
+        {POOL_FLAG_NON_PAGED | (1ULL << 40), 100, 0, {}},  // a request that may be ignored
+        {POOL_FLAG_NON_PAGED, 1 << 20, -1, {}},
+        {POOL_FLAG_NON_PAGED_EXECUTE, 100, 0, {Rule::kBadParameter}},
+        {POOL_FLAG_NON_PAGED | POOL_FLAG_PAGED, 100, -1, {Rule::kBadParameter}},
+        {POOL_FLAG_UNINITIALIZED, 100, -1, {Rule::kBadParameter}},
+        {POOL_FLAG_NON_PAGED | 0x400, 100, -1, {Rule::kBadParameter}},
+    };
+    for (const Row& row : kRows) {
+        const auto* block = static_cast<const unsigned char*>(ExAllocatePool2(row.flags, row.bytes, kTag));
+        EXPECT_EQ(fixture.TakeRules(), row.rules) << fixture.Text();
+        ASSERT_EQ(block == nullptr, row.filledWith < 0) << row.flags;
+        if (block != nullptr) {
+            EXPECT_TRUE(std::all_of(block, block + row.bytes, [&](int byte) { return byte == row.filledWith; }));
+            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % ((row.flags & POOL_FLAG_CACHE_ALIGNED) != 0 ? 64 : 16),
+                      0u);
+            ExFreePool2(const_cast<unsigned char*>(block), kTag, nullptr, 0);
+        }
+    }
+    const host::Outcome outcome = fixture.machine.OnThread(
+        "peer", [] { (void)ExAllocatePool2(POOL_FLAG_PAGED | POOL_FLAG_RAISE_ON_FAILURE, 1 << 20, kTag); });
+    EXPECT_NE(outcome.reason.find("POOL_FLAG_RAISE_ON_FAILURE asks for an exception"), std::string::npos);
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kNotProvided});
+    ExFreePool(ExAllocatePoolZero(NonPagedPoolNx, 8, kTag));  // frees whatever tag
+    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+}
+
+}  // namespace
+}  // namespace tests
