@@ -71,7 +71,7 @@ Object* ObjectTree::ParentFor(const PlatformCall& call, const WDF_OBJECT_ATTRIBU
             return nullptr;
         }
     }
-    if (parent->deleted) {
+    if (parent->IsDeleted()) {
         status = STATUS_DELETE_PENDING;
         return nullptr;
     }

@@ -166,9 +166,9 @@ void HandleTable::Add(std::unique_ptr<Object> object)
     Slot& slot = At(index);
     added.handle = reinterpret_cast<WDFOBJECT>(first_ + index * kHandleStep);
     added.slot = &slot;
-    added.serial = ++serials_[static_cast<std::size_t>(added.type)];
-    added.previousAlive = lastAlive_;
-    (lastAlive_ != nullptr ? lastAlive_->nextAlive : firstAlive_) = &added;
+    added.serial_ = ++serials_[static_cast<std::size_t>(added.type)];
+    added.previousAlive_ = lastAlive_;
+    (lastAlive_ != nullptr ? lastAlive_->nextAlive_ : firstAlive_) = &added;
     lastAlive_ = &added;
     const std::string_view name =
         added.contexts.empty() ? std::string_view() : added.contexts.front().type->ContextName;
@@ -181,8 +181,8 @@ void HandleTable::Add(std::unique_ptr<Object> object)
 
 void HandleTable::Remove(Object& object)
 {
-    (object.previousAlive != nullptr ? object.previousAlive->nextAlive : firstAlive_) = object.nextAlive;
-    (object.nextAlive != nullptr ? object.nextAlive->previousAlive : lastAlive_) = object.previousAlive;
+    (object.previousAlive_ != nullptr ? object.previousAlive_->nextAlive_ : firstAlive_) = object.nextAlive_;
+    (object.nextAlive_ != nullptr ? object.nextAlive_->previousAlive_ : lastAlive_) = object.previousAlive_;
     if (object.type == ObjectType::kCollection) {
         const SlotLock lock(*object.slot);  // nobody looks for an item now
         object.slot->object.store(nullptr, std::memory_order_release);
@@ -196,7 +196,7 @@ void HandleTable::ForEach(const std::function<void(Object&)>& visit) const
 {
     Object* next = nullptr;
     for (Object* object = firstAlive_; object != nullptr; object = next) {
-        next = object->nextAlive;
+        next = object->nextAlive_;
         visit(*object);
     }
 }

@@ -10,10 +10,10 @@ ObjectView View(const Object& object)
     ObjectView view;
     view.handle = object.handle;
     view.type = object.type;
-    view.references = object.references;
-    view.deleted = object.deleted;
-    view.parent = object.parent != nullptr ? object.parent->handle : nullptr;
-    for (const Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
+    view.references = object.References();
+    view.deleted = object.IsDeleted();
+    view.parent = object.parent() != nullptr ? object.parent()->handle : nullptr;
+    for (const Object* child = object.firstChild(); child != nullptr; child = child->nextSibling()) {
         view.children.push_back(child->handle);
     }
     for (const struct Context& context : object.contexts) {

@@ -19,7 +19,7 @@ std::vector<IoTargetObject*> TargetsOn(const Framework& framework, const DeviceO
 {
     std::vector<IoTargetObject*> targets;
     framework.handles.ForEach([&](const Object& object) {
-        if (object.type == ObjectType::kIoTarget && !object.deleted) {
+        if (object.type == ObjectType::kIoTarget && !object.IsDeleted()) {
             auto& target = const_cast<IoTargetObject&>(static_cast<const IoTargetObject&>(object));
             if (target.device == &device) {
                 targets.push_back(&target);

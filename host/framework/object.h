@@ -80,13 +80,15 @@ private:
     Context* last_ = nullptr;
 };
 
-struct Object : KeepsKind<Object> {
+class Object : public KeepsKind<Object> {
+public:
     Object(ObjectType objectType, DriverInstance* owner) : type(objectType), driver(owner) {}
     virtual ~Object() = default;
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
 
-    // What a type of objects adds to the end of an object; the object tree calls it.
+    // ---- What a type of objects adds to the end of an object; the object tree calls it ----
+
     // After the children are disposed, before the clean-up callbacks: waits for what is under way, closes what is open.
     // The lock is released meanwhile.
     virtual void OnDispose(Framework& /*framework*/, std::unique_lock<std::mutex>& /*lock*/) {}
@@ -102,30 +104,25 @@ struct Object : KeepsKind<Object> {
     // Adds what the inspector shows of this type.
     virtual void Show(ObjectView& /*view*/) const {}
 
+    // ---- Its state, which the object tree changes ----
+
+    [[nodiscard]] bool IsDeleted() const { return deleted_; }    // delete or the parent's end has begun
+    [[nodiscard]] bool IsFinished() const { return finished_; }  // the creation reference is given up
+    // The creation reference, the driver's own and those of collections.
+    [[nodiscard]] long References() const { return references_; }
+    [[nodiscard]] Object* parent() const { return parent_; }
+    [[nodiscard]] Object* firstChild() const { return firstChild_; }
+    [[nodiscard]] Object* nextSibling() const { return nextSibling_; }
+
+    // ---- Set at its creation ----
+
     const ObjectType type;
     DriverInstance* const driver;
     WDFOBJECT handle = nullptr;
     Slot* slot = nullptr;
     ContextList contexts;
-    long references = 1;        // the creation reference, the driver's own and those of collections
-    long driverReferences = 0;  // the driver's own: what it may give back
-    bool deleted = false;       // delete or the parent's end has begun
-    bool finished = false;      // the creation reference is given up
-    bool noDelete = false;      // not for the driver to delete
-    unsigned serial = 0;        // among the objects of its type, for reports
-
-    // Children in creation order, as a list through the siblings: clients have many short-lived ones.
-    Object* parent = nullptr;
-    Object* firstChild = nullptr;
-    Object* lastChild = nullptr;
-    Object* previousSibling = nullptr;
-    Object* nextSibling = nullptr;
-
-    // All objects alive, in creation order.
-    Object* previousAlive = nullptr;
-    Object* nextAlive = nullptr;
-
-    std::string name;  // for reports; may be empty
+    std::string name;       // for reports; may be empty
+    bool noDelete = false;  // not for the driver to delete
 
     // From the creation attributes when these name no context type; a context carries its own.
     PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup = nullptr;
@@ -134,6 +131,28 @@ struct Object : KeepsKind<Object> {
     // Taken from the parent when the object gets its place, unless its attributes say otherwise.
     WDF_EXECUTION_LEVEL executionLevel = WdfExecutionLevelInheritFromParent;
     WDF_SYNCHRONIZATION_SCOPE synchronizationScope = WdfSynchronizationScopeInheritFromParent;
+
+private:
+    friend class ObjectTree;
+    friend class HandleTable;
+    friend std::string Describe(const Object& object);
+
+    long references_ = 1;
+    long driverReferences_ = 0;  // the driver's own: what it may give back
+    bool deleted_ = false;
+    bool finished_ = false;
+    unsigned serial_ = 0;  // among the objects of its type, for reports
+
+    // Children in creation order, as a list through the siblings: clients have many short-lived ones.
+    Object* parent_ = nullptr;
+    Object* firstChild_ = nullptr;
+    Object* lastChild_ = nullptr;
+    Object* previousSibling_ = nullptr;
+    Object* nextSibling_ = nullptr;
+
+    // All objects alive, in creation order.
+    Object* previousAlive_ = nullptr;
+    Object* nextAlive_ = nullptr;
 };
 
 struct GeneralObject final : Object {

@@ -26,7 +26,7 @@ const Object* DriverOf(const Object& object)
 // Whose removal waits for the object's disposal.
 const Object* OwnerOfDisposals(const Object& object)
 {
-    for (const Object* above = object.parent; above != nullptr; above = above->parent) {
+    for (const Object* above = object.parent(); above != nullptr; above = above->parent()) {
         if (above->type == ObjectType::kDevice) {
             return above;
         }
@@ -39,7 +39,7 @@ bool TreeNeedsPassiveLevel(const Object& object)
     if (object.NeedsPassiveLevel()) {
         return true;
     }
-    for (const Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
+    for (const Object* child = object.firstChild(); child != nullptr; child = child->nextSibling()) {
         if (TreeNeedsPassiveLevel(*child)) {
             return true;
         }
@@ -51,7 +51,7 @@ bool TreeNeedsPassiveLevel(const Object& object)
 
 std::string Describe(const Object& object)
 {
-    std::string text = std::string(Name(object.type)) + " #" + std::to_string(object.serial);
+    std::string text = std::string(Name(object.type)) + " #" + std::to_string(object.serial_);
     if (!object.name.empty()) {
         text += " (" + object.name + ")";
     } else if (!object.contexts.empty()) {
@@ -73,25 +73,27 @@ void ObjectTree::Register(std::unique_ptr<Object> object, Object* parent)
             parent != nullptr ? parent->synchronizationScope : WdfSynchronizationScopeNone;
     }
     if (parent != nullptr) {
-        registered.parent = parent;
-        registered.previousSibling = parent->lastChild;
-        (parent->lastChild != nullptr ? parent->lastChild->nextSibling : parent->firstChild) = &registered;
-        parent->lastChild = &registered;
+        registered.parent_ = parent;
+        registered.previousSibling_ = parent->lastChild_;
+        (parent->lastChild_ != nullptr ? parent->lastChild_->nextSibling_ : parent->firstChild_) = &registered;
+        parent->lastChild_ = &registered;
     }
     framework_.handles.Add(std::move(object));
 }
 
 void ObjectTree::Unlink(Object& object)
 {
-    if (object.parent == nullptr) {
+    if (object.parent_ == nullptr) {
         return;
     }
-    Object& parent = *object.parent;
-    (object.previousSibling != nullptr ? object.previousSibling->nextSibling : parent.firstChild) = object.nextSibling;
-    (object.nextSibling != nullptr ? object.nextSibling->previousSibling : parent.lastChild) = object.previousSibling;
-    object.parent = nullptr;
-    object.previousSibling = nullptr;
-    object.nextSibling = nullptr;
+    Object& parent = *object.parent_;
+    (object.previousSibling_ != nullptr ? object.previousSibling_->nextSibling_ : parent.firstChild_) =
+        object.nextSibling_;
+    (object.nextSibling_ != nullptr ? object.nextSibling_->previousSibling_ : parent.lastChild_) =
+        object.previousSibling_;
+    object.parent_ = nullptr;
+    object.previousSibling_ = nullptr;
+    object.nextSibling_ = nullptr;
 }
 
 Object* ObjectTree::ResolveAny(const PlatformCall& call, const void* handle, const char* argument) const
@@ -126,9 +128,29 @@ void ObjectTree::ReportWrongType(const PlatformCall& call, const Object& object,
 
 // ---- References ----
 
+bool ObjectTree::ReferenceForDriver(Object& object)
+{
+    if (object.references_ == 0) {
+        return false;
+    }
+    ++object.references_;
+    ++object.driverReferences_;
+    return true;
+}
+
+bool ObjectTree::DereferenceForDriver(std::unique_lock<std::mutex>& lock, Object& object)
+{
+    if (object.driverReferences_ == 0) {
+        return false;
+    }
+    --object.driverReferences_;
+    Dereference(lock, object);
+    return true;
+}
+
 void ObjectTree::Dereference(std::unique_lock<std::mutex>& lock, Object& object)
 {
-    if (--object.references != 0) {
+    if (--object.references_ != 0) {
         return;
     }
     if (ThreadState::Current().irql > PASSIVE_LEVEL && object.NeedsPassiveLevel()) {
@@ -146,14 +168,14 @@ void ObjectTree::Dereference(std::unique_lock<std::mutex>& lock, Object& object)
 
 void ObjectTree::Delete(std::unique_lock<std::mutex>& lock, Object& object)
 {
-    if (object.deleted) {
+    if (object.deleted_) {
         ++secondDeletes_;
         return;
     }
-    if (object.parent != nullptr && object.parent->deleted) {
+    if (object.parent_ != nullptr && object.parent_->deleted_) {
         return;  // the parent's end is under way and includes it
     }
-    object.deleted = true;
+    object.deleted_ = true;
     const Object* owner = OwnerOfDisposals(object);
     Unlink(object);
     if (ThreadState::Current().irql > PASSIVE_LEVEL && TreeNeedsPassiveLevel(object)) {
@@ -178,9 +200,9 @@ void ObjectTree::DisposeAndFinish(std::unique_lock<std::mutex>& lock, Object& ob
 
 void ObjectTree::Dispose(std::unique_lock<std::mutex>& lock, Object& object)
 {
-    object.deleted = true;
-    for (Object* child = object.firstChild; child != nullptr; child = child->nextSibling) {
-        if (!child->deleted) {
+    object.deleted_ = true;
+    for (Object* child = object.firstChild_; child != nullptr; child = child->nextSibling_) {
+        if (!child->deleted_) {
             Dispose(lock, *child);
         }
     }
@@ -194,12 +216,12 @@ void ObjectTree::Dispose(std::unique_lock<std::mutex>& lock, Object& object)
 
 void ObjectTree::Finish(std::unique_lock<std::mutex>& lock, Object& object)
 {
-    object.deleted = true;
-    object.finished = true;
-    while (object.firstChild != nullptr) {
-        Object& child = *object.firstChild;
+    object.deleted_ = true;
+    object.finished_ = true;
+    while (object.firstChild_ != nullptr) {
+        Object& child = *object.firstChild_;
         Unlink(child);
-        if (!child.finished) {
+        if (!child.finished_) {
             Finish(lock, child);
         }
     }
@@ -251,8 +273,8 @@ void ObjectTree::ReportLeftBy(const DriverInstance& driver)
         if (object.driver != &driver) {
             return;
         }
-        const std::string references = std::to_string(object.references) + " references";
-        if (object.finished) {
+        const std::string references = std::to_string(object.references_) + " references";
+        if (object.finished_) {
             framework_.environment.Report(Rule::kReferenceLeak, "unload",
                                           Describe(object) + " was deleted, but " + references + " keep it", nullptr);
         } else {

@@ -41,9 +41,13 @@ public:
     void ApplyAttributes(Object& object, const WDF_OBJECT_ATTRIBUTES* attributes);
     const Context& AddContext(Object& object, const WDF_OBJECT_ATTRIBUTES& attributes);
 
-    static void Reference(Object& object) { ++object.references; }
+    static void Reference(Object& object) { ++object.references_; }
     // Gives up one reference; at 0 destroy callbacks run and the memory goes.
     void Dereference(std::unique_lock<std::mutex>& lock, Object& object);
+    // The same for references of the driver's own. False, and nothing is done, when the object is being destroyed, and
+    // when the driver has none to give up.
+    [[nodiscard]] static bool ReferenceForDriver(Object& object);
+    [[nodiscard]] bool DereferenceForDriver(std::unique_lock<std::mutex>& lock, Object& object);
 
     // Disposes a live object and gives up its creation reference; later, on a system thread, when the level does not
     // allow it now. Ignored when the object is deleted already.

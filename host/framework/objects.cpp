@@ -41,12 +41,9 @@ void NTAPI ObjectReference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, P
     if (object == nullptr) {
         return;
     }
-    if (object->references == 0) {
+    if (!ObjectTree::ReferenceForDriver(*object)) {
         call.Violation(Rule::kDeadHandle, Describe(*object) + " is referenced while it is destroyed");
-        return;
     }
-    ObjectTree::Reference(*object);
-    ++object->driverReferences;
 }
 
 void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, PCHAR)
@@ -58,17 +55,14 @@ void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG,
     if (object == nullptr) {
         return;
     }
-    if (object->driverReferences == 0) {
+    const bool isLast = object->References() == 1 && !object->IsFinished();
+    if (!framework.objects.DereferenceForDriver(lock, *object)) {
         // The real system stops here, or frees an object that its owner or a collection frees again later. The host
         // keeps it and says so.
         call.Violation(Rule::kReferenceUnderflow,
-                       Describe(*object) + (object->references == 1 && !object->finished
-                                                ? " loses its last reference without having been deleted"
-                                                : " loses a reference that its creation or a collection holds"));
-        return;
+                       Describe(*object) + (isLast ? " loses its last reference without having been deleted"
+                                                   : " loses a reference that its creation or a collection holds"));
     }
-    --object->driverReferences;
-    framework.objects.Dereference(lock, *object);
 }
 
 namespace {
@@ -134,7 +128,7 @@ NTSTATUS NTAPI ObjectAllocateContext(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PWDF
     if (attributes->ContextTypeInfo == nullptr) {
         return STATUS_OBJECT_NAME_INVALID;
     }
-    if (object->deleted) {
+    if (object->IsDeleted()) {
         return STATUS_DELETE_PENDING;
     }
     if (const Context* existing = object->contexts.Find(attributes->ContextTypeInfo->UniqueType)) {

@@ -95,7 +95,7 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     }
     const Object* above = parent;
     while (above != nullptr && above != device) {
-        above = above->parent;
+        above = above->parent();
     }
     if (above == nullptr) {
         return STATUS_INVALID_DEVICE_REQUEST;

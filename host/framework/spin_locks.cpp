@@ -53,7 +53,7 @@ void NTAPI SpinLockAcquire(PWDF_DRIVER_GLOBALS, WDFSPINLOCK handle)
         };
         ObjectTree::Reference(*spinLock);  // whoever deletes it meanwhile shall not pull it from under us
         const schedule::Wake wake = framework.threads.Block(lock, wait);
-        const bool isLast = spinLock->references == 1;
+        const bool isLast = spinLock->References() == 1;
         if (isLast) {
             call.Violation(Rule::kDeadHandle, Describe(*spinLock) + " went while a thread waited for it");
         }

@@ -92,7 +92,7 @@ bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, con
     };
     ObjectTree::Reference(waitLock);  // whoever deletes it meanwhile shall not pull it from under us
     const schedule::Wake wake = framework.threads.Block(lock, wait);
-    const bool isLast = waitLock.references == 1;
+    const bool isLast = waitLock.References() == 1;
     if (isLast) {
         call.Violation(Rule::kDeadHandle, Describe(waitLock) + " went while a thread waited for it");
     }

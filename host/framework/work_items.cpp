@@ -44,7 +44,7 @@ NTSTATUS NTAPI WorkItemCreate(PWDF_DRIVER_GLOBALS globals, PWDF_WORKITEM_CONFIG 
     }
     const Object* device = parent;
     while (device != nullptr && device->type != ObjectType::kDevice) {
-        device = device->parent;
+        device = device->parent();
     }
     if (device == nullptr) {
         return STATUS_INVALID_DEVICE_REQUEST;
@@ -95,7 +95,7 @@ WDFOBJECT NTAPI WorkItemGetParentObject(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     const auto* item = framework.objects.Resolve<WorkItemObject>(call, handle, "WorkItem");
-    return item == nullptr || item->parent == nullptr ? nullptr : item->parent->handle;
+    return item == nullptr || item->parent() == nullptr ? nullptr : item->parent()->handle;
 }
 
 void NTAPI WorkItemFlush(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
