@@ -1,7 +1,7 @@
 #include "tests/fuzz/file_fuzzer.h"
 
+#include "host/checks/child_process.h"
 #include "host/checks/crash.h"
-#include "tests/model/child_process.h"
 
 #include <algorithm>
 #include <chrono>
@@ -40,7 +40,7 @@ std::string ReadOne(const FileKind& kind, const std::string& bytes, BatchProgres
     return sentence.starts_with(kFileName) ? kGood : "refused with a sentence that does not name the file: " + sentence;
 }
 
-bool IsReportedFault(const FileKind& kind, const model::ChildResult& result)
+bool IsReportedFault(const FileKind& kind, const host::checks::ChildResult& result)
 {
     const std::string exit = "status " + std::to_string(host::checks::kMemoryFaultExit) + "\n";
     return !kind.memoryFault.empty() && result.failure.find(exit) != std::string::npos &&
@@ -48,7 +48,7 @@ bool IsReportedFault(const FileKind& kind, const model::ChildResult& result)
 }
 
 // Empty when the process came to its end with nothing wrong, or to one that the kind allows.
-std::string Wrong(const FileKind& kind, const model::ChildResult& result)
+std::string Wrong(const FileKind& kind, const host::checks::ChildResult& result)
 {
     if (result.result == kGood || IsReportedFault(kind, result)) {
         return {};
@@ -60,8 +60,8 @@ std::string Wrong(const FileKind& kind, const model::ChildResult& result)
 // What is wrong when this file alone is read by a process of its own; empty when nothing is.
 std::string TryAlone(const FileKind& kind, const std::string& bytes)
 {
-    return Wrong(kind, model::RunInChild([&] {
-                     model::SetWatchdog(kFileSeconds);
+    return Wrong(kind, host::checks::RunInChild([&] {
+                     host::checks::SetWatchdog(kFileSeconds);
                      BatchProgress progress;
                      return ReadOne(kind, bytes, progress);
                  }));
@@ -121,13 +121,13 @@ std::optional<FuzzFailure> FuzzFiles(const FileKind& kind, const FuzzBudget& bud
                std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() >= budget.seconds;
     };
     const std::vector<std::string> originals = kind.originals();
-    const model::Shared<BatchProgress> progress;
+    const host::checks::Shared<BatchProgress> progress;
     for (std::uint64_t number = 0; (budget.files == 0 || number < budget.files) && !isOver();) {
         const std::uint64_t count = std::min(kBatch, budget.files == 0 ? kBatch : budget.files - number);
         *progress = {};
-        const model::ChildResult result = model::RunInChild([&] {
+        const host::checks::ChildResult result = host::checks::RunInChild([&] {
             for (; (*progress).done < count && !isOver(); ++(*progress).done) {
-                model::SetWatchdog(kFileSeconds);
+                host::checks::SetWatchdog(kFileSeconds);
                 const std::string bytes = MutatedFile(kind, originals, budget.seed, number + (*progress).done);
                 std::string wrong = ReadOne(kind, bytes, *progress);
                 if (wrong != kGood) {

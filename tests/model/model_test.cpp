@@ -1,11 +1,11 @@
 // Random sequences of the driver against the model within a fixed budget, and what happens when the two disagree.
 #include "tests/model/run.h"
 
+#include "host/checks/child_process.h"
 #include "host/checks/crash.h"
 #include "tests/kit/death.h"
 #include "tests/kit/driver_fixture.h"
 #include "tests/kit/settings.h"
-#include "tests/model/child_process.h"
 #include "tests/model/observed.h"
 #include "tools/play/player.h"
 #include "tools/play/reading/scenario_reader.h"
@@ -68,7 +68,7 @@ std::ptrdiff_t Mappings()
 TEST_P(Sequences, LeaveNothingMapped)
 {
     constexpr std::uint64_t kFew = 200;
-    const model::ChildResult ending = model::RunInChild([] {
+    const host::checks::ChildResult ending = host::checks::RunInChild([] {
         model::Totals totals;
         const std::ptrdiff_t before = Mappings();
         for (std::uint64_t number = 0; number < kFew; ++number) {
@@ -205,12 +205,12 @@ std::string Play(const model::Sequence& sequence, const std::optional<model::Mis
 TEST(Scenarios, OfSequencesPlayAsTheModelExpects)
 {
     const model::Finding finding = FindingOf(Model::ModelBug::kNotifiesOfOwnStates);
-    const model::ChildResult ending = model::RunInChild([&] {
+    const host::checks::ChildResult ending = host::checks::RunInChild([&] {
         unsigned hangs = 0;
         std::uint64_t number = 0;
         const host::checks::CrashContext words([&] { return "sequence " + std::to_string(number) + " of seed 99"; });
         for (; number < 150; ++number) {
-            model::SetWatchdog(model::kWatchdogSeconds);
+            host::checks::SetWatchdog(model::kWatchdogSeconds);
             model::Sequence sequence = model::Decode(model::RandomBytes(99, number));
             sequence.mayHang = number % 10 == 0;
             sequence = model::Playable(sequence);

@@ -1,6 +1,6 @@
 #include "tests/model/run.h"
 
-#include "tests/model/child_process.h"
+#include "host/checks/child_process.h"
 #include "tests/model/observed.h"
 
 #include <algorithm>
@@ -11,6 +11,11 @@
 
 namespace model {
 namespace {
+
+using host::checks::ChildResult;
+using host::checks::RunInChild;
+using host::checks::SetWatchdog;
+using host::checks::Shared;
 
 constexpr std::size_t kCompareStateEvery = 8;  // operations
 

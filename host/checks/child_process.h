@@ -7,7 +7,7 @@
 #include <new>
 #include <string>
 
-namespace model {
+namespace host::checks {
 
 struct ChildResult {
     std::string result;   // what the work returned
@@ -17,12 +17,12 @@ struct ChildResult {
 };
 
 // Does the work in a child of this process and waits until it is done. Only what is Shared, and the result, come back.
-// Throws host::HostError with the text of what the work throws, or when there can be no child. The calling thread must be
+// Throws HostError with the text of what the work throws, or when there can be no child. The calling thread must be
 // the only one: so not after a sequence in this process that left a hanging thread.
 [[nodiscard]] ChildResult RunInChild(const std::function<std::string()>& work);
 
 // For the work: ends its process unless it is called again, or the work is done, within so many seconds of processor
-// time, or of waiting for what does not come (host/checks/watchdog.h). 0: no more.
+// time, or of waiting for what does not come (watchdog.h). 0: no more.
 void SetWatchdog(double seconds);
 
 // A value that both processes see, for as long as this object exists. A plain type.
@@ -46,4 +46,4 @@ private:
     void* memory_;
 };
 
-}  // namespace model
+}  // namespace host::checks

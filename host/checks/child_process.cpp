@@ -1,4 +1,4 @@
-#include "tests/model/child_process.h"
+#include "host/checks/child_process.h"
 
 #include "host/checks/watchdog.h"
 #include "host/environment.h"
@@ -16,7 +16,7 @@
 #include <optional>
 #include <sstream>
 
-namespace model {
+namespace host::checks {
 namespace {
 
 constexpr char kDone = '+';
@@ -28,7 +28,7 @@ public:
     Paper() : descriptor_(memfd_create("paper", MFD_CLOEXEC))
     {
         if (descriptor_ < 0) {
-            throw host::HostError(std::string("no memory for a process of its own: ") + std::strerror(errno));
+            throw HostError(std::string("no memory for a process of its own: ") + std::strerror(errno));
         }
     }
     ~Paper() { close(descriptor_); }
@@ -110,7 +110,7 @@ ChildResult RunInChild(const std::function<std::string()>& work)
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child < 0) {
-        throw host::HostError(std::string("no process of its own: ") + std::strerror(errno));
+        throw HostError(std::string("no process of its own: ") + std::strerror(errno));
     }
     if (child == 0) {
         Child(work, result, printed);
@@ -126,16 +126,16 @@ ChildResult RunInChild(const std::function<std::string()>& work)
     const char how = ending.result.empty() ? kDone : ending.result.front();
     ending.result.erase(0, 1);
     if (how == kThrew && ending.failure.empty()) {
-        throw host::HostError(ending.result);
+        throw HostError(ending.result);
     }
     return ending;
 }
 
 void SetWatchdog(double seconds)
 {
-    static std::optional<host::checks::Watchdog> watchdog;
+    static std::optional<Watchdog> watchdog;
     static double limit = 0;
-    host::checks::Watchdog::Progress();
+    Watchdog::Progress();
     if (seconds == limit) {
         return;
     }
@@ -147,4 +147,4 @@ void SetWatchdog(double seconds)
     }
 }
 
-}  // namespace model
+}  // namespace host::checks
