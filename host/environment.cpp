@@ -171,7 +171,12 @@ PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maxim
         environment.observer()({function, caller, detail});
     }
     if ((armed & kArmedFaults) != 0) {
-        fault_ = environment.faults.Strike(function, [&] { return environment.modules.FunctionAt(caller); }, detail);
+        fault_ = environment.faults.Strike(
+            function,
+            [&] {
+                return checks::CallSite{environment.modules.NameAt(caller), environment.modules.FunctionAt(caller)};
+            },
+            detail);
     }
 }
 

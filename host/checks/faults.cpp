@@ -5,6 +5,19 @@
 #include <utility>
 
 namespace host::checks {
+namespace {
+
+bool IsFrom(const Fault& fault, const std::function<CallSite()>& site)
+{
+    if (fault.module.empty() && fault.caller.empty()) {
+        return true;
+    }
+    const CallSite here = site();
+    return (fault.module.empty() || fault.module == here.module) &&
+           (fault.caller.empty() || fault.caller == here.function);
+}
+
+}  // namespace
 
 void FaultPlan::Add(Fault fault)
 {
@@ -39,14 +52,12 @@ unsigned FaultPlan::StruckCount() const
     return struck_;
 }
 
-std::optional<Fault> FaultPlan::Strike(const char* function, const std::function<std::string()>& caller,
-                                       const char* detail)
+std::optional<Fault> FaultPlan::Strike(const char* function, const std::function<CallSite()>& site, const char* detail)
 {
     const std::lock_guard lock(mutex_);
     for (Armed& armed : armed_) {
         const Fault& fault = armed.fault;
-        if (fault.function != function || (!fault.detail.empty() && fault.detail != detail) ||
-            (!fault.caller.empty() && fault.caller != caller())) {
+        if (fault.function != function || (!fault.detail.empty() && fault.detail != detail) || !IsFrom(fault, site)) {
             continue;
         }
         const unsigned seen = armed.seen++;

@@ -21,6 +21,7 @@ enum class FaultForm {
 
 struct Fault {
     std::string function;     // "WdfCollectionAdd"; "WdfGetDriver" hides the driver handle in the globals
+    std::string module = {};  // only calls from this image ("fan.sys"); empty: from any
     std::string caller = {};  // only calls from this driver function; empty: from anywhere
     std::string detail = {};  // only calls with this detail (context type name, routine name); empty: any
     unsigned skip = 0;        // let this many matching calls pass first
@@ -29,6 +30,12 @@ struct Fault {
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
 
     static constexpr unsigned kSticky = ~0u;
+};
+
+// Where a call comes from.
+struct CallSite {
+    std::string module;    // "fan.sys"; empty: no image
+    std::string function;  // "FanDeviceAdd"; empty: it has no name
 };
 
 // Faults are consumed in call order and stay until cleared. Thread-safe.
@@ -40,9 +47,9 @@ public:
     // How many calls the faults have made fail since the last Clear. A test asserts that its fault struck.
     [[nodiscard]] unsigned StruckCount() const;
 
-    // Asked by every platform call with its name, the name of the driver function it was called from, which is looked
-    // up only for faults that want to know, and its detail.
-    [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::function<std::string()>& caller,
+    // Asked by every platform call with its name, where it was called from, which is looked up only for faults that want
+    // to know, and its detail.
+    [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::function<CallSite()>& site,
                                               const char* detail);
 
     // Called when the driver handle in the globals is to be hidden (true) or shown again. Set by the framework.

@@ -60,6 +60,13 @@ std::string Modules::Describe(const void* address) const
     return module->name + Offset(offset);
 }
 
+std::string Modules::NameAt(const void* address) const
+{
+    const std::lock_guard lock(mutex_);
+    const Module* module = Find(address);
+    return module == nullptr ? std::string() : module->name;
+}
+
 std::string Modules::FunctionAt(const void* address) const
 {
     const std::lock_guard lock(mutex_);

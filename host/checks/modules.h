@@ -26,6 +26,9 @@ public:
     // "zepn.sys!NotifierEvtDeviceAdd+0x1f4", "zepn.sys+0x21f4" without symbols, "host" for an address in no image.
     [[nodiscard]] std::string Describe(const void* address) const;
 
+    // The name of the image that holds an address ("zepn.sys"), or empty.
+    [[nodiscard]] std::string NameAt(const void* address) const;
+
     // The bare function name around an address ("NotifierEvtDeviceAdd"), or empty.
     [[nodiscard]] std::string FunctionAt(const void* address) const;
 

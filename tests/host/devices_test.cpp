@@ -452,6 +452,9 @@ TEST(Faults, StrikeTheNamedCallOfTheNamedFunctionOnce)
     host::checks::Fault fault;
     fault.function = "WdfWorkItemCreate";
     fault.caller = "CreateParts";
+    fault.module = "another.sys";
+    machine.faults().Add(fault);
+    fault.module = "faulty.so";
     machine.faults().Add(fault);
     host::Driver& driver = machine.Load(FAULTY_DRIVER, "faulty");
     EXPECT_EQ(driver.AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
