@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -80,6 +81,10 @@ public:
 
     // Called for every line that a driver prints for the debugger, with the address that printed it; empty by default.
     std::function<void(const std::string& line, const void* caller)> onDebugPrint;
+
+    // Called when a driver has got the function table of another, with the table in that driver's memory: what is put into
+    // it now, the driver calls. Empty by default.
+    std::function<void(const GUID& type, std::span<std::byte> table)> onInterface;
 
     void Report(checks::Rule rule, std::string function, std::string message, const void* caller);
 

@@ -126,6 +126,9 @@ void DisposeDevice(Framework& framework, DeviceObject& device);
 
 NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& type, std::span<std::byte> buffer,
                         std::uint16_t version);
+// The same for a driver that asks another.
+NTSTATUS QueryInterfaceForDriver(Framework& framework, DeviceObject& device, const GUID& type,
+                                 std::span<std::byte> buffer, std::uint16_t version);
 
 struct RequestResult {
     NTSTATUS status;

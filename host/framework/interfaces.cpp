@@ -58,6 +58,16 @@ NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& 
     return status;
 }
 
+NTSTATUS QueryInterfaceForDriver(Framework& framework, DeviceObject& device, const GUID& type,
+                                 std::span<std::byte> buffer, std::uint16_t version)
+{
+    const NTSTATUS status = QueryInterface(framework, device, type, buffer, version);
+    if (NT_SUCCESS(status) && framework.environment.onInterface) {
+        framework.environment.onInterface(type, buffer);
+    }
+    return status;
+}
+
 namespace functions {
 namespace {
 
@@ -176,7 +186,7 @@ NTSTATUS NTAPI FdoQueryForInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, LPCGU
     if (device == nullptr || !Requires(call, type, "InterfaceType") || !Requires(call, table, "Interface")) {
         return STATUS_INVALID_PARAMETER;
     }
-    return QueryInterface(framework, *device, *type, {reinterpret_cast<std::byte*>(table), size}, version);
+    return QueryInterfaceForDriver(framework, *device, *type, {reinterpret_cast<std::byte*>(table), size}, version);
 }
 
 }  // namespace functions

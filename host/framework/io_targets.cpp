@@ -278,7 +278,7 @@ NTSTATUS NTAPI IoTargetQueryForInterface(PWDF_DRIVER_GLOBALS, WDFIOTARGET handle
         }
         device = target->device;
     }
-    return QueryInterface(framework, *device, *type, {reinterpret_cast<std::byte*>(table), size}, version);
+    return QueryInterfaceForDriver(framework, *device, *type, {reinterpret_cast<std::byte*>(table), size}, version);
 }
 
 }  // namespace functions

@@ -52,6 +52,7 @@ for client in "C/fan" "C++/pump"; do
         grep -q "NT$machine\.10.*"$'\r'"\$" "$made/build/native/${machine/amd64/x64}/$name.inf" || fail "INF for $machine"
     done
     run ./zepn demo "$made/$name.json"
+    run ./zepn test-client "$made/build/native/x64/$name.sys"
     run xmllint --noout "$made/$name.vcxproj"
 done
 works_in "$folder/a client in C" fan asan

@@ -40,6 +40,19 @@ done
 grep -q 'Notifier_HelperInit' "$folder/reports"
 ./zepn demo --image arm64 > "$folder/arm64"
 grep -q 'no violation, nothing left behind' "$folder/arm64"
+# The samples as any client's author would test them.
+for machine in x64 arm64; do
+    for sample in zepn_client zepn_crashdump; do
+        ./zepn test-client "out/$machine/$sample.sys" --output-junit "$folder/results.xml" > "$folder/course"
+        grep -q 'no finding' "$folder/course"
+        xmllint --xpath '//testcase[@classname="'$sample'.sys.faults"]' "$folder/results.xml" > "$folder/faults"
+    done
+done
+for refused in 'no-such.sys: there is no such file' 'README.md: neither'; do
+    status=0
+    ./zepn test-client "${refused%%:*}" 2> "$folder/error" || status=$?
+    [ "$status" = 2 ] && grep -q "$refused" "$folder/error" || { echo "not refused: $refused"; exit 1; }
+done
 # The seed is printed before the search, whatever becomes of that.
 ./zepn fuzz --image native --seed 5 --seconds 0.5 --scenario "$folder/fuzz.json" > "$folder/fuzz"
 head -n 1 "$folder/fuzz" | grep -q -- '--seed 5 '

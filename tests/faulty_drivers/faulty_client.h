@@ -1,0 +1,12 @@
+// The mistakes that the faulty client can make, by the number in its Parameters key.
+#pragma once
+
+enum class Mistake : unsigned {
+    kNone,
+    kPostsInCallback,
+    kNeverDeregisters,
+    kUsesFreedMemory,
+    kLeaks,
+    kCallsAtDispatchLevel,
+    kTrustsAllocation,  // shows only when one fails
+};

@@ -1,0 +1,451 @@
+#include "tools/test_client/run.h"
+
+#include "tools/play/statuses.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace test_client {
+namespace {
+
+using play::StatusText;
+
+constexpr const char* kNotifierService = "zepn";
+constexpr unsigned kDrainMaximum = 64;  // commands of a client's that nobody has taken yet
+
+void SetParameter(host::Machine& machine, const std::string& service, const std::string& name, const std::string& value)
+{
+    char* end = nullptr;
+    const unsigned long number = std::strtoul(value.c_str(), &end, 0);
+    if (!value.empty() && *end == 0) {
+        machine.SetRegistryValue(service, name, static_cast<std::uint32_t>(number));
+    } else {
+        machine.SetRegistryString(service, name, value);
+    }
+}
+
+template <class Table>
+NTSTATUS Query(host::Driver& driver, const GUID& type, Table& table)
+{
+    return driver.QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)), ZEP_NOTIFIER_INTERFACE_VERSION);
+}
+
+}  // namespace
+
+Run::Run(const CourseSetup& setup, Seen& seen) : setup_(setup), seen_(seen)
+{
+    for (const auto& [name, value] : setup.parameters) {
+        SetParameter(machine, setup.ServiceName(), name, value);
+    }
+}
+
+// ---- Findings ----
+
+void Run::Doing(std::string what)
+{
+    during_ = std::move(what);
+}
+
+void Run::AddFinding(std::string text, std::vector<std::string> details)
+{
+    findings_.push_back({during_, std::move(text), std::move(details)});
+}
+
+void Run::Check()
+{
+    for (const host::checks::Violation& violation : machine.violations().Take()) {
+        AddFinding(violation.Text());
+    }
+    if (!findings_.empty()) {
+        throw Stopped();
+    }
+}
+
+// A thread that hangs mostly broke a rule, which says more.
+void Run::CheckParked(const host::Outcome& outcome)
+{
+    if (outcome.parked) {
+        Check();
+        AddFinding("hang: the thread " + outcome.reason);
+        throw Stopped();
+    }
+}
+
+template <class Work>
+void Run::Call(const char* thread, const Work& work)
+{
+    CheckParked(machine.OnThread(thread, work));
+}
+
+void Run::Settle()
+{
+    for (const host::Outcome& outcome : machine.RunWorkItems().parked) {
+        CheckParked(outcome);
+    }
+    Check();
+}
+
+// ---- The Notifier ----
+
+void Run::StartNotifier()
+{
+    Doing("the Notifier starts");
+    Call("plug and play", [&] { notifier_ = &machine.Boot(setup_.notifier, kNotifierService); });
+    (void)Query(*notifier_, GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper_);
+    (void)Query(*notifier_, GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd_);
+    Settle();
+}
+
+void Run::RemoveNotifier()
+{
+    Doing("the Notifier's device is removed by surprise");
+    Call("plug and play", [&] { notifier_->SurpriseRemoveDevice(); });
+    Settle();
+    if (CountJoined() != 0) {
+        AddFinding(setup_.ClientName() +
+                   " is still registered after it was notified that the Notifier's device is gone");
+        throw Stopped();
+    }
+    Unload(*notifier_, "the Notifier");
+    notifier_ = nullptr;
+    haveStrangersCommands_ = false;
+    peers_.Forget();
+}
+
+void Run::RefuseNotifierRemoval()
+{
+    Doing("the Notifier's removal is requested, and refused");
+    Call("plug and play", [&] { (void)notifier_->QueryRemoveDevice(); });
+    Settle();
+}
+
+void Run::Unload(host::Driver& driver, const std::string& who)
+{
+    try {
+        CheckParked(driver.RemoveDevice());
+    } catch (const host::HostError&) {
+        // Handles are open, or there is none to remove.
+        if (driver.HasDevice()) {
+            AddFinding("the device of " + who + " cannot be removed: it is still held open");
+            throw Stopped();
+        }
+    }
+    CheckParked(driver.Unload());
+    Settle();
+}
+
+// ---- The client ----
+
+void Run::StartClient()
+{
+    Doing(setup_.ClientName() + " is loaded");
+    Call("plug and play", [&] { client_ = &machine.Load(setup_.client, setup_.ServiceName()); });
+    Check();
+    if (!NT_SUCCESS(client_->EntryStatus())) {
+        if (!isFaulty_) {
+            AddFinding("its DriverEntry fails with " + StatusText(client_->EntryStatus()));
+            throw Stopped();
+        }
+        client_ = nullptr;
+        return;
+    }
+    AddAndStart();
+}
+
+void Run::AddAndStart()
+{
+    Doing("the device of " + setup_.ClientName() + " is added and started");
+    NTSTATUS status = STATUS_SUCCESS;
+    Call("plug and play", [&] {
+        status = client_->AddDevice();
+        if (NT_SUCCESS(status) && client_->HasDevice()) {
+            status = client_->StartDevice();
+        }
+    });
+    Settle();
+    if (NT_SUCCESS(status) && client_->HasDevice()) {
+        return;
+    }
+    if (!isFaulty_) {
+        AddFinding(NT_SUCCESS(status) ? "its EvtDriverDeviceAdd succeeds and creates no device"
+                                      : "its device does not start: " + StatusText(status));
+        throw Stopped();
+    }
+    Doing("the device of " + setup_.ClientName() + " did not start, and its driver is unloaded");
+    UnloadClient();
+}
+
+void Run::UnloadClient()
+{
+    if (client_->HasDevice()) {
+        Unload(*client_, setup_.ClientName());
+    } else {
+        CheckParked(client_->Unload());
+        Settle();
+    }
+    client_ = nullptr;
+    ExpectGone();
+}
+
+void Run::RemoveClient()
+{
+    if (!IsClientUp()) {
+        return;
+    }
+    Doing("the device of " + setup_.ClientName() + " is removed, and its driver unloaded");
+    Call("plug and play", [&] {
+        if (!NT_SUCCESS(client_->QueryRemoveDevice())) {
+            client_->SurpriseRemoveDevice();  // what a device that refuses may meet all the same
+        }
+    });
+    Settle();
+    UnloadClient();
+}
+
+void Run::SurpriseRemoveClient()
+{
+    Doing("the device of " + setup_.ClientName() + " is removed by surprise, and its driver unloaded");
+    Call("plug and play", [&] { client_->SurpriseRemoveDevice(); });
+    Settle();
+    UnloadClient();
+}
+
+void Run::RemoveClientAtOnce(unsigned workItems)
+{
+    Doing(setup_.ClientName() + " is started, and removed after " + std::to_string(workItems) + " work items");
+    Call("plug and play", [&] { client_ = &machine.Boot(setup_.client, setup_.ServiceName()); });
+    for (unsigned run = 0; run < workItems; ++run) {
+        for (const host::Outcome& outcome : machine.RunOneWorkItem().parked) {
+            CheckParked(outcome);
+        }
+    }
+    Check();
+    Call("plug and play", [&] { client_->SurpriseRemoveDevice(); });
+    UnloadClient();
+}
+
+// ---- What must be so ----
+
+int Run::CountJoined()
+{
+    if (notifier_ == nullptr) {
+        return 0;
+    }
+    ULONG count = 0;
+    Call("another driver", [&] { (void)wpcd_.Notifier_WpcdGetNumSubsystemDescriptors(&count); });
+    const int joined = static_cast<int>(count) - static_cast<int>(peers_.RegisteredCount());
+    if (joined < 0) {
+        AddFinding("it has deregistered another driver, which had registered under its GUID before it");
+        throw Stopped();
+    }
+    return joined;
+}
+
+bool Run::IsAttached()
+{
+    if (notifier_ == nullptr || peers_.isAttached()) {
+        return false;
+    }
+    NTSTATUS status = STATUS_SUCCESS;
+    Call("another driver", [&] {
+        status = peers_.Attach(wpcd_);
+        if (status == STATUS_SUCCESS) {
+            (void)peers_.Detach(wpcd_);
+        }
+    });
+    return status == STATUS_OBJECT_NAME_EXISTS;
+}
+
+void Run::ExpectJoined()
+{
+    const int joined = CountJoined();
+    if (seen_.joinedCount >= 0 && joined != seen_.joinedCount) {
+        AddFinding("registered are " + std::to_string(joined) + " of its " + std::to_string(seen_.joinedCount) +
+                   " clients");
+    } else if (seen_.attaches && !IsAttached()) {
+        AddFinding("it is not attached as crash-dump driver");
+    }
+    Check();
+}
+
+void Run::ExpectGone()
+{
+    if (CountJoined() != 0) {
+        AddFinding("it is still registered with the Notifier, which goes on calling into the unloaded driver");
+    } else if (seen_.attaches && IsAttached()) {
+        AddFinding("it is still attached to the Notifier, which goes on calling into the unloaded driver");
+    }
+    Check();
+}
+
+// ---- What others do to it ----
+
+void Run::Post(const Identity& poster, ULONG state)
+{
+    const ZepState record{.Size = sizeof(record), .InterfaceGUID = poster.guid, .State = state, .Reserved = 0};
+    Doing("a client that it watches posts state " + std::to_string(state));
+    Call("another driver", [&] { (void)helper_.Notifier_HelperSendState(&record); });
+    Settle();
+}
+
+void Run::Converse()
+{
+    Doing("its peers register and subscribe to it");
+    std::vector<Peer*> peers = {&peers_.stranger(), &peers_.other()};
+    const auto isOwn = [&](const Identity& identity) {
+        return std::ranges::find(seen_.clients, identity, &OwnClient::identity) != seen_.clients.end();
+    };
+    const auto add = [&](const Identity& identity, const char* name) {
+        if (!isOwn(identity) && std::ranges::find(peers, identity, &Peer::identity) == peers.end()) {
+            peers.push_back(&peers_.Find(identity, name));
+        }
+    };
+    const std::vector<Subscription> subscriptions(seen_.subscriptions.begin(), seen_.subscriptions.end());
+    const std::vector<OwnClient> clients(seen_.clients.begin(), seen_.clients.end());
+    for (const Subscription& subscription : subscriptions) {
+        add(subscription.watched, "a client that it watches");
+    }
+    for (const Identity& target : std::vector<Identity>(seen_.targets.begin(), seen_.targets.end())) {
+        add(target, "a client that it commands");
+    }
+    Call("another driver", [&] {
+        if (!seen_.attaches) {
+            (void)peers_.Attach(wpcd_);
+        }
+        for (Peer* peer : peers) {
+            (void)Peers::Register(helper_, *peer);
+        }
+        for (const OwnClient& client : clients) {
+            (void)Peers::Watch(helper_, peers_.stranger(), client.identity);
+        }
+    });
+    Settle();
+
+    for (const Subscription& subscription : subscriptions) {
+        if (subscription.state != ZEP_STATE_ANY) {
+            Post(subscription.watched, subscription.state);
+            continue;
+        }
+        for (const ULONG state : setup_.states) {
+            Post(subscription.watched, state);
+        }
+    }
+    for (const OwnClient& client : clients) {
+        for (const ULONG command : client.takesCommands ? setup_.commands : std::vector<ULONG>()) {
+            for (const ULONG argument : {1u, 0u}) {
+                Doing("it is sent command " + std::to_string(command) + " with argument " + std::to_string(argument));
+                Call("another driver",
+                     [&] { (void)Peers::Send(helper_, peers_.stranger(), client.identity, command, argument); });
+                Settle();
+            }
+        }
+    }
+    if (seen_.attaches) {
+        Doing("a client records a dump");
+        Call("another driver", [&] { peers_.Dump(helper_); });
+        Settle();
+    }
+    LetTimePass();
+    DrainCommands();
+
+    Doing("its peers deregister");
+    Call("another driver", [&] {
+        for (Peer* peer : peers) {
+            if (!haveStrangersCommands_ || (peer != &peers_.stranger() && peer != &peers_.other())) {
+                (void)Peers::Deregister(helper_, *peer);
+            }
+        }
+        if (peers_.isAttached()) {
+            (void)peers_.Detach(wpcd_);
+        }
+    });
+    Settle();
+}
+
+// For its timers.
+void Run::LetTimePass()
+{
+    Doing("time passes");
+    Call("clock", [&] { machine.AdvanceClock(std::chrono::seconds(1)); });
+    Settle();
+}
+
+// One run delivers one command, and who deregisters before a command from or to it is delivered stops them all. So the
+// strangers send commands until one of theirs arrives: what the client sent is delivered then. After a burst of its
+// commands some of the strangers' stay undelivered for good, and the strangers stay, too.
+void Run::DrainCommands()
+{
+    Doing("its commands are delivered");
+    const unsigned before = peers_.other().commandCount;
+    unsigned sent = 0;
+    while (sent < kDrainMaximum && peers_.other().commandCount == before) {
+        Call("another driver", [&] { (void)Peers::Send(helper_, peers_.stranger(), peers_.other().identity, 1, 0); });
+        Settle();
+        ++sent;
+    }
+    haveStrangersCommands_ = haveStrangersCommands_ || sent > 1;
+}
+
+void Run::Sleep()
+{
+    Doing("the system leaves its working state");
+    Call("power", [&] { machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); });
+    Settle();
+    if (IsClientUp()) {
+        Doing("its device goes to sleep");
+        Call("power", [&] { (void)client_->Sleep(); });
+        Settle();
+    }
+    if (notifier_ != nullptr) {
+        Call("power", [&] {
+            (void)notifier_->Sleep();
+            (void)notifier_->Wake();
+        });
+    }
+    if (IsClientUp()) {
+        Doing("its device wakes up");
+        Call("power", [&] { (void)client_->Wake(); });
+        Settle();
+    }
+    LetTimePass();
+    Doing("the system is in its working state again");
+    Call("power", [&] { machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 1); });
+    Settle();
+}
+
+void Run::TakeIdentities()
+{
+    Doing("another instance of it is there already");
+    Call("another driver", [&] {
+        for (const OwnClient& client : seen_.clients) {
+            (void)Peers::Register(helper_, peers_.Find(client.identity, "another instance of it"));
+        }
+        if (seen_.attaches) {
+            (void)peers_.Attach(wpcd_);
+        }
+    });
+    Settle();
+}
+
+void Run::GiveIdentitiesBack()
+{
+    Doing("the other instance of it goes");
+    NTSTATUS detached = STATUS_SUCCESS;
+    Call("another driver", [&] {
+        for (Peer& peer : peers_.all()) {
+            if (peer.isRegistered) {
+                (void)Peers::Deregister(helper_, peer);
+            }
+        }
+        if (peers_.isAttached()) {
+            detached = peers_.Detach(wpcd_);
+        }
+    });
+    Settle();
+    if (!NT_SUCCESS(detached)) {
+        AddFinding("it has detached another crash-dump driver, which was attached before it");
+        throw Stopped();
+    }
+}
+
+}  // namespace test_client
