@@ -133,6 +133,12 @@ void ProvideObjects(Table& table)
     PROVIDE(WdfSpinLockCreate, SpinLockCreate);
     PROVIDE(WdfSpinLockAcquire, SpinLockAcquire);
     PROVIDE(WdfSpinLockRelease, SpinLockRelease);
+    PROVIDE(WdfMemoryCreate, MemoryCreate);
+    PROVIDE(WdfMemoryCreatePreallocated, MemoryCreatePreallocated);
+    PROVIDE(WdfMemoryGetBuffer, MemoryGetBuffer);
+    PROVIDE(WdfMemoryAssignBuffer, MemoryAssignBuffer);
+    PROVIDE(WdfMemoryCopyToBuffer, MemoryCopyToBuffer);
+    PROVIDE(WdfMemoryCopyFromBuffer, MemoryCopyFromBuffer);
     PROVIDE(WdfWorkItemCreate, WorkItemCreate);
     PROVIDE(WdfWorkItemEnqueue, WorkItemEnqueue);
     PROVIDE(WdfWorkItemGetParentObject, WorkItemGetParentObject);

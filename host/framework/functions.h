@@ -33,10 +33,11 @@ void ClearOnEntry(Handle* output)
     }
 }
 
-// Creation of an object whose attributes are optional and whose default parent is the driver object.
-template <class T, class Handle>
+// Creation of an object whose attributes are optional and whose default parent is the driver object. `fill` gets it
+// before anybody else does.
+template <class T, class Handle, class Fill>
 NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, const WDF_OBJECT_ATTRIBUTES* attributes,
-                Handle* handle, const char* argument)
+                Handle* handle, const char* argument, const Fill& fill)
 {
     if (const std::optional<NTSTATUS> injected = Injected(call, handle)) {
         return *injected;
@@ -61,10 +62,18 @@ NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, con
     }
     auto object = std::make_unique<T>(instance);
     T& created = *object;
+    fill(created);
     framework.objects.ApplyAttributes(created, attributes);
     framework.objects.Register(std::move(object), parent);
     *handle = static_cast<Handle>(created.handle);
     return call.Done();
+}
+
+template <class T, class Handle>
+NTSTATUS Create(const PlatformCall& call, const WDF_DRIVER_GLOBALS* globals, const WDF_OBJECT_ATTRIBUTES* attributes,
+                Handle* handle, const char* argument)
+{
+    return Create<T>(call, globals, attributes, handle, argument, [](T&) {});
 }
 
 // objects.cpp
@@ -95,6 +104,14 @@ void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS, WDFWAITLOCK);
 NTSTATUS NTAPI SpinLockCreate(PWDF_DRIVER_GLOBALS, PWDF_OBJECT_ATTRIBUTES, WDFSPINLOCK*);
 void NTAPI SpinLockAcquire(PWDF_DRIVER_GLOBALS, WDFSPINLOCK);
 void NTAPI SpinLockRelease(PWDF_DRIVER_GLOBALS, WDFSPINLOCK);
+
+// memory_objects.cpp
+NTSTATUS NTAPI MemoryCreate(PWDF_DRIVER_GLOBALS, PWDF_OBJECT_ATTRIBUTES, POOL_TYPE, ULONG, size_t, WDFMEMORY*, PVOID*);
+NTSTATUS NTAPI MemoryCreatePreallocated(PWDF_DRIVER_GLOBALS, PWDF_OBJECT_ATTRIBUTES, PVOID, size_t, WDFMEMORY*);
+PVOID NTAPI MemoryGetBuffer(PWDF_DRIVER_GLOBALS, WDFMEMORY, size_t*);
+NTSTATUS NTAPI MemoryAssignBuffer(PWDF_DRIVER_GLOBALS, WDFMEMORY, PVOID, size_t);
+NTSTATUS NTAPI MemoryCopyToBuffer(PWDF_DRIVER_GLOBALS, WDFMEMORY, size_t, PVOID, size_t);
+NTSTATUS NTAPI MemoryCopyFromBuffer(PWDF_DRIVER_GLOBALS, WDFMEMORY, size_t, PVOID, size_t);
 
 // work_items.cpp
 NTSTATUS NTAPI WorkItemCreate(PWDF_DRIVER_GLOBALS, PWDF_WORKITEM_CONFIG, PWDF_OBJECT_ATTRIBUTES, WDFWORKITEM*);

@@ -28,6 +28,7 @@ enum class ObjectType {
     kWaitLock,
     kSpinLock,
     kWorkItem,
+    kMemory,
     kKey,
     kIoTarget,
     kGeneral

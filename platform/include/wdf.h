@@ -550,6 +550,7 @@ WDF_CALL(381, WdfWorkItemGetParentObject, WDFOBJECT, (WDFWORKITEM WorkItem), (Wo
 WDF_CALL(382, WdfWorkItemFlush, VOID, (WDFWORKITEM WorkItem), (WorkItem))
 
 #include <wdfiotarget.h>
+#include <wdfmemory.h>
 
 #undef WDF_CALL
 
