@@ -9,7 +9,7 @@ namespace {
 bool MayHaveLevel(ObjectType type)
 {
     return type == ObjectType::kGeneral || type == ObjectType::kDriver || type == ObjectType::kDevice ||
-           type == ObjectType::kQueue || type == ObjectType::kFileObject;
+           type == ObjectType::kQueue || type == ObjectType::kFileObject || type == ObjectType::kTimer;
 }
 
 bool MayHaveScope(ObjectType type)

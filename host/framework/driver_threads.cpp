@@ -31,27 +31,34 @@ private:
     const std::uint64_t self_;
 };
 
-DriverThreads::Held DriverThreads::HeldNow()
+DriverThreads::Held DriverThreads::HeldNow() const
 {
     const ThreadState& thread = ThreadState::Current();
-    return {thread.criticalRegions, thread.heldLocks, thread.irql};
+    Held held{thread.criticalRegions, thread.heldLocks, thread.irql, {}};
+    if (held.level >= DISPATCH_LEVEL) {
+        const std::lock_guard lock(framework_.mutex);
+        held.spinLocks = SpinLocksHeld(framework_.handles);
+        const std::vector<const void*> own = framework_.kernel.SpinLocksHeld(thread.id);
+        held.spinLocks.insert(held.spinLocks.end(), own.begin(), own.end());
+    }
+    return held;
 }
 
 void DriverThreads::CheckHeld(const char* callbackName, const void* routine, const Held& before)
 {
     ThreadState& thread = ThreadState::Current();
-    if (thread.irql == before.level && thread.criticalRegions == before.criticalRegions &&
-        thread.heldLocks == before.waitLocks) {
+    if (thread.irql == before.level && before.level < DISPATCH_LEVEL &&
+        thread.criticalRegions == before.criticalRegions && thread.heldLocks == before.waitLocks) {
         return;
     }
     std::vector<std::string> kept;
     {
         const std::lock_guard lock(framework_.mutex);
-        if (thread.irql != before.level) {
-            kept = AbandonSpinLocks(framework_.handles);
-            const std::vector<std::string> own = framework_.kernel.AbandonSpinLocks(thread.id);
+        if (thread.irql != before.level || before.level >= DISPATCH_LEVEL) {
+            kept = AbandonSpinLocks(framework_.handles, before.spinLocks);
+            const std::vector<std::string> own = framework_.kernel.AbandonSpinLocks(thread.id, before.spinLocks);
             kept.insert(kept.end(), own.begin(), own.end());
-            if (kept.empty()) {
+            if (kept.empty() && thread.irql != before.level) {
                 framework_.environment.Report(Rule::kIrql, callbackName,
                                               "it was called at IRQL " + std::to_string(before.level) +
                                                   " and returned at " + std::to_string(thread.irql),

@@ -81,8 +81,9 @@ private:
         int criticalRegions;
         std::vector<WDFOBJECT> waitLocks;
         KIRQL level;
+        std::vector<const void*> spinLocks;  // looked up only where the level does not say it: from DISPATCH_LEVEL on
     };
-    static Held HeldNow();
+    Held HeldNow() const;
     void CheckHeld(const char* callbackName, const void* routine, const Held& before);
 
     Framework& framework_;

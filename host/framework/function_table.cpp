@@ -139,6 +139,10 @@ void ProvideObjects(Table& table)
     PROVIDE(WdfMemoryAssignBuffer, MemoryAssignBuffer);
     PROVIDE(WdfMemoryCopyToBuffer, MemoryCopyToBuffer);
     PROVIDE(WdfMemoryCopyFromBuffer, MemoryCopyFromBuffer);
+    PROVIDE(WdfTimerCreate, TimerCreate);
+    PROVIDE(WdfTimerStart, TimerStart);
+    PROVIDE(WdfTimerStop, TimerStop);
+    PROVIDE(WdfTimerGetParentObject, TimerGetParentObject);
     PROVIDE(WdfWorkItemCreate, WorkItemCreate);
     PROVIDE(WdfWorkItemEnqueue, WorkItemEnqueue);
     PROVIDE(WdfWorkItemGetParentObject, WorkItemGetParentObject);

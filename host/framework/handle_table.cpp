@@ -33,6 +33,8 @@ const char* Name(ObjectType type)
         return "spin lock";
     case ObjectType::kWorkItem:
         return "work item";
+    case ObjectType::kTimer:
+        return "timer";
     case ObjectType::kMemory:
         return "memory object";
     case ObjectType::kIoTarget:

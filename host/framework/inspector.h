@@ -28,6 +28,7 @@ enum class ObjectType {
     kWaitLock,
     kSpinLock,
     kWorkItem,
+    kTimer,
     kMemory,
     kKey,
     kIoTarget,
@@ -52,7 +53,7 @@ struct ObjectView {
     std::vector<WDFOBJECT> items;     // collections: contents, first to last
     std::vector<ContextView> contexts;
     bool held = false;    // wait and spin locks: acquired now
-    bool queued = false;  // work items: waiting to run
+    bool queued = false;  // work items: waiting to run; timers: waiting to come due
 };
 
 class Inspector {

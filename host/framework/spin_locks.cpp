@@ -4,24 +4,37 @@
 
 #include "host/framework/functions.h"
 
+#include <algorithm>
+
 namespace host::framework {
 
 using checks::Rule;
 
-std::vector<std::string> AbandonSpinLocks(const HandleTable& handles)
+std::vector<const void*> SpinLocksHeld(const HandleTable& handles)
 {
     const std::uint64_t self = ThreadState::Current().id;
-    std::vector<std::string> kept;
+    std::vector<const void*> held;
     handles.ForEach([&](Object& object) {
-        if (object.type != ObjectType::kSpinLock) {
-            return;
+        if (object.type == ObjectType::kSpinLock) {
+            const auto& spinLock = static_cast<SpinLockObject&>(object);
+            if (spinLock.held && !spinLock.abandoned && spinLock.holderId == self) {
+                held.push_back(spinLock.handle);
+            }
         }
-        auto& spinLock = static_cast<SpinLockObject&>(object);
-        if (spinLock.held && spinLock.holderId == self) {
+    });
+    return held;
+}
+
+std::vector<std::string> AbandonSpinLocks(const HandleTable& handles, const std::vector<const void*>& before)
+{
+    std::vector<std::string> kept;
+    for (const void* handle : SpinLocksHeld(handles)) {
+        if (std::ranges::find(before, handle) == before.end()) {
+            auto& spinLock = static_cast<SpinLockObject&>(*handles.Peek(handle));
             spinLock.abandoned = true;
             kept.push_back(Describe(spinLock));
         }
-    });
+    }
     return kept;
 }
 

@@ -23,8 +23,12 @@ struct SpinLockObject final : Object {
 template <>
 inline constexpr ObjectType kTypeOf<SpinLockObject> = ObjectType::kSpinLock;
 
-// Those that the calling thread still holds although its callback is over: nobody will give them back. Returns their
-// descriptions. The mutex is held.
-[[nodiscard]] std::vector<std::string> AbandonSpinLocks(const HandleTable& handles);
+// Those that the calling thread holds. The mutex is held.
+[[nodiscard]] std::vector<const void*> SpinLocksHeld(const HandleTable& handles);
+
+// Those that the calling thread holds although its callback, which began with these, is over: nobody will give them
+// back. Returns their descriptions. The mutex is held.
+[[nodiscard]] std::vector<std::string> AbandonSpinLocks(const HandleTable& handles,
+                                                        const std::vector<const void*>& before);
 
 }  // namespace host::framework

@@ -80,11 +80,22 @@ void Kernel::DropUnusedCallbackObjects()
     });
 }
 
-std::vector<std::string> Kernel::AbandonSpinLocks(std::uint64_t threadId)
+std::vector<const void*> Kernel::SpinLocksHeld(std::uint64_t threadId) const
+{
+    std::vector<const void*> locks;
+    for (const auto& [address, held] : heldSpinLocks) {
+        if (held.holderId == threadId && !held.abandoned) {
+            locks.push_back(address);
+        }
+    }
+    return locks;
+}
+
+std::vector<std::string> Kernel::AbandonSpinLocks(std::uint64_t threadId, const std::vector<const void*>& before)
 {
     std::vector<std::string> names;
     for (auto& [address, held] : heldSpinLocks) {
-        if (held.holderId == threadId && !held.abandoned) {
+        if (held.holderId == threadId && !held.abandoned && std::ranges::find(before, address) == before.end()) {
             held.abandoned = true;
             names.push_back(held.name);
         }

@@ -111,8 +111,11 @@ public:
     std::map<const KSPIN_LOCK*, HeldSpinLock> heldSpinLocks;  // guarded by the mutex of all waits, the framework's
     std::vector<std::string> debugOutput;
 
-    // Those that a thread still holds although its callback is over: nobody will give them back. Returns their names.
-    [[nodiscard]] std::vector<std::string> AbandonSpinLocks(std::uint64_t threadId);
+    [[nodiscard]] std::vector<const void*> SpinLocksHeld(std::uint64_t threadId) const;
+    // Those that a thread holds although its callback, which began with these, is over: nobody will give them back.
+    // Returns their names.
+    [[nodiscard]] std::vector<std::string> AbandonSpinLocks(std::uint64_t threadId,
+                                                            const std::vector<const void*>& before);
 
     // Null for an unknown handle or name. The caller holds the mutex.
     CallbackObject* FindCallbackObject(const void* handle);

@@ -52,6 +52,7 @@
 #endif
 
 #define STDCALL NTAPI
+#define DECLSPEC_ALIGN(bytes) __attribute__((aligned(bytes)))
 #define NTKERNELAPI DECLSPEC_IMPORT
 #define NTSYSAPI DECLSPEC_IMPORT
 #ifndef FORCEINLINE

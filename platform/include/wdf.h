@@ -551,6 +551,7 @@ WDF_CALL(382, WdfWorkItemFlush, VOID, (WDFWORKITEM WorkItem), (WorkItem))
 
 #include <wdfiotarget.h>
 #include <wdfmemory.h>
+#include <wdftimer.h>
 
 #undef WDF_CALL
 
