@@ -196,7 +196,7 @@ IoResult Driver::DeviceControl(FileId file, std::uint32_t code, std::span<const 
                                std::span<std::byte> output)
 {
     const framework::RequestResult result =
-        framework::DeviceControl(Framework::Current(), FileOf(file, false), code, input.size(), output.size());
+        framework::DeviceControl(Framework::Current(), FileOf(file, false), code, input, output);
     return {result.status, result.information, result.completed};
 }
 

@@ -2,6 +2,7 @@
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 #include "host/framework/plug_play.h"
+#include "host/framework/resource_lists.h"
 
 namespace host::framework {
 
@@ -53,7 +54,7 @@ NTSTATUS CallReleaseHardware(Framework& framework, DeviceObject& device)
 {
     if (const auto routine = device.power.EvtDeviceReleaseHardware) {
         return framework.threads.Guarded("EvtDeviceReleaseHardware", reinterpret_cast<const void*>(routine),
-                                         [&] { return routine(HandleOf(device), nullptr); });
+                                         [&] { return routine(HandleOf(device), device.resourcesTranslated); });
     }
     return STATUS_SUCCESS;
 }
@@ -129,9 +130,14 @@ NTSTATUS AddDevice(Framework& framework, DriverInstance& driver)
 NTSTATUS StartDevice(Framework& framework, DeviceObject& device)
 {
     NTSTATUS status = STATUS_SUCCESS;
+    if (device.power.EvtDevicePrepareHardware != nullptr || device.power.EvtDeviceReleaseHardware != nullptr) {
+        device.resourcesTranslated = NewResourceList(framework, device);
+    }
     if (const auto routine = device.power.EvtDevicePrepareHardware) {
-        status = framework.threads.Guarded("EvtDevicePrepareHardware", reinterpret_cast<const void*>(routine),
-                                           [&] { return routine(HandleOf(device), nullptr, nullptr); });
+        const WDFCMRESLIST resourcesRaw = NewResourceList(framework, device);
+        status = framework.threads.Guarded("EvtDevicePrepareHardware", reinterpret_cast<const void*>(routine), [&] {
+            return routine(HandleOf(device), resourcesRaw, device.resourcesTranslated);
+        });
     }
     if (NT_SUCCESS(status)) {
         const NTSTATUS entered = CallD0Entry(framework, device, WdfPowerDeviceD3Final);

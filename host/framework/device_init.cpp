@@ -1,14 +1,14 @@
 // From the init structure to the device: init functions record, WdfDeviceCreate acts.
-#include "host/framework/devices.h"
+#include "host/framework/device_init.h"
+
 #include "host/framework/functions.h"
 
-namespace host::framework::functions {
+#include <algorithm>
+
+namespace host::framework {
 
 using checks::Rule;
 
-namespace {
-
-// An init structure is no handle: the one that device add got, until it is consumed.
 bool IsUsable(const PlatformCall& call, const WDFDEVICE_INIT* init)
 {
     if (!Requires(call, init, "DeviceInit")) {
@@ -21,17 +21,17 @@ bool IsUsable(const PlatformCall& call, const WDFDEVICE_INIT* init)
     return true;
 }
 
-bool HasSize(const PlatformCall& call, ULONG size, std::size_t expected)
+bool HasSize(const PlatformCall& call, ULONG size, std::initializer_list<std::size_t> expected)
 {
-    if (size == expected) {
+    if (std::ranges::find(expected, size) != expected.end()) {
         return true;
     }
     call.Violation(Rule::kBadParameter, "a structure of " + std::to_string(size) + " bytes instead of " +
-                                            std::to_string(expected) + "; nothing is recorded");
+                                            std::to_string(*expected.begin()) + "; nothing is recorded");
     return false;
 }
 
-}  // namespace
+namespace functions {
 
 void NTAPI DeviceInitSetIoType(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, WDF_DEVICE_IO_TYPE ioType)
 {
@@ -59,7 +59,7 @@ void NTAPI DeviceInitSetPnpPowerEventCallbacks(PWDF_DRIVER_GLOBALS, PWDFDEVICE_I
 {
     const PlatformCall call("WdfDeviceInitSetPnpPowerEventCallbacks", HOST_CALLER, DISPATCH_LEVEL);
     if (IsUsable(call, init) && Requires(call, callbacks, "PnpPowerEventCallbacks") &&
-        HasSize(call, callbacks->Size, sizeof(WDF_PNPPOWER_EVENT_CALLBACKS))) {
+        HasSize(call, callbacks->Size, {sizeof(WDF_PNPPOWER_EVENT_CALLBACKS)})) {
         init->powerCallbacks = *callbacks;
     }
 }
@@ -69,8 +69,8 @@ void NTAPI DeviceInitSetFileObjectConfig(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT in
 {
     const PlatformCall call("WdfDeviceInitSetFileObjectConfig", HOST_CALLER, DISPATCH_LEVEL);
     if (IsUsable(call, init) && Requires(call, config, "FileObjectConfig") &&
-        HasSize(call, config->Size, sizeof(WDF_FILEOBJECT_CONFIG))) {
-        if (attributes != nullptr && !HasSize(call, attributes->Size, sizeof(WDF_OBJECT_ATTRIBUTES))) {
+        HasSize(call, config->Size, {sizeof(WDF_FILEOBJECT_CONFIG)})) {
+        if (attributes != nullptr && !HasSize(call, attributes->Size, {sizeof(WDF_OBJECT_ATTRIBUTES)})) {
             return;
         }
         init->fileConfig = *config;
@@ -116,6 +116,8 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
     device.files = init.fileConfig;
     device.hasFiles = init.hasFileConfig;
     device.fileAttributes = init.fileAttributes;
+    device.settings = init.settings;
+    device.wdm = std::make_unique<WdmDeviceObjects>(framework.kernel, *instance, init);
     framework.objects.ApplyAttributes(device, attributes);
     framework.objects.Register(std::move(object), instance->driver);
     instance->devices.push_back(&device);
@@ -125,4 +127,5 @@ NTSTATUS NTAPI DeviceCreate(PWDF_DRIVER_GLOBALS globals, PWDFDEVICE_INIT* initPo
     return call.Done();
 }
 
-}  // namespace host::framework::functions
+}  // namespace functions
+}  // namespace host::framework

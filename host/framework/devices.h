@@ -1,7 +1,9 @@
 // Devices, queues, requests and file objects.
 #pragma once
 
+#include "host/framework/device_objects.h"
 #include "host/framework/framework.h"
+#include "host/framework/request_buffers.h"
 
 #include <deque>
 #include <list>
@@ -9,6 +11,21 @@
 #include <span>
 #include <string>
 #include <vector>
+
+namespace host::framework {
+
+// What init functions record beside names and callbacks.
+struct DeviceSettings {
+    DEVICE_TYPE deviceType = FILE_DEVICE_UNKNOWN;
+    ULONG characteristics = FILE_DEVICE_SECURE_OPEN;
+    bool exclusive = false;
+    bool powerPageable = true;
+    bool powerInrush = false;
+    bool ownsPowerPolicy = true;
+    std::optional<WDF_OBJECT_ATTRIBUTES> requestAttributes;
+};
+
+}  // namespace host::framework
 
 // What a driver records between EvtDriverDeviceAdd and WdfDeviceCreate; opaque to it.
 struct WDFDEVICE_INIT {
@@ -19,6 +36,7 @@ struct WDFDEVICE_INIT {
     WDF_FILEOBJECT_CONFIG fileConfig{};
     bool hasFileConfig = false;
     std::optional<WDF_OBJECT_ATTRIBUTES> fileAttributes;
+    host::framework::DeviceSettings settings;
     bool consumed = false;  // by WdfDeviceCreate; the framework owns it then
 };
 
@@ -55,6 +73,10 @@ struct DeviceObject final : Object {
     WDF_FILEOBJECT_CONFIG files{};
     bool hasFiles = false;
     std::optional<WDF_OBJECT_ATTRIBUTES> fileAttributes;
+    DeviceSettings settings;
+    std::optional<bool> hasSystemManagedIdle;  // who says when the device is idle; empty until the driver assigns it
+    std::unique_ptr<WdmDeviceObjects> wdm;
+    WDFCMRESLIST resourcesTranslated = nullptr;  // since its start
     std::list<DeviceInterface> interfaces;
     std::list<QueryInterfaceEntry> queryInterfaces;
     QueueObject* defaultQueue = nullptr;
@@ -100,6 +122,7 @@ struct RequestObject final : Object {
     bool completed = false;
     NTSTATUS status = STATUS_PENDING;
     std::uint64_t information = 0;
+    RequestBuffers buffers;
     bool isAbandoned = false;  // nobody waits for the result any more
 };
 
@@ -137,8 +160,8 @@ struct RequestResult {
 };
 RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObject*& file);
 void CloseFile(Framework& framework, FileObjectObject& file);
-RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::uint32_t code, std::size_t inputBytes,
-                            std::size_t outputBytes);
+RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::uint32_t code,
+                            std::span<const std::byte> input, std::span<std::byte> output);
 
 // Hands waiting requests to the driver as long as the queue may; the lock is released meanwhile.
 void Deliver(Framework& framework, std::unique_lock<std::mutex>& lock, QueueObject& queue);

@@ -19,25 +19,12 @@ struct EntryName {
 // Entries that drivers of this kind are likely to reach for; others are named by their index.
 constexpr EntryName kAbsent[] = {
     {29, "WdfDeviceSetDeviceState"},
-    {30, "WdfWdmDeviceGetWdfDeviceHandle"},
-    {31, "WdfDeviceWdmGetDeviceObject"},
-    {32, "WdfDeviceWdmGetAttachedDevice"},
-    {33, "WdfDeviceWdmGetPhysicalDevice"},
     {42, "WdfDeviceGetIoTarget"},
     {43, "WdfDeviceGetDevicePnpState"},
     {48, "WdfDeviceOpenRegistryKey"},
     {54, "WdfDeviceInitFree"},
-    {56, "WdfDeviceInitSetPowerPolicyEventCallbacks"},
-    {57, "WdfDeviceInitSetPowerPolicyOwnership"},
-    {62, "WdfDeviceInitSetExclusive"},
-    {63, "WdfDeviceInitSetPowerNotPageable"},
-    {64, "WdfDeviceInitSetPowerPageable"},
-    {65, "WdfDeviceInitSetPowerInrush"},
-    {66, "WdfDeviceInitSetDeviceType"},
     {68, "WdfDeviceInitAssignSDDLString"},
     {69, "WdfDeviceInitSetDeviceClass"},
-    {70, "WdfDeviceInitSetCharacteristics"},
-    {72, "WdfDeviceInitSetRequestAttributes"},
     {74, "WdfDeviceInitSetIoInCallerContextCallback"},
     {79, "WdfDeviceRetrieveDeviceInterfaceString"},
     {83, "WdfDeviceSetPnpCapabilities"},
@@ -49,7 +36,6 @@ constexpr EntryName kAbsent[] = {
     {123, "WdfDriverIsVersionAvailable"},
     {137, "WdfFileObjectGetFileName"},
     {138, "WdfFileObjectGetFlags"},
-    {139, "WdfFileObjectGetDevice"},
     {140, "WdfFileObjectWdmGetFileObject"},
     {153, "WdfIoQueueGetState"},
     {154, "WdfIoQueueStart"},
@@ -60,13 +46,7 @@ constexpr EntryName kAbsent[] = {
     {229, "WdfRegistryOpenKey"},
     {230, "WdfRegistryCreateKey"},
     {232, "WdfRegistryWdmGetHandle"},
-    {235, "WdfRegistryQueryValue"},
     {264, "WdfRequestCompleteWithPriorityBoost"},
-    {266, "WdfRequestGetParameters"},
-    {269, "WdfRequestRetrieveInputBuffer"},
-    {270, "WdfRequestRetrieveOutputBuffer"},
-    {275, "WdfRequestSetInformation"},
-    {276, "WdfRequestGetInformation"},
     {280, "WdfRequestGetRequestorMode"},
     {285, "WdfRequestWdmGetIrp"},
     {310, "WdfObjectAcquireLock"},
@@ -184,6 +164,50 @@ void ProvideDevices(Table& table)
     PROVIDE(WdfIoTargetClose, IoTargetClose);
     PROVIDE(WdfIoTargetQueryForInterface, IoTargetQueryForInterface);
 }
+
+void ProvideValues(Table& table)
+{
+    PROVIDE(WdfRegistryQueryValue, RegistryQueryValue);
+    PROVIDE(WdfRegistryQueryMemory, RegistryQueryMemory);
+    PROVIDE(WdfRegistryQueryUnicodeString, RegistryQueryUnicodeString);
+    PROVIDE(WdfRegistryQueryString, RegistryQueryString);
+    PROVIDE(WdfRegistryAssignUnicodeString, RegistryAssignUnicodeString);
+    PROVIDE(WdfRegistryAssignString, RegistryAssignString);
+    PROVIDE(WdfStringCreate, StringCreate);
+    PROVIDE(WdfStringGetUnicodeString, StringGetUnicodeString);
+}
+
+void ProvideRequestBuffers(Table& table)
+{
+    PROVIDE(WdfFileObjectGetDevice, FileObjectGetDevice);
+    PROVIDE(WdfRequestGetParameters, RequestGetParameters);
+    PROVIDE(WdfRequestRetrieveInputMemory, RequestRetrieveInputMemory);
+    PROVIDE(WdfRequestRetrieveOutputMemory, RequestRetrieveOutputMemory);
+    PROVIDE(WdfRequestRetrieveInputBuffer, RequestRetrieveInputBuffer);
+    PROVIDE(WdfRequestRetrieveOutputBuffer, RequestRetrieveOutputBuffer);
+    PROVIDE(WdfRequestSetInformation, RequestSetInformation);
+    PROVIDE(WdfRequestGetInformation, RequestGetInformation);
+}
+
+void ProvideDeviceSettings(Table& table)
+{
+    PROVIDE(WdfDeviceWdmGetDeviceObject, DeviceWdmGetDeviceObject);
+    PROVIDE(WdfDeviceWdmGetAttachedDevice, DeviceWdmGetAttachedDevice);
+    PROVIDE(WdfDeviceWdmGetPhysicalDevice, DeviceWdmGetPhysicalDevice);
+    PROVIDE(WdfDeviceInitSetExclusive, DeviceInitSetExclusive);
+    PROVIDE(WdfDeviceInitSetPowerNotPageable, DeviceInitSetPowerNotPageable);
+    PROVIDE(WdfDeviceInitSetPowerPageable, DeviceInitSetPowerPageable);
+    PROVIDE(WdfDeviceInitSetPowerInrush, DeviceInitSetPowerInrush);
+    PROVIDE(WdfDeviceInitSetDeviceType, DeviceInitSetDeviceType);
+    PROVIDE(WdfDeviceInitSetCharacteristics, DeviceInitSetCharacteristics);
+    PROVIDE(WdfDeviceInitSetRequestAttributes, DeviceInitSetRequestAttributes);
+    PROVIDE(WdfDeviceInitSetPowerPolicyEventCallbacks, DeviceInitSetPowerPolicyEventCallbacks);
+    PROVIDE(WdfDeviceInitSetPowerPolicyOwnership, DeviceInitSetPowerPolicyOwnership);
+    PROVIDE(WdfDeviceAssignS0IdleSettings, DeviceAssignS0IdleSettings);
+    PROVIDE(WdfCmResourceListGetCount, CmResourceListGetCount);
+    PROVIDE(WdfCmResourceListGetDescriptor, CmResourceListGetDescriptor);
+    PROVIDE(WdfWdmDeviceGetWdfDeviceHandle, WdmDeviceGetWdfDeviceHandle);
+}
 #undef PROVIDE
 
 // Drivers may read the table and never write it.
@@ -192,6 +216,9 @@ const WDFFUNC* MakeTable()
     Table table = AllAbsent(std::make_integer_sequence<unsigned, kFunctionCount>());
     ProvideObjects(table);
     ProvideDevices(table);
+    ProvideValues(table);
+    ProvideRequestBuffers(table);
+    ProvideDeviceSettings(table);
     void* memory = mmap(nullptr, sizeof(table), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         throw HostError("no memory for the framework's function table");

@@ -37,6 +37,10 @@ const char* Name(ObjectType type)
         return "timer";
     case ObjectType::kMemory:
         return "memory object";
+    case ObjectType::kString:
+        return "string object";
+    case ObjectType::kResourceList:
+        return "resource list";
     case ObjectType::kIoTarget:
         return "I/O target";
     case ObjectType::kKey:

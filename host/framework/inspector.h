@@ -30,6 +30,8 @@ enum class ObjectType {
     kWorkItem,
     kTimer,
     kMemory,
+    kString,
+    kResourceList,
     kKey,
     kIoTarget,
     kGeneral

@@ -19,19 +19,35 @@ RequestObject& MakeRequest(Framework& framework, DeviceObject& device, RequestKi
     request.kind = kind;
     request.file = &file;
     ++file.requests;
+    if (device.settings.requestAttributes) {
+        framework.objects.ApplyAttributes(request, &*device.settings.requestAttributes);
+    }
     framework.objects.Register(std::move(object), nullptr);
     return request;
 }
 
-// Takes the result; a request that the driver still has is kept.
-RequestResult TakeResult(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request)
+// Takes the result and what goes back; a request that the driver still has is kept.
+RequestResult TakeResult(Framework& framework, std::unique_lock<std::mutex>& lock, RequestObject& request,
+                         std::span<std::byte> output = {})
 {
     const RequestResult result{request.status, request.information, request.completed};
     request.isAbandoned = true;
     if (request.completed) {
-        framework.objects.Finish(lock, request);
+        std::ranges::copy(request.buffers.result, output.begin());
+        framework.objects.Delete(lock, request);
     }
     return result;
+}
+
+// Whether a file object of the device exists, if only of an opening that is under way.
+bool IsOpen(const DeviceObject& device)
+{
+    for (const Object* child = device.firstChild(); child != nullptr; child = child->nextSibling()) {
+        if (child->type == ObjectType::kFileObject) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void Present(Framework& framework, QueueObject& queue, RequestObject& request)
@@ -132,13 +148,14 @@ void CompleteRequest(Framework& framework, std::unique_lock<std::mutex>& lock, R
     request.completed = true;
     request.status = status;
     request.information = information;
+    ReclaimBuffers(request);
     QueueObject* queue = request.queue;
     FileObjectObject* file = request.file;
     if (queue != nullptr) {
         std::erase(queue->presented, &request);
     }
     if (request.isAbandoned) {
-        framework.objects.Finish(lock, request);
+        framework.objects.Delete(lock, request);
     }
     framework.threads.NotifyWaiting();
     if (file != nullptr && --file->requests == 0 && file->closing) {
@@ -155,6 +172,9 @@ RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObj
     std::unique_lock lock(framework.mutex);
     if (device.stage != DeviceStage::kStarted && device.stage != DeviceStage::kAdded) {
         return {STATUS_NO_SUCH_DEVICE, 0, true};
+    }
+    if (device.settings.exclusive && IsOpen(device)) {
+        return {STATUS_ACCESS_DENIED, 0, true};
     }
     auto object = std::make_unique<FileObjectObject>(device.driver);
     FileObjectObject& opened = *object;
@@ -207,8 +227,8 @@ void CloseFile(Framework& framework, FileObjectObject& file)
     }
 }
 
-RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::uint32_t code, std::size_t inputBytes,
-                            std::size_t outputBytes)
+RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::uint32_t code,
+                            std::span<const std::byte> input, std::span<std::byte> output)
 {
     DeviceObject& device = *file.device;
     std::unique_lock lock(framework.mutex);
@@ -222,8 +242,9 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
     RequestObject& request = MakeRequest(framework, device, RequestKind::kDeviceControl, file);
     request.queue = queue;
     request.code = code;
-    request.inputBytes = inputBytes;
-    request.outputBytes = outputBytes;
+    request.inputBytes = input.size();
+    request.outputBytes = output.size();
+    LendBuffers(framework, request, input, output);
     queue->waiting.push_back(&request);
     ObjectTree::Reference(*queue);
     Deliver(framework, lock, *queue);
@@ -233,7 +254,7 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
     (void)framework.threads.WaitFor(
         lock, {.subject = Describe(request), .isReady = isSettled, .heldBy = [&] { return queue->deliveringOn; }},
         "I/O control", nullptr);
-    const RequestResult result = TakeResult(framework, lock, request);
+    const RequestResult result = TakeResult(framework, lock, request, output);
     framework.objects.Dereference(lock, *queue);
     return result;
 }
@@ -256,7 +277,8 @@ RequestObject* ResolveIncomplete(const PlatformCall& call, Framework& framework,
     return request;
 }
 
-void Complete(const PlatformCall& call, WDFREQUEST handle, NTSTATUS status, std::uint64_t information)
+// Information that is not given is what was set before.
+void Complete(const PlatformCall& call, WDFREQUEST handle, NTSTATUS status, std::optional<std::uint64_t> given)
 {
     Framework& framework = Framework::Current();
     std::unique_lock lock(framework.mutex);
@@ -264,6 +286,7 @@ void Complete(const PlatformCall& call, WDFREQUEST handle, NTSTATUS status, std:
     if (request == nullptr) {
         return;
     }
+    const std::uint64_t information = given.value_or(request->information);
     if (request->kind == RequestKind::kDeviceControl && information > request->outputBytes) {
         call.Violation(Rule::kRequestInformation, std::to_string(information) + " bytes for an output buffer of " +
                                                       std::to_string(request->outputBytes));
@@ -276,7 +299,7 @@ void Complete(const PlatformCall& call, WDFREQUEST handle, NTSTATUS status, std:
 void NTAPI RequestComplete(PWDF_DRIVER_GLOBALS, WDFREQUEST handle, NTSTATUS status)
 {
     const PlatformCall call("WdfRequestComplete", HOST_CALLER, DISPATCH_LEVEL);
-    Complete(call, handle, status, 0);
+    Complete(call, handle, status, std::nullopt);
 }
 
 void NTAPI RequestCompleteWithInformation(PWDF_DRIVER_GLOBALS, WDFREQUEST handle, NTSTATUS status,
@@ -293,6 +316,15 @@ WDFFILEOBJECT NTAPI RequestGetFileObject(PWDF_DRIVER_GLOBALS, WDFREQUEST handle)
     const std::lock_guard lock(framework.mutex);
     const auto* request = framework.objects.Resolve<RequestObject>(call, handle, "Request");
     return request == nullptr || request->file == nullptr ? nullptr : static_cast<WDFFILEOBJECT>(request->file->handle);
+}
+
+WDFDEVICE NTAPI FileObjectGetDevice(PWDF_DRIVER_GLOBALS, WDFFILEOBJECT handle)
+{
+    const PlatformCall call("WdfFileObjectGetDevice", HOST_CALLER, DISPATCH_LEVEL);
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    const auto* file = framework.objects.Resolve<FileObjectObject>(call, handle, "FileObject");
+    return file == nullptr ? nullptr : static_cast<WDFDEVICE>(file->device->handle);
 }
 
 WDFQUEUE NTAPI RequestGetIoQueue(PWDF_DRIVER_GLOBALS, WDFREQUEST handle)

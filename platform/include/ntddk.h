@@ -87,6 +87,8 @@ PLATFORM_SIZE(INTERFACE, 32);
 PLATFORM_LAYOUT(INTERFACE, Context, 8);
 PLATFORM_LAYOUT(INTERFACE, InterfaceReference, 16);
 
+#include <ntdevice.h>
+
 typedef struct _DEVICE_OBJECT *PDEVICE_OBJECT;
 typedef struct _IRP* PIRP;
 typedef struct _FILE_OBJECT* PFILE_OBJECT;
@@ -218,12 +220,16 @@ enum { KernelMode = 0, UserMode = 1 };
 #define KEY_READ 0x20019
 #define KEY_WRITE 0x20006
 #define REG_SZ 1
+#define REG_EXPAND_SZ 2
 #define REG_DWORD 4
 
 #define FILE_DEVICE_UNKNOWN 0x00000022
 #define FILE_DEVICE_SECURE_OPEN 0x00000100
 #define FILE_ANY_ACCESS 0
 #define METHOD_BUFFERED 0
+#define METHOD_IN_DIRECT 1
+#define METHOD_OUT_DIRECT 2
+#define METHOD_NEITHER 3
 #define CTL_CODE(DeviceType, Function, Method, Access) \
     (((DeviceType) << 16) | ((Access) << 14) | ((Function) << 2) | (Method))
 

@@ -53,6 +53,7 @@
 
 #define STDCALL NTAPI
 #define DECLSPEC_ALIGN(bytes) __attribute__((aligned(bytes)))
+#define POINTER_ALIGNMENT DECLSPEC_ALIGN(8)
 #define NTKERNELAPI DECLSPEC_IMPORT
 #define NTSYSAPI DECLSPEC_IMPORT
 #ifndef FORCEINLINE

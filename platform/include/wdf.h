@@ -550,8 +550,14 @@ WDF_CALL(381, WdfWorkItemGetParentObject, WDFOBJECT, (WDFWORKITEM WorkItem), (Wo
 WDF_CALL(382, WdfWorkItemFlush, VOID, (WDFWORKITEM WorkItem), (WorkItem))
 
 #include <wdfiotarget.h>
+#include <wdfdevice.h>
 #include <wdfmemory.h>
+#include <wdfrequest.h>
+#include <wdfresource.h>
+#include <wdfstring.h>
 #include <wdftimer.h>
+
+#include <wdfregistry.h>
 
 #undef WDF_CALL
 

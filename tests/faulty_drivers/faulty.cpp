@@ -14,13 +14,23 @@ NTSTATUS Step(const char* step)
     return g_hooks.Step != nullptr ? g_hooks.Step(step) : STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI EvtPrepareHardware(WDFDEVICE, WDFCMRESLIST, WDFCMRESLIST)
+void ShowResources(WDFCMRESLIST list)
 {
+    if (g_hooks.Resources != nullptr) {
+        g_hooks.Resources(list);
+    }
+}
+
+NTSTATUS NTAPI EvtPrepareHardware(WDFDEVICE, WDFCMRESLIST raw, WDFCMRESLIST translated)
+{
+    ShowResources(raw);
+    ShowResources(translated);
     return Step("prepare");
 }
 
-NTSTATUS NTAPI EvtReleaseHardware(WDFDEVICE, WDFCMRESLIST)
+NTSTATUS NTAPI EvtReleaseHardware(WDFDEVICE, WDFCMRESLIST translated)
 {
+    ShowResources(translated);
     return Step("release");
 }
 
@@ -81,6 +91,10 @@ void NTAPI EvtDeviceControl(WDFQUEUE, WDFREQUEST request, size_t outputBytes, si
         g_pending = request;
         break;
     default:
+        if (g_hooks.Control != nullptr) {
+            g_hooks.Control(request);
+            break;
+        }
         WdfRequestCompleteWithInformation(request, STATUS_SUCCESS, outputBytes);
         break;
     }
@@ -139,6 +153,9 @@ NTSTATUS NTAPI EvtDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT init)
     power.EvtDeviceSurpriseRemoval = EvtSurpriseRemoval;
     WdfDeviceInitSetPnpPowerEventCallbacks(init, &power);
 
+    if (g_hooks.Init != nullptr) {
+        g_hooks.Init(init);
+    }
     WDF_FILEOBJECT_CONFIG files;
     WDF_FILEOBJECT_CONFIG_INIT(&files, EvtFileCreate, EvtFileClose, nullptr);
     WdfDeviceInitSetFileObjectConfig(init, &files, WDF_NO_OBJECT_ATTRIBUTES);

@@ -66,6 +66,9 @@ enum Control : ULONG {
 // The driver's callbacks call these when they are set.
 struct FaultyHooks {
     void(NTAPI* Work)(WDFWORKITEM item);
+    void(NTAPI* Control)(WDFREQUEST request);  // of other codes
+    void(NTAPI* Init)(PWDFDEVICE_INIT init);
+    void(NTAPI* Resources)(WDFCMRESLIST list);
     void(NTAPI* FileCreate)(WDFREQUEST request, WDFFILEOBJECT file);
     void(NTAPI* FileClose)(WDFFILEOBJECT file);
     NTSTATUS(NTAPI* Step)(const char* step);  // "prepare", "D0 entry from D3Final", ...
