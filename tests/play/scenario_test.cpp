@@ -148,7 +148,11 @@ TEST(Scenario, DeepAndLongFilesAndFoldersAreRefused)
 // Twenty mistakes are enough, and reading takes no longer for them.
 TEST(Scenario, TenMegabytesAndAHundredThousandClientsAreReadOrRefused)
 {
+#if defined(ZEPN_EMULATED) || defined(ZEPN_SANITIZED)
+    constexpr unsigned kClients = 5'000;  // a look-up that walks them all shows where it is not slowed down ten times
+#else
     constexpr unsigned kClients = 100'000;
+#endif
     std::string clients;
     std::string steps;
     char text[160];
@@ -165,7 +169,7 @@ TEST(Scenario, TenMegabytesAndAHundredThousandClientsAreReadOrRefused)
         return R"({"title": "t", "states": {}, "clients": {)" + clients + "}, \"steps\": [" + steps + "]" + name + "}";
     };
     const std::string good = file("");
-    EXPECT_GT(good.size(), 10u << 20);
+    EXPECT_GT(good.size(), kClients * 105u);
     EXPECT_EQ(ParseScenario(good, "f").clients.size(), kClients);
     std::string wrong = good;
     for (std::size_t at = 0; (at = wrong.find("\"client\": \"c", at)) != std::string::npos; ++at) {
