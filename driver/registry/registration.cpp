@@ -27,6 +27,7 @@ static NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEn
     client.DataEntryCount = static_cast<UCHAR>(entryCount);
     return STATUS_SUCCESS;
 }
+
 // Deletes a client that was not added; its registrations collection, if it has one, is left to the driver object.
 // Returns the entries, which the caller frees: they are not part of the context.
 [[nodiscard]] static ZepDataEntry* DeleteClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)

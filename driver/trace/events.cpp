@@ -13,22 +13,15 @@ constexpr ULONG kEnableBitCount = 4;
 // What the session asked for, written by the enable callback alone and otherwise kept for the debugger; and the levels
 // and keywords of the enable bits, by which it derives the word in g_TraceEnable.
 struct EventTraceContext {
-    ULONG64 matchAnyKeyword;
-    ULONG64 matchAllKeyword;
-    ULONG isEnabled;
-    UCHAR level;
-    UCHAR enableBitLevels[kEnableBitCount];
-    ULONG64 enableBitKeywords[kEnableBitCount];
+    ULONG64 matchAnyKeyword{};
+    ULONG64 matchAllKeyword{};
+    ULONG isEnabled{};
+    UCHAR level{};
+    UCHAR enableBitLevels[kEnableBitCount] = {kLevelError, kLevelWarning, kLevelInformation, kLevelVerbose};
+    ULONG64 enableBitKeywords[kEnableBitCount]{};  // no event uses one
 };
 
-static EventTraceContext g_EventContext = {
-    .matchAnyKeyword = 0,
-    .matchAllKeyword = 0,
-    .isEnabled = 0,
-    .level = 0,
-    .enableBitLevels = {kLevelError, kLevelWarning, kLevelInformation, kLevelVerbose},
-    .enableBitKeywords = {0, 0, 0, 0},
-};
+static EventTraceContext g_EventContext;
 
 static REGHANDLE g_RegistrationHandle;
 
@@ -59,10 +52,7 @@ static VOID NTAPI EventEnableCallback(LPCGUID, ULONG controlCode, UCHAR level, U
             }
         }
         WriteULongNoFence(&g_TraceEnable.events, bits);
-        return;
-    }
-
-    if (controlCode == kControlDisable) {
+    } else if (controlCode == kControlDisable) {
         WriteULongNoFence(&context->isEnabled, 0);
         WriteUCharNoFence(&context->level, 0);
         WriteULong64NoFence(&context->matchAnyKeyword, 0);

@@ -37,19 +37,21 @@ typedef NTSTATUS(NTAPI EtwUnregisterRoutine)(REGHANDLE handle);
 typedef LONG(NTAPI WmiRequestCallback)(UCHAR minorFunction, PVOID dataPath, ULONG bufferLength, PVOID buffer,
                                        PVOID context, PULONG size);
 
+static WmiRequestCallback AnswerWmiRequest;
+
 // Flags, level and logger are written by the enable callbacks on threads of the system's and read without a lock.
 struct ControlBlock {
-    WmiRequestCallback* callback;  // the WMI registration finds it here
-    const GUID* controlGuid;
-    ControlBlock* next;
-    ULONG64 logger;
-    PUNICODE_STRING registryPath;
-    UCHAR flagsLength;
-    UCHAR level;
-    USHORT reserved;
-    ULONG flags;
-    ULONG reservedFlags;
-    REGHANDLE registrationHandle;
+    WmiRequestCallback* callback = AnswerWmiRequest;  // the WMI registration finds it here
+    const GUID* controlGuid = &kControlGuid;
+    ControlBlock* next{};
+    ULONG64 logger{};
+    PUNICODE_STRING registryPath{};
+    UCHAR flagsLength{};
+    UCHAR level{};
+    USHORT reserved{};
+    ULONG flags{};
+    ULONG reservedFlags{};
+    REGHANDLE registrationHandle{};
 };
 static_assert(sizeof(ControlBlock) == 64 && offsetof(ControlBlock, callback) == 0 &&
               offsetof(ControlBlock, logger) == 24 && offsetof(ControlBlock, level) == 41 &&
@@ -66,9 +68,8 @@ static_assert(sizeof(EnableContext) == 8);
 
 enum class Registration : UCHAR { kWmi, kClassicProvider };
 
-static ControlBlock g_ControlBlock;
-static ControlBlock* g_Control;  // null before initialisation and after clean-up
-static Registration g_Registration;
+static ControlBlock g_Control;
+static Registration g_Registration = Registration::kWmi;
 static WmiTraceMessageRoutine* g_TraceMessage;
 static WmiQueryTraceInformationRoutine* g_QueryTraceInformation;
 static EtwUnregisterRoutine* g_Unregister;
@@ -141,7 +142,7 @@ enum WmiMinorFunction : UCHAR {
 constexpr ULONG kRegisterInfoSize = offsetof(WMIREGINFOW, WmiRegGuid) + sizeof(WMIREGGUIDW);
 static_assert(kRegisterInfoSize == 56);
 
-static LONG AnswerRegisterInfo(ControlBlock& control, ULONG bufferLength, PVOID buffer, PULONG size)
+static LONG AnswerRegisterInfo(const ControlBlock& control, ULONG bufferLength, PVOID buffer, PULONG size)
 {
     if (bufferLength < kRegisterInfoSize) {
         if (bufferLength >= sizeof(ULONG)) {
@@ -157,7 +158,6 @@ static LONG AnswerRegisterInfo(ControlBlock& control, ULONG bufferLength, PVOID 
     information->GuidCount = 1;
     information->WmiRegGuid[0].Guid = *control.controlGuid;
     information->WmiRegGuid[0].Flags = WMIREG_FLAG_TRACED_GUID | WMIREG_FLAG_TRACE_CONTROL_GUID;
-    DisableMessages(control);
     *size = kRegisterInfoSize;
     return STATUS_SUCCESS;
 }
@@ -177,8 +177,6 @@ static LONG AnswerEnable(ControlBlock& control, PWNODE_HEADER header)
     EnableMessages(control, header->HistoricalContext, static_cast<UCHAR>(level), flags);
     return status;
 }
-
-static WmiRequestCallback AnswerWmiRequest;
 
 static LONG AnswerWmiRequest(UCHAR minorFunction, PVOID, ULONG bufferLength, PVOID buffer, PVOID context, PULONG size)
 {
@@ -233,7 +231,6 @@ static EtwRegisterClassicProviderRoutine* FindClassicRegistration()
     PsGetVersionRoutine* getVersion = FindRoutine<PsGetVersionRoutine>(L"PsGetVersion");
     g_TraceMessage = FindRoutine<WmiTraceMessageRoutine>(L"WmiTraceMessage");
     g_QueryTraceInformation = FindRoutine<WmiQueryTraceInformationRoutine>(L"WmiQueryTraceInformation");
-    g_Registration = Registration::kWmi;
 
     ULONG major = 0;
     if (getVersion != nullptr) {
@@ -252,48 +249,23 @@ static EtwRegisterClassicProviderRoutine* FindClassicRegistration()
 
 void InitializeTraceMessages()
 {
-    if (g_Control != nullptr) {
-        return;
-    }
-    g_ControlBlock = {
-        .callback = AnswerWmiRequest,
-        .controlGuid = &kControlGuid,
-        .next = nullptr,
-        .logger = 0,
-        .registryPath = nullptr,
-        .flagsLength = 1,
-        .level = 0,
-        .reserved = 0,
-        .flags = 0,
-        .reservedFlags = 0,
-        .registrationHandle = 0,
-    };
-    g_Control = &g_ControlBlock;
-
     // Registration enables at once when a session is armed already; its status does not matter.
     EtwRegisterClassicProviderRoutine* registerClassic = FindClassicRegistration();
     if (g_Registration == Registration::kClassicProvider) {
-        (void)registerClassic(&kControlGuid, 0, MessageEnableCallback, g_Control, &g_Control->registrationHandle);
+        (void)registerClassic(&kControlGuid, 0, MessageEnableCallback, &g_Control, &g_Control.registrationHandle);
     } else {
-        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kWmiRegister);
+        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(&g_Control), kWmiRegister);
     }
 }
 
 void CleanUpTraceMessages()
 {
-    if (g_Control == nullptr) {
-        return;
+    if (g_Registration == Registration::kWmi) {
+        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(&g_Control), kWmiDeregister);
+    } else if (g_Control.registrationHandle != 0 && g_Unregister != nullptr) {
+        (void)g_Unregister(g_Control.registrationHandle);
     }
-    if (g_Registration == Registration::kClassicProvider) {
-        if (g_Control->registrationHandle != 0 && g_Unregister != nullptr) {
-            (void)g_Unregister(g_Control->registrationHandle);
-            g_Control->registrationHandle = 0;
-        }
-    } else {
-        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kWmiDeregister);
-    }
-    DisableMessages(*g_Control);
-    g_Control = nullptr;
+    DisableMessages(g_Control);
 }
 
 // ---- Writing ----
@@ -310,7 +282,7 @@ static void Send(MessageSet set, USHORT number, Pairs... pairs)
     if (g_TraceMessage == nullptr) {
         return;
     }
-    (void)g_TraceMessage(ReadULong64NoFence(&g_ControlBlock.logger), kMessageFlags,
+    (void)g_TraceMessage(ReadULong64NoFence(&g_Control.logger), kMessageFlags,
                          &kMessageSetGuids[static_cast<ULONG>(set)], number, pairs..., kEnd);
 }
 

@@ -15,8 +15,8 @@ inline constexpr ULONG kControlEnable = 1;
 void RegisterEventProvider();
 void UnregisterEventProvider();
 
-// Registers the trace-message provider by the classic provider registration, or by WMI where the system lacks that.
-// Doing it twice, or cleaning up what was never initialised, does nothing.
+// Registers the trace-message provider by the classic provider registration, or by WMI where the system lacks that;
+// once in a load. After the clean-up nothing is traced.
 void InitializeTraceMessages();
 void CleanUpTraceMessages();
 

@@ -110,7 +110,7 @@ void SendWmiRequest(const Provider& provider, std::uint8_t minor, const GUID& co
     header.Guid = control;
     header.Flags = WNODE_FLAG_TRACED_GUID;
     ULONG size = 0;
-    (void)Request(provider, minor, &header, sizeof(header), size);
+    Tracing::State::Current().lastWmiStatus = Request(provider, minor, &header, sizeof(header), size);
 }
 
 }  // namespace host::tracing

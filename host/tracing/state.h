@@ -5,6 +5,7 @@
 
 #include <wmistr.h>
 
+#include <atomic>
 #include <list>
 #include <mutex>
 #include <optional>
@@ -62,6 +63,7 @@ struct Tracing::State {
     REGHANDLE nextHandle = 0x1000;
     SessionId nextSession = 0x21;  // doubles as logger id
     Listener* listener = nullptr;
+    std::atomic<LONG> lastWmiStatus = 0;
 
     static State& Current();
 

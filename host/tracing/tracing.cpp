@@ -292,6 +292,11 @@ void Tracing::SendEventControl(const GUID& guid, std::uint32_t code, std::uint8_
     }
 }
 
+LONG Tracing::LastWmiStatus() const
+{
+    return state_->lastWmiStatus;
+}
+
 void Tracing::SendMessageControl(const GUID& control, std::uint8_t code, bool nullContext)
 {
     for (const Provider& provider : state_->ProvidersOf(control, false)) {

@@ -78,6 +78,9 @@ public:
     [[nodiscard]] std::size_t EventProviders() const;
     [[nodiscard]] std::size_t MessageProviders() const;
 
+    // What a provider of the classic (WMI) registration answered to the last enable or disable request.
+    [[nodiscard]] LONG LastWmiStatus() const;
+
     // Calls an enable callback directly, to show a provider codes and contexts that the system may send.
     void SendEventControl(const GUID& provider, std::uint32_t code, std::uint8_t level, std::uint64_t matchAny,
                           std::uint64_t matchAll, bool nullContext = false);

@@ -101,6 +101,24 @@ TEST_P(Lifecycle, DeviceAddFillsTheContextAndRegistersForPowerStates)
     EXPECT_EQ(inspect.Find(fixture.driver->Handle())->references, 2);
 }
 
+TEST_P(Lifecycle, UnloadClearsThePowerStateCallbackBeforeTheContextGoes)
+{
+    DriverFixture fixture(GetParam());
+    fixture.driver->SurpriseRemoveDevice();
+    ASSERT_FALSE(fixture.driver->RemoveDevice().parked);
+    std::optional<DriverContext> context;
+    fixture.machine.environment().SetObserver([&](const host::ObservedCall& call) {
+        if (std::string_view(call.function) == "EtwUnregister") {  // the last step
+            context = fixture.Context();
+        }
+    });
+    fixture.TakeDown();
+    fixture.machine.environment().SetObserver(nullptr);
+    ASSERT_TRUE(context);
+    EXPECT_EQ(context->powerCallbackRegistration, nullptr);
+    EXPECT_EQ(context->powerCallbackObject, nullptr);
+}
+
 TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
 {
     struct Row {

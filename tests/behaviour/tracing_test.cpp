@@ -313,6 +313,23 @@ TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
     EXPECT_EQ(numbers(), std::set<unsigned>{});
 }
 
+TEST_P(Reporting, OldRouteAnswersWhatItCannotDo)
+{
+    DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kLegacy}, .boots = false});
+    fixture.Lose("MmGetSystemRoutineAddress", "WmiQueryTraceInformation");
+    fixture.Load();
+    fixture.EndFaults();
+    auto& tracing = fixture.machine.tracing();
+    EXPECT_EQ(tracing.LastWmiStatus(), STATUS_UNSUCCESSFUL) << "the sessions were open before the load";
+    EXPECT_TRUE(tracing.Messages().empty());
+    for (const std::uint8_t minor : {4, 5}) {
+        tracing.SendMessageControl(kControlGuid, minor, true);
+        EXPECT_EQ(tracing.LastWmiStatus(), STATUS_WMI_GUID_NOT_FOUND);
+    }
+    fixture.TakeDown();
+    fixture.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);
+}
+
 // Also of the oldest system that has it.
 TEST_P(Reporting, ClassicRouteIsLookedForFromVersionSixOn)
 {
@@ -327,14 +344,20 @@ TEST_P(Reporting, ClassicRouteIsLookedForFromVersionSixOn)
     }
 }
 
-TEST_P(Reporting, MissingVersionRoutineMeansTheOldRoute)
+// There the classic route is not even looked for.
+TEST_P(Reporting, SystemsOfAnOlderOrUnknownVersionHaveTheOldRoute)
 {
-    DriverFixture fixture(GetParam(), {.machine = {.exportsPsGetVersion = false}, .boots = false});
-    fixture.Load();
-    EXPECT_EQ(fixture.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"}));
-    fixture.TakeDown();
-    fixture.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);
-    EXPECT_EQ(fixture.machine.tracing().MessageProviders(), 0u);
+    for (const host::MachineOptions& machine :
+         {host::MachineOptions{.majorVersion = 5}, host::MachineOptions{.exportsPsGetVersion = false}}) {
+        DriverFixture fixture(GetParam(), {.machine = machine, .boots = false});
+        fixture.machine.faults().Add({.function = "MmGetSystemRoutineAddress", .detail = "EtwRegisterClassicProvider"});
+        fixture.Load();
+        EXPECT_EQ(fixture.machine.faults().StruckCount(), 0u);
+        EXPECT_EQ(fixture.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"}));
+        fixture.TakeDown();
+        fixture.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);
+        EXPECT_EQ(fixture.machine.tracing().MessageProviders(), 0u);
+    }
 }
 
 }  // namespace
