@@ -13,31 +13,32 @@ std::string EntryOf(const Mutant& mutant)
 
 Equivalents::Equivalents(std::istream& list)
 {
-    std::string entry;
-    unsigned lines = 0;  // of the entry
-    const auto refuse = [&](const std::string& why) {
-        throw std::runtime_error("the list of equivalent mutants: " + why + ":\n" + entry);
-    };
-    for (std::string line; std::getline(list, line);) {
-        if (lines == 0 && (line.empty() || line.starts_with("#"))) {
-            continue;
+    std::vector<std::string> entry;
+    const auto end = [&] {
+        if (entry.empty()) {
+            return;
         }
-        if (line.empty()) {
-            refuse("an entry is file and function, source line, change, reason");
+        if (entry.size() < 4) {
+            throw std::runtime_error("the list of equivalent mutants: an entry is file and function, source line, "
+                                     "changes, reason: " +
+                                     entry.front());
         }
-        if (++lines < 4) {
-            entry += line + "\n";
-            continue;
-        }
-        if (!reasons_.emplace(entry, line).second) {
-            refuse("this entry is there twice");
+        for (std::size_t change = 2; change + 1 < entry.size(); ++change) {
+            const std::string name = entry[0] + "\n" + entry[1] + "\n" + entry[change] + "\n";
+            if (!reasons_.emplace(name, entry.back()).second) {
+                throw std::runtime_error("the list of equivalent mutants has this twice:\n" + name);
+            }
         }
         entry.clear();
-        lines = 0;
+    };
+    for (std::string line; std::getline(list, line);) {
+        if (line.empty()) {
+            end();
+        } else if (!line.starts_with("#") || !entry.empty()) {
+            entry.push_back(line);
+        }
     }
-    if (lines != 0) {
-        refuse("the last entry is not complete");
-    }
+    end();
 }
 
 std::string Equivalents::ReasonFor(const Mutant& mutant) const

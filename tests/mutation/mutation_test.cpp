@@ -239,10 +239,12 @@ TEST(EquivalentMutants, AreEntriesWithAReasonThatMustNotGrowStale)
     mutant.lineText = "return 1;";
     mutant.change = "`1` -> `2`";
     const std::string entry = "driver/a.cpp, Do\nreturn 1;\n`1` -> `2`\n";
-    std::istringstream list("# Why.\n\n" + entry + "nobody asks\n\ndriver/a.cpp, Do\nreturn 0;\n`0` -> `1`\ngone\n");
+    std::istringstream list("# Why.\n\n" + entry +
+                            "nobody asks\n\ndriver/a.cpp, Do\nreturn 0;\n`0` -> `1`\n`0` -> `2`\ngone\n");
     const Equivalents equivalents(list);
     EXPECT_EQ(equivalents.ReasonFor(mutant), "nobody asks");
-    EXPECT_EQ(equivalents.Stale({mutant}), (Lines{"driver/a.cpp, Do\nreturn 0;\n`0` -> `1`\n"}));
+    EXPECT_EQ(equivalents.Stale({mutant}),
+              (Lines{"driver/a.cpp, Do\nreturn 0;\n`0` -> `1`\n", "driver/a.cpp, Do\nreturn 0;\n`0` -> `2`\n"}));
     // Listed, but a test sees it.
     EXPECT_TRUE(IsWrong({mutant, {Fate::kKilled, "model"}, "nobody asks"}));
     EXPECT_FALSE(IsWrong({mutant, {Fate::kSurvived, ""}, "nobody asks"}));
