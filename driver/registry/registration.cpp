@@ -28,42 +28,37 @@ static NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEn
     return STATUS_SUCCESS;
 }
 
-// Deletes a client that was not added; its registrations collection, if it has one, is left to the driver object.
-// Returns the entries, which the caller frees: they are not part of the context.
-[[nodiscard]] static ZepDataEntry* DeleteClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+// Gives a filled client its registrations collection and adds it. On a failure the client's object is deleted; its
+// entries, which are not part of the context, are left to the caller. On purpose: once the registrations collection is
+// created, a failure leaves it to its parent, the driver object.
+static NTSTATUS AddClient(WDFOBJECT clientObject, ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
-    ZepDataEntry* entries = client.DataEntries;
-    WdfObjectDelete(clientObject);
-    return entries;
-}
+    NTSTATUS status = WdfCollectionCreate(WDF_NO_OBJECT_ATTRIBUTES, &client.wdfCollectionStateRegistrations);
+    if (!NT_SUCCESS(status)) {
+        Report<Site::kInitRegistrations>(status);
+        WdfObjectDelete(clientObject);
+        return status;
+    }
 
-// On purpose: from here on a failure leaves the registrations collection to its parent, the driver object.
-static NTSTATUS AddClient(WDFOBJECT clientObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& client)
-{
     const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
         DriverContextOrReport<Site::kInitNoDriver, Site::kInitNoContext>(STATUS_ZEP_NOTIFIER_NO_DRIVER);
     if (context == nullptr) {
-        FreeEntries(DeleteClient(clientObject, client));
+        WdfObjectDelete(clientObject);
         return STATUS_ZEP_NOTIFIER_NO_DRIVER;
     }
 
-    NTSTATUS status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
+    status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
     if (status != STATUS_SUCCESS) {
         Report<Site::kInitLock>(status);
-        ZepDataEntry* entries = DeleteClient(clientObject, client);
-        // On purpose: only for an error: a lock that returns another success leaves the entries allocated.
-        if (!NT_SUCCESS(status)) {
-            FreeEntries(entries);
-        }
+        WdfObjectDelete(clientObject);
         return status;
     }
 
     status = WdfCollectionAdd(context->wdfCollectionZepClients, clientObject);
     if (!NT_SUCCESS(status)) {
         Report<Site::kInitAdd>(status);
-        ZepDataEntry* entries = DeleteClient(clientObject, client);
+        WdfObjectDelete(clientObject);
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
-        FreeEntries(entries);
         return status;
     }
 
@@ -124,15 +119,13 @@ NTSTATUS Notifier_HelperInit(const GUID* interfaceGuid, const CHAR* name, const 
     }
     client->CallbackContext = callbackContext;
 
-    status = WdfCollectionCreate(WDF_NO_OBJECT_ATTRIBUTES, &client->wdfCollectionStateRegistrations);
-    if (!NT_SUCCESS(status)) {
-        Report<Site::kInitRegistrations>(status);
-        FreeEntries(DeleteClient(clientObject, *client));
-        return status;
-    }
-
+    ZepDataEntry* const ownEntries = client->DataEntries;
     status = AddClient(clientObject, *client);
     if (status != STATUS_SUCCESS) {
+        // On purpose: only for an error: a lock that returns another success leaves the entries allocated.
+        if (!NT_SUCCESS(status)) {
+            FreeEntries(ownEntries);
+        }
         return status;
     }
     Report<Site::kInitDone>(interfaceGuid->Data1);
