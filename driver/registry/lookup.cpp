@@ -54,6 +54,7 @@ ZEP_NOTIFIER_CLIENT_CONTEXT* _getClientContextByGUID_unsafe(const GUID* Interfac
     if (context == nullptr) {
         return nullptr;
     }
+    _Analysis_assume_lock_held_(context->wdfWaitLockClientsCollection);  // by the caller, who does not pass the context
     return FindClient<Site::kLookupUnsafeItem, Site::kLookupUnsafeClient>(*context, *InterfaceGUID, ClientObject);
 }
 

@@ -59,9 +59,10 @@ static ClientAnswer DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subsc
             }};
 }
 
-// The part of the operation that runs under the clients lock.
-static NTSTATUS Subscribe(const GUID& subscriberGuid, const ZepState& filter, PZEP_STATE_NOTIFICATION_CALLBACK callback,
-                          ClientAnswer& answer)
+// The part of the operation that runs under the clients lock, for which alone it takes the context.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
+static NTSTATUS Subscribe([[maybe_unused]] const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& subscriberGuid,
+                          const ZepState& filter, PZEP_STATE_NOTIFICATION_CALLBACK callback, ClientAnswer& answer)
 {
     WDFOBJECT subscriberObject = nullptr;
     const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(&subscriberGuid, &subscriberObject);
@@ -88,8 +89,10 @@ static NTSTATUS Subscribe(const GUID& subscriberGuid, const ZepState& filter, PZ
     return STATUS_SUCCESS;
 }
 
-// Ends the oldest subscription to the filter's client and state, under the clients lock.
-static NTSTATUS Unsubscribe(const GUID& subscriberGuid, const ZepState& filter)
+// Ends the oldest subscription to the filter's client and state; takes the context for the lock, as above.
+_Requires_lock_held_(context.wdfWaitLockClientsCollection)
+static NTSTATUS Unsubscribe([[maybe_unused]] const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& subscriberGuid,
+                            const ZepState& filter)
 {
     const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(&subscriberGuid, nullptr);
     if (subscriber == nullptr) {
@@ -125,7 +128,7 @@ NTSTATUS Notifier_HelperRegisterForStateNotification(const GUID* interfaceGuid, 
     }
 
     ClientAnswer answer = {};
-    status = Subscribe(*interfaceGuid, *state, callback, answer);
+    status = Subscribe(*context, *interfaceGuid, *state, callback, answer);
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
 
     // Posting takes the clients lock itself.
@@ -153,7 +156,7 @@ NTSTATUS Notifier_HelperDeregisterForStateNotification(const GUID* interfaceGuid
     if (status != STATUS_SUCCESS) {
         return ReportFailure<Site::kDeregisterLock>(status);
     }
-    status = Unsubscribe(*interfaceGuid, *state);
+    status = Unsubscribe(*context, *interfaceGuid, *state);
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
     return status;
 }
