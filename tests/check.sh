@@ -70,10 +70,15 @@ configure_for_tidy() {
     cmake --build build/check --target build_stamp
 }
 
+# The placeholders of a template, @NAME@, stand as names of the same width.
+format_template() {
+    tr @ _ < "$root/$1" | clang-format-19 --dry-run --Werror --assume-filename="$root/${1%.in}"
+}
+
 run_tidy() { printf '%s\0' "$@" | xargs -0 -n 1 -P "$(nproc)" clang-tidy-19 -p build/check --quiet; }
 
 run_checks() {
-    local all=false settings changed files sources
+    local all=false settings changed files file sources
     if [ "$*" = --all ]; then
         all=true
     elif [ $# -gt 0 ]; then
@@ -90,6 +95,11 @@ run_checks() {
         step "clang-format, ${#files[@]} files" check-format clang-format-19 --dry-run --Werror "${files[@]}"
         printf '%s\n' "${files[@]}" | note_passed format
     fi
+    mapfile -t files < <(to_check format '*.cpp.in' '*.h.in' '*.c.in')
+    for file in "${files[@]}"; do
+        step "clang-format, $file" check-format format_template "$file"
+        echo "$file" | note_passed format
+    done
     mapfile -t files < <(to_check shell zepn .ci/run '*.sh' | grep -vxF -e tests/run.sh -e tests/check.sh)
     if [ ${#files[@]} -gt 0 ]; then
         step "shellcheck, ${#files[@]} files" check-shell shellcheck --external-sources "${files[@]}"
