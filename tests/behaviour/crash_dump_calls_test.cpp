@@ -112,7 +112,7 @@ TEST_P(CrashDumpCalls, DumpCallsPassThroughUnchangedAtAnyLevel)
     for (const DumpCall& dump : DumpCalls()) {
         SCOPED_TRACE(dump.function);
         DriverFixture fixture(GetParam());
-    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
         (void)fixture.TakeRecords();
         fixture.machine.tracing().ClearCaptured();
         const host::ScopedIrql irql(DISPATCH_LEVEL);
@@ -130,10 +130,8 @@ TEST_P(CrashDumpCalls, DumpCallsPassThroughUnchangedAtAnyLevel)
                                     dump.function}));
         const auto messages = fixture.machine.tracing().Messages();
         ASSERT_EQ(messages.size(), 4u);
-        constexpr GUID kForwardingSet = {
-            0x75F8AA61, 0xC96E, 0x3558, {0x5D, 0xC3, 0x89, 0x8A, 0xAE, 0x90, 0xE8, 0xED}};
         for (const auto& message : messages) {
-            EXPECT_EQ(memcmp(&message.messageGuid, &kForwardingSet, sizeof(GUID)), 0);
+            EXPECT_EQ(memcmp(&message.messageGuid, &kMessageSetGuids[1], sizeof(GUID)), 0);
         }
         std::vector<std::uint32_t> traced(messages[2].payload.size() / 4);
         memcpy(traced.data(), messages[2].payload.data(), messages[2].payload.size());
@@ -147,7 +145,7 @@ TEST_P(CrashDumpCalls, DumpAnswersAreJudgedByTheirSignAndReturned)
     for (const DumpCall& dump : DumpCalls()) {
         SCOPED_TRACE(dump.function);
         DriverFixture fixture(GetParam());
-    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
+        ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
         for (const NTSTATUS answer : {STATUS_PENDING, STATUS_OBJECT_NAME_EXISTS}) {
             fixture.crashDump.answer = answer;
             EXPECT_EQ(dump.call(fixture, &g_dumpRecord), answer);

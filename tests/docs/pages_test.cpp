@@ -215,6 +215,9 @@ TEST(Pages, ReportsPageIsTheGeneratedOne)
 {
     EXPECT_EQ(TextOf(kRoot / "docs/reports.md"), TextOf(kRoot / "out/pages/reports.md"))
         << "copy out/pages/reports.md to docs/";
+    const std::string count = std::to_string(host::tracing::MessageFormats(kRoot / "out/manifest").formats().size());
+    EXPECT_NE(TextOf(kRoot / "README.md").find("| " + count + " of " + count + ", both images |"), std::string::npos)
+        << "the README counts other reporting sites";
 }
 
 TEST(Pages, LinkOnlyToWhatIsThere)

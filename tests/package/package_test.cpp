@@ -1,6 +1,7 @@
 // The package as a whole: what is in it, what its README says, and that signatures on its images hold.
 #include "tests/package/assembled.h"
 #include "tests/package/version_resource.h"
+#include "tools/trace_gen/guid_text.h"
 
 #include <algorithm>
 #include <set>
@@ -40,8 +41,8 @@ TEST_F(Package, HoldsWhatItsReadmeListsAndNothingElse)
                                       "probe/README.md",    "probe/answers.txt", "include/zepn_notifier.h",
                                       "trace/zepn.man",     "trace/zepn.ctl",    "trace/zepn.wprp",
                                       "wdk/zepn_version.h", "wdk/stamp.props",   "wdk/trace_formats.cpp"};
-    for (const char* guid : {"4bef4337-d238-624d-32ce-8173a7a2272b", "75f8aa61-c96e-3558-5dc3-898aae90e8ed"}) {
-        expected.insert("trace/" + std::string(guid) + ".tmf");
+    for (const MessageSet set : {MessageSet::kMain, MessageSet::kForwarding}) {
+        expected.insert("trace/" + trace_gen::GuidText(set) + ".tmf");
     }
     for (const std::string& machine : {std::string("arm64"), std::string("x64")}) {
         for (const char* extension : {".sys", ".pdb", ".inf"}) {

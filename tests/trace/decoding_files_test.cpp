@@ -1,6 +1,7 @@
 // The decoding files as files: well-formed, complete, without contradiction. That they agree with what the driver sends
 // is proven by every behaviour test, whose reports are decoded by them.
 #include "host/tracing/decode.h"
+#include "tools/trace_gen/guid_text.h"
 
 #include <gtest/gtest.h>
 
@@ -25,7 +26,7 @@ TEST(Manifest, IsWellFormedXmlForAnIndependentParser)
 TEST(Manifest, HoldsExactlyTheEventsWithTheirPayloads)
 {
     const host::tracing::Manifest manifest(kFolder / "zepn.man");
-    EXPECT_EQ(host::tracing::GuidText(manifest.provider()), "{84cd9d5e-9773-4ba7-a709-72f079e81cde}");
+    EXPECT_EQ(host::tracing::GuidText(manifest.provider()), host::tracing::GuidText(kProviderGuid));
     // Level and the fields by first letters: s string, u 32 bits, q 64 bits, g GUID.
     const std::map<unsigned, std::string> kExpected = {
         {1, "2ssu"},  {2, "2ssu"}, {3, "2ssu"},   {5, "2ssqqq"}, {6, "2ssq"}, {7, "2ssqu"},
@@ -62,8 +63,8 @@ TEST(MessageFormats, NumberMessagesFromTenInTwoSetsAndReferToTheirItems)
         }
     }
     ASSERT_EQ(numbers.size(), 2u);
-    const auto& main = numbers["4bef4337-d238-624d-32ce-8173a7a2272b"];
-    const auto& forwarding = numbers["75f8aa61-c96e-3558-5dc3-898aae90e8ed"];
+    const auto& main = numbers[trace_gen::GuidText(MessageSet::kMain)];
+    const auto& forwarding = numbers[trace_gen::GuidText(MessageSet::kForwarding)];
     for (unsigned fixed = 10; fixed <= 62; ++fixed) {
         const bool unused = (fixed >= 28 && fixed <= 30) || (fixed >= 43 && fixed <= 48);
         EXPECT_EQ(main.contains(fixed), !unused) << fixed;
@@ -178,7 +179,7 @@ TEST(Texts, SetValuesOffFromWhatTheyFollow)
     EXPECT_EQ(manifest.events().at(1).message, "%1: %2 (status %3)");
     EXPECT_EQ(manifest.events().at(12).message, "%1: %2 GUID %3 (status %4)");
     const auto check = [&](const std::string& text) {
-        // Two blanks, a colon behind another mark, values side by side.
+        // Two blanks, a colon after another mark, values side by side.
         EXPECT_FALSE(std::regex_search(text, std::regex(R"(  |[ !?.]:|^ | $|%\d+(!\w+!)?%)"))) << text;
     };
     for (const auto& [id, event] : manifest.events()) {
@@ -198,7 +199,7 @@ TEST(Texts, SetValuesOffFromWhatTheyFollow)
 TEST(MessageFormats, SayWhereAFileIsWrong)
 {
     const auto file = std::filesystem::temp_directory_path() / ("zepn-wrong-" + std::to_string(getpid()) + ".tmf");
-    const std::string head = "4bef4337-d238-624d-32ce-8173a7a2272b zepn // SRC=x MJ= MN=\n";
+    const std::string head = trace_gen::GuidText(MessageSet::kMain) + " zepn // SRC=x MJ= MN=\n";
     for (const auto& [text, words] : std::map<std::string, std::string>{
              {"", "no message formats"},
              {"nonsense\n", ":1: expected a message GUID"},
