@@ -42,9 +42,9 @@ struct Stock {
 Stock StockOf(Fixture& fixture)
 {
     Stock stock{};
-    for (const host::framework::ObjectView& object : fixture.machine.inspect().Objects()) {
+    for (const host::framework::ObjectSnapshot& object : fixture.machine.inspect().Objects()) {
         ++stock.objects;
-        for (const host::framework::ContextView& context : object.contexts) {
+        for (const host::framework::ContextSnapshot& context : object.contexts) {
             stock.contextBytes += static_cast<double>(context.bytes.size());
         }
     }

@@ -34,7 +34,7 @@ enum class WorkItems {
 
 enum class TraceRoutes {
     kClassic,  // the system exports EtwRegisterClassicProvider and reports the version that the options say
-    kLegacy,   // it reports version 5 and does not
+    kWmi,      // it reports version 5 and does not
 };
 
 struct MachineOptions {

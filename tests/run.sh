@@ -218,7 +218,7 @@ run_groups() {
     fi
     if [ "$(uname -m)" = x86_64 ]; then
         echo "left to ./zepn test --all: address, undefined-behaviour and thread sanitizers; on the ARM64 image fault"
-        echo "injection, model, interleavings, scenarios and samples; host and tools under emulation; whether two builds"
+        echo "injection, model, schedules, scenarios and samples; host and tools under emulation; whether two builds"
         echo "are equal; the commands as typed"
     else
         echo "left to ./zepn test --all: address, undefined-behaviour and thread sanitizers; whether two builds are equal;"

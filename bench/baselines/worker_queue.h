@@ -1,4 +1,4 @@
-// A queue with a worker thread behind it, as one writes it by hand around a signal library.
+// A queue with a worker thread, as one writes it by hand around a signal library.
 #pragma once
 
 #include "bench/baselines/baseline.h"

@@ -1,6 +1,6 @@
 // The device's plug-and-play and power callbacks, and the system's power-state callback.
 //
-// There is no hardware and no state behind the device: its callbacks only report. Surprise removal takes the interfaces
+// The device has no hardware and no state: its callbacks only report. Surprise removal takes the interfaces
 // away first, so that no new peer finds the device. The power-state callback notifies the clients when the system
 // leaves its working state, and holds the transition for a configured time, so that deliveries can run before the
 // system sleeps.

@@ -15,9 +15,9 @@ std::string Offset(std::uint64_t value)
 
 const Symbol* Around(const std::vector<Symbol>& symbols, std::uint64_t offset)
 {
-    const auto behind = std::upper_bound(symbols.begin(), symbols.end(), offset,
-                                         [](std::uint64_t at, const Symbol& symbol) { return at < symbol.offset; });
-    return behind == symbols.begin() ? nullptr : &*std::prev(behind);
+    const auto after = std::upper_bound(symbols.begin(), symbols.end(), offset,
+                                        [](std::uint64_t at, const Symbol& symbol) { return at < symbol.offset; });
+    return after == symbols.begin() ? nullptr : &*std::prev(after);
 }
 
 }  // namespace
@@ -38,11 +38,11 @@ void Modules::Remove(const void* base)
 const Modules::Module* Modules::Find(const void* address) const
 {
     const auto at = reinterpret_cast<std::uint64_t>(address);
-    const auto behind = byBase_.upper_bound(at);
-    if (behind == byBase_.begin()) {
+    const auto after = byBase_.upper_bound(at);
+    if (after == byBase_.begin()) {
         return nullptr;
     }
-    const Module& module = std::prev(behind)->second;
+    const Module& module = std::prev(after)->second;
     return at - module.base < module.sizeBytes ? &module : nullptr;
 }
 

@@ -44,7 +44,7 @@ void CollectionObject::OnDestroy(Framework& framework, std::unique_lock<std::mut
     }
 }
 
-void CollectionObject::Show(ObjectView& view) const
+void CollectionObject::Show(ObjectSnapshot& view) const
 {
     for (const Object* item : items_) {
         view.items.push_back(item->handle);

@@ -58,7 +58,7 @@ public:
     }
 
     void OnDestroy(Framework& framework, std::unique_lock<std::mutex>& lock) override;
-    void Show(ObjectView& view) const override;
+    void Show(ObjectSnapshot& view) const override;
 
 private:
     static CollectionObject* At(const Slot* slot)

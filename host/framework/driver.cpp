@@ -1,4 +1,4 @@
-// The driver object: its creation, and the framework's own unload and add-device routines behind the system's.
+// The driver object: its creation, and the framework's own unload and add-device routines, which the system calls.
 #include "host/framework/devices.h"
 #include "host/framework/driver_load.h"
 #include "host/framework/functions.h"

@@ -5,9 +5,9 @@
 namespace host::framework {
 namespace {
 
-ObjectView View(const Object& object)
+ObjectSnapshot View(const Object& object)
 {
-    ObjectView view;
+    ObjectSnapshot view;
     view.handle = object.handle;
     view.type = object.type;
     view.references = object.References();
@@ -25,11 +25,11 @@ ObjectView View(const Object& object)
 }
 
 template <class Condition>
-std::vector<ObjectView> ViewsOf(const Condition& condition)
+std::vector<ObjectSnapshot> ViewsOf(const Condition& condition)
 {
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    std::vector<ObjectView> views;
+    std::vector<ObjectSnapshot> views;
     framework.handles.ForEach([&](const Object& object) {
         if (condition(object)) {
             views.push_back(View(object));
@@ -40,17 +40,17 @@ std::vector<ObjectView> ViewsOf(const Condition& condition)
 
 }  // namespace
 
-std::vector<ObjectView> Inspector::Objects() const
+std::vector<ObjectSnapshot> Inspector::Objects() const
 {
     return ViewsOf([](const Object&) { return true; });
 }
 
-std::vector<ObjectView> Inspector::Objects(ObjectType type) const
+std::vector<ObjectSnapshot> Inspector::Objects(ObjectType type) const
 {
     return ViewsOf([type](const Object& object) { return object.type == type; });
 }
 
-std::optional<ObjectView> Inspector::Find(WDFOBJECT handle) const
+std::optional<ObjectSnapshot> Inspector::Find(WDFOBJECT handle) const
 {
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
@@ -58,7 +58,7 @@ std::optional<ObjectView> Inspector::Find(WDFOBJECT handle) const
     return object == nullptr ? std::nullopt : std::optional(View(*object));
 }
 
-std::vector<ObjectView> Inspector::WithContext(std::string_view typeName) const
+std::vector<ObjectSnapshot> Inspector::WithContext(std::string_view typeName) const
 {
     return ViewsOf([typeName](const Object& object) {
         for (const struct Context& context : object.contexts) {

@@ -40,12 +40,12 @@ inline constexpr std::size_t kObjectTypeCount = static_cast<std::size_t>(ObjectT
 
 [[nodiscard]] const char* Name(ObjectType type);
 
-struct ContextView {
+struct ContextSnapshot {
     std::string_view typeName;         // the driver's; valid as long as its image is loaded
     std::span<const std::byte> bytes;  // the live context; valid as long as the object
 };
 
-struct ObjectView {
+struct ObjectSnapshot {
     WDFOBJECT handle = nullptr;
     ObjectType type = ObjectType::kGeneral;
     long references = 0;
@@ -53,7 +53,7 @@ struct ObjectView {
     WDFOBJECT parent = nullptr;
     std::vector<WDFOBJECT> children;  // creation order
     std::vector<WDFOBJECT> items;     // collections: contents, first to last
-    std::vector<ContextView> contexts;
+    std::vector<ContextSnapshot> contexts;
     bool held = false;    // wait and spin locks: acquired now
     bool queued = false;  // work items: waiting to run; timers: waiting to come due
 };
@@ -61,24 +61,24 @@ struct ObjectView {
 class Inspector {
 public:
     // All objects whose memory is still there, in creation order.
-    [[nodiscard]] std::vector<ObjectView> Objects() const;
-    [[nodiscard]] std::vector<ObjectView> Objects(ObjectType type) const;
+    [[nodiscard]] std::vector<ObjectSnapshot> Objects() const;
+    [[nodiscard]] std::vector<ObjectSnapshot> Objects(ObjectType type) const;
 
     // Empty when the handle is dead or was never one.
-    [[nodiscard]] std::optional<ObjectView> Find(WDFOBJECT handle) const;
+    [[nodiscard]] std::optional<ObjectSnapshot> Find(WDFOBJECT handle) const;
 
     // Objects alive that carry a context of this type name.
-    [[nodiscard]] std::vector<ObjectView> WithContext(std::string_view typeName) const;
+    [[nodiscard]] std::vector<ObjectSnapshot> WithContext(std::string_view typeName) const;
 
     // A copy of an object's context of this type name; empty when there is none or its size differs.
     template <class T>
     [[nodiscard]] std::optional<T> Context(WDFOBJECT handle, std::string_view typeName) const
     {
-        const std::optional<ObjectView> object = Find(handle);
+        const std::optional<ObjectSnapshot> object = Find(handle);
         if (!object) {
             return std::nullopt;
         }
-        for (const ContextView& context : object->contexts) {
+        for (const ContextSnapshot& context : object->contexts) {
             if (context.typeName == typeName && context.bytes.size() == sizeof(T)) {
                 T copy;
                 std::memcpy(&copy, context.bytes.data(), sizeof(T));

@@ -102,7 +102,7 @@ public:
     [[nodiscard]] virtual bool NeedsPassiveLevel() const { return false; }
 
     // Adds what the inspector shows of this type.
-    virtual void Show(ObjectView& /*view*/) const {}
+    virtual void Show(ObjectSnapshot& /*view*/) const {}
 
     // ---- Its state, which the object tree changes ----
 
@@ -160,7 +160,7 @@ struct GeneralObject final : Object {
     [[nodiscard]] bool NeedsPassiveLevel() const override { return executionLevel == WdfExecutionLevelPassive; }
 };
 
-// Which C++ type stands behind a handle type.
+// The C++ type of each handle type.
 template <class T>
 inline constexpr ObjectType kTypeOf = ObjectType::kGeneral;
 

@@ -19,10 +19,10 @@ public:
     // Gives the object its handle and its place below the parent.
     void Register(std::unique_ptr<Object> object, Object* parent);
 
-    // The object behind a handle, whatever its type; null, with a violation, for a null, dead or foreign one.
+    // The object of a handle, whatever its type; null, with a violation, for a null, dead or foreign one.
     Object* ResolveAny(const PlatformCall& call, const void* handle, const char* argument) const;
 
-    // The object behind a handle of one type.
+    // The object of a handle of one type.
     template <class T>
     T* Resolve(const PlatformCall& call, const void* handle, const char* argument) const
     {

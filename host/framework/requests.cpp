@@ -249,7 +249,7 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
     ObjectTree::Reference(*queue);
     Deliver(framework, lock, *queue);
 
-    // A sender whose request stands behind another one waits as long as a thread delivers from the queue.
+    // A sender whose request is queued after another one waits as long as a thread delivers from the queue.
     const auto isSettled = [&] { return request.completed || queue->deliveringOn.empty(); };
     (void)framework.threads.WaitFor(
         lock, {.subject = Describe(request), .isReady = isSettled, .heldBy = [&] { return queue->deliveringOn; }},

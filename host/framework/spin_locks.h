@@ -11,7 +11,7 @@ namespace host::framework {
 // The framework's mutex guards it.
 struct SpinLockObject final : Object {
     explicit SpinLockObject(DriverInstance* owner) : Object(ObjectType::kSpinLock, owner) {}
-    void Show(ObjectView& view) const override { view.held = held; }
+    void Show(ObjectSnapshot& view) const override { view.held = held; }
 
     bool held = false;
     bool abandoned = false;      // its holder's callback is over: nobody will give it back

@@ -185,7 +185,7 @@ void NTAPI ReleaseChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
     framework.threads.NotifyWaiting();
 }
 
-// The wait lock behind a handle, for calls that nothing needs to look at; null for any other.
+// The wait lock of a handle, for calls that nothing needs to look at; null for any other.
 WaitLockObject* WaitLockAtOnce(const Slot* slot)
 {
     return slot == nullptr || slot->type != ObjectType::kWaitLock

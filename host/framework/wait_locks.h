@@ -16,7 +16,7 @@ struct WaitLockObject final : Object {
     explicit WaitLockObject(DriverInstance* owner) : Object(ObjectType::kWaitLock, owner) {}
     [[nodiscard]] std::uint64_t Holder() const { return slot->owner.load(); }  // ThreadState::id; 0: nobody
     void OnFree(Framework& framework) override;
-    void Show(ObjectView& view) const override { view.held = Holder() != 0; }
+    void Show(ObjectSnapshot& view) const override { view.held = Holder() != 0; }
 
     bool abandoned = false;      // its holder's callback is over: nobody will give it back
     std::string abandonedBy;     // that thread's name

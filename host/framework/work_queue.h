@@ -22,7 +22,7 @@ struct WorkItemObject final : Object {
     explicit WorkItemObject(DriverInstance* owner) : Object(ObjectType::kWorkItem, owner) {}
     void OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock) override;
     [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
-    void Show(ObjectView& view) const override { view.queued = queued; }
+    void Show(ObjectSnapshot& view) const override { view.queued = queued; }
 
     PFN_WDF_WORKITEM routine = nullptr;
     bool queued = false;

@@ -54,15 +54,15 @@ HOST_EXPORT BOOLEAN NTAPI PsGetVersion(PULONG major, PULONG minor, PULONG build,
 {
     const PlatformCall call("PsGetVersion", HOST_CALLER, PASSIVE_LEVEL);
     const host::MachineOptions& options = host::Environment::Current().options;
-    const bool legacy = options.traceRoutes == host::TraceRoutes::kLegacy;
+    const bool isOld = options.traceRoutes == host::TraceRoutes::kWmi;
     if (major != nullptr) {
-        *major = legacy ? 5 : options.majorVersion;
+        *major = isOld ? 5 : options.majorVersion;
     }
     if (minor != nullptr) {
-        *minor = legacy ? 1 : 0;
+        *minor = isOld ? 1 : 0;
     }
     if (build != nullptr) {
-        *build = legacy ? 2600 : 22621;
+        *build = isOld ? 2600 : 22621;
     }
     if (servicePack != nullptr) {
         servicePack->Length = 0;
@@ -230,8 +230,8 @@ void* FindSystemRoutine(const std::string& name, const MachineOptions& options)
         return nullptr;
     }
     if (name == "EtwRegisterClassicProvider") {
-        return options.traceRoutes == TraceRoutes::kLegacy ? nullptr
-                                                           : reinterpret_cast<void*>(&EtwRegisterClassicProvider);
+        return options.traceRoutes == TraceRoutes::kWmi ? nullptr
+                                                        : reinterpret_cast<void*>(&EtwRegisterClassicProvider);
     }
     return image::FindExport("ntoskrnl.exe", name);
 }

@@ -136,7 +136,7 @@ TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
     EXPECT_EQ(peer.appsStateCalls, 1u);
 }
 
-TEST_P(AppsState, HandlesWorkInEveryStageOfTheDevice)
+TEST_P(AppsState, HandlesWorkInEveryDeviceState)
 {
     DriverFixture fixture(GetParam());
     Peer peer(1);

@@ -143,7 +143,7 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
         {2, 5, false, true, true, true},    {2, 2, false, true, false, false},
         {4, 5, false, false, false, false}, {0xFFFFFFFF, 255, true, true, true, true},
     };
-    for (const auto route : {host::TraceRoutes::kClassic, host::TraceRoutes::kLegacy}) {
+    for (const auto route : {host::TraceRoutes::kClassic, host::TraceRoutes::kWmi}) {
         for (const Row& row : kRows) {
             SCOPED_TRACE(testing::Message() << "flags " << row.flags << " level " << int{row.level} << " route "
                                             << static_cast<int>(route));
@@ -170,7 +170,7 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
 
 TEST_P(Reporting, ClosedAndUnknownControlsSilenceMessagesOnBothRoutes)
 {
-    for (const auto route : {host::TraceRoutes::kClassic, host::TraceRoutes::kLegacy}) {
+    for (const auto route : {host::TraceRoutes::kClassic, host::TraceRoutes::kWmi}) {
         DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = route}, .records = false});
         auto& tracing = fixture.machine.tracing();
         auto session = tracing.OpenMessageSession({kControlGuid, 5, 3});
@@ -289,7 +289,7 @@ TEST_P(Reporting, EventsAndMessagesAreChosenApart)
 // The level from before: that of the session, and none after it.
 TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
 {
-    DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kLegacy}, .records = false});
+    DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kWmi}, .records = false});
     auto& tracing = fixture.machine.tracing();
     const auto numbers = [&] {
         tracing.ClearCaptured();

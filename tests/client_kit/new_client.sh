@@ -64,6 +64,6 @@ sed -i 's/= .*Notifier_HelperClientDeinit(&OwnGuid);/= device ? STATUS_SUCCESS :
     cd "$folder/a client in C"
     run cmake --build --preset asan
     ! ctest --preset asan > "$folder/log" || fail "a client that does not leave passes its test"
-    grep -q 'LeavesANotifierThatGoesAndJoinsTheNext/Image' "$folder/log"
-    grep -q 'LeavesANotifierThatGoesAndJoinsTheNext/Module' "$folder/log"
+    grep -q 'DeregistersFromARemovedNotifierAndRegistersWithTheNext/Image' "$folder/log"
+    grep -q 'DeregistersFromARemovedNotifierAndRegistersWithTheNext/Module' "$folder/log"
 )

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The programs behind the commands: output that does not arrive is no success, and numbers are taken as they are typed
+# The programs of the commands: output that does not arrive is no success, and numbers are taken as they are typed
 # or not at all: lost_output.sh PLAY DECODE FUZZ IMAGE_CHECK CAPTURE IMAGE
 set -euo pipefail
 play=$1 decode=$2 fuzz=$3 check=$4 capture=$5 image=$6

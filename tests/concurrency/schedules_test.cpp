@@ -1,14 +1,14 @@
-// Interleavings of client threads and delivery runs, one after the other: nothing is lost, nothing is delivered twice or
+// Schedules of client threads and delivery runs, one after the other: nothing is lost, nothing is delivered twice or
 // out of its poster's order, statuses are those that some order of the calls gives, and the host finds nothing wrong.
 #include "tests/concurrency/systematic.h"
 
 namespace tests {
 namespace {
 
-class Interleavings : public Systematic {};
-FOR_ALL_CONTAINERS(Interleavings);
+class Schedules : public Systematic {};
+FOR_ALL_CONTAINERS(Schedules);
 
-TEST_P(Interleavings, PostsOfTwoClientsAndTheirDelivery)
+TEST_P(Schedules, PostsOfTwoClientsAndTheirDelivery)
 {
     Explore("two clients post, one run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer one(1);
@@ -28,7 +28,7 @@ TEST_P(Interleavings, PostsOfTwoClientsAndTheirDelivery)
     });
 }
 
-TEST_P(Interleavings, APostersOrderIsKeptWhileARunDelivers)
+TEST_P(Schedules, APostersOrderIsKeptWhileARunDelivers)
 {
     Explore("posts while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer poster(1);
@@ -49,7 +49,7 @@ TEST_P(Interleavings, APostersOrderIsKeptWhileARunDelivers)
     });
 }
 
-TEST_P(Interleavings, SubscribingAndUnsubscribingWhileARunDelivers)
+TEST_P(Schedules, SubscribingAndUnsubscribingWhileARunDelivers)
 {
     Explore("subscribe while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer poster(1);
@@ -82,7 +82,7 @@ TEST_P(Interleavings, SubscribingAndUnsubscribingWhileARunDelivers)
     });
 }
 
-TEST_P(Interleavings, LeavingWhileARunDelivers)
+TEST_P(Schedules, LeavingWhileARunDelivers)
 {
     Explore("subscriber leaves while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer poster(1);
@@ -120,7 +120,7 @@ TEST_P(Interleavings, LeavingWhileARunDelivers)
     });
 }
 
-TEST_P(Interleavings, RegisteringOneGuidTwiceAtOnce)
+TEST_P(Schedules, RegisteringOneGuidTwiceAtOnce)
 {
     Explore("one GUID registered twice", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer peer(1);
@@ -142,7 +142,7 @@ TEST_P(Interleavings, RegisteringOneGuidTwiceAtOnce)
     });
 }
 
-TEST_P(Interleavings, CommandsToEachOtherWhileARunDelivers)
+TEST_P(Schedules, CommandsToEachOtherWhileARunDelivers)
 {
     Explore("commands to each other", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer one(1);
@@ -161,7 +161,7 @@ TEST_P(Interleavings, CommandsToEachOtherWhileARunDelivers)
     });
 }
 
-TEST_P(Interleavings, PostingWhileACommandLeavesTheStateAlone)
+TEST_P(Schedules, PostingWhileACommandLeavesTheStateAlone)
 {
     Explore("post of a command's target", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer sender(1);
@@ -177,7 +177,7 @@ TEST_P(Interleavings, PostingWhileACommandLeavesTheStateAlone)
     });
 }
 
-TEST_P(Interleavings, PostingWhileASubscriberLeavesAndARunDelivers)
+TEST_P(Schedules, PostingWhileASubscriberLeavesAndARunDelivers)
 {
     Explore("post, leave and run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer poster(1);
@@ -199,7 +199,7 @@ TEST_P(Interleavings, PostingWhileASubscriberLeavesAndARunDelivers)
     });
 }
 
-TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
+TEST_P(Schedules, AClientLeavesWhileItIsAnnounced)
 {
     Explore("client leaves while it is announced", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
@@ -216,7 +216,7 @@ TEST_P(Interleavings, AClientLeavesWhileItIsAnnounced)
     });
 }
 
-TEST_P(Interleavings, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves)
+TEST_P(Schedules, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves)
 {
     Explore("detach, leave and announcement", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
@@ -244,7 +244,7 @@ TEST_P(Interleavings, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves
     });
 }
 
-TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
+TEST_P(Schedules, AClientPostsNoStateWhileItIsAnnounced)
 {
     Explore("client posts no state while it is announced", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
@@ -259,7 +259,7 @@ TEST_P(Interleavings, AClientPostsNoStateWhileItIsAnnounced)
     });
 }
 
-TEST_P(Interleavings, TheBroadcastAmongPosts)
+TEST_P(Schedules, TheBroadcastAmongPosts)
 {
     constexpr std::uintptr_t kStateLock = 3;
     Explore("broadcast, post and run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
@@ -282,7 +282,7 @@ TEST_P(Interleavings, TheBroadcastAmongPosts)
 
 // A client that may deregister at any time leaves the states alone that it could answer with, and posts what it wants
 // itself, on the thread that deregisters.
-TEST_P(Interleavings, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
+TEST_P(Schedules, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
 {
     Explore("broadcast, own post and leaving", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         Peer answering(1);

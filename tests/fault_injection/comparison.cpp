@@ -45,10 +45,10 @@ char KindLost(const Fault& fault, host::TraceRoutes routes)
     }
     if (fault.function == "MmGetSystemRoutineAddress") {
         // Looked up in this order: version, writing, querying, the classic registration and its end. Without version or
-        // classic registration there is still the legacy route, which needs the query.
+        // classic registration there is still the WMI registration, which needs the query.
         constexpr unsigned kWriting = 1;
         constexpr unsigned kQuerying = 2;
-        const bool losesQuery = fault.index == kQuerying && (fault.persistent || routes == host::TraceRoutes::kLegacy);
+        const bool losesQuery = fault.index == kQuerying && (fault.persistent || routes == host::TraceRoutes::kWmi);
         const bool losesWriting = fault.index == kWriting || (fault.index < kWriting && fault.persistent);
         return losesWriting || losesQuery ? 'M' : '\0';
     }

@@ -157,7 +157,7 @@ TEST_P(FaultInjection, EveryCallFails)
         FailEachCall(sequence, false);
     }
     FailTracing(whole, host::TraceRoutes::kClassic);
-    FailTracing(ShortSequence(), host::TraceRoutes::kLegacy);
+    FailTracing(ShortSequence(), host::TraceRoutes::kWmi);
 
     statistics_.Save(GetParam().container.name, "single", GetParam().number, sites_);
     EXPECT_EQ(failures_, 0u);

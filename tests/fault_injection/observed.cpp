@@ -38,8 +38,8 @@ bool IsHandle(const host::tracing::DecodedField& field)
     return field.name == "Object" || field.name == "Collection";
 }
 
-// Whether function and words tell the site; some functions say the same in two places.
-bool IsTold(const host::tracing::CapturedMessage& message, const host::tracing::DecodedMessage& decoded)
+// Whether function and words are those of one site alone; some functions say the same in two places.
+bool NamesOneSite(const host::tracing::CapturedMessage& message, const host::tracing::DecodedMessage& decoded)
 {
     static const auto counts = [] {
         std::map<std::pair<std::string, std::string>, unsigned> made;
@@ -178,7 +178,7 @@ void ObservedRun::OnMessage(const host::tracing::CapturedMessage& message)
         if (!difference.empty()) {
             badRecords_.push_back(difference);
         }
-        if (!IsTold(message, *decoded)) {
+        if (!NamesOneSite(message, *decoded)) {
             std::string& line = step_.reports.back();
             line.insert(line.find(' '), "/" + std::to_string(message.number));
         }

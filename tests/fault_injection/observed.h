@@ -60,7 +60,7 @@ private:
     std::optional<NTSTATUS> Do(const Operation& operation);
     void Deliver();
     [[nodiscard]] std::string NameOf(std::uint64_t handle);
-    [[nodiscard]] std::string Describe(const host::framework::ObjectView& view);
+    [[nodiscard]] std::string Describe(const host::framework::ObjectSnapshot& view);
 
     Options options_;
     NTSTATUS dumpAnswer_ = STATUS_SUCCESS;  // of the crash-dump driver, to the operation under way

@@ -8,14 +8,14 @@
 
 namespace fault_injection {
 
+using host::framework::ObjectSnapshot;
 using host::framework::ObjectType;
-using host::framework::ObjectView;
 
 namespace {
 
 // An object's context of this type; none when it has no such.
 template <class T>
-std::optional<T> ContextOf(const ObjectView& view, const char* typeName)
+std::optional<T> ContextOf(const ObjectSnapshot& view, const char* typeName)
 {
     for (const auto& context : view.contexts) {
         if (context.typeName == typeName && context.bytes.size() == sizeof(T)) {
@@ -64,7 +64,7 @@ std::string ObservedRun::NameOf(std::uint64_t handle)
     return "<" + text + ">";
 }
 
-std::string ObservedRun::Describe(const ObjectView& view)
+std::string ObservedRun::Describe(const ObjectSnapshot& view)
 {
     const std::string prefix = view.deleted ? "deleted " : "";
     const auto inspect = machine().inspect();
@@ -120,7 +120,7 @@ Lines ObservedRun::Alive()
     std::string held = "held";
     std::string queued = "queued";
     std::map<WDFOBJECT, std::string> parentNames;
-    for (const ObjectView& view : inspect.Objects()) {
+    for (const ObjectSnapshot& view : inspect.Objects()) {
         if (view.type == ObjectType::kDriver) {
             continue;
         }

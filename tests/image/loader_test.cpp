@@ -106,7 +106,7 @@ TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
         {"image size", put(optional + 56, {1, 0, 0, 0}), "image size"},
         {"entry in data", put(optional + 16, {0, 0, 0, 0}), "no executable section"},
         {"writable code", put(firstSection + 36, {0x20, 0, 0, 0xE0}), "writable and executable"},
-        {"section behind the end", put(firstSection + 16, {0xFF, 0xFF, 0xFF, 0x0F}), "beyond the end of the file"},
+        {"section past the end", put(firstSection + 16, {0xFF, 0xFF, 0xFF, 0x0F}), "beyond the end of the file"},
         {"overlapping sections", put(firstSection + 40 + 12, {0, 0x10, 0, 0}), "do not fit"},
         {"thread-local storage", put(optional + 112 + 72, {1, 0, 0, 0}), "none of this kind"},
         {"relocations stripped", put(optional - 2, {0x23, 0x00}), "relocations are stripped"},

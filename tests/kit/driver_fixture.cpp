@@ -205,7 +205,7 @@ std::size_t DriverFixture::Alive(const char* contextName)
 
 std::size_t DriverFixture::AnswersKept()
 {
-    const std::vector<host::framework::ObjectView> drivers =
+    const std::vector<host::framework::ObjectSnapshot> drivers =
         machine.inspect().Objects(host::framework::ObjectType::kDriver);
     return static_cast<std::size_t>(
         std::ranges::count_if(machine.inspect().WithContext(kStateContextName),

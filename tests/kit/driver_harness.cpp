@@ -29,8 +29,8 @@ PZEP_DESCRIPTOR_CALLBACK NeverCalled(unsigned client, unsigned slot)
 DriverHarness::DriverHarness(std::filesystem::path image, const host::MachineOptions& options, Answers answers)
     : machine(options), image_(std::move(image)), answers_(std::move(answers))
 {
-    AnswerAsToldBy(answers_, crashDump_[0], 0);
-    AnswerAsToldBy(answers_, crashDump_[1], 1);
+    ConnectCallbacks(answers_, crashDump_[0], 0);
+    ConnectCallbacks(answers_, crashDump_[1], 1);
 }
 
 // ---- Callbacks ----
@@ -62,7 +62,7 @@ Peer& DriverHarness::AddPeer(unsigned number)
     return peer;
 }
 
-void DriverHarness::AnswerAsToldBy(const Answers& answers, CrashDumpDriver& crashDump, unsigned table)
+void DriverHarness::ConnectCallbacks(const Answers& answers, CrashDumpDriver& crashDump, unsigned table)
 {
     crashDump.onAdd = [this, &answers, table](const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor) {
         called.push_back(lines::FromTable(table, DescriptorLine(descriptor)));

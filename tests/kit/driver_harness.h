@@ -47,7 +47,7 @@ private:
     NTSTATUS Start();
     NTSTATUS Dump(const Operation& operation);
     NTSTATUS Describe(const Operation& operation);
-    void AnswerAsToldBy(const Answers& answers, CrashDumpDriver& crashDump, unsigned table);
+    void ConnectCallbacks(const Answers& answers, CrashDumpDriver& crashDump, unsigned table);
     [[nodiscard]] const Peer* Find(const GUID& guid) const;
     [[nodiscard]] std::string NameOf(const GUID& guid) const;
     [[nodiscard]] std::string DescriptorLine(const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor) const;

@@ -77,7 +77,7 @@ private:
         }
     }
 
-    // To behind the end of what begins here.
+    // Past the end of what begins here.
     void Skip(const std::string& end)
     {
         const std::size_t last = text_.find(end, at_ + 1);

@@ -21,7 +21,7 @@ public:
         }
     }
 
-    // "1.2.3.4" of the fixed part, which begins behind the root's key.
+    // "1.2.3.4" of the fixed part, which begins after the root's key.
     [[nodiscard]] std::string FileVersion() const
     {
         constexpr std::size_t kFixedPart = 40;

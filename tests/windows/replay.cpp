@@ -31,7 +31,7 @@ void Require(ULONG error, const char* what)
     }
 }
 
-// The session's properties, with room for its two names behind them.
+// The session's properties, with room for its two names after them.
 struct Properties {
     EVENT_TRACE_PROPERTIES head{};
     wchar_t session[64]{};

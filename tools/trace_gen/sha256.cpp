@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::size_t kBlockBytes = 64;
 
-// The first 32 bits behind the point of the square or cube roots of the first primes.
+// The first 32 bits after the point of the square or cube roots of the first primes.
 template <std::size_t Count>
 std::array<std::uint32_t, Count> RootsOfPrimes(unsigned degree)
 {
