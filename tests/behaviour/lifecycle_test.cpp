@@ -134,24 +134,7 @@ TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
             fixture.Fail(row.function, STATUS_INSUFFICIENT_RESOURCES, skip);
             EXPECT_EQ(fixture.driver->AddDevice(), STATUS_INSUFFICIENT_RESOURCES);
             fixture.EndFaults();
-            const auto context = fixture.Context();
-            const void* const fields[] = {context.queue,
-                                          context.addQueue,
-                                          context.removeQueue,
-                                          context.clients,
-                                          context.states,
-                                          context.commands,
-                                          context.addItem,
-                                          context.removeItem,
-                                          context.notifyStatesItem,
-                                          context.notifyCommandsItem,
-                                          context.generalLock,
-                                          context.clientsLock,
-                                          context.statesLock,
-                                          context.commandsLock,
-                                          context.notifyStatesLock,
-                                          context.notifyCommandsLock,
-                                          context.notifyAppsStateLock};
+            const auto fields = layout::FieldsOfDeviceAdd(fixture.Context());
             for (unsigned index = 0; index < std::size(fields); ++index) {
                 EXPECT_EQ(fields[index] != nullptr, index < filled) << row.function << " " << skip << ": " << index;
             }

@@ -3,7 +3,7 @@
 
 #include "host/machine.h"
 #include "host/tracing/decode.h"
-#include "tests/fault_injection/sequence.h"
+#include "tests/fault_injection/alive.h"
 #include "tests/kit/driver_fixture.h"
 
 #include <functional>
@@ -60,7 +60,8 @@ private:
     std::optional<NTSTATUS> Do(const Operation& operation);
     void Deliver();
     [[nodiscard]] std::string NameOf(std::uint64_t handle);
-    [[nodiscard]] std::string Describe(const host::framework::ObjectSnapshot& view);
+    [[nodiscard]] ObjectRecord RecordOf(const host::framework::ObjectSnapshot& object);
+    [[nodiscard]] std::string Describe(const host::framework::ObjectSnapshot& object);
 
     Options options_;
     NTSTATUS dumpAnswer_ = STATUS_SUCCESS;  // of the crash-dump driver, to the operation under way

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
 #include <optional>
 
 namespace fault_injection {
@@ -15,9 +14,9 @@ namespace {
 
 // An object's context of this type; none when it has no such.
 template <class T>
-std::optional<T> ContextOf(const ObjectSnapshot& view, const char* typeName)
+std::optional<T> ContextOf(const ObjectSnapshot& object, const char* typeName)
 {
-    for (const auto& context : view.contexts) {
+    for (const auto& context : object.contexts) {
         if (context.typeName == typeName && context.bytes.size() == sizeof(T)) {
             T copy;
             std::memcpy(&copy, context.bytes.data(), sizeof(T));
@@ -37,162 +36,123 @@ std::string ObservedRun::NameOf(std::uint64_t handle)
     }
     const auto context =
         machine().inspect().Context<layout::DriverContext>(harness_.driver->Handle(), layout::kDriverContextName);
-    if (context) {
-        const std::pair<WDFOBJECT, const char*> kNames[] = {{context->clients, "<clients>"},
-                                                            {context->states, "<states>"},
-                                                            {context->commands, "<commands>"},
-                                                            {context->addQueue, "<add queue>"},
-                                                            {context->removeQueue, "<remove queue>"}};
-        for (const auto& [named, name] : kNames) {
-            if (named == pointer) {
-                return name;
-            }
+    for (const auto& [collection, name] : layout::CollectionsOf(context.value_or(layout::DriverContext{}))) {
+        if (collection == pointer) {
+            return std::string("<") + name + ">";
         }
     }
     const auto object = machine().inspect().Find(pointer);
     if (!object) {
         return "<gone>";
     }
-    std::string text = Describe(*object);
-    text = text.substr(text.starts_with("deleted ") ? sizeof("deleted ") - 1 : 0);
-    if (object->type == ObjectType::kGeneral && text.starts_with("client ")) {
-        return "<" + text.substr(0, text.find(' ', sizeof("client ") - 1)) + ">";
-    }
-    if (object->type == ObjectType::kGeneral && !text.starts_with("crash-dump")) {
-        return "<" + text.substr(0, text.find(' ')) + ">";
-    }
-    return "<" + text + ">";
+    return Name(RecordOf(*object));
 }
 
-std::string ObservedRun::Describe(const ObjectSnapshot& view)
+ObjectRecord ObservedRun::RecordOf(const ObjectSnapshot& object)
 {
-    const std::string prefix = view.deleted ? "deleted " : "";
+    ObjectRecord record{.kind = host::framework::Name(object.type), .deleted = object.deleted};
+    if (object.type != ObjectType::kGeneral) {
+        return record;
+    }
+    if (const auto client = ContextOf<layout::ClientContext>(object, layout::kClientContextName)) {
+        record.kind = "client";
+        record.number = client->guid.Data1;
+        record.value = client->currentState;
+        record.added = client->addedToWpcd;
+        record.refresh = client->wpcdRefreshPending;
+    } else if (const auto state = ContextOf<ZepState>(object, layout::kStateContextName)) {
+        record.kind = "state";
+        record.number = state->InterfaceGUID.Data1;
+        record.value = state->State;
+        record.size = static_cast<ULONG>(state->Size);
+    } else if (const auto subscription =
+                   ContextOf<layout::RegistrationContext>(object, layout::kRegistrationContextName)) {
+        record.kind = "subscription";
+        record.number = subscription->subscriber.Data1;
+        record.other = subscription->filter.InterfaceGUID.Data1;
+        record.value = subscription->filter.State;
+    } else if (const auto command = ContextOf<ZepCommand>(object, layout::kCommandContextName)) {
+        record.kind = "command";
+        record.number = command->SourceGuid.Data1;
+        record.other = command->TargetGuid.Data1;
+        record.value = command->CommandId;
+    } else {
+        const bool isCrashDumpDriver = std::ranges::any_of(
+            object.contexts, [](const auto& context) { return context.typeName == layout::kWpcdContextName; });
+        record.kind = isCrashDumpDriver ? "crash-dump driver" : "general";
+    }
+    return record;
+}
+
+std::string ObservedRun::Describe(const ObjectSnapshot& object)
+{
     const auto inspect = machine().inspect();
-    if (view.type != ObjectType::kGeneral) {
-        return prefix + host::framework::Name(view.type);
+    std::string text = Text(RecordOf(object));
+    const auto client = ContextOf<layout::ClientContext>(object, layout::kClientContextName);
+    const auto registrations = client ? inspect.Find(client->registrations) : std::nullopt;
+    text += registrations ? ", subscribed" : "";
+    for (const WDFOBJECT item : registrations ? registrations->items : std::vector<WDFOBJECT>()) {
+        text += SubscriptionText(RecordOf(*inspect.Find(item)));
     }
-    if (const auto client = ContextOf<layout::ClientContext>(view, layout::kClientContextName)) {
-        std::string text = prefix + "client " + std::to_string(client->guid.Data1) + " in state " +
-                           std::to_string(client->currentState) + ", announced " + std::to_string(client->addedToWpcd) +
-                           std::to_string(client->wpcdRefreshPending);
-        if (const auto registrations = inspect.Find(client->registrations)) {
-            text += ", subscribed";
-            for (const WDFOBJECT item : registrations->items) {
-                const auto subscription =
-                    inspect.Context<layout::RegistrationContext>(item, layout::kRegistrationContextName);
-                text += " " + std::string(inspect.Find(item)->deleted ? "deleted " : "") +
-                        std::to_string(subscription->filter.InterfaceGUID.Data1) + "@" +
-                        std::to_string(subscription->filter.State);
-            }
-        }
-        return text;
-    }
-    if (const auto state = ContextOf<ZepState>(view, layout::kStateContextName)) {
-        return prefix + "state " + std::to_string(state->InterfaceGUID.Data1) + "=" + std::to_string(state->State) +
-               " size " + std::to_string(state->Size);
-    }
-    if (const auto subscription = ContextOf<layout::RegistrationContext>(view, layout::kRegistrationContextName)) {
-        return prefix + "subscription " + std::to_string(subscription->subscriber.Data1) + " to " +
-               std::to_string(subscription->filter.InterfaceGUID.Data1) + "@" +
-               std::to_string(subscription->filter.State);
-    }
-    if (const auto command = ContextOf<ZepCommand>(view, layout::kCommandContextName)) {
-        return prefix + "command " + std::to_string(command->SourceGuid.Data1) + ">" +
-               std::to_string(command->TargetGuid.Data1) + " " + std::to_string(command->CommandId);
-    }
-    for (const auto& context : view.contexts) {
-        if (context.typeName == layout::kWpcdContextName) {
-            return prefix + "crash-dump driver";
-        }
-    }
-    return prefix + "general";
+    return text;
 }
 
 Lines ObservedRun::Alive()
 {
-    Lines lines;
     if (harness_.driver == nullptr || !harness_.driver->IsLoaded()) {
-        return lines;
+        return {};
     }
     const auto inspect = machine().inspect();
     const auto driver = inspect.Find(harness_.driver->Handle());
     const auto context = *inspect.Context<layout::DriverContext>(harness_.driver->Handle(), layout::kDriverContextName);
-    std::string held = "held";
-    std::string queued = "queued";
-    std::map<WDFOBJECT, std::string> parentNames;
-    for (const ObjectSnapshot& view : inspect.Objects()) {
-        if (view.type == ObjectType::kDriver) {
-            continue;
+    fault_injection::Alive alive;
+    for (const ObjectSnapshot& object : inspect.Objects()) {
+        if (object.type != ObjectType::kDriver) {
+            const auto parent = inspect.Find(object.parent);
+            const ObjectRecord of = parent ? RecordOf(*parent) : ObjectRecord{.kind = "nobody"};
+            alive.objects.push_back(Describe(object) + " of " + of.kind +
+                                    (of.kind == "client" ? " " + std::to_string(of.number) : ""));
         }
-        const auto [name, isNew] = parentNames.try_emplace(view.parent, "nobody");
-        if (const auto parent = isNew ? inspect.Find(view.parent) : std::nullopt) {
-            const auto client = ContextOf<layout::ClientContext>(*parent, layout::kClientContextName);
-            name->second = client ? "client " + std::to_string(client->guid.Data1) : Describe(*parent);
-        }
-        lines.push_back(Describe(view) + " of " + name->second);
     }
-    std::sort(lines.begin(), lines.end());
-    const std::pair<WDFCOLLECTION, const char*> kCollections[] = {{context.clients, "clients"},
-                                                                  {context.addQueue, "add queue"},
-                                                                  {context.removeQueue, "remove queue"},
-                                                                  {context.states, "states"},
-                                                                  {context.commands, "commands"}};
-    for (const auto& [collection, name] : kCollections) {
-        std::string text = name;
-        const auto view = inspect.Find(collection);
-        for (const WDFOBJECT item : view ? view->items : std::vector<WDFOBJECT>()) {
-            text += " [" + Describe(*inspect.Find(item)) + "]";
+    for (const auto& [collection, name] : layout::CollectionsOf(context)) {
+        std::optional<Lines>& items = alive.collections[name];
+        if (const auto found = inspect.Find(collection)) {
+            items.emplace();
+            for (const WDFOBJECT item : found->items) {
+                items->push_back(Describe(*inspect.Find(item)));
+            }
         }
-        lines.push_back(text + (view ? "" : " none"));
     }
-    lines.push_back(std::string("attached ") + (context.wpcdClient != nullptr ? "1" : "0"));
-    lines.push_back(std::string("power callback ") + (context.powerCallbackRegistration != nullptr ? "1" : "0"));
-    lines.push_back("driver referenced " + std::to_string(driver->references - driverReferences_));
-    const void* const kFields[] = {context.queue,
-                                   context.addQueue,
-                                   context.removeQueue,
-                                   context.clients,
-                                   context.states,
-                                   context.commands,
-                                   context.addItem,
-                                   context.removeItem,
-                                   context.notifyStatesItem,
-                                   context.notifyCommandsItem,
-                                   context.generalLock,
-                                   context.clientsLock,
-                                   context.statesLock,
-                                   context.commandsLock,
-                                   context.notifyStatesLock,
-                                   context.notifyCommandsLock,
-                                   context.notifyAppsStateLock};
-    lines.push_back("context fields " + std::to_string(std::size(kFields) - std::ranges::count(kFields, nullptr)));
-    lines.push_back("second deletes " + std::to_string(machine().SecondDeletes()));
-    std::size_t blocks = 0;
+    const auto fields = layout::FieldsOfDeviceAdd(context);
+    std::int64_t blocks = 0;
     for (const auto& use : machine().PoolInUse()) {
-        blocks += use.blockCount;
+        blocks += static_cast<std::int64_t>(use.blockCount);
     }
-    lines.push_back("pool " + std::to_string(blocks));
-    const std::pair<WDFOBJECT, const char*> kLocks[] = {{context.clientsLock, " clients"},
-                                                        {context.commandsLock, " commands"},
-                                                        {context.notifyCommandsLock, " commands item"},
-                                                        {context.generalLock, " general"},
-                                                        {context.statesLock, " states"},
-                                                        {context.notifyStatesLock, " states item"}};
-    for (const auto& [lock, name] : kLocks) {
-        const auto view = inspect.Find(lock);
-        held += view && view->held ? name : "";
+    alive.counts = {{"attached", context.wpcdClient != nullptr ? 1 : 0},
+                    {"power callback", context.powerCallbackRegistration != nullptr ? 1 : 0},
+                    {"driver referenced", driver->references - driverReferences_},
+                    {"context fields", std::ssize(fields) - std::ranges::count(fields, nullptr)},
+                    {"second deletes", static_cast<std::int64_t>(machine().SecondDeletes())},
+                    {"pool", blocks}};
+    for (const auto& [lock, name] : {std::pair(context.clientsLock, "clients"),
+                                     {context.commandsLock, "commands"},
+                                     {context.notifyCommandsLock, "commands item"},
+                                     {context.generalLock, "general"},
+                                     {context.statesLock, "states"},
+                                     {context.notifyStatesLock, "states item"}}) {
+        if (const auto found = inspect.Find(lock); found && found->held) {
+            alive.heldLocks.insert(name);
+        }
     }
-    lines.push_back(held);
-    const std::pair<WDFOBJECT, const char*> kItems[] = {{context.addItem, " add"},
-                                                        {context.notifyCommandsItem, " commands"},
-                                                        {context.removeItem, " remove"},
-                                                        {context.notifyStatesItem, " states"}};
-    for (const auto& [item, name] : kItems) {
-        const auto view = inspect.Find(item);
-        queued += view && view->queued ? name : "";
+    for (const auto& [item, name] : {std::pair(context.addItem, "add"),
+                                     {context.notifyCommandsItem, "commands"},
+                                     {context.removeItem, "remove"},
+                                     {context.notifyStatesItem, "states"}}) {
+        if (const auto found = inspect.Find(item); found && found->queued) {
+            alive.queuedItems.insert(name);
+        }
     }
-    lines.push_back(queued);
-    return lines;
+    return alive.Text();
 }
 
 }  // namespace fault_injection

@@ -3,49 +3,41 @@
 //
 // It is written from the descriptions of the operations, not from the driver, and shares nothing with it. Objects are
 // counted by reference, as the framework does; a collection and a parent each hold one.
+//
+// A step that fails ends its operation by throwing Ended. What the operation holds is released on the way, and what it
+// made is deleted: the order of releases, deletions and reports among one another is not seen by any comparison.
 #pragma once
 
 #include "driver/include/zepn_notifier.h"
-#include "tests/fault_injection/sequence.h"
+#include "tests/fault_injection/alive.h"
 
-#include <map>
 #include <memory>
-#include <set>
 
 namespace fault_injection {
 
 struct ModelObject;
 using Ref = std::shared_ptr<ModelObject>;
 
-struct ModelObject {
-    std::string kind;  // "client", "state", "collection" ...
-    bool deleted = false;
+struct ModelObject : ObjectRecord {
     ModelObject* parent = nullptr;
-    std::vector<Ref> children;
-    std::vector<Ref> items;  // of collections
-
-    ULONG number = 0;  // client, poster, sender, subscriber
-    ULONG other = 0;   // target
-    ULONG value = 0;   // current state, posted state, awaited state, command id
-    ULONG size = 0;    // of a state record
-    ULONG reserved = 0;
-    ULONG added = 0;
-    ULONG refresh = 0;
+    std::vector<Ref> children = {};
+    std::vector<Ref> items = {};  // of collections
+    ULONG reserved = 0;           // of a state record
     ULONG traits = 0;
     bool hasEntries = false;
-    std::weak_ptr<ModelObject> registrations;
+    std::weak_ptr<ModelObject> registrations = {};
 };
 
 // The forms of calls that make something: where the caller tests NT_SUCCESS, and where it takes exactly STATUS_SUCCESS.
 inline const std::vector<FaultKind> kMaking = {FaultKind::kError, FaultKind::kInforms};
 inline const std::vector<FaultKind> kExact = {FaultKind::kError, FaultKind::kRefuses};
 
+inline constexpr const char* kDriver = "ZEP_NOTIFIER_DRIVER_CONTEXT";
 inline constexpr const char* kClient = "ZEP_NOTIFIER_CLIENT_CONTEXT";
 inline constexpr const char* kRegistration = "ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT";
 inline constexpr const char* kState = "ZEP_NOTIFIER_STATE_CONTEXT";
 inline constexpr const char* kCommand = "ZEP_NOTIFIER_COMMAND_CONTEXT";
 inline constexpr const char* kWpcd = "ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT";
-inline constexpr const char* kClientsLock = "WdfWaitLockAcquire for wdfWaitLockClientsCollection";
 
 // A state as it is posted.
 struct StateRecord {
@@ -55,13 +47,10 @@ struct StateRecord {
     ULONG reserved;
 };
 
-// What the crash-dump driver gets to see of a client.
-[[nodiscard]] std::string DescriptorOf(const ModelObject& client);
-
-inline std::string Named(const Ref& client)
-{
-    return "<client " + std::to_string(client->number) + ">";
-}
+// How an operation or run ends before its last step, or with another status than STATUS_SUCCESS.
+struct Ended {
+    NTSTATUS status = STATUS_IO_DEVICE_ERROR;
+};
 
 class ReferenceModel {
 public:
@@ -79,70 +68,140 @@ public:
     [[nodiscard]] unsigned struck() const { return struck_; }
 
 private:
+    // A wait lock, released at the end of its block; a thread that hangs releases nothing.
+    class Lock {
+    public:
+        // A refused lock ends the operation. The report names the lock, unless it has words of its own.
+        Lock(ReferenceModel& model, const char* name, const std::string& in, const char* words = nullptr);
+        // A refused lock is not noticed, and released all the same.
+        Lock(ReferenceModel& model, const char* name) : model_(model), name_(name) { (void)model.Acquire(name); }
+        ~Lock();
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+        void Release();
+        void Keep() { isKept_ = true; }
+
+    private:
+        ReferenceModel& model_;
+        const char* const name_;
+        bool isKept_ = false;
+    };
+
+    // An object that is deleted at the end of its block, unless it is kept.
+    class Owned {
+    public:
+        Owned(ReferenceModel& model, Ref object) : model_(model), object_(std::move(object)) {}
+        ~Owned();
+        Owned(const Owned&) = delete;
+        Owned& operator=(const Owned&) = delete;
+
+        [[nodiscard]] ModelObject* operator->() const { return object_.get(); }
+        [[nodiscard]] const Ref& operator*() const { return object_; }
+        void Keep() { isKept_ = true; }
+
+    private:
+        ReferenceModel& model_;
+        const Ref object_;
+        bool isKept_ = false;
+    };
+
     // ---- Calls that can fail ----
     bool Strikes(const char* function, const std::string& detail, std::vector<FaultKind> forms);
     NTSTATUS Status(const char* function, std::vector<FaultKind> forms = {FaultKind::kError});
     bool Gives(const char* function, const std::string& detail = {});
     bool HasContext(const std::string& type) { return Gives("WdfObjectGetTypedContextWorker", type); }
-    NTSTATUS Create(const std::string& type);
     NTSTATUS Add(const Ref& collection, const Ref& object, std::vector<FaultKind> forms = kMaking);
     NTSTATUS Acquire(const char* lock);
     void Release(const char* lock);
     Ref Item(const Ref& collection, std::size_t index);
     Ref FirstItem(const Ref& collection);
 
+    // ---- Reports ----
+    // Event, function, words and values: "1 DriverEntry: WdfDriverCreate, 0xC000009A". Where the driver says the same in
+    // two places, the number of the trace message distinguishes them: "12/160 ...". "- ...": a trace message alone.
+    // `in` is the function: "DriverEntry: ".
+    void Report(const std::string& line) { step_.reports.push_back(line); }
+    void Report(const std::string& line, NTSTATUS status);
+
+    // ---- Steps: a failure is reported and ends the operation ----
+    [[noreturn]] void Fail(const std::string& line, NTSTATUS status);
+    void Require(bool isGood, const std::string& line, NTSTATUS status);
+    void FindDriver(const std::string& noDriver, const std::string& noContext, NTSTATUS status);
+    void FindDriver(const std::string& in, const char* event = "2 ");
+    void FindDriverOfRun(const std::string& in, const std::string& words = "");
+    // A call of which the caller tests NT_SUCCESS; its status then.
+    NTSTATUS Make(const char* function, const std::string& line, const std::string& detail = {});
+    // An object of one of the context types, and its context.
+    Ref Create(const char* type, const ObjectRecord& object, const Ref& parent, const std::string& noObject,
+               const std::string& noContext);
+    // Judged by exactly STATUS_SUCCESS where the forms are kExact.
+    void Append(const Ref& collection, const Ref& object, const std::string& line,
+                const std::vector<FaultKind>& forms = kMaking);
+    // The item and its context; null when one of them is missing, which is reported.
+    Ref At(const Ref& collection, std::size_t index, const std::string& noItem, const std::string& noContext);
+    Ref ClientAt(std::size_t index, const std::string& in, const char* words = "Client context",
+                 const char* event = "5 ");
+    Ref SubscriptionAt(const Ref& registrations, std::size_t index, const std::string& in, const char* event = "5 ");
+    Ref FindClient(ULONG number, const std::string& in, const char* words = "Client context");
+
     // ---- Objects ----
-    Ref Make(const std::string& kind, const Ref& parent);
+    Ref MakeObject(const ObjectRecord& object, const Ref& parent);
     void Delete(const Ref& object);
     void DeleteRemoved(const Ref& object);
     static void Remove(const Ref& collection, const Ref& object);
     void Enqueue(const std::string& item);
 
-    // ---- Reports ----
-    // Event, function, words and values: "1 DriverEntry: WdfDriverCreate, 0xC000009A". Where the driver says the same in
-    // two places, the number of the trace message distinguishes them: "12/160 ...". "- ...": a trace message alone.
-    void Report(const std::string& line) { step_.reports.push_back(line); }
-    NTSTATUS Fails(const std::string& line, NTSTATUS status);
-
     // ---- Operations ----
-    std::optional<NTSTATUS> Do(const Operation& operation);
-    NTSTATUS Load();
-    NTSTATUS AddDevice();
-    NTSTATUS FillDevice();
+    template <class Steps>
+    static NTSTATUS StatusOf(const Steps& steps)
+    {
+        try {
+            steps();
+            return STATUS_SUCCESS;
+        } catch (const Ended& ended) {
+            return ended.status;
+        }
+    }
+    void Do(const Operation& operation);
+    void Load();
+    void AddDevice();
+    void FillDevice();
     void EndDevice();
     void Unload();
-    bool Driver(const std::string& noDriver, const std::string& noContext);
-    Ref Lookup(ULONG client, bool lock);
-    NTSTATUS Register(ULONG number, ULONG traits, bool callbacks);
-    void DiscardClient(const Ref& client, bool freeEntries);
-    NTSTATUS Deregister(ULONG number);
-    NTSTATUS Withdraw(const Ref& client);
+    Ref Lookup(ULONG number, bool takesLock);
+    void Register(ULONG number, ULONG traits, bool callbacks);
+    void AddClient(const Ref& client);
+    void Deregister(ULONG number);
+    void Withdraw(const ModelObject& client);
+    bool DropRegistrations(const Ref& client, const std::string& in);
     [[nodiscard]] bool HasClients() const;
     void Cleanup();
-    NTSTATUS Post(const StateRecord& record);
-    NTSTATUS Subscribe(ULONG number, ULONG target, ULONG state);
-    NTSTATUS Unsubscribe(ULONG number, ULONG target, ULONG state);
-    NTSTATUS Send(ULONG sender, ULONG target, ULONG id);
+    void Post(const StateRecord& record);
+    NTSTATUS PostAnswer(const StateRecord& record, const std::string& line);
+    void Subscribe(ULONG number, ULONG target, ULONG state);
+    void Unsubscribe(ULONG number, ULONG target, ULONG state);
+    void Send(ULONG sender, ULONG target, ULONG id);
     void QueueCommand(const Ref& client, ULONG target, ULONG id);
     void NotifyStates();
-    bool DeliverState(const ModelObject& state);
-    bool QueueFollowUp(const Ref& subscriber, ULONG state);
+    void DeliverState(const ModelObject& state);
+    void QueueFollowUp(const Ref& subscriber, ULONG state);
     void NotifyCommands();
-    bool DeliverCommand(Ref& sender, Ref& target, bool& clientsHeld);
+    void DeliverCommand(const Ref& command, Lock& clients);
     void AddClients();
-    void AnnounceQueued();
+    void Announce(const Ref& client);
     void RemoveClient();
-    NTSTATUS Attach(bool record);
-    NTSTATUS Detach();
-    NTSTATUS Count(bool pointer);
-    NTSTATUS Describe(ULONG capacity, std::string_view null);
-    NTSTATUS Dump(const Operation& operation);
-    NTSTATUS DumpContext(bool record);
-    NTSTATUS Broadcast();
-    void Sleep();
+    void Attach(bool record);
+    void Detach();
+    void Count(bool pointer);
+    void Describe(ULONG capacity, std::string_view null);
+    void FillDescriptors(ULONG capacity, std::size_t& answer);
+    void Dump(const Operation& operation);
+    void FindDumpContext(bool record);
+    void Broadcast();
     void LeaveWorkingState();
-    NTSTATUS Control(ULONG code);
-    NTSTATUS Open();
+    void Control(ULONG code);
+    void Open();
     void Close();
     void Deliver();
 

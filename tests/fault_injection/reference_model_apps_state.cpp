@@ -3,52 +3,34 @@
 
 namespace fault_injection {
 
-NTSTATUS ReferenceModel::Broadcast()
+// Failures of single clients do not end it: its status is the last one that it met.
+void ReferenceModel::Broadcast()
 {
-    const std::string name = "Notifier_NotifyAppsState: ";
-    if (!Driver("13 " + name + "WdfGetDriver returned NULL?! Returning NULL",
-                "13 " + name + "Driver context is NULL?! Returning NULL")) {
-        return STATUS_IO_DEVICE_ERROR;
-    }
+    const std::string in = "Notifier_NotifyAppsState: ";
+    FindDriverOfRun(in, " Returning NULL");
     if (!HasClients()) {
-        return STATUS_SUCCESS;
+        return;
     }
-    NTSTATUS status = Acquire("clients");
-    if (status != STATUS_SUCCESS) {
-        return Fails("1 " + name + kClientsLock, status);
-    }
-    status = Create("");
-    if (!NT_SUCCESS(status)) {
-        Release("clients");
-        return Fails("1/186 " + name + "WdfObjectCreate", status);
-    }
-    const Ref parent = Make("general", driver_);
-    status = Status("WdfCollectionCreate", kMaking);
-    if (!NT_SUCCESS(status)) {
-        Delete(parent);
-        Release("clients");
-        return Fails("1 " + name + "WdfCollectionObjectCreate for for wdfCollectionAttributes", status);
-    }
-    const Ref answers = Make("collection", parent);
+    Lock lock(*this, "clients", in);
+    (void)Make("WdfObjectCreate", "1/186 " + in + "WdfObjectCreate");
+    Owned parent(*this, MakeObject({.kind = "general"}, driver_));
+    (void)Make("WdfCollectionCreate", "1 " + in + "WdfCollectionObjectCreate for for wdfCollectionAttributes");
+    parent.Keep();
+    const Ref answers = MakeObject({.kind = "collection"}, *parent);
     const auto deleteParent = [&] {  // once; the loop goes on with the collection
         if (!parent->deleted) {
-            Delete(parent);
+            Delete(*parent);
         }
     };
+    NTSTATUS last = STATUS_SUCCESS;
     const std::size_t count = clients_->items.size();
     for (std::size_t index = 0; index < count; ++index) {
-        const Ref client = Item(clients_, index);
+        const Ref client = ClientAt(index, in, "Client context", "5/188 ");
         if (client == nullptr) {
-            Report("5/188 " + name + "WdfCollectionGetItem, " + std::to_string(index) + ", <clients>, " +
-                   std::to_string(count));
-            continue;
-        }
-        if (!HasContext(kClient)) {
-            Report("6 " + name + "Client context, " + Named(client));
             continue;
         }
         if ((client->traits & kApps) == 0) {
-            Report("6 " + name + "ActionCallbackTable.AppsStateNotificationCallback, " + Named(client));
+            Report("6 " + in + "ActionCallbackTable.AppsStateNotificationCallback, " + Name(*client));
             continue;
         }
         step_.callbacks.push_back(
@@ -57,87 +39,76 @@ NTSTATUS ReferenceModel::Broadcast()
         if (wanted == client->value) {
             continue;
         }
-        status = Create(kState);
-        if (!NT_SUCCESS(status)) {
-            Fails("1/191 " + name + "WdfObjectCreate", status);
+        last = StatusOf([&] { (void)Make("WdfObjectCreate", "1/191 " + in + "WdfObjectCreate", kState); });
+        if (!NT_SUCCESS(last)) {
             continue;
         }
-        const Ref record = Make("state", driver_);
+        const Ref record = MakeObject({.kind = "state"}, driver_);
         if (!HasContext(kState)) {
-            Report("6/192 " + name + "State notification context, <state>");
+            Report("6/192 " + in + "State notification context, <state>");
             deleteParent();  // not the new object
             continue;
         }
         record->number = client->number;
         record->value = wanted;
         record->size = sizeof(ZepState);
-        status = Add(answers, record);
-        if (!NT_SUCCESS(status)) {
-            Fails("1 " + name + "WdfCollectionAdd for wdfClientCollection", status);
+        last = StatusOf([&] { Append(answers, record, "1 " + in + "WdfCollectionAdd for wdfClientCollection"); });
+        if (!NT_SUCCESS(last)) {
             deleteParent();
         }
     }
-    Release("clients");
+    lock.Release();
     const std::size_t answerCount = answers->items.size();
     for (std::size_t index = 0; index < answerCount; ++index) {
         const Ref record = Item(answers, index);
         if (record == nullptr) {
-            Report("5/194 " + name + "WdfCollectionGetItem, 0, <collection>, " + std::to_string(answerCount));
+            Report("5/194 " + in + "WdfCollectionGetItem, 0, <collection>, " + std::to_string(answerCount));
             continue;
         }
         if (!HasContext(kState)) {
-            Report("6/195 " + name + "State notification context, <state>");
+            Report("6/195 " + in + "State notification context, <state>");
             deleteParent();
             continue;
         }
-        status = Post({record->number, record->size, record->value, 0});
-        if (!NT_SUCCESS(status)) {
-            Report("- " + name + "posting the wanted state failed: " + Hex(static_cast<std::uint32_t>(status)));
+        last = PostAnswer({record->number, record->size, record->value, 0}, in + "posting the wanted state failed");
+        if (!NT_SUCCESS(last)) {
             deleteParent();
         }
     }
-    return status;
-}
-
-void ReferenceModel::Sleep()
-{
-    // A second device registers the routine once more.
-    for (unsigned index = 0; index < powerRegistrations_; ++index) {
-        LeaveWorkingState();
-    }
+    throw Ended{last};
 }
 
 void ReferenceModel::LeaveWorkingState()
 {
-    (void)Broadcast();
-    const std::string name = "13 ZEPReadRegistry: ";
-    if (!Gives("WdfGetDriver")) {
-        Report(name + "WdfGetDriver returned NULL?!");
-        return;
+    (void)StatusOf([this] { Broadcast(); });
+    const std::string in = "13 ZEPReadRegistry: ";
+    const auto gives = [&](bool isGood, const char* words) {
+        if (!isGood) {
+            Report(in + words);
+        }
+        return isGood;
+    };
+    if (gives(Gives("WdfGetDriver"), "WdfGetDriver returned NULL?!") &&
+        gives(NT_SUCCESS(Status("WdfDriverOpenParametersRegistryKey", kMaking)),
+              "WdfDriverOpenParametersRegistryKey failed with status NULL?!") &&
+        gives(NT_SUCCESS(Status("WdfRegistryQueryULong", kMaking)), "WdfRegistryQueryULong returned NULL?!")) {
+        (void)Status("KeDelayExecutionThread");
+        step_.callbacks.push_back(tests::lines::Wait(kTimeoutMs));
     }
-    if (!NT_SUCCESS(Status("WdfDriverOpenParametersRegistryKey", kMaking))) {
-        Report(name + "WdfDriverOpenParametersRegistryKey failed with status NULL?!");
-        return;
-    }
-    if (!NT_SUCCESS(Status("WdfRegistryQueryULong", kMaking))) {
-        Report(name + "WdfRegistryQueryULong returned NULL?!");
-        return;
-    }
-    (void)Status("KeDelayExecutionThread");
-    step_.callbacks.push_back(tests::lines::Wait(kTimeoutMs));
 }
 
-NTSTATUS ReferenceModel::Control(ULONG code)
+void ReferenceModel::Control(ULONG code)
 {
-    if (!Gives("WdfIoQueueGetDevice")) {
-        return Fails("9 NotifierEvtIoDeviceControl: Received device object NULL for this request's queue, <queue>",
-                     STATUS_INVALID_DEVICE_REQUEST);
-    }
+    Require(Gives("WdfIoQueueGetDevice"),
+            "9 NotifierEvtIoDeviceControl: Received device object NULL for this request's queue, <queue>",
+            STATUS_INVALID_DEVICE_REQUEST);
     if (code != IOCTL_ZEPN_NOTIFY_APPS_STATE) {
         Report("- NotifierEvtIoDeviceControl: I/O control " + Hex(code).substr(2) + " is not supported");
-        return STATUS_NOT_SUPPORTED;
+        throw Ended{STATUS_NOT_SUPPORTED};
     }
-    return NT_SUCCESS(Broadcast()) ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+    if (!NT_SUCCESS(StatusOf([this] { Broadcast(); }))) {
+        throw Ended{STATUS_UNSUCCESSFUL};
+    }
 }
 
 }  // namespace fault_injection

@@ -3,126 +3,94 @@
 
 namespace fault_injection {
 
-NTSTATUS ReferenceModel::Load()
+void ReferenceModel::Load()
 {
-    const NTSTATUS bound = Status("WdfVersionBind");
-    if (bound != STATUS_SUCCESS) {
-        return bound;
+    if (const NTSTATUS bound = Status("WdfVersionBind"); bound != STATUS_SUCCESS) {
+        throw Ended{bound};
     }
     const NTSTATUS status = Status("WdfDriverCreate", kMaking);
     if (!NT_SUCCESS(status)) {
         // The trace providers stay registered: a known oddity.
-        step_.violations.emplace_back("registration at unload");
-        step_.violations.emplace_back("registration at unload");
-        return Fails("1 DriverEntry: WdfDriverCreate", status);
+        step_.violations.insert(step_.violations.end(), 2, "registration at unload");
+        Fail("1 DriverEntry: WdfDriverCreate", status);
     }
-    driver_ = std::make_shared<ModelObject>();
-    driver_->kind = "driver";
+    driver_ = std::make_shared<ModelObject>(ModelObject{{.kind = "driver"}});
     loaded_ = true;
-    return status;  // as it is
+    throw Ended{status};  // as it is
 }
 
-NTSTATUS ReferenceModel::AddDevice()
+void ReferenceModel::AddDevice()
 {
-    if (!HasContext("ZEP_NOTIFIER_DRIVER_CONTEXT")) {
-        Report("6 NotifierEvtDeviceAdd: Driver object context, <driver>");
-        return STATUS_IO_DEVICE_ERROR;
+    const std::string in = "NotifierEvtDeviceAdd: ";
+    if (!HasContext(kDriver)) {
+        Report("6 " + in + "Driver object context, <driver>");
+        throw Ended{};
     }
-    NTSTATUS status = Status("WdfDeviceInitAssignName", kMaking);
-    if (!NT_SUCCESS(status)) {
-        return Fails("1 NotifierEvtDeviceAdd: WdfDeviceInitAssignName", status);
-    }
-    status = Status("WdfDeviceCreate", kMaking);
-    if (!NT_SUCCESS(status)) {
-        return Fails("1 NotifierEvtDeviceAdd: WdfDeviceCreate", status);
-    }
+    (void)Make("WdfDeviceInitAssignName", "1 " + in + "WdfDeviceInitAssignName");
+    (void)Make("WdfDeviceCreate", "1 " + in + "WdfDeviceCreate");
     device_ = true;
     others_["device"] = 1;
-    status = FillDevice();
-    if (!NT_SUCCESS(status)) {
+    try {
+        FillDevice();
+    } catch (const Ended&) {
         EndDevice();
+        throw;
     }
-    return status;
 }
 
-NTSTATUS ReferenceModel::FillDevice()
+void ReferenceModel::FillDevice()
 {
-    const std::string name = "1 NotifierEvtDeviceAdd: ";
-    NTSTATUS status = Status("WdfDeviceCreateSymbolicLink", kMaking);
-    if (!NT_SUCCESS(status)) {
-        return Fails(name + "WdfDeviceCreateSymbolicLink", status);
-    }
-    status = Status("WdfIoQueueCreate", kMaking);
-    if (!NT_SUCCESS(status)) {
-        return Fails(name + "WdfIoQueueCreate", status);
-    }
+    const std::string in = "1 NotifierEvtDeviceAdd: ";
+    (void)Make("WdfDeviceCreateSymbolicLink", in + "WdfDeviceCreateSymbolicLink");
+    (void)Make("WdfIoQueueCreate", in + "WdfIoQueueCreate");
     others_["queue"] = 1;
     fields_.insert("queue");
-    const std::pair<const char*, Ref*> kCollections[] = {{"wdfCollectionWpcdClientAddQueue", &addQueue_},
-                                                         {"wdfCollectionWpcdClientRemoveQueue", &removeQueue_},
-                                                         {"wdfCollectionZepClients", &clients_},
-                                                         {"wdfCollectionZepStates", &states_},
-                                                         {"wdfCollectionZepCommands", &commands_}};
-    for (const auto& [text, collection] : kCollections) {
-        status = Status("WdfCollectionCreate", kMaking);
-        if (!NT_SUCCESS(status)) {
-            // The framework clears the field, also that of an earlier device.
-            *collection = nullptr;
-            fields_.erase(text);
-            return Fails(name + "WdfCollectionObjectCreate for for " + text, status);
-        }
-        *collection = Make("collection", driver_);
+    for (const auto& [text, collection] : {std::pair("wdfCollectionWpcdClientAddQueue", &addQueue_),
+                                           {"wdfCollectionWpcdClientRemoveQueue", &removeQueue_},
+                                           {"wdfCollectionZepClients", &clients_},
+                                           {"wdfCollectionZepStates", &states_},
+                                           {"wdfCollectionZepCommands", &commands_}}) {
+        // When it fails the framework clears the field, also that of an earlier device.
+        *collection = nullptr;
+        fields_.erase(text);
+        (void)Make("WdfCollectionCreate", in + "WdfCollectionObjectCreate for for " + text);
+        *collection = MakeObject({.kind = "collection"}, driver_);
         fields_.insert(text);
     }
     for (const char* text : {"client add", "client remove", "client state notify", "client notify command"}) {
-        status = Status("WdfWorkItemCreate", kMaking);
-        if (!NT_SUCCESS(status)) {
-            return Fails(name + "WdfWorkItemCreate for " + text + " work item", status);
-        }
+        (void)Make("WdfWorkItemCreate", in + "WdfWorkItemCreate for " + text + " work item");
         ++others_["work item"];
         fields_.insert(text);
     }
     for (const char* text : {"General", "ClientsCollection", "StatesCollection", "CommandsCollection",
                              "NotifyStatesWorkItem", "NotifyCommandsWorkItem", "NotifyAppsStateWorkItem"}) {
-        status = Status("WdfWaitLockCreate", kMaking);
-        if (!NT_SUCCESS(status)) {
-            locks_.erase(text);
-            fields_.erase(text);
-            return Fails(name + "WdfWaitLockCreate for wdfWaitLock" + text, status);
-        }
+        locks_.erase(text);
+        fields_.erase(text);
+        (void)Make("WdfWaitLockCreate", in + "WdfWaitLockCreate for wdfWaitLock" + text);
         locks_.insert(text);
         fields_.insert(text);
         ++others_["wait lock"];
     }
     for (const char* call : {"WdfDeviceCreateDeviceInterface", "WdfDeviceAddQueryInterface"}) {
         for (const char* text : {"WPCD", "Helper"}) {
-            status = Status(call, kMaking);
-            if (!NT_SUCCESS(status)) {
-                return Fails(name + call + " for " + text + " interface", status);
-            }
+            (void)Make(call, in + call + " for " + text + " interface");
         }
     }
-    status = Status("ExCreateCallback", kMaking);
-    if (!NT_SUCCESS(status)) {
-        return Fails(name + "ExCreateCallback for Power state callback", status);
+    (void)Make("ExCreateCallback", in + "ExCreateCallback for Power state callback");
+    powerCallback_ = Gives("ExRegisterCallback");
+    powerObject_ = powerCallback_;  // dropped when nothing was registered
+    if (!powerCallback_) {
+        throw Ended{STATUS_UNSUCCESSFUL};  // silently
     }
     ++powerOpens_;
-    powerObject_ = true;
-    powerCallback_ = Gives("ExRegisterCallback");
-    if (!powerCallback_) {
-        --powerOpens_;
-        powerObject_ = false;
-        return STATUS_UNSUCCESSFUL;  // silently
-    }
     ++powerRegistrations_;
     ++references_;
-    return STATUS_SUCCESS;
 }
 
 // What hangs from the device goes with it; collections and locks are the driver's.
 void ReferenceModel::EndDevice()
 {
-    Cleanup();
+    (void)StatusOf([this] { Cleanup(); });
     for (const char* name : {"device", "queue", "work item"}) {
         others_.erase(name);
     }
@@ -137,50 +105,31 @@ bool ReferenceModel::HasClients() const
 
 void ReferenceModel::Cleanup()
 {
-    const std::string name = "NotifierClientCleanup: ";
-    if (!Driver("2 " + name + "WdfGetDriver returned NULL?!, 0xC0000185",
-                "7 " + name + "Driver object context, <driver>, 0xC0000185")) {
-        return;
-    }
+    const std::string in = "NotifierClientCleanup: ";
+    FindDriver(in);
     if (!HasClients()) {
         return;
     }
-    const NTSTATUS status = Acquire("clients");
-    if (status != STATUS_SUCCESS) {
-        Fails("1 " + name + "WdfWaitLockAcquire for wdfWaitLockClientsCollection", status);
-        return;
-    }
+    const Lock lock(*this, "clients", in);
     while (!clients_->items.empty()) {
         const Ref client = FirstItem(clients_);
         if (client == nullptr) {
             break;
         }
-        if (!HasContext("ZEP_NOTIFIER_CLIENT_CONTEXT")) {
-            Report("6 " + name + "Client object context, <client " + std::to_string(client->number) + ">");
+        if (!HasContext(kClient)) {
+            Report("6 " + in + "Client object context, " + Name(*client));
             break;
         }
         poolBlocks_ -= client->hasEntries ? 1 : 0;
         Remove(clients_, client);
-        const Ref registrations = client->registrations.lock();
-        while (!registrations->items.empty()) {
-            const Ref item = FirstItem(registrations);
-            if (item == nullptr) {
-                Report("5 " + name + "WdfCollectionGetFirstItem, 0, <collection>, " +
-                       std::to_string(registrations->items.size()));
-                break;
-            }
-            Remove(registrations, item);
-            DeleteRemoved(item);
-        }
-        Delete(registrations);
+        (void)DropRegistrations(client, in);
         Delete(client);
     }
-    Release("clients");
 }
 
 void ReferenceModel::Unload()
 {
-    if (!HasContext("ZEP_NOTIFIER_DRIVER_CONTEXT")) {
+    if (!HasContext(kDriver)) {
         Report("13 NotifierEvtDriverUnload: Driver context is NULL?!");
     } else {
         powerRegistrations_ -= powerCallback_ ? 1 : 0;
@@ -200,30 +149,27 @@ void ReferenceModel::Unload()
     driver_.reset();
 }
 
-NTSTATUS ReferenceModel::Open()
+void ReferenceModel::Open()
 {
     const bool strikes =
         Strikes("WdfObjectAllocateContext", "", {FaultKind::kError, FaultKind::kInforms, FaultKind::kNullOutput});
     NTSTATUS status = STATUS_SUCCESS;
-    if (strikes && fault_->form == FaultKind::kError) {
-        status = Fails("1 NotifierEvtDeviceFileCreate: WdfObjectAllocateContext", fault_->Status());
-    } else if (strikes && fault_->form == FaultKind::kInforms) {
-        status = fault_->Status();  // the open succeeds with it
+    if (strikes && fault_->form == FaultKind::kNullOutput) {
+        Fail("9 NotifierEvtDeviceFileCreate: Received context pointer NULL from WdfObjectAllocateContext, "
+             "<file object>",
+             STATUS_IO_DEVICE_ERROR);
     } else if (strikes) {
-        status = Fails("9 NotifierEvtDeviceFileCreate: Received context pointer NULL from WdfObjectAllocateContext, "
-                       "<file object>",
-                       STATUS_IO_DEVICE_ERROR);
+        status = fault_->Status();
+        Require(NT_SUCCESS(status), "1 NotifierEvtDeviceFileCreate: WdfObjectAllocateContext", status);
     }
-    file_ = NT_SUCCESS(status);
-    if (file_) {
-        others_["file object"] = 1;
-    }
-    return status;
+    file_ = true;
+    others_["file object"] = 1;
+    throw Ended{status};  // as it is
 }
 
 void ReferenceModel::Close()
 {
-    if (!HasContext("ZEP_NOTIFIER_CLIENT_CONTEXT")) {
+    if (!HasContext(kClient)) {
         Report("6 NotifierEvtDeviceFileClose: File handle context, <file object>");
     }
     file_ = false;

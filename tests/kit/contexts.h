@@ -4,6 +4,9 @@
 #include "host/framework/inspector.h"
 #include "driver/include/zepn_notifier.h"
 
+#include <utility>
+#include <vector>
+
 namespace layout {
 
 inline constexpr const char* kDriverContextName = "ZEP_NOTIFIER_DRIVER_CONTEXT";
@@ -36,6 +39,38 @@ struct DriverContext {
     PVOID powerCallbackRegistration;
 };
 static_assert(sizeof(DriverContext) == 160);
+
+// By the names that reports are compared with.
+inline std::vector<std::pair<WDFCOLLECTION, const char*>> CollectionsOf(const DriverContext& context)
+{
+    return {{context.clients, "clients"},
+            {context.states, "states"},
+            {context.commands, "commands"},
+            {context.addQueue, "add queue"},
+            {context.removeQueue, "remove queue"}};
+}
+
+// What device add creates, in its order.
+inline std::vector<const void*> FieldsOfDeviceAdd(const DriverContext& context)
+{
+    return {context.queue,
+            context.addQueue,
+            context.removeQueue,
+            context.clients,
+            context.states,
+            context.commands,
+            context.addItem,
+            context.removeItem,
+            context.notifyStatesItem,
+            context.notifyCommandsItem,
+            context.generalLock,
+            context.clientsLock,
+            context.statesLock,
+            context.commandsLock,
+            context.notifyStatesLock,
+            context.notifyCommandsLock,
+            context.notifyAppsStateLock};
+}
 
 struct ClientContext {
     GUID guid;

@@ -16,20 +16,10 @@ std::string DriverFixture::HandleName(std::uint64_t handle)
     }
     if (driver != nullptr && driver->IsLoaded()) {
         const auto context = machine.inspect().Context<DriverContext>(driver->Handle(), kDriverContextName);
-        if (context && pointer == context->clients) {
-            return "<clients>";
-        }
-        if (context && pointer == context->states) {
-            return "<states>";
-        }
-        if (context && pointer == context->commands) {
-            return "<commands>";
-        }
-        if (context && pointer == context->addQueue) {
-            return "<add queue>";
-        }
-        if (context && pointer == context->removeQueue) {
-            return "<remove queue>";
+        for (const auto& [collection, name] : layout::CollectionsOf(context.value_or(DriverContext{}))) {
+            if (collection == pointer) {
+                return std::string("<") + name + ">";
+            }
         }
     }
     const auto object = machine.inspect().Find(pointer);
