@@ -11,49 +11,10 @@ FOR_ALL_CONTAINERS(AppsState);
 
 constexpr std::uintptr_t kStateLock = PO_CB_SYSTEM_STATE_LOCK;
 
-TEST_P(AppsState, PowerTransitionTellsEveryClientAndPostsTheAnswers)
-{
-    DriverFixture fixture(GetParam());
-    Peer deaf(1);
-    Peer content(2);
-    Peer changing(3);
-    Peer watcher(4);
-    content.WantsAppsState();
-    changing.WantsAppsState();
-    ULONG entered = 99;
-    changing.onAppsState = [&](ULONG& state) {
-        entered = state;
-        state = 4;
-    };
-    for (Peer* peer : {&deaf, &content, &changing, &watcher}) {
-        ASSERT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
-    }
-    ASSERT_EQ(fixture.Post(changing, 1), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Subscribe(watcher, changing, 4), STATUS_SUCCESS);
-    fixture.Deliver();
-    (void)fixture.TakeReports();
-
-    fixture.machine.NotifyPowerState(kStateLock, 0);
-    EXPECT_EQ(entered, 1u);
-    EXPECT_EQ(content.appsStateCalls, 1u);
-    EXPECT_EQ(changing.appsStateCalls, 1u);
-    EXPECT_EQ(fixture.TakeReports(),
-              (Lines{"6 Notifier_NotifyAppsState: ActionCallbackTable.AppsStateNotificationCallback, <object>",
-                     "6 Notifier_NotifyAppsState: ActionCallbackTable.AppsStateNotificationCallback, <object>",
-                     "13 ZEPReadRegistry: WdfDriverOpenParametersRegistryKey failed with status NULL?!"}));
-    EXPECT_TRUE(fixture.machine.Delays().empty());
-    fixture.Deliver();
-    ASSERT_EQ(watcher.deliveries.size(), 1u);
-    EXPECT_EQ(watcher.deliveries[0].Size, 32u);
-    EXPECT_EQ(fixture.Client(changing)->currentState, 4u);
-}
-
 TEST_P(AppsState, OnlyLeavingTheWorkingStateDoesAnything)
 {
     DriverFixture fixture(GetParam());
-    Peer peer(1);
-    peer.WantsAppsState();
-    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    Peer& peer = fixture.Join(Peer(1).WantsAppsState());
     fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 100);
     for (const std::uintptr_t kind : {0u, 1u, 2u, 4u}) {
         (void)fixture.TakeRecords();
@@ -121,9 +82,7 @@ struct Handle {
 TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
 {
     DriverFixture fixture(GetParam());
-    Peer peer(1);
-    peer.WantsAppsState();
-    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    Peer& peer = fixture.Join(Peer(1).WantsAppsState());
     Handle handle(fixture);
     EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS);
     EXPECT_EQ(peer.appsStateCalls, 1u);
@@ -139,9 +98,7 @@ TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
 TEST_P(AppsState, HandlesWorkInEveryDeviceState)
 {
     DriverFixture fixture(GetParam());
-    Peer peer(1);
-    peer.WantsAppsState();
-    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    Peer& peer = fixture.Join(Peer(1).WantsAppsState());
     {
         Handle handle(fixture);
         EXPECT_EQ(fixture.driver->Sleep(), STATUS_SUCCESS);
@@ -156,9 +113,7 @@ TEST_P(AppsState, HandlesWorkInEveryDeviceState)
 TEST_P(AppsState, ControlSentAtARaisedLevelIsHandledBelowIt)
 {
     DriverFixture fixture(GetParam());
-    Peer peer(1);
-    peer.WantsAppsState();
-    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+    Peer& peer = fixture.Join(Peer(1).WantsAppsState());
     Handle handle(fixture);
     {
         const host::ScopedIrql irql(DISPATCH_LEVEL);
@@ -166,21 +121,6 @@ TEST_P(AppsState, ControlSentAtARaisedLevelIsHandledBelowIt)
     }
     fixture.Deliver();
     EXPECT_EQ(peer.appsStateCalls, 1u);
-}
-
-TEST_P(AppsState, TemporaryObjectsStayUntilUnloadOnPurpose)
-{
-    DriverFixture fixture(GetParam());
-    Peer peer(1);
-    peer.WantsAppsState().onAppsState = [](ULONG& state) { ++state; };
-    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
-    const std::size_t before = fixture.machine.inspect().Objects().size();
-    for (int round = 0; round < 3; ++round) {
-        fixture.machine.NotifyPowerState(kStateLock, 0);
-        fixture.Deliver();
-    }
-    // Each broadcast leaves its parent, its collection and one object for each answer.
-    EXPECT_EQ(fixture.machine.inspect().Objects().size(), before + 3 * 3);
 }
 
 TEST_P(AppsState, HandleCarriesAZeroedContextThatNobodyUses)

@@ -47,21 +47,6 @@ TEST_P(Commands, ReachTheTargetWithTheSendersStateAndStayWithTheSender)
     EXPECT_EQ(fixture.Alive(kCommandContextName), 0u);
 }
 
-TEST_P(Commands, ChangedStateOfTheTargetIsPostedOnce)
-{
-    DriverFixture fixture(GetParam());
-    Pair pair(fixture);
-    Peer watcher(3);
-    ASSERT_EQ(fixture.Register(watcher), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Subscribe(watcher, pair.target, 5), STATUS_SUCCESS);
-    pair.target.onCommand = [](ULONG, ULONG& state) { state = 5; };
-    ASSERT_EQ(fixture.Send(pair.sender, pair.target, 1), STATUS_SUCCESS);
-    fixture.Deliver();
-    ASSERT_EQ(watcher.deliveries.size(), 1u);
-    EXPECT_EQ(watcher.deliveries[0].Size, 32u);
-    EXPECT_EQ(fixture.Client(pair.target)->currentState, 5u);
-}
-
 TEST_P(Commands, OneRunDeliversOneOfABurst)
 {
     DriverFixture fixture(GetParam());

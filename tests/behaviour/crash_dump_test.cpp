@@ -1,4 +1,5 @@
-// The crash-dump bridge: attaching, announcements and withdrawals.
+// The crash-dump bridge: attaching, announcements and withdrawals, the descriptors that a crash-dump driver asks for, and
+// the dump calls that pass through to it.
 #include "tests/kit/driver_fixture.h"
 
 namespace tests {
@@ -33,52 +34,6 @@ TEST_P(CrashDump, AttachesOnceAndDetachesOnce)
     EXPECT_EQ(stored(), Callbacks{});
 }
 
-TEST_P(CrashDump, AnnouncesClientsByTheirPostsInOrderThroughOneBuffer)
-{
-    DriverFixture fixture(GetParam());
-    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
-    Peer first(1);
-    Peer second(2);
-    first.WantsAppsState().TakesCommands();
-    first.callbacks.ReservedCallback = &fixture;
-    first.callbacks.DescriptorCallbackA = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&first);
-    first.callbacks.DescriptorCallbackB = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&second);
-    first.callbacks.DescriptorCallbackC = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&fixture);
-    const ZepDataEntry entries[2] = {};
-    const std::string longName(70, 'n');
-    ASSERT_EQ(fixture.helper.Notifier_HelperInit(&first.guid, longName.c_str(), "first one", &first.callbacks, entries,
-                                                 2, &first),
-              STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Register(second), STATUS_SUCCESS);
-    fixture.Deliver();
-    EXPECT_TRUE(fixture.crashDump.added.empty()) << "registration alone announces nobody";
-    ASSERT_EQ(fixture.Post(second, 1), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Post(first, 1), STATUS_SUCCESS);
-    fixture.Deliver();
-
-    ASSERT_EQ(fixture.crashDump.added.size(), 2u);
-    EXPECT_EQ(fixture.crashDump.buffers[0], fixture.crashDump.buffers[1]);
-    EXPECT_EQ(fixture.crashDump.added[0].InterfaceGUID.Data1, 2u);
-    const ZEP_SUBSYSTEM_DESCRIPTOR& d = fixture.crashDump.added[1];
-    EXPECT_EQ(d.InterfaceGUID.Data1, 1u);
-    EXPECT_EQ(std::string(d.SubsystemName), std::string(63, 'n'));
-    EXPECT_STREQ(d.SubsystemDescription, "first one");
-    EXPECT_EQ(d.AppsStateNotificationCallback, first.callbacks.AppsStateNotificationCallback);
-    EXPECT_EQ(d.DescriptorCallbackA, first.callbacks.DescriptorCallbackA);
-    EXPECT_EQ(d.DescriptorCallbackB, first.callbacks.DescriptorCallbackB);
-    EXPECT_EQ(d.DescriptorCallbackC, first.callbacks.DescriptorCallbackC);
-    EXPECT_EQ(d.DataEntries, fixture.Client(first)->entries);
-    EXPECT_EQ(d.DataEntryCount, 2);
-    EXPECT_EQ(d.CallbackContext, &first);
-    EXPECT_EQ(d.Reserved1 + d.Reserved2, 0u);
-    // The name of the first is longer: the bytes after the shorter name's end are not cleared.
-    EXPECT_EQ(fixture.Client(first)->addedToWpcd, 1u);
-    EXPECT_EQ(fixture.Client(first)->wpcdRefreshPending, 0u);
-    ASSERT_EQ(fixture.Post(first, 2), STATUS_SUCCESS);
-    fixture.Deliver();
-    EXPECT_EQ(fixture.crashDump.added.size(), 2u) << "announced once";
-}
-
 TEST_P(CrashDump, TextTailsKeepWhatAnEarlierDescriptorLeft)
 {
     DriverFixture fixture(GetParam());
@@ -96,86 +51,143 @@ TEST_P(CrashDump, TextTailsKeepWhatAnEarlierDescriptorLeft)
     EXPECT_EQ(std::string(fixture.crashDump.added[1].SubsystemName, 11), std::string("x\0long name", 11));
 }
 
-TEST_P(CrashDump, ClientHandedOverWithoutStateIsAnnouncedOnceMore)
+TEST_P(CrashDump, RemovalOfAnAnnouncedClientQueuesOneCopyAndOneRun)
 {
     DriverFixture fixture(GetParam());
     ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
-    Peer peer(1);
-    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Post(peer, 0), STATUS_SUCCESS);
+    Peer& leaving = fixture.Join(1);
+    ASSERT_EQ(fixture.Post(leaving, 6), STATUS_SUCCESS);
     fixture.Deliver();
-    EXPECT_EQ(fixture.Client(peer)->wpcdRefreshPending, 1u);
-    for (const ULONG state : {3u, 4u, 5u}) {
-        ASSERT_EQ(fixture.Post(peer, state), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.Client(peer)->wpcdRefreshPending, 0u);
-        fixture.Deliver();
-    }
-    EXPECT_EQ(fixture.crashDump.added.size(), 2u);
-}
-
-TEST_P(CrashDump, UnattachedOrRefusingDriverLeavesClientsUnannouncedUntilTheyPostAgain)
-{
-    DriverFixture fixture(GetParam());
-    Peer first(1);
-    Peer second(2);
-    ASSERT_EQ(fixture.Register(first), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Register(second), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Post(first, 1), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Post(second, 1), STATUS_SUCCESS);
-    (void)fixture.machine.RunOneWorkItem();
-    EXPECT_EQ(fixture.TakeReports(), (Lines{"22 NotifierEvtWorkItemWpcdClientAdd: Connection to CDI driver is not yet "
-                                          "available, will retry later, ZEPN driver"}))
-        << "one warning per run";
-    EXPECT_EQ(fixture.Count(fixture.Context().addQueue), 0u);
-    fixture.Deliver();
-    (void)fixture.TakeReports();
-
-    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
-    fixture.Deliver();
-    EXPECT_TRUE(fixture.crashDump.added.empty());
-    for (const NTSTATUS refusal : {STATUS_NOT_SUPPORTED, STATUS_PENDING}) {
-        fixture.crashDump.answer = refusal;
-        ASSERT_EQ(fixture.Post(first, 2), STATUS_SUCCESS);
-        (void)fixture.machine.RunOneWorkItem();
-        EXPECT_EQ(fixture.Client(first)->addedToWpcd, 0u);
-        fixture.Deliver();
-    }
-    fixture.crashDump.answer = STATUS_SUCCESS;
-    const std::string refused = "3 NotifierEvtWorkItemWpcdClientAdd: Add client call to WPCD failed!, 0x";
-    const std::string empty = "10 NotifierEvtWorkItemNotifyStates: <states>";
-    EXPECT_EQ(fixture.TakeReports(), (Lines{refused + "C00000BB", empty, refused + "00000103", empty}));
-    ASSERT_EQ(fixture.Post(first, 3), STATUS_SUCCESS);
-    fixture.Deliver();
-    EXPECT_EQ(fixture.Client(first)->addedToWpcd, 1u);
-}
-
-// Announces peers and deregisters them, so that as many copies wait for their withdrawal.
-void QueueRemovals(DriverFixture& fixture, std::deque<Peer>& peers, unsigned count)
-{
-    for (unsigned number = 1; number <= count; ++number) {
-        Peer& peer = peers.emplace_back(number);
-        ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
-        ASSERT_EQ(fixture.Post(peer, 1), STATUS_SUCCESS);
-    }
-    fixture.Deliver();
-    for (Peer& peer : peers) {
-        ASSERT_EQ(fixture.Leave(peer), STATUS_SUCCESS);
-    }
-    (void)fixture.TakeReports();
-}
-
-TEST_P(CrashDump, OneRunWithdrawsOneClient)
-{
-    DriverFixture fixture(GetParam());
-    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
-    std::deque<Peer> peers;
-    QueueRemovals(fixture, peers, 3);
+    const ClientContext before = *fixture.Client(leaving);
+    ASSERT_EQ(before.addedToWpcd, 1u);
+    ASSERT_EQ(fixture.Leave(leaving), STATUS_SUCCESS);
     EXPECT_EQ(fixture.Queued(), 1u);
+    const auto copies = fixture.machine.inspect().Find(fixture.Context().removeQueue)->items;
+    ASSERT_EQ(copies.size(), 1u);
+    EXPECT_EQ(fixture.machine.inspect().Find(copies[0])->parent, fixture.driver->Handle());
+    const auto copy = fixture.machine.inspect().Context<ClientContext>(copies[0], kClientContextName);
+    EXPECT_EQ(memcmp(&*copy, &before, sizeof(before)), 0);
+
+    // Anew it starts unannounced.
+    ASSERT_EQ(fixture.Register(leaving), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.Client(leaving)->addedToWpcd, 0u);
     fixture.Deliver();
-    ASSERT_EQ(fixture.crashDump.removed.size(), 1u);
-    EXPECT_EQ(fixture.crashDump.removed[0].Data1, 1u);
-    EXPECT_EQ(fixture.Count(fixture.Context().removeQueue), 2u);
-    EXPECT_EQ(fixture.Alive(kClientContextName), 2u);
+    EXPECT_EQ(fixture.Alive(kClientContextName), 1u) << "the copy was withdrawn and deleted";
+}
+
+TEST_P(CrashDump, DescriptorsAreCountedAndFilledAndCountAsAnnounced)
+{
+    DriverFixture fixture(GetParam());
+    ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
+    ULONG count = 77;
+    std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> array(3);
+    memset(array.data(), 0xEE, array.size() * sizeof(array[0]));
+    const auto untouched = array;
+    const auto isUntouched = [&](std::size_t index) {
+        return memcmp(&array[index], &untouched[index], sizeof(array[0])) == 0;
+    };
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
+    EXPECT_TRUE(isUntouched(0));
+
+    Peer& withState = fixture.Join(1);
+    Peer& without = fixture.Join(2);
+    ASSERT_EQ(fixture.Post(withState, 5), STATUS_SUCCESS);
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(&count), STATUS_SUCCESS);
+    EXPECT_EQ(count, 2u);
+
+    count = 1;
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(count, 2u);
+    EXPECT_TRUE(isUntouched(0));
+    EXPECT_EQ(fixture.TakeReports(),
+              (Lines{"11 Notifier_WpcdGetAllSubsystemDescriptors: 1, 2, 0xC0000023"}));
+    EXPECT_EQ(fixture.Client(withState)->addedToWpcd, 0u);
+
+    count = 3;
+    EXPECT_EQ(fixture.wpcd.Notifier_WpcdGetAllSubsystemDescriptors(array.data(), &count), STATUS_SUCCESS);
+    EXPECT_EQ(count, 2u);
+    EXPECT_EQ(array[0].InterfaceGUID.Data1, 1u);
+    EXPECT_EQ(array[1].InterfaceGUID.Data1, 2u);
+    EXPECT_EQ(array[0].SubsystemName[5], '\xEE') << "bytes after the text are not written";
+    unsigned char padding[7];
+    memcpy(padding, array[0].Padding, sizeof(padding));
+    EXPECT_EQ(padding[0] & padding[6], 0xEE);
+    EXPECT_TRUE(isUntouched(2));
+    EXPECT_EQ(fixture.Client(withState)->addedToWpcd, 1u);
+    EXPECT_EQ(fixture.Client(withState)->wpcdRefreshPending, 0u);
+    EXPECT_EQ(fixture.Client(without)->wpcdRefreshPending, 1u);
+}
+
+// The five dump calls: name, the call with given first arguments, the values passed, the row's name in reports.
+struct DumpCall {
+    const char* function;
+    const char* callback;
+    std::function<NTSTATUS(DriverFixture&, void* handle)> call;
+    CrashDumpDriver::DumpCall recorded;  // first argument filled in by the test
+    std::vector<std::uint32_t> traced;
+};
+
+std::uint32_t g_dumpRecord = 0xD0D0;
+std::uint32_t g_dumpData = 0xDA7A;
+
+const std::vector<DumpCall>& DumpCalls()
+{
+    constexpr ULONGLONG kWide = 0x1122334455667788;
+    static const std::vector<DumpCall> kCalls = {
+        {"Notifier_HelperStartDump", "ZepDumpStart",
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStartDump(h, kWide, 2); },
+         {"start", {0, kWide, 2}}, {0xD0D0}},
+        {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, &g_dumpData, kWide, 0xFFFFFFFF, 3); },
+         {"data", {0, Number(&g_dumpData), kWide, 0xFFFFFFFF, 3}}, {0xD0D0, 0xDA7A}},
+        {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, nullptr, kWide, 2, 3); },
+         {"data", {0, 0, kWide, 2, 3}}, {0xD0D0, 0}},
+        {"Notifier_HelperStopDump", "ZepDumpStop",
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStopDump(h, kWide); }, {"stop", {0, kWide}}, {0xD0D0}},
+        {"Notifier_HelperDumpQueryParam", "ZepDumpQueryParam",
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperDumpQueryParam(h, 0x80000001, kWide, 3); },
+         {"query", {0, 0x80000001, kWide, 3}}, {0xD0D0}},
+        {"Notifier_HelperDumpAddTriageData", "ZepDumpAddTriageData",
+         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperDumpAddTriageData(h, kWide, 0xFFFFFFFE); },
+         {"triage", {0, kWide, 0xFFFFFFFE}}, {0xD0D0, 0xFFFFFFFE}},
+    };
+    return kCalls;
+}
+
+TEST_P(CrashDump, DumpCallsPassThroughUnchangedAtAnyLevel)
+{
+    for (const DumpCall& dump : DumpCalls()) {
+        SCOPED_TRACE(dump.function);
+        DriverFixture fixture(GetParam());
+        ASSERT_EQ(fixture.Attach(), STATUS_SUCCESS);
+        (void)fixture.TakeRecords();
+        fixture.machine.tracing().ClearCaptured();
+        const host::ScopedIrql irql(DISPATCH_LEVEL);
+        EXPECT_EQ(dump.call(fixture, &g_dumpRecord), STATUS_SUCCESS);
+        CrashDumpDriver::DumpCall expected = dump.recorded;
+        expected.arguments[0] = Number(&g_dumpRecord);
+        EXPECT_EQ(fixture.crashDump.calls, std::vector<CrashDumpDriver::DumpCall>{expected});
+
+        // Entry message, entry event, the look-up's two, the result with its values, the exit.
+        Lines functions = fixture.TakeRecords();
+        for (std::string& function : functions) {
+            function.erase(0, function.find(' ') + 1);
+        }
+        EXPECT_EQ(functions, (Lines{dump.function, dump.function, "GetContext", "GetContext", dump.function,
+                                    dump.function}));
+        const auto messages = fixture.machine.tracing().Messages();
+        ASSERT_EQ(messages.size(), 4u);
+        for (const auto& message : messages) {
+            EXPECT_EQ(memcmp(&message.messageGuid, &kMessageSetGuids[1], sizeof(GUID)), 0);
+        }
+        std::vector<std::uint32_t> traced(messages[2].payload.size() / 4);
+        memcpy(traced.data(), messages[2].payload.data(), messages[2].payload.size());
+        EXPECT_EQ(traced, dump.traced);
+        EXPECT_EQ(fixture.machine.tracing().Events().size(), 2u);
+    }
 }
 
 }  // namespace

@@ -32,10 +32,8 @@ ULONG* CurrentStateOf(DriverFixture& fixture, const Peer& peer)
 TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
 {
     DriverFixture fixture(GetParam(), {.records = false});
-    Peer subscriber(1);
-    Peer target(2);
-    ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
+    Peer& subscriber = fixture.Join(1);
+    Peer& target = fixture.Join(2);
     ULONG* const current = CurrentStateOf(fixture, target);
     subscriber.onState = [](const ZepState&, ULONG&) { EndInterruption(); };
 
@@ -64,8 +62,7 @@ TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
 TEST_P(Interrupted, PostIsTracedWithoutTheContextOfAClientThatLeavesMeanwhile)
 {
     DriverFixture fixture(GetParam());
-    Peer poster(1);
-    ASSERT_EQ(fixture.Register(poster), STATUS_SUCCESS);
+    Peer& poster = fixture.Join(1);
     (void)fixture.TakeRecords();
     const auto leave = [&] {
         (void)fixture.machine.OnThread("leaver", [&] { EXPECT_EQ(fixture.Leave(poster), STATUS_SUCCESS); });

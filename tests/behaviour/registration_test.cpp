@@ -32,20 +32,6 @@ TEST_P(Registration, StoresTheArgumentsAndStartsWithoutState)
     EXPECT_EQ(fixture.Queued(), 0u);
 }
 
-TEST_P(Registration, CutsTextsToTheirFields)
-{
-    DriverFixture fixture(GetParam());
-    Peer peer(1);
-    const std::string longName(100, 'n');
-    const std::string fittingDescription(127, 'd');
-    ASSERT_EQ(fixture.helper.Notifier_HelperInit(&peer.guid, longName.c_str(), fittingDescription.c_str(),
-                                               &peer.callbacks, nullptr, 0, nullptr),
-              STATUS_SUCCESS);
-    const auto client = fixture.Client(peer);
-    EXPECT_EQ(client->name, std::string(63, 'n'));
-    EXPECT_EQ(client->description, fittingDescription);
-}
-
 TEST_P(Registration, KeepsEntryCountsAsTheyHaveAlwaysBeenKept)
 {
     struct Row {
@@ -93,28 +79,6 @@ TEST_P(Registration, RefusesMoreEntriesThanThePoolHolds)
     EXPECT_EQ(fixture.Register(peer, 0xFFFFFFFF, &entry), STATUS_ZEP_NOTIFIER_NO_MEMORY);
     EXPECT_FALSE(fixture.Client(peer));
     EXPECT_TRUE(fixture.machine.PoolInUse().empty());
-}
-
-TEST_P(Registration, RefusesBadArgumentsInOrder)
-{
-    DriverFixture fixture(GetParam());
-    Peer peer(0x42);
-    ASSERT_EQ(fixture.Register(peer), STATUS_SUCCESS);
-    Peer almost(0x42);
-    almost.guid.Data4[7] ^= 1;  // the last byte counts, too
-
-    const auto init = [&](const GUID* guid, const ActionCallbackTable* table) {
-        return fixture.helper.Notifier_HelperInit(guid, "n", "d", table, nullptr, 0, nullptr);
-    };
-    EXPECT_EQ(init(nullptr, nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(init(&peer.guid, nullptr), STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
-    EXPECT_EQ(init(&almost.guid, nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(fixture.TakeReports(), (Lines{"2 Notifier_HelperInit: InterfaceGUID is NULL, 0xC000000D",
-                                          "12 Notifier_HelperInit: InterfaceGUID is already initialized!, "
-                                          "{00000042-1111-2222-0102-030405060708}, 0xE00A8102",
-                                          "2 Notifier_HelperInit: ActionCallbackTable is NULL!, 0xC000000D"}));
-    EXPECT_EQ(init(&almost.guid, &almost.callbacks), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.Count(fixture.Context().clients), 2u);
 }
 
 }  // namespace

@@ -38,10 +38,8 @@ TEST_P(StackProtector, StopsAFunctionWhoseFrameWasOverwritten)
 #endif
 #endif
     DriverFixture fixture(GetParam());
-    Peer subscriber(1);
-    Peer target(2);
-    ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
+    Peer& subscriber = fixture.Join(1);
+    Peer& target = fixture.Join(2);
     // To the function that calls back, another cookie is the same as another frame.
     subscriber.onState = [&](const ZepState&, ULONG&) { *CookieOf(*fixture.driver) ^= 1; };
     const host::Outcome outcome =

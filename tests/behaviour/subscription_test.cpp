@@ -12,9 +12,8 @@ constexpr const char* kGuid1 = "{00000001-1111-2222-0102-030405060708}";
 TEST_P(Subscription, StoresTheWholeFilterAsAChildOfTheSubscriber)
 {
     DriverFixture fixture(GetParam());
-    Peer subscriber(1);
+    Peer& subscriber = fixture.Join(1);
     Peer target(2);
-    ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
     const ZepState filter{.Size = 0x1122334455667788, .InterfaceGUID = target.guid, .State = 3, .Reserved = 0x99};
     // The target may register later; the report carries the subscriber's GUID and success.
     ASSERT_EQ(fixture.helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &Peer::OnState),
@@ -48,10 +47,8 @@ TEST_P(Subscription, MatchingCurrentStateIsDeliveredAtOnce)
     for (const Row& row : kRows) {
         SCOPED_TRACE(testing::Message() << "state " << row.targetState << ", filter " << row.filterState);
         DriverFixture fixture(GetParam());
-        Peer subscriber(1);
-        Peer target(2);
-        ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
-        ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
+        Peer& subscriber = fixture.Join(1);
+        Peer& target = fixture.Join(2);
         ASSERT_EQ(fixture.Post(subscriber, 7), STATUS_SUCCESS);
         if (row.targetState != 0) {
             ASSERT_EQ(fixture.Post(target, row.targetState), STATUS_SUCCESS);
@@ -69,33 +66,12 @@ TEST_P(Subscription, MatchingCurrentStateIsDeliveredAtOnce)
     }
 }
 
-TEST_P(Subscription, AnswerToTheImmediateDeliveryIsPostedForTheSubscriber)
-{
-    DriverFixture fixture(GetParam());
-    Peer subscriber(1);
-    Peer target(2);
-    Peer watcher(3);
-    for (Peer* peer : {&subscriber, &target, &watcher}) {
-        ASSERT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
-    }
-    ASSERT_EQ(fixture.Subscribe(watcher, subscriber, 6), STATUS_SUCCESS);
-    subscriber.onState = [](const ZepState&, ULONG& response) { response = 6; };
-    ASSERT_EQ(fixture.Subscribe(subscriber, target, ZEP_STATE_ANY), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.Client(subscriber)->currentState, 6u);
-    fixture.Deliver();
-    ASSERT_EQ(watcher.deliveries.size(), 1u);
-    EXPECT_EQ(watcher.deliveries[0].Size, 32u);
-}
-
 TEST_P(Subscription, EndsByExactKeyOldestFirstAndLeavesTheCollection)
 {
     DriverFixture fixture(GetParam());
-    Peer subscriber(1);
-    Peer target(2);
-    Peer other(3);
-    for (Peer* peer : {&subscriber, &target, &other}) {
-        ASSERT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
-    }
+    Peer& subscriber = fixture.Join(1);
+    Peer& target = fixture.Join(2);
+    Peer& other = fixture.Join(3);
     for (const ULONG state : {3u, 3u, ZEP_STATE_ANY}) {
         ASSERT_EQ(fixture.Subscribe(subscriber, target, state), STATUS_SUCCESS);
     }
@@ -121,47 +97,6 @@ TEST_P(Subscription, EndsByExactKeyOldestFirstAndLeavesTheCollection)
     EXPECT_EQ(fixture.TakeReports(), (Lines{"22 Notifier_HelperDeregisterForStateNotification: State notification "
                                           "registration, Client's registrations"}));
     EXPECT_EQ(fixture.Count(registrations), 2u);
-}
-
-TEST_P(Subscription, OutlivesItsTargetButNotItsSubscriber)
-{
-    DriverFixture fixture(GetParam());
-    Peer subscriber(1);
-    Peer target(2);
-    ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Subscribe(subscriber, target, 3), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Leave(target), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Register(target), STATUS_SUCCESS);
-    ASSERT_EQ(fixture.Post(target, 3), STATUS_SUCCESS);
-    fixture.Deliver();
-    EXPECT_EQ(subscriber.deliveries.size(), 1u);
-    ASSERT_EQ(fixture.Leave(subscriber), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.Alive(kRegistrationContextName), 0u);
-}
-
-TEST_P(Subscription, WrongArgumentsAreRefused)
-{
-    DriverFixture fixture(GetParam());
-    Peer subscriber(1);
-    Peer target(2);
-    const ZepState filter{.Size = 32, .InterfaceGUID = target.guid, .State = 3, .Reserved = 0};
-    const auto& helper = fixture.helper;
-    const std::string kRegister = "Notifier_HelperRegisterForStateNotification: ";
-    const std::string kDeregister = "Notifier_HelperDeregisterForStateNotification: ";
-
-    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(nullptr, &filter, &Peer::OnState),
-              STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, nullptr, &Peer::OnState),
-              STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, nullptr),
-              STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(helper.Notifier_HelperDeregisterForStateNotification(nullptr, &filter), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(helper.Notifier_HelperDeregisterForStateNotification(&subscriber.guid, nullptr),
-              STATUS_INVALID_PARAMETER);
-    const std::string null = "One of the parameters is NULL!, 0xC000000D";
-    EXPECT_EQ(fixture.TakeReports(), (Lines{"2 " + kRegister + null, "2 " + kRegister + null, "2 " + kRegister + null,
-                                          "2 " + kDeregister + null, "2 " + kDeregister + null}));
 }
 
 }  // namespace

@@ -25,9 +25,8 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
         unsigned stopped = 0;
         Explore(senderLeaves ? "sender leaves" : "target leaves", [&](DriverFixture& fixture,
                                                                       ControlledScheduler& scheduler) {
-            Peer sender(1);
-            Peer target(2);
-            RegisterAll(fixture, {&sender, &target.TakesCommands()});
+            Peer& sender = fixture.Join(1);
+            Peer& target = fixture.Join(Peer(2).TakesCommands());
             EXPECT_EQ(fixture.Send(sender, target, 7), STATUS_SUCCESS);
             std::size_t parkedRuns = 0;
             RunAll(fixture, scheduler,
@@ -57,9 +56,8 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
         unsigned takenBack = 0;
         unsigned kept = 0;
         const auto play = [&](DriverFixture& fixture, ControlledScheduler& scheduler) {
-            Peer poster(1);
-            Peer watcher(2);
-            RegisterAll(fixture, {&poster.WantsAppsState(), &watcher});
+            Peer& poster = fixture.Join(Peer(1).WantsAppsState());
+            Peer& watcher = fixture.Join(2);
             EXPECT_EQ(fixture.Post(poster, 3), STATUS_SUCCESS);
             EXPECT_EQ(fixture.Post(watcher, 4), STATUS_SUCCESS);
             EXPECT_EQ(fixture.Subscribe(watcher, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
@@ -160,8 +158,7 @@ TEST_P(AcceptedRaces, AttachingWhileAClientIsAnnouncedCallsNull)
     EXPECT_EXIT(Explore(
                     "attach",
                     [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                        Peer peer(1);
-                        (void)fixture.Register(peer);
+                        Peer& peer = fixture.Join(1);
                         (void)fixture.Post(peer, 5);
                         RunAll(fixture, scheduler,
                                {{"crash dump", [&] { (void)fixture.Attach(); }}, {"run", [&] { fixture.Deliver(); }}});
@@ -249,11 +246,8 @@ TEST_P(AcceptedRaces, EachUseOfAClientThatLeavesMeetsItsDeadObject)
         SCOPED_TRACE(use.name);
         EXPECT_EXIT(EndAtFirstFault(GetParam(),
                                     [&use](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                                        Peer leaving(1);
-                                        Peer other(2);
-                                        for (Peer* peer : {&leaving, &other}) {
-                                            (void)fixture.Register(peer->TakesCommands().WantsAppsState());
-                                        }
+                                        Peer& leaving = fixture.Join(Peer(1).TakesCommands().WantsAppsState());
+                                        Peer& other = fixture.Join(Peer(2).TakesCommands().WantsAppsState());
                                         use.play(fixture, scheduler, leaving, other);
                                     }),
                     testing::ExitedWithCode(kViolationExit), use.finding);

@@ -11,10 +11,9 @@ FOR_ALL_CONTAINERS(Schedules);
 TEST_P(Schedules, PostsOfTwoClientsAndTheirDelivery)
 {
     Explore("two clients post, one run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer one(1);
-        Peer two(2);
-        Peer subscriber(3);
-        RegisterAll(fixture, {&one, &two, &subscriber});
+        Peer& one = fixture.Join(1);
+        Peer& two = fixture.Join(2);
+        Peer& subscriber = fixture.Join(3);
         EXPECT_EQ(fixture.Subscribe(subscriber, one, ZEP_STATE_ANY), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Subscribe(subscriber, two, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
@@ -31,9 +30,8 @@ TEST_P(Schedules, PostsOfTwoClientsAndTheirDelivery)
 TEST_P(Schedules, APostersOrderIsKeptWhileARunDelivers)
 {
     Explore("posts while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer poster(1);
-        Peer subscriber(2);
-        RegisterAll(fixture, {&poster, &subscriber});
+        Peer& poster = fixture.Join(1);
+        Peer& subscriber = fixture.Join(2);
         EXPECT_EQ(fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
         EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
@@ -52,9 +50,8 @@ TEST_P(Schedules, APostersOrderIsKeptWhileARunDelivers)
 TEST_P(Schedules, SubscribingAndUnsubscribingWhileARunDelivers)
 {
     Explore("subscribe while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer poster(1);
-        Peer subscriber(2);
-        RegisterAll(fixture, {&poster, &subscriber});
+        Peer& poster = fixture.Join(1);
+        Peer& subscriber = fixture.Join(2);
         EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
         RunAll(
             fixture, scheduler,
@@ -66,9 +63,8 @@ TEST_P(Schedules, SubscribingAndUnsubscribingWhileARunDelivers)
         EXPECT_TRUE(states == States{5} || states == (States{5, 5})) << states.size();
     });
     Explore("unsubscribe while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer poster(1);
-        Peer subscriber(2);
-        RegisterAll(fixture, {&poster, &subscriber});
+        Peer& poster = fixture.Join(1);
+        Peer& subscriber = fixture.Join(2);
         EXPECT_EQ(fixture.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
         RunAll(fixture, scheduler,
@@ -85,9 +81,8 @@ TEST_P(Schedules, SubscribingAndUnsubscribingWhileARunDelivers)
 TEST_P(Schedules, LeavingWhileARunDelivers)
 {
     Explore("subscriber leaves while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer poster(1);
-        Peer subscriber(2);
-        RegisterAll(fixture, {&poster, &subscriber});
+        Peer& poster = fixture.Join(1);
+        Peer& subscriber = fixture.Join(2);
         EXPECT_EQ(fixture.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
         bool hasLeft = false;
@@ -107,9 +102,8 @@ TEST_P(Schedules, LeavingWhileARunDelivers)
         EXPECT_TRUE(fixture.Client(poster));
     });
     Explore("poster leaves while its state is delivered", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer poster(1);
-        Peer subscriber(2);
-        RegisterAll(fixture, {&poster, &subscriber});
+        Peer& poster = fixture.Join(1);
+        Peer& subscriber = fixture.Join(2);
         EXPECT_EQ(fixture.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
         RunAll(fixture, scheduler,
@@ -145,9 +139,8 @@ TEST_P(Schedules, RegisteringOneGuidTwiceAtOnce)
 TEST_P(Schedules, CommandsToEachOtherWhileARunDelivers)
 {
     Explore("commands to each other", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer one(1);
-        Peer two(2);
-        RegisterAll(fixture, {&one.TakesCommands(), &two.TakesCommands()});
+        Peer& one = fixture.Join(Peer(1).TakesCommands());
+        Peer& two = fixture.Join(Peer(2).TakesCommands());
         RunAll(fixture, scheduler,
                {{"one", [&] { EXPECT_EQ(fixture.Send(one, two, 7), STATUS_SUCCESS); }},
                 {"two", [&] { EXPECT_EQ(fixture.Send(two, one, 8), STATUS_SUCCESS); }},
@@ -164,9 +157,8 @@ TEST_P(Schedules, CommandsToEachOtherWhileARunDelivers)
 TEST_P(Schedules, PostingWhileACommandLeavesTheStateAlone)
 {
     Explore("post of a command's target", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer sender(1);
-        Peer target(2);
-        RegisterAll(fixture, {&sender, &target.TakesCommands()});
+        Peer& sender = fixture.Join(1);
+        Peer& target = fixture.Join(Peer(2).TakesCommands());
         EXPECT_EQ(fixture.Send(sender, target, 1), STATUS_SUCCESS);
         RunAll(fixture, scheduler,
                {{"client", [&] { EXPECT_EQ(fixture.Post(target, 7), STATUS_SUCCESS); }},
@@ -180,10 +172,9 @@ TEST_P(Schedules, PostingWhileACommandLeavesTheStateAlone)
 TEST_P(Schedules, PostingWhileASubscriberLeavesAndARunDelivers)
 {
     Explore("post, leave and run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer poster(1);
-        Peer leaving(2);
-        Peer staying(3);
-        RegisterAll(fixture, {&poster, &leaving, &staying});
+        Peer& poster = fixture.Join(1);
+        Peer& leaving = fixture.Join(2);
+        Peer& staying = fixture.Join(3);
         EXPECT_EQ(fixture.Subscribe(leaving, poster, 5), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Subscribe(staying, poster, 5), STATUS_SUCCESS);
         leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };  // to be posted, perhaps too late
@@ -203,8 +194,7 @@ TEST_P(Schedules, AClientLeavesWhileItIsAnnounced)
 {
     Explore("client leaves while it is announced", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
-        Peer peer(1);
-        EXPECT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+        Peer& peer = fixture.Join(1);
         EXPECT_EQ(fixture.Post(peer, 5), STATUS_SUCCESS);
         RunAll(
             fixture, scheduler,
@@ -220,8 +210,7 @@ TEST_P(Schedules, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves)
 {
     Explore("detach, leave and announcement", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
-        Peer peer(1);
-        EXPECT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+        Peer& peer = fixture.Join(1);
         EXPECT_EQ(fixture.Post(peer, 5), STATUS_SUCCESS);
         std::size_t addedAtDetach = 0;
         std::size_t removedAtDetach = 0;
@@ -248,8 +237,7 @@ TEST_P(Schedules, AClientPostsNoStateWhileItIsAnnounced)
 {
     Explore("client posts no state while it is announced", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
         EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
-        Peer peer(1);
-        EXPECT_EQ(fixture.Register(peer), STATUS_SUCCESS);
+        Peer& peer = fixture.Join(1);
         EXPECT_EQ(fixture.Post(peer, 0), STATUS_SUCCESS);
         RunAll(fixture, scheduler,
                {{"client", [&] { EXPECT_EQ(fixture.Post(peer, 0), STATUS_SUCCESS); }},
@@ -263,10 +251,9 @@ TEST_P(Schedules, TheBroadcastAmongPosts)
 {
     constexpr std::uintptr_t kStateLock = 3;
     Explore("broadcast, post and run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer answering(1);
-        Peer subscriber(2);
-        answering.WantsAppsState().onAppsState = [](ULONG& state) { state = 9; };
-        RegisterAll(fixture, {&answering, &subscriber});
+        Peer& answering = fixture.Join(Peer(1).WantsAppsState());
+        Peer& subscriber = fixture.Join(2);
+        answering.onAppsState = [](ULONG& state) { state = 9; };
         EXPECT_EQ(fixture.Subscribe(subscriber, answering, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
         RunAll(fixture, scheduler,
@@ -285,11 +272,10 @@ TEST_P(Schedules, TheBroadcastAmongPosts)
 TEST_P(Schedules, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
 {
     Explore("broadcast, own post and leaving", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer answering(1);
-        Peer leaving(2);
-        Peer subscriber(3);
-        answering.WantsAppsState().onAppsState = [](ULONG& state) { state = 9; };
-        RegisterAll(fixture, {&answering, &leaving.WantsAppsState(), &subscriber});
+        Peer& answering = fixture.Join(Peer(1).WantsAppsState());
+        Peer& leaving = fixture.Join(Peer(2).WantsAppsState());
+        Peer& subscriber = fixture.Join(3);
+        answering.onAppsState = [](ULONG& state) { state = 9; };
         EXPECT_EQ(fixture.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
         bool hasPosted = false;
         const auto postAndLeave = [&] {
@@ -309,10 +295,9 @@ TEST_P(Schedules, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
         EXPECT_EQ(subscriber.deliveries.size(), hasPosted ? 1u : 0u);
     });
     Explore("command, own post and leaving", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer sender(1);
-        Peer leaving(2);
-        Peer subscriber(3);
-        RegisterAll(fixture, {&sender, &leaving.TakesCommands(), &subscriber});
+        Peer& sender = fixture.Join(1);
+        Peer& leaving = fixture.Join(Peer(2).TakesCommands());
+        Peer& subscriber = fixture.Join(3);
         EXPECT_EQ(fixture.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
         EXPECT_EQ(fixture.Send(sender, leaving, 7), STATUS_SUCCESS);
         bool hasPosted = false;

@@ -12,7 +12,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <initializer_list>
 
 namespace tests {
 
@@ -114,13 +113,6 @@ inline void RunAll(DriverFixture& fixture, ControlledScheduler& scheduler, const
             ADD_FAILURE() << outcome.reason;
             fixture.Abandon();
         }
-    }
-}
-
-inline void RegisterAll(DriverFixture& fixture, std::initializer_list<Peer*> peers)
-{
-    for (Peer* peer : peers) {
-        EXPECT_EQ(fixture.Register(*peer), STATUS_SUCCESS);
     }
 }
 

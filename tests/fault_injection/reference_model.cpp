@@ -52,7 +52,7 @@ Step ReferenceModel::Run(const Operation& operation)
 
 void ReferenceModel::Do(const Operation& operation)
 {
-    const unsigned client = operation.null == "guid" || operation.null == "record" ? 0 : operation.client;
+    const unsigned client = operation.null.empty() || operation.null == "callbacks" ? operation.client : 0;
     switch (operation.kind) {
     case Kind::kLoad:
         return Load();

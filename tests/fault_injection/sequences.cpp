@@ -105,10 +105,13 @@ Sequence WholeSequence()
         Register(3, kEntries),
         Register(4, kApps),
         Register(1, kApps),
+        Null(Register(1), "callbacks"),  // a taken GUID is refused even so
 
         Null(Post(1, 0), "record"),
         Post(9, 1),
         Null(Subscribe(2, 1, 3), "guid"),
+        Null(Subscribe(2, 1, 3), "record"),
+        Null(Subscribe(2, 1, 3), "callback"),
         Subscribe(9, 1, 3),
         Subscribe(2, 1, 3),
         Subscribe(1, 2, ZEP_STATE_ANY),  // at once, with state 0
@@ -152,8 +155,8 @@ Sequence WholeSequence()
         {Kind::kDeliver},
 
         Dump(Kind::kStartDump),
-        Dump(Kind::kAddDumpData),
-        Dump(Kind::kStopDump),
+        Dump(Kind::kAddDumpData, 0x00000103),
+        Dump(Kind::kStopDump, 0x80000005),
         Dump(Kind::kQueryDump),
         Dump(Kind::kAddTriageData, 0x40000000),
         Dump(Kind::kStartDump, kFailed),
@@ -177,6 +180,7 @@ Sequence WholeSequence()
         {Kind::kDeliver},
 
         Null(Unsubscribe(2, 2, 3), "guid"),
+        Null(Unsubscribe(2, 2, 3), "record"),
         Unsubscribe(9, 2, 3),
         Unsubscribe(1, 9, 3),
         Unsubscribe(1, 9, 3),

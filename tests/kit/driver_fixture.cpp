@@ -108,6 +108,13 @@ DriverFixture::~DriverFixture()
     }
 }
 
+Peer& DriverFixture::Join(const Peer& peer)
+{
+    joined_.push_back(peer);
+    EXPECT_EQ(Register(joined_.back()), STATUS_SUCCESS);
+    return joined_.back();
+}
+
 NTSTATUS DriverFixture::Register(Peer& peer, ULONG entryCount, const ZepDataEntry* entries)
 {
     host::checks::FillUnusedStack();

@@ -73,6 +73,9 @@ public:
 
     // ---- Peers ----
 
+    // A registered client, for as long as the fixture.
+    Peer& Join(const Peer& peer);
+    Peer& Join(ULONG number) { return Join(Peer(number)); }
     NTSTATUS Register(Peer& peer, ULONG entryCount = 0, const ZepDataEntry* entries = nullptr);
     NTSTATUS Post(const Peer& peer, ULONG state);
     NTSTATUS Subscribe(Peer& subscriber, const Peer& target, ULONG state);
@@ -127,6 +130,7 @@ private:
     std::size_t eventsSeen_ = 0;
     std::uint64_t recordsSeen_ = 0;
     unsigned faultsArmed_ = 0;
+    std::deque<Peer> joined_;
 };
 
 // The base of behaviour tests: one container each.
