@@ -10,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <initializer_list>
 #include <set>
 #include <string>
 #include <vector>
@@ -27,7 +26,7 @@ inline std::filesystem::path PathOf(const std::string& machine)
     return std::filesystem::path(ZEPN_ROOT) / "out" / machine / "zepn.sys";
 }
 
-inline void Put(Bytes& bytes, std::uint64_t offset, std::initializer_list<std::uint8_t> values)
+inline void Put(Bytes& bytes, std::uint64_t offset, const Bytes& values)
 {
     ASSERT_LE(offset + values.size(), bytes.size());
     std::ranges::copy(values, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
@@ -93,16 +92,82 @@ struct Places {
     }
 };
 
+// Order of the sections in the images that ship.
+enum SectionIndex : unsigned { kText, kReadOnlyData, kData, kFunctions, kResources, kRelocationData };
+
+// ---- A place by what stands there, found anew in each image ----
+
+using Place = std::function<std::uint64_t(const Places&)>;
+
+inline Place Optional(int offset)
+{
+    return [=](const Places& places) { return places.Optional(0) + static_cast<std::uint64_t>(offset); };
+}
+inline Place Header(SectionIndex section, unsigned offset)
+{
+    return [=](const Places& places) { return places.SectionHeader(section) + offset; };
+}
+inline Place Directory(unsigned index, unsigned offset = 0)
+{
+    return [=](const Places& places) { return places.Directory(index) + offset; };
+}
+// In the contents of a directory.
+inline Place Table(unsigned index, unsigned offset = 0)
+{
+    return [=](const Places& places) { return places.Table(index) + offset; };
+}
+// What the place points to: by address in the image, by a whole pointer, by offset in the file.
+inline Place Followed(const Place& from, unsigned offset = 0)
+{
+    return [=](const Places& places) { return places.Followed(from(places)) + offset; };
+}
+inline Place FollowedPointer(const Place& from, unsigned offset = 0)
+{
+    return [=](const Places& places) { return places.FollowedPointer(from(places)) + offset; };
+}
+inline Place FollowedInFile(const Place& from, unsigned offset = 0)
+{
+    return [=](const Places& places) { return places.image.At<std::uint32_t>(from(places)) + offset; };
+}
+inline Place DebugEntry(std::uint32_t type, unsigned offset)
+{
+    return [=](const Places& places) { return places.DebugEntry(type) + offset; };
+}
+
+// ---- Damage ----
+
+using Edit = std::function<void(Bytes& bytes, const Places& places)>;
+
+inline Edit Write(const Place& place, const Bytes& values)
+{
+    return [=](Bytes& bytes, const Places& places) { Put(bytes, place(places), values); };
+}
+inline Edit Add(const Place& place, std::uint8_t summand)
+{
+    return [=](Bytes& bytes, const Places& places) { bytes.at(place(places)) += summand; };
+}
+inline Edit SetBits(const Place& place, std::uint8_t bits)
+{
+    return [=](Bytes& bytes, const Places& places) { bytes.at(place(places)) |= bits; };
+}
+inline Edit ClearBits(const Place& place, std::uint8_t bits)
+{
+    return [=](Bytes& bytes, const Places& places) { bytes.at(place(places)) &= static_cast<std::uint8_t>(~bits); };
+}
+inline Edit Copy(const Place& from, const Place& to, unsigned sizeBytes)
+{
+    return [=](Bytes& bytes, const Places& places) {
+        std::memcpy(&bytes.at(to(places)), &bytes.at(from(places)), sizeBytes);
+    };
+}
+
 struct Damage {
     std::string name;
-    std::function<void(Bytes& bytes, const Places& places)> apply;
+    Edit apply;
     std::set<std::string> checks;  // exactly those that must fire
     std::string words;             // in one of the findings
     std::string machine = "x64";
 };
-
-// Order of the sections in the images that ship.
-enum SectionIndex : unsigned { kText, kReadOnlyData, kData, kFunctions, kResources, kRelocationData };
 
 inline void ExpectFound(const std::vector<Damage>& rows)
 {

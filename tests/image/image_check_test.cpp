@@ -17,83 +17,61 @@ namespace {
 
 std::vector<Damage> HeaderDamage()
 {
-    const auto put = [](unsigned offset, std::initializer_list<std::uint8_t> values) {
-        return [offset, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
-            std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(places.Optional(offset)));
-        };
-    };
-    const auto clear = [](unsigned offset, std::uint8_t bits) {
-        return [=](Bytes& bytes, const Places& places) { bytes.at(places.Optional(offset)) &= ~bits; };
-    };
-    const auto clearInFile = [](std::uint8_t bits) {
-        return [=](Bytes& bytes, const Places& places) { bytes.at(places.Optional(0) - 2) &= ~bits; };
-    };
     std::vector<Damage> rows = {
-        {"executable", clearInFile(0x02), {"characteristics"}, "executable is not set"},
-        {"large addresses", clearInFile(0x20), {"characteristics"}, "large addresses is not set"},
-        {"subsystem", put(68, {2, 0}), {"machine"}, "subsystem is not native"},
-        {"system version", put(40, {6, 0}), {"machine"}, "system version is not 10.0"},
-        {"subsystem version", put(50, {1, 0}), {"machine"}, "subsystem version is not 10.0"},
-        {"section alignment", put(32, {0, 0x20, 0, 0}), {"machine"}, "not aligned to 4096"},
-        {"file alignment", put(36, {0, 0x10, 0, 0}), {"machine"}, "not aligned to 512"},
-        {"high entropy", clear(70, 0x20), {"characteristics"}, "high-entropy addresses is not set"},
-        {"dynamic base", clear(70, 0x40), {"characteristics"}, "dynamic base is not set"},
-        {"NX", clear(71, 0x01), {"characteristics"}, "no execution of data is not set"},
-        {"WDM", clear(71, 0x20), {"characteristics"}, "WDM driver is not set"},
-        {"guard flag", clear(71, 0x40), {"characteristics"}, "control flow guard is not set"},
-        {"entry in data", put(16, {0, 0, 1, 0}), {"entry"}, "lies in no code"},
-        {"entry in headers", put(16, {0, 0, 0, 0}), {"entry"}, "lies in no code"},
-        {"header size", put(60, {0, 0x14, 0, 0}), {"sections"}, ".text begins at 0x1000"},
-        {"image size", put(56, {0, 0, 0x20, 0}), {"sections"}, "the image at 0x200000"},
+        {"machine", Write(Optional(-20), {0x4C, 0x01}), {"machine"}, "0x14C is neither"},
+        {"relocations stripped", Write(Optional(-2), {0x23, 0}), {"characteristics"}, "relocations stripped is set"},
+        {"executable", ClearBits(Optional(-2), 0x02), {"characteristics"}, "executable is not set"},
+        {"large addresses", ClearBits(Optional(-2), 0x20), {"characteristics"}, "large addresses is not set"},
+        {"subsystem", Write(Optional(68), {2, 0}), {"machine"}, "subsystem is not native"},
+        {"system version", Write(Optional(40), {6, 0}), {"machine"}, "system version is not 10.0"},
+        {"subsystem version", Write(Optional(50), {1, 0}), {"machine"}, "subsystem version is not 10.0"},
+        {"section alignment", Write(Optional(32), {0, 0x20, 0, 0}), {"machine"}, "not aligned to 4096"},
+        {"file alignment", Write(Optional(36), {0, 0x10, 0, 0}), {"machine"}, "not aligned to 512"},
+        {"high entropy", ClearBits(Optional(70), 0x20), {"characteristics"}, "high-entropy addresses is not set"},
+        {"dynamic base", ClearBits(Optional(70), 0x40), {"characteristics"}, "dynamic base is not set"},
+        {"NX", ClearBits(Optional(71), 0x01), {"characteristics"}, "no execution of data is not set"},
+        {"WDM", ClearBits(Optional(71), 0x20), {"characteristics"}, "WDM driver is not set"},
+        {"guard flag", ClearBits(Optional(71), 0x40), {"characteristics"}, "control flow guard is not set"},
+        {"entry in data", Write(Optional(16), {0, 0, 1, 0}), {"entry"}, "lies in no code"},
+        {"entry in headers", Write(Optional(16), {0, 0, 0, 0}), {"entry"}, "lies in no code"},
+        {"header size", Write(Optional(60), {0, 0x14, 0, 0}), {"sections"}, ".text begins at 0x1000"},
+        {"image size", Write(Optional(56), {0, 0, 0x20, 0}), {"sections"}, "the image at 0x200000"},
     };
-    rows.push_back({"machine",
-                    [](Bytes& bytes, const Places& places) { Put(bytes, places.Optional(0) - 20, {0x4C, 0x01}); },
-                    {"machine"},
-                    "0x14C is neither"});
-    rows.push_back({"relocations stripped",
-                    [](Bytes& bytes, const Places& places) { Put(bytes, places.Optional(0) - 2, {0x23, 0}); },
-                    {"characteristics"},
-                    "relocations stripped is set"});
     constexpr std::pair<unsigned, const char*> kDirectories[] = {
         {0, "exports"}, {9, "thread-local"}, {11, "bound"}, {13, "delayed"}, {14, "managed"}};
     for (const auto& [index, words] : kDirectories) {
-        rows.push_back({words, put(112 + 8 * index, {0, 0xB0}), {"directories"}, words});
+        rows.push_back({words, Write(Directory(index), {0, 0xB0}), {"directories"}, words});
     }
     return rows;
 }
 
 std::vector<Damage> SectionDamage()
 {
-    const auto put = [](SectionIndex section, unsigned offset, std::initializer_list<std::uint8_t> values) {
-        return [=, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
-            const std::uint64_t at = places.SectionHeader(section) + offset;
-            std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(at));
-        };
-    };
+    const auto access = [](SectionIndex section, std::uint8_t value) { return Write(Header(section, 39), {value}); };
     return {
-        {"writable code", put(kText, 39, {0xE0}), {"sections"}, ".text is writable and executable"},
-        {"discardable code", put(kText, 39, {0x62}), {"sections"}, "thrown away"},
-        {"pageable", put(kText, 0, {'P', 'A', 'G', 'E'}), {"sections"}, "is pageable"},
-        {"run-time library", put(kData, 0, {'.', 'C', 'R', 'T', 0}), {"sections"}, ".CRT needs"},
-        {"past the end of the file", put(kText, 16, {0, 0, 0, 0x10}), {"sections"}, ".text goes beyond the end"},
-        {"size", put(kRelocationData, 8, {0, 0x40, 0, 0}), {"sections"}, "the sections end at"},
-        {"unreadable", put(kData, 39, {0x80}), {"sections"}, ".data is not readable"},
-        {"unused access", put(kData, 39, {0x00}), {"sections", "stack protector"}, ".data is not writable"},
+        {"writable code", access(kText, 0xE0), {"sections"}, ".text is writable and executable"},
+        {"discardable code", access(kText, 0x62), {"sections"}, "thrown away"},
+        {"pageable", Write(Header(kText, 0), {'P', 'A', 'G', 'E'}), {"sections"}, "is pageable"},
+        {"run-time library", Write(Header(kData, 0), {'.', 'C', 'R', 'T', 0}), {"sections"}, ".CRT needs"},
+        {"past the end of the file",
+         Write(Header(kText, 16), {0, 0, 0, 0x10}),
+         {"sections"},
+         ".text goes beyond the end"},
+        {"size", Write(Header(kRelocationData, 8), {0, 0x40, 0, 0}), {"sections"}, "the sections end at"},
+        {"unreadable", access(kData, 0x80), {"sections"}, ".data is not readable"},
+        {"unused access", access(kData, 0x00), {"sections", "stack protector"}, ".data is not writable"},
         {"code that cannot run",
-         put(kText, 39, {0x40}),
+         access(kText, 0x40),
          {"sections", "entry", "function table", "guard"},
          ".text is not executable"},
-        {"writable constants", put(kReadOnlyData, 39, {0xC0}), {"sections", "guard"}, ".rdata is writable"},
-        {"executable constants", put(kReadOnlyData, 39, {0x60}), {"sections", "relocations"}, ".rdata is executable"},
-        {"half a unit", put(kRelocationData, 16, {0x10}), {"sections"}, ".reloc is not aligned in the file"},
-        {"contents of the section after it",
-         [](Bytes& bytes, const Places& places) { bytes.at(places.SectionHeader(kFunctions) + 17) += 2; },
-         {"sections"},
-         ".rsrc overlaps what stands before it"},
-        {"relocations kept", put(kRelocationData, 39, {0x40}), {"sections"}, ".reloc stays in memory"},
+        {"writable constants", access(kReadOnlyData, 0xC0), {"sections", "guard"}, ".rdata is writable"},
+        {"executable constants", access(kReadOnlyData, 0x60), {"sections", "relocations"}, ".rdata is executable"},
+        {"half a unit", Write(Header(kRelocationData, 16), {0x10}), {"sections"}, ".reloc is not aligned in the file"},
+        {"contents of the next one", Add(Header(kFunctions, 17), 2), {"sections"}, ".rsrc overlaps what stands before"},
+        {"relocations kept", access(kRelocationData, 0x40), {"sections"}, ".reloc stays in memory"},
         // The relocated slots and the cookie of that section are missing then, too.
         {"no contents",
-         put(kData, 16, {0, 0, 0, 0}),
+         Write(Header(kData, 16), {0, 0, 0, 0}),
          {"sections", "relocations", "stack protector"},
          "claims contents"},
         {"bytes after the sections",
@@ -105,86 +83,49 @@ std::vector<Damage> SectionDamage()
 
 std::vector<Damage> ImportAndRelocationDamage()
 {
+    // Where the first relocated slot of the first page lies.
+    const Place slot = [](const Places& places) {
+        const auto page = places.image.At<std::uint32_t>(places.Table(5));
+        return places.AtAddress(page + (places.image.At<std::uint16_t>(places.Table(5) + 8) & 0xFFF));
+    };
     return {
-        {"other module",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Followed(places.Table(1) + 12), {'q'}); },
-         {"imports"},
-         "imports from q"},
-        {"other name",
-         [](Bytes& bytes, const Places& places) {
-             Put(bytes, places.Followed(places.Followed(places.Table(1))) + 2, {'q'});
-         },
-         {"imports"},
-         "not on the list"},
-        {"by number",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Followed(places.Table(1)) + 7, {0x80}); },
-         {"imports"},
-         "1 imports by number"},
-        {"one module less",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(1) + 20 + 12, {0, 0, 0, 0}); },
-         {"imports"},
-         "not exactly two"},
-        {"names nowhere",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(1), {0, 0, 0, 0x7F}); },
-         {"imports"},
-         "in no section"},
-        {"relocation type",
-         [](Bytes& bytes, const Places& places) { bytes.at(places.Table(5) + 9) = 0x30; },
-         {"relocations"},
-         "type 3"},
-        {"relocated code",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(5), {0, 0x10, 0, 0}); },
-         {"relocations"},
-         "is in no data"},
+        {"other module", Write(Followed(Table(1, 12)), {'q'}), {"imports"}, "imports from q"},
+        {"other name", Write(Followed(Followed(Table(1)), 2), {'q'}), {"imports"}, "not on the list"},
+        {"by number", Write(Followed(Table(1), 7), {0x80}), {"imports"}, "1 imports by number"},
+        {"one module less", Write(Table(1, 20 + 12), {0, 0, 0, 0}), {"imports"}, "not exactly two"},
+        {"names nowhere", Write(Table(1), {0, 0, 0, 0x7F}), {"imports"}, "in no section"},
+        {"relocation type", Write(Table(5, 9), {0x30}), {"relocations"}, "type 3"},
+        {"relocated code", Write(Table(5), {0, 0x10, 0, 0}), {"relocations"}, "is in no data"},
         {"pointer out of the image",
-         [](Bytes& bytes, const Places& places) {
-             const auto page = places.image.At<std::uint32_t>(places.Table(5));
-             const std::uint32_t entry = places.image.At<std::uint16_t>(places.Table(5) + 8);
-             bytes.at(places.AtAddress(page + (entry & 0xFFF)) + 7) = 0x40;
-         },
+         [slot](Bytes& bytes, const Places& places) { bytes.at(slot(places) + 7) = 0x40; },
          {"relocations"},
          "points out of the image"},
-        {"no relocations",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(5), {0, 0, 0, 0, 0, 0, 0, 0}); },
-         {"relocations"},
-         "there are none"},
-        {"relocation block too long",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(5) + 4, {0xFF, 0xFF, 0, 0}); },
-         {"relocations"},
-         "claims 65535 bytes"},
+        {"no relocations", Write(Directory(5), Bytes(8)), {"relocations"}, "there are none"},
+        {"block too long", Write(Table(5, 4), {0xFF, 0xFF, 0, 0}), {"relocations"}, "claims 65535 bytes"},
     };
 }
 
 std::vector<Damage> FunctionTableDamage()
 {
-    const auto none = [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(3) + 4, {0, 0, 0, 0}); };
-    const auto half = [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(3) + 4, {4, 0, 0, 0}); };
+    const Edit none = Write(Directory(3, 4), {0, 0, 0, 0});
+    const Edit half = Write(Directory(3, 4), {4, 0, 0, 0});
+    const Place firstWithUnwindData = [](const Places& places) {
+        std::uint64_t entry = places.Table(3);
+        while ((places.image.At<std::uint32_t>(entry + 4) & 3) != 0) {
+            entry += 8;
+        }
+        return entry + 4;
+    };
     return {
         {"no function table", none, {"function table"}, "nothing can be unwound"},
         {"no function table", none, {"function table"}, "nothing can be unwound", "arm64"},
         {"half an entry", half, {"function table"}, "no whole number"},
         {"half an entry", half, {"function table"}, "no whole number", "arm64"},
-        {"end before begin",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(3) + 4, {0, 0, 0, 0}); },
-         {"function table"},
-         "is empty or out of order"},
-        {"function in data",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(3), {0, 0, 1, 0}); },
-         {"function table"},
-         "is not within code",
-         "arm64"},
+        {"end before begin", Write(Table(3, 4), {0, 0, 0, 0}), {"function table"}, "is empty or out of order"},
+        {"function in data", Write(Table(3), {0, 0, 1, 0}), {"function table"}, "is not within code", "arm64"},
+        {"unwind version", SetBits(Followed(Table(3, 8)), 7), {"function table"}, "unknown version"},
         {"unwind version",
-         [](Bytes& bytes, const Places& places) { bytes.at(places.Followed(places.Table(3) + 8)) |= 7; },
-         {"function table"},
-         "unknown version"},
-        {"unwind version",
-         [](Bytes& bytes, const Places& places) {
-             std::uint64_t entry = places.Table(3);
-             while ((places.image.At<std::uint32_t>(entry + 4) & 3) != 0) {
-                 entry += 8;
-             }
-             bytes.at(places.Followed(entry + 4) + 2) |= 0x0C;
-         },
+         SetBits(Followed(firstWithUnwindData, 2), 0x0C),
          {"function table"},
          "unknown version",
          "arm64"},
@@ -193,97 +134,56 @@ std::vector<Damage> FunctionTableDamage()
 
 std::vector<Damage> GuardAndDebugDamage()
 {
+    const Place guarded = FollowedPointer(Table(10, 128));
     return {
         {"no load configuration",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(10), {0, 0, 0, 0}); },
+         Write(Directory(10), {0, 0, 0, 0}),
          {"guard", "stack protector"},
          "no load configuration"},
-        {"short load configuration",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10), {0x70, 0, 0, 0}); },
-         {"guard"},
-         "says 112 bytes"},
-        {"not instrumented",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 144, {0, 0x04}); },
-         {"guard"},
-         "instrumented is not set"},
+        {"short load configuration", Write(Table(10), {0x70, 0, 0, 0}), {"guard"}, "says 112 bytes"},
+        {"not instrumented", Write(Table(10, 144), {0, 0x04}), {"guard"}, "instrumented is not set"},
         {"writable check pointer",
          [](Bytes& bytes, const Places& places) {
-             // The beginning of the data section.
-             std::memcpy(&bytes.at(places.Table(10) + 112), &bytes.at(places.SectionHeader(kData) + 12), 4);
-             bytes.at(places.Table(10) + 112 + 3) = 0x40;
+             Copy(Header(kData, 12), Table(10, 112), 4)(bytes, places);  // the beginning of the data section
+             Write(Table(10, 112 + 3), {0x40})(bytes, places);
          },
          {"guard"},
          "is not in read-only data"},
         {"dispatch to data",
-         [](Bytes& bytes, const Places& places) {
-             Put(bytes, places.FollowedPointer(places.Table(10) + 120), {0, 0, 1});
-         },
+         Write(FollowedPointer(Table(10, 120)), {0, 0, 1}),
          {"guard"},
          "dispatch pointer points to no code"},
-        {"no guarded function",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 136, {0, 0}); },
-         {"guard"},
-         "no function may be called"},
-        {"endless guarded functions",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 136, {0xFF, 0xFF, 0xFF, 0xFF}); },
-         {"guard"},
-         "section"},
-        {"guarded data",
-         [](Bytes& bytes, const Places& places) {
-             Put(bytes, places.FollowedPointer(places.Table(10) + 128), {0, 0, 0, 0});
-         },
-         {"guard"},
-         "0x0 is no code"},
+        {"no guarded function", Write(Table(10, 136), {0, 0}), {"guard"}, "no function may be called"},
+        {"endless guarded functions", Write(Table(10, 136), Bytes(4, 0xFF)), {"guard"}, "section"},
+        {"guarded data", Write(guarded, {0, 0, 0, 0}), {"guard"}, "0x0 is no code"},
         {"unsorted guarded functions",
-         [](Bytes& bytes, const Places& places) {
-             const std::uint64_t first = places.FollowedPointer(places.Table(10) + 128);
+         [guarded](Bytes& bytes, const Places& places) {
+             const std::uint64_t first = guarded(places);
              std::swap_ranges(&bytes.at(first), &bytes.at(first + 4), &bytes.at(first + 4));
          },
          {"guard"},
          "is not sorted"},
-        {"no cookie",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Table(10) + 88, {0, 0, 0, 0, 0, 0, 0, 0}); },
-         {"relocations", "stack protector"},
-         "names no cookie"},  // the field is a relocated slot
+        // The field is a relocated slot.
+        {"no cookie", Write(Table(10, 88), Bytes(8)), {"relocations", "stack protector"}, "names no cookie"},
         {"cookie in read-only data",
-         [](Bytes& bytes, const Places& places) {
-             std::memcpy(&bytes.at(places.Table(10) + 88), &bytes.at(places.Table(10) + 112), 8);
-         },
+         Copy(Table(10, 112), Table(10, 88), 8),
          {"stack protector"},
          "no aligned word of writable data"},
-        {"cookie between words",
-         [](Bytes& bytes, const Places& places) { bytes.at(places.Table(10) + 88) += 4; },
-         {"stack protector"},
-         "no aligned word of writable data"},
+        {"cookie between words", Add(Table(10, 88), 4), {"stack protector"}, "no aligned word of writable data"},
         {"cookie of its own",
-         [](Bytes& bytes, const Places& places) { bytes.at(places.FollowedPointer(places.Table(10) + 88)) ^= 1; },
+         Add(FollowedPointer(Table(10, 88)), 1),
          {"stack protector"},
          "so the loader puts no random value in its place",
          "arm64"},
         {"PDB with a folder",
-         [](Bytes& bytes, const Places& places) {
-             Put(bytes, places.image.At<std::uint32_t>(places.Table(6) + 24) + 24, {'C', ':', '\\'});
-         },
+         Write(FollowedInFile(Table(6, 24), 24), {'C', ':', '\\'}),
          {"debug records"},
          "not that of a file alone"},
-        {"no PDB",
-         [](Bytes& bytes, const Places& places) {
-             Put(bytes, places.image.At<std::uint32_t>(places.Table(6) + 24), {'X'});
-         },
-         {"debug records"},
-         "names no PDB"},
-        {"no debug records",
-         [](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(6) + 4, {0, 0, 0, 0}); },
-         {"debug records"},
-         "not exactly one PDB"},
-        {"not reproducible",
-         [](Bytes& bytes, const Places& places) { bytes.at(places.DebugEntry(16) + 12) = 13; },
-         {"debug records"},
-         "not the contents'"},
+        {"no PDB", Write(FollowedInFile(Table(6, 24)), {'X'}), {"debug records"}, "names no PDB"},
+        {"no debug records", Write(Directory(6, 4), {0, 0, 0, 0}), {"debug records"}, "not exactly one PDB"},
+        {"not reproducible", Write(DebugEntry(16, 12), {13}), {"debug records"}, "not the contents'"},
         {"no shadow stacks",
-         [](Bytes& bytes, const Places& places) {
-             bytes.at(places.image.At<std::uint32_t>(places.DebugEntry(20) + 24)) = 0;
-         },
+         Write(FollowedInFile(DebugEntry(20, 24)), {0}),
          {"debug records"},
          "shadow stacks (CET) are not declared"},
     };
@@ -304,29 +204,12 @@ TEST_P(ImageCheck, FindsNothingWrongWithWhatShips)
     EXPECT_EQ(TextOf(image_check::CheckCode(good, disassembly)), "");
 }
 
-TEST(ImageCheckDamage, OfHeadersIsFound)
+TEST(ImageCheckDamage, IsFoundByTheCheckThatIsThereForIt)
 {
-    ExpectFound(HeaderDamage());
-}
-
-TEST(ImageCheckDamage, OfSectionsIsFound)
-{
-    ExpectFound(SectionDamage());
-}
-
-TEST(ImageCheckDamage, OfImportsAndRelocationsIsFound)
-{
-    ExpectFound(ImportAndRelocationDamage());
-}
-
-TEST(ImageCheckDamage, OfTheFunctionTableIsFound)
-{
-    ExpectFound(FunctionTableDamage());
-}
-
-TEST(ImageCheckDamage, OfGuardAndDebugRecordsIsFound)
-{
-    ExpectFound(GuardAndDebugDamage());
+    for (const auto& rows :
+         {HeaderDamage(), SectionDamage(), ImportAndRelocationDamage(), FunctionTableDamage(), GuardAndDebugDamage()}) {
+        ExpectFound(rows);
+    }
 }
 
 TEST_P(ImageCheck, NoticesEveryChangedByteByTheChecksum)

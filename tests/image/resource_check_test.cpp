@@ -13,40 +13,26 @@ constexpr unsigned kTemplateLanguages = 0x70;
 constexpr unsigned kDataRecord[] = {0xB8, 0xC8, 0xD8};
 
 // Writes at a place in the tree, or in the data of a resource.
-auto InTree(unsigned offset, std::initializer_list<std::uint8_t> values)
+Edit InTree(unsigned offset, const Bytes& values)
 {
-    return [offset, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
-        std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(places.Table(2) + offset));
-    };
+    return Write(Table(2, offset), values);
 }
-
-auto InData(unsigned resource, unsigned offset, std::initializer_list<std::uint8_t> values)
+Edit InData(unsigned resource, unsigned offset, const Bytes& values)
 {
-    return [resource, offset, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
-        const std::uint64_t data = places.Followed(places.Table(2) + kDataRecord[resource]);
-        std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(data + offset));
-    };
+    return Write(Followed(Table(2, kDataRecord[resource]), offset), values);
 }
-
-auto InSection(std::uint8_t topOfCharacteristics)
+Edit InSection(std::uint8_t topOfCharacteristics)
 {
-    return [=](Bytes& bytes, const Places& places) {
-        Put(bytes, places.SectionHeader(kResources) + 39, {topOfCharacteristics});
-    };
+    return Write(Header(kResources, 39), {topOfCharacteristics});
 }
 
 std::vector<Damage> PlaceDamage()
 {
-    const auto directory = [](unsigned offset, std::initializer_list<std::uint8_t> values) {
-        return [offset, bytesToPut = Bytes(values)](Bytes& bytes, const Places& places) {
-            std::ranges::copy(bytesToPut, bytes.begin() + static_cast<std::ptrdiff_t>(places.Directory(2) + offset));
-        };
-    };
     return {
-        {"none", directory(0, {0, 0, 0, 0, 0, 0, 0, 0}), {"resources"}, "there are none"},
-        {"nowhere", directory(0, {0, 0, 0, 0x7F}), {"resources"}, "not within one section"},
-        {"longer than its section", directory(4, {0, 0, 1}), {"resources"}, "not within one section"},
-        {"shorter than its data", directory(4, {0, 4}), {"resources"}, "lies beyond the directory"},
+        {"none", Write(Directory(2), Bytes(8)), {"resources"}, "there are none"},
+        {"nowhere", Write(Directory(2), {0, 0, 0, 0x7F}), {"resources"}, "not within one section"},
+        {"longer than its section", Write(Directory(2, 4), {0, 0, 1}), {"resources"}, "not within one section"},
+        {"shorter than its data", Write(Directory(2, 4), {0, 4}), {"resources"}, "lies beyond the directory"},
         {"writable", InSection(0xC2), {"sections"}, ".rsrc is writable"},
         {"executable", InSection(0x62), {"sections"}, ".rsrc is executable"},
         {"kept", InSection(0x40), {"resources"}, ".rsrc stays in memory"},
@@ -77,14 +63,8 @@ std::vector<Damage> DataDamage()
 {
     return {
         {"no contents", InTree(kDataRecord[1] + 4, {0, 0, 0, 0}), {"resources"}, "type 11: no contents"},
-        {"not aligned",
-         [](Bytes& bytes, const Places& places) { bytes.at(places.Table(2) + kDataRecord[2]) += 2; },
-         {"resources"},
-         "type 16: not aligned"},
-        {"overlap",
-         [](Bytes& bytes, const Places& places) { bytes.at(places.Table(2) + kDataRecord[1] + 5) += 1; },
-         {"resources"},
-         "type 16: overlaps"},
+        {"not aligned", Add(Table(2, kDataRecord[2]), 2), {"resources"}, "type 16: not aligned"},
+        {"overlap", Add(Table(2, kDataRecord[1] + 5), 1), {"resources"}, "type 16: overlaps"},
         {"outside", InTree(kDataRecord[2], {0, 0x10, 0, 0}), {"resources"}, "type 16: overlaps"},
         {"data past the end", InTree(kDataRecord[2] + 3, {0x7F}), {"resources"}, "type 16: lies beyond"},
         {"template's letters", InData(0, 0, {'c'}), {"resources"}, "does not begin with CRIM"},
@@ -99,32 +79,24 @@ std::vector<Damage> DataDamage()
     };
 }
 
-TEST(ImageCheckDamage, OfTheResourcesPlaceIsFound)
+TEST(ImageCheckDamage, OfResourcesIsFound)
 {
-    ExpectFound(PlaceDamage());
-}
-
-TEST(ImageCheckDamage, OfTheResourceTreeIsFound)
-{
-    ExpectFound(TreeDamage());
-}
-
-TEST(ImageCheckDamage, OfResourceDataIsFound)
-{
-    ExpectFound(DataDamage());
+    for (const auto& rows : {PlaceDamage(), TreeDamage(), DataDamage()}) {
+        ExpectFound(rows);
+    }
 }
 
 // A sample carries none; but what an image carries must be right.
 TEST(ImageCheckResources, MayBeMissingWhereTheyAreNotNeeded)
 {
-    const auto found = [](const auto& apply) {
+    const auto found = [](const Edit& apply) {
         const PeReader good = PeReader::FromFile(PathOf("arm64"));
         Bytes bytes = good.bytes();
         apply(bytes, Places{good});
         MendChecksum(bytes);
         return TextOf(image_check::CheckStructure(PeReader(bytes), image_check::ReportResources::kNotNeeded));
     };
-    EXPECT_EQ(found([](Bytes& bytes, const Places& places) { Put(bytes, places.Directory(2), {0, 0, 0, 0}); }), "");
+    EXPECT_EQ(found(Write(Directory(2), {0, 0, 0, 0})), "");
     EXPECT_EQ(found(InTree(kTemplateNames + 16, {2})), "");
     EXPECT_EQ(found(InSection(0x40)), "resources: .rsrc stays in memory\n");
 }
