@@ -1,5 +1,5 @@
 // The faulty driver without its faults: an ordinary small driver, correct in itself.
-#include "tests/faulty_drivers/scenarios.h"
+#include "tests/faulty_drivers/faulty.h"
 
 namespace {
 
@@ -129,7 +129,6 @@ __attribute__((noinline)) NTSTATUS CreateParts()
     FaultyTable table{};
     table.Header.Size = sizeof(table);
     table.Header.Version = 2;
-    table.Run = RunScenario;
     table.Hooks = &g_hooks;
     table.Functions = WdfFunctions;
     table.Globals = WdfDriverGlobals;

@@ -1,5 +1,6 @@
-// What the faulty driver shares with its tests: one interface, by which a test picks a scenario, takes over
-// the driver's callbacks, or calls the framework with the driver's own table and globals.
+// What the faulty driver shares with its tests: one interface, by which a test takes over the driver's callbacks,
+// or calls the framework with the driver's own table and globals; and the scenarios, exported functions each of which
+// breaks exactly one rule.
 #pragma once
 
 #include <ntddk.h>
@@ -7,53 +8,6 @@
 #include <wdf.h>
 
 inline constexpr GUID kFaultyInterface = {0x6B1F0C52, 0x77A1, 0x4E0B, {0x9D, 0x31, 0x52, 0x0A, 0xC4, 0x18, 0x7F, 0x90}};
-
-// Each breaks exactly one rule.
-enum class Scenario : ULONG {
-    kNullHandle,
-    kWrongType,
-    kDeadHandle,
-    kForeignHandle,
-    kRequiredParameter,
-    kBadParameter,
-    kPoolOfNothing,
-    kDeleteNotAllowed,
-    kReferenceUnderflow,
-    kStolenReference,
-    kCollectionIndex,
-    kCollectionStranger,
-    kLockNotOwned,
-    kStrangersRelease,
-    kOrderInversion,
-    kAboveItsLevel,
-    kSelfWait,
-    kDeadlock,
-    kWorkItemGone,
-    kPoolWrongTag,
-    kPoolDoubleFree,
-    kPoolOverrun,
-    kTraceHandle,
-    kTraceHandleTwice,
-    kNotProvided,
-    kBugCheck,
-    kFastFail,
-    kKernelReference,
-    kLockKept,  // by a work item's run, which is queued
-    // What these do not give back shows at unload.
-    kLeavesPool,
-    kLeavesRegistration,
-    kLeavesReference,
-    kLeavesTracing,
-    // These do not return.
-    kTouchesHandle,
-    kTouchesFreedContext,
-    kTouchesBehindPool,
-    kTrap,
-    kTraceNull,
-    kCallbackStranger,
-    kRacyPrepare,  // makes the object that the next one deletes
-    kRacyDelete,   // right on one thread; on two both may find the object
-};
 
 // How the request of an I/O control is dealt with, by its control code.
 enum Control : ULONG {
@@ -76,7 +30,6 @@ struct FaultyHooks {
 
 struct FaultyTable {
     INTERFACE Header;
-    void(NTAPI* Run)(Scenario scenario);
     FaultyHooks* Hooks;
     const WDFFUNC* Functions;
     PWDF_DRIVER_GLOBALS Globals;
@@ -89,3 +42,5 @@ struct FaultyTable {
 struct FAULTY_CONTEXT {
     ULONG Numbers[10];
 };
+
+WDFDEVICE TheDevice();

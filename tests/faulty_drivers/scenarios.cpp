@@ -1,5 +1,5 @@
 // One function for each rule that the driver can break; reports name it as the caller.
-#include "tests/faulty_drivers/scenarios.h"
+#include "tests/faulty_drivers/faulty.h"
 
 WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
 
@@ -73,6 +73,13 @@ REGHANDLE RegisterTracing()
 }
 
 volatile ULONG g_sink;
+WDFOBJECT g_racyObject;
+WDFWAITLOCK g_racyLock;
+
+}  // namespace
+
+// Tests call these by their names.
+extern "C" {
 
 void NullHandle()
 {
@@ -179,6 +186,7 @@ void NTAPI KeepsLock(WDFWORKITEM)
     (void)WdfWaitLockAcquire(g_lock, nullptr);
 }
 
+// The run that keeps the lock is queued.
 void LockKept()
 {
     g_lock = NewLock();
@@ -321,7 +329,7 @@ void TouchesFreedContext()
     g_sink = context->Numbers[0];
 }
 
-void TouchesBehindPool()
+void TouchesPastPool()
 {
     auto* block = static_cast<volatile UCHAR*>(ExAllocatePoolWithTag(NonPagedPoolNx, 48, kTag));
     block[48] = 1;
@@ -345,16 +353,14 @@ void CallbackStranger()
     g_sink = ExRegisterCallback(reinterpret_cast<PCALLBACK_OBJECT>(&noObject), OnPowerState, nullptr) != nullptr;
 }
 
-WDFOBJECT g_racyObject;
-WDFWAITLOCK g_racyLock;
-
+// Makes the object that the next one deletes.
 void RacyPrepare()
 {
     g_racyObject = NewObject();
     g_racyLock = NewLock();
 }
 
-// Looks before it has the lock.
+// Looks before it has the lock: right on one thread; on two both may find the object.
 void RacyDelete()
 {
     if (g_racyObject == nullptr) {
@@ -365,54 +371,4 @@ void RacyDelete()
     g_racyObject = nullptr;
     WdfWaitLockRelease(g_racyLock);
 }
-
-}  // namespace
-
-void NTAPI RunScenario(Scenario scenario)
-{
-    static void (*const kScenarios[])() = {
-        NullHandle,
-        WrongType,
-        DeadHandle,
-        ForeignHandle,
-        RequiredParameter,
-        BadParameter,
-        PoolOfNothing,
-        DeleteNotAllowed,
-        ReferenceUnderflow,
-        StolenReference,
-        CollectionIndex,
-        CollectionStranger,
-        LockNotOwned,
-        StrangersRelease,
-        OrderInversion,
-        AboveItsLevel,
-        SelfWait,
-        Deadlock,
-        WorkItemGone,
-        PoolWrongTag,
-        PoolDoubleFree,
-        PoolOverrun,
-        TraceHandle,
-        TraceHandleTwice,
-        NotProvided,
-        BugCheck,
-        FastFail,
-        KernelReference,
-        LockKept,
-        LeavesPool,
-        LeavesRegistration,
-        LeavesReference,
-        LeavesTracing,
-        TouchesHandle,
-        TouchesFreedContext,
-        TouchesBehindPool,
-        Trap,
-        TraceNull,
-        CallbackStranger,
-        RacyPrepare,
-        RacyDelete,
-    };
-    static_assert(sizeof(kScenarios) / sizeof(kScenarios[0]) == static_cast<ULONG>(Scenario::kRacyDelete) + 1);
-    kScenarios[static_cast<ULONG>(scenario)]();
 }

@@ -8,17 +8,6 @@
 namespace tests {
 namespace {
 
-PCALLBACK_OBJECT PowerState()
-{
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(u"\\Callback\\PowerState"));
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    PCALLBACK_OBJECT object = nullptr;
-    EXPECT_EQ(ExCreateCallback(&object, &attributes, FALSE, TRUE), STATUS_SUCCESS);
-    return object;
-}
-
 WDFWAITLOCK g_callbackLock;
 std::atomic<bool> g_callbackRuns;
 
@@ -35,7 +24,7 @@ TEST(Callbacks, UnregisteringWaitsUntilARunningOneHasReturned)
     FaultyDriverFixture fixture;
     g_callbackLock = NewLock();
     g_callbackRuns = false;
-    const PCALLBACK_OBJECT object = PowerState();
+    const PCALLBACK_OBJECT object = OpenPowerState();
     PVOID registration = ExRegisterCallback(object, TakeLock, nullptr);
     ASSERT_EQ(WdfWaitLockAcquire(g_callbackLock, nullptr), STATUS_SUCCESS);
     std::thread power([&] { fixture.OnThread("power", [&] { fixture.machine.NotifyPowerState(0, 0); }); });
@@ -66,7 +55,7 @@ TEST(Callbacks, UnregisteringOneThatCanNeverReturnParks)
     FaultyDriverFixture fixture;
     fixture.Abandon();
     g_callbackLock = NewLock();
-    PVOID registration = ExRegisterCallback(PowerState(), TakeLock, nullptr);
+    PVOID registration = ExRegisterCallback(OpenPowerState(), TakeLock, nullptr);
     const auto parks = [&](const char* name, const std::function<void()>& work) {
         EXPECT_TRUE(fixture.machine.OnThread(name, work).parked) << name;
     };

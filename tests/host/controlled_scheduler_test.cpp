@@ -13,9 +13,9 @@ using host::schedule::ControlledScheduler;
 std::vector<Rule> RunRace(ControlledScheduler& scheduler)
 {
     FaultyDriverFixture fixture;
-    fixture.table.Run(Scenario::kRacyPrepare);
-    scheduler.Run(fixture.machine, {{"one", [&] { fixture.table.Run(Scenario::kRacyDelete); }},
-                                    {"two", [&] { fixture.table.Run(Scenario::kRacyDelete); }}});
+    fixture.Run("RacyPrepare");
+    scheduler.Run(fixture.machine,
+                  {{"one", [&] { fixture.Run("RacyDelete"); }}, {"two", [&] { fixture.Run("RacyDelete"); }}});
     return fixture.TakeRules();
 }
 

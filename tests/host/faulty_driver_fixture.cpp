@@ -1,5 +1,7 @@
 #include "tests/host/faulty_driver_fixture.h"
 
+#include <dlfcn.h>
+
 #include <filesystem>
 #include <fstream>
 const WDFFUNC* WdfFunctions_01015;
@@ -81,6 +83,18 @@ Violation FaultyDriverFixture::TakeFaulty(Rule rule, const std::string& place, s
     return all[0];
 }
 
+void FaultyDriverFixture::Run(const std::string& scenario) const
+{
+    Dl_info module{};
+    ASSERT_NE(dladdr(table.Hooks, &module), 0);
+    void* const library = dlopen(module.dli_fname, RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(library, nullptr) << dlerror();
+    auto* const run = reinterpret_cast<void (*)()>(dlsym(library, scenario.c_str()));
+    dlclose(library);  // the host has it open
+    ASSERT_NE(run, nullptr) << scenario;
+    run();
+}
+
 void FaultyDriverFixture::OnThread(const std::string& name, const std::function<void()>& work)
 {
     const host::Outcome outcome = machine.OnThread(name, work);
@@ -114,6 +128,17 @@ WDFCOLLECTION NewCollection()
     WDFCOLLECTION collection = nullptr;
     EXPECT_EQ(WdfCollectionCreate(nullptr, &collection), STATUS_SUCCESS);
     return collection;
+}
+
+PCALLBACK_OBJECT OpenPowerState()
+{
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, u"\\Callback\\PowerState");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    PCALLBACK_OBJECT object = nullptr;
+    EXPECT_EQ(ExCreateCallback(&object, &attributes, FALSE, TRUE), STATUS_SUCCESS);
+    return object;
 }
 
 }  // namespace tests

@@ -55,6 +55,9 @@ public:
     // driver that broke it: a function of the driver's, or none (empty) for what the driver has not done.
     Violation TakeFaulty(Rule rule, const std::string& place, std::size_t count = 1);
 
+    // Calls a function of the driver that breaks a rule: one of tests/faulty_drivers/scenarios.cpp, by its name.
+    void Run(const std::string& scenario) const;
+
     // Runs driver code on a thread of its own and expects that it returns.
     void OnThread(const std::string& name, const std::function<void()>& work);
 
@@ -75,6 +78,7 @@ extern std::string failingStep;
 
 [[nodiscard]] WDFOBJECT NewObject(WDFOBJECT parent = nullptr);
 [[nodiscard]] WDFWAITLOCK NewLock();
+[[nodiscard]] PCALLBACK_OBJECT OpenPowerState();
 [[nodiscard]] WDFCOLLECTION NewCollection();
 
 }  // namespace tests

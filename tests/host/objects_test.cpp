@@ -23,11 +23,12 @@ void NTAPI Destroy(WDFOBJECT)
 }
 
 template <char kName>
-WDFOBJECT NewNamed(WDFOBJECT parent)
+WDFOBJECT NewNamed(WDFOBJECT parent, WDF_EXECUTION_LEVEL level = WdfExecutionLevelInheritFromParent)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
     attributes.ParentObject = parent;
+    attributes.ExecutionLevel = level;
     attributes.EvtCleanupCallback = Cleanup<kName>;
     attributes.EvtDestroyCallback = Destroy<kName>;
     WDFOBJECT object = nullptr;
@@ -82,12 +83,7 @@ TEST(Objects, OfPassiveLevelAreDisposedAndDestroyedOnASystemThread)
 {
     FaultyDriverFixture fixture;
     g_order.clear();
-    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
-    attributes.ExecutionLevel = WdfExecutionLevelPassive;
-    attributes.EvtCleanupCallback = Cleanup<'1'>;
-    attributes.EvtDestroyCallback = Destroy<'1'>;
-    WDFOBJECT object = nullptr;
-    ASSERT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
+    const WDFOBJECT object = NewNamed<'1'>(nullptr, WdfExecutionLevelPassive);
     WdfObjectReference(object);
     {
         const host::ScopedIrql level(DISPATCH_LEVEL);
@@ -109,12 +105,7 @@ TEST(Objects, UnloadWaitsForDisposalsThatAreStillDeferred)
 {
     FaultyDriverFixture fixture;
     g_order.clear();
-    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
-    attributes.ExecutionLevel = WdfExecutionLevelPassive;
-    attributes.EvtCleanupCallback = Cleanup<'1'>;
-    attributes.EvtDestroyCallback = Destroy<'1'>;
-    WDFOBJECT object = nullptr;
-    ASSERT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
+    const WDFOBJECT object = NewNamed<'1'>(nullptr, WdfExecutionLevelPassive);
     {
         const host::ScopedIrql level(DISPATCH_LEVEL);
         WdfObjectDelete(object);

@@ -47,7 +47,7 @@ TEST(WaitLocks, AcquireAboveItsLevelFailsUnlessItOnlyTries)
 TEST(WaitLocks, ALockThatACallbackKeptParksItsNextTaker)
 {
     FaultyDriverFixture fixture;
-    fixture.table.Run(Scenario::kLockKept);
+    fixture.Run("LockKept");
     EXPECT_TRUE(fixture.machine.RunWorkItems().parked.empty());
     EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kLockKept});
     const auto locks = fixture.machine.inspect().Objects(host::framework::ObjectType::kWaitLock);
@@ -113,21 +113,10 @@ TEST(WaitLocks, AMainThreadInADeadlockEndsTheProcess)
     EXPECT_EXIT(
         {
             FaultyDriverFixture fixture;
-            fixture.table.Run(Scenario::kSelfWait);
+            fixture.Run("SelfWait");
         },
         testing::ExitedWithCode(3),
         "can never go on.*\n.*self-wait: WdfWaitLockAcquire called from faulty.so!SelfWait");
-}
-
-PCALLBACK_OBJECT OpenPowerState()
-{
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, u"\\Callback\\PowerState");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    PCALLBACK_OBJECT object = nullptr;
-    EXPECT_EQ(ExCreateCallback(&object, &attributes, FALSE, TRUE), STATUS_SUCCESS);
-    return object;
 }
 
 TEST(PowerCallbacks, UnregisteringOneWhoseThreadIsParkedWaitsForEver)
@@ -220,28 +209,23 @@ TEST(WorkItems, AreDisposedAfterTheirChildrenAndWaitBeforeTheyCleanUp)
     EXPECT_EQ(g_itemOrder, (std::vector<std::string>{"child's clean-up", "run", "clean-up"}));
 }
 
-TEST(WorkItems, RemovalWaitsForDisposalsThatAreStillDeferred)
+TEST(WorkItems, DeletedAboveTheirLevelAreDisposedOnASystemThreadOrByTheRemoval)
 {
-    FaultyDriverFixture fixture;
-    {
-        const host::ScopedIrql level(DISPATCH_LEVEL);
-        WdfObjectDelete(fixture.table.WorkItem);
+    for (const bool isRemoved : {false, true}) {
+        FaultyDriverFixture fixture;
+        {
+            const host::ScopedIrql level(DISPATCH_LEVEL);
+            WdfObjectDelete(fixture.table.WorkItem);
+        }
+        EXPECT_TRUE(fixture.machine.inspect().Find(fixture.table.WorkItem).has_value());
+        if (isRemoved) {
+            fixture.driver.SurpriseRemoveDevice();
+            EXPECT_FALSE(fixture.driver.RemoveDevice().parked);
+        } else {
+            (void)fixture.machine.RunWorkItems();
+        }
+        EXPECT_FALSE(fixture.machine.inspect().Find(fixture.table.WorkItem).has_value());
     }
-    fixture.driver.SurpriseRemoveDevice();
-    EXPECT_FALSE(fixture.driver.RemoveDevice().parked);
-    EXPECT_FALSE(fixture.machine.inspect().Find(fixture.table.WorkItem).has_value());
-}
-
-TEST(WorkItems, DeletedAboveTheirLevelAreDisposedOnASystemThread)
-{
-    FaultyDriverFixture fixture;
-    {
-        const host::ScopedIrql level(DISPATCH_LEVEL);
-        WdfObjectDelete(fixture.table.WorkItem);
-    }
-    EXPECT_TRUE(fixture.machine.inspect().Find(fixture.table.WorkItem).has_value());
-    (void)fixture.machine.RunWorkItems();
-    EXPECT_FALSE(fixture.machine.inspect().Find(fixture.table.WorkItem).has_value());
 }
 
 TEST(WorkItems, RunsOfOneItemOverlapOnRealThreads)
