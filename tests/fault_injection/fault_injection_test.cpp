@@ -100,7 +100,6 @@ void FaultInjection::FailEachCall(const Sequence& sequence, bool persistent)
 {
     const Comparison whole(GetParam().container, {.sequence = sequence}, sites_);
     ASSERT_EQ(whole.difference, "");
-    statistics_.NoteSequence(whole.callCount, whole.numbers.size(), whole.calls.size() - whole.numbers.size());
     std::map<std::string, unsigned> indices;
     std::size_t next = 0;  // of the calls that the host sees
     for (const Call& call : whole.calls) {
@@ -191,27 +190,12 @@ TEST_P(FaultInjectionInAll, MakesTheSameCallsOnEachContainer)
     EXPECT_EQ(callsOn(GetParam()), callsOn(tests::Containers().front()));
 }
 
-// Where the stack can be unwound.
-std::size_t CallPaths(const tests::Container& container)
-{
-    std::set<std::string> paths;
-    std::set<Site> sites;
-    const Sequence sequence = WholeSequence();
-    const Comparison comparison(
-        container,
-        {.sequence = sequence,
-         .onCall = [&](const host::ObservedCall& call, host::Machine& machine) { paths.insert(Path(call, machine)); }},
-        sites);
-    return container.name == std::string("native") ? paths.size() : 0;
-}
-
 // Runs after the shards, which are its fixture: it reads what they left.
 
 TEST_P(FaultInjectionInAll, ReachesEverySite)
 {
     for (const std::string kind : {"single", "persistent"}) {
-        Statistics all = Statistics::OfAll(GetParam().name, kind, kShards);
-        all.NotePaths(kind == "single" ? CallPaths(GetParam()) : 0);
+        const Statistics all = Statistics::OfAll(GetParam().name, kind, kShards);
         all.Write(GetParam().name, kind);
         if (kind == "single" && Stride() == 1) {
             EXPECT_EQ(all.Unreached(), Lines{}) << "reporting sites that no sequence reached";

@@ -1,80 +1,51 @@
 // The platform functions that the driver may call, by what they can do to it.
 #include "tests/fault_injection/observed.h"
 
-#include <unordered_map>
+#include <sstream>
 
 namespace fault_injection {
 namespace {
 
-const std::unordered_map<std::string_view, FunctionKind>& Table()
+using Functions = std::map<std::string, FunctionKind, std::less<>>;
+
+void Add(Functions& functions, FunctionKind kind, const char* names)
 {
-    static const std::unordered_map<std::string_view, FunctionKind> table = {
-        {"WdfVersionBind", FunctionKind::kFallible},
-        {"WdfDriverCreate", FunctionKind::kFallible},
-        {"WdfDeviceInitAssignName", FunctionKind::kFallible},
-        {"WdfDeviceCreate", FunctionKind::kFallible},
-        {"WdfDeviceCreateSymbolicLink", FunctionKind::kFallible},
-        {"WdfIoQueueCreate", FunctionKind::kFallible},
-        {"WdfCollectionCreate", FunctionKind::kFallible},
-        {"WdfWorkItemCreate", FunctionKind::kFallible},
-        {"WdfWaitLockCreate", FunctionKind::kFallible},
-        {"WdfDeviceCreateDeviceInterface", FunctionKind::kFallible},
-        {"WdfDeviceAddQueryInterface", FunctionKind::kFallible},
-        {"ExCreateCallback", FunctionKind::kFallible},
-        {"ExRegisterCallback", FunctionKind::kFallible},
-        {"WdfObjectCreate", FunctionKind::kFallible},
-        {"WdfObjectAllocateContext", FunctionKind::kFallible},
-        {"WdfObjectGetTypedContextWorker", FunctionKind::kFallible},
-        {"WdfWaitLockAcquire", FunctionKind::kFallible},
-        {"WdfCollectionAdd", FunctionKind::kFallible},
-        {"WdfCollectionGetItem", FunctionKind::kFallible},
-        {"WdfCollectionGetFirstItem", FunctionKind::kFallible},
-        {"ExAllocatePoolWithTag", FunctionKind::kFallible},
-        {"WdfIoQueueGetDevice", FunctionKind::kFallible},
-        {"WdfDriverOpenParametersRegistryKey", FunctionKind::kFallible},
-        {"WdfRegistryQueryULong", FunctionKind::kFallible},
-        {"KeDelayExecutionThread", FunctionKind::kFallible},
+    std::istringstream words(names);
+    for (std::string name; words >> name;) {
+        functions.emplace(name, kind);
+    }
+}
 
-        {"EtwRegister", FunctionKind::kTracing},
-        {"EtwUnregister", FunctionKind::kTracing},
-        {"EtwWrite", FunctionKind::kTracing},
-        {"EtwRegisterClassicProvider", FunctionKind::kTracing},
-        {"WmiTraceMessage", FunctionKind::kTracing},
-        {"WmiQueryTraceInformation", FunctionKind::kTracing},
-        {"IoWMIRegistrationControl", FunctionKind::kTracing},
-        {"MmGetSystemRoutineAddress", FunctionKind::kTracing},
-
-        {"PsGetVersion", FunctionKind::kCannotFail},
-        {"WdfVersionUnbind", FunctionKind::kCannotFail},
-        {"WdfDeviceInitSetIoType", FunctionKind::kCannotFail},
-        {"WdfDeviceInitSetPnpPowerEventCallbacks", FunctionKind::kCannotFail},
-        {"WdfDeviceInitSetFileObjectConfig", FunctionKind::kCannotFail},
-        {"WdfDeviceSetStaticStopRemove", FunctionKind::kCannotFail},
-        {"WdfDeviceSetDeviceInterfaceState", FunctionKind::kCannotFail},
-        {"WdfObjectReferenceActual", FunctionKind::kCannotFail},
-        {"WdfObjectDereferenceActual", FunctionKind::kCannotFail},
-        {"WdfObjectDelete", FunctionKind::kCannotFail},
-        {"WdfCollectionGetCount", FunctionKind::kCannotFail},
-        {"WdfCollectionRemove", FunctionKind::kCannotFail},
-        {"WdfCollectionRemoveItem", FunctionKind::kCannotFail},
-        {"WdfWaitLockRelease", FunctionKind::kCannotFail},
-        {"WdfWorkItemEnqueue", FunctionKind::kCannotFail},
-        {"WdfRegistryClose", FunctionKind::kCannotFail},
-        {"WdfRequestComplete", FunctionKind::kCannotFail},
-        {"WdfRequestCompleteWithInformation", FunctionKind::kCannotFail},
-        {"ExFreePoolWithTag", FunctionKind::kCannotFail},
-        {"ExUnregisterCallback", FunctionKind::kCannotFail},
-        {"ObfDereferenceObject", FunctionKind::kCannotFail},
-    };
-    return table;
+Functions All()
+{
+    Functions functions;
+    Add(functions, FunctionKind::kFallible,
+        "WdfVersionBind WdfDriverCreate WdfDeviceInitAssignName WdfDeviceCreate WdfDeviceCreateSymbolicLink "
+        "WdfIoQueueCreate WdfCollectionCreate WdfWorkItemCreate WdfWaitLockCreate "
+        "WdfDeviceCreateDeviceInterface WdfDeviceAddQueryInterface ExCreateCallback ExRegisterCallback "
+        "WdfObjectCreate WdfObjectAllocateContext WdfObjectGetTypedContextWorker WdfWaitLockAcquire "
+        "WdfCollectionAdd WdfCollectionGetItem WdfCollectionGetFirstItem ExAllocatePoolWithTag "
+        "WdfIoQueueGetDevice WdfDriverOpenParametersRegistryKey WdfRegistryQueryULong KeDelayExecutionThread");
+    Add(functions, FunctionKind::kTracing,
+        "EtwRegister EtwUnregister EtwWrite EtwRegisterClassicProvider WmiTraceMessage "
+        "WmiQueryTraceInformation IoWMIRegistrationControl MmGetSystemRoutineAddress");
+    Add(functions, FunctionKind::kCannotFail,
+        "PsGetVersion WdfVersionUnbind WdfDeviceInitSetIoType WdfDeviceInitSetPnpPowerEventCallbacks "
+        "WdfDeviceInitSetFileObjectConfig WdfDeviceSetStaticStopRemove WdfDeviceSetDeviceInterfaceState "
+        "WdfObjectReferenceActual WdfObjectDereferenceActual WdfObjectDelete WdfCollectionGetCount "
+        "WdfCollectionRemove WdfCollectionRemoveItem WdfWaitLockRelease WdfWorkItemEnqueue WdfRegistryClose "
+        "WdfRequestComplete WdfRequestCompleteWithInformation ExFreePoolWithTag ExUnregisterCallback "
+        "ObfDereferenceObject");
+    return functions;
 }
 
 }  // namespace
 
 std::optional<FunctionKind> KindOf(std::string_view function)
 {
-    const auto found = Table().find(function);
-    return found == Table().end() ? std::nullopt : std::optional(found->second);
+    static const Functions kFunctions = All();
+    const auto found = kFunctions.find(function);
+    return found == kFunctions.end() ? std::nullopt : std::optional(found->second);
 }
 
 }  // namespace fault_injection

@@ -33,11 +33,6 @@ bool ShowsDetail(const std::string& function)
     return function == "WdfObjectGetTypedContextWorker" || function == "WdfObjectCreate";
 }
 
-bool IsHandle(const host::tracing::DecodedField& field)
-{
-    return field.name == "Object" || field.name == "Collection";
-}
-
 // Whether function and words are those of one site alone; some functions say the same in two places.
 bool NamesOneSite(const host::tracing::CapturedMessage& message, const host::tracing::DecodedMessage& decoded)
 {
@@ -138,7 +133,7 @@ void ObservedRun::OnEvent(const host::tracing::CapturedEvent& event)
     if (options_.keepsRecords) {
         std::string record = "E" + std::to_string(decoded->id);
         for (const auto& field : decoded->fields) {
-            record += IsHandle(field) ? "" : " " + field.text;
+            record += tests::IsHandle(field) ? "" : " " + field.text;
         }
         records_.push_back(record);
     }
@@ -150,12 +145,7 @@ void ObservedRun::OnEvent(const host::tracing::CapturedEvent& event)
     if (decoded->level == kError) {
         pending_ = decoded;
     }
-    std::string line = std::to_string(decoded->id) + " " + decoded->fields[0].text + ":";
-    for (std::size_t index = 1; index < decoded->fields.size(); ++index) {
-        const auto& field = decoded->fields[index];
-        line += (index == 1 ? " " : ", ") + (IsHandle(field) ? NameOf(field.number) : field.text);
-    }
-    step_.reports.push_back(line);
+    step_.reports.push_back(tests::LineOf(*decoded, [this](std::uint64_t handle) { return NameOf(handle); }));
 }
 
 void ObservedRun::OnMessage(const host::tracing::CapturedMessage& message)

@@ -2,7 +2,6 @@
 
 #include "tests/kit/settings.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -44,38 +43,18 @@ unsigned Stride()
     return Wish() == "thin" ? kThin : 1;
 }
 
-void Statistics::Count(const Fault& fault, bool tracing)
-{
-    ++byForm_[tracing ? "tracing call fails" : Name(fault.form)];
-}
-
-void Statistics::NoteSequence(std::size_t calls, std::size_t predicted, std::size_t lookups)
-{
-    for (const auto& [what, count] : {std::pair("calls", calls), {"predicted", predicted}, {"look-ups", lookups}}) {
-        most_[what] = std::max(most_[what], count);
-    }
-}
-
-void Statistics::NotePaths(std::size_t paths)
-{
-    most_["paths"] = paths;
-}
-
-// One figure a line: its kind, a number, and what is counted.
+// One figure a line: a number, and what is counted; for a site 0 and its two numbers.
 void Statistics::Save(const std::string& container, const std::string& kind, unsigned shard,
                       const std::set<Site>& reached) const
 {
     const auto file = ShardFile(container, kind, shard);
     std::filesystem::create_directories(file.parent_path());
     std::ofstream out(file);
-    for (const auto& [what, count] : most_) {
-        out << "most " << count << " " << what << "\n";
-    }
     for (const auto& [form, count] : byForm_) {
-        out << "form " << count << " " << form << "\n";
+        out << count << " " << form << "\n";
     }
     for (const Site& site : reached) {
-        out << "site " << site.first << " " << site.second << "\n";
+        out << "0 " << site.first << " " << site.second << "\n";
     }
 }
 
@@ -89,16 +68,15 @@ Statistics Statistics::OfAll(const std::string& container, const std::string& ki
             throw std::runtime_error("the shard " + file.filename().string() + " has not run");
         }
         std::ifstream in(file);
-        std::string word;
         std::size_t count = 0;
-        std::string rest;
-        while (in >> word >> count && std::getline(in >> std::ws, rest)) {
-            if (word == "site") {
-                all.reached_.emplace(static_cast<std::uint32_t>(count), static_cast<std::uint16_t>(std::stoul(rest)));
-            } else if (word == "form") {
-                all.byForm_[rest] += count;
+        std::string what;
+        while (in >> count && std::getline(in >> std::ws, what)) {
+            if (count != 0) {
+                all.byForm_[what] += count;
             } else {
-                all.most_[rest] = std::max(all.most_[rest], count);
+                Site site;
+                std::istringstream(what) >> site.first >> site.second;
+                all.reached_.insert(site);
             }
         }
     }
@@ -121,21 +99,11 @@ Lines Statistics::Unreached() const
 void Statistics::Write(const std::string& container, const std::string& kind) const
 {
     std::ostringstream text;
-    const auto most = [&](const char* what) {
-        const auto found = most_.find(what);
-        return found == most_.end() ? 0 : found->second;
-    };
-    text << "fault injection (" << container << ", " << kind << " fault): " << most("calls")
-         << " platform calls in the longest sequence; " << most("predicted") << " of them fail, and "
-         << most("look-ups") << " look-ups of the driver object";
-    if (most("paths") != 0) {
-        text << "; " << most("paths") << " call paths";
-    }
     std::size_t total = 0;
     for (const auto& [form, count] : byForm_) {
         total += count;
     }
-    text << "; " << total << " faults (";
+    text << "fault injection (" << container << ", " << kind << " fault): " << total << " faults (";
     const char* separator = "";
     for (const auto& [form, count] : byForm_) {
         text << separator << form << " " << count;

@@ -12,13 +12,7 @@ namespace fault_injection {
 // Kept by each shard by itself, and added up when all have run.
 class Statistics {
 public:
-    void Count(const Fault& fault, bool tracing);
-
-    // Of the longest sequence: its platform calls; how many of them fail for the driver to notice; look-ups of the driver
-    // object, which take no call and fail too. Of its calls: by how many paths the driver comes to them, 0 where the
-    // container does not show that.
-    void NoteSequence(std::size_t calls, std::size_t predicted, std::size_t lookups);
-    void NotePaths(std::size_t paths);
+    void Count(const Fault& fault, bool tracing) { ++byForm_[tracing ? "tracing call fails" : Name(fault.form)]; }
 
     // Leaves one shard's statistics in build/<preset>/statistics/shards; reads them all again. A shard that left none, or left
     // them before this program was built, throws std::runtime_error with its name.
@@ -33,7 +27,6 @@ public:
     void Write(const std::string& container, const std::string& kind) const;
 
 private:
-    std::map<std::string, std::size_t> most_;  // the largest of any shard
     std::map<std::string, std::size_t> byForm_;
     std::set<Site> reached_;
 };

@@ -45,13 +45,7 @@ Lines DriverFixture::TakeReports()
             lines.push_back("undecodable event " + std::to_string(events[eventsSeen_].descriptor.Id));
             continue;
         }
-        std::string line = std::to_string(decoded->id) + " " + decoded->fields[0].text + ":";
-        for (std::size_t index = 1; index < decoded->fields.size(); ++index) {
-            const auto& field = decoded->fields[index];
-            const bool isHandle = field.name == "Object" || field.name == "Collection";
-            line += (index == 1 ? " " : ", ") + (isHandle ? HandleName(field.number) : field.text);
-        }
-        lines.push_back(line);
+        lines.push_back(LineOf(*decoded, [this](std::uint64_t handle) { return HandleName(handle); }));
     }
     return lines;
 }

@@ -42,6 +42,22 @@ Numbers NumbersOf(const host::tracing::CapturedMessage& message)
     return numbers;
 }
 
+bool IsHandle(const host::tracing::DecodedField& field)
+{
+    return field.name == "Object" || field.name == "Collection";
+}
+
+std::string LineOf(const host::tracing::DecodedEvent& event,
+                   const std::function<std::string(std::uint64_t handle)>& nameOf)
+{
+    std::string line = std::to_string(event.id) + " " + event.fields[0].text + ":";
+    for (std::size_t index = 1; index < event.fields.size(); ++index) {
+        const auto& field = event.fields[index];
+        line += (index == 1 ? " " : ", ") + (IsHandle(field) ? nameOf(field.number) : field.text);
+    }
+    return line;
+}
+
 std::string DifferenceOf(const host::tracing::DecodedEvent& event, const host::tracing::CapturedMessage& message,
                          const host::tracing::DecodedMessage& decoded)
 {
