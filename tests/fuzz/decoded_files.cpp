@@ -43,28 +43,12 @@ std::string MutateRecords(Mutator& mutator, const std::string& original)
     }
     std::string end = records.back();
     records.pop_back();
-    for (std::size_t left = 1 + mutator.Below(5); left > 0 && !records.empty(); --left) {
-        const std::size_t at = mutator.Below(records.size());
-        switch (mutator.Below(4)) {
-        case 0:
-            records.erase(records.begin() + static_cast<std::ptrdiff_t>(at));
-            break;
-        case 1: {
-            const std::string copy = records[at];
-            records.push_back(copy);
-            break;
-        }
-        case 2:
-            std::swap(records[at], records[mutator.Below(records.size())]);
-            break;
-        default: {
-            std::string body = mutator.MutateBytes(records[at].substr(kHeadBytes));
-            records[at] = records[at].substr(0, kHeadBytes) + body;
-            const auto sizeBytes = static_cast<std::uint32_t>(records[at].size());
-            std::memcpy(records[at].data(), &sizeBytes, sizeof(sizeBytes));
-        }
-        }
-    }
+    mutator.MutatePieces(records, 5, [&](const std::string& record) {
+        std::string changed = record.substr(0, kHeadBytes) + mutator.MutateBytes(record.substr(kHeadBytes));
+        const auto sizeBytes = static_cast<std::uint32_t>(changed.size());
+        std::memcpy(changed.data(), &sizeBytes, sizeof(sizeBytes));
+        return changed;
+    });
     const std::uint64_t count = records.size() + (mutator.OneIn(8) ? 1 : 0);
     std::memcpy(&end[kHeadBytes - sizeof(count)], &count, sizeof(count));
     std::string capture = original.substr(0, kMagicBytes);
@@ -100,25 +84,7 @@ std::string MutateLines(Mutator& mutator, const std::string& original)
         lines.push_back(original.substr(at, end - at));
         at = end;
     }
-    for (std::size_t left = 1 + mutator.Below(4); left > 0 && !lines.empty(); --left) {
-        const std::size_t at = mutator.Below(lines.size());
-        const auto place = lines.begin() + static_cast<std::ptrdiff_t>(at);
-        switch (mutator.Below(4)) {
-        case 0:
-            lines.erase(place);
-            break;
-        case 1: {
-            const std::string copy = *place;
-            lines.insert(place, copy);
-            break;
-        }
-        case 2:
-            std::swap(*place, lines[mutator.Below(lines.size())]);
-            break;
-        default:
-            *place = mutator.MutateBytes(*place);
-        }
-    }
+    mutator.MutatePieces(lines, 4, [&](const std::string& line) { return mutator.MutateBytes(line); });
     std::string text;
     for (const std::string& line : lines) {
         text += line;

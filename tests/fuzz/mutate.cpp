@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
+#include <sstream>
 
 namespace fuzz {
 namespace {
@@ -9,44 +11,25 @@ namespace {
 constexpr std::size_t kEdits = 8;
 constexpr std::size_t kShortRange = 24;
 
-// Where ranges and conversions end.
-const std::vector<std::uint64_t> kIntegers = {0,          1,
-                                              2,          7,
-                                              8,          0x7F,
-                                              0x80,       0xFF,
-                                              0x100,      0x7FFF,
-                                              0x8000,     0xFFFF,
-                                              0x10000,    0x7FFFFFFF,
-                                              0x80000000, 0xFFFFFFFE,
-                                              0xFFFFFFFF, 0x1000,
-                                              0xFFF,      0x1001,
-                                              0x3FFF,     0x40000000,
-                                              ~0ULL,      ~0ULL - 7,
-                                              1ULL << 63, (1ULL << 63) - 1};
-const std::vector<std::string> kNumbers = {"0",
-                                           "-1",
-                                           "1",
-                                           "255",
-                                           "256",
-                                           "65535",
-                                           "65536",
-                                           "65537",
-                                           "2147483647",
-                                           "2147483648",
-                                           "4294967295",
-                                           "4294967296",
-                                           "-2147483649",
-                                           "1e9",
-                                           "1e999",
-                                           "0.5",
-                                           "",
-                                           "0x10",
-                                           "letters",
-                                           "00",
-                                           "+1",
-                                           "18446744073709551615",
-                                           "18446744073709551616",
-                                           "99999999999999999999999999"};
+// Where ranges and conversions end: around powers of two.
+const std::vector<std::uint64_t> kIntegers = [] {
+    std::vector<std::uint64_t> integers;
+    for (const unsigned bits : {1, 3, 7, 8, 12, 14, 15, 16, 30, 31, 32, 63}) {
+        for (const std::uint64_t offset : {~std::uint64_t{0}, std::uint64_t{0}, std::uint64_t{1}}) {
+            integers.push_back((std::uint64_t{1} << bits) + offset);
+        }
+    }
+    integers.insert(integers.end(), {0, ~std::uint64_t{0}, ~std::uint64_t{7}});
+    return integers;
+}();
+const std::vector<std::string> kNumbers = [] {
+    std::istringstream words("0 -1 1 255 256 65535 65536 65537 2147483647 2147483648 4294967295 4294967296 -2147483649 "
+                             "1e9 1e999 0.5 0x10 letters 00 +1 18446744073709551615 18446744073709551616 "
+                             "99999999999999999999999999");
+    std::vector<std::string> numbers{""};
+    numbers.insert(numbers.end(), std::istream_iterator<std::string>(words), {});
+    return numbers;
+}();
 
 }  // namespace
 
@@ -57,6 +40,27 @@ std::string Mutator::MutateBytes(std::string bytes, const std::vector<std::strin
         bytes.resize(std::min(bytes.size(), kSizeMaximum));
     }
     return bytes;
+}
+
+void Mutator::MutatePieces(std::vector<std::string>& pieces, std::size_t most,
+                           const std::function<std::string(const std::string& piece)>& change)
+{
+    for (std::size_t left = 1 + Below(most); left > 0 && !pieces.empty(); --left) {
+        const auto place = pieces.begin() + static_cast<std::ptrdiff_t>(Below(pieces.size()));
+        switch (Below(4)) {
+        case 0:
+            pieces.erase(place);
+            break;
+        case 1:
+            pieces.insert(place, std::string(*place));
+            break;
+        case 2:
+            std::swap(*place, pieces[Below(pieces.size())]);
+            break;
+        default:
+            *place = change(*place);
+        }
+    }
 }
 
 void Mutator::Edit(std::string& bytes, const std::vector<std::string>& words)

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -26,6 +27,10 @@ public:
     // One to eight edits: bits, bytes and little-endian integers at the edges of their ranges, numbers in text, ranges
     // that are removed, moved or repeated (up to kRepetitions times), words that mean something in the format.
     [[nodiscard]] std::string MutateBytes(std::string bytes, const std::vector<std::string>& words = {});
+
+    // One to `most` of the pieces of a file lost, doubled, exchanged or changed.
+    void MutatePieces(std::vector<std::string>& pieces, std::size_t most,
+                      const std::function<std::string(const std::string& piece)>& change);
 
     // No file grows beyond this by mutation.
     static constexpr std::size_t kSizeMaximum = 1 << 20;

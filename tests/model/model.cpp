@@ -14,77 +14,64 @@ Model::Model(const Sequence& sequence, ModelBug bug) : sequence_(sequence), bug_
 Outcome Model::Do(const Operation& operation)
 {
     outcome_ = {};
-    NTSTATUS status = STATUS_SUCCESS;
+    outcome_.status = StatusOf(operation);
+    outcome_.workItems = work_.size();
+    return outcome_;
+}
+
+NTSTATUS Model::StatusOf(const Operation& operation)
+{
     switch (operation.kind) {
     case Kind::kRegister:
-        status = Register(operation);
-        break;
+        return Register(operation);
     case Kind::kDeregister:
-        status = Deregister(operation);
-        break;
+        return Deregister(operation);
     case Kind::kSubscribe:
-        status = Subscribe(operation);
-        break;
+        return Subscribe(operation);
     case Kind::kUnsubscribe:
-        status = Unsubscribe(operation);
-        break;
+        return Unsubscribe(operation);
     case Kind::kPost:
-        status = operation.null.empty()
-                     ? Post({operation.client, tests::kPostedSize, operation.state, tests::kPostedReserved})
-                     : STATUS_INVALID_PARAMETER;
-        break;
+        return operation.null.empty()
+                   ? Post({operation.client, tests::kPostedSize, operation.state, tests::kPostedReserved})
+                   : STATUS_INVALID_PARAMETER;
     case Kind::kCommand:
-        status = Send(operation);
-        break;
+        return Send(operation);
     case Kind::kRunOne:
         RunOne();
-        break;
+        return STATUS_SUCCESS;
     case Kind::kDeliver:
         while (!work_.empty() && !outcome_.hangs) {
             RunOne();
         }
-        break;
+        return STATUS_SUCCESS;
     case Kind::kAttach:
-        status = Attach(operation);
-        break;
+        return Attach(operation);
     case Kind::kDetach:
-        status = Detach();
-        break;
+        return Detach();
     case Kind::kCount:
-        status = CountClients(operation);
-        break;
+        return CountClients(operation);
     case Kind::kDescribe:
-        status = Describe(operation);
-        break;
-    case Kind::kStartDump:
-    case Kind::kAddDumpData:
-    case Kind::kQueryDump:
-    case Kind::kAddTriageData:
-    case Kind::kStopDump:
-        status = Dump(operation);
-        break;
+        return Describe(operation);
     case Kind::kControl:
-        if (operation.value == IOCTL_ZEPN_NOTIFY_APPS_STATE) {
-            Broadcast();
-        } else {
-            status = STATUS_NOT_SUPPORTED;
+        if (operation.value != IOCTL_ZEPN_NOTIFY_APPS_STATE) {
+            return STATUS_NOT_SUPPORTED;
         }
-        break;
+        Broadcast();
+        return STATUS_SUCCESS;
     case Kind::kTimeout:
         timeoutMs_ = operation.value;
-        break;
+        return STATUS_SUCCESS;
     case Kind::kSleep:
         Broadcast();
         if (timeoutMs_ != 0) {
             Calls(lines::Wait(timeoutMs_));
         }
-        break;
+        return STATUS_SUCCESS;
+    case Kind::kWake:
+        return STATUS_SUCCESS;
     default:
-        break;  // the system wakes
+        return Dump(operation);
     }
-    outcome_.status = status;
-    outcome_.workItems = work_.size();
-    return outcome_;
 }
 
 // ---- The registry ----

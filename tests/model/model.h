@@ -92,6 +92,7 @@ private:
     };
     enum class Work { kStates, kCommands, kAnnounce, kWithdraw };
 
+    NTSTATUS StatusOf(const Operation& operation);
     NTSTATUS Register(const Operation& operation);
     NTSTATUS Deregister(const Operation& operation);
     NTSTATUS Subscribe(const Operation& operation);

@@ -3,6 +3,7 @@
 #include "tests/kit/callback_lines.h"
 
 #include <iterator>
+#include <map>
 #include <random>
 
 namespace model {
@@ -85,34 +86,26 @@ void SubscribeToWhatIsAnswered(Sequence& sequence, unsigned client)
     }
 }
 
+// Mostly none.
 const char* DecodeNull(Bytes& bytes, Kind kind)
 {
+    static const std::map<Kind, std::vector<const char*>> kNulls = {{Kind::kRegister, {"guid", "callbacks"}},
+                                                                    {Kind::kSubscribe, {"guid", "record", "callback"}},
+                                                                    {Kind::kUnsubscribe, {"guid", "record"}},
+                                                                    {Kind::kDeregister, {"guid"}},
+                                                                    {Kind::kDescribe, {"descriptors", "count"}},
+                                                                    {Kind::kCount, {"count"}},
+                                                                    {Kind::kPost, {"record"}},
+                                                                    {Kind::kCommand, {"record"}},
+                                                                    {Kind::kAttach, {"record"}},
+                                                                    {Kind::kStartDump, {"record"}},
+                                                                    {Kind::kAddDumpData, {"record"}},
+                                                                    {Kind::kQueryDump, {"record"}},
+                                                                    {Kind::kAddTriageData, {"record"}},
+                                                                    {Kind::kStopDump, {"record"}}};
     const unsigned which = bytes.Below(24);
-    switch (kind) {
-    case Kind::kRegister:
-        return which == 0 ? "guid" : which == 1 ? "callbacks" : "";
-    case Kind::kSubscribe:
-        return which == 0 ? "guid" : which == 1 ? "record" : which == 2 ? "callback" : "";
-    case Kind::kUnsubscribe:
-        return which == 0 ? "guid" : which == 1 ? "record" : "";
-    case Kind::kDeregister:
-        return which == 0 ? "guid" : "";
-    case Kind::kDescribe:
-        return which == 0 ? "descriptors" : which == 1 ? "count" : "";
-    case Kind::kCount:
-        return which == 0 ? "count" : "";
-    case Kind::kPost:
-    case Kind::kCommand:
-    case Kind::kAttach:
-    case Kind::kStartDump:
-    case Kind::kAddDumpData:
-    case Kind::kQueryDump:
-    case Kind::kAddTriageData:
-    case Kind::kStopDump:
-        return which == 0 ? "record" : "";
-    default:
-        return "";
-    }
+    const auto found = kNulls.find(kind);
+    return found != kNulls.end() && which < found->second.size() ? found->second[which] : "";
 }
 
 std::uint32_t DecodeValue(Kind kind, unsigned number)

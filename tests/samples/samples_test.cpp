@@ -24,6 +24,20 @@ std::size_t Lines(const std::string& text, const std::string& pattern)
         std::distance(std::sregex_iterator(text.begin(), text.end(), line), std::sregex_iterator()));
 }
 
+void End(host::Driver& driver)
+{
+    driver.SurpriseRemoveDevice();
+    EXPECT_FALSE(driver.RemoveDevice().parked);
+    driver.Unload();
+}
+
+void ExpectNoViolation(host::Machine& machine)
+{
+    for (const auto& violation : machine.violations().Take()) {
+        ADD_FAILURE() << violation.Text();
+    }
+}
+
 TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
 {
     std::ostringstream out;
@@ -57,17 +71,11 @@ TEST_P(Samples, ClientThatGoesAtOnceLeavesNothing)
         for (unsigned run = 0; run < runs; ++run) {
             machine.RunOneWorkItem();
         }
-        driver.SurpriseRemoveDevice();
-        EXPECT_FALSE(driver.RemoveDevice().parked);
-        driver.Unload();
+        End(driver);
         EXPECT_TRUE(machine.RunWorkItems().parked.empty());
     }
-    notifier.SurpriseRemoveDevice();
-    EXPECT_FALSE(notifier.RemoveDevice().parked);
-    notifier.Unload();
-    for (const auto& violation : machine.violations().Take()) {
-        ADD_FAILURE() << violation.Text();
-    }
+    End(notifier);
+    ExpectNoViolation(machine);
     EXPECT_TRUE(machine.PoolInUse().empty());
 }
 
@@ -96,13 +104,9 @@ TEST_P(Samples, FollowTheNotifierOnRealThreads)
         notifier.Unload();
     }
     for (host::Driver* peer : peers) {
-        peer->SurpriseRemoveDevice();
-        EXPECT_FALSE(peer->RemoveDevice().parked);
-        peer->Unload();
+        End(*peer);
     }
-    for (const auto& violation : machine.violations().Take()) {
-        ADD_FAILURE() << violation.Text();
-    }
+    ExpectNoViolation(machine);
 }
 
 // An open target holds the device: the removal waits for the client, and the client's own failing steps close it.
@@ -128,16 +132,10 @@ TEST_P(Samples, FailedJoinLetsTheNotifierGo)
         const std::vector<std::string> lines = machine.DebugOutput();
         EXPECT_EQ(std::ranges::count(lines, "client 1: registers: 0x00000000\n"), 1);
         EXPECT_THROW((void)next.RemoveDevice(), host::HostError);
-        client.SurpriseRemoveDevice();
-        EXPECT_FALSE(client.RemoveDevice().parked);
-        client.Unload();
-        next.SurpriseRemoveDevice();
-        EXPECT_FALSE(next.RemoveDevice().parked);
-        next.Unload();
+        End(client);
+        End(next);
         machine.RunWorkItems();
-        for (const auto& violation : machine.violations().Take()) {
-            ADD_FAILURE() << violation.Text();
-        }
+        ExpectNoViolation(machine);
     }
 }
 
@@ -166,9 +164,7 @@ TEST_P(Samples, ProbeAnswersAsWritten)
     std::ifstream file(ZEPN_ROOT "/samples/probe/answers.txt");
     EXPECT_EQ(answers, std::string(std::istreambuf_iterator<char>(file), {}));
     EXPECT_EQ(machine.tracing().Events().size(), Lines(answers, "REG_DWORD"));
-    for (const auto& violation : machine.violations().Take()) {
-        ADD_FAILURE() << violation.Text();
-    }
+    ExpectNoViolation(machine);
 }
 
 TEST(SampleImages, AreRight)
