@@ -17,7 +17,7 @@ struct TimerObject final : Object {
     void OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock) override;
     void OnFree(Framework& framework) override;
     [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
-    void Show(ObjectView& view) const override { view.queued = queued; }
+    void Show(ObjectSnapshot& view) const override { view.queued = queued; }
 
     PFN_WDF_TIMER routine = nullptr;  // may be null
     kernel::TimeUnits period = 0;     // 0: comes due once
