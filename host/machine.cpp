@@ -3,7 +3,7 @@
 #include "host/checks/crash.h"
 #include "host/dispatcher/dispatcher.h"
 #include "host/framework/collections.h"
-#include "host/framework/devices.h"
+#include "host/framework/device_callbacks.h"
 #include "host/framework/driver_load.h"
 #include "host/framework/plug_play.h"
 #include "host/image/pe_file.h"
@@ -71,7 +71,10 @@ NTSTATUS Driver::StartDevice()
 
 NTSTATUS Driver::QueryStopDevice()
 {
-    return NewestDevice(instance_).stopRemoveRefusals != 0 ? STATUS_INVALID_DEVICE_STATE : STATUS_SUCCESS;
+    DeviceObject& device = NewestDevice(instance_);
+    return device.stopRemoveRefusals != 0 ? STATUS_INVALID_DEVICE_STATE
+                                          : framework::CallDeviceRoutine(Framework::Current(), "EvtDeviceQueryStop",
+                                                                         device.power.EvtDeviceQueryStop, device);
 }
 
 NTSTATUS Driver::QueryRemoveDevice()

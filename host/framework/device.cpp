@@ -1,5 +1,5 @@
 // A device as plug and play drives it: add, start, sleep, wake, surprise removal, removal.
-#include "host/framework/devices.h"
+#include "host/framework/device_callbacks.h"
 #include "host/framework/functions.h"
 #include "host/framework/plug_play.h"
 #include "host/framework/resource_lists.h"
@@ -22,32 +22,63 @@ WDFDEVICE HandleOf(const DeviceObject& device)
     return static_cast<WDFDEVICE>(device.handle);
 }
 
+NTSTATUS FirstNotSuccess(NTSTATUS first, NTSTATUS second)
+{
+    return first != STATUS_SUCCESS ? first : second;
+}
+
+void SetD0(Framework& framework, DeviceObject& device, bool inD0)
+{
+    const std::lock_guard lock(framework.mutex);
+    device.inD0 = inD0;
+}
+
+// What follows the driver's D0 entry. The queues go on before the driver's own I/O starts.
+NTSTATUS FinishD0Entry(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE_STATE previous)
+{
+    const NTSTATUS enabled = CallDeviceRoutine(framework, "EvtDeviceD0EntryPostInterruptsEnabled",
+                                               device.power.EvtDeviceD0EntryPostInterruptsEnabled, device, previous);
+    if (!NT_SUCCESS(enabled)) {
+        return enabled;
+    }
+    {
+        std::unique_lock lock(framework.mutex);
+        device.inD0 = true;
+        for (QueueObject* queue : std::vector<QueueObject*>(device.queues)) {
+            Deliver(framework, lock, *queue);  // what arrived while the device slept
+        }
+    }
+    const NTSTATUS started = device.selfManagedIo.Start(framework, device);
+    return NT_SUCCESS(started) ? FirstNotSuccess(enabled, started) : started;
+}
+
 NTSTATUS CallD0Entry(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE_STATE previous)
 {
-    NTSTATUS status = STATUS_SUCCESS;
-    if (const auto routine = device.power.EvtDeviceD0Entry) {
-        status = framework.threads.Guarded("EvtDeviceD0Entry", reinterpret_cast<const void*>(routine),
-                                           [&] { return routine(HandleOf(device), previous); });
+    const NTSTATUS entered =
+        CallDeviceRoutine(framework, "EvtDeviceD0Entry", device.power.EvtDeviceD0Entry, device, previous);
+    if (!NT_SUCCESS(entered)) {
+        SetD0(framework, device, false);
+        return entered;
     }
-    std::unique_lock lock(framework.mutex);
-    device.inD0 = NT_SUCCESS(status);
-    for (QueueObject* queue : std::vector<QueueObject*>(device.queues)) {
-        Deliver(framework, lock, *queue);  // what arrived while the device slept
+    const NTSTATUS finished = FinishD0Entry(framework, device, previous);
+    if (!NT_SUCCESS(finished)) {
+        SetD0(framework, device, false);
+        (void)CallDeviceRoutine(framework, "EvtDeviceD0Exit", device.power.EvtDeviceD0Exit, device,
+                                WdfPowerDeviceD3Final);
+        return finished;
     }
-    return status;
+    return FirstNotSuccess(entered, finished);
 }
 
 NTSTATUS CallD0Exit(Framework& framework, DeviceObject& device, WDF_POWER_DEVICE_STATE target)
 {
-    {
-        const std::lock_guard lock(framework.mutex);
-        device.inD0 = false;
-    }
-    if (const auto routine = device.power.EvtDeviceD0Exit) {
-        return framework.threads.Guarded("EvtDeviceD0Exit", reinterpret_cast<const void*>(routine),
-                                         [&] { return routine(HandleOf(device), target); });
-    }
-    return STATUS_SUCCESS;
+    NTSTATUS status = device.selfManagedIo.Suspend(framework, device);
+    SetD0(framework, device, false);
+    status =
+        FirstNotSuccess(status, CallDeviceRoutine(framework, "EvtDeviceD0ExitPreInterruptsDisabled",
+                                                  device.power.EvtDeviceD0ExitPreInterruptsDisabled, device, target));
+    return FirstNotSuccess(
+        status, CallDeviceRoutine(framework, "EvtDeviceD0Exit", device.power.EvtDeviceD0Exit, device, target));
 }
 
 NTSTATUS CallReleaseHardware(Framework& framework, DeviceObject& device)
@@ -57,11 +88,6 @@ NTSTATUS CallReleaseHardware(Framework& framework, DeviceObject& device)
                                          [&] { return routine(HandleOf(device), device.resourcesTranslated); });
     }
     return STATUS_SUCCESS;
-}
-
-NTSTATUS FirstNotSuccess(NTSTATUS first, NTSTATUS second)
-{
-    return first != STATUS_SUCCESS ? first : second;
 }
 
 void SetAllInterfaces(Framework& framework, DeviceObject& device, bool enabled)
@@ -102,6 +128,7 @@ void DisposeDevice(Framework& framework, DeviceObject& device)
 {
     DropSymbolicLink(framework, device);
     Purge(framework, device, false);
+    device.selfManagedIo.Cleanup(framework, device);
     std::unique_lock lock(framework.mutex);
     device.stage = DeviceStage::kRemoved;
     framework.names.Release(device.deviceName);
@@ -145,6 +172,7 @@ NTSTATUS StartDevice(Framework& framework, DeviceObject& device)
     }
     if (!NT_SUCCESS(status)) {
         (void)CallReleaseHardware(framework, device);
+        device.selfManagedIo.Flush(framework, device);
         return status;
     }
     SetAllInterfaces(framework, device, true);
@@ -176,6 +204,7 @@ NTSTATUS SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
     SetAllInterfaces(framework, device, false);
     DropSymbolicLink(framework, device);
     Purge(framework, device, true);
+    device.selfManagedIo.Flush(framework, device);
     SetStage(framework, device, DeviceStage::kSurpriseRemoved);
     NotifyRemoveComplete(framework, device);
     return status;
@@ -189,6 +218,8 @@ void RemoveDevice(Framework& framework, DeviceObject& device)
         }
         (void)CallReleaseHardware(framework, device);
         SetAllInterfaces(framework, device, false);
+        Purge(framework, device, true);
+        device.selfManagedIo.Flush(framework, device);
         NotifyRemoveComplete(framework, device);
     }
     DisposeDevice(framework, device);

@@ -4,6 +4,7 @@
 #include "host/framework/device_objects.h"
 #include "host/framework/framework.h"
 #include "host/framework/request_buffers.h"
+#include "host/framework/self_managed_io.h"
 
 #include <deque>
 #include <list>
@@ -76,6 +77,7 @@ struct DeviceObject final : Object {
     DeviceSettings settings;
     std::optional<bool> hasSystemManagedIdle;  // who says when the device is idle; empty until the driver assigns it
     std::unique_ptr<WdmDeviceObjects> wdm;
+    SelfManagedIo selfManagedIo;                 // of who drives the device
     WDFCMRESLIST resourcesTranslated = nullptr;  // since its start
     std::list<DeviceInterface> interfaces;
     std::list<QueryInterfaceEntry> queryInterfaces;

@@ -2,6 +2,7 @@
 //
 // Without callbacks of the driver's own the framework closes the target for the query, opens it again when the removal
 // is cancelled, and closes it when the device is removed.
+#include "host/framework/device_callbacks.h"
 #include "host/framework/functions.h"
 #include "host/framework/plug_play.h"
 
@@ -128,6 +129,9 @@ NTSTATUS QueryRemove(Framework& framework, DeviceObject& device)
     }
     if (NT_SUCCESS(status) && device.stopRemoveRefusals != 0) {
         status = STATUS_INVALID_DEVICE_STATE;
+    }
+    if (NT_SUCCESS(status)) {
+        status = CallDeviceRoutine(framework, "EvtDeviceQueryRemove", device.power.EvtDeviceQueryRemove, device);
     }
     if (!NT_SUCCESS(status)) {
         for (IoTargetObject* target : agreed) {
