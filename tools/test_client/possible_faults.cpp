@@ -13,6 +13,7 @@ struct Row {
 constexpr PossibleFault kNoMemory{FaultForm::kStatus, STATUS_INSUFFICIENT_RESOURCES};
 constexpr PossibleFault kNothing{FaultForm::kNull, STATUS_SUCCESS};
 constexpr PossibleFault kNotThere{FaultForm::kStatus, STATUS_OBJECT_NAME_NOT_FOUND};
+constexpr PossibleFault kTooSmall{FaultForm::kStatus, STATUS_BUFFER_TOO_SMALL};
 
 // A driver may call these without its own code seeing the result (WdfVersionBind), so they are not here.
 constexpr Row kRows[] = {
@@ -30,6 +31,16 @@ constexpr Row kRows[] = {
     {"WdfWaitLockCreate", kNoMemory},
     {"WdfSpinLockCreate", kNoMemory},
     {"WdfWorkItemCreate", kNoMemory},
+    {"WdfTimerCreate", kNoMemory},
+    {"WdfMemoryCreate", kNoMemory},
+    {"WdfMemoryCreatePreallocated", kNoMemory},
+    {"WdfStringCreate", kNoMemory},
+    {"WdfDeviceAssignS0IdleSettings", kNoMemory},
+    // The sender of a request says how large its buffers are.
+    {"WdfRequestRetrieveInputBuffer", kTooSmall},
+    {"WdfRequestRetrieveOutputBuffer", kTooSmall},
+    {"WdfRequestRetrieveInputMemory", kTooSmall},
+    {"WdfRequestRetrieveOutputMemory", kTooSmall},
     {"WdfIoTargetCreate", kNoMemory},
     // The device is removed at this moment.
     {"WdfIoTargetOpen", {FaultForm::kStatus, STATUS_NO_SUCH_DEVICE}},
@@ -40,7 +51,13 @@ constexpr Row kRows[] = {
     // Without a Parameters key, or without the value in it.
     {"WdfDriverOpenParametersRegistryKey", kNotThere},
     {"WdfRegistryQueryULong", kNotThere},
+    {"WdfRegistryQueryValue", kNotThere},
+    {"WdfRegistryQueryMemory", kNotThere},
+    {"WdfRegistryQueryUnicodeString", kNotThere},
+    {"WdfRegistryQueryString", kNotThere},
     {"WdfRegistryAssignULong", kNoMemory},
+    {"WdfRegistryAssignUnicodeString", kNoMemory},
+    {"WdfRegistryAssignString", kNoMemory},
     {"WdfRegistryAssignValue", kNoMemory},
     {"ExAllocatePoolWithTag", kNothing},
     {"ExCreateCallback", kNotThere},
