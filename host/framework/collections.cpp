@@ -63,7 +63,7 @@ NTSTATUS NTAPI CollectionCreate(PWDF_DRIVER_GLOBALS globals, PWDF_OBJECT_ATTRIBU
 
 namespace {
 
-ULONG NTAPI GetCountChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
+[[gnu::noinline]] ULONG NTAPI GetCountChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
 {
     const PlatformCall call("WdfCollectionGetCount", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
@@ -147,7 +147,7 @@ void NTAPI CollectionRemoveItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG
 
 namespace {
 
-WDFOBJECT NTAPI GetItemChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG index)
+[[gnu::noinline]] WDFOBJECT NTAPI GetItemChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG index)
 {
     const PlatformCall call("WdfCollectionGetItem", HOST_CALLER, DISPATCH_LEVEL);
     if (call.fault()) {

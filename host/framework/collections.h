@@ -41,7 +41,7 @@ public:
     }
 
     // Null when the handle is no collection's, when the collection is locked, and for an index without an item.
-    [[nodiscard]] static WDFOBJECT ItemAtOnce(Slot* slot, std::size_t index)
+    [[nodiscard, gnu::always_inline]] static WDFOBJECT ItemAtOnce(Slot* slot, std::size_t index)
     {
         if (At(slot) == nullptr || slot->owner.exchange(1, std::memory_order_acquire) != 0) {
             return nullptr;

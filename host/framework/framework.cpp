@@ -3,17 +3,12 @@
 #include "host/framework/plug_play.h"
 
 namespace host::framework {
-namespace {
-
-Framework* g_current = nullptr;
-
-}  // namespace
 
 Framework::Framework(Environment& machineEnvironment, kernel::Kernel& machineKernel, schedule::Threads& machineThreads)
     : environment(machineEnvironment), kernel(machineKernel), objects(*this), threads(*this, machineThreads),
       work(*this), lockOrder(handles)
 {
-    g_current = this;
+    current_ = this;
     RegisterLoaderExports();
     RegisterPlugPlayExports();
     environment.faults.onHideDriver = [this](bool hide) {
@@ -30,12 +25,7 @@ Framework::~Framework()
 {
     work.StopWorkers();
     environment.faults.onHideDriver = nullptr;
-    g_current = nullptr;
-}
-
-Framework& Framework::Current()
-{
-    return *g_current;
+    current_ = nullptr;
 }
 
 bool Requires(const PlatformCall& call, const void* pointer, const char* argument)

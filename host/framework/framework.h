@@ -25,7 +25,7 @@ public:
     Framework(const Framework&) = delete;
     Framework& operator=(const Framework&) = delete;
 
-    static Framework& Current();
+    static Framework& Current() { return *current_; }
 
     Environment& environment;
     kernel::Kernel& kernel;
@@ -43,6 +43,9 @@ public:
     Drivers drivers;
     DeviceNames names;                    // has a lock of its own
     PlugPlayRegistrations registrations;  // has a lock of its own
+
+private:
+    static inline Framework* current_ = nullptr;
 };
 
 // Checks a pointer that a call requires; false, with a violation, when it is null.

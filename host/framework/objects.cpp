@@ -67,7 +67,8 @@ void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG,
 
 namespace {
 
-PVOID NTAPI GetTypedContextChecked(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO type)
+[[gnu::noinline]] PVOID NTAPI GetTypedContextChecked(PWDF_DRIVER_GLOBALS, WDFOBJECT handle,
+                                                     PCWDF_OBJECT_CONTEXT_TYPE_INFO type)
 {
     const PlatformCall call("WdfObjectGetTypedContextWorker", HOST_CALLER, 31,
                             type != nullptr ? type->ContextName : "");

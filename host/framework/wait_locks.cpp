@@ -114,7 +114,7 @@ std::optional<std::chrono::steady_clock::time_point> DeadlineOf(const LONGLONG* 
     return std::chrono::steady_clock::now() + std::chrono::nanoseconds(units * kNanosecondsPerUnit);
 }
 
-NTSTATUS NTAPI AcquireChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLONG timeout)
+[[gnu::noinline]] NTSTATUS NTAPI AcquireChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLONG timeout)
 {
     const bool onlyTries = timeout != nullptr && *timeout == 0;
     const PlatformCall call("WdfWaitLockAcquire", HOST_CALLER, onlyTries ? DISPATCH_LEVEL : PASSIVE_LEVEL);
@@ -147,7 +147,7 @@ NTSTATUS NTAPI AcquireChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLONG
     return STATUS_SUCCESS;
 }
 
-void NTAPI ReleaseChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
+[[gnu::noinline]] void NTAPI ReleaseChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle)
 {
     const PlatformCall call("WdfWaitLockRelease", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
@@ -193,7 +193,8 @@ WaitLockObject* WaitLockAtOnce(const Slot* slot)
                : static_cast<WaitLockObject*>(slot->object.load(std::memory_order_acquire));
 }
 
-void WakeWaiting()
+// With the signature of the call at whose end it stands.
+[[gnu::noinline]] void NTAPI WakeWaiting(PWDF_DRIVER_GLOBALS, WDFWAITLOCK)
 {
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
@@ -215,9 +216,12 @@ NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle, 
              std::ranges::all_of(thread.heldLocks,
                                  [&](WDFOBJECT held) { return LockOrder::IsLookedAt(*waitLock, held); })) &&
             slot->owner.compare_exchange_strong(nobody, thread.id)) {
-            if (slot->object.load(std::memory_order_relaxed) == waitLock) {
+            std::vector<WDFOBJECT>& locks = thread.heldLocks;
+            const bool hasRoom =
+                locks.data() + locks.size() != locks.data() + locks.capacity();  // else memory is taken
+            if (slot->object.load(std::memory_order_relaxed) == waitLock && hasRoom) {
+                locks.push_back(handle);
                 ++thread.criticalRegions;
-                thread.heldLocks.push_back(handle);
                 return STATUS_SUCCESS;
             }
             slot->owner.store(0);
@@ -237,7 +241,7 @@ void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle)
             --thread.criticalRegions;
             slot->owner.exchange(0);
             if (Framework::Current().threads.HasWaiting()) {
-                WakeWaiting();
+                [[clang::musttail]] return WakeWaiting(globals, handle);
             }
             return;
         }
