@@ -54,6 +54,9 @@ public:
     // Whether a thread waits: for who has just ended, without the mutex, what one may wait for.
     [[nodiscard]] bool HasWaiting() const { return waiting_.HasWaiting(); }
 
+    // Waits that found themselves over without having been notified: what ended them announced it too late or never.
+    [[nodiscard]] std::uint64_t EndedUnnotified() const { return waiting_.EndedUnnotified(); }
+
     // ---- With the mutex, which is released during the wait ----
 
     // A thread with something to wait for that can have no end is reported and parked; else true when it is over, and

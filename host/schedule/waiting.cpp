@@ -65,8 +65,10 @@ Wake Waiting::Block(std::unique_lock<std::mutex>& lock, const Wait& wait)
     const ThreadId self = ThreadState::Current().id;
     waits_[self] = &wait;
     ++waitingCount_;
+    bool isNotified = true;
     for (;;) {
         if (const std::optional<Wake> verdict = Judge(wait, self)) {
+            endedUnnotified_ += !isNotified && *verdict == Wake::kReady ? 1 : 0;
             waits_.erase(self);
             --waitingCount_;
             return *verdict;
@@ -79,7 +81,7 @@ Wake Waiting::Block(std::unique_lock<std::mutex>& lock, const Wait& wait)
         if (wait.deadline) {
             until = std::min(until, *wait.deadline);
         }
-        changed_.wait_until(lock, until);
+        isNotified = changed_.wait_until(lock, until) == std::cv_status::no_timeout;
     }
 }
 

@@ -50,6 +50,9 @@ public:
     // Asked without the mutex, by who has just ended what a thread may wait for.
     [[nodiscard]] bool HasWaiting() const { return waitingCount_.load() != 0; }
 
+    // Waits that found themselves over when they looked again, without a notification since.
+    [[nodiscard]] std::uint64_t EndedUnnotified() const { return endedUnnotified_.load(std::memory_order_relaxed); }
+
     // A thread hands its work to another one and waits until that ends or parks.
     void BeginSupervision(ThreadId supervisor, ThreadId worker) { supervised_[worker] = supervisor; }
     void EndSupervision(ThreadId worker) { supervised_.erase(worker); }
@@ -61,6 +64,7 @@ private:
 
     std::condition_variable changed_;
     std::atomic<unsigned> waitingCount_{0};  // counted before the wait is looked at
+    std::atomic<std::uint64_t> endedUnnotified_{0};
     std::map<ThreadId, const Wait*> waits_;
     std::map<ThreadId, ThreadId> supervised_;  // worker to supervisor
 };

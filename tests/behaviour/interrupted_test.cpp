@@ -35,7 +35,7 @@ TEST_P(Interrupted, SubscriberAwaitingAStateIsCalledWithNoOther)
     Peer& subscriber = fixture.Join(1);
     Peer& target = fixture.Join(2);
     ULONG* const current = CurrentStateOf(fixture, target);
-    subscriber.onState = [](const ZepState&, ULONG&) { EndInterruption(); };
+    subscriber.onState = [](const ZepState&, ULONG&) { SingleSteps::End(); };
 
     unsigned instructionCount = 1;
     unsigned calledCount = 0;

@@ -3,16 +3,11 @@
 #pragma once
 
 #include "host/machine.h"
+#include "tests/kit/single_steps.h"
 
 #include <functional>
 
 namespace tests {
-
-#if defined(__x86_64__)
-inline constexpr bool kCanInterrupt = true;
-#else
-inline constexpr bool kCanInterrupt = false;  // no single-stepping
-#endif
 
 struct Interruption {
     const char* function;      // counting begins when the calling thread calls this platform function
@@ -25,8 +20,5 @@ struct Interruption {
 // end of the work, or of the counting.
 unsigned RunInterrupted(host::Machine& machine, const host::Driver& driver, const Interruption& interruption,
                         const std::function<void()>& work);
-
-// Ends the counting and the single-stepping early; the calling thread runs at full speed again.
-void EndInterruption();
 
 }  // namespace tests

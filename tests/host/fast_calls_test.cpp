@@ -1,6 +1,11 @@
 // The calls that drivers make most often are answered without the framework's lock: with the same results and the same
 // reports as when something looks at every call, and beside threads that change what is looked at.
+#include "host/framework/functions.h"
 #include "tests/host/faulty_driver_fixture.h"
+#include "tests/kit/single_steps.h"
+
+#include <dlfcn.h>
+#include <link.h>
 
 #include <atomic>
 #include <thread>
@@ -56,12 +61,29 @@ TEST(FastCalls, AnswerAndReportAsWhenEachCallIsObserved)
     }
 }
 
-TEST(FastCalls, AFaultStrikesThem)
+TEST(FastCalls, AnObserverAndAFaultMeetEachOfThem)
 {
     FaultyDriverFixture fixture;
     const WDFCOLLECTION collection = NewCollection();
     const WDFOBJECT item = NewWithContext();
+    const WDFWAITLOCK lock = NewLock();
     ASSERT_EQ(WdfCollectionAdd(collection, item), STATUS_SUCCESS);
+    std::vector<std::string> seen;
+    fixture.machine.environment().SetObserver([&](const host::ObservedCall& call) { seen.push_back(call.function); });
+    const auto callAll = [&] {
+        (void)WdfObjectGet_FAULTY_CONTEXT(item);
+        (void)WdfCollectionGetCount(collection);
+        (void)WdfCollectionGetItem(collection, 0);
+        (void)WdfWaitLockAcquire(lock, nullptr);
+        WdfWaitLockRelease(lock);
+    };
+    callAll();
+    fixture.machine.environment().SetObserver(nullptr);
+    callAll();
+    const std::vector<std::string> names = {"WdfObjectGetTypedContextWorker", "WdfCollectionGetCount",
+                                            "WdfCollectionGetItem", "WdfWaitLockAcquire", "WdfWaitLockRelease"};
+    EXPECT_EQ(seen, names);
+
     fixture.machine.faults().Add({.function = "WdfCollectionGetItem", .form = host::checks::FaultForm::kNull});
     EXPECT_EQ(WdfCollectionGetItem(collection, 0), nullptr);
     fixture.machine.faults().Clear();
@@ -124,7 +146,115 @@ TEST(FastCalls, LookWhileOtherThreadsAddAndRemove)
     EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 }
 
-TEST(FastCalls, AWaitLockKeepsOtherThreadsOutAndWakesThem)
+// A call that answers at once, about one object.
+struct FastCall {
+    const char* name;
+    const void* code;
+    WDFOBJECT (*make)();
+    std::uintptr_t (*ask)(WDFOBJECT object);
+};
+
+unsigned g_items;  // that the next collection gets: one more than the last
+
+const FastCall kFastCalls[] = {
+    {"typed context", reinterpret_cast<const void*>(&host::framework::functions::ObjectGetTypedContext),
+     [] { return NewWithContext(); },
+     [](WDFOBJECT object) { return reinterpret_cast<std::uintptr_t>(WdfObjectGet_FAULTY_CONTEXT(object)); }},
+    {"count", reinterpret_cast<const void*>(&host::framework::functions::CollectionGetCount),
+     []() -> WDFOBJECT {
+         const WDFCOLLECTION collection = NewCollection();
+         for (unsigned item = 0; item <= g_items % 2; ++item) {
+             EXPECT_EQ(WdfCollectionAdd(collection, NewObject(collection)), STATUS_SUCCESS);
+         }
+         ++g_items;
+         return collection;
+     },
+     [](WDFOBJECT object) -> std::uintptr_t { return WdfCollectionGetCount(static_cast<WDFCOLLECTION>(object)); }},
+    {"item", reinterpret_cast<const void*>(&host::framework::functions::CollectionGetItem),
+     []() -> WDFOBJECT {
+         const WDFCOLLECTION collection = NewCollection();
+         EXPECT_EQ(WdfCollectionAdd(collection, NewObject(collection)), STATUS_SUCCESS);
+         return collection;
+     },
+     [](WDFOBJECT object) {
+         return reinterpret_cast<std::uintptr_t>(WdfCollectionGetItem(static_cast<WDFCOLLECTION>(object), 0));
+     }},
+    {"acquire", reinterpret_cast<const void*>(&host::framework::functions::WaitLockAcquire),
+     []() -> WDFOBJECT { return NewLock(); },
+     [](WDFOBJECT object) -> std::uintptr_t {
+         return WdfWaitLockAcquire(static_cast<WDFWAITLOCK>(object), nullptr) == STATUS_SUCCESS ? 1 : 0;
+     }},
+};
+
+std::size_t SizeOf(const void* code)
+{
+    Dl_info place{};
+    void* symbol = nullptr;
+    EXPECT_NE(dladdr1(code, &place, &symbol, RTLD_DL_SYMENT), 0);
+    return symbol != nullptr && place.dli_saddr == code ? static_cast<const ElfW(Sym)*>(symbol)->st_size : 0;
+}
+
+// The answer is that object's own, or the handle is found to be dead: never the answer of the object that has its memory
+// now, and never the dead object's when it went before the call took hold of it.
+TEST(FastCalls, TakeNoObjectForAnotherThatGoesAndComesBetweenTwoInstructions)
+{
+    if (!kCanInterrupt || kSanitized) {
+        GTEST_SKIP() << "needs a processor with a trap flag, and signals that come at once";
+    }
+    for (const FastCall& call : kFastCalls) {
+        const std::size_t sizeBytes = SizeOf(call.code);
+        ASSERT_NE(sizeBytes, 0u) << call.name;
+        FaultyDriverFixture fixture;
+        unsigned refusals = 0;
+        unsigned seen = 1;
+        unsigned instruction = 1;
+        for (; instruction <= seen; ++instruction) {
+            const WDFOBJECT object = call.make();
+            host::framework::Slot& slot = *host::framework::HandleTable::Current().Find(object);
+            std::uintptr_t expected = 0;
+            fixture.OnThread("before", [&] {
+                expected = call.ask(object);
+                if (slot.type == host::framework::ObjectType::kWaitLock) {
+                    WdfWaitLockRelease(static_cast<WDFWAITLOCK>(object));
+                }
+            });
+            WDFOBJECT successor = nullptr;
+            std::uintptr_t answer = 0;
+            fixture.OnThread("meanwhile", [&] {
+                SingleSteps steps(call.code, sizeBytes, instruction, [&] {
+                    // A locked collection stays, and who holds a lock has taken hold of it.
+                    if (slot.owner == 0) {
+                        WdfObjectDelete(object);
+                        successor = call.make();
+                    }
+                });
+                SingleSteps::Begin();
+                answer = call.ask(object);
+                SingleSteps::End();
+                seen = steps.Seen();
+                if (successor == nullptr && slot.type == host::framework::ObjectType::kWaitLock) {
+                    WdfWaitLockRelease(static_cast<WDFWAITLOCK>(object));
+                }
+            });
+            const std::string where = std::string(call.name) + ", before instruction " + std::to_string(instruction);
+            const std::vector<Rule> rules = fixture.TakeRules();
+            if (answer == 0) {
+                EXPECT_EQ(rules, std::vector{Rule::kDeadHandle}) << where;
+                ++refusals;
+            } else {
+                EXPECT_EQ(answer, expected) << where;
+                EXPECT_EQ(rules, std::vector<Rule>{}) << where << fixture.Text();
+                EXPECT_FALSE(successor != nullptr && slot.type == host::framework::ObjectType::kWaitLock) << where;
+            }
+            WdfObjectDelete(successor != nullptr ? successor : object);
+        }
+        // It comes too late at last.
+        EXPECT_GT(refusals, 1u) << call.name;
+        EXPECT_LT(refusals, instruction - 1) << call.name;
+    }
+}
+
+TEST(FastCalls, AWaitLockKeepsOtherThreadsOut)
 {
     FaultyDriverFixture fixture;
     const WDFWAITLOCK lock = NewLock();
@@ -146,6 +276,29 @@ TEST(FastCalls, AWaitLockKeepsOtherThreadsOutAndWakesThem)
     work();
     other.join();
     EXPECT_EQ(turns, 4000u);
+    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+}
+
+TEST(FastCalls, AReleaseWakesWhoWaits)
+{
+    FaultyDriverFixture fixture;
+    const WDFWAITLOCK lock = NewLock();
+    host::framework::DriverThreads& threads = host::framework::Framework::Current().threads;
+    constexpr std::uint64_t kRounds = 50;
+    for (std::uint64_t round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+        std::thread other([&] {
+            EXPECT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+            WdfWaitLockRelease(lock);
+        });
+        while (!threads.HasWaiting()) {
+            std::this_thread::yield();
+        }
+        WdfWaitLockRelease(lock);
+        other.join();
+    }
+    // A wait looks again from time to time in any case, and may do so just between the release and its notification.
+    EXPECT_LT(threads.EndedUnnotified(), kRounds / 2);
     EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 }
 
