@@ -47,6 +47,7 @@ struct MachineOptions {
     bool guardPages = true;             // allocations end at inaccessible pages and are never reused
     std::size_t poolBytesMaximum = std::size_t{256} << 20;  // of all blocks together; what exceeds it gets null
     bool realTime = false;              // KeDelayExecutionThread waits; otherwise it only advances the clock
+    bool allowMissing = false;          // an image that needs functions which the host lacks loads until it calls one
     std::uint32_t frameworkMinor = 33;  // version of the framework that plays: 1.<minor>
     bool onlyDriverLocks = false;       // the thread sanitizer learns of these alone: schedule/happens_before.h
 };

@@ -3,6 +3,8 @@
 // Each load opens a private copy of the file, so that every load has statics of its own, as an image has. The imports
 // are the executable's own symbols; a missing one refuses the image.
 #include "host/image/image.h"
+#include "host/image/missing.h"
+#include "host/image/native_imports.h"
 #include "host/image/symbols.h"
 
 #include <dlfcn.h>
@@ -133,7 +135,7 @@ public:
     {
         handle_ = dlopen(copy_.path().c_str(), RTLD_NOW | RTLD_LOCAL);
         if (handle_ == nullptr) {
-            throw HostError(file.string() + ": " + dlerror());
+            LoadWithout(file, dlerror());
         }
         entry_ = dlsym(handle_, "FxDriverEntry");
         Dl_info information{};
@@ -176,6 +178,21 @@ public:
     void KeepMapped() override { keepMapped_ = true; }
 
 private:
+    // What the system's loader refused: when functions are missing, says so of all of them, or leaves them to their
+    // calls, at which that loader ends the process with their names.
+    void LoadWithout(const std::filesystem::path& file, const std::string& reason)
+    {
+        handle_ = dlopen(copy_.path().c_str(), RTLD_LAZY | RTLD_LOCAL);
+        if (handle_ == nullptr) {
+            throw HostError(file.string() + ": " + reason);
+        }
+        if (!environment_.options.allowMissing) {
+            const std::vector<std::string> missing = UndefinedSymbols(handle_);
+            dlclose(handle_);
+            throw HostError(MissingText(name_, missing));
+        }
+    }
+
     Environment& environment_;
     std::string name_;
     PrivateCopy copy_;

@@ -2,6 +2,7 @@
 // proves its relocations.
 #include "host/image/exports.h"
 #include "host/image/image.h"
+#include "host/image/missing.h"
 #include "host/image/pe_file.h"
 #include "host/image/symbols.h"
 
@@ -48,7 +49,11 @@ public:
     [[nodiscard]] const void* base() const override { return base_; }
     [[nodiscard]] std::size_t sizeBytes() const override { return file_.imageSize(); }
     [[nodiscard]] const std::string& name() const override { return name_; }
-    void KeepMapped() override { keepMapped_ = true; }
+    void KeepMapped() override
+    {
+        keepMapped_ = true;
+        stubs_.KeepMapped();
+    }
 
     void SealAfterEntry() override
     {
@@ -145,7 +150,7 @@ private:
     void Bind()
     {
         constexpr const char* kPlace = "imports";
-        std::string missing;
+        std::vector<std::string> missing;
         const PeDirectory directory = file_.directory(kDirectoryImport);
         for (std::uint64_t descriptor = directory.address; directory.address != 0; descriptor += 20) {
             const auto names = Read<std::uint32_t>(descriptor, kPlace);
@@ -156,18 +161,15 @@ private:
             }
             BindModule(ReadText(moduleName, kPlace), names != 0 ? names : slots, slots, missing);
         }
-        if (!missing.empty()) {
-            file_.Refuse(kPlace, "not exported by this platform:" + missing);
+        if (!missing.empty() && !environment_.options.allowMissing) {
+            throw HostError(MissingText(name_, missing));
         }
     }
 
-    void BindModule(const std::string& module, std::uint64_t names, std::uint64_t slots, std::string& missing)
+    void BindModule(const std::string& module, std::uint64_t names, std::uint64_t slots,
+                    std::vector<std::string>& missing)
     {
         constexpr const char* kPlace = "imports";
-        if (!HasModule(module)) {
-            missing += " " + module;
-            return;
-        }
         for (;; names += 8, slots += 8) {
             const auto name = Read<std::uint64_t>(names, kPlace);
             if (name == 0) {
@@ -179,7 +181,8 @@ private:
             const std::string symbol = ReadText(name + 2, kPlace);
             void* address = FindExport(module, symbol);
             if (address == nullptr) {
-                missing += " " + module + "!" + symbol;
+                missing.push_back(HasModule(module) ? symbol : module + "!" + symbol);
+                address = stubs_.For(missing.back());
             }
             std::memcpy(Bytes(slots, 8, kPlace), &address, 8);
         }
@@ -237,6 +240,7 @@ private:
     std::size_t reservedSize_ = 0;
     std::uint8_t* base_ = nullptr;
     bool keepMapped_ = false;
+    MissingStubs stubs_;
 };
 
 }  // namespace

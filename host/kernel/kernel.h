@@ -142,5 +142,6 @@ private:
 // Registers the exports of ntoskrnl.exe with the image loader; done once per process.
 void RegisterKernelExports();
 void RegisterTimeExports();
+void RegisterCLibraryExports();
 
 }  // namespace host::kernel

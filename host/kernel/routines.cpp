@@ -1,5 +1,6 @@
 // Strings, comparison, version, debug output, bugcheck, look-up; and the export table of the kernel module.
 #include "host/image/exports.h"
+#include "host/kernel/format.h"
 #include "host/kernel/kernel.h"
 #include "host/schedule/parking.h"
 
@@ -72,45 +73,9 @@ HOST_EXPORT BOOLEAN NTAPI PsGetVersion(PULONG major, PULONG minor, PULONG build,
 
 namespace {
 
-// Text and numbers as they are; wide strings and floating point are not for driver output.
-std::string Format(const char* format, __builtin_ms_va_list arguments)
+std::string Formatted(const char* format, __builtin_ms_va_list& arguments)
 {
-    std::string line;
-    for (const char* at = format; *at != '\0'; ++at) {
-        if (*at != '%') {
-            line.push_back(*at);
-            continue;
-        }
-        std::string form = "%";
-        bool wide = false;
-        for (++at; *at != '\0' && std::strchr("-+ #0123456789.lhIz", *at) != nullptr; ++at) {
-            wide = wide || *at == 'I' || *at == 'z' || (*at == 'l' && at[1] == 'l');
-            if (std::strchr("-+ #0123456789.", *at) != nullptr && !(wide && (*at == '6' || *at == '4'))) {
-                form.push_back(*at);
-            }
-        }
-        char text[64];
-        if (*at == '%' || *at == '\0') {
-            line.push_back('%');
-            if (*at == '\0') {
-                break;
-            }
-        } else if (*at == 's') {
-            const char* argument = __builtin_va_arg(arguments, const char*);
-            line += argument != nullptr ? argument : "(null)";
-        } else if (*at == 'p') {
-            std::snprintf(text, sizeof(text), "%016llX", __builtin_va_arg(arguments, unsigned long long));
-            line += text;
-        } else if (wide) {
-            std::snprintf(text, sizeof(text), (form + "ll" + *at).c_str(),
-                          __builtin_va_arg(arguments, unsigned long long));
-            line += text;
-        } else {
-            std::snprintf(text, sizeof(text), (form + *at).c_str(), __builtin_va_arg(arguments, unsigned));
-            line += text;
-        }
-    }
-    return line;
+    return host::kernel::NarrowBytes(host::kernel::FormatText(host::kernel::Widen(format), false, arguments));
 }
 
 void Print(const PlatformCall& call, const std::string& line)
@@ -132,7 +97,7 @@ HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrintEx(ULONG, ULONG, PCSTR format, ...)
     const PlatformCall call("DbgPrintEx", HOST_CALLER, DISPATCH_LEVEL);
     __builtin_ms_va_list arguments;
     __builtin_ms_va_start(arguments, format);
-    Print(call, Format(format, arguments));
+    Print(call, Formatted(format, arguments));
     __builtin_ms_va_end(arguments);
     return 0;
 }
@@ -142,7 +107,7 @@ HOST_EXPORT ULONG NTAPI_VARIADIC DbgPrint(PCSTR format, ...)
     const PlatformCall call("DbgPrint", HOST_CALLER, DISPATCH_LEVEL);
     __builtin_ms_va_list arguments;
     __builtin_ms_va_start(arguments, format);
-    Print(call, Format(format, arguments));
+    Print(call, Formatted(format, arguments));
     __builtin_ms_va_end(arguments);
     return 0;
 }
@@ -168,49 +133,6 @@ HOST_EXPORT PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING name)
     }
     return host::kernel::FindSystemRoutine(routine, host::Environment::Current().options);
 }
-
-// For images built with the WDK, whose C library calls lead into the kernel; ours bring their own.
-namespace {
-
-void* NTAPI_VARIADIC KernelMemcpy(void* destination, const void* source, size_t size)
-{
-    return std::memcpy(destination, source, size);
-}
-
-void* NTAPI_VARIADIC KernelMemmove(void* destination, const void* source, size_t size)
-{
-    return std::memmove(destination, source, size);
-}
-
-void* NTAPI_VARIADIC KernelMemset(void* destination, int value, size_t size)
-{
-    return std::memset(destination, value, size);
-}
-
-int NTAPI_VARIADIC KernelMemcmp(const void* first, const void* second, size_t size)
-{
-    return std::memcmp(first, second, size);
-}
-
-int NTAPI_VARIADIC KernelMemcpyS(void* destination, size_t destinationSize, const void* source, size_t size)
-{
-    constexpr int kInvalid = 22;
-    constexpr int kRange = 34;
-    if (size == 0) {
-        return 0;
-    }
-    if (destination == nullptr) {
-        return kInvalid;
-    }
-    if (source == nullptr || destinationSize < size) {
-        std::memset(destination, 0, destinationSize);
-        return source == nullptr ? kInvalid : kRange;
-    }
-    std::memcpy(destination, source, size);
-    return 0;
-}
-
-}  // namespace
 
 // Declared by nobody's header: looked up by name.
 #undef ExFreePool
@@ -264,14 +186,10 @@ void RegisterKernelExports()
         Of("IoWMIRegistrationControl", &IoWMIRegistrationControl),
         Of("WmiTraceMessage", &WmiTraceMessage),
         Of("WmiQueryTraceInformation", &WmiQueryTraceInformation),
-        Of("memcpy", &KernelMemcpy),
-        Of("memmove", &KernelMemmove),
-        Of("memset", &KernelMemset),
-        Of("memcmp", &KernelMemcmp),
-        Of("memcpy_s", &KernelMemcpyS),
     };
     image::AddExports("ntoskrnl.exe", kExports);
     RegisterTimeExports();
+    RegisterCLibraryExports();
 }
 
 }  // namespace host::kernel

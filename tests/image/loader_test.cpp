@@ -96,8 +96,9 @@ TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
         {"relocations stripped", Write(Optional(-2), {0x23, 0x00}), "relocations are stripped"},
         {"relocation outside", Write(Table(5), {0xFF, 0xFF, 0xFF, 0x7F}), "outside the image"},
         {"relocation type", Write(Table(5, 8), {0x00, 0x30}), "type 3"},
-        {"unknown module", Write(Followed(Table(1, 12)), {'q'}), "not exported by this platform"},
-        {"unknown name", Write(Followed(Followed(Table(1)), 2), {'q'}), "not exported by this platform"},
+        {"unknown module", Write(Followed(Table(1, 12)), {'q'}), " functions that this host does not play: q"},
+        {"unknown name", Write(Followed(Followed(Table(1)), 2), {'q'}),
+         "needs a function that this host does not play: q"},
         {"import by ordinal", Write(Followed(Table(1), 7), {0x80}), "by ordinal"},
     };
     for (const Row& row : kRows) {
