@@ -47,7 +47,8 @@ add_custom_command(OUTPUT ${ZEPN_DECODING_FILES}/zepn.man
 add_custom_target(decoding_files ALL DEPENDS ${ZEPN_DECODING_FILES}/zepn.man)
 
 # zepn_add_image(name source...): the targets <name>_<machine> make out/<machine>/<name>.sys, .pdb and .map. Sources are
-# relative to the root; what the WDK would link is added, and the resources that ${name}_RESOURCES names.
+# relative to the root; what the WDK would link is added, unless ${name}_PLATFORM_SOURCES says what else is, with the
+# import library ${name}_KERNEL_LIBRARY; and the resources that ${name}_RESOURCES names.
 function(zepn_add_image name)
     foreach(machine ${ZEPN_MACHINES})
         zepn_add_image_for(${machine} ${name} ${ARGN})
@@ -55,7 +56,11 @@ function(zepn_add_image name)
 endfunction()
 
 function(zepn_add_image_for machine name)
-    set(sources ${ARGN} ${ZEPN_PLATFORM_SOURCES} ${ZEPN_IMAGE_SOURCES})
+    if(NOT DEFINED ${name}_PLATFORM_SOURCES)
+        set(${name}_PLATFORM_SOURCES ${ZEPN_PLATFORM_SOURCES})
+        set(${name}_KERNEL_LIBRARY ntoskrnl.lib)
+    endif()
+    set(sources ${ARGN} ${${name}_PLATFORM_SOURCES} ${ZEPN_IMAGE_SOURCES})
     set(objects ${name}_${machine}_objects)
     add_library(${objects} OBJECT EXCLUDE_FROM_ALL ${sources})
     target_include_directories(${objects} PRIVATE platform/include)
@@ -73,9 +78,9 @@ function(zepn_add_image_for machine name)
     add_custom_command(OUTPUT ${product}.sys ${product}.pdb ${product}.map
         COMMAND lld-link-19 ${ZEPN_IMAGE_LINK_OPTIONS} /machine:${machine} ${${machine}_LINK_OPTIONS}
                 /pdb:${name}.pdb /lldmap:${name}.map /out:${name}.sys
-                ${object_names} ${resources} ntoskrnl.lib wdfldr.lib
+                ${object_names} ${resources} ${${name}_KERNEL_LIBRARY} wdfldr.lib
         DEPENDS ${objects} $<TARGET_OBJECTS:${objects}> import_libraries_${machine}
-                ${machine}/ntoskrnl.lib ${machine}/wdfldr.lib resources ${${name}_RESOURCES}
+                ${machine}/${${name}_KERNEL_LIBRARY} ${machine}/wdfldr.lib resources ${${name}_RESOURCES}
         WORKING_DIRECTORY ${CMAKE_BINARY_DIR}/${machine} VERBATIM)
     add_custom_target(${name}_${machine}
         COMMAND ${CMAKE_COMMAND} -E make_directory ${out}
@@ -103,3 +108,16 @@ foreach(machine ${ZEPN_MACHINES})
         add_dependencies(samples_${machine} ${sample}_${machine})
     endforeach()
 endforeach()
+
+# A test's, linked as a kit links: with an entry stub of its kind, and the kernel's C library instead of its own.
+set(wdk_linked_PLATFORM_SOURCES tests/image/wdk_linked/entry.cpp)
+set(wdk_linked_KERNEL_LIBRARY wdk_linked_kernel.lib)
+foreach(machine ${ZEPN_MACHINES})
+    set(exports ${CMAKE_SOURCE_DIR}/tests/image/wdk_linked/ntoskrnl.def)
+    add_custom_command(OUTPUT ${machine}/wdk_linked_kernel.lib
+        COMMAND llvm-dlltool-19 -m ${${machine}_DLLTOOL} -d ${exports} -l ${machine}/wdk_linked_kernel.lib
+        DEPENDS ${exports} VERBATIM)
+endforeach()
+zepn_add_image(wdk_linked tests/image/wdk_linked/driver.cpp)
+set_source_files_properties(tests/image/wdk_linked/driver.cpp PROPERTIES COMPILE_OPTIONS -Wno-frame-larger-than)
+add_custom_target(wdk_linked DEPENDS wdk_linked_arm64 wdk_linked_x64)

@@ -165,6 +165,10 @@ PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maxim
     if (level > maximum) {
         Violation(checks::Rule::kIrql,
                   "called at IRQL " + std::to_string(level) + ", allowed up to " + std::to_string(maximum));
+    } else if (level > APC_LEVEL && environment.pagedCode.Contains(caller)) {
+        Violation(checks::Rule::kIrql, "called at IRQL " + std::to_string(level) +
+                                           " from code that may be paged out, which runs up to " +
+                                           std::to_string(APC_LEVEL));
     }
     const unsigned armed = theArmed.load(std::memory_order_relaxed);
     if ((armed & kArmedObserver) != 0) {

@@ -6,6 +6,7 @@
 
 #include "host/checks/faults.h"
 #include "host/checks/modules.h"
+#include "host/checks/paged_code.h"
 #include "host/checks/violations.h"
 #include "host/schedule/happens_before.h"
 
@@ -74,6 +75,7 @@ public:
     checks::Violations violations;
     checks::FaultPlan faults;
     checks::Modules modules;
+    checks::PagedCode pagedCode;
 
     // Called for every platform call before it acts; an empty one for nobody. Set only while no driver code runs.
     using Observer = std::function<void(const ObservedCall&)>;

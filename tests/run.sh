@@ -50,7 +50,7 @@ title_of() {
 }
 
 build_images_for_tests() {
-    build windows decoding_files all_images minimal_x64 minimal_arm64 samples_x64 samples_arm64
+    build windows decoding_files all_images minimal_x64 minimal_arm64 samples_x64 samples_arm64 wdk_linked
 }
 
 # ---- Running ----
@@ -236,7 +236,7 @@ images_for() {
         host) ;;
         behaviour | fault_injection | concurrency | model) [ "$only" = native ] || targets+=("zepn_$machine") ;;
         bench) targets+=(all_images minimal_x64 minimal_arm64) ;;
-        *) targets+=(all_images samples_x64 samples_arm64) ;;
+        *) targets+=(all_images samples_x64 samples_arm64 wdk_linked) ;;
         esac
     done
     printf '%s\n' "${targets[@]}" | sort -u

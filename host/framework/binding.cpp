@@ -2,6 +2,8 @@
 #include "host/framework/driver_load.h"
 #include "host/image/exports.h"
 
+#include <fxldr.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -47,7 +49,7 @@ bool IsComponent(const WCHAR* component)
 // What the loader and then the framework say to a client's demand.
 NTSTATUS CheckDemand(const WDF_BIND_INFO& info, unsigned runningMinor)
 {
-    if (info.Size != sizeof(WDF_BIND_INFO) || info.FuncTable == nullptr) {
+    if ((info.Size != sizeof(WDF_BIND_INFO) && info.Size != sizeof(WDF_BIND_INFO2)) || info.FuncTable == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     if (!IsComponent(info.Component) || info.Version.Major != kMajor) {
@@ -81,6 +83,7 @@ void RegisterLoaderExports()
         {"WdfVersionUnbind", reinterpret_cast<void*>(&WdfVersionUnbind)},
     };
     image::AddExports("WDFLDR.SYS", kExports);
+    RegisterClassBindingExports();
 }
 
 }  // namespace host::framework
@@ -125,6 +128,13 @@ HOST_EXPORT NTSTATUS NTAPI WdfVersionBind(PDRIVER_OBJECT driverObject, PUNICODE_
         *static_cast<const WDFFUNC**>(info->FuncTable) = table;
     } else {
         std::memcpy(info->FuncTable, table, info->FuncCount * sizeof(WDFFUNC));
+    }
+    // Clients from 1.25 on want to know, too, what they may use of a framework that is older than they are. Here it
+    // never is, so they look at nothing else.
+    if (info->Size == sizeof(WDF_BIND_INFO2)) {
+        const auto& later = *reinterpret_cast<const WDF_BIND_INFO2*>(info);
+        *later.ClientVersionHigherThanFramework = FALSE;
+        *later.FunctionCount = host::framework::FunctionCountOf(framework.environment.options.frameworkMinor);
     }
     info->Module = instance;
     *globals = made;

@@ -54,11 +54,17 @@ private:
 // The table that drivers call through, 458 entries.
 inline constexpr unsigned kFunctionCount = 458;
 [[nodiscard]] const WDFFUNC* FunctionTable();
+struct TableEntry {
+    const char* name;
+    bool isPlayed;
+};
+[[nodiscard]] TableEntry EntryAt(unsigned index);
 
 // Lets the kernel's ExUnregisterCallback wait among all other waits of driver threads (callback_waits.cpp).
 void ConnectCallbackWaits(Framework& framework);
 
 // Exports of the framework's loader; registered once per process.
 void RegisterLoaderExports();
+void RegisterClassBindingExports();
 
 }  // namespace host::framework

@@ -1,6 +1,6 @@
 // The function table that drivers call through. Entries that this host does not have are stubs that name themselves.
+#include "host/checks/absent.h"
 #include "host/framework/functions.h"
-#include "host/schedule/parking.h"
 
 #include <sys/mman.h>
 
@@ -11,61 +11,12 @@
 namespace host::framework {
 namespace {
 
-struct EntryName {
-    unsigned index;
-    const char* name;
-};
-
-// Entries that drivers of this kind are likely to reach for; others are named by their index.
-constexpr EntryName kAbsent[] = {
-    {29, "WdfDeviceSetDeviceState"},
-    {42, "WdfDeviceGetIoTarget"},
-    {43, "WdfDeviceGetDevicePnpState"},
-    {48, "WdfDeviceOpenRegistryKey"},
-    {54, "WdfDeviceInitFree"},
-    {68, "WdfDeviceInitAssignSDDLString"},
-    {69, "WdfDeviceInitSetDeviceClass"},
-    {74, "WdfDeviceInitSetIoInCallerContextCallback"},
-    {79, "WdfDeviceRetrieveDeviceInterfaceString"},
-    {83, "WdfDeviceSetPnpCapabilities"},
-    {84, "WdfDeviceSetPowerCapabilities"},
-    {87, "WdfDeviceSetFailed"},
-    {117, "WdfDriverGetRegistryPath"},
-    {120, "WdfWdmDriverGetWdfDriverHandle"},
-    {122, "WdfDriverRetrieveVersionString"},
-    {123, "WdfDriverIsVersionAvailable"},
-    {137, "WdfFileObjectGetFileName"},
-    {138, "WdfFileObjectGetFlags"},
-    {140, "WdfFileObjectWdmGetFileObject"},
-    {153, "WdfIoQueueGetState"},
-    {154, "WdfIoQueueStart"},
-    {155, "WdfIoQueueStop"},
-    {163, "WdfIoQueueDrain"},
-    {165, "WdfIoQueuePurge"},
-    {209, "WdfObjectQuery"},
-    {229, "WdfRegistryOpenKey"},
-    {230, "WdfRegistryCreateKey"},
-    {232, "WdfRegistryWdmGetHandle"},
-    {264, "WdfRequestCompleteWithPriorityBoost"},
-    {280, "WdfRequestGetRequestorMode"},
-    {285, "WdfRequestWdmGetIrp"},
-    {310, "WdfObjectAcquireLock"},
-    {311, "WdfObjectReleaseLock"},
-    {367, "WdfVerifierDbgBreakPoint"},
-    {368, "WdfVerifierKeBugCheck"},
-    {432, "WdfDeviceInitSetIoTypeEx"},
-};
+// Filled with the table: by Set, and from the list of those that are not played.
+std::array<TableEntry, kFunctionCount> g_entries;
 
 [[noreturn]] void ReportAbsent(unsigned index, const void* caller)
 {
-    std::string name = "framework function " + std::to_string(index);
-    for (const EntryName& entry : kAbsent) {
-        if (entry.index == index) {
-            name = std::string(entry.name) + " (entry " + std::to_string(index) + ")";
-        }
-    }
-    Environment::Current().Report(checks::Rule::kNotProvided, name, "this host does not have it", caller);
-    schedule::ParkThisThread("called " + name + ", which this host does not have");
+    checks::StopAtAbsent(std::string(g_entries[index].name) + " (entry " + std::to_string(index) + ")", caller);
 }
 
 template <unsigned kIndex>
@@ -84,11 +35,12 @@ Table AllAbsent(std::integer_sequence<unsigned, kIndices...>)
 
 // The prototype that drivers call by is checked against the function.
 template <class Prototype>
-void Set(Table& table, unsigned index, Prototype function)
+void Set(Table& table, unsigned index, const char* name, Prototype function)
 {
     table[index] = reinterpret_cast<WDFFUNC>(function);
+    g_entries[index] = {name, true};
 }
-#define PROVIDE(name, function) Set<PFN_##name>(table, name##TableIndex, &functions::function)
+#define PROVIDE(name, function) Set<PFN_##name>(table, name##TableIndex, #name, &functions::function)
 
 void ProvideObjects(Table& table)
 {
@@ -214,6 +166,8 @@ void ProvideDeviceSettings(Table& table)
 const WDFFUNC* MakeTable()
 {
     Table table = AllAbsent(std::make_integer_sequence<unsigned, kFunctionCount>());
+#define WDF_ABSENT(index, name) g_entries[index] = {#name, false};
+#include <wdfabsent.h>
     ProvideObjects(table);
     ProvideDevices(table);
     ProvideValues(table);
@@ -229,6 +183,12 @@ const WDFFUNC* MakeTable()
 }
 
 }  // namespace
+
+TableEntry EntryAt(unsigned index)
+{
+    (void)FunctionTable();
+    return g_entries[index];
+}
 
 const WDFFUNC* FunctionTable()
 {

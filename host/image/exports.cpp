@@ -47,6 +47,17 @@ bool HasModule(std::string_view module)
     return table.modules.contains(LowerCase(module));
 }
 
+std::vector<std::string> ExportsOf(std::string_view module)
+{
+    Table& table = TheTable();
+    const std::lock_guard lock(table.mutex);
+    std::vector<std::string> names;
+    for (const auto& [name, address] : table.modules[LowerCase(module)]) {
+        names.push_back(name);
+    }
+    return names;
+}
+
 void* FindExport(std::string_view module, std::string_view name)
 {
     Table& table = TheTable();

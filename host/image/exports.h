@@ -2,7 +2,9 @@
 #pragma once
 
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace host::image {
 
@@ -21,6 +23,9 @@ constexpr Export Of(const char* name, Function* function)
 void AddExports(std::string_view module, std::span<const Export> exports);
 
 [[nodiscard]] bool HasModule(std::string_view module);
+
+// The names that a module exports, sorted.
+[[nodiscard]] std::vector<std::string> ExportsOf(std::string_view module);
 
 // Null when the module has no such export.
 [[nodiscard]] void* FindExport(std::string_view module, std::string_view name);

@@ -32,11 +32,19 @@ public:
             throw;
         }
         environment_.modules.Add(base_, file_.imageSize(), name_, MapFileSymbols(path));
+        for (const PeSection& section : file_.sections()) {
+            if (section.IsExecutable() && section.name.starts_with("PAGE")) {
+                environment_.pagedCode.Add(base_ + section.virtualAddress, section.virtualSize);
+            }
+        }
     }
 
     ~PeImage() override
     {
         environment_.modules.Remove(base_);
+        for (const PeSection& section : file_.sections()) {
+            environment_.pagedCode.Remove(base_ + section.virtualAddress);
+        }
         if (!keepMapped_) {
             Unmap();
         }

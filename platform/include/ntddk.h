@@ -348,6 +348,8 @@ NTKERNELAPI NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_
 _IRQL_requires_max_(PASSIVE_LEVEL)
 NTKERNELAPI NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID NotificationEntry);
 
+#include <ntabsent.h>
+
 // ---- Event tracing ----
 
 typedef VOID(NTAPI ETWENABLECALLBACK)(LPCGUID SourceId, ULONG ControlCode, UCHAR Level, ULONGLONG MatchAnyKeyword,

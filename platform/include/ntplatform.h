@@ -51,6 +51,16 @@
 #error "64-bit x86 and ARM only"
 #endif
 
+// A function of the platform that the host does not play. With any arguments, so that nothing but this is said of a call.
+#if defined(__cplusplus)
+#define PLATFORM_ANY_PARAMETERS ...
+#else
+#define PLATFORM_ANY_PARAMETERS
+#endif
+#define PLATFORM_ABSENT(name)                                                                                   \
+    EXTERN_C __attribute__((unavailable("the host does not play it; docs/platform.md lists what it plays"))) LONG \
+    name(PLATFORM_ANY_PARAMETERS);
+
 #define STDCALL NTAPI
 #define DECLSPEC_ALIGN(bytes) __attribute__((aligned(bytes)))
 #define POINTER_ALIGNMENT DECLSPEC_ALIGN(8)

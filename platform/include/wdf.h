@@ -582,6 +582,8 @@ WDF_CALL(382, WdfWorkItemFlush, VOID, (WDFWORKITEM WorkItem), (WorkItem))
 
 #undef WDF_CALL
 
+#include <wdfabsent.h>
+
 // No table call: the framework publishes the handle in the globals when WdfDriverCreate succeeds.
 FORCEINLINE WDFDRIVER WdfGetDriver(VOID)
 {

@@ -226,6 +226,8 @@ constexpr std::string_view kKernelNames[] = {
     "RtlCompareMemory",
     "RtlCopyUnicodeString",
     "RtlInitUnicodeString",
+    "_vsnprintf",
+    "_vsnwprintf",
 };
 constexpr std::string_view kFrameworkLoaderNames[] = {"WdfVersionBind", "WdfVersionUnbind"};
 constexpr AllowedModule kAllowedModules[] = {{"ntoskrnl.exe", kKernelNames}, {"WDFLDR.SYS", kFrameworkLoaderNames}};
