@@ -61,6 +61,7 @@ int main(int argumentCount, char** arguments)
     bool traceMessages = false;
     bool json = false;
     bool samples = false;
+    bool allowMissing = false;
     std::string color = "auto";
     std::string diagramFile;
     std::string diagramPart;
@@ -84,8 +85,11 @@ int main(int argumentCount, char** arguments)
     CLI::Option* perfettoOption =
         app.add_option("--perfetto", perfettoFile, "write the run as trace events for Perfetto and Chrome's viewer");
     // Its lines are what the drivers print.
-    app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario")
-        ->excludes(scenarioOption, etwOption, traceOption, captureOption, diagramOption, perfettoOption);
+    CLI::Option* samplesOption =
+        app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario")
+            ->excludes(scenarioOption, etwOption, traceOption, captureOption, diagramOption, perfettoOption);
+    app.add_flag("--allow-missing", allowMissing, "load images that need functions which the host does not play")
+        ->excludes(samplesOption);
     app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
     if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
         return *status;
@@ -112,6 +116,7 @@ int main(int argumentCount, char** arguments)
         options.traceMessages = traceMessages;
         options.capture = capture;
         options.realTime = true;
+        options.allowMissing = allowMissing;
         if (eventLevel >= 0) {
             options.eventLevel = static_cast<std::uint8_t>(eventLevel);
         }

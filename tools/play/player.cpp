@@ -45,7 +45,7 @@ void Do(Run& run, const Step& step)
 
 bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeline)
 {
-    Run run(scenario, timeline, options.realTime);
+    Run run(scenario, timeline, options.realTime, options.allowMissing);
     std::optional<ReportListener> reports;
     if (ReportListener::IsWanted(options)) {
         reports.emplace(options, run.machine.tracing(), timeline);

@@ -16,6 +16,7 @@ struct PlayOptions {
     std::optional<std::uint8_t> eventLevel;  // open an event session at this level
     bool traceMessages = false;              // open a trace-message session with all flags and levels
     std::filesystem::path capture;           // file for all reports, raw; empty: none
+    bool allowMissing = false;               // images may need what the host does not play, until they call it
     bool realTime = false;                   // the configured wait before sleep is really waited
 };
 

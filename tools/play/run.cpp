@@ -13,9 +13,10 @@ namespace {
 
 constexpr std::uint32_t kRealWaitMaximumMs = 60'000;  // nobody watches a longer one
 
-host::MachineOptions MachineOptionsFor(const Scenario& scenario, bool realTime)
+host::MachineOptions MachineOptionsFor(const Scenario& scenario, bool realTime, bool allowMissing)
 {
     host::MachineOptions options;
+    options.allowMissing = allowMissing;
     options.realTime = realTime && std::ranges::all_of(scenario.steps, [](const Step& step) {
                            return step.action != Action::kTimeout || step.argument <= kRealWaitMaximumMs;
                        });
@@ -24,9 +25,9 @@ host::MachineOptions MachineOptionsFor(const Scenario& scenario, bool realTime)
 
 }  // namespace
 
-Run::Run(const Scenario& scenarioOfRun, Timeline& timelineOfRun, bool realTime)
-    : scenario(scenarioOfRun), timeline(timelineOfRun), machine(MachineOptionsFor(scenarioOfRun, realTime)),
-      peers(scenarioOfRun, timelineOfRun)
+Run::Run(const Scenario& scenarioOfRun, Timeline& timelineOfRun, bool realTime, bool allowMissing)
+    : scenario(scenarioOfRun), timeline(timelineOfRun),
+      machine(MachineOptionsFor(scenarioOfRun, realTime, allowMissing)), peers(scenarioOfRun, timelineOfRun)
 {
 }
 

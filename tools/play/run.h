@@ -20,8 +20,9 @@ inline constexpr const char* kService = "zepn";
 
 class Run {
 public:
-    // A machine without the driver. `realTime`: the configured wait before sleep is really waited.
-    Run(const Scenario& scenario, Timeline& timeline, bool realTime);
+    // A machine without the driver. `realTime`: the configured wait before sleep is really waited. `allowMissing`: images
+    // may need what the host does not play.
+    Run(const Scenario& scenario, Timeline& timeline, bool realTime, bool allowMissing = false);
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
