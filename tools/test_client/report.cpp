@@ -129,7 +129,11 @@ void Print(std::ostream& out, const CourseSetup& setup, const Report& report, bo
         out << "  " << (isBad(result) ? color.bad : color.good) << (isBad(result) ? "FAILED  " : "passed  ")
             << color.none << (isFault ? "fault: " : "") << result.name << "\n";
         if (isBad(result) && &result != &*first) {
-            PrintFindings(out, result);
+            if (result.findings.front().text == first->findings.front().text) {
+                out << "      the same\n";
+            } else {
+                PrintFindings(out, result);
+            }
         }
     }
     if (faultCount != 0) {

@@ -53,8 +53,19 @@ void Run::AddFinding(std::string text, std::vector<std::string> details)
 
 void Run::Check()
 {
+    // The same mistake made many times is one finding.
+    std::vector<std::pair<std::string, unsigned>> texts;
     for (const host::checks::Violation& violation : machine.violations().Take()) {
-        AddFinding(violation.Text());
+        const std::string text = violation.Text();
+        const auto same = std::ranges::find(texts, text, &std::pair<std::string, unsigned>::first);
+        if (same != texts.end()) {
+            ++same->second;
+        } else {
+            texts.emplace_back(text, 1);
+        }
+    }
+    for (const auto& [text, count] : texts) {
+        AddFinding(count == 1 ? text : text + " (" + std::to_string(count) + " times)");
     }
     if (!findings_.empty()) {
         throw Stopped();
