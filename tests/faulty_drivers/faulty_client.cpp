@@ -82,7 +82,7 @@ NTSTATUS Join(WDFDEVICE device)
             status = Post(client, 1);
             WdfSpinLockRelease(client.SpinLock);
         }
-        if (!NT_SUCCESS(status)) {
+        if (!NT_SUCCESS(status) && client.Made != Mistake::kForgetsFailedStart) {
             (void)client.Notifier.Notifier_HelperClientDeinit(&kOwn);
         }
     }

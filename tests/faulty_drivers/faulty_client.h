@@ -8,5 +8,7 @@ enum class Mistake : unsigned {
     kUsesFreedMemory,
     kLeaks,
     kCallsAtDispatchLevel,
-    kTrustsAllocation,  // shows only when one fails
+    // These show only when a call fails.
+    kTrustsAllocation,
+    kForgetsFailedStart,  // and stays registered
 };

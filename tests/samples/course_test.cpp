@@ -72,11 +72,14 @@ TEST(CourseOfAFaultyClient, FindsEachMistake)
     };
     const Row rows[] = {
         {Mistake::kPostsInCallback, "takes states and commands", {"A client that it watches posts", "self-wait"}},
-        {Mistake::kNeverDeregisters, "starts before the Notifier", {"is still registered"}},
+        {Mistake::kNeverDeregisters, "starts before the Notifier", {"is still registered with the Notifier"}},
         {Mistake::kUsesFreedMemory, "takes states and commands", {"It is sent command 1", "ReadFreedBlock"}},
         {Mistake::kLeaks, "takes states and commands", {"its driver unloaded", "leak"}},
         {Mistake::kCallsAtDispatchLevel, "starts before the Notifier", {"IRQL: WdfWaitLockAcquire"}},
         {Mistake::kTrustsAllocation, "ExAllocatePoolWithTag, call 1, by ", {"FillNewBlock"}},
+        {Mistake::kForgetsFailedStart,
+         "Notifier_HelperRegisterForStateNotification, call 1: ",
+         {"is still registered"}},
     };
     for (const Row& row : rows) {
         const std::string number = std::to_string(static_cast<unsigned>(row.mistake));
