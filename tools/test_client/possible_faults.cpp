@@ -59,6 +59,7 @@ constexpr Row kRows[] = {
     {"WdfRegistryAssignUnicodeString", kNoMemory},
     {"WdfRegistryAssignString", kNoMemory},
     {"WdfRegistryAssignValue", kNoMemory},
+    {"ExAllocatePool2", kNothing},
     {"ExAllocatePoolWithTag", kNothing},
     {"ExCreateCallback", kNotThere},
     {"ExRegisterCallback", kNothing},
