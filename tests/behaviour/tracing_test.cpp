@@ -279,7 +279,7 @@ TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
 
 TEST_P(Reporting, OldRouteAnswersWhatItCannotDo)
 {
-    DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kLegacy}, .boots = false});
+    DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kWmi}, .boots = false});
     fixture.Lose("MmGetSystemRoutineAddress", "WmiQueryTraceInformation");
     fixture.Load();
     fixture.EndFaults();
