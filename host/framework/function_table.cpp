@@ -127,6 +127,8 @@ void ProvideValues(Table& table)
     PROVIDE(WdfRegistryAssignString, RegistryAssignString);
     PROVIDE(WdfStringCreate, StringCreate);
     PROVIDE(WdfStringGetUnicodeString, StringGetUnicodeString);
+    PROVIDE(WdfDriverRetrieveVersionString, DriverRetrieveVersionString);
+    PROVIDE(WdfDriverIsVersionAvailable, DriverIsVersionAvailable);
 }
 
 void ProvideRequestBuffers(Table& table)

@@ -576,6 +576,7 @@ WDF_CALL(382, WdfWorkItemFlush, VOID, (WDFWORKITEM WorkItem), (WorkItem))
 #include <wdfrequest.h>
 #include <wdfresource.h>
 #include <wdfstring.h>
+#include <wdfdriver.h>
 #include <wdftimer.h>
 
 #include <wdfregistry.h>

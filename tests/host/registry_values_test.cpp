@@ -76,6 +76,35 @@ TEST(StringObjects, KeepACopyWithATerminator)
     EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kIrql});
 }
 
+TEST(StringObjects, TellTheVersionOfTheFramework)
+{
+    FaultyDriverFixture fixture({.frameworkMinor = 21});
+    WDFSTRING string = nullptr;
+    UNICODE_STRING text{};
+    ASSERT_EQ(WdfStringCreate(nullptr, nullptr, &string), STATUS_SUCCESS);
+    EXPECT_EQ(WdfDriverRetrieveVersionString(fixture.driver.Handle(), string), STATUS_SUCCESS);
+    WdfStringGetUnicodeString(string, &text);
+    EXPECT_EQ(TextIn(text), "Kernel Mode Driver Framework version 01.021.0");
+
+    const auto isAvailable = [&](ULONG major, ULONG minor, ULONG size = 12) {
+        WDF_DRIVER_VERSION_AVAILABLE_PARAMS parameters;
+        WDF_DRIVER_VERSION_AVAILABLE_PARAMS_INIT(&parameters, major, minor);
+        parameters.Size = size;
+        return WdfDriverIsVersionAvailable(fixture.driver.Handle(), &parameters);
+    };
+    EXPECT_TRUE(isAvailable(1, 21));
+    EXPECT_TRUE(isAvailable(1, 0));
+    EXPECT_FALSE(isAvailable(1, 22));
+    EXPECT_FALSE(isAvailable(2, 0));
+    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{});
+    EXPECT_FALSE(isAvailable(1, 21, 8));
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kBadParameter});
+    const host::ScopedIrql dispatch(DISPATCH_LEVEL);
+    isAvailable(1, 21);
+    (void)WdfDriverRetrieveVersionString(fixture.driver.Handle(), string);
+    EXPECT_EQ(fixture.TakeRules(), (std::vector{Rule::kIrql, Rule::kIrql}));
+}
+
 TEST(RegistryValues, AreReadWholeOrNotAtAll)
 {
     RegistryFixture fixture;

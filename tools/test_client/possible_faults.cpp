@@ -35,6 +35,7 @@ constexpr Row kRows[] = {
     {"WdfMemoryCreate", kNoMemory},
     {"WdfMemoryCreatePreallocated", kNoMemory},
     {"WdfStringCreate", kNoMemory},
+    {"WdfDriverRetrieveVersionString", kNoMemory},
     {"WdfDeviceAssignS0IdleSettings", kNoMemory},
     // The sender of a request says how large its buffers are.
     {"WdfRequestRetrieveInputBuffer", kTooSmall},
