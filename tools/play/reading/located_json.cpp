@@ -101,25 +101,20 @@ public:
         open_.back()->members.push_back({name, PlaceOf(TextBegin()), {}});
         return true;
     }
-    bool end_object() override
-    {
-        open_.pop_back();
-        return true;
-    }
+    bool end_object() override { return Close(); }
     bool start_array(std::size_t) override
     {
         Open(JsonValue::Kind::kArray);
         return true;
     }
-    bool end_array() override
-    {
-        open_.pop_back();
-        return true;
-    }
+    bool end_array() override { return Close(); }
     bool parse_error(std::size_t position, const std::string&, const json::exception& error) override
     {
         std::string message = error.what();
-        // Behind the library's own name for the error, and the place where it knows one.
+        if (IsCommaMissing(message)) {
+            throw JsonError{PlaceOf(valueEnd_), "a comma is missing after this value"};
+        }
+        // After the library's own name for the error, and the place where it knows one.
         for (const char* before : {"] ", "column", ": "}) {
             const std::size_t at = message.find(before);
             message.erase(0, at == std::string::npos ? 0 : at + std::strlen(before));
@@ -135,6 +130,27 @@ private:
                 static_cast<unsigned>(std::min(offset, text_.size()) - *std::prev(next) + 1)};
     }
 
+    bool Close()
+    {
+        open_.pop_back();
+        valueEnd_ = count_;
+        return true;
+    }
+
+    // After a value of a list or an object the library expects its end or a comma, and has found another value.
+    [[nodiscard]] bool IsCommaMissing(const std::string& message) const
+    {
+        if (open_.empty() || valueEnd_ == 0 ||
+            (!message.ends_with("; expected ']'") && !message.ends_with("; expected '}'"))) {
+            return false;
+        }
+        return std::ranges::any_of(kValueBegins, [&message](const char* begin) {
+            return message.find(std::string("unexpected ") + begin) != std::string::npos;
+        });
+    }
+    static constexpr const char* kValueBegins[] = {"'{'",   "'['", "string literal", "number literal", "true",
+                                                   "false", "null"};
+
     void Open(JsonValue::Kind kind)
     {
         if (open_.size() == kDepthMaximum) {
@@ -143,19 +159,20 @@ private:
         open_.push_back(Add(kind, count_ - 1));
     }
 
-    // Where the number or word begins that was just read. The parser may have looked at one character behind it.
+    [[nodiscard]] bool IsPartOfWord(std::size_t at) const
+    {
+        const char letter = text_[at];
+        return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '-' || letter == '+' || letter == '.';
+    }
+
+    // Where the number or word begins that was just read. The parser may have looked at one character after it.
     [[nodiscard]] std::size_t WordBegin() const
     {
-        const auto isPart = [this](std::size_t at) {
-            const char letter = text_[at];
-            return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '-' || letter == '+' ||
-                   letter == '.';
-        };
         std::size_t at = count_;
-        while (at > 0 && !isPart(at - 1)) {
+        while (at > 0 && !IsPartOfWord(at - 1)) {
             --at;
         }
-        while (at > 0 && isPart(at - 1)) {
+        while (at > 0 && IsPartOfWord(at - 1)) {
             --at;
         }
         return at;
@@ -181,11 +198,16 @@ private:
         }
         added->kind = kind;
         added->place = PlaceOf(begin);
+        valueEnd_ = count_;
+        while (valueEnd_ > begin + 1 && kind == JsonValue::Kind::kNumber && !IsPartOfWord(valueEnd_ - 1)) {
+            --valueEnd_;
+        }
         return added;
     }
 
     const std::string& text_;
     const std::size_t& count_;
+    std::size_t valueEnd_ = 0;  // of the last value that was read whole
     std::vector<std::size_t> lineBegins_ = {0};
     std::vector<JsonValue*> open_;  // stable: a container grows only while it is the innermost open one
 };
