@@ -6,6 +6,7 @@
 #include "host/framework/device_callbacks.h"
 #include "host/framework/driver_load.h"
 #include "host/framework/plug_play.h"
+#include "host/image/exports.h"
 #include "host/image/pe_file.h"
 
 #include <unistd.h>
@@ -271,6 +272,18 @@ Driver& Machine::Boot(const std::filesystem::path& image, const std::string& ser
     check("device add", driver.AddDevice());
     check("device start", driver.StartDevice());
     return driver;
+}
+
+std::vector<std::string> Machine::PlatformFunctions() const
+{
+    std::vector<std::string> names = image::ExportNames();
+    for (unsigned index = 0; index < framework::kFunctionCount; ++index) {
+        if (const framework::TableEntry entry = framework::EntryAt(index); entry.isPlayed) {
+            names.emplace_back(entry.name);
+        }
+    }
+    names.emplace_back("WdfGetDriver");
+    return names;
 }
 
 void Machine::SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value)

@@ -130,6 +130,10 @@ public:
     // All from nothing to a started device; throws HostError when a step fails.
     Driver& Boot(const std::filesystem::path& image, const std::string& serviceName);
 
+    // The names of all platform functions that this host has; "WdfGetDriver", an inline function that reads the globals,
+    // among them.
+    [[nodiscard]] std::vector<std::string> PlatformFunctions() const;
+
     // Registry: values below HKLM\...\Services\<service>\Parameters. SetValue creates the key.
     void SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value);
     void SetRegistryString(const std::string& serviceName, const std::string& name, const std::string& value);

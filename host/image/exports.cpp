@@ -40,6 +40,19 @@ void AddExports(std::string_view module, std::span<const Export> exports)
     }
 }
 
+std::vector<std::string> ExportNames()
+{
+    Table& table = TheTable();
+    const std::lock_guard lock(table.mutex);
+    std::vector<std::string> all;
+    for (const auto& [module, exports] : table.modules) {
+        for (const auto& [name, address] : exports) {
+            all.push_back(name);
+        }
+    }
+    return all;
+}
+
 bool HasModule(std::string_view module)
 {
     Table& table = TheTable();

@@ -22,6 +22,9 @@ constexpr Export Of(const char* name, Function* function)
 // Adds to a module's exports; module names are compared without case. Adding a name again replaces it.
 void AddExports(std::string_view module, std::span<const Export> exports);
 
+// All names, of all modules.
+[[nodiscard]] std::vector<std::string> ExportNames();
+
 [[nodiscard]] bool HasModule(std::string_view module);
 
 // The names that a module exports, sorted.
