@@ -18,7 +18,7 @@ const std::vector<std::pair<std::string, std::vector<std::string>>> kSteps = {
     {"subscribe", {"client", "to", "state"}},
     {"unsubscribe", {"client", "to", "state"}},
     {"post", {"client", "state"}},
-    {"leave", {"client"}},
+    {"deregister", {"client"}},
     {"deliver", {}},
     {"deliver", {"runs"}},
     {"command", {"client", "to", "id"}},
@@ -36,6 +36,7 @@ const std::vector<std::pair<std::string, std::vector<std::string>>> kSteps = {
     {"control", {"id"}},
     {"close", {}},
     {"timeout", {"argument"}},
+    {"wait", {"argument"}},
     {"addDevice", {}},
     {"sleep", {}},
     {"wake", {}},
@@ -45,13 +46,19 @@ const std::vector<std::pair<std::string, std::vector<std::string>>> kSteps = {
     {"remove", {}},
     {"unload", {}},
     {"unload", {"client"}},
+    {"load", {}},
+    {"load", {"client"}},
+    {"stop", {"client"}},
+    {"pull", {"client"}},
+    {"expect", {"client", "state"}},
 };
+const std::vector<std::string> kBeginnings = {"started", "loaded", "absent"};
 const std::vector<std::string> kNulls = {"guid", "callbacks", "record", "callback", "descriptors", "count"};
 const std::vector<std::string> kCallbacks = {"state", "command", "appsState"};
-const std::vector<std::string> kInside = {"register", "leave", "post", "command", "subscribe", "unsubscribe"};
+const std::vector<std::string> kInside = {"register", "deregister", "post", "command", "subscribe", "unsubscribe"};
 const std::vector<std::string> kCalls = {
     "WdfObjectCreate",     "WdfCollectionAdd",  "WdfWaitLockAcquire",   "WdfWorkItemCreate", "ExAllocatePoolWithTag",
-    "WdfCollectionCreate", "WdfControlQueue",   "WdfDeviceCreate",      "EtwRegister",       "WdfIoQueueCreate",
+    "WdfCollectionCreate", "WdfIoTargetOpen",   "WdfDeviceCreate",      "EtwRegister",       "WdfIoQueueCreate",
     "ExRegisterCallback",  "WdfWaitLockCreate", "WdfRegistryQueryULong"};
 
 class ScenarioMutation {
@@ -73,7 +80,7 @@ public:
             }
         }
         if (mutator_.OneIn(20)) {
-            scenario_["device"] = mutator_.OneIn(2);
+            scenario_["notifier"] = mutator_.OneOf(kBeginnings);
         }
         return scenario_;
     }

@@ -1,8 +1,7 @@
 // The driver's typed contexts as they lie in memory, restated here so that a change of layout shows as a failure.
 #pragma once
 
-#include "host/framework/inspector.h"
-#include "driver/include/zepn_notifier.h"
+#include "tools/peers/client_context.h"
 
 #include <utility>
 #include <vector>
@@ -10,7 +9,6 @@
 namespace layout {
 
 inline constexpr const char* kDriverContextName = "ZEP_NOTIFIER_DRIVER_CONTEXT";
-inline constexpr const char* kClientContextName = "ZEP_NOTIFIER_CLIENT_CONTEXT";
 inline constexpr const char* kRegistrationContextName = "ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT";
 inline constexpr const char* kStateContextName = "ZEP_NOTIFIER_STATE_CONTEXT";
 inline constexpr const char* kCommandContextName = "ZEP_NOTIFIER_COMMAND_CONTEXT";
@@ -71,21 +69,6 @@ inline std::vector<const void*> FieldsOfDeviceAdd(const DriverContext& context)
             context.notifyCommandsLock,
             context.notifyAppsStateLock};
 }
-
-struct ClientContext {
-    GUID guid;
-    char name[64];
-    char description[128];
-    void* callbacks[6];
-    const ZepDataEntry* entries;
-    unsigned char entryCount;
-    void* callbackContext;
-    ULONG addedToWpcd;
-    ULONG wpcdRefreshPending;
-    ULONG currentState;
-    WDFCOLLECTION registrations;
-};
-static_assert(sizeof(ClientContext) == 304);
 
 struct RegistrationContext {
     GUID subscriber;

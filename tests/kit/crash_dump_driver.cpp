@@ -3,94 +3,73 @@
 #include "host/schedule/yield.h"
 
 #include <cstring>
+#include <utility>
 
 namespace tests {
 namespace {
 
 using host::schedule::YieldKind;
 using host::schedule::YieldPoint;
+using First = peers::CrashDumpCallbacks<0>;
+using Second = peers::CrashDumpCallbacks<1>;
 
-CrashDumpDriver* g_drivers[2];
+constexpr std::uint64_t kHeader = 0xFFFF;  // nobody may look at it
 
 }  // namespace
 
-template <unsigned table>
-struct CrashDumpDriver::Callbacks {
-    static NTSTATUS NTAPI OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR* descriptor)
-    {
-        YieldPoint(YieldKind::kClientCode, "ZepClientAdd");
-        CrashDumpDriver& driver = *g_drivers[table];
-        if (driver.onAdd) {
-            return driver.onAdd(*descriptor);
-        }
-        driver.added.push_back(*descriptor);
-        driver.buffers.push_back(descriptor);
-        return driver.answer;
-    }
-
-    static NTSTATUS NTAPI OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client)
-    {
-        YieldPoint(YieldKind::kClientCode, "ZepClientRemove");
-        CrashDumpDriver& driver = *g_drivers[table];
-        layout::ClientContext copy;
-        std::memcpy(&copy, client, sizeof(copy));
-        if (driver.onRemove) {
-            return driver.onRemove(copy);
-        }
-        driver.removed.push_back(copy.guid);
-        return driver.answer;
-    }
-
-    template <class... Values>
-    static NTSTATUS Dump(const char* callback, const char* name, PVOID record, Values... values)
-    {
-        YieldPoint(YieldKind::kClientCode, callback);
-        CrashDumpDriver& driver = *g_drivers[table];
-        DumpCall call = {name, {Number(record), values...}};
-        if (driver.onDump) {
-            return driver.onDump(call);
-        }
-        driver.calls.push_back(std::move(call));
-        return driver.answer;
-    }
-
-    static NTSTATUS NTAPI OnStart(PVOID record, ULONGLONG first, ULONGLONG second)
-    {
-        return Dump("ZepDumpStart", "start", record, first, second);
-    }
-    static NTSTATUS NTAPI OnAddData(PVOID record, PVOID data, ULONGLONG first, ULONG second, ULONG third)
-    {
-        return Dump("ZepDumpAddDumpData", "data", record, Number(data), first, second, third);
-    }
-    static NTSTATUS NTAPI OnStop(PVOID record, ULONGLONG first) { return Dump("ZepDumpStop", "stop", record, first); }
-    static NTSTATUS NTAPI OnQuery(PVOID record, ULONG first, ULONGLONG second, ULONGLONG third)
-    {
-        return Dump("ZepDumpQueryParam", "query", record, first, second, third);
-    }
-    static NTSTATUS NTAPI OnTriage(PVOID record, ULONGLONG first, ULONG second)
-    {
-        return Dump("ZepDumpAddTriageData", "triage", record, first, second);
-    }
-
-    static constexpr WpcdClientRegistration kRegistration = {.Header = 0xFFFF,
-                                                             .ZepClientAdd = &OnAdd,
-                                                             .ZepClientRemove = &OnRemove,
-                                                             .ZepDumpStart = &OnStart,
-                                                             .ZepDumpAddDumpData = &OnAddData,
-                                                             .ZepDumpStop = &OnStop,
-                                                             .ZepDumpQueryParam = &OnQuery,
-                                                             .ZepDumpAddTriageData = &OnTriage};
-};
-
 CrashDumpDriver::CrashDumpDriver(unsigned table)
-    : registration(table == 0 ? Callbacks<0>::kRegistration : Callbacks<1>::kRegistration), table_(table)
+    : registration(table == 0 ? First::Registration(kHeader) : Second::Registration(kHeader)), table_(table)
 {
-    g_drivers[table_] = this;
+    (table_ == 0 ? First::receiver : Second::receiver) = this;
 }
 
 CrashDumpDriver::~CrashDumpDriver()
 {
-    g_drivers[table_] = nullptr;
+    (table_ == 0 ? First::receiver : Second::receiver) = nullptr;
+}
+
+NTSTATUS CrashDumpDriver::OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor)
+{
+    YieldPoint(YieldKind::kClientCode, "ZepClientAdd");
+    if (onAdd) {
+        return onAdd(descriptor);
+    }
+    added.push_back(descriptor);
+    buffers.push_back(&descriptor);
+    return answer;
+}
+
+NTSTATUS CrashDumpDriver::OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client)
+{
+    YieldPoint(YieldKind::kClientCode, "ZepClientRemove");
+    layout::ClientContext copy;
+    std::memcpy(&copy, client, sizeof(copy));
+    if (onRemove) {
+        return onRemove(copy);
+    }
+    removed.push_back(copy.guid);
+    return answer;
+}
+
+NTSTATUS CrashDumpDriver::OnDump(peers::DumpCallback callback, std::vector<std::uint64_t> arguments)
+{
+    struct Names {
+        const char* callback;
+        const char* call;
+    };
+    constexpr Names kNames[] = {{"ZepDumpStart", "start"},
+                                {"ZepDumpAddDumpData", "data"},
+                                {"ZepDumpStop", "stop"},
+                                {"ZepDumpQueryParam", "query"},
+                                {"ZepDumpAddTriageData", "triage"}};
+    const Names& names = kNames[static_cast<std::size_t>(callback)];
+    YieldPoint(YieldKind::kClientCode, names.callback);
+    DumpCall call = {names.call, std::move(arguments)};
+    if (onDump) {
+        return onDump(call);
+    }
+    calls.push_back(std::move(call));
+    return answer;
 }
 
 }  // namespace tests

@@ -3,6 +3,7 @@
 
 #include "driver/include/zepn_notifier.h"
 #include "tests/kit/contexts.h"
+#include "tools/peers/crash_dump_callbacks.h"
 
 #include <cstdint>
 #include <functional>
@@ -11,8 +12,8 @@
 
 namespace tests {
 
-// Its callbacks carry no context: of each of the two tables there is one driver at a time.
-struct CrashDumpDriver {
+// Of each of the two tables of callbacks there is one driver at a time.
+struct CrashDumpDriver final : private peers::CrashDumpReceiver {
     struct DumpCall {
         std::string name;
         std::vector<std::uint64_t> arguments;  // the record first
@@ -20,7 +21,7 @@ struct CrashDumpDriver {
     };
 
     explicit CrashDumpDriver(unsigned table = 0);
-    ~CrashDumpDriver();
+    ~CrashDumpDriver() override;
     CrashDumpDriver(const CrashDumpDriver&) = delete;
     CrashDumpDriver& operator=(const CrashDumpDriver&) = delete;
 
@@ -38,8 +39,9 @@ struct CrashDumpDriver {
     std::function<NTSTATUS(const DumpCall&)> onDump;
 
 private:
-    template <unsigned table>
-    struct Callbacks;
+    NTSTATUS OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor) override;
+    NTSTATUS OnRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client) override;
+    NTSTATUS OnDump(peers::DumpCallback callback, std::vector<std::uint64_t> arguments) override;
 
     const unsigned table_;
 };

@@ -10,7 +10,7 @@ namespace tests {
 const char* Name(Kind kind)
 {
     constexpr const char* kNames[] = {
-        "register",  "leave",         "subscribe", "unsubscribe", "post",     "command",   "startDump", "addDumpData",
+        "register",  "deregister",    "subscribe", "unsubscribe", "post",     "command",   "startDump", "addDumpData",
         "queryDump", "addTriageData", "stopDump",  "attach",      "detach",   "count",     "describe",  "runOne",
         "deliver",   "control",       "timeout",   "sleep",       "wake",     "powerDown", "powerUp",   "open",
         "close",     "load",          "addDevice", "start",       "surprise", "remove",    "unload"};

@@ -46,7 +46,7 @@ Json ClientOf(const ClientScript& script, unsigned client)
         }
     }
     if (script.wantsAppsState) {
-        json["appsState"] = script.appsState ? Json(*script.appsState) : Json("heard");
+        json["appsState"] = script.appsState ? Json(*script.appsState) : Json("enabled");
     }
     return json;
 }

@@ -56,13 +56,22 @@ TEST(Scenario, MistakesNameLineColumnFieldAndExpectation)
          "file.json:4:46: steps[0].state: expected a text, found a list"},
         {R"({"do": "post", "client": "power", "state": "any"})",
          "file.json:4:46: steps[0].state: no state \"any\" in \"states\""},
-        {R"({"do": "leave", "client": "power", "expect": "STATUS_FINE"})",
-         "file.json:4:48: steps[0].expect: expected a status like \"STATUS_NOT_FOUND\" or \"0xC0000225\""},
+        {R"({"do": "leave", "client": "power"})",
+         "file.json:4:10: steps[0].do: unknown step \"leave\"; it is called \"deregister\" now"},
+        {R"({"do": "deregister", "client": "power", "expect": "STATUS_FINE"})",
+         "file.json:4:53: steps[0].expect: expected a status like \"STATUS_NOT_FOUND\" or \"0xC0000225\""},
+        {R"({"do": "deregister", "client": "power", "expect": "STATUS_NOT_FOUN"})",
+         "file.json:4:53: steps[0].expect: expected a status like \"STATUS_NOT_FOUND\" or \"0xC0000225\"; did you mean "
+         "\"STATUS_NOT_FOUND\"?"},
         {R"({"do": "deliver", "client": "power"})", "file.json:4:21: steps[0].client: unknown field"},
         {R"({"do": "deliver", "shows": "a text"})", "file.json:4:30: steps[0].shows: expected a list, found a text"},
         {R"({"do": "deliver", "shows": ["a text", 3]})",
          "file.json:4:41: steps[0].shows[1]: expected a text, found a number"},
         {R"(7)", "file.json:4:3: steps[0]: expected an object, found a number"},
+        {"{\"do\": \"deliver\"} // and\n  {\"do\": \"deliver\"}",
+         "file.json:4:20: syntax: a comma is missing after this value"},
+        {R"({"do": "control", "id": 3 "expect": "0x0"})",
+         "file.json:4:28: syntax: a comma is missing after this value"},
         {R"({"do": "deliver",})",
          "file.json:4:20: syntax: syntax error while parsing object key - unexpected '}'; expected string literal"},
     };
@@ -75,13 +84,14 @@ TEST(Scenario, MistakesNameLineColumnFieldAndExpectation)
 TEST(Scenario, MistakesOutsideTheStepsAreFoundTooAndAllAtOnce)
 {
     const std::string mistakes = MistakesIn(R"({"title": 3,
- "states": {"any": 1, "up": "three"},
+ "states": {"any": 1, "up": "three", "off": 0, "all": 10},
  "clients": {"power": {"guid": "nonsense", "name": "P", "answers": [{"from": "modem", "state": "up"}]}}
 })");
     for (const char* expected :
          {"file.json:1:11: title: expected a text, found a number",
           "file.json:1:1: scenario: field \"steps\" is missing",
           "file.json:2:13: states.any:", "file.json:2:29: states.up: expected a whole number",
+          "file.json:2:45: states.off: 0 is called \"none\"", "file.json:2:55: states.all: 10 is ZEP_STATE_ANY",
           "file.json:3:32: clients.power.guid: expected a GUID", "clients.power.answers[0].from: no client \"modem\"",
           "clients.power.answers[0]: field \"answer\" is missing"}) {
         EXPECT_NE(mistakes.find(expected), std::string::npos) << expected << "\n" << mistakes;
@@ -91,12 +101,14 @@ TEST(Scenario, MistakesOutsideTheStepsAreFoundTooAndAllAtOnce)
 TEST(Scenario, WithoutADeviceNothingIsAskedOfIt)
 {
     const auto mistakes = [](const std::string& steps) {
-        return MistakesIn(R"({"title": "t", "device": false, "states": {}, "clients": {}, "steps": [)" + steps + "]}");
+        return MistakesIn(R"({"title": "t", "notifier": "loaded", "states": {}, "clients": {}, "steps": [)" + steps +
+                          "]}");
     };
     EXPECT_EQ(mistakes(R"({"do": "unload"})"), "none");
     EXPECT_EQ(mistakes(R"({"do": "addDevice"}, {"do": "count"})"), "none");
+    EXPECT_EQ(mistakes(R"({"do": "unload"}, {"do": "load"}, {"do": "count"})"), "none");
     EXPECT_EQ(mistakes(R"({"do": "count"}, {"do": "addDevice"})"),
-              "file.json:1:72: steps[0]: nobody has the driver's function tables yet; \"addDevice\" comes first");
+              "file.json:1:77: steps[0]: nobody has the driver's function tables yet; \"addDevice\" comes first");
 }
 
 TEST(Scenario, StepsThatCannotBeDoneAreRefused)
@@ -110,9 +122,10 @@ TEST(Scenario, StepsThatCannotBeDoneAreRefused)
         {R"({"do": "open"}, {"do": "open"})", "the control device is open already"},
         {R"({"do": "open"}, {"do": "remove"})", "the control device is open, so"},
         {R"({"do": "unload"})", "does not unload a driver that has a device"},
-        {R"({"do": "remove"}, {"do": "unload"}, {"do": "register", "client": "power"})", "the driver is unloaded"},
-        {R"({"do": "remove"}, {"do": "unload"}, {"do": "addDevice"})", "the driver is unloaded"},
+        {R"({"do": "remove"}, {"do": "unload"}, {"do": "register", "client": "power"})", "the driver is not loaded"},
+        {R"({"do": "remove"}, {"do": "unload"}, {"do": "addDevice"})", "the driver is not loaded"},
         {R"({"do": "addDevice"})", "the driver has a device"},
+        {R"({"do": "load"})", "the driver is loaded already"},
         {R"({"do": "remove"}, {"do": "remove"})", "the driver has no device"},
         {R"({"do": "surpriseRemoval"}, {"do": "surpriseRemoval"})", "the device was pulled out already"},
         {R"({"do": "open", "expect": "STATUS_NO_MEMORY"}, {"do": "control"})", "the control device is not open"},
@@ -247,7 +260,8 @@ TEST_P(Demo, FailuresScenarioShowsEachStatusWithItsEvent)
 TEST(Player, MarksEachUnmetExpectationAndFailsTheRun)
 {
     const std::pair<const char*, const char*> kRows[] = {
-        {R"({"do": "leave", "client": "power", "expect": "STATUS_SUCCESS"})", "STATUS_NOT_FOUND  <-- not expected"},
+        {R"({"do": "deregister", "client": "power", "expect": "STATUS_SUCCESS"})",
+         "STATUS_NOT_FOUND  <-- not expected"},
         {R"({"do": "register", "client": "power", "shows": ["as \"Power\"", "registers"]})",
          "!! the step does not show, in its place: registers"},
         {R"({"do": "register", "client": "power", "finding": "dead handle"})",
@@ -288,7 +302,7 @@ TEST(Player, GoesOnAfterAHangToTheLastStep)
     EXPECT_NE(removed.find("!! file.json:5:46: the step is left out: the system does not unload a driver that has a "),
               std::string::npos)
         << removed;
-    EXPECT_NE(removed.find("a thread hangs, so the driver stays"), std::string::npos) << removed;
+    EXPECT_NE(removed.find("a thread hangs, so its driver stays"), std::string::npos) << removed;
     EXPECT_NE(TimelineOf(kScenario + std::string(R"({"do": "wake"}]})"), true).find("a thread hangs"),
               std::string::npos);
 }
@@ -331,7 +345,7 @@ TEST(Player, FindsACallbackOfAnUnloadedDriver)
     for (const auto& [steps, finding] : kRows) {
         const play::Scenario scenario = ParseScenario(std::string(R"({"title": "t", "states": {}, "clients": {
             "power": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "Power"},
-            "modem": {"guid": "6f1b2c3d-0002-4a5b-8c9d-000000000002", "name": "Modem", "appsState": "heard",
+            "modem": {"guid": "6f1b2c3d-0002-4a5b-8c9d-000000000002", "name": "Modem", "appsState": "enabled",
                       "commands": []}},
           "steps": [{"do": "register", "client": "power"}, {"do": "register", "client": "modem"},
             {"do": "subscribe", "client": "modem", "to": "power", "state": 3},

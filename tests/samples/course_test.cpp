@@ -1,5 +1,6 @@
 // The course for client drivers: the samples pass it, and a client's mistakes are found.
 #include "tests/faulty_drivers/faulty_client.h"
+#include "tests/samples/sample_image.h"
 #include "tests/kit/driver_fixture.h"
 #include "tools/test_client/report.h"
 
@@ -21,12 +22,6 @@ CourseSetup SetupOf(const std::filesystem::path& notifier, const std::filesystem
             .commands = {1, 2}};
 }
 
-// The sample beside a Notifier's image.
-std::filesystem::path Sample(const std::filesystem::path& notifier, const std::string& name)
-{
-    return notifier.parent_path() / (name + notifier.extension().string());
-}
-
 std::string Printed(const CourseSetup& setup, const Report& report)
 {
     std::ostringstream text;
@@ -44,7 +39,8 @@ FOR_ALL_CONTAINERS(Course);
 
 TEST_P(Course, SamplesPass)
 {
-    CourseSetup client = SetupOf(GetParam().image, Sample(GetParam().image, "zepn_client"), "Supervises", "1");
+    CourseSetup client =
+        SetupOf(GetParam().image, tests::SampleImage(GetParam().image, "zepn_client"), "Supervises", "1");
     Report report = RunCourse(client, {});
     EXPECT_EQ(FailedCount(report), 0u) << Printed(client, report);
     EXPECT_GT(FaultCount(report), 40u);
@@ -52,7 +48,7 @@ TEST_P(Course, SamplesPass)
     EXPECT_EQ(report.seen.targets.size(), 1u);
 
     CourseSetup crashDump{.notifier = GetParam().image,
-                          .client = Sample(GetParam().image, "zepn_crashdump"),
+                          .client = tests::SampleImage(GetParam().image, "zepn_crashdump"),
                           .parameters = {},
                           .states = {1},
                           .commands = {1}};

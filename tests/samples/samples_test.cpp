@@ -1,8 +1,10 @@
 // The samples as images: a run beside the Notifier, and the probe's answers.
 #include "host/machine.h"
 #include "tests/kit/driver_fixture.h"
+#include "tests/samples/sample_image.h"
 #include "tools/image_check/checks.h"
-#include "tools/play/samples_run.h"
+#include "tools/play/player.h"
+#include "tools/play/reading/scenario_reader.h"
 
 #include <algorithm>
 #include <fstream>
@@ -13,6 +15,7 @@ namespace {
 
 using tests::Container;
 using tests::OnContainer;
+using tests::SampleImage;
 
 class Samples : public OnContainer {};
 
@@ -42,21 +45,23 @@ TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
 {
     std::ostringstream out;
     play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    EXPECT_TRUE(play::PlaySamples(GetParam().image, timeline)) << out.str();
+    play::PlayOptions options;
+    options.image = GetParam().image;
+    EXPECT_TRUE(play::Play(play::ReadScenario(ZEPN_ROOT "/scenarios/samples.json"), options, timeline)) << out.str();
 
     const std::string text = out.str();
     // Joined three times each (arrival, refused removal, return), each time deregistered before the Notifier's own end.
-    EXPECT_EQ(Lines(text, "client_1 +registers: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "client_2 +registers: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "client_[12] +deregisters: 0x00000000"), 6u);
-    EXPECT_EQ(Lines(text, "crashdump +attaches: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "crashdump +detaches: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "client 1 +registers: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "client 2 +registers: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "client [12] +deregisters: 0x00000000"), 6u);
+    EXPECT_EQ(Lines(text, "crash dump +attaches: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "crash dump +detaches: 0x00000000"), 3u);
     EXPECT_EQ(Lines(text, "finds \"client 1\""), 2u);  // when it came, and after the refusal
     EXPECT_EQ(Lines(text, "\"client 2\" was removed"), 1u);
-    EXPECT_EQ(Lines(text, "client_2 +gets command 1"), 3u);
-    EXPECT_EQ(Lines(text, "crashdump +dump 2 (starts|stops)"), 6u);
-    EXPECT_EQ(Lines(text, "client_2 +has recorded a dump: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "client_[12] +posts state 4: 0x00000000"), 2u);  // posted: an answer might outlive them
+    EXPECT_EQ(Lines(text, "client 2 +gets command 1"), 3u);
+    EXPECT_EQ(Lines(text, "crash dump +dump 2 (starts|stops)"), 6u);
+    EXPECT_EQ(Lines(text, "client 2 +has recorded a dump: 0x00000000"), 3u);
+    EXPECT_EQ(Lines(text, "client [12] +posts state 4: 0x00000000"), 2u);  // posted: an answer might outlive them
     EXPECT_EQ(Lines(text, "is notified: client [12] is in state 4"), 2u);
 }
 
@@ -64,7 +69,7 @@ TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
 TEST_P(Samples, ClientThatGoesAtOnceLeavesNothing)
 {
     host::Machine machine;
-    const auto client = play::SampleImage(GetParam().image, "zepn_client");
+    const auto client = SampleImage(GetParam().image, "zepn_client");
     host::Driver& notifier = machine.Boot(GetParam().image, "zepn");
     for (unsigned runs = 0; runs < 6; ++runs) {
         host::Driver& driver = machine.Boot(client, "client");
@@ -91,7 +96,7 @@ TEST_P(Samples, FollowTheNotifierOnRealThreads)
         const std::string service = "client_" + std::to_string(number);
         machine.SetRegistryValue(service, "ClientNumber", number);
         machine.SetRegistryValue(service, "WatchedNumber", 3 - number);
-        peers.push_back(&machine.Boot(play::SampleImage(GetParam().image, "zepn_client"), service));
+        peers.push_back(&machine.Boot(SampleImage(GetParam().image, "zepn_client"), service));
     }
     for (unsigned round = 0; round < 20; ++round) {
         host::Driver& notifier = machine.Boot(GetParam().image, "zepn");
@@ -117,7 +122,7 @@ TEST_P(Samples, FailedJoinLetsTheNotifierGo)
         host::Machine machine;
         host::Driver& notifier = machine.Boot(GetParam().image, "zepn");
         machine.faults().Add({.function = function, .status = STATUS_INSUFFICIENT_RESOURCES});
-        host::Driver& client = machine.Boot(play::SampleImage(GetParam().image, "zepn_client"), "client");
+        host::Driver& client = machine.Boot(SampleImage(GetParam().image, "zepn_client"), "client");
         machine.RunWorkItems();
         EXPECT_EQ(machine.faults().StruckCount(), 1u);
         machine.faults().Clear();
@@ -155,7 +160,7 @@ TEST_P(Samples, ProbeAnswersAsWritten)
     // As on a system: runs of work items may overlap, and delays last.
     host::Machine machine({.workItems = host::WorkItems::kThreads, .realTime = true});
     machine.tracing().OpenEventSession({kProbe, 4});
-    host::Driver& probe = machine.Boot(play::SampleImage(GetParam().image, "zepn_probe"), "zepn_probe");
+    host::Driver& probe = machine.Boot(SampleImage(GetParam().image, "zepn_probe"), "zepn_probe");
     EXPECT_EQ(probe.QueryRemoveDevice(), STATUS_SUCCESS);
     EXPECT_FALSE(probe.RemoveDevice().parked);
     probe.Unload();

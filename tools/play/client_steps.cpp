@@ -6,8 +6,7 @@ namespace {
 
 ZepState StateOf(Run& run, const std::string& client, std::uint32_t state)
 {
-    return {
-        .Size = sizeof(ZepState), .InterfaceGUID = run.peers.Find(client).model().guid, .State = state, .Reserved = 0};
+    return {.Size = sizeof(ZepState), .InterfaceGUID = run.peers.ModelOf(client).guid, .State = state, .Reserved = 0};
 }
 
 }  // namespace
@@ -16,7 +15,8 @@ void DoClientStep(Run& run, const Step& step)
 {
     Client& client = run.peers.Find(step.client);
     const ClientModel& model = client.model();
-    const std::string stateName = step.state ? run.scenario.StateName(*step.state) : "any";
+    const ClientModel& owner = step.to.empty() ? model : run.peers.ModelOf(step.to);
+    const std::string stateName = step.state ? StateName(run.scenario, &owner, *step.state) : "any";
     const GUID* guid = step.null == "guid" ? nullptr : &model.guid;
     const auto call = [&](const char* operation, const std::vector<std::string>& causes,
                           const std::function<NTSTATUS()>& made) {
@@ -59,15 +59,15 @@ void DoClientStep(Run& run, const Step& step)
                  [&] { return run.helper.Notifier_HelperSendState(step.null.empty() ? &state : nullptr); });
         run.peers.counts.posted += status && NT_SUCCESS(*status) ? 1 : 0;
         run.Show(step, model.key, "posts its state: " + stateName, status);
-    } else if (step.action == Action::kLeave) {
-        run.Show(step, model.key, "leaves", call("Notifier_HelperClientDeinit", {"end " + model.key}, [&] {
+    } else if (step.action == Action::kDeregister) {
+        run.Show(step, model.key, "deregisters", call("Notifier_HelperClientDeinit", {"end " + model.key}, [&] {
                      return run.helper.Notifier_HelperClientDeinit(guid);
                  }));
     } else {
         const ZepCommand command{.Size = sizeof(ZepCommand),
                                  .CommandArgument = step.argument,
                                  .SourceGuid = model.guid,
-                                 .TargetGuid = run.peers.Find(step.to).model().guid,
+                                 .TargetGuid = run.peers.ModelOf(step.to).guid,
                                  .CommandId = step.id};
         run.Show(step, model.key, "sends command " + std::to_string(step.id) + " to " + step.to,
                  call("Notifier_HelperSendCommand",

@@ -1,133 +1,15 @@
 #include "tools/play/clients.h"
 
-#include "tools/play/statuses.h"
+#include "host/tracing/decode.h"
 
 #include <bit>
-#include <cstdio>
-#include <cstring>
 
 namespace play {
 namespace {
 
-Peers* g_peers = nullptr;  // the crash-dump callbacks carry no context of their own
-
 std::array<std::uint64_t, 2> KeyOf(const GUID& guid)
 {
     return std::bit_cast<std::array<std::uint64_t, 2>>(guid);
-}
-
-std::string Hex(std::uint64_t value)
-{
-    char text[24];
-    std::snprintf(text, sizeof(text), "0x%llX", static_cast<unsigned long long>(value));
-    return text;
-}
-
-// A callback as a span of its own.
-class CallbackScope {
-public:
-    CallbackScope(Timeline& timeline, std::string who, const char* callback, const std::string& causedBy)
-        : timeline_(timeline), who_(std::move(who))
-    {
-        timeline_.Begin({Span::Kind::kCallback, who_, callback, causedBy});
-    }
-    ~CallbackScope() { timeline_.End(who_); }
-    CallbackScope(const CallbackScope&) = delete;
-    CallbackScope& operator=(const CallbackScope&) = delete;
-
-private:
-    Timeline& timeline_;
-    const std::string who_;
-};
-
-void CrashDumpCallsFromInside(const std::string& callback)
-{
-    for (const InsideCall& inside : g_peers->scenario.crashDump.inside) {
-        if (inside.callback != callback) {
-            continue;
-        }
-        g_peers->timeline.Add(
-            {EntryKind::kCall, kCrashDump, "notifier", "calls from inside its callback: " + inside.call, "", true});
-        ULONG count = 1;
-        ZEP_SUBSYSTEM_DESCRIPTOR descriptor;
-        if (inside.call == "detach") {
-            (void)g_peers->wpcd->Notifier_WpcdClientDeInit();
-        } else if (inside.call == "count") {
-            (void)g_peers->wpcd->Notifier_WpcdGetNumSubsystemDescriptors(&count);
-        } else {
-            (void)g_peers->wpcd->Notifier_WpcdGetAllSubsystemDescriptors(&descriptor, &count);
-        }
-    }
-}
-
-NTSTATUS Answer(const char* callback, const std::string& what, const std::string& causedBy)
-{
-    const CallbackScope scope(g_peers->timeline, kCrashDump, callback, causedBy);
-    const auto& answers = g_peers->scenario.crashDump.answers;
-    const auto found = answers.find(callback);
-    const NTSTATUS status = found == answers.end() ? STATUS_SUCCESS : found->second;
-    g_peers->timeline.Add({EntryKind::kCallback, "notifier", kCrashDump, what,
-                           status == STATUS_SUCCESS ? "" : "answers " + StatusText(status), true});
-    CrashDumpCallsFromInside(callback);
-    return status;
-}
-
-NTSTATUS NTAPI OnClientAdd(const ZEP_SUBSYSTEM_DESCRIPTOR* descriptor)
-{
-    ++g_peers->counts.announced;
-    const std::string client = g_peers->NameOf(descriptor->InterfaceGUID);
-    return Answer("add",
-                  "announces " + client + ", \"" + descriptor->SubsystemName + "\", " +
-                      std::to_string(descriptor->DataEntryCount) + " data entries",
-                  "client " + client);
-}
-
-NTSTATUS NTAPI OnClientRemove(const ZEP_NOTIFIER_CLIENT_CONTEXT* client)
-{
-    GUID guid;
-    std::memcpy(&guid, client, sizeof(guid));
-    return Answer("remove", "withdraws " + g_peers->NameOf(guid), "end " + g_peers->NameOf(guid));
-}
-
-std::string DumpText(PVOID handle)
-{
-    std::uint32_t record;
-    std::memcpy(&record, handle, sizeof(record));
-    return "dump " + Hex(record);
-}
-
-NTSTATUS NTAPI OnDumpStart(PVOID handle, ULONGLONG first, ULONGLONG second)
-{
-    ++g_peers->counts.dumpCalls;
-    return Answer("start", DumpText(handle) + " starts (" + Hex(first) + ", " + Hex(second) + ")", "dump");
-}
-
-NTSTATUS NTAPI OnDumpAddData(PVOID handle, PVOID, ULONGLONG address, ULONG size, ULONG flags)
-{
-    ++g_peers->counts.dumpCalls;
-    return Answer("addData",
-                  DumpText(handle) + ": " + std::to_string(size) + " bytes at " + Hex(address) + ", flags " +
-                      std::to_string(flags),
-                  "dump");
-}
-
-NTSTATUS NTAPI OnDumpStop(PVOID handle, ULONGLONG result)
-{
-    ++g_peers->counts.dumpCalls;
-    return Answer("stop", DumpText(handle) + " stops (" + Hex(result) + ")", "dump");
-}
-
-NTSTATUS NTAPI OnDumpQuery(PVOID handle, ULONG parameter, ULONGLONG, ULONGLONG)
-{
-    ++g_peers->counts.dumpCalls;
-    return Answer("query", DumpText(handle) + ": parameter " + std::to_string(parameter) + " is asked for", "dump");
-}
-
-NTSTATUS NTAPI OnDumpTriage(PVOID handle, ULONGLONG address, ULONG size)
-{
-    ++g_peers->counts.dumpCalls;
-    return Answer("triage", DumpText(handle) + ": triage data, " + std::to_string(size) + " bytes at " + Hex(address),
-                  "dump");
 }
 
 }  // namespace
@@ -162,7 +44,7 @@ void Client::CallFromInside(const char* callback)
             {EntryKind::kCall, model_.key, "notifier", "calls from inside its callback: " + inside.call, "", true});
         if (inside.call == "register") {
             (void)helper.Notifier_HelperInit(&guid, "", "", &callbacks_, nullptr, 0, this);
-        } else if (inside.call == "leave") {
+        } else if (inside.call == "deregister") {
             (void)helper.Notifier_HelperClientDeinit(&guid);
         } else if (inside.call == "post") {
             (void)helper.Notifier_HelperSendState(&record);
@@ -181,6 +63,24 @@ void Client::CallFromInside(const char* callback)
     }
 }
 
+// What the Notifier gives in is its word for no answer: 0 on delivery, else the client's present state.
+void Client::Answer(std::uint32_t answer, ULONG& state)
+{
+    if (answer == state) {
+        peers_.timeline.Add({EntryKind::kAnswer, kNotifier, model_.key,
+                             answer == 0
+                                 ? "does not answer: it says 0, which changes nothing"
+                                 : "does not answer: it is already " + StateName(peers_.scenario, &model_, answer),
+                             "", true});
+        return;
+    }
+    state = answer;
+    ++peers_.counts.answered;
+    peers_.timeline.Cause(model_.key, "state " + model_.key + " " + std::to_string(answer));
+    peers_.timeline.Add({EntryKind::kAnswer, kNotifier, model_.key,
+                         "answers: its own state is now " + StateName(peers_.scenario, &model_, answer), "", true});
+}
+
 NTSTATUS Client::OnState(PVOID context, const ZepState* state, PULONG response)
 {
     auto& self = *static_cast<Client*>(context);
@@ -188,12 +88,13 @@ NTSTATUS Client::OnState(PVOID context, const ZepState* state, PULONG response)
         return STATUS_SUCCESS;
     }
     Peers& peers = self.peers_;
+    const ClientModel* watched = peers.ModelOf(state->InterfaceGUID);
     const std::string from = peers.NameOf(state->InterfaceGUID);
     const CallbackScope scope(peers.timeline, self.model_.key, "state callback",
                               "state " + from + " " + std::to_string(state->State));
     ++peers.counts.delivered;
     peers.timeline.Add({EntryKind::kCallback, from, self.model_.key,
-                        "is notified: " + from + " is in state " + peers.scenario.StateName(state->State) +
+                        "is notified: " + from + " is in state " + StateName(peers.scenario, watched, state->State) +
                             (peers.registering ? ", at once" : ""),
                         "", true});
     for (std::size_t index = 0; index < self.model_.answers.size(); ++index) {
@@ -205,11 +106,7 @@ NTSTATUS Client::OnState(PVOID context, const ZepState* state, PULONG response)
             break;
         }
         self.spent_[index] = rule.once;
-        ++peers.counts.answered;
-        *response = rule.answer;
-        peers.timeline.Cause(self.model_.key, "state " + self.model_.key + " " + std::to_string(rule.answer));
-        peers.timeline.Add({EntryKind::kAnswer, "notifier", self.model_.key,
-                            "answers: its own state is now " + peers.scenario.StateName(rule.answer), "", true});
+        self.Answer(rule.answer, *response);
         break;
     }
     self.CallFromInside("state");
@@ -230,15 +127,11 @@ NTSTATUS Client::OnCommand(PVOID context, ULONG id, const ZepCommandInfo* info, 
     peers.timeline.Add({EntryKind::kCallback, from, self.model_.key,
                         "gets command " + std::to_string(id) + " with argument " +
                             std::to_string(info->CommandArgument) + " (sender in state " +
-                            peers.scenario.StateName(info->SourceState) + ")",
+                            StateName(peers.scenario, peers.ModelOf(info->SourceGuid), info->SourceState) + ")",
                         "", true});
     for (const CommandRule& rule : self.model_.commands) {
         if (rule.id == id && peers.MayAnswer()) {
-            *state = rule.answer;
-            peers.timeline.Cause(self.model_.key, "state " + self.model_.key + " " + std::to_string(rule.answer));
-            ++peers.counts.answered;
-            peers.timeline.Add({EntryKind::kAnswer, "notifier", self.model_.key,
-                                "answers: its own state is now " + peers.scenario.StateName(rule.answer), "", true});
+            self.Answer(rule.answer, *state);
         }
     }
     self.CallFromInside("command");
@@ -256,41 +149,40 @@ NTSTATUS Client::OnAppsState(PVOID context, ULONG, PULONG state)
     peers.timeline.Add(
         {EntryKind::kCallback, "notifier", self.model_.key, "is notified: the system is about to sleep", "", true});
     if (self.model_.appsState) {
-        *state = *self.model_.appsState;
-        peers.timeline.Cause(self.model_.key, "state " + self.model_.key + " " + std::to_string(*state));
-        ++peers.counts.answered;
-        peers.timeline.Add({EntryKind::kAnswer, "notifier", self.model_.key,
-                            "answers: its own state is now " + peers.scenario.StateName(*state), "", true});
+        self.Answer(*self.model_.appsState, *state);
     }
     self.CallFromInside("appsState");
     return STATUS_SUCCESS;
 }
 
-Peers::Peers(const Scenario& scenarioOfRun, Timeline& timelineOfRun) : scenario(scenarioOfRun), timeline(timelineOfRun)
+Peers::Peers(const Scenario& scenarioOfRun, Timeline& timelineOfRun)
+    : scenario(scenarioOfRun), timeline(timelineOfRun), crashDump(*this)
 {
     for (const ClientModel& model : scenario.clients) {
-        Client& client = clients_.emplace_back(*this, model);
-        byKey_.emplace(model.key, &client);
-        byGuid_.emplace(KeyOf(model.guid), &client);
+        byKey_.emplace(model.key, &model);
+        if (model.hasGuid) {
+            byGuid_.emplace(KeyOf(model.guid), &model);
+        }
+        if (!model.driver) {
+            scripted_.emplace(model.key, &clients_.emplace_back(*this, model));
+        }
     }
-    crashDump_.ZepClientAdd = &OnClientAdd;
-    crashDump_.ZepClientRemove = &OnClientRemove;
-    crashDump_.ZepDumpStart = &OnDumpStart;
-    crashDump_.ZepDumpAddDumpData = &OnDumpAddData;
-    crashDump_.ZepDumpStop = &OnDumpStop;
-    crashDump_.ZepDumpQueryParam = &OnDumpQuery;
-    crashDump_.ZepDumpAddTriageData = &OnDumpTriage;
-    g_peers = this;
-}
-
-Peers::~Peers()
-{
-    g_peers = nullptr;
 }
 
 Client& Peers::Find(const std::string& key)
 {
-    return *byKey_.at(key);  // the reader has checked every name
+    return *scripted_.at(key);  // the reader has checked every name
+}
+
+const ClientModel& Peers::ModelOf(const std::string& key) const
+{
+    return *byKey_.at(key);
+}
+
+const ClientModel* Peers::ModelOf(const GUID& guid) const
+{
+    const auto client = byGuid_.find(KeyOf(guid));
+    return client == byGuid_.end() ? nullptr : client->second;
 }
 
 bool Peers::MayAnswer()
@@ -305,8 +197,8 @@ bool Peers::MayAnswer()
 
 std::string Peers::NameOf(const GUID& guid) const
 {
-    const auto client = byGuid_.find(KeyOf(guid));
-    return client == byGuid_.end() ? "?" : client->second->model().key;
+    const ClientModel* client = ModelOf(guid);
+    return client == nullptr ? host::tracing::GuidText(guid) : client->key;
 }
 
 }  // namespace play

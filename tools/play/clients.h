@@ -1,7 +1,8 @@
-// The simulated peers: client drivers that answer as the scenario says, and a crash-dump driver.
+// The scripted peers: client drivers that answer as the scenario says, and the crash-dump driver.
 #pragma once
 
 #include "driver/include/zepn_notifier.h"
+#include "tools/play/crash_dump.h"
 #include "tools/play/scenario.h"
 #include "tools/play/timeline.h"
 
@@ -10,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace play {
@@ -26,7 +28,24 @@ struct Counts {
 
 class Peers;
 
-// One client driver. Its address is the callback context that the Notifier hands back.
+// A callback as a span of its own.
+class CallbackScope {
+public:
+    CallbackScope(Timeline& timeline, std::string who, const std::string& callback, const std::string& causedBy)
+        : timeline_(timeline), who_(std::move(who))
+    {
+        timeline_.Begin({Span::Kind::kCallback, who_, callback, causedBy});
+    }
+    ~CallbackScope() { timeline_.End(who_); }
+    CallbackScope(const CallbackScope&) = delete;
+    CallbackScope& operator=(const CallbackScope&) = delete;
+
+private:
+    Timeline& timeline_;
+    const std::string who_;
+};
+
+// One scripted client driver. Its address is the callback context that the Notifier hands back.
 class Client {
 public:
     Client(Peers& peers, const ClientModel& model);
@@ -46,6 +65,7 @@ public:
 private:
     bool IsUnloaded(const char* callback);
     void CallFromInside(const char* callback);
+    void Answer(std::uint32_t answer, ULONG& state);
 
     Peers& peers_;
     const ClientModel& model_;
@@ -59,13 +79,15 @@ private:
 class Peers {
 public:
     Peers(const Scenario& scenario, Timeline& timeline);
-    ~Peers();
     Peers(const Peers&) = delete;
     Peers& operator=(const Peers&) = delete;
 
+    // A scripted client.
     [[nodiscard]] Client& Find(const std::string& key);
+    // Any client; null for an identity that the scenario does not name.
+    [[nodiscard]] const ClientModel& ModelOf(const std::string& key) const;
+    [[nodiscard]] const ClientModel* ModelOf(const GUID& guid) const;
     [[nodiscard]] std::string NameOf(const GUID& guid) const;
-    [[nodiscard]] const WpcdClientRegistration& crashDumpRegistration() const { return crashDump_; }
 
     // The tables that the driver gave out; the peers use them only to do what they must not.
     const ZEP_NOTIFIER_HELPER_INTERFACE* helper = nullptr;
@@ -84,13 +106,14 @@ public:
     const Scenario& scenario;
     Timeline& timeline;
     Counts counts;
+    CrashDump crashDump;
 
 private:
     unsigned answersInStep_ = 0;
     std::deque<Client> clients_;
-    std::map<std::string, Client*> byKey_;
-    std::map<std::array<std::uint64_t, 2>, Client*> byGuid_;  // of several with one GUID the first
-    WpcdClientRegistration crashDump_{};
+    std::map<std::string, Client*> scripted_;
+    std::map<std::string, const ClientModel*> byKey_;
+    std::map<std::array<std::uint64_t, 2>, const ClientModel*> byGuid_;  // of several with one GUID the first
 };
 
 }  // namespace play

@@ -30,7 +30,7 @@ void DoCrashDumpStep(Run& run, const Step& step)
     switch (step.action) {
     case Action::kAttach:
         run.Show(step, kCrashDump, "attaches", run.Call(step, kCrashDump, "Notifier_WpcdClientInit", {}, [&] {
-            return run.wpcd.Notifier_WpcdClientInit(step.null.empty() ? &run.peers.crashDumpRegistration() : nullptr);
+            return run.wpcd.Notifier_WpcdClientInit(step.null.empty() ? &run.peers.crashDump.registration() : nullptr);
         }));
         return;
     case Action::kDetach:

@@ -83,6 +83,9 @@ void Diagram::OnEntry(unsigned, const Entry& entry)
     case EntryKind::kReport:
         lines_.push_back("Note right of " + notifier + ": " + Plain(entry.who + ": " + entry.what));
         return;
+    case EntryKind::kPrint:
+        lines_.push_back("Note over " + Participant(entry.who) + ": " + Plain(entry.what));
+        return;
     case EntryKind::kFinding:
         lines_.push_back(kAcross + Plain("!! " + entry.what));
         return;
@@ -99,20 +102,20 @@ void Diagram::OnBegin(unsigned, const Span& span)
 void Diagram::DrawCall(const Entry& entry)
 {
     const std::string who = Participant(entry.who);
-    const std::string notifier = Participant(kNotifier);
+    const std::string whom = Participant(entry.whom);
     // Indented: the end of a call whose beginning was shown before its callbacks.
     const std::size_t begin = entry.what.find_first_not_of(' ');
     const std::string what = Plain(entry.what.substr(begin)) + OutcomeOf(entry);
     const auto begun = begun_.extract(entry.who);
     if (begin != 0) {
-        lines_.push_back(notifier + "-->>" + who + ": " + what);
+        lines_.push_back(whom + "-->>" + who + ": " + what);
         return;
     }
     const bool hasCallbacks = !begun.empty() && begun.mapped() < lines_.size();
     lines_.insert(hasCallbacks ? lines_.begin() + static_cast<std::ptrdiff_t>(begun.mapped()) : lines_.end(),
-                  who + "->>" + notifier + ": " + what);
+                  who + "->>" + whom + ": " + what);
     if (hasCallbacks) {
-        lines_.push_back(notifier + "-->>" + who + ": " + Plain(entry.outcome));
+        lines_.push_back(whom + "-->>" + who + ": " + Plain(entry.outcome));
     }
 }
 

@@ -8,13 +8,16 @@
 #include "tools/play/perfetto.h"
 #include "tools/play/player.h"
 #include "tools/play/reading/scenario_reader.h"
-#include "tools/play/samples_run.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -30,6 +33,22 @@ std::filesystem::path ImagePath(const std::string& choice, const std::filesystem
         return root / "out" / choice / "zepn.sys";
     }
     return choice;
+}
+
+// CLIENT=PATH, as --driver takes it.
+std::map<std::string, std::filesystem::path> Drivers(const std::vector<std::string>& texts)
+{
+    std::map<std::string, std::filesystem::path> drivers;
+    for (const std::string& text : texts) {
+        const std::size_t at = text.find('=');
+        if (at == 0 || at == std::string::npos || at + 1 == text.size()) {
+            throw std::runtime_error("--driver takes CLIENT=PATH, not " + text);
+        }
+        if (!drivers.emplace(text.substr(0, at), text.substr(at + 1)).second) {
+            throw std::runtime_error("--driver " + text + ": the client has been given a driver already");
+        }
+    }
+    return drivers;
 }
 
 template <class Picture>
@@ -71,25 +90,21 @@ int main(int argumentCount, char** arguments)
     CLI::Option* scenarioOption =
         app.add_option("scenario", scenarioFile, "scenario file (default: scenarios/boot.json)");
     app.add_option("--image", image, "x64, arm64, native, or a path (default: " + image + ")");
-    CLI::Option* etwOption =
-        app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
-    CLI::Option* traceOption = app.add_flag("--trace", traceMessages, "show trace messages");
+    app.add_option("--etw", eventLevel, "show events up to this level; 0 shows all")->check(CLI::Range(0, 255));
+    app.add_flag("--trace", traceMessages, "show trace messages");
     std::string capture;
-    CLI::Option* captureOption =
-        app.add_option("--capture", capture, "write all reports, raw, to this file for zepn decode");
+    app.add_option("--capture", capture, "write all reports, raw, to this file for zepn decode");
     app.add_flag("--json", json, "one JSON object a line");
     CLI::Option* diagramOption =
         app.add_option("--diagram", diagramFile, "write the run as a Mermaid sequence diagram");
     app.add_option("--diagram-part", diagramPart, "of it, only what stands below the notes with this text")
         ->needs(diagramOption);
-    CLI::Option* perfettoOption =
-        app.add_option("--perfetto", perfettoFile, "write the run as trace events for Perfetto and Chrome's viewer");
-    // Its lines are what the drivers print.
-    CLI::Option* samplesOption =
-        app.add_flag("--samples", samples, "the life of the sample drivers instead of a scenario")
-            ->excludes(scenarioOption, etwOption, traceOption, captureOption, diagramOption, perfettoOption);
-    app.add_flag("--allow-missing", allowMissing, "load images that need functions which the host does not play")
-        ->excludes(samplesOption);
+    app.add_option("--perfetto", perfettoFile, "write the run as trace events for Perfetto and Chrome's viewer");
+    std::vector<std::string> drivers;
+    app.add_option("--driver", drivers, "CLIENT=PATH: the driver image of a real client, in place of the file's")
+        ->allow_extra_args(false);
+    app.add_flag("--samples", samples, "plays scenarios/samples.json: all drivers are real")->excludes(scenarioOption);
+    app.add_flag("--allow-missing", allowMissing, "load images that need functions which the host does not play");
     app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));
     if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
         return *status;
@@ -99,19 +114,24 @@ int main(int argumentCount, char** arguments)
         const bool colored = color == "always" || (color == "auto" && isatty(STDOUT_FILENO) == 1);
         play::Timeline timeline(std::cout, json ? play::Timeline::Form::kJson : play::Timeline::Form::kText, colored);
         if (samples) {
-            return tools::EndWith(app, play::PlaySamples(ImagePath(image, root), timeline) ? 0 : kNotAsExpected);
-        }
-        for (const std::string& written : {capture, diagramFile, perfettoFile}) {
-            for (const std::string& read : {scenarioFile, ImagePath(image, root).string()}) {
-                std::error_code missing;  // then it is another file
-                if (std::filesystem::equivalent(written, read, missing)) {
-                    throw std::runtime_error(written + ": is read, and would be overwritten");
-                }
-            }
+            scenarioFile = (root / "scenarios" / "samples.json").string();
         }
         const play::Scenario scenario = play::ReadScenario(scenarioFile);
         play::PlayOptions options;
         options.image = ImagePath(image, root);
+        options.drivers = Drivers(drivers);
+        std::vector<std::filesystem::path> read = {scenarioFile, options.image};
+        for (const auto& [client, driver] : options.drivers) {
+            read.push_back(driver);
+        }
+        for (const std::string& written : {capture, diagramFile, perfettoFile}) {
+            if (std::ranges::any_of(read, [&written](const std::filesystem::path& file) {
+                    std::error_code missing;  // then it is another file
+                    return std::filesystem::equivalent(written, file, missing);
+                })) {
+                throw std::runtime_error(written + ": is read, and would be overwritten");
+            }
+        }
         options.decodingFiles = root / "out" / "manifest";
         options.traceMessages = traceMessages;
         options.capture = capture;

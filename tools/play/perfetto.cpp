@@ -48,6 +48,10 @@ int Perfetto::Track(const std::string& who)
 
 void Perfetto::OnEntry(unsigned step, const Entry& entry)
 {
+    if (entry.kind == EntryKind::kPrint) {
+        Print(step, entry);
+        return;
+    }
     if (entry.kind == EntryKind::kHeading || entry.kind == EntryKind::kReport || entry.kind == EntryKind::kFinding) {
         Instant(step, entry);
         return;
@@ -74,6 +78,19 @@ void Perfetto::Instant(unsigned step, const Entry& entry)
                        {"ts", Now()},
                        {"pid", kProcess},
                        {"tid", global ? Track("system") : Track(onTop_.back())},
+                       {"args", {{"step", step}}}});
+}
+
+// On the track of the driver that printed it, whoever called that.
+void Perfetto::Print(unsigned step, const Entry& entry)
+{
+    events_.push_back({{"name", entry.what},
+                       {"cat", "print"},
+                       {"ph", "i"},
+                       {"s", "t"},
+                       {"ts", Now()},
+                       {"pid", kProcess},
+                       {"tid", Track(entry.who)},
                        {"args", {{"step", step}}}});
 }
 

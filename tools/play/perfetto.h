@@ -1,5 +1,6 @@
 // A run as trace events in JSON, which Perfetto and Chrome's viewer open: a track for each client, each work item, the
-// crash-dump driver and the system; calls, runs and callbacks as slices; arrows from what was posted to its deliveries.
+// crash-dump driver and the system; calls, runs and callbacks as slices; arrows from what was posted to its deliveries;
+// what real drivers print, on their tracks.
 #pragma once
 
 #include "tools/play/timeline.h"
@@ -25,7 +26,7 @@ public:
     void OnCause(const std::string& who, const std::string& cause) override;
     void OnEnd(const std::string& who, const std::string& outcome) override;
 
-    // Spans that are still open stand still; they end with the picture.
+    // Spans that are still open hang; they end with the picture.
     void Write(std::ostream& out) const;
 
 private:
@@ -41,6 +42,7 @@ private:
     int Track(const std::string& who);
     [[nodiscard]] nlohmann::ordered_json Slice(const Open& open, double endUs, const std::string& outcome) const;
     void Instant(unsigned step, const Entry& entry);
+    void Print(unsigned step, const Entry& entry);
     [[nodiscard]] double Now();
 
     const std::string title_;

@@ -19,7 +19,7 @@ void Do(Run& run, const Step& step)
     case Action::kSubscribe:
     case Action::kUnsubscribe:
     case Action::kPost:
-    case Action::kLeave:
+    case Action::kDeregister:
     case Action::kCommand:
         DoClientStep(run, step);
         return;
@@ -36,6 +36,13 @@ void Do(Run& run, const Step& step)
     case Action::kDescribe:
         DoCrashDumpStep(run, step);
         return;
+    case Action::kLoad:
+    case Action::kStop:
+    case Action::kPull:
+    case Action::kUnload:
+    case Action::kExpect:
+        DoDriverStep(run, step);
+        return;
     default:
         DoSystemStep(run, step);
     }
@@ -45,18 +52,18 @@ void Do(Run& run, const Step& step)
 
 bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeline)
 {
-    Run run(scenario, timeline, options.realTime, options.allowMissing);
+    Run run(scenario, options, timeline);
     std::optional<ReportListener> reports;
     if (ReportListener::IsWanted(options)) {
         reports.emplace(options, run.machine.tracing(), timeline);
     }
-    run.Boot(options.image);
+    run.Boot();
     unsigned number = 0;
     Place place;
-    const host::checks::CrashContext context([&] {
-        return "in step " + std::to_string(number) + ", " + scenario.file + ":" + std::to_string(place.line) + ":" +
-               std::to_string(place.column);
-    });
+    const auto at = [&scenario, &place] {
+        return scenario.file + ":" + std::to_string(place.line) + ":" + std::to_string(place.column);
+    };
+    const host::checks::CrashContext context([&] { return "in step " + std::to_string(number) + ", " + at(); });
     for (const Step& step : scenario.steps) {
         place = step.place;
         if (step.action != Action::kNote) {
@@ -68,7 +75,11 @@ bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeli
         }
         run.peers.BeginStep();
         run.Arm(step);
-        Do(run, step);
+        try {
+            Do(run, step);
+        } catch (const host::HostError& error) {
+            throw host::HostError(at() + ": " + error.what());  // an image is refused
+        }
         run.ShowFindings();
         run.Disarm(step);
     }

@@ -2,10 +2,15 @@
 
 #include "tools/play/run.h"
 
+#include "tools/peers/client_context.h"
+#include "tools/play/images.h"
+#include "tools/play/reading/field_reader.h"
 #include "tools/play/statuses.h"
 
 #include <algorithm>
+#include <cstring>
 #include <span>
+#include <sstream>
 #include <utility>
 
 namespace play {
@@ -13,22 +18,73 @@ namespace {
 
 constexpr std::uint32_t kRealWaitMaximumMs = 60'000;  // nobody watches a longer one
 
-host::MachineOptions MachineOptionsFor(const Scenario& scenario, bool realTime, bool allowMissing)
+host::MachineOptions MachineOptionsFor(const Scenario& scenario, const PlayOptions& played)
 {
     host::MachineOptions options;
-    options.allowMissing = allowMissing;
-    options.realTime = realTime && std::ranges::all_of(scenario.steps, [](const Step& step) {
+    options.allowMissing = played.allowMissing;
+    options.realTime = played.realTime && std::ranges::all_of(scenario.steps, [](const Step& step) {
                            return step.action != Action::kTimeout || step.argument <= kRealWaitMaximumMs;
                        });
     return options;
 }
 
+void SetParameters(host::Machine& machine, const ClientModel& client)
+{
+    for (const Parameter& parameter : client.driver->parameters) {
+        if (const auto* number = std::get_if<std::uint32_t>(&parameter.value)) {
+            machine.SetRegistryValue(client.key, parameter.name, *number);
+        } else {
+            machine.SetRegistryString(client.key, parameter.name, std::get<std::string>(parameter.value));
+        }
+    }
+}
+
+// A misspelt call would fail nothing.
+void CheckFaults(const Scenario& scenario, const host::Machine& machine)
+{
+    FieldReader reader(scenario.file);
+    const std::vector<std::string> functions = machine.PlatformFunctions();
+    for (std::size_t index = 0; index < scenario.steps.size(); ++index) {
+        const Step& step = scenario.steps[index];
+        if (step.fail && std::ranges::find(functions, step.fail->call) == functions.end()) {
+            reader.Mistake(step.fail->place, "steps[" + std::to_string(index) + "].fail.call",
+                           "the host has no platform function \"" + step.fail->call + "\"" +
+                               Nearest(step.fail->call, functions));
+        }
+    }
+    if (!reader.mistakes().empty()) {
+        throw ScenarioError(reader.mistakes());
+    }
+}
+
 }  // namespace
 
-Run::Run(const Scenario& scenarioOfRun, Timeline& timelineOfRun, bool realTime, bool allowMissing)
-    : scenario(scenarioOfRun), timeline(timelineOfRun),
-      machine(MachineOptionsFor(scenarioOfRun, realTime, allowMissing)), peers(scenarioOfRun, timelineOfRun)
+Run::Run(const Scenario& scenarioOfRun, const PlayOptions& options, Timeline& timelineOfRun)
+    : scenario(scenarioOfRun), timeline(timelineOfRun), machine(MachineOptionsFor(scenarioOfRun, options)),
+      peers(scenarioOfRun, timelineOfRun), state(scenarioOfRun), options_(options)
 {
+    peers.helper = &helper;
+    peers.wpcd = &wpcd;
+    state.driverLoaded = false;
+    state.device = SystemState::Device::kNone;
+    state.interfacesQueried = false;
+    machine.environment().onDebugPrint = [this](const std::string& text, const void* caller) { Print(text, caller); };
+}
+
+// A driver's line often begins with its name, which stands in the timeline already.
+void Run::Print(const std::string& text, const void* caller)
+{
+    const std::string service = machine.ServiceAt(caller);
+    const std::string who = service == kService ? kNotifier : service;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(who + ": ")) {
+            line.erase(0, who.size() + 2);
+        }
+        if (!line.empty()) {
+            timeline.Add({EntryKind::kPrint, who, "", line, "", true});
+        }
+    }
 }
 
 template <class Table>
@@ -37,17 +93,28 @@ NTSTATUS Run::Query(const GUID& type, Table& table)
     return driver->QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)), ZEP_NOTIFIER_INTERFACE_VERSION);
 }
 
-void Run::Boot(const std::filesystem::path& image)
+void Run::Boot()
 {
-    driver = &machine.Load(image, kService);
-    timeline.Add({EntryKind::kCall, kSystem, kNotifier, "loads " + image.filename().string(),
+    CheckFaults(scenario, machine);
+    images_ = ClientImages(scenario, options_);
+    for (const ClientModel& client : scenario.clients) {
+        if (client.driver) {
+            SetParameters(machine, client);
+        }
+    }
+    if (!std::filesystem::exists(image())) {
+        throw host::HostError(image().string() + ": there is no such image; ./zepn build makes those of the Notifier");
+    }
+    if (scenario.notifier == Beginning::kAbsent) {
+        return;
+    }
+    driver = &machine.Load(image(), kService);
+    timeline.Add({EntryKind::kCall, kSystem, kNotifier, "loads " + image().filename().string(),
                   StatusText(driver->EntryStatus()), NT_SUCCESS(driver->EntryStatus())});
     if (!NT_SUCCESS(driver->EntryStatus())) {
         throw host::HostError("the driver's entry point failed with " + StatusText(driver->EntryStatus()));
     }
-    peers.helper = &helper;
-    peers.wpcd = &wpcd;
-    if (!scenario.bootsDevice) {
+    if (scenario.notifier == Beginning::kLoaded) {
         return;
     }
     const NTSTATUS status = AddDevice();
@@ -63,7 +130,7 @@ NTSTATUS Run::AddDevice()
     if (const NTSTATUS added = driver->AddDevice(); !NT_SUCCESS(added)) {
         return added;
     }
-    device = SystemState::Device::kStarted;
+    state.device = SystemState::Device::kStarted;
     if (const NTSTATUS started = driver->StartDevice(); !NT_SUCCESS(started)) {
         (void)RemoveDevice();  // as the system does
         return started;
@@ -72,12 +139,38 @@ NTSTATUS Run::AddDevice()
     return NT_SUCCESS(queried) ? Query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd) : queried;
 }
 
-const char* Run::ObstacleTo(const Step& step) const
+std::optional<NTSTATUS> Run::LoadNotifier(const Step& step)
 {
-    return Obstacle(step, {.driverLoaded = driver->IsLoaded(),
-                           .device = device,
-                           .interfacesQueried = helper.InterfaceHeader.Size != 0 && wpcd.InterfaceHeader.Size != 0,
-                           .handleOpen = file != 0});
+    driver = &machine.Load(image(), kService);
+    if (!NT_SUCCESS(driver->EntryStatus())) {
+        return driver->EntryStatus();
+    }
+    const auto status = Call(step, kSystem, "device add", {}, [&] { return AddDevice(); });
+    if (status && !NT_SUCCESS(*status)) {
+        (void)Unload(*driver);
+    }
+    return status;
+}
+
+std::optional<std::uint32_t> Run::RegisteredState(const GUID& guid)
+{
+    for (const host::framework::ObjectSnapshot& object :
+         machine.inspect().Objects(host::framework::ObjectType::kGeneral)) {
+        const auto context =
+            machine.inspect().Context<layout::ClientContext>(object.handle, layout::kClientContextName);
+        if (context && std::memcmp(&context->guid, &guid, sizeof(guid)) == 0 && !object.deleted) {
+            return context->currentState;
+        }
+    }
+    return std::nullopt;
+}
+
+const char* Run::ObstacleTo(const Step& step)
+{
+    state.driverLoaded = driver != nullptr && driver->IsLoaded();
+    state.interfacesQueried = helper.InterfaceHeader.Size != 0 && wpcd.InterfaceHeader.Size != 0;
+    state.handleOpen = file != 0;
+    return Obstacle(step, state);
 }
 
 void Run::LeaveOut(const Step& step, const char* obstacle)
@@ -88,20 +181,41 @@ void Run::LeaveOut(const Step& step, const char* obstacle)
 
 std::optional<NTSTATUS> Run::RemoveDevice()
 {
-    const host::Outcome outcome = driver->RemoveDevice();
-    ShowParked(outcome);
-    device = outcome.parked ? SystemState::Device::kRemovalHangs : SystemState::Device::kNone;
-    return outcome.parked ? std::nullopt : std::optional(STATUS_SUCCESS);
+    const unsigned hangsBefore = hangs_;
+    const auto status = Remove(*driver);
+    if (status) {
+        state.device = SystemState::Device::kNone;
+    } else if (hangs_ != hangsBefore) {  // else a handle is open, and all is as it was
+        state.device = SystemState::Device::kRemovalHangs;
+    }
+    return status;
 }
 
-std::optional<NTSTATUS> Run::Unload()
+std::optional<NTSTATUS> Run::Remove(host::Driver& removed)
 {
-    const host::Outcome outcome = driver->Unload();
-    ShowParked(outcome);
-    return outcome.parked ? std::nullopt : std::optional(STATUS_SUCCESS);
+    try {
+        const host::Outcome outcome = removed.RemoveDevice();
+        ShowParked(outcome);
+        return outcome.parked ? std::nullopt : std::optional(STATUS_SUCCESS);
+    } catch (const host::HostError& error) {
+        AddFinding(error.what());  // a handle is open: the system would wait for it
+        return std::nullopt;
+    }
 }
 
-std::optional<NTSTATUS> Run::Call(const Step& step, const std::string& who, const char* operation,
+std::optional<NTSTATUS> Run::Unload(host::Driver& unloaded)
+{
+    try {
+        const host::Outcome outcome = unloaded.Unload();
+        ShowParked(outcome);
+        return outcome.parked ? std::nullopt : std::optional(STATUS_SUCCESS);
+    } catch (const host::HostError& error) {
+        AddFinding(error.what());  // it has no unload routine, or still a device
+        return std::nullopt;
+    }
+}
+
+std::optional<NTSTATUS> Run::Call(const Step& step, const std::string& who, const std::string& operation,
                                   const std::vector<std::string>& causes, const std::function<NTSTATUS()>& call)
 {
     timeline.Begin({Span::Kind::kCall, who, operation, ""});
@@ -124,19 +238,20 @@ std::optional<NTSTATUS> Run::Call(const Step& step, const std::string& who, cons
     return status;
 }
 
-void Run::Show(const Step& step, const std::string& who, const std::string& what, std::optional<NTSTATUS> status)
+void Run::Show(const Step& step, const std::string& who, const std::string& what, std::optional<NTSTATUS> status,
+               const std::string& whom)
 {
     // Of a step that must end in a finding the status is judged only when it names one.
     const bool good =
         status && step.expect ? *status == *step.expect : step.finding.has_value() || (status && NT_SUCCESS(*status));
-    timeline.Add({EntryKind::kCall, who, kNotifier, what, status ? StatusText(*status) : "never returns", good});
+    timeline.Add({EntryKind::kCall, who, whom, what, status ? StatusText(*status) : "never returns", good});
     good_ = good_ && good;
 }
 
 void Run::ShowParked(const host::Outcome& outcome)
 {
     if (outcome.parked) {
-        hangs_ = true;
+        ++hangs_;
         AddFinding("hang: the thread " + outcome.reason);
     }
 }
@@ -146,8 +261,13 @@ void Run::Arm(const Step& step)
     expectedFinding_ = step.finding;
     findingCame_ = false;
     if (step.fail) {
+        const std::string& driverName = step.fail->driver;
+        const std::filesystem::path module = driverName.empty()        ? std::filesystem::path()
+                                             : driverName == kNotifier ? image()
+                                                                       : ImageOf(driverName);
         machine.faults().Add(
             {.function = step.fail->call,
+             .module = module.filename().string(),
              .detail = step.fail->detail,
              .form = step.fail->status ? host::checks::FaultForm::kStatus : host::checks::FaultForm::kNull,
              .status = step.fail->status.value_or(STATUS_SUCCESS)});
@@ -194,31 +314,60 @@ bool Run::AddFinding(const std::string& text)
     return expected;
 }
 
+// As if the system shut down the real clients in good order.
+void Run::EndClients()
+{
+    for (const auto& [key, client] : clientDrivers) {
+        if (hangs_ == 0 && client->HasDevice()) {
+            ShowParked(machine.OnThread(kSystem, [&] { (void)client->QueryRemoveDevice(); }));
+        }
+        if (hangs_ == 0 && client->HasDevice()) {
+            (void)Remove(*client);
+        }
+        if (hangs_ == 0 && client->IsLoaded() && !client->HasDevice()) {
+            (void)Unload(*client);
+        }
+    }
+    for (const host::Outcome& outcome : hangs_ == 0 ? machine.RunWorkItems().parked : std::vector<host::Outcome>()) {
+        ShowParked(outcome);
+    }
+}
+
 void Run::End()
 {
+    if (const std::size_t queued = machine.QueuedWorkItems(); queued != 0 && hangs_ == 0) {
+        const std::string first = machine.NextWorkItem();
+        timeline.Add({EntryKind::kCall, kSystem, kNotifier,
+                      "undelivered at the end of the file: " + (first.empty() ? "system work" : first) +
+                          (queued == 1 ? "" : " and " + std::to_string(queued - 1) + " more"),
+                      "", true});
+    }
     // After a hang the system could do none of this either.
-    if (!hangs_ && file != 0) {
+    if (!clientDrivers.empty()) {
+        EndClients();
+    }
+    if (hangs_ == 0 && file != 0) {
         ShowParked(machine.OnThread(kApplication, [&] { driver->Close(file); }));
     }
-    if (!hangs_ && device == SystemState::Device::kStarted) {
+    if (hangs_ == 0 && state.device == SystemState::Device::kStarted) {
         ShowParked(machine.OnThread(kSystem, [&] { driver->SurpriseRemoveDevice(); }));
     }
-    if (!hangs_ && driver->HasDevice()) {
+    if (hangs_ == 0 && driver != nullptr && driver->HasDevice()) {
         (void)RemoveDevice();
     }
-    if (!hangs_ && driver->IsLoaded()) {
-        (void)Unload();
+    if (hangs_ == 0 && driver != nullptr && driver->IsLoaded() && !driver->HasDevice()) {
+        (void)Unload(*driver);
     }
     ShowFindings();
     const Counts& counts = peers.counts;
     const auto count = [](const char* what, unsigned number) {
-        return std::string(what) + " " + std::to_string(number) + ", ";
+        return number == 0 ? std::string() : std::string(what) + " " + std::to_string(number) + ", ";
     };
     timeline.Close(count("clients", counts.registered) + count("states posted", counts.posted) +
                        count("deliveries", counts.delivered) + count("answers", counts.answered) +
                        count("commands", counts.commands) + count("announcements", counts.announced) +
                        count("dump calls", counts.dumpCalls) +
-                       (hangs_             ? "a thread hangs, so the driver stays"
+                       (hangs_ != 0        ? "a thread hangs, so its driver stays"
                         : violations_ == 0 ? "no violation, nothing left behind"
                                            : "violations " + std::to_string(violations_)),
                    good_);

@@ -1,15 +1,18 @@
-// One run of a scenario: the machine with the driver on it, the peers, and what the run has come to so far. Steps call
-// the driver through it, so that every call is shown in the same way and whatever goes wrong is judged in one place.
+// One run of a scenario: the machine with the drivers on it, the scripted peers, and what the run has come to so far.
+// Steps call the drivers through it, so that every call is shown in the same way and whatever goes wrong is judged in one
+// place.
 #pragma once
 
 #include "host/machine.h"
 #include "tools/play/clients.h"
+#include "tools/play/player.h"
 #include "tools/play/scenario.h"
 #include "tools/play/system_state.h"
 #include "tools/play/timeline.h"
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,18 +23,14 @@ inline constexpr const char* kService = "zepn";
 
 class Run {
 public:
-    // A machine without the driver. `realTime`: the configured wait before sleep is really waited. `allowMissing`: images
-    // may need what the host does not play.
-    Run(const Scenario& scenario, Timeline& timeline, bool realTime, bool allowMissing = false);
+    // A machine without drivers.
+    Run(const Scenario& scenario, const PlayOptions& options, Timeline& timeline);
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
-    // Loads the driver and, unless the scenario does that by a step, adds its device. Throws host::HostError when that
-    // fails.
-    void Boot(const std::filesystem::path& image);
-
-    // Adds and starts the driver's device and asks it for its interfaces.
-    NTSTATUS AddDevice();
+    // Brings the Notifier to where the scenario begins. Throws ScenarioError when a client's image is missing or a call
+    // that is to fail does not exist, and host::HostError when the Notifier's image cannot be loaded and started.
+    void Boot();
 
     // Ends, as the system would, what the scenario left open, and sums up.
     void End();
@@ -43,34 +42,51 @@ public:
     Timeline& timeline;
     host::Machine machine;
     Peers peers;
-    // From Boot on:
+    std::map<std::string, host::Driver*> clientDrivers;  // of the real clients: those that were loaded, the last time
+    // The Notifier, from its first load on:
     host::Driver* driver = nullptr;
     ZEP_NOTIFIER_HELPER_INTERFACE helper{};
     ZEP_NOTIFIER_WPCD_INTERFACE wpcd{};
     host::FileId file = 0;  // of the control device; 0: not open
-    SystemState::Device device = SystemState::Device::kNone;
+    SystemState state;      // as it really is
+
+    // The images of this run, the Notifier's and those of the real clients.
+    [[nodiscard]] const std::filesystem::path& image() const { return options_.image; }
+    [[nodiscard]] const std::filesystem::path& ImageOf(const std::string& client) const { return images_.at(client); }
+
+    // The state of a registered client, as the Notifier has it; empty when no client has the identity.
+    [[nodiscard]] std::optional<std::uint32_t> RegisteredState(const GUID& guid);
 
     // ---- Calls of a step ----
 
     // Why the step cannot be done now; null when it can.
-    [[nodiscard]] const char* ObstacleTo(const Step& step) const;
+    [[nodiscard]] const char* ObstacleTo(const Step& step);
     // Shows that a step is left out; that is a finding.
     void LeaveOut(const Step& step, const char* obstacle);
 
     // Makes a call on a thread of the caller's, as a span of its own. Empty when it never returns.
-    std::optional<NTSTATUS> Call(const Step& step, const std::string& who, const char* operation,
+    std::optional<NTSTATUS> Call(const Step& step, const std::string& who, const std::string& operation,
                                  const std::vector<std::string>& causes, const std::function<NTSTATUS()>& call);
 
     // Shows a call after its callbacks, so that everything is shown in the order in which it happened, and judges its
     // status by what the step expects.
-    void Show(const Step& step, const std::string& who, const std::string& what, std::optional<NTSTATUS> status);
+    void Show(const Step& step, const std::string& who, const std::string& what, std::optional<NTSTATUS> status,
+              const std::string& whom = kNotifier);
 
     // A finding, when a thread hangs.
     void ShowParked(const host::Outcome& outcome);
 
-    // Removes the device, unloads the driver: empty when that never returns.
+    // Adds and starts the Notifier's device and asks it for its interfaces.
+    NTSTATUS AddDevice();
+    // Loads the Notifier and adds its device; where one fails, the system unloads the driver. Empty when one never
+    // returns.
+    std::optional<NTSTATUS> LoadNotifier(const Step& step);
+    // Removes the Notifier's device.
     std::optional<NTSTATUS> RemoveDevice();
-    std::optional<NTSTATUS> Unload();
+
+    // Removes the device of a driver, unloads a driver: empty when that never returns.
+    std::optional<NTSTATUS> Remove(host::Driver& removed);
+    std::optional<NTSTATUS> Unload(host::Driver& unloaded);
 
     // Shows what went wrong; true when the step is there to show just this.
     bool AddFinding(const std::string& text);
@@ -87,9 +103,13 @@ public:
 private:
     template <class Table>
     NTSTATUS Query(const GUID& type, Table& table);
+    void Print(const std::string& text, const void* caller);
+    void EndClients();
 
+    const PlayOptions& options_;
+    std::map<std::string, std::filesystem::path> images_;
     unsigned violations_ = 0;
-    bool hangs_ = false;  // a thread of the driver's never returns
+    unsigned hangs_ = 0;  // threads of drivers that never return
     std::optional<std::string> expectedFinding_;
     bool findingCame_ = false;
     bool good_ = true;

@@ -2,10 +2,14 @@
 
 namespace play {
 
-std::string Scenario::StateName(std::uint32_t state) const
+std::string StateName(const Scenario& scenario, const ClientModel* client, std::uint32_t state)
 {
-    const auto name = stateNames.find(state);
-    if (name != stateNames.end()) {
+    if (client != nullptr) {
+        if (const auto own = client->states.names.find(state); own != client->states.names.end()) {
+            return own->second;
+        }
+    }
+    if (const auto name = scenario.states.names.find(state); name != scenario.states.names.end()) {
         return name->second;
     }
     return state == 0 ? "none" : std::to_string(state);

@@ -1,5 +1,5 @@
-// A scenario: the clients of a chip with their scripted answers, and the steps of a run. tools/play/reading reads it
-// from a file.
+// A scenario: the clients of a chip, scripted or real drivers, and the steps of a run. tools/play/reading reads it from a
+// file.
 #pragma once
 
 #include "tools/play/reading/located_json.h"
@@ -11,6 +11,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace play {
@@ -33,9 +34,32 @@ struct InsideCall {
     std::string call;      // the step of the same name, for the client itself
 };
 
+// State numbers by name, and names by number: of two names for a number the first in the file.
+struct StateNames {
+    std::map<std::string, std::uint32_t> numbers;
+    std::map<std::uint32_t, std::string> names;
+};
+
+// A value below the Parameters key of a driver's service.
+struct Parameter {
+    std::string name;
+    std::variant<std::uint32_t, std::string> value;
+};
+
+// A client whose driver is a real image. It registers and posts by itself; steps load, stop, pull and unload it.
+struct DriverModel {
+    std::string image;  // as in the file; tools/play/images.h finds it
+    Place place;        // of the image's name
+    std::vector<Parameter> parameters;
+};
+
 struct ClientModel {
     std::string key;
     GUID guid{};
+    bool hasGuid = false;  // a real driver's is needed only where a field names the client
+    std::optional<DriverModel> driver;
+    StateNames states;  // of its own; the file's hold beside them
+    // Of scripted clients:
     std::string name;
     std::string description;
     std::uint32_t entryCount = 0;
@@ -58,7 +82,7 @@ enum class Action {
     kSubscribe,
     kUnsubscribe,
     kPost,
-    kLeave,
+    kDeregister,
     kDeliver,
     kCommand,
     kAttach,
@@ -74,6 +98,7 @@ enum class Action {
     kControl,
     kClose,
     kTimeout,
+    kWait,
     kAddDevice,
     kSleep,
     kWake,
@@ -82,12 +107,18 @@ enum class Action {
     kSurpriseRemoval,
     kRemove,
     kUnload,
+    kLoad,
+    kStop,
+    kPull,
+    kExpect,
 };
 
 // A platform call that fails while a step lasts.
 struct StepFault {
     std::string call;                // "WdfObjectCreate"
+    Place place;                     // of its name
     std::string detail;              // only for this context type or routine; empty: any
+    std::string driver;              // only when this real client, or the Notifier, calls; empty: whoever does
     std::optional<NTSTATUS> status;  // empty: it returns NULL
 };
 
@@ -97,7 +128,7 @@ struct Step {
     std::string client;  // key; empty where the step has none
     std::string to;
     std::string text;                    // of a note
-    std::optional<std::uint32_t> state;  // empty: any (subscriptions)
+    std::optional<std::uint32_t> state;  // empty: any (subscriptions); not registered (kExpect)
     std::uint32_t id = 0;
     std::uint32_t argument = 0;
     std::uint32_t capacity = 0;
@@ -111,18 +142,21 @@ struct Step {
     std::vector<std::string> shows;      // parts of what the step must show, in this order
 };
 
+// How a run begins: with the Notifier's device started, with its driver loaded, or without it.
+enum class Beginning { kStarted, kLoaded, kAbsent };
+
 struct Scenario {
     std::string file;
     std::string title;
-    bool bootsDevice = true;  // else the run begins with the loaded driver, and a step adds the device
-    std::map<std::string, std::uint32_t> states;
-    std::map<std::uint32_t, std::string> stateNames;  // of two names for a number the first in the file
+    Beginning notifier = Beginning::kStarted;
+    StateNames states;
     std::vector<ClientModel> clients;
     CrashDumpModel crashDump;
     std::vector<Step> steps;
-
-    [[nodiscard]] std::string StateName(std::uint32_t state) const;
 };
+
+// What a state of a client is called, by the names of its own and those of the file.
+[[nodiscard]] std::string StateName(const Scenario& scenario, const ClientModel* client, std::uint32_t state);
 
 // The mistakes that a file has, as "<file>:<line>:<column>: <field>: <what was expected>", one to a line.
 class ScenarioError : public std::runtime_error {

@@ -55,6 +55,15 @@ std::string StatusText(NTSTATUS status)
     return text;
 }
 
+std::vector<std::string> StatusNames()
+{
+    std::vector<std::string> names;
+    for (const Row& row : kRows) {
+        names.emplace_back(row.name);
+    }
+    return names;
+}
+
 std::optional<NTSTATUS> ParseStatus(const std::string& text)
 {
     for (const Row& row : kRows) {

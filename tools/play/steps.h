@@ -5,13 +5,15 @@
 
 namespace play {
 
-// A client registers, subscribes, posts, commands or leaves.
+// A client registers, subscribes, posts, commands or deregisters.
 void DoClientStep(Run& run, const Step& step);
 // A client's dump goes to the crash-dump driver.
 void DoDumpStep(Run& run, const Step& step);
 // The crash-dump driver attaches, detaches, or asks for the clients.
 void DoCrashDumpStep(Run& run, const Step& step);
-// The system lets work run, sleeps, wakes, takes the device or the driver away; an application uses the control device.
+// The system loads and unloads drivers and removes the devices of real clients; and the state of a client is looked at.
+void DoDriverStep(Run& run, const Step& step);
+// The system lets work run, sleeps, wakes, removes the Notifier's device; an application uses the control device.
 void DoSystemStep(Run& run, const Step& step);
 
 }  // namespace play

@@ -4,6 +4,7 @@ namespace play {
 namespace {
 
 using Device = SystemState::Device;
+using ClientDriver = SystemState::ClientDriver;
 
 const char* DeviceObstacle(Device device)
 {
@@ -33,27 +34,31 @@ bool ExpectsFailure(const Step& step)
     return step.expect && !NT_SUCCESS(*step.expect);
 }
 
-}  // namespace
-
-const char* Obstacle(const Step& step, const SystemState& state)
+// Of a real client's driver.
+const char* ClientObstacle(Action action, ClientDriver driver)
 {
-    switch (step.action) {
-    case Action::kNote:
-    case Action::kTimeout:
-    case Action::kDeliver:
-    case Action::kSleep:
-    case Action::kWake:
-        return nullptr;
-    case Action::kUnload:
-        if (!step.client.empty()) {
-            return nullptr;
-        }
-        break;
-    default:
-        break;
+    if (action == Action::kLoad) {
+        return driver == ClientDriver::kUnloaded ? nullptr
+                                                 : "the client's driver is loaded already; \"unload\" comes first";
+    }
+    if (driver == ClientDriver::kUnloaded) {
+        return "the client's driver is not loaded; \"load\" comes first";
+    }
+    if (action == Action::kUnload) {
+        return driver == ClientDriver::kWithoutDevice
+                   ? nullptr
+                   : "the system does not unload a driver that has a device; \"stop\" or \"pull\" comes first";
+    }
+    return driver == ClientDriver::kStarted ? nullptr : "the client's device was removed already";
+}
+
+const char* NotifierObstacle(const Step& step, const SystemState& state)
+{
+    if (step.action == Action::kLoad) {
+        return state.driverLoaded ? "the driver is loaded already; \"unload\" comes first" : nullptr;
     }
     if (!state.driverLoaded) {
-        return "the driver is unloaded";
+        return "the driver is not loaded; \"load\" comes first";
     }
     switch (step.action) {
     case Action::kAddDevice:
@@ -76,20 +81,83 @@ const char* Obstacle(const Step& step, const SystemState& state)
     case Action::kControl:
     case Action::kClose:
         return state.handleOpen ? nullptr : "the control device is not open; \"open\" comes first";
+    case Action::kExpect:
+        return nullptr;
     default:
         return state.interfacesQueried ? nullptr
                                        : "nobody has the driver's function tables yet; \"addDevice\" comes first";
     }
 }
 
-void Follow(const Step& step, SystemState& state)
+}  // namespace
+
+SystemState::SystemState(const Scenario& scenario) : driverLoaded(scenario.notifier != Beginning::kAbsent)
+{
+    if (scenario.notifier == Beginning::kStarted) {
+        device = Device::kStarted;
+        interfacesQueried = true;
+    }
+    for (const ClientModel& client : scenario.clients) {
+        if (client.driver) {
+            clients.emplace(client.key, ClientDriver::kUnloaded);
+        }
+    }
+}
+
+const char* Obstacle(const Step& step, const SystemState& state)
 {
     switch (step.action) {
+    case Action::kNote:
+    case Action::kTimeout:
+    case Action::kWait:
+    case Action::kDeliver:
+    case Action::kSleep:
+    case Action::kWake:
+        return nullptr;
+    case Action::kLoad:
+    case Action::kStop:
+    case Action::kPull:
+    case Action::kUnload:
+        if (const auto client = state.clients.find(step.client); client != state.clients.end()) {
+            return ClientObstacle(step.action, client->second);
+        }
+        if (!step.client.empty()) {
+            return nullptr;  // a scripted client's driver
+        }
+        break;
+    default:
+        break;
+    }
+    return NotifierObstacle(step, state);
+}
+
+void Follow(const Step& step, SystemState& state)
+{
+    const auto client = state.clients.find(step.client);
+    switch (step.action) {
+    case Action::kLoad:
+        if (ExpectsFailure(step)) {
+            return;
+        }
+        if (client != state.clients.end()) {
+            client->second = ClientDriver::kStarted;
+            return;
+        }
+        state.driverLoaded = true;
+        [[fallthrough]];
     case Action::kAddDevice:
         if (!ExpectsFailure(step)) {
             state.device = Device::kStarted;
             state.interfacesQueried = true;
         }
+        return;
+    case Action::kStop:
+        if (ExpectsFailure(step)) {
+            return;
+        }
+        [[fallthrough]];
+    case Action::kPull:
+        client->second = ClientDriver::kWithoutDevice;
         return;
     case Action::kOpen:
         state.handleOpen = !ExpectsFailure(step);
@@ -104,7 +172,11 @@ void Follow(const Step& step, SystemState& state)
         state.device = Device::kNone;
         return;
     case Action::kUnload:
-        state.driverLoaded = state.driverLoaded && !step.client.empty();
+        if (client != state.clients.end()) {
+            client->second = ClientDriver::kUnloaded;
+        } else if (step.client.empty()) {
+            state.driverLoaded = false;
+        }
         return;
     default:
         return;

@@ -1,6 +1,7 @@
-// The steps of the system around the driver, and of an application that has the control device open.
+// The steps of the system around the Notifier, and of an application that has the control device open.
 #include "tools/play/steps.h"
 
+#include <chrono>
 #include <utility>
 
 namespace play {
@@ -12,7 +13,9 @@ void Deliver(Run& run, std::uint32_t runs)
     run.timeline.Add({EntryKind::kCall, kSystem, kNotifier,
                       queued == 0 ? "nothing is queued" : "lets the queued work run", "", true});
     for (std::uint32_t done = 0; run.machine.QueuedWorkItems() != 0 && (runs == 0 || done < runs); ++done) {
-        const std::string routine = run.machine.NextWorkItem();
+        const std::string queuedRoutine = run.machine.NextWorkItem();
+        // Without a routine it is the system's own work, such as notifications of arriving interfaces.
+        const std::string routine = queuedRoutine.empty() ? "system work" : queuedRoutine;
         run.timeline.Begin({Span::Kind::kWorkItem, routine, routine, ""});
         const host::PumpResult result = run.machine.RunOneWorkItem();
         if (result.parked.empty()) {
@@ -75,6 +78,11 @@ void DoSystemStep(Run& run, const Step& step)
         run.Show(step, kSystem, "sets the time to wait before sleep: " + std::to_string(step.argument) + " ms",
                  STATUS_SUCCESS);
         return;
+    case Action::kWait:
+        run.Show(step, kSystem, std::to_string(step.argument) + " ms pass",
+                 CallWithoutStatus(run, step, kSystem, "timers",
+                                   [&] { run.machine.AdvanceClock(std::chrono::milliseconds(step.argument)); }));
+        return;
     case Action::kAddDevice:
         run.Show(step, kSystem, "adds and starts the device",
                  run.Call(step, kSystem, "device add", {}, [&] { return run.AddDevice(); }));
@@ -96,21 +104,13 @@ void DoSystemStep(Run& run, const Step& step)
                  run.Call(step, kSystem, "query remove", {}, [&] { return run.driver->QueryRemoveDevice(); }));
         return;
     case Action::kSurpriseRemoval:
-        run.device = SystemState::Device::kSurpriseRemoved;
+        run.state.device = SystemState::Device::kSurpriseRemoved;
         run.Show(
             step, kSystem, "the device is pulled out",
             CallWithoutStatus(run, step, kSystem, "surprise removal", [&] { run.driver->SurpriseRemoveDevice(); }));
         return;
     case Action::kRemove:
         run.Show(step, kSystem, "the device is removed", run.RemoveDevice());
-        return;
-    case Action::kUnload:
-        if (!step.client.empty()) {
-            run.peers.Find(step.client).Unload();
-            run.Show(step, kSystem, "unloads the driver of " + step.client, STATUS_SUCCESS);
-            return;
-        }
-        run.Show(step, kSystem, "unloads the driver", run.Unload());
         return;
     default:
         return;

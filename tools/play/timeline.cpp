@@ -19,7 +19,7 @@ constexpr const char* kCyan = "36";
 
 const char* KindName(EntryKind kind)
 {
-    constexpr const char* kNames[] = {"heading", "call", "callback", "answer", "report", "finding"};
+    constexpr const char* kNames[] = {"heading", "call", "callback", "answer", "report", "print", "finding"};
     return kNames[static_cast<int>(kind)];
 }
 
@@ -86,7 +86,7 @@ void Timeline::PrintText(const Entry& entry)
     } else {
         step << "   ";
     }
-    if (entry.kind == EntryKind::kReport) {
+    if (entry.kind == EntryKind::kReport || entry.kind == EntryKind::kPrint) {
         out_ << step.str() << "    " << Colored(kDim, Padded(entry.who, kNameWidth) + "  " + entry.what) << "\n";
         return;
     }

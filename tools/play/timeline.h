@@ -20,6 +20,7 @@ enum class EntryKind {
     kCallback,  // the Notifier calls somebody
     kAnswer,    // what was answered to a callback
     kReport,    // an event or trace message that a session recorded
+    kPrint,     // what a driver printed for the debugger
     kFinding,   // a violation that the host found, or a thread that was set aside
 };
 

@@ -4,12 +4,17 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 namespace play {
 namespace {
 
 constexpr unsigned kMistakesMaximum = 20;
 constexpr std::size_t kNameMaximum = 64;  // a longer one is no misspelt name
+
+// Words of earlier files, and those of today.
+constexpr std::pair<const char*, const char*> kRenamed[] = {
+    {"leave", "deregister"}, {"heard", "enabled"}, {"device", "notifier"}};
 
 // Of one text to another, in characters put in, taken out or replaced.
 std::size_t Distance(const std::string& first, const std::string& second)
@@ -32,20 +37,30 @@ std::size_t Distance(const std::string& first, const std::string& second)
 
 }  // namespace
 
-std::string Nearest(const std::string& name, const std::vector<std::string>& known)
+std::string Nearest(const std::string& name, const std::vector<std::string>& known, const std::string& prefix)
 {
-    if (name.size() > kNameMaximum) {
+    for (const auto& [before, now] : kRenamed) {
+        if (name == before && std::ranges::find(known, now) != known.end()) {
+            return std::string("; it is called \"") + now + "\" now";
+        }
+    }
+    const auto distinct = [&prefix](const std::string& text) {
+        return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
+    };
+    const std::string wrong = distinct(name);
+    if (wrong.size() > kNameMaximum) {
         return {};
     }
     std::string nearest;
-    std::size_t best = name.size() / 2 + 1;
-    for (const std::string& candidate : known) {
-        if (candidate.size() >= name.size() + best || name.size() >= candidate.size() + best) {
+    std::size_t best = wrong.size() / 2 + 1;
+    for (const std::string& one : known) {
+        const std::string candidate = distinct(one);
+        if (candidate.size() >= wrong.size() + best || wrong.size() >= candidate.size() + best) {
             continue;
         }
-        if (const std::size_t distance = Distance(name, candidate); distance < best) {
+        if (const std::size_t distance = Distance(wrong, candidate); distance < best) {
             best = distance;
-            nearest = candidate;
+            nearest = one;
         }
     }
     return nearest.empty() ? std::string() : "; did you mean \"" + nearest + "\"?";

@@ -10,8 +10,10 @@
 
 namespace play {
 
-// "; did you mean "..."?" for the known name nearest to a wrong one; empty when none is near.
-[[nodiscard]] std::string Nearest(const std::string& name, const std::vector<std::string>& known);
+// "; did you mean "..."?" for the known name nearest to a wrong one, or what a name of earlier files is called now; empty
+// when none is near. `prefix`: what all begin with, so that it makes nothing near.
+[[nodiscard]] std::string Nearest(const std::string& name, const std::vector<std::string>& known,
+                                  const std::string& prefix = "");
 
 // `field` names a value by its way through the file, as in "steps[3].state". A field that is not there leaves what it
 // would be read into as it was; once there was a mistake, nothing that was read is of use.

@@ -1,6 +1,10 @@
 #include "tools/play/reading/peer_reader.h"
 
 #include "host/tracing/decode.h"
+#include "tools/play/timeline.h"
+
+#include <algorithm>
+#include <iterator>
 
 namespace play {
 namespace {
@@ -23,11 +27,11 @@ void ReadAnswers(ValueReader& reader, const JsonValue& value, const std::string&
         }
         reader.CheckFields(item, at, {"from", "state", "answer"}, {"once"});
         AnswerRule rule;
-        reader.ReadClientName(item, "from", at, rule.from);
+        reader.ReadClientName(item, "from", at, true, rule.from);
         if (const JsonValue* state = FindMember(item, "state")) {
-            reader.ReadState(*state, at + ".state", true, rule.state);
+            reader.ReadState(*state, at + ".state", rule.from, "any", rule.state);
         }
-        reader.ReadState(item, "answer", at + ".answer", rule.answer);
+        reader.ReadState(item, "answer", at + ".answer", client.key, rule.answer);
         if (const JsonValue* once = FindMember(item, "once");
             once != nullptr && reader.IsA(*once, Kind::kBoolean, at + ".once")) {
             rule.once = once->boolean;
@@ -52,7 +56,7 @@ void ReadCommands(ValueReader& reader, const JsonValue& value, const std::string
         reader.CheckFields(item, at, {"id", "answer"}, {});
         CommandRule rule;
         reader.ReadNumber(item, "id", at + ".id", rule.id);
-        reader.ReadState(item, "answer", at + ".answer", rule.answer);
+        reader.ReadState(item, "answer", at + ".answer", client.key, rule.answer);
         client.commands.push_back(rule);
     }
 }
@@ -77,31 +81,83 @@ void ReadInside(ValueReader& reader, const JsonValue& value, const std::string& 
     }
 }
 
-void ReadClient(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
+// The name of the image, and the values in the registry.
+void ReadDriver(ValueReader& reader, const JsonValue& value, const JsonValue& image, const std::string& field,
+                ClientModel& client)
 {
-    reader.CheckFields(value, field, {"guid", "name"},
-                       {"description", "entries", "answers", "commands", "appsState", "inside"});
+    for (const char* reserved : {"zepn", kNotifier, kSystem, kApplication}) {
+        if (client.key == reserved) {
+            reader.Mistake(value.place, field, "the name is taken: a real driver's service is called so");
+        }
+    }
+    client.driver.emplace().place = image.place;
+    if (reader.IsA(image, Kind::kText, field + ".image")) {
+        client.driver->image = image.text;
+    }
+    const JsonValue* parameters = FindMember(value, "parameters");
+    if (parameters == nullptr || !reader.IsA(*parameters, Kind::kObject, field + ".parameters")) {
+        return;
+    }
+    reader.CheckNames(*parameters, field + ".parameters");
+    for (const JsonValue::Member& member : parameters->members) {
+        Parameter& parameter = client.driver->parameters.emplace_back(Parameter{member.name, std::uint32_t{0}});
+        if (member.value.kind == Kind::kText) {
+            parameter.value = member.value.text;
+        } else {
+            (void)reader.ReadNumber(member.value, field + ".parameters." + member.name,
+                                    std::get<std::uint32_t>(parameter.value));
+        }
+    }
+}
+
+// What others may name: identity and states.
+void ReadIdentity(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
+{
+    constexpr const char* kOfScripts[] = {"name",     "description", "entries", "answers",
+                                          "commands", "appsState",   "inside"};
+    const JsonValue* image = FindMember(value, "image");
+    std::vector<std::string> fields = {"guid", "states", "image", "parameters"};
+    fields.insert(fields.end(), std::begin(kOfScripts), std::end(kOfScripts));
+    reader.CheckFields(
+        value, field, image == nullptr ? std::vector<std::string>{"guid", "name"} : std::vector<std::string>(), fields);
+    for (const JsonValue::Member& member : value.members) {
+        const bool isOfScripts = std::ranges::find(kOfScripts, member.name) != std::end(kOfScripts);
+        if (image != nullptr && isOfScripts) {
+            reader.Mistake(member.place, field + "." + member.name,
+                           "is for a scripted client, and this one has an \"image\"");
+        } else if (image == nullptr && member.name == "parameters") {
+            reader.Mistake(member.place, field + ".parameters", "is for a client with an \"image\"");
+        }
+    }
+    if (image != nullptr) {
+        ReadDriver(reader, value, *image, field, client);
+    }
     if (const JsonValue* guid = FindMember(value, "guid");
         guid != nullptr && reader.IsA(*guid, Kind::kText, field + ".guid")) {
-        if (const auto parsed = host::tracing::ParseGuid(guid->text)) {
-            client.guid = *parsed;
-        } else {
+        const auto parsed = host::tracing::ParseGuid(guid->text);
+        if (!parsed) {
             reader.Mistake(guid->place, field + ".guid",
                            "expected a GUID like \"6f1b2c3d-0001-4a5b-8c9d-000000000001\"");
         }
+        client.guid = parsed.value_or(GUID{});
+        client.hasGuid = true;
     }
+    reader.ReadStateNames(value, field + ".states", client.states);
+}
+
+// How a scripted client answers.
+void ReadScript(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
+{
     reader.ReadText(value, "name", field + ".name", client.name);
     reader.ReadText(value, "description", field + ".description", client.description);
     reader.ReadNumber(value, "entries", field + ".entries", client.entryCount, kEntriesMaximum);
     ReadAnswers(reader, value, field, client);
     ReadCommands(reader, value, field, client);
     ReadInside(reader, value, field, {"state", "command", "appsState"},
-               {"register", "leave", "post", "command", "subscribe", "unsubscribe"}, client.inside);
+               {"register", "deregister", "post", "command", "subscribe", "unsubscribe"}, client.inside);
     if (const JsonValue* apps = FindMember(value, "appsState")) {
         client.wantsAppsState = true;
-        if (apps->kind != Kind::kText || apps->text != "heard") {
-            reader.ReadState(*apps, field + ".appsState", false, client.appsState);
-        }
+        reader.ReadState(*apps, field + ".appsState", client.key, "enabled", client.appsState);
     }
 }
 
@@ -116,14 +172,19 @@ void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
     reader.CheckNames(*clients, "clients");
     for (const JsonValue::Member& member : clients->members) {
         reader.AddClientName(member.name);
+        ClientModel& client = scenario.clients.emplace_back();
+        client.key = member.name;
+        if (reader.IsA(member.value, Kind::kObject, "clients." + member.name)) {
+            ReadIdentity(reader, member.value, "clients." + member.name, client);
+        }
     }
     std::uint64_t entries = 0;
-    for (const JsonValue::Member& member : clients->members) {
+    for (std::size_t index = 0; index < clients->members.size(); ++index) {
+        const JsonValue::Member& member = clients->members[index];
         const std::string field = "clients." + member.name;
-        ClientModel client;
-        client.key = member.name;
-        if (reader.IsA(member.value, Kind::kObject, field)) {
-            ReadClient(reader, member.value, field, client);
+        ClientModel& client = scenario.clients[index];
+        if (member.value.kind == Kind::kObject && !client.driver) {
+            ReadScript(reader, member.value, field, client);
         }
         entries += client.entryCount;
         if (entries > kEntriesMaximum) {
@@ -131,7 +192,6 @@ void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
                            "all clients together have more than " + std::to_string(kEntriesMaximum) + " entries");
             return;
         }
-        scenario.clients.push_back(std::move(client));
     }
 }
 

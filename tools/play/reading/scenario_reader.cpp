@@ -12,23 +12,13 @@ using Kind = JsonValue::Kind;
 
 constexpr std::size_t kSizeMaximum = std::size_t{32} << 20;
 
-void ReadStates(ValueReader& reader, const JsonValue& root, Scenario& scenario)
+void ReadBeginning(ValueReader& reader, const JsonValue& root, Scenario& scenario)
 {
-    const JsonValue* states = FindMember(root, "states");
-    if (states == nullptr || !reader.IsA(*states, Kind::kObject, "states")) {
-        return;
-    }
-    reader.CheckNames(*states, "states");
-    for (const JsonValue::Member& member : states->members) {
-        std::uint32_t number = 0;
-        if (member.name == "any") {
-            reader.Mistake(member.place, "states.any",
-                           "\"any\" is the name for every state and cannot be given a number");
-        } else if (reader.ReadNumber(member.value, "states." + member.name, number)) {
-            scenario.states[member.name] = number;
-            scenario.stateNames.emplace(number, member.name);
-        }
-    }
+    std::string notifier = "started";
+    reader.ReadOneOf(root, "notifier", "scenario", {"started", "loaded", "absent"}, notifier);
+    scenario.notifier = notifier == "loaded"   ? Beginning::kLoaded
+                        : notifier == "absent" ? Beginning::kAbsent
+                                               : Beginning::kStarted;
 }
 
 }  // namespace
@@ -46,13 +36,10 @@ Scenario ParseScenario(const std::string& text, const std::string& fileName)
         throw ScenarioError(reader.mistakes());
     }
     if (reader.IsA(root, Kind::kObject, "scenario")) {
-        reader.CheckFields(root, "scenario", {"title", "states", "clients", "steps"}, {"crashDump", "device"});
+        reader.CheckFields(root, "scenario", {"title", "clients", "steps"}, {"states", "crashDump", "notifier"});
         reader.ReadText(root, "title", "title", scenario.title);
-        if (const JsonValue* device = FindMember(root, "device");
-            device != nullptr && reader.IsA(*device, Kind::kBoolean, "device")) {
-            scenario.bootsDevice = device->boolean;
-        }
-        ReadStates(reader, root, scenario);
+        ReadBeginning(reader, root, scenario);
+        reader.ReadStateNames(root, "states", scenario.states);
         ReadClients(reader, root, scenario);
         ReadCrashDump(reader, root, scenario);
         ReadSteps(reader, root, scenario);

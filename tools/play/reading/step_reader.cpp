@@ -9,10 +9,14 @@ using Kind = JsonValue::Kind;
 
 constexpr std::uint32_t kCapacityMaximum = 100'000;  // descriptors take memory
 
+// Which clients a step is for.
+enum class For { kNobody, kScripted, kReal, kBoth };
+
 // A kind of step, by its name in "do", with the fields that belong to it.
 struct ActionRow {
     const char* name;
     Action action;
+    For clients;
     std::vector<std::string> required;
     std::vector<std::string> optional;
 };
@@ -20,35 +24,40 @@ struct ActionRow {
 const std::vector<ActionRow>& Actions()
 {
     static const std::vector<ActionRow> kRows = {
-        {"note", Action::kNote, {"text"}, {}},
-        {"register", Action::kRegister, {"client"}, {"expect", "null"}},
-        {"subscribe", Action::kSubscribe, {"client", "to", "state"}, {"expect", "null"}},
-        {"unsubscribe", Action::kUnsubscribe, {"client", "to", "state"}, {"expect", "null"}},
-        {"post", Action::kPost, {"client", "state"}, {"expect", "null"}},
-        {"leave", Action::kLeave, {"client"}, {"expect", "null"}},
-        {"deliver", Action::kDeliver, {}, {"runs"}},
-        {"command", Action::kCommand, {"client", "to", "id"}, {"argument", "expect", "null"}},
-        {"attach", Action::kAttach, {}, {"expect", "null"}},
-        {"detach", Action::kDetach, {}, {"expect"}},
-        {"count", Action::kCount, {}, {"expect", "null"}},
-        {"describe", Action::kDescribe, {}, {"capacity", "expect", "null"}},
-        {"startDump", Action::kStartDump, {"client"}, {"expect", "null"}},
-        {"addDumpData", Action::kAddDumpData, {"client"}, {"expect", "null"}},
-        {"queryDump", Action::kQueryDump, {"client"}, {"expect", "null"}},
-        {"addTriageData", Action::kAddTriageData, {"client"}, {"expect", "null"}},
-        {"stopDump", Action::kStopDump, {"client"}, {"expect", "null"}},
-        {"open", Action::kOpen, {}, {"expect"}},
-        {"control", Action::kControl, {}, {"id", "expect"}},
-        {"close", Action::kClose, {}, {}},
-        {"timeout", Action::kTimeout, {"argument"}, {}},
-        {"addDevice", Action::kAddDevice, {}, {"expect"}},
-        {"sleep", Action::kSleep, {}, {}},
-        {"wake", Action::kWake, {}, {}},
-        {"askToStop", Action::kRefuseStop, {}, {"expect"}},
-        {"askToRemove", Action::kRefuseRemove, {}, {"expect"}},
-        {"surpriseRemoval", Action::kSurpriseRemoval, {}, {}},
-        {"remove", Action::kRemove, {}, {}},
-        {"unload", Action::kUnload, {}, {"client"}},
+        {"note", Action::kNote, For::kNobody, {"text"}, {}},
+        {"register", Action::kRegister, For::kScripted, {"client"}, {"expect", "null"}},
+        {"subscribe", Action::kSubscribe, For::kScripted, {"client", "to", "state"}, {"expect", "null"}},
+        {"unsubscribe", Action::kUnsubscribe, For::kScripted, {"client", "to", "state"}, {"expect", "null"}},
+        {"post", Action::kPost, For::kScripted, {"client", "state"}, {"expect", "null"}},
+        {"deregister", Action::kDeregister, For::kScripted, {"client"}, {"expect", "null"}},
+        {"deliver", Action::kDeliver, For::kNobody, {}, {"runs"}},
+        {"command", Action::kCommand, For::kScripted, {"client", "to", "id"}, {"argument", "expect", "null"}},
+        {"attach", Action::kAttach, For::kNobody, {}, {"expect", "null"}},
+        {"detach", Action::kDetach, For::kNobody, {}, {"expect"}},
+        {"count", Action::kCount, For::kNobody, {}, {"expect", "null"}},
+        {"describe", Action::kDescribe, For::kNobody, {}, {"capacity", "expect", "null"}},
+        {"startDump", Action::kStartDump, For::kScripted, {"client"}, {"expect", "null"}},
+        {"addDumpData", Action::kAddDumpData, For::kScripted, {"client"}, {"expect", "null"}},
+        {"queryDump", Action::kQueryDump, For::kScripted, {"client"}, {"expect", "null"}},
+        {"addTriageData", Action::kAddTriageData, For::kScripted, {"client"}, {"expect", "null"}},
+        {"stopDump", Action::kStopDump, For::kScripted, {"client"}, {"expect", "null"}},
+        {"open", Action::kOpen, For::kNobody, {}, {"expect"}},
+        {"control", Action::kControl, For::kNobody, {}, {"id", "expect"}},
+        {"close", Action::kClose, For::kNobody, {}, {}},
+        {"timeout", Action::kTimeout, For::kNobody, {"argument"}, {}},
+        {"wait", Action::kWait, For::kNobody, {"argument"}, {}},
+        {"addDevice", Action::kAddDevice, For::kNobody, {}, {"expect"}},
+        {"sleep", Action::kSleep, For::kNobody, {}, {}},
+        {"wake", Action::kWake, For::kNobody, {}, {}},
+        {"askToStop", Action::kRefuseStop, For::kNobody, {}, {"expect"}},
+        {"askToRemove", Action::kRefuseRemove, For::kNobody, {}, {"expect"}},
+        {"surpriseRemoval", Action::kSurpriseRemoval, For::kNobody, {}, {}},
+        {"remove", Action::kRemove, For::kNobody, {}, {}},
+        {"unload", Action::kUnload, For::kBoth, {}, {"client"}},
+        {"load", Action::kLoad, For::kReal, {}, {"client", "expect"}},
+        {"stop", Action::kStop, For::kReal, {"client"}, {"expect"}},
+        {"pull", Action::kPull, For::kReal, {"client"}, {}},
+        {"expect", Action::kExpect, For::kBoth, {"client", "state"}, {}},
     };
     return kRows;
 }
@@ -67,7 +76,7 @@ std::vector<std::string> NullArguments(Action action)
         return {"descriptors", "count"};
     case Action::kCount:
         return {"count"};
-    case Action::kLeave:
+    case Action::kDeregister:
         return {"guid"};
     default:
         return {"record"};
@@ -77,11 +86,7 @@ std::vector<std::string> NullArguments(Action action)
 // No step needs what is not there by then.
 void CheckSystemState(ValueReader& reader, const Scenario& scenario)
 {
-    SystemState state;
-    if (scenario.bootsDevice) {
-        state.device = SystemState::Device::kStarted;
-        state.interfacesQueried = true;
-    }
+    SystemState state(scenario);
     for (std::size_t index = 0; index < scenario.steps.size(); ++index) {
         const Step& step = scenario.steps[index];
         if (const char* obstacle = Obstacle(step, state)) {
@@ -90,6 +95,21 @@ void CheckSystemState(ValueReader& reader, const Scenario& scenario)
         }
         Follow(step, state);
     }
+}
+
+// A scripted client does what its steps say, a real driver what it was written to do.
+void CheckRole(ValueReader& reader, const ActionRow& row, const JsonValue& value, const std::string& field,
+               const Step& step)
+{
+    const ClientModel* client = reader.FindClient(step.client);
+    if (client == nullptr || row.clients == For::kBoth || client->driver.has_value() == (row.clients == For::kReal)) {
+        return;
+    }
+    const std::string name = "\"" + step.client + "\" ";
+    reader.Mistake(FindMember(value, "client")->place, field + ".client",
+                   client->driver ? name + "is a real driver and calls by itself; for it there are \"load\", \"stop\", "
+                                           "\"pull\", \"unload\" and \"expect\""
+                                  : name + "is scripted; \"" + row.name + "\" is for a client with an \"image\"");
 }
 
 void ReadShows(ValueReader& reader, const JsonValue& value, const std::string& field, Step& step)
@@ -121,9 +141,13 @@ void ReadMisuse(ValueReader& reader, const JsonValue& value, const std::string& 
     if (fail == nullptr || !reader.IsA(*fail, Kind::kObject, field + ".fail")) {
         return;
     }
-    reader.CheckFields(*fail, field + ".fail", {"call"}, {"detail", "status"});
+    reader.CheckFields(*fail, field + ".fail", {"call"}, {"detail", "driver", "status"});
     reader.ReadText(*fail, "call", field + ".fail.call", step.fail.emplace().call);
+    if (const JsonValue* call = FindMember(*fail, "call")) {
+        step.fail->place = call->place;
+    }
     reader.ReadText(*fail, "detail", field + ".fail.detail", step.fail->detail);
+    reader.ReadOneOf(*fail, "driver", field + ".fail", reader.DriverNames(), step.fail->driver);
     if (const JsonValue* status = FindMember(*fail, "status")) {
         (void)reader.ReadStatus(*status, field + ".fail.status", step.fail->status);
     }
@@ -143,11 +167,16 @@ void ReadStepOf(ValueReader& reader, const ActionRow& row, const JsonValue& valu
     step.action = row.action;
     step.place = value.place;
     reader.ReadText(value, "text", field + ".text", step.text);
-    reader.ReadClientName(value, "client", field, step.client);
-    reader.ReadClientName(value, "to", field, step.to);
+    reader.ReadClientName(value, "client", field, row.action == Action::kExpect, step.client);
+    reader.ReadClientName(value, "to", field, true, step.to);
+    CheckRole(reader, row, value, field, step);
     if (const JsonValue* state = FindMember(value, "state")) {
-        const bool anyAllowed = row.action == Action::kSubscribe || row.action == Action::kUnsubscribe;
-        reader.ReadState(*state, field + ".state", anyAllowed, step.state);
+        const bool isFilter = row.action == Action::kSubscribe || row.action == Action::kUnsubscribe;
+        reader.ReadState(*state, field + ".state", isFilter ? step.to : step.client,
+                         isFilter                        ? "any"
+                         : row.action == Action::kExpect ? "unregistered"
+                                                         : "",
+                         step.state);
     }
     reader.ReadNumber(value, "id", field + ".id", step.id);
     reader.ReadNumber(value, "argument", field + ".argument", step.argument);
