@@ -3,6 +3,7 @@
 #     find_package(zepn REQUIRED)
 #     zepn_add_client(fan SOURCES fan.c)
 #     zepn_add_client_test(fan_tests CLIENT fan SOURCES fan_test.cpp)
+#     zepn_add_client_scenario(fan_scenario CLIENT fan FILE fan.json)
 #
 # The same file serves in the Notifier's sources and in its package, where everything that a client needs lies in one
 # folder. The host is compiled in the client's build, so that it has the same sanitizers as the driver that it loads.
@@ -199,4 +200,39 @@ function(zepn_add_client_test name)
         CLIENT_MODULE="$<TARGET_FILE:${test_CLIENT}_native>")
     add_dependencies(${name} ${test_CLIENT}_${ZEPN_MACHINE} ${test_CLIENT}_native)
     add_test(NAME ${name} COMMAND ${name})
+endfunction()
+
+# The player of scenarios, which ./zepn demo also runs. It is compiled once, when a scenario is added.
+function(zepn_add_player)
+    if(TARGET zepn-play)
+        return()
+    endif()
+    find_package(nlohmann_json REQUIRED)
+    find_package(CLI11 REQUIRED)
+    file(GLOB sources CONFIGURE_DEPENDS ${ZEPN_ROOT}/tools/play/*.cpp ${ZEPN_ROOT}/tools/play/reading/*.cpp
+        ${ZEPN_ROOT}/tools/command_line/*.cpp)
+    add_executable(zepn-play ${sources})
+    target_include_directories(zepn-play PRIVATE ${ZEPN_ROOT})
+    target_link_libraries(zepn-play PRIVATE zepn::host nlohmann_json::nlohmann_json CLI11::CLI11)
+    target_compile_features(zepn-play PRIVATE cxx_std_20)
+    # Only the paths that it is given: a client's build has no native Notifier.
+    target_compile_definitions(zepn-play PRIVATE ZEPN_ROOT="${ZEPN_ROOT}" ZEPN_NATIVE_DRIVER="" ${ZEPN_FRAMEWORK_DEFINITIONS})
+    # These are programs' own, and one must include a header before all others.
+    set_source_files_properties(${ZEPN_ROOT}/tools/play/main.cpp ${ZEPN_ROOT}/tools/play/run.cpp
+        ${ZEPN_ROOT}/tools/command_line/command_line.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    zepn_unite(zepn-play)
+endfunction()
+
+# zepn_add_client_scenario(name CLIENT client FILE scenario): CTest plays the scenario on the Notifier's image, the client
+# as its image for this machine and, as <name>_module, as its native module.
+function(zepn_add_client_scenario name)
+    cmake_parse_arguments(PARSE_ARGV 1 scenario "" "CLIENT;FILE" "")
+    if(NOT scenario_CLIENT OR NOT scenario_FILE OR scenario_UNPARSED_ARGUMENTS)
+        message(FATAL_ERROR "zepn_add_client_scenario(name CLIENT client FILE scenario)")
+    endif()
+    zepn_add_player()
+    set(play zepn-play ${CMAKE_CURRENT_SOURCE_DIR}/${scenario_FILE} --image ${ZEPN_NOTIFIER_IMAGE} --driver)
+    set(image ${CMAKE_CURRENT_BINARY_DIR}/${ZEPN_MACHINE}/${scenario_CLIENT}.sys)
+    add_test(NAME ${name} COMMAND ${play} ${scenario_CLIENT}=${image})
+    add_test(NAME ${name}_module COMMAND ${play} ${scenario_CLIENT}=$<TARGET_FILE:${scenario_CLIENT}_native>)
 endfunction()
