@@ -22,6 +22,7 @@ constexpr std::size_t kCompareStateEvery = 8;  // operations
 // For endless sequences, each of which costs the watchdog's time.
 constexpr double kShrinkWatchdogSeconds = 3;
 constexpr unsigned kShrinkEndless = 40;
+constexpr const char* kEndless = "it does not end\n";
 
 std::string Difference(const std::string& expected, const std::string& seen)
 {
@@ -134,50 +135,6 @@ std::string RunUntilOneFails(const Budget& budget, const std::filesystem::path& 
     return "";
 }
 
-// Which of the sequences that shrinking tries went wrong, in their order. Shrinking does the same each time, so this is all
-// that another process needs to know to go on with it.
-struct Verdicts {
-    std::size_t count = 0;
-    bool wentWrong[1 << 14];
-
-    [[nodiscard]] bool IsFull() const { return count == std::size(wentWrong); }
-};
-
-Sequence ShrinkInOwnProcesses(const Sequence& sequence, const std::filesystem::path& image, Model::ModelBug bug)
-{
-    const Shared<Verdicts> shared;
-    Verdicts& verdicts = *shared;
-    unsigned endless = 0;
-    const auto isOver = [&] { return verdicts.IsFull() || endless == kShrinkEndless; };
-    const auto shrink = [&](bool goesOn) {
-        Totals ignored;
-        std::size_t next = 0;
-        return Shrink(sequence, [&](const Sequence& candidate) {
-            if (next == verdicts.count) {
-                if (!goesOn || isOver()) {
-                    return false;
-                }
-                SetWatchdog(kShrinkWatchdogSeconds);
-                verdicts.wentWrong[next] = Run(candidate, image, ignored, bug).has_value();
-                ++verdicts.count;
-            }
-            return verdicts.wentWrong[next++];
-        });
-    };
-    while (!isOver()) {
-        const ChildResult ending = RunInChild([&] {
-            (void)shrink(true);
-            return "done";
-        });
-        if (!ending.result.empty()) {
-            break;
-        }
-        endless += ending.isEndless ? 1 : 0;
-        verdicts.wentWrong[verdicts.count++] = true;  // the one that ended the process
-    }
-    return shrink(false);
-}
-
 // What the work in another process found or ended in; empty when it went well.
 std::optional<Mismatch> MismatchOf(const ChildResult& ending, const Totals& totals)
 {
@@ -235,7 +192,12 @@ std::optional<Finding> Search(const Budget& budget, const std::filesystem::path&
         return RunInOwnProcess(sequence, image, kShrinkWatchdogSeconds, bug);
     };
     if (fails(finding.sequence)) {
-        finding.sequence = ShrinkInOwnProcesses(finding.sequence, image, bug);
+        unsigned endless = 0;
+        finding.sequence = Shrink(finding.sequence, [&](const Sequence& candidate) {
+            const auto mismatch = endless < kShrinkEndless ? fails(candidate) : std::nullopt;
+            endless += mismatch && mismatch->text.starts_with(kEndless) ? 1 : 0;
+            return mismatch.has_value();
+        });
         finding.mismatch = fails(finding.sequence).value_or(Mismatch{0, "it does not fail again\n"});
     } else {
         finding.again = false;
