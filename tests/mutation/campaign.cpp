@@ -72,7 +72,7 @@ std::vector<Result> RunCampaign(std::vector<Mutant> mutants, const Equivalents& 
         worker.get();
     }
 
-    // Workers overtake one another: what is behind the last that is wanted does not belong to the run.
+    // Workers overtake one another: what comes after the last that is wanted does not belong to the run.
     std::vector<Result> results;
     counted = 0;
     for (std::size_t index = 0; index < next && counted < plan.wanted; ++index) {
@@ -85,12 +85,12 @@ std::vector<Result> RunCampaign(std::vector<Mutant> mutants, const Equivalents& 
 std::string Summary(const std::vector<Result>& results, std::size_t all, const Plan& plan)
 {
     std::map<Fate, std::size_t> fates;
-    std::map<std::string, std::size_t> stages;
+    std::map<std::string, std::size_t> programs;
     std::size_t listed = 0;
     for (const Result& result : results) {
         ++fates[result.verdict.fate];
         if (result.verdict.fate == Fate::kKilled) {
-            ++stages[result.verdict.killedBy];
+            ++programs[result.verdict.killedBy];
         } else if (result.verdict.fate == Fate::kSurvived && !result.reason.empty()) {
             ++listed;
         }
@@ -99,8 +99,8 @@ std::string Summary(const std::vector<Result>& results, std::size_t all, const P
     text << "mutants: " << fates[Fate::kKilled] + fates[Fate::kSurvived] << " of " << all << ", seed " << plan.seed
          << ": " << fates[Fate::kKilled] << " killed (";
     const char* separator = "";
-    for (const auto& [stage, count] : stages) {
-        text << separator << stage << " " << count;
+    for (const auto& [program, count] : programs) {
+        text << separator << program << " " << count;
         separator = ", ";
     }
     text << "), " << listed << " equivalent, " << fates[Fate::kSurvived] - listed << " survived; besides "

@@ -20,7 +20,7 @@ enum class Fate {
 
 struct Verdict {
     Fate fate = Fate::kRefused;
-    std::string killedBy;  // the stage of tests
+    std::string killedBy;  // the program of the tests
 };
 
 struct Result {

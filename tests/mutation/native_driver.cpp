@@ -19,13 +19,13 @@ constexpr const char* kOptions = " -g0 -Wno-everything -Werror=return-type -Werr
                                  " -Werror=sometimes-uninitialized";
 
 // The tests of the native driver, the quickest first.
-struct Stage {
+struct TestProgram {
     const char* name;
     const char* program;
     const char* cases;
     const char* options = "";
 };
-constexpr Stage kStages[] = {
+constexpr TestProgram kTestPrograms[] = {
     {"behaviour", "behaviour_tests", "*/native"},
     {"model", "model_tests", "*/native"},
     {"fault injection", "fault_injection_tests", "*/native*",
@@ -150,8 +150,8 @@ std::vector<Mutant> NativeDriver::Mutants() const
 
 void NativeDriver::TestUnchanged() const
 {
-    if (const std::string stage = FirstFailure(folder_ / kDriver, work_ / "unchanged.log"); !stage.empty()) {
-        throw std::runtime_error("the " + stage + " tests fail on the unchanged driver; see " +
+    if (const std::string failed = FirstFailure(folder_ / kDriver, work_ / "unchanged.log"); !failed.empty()) {
+        throw std::runtime_error("the " + failed + " tests fail on the unchanged driver; see " +
                                  (work_ / "unchanged.log").string());
     }
 }
@@ -196,16 +196,16 @@ bool NativeDriver::Compile(const Source& source, const std::filesystem::path& te
                object.string() + ".log");
 }
 
-// The stage of tests that fails first; empty when all pass.
+// The tests that fail first; empty when all pass.
 std::string NativeDriver::FirstFailure(const std::filesystem::path& driver, const std::filesystem::path& log) const
 {
-    for (const Stage& stage : kStages) {
+    for (const TestProgram& tests : kTestPrograms) {
         const std::string line = std::string("ulimit -c 0; ulimit -v ") + kMemoryKilobytes +
                                  "; ZEPN_NATIVE_DRIVER=" + ShellWord(driver.string()) +
-                                 " ZEPN_WATCHDOG_SECONDS=" + kWatchdogSeconds + " tests/" + stage.program +
-                                 " --gtest_filter=" + ShellWord(stage.cases) + " --gtest_fail_fast" + stage.options;
+                                 " ZEPN_WATCHDOG_SECONDS=" + kWatchdogSeconds + " tests/" + tests.program +
+                                 " --gtest_filter=" + ShellWord(tests.cases) + " --gtest_fail_fast" + tests.options;
         if (!Run(folder_, line, log)) {
-            return stage.name;
+            return tests.name;
         }
     }
     return "";
