@@ -1,11 +1,8 @@
-#include <initguid.h>  // before all: this file holds the interfaces' identifiers
-
 #include "tests/kit/driver_fixture.h"
 
 #include "host/checks/unused_stack.h"
 #include "tests/kit/reports_seen.h"
 #include "tests/kit/settings.h"
-#include "tests/kit/lock_order.h"
 
 #include <algorithm>
 
@@ -72,13 +69,7 @@ void DriverFixture::Load()
 void DriverFixture::Start()
 {
     EXPECT_EQ(driver->StartDevice(), STATUS_SUCCESS);
-    EXPECT_EQ(driver->QueryInterface(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, std::as_writable_bytes(std::span(&helper, 1)),
-                                     ZEP_NOTIFIER_INTERFACE_VERSION),
-              STATUS_SUCCESS);
-    EXPECT_EQ(driver->QueryInterface(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, std::as_writable_bytes(std::span(&wpcd, 1)),
-                                     ZEP_NOTIFIER_INTERFACE_VERSION),
-              STATUS_SUCCESS);
-    DeclareLockOrder(machine, *driver);
+    TakeTables(machine, *driver, helper, wpcd);
 }
 
 void DriverFixture::TakeDown()

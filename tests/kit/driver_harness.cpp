@@ -26,6 +26,20 @@ PZEP_DESCRIPTOR_CALLBACK NeverCalled(unsigned client, unsigned slot)
 
 }  // namespace
 
+void TakeTables(host::Machine& machine, host::Driver& driver, ZEP_NOTIFIER_HELPER_INTERFACE& helper,
+                ZEP_NOTIFIER_WPCD_INTERFACE& wpcd)
+{
+    const auto query = [&](const GUID& type, auto& table) {
+        if (!NT_SUCCESS(driver.QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)),
+                                              ZEP_NOTIFIER_INTERFACE_VERSION))) {
+            throw host::HostError("the driver did not give out its interface");
+        }
+    };
+    query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper);
+    query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd);
+    layout::DeclareLockOrder(machine, driver);
+}
+
 DriverHarness::DriverHarness(std::filesystem::path image, const host::MachineOptions& options, Answers answers)
     : machine(options), image_(std::move(image)), answers_(std::move(answers))
 {
@@ -145,8 +159,11 @@ std::optional<NTSTATUS> DriverHarness::Do(const Operation& operation)
         return driver->EntryStatus();
     case Kind::kAddDevice:
         return driver->AddDevice();
-    case Kind::kStart:
-        return Start();
+    case Kind::kStart: {
+        const NTSTATUS status = driver->StartDevice();
+        TakeTables(machine, *driver, helper_, wpcd_);
+        return status;
+    }
     case Kind::kPowerDown:
         return driver->Sleep();
     case Kind::kPowerUp:
@@ -193,21 +210,6 @@ std::optional<NTSTATUS> DriverHarness::Do(const Operation& operation)
     default:
         return DoAsClient(operation, PeerOf(operation.client));
     }
-}
-
-NTSTATUS DriverHarness::Start()
-{
-    const NTSTATUS status = driver->StartDevice();
-    const auto query = [&](const GUID& type, auto& table) {
-        if (!NT_SUCCESS(driver->QueryInterface(type, std::as_writable_bytes(std::span(&table, 1)),
-                                               ZEP_NOTIFIER_INTERFACE_VERSION))) {
-            throw host::HostError("the driver did not give out its interface");
-        }
-    };
-    query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper_);
-    query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd_);
-    layout::DeclareLockOrder(machine, *driver);
-    return status;
 }
 
 std::optional<NTSTATUS> DriverHarness::DoAsClient(const Operation& operation, Peer& peer)

@@ -17,6 +17,11 @@ namespace tests {
 
 inline constexpr const char* kService = "zepn";
 
+// The interface tables of a started device, and the driver's lock order for the machine. Throws host::HostError when
+// the driver does not give them out.
+void TakeTables(host::Machine& machine, host::Driver& driver, ZEP_NOTIFIER_HELPER_INTERFACE& helper,
+                ZEP_NOTIFIER_WPCD_INTERFACE& wpcd);
+
 class DriverHarness {
 public:
     // What clients and the crash-dump driver answer: the state or status that they give back.
@@ -44,7 +49,6 @@ public:
 
 private:
     std::optional<NTSTATUS> DoAsClient(const Operation& operation, Peer& peer);
-    NTSTATUS Start();
     NTSTATUS Dump(const Operation& operation);
     NTSTATUS Describe(const Operation& operation);
     void ConnectCallbacks(const Answers& answers, CrashDumpDriver& crashDump, unsigned table);
