@@ -1,9 +1,10 @@
 #include "host/environment.h"
 
 #include "host/armed.h"
-
+#include "host/checks/call_path.h"
 #include "host/schedule/yield.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -70,13 +71,39 @@ void Environment::SetObserver(Observer observer)
     Arm(kArmedObserver, observer_ != nullptr);
 }
 
+checks::Violation Environment::ViolationAt(checks::Rule rule, std::string function, std::string message,
+                                           const void* caller) const
+{
+    std::vector<const void*> path = checks::CallPath(modules);
+    // A place that the thread does not stand in: a routine that has returned, the allocation of what leaks.
+    if (caller != nullptr && std::ranges::find(path, caller) == path.end()) {
+        path.assign(1, caller);
+    }
+    checks::Violation violation{.rule = rule,
+                                .function = std::move(function),
+                                .message = std::move(message),
+                                .caller = modules.Describe(caller),
+                                .thread = ThreadState::Current().name};
+    for (const void* address : path) {
+        if (std::optional<checks::CodePlace> place = modules.PlaceOf(address)) {
+            violation.path.push_back(std::move(*place));
+        }
+    }
+    return violation;
+}
+
 void Environment::Report(checks::Rule rule, std::string function, std::string message, const void* caller)
 {
-    violations.Add({.rule = rule,
-                    .function = std::move(function),
-                    .message = std::move(message),
-                    .caller = modules.Describe(caller),
-                    .thread = ThreadState::Current().name});
+    violations.Add(ViolationAt(rule, std::move(function), std::move(message), caller));
+}
+
+void Environment::ReportWait(checks::Rule rule, std::string function, std::string message, const void* caller,
+                             std::string waitsFor, const void* heldSince)
+{
+    checks::Violation violation = ViolationAt(rule, std::move(function), std::move(message), caller);
+    violation.waitsFor = std::move(waitsFor);
+    violation.heldSince = modules.PlaceOf(heldSince);
+    violations.Add(std::move(violation));
 }
 
 ThreadState::ThreadState() : id(g_nextThreadId++)

@@ -89,9 +89,17 @@ public:
     // it now, the driver calls. Empty by default.
     std::function<void(const GUID& type, std::span<std::byte> table)> onInterface;
 
+    // A rule is broken by the code at `caller`; null: by the host's own doing.
     void Report(checks::Rule rule, std::string function, std::string message, const void* caller);
+    // The calling thread waits for what it can never get: for what ("wait lock #1, which this thread holds"), and where
+    // its holder took it; null when that is not known.
+    void ReportWait(checks::Rule rule, std::string function, std::string message, const void* caller,
+                    std::string waitsFor, const void* heldSince);
 
 private:
+    [[nodiscard]] checks::Violation ViolationAt(checks::Rule rule, std::string function, std::string message,
+                                                const void* caller) const;
+
     Observer observer_;
 };
 

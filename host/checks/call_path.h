@@ -1,16 +1,17 @@
-// By which functions of a loaded image a platform call was reached.
+// By which code of loaded images the calling thread came to where it is.
 #pragma once
 
 #include "host/checks/modules.h"
 
-#include <string>
 #include <vector>
 
 namespace host::checks {
 
-// The functions of loaded modules on the calling thread's stack, outermost first, by name; an inlined one does not show.
-// Walks as far as the frames can be unwound: all the way for native drivers, nowhere for images, which bring no unwind
-// tables of this system's kind.
-[[nodiscard]] std::vector<std::string> CallPath(const Modules& modules);
+// The addresses of loaded images on the calling thread's stack, outermost first, each in the instruction that made the
+// call. Of a very deep stack the innermost part. A damaged stack ends the walk.
+[[nodiscard]] std::vector<const void*> CallPath(const Modules& modules);
+
+// For the fault handler: when the thread faults while it walks its stack, ends the walk there and does not return.
+void EndFaultingWalk();
 
 }  // namespace host::checks

@@ -6,6 +6,7 @@
 
 #include "host/checks/call_path.h"
 #include "host/checks/fast_fail.h"
+#include "host/checks/source_lines.h"
 #include "host/checks/watchdog.h"
 #include "host/environment.h"
 
@@ -39,7 +40,7 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
-constexpr std::size_t kStackBytes = 64 * 1024;
+constexpr std::size_t kStackBytes = 256 * 1024;
 constexpr unsigned kWatchdogSeconds = 30;
 
 std::atomic<CrashContext*> g_crashContexts{nullptr};  // the newest
@@ -69,30 +70,41 @@ const void* ProgramCounter(const void* context)
 #endif
 }
 
-// Where a call has just returned to when it led into unmapped memory: nothing was pushed since.
-const void* CallerOfJump(const void* context)
+// A call that led into memory that is no code: puts the thread back into the call's instruction. Nothing was pushed since.
+void UndoCall(void* context)
 {
-    const auto* state = static_cast<const ucontext_t*>(context);
+    auto* state = static_cast<ucontext_t*>(context);
 #if defined(__x86_64__)
-    return *reinterpret_cast<const char* const*>(state->uc_mcontext.gregs[REG_RSP]) - 1;
+    greg_t* registers = state->uc_mcontext.gregs;
+    registers[REG_RIP] = *reinterpret_cast<const greg_t*>(registers[REG_RSP]) - 1;
+    registers[REG_RSP] += sizeof(greg_t);
 #elif defined(__aarch64__)
     constexpr unsigned kLinkRegister = 30;
-    return reinterpret_cast<const char*>(state->uc_mcontext.regs[kLinkRegister]) - 1;
+    state->uc_mcontext.pc = state->uc_mcontext.regs[kLinkRegister] - 1;
 #endif
 }
 
 // The place of a fault as a sentence names it: the driver's code or, where host code faults for a driver, or a driver
-// calls what is no code, the driver code that made the call.
-std::string PlaceOf(const Modules& modules, const siginfo_t& information, const void* at, const void* context)
+// calls what is no code, the driver code that made the call. What led there is left in `path`. The thread never goes on
+// from where it faulted.
+std::string PlaceOf(const Modules& modules, const siginfo_t& information, const void* at, void* context,
+                    std::vector<CodePlace>& path)
 {
-    if (modules.Contains(at)) {
-        return modules.Describe(at);
+    const bool isNoCode = information.si_addr == at;
+    if (isNoCode) {
+        UndoCall(context);
     }
-    if (information.si_addr == at && modules.Contains(CallerOfJump(context))) {
-        return "no code, called by " + modules.Describe(CallerOfJump(context));
+    for (const void* address : CallPath(modules)) {
+        path.push_back(*modules.PlaceOf(address));
     }
-    const std::vector<std::string> path = CallPath(modules);
-    return path.empty() ? "host" : "host, called by " + path.back();
+    const std::string caller = path.empty() ? "" : ", called by " + path.back().Text();
+    if (const std::optional<CodePlace> place = modules.PlaceOf(at)) {
+        if (isNoCode) {
+            path.push_back(*place);
+        }
+        return place->Text();
+    }
+    return (isNoCode && !path.empty() ? "no code" : "host") + caller;
 }
 
 const char* What(int signal)
@@ -107,12 +119,13 @@ const char* What(int signal)
     }
 }
 
-void ReportFault(int signal, const siginfo_t& information, const void* at, const void* context)
+void ReportFault(int signal, const siginfo_t& information, const void* at, void* context)
 {
     std::string place = "host";
     std::string thread = "?";
+    std::vector<CodePlace> path;
     if (Environment::Exists()) {
-        place = PlaceOf(Environment::Current().modules, information, at, context);
+        place = PlaceOf(Environment::Current().modules, information, at, context, path);
         thread = ThreadState::Current().name;
     }
     if (const char* what = What(signal)) {
@@ -122,9 +135,12 @@ void ReportFault(int signal, const siginfo_t& information, const void* at, const
         std::fprintf(stderr, "memory fault at %s (%p) touching %p, on thread \"%s\"\n", place.c_str(), at,
                      information.si_addr, thread.c_str());
     }
+    if (!path.empty()) {
+        std::fprintf(stderr, "  by %s\n", PathText(path).c_str());
+    }
     if (Environment::Exists()) {
         for (const Violation& violation : Environment::Current().violations.All()) {
-            std::fprintf(stderr, "before that: %s\n", violation.Text().c_str());
+            std::fprintf(stderr, "before that: %s\n", violation.FullText().c_str());
         }
     }
 }
@@ -138,6 +154,7 @@ void SetAlarm()
 
 void OnFault(int signal, siginfo_t* information, void* context)
 {
+    EndFaultingWalk();
     ReportFastFail(ProgramCounter(context), context);
     SetAlarm();
     if (ReportsAlready()) {

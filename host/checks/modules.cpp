@@ -22,17 +22,32 @@ const Symbol* Around(const std::vector<Symbol>& symbols, std::uint64_t offset)
 
 }  // namespace
 
-void Modules::Add(const void* base, std::size_t sizeBytes, std::string name, Symbols symbols)
+std::string CodePlace::Text() const
+{
+    if (function.empty()) {
+        return module + Offset(offset) + (isUnloaded ? ", which is unloaded" : "");
+    }
+    return module + "!" + function + (isUnloaded ? ", which is unloaded" : Offset(functionOffset));
+}
+
+void Modules::Add(const void* base, std::size_t sizeBytes, std::string name, std::filesystem::path file,
+                  Symbols symbols)
 {
     const auto begin = reinterpret_cast<std::uint64_t>(base);
     const std::lock_guard lock(mutex_);
-    byBase_[begin] = Module{begin, sizeBytes, std::move(name), std::move(symbols)};
+    std::erase_if(byBase_, [&](const auto& known) {
+        const Module& other = known.second;
+        return other.base < begin + sizeBytes && begin < other.base + other.sizeBytes;
+    });
+    byBase_[begin] = Module{begin, sizeBytes, std::move(name), std::move(file), std::move(symbols)};
 }
 
 void Modules::Remove(const void* base)
 {
     const std::lock_guard lock(mutex_);
-    byBase_.erase(reinterpret_cast<std::uint64_t>(base));
+    if (const auto found = byBase_.find(reinterpret_cast<std::uint64_t>(base)); found != byBase_.end()) {
+        found->second.isUnloaded = true;
+    }
 }
 
 const Modules::Module* Modules::Find(const void* address) const
@@ -46,18 +61,28 @@ const Modules::Module* Modules::Find(const void* address) const
     return at - module.base < module.sizeBytes ? &module : nullptr;
 }
 
-std::string Modules::Describe(const void* address) const
+std::optional<CodePlace> Modules::PlaceOf(const void* address) const
 {
     const std::lock_guard lock(mutex_);
     const Module* module = Find(address);
     if (module == nullptr) {
-        return "host";
+        return std::nullopt;
     }
-    const std::uint64_t offset = reinterpret_cast<std::uint64_t>(address) - module->base;
-    if (const Symbol* symbol = Around(*module->symbols, offset)) {
-        return module->name + "!" + symbol->name + Offset(offset - symbol->offset);
+    CodePlace place{.module = module->name,
+                    .file = module->file,
+                    .offset = reinterpret_cast<std::uint64_t>(address) - module->base,
+                    .isUnloaded = module->isUnloaded};
+    if (const Symbol* symbol = Around(*module->symbols, place.offset)) {
+        place.function = symbol->name;
+        place.functionOffset = place.offset - symbol->offset;
     }
-    return module->name + Offset(offset);
+    return place;
+}
+
+std::string Modules::Describe(const void* address) const
+{
+    const std::optional<CodePlace> place = PlaceOf(address);
+    return place ? place->Text() : "host";
 }
 
 std::string Modules::NameAt(const void* address) const
@@ -71,7 +96,7 @@ std::string Modules::FunctionAt(const void* address) const
 {
     const std::lock_guard lock(mutex_);
     const Module* module = Find(address);
-    if (module == nullptr) {
+    if (module == nullptr || module->isUnloaded) {
         return {};
     }
     const Symbol* symbol = Around(*module->symbols, reinterpret_cast<std::uint64_t>(address) - module->base);
@@ -81,7 +106,8 @@ std::string Modules::FunctionAt(const void* address) const
 bool Modules::Contains(const void* address) const
 {
     const std::lock_guard lock(mutex_);
-    return Find(address) != nullptr;
+    const Module* module = Find(address);
+    return module != nullptr && !module->isUnloaded;
 }
 
 }  // namespace host::checks

@@ -1,5 +1,7 @@
 #include "host/checks/violations.h"
 
+#include "host/checks/source_lines.h"
+
 #include <utility>
 
 namespace host::checks {
@@ -76,6 +78,22 @@ std::string_view Name(Rule rule)
 std::string Violation::Text() const
 {
     return std::string(Name(rule)) + ": " + function + " called from " + caller + " on " + thread + ": " + message;
+}
+
+std::string Violation::PathText() const
+{
+    std::string text = checks::PathText(path);
+    if (waitsFor.empty()) {
+        return text;
+    }
+    text += (text.empty() ? "" : " \u2192 ") + waitsFor;
+    return heldSince ? text + " since " + checks::PathText({*heldSince}) : text;
+}
+
+std::string Violation::FullText() const
+{
+    const std::string by = PathText();
+    return Text() + (by.empty() ? "" : "\n  by " + by);
 }
 
 void Violations::Add(Violation violation)

@@ -2,8 +2,11 @@
 // subject, and where in which image the call stood.
 #pragma once
 
+#include "host/checks/modules.h"
+
 #include <cstddef>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -54,7 +57,20 @@ struct Violation {
     std::string caller;    // "zepn.sys!NotifierEvtDeviceAdd+0x1f4", or "host"
     std::string thread;    // name of the thread it happened on
 
+    // How the thread came to the caller, outermost function first; what is reported of a place where no thread stands
+    // has that place alone.
+    std::vector<CodePlace> path = {};
+    // Of a wait without an end: for what, and where its holder took it.
+    std::string waitsFor = {};
+    std::optional<CodePlace> heldSince = {};
+
+    // One line: rule, function, caller, thread and message.
     [[nodiscard]] std::string Text() const;
+    // The path with source lines (source_lines.h), then the wait; empty when no driver code is on it. Reads the images'
+    // debug information, so it takes a moment at first.
+    [[nodiscard]] std::string PathText() const;
+    // Both, for people: the text, and below it the path.
+    [[nodiscard]] std::string FullText() const;
 };
 
 // Collects violations from any thread.

@@ -92,14 +92,15 @@ bool DriverThreads::WaitFor(std::unique_lock<std::mutex>& lock, const schedule::
 }
 
 void DriverThreads::ParkFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, schedule::Wake wake,
-                            const char* function, const void* caller)
+                            const char* function, const void* caller, const void* takenAt)
 {
     const bool self = wake == schedule::Wake::kSelf;
     const std::string reason =
         "waits for " + wait.subject + (self ? ", which it holds itself" : ": nobody can ever end this wait");
     lock.unlock();
-    framework_.environment.Report(self ? Rule::kSelfWait : Rule::kDeadlock, function,
-                                  "thread " + ThreadState::Current().name + " " + reason, caller);
+    framework_.environment.ReportWait(self ? Rule::kSelfWait : Rule::kDeadlock, function,
+                                      "thread " + ThreadState::Current().name + " " + reason, caller,
+                                      wait.subject + (self ? ", which this thread holds" : ""), takenAt);
     schedule::ParkThisThread(reason);
 }
 

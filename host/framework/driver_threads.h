@@ -65,13 +65,13 @@ public:
                  const void* caller);
 
     // The same in two steps, for who has to do something in between: a wait that is neither ready nor timed out must
-    // be parked.
+    // be parked. Of a lock the report says where its holder took it.
     [[nodiscard]] schedule::Wake Block(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait)
     {
         return waiting_.Block(lock, wait);
     }
     [[noreturn]] void ParkFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, schedule::Wake wake,
-                              const char* function, const void* caller);
+                              const char* function, const void* caller, const void* takenAt = nullptr);
 
     // Something changed that a wait may look at.
     void NotifyWaiting() { waiting_.NotifyAll(); }

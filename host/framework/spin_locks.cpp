@@ -66,13 +66,14 @@ void NTAPI SpinLockAcquire(PWDF_DRIVER_GLOBALS, WDFSPINLOCK handle)
         };
         ObjectTree::Reference(*spinLock);  // whoever deletes it meanwhile shall not pull it from under us
         const schedule::Wake wake = framework.threads.Block(lock, wait);
+        const void* const takenAt = spinLock->takenAt;
         const bool isLast = spinLock->References() == 1;
         if (isLast) {
             call.Violation(Rule::kDeadHandle, Describe(*spinLock) + " went while a thread waited for it");
         }
         framework.objects.Dereference(lock, *spinLock);
         if (wake != schedule::Wake::kReady) {
-            framework.threads.ParkFor(lock, wait, wake, call.function(), call.caller());
+            framework.threads.ParkFor(lock, wait, wake, call.function(), call.caller(), takenAt);
         }
         if (isLast) {
             return;
@@ -82,6 +83,7 @@ void NTAPI SpinLockAcquire(PWDF_DRIVER_GLOBALS, WDFSPINLOCK handle)
     spinLock->abandoned = false;
     spinLock->holderId = thread.id;
     spinLock->holderName = thread.name;
+    spinLock->takenAt = call.caller();
     spinLock->levelBefore = thread.irql;
     thread.irql = DISPATCH_LEVEL;
     schedule::Acquire(spinLock);

@@ -17,6 +17,7 @@ struct SpinLockObject final : Object {
     bool abandoned = false;      // its holder's callback is over: nobody will give it back
     std::uint64_t holderId = 0;  // ThreadState::id
     std::string holderName;
+    const void* takenAt = nullptr;      // where in an image
     KIRQL levelBefore = PASSIVE_LEVEL;  // its holder's, which the release brings back
 };
 

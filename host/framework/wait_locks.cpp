@@ -92,13 +92,14 @@ bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, con
     };
     ObjectTree::Reference(waitLock);  // whoever deletes it meanwhile shall not pull it from under us
     const schedule::Wake wake = framework.threads.Block(lock, wait);
+    const void* const takenAt = waitLock.takenAt.load(std::memory_order_relaxed);
     const bool isLast = waitLock.References() == 1;
     if (isLast) {
         call.Violation(Rule::kDeadHandle, Describe(waitLock) + " went while a thread waited for it");
     }
     framework.objects.Dereference(lock, waitLock);
     if (wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever) {
-        framework.threads.ParkFor(lock, wait, wake, call.function(), call.caller());
+        framework.threads.ParkFor(lock, wait, wake, call.function(), call.caller(), takenAt);
     }
     return wake == schedule::Wake::kReady && !isLast;
 }
@@ -141,6 +142,7 @@ std::optional<std::chrono::steady_clock::time_point> DeadlineOf(const LONGLONG* 
         }
     }
     waitLock->abandoned = false;
+    waitLock->takenAt.store(call.caller(), std::memory_order_relaxed);
     ++thread.criticalRegions;
     HeldLocks().push_back(waitLock->handle);
     schedule::Acquire(waitLock);
@@ -209,7 +211,7 @@ NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle, 
     if (!IsAnythingArmed() && ThreadState::IsAtMost(PASSIVE_LEVEL)) {
         ThreadState& thread = *ThreadState::Known();
         Slot* slot = HandleTable::Current().Find(handle);
-        const WaitLockObject* waitLock = WaitLockAtOnce(slot);
+        WaitLockObject* waitLock = WaitLockAtOnce(slot);
         std::uint64_t nobody = 0;
         if (waitLock != nullptr &&
             (timeout != nullptr ||
@@ -220,6 +222,7 @@ NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle, 
             const bool hasRoom =
                 locks.data() + locks.size() != locks.data() + locks.capacity();  // else memory is taken
             if (slot->object.load(std::memory_order_relaxed) == waitLock && hasRoom) {
+                waitLock->takenAt.store(HOST_CALLER, std::memory_order_relaxed);
                 locks.push_back(handle);
                 ++thread.criticalRegions;
                 return STATUS_SUCCESS;

@@ -156,7 +156,7 @@ public:
                 return 0;
             },
             this);
-        environment_.modules.Add(base_, sizeBytes_, name_, ElfSymbols(file));
+        environment_.modules.Add(base_, sizeBytes_, name_, file, ElfSymbols(file));
     }
 
     ~NativeImage() override

@@ -32,6 +32,7 @@ struct PeDirectory {
 
 enum PeDirectoryIndex : unsigned {
     kDirectoryImport = 1,
+    kDirectoryException = 3,
     kDirectoryRelocation = 5,
     kDirectoryTls = 9,
     kDirectoryLoadConfig = 10,

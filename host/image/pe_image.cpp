@@ -5,6 +5,7 @@
 #include "host/image/missing.h"
 #include "host/image/pe_file.h"
 #include "host/image/symbols.h"
+#include "host/image/unwind_tables.h"
 
 #include <sys/mman.h>
 
@@ -26,12 +27,13 @@ public:
             Relocate();
             Bind();
             SetCookie();
+            DescribeFrames();
             Protect();
         } catch (...) {
             Unmap();
             throw;
         }
-        environment_.modules.Add(base_, file_.imageSize(), name_, MapFileSymbols(path));
+        environment_.modules.Add(base_, file_.imageSize(), name_, path, MapFileSymbols(path));
         for (const PeSection& section : file_.sections()) {
             if (section.IsExecutable() && section.name.starts_with("PAGE")) {
                 environment_.pagedCode.Add(base_ + section.virtualAddress, section.virtualSize);
@@ -61,6 +63,7 @@ public:
     {
         keepMapped_ = true;
         stubs_.KeepMapped();
+        frames_.Keep();
     }
 
     void SealAfterEntry() override
@@ -215,6 +218,26 @@ private:
         }
     }
 
+    // So that a walk over a thread's stack goes through the image.
+    void DescribeFrames()
+    {
+        UnwindTables tables{.image = {base_, file_.imageSize()},
+                            .table = file_.directory(kDirectoryException).address,
+                            .tableBytes = file_.directory(kDirectoryException).sizeBytes};
+        for (const PeSection& section : file_.sections()) {
+            if (section.IsExecutable()) {
+                tables.code.push_back({section.virtualAddress, section.virtualAddress + section.virtualSize});
+            }
+        }
+        frames_.BeginImage(base_);
+#if defined(__x86_64__)
+        x64::Describe(tables, frames_);
+#else
+        arm64::Describe(tables, frames_);
+#endif
+        frames_.Register();
+    }
+
     void Protect()
     {
         if (mprotect(base_, (file_.headersSize() + kPageSize - 1) / kPageSize * kPageSize, PROT_READ) != 0) {
@@ -249,6 +272,7 @@ private:
     std::uint8_t* base_ = nullptr;
     bool keepMapped_ = false;
     MissingStubs stubs_;
+    CallFrames frames_;
 };
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "host/image/symbols.h"
+#include "host/checks/source_lines.h"
 #include "host/image/link_map.h"
 
 #include <cxxabi.h>
@@ -15,12 +16,9 @@
 namespace host::image {
 namespace {
 
-// The bare function name of a full one: "void __cdecl `anonymous namespace'::Find<3>(void *)" gives Find.
-std::string BareName(const std::string& name)
-{
-    const std::string plain = name.substr(0, name.find_first_of("(<"));
-    return plain.substr(plain.find_last_of(" :*&'") + 1);
-}
+using checks::BareName;
+using checks::Symbol;
+using checks::Symbols;
 
 std::string Demangled(const char* name)
 {
@@ -37,9 +35,6 @@ std::string Demangled(const char* name)
     }
     return BareName(full);
 }
-
-using checks::Symbol;
-using checks::Symbols;
 
 Symbols ReadOnce(const std::filesystem::path& file, std::vector<Symbol> (*read)(const std::filesystem::path&))
 {

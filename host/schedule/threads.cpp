@@ -99,7 +99,7 @@ void ParkThisThread(const std::string& reason)
         std::fprintf(stderr, "host: thread \"%s\" can never go on: it %s\n", thread.name.c_str(), reason.c_str());
         if (Environment::Exists()) {
             for (const checks::Violation& violation : Environment::Current().violations.All()) {
-                std::fprintf(stderr, "host: %s\n", violation.Text().c_str());
+                std::fprintf(stderr, "host: %s\n", violation.FullText().c_str());
             }
         }
         _exit(3);

@@ -1,6 +1,8 @@
 // The delivery path of a state: posting, delivery in order, answers.
 #include "tests/kit/driver_fixture.h"
 
+#include <regex>
+
 namespace tests {
 namespace {
 
@@ -106,7 +108,16 @@ TEST_P(States, PostFromInsideACallbackHangs)
     ASSERT_EQ(result.parked.size(), 1u);
     EXPECT_NE(result.parked[0].reason.find("(wdfWaitLockClientsCollection), which it holds itself"), std::string::npos)
         << result.parked[0].reason;
-    EXPECT_EQ(fixture.machine.violations().Take(host::checks::Rule::kSelfWait).size(), 1u);
+    const auto selfWaits = fixture.machine.violations().Take(host::checks::Rule::kSelfWait);
+    ASSERT_EQ(selfWaits.size(), 1u);
+    // Through the driver, the subscriber here and the driver again, with source lines and what is inlined.
+    const std::string path = selfWaits[0].PathText();
+    EXPECT_TRUE(std::regex_search(
+        path, std::regex("!NotifierEvtWorkItemNotifyStates \\(states\\.cpp:[0-9]+\\).*!DeliverToClient \\(states\\.cpp:[0-9]+"
+                         "\\).*!Notifier_HelperSendState \\(state_posting\\.cpp:[0-9]+\\).*wait lock #[0-9]+ "
+                         "\\(wdfWaitLockClientsCollection\\), which this thread holds since [^ ]+!"
+                         "NotifierEvtWorkItemNotifyStates \\(states\\.cpp:[0-9]+\\)$")))
+        << path;
     // Everybody else waits with it.
     EXPECT_TRUE(fixture.machine.OnThread("client", [&] { (void)fixture.Post(poster, 5); }).parked);
     EXPECT_TRUE(fixture.driver->HasDevice());

@@ -18,8 +18,9 @@ namespace {
 std::string Path(const host::ObservedCall& call, host::Machine& machine)
 {
     std::string path;
-    for (const auto& name : host::checks::CallPath(machine.environment().modules)) {
-        path += name + " > ";
+    const host::checks::Modules& modules = machine.environment().modules;
+    for (const void* address : host::checks::CallPath(modules)) {
+        path += modules.FunctionAt(address) + " > ";
     }
     return path + call.function;
 }

@@ -122,10 +122,11 @@ TEST(MemoryFaults, OutsideOfDriverCodeNameTheDriverCodeThatMadeTheCall)
         WdfWorkItemEnqueue(fixture.table.WorkItem);
         (void)fixture.machine.RunWorkItems();
     };
-    EXPECT_EXIT(end(reinterpret_cast<PFN_WDF_WORKITEM>(16)), testing::ExitedWithCode(4),
-                "memory fault at no code, called by .*EvtWork.*touching 0x10");
+    EXPECT_EXIT(
+        end(reinterpret_cast<PFN_WDF_WORKITEM>(16)), testing::ExitedWithCode(4),
+        "memory fault at no code, called by .*EvtWork.*touching 0x10.*by faulty.so!EvtWork \\(faulty.cpp:[0-9]+\\)");
     EXPECT_EXIT(end([](WDFWORKITEM) NTAPI { TouchNothing(); }), testing::ExitedWithCode(4),
-                "memory fault at host, called by .*EvtWork");
+                "memory fault at host, called by .*EvtWork.*by faulty.so!EvtWork \\(faulty.cpp:[0-9]+\\)");
 }
 
 }  // namespace

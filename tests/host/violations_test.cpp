@@ -169,7 +169,9 @@ TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
             fixture.machine.OnThread("peer", [&] { fixture.Run(GetParam().name); });
         },
         testing::ExitedWithCode(4),
-        std::string("memory fault at faulty.so!") + GetParam().name + ".*" + GetParam().message + ".*peer");
+        std::string("memory fault at faulty.so!") + GetParam().name + ".*" + GetParam().message +
+            ".*peer.*by faulty.so!RunScenario \\(scenarios.cpp:[0-9]+\\).*!" + GetParam().name +
+            " \\(scenarios.cpp:[0-9]+\\)");
     if (!HasFailure()) {
         NoteFaulty(Rule::kMemoryFault);
     }

@@ -91,7 +91,7 @@ DriverFixture::~DriverFixture()
 {
     TakeDown();
     for (const auto& violation : machine.violations().All()) {
-        ADD_FAILURE() << violation.Text();
+        ADD_FAILURE() << violation.FullText();
     }
     CheckReports();
     if (options_.records) {

@@ -37,7 +37,7 @@ void End(host::Driver& driver)
 void ExpectNoViolation(host::Machine& machine)
 {
     for (const auto& violation : machine.violations().Take()) {
-        ADD_FAILURE() << violation.Text();
+        ADD_FAILURE() << violation.FullText();
     }
 }
 

@@ -277,7 +277,7 @@ void Run::Arm(const Step& step)
 void Run::ShowFindings()
 {
     for (const auto& violation : machine.violations().Take()) {
-        violations_ += AddFinding(violation.Text()) ? 0 : 1;
+        violations_ += AddFinding(violation.Text(), violation.PathText()) ? 0 : 1;
     }
     for (const std::string& finding : std::exchange(peers.findings, {})) {
         violations_ += AddFinding(finding) ? 0 : 1;
@@ -305,10 +305,10 @@ void Run::Disarm(const Step& step)
     }
 }
 
-bool Run::AddFinding(const std::string& text)
+bool Run::AddFinding(const std::string& text, const std::string& path)
 {
     const bool expected = expectedFinding_ && text.find(*expectedFinding_) != std::string::npos;
-    timeline.Add({EntryKind::kFinding, "", "", text, "", expected});
+    timeline.Add({EntryKind::kFinding, "", "", text, "", expected, path});
     findingCame_ = findingCame_ || expected;
     good_ = good_ && expected;
     return expected;

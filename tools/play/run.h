@@ -89,7 +89,7 @@ public:
     std::optional<NTSTATUS> Unload(host::Driver& unloaded);
 
     // Shows what went wrong; true when the step is there to show just this.
-    bool AddFinding(const std::string& text);
+    bool AddFinding(const std::string& text, const std::string& path = "");
 
     // ---- What a step does wrong on purpose ----
 

@@ -92,6 +92,9 @@ void Timeline::PrintText(const Entry& entry)
     }
     if (entry.kind == EntryKind::kFinding) {
         out_ << step.str() << "  " << Colored(kRed, "!! " + entry.what) << "\n";
+        if (!entry.path.empty()) {
+            out_ << "        by " << entry.path << "\n";
+        }
         return;
     }
     const char* arrow = entry.kind == EntryKind::kCall ? "-->" : entry.kind == EntryKind::kCallback ? "==>" : "<==";
@@ -116,6 +119,9 @@ void Timeline::PrintJson(const Entry& entry)
     object["what"] = entry.what;
     object["outcome"] = entry.outcome;
     object["good"] = entry.good;
+    if (!entry.path.empty()) {
+        object["path"] = entry.path;
+    }
     out_ << object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
 }
 
