@@ -35,6 +35,7 @@ Environment::Environment(MachineOptions machineOptions) : options(machineOptions
         throw HostError("a machine exists already; one at a time");
     }
     g_current = this;
+    ThreadState::Current().BeginWork(ThreadState::Current().name);  // whatever hung on it in an earlier machine
 #if defined(HOST_THREAD_SANITIZER)
     schedule::onlyDriverLocks = options.onlyDriverLocks;
     Arm(kArmedHiding, options.onlyDriverLocks);
@@ -94,7 +95,12 @@ checks::Violation Environment::ViolationAt(checks::Rule rule, std::string functi
 
 void Environment::Report(checks::Rule rule, std::string function, std::string message, const void* caller)
 {
-    violations.Add(ViolationAt(rule, std::move(function), std::move(message), caller));
+    checks::Violation violation = ViolationAt(rule, std::move(function), std::move(message), caller);
+    if (hasHung && violation.function == "unload") {
+        violations.AddConsequence(std::move(violation));
+    } else {
+        violations.Add(std::move(violation));
+    }
 }
 
 void Environment::ReportWait(checks::Rule rule, std::string function, std::string message, const void* caller,

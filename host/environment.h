@@ -28,6 +28,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// A thread that is not one of the host's own can never go on: driver code that it called waits for what cannot come, or
+// has stopped the system. What it says includes everything that was found.
+class Hang : public HostError {
+public:
+    using HostError::HostError;
+};
+
 enum class WorkItems {
     kPumped,   // run only when asked to, one at a time, in queue order: every run of a test is the same
     kThreads,  // run at once on real worker threads
@@ -88,6 +95,9 @@ public:
     // Called when a driver has got the function table of another, with the table in that driver's memory: what is put into
     // it now, the driver calls. Empty by default.
     std::function<void(const GUID& type, std::span<std::byte> table)> onInterface;
+
+    // A thread was parked: what is left behind at an unload from now on follows from that.
+    std::atomic<bool> hasHung{false};
 
     // A rule is broken by the code at `caller`; null: by the host's own doing.
     void Report(checks::Rule rule, std::string function, std::string message, const void* caller);

@@ -243,7 +243,7 @@ Machine::~Machine()
     for (const auto& instance : framework_->drivers) {
         if (instance->loaded) {
             // Where a thread hangs the driver cannot be unloaded, which has been reported.
-            if (!threads_->HasParked()) {
+            if (!environment_->hasHung) {
                 std::fprintf(stderr, "host: %s was still loaded at the machine's end\n", instance->service.c_str());
             }
             framework::AbandonDriver(*framework_, *instance);

@@ -89,7 +89,7 @@ std::string Modules::NameAt(const void* address) const
 {
     const std::lock_guard lock(mutex_);
     const Module* module = Find(address);
-    return module == nullptr ? std::string() : module->name;
+    return module == nullptr || module->isUnloaded ? std::string() : module->name;
 }
 
 std::string Modules::FunctionAt(const void* address) const

@@ -2,6 +2,8 @@
 
 #include "host/checks/source_lines.h"
 
+#include <algorithm>
+#include <map>
 #include <utility>
 
 namespace host::checks {
@@ -93,13 +95,38 @@ std::string Violation::PathText() const
 std::string Violation::FullText() const
 {
     const std::string by = PathText();
-    return Text() + (by.empty() ? "" : "\n  by " + by);
+    std::map<std::string_view, unsigned> counts;
+    for (const Rule consequence : followedBy) {
+        ++counts[Name(consequence)];
+    }
+    std::string consequences;
+    for (const auto& [name, count] : counts) {
+        consequences +=
+            (consequences.empty() ? "\n  which led to " : ", ") + std::to_string(count) + " x " + std::string(name);
+    }
+    return Text() + (by.empty() ? "" : "\n  by " + by) + consequences;
 }
 
 void Violations::Add(Violation violation)
 {
     const std::lock_guard lock(mutex_);
     list_.push_back(std::move(violation));
+}
+
+void Violations::AddConsequence(Violation violation)
+{
+    constexpr std::string_view kRemark = "; the thread that hangs may need it";
+    const auto isRoot = [&](const Violation& known) {
+        return known.rule == Rule::kSelfWait || known.rule == Rule::kDeadlock || known.rule == Rule::kBugCheck ||
+               known.rule == Rule::kNotProvided || known.message.ends_with(kRemark);
+    };
+    const std::lock_guard lock(mutex_);
+    if (const auto root = std::ranges::find_if(list_, isRoot); root != list_.end()) {
+        root->followedBy.push_back(violation.rule);
+    } else {
+        violation.message += kRemark;
+        list_.push_back(std::move(violation));
+    }
 }
 
 std::vector<Violation> Violations::All() const

@@ -63,13 +63,15 @@ struct Violation {
     // Of a wait without an end: for what, and where its holder took it.
     std::string waitsFor = {};
     std::optional<CodePlace> heldSince = {};
+    // What only followed from it.
+    std::vector<Rule> followedBy = {};
 
     // One line: rule, function, caller, thread and message.
     [[nodiscard]] std::string Text() const;
     // The path with source lines (source_lines.h), then the wait; empty when no driver code is on it. Reads the images'
     // debug information, so it takes a moment at first.
     [[nodiscard]] std::string PathText() const;
-    // Both, for people: the text, and below it the path.
+    // For people: the text, and below it the path and what followed.
     [[nodiscard]] std::string FullText() const;
 };
 
@@ -77,6 +79,10 @@ struct Violation {
 class Violations {
 public:
     void Add(Violation violation);
+
+    // One that follows from a hang: it is counted with the violation that the hang was reported by, or where that has
+    // been taken, with the first consequence.
+    void AddConsequence(Violation violation);
 
     // All violations so far, oldest first; Take also empties the list.
     [[nodiscard]] std::vector<Violation> All() const;

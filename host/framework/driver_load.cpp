@@ -2,6 +2,7 @@
 
 #include "host/framework/devices.h"
 #include "host/framework/plug_play.h"
+#include "host/framework/pointers_left.h"
 #include "host/kernel/guarded_string.h"
 
 namespace host::framework {
@@ -41,6 +42,7 @@ void ReleaseImage(Framework& framework, tracing::Tracing& tracing, DriverInstanc
     }
     framework.kernel.ReportLeaksOf(base, sizeBytes);
     tracing.ReportLeaksOf(base, sizeBytes);
+    ReportPointersLeft(framework, instance);
     if (framework.threads.HasParked()) {
         instance.image->KeepMapped();
     }

@@ -6,6 +6,7 @@
 
 #include <list>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,7 @@ struct DriverInstance {
     DriverObject* driver = nullptr;                       // null before creation and after destruction
     std::list<DeviceObject*> devices;                     // oldest first
     std::vector<InterfaceChangeRecord> interfaceChanges;  // asked for by the driver, oldest first
+    std::set<const void*> handedOut;                      // what stands in its interface tables
     bool loaded = false;
 };
 

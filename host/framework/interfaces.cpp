@@ -2,6 +2,7 @@
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 #include "host/framework/plug_play.h"
+#include "host/framework/pointers_left.h"
 
 #include <algorithm>
 #include <cstring>
@@ -49,6 +50,10 @@ NTSTATUS QueryInterface(Framework& framework, DeviceObject& device, const GUID& 
         if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) {
             return status;
         }
+    }
+    {
+        const std::lock_guard lock(framework.mutex);
+        NoteHandedOut(*device.driver, buffer);
     }
     std::memcpy(&header, buffer.data(), sizeof(header));  // the callback may have changed it
     if (header.InterfaceReference != nullptr) {

@@ -1,6 +1,7 @@
 #include "host/framework/object_tree.h"
 
 #include "host/framework/framework.h"
+#include "host/framework/object_names.h"
 
 #include <cstdio>
 
@@ -56,6 +57,8 @@ std::string Describe(const Object& object)
         text += " (" + object.name + ")";
     } else if (!object.contexts.empty()) {
         text += std::string(" (") + object.contexts.front().type->ContextName + ")";
+    } else if (const std::string name = MemberThatKeeps(object); !name.empty()) {
+        text += " (" + name + ")";
     }
     return text;
 }

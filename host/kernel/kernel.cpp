@@ -200,6 +200,14 @@ std::optional<PoolBlock> Kernel::TakePool(void* address)
     return block;
 }
 
+void Kernel::ForEachPoolBlock(const std::function<void(const void* block, const PoolBlock& use)>& visit)
+{
+    const std::lock_guard lock(mutex);
+    for (const auto& [address, block] : pool_) {
+        visit(address, block);
+    }
+}
+
 void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
 {
     using checks::Rule;

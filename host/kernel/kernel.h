@@ -89,6 +89,8 @@ public:
     [[nodiscard]] void* AllocatePool(const PoolBlock& block, std::size_t alignment);
     // Takes a block out of the list of those in use; its memory is the caller's to free. Empty for another address.
     [[nodiscard]] std::optional<PoolBlock> TakePool(void* address);
+    // Each block that is in use; none is freed meanwhile.
+    void ForEachPoolBlock(const std::function<void(const void* block, const PoolBlock& use)>& visit);
     [[nodiscard]] std::vector<std::string> DebugOutput() const;
 
     // What an image still holds when it is unmapped: pool blocks it allocated, callback registrations whose routine

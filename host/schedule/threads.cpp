@@ -5,9 +5,6 @@
 #include "host/schedule/fiber.h"
 #include "host/schedule/parking.h"
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -95,14 +92,17 @@ void ParkThisThread(const std::string& reason)
 {
     const ThreadState& thread = ThreadState::Current();
     Fiber* const fiber = Fiber::Current();
+    if (Environment::Exists()) {
+        Environment::Current().hasHung = true;
+    }
     if (fiber == nullptr) {
-        std::fprintf(stderr, "host: thread \"%s\" can never go on: it %s\n", thread.name.c_str(), reason.c_str());
+        std::string text = "thread \"" + thread.name + "\" can never go on: it " + reason;
         if (Environment::Exists()) {
             for (const checks::Violation& violation : Environment::Current().violations.All()) {
-                std::fprintf(stderr, "host: %s\n", violation.FullText().c_str());
+                text += "\n" + violation.FullText();
             }
         }
-        _exit(3);
+        throw Hang(text);
     }
     {
         Parked& parked = TheParked();

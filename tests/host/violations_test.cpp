@@ -170,8 +170,7 @@ TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
         },
         testing::ExitedWithCode(4),
         std::string("memory fault at faulty.so!") + GetParam().name + ".*" + GetParam().message +
-            ".*peer.*by faulty.so!RunScenario \\(scenarios.cpp:[0-9]+\\).*!" + GetParam().name +
-            " \\(scenarios.cpp:[0-9]+\\)");
+            ".*peer.*by faulty.so!" + GetParam().name + " \\(scenarios.cpp:[0-9]+\\)");
     if (!HasFailure()) {
         NoteFaulty(Rule::kMemoryFault);
     }

@@ -1,6 +1,7 @@
 // Wait locks and work items: what waits, what is found to wait for ever, and what happens to it.
 #include "tests/host/faulty_driver_fixture.h"
 
+#include <regex>
 #include <atomic>
 #include <barrier>
 #include <thread>
@@ -107,16 +108,41 @@ TEST(WaitLocks, ADeclaredOrderIsHeldToFromTheFirstTime)
     EXPECT_THROW(fixture.machine.RankLock(reinterpret_cast<WDFWAITLOCK>(NewObject()), 1), host::HostError);
 }
 
-TEST(WaitLocks, AMainThreadInADeadlockEndsTheProcess)
+TEST(WaitLocks, ATestsOwnThreadThatHangsFailsItsCaseAlone)
 {
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
-    EXPECT_EXIT(
-        {
-            FaultyDriverFixture fixture;
+    {
+        FaultyDriverFixture fixture;
+        fixture.Abandon();
+        std::string text;
+        try {
             fixture.Run("SelfWait");
-        },
-        testing::ExitedWithCode(3),
-        "can never go on.*\n.*self-wait: WdfWaitLockAcquire called from faulty.so!SelfWait");
+        } catch (const host::Hang& hang) {
+            text = hang.what();
+        }
+        EXPECT_TRUE(std::regex_search(
+            text, std::regex("thread \"main\" can never go on: it waits for wait lock #1, which it holds itself\n"
+                             "self-wait: WdfWaitLockAcquire called from faulty.so!SelfWait.*\n"
+                             "  by .*!SelfWait \\(scenarios.cpp:[0-9]+\\) \u2192 wait lock #1, which this thread holds "
+                             "since faulty.so!SelfWait \\(scenarios.cpp:[0-9]+\\)")))
+            << text;
+        (void)fixture.TakeRules();
+    }
+    FaultyDriverFixture next;
+    WDFWAITLOCK lock = NewLock();
+    EXPECT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+    WdfWaitLockRelease(lock);
+}
+
+TEST(WaitLocks, WhatAHangLeavesBehindIsCountedWithTheHang)
+{
+    FaultyDriverFixture fixture;
+    fixture.OnThread("peer", [&] { fixture.Run("LeavesPool"); });
+    EXPECT_TRUE(fixture.machine.OnThread("other", [&] { fixture.Run("SelfWait"); }).parked);
+    fixture.TakeDown();
+    const std::vector<Violation> found = fixture.machine.violations().All();
+    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kSelfWait}) << fixture.Text();
+    EXPECT_EQ(found[0].followedBy, std::vector{Rule::kLeak});
+    EXPECT_NE(found[0].FullText().find("which led to 1 x leak"), std::string::npos) << found[0].FullText();
 }
 
 TEST(PowerCallbacks, UnregisteringOneWhoseThreadIsParkedWaitsForEver)

@@ -1,5 +1,6 @@
 // The samples as images: a run beside the Notifier, and the probe's answers.
 #include "host/machine.h"
+#include "tests/kit/death.h"
 #include "tests/kit/driver_fixture.h"
 #include "tests/samples/sample_image.h"
 #include "tools/image_check/checks.h"
@@ -82,6 +83,34 @@ TEST_P(Samples, ClientThatGoesAtOnceLeavesNothing)
     End(notifier);
     ExpectNoViolation(machine);
     EXPECT_TRUE(machine.PoolInUse().empty());
+}
+
+// It cannot deregister, and does not mind.
+TEST_P(Samples, ClientThatIsUnloadedWhileRegisteredIsNamedAtOnceAndWhenItIsCalled)
+{
+#if defined(ZEPN_SANITIZED)
+    GTEST_SKIP() << "native drivers stay mapped, for the sanitizer's reports";
+#endif
+    GTEST_FLAG_SET(death_test_style, tests::kDeathTestStyle);
+    const auto end = [] {
+        host::Machine machine;
+        (void)machine.Boot(GetParam().image, "zepn");
+        host::Driver& client = machine.Boot(SampleImage(GetParam().image, "zepn_client"), "client");
+        (void)machine.RunWorkItems();
+        machine.faults().Add(
+            {.function = "WdfWaitLockAcquire", .caller = "Notifier_HelperClientDeinit", .status = STATUS_UNSUCCESSFUL});
+        client.SurpriseRemoveDevice();
+        (void)client.RemoveDevice();
+        (void)client.Unload();
+        machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(4),
+                "memory fault at zepn_client[.]s[oys]+!OnAppsState, which is unloaded .*\n"
+                "  by zepn[.].*\\(apps_state[.]cpp:[0-9]+\\) \u2192 zepn_client[.].*!OnAppsState "
+                "\\(client[.]cpp:[0-9]+\\), which is unloaded\n"
+                "before that: registration at unload: unload called from zepn_client.*others still hold pointers into "
+                "client, .*\\(ZEP_NOTIFIER_CLIENT_CONTEXT\\) of zepn holds .*OnAppsState.*"
+                "\\(ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT\\) of zepn holds .*OnWatchedState");
 }
 
 // Arrivals, work and removals on real threads at once: the Notifier comes and goes under clients that follow it.
