@@ -68,7 +68,7 @@ TEST(CourseOfAFaultyClient, FindsEachMistake)
     };
     const Row rows[] = {
         {Mistake::kPostsInCallback, "takes states and commands", {"A client that it watches posts", "self-wait"}},
-        {Mistake::kNeverDeregisters, "starts before the Notifier", {"is still registered with the Notifier"}},
+        {Mistake::kNeverDeregisters, "starts before the Notifier", {"its driver unloaded", "would call unmapped code"}},
         {Mistake::kUsesFreedMemory, "takes states and commands", {"It is sent command 1", "ReadFreedBlock"}},
         {Mistake::kLeaks, "takes states and commands", {"its driver unloaded", "leak"}},
         {Mistake::kCallsAtDispatchLevel, "starts before the Notifier", {"IRQL: WdfWaitLockAcquire"}},

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <sstream>
 
 namespace test_client {
 namespace {
@@ -22,6 +23,16 @@ void SetParameter(host::Machine& machine, const std::string& service, const std:
     } else {
         machine.SetRegistryString(service, name, value);
     }
+}
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream input(text);
+    for (std::string line; std::getline(input, line);) {
+        lines.push_back(line);
+    }
+    return lines;
 }
 
 template <class Table>
@@ -54,18 +65,21 @@ void Run::AddFinding(std::string text, std::vector<std::string> details)
 void Run::Check()
 {
     // The same mistake made many times is one finding.
-    std::vector<std::pair<std::string, unsigned>> texts;
+    std::vector<std::pair<host::checks::Violation, unsigned>> mistakes;
     for (const host::checks::Violation& violation : machine.violations().Take()) {
-        const std::string text = violation.Text();
-        const auto same = std::ranges::find(texts, text, &std::pair<std::string, unsigned>::first);
-        if (same != texts.end()) {
+        const auto same = std::ranges::find_if(
+            mistakes, [&violation](const auto& mistake) { return mistake.first.Text() == violation.Text(); });
+        if (same != mistakes.end()) {
             ++same->second;
         } else {
-            texts.emplace_back(text, 1);
+            mistakes.emplace_back(violation, 1);
         }
     }
-    for (const auto& [text, count] : texts) {
-        AddFinding(count == 1 ? text : text + " (" + std::to_string(count) + " times)");
+    for (const auto& [violation, count] : mistakes) {
+        std::vector<std::string> lines = Lines(violation.FullText());
+        const std::string text = lines.front() + (count == 1 ? "" : " (" + std::to_string(count) + " times)");
+        lines.erase(lines.begin());
+        AddFinding(text, std::move(lines));
     }
     if (!findings_.empty()) {
         throw Stopped();
