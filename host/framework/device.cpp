@@ -11,10 +11,10 @@ using checks::Rule;
 namespace {
 
 // Under the lock: a client that opens the device on another thread reads it.
-void SetStage(Framework& framework, DeviceObject& device, DeviceStage stage)
+void SetPnpState(Framework& framework, DeviceObject& device, PnpState pnpState)
 {
     const std::lock_guard lock(framework.mutex);
-    device.stage = stage;
+    device.pnpState = pnpState;
 }
 
 WDFDEVICE HandleOf(const DeviceObject& device)
@@ -130,7 +130,7 @@ void DisposeDevice(Framework& framework, DeviceObject& device)
     Purge(framework, device, false);
     device.selfManagedIo.Cleanup(framework, device);
     std::unique_lock lock(framework.mutex);
-    device.stage = DeviceStage::kRemoved;
+    device.pnpState = PnpState::kRemoved;
     framework.names.Release(device.deviceName);
     device.driver->devices.remove(&device);
     framework.objects.Delete(lock, device);
@@ -176,7 +176,7 @@ NTSTATUS StartDevice(Framework& framework, DeviceObject& device)
         return status;
     }
     SetAllInterfaces(framework, device, true);
-    SetStage(framework, device, DeviceStage::kStarted);
+    SetPnpState(framework, device, PnpState::kStarted);
     return status;
 }
 
@@ -205,14 +205,14 @@ NTSTATUS SurpriseRemoveDevice(Framework& framework, DeviceObject& device)
     DropSymbolicLink(framework, device);
     Purge(framework, device, true);
     device.selfManagedIo.Flush(framework, device);
-    SetStage(framework, device, DeviceStage::kSurpriseRemoved);
+    SetPnpState(framework, device, PnpState::kSurpriseRemoved);
     NotifyRemoveComplete(framework, device);
     return status;
 }
 
 void RemoveDevice(Framework& framework, DeviceObject& device)
 {
-    if (device.stage == DeviceStage::kStarted) {  // an orderly removal: the query was not refused
+    if (device.pnpState == PnpState::kStarted) {  // an orderly removal: the query was not refused
         if (device.inD0) {
             (void)CallD0Exit(framework, device, WdfPowerDeviceD3Final);
         }

@@ -58,14 +58,14 @@ struct QueryInterfaceEntry {
 
 struct QueueObject;
 
-enum class DeviceStage { kAdded, kStarted, kSurpriseRemoved, kRemoved };
+enum class PnpState { kAdded, kStarted, kSurpriseRemoved, kRemoved };
 
 struct DeviceObject final : Object {
     explicit DeviceObject(DriverInstance* owner) : Object(ObjectType::kDevice, owner) { noDelete = true; }
     void OnFinished(Framework& framework, std::unique_lock<std::mutex>& lock) override;
     [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
 
-    DeviceStage stage = DeviceStage::kAdded;
+    PnpState pnpState = PnpState::kAdded;
     bool inD0 = false;
     int stopRemoveRefusals = 0;  // not 0: refused, also when it was taken back once too often
     std::string deviceName;

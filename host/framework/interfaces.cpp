@@ -101,7 +101,7 @@ NTSTATUS NTAPI DeviceCreateDeviceInterface(PWDF_DRIVER_GLOBALS, WDFDEVICE handle
         (referenceString != nullptr && !kernel::IsWellFormed(*referenceString))) {
         return STATUS_INVALID_PARAMETER;
     }
-    device->interfaces.push_back({*interfaceClass, TextOf(referenceString), device->stage == DeviceStage::kStarted});
+    device->interfaces.push_back({*interfaceClass, TextOf(referenceString), device->pnpState == PnpState::kStarted});
     return call.Done();
 }
 

@@ -56,7 +56,7 @@ NTSTATUS OpenOn(Framework& framework, IoTargetObject& target, DeviceObject& devi
     target.state = State::kOpen;
     target.device = &device;
     target.file = file;
-    if (device.stage != DeviceStage::kSurpriseRemoved) {
+    if (device.pnpState != PnpState::kSurpriseRemoved) {
         return STATUS_SUCCESS;  // this target is notified of a removal from now on
     }
     CloseTarget(framework, lock, target, State::kClosed);

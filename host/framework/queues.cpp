@@ -86,7 +86,7 @@ NTSTATUS NTAPI IoQueueCreate(PWDF_DRIVER_GLOBALS globals, WDFDEVICE deviceHandle
     if (handle == nullptr && !isDefault) {
         return STATUS_INVALID_PARAMETER_4;
     }
-    if (isDefault && device->stage != DeviceStage::kAdded) {
+    if (isDefault && device->pnpState != PnpState::kAdded) {
         return STATUS_INVALID_DEVICE_STATE;
     }
     Object* parent = framework.objects.ParentFor(call, attributes, device, status);

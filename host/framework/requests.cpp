@@ -170,7 +170,7 @@ RequestResult OpenFile(Framework& framework, DeviceObject& device, FileObjectObj
 {
     file = nullptr;
     std::unique_lock lock(framework.mutex);
-    if (device.stage != DeviceStage::kStarted && device.stage != DeviceStage::kAdded) {
+    if (device.pnpState != PnpState::kStarted && device.pnpState != PnpState::kAdded) {
         return {STATUS_NO_SUCH_DEVICE, 0, true};
     }
     if (device.settings.exclusive && IsOpen(device)) {
@@ -233,7 +233,7 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
     DeviceObject& device = *file.device;
     std::unique_lock lock(framework.mutex);
     QueueObject* queue = device.defaultQueue;
-    if (queue == nullptr || queue->purged || device.stage == DeviceStage::kRemoved) {
+    if (queue == nullptr || queue->purged || device.pnpState == PnpState::kRemoved) {
         return {STATUS_INVALID_DEVICE_STATE, 0, true};
     }
     if (!HasHandler(*queue) && queue->config.DispatchType != WdfIoQueueDispatchManual) {
