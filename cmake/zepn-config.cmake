@@ -2,6 +2,7 @@
 #
 #     find_package(zepn REQUIRED)
 #     zepn_add_client(fan SOURCES fan.c)
+#     zepn_add_client_course(fan_course CLIENT fan)
 #     zepn_add_client_test(fan_tests CLIENT fan SOURCES fan_test.cpp)
 #     zepn_add_client_scenario(fan_scenario CLIENT fan FILE fan.json)
 #
@@ -171,6 +172,38 @@ function(zepn_add_client_inf template)
         file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${machine}/${name}.inf CONTENT "${inf}" @ONLY
             NEWLINE_STYLE CRLF)
     endforeach()
+endfunction()
+
+# The program that runs the course for clients, as ./zepn test-client does. It is compiled once, when a course is added.
+function(zepn_add_course_program)
+    if(TARGET zepn-test-client)
+        return()
+    endif()
+    find_package(CLI11 REQUIRED)
+    set(tools ${ZEPN_ROOT}/tools)
+    file(GLOB sources CONFIGURE_DEPENDS ${tools}/test_client/*.cpp)
+    add_executable(zepn-test-client ${sources} ${tools}/command_line/command_line.cpp ${tools}/play/statuses.cpp)
+    target_include_directories(zepn-test-client PRIVATE ${ZEPN_ROOT})
+    target_link_libraries(zepn-test-client PRIVATE zepn::host CLI11::CLI11)
+    target_compile_definitions(zepn-test-client PRIVATE ZEPN_ROOT="${ZEPN_ROOT}" ${ZEPN_FRAMEWORK_DEFINITIONS})
+    # One must include a header before all others, and the others share no translation unit with a main.
+    set_source_files_properties(${tools}/test_client/main.cpp ${tools}/test_client/notifier_calls.cpp
+        PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    zepn_unite(zepn-test-client)
+endfunction()
+
+# zepn_add_client_course(name CLIENT client [ARGUMENTS argument...]): CTest runs the course on the client's image for this
+# machine and, as <name>_module, on its native module. The arguments are those of ./zepn test-client.
+function(zepn_add_client_course name)
+    cmake_parse_arguments(PARSE_ARGV 1 course "" "CLIENT" "ARGUMENTS")
+    if(NOT course_CLIENT OR course_UNPARSED_ARGUMENTS)
+        message(FATAL_ERROR "zepn_add_client_course(name CLIENT client [ARGUMENTS argument...])")
+    endif()
+    zepn_add_course_program()
+    set(arguments --notifier ${ZEPN_NOTIFIER_IMAGE} ${course_ARGUMENTS})
+    set(image ${CMAKE_CURRENT_BINARY_DIR}/${ZEPN_MACHINE}/${course_CLIENT}.sys)
+    add_test(NAME ${name} COMMAND zepn-test-client ${image} ${arguments})
+    add_test(NAME ${name}_module COMMAND zepn-test-client $<TARGET_FILE:${course_CLIENT}_native> ${arguments})
 endfunction()
 
 # zepn_add_client_test(name CLIENT client SOURCES source...): a GoogleTest program of which CTest knows. Its sources find

@@ -57,7 +57,7 @@ kit=$(readlink -f "$target/client")
 (
     cd "$source"
     cp -r --parents -t "$kit" VERSION host platform/include platform/windows driver/include driver/trace/identifiers.h \
-        samples/common tools/play tools/peers tools/command_line tools/new_client cmake/zepn-config.cmake \
+        samples/common tools/play tools/peers tools/test_client tools/command_line tools/new_client cmake/zepn-config.cmake \
         cmake/zepn-config-version.cmake cmake/image_options.cmake cmake/compile_time.cmake cmake/linux-arm64.cmake \
         cmake/pugixml.cmake cmake/unpack_package.sh
     rm "$kit/platform/include/.clang-format" "$kit/driver/include/.clang-format"

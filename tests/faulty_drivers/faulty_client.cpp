@@ -37,7 +37,7 @@ __attribute__((noinline)) void ReadFreedBlock(CLIENT_CONTEXT& client)
     (void)*static_cast<volatile ULONG*>(client.Block);
 }
 
-__attribute__((noinline)) void FillNewBlock(CLIENT_CONTEXT& client)
+__attribute__((noinline, no_sanitize("undefined"))) void FillNewBlock(CLIENT_CONTEXT& client)
 {
     *static_cast<volatile ULONG*>(client.Block) = 1;
 }

@@ -63,7 +63,8 @@ Finding FindingOf(const ChildResult& child)
     std::vector<std::string> lines = Split(child.printed, '\n');
     const auto isCause = [](const std::string& line) {
         return line.starts_with("memory fault") || line.find("ERROR: ") != std::string::npos ||
-               line.starts_with("no progress") || line.starts_with("host: thread");
+               line.find("runtime error: ") != std::string::npos || line.starts_with("no progress") ||
+               line.starts_with("host: thread");
     };
     const auto cause = std::ranges::find_if(lines, isCause);
     finding.text = cause == lines.end() ? Split(child.failure, '\n').front() : *cause;
