@@ -121,6 +121,9 @@ void ObservedRun::OnCall(const host::ObservedCall& call)
 
 void ObservedRun::OnEvent(const host::tracing::CapturedEvent& event)
 {
+    if (!readsReports_) {
+        return;
+    }
     const auto decoded = TheManifest().Decode(event);
     if (!decoded) {
         badRecords_.push_back("event " + std::to_string(event.descriptor.Id) + " does not decode");
@@ -151,6 +154,9 @@ void ObservedRun::OnEvent(const host::tracing::CapturedEvent& event)
 void ObservedRun::OnMessage(const host::tracing::CapturedMessage& message)
 {
     sites_.emplace(message.messageGuid.Data1, message.number);
+    if (!readsReports_) {
+        return;
+    }
     const auto decoded = TheFormats().Decode(message);
     if (!decoded) {
         badRecords_.push_back("message " + std::to_string(message.number) + " does not decode");
@@ -180,8 +186,9 @@ void ObservedRun::OnMessage(const host::tracing::CapturedMessage& message)
     }
 }
 
-Step ObservedRun::Run(const Operation& operation)
+Step ObservedRun::Run(const Operation& operation, bool readsReports)
 {
+    readsReports_ = readsReports;
     step_ = {};
     harness_.called.clear();
     const std::size_t delays = machine().Delays().size();

@@ -39,7 +39,8 @@ public:
     ObservedRun(const ObservedRun&) = delete;
     ObservedRun& operator=(const ObservedRun&) = delete;
 
-    Step Run(const Operation& operation);
+    // Without reading its reports when nobody compares them: decoding takes a good part of a run's time.
+    Step Run(const Operation& operation, bool readsReports = true);
     [[nodiscard]] Lines Alive();
 
     [[nodiscard]] unsigned StruckCount() const;
@@ -73,6 +74,7 @@ private:
     Lines badRecords_;
     Lines records_;
     Step step_;
+    bool readsReports_ = true;  // of the operation under way
 };
 
 }  // namespace fault_injection
