@@ -107,7 +107,8 @@ Lines ObservedRun::Alive()
     const auto context = *inspect.Context<layout::DriverContext>(harness_.driver->Handle(), layout::kDriverContextName);
     fault_injection::Alive alive;
     for (const ObjectSnapshot& object : inspect.Objects()) {
-        if (object.type != ObjectType::kDriver) {
+        // The framework's own, as long as the device is started, are not the driver's.
+        if (object.type != ObjectType::kDriver && object.type != ObjectType::kResourceList) {
             const auto parent = inspect.Find(object.parent);
             const ObjectRecord of = parent ? RecordOf(*parent) : ObjectRecord{.kind = "nobody"};
             alive.objects.push_back(Describe(object) + " of " + of.kind +
