@@ -105,7 +105,7 @@ Sequence WholeSequence()
         Register(3, kEntries),
         Register(4, kApps),
         Register(1, kApps),
-        Null(Register(1), "callbacks"),  // a taken GUID is refused even so
+        Null(Register(1, kApps), "callbacks"),  // a taken GUID is refused even so
 
         Null(Post(1, 0), "record"),
         Post(9, 1),
