@@ -117,6 +117,7 @@ Sequence WholeSequence()
         Subscribe(1, 2, ZEP_STATE_ANY),  // at once, with state 0
         Subscribe(1, 9, 3),
         Subscribe(4, 2, 12),
+        Post(3, 1),
         Post(1, 3),  // 2 answers with 12, which 1 and 4 await
         {Kind::kDeliver},
 
