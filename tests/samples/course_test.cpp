@@ -67,11 +67,15 @@ TEST(CourseOfAFaultyClient, FindsEachMistake)
         std::vector<const char*> parts;  // of what is printed of it
     };
     const Row rows[] = {
-        {Mistake::kPostsInCallback, "takes states and commands", {"A client that it watches posts", "self-wait"}},
+        {Mistake::kPostsInCallback,
+         "takes states and commands",
+         {"A client that it watches posts", "self-wait", "faulty_client.so!OnState"}},
         {Mistake::kNeverDeregisters, "starts before the Notifier", {"its driver unloaded", "would call unmapped code"}},
         {Mistake::kUsesFreedMemory, "takes states and commands", {"It is sent command 1", "ReadFreedBlock"}},
         {Mistake::kLeaks, "takes states and commands", {"its driver unloaded", "leak"}},
-        {Mistake::kCallsAtDispatchLevel, "starts before the Notifier", {"IRQL: WdfWaitLockAcquire"}},
+        {Mistake::kCallsAtDispatchLevel,
+         "starts before the Notifier",
+         {"IRQL: WdfWaitLockAcquire", "faulty_client.so!Join"}},
         {Mistake::kTrustsAllocation, "ExAllocatePoolWithTag, call 1, by ", {"FillNewBlock"}},
         {Mistake::kForgetsFailedStart,
          "Notifier_HelperRegisterForStateNotification, call 1: ",
