@@ -232,7 +232,9 @@ function(zepn_add_client_test name)
         CLIENT_IMAGE="${CMAKE_CURRENT_BINARY_DIR}/${ZEPN_MACHINE}/${test_CLIENT}.sys"
         CLIENT_MODULE="$<TARGET_FILE:${test_CLIENT}_native>")
     add_dependencies(${name} ${test_CLIENT}_${ZEPN_MACHINE} ${test_CLIENT}_native)
-    add_test(NAME ${name} COMMAND ${name})
+    # A process for each case: one that ends it, by a memory fault or by never ending, fails alone.
+    include(GoogleTest)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 600)
 endfunction()
 
 # The player of scenarios, which ./zepn demo also runs. It is compiled once, when a scenario is added.
