@@ -13,6 +13,7 @@ EXTERN_C_END
 
 static KSPIN_LOCK g_Lock;
 static KEVENT g_Event;
+static volatile KIRQL g_Level;  // stored after the call, which would be a jump else
 
 static LONG Guarded(volatile LONG* value)
 {
@@ -56,7 +57,7 @@ static NTSTATUS NTAPI EvtDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT init)
 #pragma code_seg("PAGE")
 __declspec(noinline) static void Paged()
 {
-    (void)KeGetCurrentIrql();
+    g_Level = KeGetCurrentIrql();
 }
 #pragma code_seg()
 
