@@ -117,7 +117,7 @@ bool WaitFor(const PlatformCall& call, KEVENT& event, std::optional<TimeUnits> m
     if (moment && clock.Now() >= *moment) {
         return false;
     }
-    host::schedule::Wait wait{.subject = Subject(event),
+    host::schedule::Wait wait{.subject = [text = Subject(event)] { return text; },
                               .isReady = [&] { return event.Header.SignalState != 0; },
                               .heldBy = ThreadState::ThatRun,
                               .anyEndsIt = true};

@@ -33,7 +33,8 @@ void Acquire(const PlatformCall& call, KSPIN_LOCK* spinLock, KIRQL level)
         const bool own = found->second.holderId == thread.id;
         (void)framework.threads.WaitFor(
             lock,
-            {.subject = found->second.name + (own ? "" : ", held by " + found->second.holderName),
+            {.subject = [text = found->second.name +
+                                (own ? "" : ", held by " + found->second.holderName)] { return text; },
              .isReady = [&] { return !held.contains(spinLock); },
              .heldBy = holder},
             call.function(), call.caller());

@@ -13,11 +13,12 @@ void ConnectCallbackWaits(Framework& framework)
             return registration->runningOn;
         };
         std::unique_lock lock(framework.mutex);
-        (void)framework.threads.WaitFor(lock,
-                                        {.subject = "the return of the callback routine that it unregisters",
-                                         .isReady = [&] { return threads().empty(); },
-                                         .heldBy = threads},
-                                        call.function(), call.caller());
+        (void)framework.threads.WaitFor(
+            lock,
+            {.subject = [] { return "the return of the callback routine that it unregisters"; },
+             .isReady = [&] { return threads().empty(); },
+             .heldBy = threads},
+            call.function(), call.caller());
     };
     framework.kernel.onRoutineLeft = [&framework] {
         const std::lock_guard lock(framework.mutex);

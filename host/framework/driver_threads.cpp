@@ -95,12 +95,13 @@ void DriverThreads::ParkFor(std::unique_lock<std::mutex>& lock, const schedule::
                             const char* function, const void* caller, const void* takenAt)
 {
     const bool self = wake == schedule::Wake::kSelf;
+    const std::string subject = wait.subject();
     const std::string reason =
-        "waits for " + wait.subject + (self ? ", which it holds itself" : ": nobody can ever end this wait");
+        "waits for " + subject + (self ? ", which it holds itself" : ": nobody can ever end this wait");
     lock.unlock();
     framework_.environment.ReportWait(self ? Rule::kSelfWait : Rule::kDeadlock, function,
                                       "thread " + ThreadState::Current().name + " " + reason, caller,
-                                      wait.subject + (self ? ", which this thread holds" : ""), takenAt);
+                                      subject + (self ? ", which this thread holds" : ""), takenAt);
     schedule::ParkThisThread(reason);
 }
 

@@ -196,7 +196,7 @@ HOST_EXPORT NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID entry)
     if (std::ranges::count(threads(), host::ThreadState::Current().id) == 0) {
         std::unique_lock lock(framework.mutex);
         (void)framework.threads.WaitFor(lock,
-                                        {.subject = "the return of a plug and play notification",
+                                        {.subject = [] { return "the return of a plug and play notification"; },
                                          .isReady = [&] { return threads().empty(); },
                                          .heldBy = threads},
                                         call.function(), call.caller());

@@ -18,10 +18,11 @@ void QueueObject::OnDispose(Framework& framework, std::unique_lock<std::mutex>& 
     const auto isOver = [&] {
         return presented.empty() || (!framework.work.HasItems() && !framework.work.IsRunning());
     };
-    (void)framework.threads.WaitFor(
-        lock,
-        {.subject = "the requests of " + Describe(*this), .isReady = isOver, .heldBy = [&] { return deliveringOn; }},
-        "queue disposal", nullptr);
+    (void)framework.threads.WaitFor(lock,
+                                    {.subject = [this] { return "the requests of " + Describe(*this); },
+                                     .isReady = isOver,
+                                     .heldBy = [&] { return deliveringOn; }},
+                                    "queue disposal", nullptr);
     if (!presented.empty()) {
         const std::string reason = "waits for " + Describe(*presented.front()) + ", which the driver never completed";
         lock.unlock();

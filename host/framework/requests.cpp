@@ -251,9 +251,11 @@ RequestResult DeviceControl(Framework& framework, FileObjectObject& file, std::u
 
     // A sender whose request is queued after another one waits as long as a thread delivers from the queue.
     const auto isSettled = [&] { return request.completed || queue->deliveringOn.empty(); };
-    (void)framework.threads.WaitFor(
-        lock, {.subject = Describe(request), .isReady = isSettled, .heldBy = [&] { return queue->deliveringOn; }},
-        "I/O control", nullptr);
+    (void)framework.threads.WaitFor(lock,
+                                    {.subject = [&request] { return Describe(request); },
+                                     .isReady = isSettled,
+                                     .heldBy = [&] { return queue->deliveringOn; }},
+                                    "I/O control", nullptr);
     const RequestResult result = TakeResult(framework, lock, request, output);
     framework.objects.Dereference(lock, *queue);
     return result;

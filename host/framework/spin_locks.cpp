@@ -60,7 +60,7 @@ void NTAPI SpinLockAcquire(PWDF_DRIVER_GLOBALS, WDFSPINLOCK handle)
     if (spinLock->held) {
         const std::string holder = spinLock->holderId != thread.id ? ", held by " + spinLock->holderName : "";
         const schedule::Wait wait{
-            .subject = Describe(*spinLock) + holder,
+            .subject = [text = Describe(*spinLock) + holder] { return text; },
             .isReady = [&] { return !spinLock->held; },
             .heldBy = [&] { return std::vector{spinLock->abandoned ? schedule::kNobody : spinLock->holderId}; },
         };

@@ -123,7 +123,7 @@ void WaitForRuns(Framework& framework, std::unique_lock<std::mutex>& lock, Timer
 {
     RunQueuedWork(framework, lock, timer);
     const schedule::Wait wait{
-        .subject = "the callback of " + Describe(timer),
+        .subject = [&timer] { return "the callback of " + Describe(timer); },
         .isReady = [&timer] { return timer.starting == 0 && timer.runningOn.empty(); },
         .heldBy = [&timer] { return timer.runningOn; },
     };

@@ -78,7 +78,7 @@ bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, con
                    WaitLockObject& waitLock, std::optional<std::chrono::steady_clock::time_point> deadline)
 {
     const schedule::Wait wait{
-        .subject = Subject(waitLock),
+        .subject = [text = Subject(waitLock)] { return text; },
         .isReady = [&] { return waitLock.Holder() == 0; },
         // It may be given back between two looks, without the mutex.
         .heldBy =

@@ -132,9 +132,11 @@ void WorkQueue::WaitForDisposals(std::unique_lock<std::mutex>& lock, const Objec
         return std::none_of(deferredRunning_.begin(), deferredRunning_.end(),
                             [&](const RunningDeferred& running) { return running.owner == &owner; });
     };
-    (void)framework_.threads.WaitFor(
-        lock, {.subject = "the deferred disposals of " + Describe(owner), .isReady = isOver, .heldBy = threads},
-        "removal", nullptr);
+    (void)framework_.threads.WaitFor(lock,
+                                     {.subject = [&owner] { return "the deferred disposals of " + Describe(owner); },
+                                      .isReady = isOver,
+                                      .heldBy = threads},
+                                     "removal", nullptr);
 }
 
 void WorkQueue::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const char* function,
@@ -146,7 +148,7 @@ void WorkQueue::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& 
         RunItem(lock, item, "system worker", outcome);
     }
     const schedule::Wait wait{
-        .subject = "the runs of " + Describe(item),
+        .subject = [&item] { return "the runs of " + Describe(item); },
         .isReady = [&item] { return !item.queued && item.starting == 0 && item.runningOn.empty(); },
         .heldBy = [&item] { return item.runningOn; },
     };

@@ -19,7 +19,8 @@ using ThreadId = std::uint64_t;         // ThreadState::id
 inline constexpr ThreadId kNobody = 0;  // among the threads of a wait: no thread is left that could end it
 
 struct Wait {
-    std::string subject;            // "wait lock #9"
+    // "wait lock #9": asked when the wait has no end, for a name may have to be looked up.
+    std::function<std::string()> subject;
     std::function<bool()> isReady;  // asked with the mutex held
     // Each of these must move on first; asked with the mutex held.
     std::function<std::vector<ThreadId>()> heldBy;

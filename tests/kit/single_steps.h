@@ -40,16 +40,18 @@ public:
     static void Begin() { host::schedule::BeginSingleSteps(); }
     static void End() { host::schedule::EndSingleSteps(); }
 
-    // The instructions of the code that were run between the two.
+    // The instructions of the code that were run between the two, up to the action.
     [[nodiscard]] unsigned Seen() const { return seen_; }
 
 private:
     static void OnStep(int, siginfo_t*, void* context)
     {
-        const auto* frame = static_cast<const ucontext_t*>(context);
+        auto* frame = static_cast<ucontext_t*>(context);
         const auto address = static_cast<std::uint64_t>(frame->uc_mcontext.gregs[REG_RIP]);
         if (address - current_->base_ < current_->sizeBytes_ && ++current_->seen_ == current_->instruction_) {
             current_->action_();
+            constexpr greg_t kTrapFlag = 0x100;
+            frame->uc_mcontext.gregs[REG_EFL] &= ~kTrapFlag;  // what comes now may be long, as a report is
         }
     }
 

@@ -53,8 +53,9 @@ TEST_F(Package, HoldsWhatItsReadmeListsAndNothingElse)
         }
     }
     // For clients: the sources of what builds and tests them.
-    for (const char* part : {"host", "platform/include", "platform/windows", "driver/include", "samples/common",
-                             "tools/play", "tools/peers", "tools/command_line", "tools/new_client", "cmake"}) {
+    for (const char* part :
+         {"host", "platform/include", "platform/windows", "driver/include", "samples/common", "tools/play",
+          "tools/peers", "tools/test_client", "tools/command_line", "tools/new_client", "cmake"}) {
         for (const auto& entry : fs::recursive_directory_iterator(fs::path(root_) / part)) {
             const std::string name = entry.path().lexically_relative(root_).string();
             const bool isOfImages = std::string(part) == "cmake" && !kClientCmake.contains(name.substr(6));
