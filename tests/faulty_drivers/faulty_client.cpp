@@ -21,6 +21,7 @@ struct CLIENT_CONTEXT {
     ZEP_NOTIFIER_HELPER_INTERFACE Notifier;
     Mistake Made;
     WDFSPINLOCK SpinLock;
+    WDFTIMER Timer;
     ULONG* Block;  // while registered
 };
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(CLIENT_CONTEXT, ClientContext)
@@ -48,9 +49,26 @@ NTSTATUS NTAPI OnState(PVOID context, const ZepState* state, PULONG)
     return client.Made == Mistake::kPostsInCallback ? Post(client, state->State) : STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI OnCommand(PVOID context, ULONG, const ZepCommandInfo*, PULONG)
+constexpr LONGLONG kTimerMs = 10;
+
+VOID NTAPI OnTimer(WDFTIMER timer)
+{
+    CLIENT_CONTEXT& client = *ClientContext(WdfTimerGetParentObject(timer));
+    if (client.Made == Mistake::kPostsInTimer) {
+        (void)Post(client, 1);
+    } else {
+        ReadFreedBlock(client);
+    }
+}
+
+NTSTATUS NTAPI OnCommand(PVOID context, ULONG, const ZepCommandInfo* command, PULONG)
 {
     auto& client = *static_cast<CLIENT_CONTEXT*>(context);
+    if (client.Made == Mistake::kPostsInTimer && command->CommandArgument != 0) {
+        WdfTimerStart(client.Timer, WDF_REL_TIMEOUT_IN_MS(kTimerMs));
+    } else if (client.Made == Mistake::kPostsInTimer) {
+        WdfTimerStop(client.Timer, TRUE);
+    }
     if (client.Made == Mistake::kUsesFreedMemory) {
         ExFreePoolWithTag(client.Block, kTag);
         ReadFreedBlock(client);
@@ -88,6 +106,8 @@ NTSTATUS Join(WDFDEVICE device)
     }
     if (!NT_SUCCESS(status)) {
         ExFreePoolWithTag(client.Block, kTag);
+    } else if (client.Made == Mistake::kLeavesTimerRunning) {
+        WdfTimerStart(client.Timer, WDF_REL_TIMEOUT_IN_MS(kTimerMs));
     }
     return status;
 }
@@ -145,6 +165,13 @@ NTSTATUS NTAPI DeviceAdd(WDFDRIVER, PWDFDEVICE_INIT init)
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
     attributes.ParentObject = device;
     status = WdfSpinLockCreate(&attributes, &client.SpinLock);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    WDF_TIMER_CONFIG timer;
+    WDF_TIMER_CONFIG_INIT_PERIODIC(&timer, OnTimer, kTimerMs);
+    timer.AutomaticSerialization = FALSE;
+    status = WdfTimerCreate(&timer, &attributes, &client.Timer);
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -8,6 +8,8 @@ enum class Mistake : unsigned {
     kUsesFreedMemory,
     kLeaks,
     kCallsAtDispatchLevel,
+    kPostsInTimer,        // which one command starts and the next stops
+    kLeavesTimerRunning,  // which uses what was freed
     // These show only when a call fails.
     kTrustsAllocation,
     kForgetsFailedStart,  // and stays registered

@@ -126,6 +126,7 @@ void Run::RemoveNotifier()
     Doing("the Notifier's device is removed by surprise");
     Call("plug and play", [&] { notifier_->SurpriseRemoveDevice(); });
     Settle();
+    LetTimePass();
     if (CountJoined() != 0) {
         AddFinding(setup_.ClientName() +
                    " is still registered after it was notified that the Notifier's device is gone");
@@ -224,6 +225,7 @@ void Run::RemoveClient()
         }
     });
     Settle();
+    LetTimePass();
     UnloadClient();
 }
 
@@ -232,6 +234,7 @@ void Run::SurpriseRemoveClient()
     Doing("the device of " + setup_.ClientName() + " is removed by surprise, and its driver unloaded");
     Call("plug and play", [&] { client_->SurpriseRemoveDevice(); });
     Settle();
+    LetTimePass();
     UnloadClient();
 }
 
@@ -362,6 +365,7 @@ void Run::Converse()
                 Call("another driver",
                      [&] { (void)Peers::Send(helper_, peers_.stranger(), client.identity, command, argument); });
                 Settle();
+                LetTimePass();  // what one argument starts the next may stop
             }
         }
     }
@@ -390,9 +394,11 @@ void Run::Converse()
 // For its timers.
 void Run::LetTimePass()
 {
+    const std::string before = during_;
     Doing("time passes");
     Call("clock", [&] { machine.AdvanceClock(std::chrono::seconds(1)); });
     Settle();
+    during_ = before;
 }
 
 // One run delivers one command, and who deregisters before a command from or to it is delivered stops them all. So the
