@@ -43,7 +43,7 @@ Key KeyOf(const CodePlace& place)
 }
 
 // "C:\src\driver\state_posting.cpp:74:0", on whatever system the image was built.
-SourceLine ParsePlace(std::string function, const std::string& place)
+SourceLine ParsePlace(const std::string& function, const std::string& place)
 {
     SourceLine line{BareName(function), "", 0};
     const std::size_t column = place.rfind(':');

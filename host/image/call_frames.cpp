@@ -1,6 +1,7 @@
 #include "host/image/call_frames.h"
 
 #include <cstring>
+#include <memory>
 
 // Of the unwinder (libgcc): a section of descriptions, ended by a zero.
 extern "C" {
@@ -36,7 +37,7 @@ CallFrames::~CallFrames()
         return;
     }
     if (kept_) {
-        (void)new std::vector<std::uint8_t>(std::move(bytes_));  // the unwinder reads them on
+        (void)std::make_unique<std::vector<std::uint8_t>>(std::move(bytes_)).release();  // the unwinder reads them on
     } else {
         __deregister_frame(bytes_.data());
     }

@@ -92,19 +92,32 @@ private:
 
     void ReadSize(Conversion& read)
     {
-        if (Skip(u"I64") || Skip(u"ll") || Skip(u"j") || Skip(u"z") || Skip(u"t")) {
-            read.size = Size::kWide;
-        } else if (Skip(u"I32")) {
-            read.size = Size::kLong;
-        } else if (Skip(u"I")) {
-            read.size = Size::kWide;  // of a pointer
-        } else if (Skip(u"hh")) {
-            read.size = Size::kByte;
-        } else if (Skip(u"h")) {
-            read.size = Size::kShort;
-            read.isNarrow = true;
-        } else if (Skip(u"l") || Skip(u"w")) {
-            read.isWide = true;
+        struct Prefix {
+            std::u16string_view text;
+            Size size;
+            bool isNarrow = false;
+            bool isWide = false;
+        };
+        static constexpr Prefix kPrefixes[] = {
+            {u"I64", Size::kWide},
+            {u"I32", Size::kLong},
+            {u"I", Size::kWide},  // of a pointer
+            {u"ll", Size::kWide},
+            {u"j", Size::kWide},
+            {u"z", Size::kWide},
+            {u"t", Size::kWide},
+            {u"hh", Size::kByte},
+            {u"h", Size::kShort, true},
+            {u"l", Size::kLong, false, true},
+            {u"w", Size::kLong, false, true},
+        };
+        for (const Prefix& prefix : kPrefixes) {
+            if (Skip(prefix.text)) {
+                read.size = prefix.size;
+                read.isNarrow = prefix.isNarrow;
+                read.isWide = prefix.isWide;
+                return;
+            }
         }
     }
 
