@@ -53,8 +53,8 @@ for client in C/fan/asan C++/pump/native; do
     for machine in arm64 amd64; do
         grep -q "NT$machine\.10.*"$'\r'"\$" "$made/build/$preset/${machine/amd64/x64}/$name.inf" || fail "INF for $machine"
     done
-    run ./zepn demo "$made/$name.json"
-    run ./zepn test-client "$made/build/native/x64/$name.sys"
+    run ./zepn demo "$made/$name.json" --driver "$name=$made/build/$preset/x64/$name.sys"
+    run ./zepn test-client "$made/build/$preset/x64/$name.sys"
     run xmllint --noout "$made/$name.vcxproj"
 done
 
