@@ -37,7 +37,9 @@ CallFrames::~CallFrames()
         return;
     }
     if (kept_) {
-        (void)std::make_unique<std::vector<std::uint8_t>>(std::move(bytes_)).release();  // the unwinder reads them on
+        // The unwinder reads them on, to the last act of the process.
+        static auto* const kept = std::make_unique<std::vector<std::vector<std::uint8_t>>>().release();
+        kept->push_back(std::move(bytes_));
     } else {
         __deregister_frame(bytes_.data());
     }
