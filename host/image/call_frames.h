@@ -33,7 +33,7 @@ public:
     void ToggleSignedReturn();
     void EndFunction();
 
-    // Every function is told; until this object ends the unwinder uses them.
+    // Takes every function; until this object ends the unwinder uses them.
     void Register();
     // They stay for ever: a thread hangs in one of them.
     void Keep() { kept_ = true; }

@@ -1,4 +1,4 @@
-// The machine's clock. It stands still until somebody moves it: a test, a scenario, or a driver's own delay or time-out
+// The machine's clock. It moves only when somebody moves it: a test, a scenario, or a driver's own delay or time-out
 // when nothing else can run. What is due on the way runs at its moment, so that every run of a test is the same.
 #pragma once
 
