@@ -37,12 +37,10 @@ typedef NTSTATUS(NTAPI EtwUnregisterRoutine)(REGHANDLE handle);
 typedef LONG(NTAPI WmiRequestCallback)(UCHAR minorFunction, PVOID dataPath, ULONG bufferLength, PVOID buffer,
                                        PVOID context, PULONG size);
 
-static WmiRequestCallback AnswerWmiRequest;
-
 // Flags, level and logger are written by the enable callbacks on threads of the system's and read without a lock.
 struct ControlBlock {
-    WmiRequestCallback* callback = AnswerWmiRequest;  // the WMI registration finds it here
-    const GUID* controlGuid = &kControlGuid;
+    WmiRequestCallback* callback{};  // the WMI registration finds it here
+    const GUID* controlGuid{};
     ControlBlock* next{};
     ULONG64 logger{};
     PUNICODE_STRING registryPath{};
@@ -68,8 +66,9 @@ static_assert(sizeof(EnableContext) == 8);
 
 enum class Registration : UCHAR { kWmi, kClassicProvider };
 
-static ControlBlock g_Control;
-static Registration g_Registration = Registration::kWmi;
+static ControlBlock g_ControlBlock;
+static ControlBlock* g_Control;  // null before initialization and after clean-up
+static Registration g_Registration;
 static WmiTraceMessageRoutine* g_TraceMessage;
 static WmiQueryTraceInformationRoutine* g_QueryTraceInformation;
 static EtwUnregisterRoutine* g_Unregister;
@@ -178,6 +177,8 @@ static LONG AnswerEnable(ControlBlock& control, PWNODE_HEADER header)
     return status;
 }
 
+static WmiRequestCallback AnswerWmiRequest;
+
 static LONG AnswerWmiRequest(UCHAR minorFunction, PVOID, ULONG bufferLength, PVOID buffer, PVOID context, PULONG size)
 {
     auto* control = static_cast<ControlBlock*>(context);
@@ -225,47 +226,46 @@ static Routine* FindRoutine(PCWSTR name)
     return reinterpret_cast<Routine*>(MmGetSystemRoutineAddress(&routineName));
 }
 
-// Without a version routine the system counts as one that has only the WMI registration.
-static EtwRegisterClassicProviderRoutine* FindClassicRegistration()
+void InitializeTraceMessages()
 {
+    g_ControlBlock = {.callback = AnswerWmiRequest, .controlGuid = &kControlGuid};  // all else is cleared
+    g_Control = &g_ControlBlock;
+
     PsGetVersionRoutine* getVersion = FindRoutine<PsGetVersionRoutine>(L"PsGetVersion");
     g_TraceMessage = FindRoutine<WmiTraceMessageRoutine>(L"WmiTraceMessage");
     g_QueryTraceInformation = FindRoutine<WmiQueryTraceInformationRoutine>(L"WmiQueryTraceInformation");
+    g_Registration = Registration::kWmi;
 
     ULONG major = 0;
     if (getVersion != nullptr) {
         (void)getVersion(&major, nullptr, nullptr, nullptr);
     }
-    if (major < kFirstMajorWithClassicProviders) {
-        return nullptr;
+    EtwRegisterClassicProviderRoutine* registerClassic = nullptr;
+    if (major >= kFirstMajorWithClassicProviders) {
+        registerClassic = FindRoutine<EtwRegisterClassicProviderRoutine>(L"EtwRegisterClassicProvider");
+        if (registerClassic != nullptr) {
+            g_Unregister = FindRoutine<EtwUnregisterRoutine>(L"EtwUnregister");
+            g_Registration = Registration::kClassicProvider;
+        }
     }
-    auto* registerClassic = FindRoutine<EtwRegisterClassicProviderRoutine>(L"EtwRegisterClassicProvider");
-    if (registerClassic != nullptr) {
-        g_Unregister = FindRoutine<EtwUnregisterRoutine>(L"EtwUnregister");
-        g_Registration = Registration::kClassicProvider;
-    }
-    return registerClassic;
-}
 
-void InitializeTraceMessages()
-{
     // Registration enables at once when a session is armed already; its status does not matter.
-    EtwRegisterClassicProviderRoutine* registerClassic = FindClassicRegistration();
     if (g_Registration == Registration::kClassicProvider) {
-        (void)registerClassic(&kControlGuid, 0, MessageEnableCallback, &g_Control, &g_Control.registrationHandle);
+        (void)registerClassic(&kControlGuid, 0, MessageEnableCallback, g_Control, &g_Control->registrationHandle);
     } else {
-        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(&g_Control), kWmiRegister);
+        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kWmiRegister);
     }
 }
 
 void CleanUpTraceMessages()
 {
     if (g_Registration == Registration::kWmi) {
-        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(&g_Control), kWmiDeregister);
-    } else if (g_Control.registrationHandle != 0 && g_Unregister != nullptr) {
-        (void)g_Unregister(g_Control.registrationHandle);
+        (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kWmiDeregister);
+    } else if (g_Control->registrationHandle != 0 && g_Unregister != nullptr) {
+        (void)g_Unregister(g_Control->registrationHandle);
     }
-    DisableMessages(g_Control);
+    DisableMessages(*g_Control);
+    g_Control = nullptr;
 }
 
 // ---- Writing ----
@@ -282,7 +282,7 @@ static void Send(MessageSet set, USHORT number, Pairs... pairs)
     if (g_TraceMessage == nullptr) {
         return;
     }
-    (void)g_TraceMessage(ReadULong64NoFence(&g_Control.logger), kMessageFlags,
+    (void)g_TraceMessage(ReadULong64NoFence(&g_ControlBlock.logger), kMessageFlags,
                          &kMessageSetGuids[static_cast<ULONG>(set)], number, pairs..., kEnd);
 }
 
