@@ -301,6 +301,17 @@ void Machine::SetRegistryData(const std::string& serviceName, const std::string&
 {
     kernel_->registry().SetData(serviceName, name, type, std::move(data));
 }
+std::vector<std::string> Machine::FunctionsWithResult() const
+{
+    std::vector<std::string> names = image::ExportsWithResult();
+    for (unsigned index = 0; index < framework::kFunctionCount; ++index) {
+        if (const framework::TableEntry entry = framework::EntryAt(index); entry.hasResult) {
+            names.emplace_back(entry.name);
+        }
+    }
+    return names;
+}
+
 
 std::vector<RegistryNumber> Machine::RegistryNumbers(const std::string& serviceName) const
 {

@@ -140,6 +140,9 @@ public:
     // A value of any type and length, also one that does not suit its type.
     void SetRegistryData(const std::string& serviceName, const std::string& name, std::uint32_t type,
                          std::vector<std::byte> data);
+
+    // Of these, the functions that return a status or a pointer.
+    [[nodiscard]] std::vector<std::string> FunctionsWithResult() const;
     // The numbers below the key, in the order in which they were first written.
     [[nodiscard]] std::vector<RegistryNumber> RegistryNumbers(const std::string& serviceName) const;
 

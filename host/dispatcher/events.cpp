@@ -180,7 +180,11 @@ HOST_EXPORT NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPR
                                                  PLARGE_INTEGER timeout)
 {
     const bool onlyLooks = timeout != nullptr && timeout->QuadPart == 0;
-    const PlatformCall call("KeWaitForSingleObject", HOST_CALLER, onlyLooks ? DISPATCH_LEVEL : APC_LEVEL);
+    const PlatformCall call("KeWaitForSingleObject", HOST_CALLER, onlyLooks ? DISPATCH_LEVEL : APC_LEVEL,
+                            timeout != nullptr ? "timeout" : "");
+    if (call.fault()) {
+        return call.fault()->status;
+    }
     auto* event = static_cast<KEVENT*>(object);
     if (!RequireEvent(call, event)) {
         return STATUS_INVALID_PARAMETER;

@@ -79,8 +79,8 @@ void Unbind(Framework& framework, DriverInstance& instance)
 void RegisterLoaderExports()
 {
     static const image::Export kExports[] = {
-        {"WdfVersionBind", reinterpret_cast<void*>(&WdfVersionBind)},
-        {"WdfVersionUnbind", reinterpret_cast<void*>(&WdfVersionUnbind)},
+        image::Of("WdfVersionBind", &WdfVersionBind),
+        image::Of("WdfVersionUnbind", &WdfVersionUnbind),
     };
     image::AddExports("WDFLDR.SYS", kExports);
     RegisterClassBindingExports();

@@ -57,6 +57,7 @@ inline constexpr unsigned kFunctionCount = 458;
 struct TableEntry {
     const char* name;
     bool isPlayed;
+    bool hasResult;  // it returns a status or a pointer
 };
 [[nodiscard]] TableEntry EntryAt(unsigned index);
 

@@ -1,11 +1,13 @@
 // The function table that drivers call through. Entries that this host does not have are stubs that name themselves.
 #include "host/checks/absent.h"
 #include "host/framework/functions.h"
+#include "host/image/exports.h"
 
 #include <sys/mman.h>
 
 #include <array>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 namespace host::framework {
@@ -38,7 +40,7 @@ template <class Prototype>
 void Set(Table& table, unsigned index, const char* name, Prototype function)
 {
     table[index] = reinterpret_cast<WDFFUNC>(function);
-    g_entries[index] = {name, true};
+    g_entries[index] = {name, true, image::kHasResult<std::remove_pointer_t<Prototype>>};
 }
 #define PROVIDE(name, function) Set<PFN_##name>(table, name##TableIndex, #name, &functions::function)
 
@@ -168,7 +170,7 @@ void ProvideDeviceSettings(Table& table)
 const WDFFUNC* MakeTable()
 {
     Table table = AllAbsent(std::make_integer_sequence<unsigned, kFunctionCount>());
-#define WDF_ABSENT(index, name) g_entries[index] = {#name, false};
+#define WDF_ABSENT(index, name) g_entries[index] = {#name, false, false};
 #include <wdfabsent.h>
     ProvideObjects(table);
     ProvideDevices(table);

@@ -207,9 +207,9 @@ HOST_EXPORT NTSTATUS NTAPI IoUnregisterPlugPlayNotificationEx(PVOID entry)
 void host::framework::RegisterPlugPlayExports()
 {
     static const image::Export kExports[] = {
-        {"IoGetDeviceInterfaces", reinterpret_cast<void*>(&IoGetDeviceInterfaces)},
-        {"IoRegisterPlugPlayNotification", reinterpret_cast<void*>(&IoRegisterPlugPlayNotification)},
-        {"IoUnregisterPlugPlayNotificationEx", reinterpret_cast<void*>(&IoUnregisterPlugPlayNotificationEx)},
+        image::Of("IoGetDeviceInterfaces", &IoGetDeviceInterfaces),
+        image::Of("IoRegisterPlugPlayNotification", &IoRegisterPlugPlayNotification),
+        image::Of("IoUnregisterPlugPlayNotificationEx", &IoUnregisterPlugPlayNotificationEx),
     };
     image::AddExports("ntoskrnl.exe", kExports);
 }

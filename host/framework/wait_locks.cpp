@@ -128,7 +128,8 @@ std::optional<std::chrono::steady_clock::time_point> DeadlineOf(const LONGLONG* 
 [[gnu::noinline]] NTSTATUS NTAPI AcquireChecked(PWDF_DRIVER_GLOBALS, WDFWAITLOCK handle, PLONGLONG timeout)
 {
     const bool onlyTries = timeout != nullptr && *timeout == 0;
-    const PlatformCall call("WdfWaitLockAcquire", HOST_CALLER, onlyTries ? DISPATCH_LEVEL : PASSIVE_LEVEL);
+    const PlatformCall call("WdfWaitLockAcquire", HOST_CALLER, onlyTries ? DISPATCH_LEVEL : PASSIVE_LEVEL,
+                            timeout != nullptr ? "timeout" : "");
     if (call.fault()) {
         return call.fault()->status;
     }

@@ -10,7 +10,7 @@ namespace {
 
 struct Table {
     std::mutex mutex;
-    std::map<std::string, std::map<std::string, void*, std::less<>>> modules;
+    std::map<std::string, std::map<std::string, Export, std::less<>>> modules;
 };
 
 Table& TheTable()
@@ -28,6 +28,22 @@ std::string LowerCase(std::string_view text)
     return lower;
 }
 
+template <class Condition>
+std::vector<std::string> NamesOf(const Condition& isWanted)
+{
+    Table& table = TheTable();
+    const std::lock_guard lock(table.mutex);
+    std::vector<std::string> names;
+    for (const auto& [module, exports] : table.modules) {
+        for (const auto& [name, each] : exports) {
+            if (isWanted(each)) {
+                names.push_back(name);
+            }
+        }
+    }
+    return names;
+}
+
 }  // namespace
 
 void AddExports(std::string_view module, std::span<const Export> exports)
@@ -36,21 +52,18 @@ void AddExports(std::string_view module, std::span<const Export> exports)
     const std::lock_guard lock(table.mutex);
     auto& names = table.modules[LowerCase(module)];
     for (const Export& entry : exports) {
-        names[entry.name] = entry.address;
+        names[entry.name] = entry;
     }
 }
 
 std::vector<std::string> ExportNames()
 {
-    Table& table = TheTable();
-    const std::lock_guard lock(table.mutex);
-    std::vector<std::string> all;
-    for (const auto& [module, exports] : table.modules) {
-        for (const auto& [name, address] : exports) {
-            all.push_back(name);
-        }
-    }
-    return all;
+    return NamesOf([](const Export&) { return true; });
+}
+
+std::vector<std::string> ExportsWithResult()
+{
+    return NamesOf([](const Export& each) { return each.hasResult; });
 }
 
 bool HasModule(std::string_view module)
@@ -80,7 +93,7 @@ void* FindExport(std::string_view module, std::string_view name)
         return nullptr;
     }
     const auto entry = found->second.find(name);
-    return entry == found->second.end() ? nullptr : entry->second;
+    return entry == found->second.end() ? nullptr : entry->second.address;
 }
 
 }  // namespace host::image

@@ -49,7 +49,7 @@ std::string RecordFaults(const CourseSetup& setup, Seen& seen, std::vector<Findi
     const host::checks::Modules& modules = run.machine.environment().modules;
     std::string lines;
     run.machine.environment().SetObserver([&](const host::ObservedCall& call) {
-        if (modules.NameAt(call.caller) == setup.ClientName() && !FaultsOf(call.function).empty()) {
+        if (modules.NameAt(call.caller) == setup.ClientName() && !FaultsOf(call.function, call.detail).empty()) {
             lines += std::string(call.function) + " " + OrDash(modules.FunctionAt(call.caller)) + " " +
                      OrDash(call.detail) + "\n";
         }
@@ -81,10 +81,11 @@ std::vector<Fault> ReadFaults(const CourseSetup& setup, const std::string& lines
                               .notifierCall = std::stoul(call.caller.substr(1))});
             continue;
         }
-        for (const PossibleFault& possible : FaultsOf(call.function)) {
+        for (const PossibleFault& possible : FaultsOf(call.function, call.detail)) {
             const bool givesNothing = possible.form == FaultForm::kNull;
             faults.push_back({.name = NameOf(call, number, givesNothing ? "NULL" : StatusText(possible.status)),
                               .platform = {.function = call.function,
+                                           .detail = std::string(possible.detail),
                                            .module = setup.ClientName(),
                                            .skip = number,
                                            .form = possible.form,

@@ -1,5 +1,7 @@
 #include "tools/test_client/possible_faults.h"
 
+#include <iterator>
+
 namespace test_client {
 namespace {
 
@@ -13,9 +15,9 @@ struct Row {
 constexpr PossibleFault kNoMemory{FaultForm::kStatus, STATUS_INSUFFICIENT_RESOURCES};
 constexpr PossibleFault kNothing{FaultForm::kNull, STATUS_SUCCESS};
 constexpr PossibleFault kNotThere{FaultForm::kStatus, STATUS_OBJECT_NAME_NOT_FOUND};
+constexpr PossibleFault kTimeout{FaultForm::kStatus, STATUS_TIMEOUT, "timeout"};
 constexpr PossibleFault kTooSmall{FaultForm::kStatus, STATUS_BUFFER_TOO_SMALL};
 
-// A driver may call these without its own code seeing the result (WdfVersionBind), so they are not here.
 constexpr Row kRows[] = {
     {"WdfDriverCreate", kNoMemory},
     {"WdfDeviceInitAssignName", kNoMemory},
@@ -67,19 +69,84 @@ constexpr Row kRows[] = {
     {"MmGetSystemRoutineAddress", kNothing},
     {"EtwRegister", {FaultForm::kStatus, STATUS_NO_MEMORY}},
     {"EtwWrite", {FaultForm::kStatus, STATUS_NO_MEMORY}},
+    {"IoWMIRegistrationControl", kNoMemory},
+    {"WmiTraceMessage", {FaultForm::kStatus, STATUS_NO_MEMORY}},
+    {"WdfRegistryRemoveValue", kNotThere},
+    // Who waits with a timeout may wait in vain.
+    {"WdfWaitLockAcquire", kTimeout},
+    {"KeWaitForSingleObject", kTimeout},
+};
+
+constexpr std::string_view kCannotFail[] = {
+    // They look up what the driver made, what it was given, or what is always there.
+    "WdfCmResourceListGetDescriptor",
+    "WdfCollectionGetFirstItem",
+    "WdfCollectionGetItem",
+    "WdfCollectionGetLastItem",
+    "WdfDeviceGetDefaultQueue",
+    "WdfDeviceGetDriver",
+    "WdfDeviceWdmGetAttachedDevice",
+    "WdfDeviceWdmGetDeviceObject",
+    "WdfDeviceWdmGetPhysicalDevice",
+    "WdfDriverWdmGetDriverObject",
+    "WdfFileObjectGetDevice",
+    "WdfIoQueueGetDevice",
+    "WdfMemoryGetBuffer",
+    "WdfObjectContextGetObject",
+    "WdfObjectGetTypedContextWorker",
+    "WdfRequestGetFileObject",
+    "WdfRequestGetIoQueue",
+    "WdfTimerGetParentObject",
+    "WdfWdmDeviceGetWdfDeviceHandle",
+    "WdfWorkItemGetParentObject",
+    // They fail only for arguments that do not suit each other, which is the driver's own mistake.
+    "WdfMemoryAssignBuffer",
+    "WdfMemoryCopyFromBuffer",
+    "WdfMemoryCopyToBuffer",
+    "IoUnregisterPlugPlayNotificationEx",
+    "EtwUnregister",
+    "WmiQueryTraceInformation",
+    // What they return is the former state of an event.
+    "KeReadStateEvent",
+    "KeResetEvent",
+    "KeSetEvent",
+    // They return their first argument.
+    "RtlCopyMemory",
+    "RtlMoveMemory",
+    // A delay that no user-mode code can interrupt.
+    "KeDelayExecutionThread",
+    // Called by the entry stub, whose callers see only that the driver did not start.
+    "WdfVersionBind",
+    "WdfVersionUnbind",
+    "WdfVersionBindClass",
+    "WdfLdrQueryInterface",
 };
 
 }  // namespace
 
-std::vector<PossibleFault> FaultsOf(std::string_view function)
+std::vector<PossibleFault> FaultsOf(std::string_view function, std::string_view detail)
 {
     std::vector<PossibleFault> faults;
     for (const Row& row : kRows) {
-        if (row.function == function) {
+        if (row.function == function && (row.fault.detail.empty() || row.fault.detail == detail)) {
             faults.push_back(row.fault);
         }
     }
     return faults;
+}
+
+std::vector<std::string_view> FunctionsThatCanFail()
+{
+    std::vector<std::string_view> functions;
+    for (const Row& row : kRows) {
+        functions.emplace_back(row.function);
+    }
+    return functions;
+}
+
+std::vector<std::string_view> FunctionsThatCannotFail()
+{
+    return {std::begin(kCannotFail), std::end(kCannotFail)};
 }
 
 }  // namespace test_client
