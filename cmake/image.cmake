@@ -109,15 +109,19 @@ foreach(machine ${ZEPN_MACHINES})
     endforeach()
 endforeach()
 
-# A test's, linked as a kit links: with an entry stub of its kind, and the kernel's C library instead of its own.
-set(wdk_linked_PLATFORM_SOURCES tests/image/wdk_linked/entry.cpp)
-set(wdk_linked_KERNEL_LIBRARY wdk_linked_kernel.lib)
+# Two of a test's, linked as a kit links: with an entry stub of its kind, and the kernel's C library instead of its own.
+# The second needs what the host does not play.
 foreach(machine ${ZEPN_MACHINES})
     set(exports ${CMAKE_SOURCE_DIR}/tests/image/wdk_linked/ntoskrnl.def)
     add_custom_command(OUTPUT ${machine}/wdk_linked_kernel.lib
         COMMAND llvm-dlltool-19 -m ${${machine}_DLLTOOL} -d ${exports} -l ${machine}/wdk_linked_kernel.lib
         DEPENDS ${exports} VERBATIM)
 endforeach()
+foreach(image wdk_linked needs_functions)
+    set(${image}_PLATFORM_SOURCES tests/image/wdk_linked/entry.cpp)
+    set(${image}_KERNEL_LIBRARY wdk_linked_kernel.lib)
+endforeach()
 zepn_add_image(wdk_linked tests/image/wdk_linked/driver.cpp)
+zepn_add_image(needs_functions tests/image/wdk_linked/needs_functions.cpp)
 set_source_files_properties(tests/image/wdk_linked/driver.cpp PROPERTIES COMPILE_OPTIONS -Wno-frame-larger-than)
-add_custom_target(wdk_linked DEPENDS wdk_linked_arm64 wdk_linked_x64)
+add_custom_target(wdk_linked DEPENDS wdk_linked_arm64 wdk_linked_x64 needs_functions_arm64 needs_functions_x64)

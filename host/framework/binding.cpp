@@ -1,6 +1,7 @@
 // The framework's loader: WdfVersionBind and WdfVersionUnbind, and what the framework keeps for each client.
 #include "host/framework/driver_load.h"
 #include "host/image/exports.h"
+#include "host/image/table_reads.h"
 
 #include <fxldr.h>
 
@@ -24,7 +25,6 @@ constexpr std::array kReleases = {
     Release{13, 438}, Release{15, 444}, Release{17, 444}, Release{19, 446}, Release{21, 448}, Release{23, 451},
     Release{25, 453}, Release{27, 453}, Release{29, 454}, Release{31, 458}, Release{33, 458},
 };
-constexpr ULONG kLastCountWithOwnTable = 438;  // later clients give a pointer variable, earlier ones an array
 constexpr ULONG kMajor = 1;
 constexpr ULONG kDefaultTag = 'rDxF';  // "FxDr" in memory
 
@@ -83,6 +83,9 @@ void RegisterLoaderExports()
         image::Of("WdfVersionUnbind", &WdfVersionUnbind),
     };
     image::AddExports("WDFLDR.SYS", kExports);
+    image::SetAbsentEntryName([](unsigned index) -> const char* {
+        return index < kFunctionCount && !EntryAt(index).isPlayed ? EntryAt(index).name : nullptr;
+    });
     RegisterClassBindingExports();
 }
 
@@ -124,7 +127,7 @@ HOST_EXPORT NTSTATUS NTAPI WdfVersionBind(PDRIVER_OBJECT driverObject, PUNICODE_
     made->DriverTag = host::framework::kDefaultTag;
     instance->globals = made;
     const WDFFUNC* table = host::framework::FunctionTable();
-    if (info->FuncCount > host::framework::kLastCountWithOwnTable) {
+    if (info->FuncCount > host::image::kLastCountWithOwnTable) {
         *static_cast<const WDFFUNC**>(info->FuncTable) = table;
     } else {
         std::memcpy(info->FuncTable, table, info->FuncCount * sizeof(WDFFUNC));

@@ -10,6 +10,7 @@ namespace {
 
 struct Table {
     std::mutex mutex;
+    AbsentEntryName absentEntryName = nullptr;
     std::map<std::string, std::map<std::string, Export, std::less<>>> modules;
 };
 
@@ -94,6 +95,20 @@ void* FindExport(std::string_view module, std::string_view name)
     }
     const auto entry = found->second.find(name);
     return entry == found->second.end() ? nullptr : entry->second.address;
+}
+
+void SetAbsentEntryName(AbsentEntryName find)
+{
+    Table& table = TheTable();
+    const std::lock_guard lock(table.mutex);
+    table.absentEntryName = find;
+}
+
+const char* FindAbsentEntry(unsigned index)
+{
+    Table& table = TheTable();
+    const std::lock_guard lock(table.mutex);
+    return table.absentEntryName == nullptr ? nullptr : table.absentEntryName(index);
 }
 
 }  // namespace host::image

@@ -46,4 +46,10 @@ void AddExports(std::string_view module, std::span<const Export> exports);
 // Null when the module has no such export.
 [[nodiscard]] void* FindExport(std::string_view module, std::string_view name);
 
+// The framework's functions are called through a table, by their index. The name of one that this host does not play;
+// null for one that it does.
+using AbsentEntryName = const char* (*)(unsigned index);
+void SetAbsentEntryName(AbsentEntryName find);
+[[nodiscard]] const char* FindAbsentEntry(unsigned index);
+
 }  // namespace host::image

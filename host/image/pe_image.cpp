@@ -5,11 +5,15 @@
 #include "host/image/missing.h"
 #include "host/image/pe_file.h"
 #include "host/image/symbols.h"
+#include "host/image/table_reads.h"
 #include "host/image/unwind_tables.h"
 
 #include <sys/mman.h>
 
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <set>
 
 namespace host::image {
 namespace {
@@ -20,7 +24,7 @@ constexpr std::uint64_t kDefaultCookie = 0x00002B992DDFA232;
 class PeImage final : public LoadedImage {
 public:
     PeImage(Environment& environment, const std::filesystem::path& path)
-        : environment_(environment), file_(path), name_(path.filename().string())
+        : environment_(environment), path_(path), file_(path), name_(path.filename().string())
     {
         try {
             Map();
@@ -172,9 +176,53 @@ private:
             }
             BindModule(ReadText(moduleName, kPlace), names != 0 ? names : slots, slots, missing);
         }
-        if (!missing.empty() && !environment_.options.allowMissing) {
+        if (environment_.options.allowMissing) {
+            return;  // a call of one stops by its name
+        }
+        AddMissingEntries(missing);
+        if (!missing.empty()) {
             throw HostError(MissingText(name_, missing));
         }
+    }
+
+    // Of the framework's table. What was found in a file is true of each load of it.
+    void AddMissingEntries(std::vector<std::string>& missing) const
+    {
+        struct Known {
+            std::filesystem::file_time_type written;
+            std::set<std::uint32_t> entries;
+        };
+        static std::mutex mutex;
+        static std::map<std::filesystem::path, Known> files;
+        const auto written = std::filesystem::last_write_time(path_);
+        const std::lock_guard lock(mutex);
+        const auto [found, isNew] = files.try_emplace(path_);
+        if (isNew || found->second.written != written) {
+            found->second = {written, EntriesRead()};
+        }
+        for (const std::uint32_t entry : found->second.entries) {
+            if (const char* name = FindAbsentEntry(entry)) {
+                missing.emplace_back(name);
+            }
+        }
+    }
+
+    [[nodiscard]] std::set<std::uint32_t> EntriesRead() const
+    {
+        const std::span<const std::uint8_t> image(base_, file_.imageSize());
+        const auto place = FindFunctionTable(image, reinterpret_cast<std::uint64_t>(base_));
+        std::set<std::uint32_t> entries;
+        for (const PeSection& section : file_.sections()) {
+            if (place && section.IsExecutable()) {
+                const auto code = image.subspan(section.virtualAddress, section.virtualSize);
+#if defined(__x86_64__)
+                x64::AddEntriesRead(code, section.virtualAddress, *place, entries);
+#else
+                arm64::AddEntriesRead(code, section.virtualAddress, *place, entries);
+#endif
+            }
+        }
+        return entries;
     }
 
     void BindModule(const std::string& module, std::uint64_t names, std::uint64_t slots,
@@ -265,6 +313,7 @@ private:
     }
 
     Environment& environment_;
+    const std::filesystem::path path_;
     PeFile file_;
     std::string name_;
     std::uint8_t* reserved_ = nullptr;

@@ -7,7 +7,8 @@ EXTERN_C DRIVER_INITIALIZE FxDriverEntry;
 
 EXTERN_C const WDFFUNC* WdfFunctions_01033;
 const WDFFUNC* WdfFunctions_01033;
-const WDFFUNC* WdfFunctions_01015;  // what wdf.h calls through: the same table
+// What wdf.h calls through is the same variable.
+#pragma comment(linker, "/alternatename:WdfFunctions_01015=WdfFunctions_01033")
 PWDF_DRIVER_GLOBALS WdfDriverGlobals;
 static ULONG g_MinimumVersionRequired = 33;
 static BOOLEAN g_ClientVersionHigherThanFramework = TRUE;
@@ -70,7 +71,6 @@ NTSTATUS FxDriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    WdfFunctions_01015 = WdfFunctions_01033;
     status = BindClasses();
     if (NT_SUCCESS(status)) {
         status = DriverEntry(driverObject, registryPath);
