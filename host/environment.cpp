@@ -223,3 +223,6 @@ void PlatformCall::Violation(checks::Rule rule, std::string message) const
 }
 
 }  // namespace host
+        if (fault_ && environment.onFault) {
+            environment.onFault(*fault_, caller);
+        }

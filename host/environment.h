@@ -106,6 +106,9 @@ public:
     void ReportWait(checks::Rule rule, std::string function, std::string message, const void* caller,
                     std::string waitsFor, const void* heldSince);
 
+    // Called for every call that an injected fault makes fail; empty by default.
+    std::function<void(const checks::Fault& fault, const void* caller)> onFault;
+
 private:
     [[nodiscard]] checks::Violation ViolationAt(checks::Rule rule, std::string function, std::string message,
                                                 const void* caller) const;

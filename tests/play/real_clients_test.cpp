@@ -127,7 +127,10 @@ constexpr const char* kTogether = R"({"do": "load", "client": "fan"},
 
 TEST_P(RealClients, PlayBesideScriptedOnes)
 {
-    EXPECT_NE(Play(WithReal(kTogether), true).find("no violation, nothing left behind"), std::string::npos);
+    const std::string shown = Play(WithReal(kTogether), true);
+    EXPECT_NE(shown.find("\nreal drivers started 2, clients 1, states posted 1, deliveries"), std::string::npos)
+        << shown;
+    EXPECT_NE(shown.find("no violation, nothing left behind"), std::string::npos);
 }
 
 TEST_P(RealClients, PrintIntoTimelineDiagramAndTrace)
@@ -173,9 +176,10 @@ TEST_P(RealClients, AreJudgedByTheirStateAndTheirStart)
         Play(WithReal(R"({"do": "load", "client": "fan"}, {"do": "expect", "client": "fan", "state": "up"})"), false)
             .find("!! fan is not registered, and should be in state up"),
         std::string::npos);
-    // A call that is to fail does so for the named driver alone.
+    // A call that is to fail does so for the named driver alone, and shows where it does.
     (void)Play(WithReal(R"({"do": "load", "client": "fan"},
-        {"do": "deliver", "fail": {"call": "WdfObjectCreate", "driver": "notifier", "status": "STATUS_NO_MEMORY"}},
+        {"do": "deliver", "fail": {"call": "WdfObjectCreate", "driver": "notifier", "status": "STATUS_NO_MEMORY"},
+         "shows": ["WdfObjectCreate fails, as the file says: STATUS_NO_MEMORY", "registers: 0x"]},
         {"do": "expect", "client": "fan", "state": "unregistered"})"),
                true);
     EXPECT_NE(Play(WithReal(R"({"do": "load", "client": "fan"},

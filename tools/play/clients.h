@@ -17,6 +17,7 @@
 namespace play {
 
 struct Counts {
+    unsigned realDrivers = 0;  // started; what these do is not counted
     unsigned registered = 0;
     unsigned posted = 0;
     unsigned delivered = 0;

@@ -84,6 +84,7 @@ void Diagram::OnEntry(unsigned, const Entry& entry)
         lines_.push_back("Note right of " + notifier + ": " + Plain(entry.who + ": " + entry.what));
         return;
     case EntryKind::kPrint:
+    case EntryKind::kFault:
         lines_.push_back("Note over " + Participant(entry.who) + ": " + Plain(entry.what));
         return;
     case EntryKind::kFinding:

@@ -28,6 +28,7 @@ void LoadClient(Run& run, const Step& step)
     }
     if (!status || NT_SUCCESS(*status)) {
         run.state.clients[step.client] = ClientDriver::kStarted;
+        ++run.peers.counts.realDrivers;
     } else if (driver.IsLoaded()) {  // the system does not keep a driver without a device
         if (driver.HasDevice()) {
             (void)run.Remove(driver);

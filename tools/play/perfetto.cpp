@@ -48,7 +48,7 @@ int Perfetto::Track(const std::string& who)
 
 void Perfetto::OnEntry(unsigned step, const Entry& entry)
 {
-    if (entry.kind == EntryKind::kPrint) {
+    if (entry.kind == EntryKind::kPrint || entry.kind == EntryKind::kFault) {
         Print(step, entry);
         return;
     }

@@ -69,13 +69,24 @@ Run::Run(const Scenario& scenarioOfRun, const PlayOptions& options, Timeline& ti
     state.device = SystemState::Device::kNone;
     state.interfacesQueried = false;
     machine.environment().onDebugPrint = [this](const std::string& text, const void* caller) { Print(text, caller); };
+    machine.environment().onFault = [this](const host::checks::Fault& fault, const void* caller) {
+        timeline.Add({EntryKind::kFault, NameAt(caller), "",
+                      fault.function + " fails, as the file says: " +
+                          (fault.form == host::checks::FaultForm::kNull ? "NULL" : StatusText(fault.status)),
+                      "", true});
+    };
+}
+
+std::string Run::NameAt(const void* caller) const
+{
+    const std::string service = machine.ServiceAt(caller);
+    return service == kService ? kNotifier : service;
 }
 
 // A driver's line often begins with its name, which stands in the timeline already.
 void Run::Print(const std::string& text, const void* caller)
 {
-    const std::string service = machine.ServiceAt(caller);
-    const std::string who = service == kService ? kNotifier : service;
+    const std::string who = NameAt(caller);
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         if (line.starts_with(who + ": ")) {
@@ -363,10 +374,10 @@ void Run::End()
     const auto count = [](const char* what, unsigned number) {
         return number == 0 ? std::string() : std::string(what) + " " + std::to_string(number) + ", ";
     };
-    timeline.Close(count("clients", counts.registered) + count("states posted", counts.posted) +
-                       count("deliveries", counts.delivered) + count("answers", counts.answered) +
-                       count("commands", counts.commands) + count("announcements", counts.announced) +
-                       count("dump calls", counts.dumpCalls) +
+    timeline.Close(count("real drivers started", counts.realDrivers) + count("clients", counts.registered) +
+                       count("states posted", counts.posted) + count("deliveries", counts.delivered) +
+                       count("answers", counts.answered) + count("commands", counts.commands) +
+                       count("announcements", counts.announced) + count("dump calls", counts.dumpCalls) +
                        (hangs_ != 0        ? "a thread hangs, so its driver stays"
                         : violations_ == 0 ? "no violation, nothing left behind"
                                            : "violations " + std::to_string(violations_)),

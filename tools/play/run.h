@@ -104,6 +104,8 @@ private:
     template <class Table>
     NTSTATUS Query(const GUID& type, Table& table);
     void Print(const std::string& text, const void* caller);
+    // What the timeline calls the driver whose code lies there.
+    [[nodiscard]] std::string NameAt(const void* caller) const;
     void EndClients();
 
     const PlayOptions& options_;

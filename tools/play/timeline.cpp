@@ -19,7 +19,7 @@ constexpr const char* kCyan = "36";
 
 const char* KindName(EntryKind kind)
 {
-    constexpr const char* kNames[] = {"heading", "call", "callback", "answer", "report", "print", "finding"};
+    constexpr const char* kNames[] = {"heading", "call", "callback", "answer", "report", "print", "fault", "finding"};
     return kNames[static_cast<int>(kind)];
 }
 
@@ -88,6 +88,10 @@ void Timeline::PrintText(const Entry& entry)
     }
     if (entry.kind == EntryKind::kReport || entry.kind == EntryKind::kPrint) {
         out_ << step.str() << "    " << Colored(kDim, Padded(entry.who, kNameWidth) + "  " + entry.what) << "\n";
+        return;
+    }
+    if (entry.kind == EntryKind::kFault) {
+        out_ << step.str() << "    " << Colored(kBold, Padded(entry.who, kNameWidth) + "  " + entry.what) << "\n";
         return;
     }
     if (entry.kind == EntryKind::kFinding) {

@@ -21,6 +21,7 @@ enum class EntryKind {
     kAnswer,    // what was answered to a callback
     kReport,    // an event or trace message that a session recorded
     kPrint,     // what a driver printed for the debugger
+    kFault,     // a platform call that fails because the scenario says so
     kFinding,   // a violation that the host found, or a thread that was set aside
 };
 
