@@ -80,7 +80,10 @@ std::filesystem::path ImageOf(Subject subject)
 }
 
 Fixture::Fixture(const FixtureOptions& options)
-    : machine({.workItems = options.workItems, .workerCount = options.workers, .guardPages = options.guardPages}),
+    : machine({.workItems = options.workItems,
+               .workerCount = options.workers,
+               .guardPages = options.guardPages,
+               .recordsPaths = false}),
       driver(&machine.Boot(ImageOf(options.subject), "zepn")), poster_(options.clients + 1)
 {
     const bool isMinimal = options.subject == Subject::kMinimal || options.subject == Subject::kMinimalX64;

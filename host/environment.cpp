@@ -1,7 +1,6 @@
 #include "host/environment.h"
 
 #include "host/armed.h"
-#include "host/checks/call_path.h"
 #include "host/schedule/yield.h"
 
 #include <algorithm>
@@ -75,8 +74,8 @@ void Environment::SetObserver(Observer observer)
 checks::Violation Environment::ViolationAt(checks::Rule rule, std::string function, std::string message,
                                            const void* caller) const
 {
-    std::vector<const void*> path = checks::CallPath(modules);
-    // A place that the thread does not stand in: a routine that has returned, the allocation of what leaks.
+    checks::Addresses path = checks::CallPath(modules);
+    // A place that the thread does not stand in: a routine that has returned.
     if (caller != nullptr && std::ranges::find(path, caller) == path.end()) {
         path.assign(1, caller);
     }
@@ -85,18 +84,70 @@ checks::Violation Environment::ViolationAt(checks::Rule rule, std::string functi
                                 .message = std::move(message),
                                 .caller = modules.Describe(caller),
                                 .thread = ThreadState::Current().name};
+    violation.path = PlacesOf(path);
+    return violation;
+}
+
+std::vector<checks::CodePlace> Environment::PlacesOf(const checks::Addresses& path) const
+{
+    std::vector<checks::CodePlace> places;
     for (const void* address : path) {
         if (std::optional<checks::CodePlace> place = modules.PlaceOf(address)) {
-            violation.path.push_back(std::move(*place));
+            places.push_back(std::move(*place));
         }
     }
-    return violation;
+    return places;
+}
+
+void Environment::AddOrigins(checks::Violation& violation, const std::vector<Made>& origins) const
+{
+    for (const Made& made : origins) {
+        if (std::vector<checks::CodePlace> path = PlacesOf(made.path); !path.empty()) {
+            violation.origins.push_back({made.how, std::move(path)});
+        }
+    }
+}
+
+checks::Addresses Environment::PathNow(const void* caller) const
+{
+    checks::Addresses path = options.recordsPaths ? checks::CallPath(modules) : checks::Addresses();
+    if (path.empty() && caller != nullptr) {
+        path.push_back(caller);
+    }
+    return path;
 }
 
 void Environment::Report(checks::Rule rule, std::string function, std::string message, const void* caller)
 {
-    checks::Violation violation = ViolationAt(rule, std::move(function), std::move(message), caller);
-    if (hasHung && violation.function == "unload") {
+    Add(ViolationAt(rule, std::move(function), std::move(message), caller));
+}
+
+void Environment::ReportCallback(checks::Rule rule, std::string name, std::string message, const void* routine,
+                                 const std::vector<Made>& origins)
+{
+    checks::Violation violation = ViolationAt(rule, std::move(name), std::move(message), routine);
+    violation.isOfCallback = true;
+    AddOrigins(violation, origins);
+    Add(std::move(violation));
+}
+
+void Environment::ReportLeft(checks::Rule rule, std::string message, const std::vector<Made>& origins)
+{
+    checks::Violation violation{.rule = rule,
+                                .function = checks::kAtUnload,
+                                .message = std::move(message),
+                                .caller = "host",
+                                .thread = ThreadState::Current().name};
+    AddOrigins(violation, origins);
+    if (!violation.origins.empty()) {
+        violation.caller = violation.origins.front().path.back().Text();
+    }
+    Add(std::move(violation));
+}
+
+void Environment::Add(checks::Violation violation)
+{
+    if (hasHung && violation.function == checks::kAtUnload) {
         violations.AddConsequence(std::move(violation));
     } else {
         violations.Add(std::move(violation));
@@ -214,6 +265,9 @@ PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maxim
                 return checks::CallSite{environment.modules.NameAt(caller), environment.modules.FunctionAt(caller)};
             },
             detail);
+        if (fault_ && environment.onFault) {
+            environment.onFault(*fault_, caller);
+        }
     }
 }
 
@@ -223,6 +277,3 @@ void PlatformCall::Violation(checks::Rule rule, std::string message) const
 }
 
 }  // namespace host
-        if (fault_ && environment.onFault) {
-            environment.onFault(*fault_, caller);
-        }

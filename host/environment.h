@@ -4,6 +4,7 @@
 // process; Environment::Current() is how they find it.
 #pragma once
 
+#include "host/checks/call_path.h"
 #include "host/checks/faults.h"
 #include "host/checks/modules.h"
 #include "host/checks/paged_code.h"
@@ -54,6 +55,7 @@ struct MachineOptions {
     bool hasPowerStateCallback = true;  // \Callback\PowerState exists
     bool guardPages = true;             // allocations end at inaccessible pages and are never reused
     std::size_t poolBytesMaximum = std::size_t{256} << 20;  // of all blocks together; what exceeds it gets null
+    bool recordsPaths = true;           // who allocates, creates, registers and frees is known by the whole call path
     bool realTime = false;              // KeDelayExecutionThread waits; otherwise it only advances the clock
     bool allowMissing = false;          // an image that needs functions which the host lacks loads until it calls one
     std::uint32_t frameworkMinor = 33;  // version of the framework that plays: 1.<minor>
@@ -65,6 +67,18 @@ struct ObservedCall {
     const char* function;  // "WdfCollectionAdd"
     const void* caller;    // return address in the image
     const char* detail;    // context type or routine name where the function has one, else ""
+};
+
+// An earlier call: "allocated", and by which path.
+struct Made {
+    const char* how;
+    checks::Addresses path;
+};
+
+// Memory that a driver has given back.
+struct FreedMemory {
+    std::size_t sizeBytes;
+    checks::Addresses freedBy;
 };
 
 class Environment {
@@ -92,26 +106,41 @@ public:
     // Called for every line that a driver prints for the debugger, with the address that printed it; empty by default.
     std::function<void(const std::string& line, const void* caller)> onDebugPrint;
 
+    // Called for every call that an injected fault makes fail; empty by default.
+    std::function<void(const checks::Fault& fault, const void* caller)> onFault;
+
     // Called when a driver has got the function table of another, with the table in that driver's memory: what is put into
     // it now, the driver calls. Empty by default.
     std::function<void(const GUID& type, std::span<std::byte> table)> onInterface;
+
+    // The block that an address was in, when that was freed not long ago. For the fault handler: never waits.
+    std::function<std::optional<FreedMemory>(const void* address)> findFreed;
 
     // A thread was parked: what is left behind at an unload from now on follows from that.
     std::atomic<bool> hasHung{false};
 
     // A rule is broken by the code at `caller`; null: by the host's own doing.
     void Report(checks::Rule rule, std::string function, std::string message, const void* caller);
+    // A callback has returned otherwise than it may.
+    void ReportCallback(checks::Rule rule, std::string name, std::string message, const void* routine,
+                        const std::vector<Made>& origins = {});
+    // What an image leaves behind when it is unloaded, and by which calls of it that was made.
+    void ReportLeft(checks::Rule rule, std::string message, const std::vector<Made>& origins);
+
+    // Where the calling thread stands, for a finding about what it makes now: what the path costs is a walk over the
+    // stack. The caller alone, or nothing, where paths are not recorded.
+    [[nodiscard]] checks::Addresses PathNow(const void* caller = nullptr) const;
+    [[nodiscard]] std::vector<checks::CodePlace> PlacesOf(const checks::Addresses& path) const;
     // The calling thread waits for what it can never get: for what ("wait lock #1, which this thread holds"), and where
     // its holder took it; null when that is not known.
     void ReportWait(checks::Rule rule, std::string function, std::string message, const void* caller,
                     std::string waitsFor, const void* heldSince);
 
-    // Called for every call that an injected fault makes fail; empty by default.
-    std::function<void(const checks::Fault& fault, const void* caller)> onFault;
-
 private:
     [[nodiscard]] checks::Violation ViolationAt(checks::Rule rule, std::string function, std::string message,
                                                 const void* caller) const;
+    void AddOrigins(checks::Violation& violation, const std::vector<Made>& origins) const;
+    void Add(checks::Violation violation);
 
     Observer observer_;
 };

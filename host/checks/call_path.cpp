@@ -42,12 +42,12 @@ _Unwind_Reason_Code OnFrame(_Unwind_Context* context, void* argument)
 
 }  // namespace
 
-std::vector<const void*> CallPath(const Modules& modules)
+Addresses CallPath(const Modules& modules)
 {
     Walk walk;
     walk.count = 0;
     WalkStack(walk);
-    std::vector<const void*> path;
+    Addresses path;
     for (std::size_t index = walk.count; index-- > 0;) {
         if (modules.Contains(walk.frames[index])) {
             path.push_back(walk.frames[index]);

@@ -7,9 +7,11 @@
 
 namespace host::checks {
 
-// The addresses of loaded images on the calling thread's stack, outermost first, each in the instruction that made the
-// call. Of a very deep stack the innermost part. A damaged stack ends the walk.
-[[nodiscard]] std::vector<const void*> CallPath(const Modules& modules);
+// Addresses in images, outermost first, each in the instruction that made the call.
+using Addresses = std::vector<const void*>;
+
+// Those on the calling thread's stack. Of a very deep stack the innermost part. A damaged stack ends the walk.
+[[nodiscard]] Addresses CallPath(const Modules& modules);
 
 // For the fault handler: when the thread faults while it walks its stack, ends the walk there and does not return.
 void EndFaultingWalk();

@@ -138,6 +138,14 @@ void ReportFault(int signal, const siginfo_t& information, const void* at, void*
     if (!path.empty()) {
         std::fprintf(stderr, "  by %s\n", PathText(path).c_str());
     }
+    if (Environment::Exists() && Environment::Current().findFreed) {
+        const Environment& environment = Environment::Current();
+        if (const auto freed = environment.findFreed(information.si_addr)) {
+            const std::string by = PathText(environment.PlacesOf(freed->freedBy));
+            std::fprintf(stderr, "  in a block of %zu bytes that was freed%s%s\n", freed->sizeBytes,
+                         by.empty() ? "" : " by ", by.c_str());
+        }
+    }
     if (Environment::Exists()) {
         for (const Violation& violation : Environment::Current().violations.All()) {
             std::fprintf(stderr, "before that: %s\n", violation.FullText().c_str());

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <sstream>
 #include <utility>
 
 namespace host::checks {
@@ -79,22 +80,33 @@ std::string_view Name(Rule rule)
 
 std::string Violation::Text() const
 {
-    return std::string(Name(rule)) + ": " + function + " called from " + caller + " on " + thread + ": " + message;
+    std::string text(Name(rule));
+    if (function == kAtUnload) {
+        return text + (text.ends_with(kAtUnload) ? "" : std::string(" at ") + kAtUnload) + ": " + message;
+    }
+    return text + ": " + function + (isOfCallback ? " " : " called from ") + caller + " on " + thread + ": " + message;
 }
 
 std::string Violation::PathText() const
 {
-    std::string text = checks::PathText(path);
-    if (waitsFor.empty()) {
-        return text;
+    std::string text = path.empty() ? "" : "by " + checks::PathText(path);
+    if (!waitsFor.empty()) {
+        text += (text.empty() ? "waits for " : " \u2192 ") + waitsFor;
+        text += heldSince ? " since " + checks::PathText({*heldSince}) : "";
     }
-    text += (text.empty() ? "" : " \u2192 ") + waitsFor;
-    return heldSince ? text + " since " + checks::PathText({*heldSince}) : text;
+    for (const Origin& origin : origins) {
+        text += (text.empty() ? "" : "\n") + origin.how + " by " + checks::PathText(origin.path);
+    }
+    return text;
 }
 
 std::string Violation::FullText() const
 {
-    const std::string by = PathText();
+    std::string paths;
+    std::istringstream lines(PathText());
+    for (std::string line; std::getline(lines, line);) {
+        paths += "\n  " + line;
+    }
     std::map<std::string_view, unsigned> counts;
     for (const Rule consequence : followedBy) {
         ++counts[Name(consequence)];
@@ -104,7 +116,7 @@ std::string Violation::FullText() const
         consequences +=
             (consequences.empty() ? "\n  which led to " : ", ") + std::to_string(count) + " x " + std::string(name);
     }
-    return Text() + (by.empty() ? "" : "\n  by " + by) + consequences;
+    return Text() + paths + consequences;
 }
 
 void Violations::Add(Violation violation)

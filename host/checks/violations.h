@@ -50,28 +50,38 @@ inline constexpr int kRuleCount = static_cast<int>(Rule::kBugCheck) + 1;  // the
 
 [[nodiscard]] std::string_view Name(Rule rule);
 
+// An earlier call that a finding goes back to.
+struct Origin {
+    std::string how;              // "allocated", "registered", "acquired"
+    std::vector<CodePlace> path;  // outermost function first
+};
+
+// In place of a function: what is left when a driver is unloaded.
+inline constexpr const char* kAtUnload = "unload";
+
 struct Violation {
     Rule rule;
-    std::string function;  // platform function, or the host's step ("unload")
+    std::string function;  // platform function or callback, or kAtUnload
     std::string message;   // one sentence: subject and what was wrong
     std::string caller;    // "zepn.sys!NotifierEvtDeviceAdd+0x1f4", or "host"
     std::string thread;    // name of the thread it happened on
 
-    // How the thread came to the caller, outermost function first; what is reported of a place where no thread stands
-    // has that place alone.
+    // How the thread came to the caller, outermost function first; empty for what is left.
     std::vector<CodePlace> path = {};
+    bool isOfCallback = false;  // the caller is the callback itself, which broke the rule by how it returned
+    std::vector<Origin> origins = {};
     // Of a wait without an end: for what, and where its holder took it.
     std::string waitsFor = {};
     std::optional<CodePlace> heldSince = {};
     // What only followed from it.
     std::vector<Rule> followedBy = {};
 
-    // One line: rule, function, caller, thread and message.
+    // One line: rule, function, caller, thread and message; of what is left only rule and message.
     [[nodiscard]] std::string Text() const;
-    // The path with source lines (source_lines.h), then the wait; empty when no driver code is on it. Reads the images'
-    // debug information, so it takes a moment at first.
+    // "by" the path with source lines (source_lines.h) and the wait, then a line for each origin; empty when no driver
+    // code is on any. Reads the images' debug information, so it takes a moment at first.
     [[nodiscard]] std::string PathText() const;
-    // For people: the text, and below it the path and what followed.
+    // For people: the text, and below it the paths and what followed.
     [[nodiscard]] std::string FullText() const;
 };
 

@@ -37,13 +37,14 @@ void Acquire(const PlatformCall& call, KSPIN_LOCK* spinLock, KIRQL level)
                                 (own ? "" : ", held by " + found->second.holderName)] { return text; },
              .isReady = [&] { return !held.contains(spinLock); },
              .heldBy = holder},
-            call.function(), call.caller());
+            call.function(), call.caller(), found->second.takenAt);
     } else if (*spinLock != 0) {
         call.Violation(Rule::kBadParameter, "the spin lock was not initialized by KeInitializeSpinLock");
     }
     held[spinLock] = {.name = "the spin lock that " + framework.environment.modules.Describe(call.caller()) + " took",
                       .holderId = thread.id,
                       .holderName = thread.name,
+                      .takenAt = call.caller(),
                       .level = level};
     *spinLock = thread.id;
     thread.irql = level;

@@ -1,4 +1,4 @@
-// ExUnregisterCallback waits for the routine that it unregisters. The wait stands in one graph with those for wait locks,
+// Callback routines are called like all other driver code. ExUnregisterCallback waits for the routine that it unregisters. The wait stands in one graph with those for wait locks,
 // work items and requests, so that one without an end is found here too: a routine that unregisters itself, or one whose
 // thread is parked.
 #include "host/framework/framework.h"
@@ -19,6 +19,9 @@ void ConnectCallbackWaits(Framework& framework)
              .isReady = [&] { return threads().empty(); },
              .heldBy = threads},
             call.function(), call.caller());
+    };
+    framework.kernel.callRoutine = [&framework](const void* routine, const std::function<void()>& call) {
+        framework.threads.Guarded("callback routine", routine, call);
     };
     framework.kernel.onRoutineLeft = [&framework] {
         const std::lock_guard lock(framework.mutex);

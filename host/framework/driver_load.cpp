@@ -31,7 +31,7 @@ void ReleaseImage(Framework& framework, tracing::Tracing& tracing, DriverInstanc
     const void* base = instance.imageBase;
     const std::size_t sizeBytes = instance.imageSizeBytes;
     if (instance.globals != nullptr) {
-        framework.environment.Report(Rule::kLeak, "unload", "the driver is still bound to the framework", base);
+        framework.environment.ReportLeft(Rule::kLeak, instance.service + " is still bound to the framework", {});
         Unbind(framework, instance);
     }
     ReportRegistrationsLeft(framework, instance);

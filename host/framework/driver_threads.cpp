@@ -51,30 +51,34 @@ void DriverThreads::CheckHeld(const char* callbackName, const void* routine, con
         thread.criticalRegions == before.criticalRegions && thread.heldLocks == before.waitLocks) {
         return;
     }
-    std::vector<std::string> kept;
+    std::vector<KeptLock> kept;
     {
         const std::lock_guard lock(framework_.mutex);
         if (thread.irql != before.level || before.level >= DISPATCH_LEVEL) {
             kept = AbandonSpinLocks(framework_.handles, before.spinLocks);
-            const std::vector<std::string> own = framework_.kernel.AbandonSpinLocks(thread.id, before.spinLocks);
-            kept.insert(kept.end(), own.begin(), own.end());
+            for (const kernel::HeldSpinLock& own : framework_.kernel.AbandonSpinLocks(thread.id, before.spinLocks)) {
+                kept.push_back({own.name, own.takenAt});
+            }
             if (kept.empty() && thread.irql != before.level) {
-                framework_.environment.Report(Rule::kIrql, callbackName,
-                                              "it was called at IRQL " + std::to_string(before.level) +
-                                                  " and returned at " + std::to_string(thread.irql),
-                                              routine);
+                framework_.environment.ReportCallback(Rule::kIrql, callbackName,
+                                                      "it was called at IRQL " + std::to_string(before.level) +
+                                                          " and returned at " + std::to_string(thread.irql),
+                                                      routine);
             }
         }
-        const std::vector<std::string> waitLocks = AbandonWaitLocks(framework_.handles, before.waitLocks);
+        const std::vector<KeptLock> waitLocks = AbandonWaitLocks(framework_.handles, before.waitLocks);
         kept.insert(kept.end(), waitLocks.begin(), waitLocks.end());
         NotifyWaiting();
     }
     if (!kept.empty()) {
         std::string names;
-        for (const std::string& name : kept) {
-            names += (names.empty() ? "" : ", ") + name;
+        std::vector<Made> origins;
+        for (const KeptLock& each : kept) {
+            names += (names.empty() ? "" : ", ") + each.name;
+            origins.push_back({"acquired", {each.takenAt}});
         }
-        framework_.environment.Report(Rule::kLockKept, callbackName, "it returned holding " + names, routine);
+        framework_.environment.ReportCallback(Rule::kLockKept, callbackName, "it returned holding " + names, routine,
+                                              origins);
     }
     thread.irql = before.level;
     thread.heldLocks = before.waitLocks;
@@ -82,11 +86,11 @@ void DriverThreads::CheckHeld(const char* callbackName, const void* routine, con
 }
 
 bool DriverThreads::WaitFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, const char* function,
-                            const void* caller)
+                            const void* caller, const void* takenAt)
 {
     const schedule::Wake wake = Block(lock, wait);
     if (wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever) {
-        ParkFor(lock, wait, wake, function, caller);
+        ParkFor(lock, wait, wake, function, caller, takenAt);
     }
     return wake == schedule::Wake::kReady;
 }

@@ -62,7 +62,7 @@ public:
     // A thread with something to wait for that can have no end is reported and parked; else true when it is over, and
     // false when its time is.
     bool WaitFor(std::unique_lock<std::mutex>& lock, const schedule::Wait& wait, const char* function,
-                 const void* caller);
+                 const void* caller, const void* takenAt = nullptr);
 
     // The same in two steps, for who has to do something in between: a wait that is neither ready nor timed out must
     // be parked. Of a lock the report says where its holder took it.

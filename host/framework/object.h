@@ -3,6 +3,7 @@
 // The framework's mutex guards all of it. It is never held while driver code runs.
 #pragma once
 
+#include "host/checks/call_path.h"
 #include "host/framework/inspector.h"
 
 #include <atomic>
@@ -10,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace host::framework {
 
@@ -121,7 +123,8 @@ public:
     WDFOBJECT handle = nullptr;
     Slot* slot = nullptr;
     ContextList contexts;
-    std::string name;       // for reports; may be empty
+    std::string name;  // for reports; may be empty
+    checks::Addresses createdBy;
     bool noDelete = false;  // not for the driver to delete
 
     // From the creation attributes when these name no context type; a context carries its own.
@@ -138,7 +141,8 @@ private:
     friend std::string Describe(const Object& object);
 
     long references_ = 1;
-    long driverReferences_ = 0;  // the driver's own: what it may give back
+    long driverReferences_ = 0;                    // the driver's own: what it may give back
+    std::vector<checks::Addresses> referencedBy_;  // the calls that took these, each once, while there are any
     bool deleted_ = false;
     bool finished_ = false;
     unsigned serial_ = 0;  // among the objects of its type, for reports

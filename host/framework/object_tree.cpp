@@ -3,6 +3,7 @@
 #include "host/framework/framework.h"
 #include "host/framework/object_names.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace host::framework {
@@ -81,6 +82,7 @@ void ObjectTree::Register(std::unique_ptr<Object> object, Object* parent)
         (parent->lastChild_ != nullptr ? parent->lastChild_->nextSibling_ : parent->firstChild_) = &registered;
         parent->lastChild_ = &registered;
     }
+    registered.createdBy = framework_.environment.PathNow();
     framework_.handles.Add(std::move(object));
 }
 
@@ -131,13 +133,20 @@ void ObjectTree::ReportWrongType(const PlatformCall& call, const Object& object,
 
 // ---- References ----
 
-bool ObjectTree::ReferenceForDriver(Object& object)
+bool ObjectTree::ReferenceForDriver(Object& object) const
 {
+    constexpr std::size_t kTakersKnown = 4;
     if (object.references_ == 0) {
         return false;
     }
     ++object.references_;
     ++object.driverReferences_;
+    if (object.referencedBy_.size() < kTakersKnown && framework_.environment.options.recordsPaths) {
+        checks::Addresses path = framework_.environment.PathNow();
+        if (std::ranges::find(object.referencedBy_, path) == object.referencedBy_.end()) {
+            object.referencedBy_.push_back(std::move(path));
+        }
+    }
     return true;
 }
 
@@ -146,7 +155,9 @@ bool ObjectTree::DereferenceForDriver(std::unique_lock<std::mutex>& lock, Object
     if (object.driverReferences_ == 0) {
         return false;
     }
-    --object.driverReferences_;
+    if (--object.driverReferences_ == 0) {
+        object.referencedBy_.clear();
+    }
     Dereference(lock, object);
     return true;
 }
@@ -276,13 +287,19 @@ void ObjectTree::ReportLeftBy(const DriverInstance& driver)
         if (object.driver != &driver) {
             return;
         }
-        const std::string references = std::to_string(object.references_) + " references";
+        std::vector<Made> origins;
+        for (const checks::Addresses& path : object.referencedBy_) {
+            origins.push_back({"referenced", path});
+        }
+        origins.push_back({"created", object.createdBy});
+        const std::string references =
+            object.references_ == 1 ? "1 reference" : std::to_string(object.references_) + " references";
         if (object.finished_) {
-            framework_.environment.Report(Rule::kReferenceLeak, "unload",
-                                          Describe(object) + " was deleted, but " + references + " keep it", nullptr);
+            framework_.environment.ReportLeft(Rule::kReferenceLeak,
+                                              Describe(object) + " was deleted, but keeps " + references, origins);
         } else {
-            framework_.environment.Report(Rule::kLeak, "unload",
-                                          Describe(object) + " is still alive, with " + references, nullptr);
+            framework_.environment.ReportLeft(Rule::kLeak, Describe(object) + " is still alive, with " + references,
+                                              origins);
         }
         framework_.work.Forget(object);
         Free(object);

@@ -46,7 +46,7 @@ public:
     void Dereference(std::unique_lock<std::mutex>& lock, Object& object);
     // The same for references of the driver's own. False, and nothing is done, when the object is being destroyed, and
     // when the driver has none to give up.
-    [[nodiscard]] static bool ReferenceForDriver(Object& object);
+    [[nodiscard]] bool ReferenceForDriver(Object& object) const;
     [[nodiscard]] bool DereferenceForDriver(std::unique_lock<std::mutex>& lock, Object& object);
 
     // Disposes a live object and gives up its creation reference; later, on a system thread, when the level does not

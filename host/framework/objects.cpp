@@ -41,7 +41,7 @@ void NTAPI ObjectReference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, P
     if (object == nullptr) {
         return;
     }
-    if (!ObjectTree::ReferenceForDriver(*object)) {
+    if (!framework.objects.ReferenceForDriver(*object)) {
         call.Violation(Rule::kDeadHandle, Describe(*object) + " is referenced while it is destroyed");
     }
 }

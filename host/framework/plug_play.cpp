@@ -95,10 +95,10 @@ void SetInterface(Framework& framework, DeviceObject& device, DeviceInterface& i
 void ReportRegistrationsLeft(Framework& framework, const DriverInstance& instance)
 {
     for (const PlugPlayRegistrations::Reference& entry : framework.registrations.RemoveAllOf(instance)) {
-        framework.environment.Report(Rule::kUnloadRegistration, "unload",
-                                     "a routine is still registered for device interfaces; the system keeps the "
-                                     "driver loaded for it",
-                                     entry->registration.caller);
+        framework.environment.ReportLeft(Rule::kUnloadRegistration,
+                                         "a routine is still registered for device interfaces; the system keeps the "
+                                         "driver loaded for it",
+                                         {{"registered", entry->registration.registeredBy}});
     }
 }
 
@@ -170,7 +170,8 @@ HOST_EXPORT NTSTATUS NTAPI IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_
             return STATUS_INVALID_PARAMETER;
         }
         const GUID& interfaceClass = *static_cast<const GUID*>(data);
-        registered = framework.registrations.Add({interfaceClass, routine, context, driver, call.caller()});
+        registered = framework.registrations.Add(
+            {interfaceClass, routine, context, driver, framework.environment.PathNow(call.caller())});
         *entry = registered->handle;
         if ((flags & PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES) != 0) {
             existing = host::framework::EnabledInterfaces(framework, interfaceClass);

@@ -1,6 +1,8 @@
 // Who is notified of the arrival and removal of device interfaces.
 #pragma once
 
+#include "host/checks/call_path.h"
+
 #include <ntddk.h>
 
 #include <cstdint>
@@ -18,7 +20,7 @@ struct PlugPlayRegistration {
     const PDRIVER_NOTIFICATION_CALLBACK_ROUTINE routine;
     void* const context;
     const DriverInstance* const driver;
-    const void* const caller;
+    const checks::Addresses registeredBy;
 };
 
 // Its own mutex guards it, so any thread may call, the framework's mutex held or not; no other is taken meanwhile.

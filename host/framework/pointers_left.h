@@ -15,7 +15,8 @@ class Framework;
 // its references say how long it may be used. The mutex is held.
 void NoteHandedOut(DriverInstance& driver, std::span<const std::byte> table);
 
-// One report for all that other drivers keep in object contexts and pool, naming each object and what it would call.
+// One report for all that other drivers keep in object contexts and pool, naming each object, what it would call and
+// where it was registered.
 // Left out is what was handed out, and a context with a handle that is dead: what it describes is over.
 void ReportPointersLeft(Framework& framework, const DriverInstance& going);
 

@@ -25,14 +25,14 @@ std::vector<const void*> SpinLocksHeld(const HandleTable& handles)
     return held;
 }
 
-std::vector<std::string> AbandonSpinLocks(const HandleTable& handles, const std::vector<const void*>& before)
+std::vector<KeptLock> AbandonSpinLocks(const HandleTable& handles, const std::vector<const void*>& before)
 {
-    std::vector<std::string> kept;
+    std::vector<KeptLock> kept;
     for (const void* handle : SpinLocksHeld(handles)) {
         if (std::ranges::find(before, handle) == before.end()) {
             auto& spinLock = static_cast<SpinLockObject&>(*handles.Peek(handle));
             spinLock.abandoned = true;
-            kept.push_back(Describe(spinLock));
+            kept.push_back({Describe(spinLock), spinLock.takenAt});
         }
     }
     return kept;

@@ -1,7 +1,7 @@
 // Spin locks of the framework, whose holder runs at DISPATCH_LEVEL.
 #pragma once
 
-#include "host/framework/handle_table.h"
+#include "host/framework/wait_locks.h"
 
 #include <string>
 #include <vector>
@@ -28,8 +28,8 @@ inline constexpr ObjectType kTypeOf<SpinLockObject> = ObjectType::kSpinLock;
 [[nodiscard]] std::vector<const void*> SpinLocksHeld(const HandleTable& handles);
 
 // Those that the calling thread holds although its callback, which began with these, is over: nobody will give them
-// back. Returns their descriptions. The mutex is held.
-[[nodiscard]] std::vector<std::string> AbandonSpinLocks(const HandleTable& handles,
-                                                        const std::vector<const void*>& before);
+// back. The mutex is held.
+[[nodiscard]] std::vector<KeptLock> AbandonSpinLocks(const HandleTable& handles,
+                                                     const std::vector<const void*>& before);
 
 }  // namespace host::framework

@@ -37,10 +37,10 @@ void Forget(WDFOBJECT lock)
 
 }  // namespace
 
-std::vector<std::string> AbandonWaitLocks(const HandleTable& handles, const std::vector<WDFOBJECT>& before)
+std::vector<KeptLock> AbandonWaitLocks(const HandleTable& handles, const std::vector<WDFOBJECT>& before)
 {
     const ThreadState& thread = ThreadState::Current();
-    std::vector<std::string> kept;
+    std::vector<KeptLock> kept;
     for (const WDFOBJECT handle : thread.heldLocks) {
         if (std::find(before.begin(), before.end(), handle) != before.end()) {
             continue;
@@ -49,7 +49,7 @@ std::vector<std::string> AbandonWaitLocks(const HandleTable& handles, const std:
         if (waitLock != nullptr && waitLock->Holder() == thread.id) {
             waitLock->abandoned = true;
             waitLock->abandonedBy = thread.name;
-            kept.push_back(Describe(*waitLock));
+            kept.push_back({Describe(*waitLock), waitLock->takenAt.load(std::memory_order_relaxed)});
         }
     }
     return kept;

@@ -10,6 +10,12 @@
 
 namespace host::framework {
 
+// What a callback still held when it returned.
+struct KeptLock {
+    std::string name;
+    const void* takenAt;  // where in an image
+};
+
 // Held by whom its slot says: taken and given back by one atomic exchange, under the framework's mutex or without. The
 // mutex guards the rest.
 struct WaitLockObject final : Object {
@@ -32,8 +38,7 @@ template <>
 inline constexpr ObjectType kTypeOf<WaitLockObject> = ObjectType::kWaitLock;
 
 // Those that the calling thread took since and still holds although its callback is over: nobody will give them back.
-// Returns their descriptions. The mutex is held.
-[[nodiscard]] std::vector<std::string> AbandonWaitLocks(const HandleTable& handles,
-                                                        const std::vector<WDFOBJECT>& before);
+// The mutex is held.
+[[nodiscard]] std::vector<KeptLock> AbandonWaitLocks(const HandleTable& handles, const std::vector<WDFOBJECT>& before);
 
 }  // namespace host::framework

@@ -77,7 +77,7 @@ __attribute__((visibility("default"), used)) PVOID NTAPI ExRegisterCallback(PCAL
     registration->handle = kernel.nextHandle += 16;
     registration->function = function;
     registration->context = context;
-    registration->caller = call.caller();
+    registration->registeredBy = kernel.environment.PathNow(call.caller());
     object->registrations.push_back(registration);
     return AsHandle<PVOID>(registration->handle);
 }

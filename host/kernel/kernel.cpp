@@ -1,7 +1,5 @@
 #include "host/kernel/kernel.h"
 
-#include "host/checks/unused_stack.h"
-
 #include <algorithm>
 #include <cctype>
 
@@ -17,15 +15,6 @@ bool Lies(const void* address, const void* base, std::size_t sizeBytes)
     return at >= begin && at - begin < sizeBytes;
 }
 
-std::string TagText(std::uint32_t tag)
-{
-    std::string text;
-    for (unsigned shift = 0; shift < 32; shift += 8) {
-        text.push_back(static_cast<char>(tag >> shift));
-    }
-    return text;
-}
-
 }  // namespace
 
 Kernel::Kernel(Environment& environmentOfMachine)
@@ -33,6 +22,10 @@ Kernel::Kernel(Environment& environmentOfMachine)
 {
     g_current = this;
     RegisterKernelExports();
+    environment.findFreed = [this](const void* address) {
+        std::optional<FreedMemory> freed = poolMemory.FindFreed(address);
+        return freed ? freed : contextMemory_.FindFreed(address);
+    };
     if (environment.options.hasPowerStateCallback) {
         auto powerState = std::make_unique<CallbackObject>();
         powerState->handle = nextHandle += 16;
@@ -45,6 +38,7 @@ Kernel::Kernel(Environment& environmentOfMachine)
 
 Kernel::~Kernel()
 {
+    environment.findFreed = nullptr;
     g_current = nullptr;
 }
 
@@ -91,16 +85,16 @@ std::vector<const void*> Kernel::SpinLocksHeld(std::uint64_t threadId) const
     return locks;
 }
 
-std::vector<std::string> Kernel::AbandonSpinLocks(std::uint64_t threadId, const std::vector<const void*>& before)
+std::vector<HeldSpinLock> Kernel::AbandonSpinLocks(std::uint64_t threadId, const std::vector<const void*>& before)
 {
-    std::vector<std::string> names;
+    std::vector<HeldSpinLock> kept;
     for (auto& [address, held] : heldSpinLocks) {
         if (held.holderId == threadId && !held.abandoned && std::ranges::find(before, address) == before.end()) {
             held.abandoned = true;
-            names.push_back(held.name);
+            kept.push_back(held);
         }
     }
-    return names;
+    return kept;
 }
 
 void Kernel::NotifyPowerState(std::uintptr_t argument1, std::uintptr_t argument2)
@@ -126,19 +120,13 @@ void Kernel::Notify(const std::vector<std::shared_ptr<CallbackRegistration>>& re
             }
             registration->runningOn.push_back(ThreadState::Current().id);
         }
-        ThreadState& thread = ThreadState::Current();
-        const int regionsBefore = thread.criticalRegions;
-        checks::FillUnusedStack();
-        registration->function(registration->context, reinterpret_cast<void*>(argument1),
-                               reinterpret_cast<void*>(argument2));
-        if (thread.criticalRegions != regionsBefore) {
-            environment.Report(checks::Rule::kLockKept, "callback routine", "it returned with a wait lock held",
-                               reinterpret_cast<const void*>(registration->function));
-            thread.criticalRegions = regionsBefore;
-        }
+        callRoutine(reinterpret_cast<const void*>(registration->function), [&] {
+            registration->function(registration->context, reinterpret_cast<void*>(argument1),
+                                   reinterpret_cast<void*>(argument2));
+        });
         {
             const std::lock_guard lock(mutex);
-            std::erase(registration->runningOn, thread.id);
+            std::erase(registration->runningOn, ThreadState::Current().id);
         }
         onRoutineLeft();
     }
@@ -182,8 +170,10 @@ void* Kernel::AllocatePool(const PoolBlock& block, std::size_t alignment)
         poolBytes_ += block.sizeBytes;
     }
     void* address = poolMemory.Allocate(block.sizeBytes, alignment, false);
+    checks::Addresses path = environment.PathNow(block.caller);
     const std::lock_guard lock(mutex);
-    pool_[address] = block;
+    PoolBlock& kept = pool_[address] = block;
+    kept.path = std::move(path);
     return address;
 }
 
@@ -194,7 +184,7 @@ std::optional<PoolBlock> Kernel::TakePool(void* address)
     if (found == pool_.end()) {
         return std::nullopt;
     }
-    const PoolBlock block = found->second;
+    PoolBlock block = std::move(found->second);
     pool_.erase(found);
     poolBytes_ -= block.sizeBytes;
     return block;
@@ -214,10 +204,10 @@ void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
     const std::lock_guard lock(mutex);
     for (auto& [address, block] : pool_) {
         if (Lies(block.caller, imageBase, imageSizeBytes)) {
-            environment.Report(Rule::kLeak, "unload",
-                               std::to_string(block.sizeBytes) + " bytes of pool with tag \"" + TagText(block.tag) +
-                                   "\" were not freed",
-                               block.caller);
+            environment.ReportLeft(Rule::kLeak,
+                                   std::to_string(block.sizeBytes) + " bytes of pool with tag " + QuotedTag(block.tag) +
+                                       " were not freed",
+                                   {{"allocated", block.path}});
             block.caller = nullptr;  // not the fault of an image that is loaded to the same place later
         }
     }
@@ -226,11 +216,10 @@ void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
             if (!Lies(reinterpret_cast<const void*>(registration->function), imageBase, imageSizeBytes)) {
                 return false;
             }
-            environment.Report(Rule::kUnloadRegistration, "unload",
-                               "a routine is still registered on " + object->name +
-                                   "; it would be called in "
-                                   "unmapped code",
-                               registration->caller);
+            environment.ReportLeft(Rule::kUnloadRegistration,
+                                   "a routine is still registered on " + object->name +
+                                       "; it would be called in unmapped code",
+                                   {{"registered", registration->registeredBy}});
             registration->removed = true;
             return true;
         });
@@ -238,11 +227,20 @@ void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
             if (!Lies(caller, imageBase, imageSizeBytes)) {
                 return false;
             }
-            environment.Report(Rule::kReferenceLeak, "unload", "a reference on " + object->name + " was not dropped",
-                               caller);
+            environment.ReportLeft(Rule::kReferenceLeak, "a reference on " + object->name + " was not dropped",
+                                   {{"opened", {caller}}});
             return true;
         });
     }
+}
+
+std::string QuotedTag(std::uint32_t tag)
+{
+    std::string text = "\"";
+    for (unsigned shift = 0; shift < 32; shift += 8) {
+        text.push_back(static_cast<char>(tag >> shift));
+    }
+    return text + "\"";
 }
 
 std::string Narrow(const UNICODE_STRING& text)

@@ -33,15 +33,16 @@ struct PoolBlock {
     std::size_t sizeBytes;
     std::uint32_t tag;
     bool paged;
-    const void*
-        caller;  // where in the image it was allocated; null once that image is unmapped without having freed it
+    // Where in the image it was allocated; null once that image is unmapped without having freed it.
+    const void* caller = nullptr;
+    checks::Addresses path = {};
 };
 
 struct CallbackRegistration {
     std::uintptr_t handle;
     PCALLBACK_FUNCTION function;
     void* context;
-    const void* caller;
+    checks::Addresses registeredBy;
     bool removed = false;
     std::vector<std::uint64_t> runningOn;  // threads inside the routine now
 };
@@ -60,6 +61,7 @@ struct HeldSpinLock {
     std::string name;  // for reports
     std::uint64_t holderId;
     std::string holderName;
+    const void* takenAt;     // where in an image
     KIRQL level;             // that its holder runs at
     bool abandoned = false;  // its holder's callback is over: nobody will give it back
 };
@@ -106,6 +108,8 @@ public:
     std::function<void(const PlatformCall& call, const std::shared_ptr<CallbackRegistration>& registration)>
         waitForRoutine;  // until no thread is inside; without the mutex
     std::function<void()> onRoutineLeft;
+    std::function<void(const void* routine, const std::function<void()>& call)>
+        callRoutine;  // and check how it returns
     GuardedMemory poolMemory;
     std::vector<std::unique_ptr<CallbackObject>> callbackObjects;
     std::uintptr_t nextHandle = 0xFFFFD00000001000;  // never a usable address
@@ -115,9 +119,8 @@ public:
 
     [[nodiscard]] std::vector<const void*> SpinLocksHeld(std::uint64_t threadId) const;
     // Those that a thread holds although its callback, which began with these, is over: nobody will give them back.
-    // Returns their names.
-    [[nodiscard]] std::vector<std::string> AbandonSpinLocks(std::uint64_t threadId,
-                                                            const std::vector<const void*>& before);
+    [[nodiscard]] std::vector<HeldSpinLock> AbandonSpinLocks(std::uint64_t threadId,
+                                                             const std::vector<const void*>& before);
 
     // Null for an unknown handle or name. The caller holds the mutex.
     CallbackObject* FindCallbackObject(const void* handle);
@@ -132,6 +135,8 @@ private:
     GuardedMemory contextMemory_;
 };
 
+// A pool tag as reports show it: "Fan1", in quotes.
+[[nodiscard]] std::string QuotedTag(std::uint32_t tag);
 // Lower-case ASCII form of a counted UTF-16 string; other characters become '?'.
 [[nodiscard]] std::string Narrow(const UNICODE_STRING& text);
 // What the framework demands of every counted string: whole characters, within a buffer.

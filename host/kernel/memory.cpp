@@ -22,6 +22,7 @@ constexpr bool kUnderAddressSanitizer = false;
 constexpr std::size_t kPage = 4096;
 constexpr std::size_t kArenaBytes = std::size_t{16} << 20;  // address space only, reserved when the last one is full
 constexpr std::size_t kGuardedBlocksMaximum = 20000;        // each costs the kernel two mappings
+constexpr std::size_t kFreedKnown = 4096;                   // of which it is known who freed them
 constexpr std::size_t kCanaryBytes = 32;
 constexpr std::uint8_t kSlackFill = 0xFD;
 
@@ -42,7 +43,7 @@ std::size_t RoundUp(std::size_t value, std::size_t multiple)
 }  // namespace
 
 GuardedMemory::GuardedMemory(const Environment& environment)
-    : wantsGuards_(environment.options.guardPages && !kUnderAddressSanitizer)
+    : environment_(environment), wantsGuards_(environment.options.guardPages && !kUnderAddressSanitizer)
 {
 }
 
@@ -136,6 +137,12 @@ std::string GuardedMemory::Free(void* address)
         --guardedCount_;
         madvise(block.begin, block.rangeBytes, MADV_DONTNEED);
         mprotect(block.begin, block.rangeBytes, PROT_NONE);
+        if (environment_.options.recordsPaths) {
+            freed_.push_back({block.begin, block.rangeBytes, {block.bytes, environment_.PathNow()}});
+            if (freed_.size() > kFreedKnown) {
+                freed_.pop_front();
+            }
+        }
     } else {
         if (!kUnderAddressSanitizer) {
             std::memset(block.begin, kFreedFill, block.rangeBytes);
@@ -147,6 +154,20 @@ std::string GuardedMemory::Free(void* address)
     }
     return std::to_string(before) + " bytes before and " + std::to_string(after) + " bytes after its " +
            std::to_string(block.bytes) + " were overwritten";
+}
+
+std::optional<FreedMemory> GuardedMemory::FindFreed(const void* address) const
+{
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (lock.owns_lock()) {
+        const auto* at = static_cast<const std::uint8_t*>(address);
+        for (const Freed& freed : freed_) {
+            if (at >= freed.begin && at < freed.begin + freed.rangeBytes) {
+                return freed.memory;
+            }
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace host::kernel

@@ -9,7 +9,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -33,6 +35,9 @@ public:
     // is freed in both cases. An address that is no block: "was never allocated here or is free already".
     [[nodiscard]] std::string Free(void* block);
 
+    // The guarded block that an address was in, of the last ones freed. For the fault handler: never waits.
+    [[nodiscard]] std::optional<FreedMemory> FindFreed(const void* address) const;
+
 private:
     struct Block {
         std::size_t bytes;
@@ -43,8 +48,15 @@ private:
     bool AllocateGuarded(Block& block, std::size_t alignment, std::uint8_t*& user);
     void AllocatePlain(Block& block, std::size_t alignment, std::uint8_t*& user);
 
+    const Environment& environment_;
     const bool wantsGuards_;
     mutable std::mutex mutex_;
+    struct Freed {
+        const std::uint8_t* begin;
+        std::size_t rangeBytes;
+        FreedMemory memory;
+    };
+    std::deque<Freed> freed_;  // the last ones, oldest first
     std::unordered_map<void*, Block> blocks_;
     std::size_t guardedCount_ = 0;
     // Address space that guarded blocks are laid into, one after the other; the last arena is the one in use.

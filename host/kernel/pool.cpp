@@ -8,21 +8,13 @@
 using host::PlatformCall;
 using host::checks::Rule;
 using host::kernel::Kernel;
+using host::kernel::QuotedTag;
 
 namespace {
 
 constexpr std::size_t kAlignment = 16;
 constexpr std::size_t kCacheLine = 64;
 constexpr std::size_t kPage = 4096;
-
-std::string Quoted(std::uint32_t tag)
-{
-    std::string text = "\"";
-    for (unsigned shift = 0; shift < 32; shift += 8) {
-        text.push_back(static_cast<char>(tag >> shift));
-    }
-    return text + "\"";
-}
 
 void* Allocate(const PlatformCall& call, host::kernel::PoolBlock block, std::size_t alignment)
 {
@@ -46,11 +38,11 @@ void Free(const PlatformCall& call, const std::optional<host::kernel::PoolBlock>
     }
     if (tag != 0 && block->tag != tag) {
         call.Violation(Rule::kPoolWrongTag,
-                       "a block with tag " + Quoted(block->tag) + " is freed with tag " + Quoted(tag));
+                       "a block with tag " + QuotedTag(block->tag) + " is freed with tag " + QuotedTag(tag));
     }
     const std::string damage = Kernel::Current().poolMemory.Free(address);
     if (!damage.empty()) {
-        call.Violation(Rule::kPoolCorrupted, "the block with tag " + Quoted(block->tag) + ": " + damage);
+        call.Violation(Rule::kPoolCorrupted, "the block with tag " + QuotedTag(block->tag) + ": " + damage);
     }
 }
 
@@ -90,7 +82,7 @@ HOST_EXPORT PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE poolType, SIZE_T size, U
     if (poolType == NonPagedPool) {
         call.Violation(Rule::kBadParameter, "plain non-paged pool is executable; use NonPagedPoolNx");
     }
-    return Allocate(call, {.sizeBytes = size, .tag = tag, .paged = paged, .caller = nullptr}, kAlignment);
+    return Allocate(call, {.sizeBytes = size, .tag = tag, .paged = paged}, kAlignment);
 }
 
 HOST_EXPORT PVOID NTAPI ExAllocatePool2(POOL_FLAGS flags, SIZE_T size, ULONG tag)
@@ -105,7 +97,7 @@ HOST_EXPORT PVOID NTAPI ExAllocatePool2(POOL_FLAGS flags, SIZE_T size, ULONG tag
     }
     void* block = nullptr;
     if (!call.fault() && wrong.empty()) {
-        block = Allocate(call, {.sizeBytes = size, .tag = tag, .paged = paged, .caller = nullptr},
+        block = Allocate(call, {.sizeBytes = size, .tag = tag, .paged = paged},
                          (flags & POOL_FLAG_CACHE_ALIGNED) != 0 ? kCacheLine : kAlignment);
     }
     if (block != nullptr && (flags & POOL_FLAG_UNINITIALIZED) == 0) {

@@ -329,13 +329,11 @@ void Tracing::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
         if (reinterpret_cast<std::uintptr_t>(provider.callback) - begin >= imageSizeBytes) {
             return false;
         }
-        Environment::Current().Report(checks::Rule::kUnloadRegistration, "unload",
-                                      provider.kind == ProviderKind::kEvents
-                                          ? "an event provider is still registered; its callback would be called in "
-                                            "unmapped code"
-                                          : "a trace-message provider is still registered; its callback would be "
-                                            "called in unmapped code",
-                                      provider.caller);
+        Environment::Current().ReportLeft(
+            checks::Rule::kUnloadRegistration,
+            std::string(provider.kind == ProviderKind::kEvents ? "an event provider" : "a trace-message provider") +
+                " is still registered; its callback would be called in unmapped code",
+            {{"registered", {provider.caller}}});
         return true;
     });
 }

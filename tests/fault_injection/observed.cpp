@@ -52,7 +52,7 @@ bool NamesOneSite(const host::tracing::CapturedMessage& message, const host::tra
 
 ObservedRun::ObservedRun(const tests::Container& container, Options options)
     : options_(std::move(options)),
-      harness_(container.image, {.traceRoutes = options_.routes},
+      harness_(container.image, {.traceRoutes = options_.routes, .recordsPaths = false},
                {.toState =
                     [](unsigned client, unsigned, ULONG state, ULONG response) {
                         const ULONG answer = StateAnswer(client, state);

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <regex>
 #include <set>
 #include <string_view>
 
@@ -25,6 +26,7 @@ struct Breach {
     const char* thread = "peer";
     std::size_t count = 1;
     const char* scenario = nullptr;  // the function to call, when it is another
+    const char* origin = nullptr;    // part of what is said of an earlier call
 };
 
 constexpr const char* kWorker = "system worker";
@@ -59,6 +61,9 @@ TEST_P(Breaches, AreReportedWithPlaceAndSubject)
     EXPECT_EQ(violation.function, breach.function);
     EXPECT_EQ(violation.thread, breach.thread);
     EXPECT_NE(violation.message.find(breach.message), std::string::npos) << violation.message;
+    if (breach.origin != nullptr) {
+        EXPECT_TRUE(std::regex_search(violation.FullText(), std::regex(breach.origin))) << violation.FullText();
+    }
     EXPECT_EQ(outcome.parked, breach.parks) << outcome.reason;
     if (breach.rule == Rule::kDeadlock) {
         fixture.Abandon();  // its device waits for the work item
@@ -87,7 +92,8 @@ constexpr Breach kBreaches[] = {
     {"OrderInversion", Rule::kLockOrder, "WdfWaitLockAcquire",
      "wait lock #1 is taken while wait lock #3 is held; elsewhere they are taken the other way round"},
     {"KeepsLock", Rule::kLockKept, "EvtWorkItem", "it returned holding wait lock #1", false, true, kWorker, 1,
-     "LockKept"},
+     "LockKept",
+     "^lock kept: EvtWorkItem faulty.so!KeepsLock.*\n.*\n  acquired by faulty.so!KeepsLock \\(scenarios.cpp:[0-9]+\\)"},
     {"AboveItsLevel", Rule::kIrql, "WdfDeviceSetDeviceInterfaceState", "called at IRQL 2, allowed up to 0"},
     {"SelfWait", Rule::kSelfWait, "WdfWaitLockAcquire", "peer waits for wait lock #1, which it holds itself", true},
     {"WaitsForItsDeleter", Rule::kDeadlock, "WdfWaitLockAcquire",
@@ -113,7 +119,7 @@ struct Leftover {
     const char* name;
     Rule rule;
     const char* message;
-    bool isTraced = true;  // to the call that made it
+    const char* origin;  // what is said of the call that made it, below the text
 };
 
 void PrintTo(const Leftover& leftover, std::ostream* stream)
@@ -130,17 +136,20 @@ TEST_P(Leftovers, AreReportedAtUnload)
     ASSERT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 
     fixture.TakeDown();
-    const Violation violation = fixture.TakeFaulty(GetParam().rule, GetParam().isTraced ? GetParam().name : "");
-    EXPECT_EQ(violation.function, "unload");
+    const Violation violation = fixture.TakeFaulty(GetParam().rule, GetParam().name);
     EXPECT_NE(violation.message.find(GetParam().message), std::string::npos) << violation.message;
+    EXPECT_TRUE(std::regex_search(violation.FullText(),
+                                  std::regex(std::string(" at unload: .*\n  ") + GetParam().origin +
+                                             " by .*faulty.so!" + GetParam().name + " \\(scenarios.cpp:[0-9]+\\)")))
+        << violation.FullText();
 }
 
 constexpr Leftover kLeftovers[] = {
-    {"LeavesPool", Rule::kLeak, "40 bytes of pool with tag \"Flty\""},
-    {"LeavesRegistration", Rule::kUnloadRegistration, "\\callback\\powerstate"},
-    {"LeavesReference", Rule::kReferenceLeak,
-     "general object #1 (FAULTY_CONTEXT) was deleted, but 1 references keep it", false},
-    {"LeavesTracing", Rule::kUnloadRegistration, "event provider is still registered"},
+    {"LeavesPool", Rule::kLeak, "40 bytes of pool with tag \"Flty\"", "allocated"},
+    {"LeavesRegistration", Rule::kUnloadRegistration, "\\callback\\powerstate", "registered"},
+    {"LeavesReference", Rule::kReferenceLeak, "general object #1 (FAULTY_CONTEXT) was deleted, but keeps 1 reference",
+     "referenced"},
+    {"LeavesTracing", Rule::kUnloadRegistration, "event provider is still registered", "registered"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Of, Leftovers, testing::ValuesIn(kLeftovers), NameOf<Leftover>);
@@ -148,6 +157,7 @@ INSTANTIATE_TEST_SUITE_P(Of, Leftovers, testing::ValuesIn(kLeftovers), NameOf<Le
 struct Fault {
     const char* name;
     const char* message;
+    const char* below = "";  // what follows the path
 };
 
 void PrintTo(const Fault& fault, std::ostream* stream)
@@ -170,7 +180,7 @@ TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
         },
         testing::ExitedWithCode(4),
         std::string("memory fault at faulty.so!") + GetParam().name + ".*" + GetParam().message +
-            ".*peer.*by faulty.so!" + GetParam().name + " \\(scenarios.cpp:[0-9]+\\)");
+            ".*peer.*by faulty.so!" + GetParam().name + " \\(scenarios.cpp:[0-9]+\\)" + GetParam().below);
     if (!HasFailure()) {
         NoteFaulty(Rule::kMemoryFault);
     }
@@ -178,7 +188,8 @@ TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
 
 constexpr Fault kFaults[] = {
     {"TouchesHandle", "touching 0x"},
-    {"TouchesFreedContext", "touching 0x"},
+    {"TouchesFreedContext", "touching 0x",
+     "\n  in a block of 40 bytes that was freed by faulty.so!TouchesFreedContext \\(scenarios.cpp:[0-9]+\\)"},
     {"TouchesPastPool", "touching 0x"},
     {"Trap", "instruction"},
 };

@@ -108,9 +108,10 @@ TEST_P(Samples, ClientThatIsUnloadedWhileRegisteredIsNamedAtOnceAndWhenItIsCalle
                 "memory fault at zepn_client[.]s[oys]+!OnAppsState, which is unloaded .*\n"
                 "  by zepn[.].*\\(apps_state[.]cpp:[0-9]+\\) \u2192 zepn_client[.].*!OnAppsState "
                 "\\(client[.]cpp:[0-9]+\\), which is unloaded\n"
-                "before that: registration at unload: unload called from zepn_client.*others still hold pointers into "
+                "before that: registration at unload: others still hold pointers into "
                 "client, .*\\(ZEP_NOTIFIER_CLIENT_CONTEXT\\) of zepn holds .*OnAppsState.*"
-                "\\(ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT\\) of zepn holds .*OnWatchedState");
+                "\\(ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT\\) of zepn holds .*OnWatchedState.*\n"
+                "  registered by zepn_client[.].*!ClientJoin \\(client[.]cpp:[0-9]+\\)\n");
 }
 
 // Arrivals, work and removals on real threads at once: the Notifier comes and goes under clients that follow it.

@@ -96,8 +96,9 @@ void Timeline::PrintText(const Entry& entry)
     }
     if (entry.kind == EntryKind::kFinding) {
         out_ << step.str() << "  " << Colored(kRed, "!! " + entry.what) << "\n";
-        if (!entry.path.empty()) {
-            out_ << "        by " << entry.path << "\n";
+        std::istringstream path(entry.path);
+        for (std::string pathLine; std::getline(path, pathLine);) {
+            out_ << "        " << pathLine << "\n";
         }
         return;
     }

@@ -32,7 +32,7 @@ struct Entry {
     std::string what;
     std::string outcome;  // a status, or empty
     bool good = true;
-    std::string path = {};  // of a finding: by which functions of the drivers it came
+    std::string path = {};  // of a finding: lines, by which functions of the drivers it came
 };
 
 // A span of work on somebody's thread: a call into the Notifier, a run of a work item, a callback.

@@ -67,8 +67,9 @@ void Run::Check()
     // The same mistake made many times is one finding.
     std::vector<std::pair<host::checks::Violation, unsigned>> mistakes;
     for (const host::checks::Violation& violation : machine.violations().Take()) {
-        const auto same = std::ranges::find_if(
-            mistakes, [&violation](const auto& mistake) { return mistake.first.Text() == violation.Text(); });
+        const auto same = std::ranges::find_if(mistakes, [&violation](const auto& mistake) {
+            return mistake.first.caller == violation.caller && mistake.first.Text() == violation.Text();
+        });
         if (same != mistakes.end()) {
             ++same->second;
         } else {
