@@ -161,6 +161,21 @@ std::vector<Driver::InterfaceChange> Driver::InterfaceChanges() const
     return changes;
 }
 
+unsigned Driver::OpenHandles() const
+{
+    const std::lock_guard lock(Framework::Current().mutex);
+    unsigned count = 0;
+    for (const DeviceObject* device : instance_.devices) {
+        count += device->openFiles;
+    }
+    return count;
+}
+
+std::vector<framework::Holding> Driver::Holdings() const
+{
+    return framework::HoldingsOf(Framework::Current(), instance_);
+}
+
 IoResult Driver::Open(FileId& file)
 {
     file = 0;
@@ -286,6 +301,17 @@ std::vector<std::string> Machine::PlatformFunctions() const
     return names;
 }
 
+std::vector<std::string> Machine::FunctionsWithResult() const
+{
+    std::vector<std::string> names = image::ExportsWithResult();
+    for (unsigned index = 0; index < framework::kFunctionCount; ++index) {
+        if (const framework::TableEntry entry = framework::EntryAt(index); entry.hasResult) {
+            names.emplace_back(entry.name);
+        }
+    }
+    return names;
+}
+
 void Machine::SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value)
 {
     kernel_->registry().SetDword(serviceName, name, value);
@@ -301,17 +327,6 @@ void Machine::SetRegistryData(const std::string& serviceName, const std::string&
 {
     kernel_->registry().SetData(serviceName, name, type, std::move(data));
 }
-std::vector<std::string> Machine::FunctionsWithResult() const
-{
-    std::vector<std::string> names = image::ExportsWithResult();
-    for (unsigned index = 0; index < framework::kFunctionCount; ++index) {
-        if (const framework::TableEntry entry = framework::EntryAt(index); entry.hasResult) {
-            names.emplace_back(entry.name);
-        }
-    }
-    return names;
-}
-
 
 std::vector<RegistryNumber> Machine::RegistryNumbers(const std::string& serviceName) const
 {

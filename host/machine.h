@@ -13,6 +13,7 @@
 #pragma once
 
 #include "host/environment.h"
+#include "host/framework/holdings.h"
 #include "host/framework/inspector.h"
 #include "host/kernel/registry.h"
 #include "host/results.h"
@@ -86,6 +87,12 @@ public:
     [[nodiscard]] bool IsInterfaceEnabled(const GUID& interfaceClass) const;
     [[nodiscard]] std::vector<InterfaceChange> InterfaceChanges() const;
 
+    // The open handles of all its devices: of applications, and of the I/O targets of other drivers.
+    [[nodiscard]] unsigned OpenHandles() const;
+
+    // What the driver holds now, by the calls that made it.
+    [[nodiscard]] std::vector<framework::Holding> Holdings() const;
+
     // File handles and I/O controls, as user mode would make them; from any thread.
     IoResult Open(FileId& file);
     void Close(FileId file);  // cleanup and close
@@ -134,15 +141,15 @@ public:
     // among them.
     [[nodiscard]] std::vector<std::string> PlatformFunctions() const;
 
+    // Of these, the functions that return a status or a pointer.
+    [[nodiscard]] std::vector<std::string> FunctionsWithResult() const;
+
     // Registry: values below HKLM\...\Services\<service>\Parameters. SetValue creates the key.
     void SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value);
     void SetRegistryString(const std::string& serviceName, const std::string& name, const std::string& value);
     // A value of any type and length, also one that does not suit its type.
     void SetRegistryData(const std::string& serviceName, const std::string& name, std::uint32_t type,
                          std::vector<std::byte> data);
-
-    // Of these, the functions that return a status or a pointer.
-    [[nodiscard]] std::vector<std::string> FunctionsWithResult() const;
     // The numbers below the key, in the order in which they were first written.
     [[nodiscard]] std::vector<RegistryNumber> RegistryNumbers(const std::string& serviceName) const;
 

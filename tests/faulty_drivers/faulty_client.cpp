@@ -43,6 +43,15 @@ __attribute__((noinline, no_sanitize("undefined"))) void FillNewBlock(CLIENT_CON
     *static_cast<volatile ULONG*>(client.Block) = 1;
 }
 
+__attribute__((noinline)) void CreateForCommand(WDFOBJECT device)
+{
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = device;
+    WDFOBJECT object = nullptr;
+    (void)WdfObjectCreate(&attributes, &object);
+}
+
 NTSTATUS NTAPI OnState(PVOID context, const ZepState* state, PULONG)
 {
     auto& client = *static_cast<CLIENT_CONTEXT*>(context);
@@ -74,6 +83,9 @@ NTSTATUS NTAPI OnCommand(PVOID context, ULONG, const ZepCommandInfo* command, PU
         ReadFreedBlock(client);
     } else if (client.Made == Mistake::kLeaks) {
         client.Block = static_cast<ULONG*>(ExAllocatePoolWithTag(NonPagedPoolNx, kBlockBytes, kTag));
+    }
+    if (client.Made == Mistake::kCreatesWithoutEnd) {
+        CreateForCommand(WdfTimerGetParentObject(client.Timer));
     }
     return STATUS_SUCCESS;
 }
@@ -141,7 +153,11 @@ NTSTATUS NTAPI PrepareHardware(WDFDEVICE device, WDFCMRESLIST, WDFCMRESLIST)
 
 NTSTATUS NTAPI ReleaseHardware(WDFDEVICE device, WDFCMRESLIST)
 {
-    NotifierLinkStop(&ClientContext(device)->Link);
+    CLIENT_CONTEXT& client = *ClientContext(device);
+    NotifierLinkStop(&client.Link);
+    if (client.Made == Mistake::kCallsAfterClosing) {
+        (void)Post(client, 1);
+    }
     return STATUS_SUCCESS;
 }
 

@@ -10,6 +10,8 @@ enum class Mistake : unsigned {
     kCallsAtDispatchLevel,
     kPostsInTimer,        // which one command starts and the next stops
     kLeavesTimerRunning,  // which uses what was freed
+    kCreatesWithoutEnd,   // an object for each command, below the device
+    kCallsAfterClosing,   // the Notifier's device, by the table that it still has
     // These show only when a call fails.
     kTrustsAllocation,
     kForgetsFailedStart,  // and stays registered

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 namespace {
 
@@ -60,7 +61,6 @@ TEST_P(Course, SamplesPass)
     EXPECT_TRUE(report.seen.attaches);
 }
 
-// Each is found, and the finding names it. What shows only in a fault's run is found there.
 // A platform function that the host plays since, and whose failure nobody thought of, is missing here.
 TEST(PossibleFaults, AreKnownOfEveryFunctionThatReturnsAStatusOrAPointer)
 {
@@ -86,6 +86,7 @@ TEST(PossibleFaults, AreKnownOfEveryFunctionThatReturnsAStatusOrAPointer)
     EXPECT_TRUE(test_client::FaultsOf("WdfWaitLockAcquire", "").empty());
 }
 
+// Each is found, and the finding names it. What shows only in a fault's run is found there.
 TEST(CourseOfAFaultyClient, FindsEachMistake)
 {
     struct Row {
@@ -114,6 +115,14 @@ TEST(CourseOfAFaultyClient, FindsEachMistake)
          "takes states and commands",
          {"Time passes", "IRQL: WdfWaitLockAcquire", "faulty_client.so!OnTimer"}},
         {Mistake::kLeavesTimerRunning, "and is unloaded last", {"Time passes", "ReadFreedBlock"}},
+        {Mistake::kCreatesWithoutEnd,
+         "takes them again and again",
+         {"Its peers do the same", "it holds more after every round: ", " x general object after the first", "made by ",
+          "!CreateForCommand (faulty_client.cpp:"}},
+        {Mistake::kCallsAfterClosing,
+         "starts before the Notifier",
+         {"its driver unloaded", "dead handle: Notifier_HelperSendState", "has closed the Notifier's device",
+          "!Post (faulty_client.cpp:"}},
         {Mistake::kTrustsAllocation, "ExAllocatePoolWithTag, call 1, by ", {"FillNewBlock"}},
         {Mistake::kForgetsFailedStart,
          "Notifier_HelperRegisterForStateNotification, call 1: ",

@@ -41,6 +41,15 @@ void Converses(Run& run)
     run.RemoveNotifier();
 }
 
+void ConversesOften(Run& run)
+{
+    run.StartNotifier();
+    run.StartClient();
+    run.ExpectNoGrowth();
+    run.RemoveClient();
+    run.RemoveNotifier();
+}
+
 void MeetsARefusal(Run& run)
 {
     run.StartNotifier();
@@ -140,6 +149,7 @@ constexpr Case kCases[] = {
     {"starts after the Notifier", StartsLast},
     {"is never with a Notifier", IsAlone},
     {"takes states and commands", Converses},
+    {"takes them again and again", ConversesOften},
     {"meets a removal that the Notifier refuses", MeetsARefusal},
     {"meets the Notifier's surprise removal, and is unloaded last", OutlivesTheNotifier},
     {"meets the Notifier's return", MeetsTheNextNotifier},

@@ -118,7 +118,7 @@ private:
         for (const std::filesystem::path& image : {setup_.notifier, setup_.client}) {
             (void)RunInChild([&] {
                 SetWatchdog(kCaseSeconds);
-                host::Machine machine;
+                host::Machine machine({.allowMissing = setup_.allowMissing});
                 (void)machine.Load(image, image.stem().string());
                 return std::string();
             });
@@ -130,7 +130,6 @@ private:
         const Shared<Seen> seen;
         std::vector<Finding> findings = InChild([&] {
             Run run(setup_, *seen);
-            const NotifierCalls calls(run.machine, *seen);
             run.machine.environment().SetObserver([&](const host::ObservedCall& call) {
                 if (std::string_view(call.function).starts_with("WdfRegistryQuery")) {
                     (*seen).parameters.Add(Text(call.detail));

@@ -54,11 +54,10 @@ std::string RecordFaults(const CourseSetup& setup, Seen& seen, std::vector<Findi
                      OrDash(call.detail) + "\n";
         }
     });
-    NotifierCalls calls(run.machine, seen);
     findings = FindingsOf(run, RunWhole);
     run.machine.environment().SetObserver({});
-    for (std::size_t number = 0; number < calls.made().size(); ++number) {
-        const Operation& operation = *calls.made()[number];
+    for (std::size_t number = 0; number < run.calls.made().size(); ++number) {
+        const Operation& operation = *run.calls.made()[number];
         if (operation.failure != STATUS_SUCCESS) {
             lines += std::string(operation.name) + " #" + std::to_string(number) + " " + StatusText(operation.failure) +
                      "\n";
@@ -85,8 +84,8 @@ std::vector<Fault> ReadFaults(const CourseSetup& setup, const std::string& lines
             const bool givesNothing = possible.form == FaultForm::kNull;
             faults.push_back({.name = NameOf(call, number, givesNothing ? "NULL" : StatusText(possible.status)),
                               .platform = {.function = call.function,
-                                           .detail = std::string(possible.detail),
                                            .module = setup.ClientName(),
+                                           .detail = std::string(possible.detail),
                                            .skip = number,
                                            .form = possible.form,
                                            .status = possible.status}});
@@ -98,16 +97,16 @@ std::vector<Fault> ReadFaults(const CourseSetup& setup, const std::string& lines
 std::vector<Finding> RunFault(const CourseSetup& setup, Seen& seen, const Fault& fault)
 {
     Run run(setup, seen);
-    std::optional<NotifierCalls> calls;
     if (fault.IsOfNotifier()) {
-        calls.emplace(run.machine, seen).Fail(fault.notifierCall);
+        run.calls.Fail(fault.notifierCall);
     } else {
         run.machine.faults().Add(fault.platform);
     }
     run.Allow(true);
     return FindingsOf(run, [&](Run& inner) {
         RunWhole(inner);
-        const bool hasStruck = calls ? calls->HasFailed() : inner.machine.faults().StruckCount() != 0;
+        const bool hasStruck =
+            fault.IsOfNotifier() ? inner.calls.HasFailed() : inner.machine.faults().StruckCount() != 0;
         if (!hasStruck) {
             inner.AddFinding("the fault was never reached: the client's calls differ from run to run");
             return;

@@ -70,6 +70,8 @@ int main(int argumentCount, char** arguments)
                    "the Notifier's image or module (default: " + setup.notifier.lexically_relative(ZEPN_ROOT).string() +
                        ")");
     app.add_option("--only", options.only, "only the cases and faults whose names contain this text");
+    app.add_flag("--allow-missing", setup.allowMissing,
+                 "load a client that needs functions which the host does not play");
     app.add_flag("--in-process", options.inProcess, "no processes of their own for the cases: for a debugger");
     app.add_option("--output-junit", junitFile, "write the results to this file, as JUnit does");
     app.add_option("--color", color, "auto, always or never")->check(CLI::IsMember({"auto", "always", "never"}));

@@ -3,6 +3,7 @@
 #include "tools/test_client/notifier_calls.h"
 
 #include <cstring>
+#include <utility>
 
 namespace test_client {
 namespace {
@@ -60,7 +61,7 @@ struct Interposed<kSlot> {
     {
         if (NotifierCalls* calls = NotifierCalls::Current()) {
             Note(calls->seen(), arguments...);
-            if (const std::optional<NTSTATUS> failure = calls->Begin(operation)) {
+            if (const std::optional<NTSTATUS> failure = calls->Begin(operation, HOST_CALLER)) {
                 return *failure;
             }
         }
@@ -115,7 +116,8 @@ void InterposeIn(std::span<std::byte> bytes)
 
 }  // namespace
 
-NotifierCalls::NotifierCalls(host::Machine& machine, Seen& seen) : machine_(machine), seen_(seen)
+NotifierCalls::NotifierCalls(host::Machine& machine, Seen& seen, FindNotifier notifier)
+    : machine_(machine), seen_(seen), notifier_(std::move(notifier))
 {
     g_current = this;
     machine.environment().onInterface = [](const GUID& type, std::span<std::byte> table) {
@@ -139,8 +141,17 @@ NotifierCalls* NotifierCalls::Current()
     return g_current;
 }
 
-std::optional<NTSTATUS> NotifierCalls::Begin(const Operation& operation)
+std::optional<NTSTATUS> NotifierCalls::Begin(const Operation& operation, const void* caller)
 {
+    const host::Driver* notifier = notifier_();
+    const bool isOpen = notifier != nullptr && notifier->OpenHandles() != 0;
+    if (wasOpen_ && !isOpen) {
+        machine_.environment().Report(host::checks::Rule::kDeadHandle, operation.name,
+                                      "the caller has closed the Notifier's device, which alone keeps this function "
+                                      "loaded",
+                                      caller);
+    }
+    wasOpen_ = wasOpen_ || isOpen;
     made_.push_back(&operation);
     return failing_ && made_.size() - 1 == *failing_ ? std::optional(operation.failure) : std::nullopt;
 }

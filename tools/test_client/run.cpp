@@ -1,9 +1,12 @@
 #include "tools/test_client/run.h"
 
+#include "host/checks/source_lines.h"
 #include "tools/play/statuses.h"
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
+#include <map>
 #include <sstream>
 
 namespace test_client {
@@ -12,6 +15,7 @@ namespace {
 using play::StatusText;
 
 constexpr const char* kNotifierService = "zepn";
+constexpr unsigned kRounds = 12;
 constexpr unsigned kDrainMaximum = 64;  // commands of a client's that nobody has taken yet
 
 void SetParameter(host::Machine& machine, const std::string& service, const std::string& name, const std::string& value)
@@ -43,7 +47,9 @@ NTSTATUS Query(host::Driver& driver, const GUID& type, Table& table)
 
 }  // namespace
 
-Run::Run(const CourseSetup& setup, Seen& seen) : setup_(setup), seen_(seen)
+Run::Run(const CourseSetup& setup, Seen& seen)
+    : machine({.allowMissing = setup.allowMissing}), calls(machine, seen, [this] { return notifier_; }), setup_(setup),
+      seen_(seen)
 {
     for (const auto& [name, value] : setup.parameters) {
         SetParameter(machine, setup.ServiceName(), name, value);
@@ -293,6 +299,31 @@ void Run::ExpectJoined()
                    " clients");
     } else if (seen_.attaches && !IsAttached()) {
         AddFinding("it is not attached as crash-dump driver");
+    }
+    Check();
+}
+
+// What is made once for each state or command, up to a limit, has its time to reach it.
+void Run::ExpectNoGrowth()
+{
+    using Place = std::pair<const void*, std::string>;
+    std::map<Place, std::vector<host::framework::Holding>> held;
+    for (unsigned round = 0; round < kRounds; ++round) {
+        Converse();
+        for (host::framework::Holding& holding : client_->Holdings()) {
+            held[{holding.madeBy.back(), holding.what}].push_back(std::move(holding));
+        }
+    }
+    Doing("its peers do the same " + std::to_string(kRounds) + " times");
+    for (const auto& [place, rounds] : held) {
+        const bool grows = std::ranges::adjacent_find(rounds, std::greater_equal<>(),
+                                                      &host::framework::Holding::count) == rounds.end();
+        if (grows && rounds.size() == kRounds) {
+            AddFinding("it holds more after every round: " + std::to_string(rounds.front().count) + " x " +
+                           rounds.front().what + " after the first, " + std::to_string(rounds.back().count) +
+                           " after the last",
+                       {"made by " + host::checks::PathText(machine.environment().PlacesOf(rounds.front().madeBy))});
+        }
     }
     Check();
 }

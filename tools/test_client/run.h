@@ -21,6 +21,7 @@ struct CourseSetup {
     std::vector<std::pair<std::string, std::string>> parameters;  // registry values of the client's service
     std::vector<ULONG> states;                                    // that its peers post
     std::vector<ULONG> commands;                                  // that it is sent, where it takes any
+    bool allowMissing = false;  // it may need functions that the host does not play, until it calls one
 
     [[nodiscard]] std::string ClientName() const { return client.filename().string(); }
     [[nodiscard]] std::string ServiceName() const { return client.stem().string(); }
@@ -59,6 +60,7 @@ public:
     // ---- What must be so ----
 
     [[nodiscard]] int CountJoined();  // its clients that are registered now
+    void ExpectNoGrowth();            // when its peers do the same again and again
     void ExpectJoined();  // as many of its clients are registered as when all is up, and it is attached if it attaches
 
     // ---- Faults ----
@@ -72,6 +74,7 @@ public:
     [[nodiscard]] const std::string& during() const { return during_; }
 
     host::Machine machine;
+    NotifierCalls calls;  // the client's
 
 private:
     void Doing(std::string what);
