@@ -2,10 +2,6 @@
 // members of a record must not get as far as a running driver.
 #include "tests/docs/text_files.h"
 
-#include <cstdlib>
-
-#include <unistd.h>
-
 namespace tests {
 namespace {
 
@@ -14,40 +10,19 @@ constexpr const char* kLanguages[] = {"-x c -std=c11", "-x c++ -std=c++14", "-x 
 constexpr const char* kTargets[] = {"--target=x86_64-pc-windows-msvc", "--target=aarch64-pc-windows-msvc",
                                     "-fshort-wchar -fsigned-char"};
 
-// A folder of its own with one source file that stands where the header does.
-class Source {
-public:
-    Source()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "zepn-header-XXXXXX").string();
-        EXPECT_NE(mkdtemp(name.data()), nullptr);
-        path_ = name;
-    }
-    ~Source() { std::filesystem::remove_all(path_); }
-    Source(const Source&) = delete;
-    Source& operator=(const Source&) = delete;
-
-    // The compiler's messages; empty when there are none.
-    [[nodiscard]] std::string Compile(const std::string& text, const std::string& options) const
-    {
-        std::ofstream(path_ / "source") << text;
-        const std::string command = "clang-19 " + options +
-                                    " -fsyntax-only -Wall -Wextra -Wpedantic -Werror -isystem '" +
-                                    (kRoot / "platform/include").string() + "' -I'" + kRoot.string() + "' '" +
-                                    (path_ / "source").string() + "' > '" + (path_ / "log").string() + "' 2>&1";
-        const bool isGood = std::system(command.c_str()) == 0;
-        const std::string log = TextOf(path_ / "log");
-        EXPECT_EQ(isGood, log.empty()) << log;
-        return log;
-    }
-
-private:
-    std::filesystem::path path_;
-};
+// The compiler's messages for a source file that stands where the header does; empty when there are none.
+std::string Compile(const std::string& text, const std::string& options)
+{
+    const TemporaryFolder folder;
+    folder.Write("source", text);
+    const Ran ran = folder.Run("clang-19 " + options + " -fsyntax-only -Wall -Wextra -Wpedantic -Werror -isystem '" +
+                               (kRoot / "platform/include").string() + "' -I'" + kRoot.string() + "' source 2>&1");
+    EXPECT_EQ(ran.status == 0, ran.printed.empty()) << ran.printed;
+    return ran.printed;
+}
 
 TEST(Header, CompilesAloneInCAndCppForEveryTarget)
 {
-    const Source source;
     const std::string include = std::string("#include \"") + kHeader + "\"\n";
     const std::string use = "const GUID* Table(void);\n"
                             "const GUID* Table(void) { return &GUID_ZEP_NOTIFIER_HELPER_INTERFACE; }\n";
@@ -55,8 +30,8 @@ TEST(Header, CompilesAloneInCAndCppForEveryTarget)
         for (const char* target : kTargets) {
             SCOPED_TRACE(std::string(language) + " " + target);
             const std::string options = std::string(language) + " " + target;
-            EXPECT_EQ(source.Compile(include + use, options), "");
-            EXPECT_EQ(source.Compile("#include <initguid.h>\n" + include + use, options), "");
+            EXPECT_EQ(Compile(include + use, options), "");
+            EXPECT_EQ(Compile("#include <initguid.h>\n" + include + use, options), "");
         }
     }
 }
@@ -64,7 +39,6 @@ TEST(Header, CompilesAloneInCAndCppForEveryTarget)
 // What a driver's source expects of the kernel's headers beside functions, in a free and in a checked build.
 TEST(KernelInlines, CompileInCAndCppForEveryTarget)
 {
-    const Source source;
     const std::string use = "#include <ntddk.h>\n"
                             "LONG Use(PLIST_ENTRY head, LONG volatile* count, PVOID volatile* slot);\n"
                             "LONG Use(PLIST_ENTRY head, LONG volatile* count, PVOID volatile* slot)\n"
@@ -81,7 +55,7 @@ TEST(KernelInlines, CompileInCAndCppForEveryTarget)
         for (const char* target : kTargets) {
             for (const char* build : {"-DDBG=0", "-DDBG=1"}) {
                 SCOPED_TRACE(std::string(language) + " " + target + " " + build);
-                EXPECT_EQ(source.Compile(use, std::string(language) + " " + target + " " + build), "");
+                EXPECT_EQ(Compile(use, std::string(language) + " " + target + " " + build), "");
             }
         }
     }
@@ -90,7 +64,7 @@ TEST(KernelInlines, CompileInCAndCppForEveryTarget)
 // The header, each time with another two neighbouring members of a record exchanged.
 std::vector<std::string> WithMembersExchanged()
 {
-    std::vector<std::string> lines = LinesOf(TextOf(kRoot / kHeader));
+    std::vector<std::string> lines = LinesOf(ReadAll(kRoot / kHeader));
     std::vector<std::string> headers;
     std::size_t before = 0;  // the line of the member before; 0: none
     bool isRecord = false;
@@ -117,13 +91,11 @@ std::vector<std::string> WithMembersExchanged()
 
 TEST(Header, IsRefusedByTheCompilerWhenMembersOfARecordAreExchanged)
 {
-    const Source source;
     const std::vector<std::string> headers = WithMembersExchanged();
     EXPECT_GT(headers.size(), 40u);
     for (const char* language : {kLanguages[0], kLanguages[1]}) {
         for (const std::string& header : headers) {
-            const std::string messages = source.Compile(header, std::string(language) + " " + kTargets[0]);
-            EXPECT_NE(messages.find("static assertion failed"), std::string::npos) << messages;
+            EXPECT_TRUE(Has(Compile(header, std::string(language) + " " + kTargets[0]), "static assertion failed"));
         }
     }
 }

@@ -2,12 +2,10 @@
 // every status, prohibition and error event stands in docs/troubleshooting.md with a scenario that shows it.
 #include "host/tracing/decode.h"
 #include "tests/docs/text_files.h"
+#include "tests/play/played.h"
 #include "tools/play/diagram.h"
 #include "tools/play/perfetto.h"
-#include "tools/play/player.h"
-#include "tools/play/reading/scenario_reader.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <regex>
@@ -50,14 +48,8 @@ private:
     std::map<std::string, std::vector<std::string>> open_;
 };
 
-play::PlayOptions Options()
-{
-    play::PlayOptions options;
-    options.image = kImage;
-    options.decodingFiles = kRoot / "out" / "manifest";
-    options.eventLevel = 3;
-    return options;
-}
+const play::PlayOptions kOptions = {
+    .image = kImage, .decodingFiles = kRoot / "out" / "manifest", .eventLevel = std::uint8_t{3}};
 
 // Plays a scenario once, which must end as it expects.
 const Shown& Play(const std::filesystem::path& file)
@@ -65,10 +57,8 @@ const Shown& Play(const std::filesystem::path& file)
     static std::map<std::filesystem::path, Shown> played;
     const auto [found, isNew] = played.try_emplace(std::filesystem::canonical(file));
     if (isNew) {
-        std::ostringstream out;
-        play::Timeline timeline(out, play::Timeline::Form::kText, false);
-        timeline.AddObserver(found->second);
-        EXPECT_TRUE(play::Play(play::ReadScenario(file), Options(), timeline)) << file << "\n" << out.str();
+        const Played run = PlayWith(kOptions, play::ReadScenario(file), &found->second);
+        EXPECT_TRUE(run.isGood) << file << "\n" << run.text;
     }
     return found->second;
 }
@@ -133,10 +123,10 @@ Pairs StatusesOfHeader(const std::string& header)
 
 TEST(Troubleshooting, HoldsEachStatusOfTheHeaderWithAScenarioThatShowsIt)
 {
-    const Pairs expected = StatusesOfHeader(TextOf(kRoot / "driver/include/zepn_notifier.h"));
+    const Pairs expected = StatusesOfHeader(ReadAll(kRoot / "driver/include/zepn_notifier.h"));
     EXPECT_GT(expected.size(), 40u);
     Pairs found;
-    for (const auto& row : Rows(TextOf(kRoot / "docs/troubleshooting.md"))) {
+    for (const auto& row : Rows(ReadAll(kRoot / "docs/troubleshooting.md"))) {
         if (row.size() == 5 && row[1].starts_with("STATUS_")) {
             found.insert({row[0], row[1]});
             EXPECT_TRUE(PlayLinked(row).statuses.contains({row[0], row[1]})) << row[0] << " " << row[1];
@@ -147,16 +137,11 @@ TEST(Troubleshooting, HoldsEachStatusOfTheHeaderWithAScenarioThatShowsIt)
 
 TEST(Troubleshooting, HoldsEachProhibitionOfTheHeaderWithAScenarioThatShowsItsTrouble)
 {
-    std::set<std::string> expected;
-    for (const std::string& line : LinesOf(TextOf(kRoot / "driver/include/zepn_notifier.h"))) {
-        std::smatch match;
-        if (std::regex_search(line, match, std::regex(R"(^//   (\[[a-z-]+\]) )"))) {
-            expected.insert(match[1]);
-        }
-    }
+    const std::set<std::string> expected =
+        Matches(ReadAll(kRoot / "driver/include/zepn_notifier.h"), R"(\n//   (\[[a-z-]+\]) )");
     EXPECT_GT(expected.size(), 5u);
     std::set<std::string> found;
-    for (const auto& row : Rows(TextOf(kRoot / "docs/troubleshooting.md"))) {
+    for (const auto& row : Rows(ReadAll(kRoot / "docs/troubleshooting.md"))) {
         if (row[0].starts_with("[")) {
             found.insert(row[0]);
             EXPECT_TRUE(PlayLinked(row).hasFinding) << row[0];
@@ -176,7 +161,7 @@ TEST(Troubleshooting, HoldsEachErrorAndWarningEventWithAScenarioThatShowsIt)
         }
     }
     std::set<std::string> found;
-    for (const auto& row : Rows(TextOf(kRoot / "docs/troubleshooting.md"))) {
+    for (const auto& row : Rows(ReadAll(kRoot / "docs/troubleshooting.md"))) {
         if (row[0].starts_with("event ")) {
             found.insert(row[0]);
             EXPECT_TRUE(PlayLinked(row).reports.contains(row[0])) << row[0];
@@ -188,11 +173,11 @@ TEST(Troubleshooting, HoldsEachErrorAndWarningEventWithAScenarioThatShowsIt)
 // Nothing in the page is only claimed, and no scenario lies about that no page leads to.
 TEST(Troubleshooting, EachRowHasAScenarioAndEachScenarioARow)
 {
-    const std::string page = TextOf(kRoot / "docs/troubleshooting.md");
+    const std::string page = ReadAll(kRoot / "docs/troubleshooting.md");
     bool isInTable = false;
     for (const std::string& line : LinesOf(page)) {
         if (isInTable && line.starts_with("|")) {
-            EXPECT_NE(line.find(".json) |"), std::string::npos) << line;
+            EXPECT_TRUE(Has(line, ".json) |"));
         }
         isInTable = line.starts_with("|--") || (isInTable && line.starts_with("|"));
     }
@@ -213,10 +198,10 @@ TEST(Scenarios, AllPlayToTheEndThatTheyExpect)
 
 TEST(Pages, ReportsPageIsTheGeneratedOne)
 {
-    EXPECT_EQ(TextOf(kRoot / "docs/reports.md"), TextOf(kRoot / "out/pages/reports.md"))
+    EXPECT_EQ(ReadAll(kRoot / "docs/reports.md"), ReadAll(kRoot / "out/pages/reports.md"))
         << "copy out/pages/reports.md to docs/";
     const std::string count = std::to_string(host::tracing::MessageFormats(kRoot / "out/manifest").formats().size());
-    EXPECT_NE(TextOf(kRoot / "README.md").find("| " + count + " of " + count + ", both images |"), std::string::npos)
+    EXPECT_NE(ReadAll(kRoot / "README.md").find("| " + count + " of " + count + ", both images |"), std::string::npos)
         << "the README counts other reporting sites";
 }
 
@@ -227,11 +212,9 @@ TEST(Pages, LinkOnlyToWhatIsThere)
     for (const auto& entry : std::filesystem::directory_iterator(kRoot / "docs")) {
         pages.push_back(entry.path());
     }
-    const std::regex link(R"(\]\(([^)#:]+)(#[^)]*)?\))");
     for (const auto& page : pages) {
-        const std::string text = TextOf(page);
-        for (std::sregex_iterator at(text.begin(), text.end(), link), end; at != end; ++at) {
-            EXPECT_TRUE(std::filesystem::exists(page.parent_path() / (*at)[1].str())) << page << ": " << (*at)[1];
+        for (const std::string& link : Matches(ReadAll(page), R"(\]\(([^)#:]+)(?:#[^)]*)?\))")) {
+            EXPECT_TRUE(std::filesystem::exists(page.parent_path() / link)) << page << ": " << link;
         }
     }
 }
@@ -240,10 +223,7 @@ TEST(Perfetto, HasATrackForEachAndAnArrowIntoEachDelivery)
 {
     double us = 0;
     play::Perfetto picture("boot", [&us] { return us += 10; });
-    std::ostringstream out;
-    play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    timeline.AddObserver(picture);
-    ASSERT_TRUE(play::Play(play::ReadScenario(kRoot / "scenarios/boot.json"), Options(), timeline));
+    ASSERT_TRUE(PlayWith(kOptions, play::ReadScenario(kRoot / "scenarios/boot.json"), &picture).isGood);
     std::ostringstream written;
     picture.Write(written);
     const auto trace = nlohmann::json::parse(written.str());

@@ -5,7 +5,6 @@
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
-#include <regex>
 
 namespace tests {
 namespace {
@@ -16,7 +15,7 @@ const std::filesystem::path kWorkflow = kRoot / ".github/workflows/windows.yml";
 TEST(Workflow, MakesThePackageFromTheWholeHistory)
 {
     const YAML::Node steps = YAML::LoadFile(kWorkflow.string())["jobs"]["package"]["steps"];
-    EXPECT_NE(steps[0]["run"].as<std::string>().find(" git"), std::string::npos);
+    EXPECT_TRUE(Has(steps[0]["run"].as<std::string>(), " git"));
     EXPECT_EQ(steps[1]["uses"].as<std::string>().substr(0, 17), "actions/checkout@");
     EXPECT_EQ(steps[1]["with"]["fetch-depth"].as<std::string>(), "0");
 }
@@ -28,9 +27,8 @@ TEST(Workflow, NamesFilesThatAreThere)
     for (const auto& job : workflow["jobs"]) {
         for (const YAML::Node& step : job.second["steps"]) {
             const std::string text = step["run"].IsDefined() ? step["run"].as<std::string>() : "";
-            const std::regex name(R"((?:^|[\s'"])\.?[\\/]?((?:tests|driver)[\\/][\w\\/.]+\.(?:sln|cpp|ps1|capture)))");
-            for (std::sregex_iterator at(text.begin(), text.end(), name), end; at != end; ++at) {
-                std::string file = (*at)[1];
+            for (std::string file :
+                 Matches(text, R"((?:^|[\s'"])\.?[\\/]?((?:tests|driver)[\\/][\w\\/.]+\.(?:sln|cpp|ps1|capture)))")) {
                 std::ranges::replace(file, '\\', '/');
                 EXPECT_TRUE(std::filesystem::exists(kRoot / file)) << file;
                 ++files;

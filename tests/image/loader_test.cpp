@@ -4,13 +4,7 @@
 #include "host/image/image.h"
 #include "tests/image/damage.h"
 
-#include <gtest/gtest.h>
-
 #include <dlfcn.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <fstream>
 
 namespace tests {
 namespace {
@@ -37,22 +31,16 @@ protected:
                 // It has no place for one.
             }
         }
-        const std::filesystem::path file =
-            std::filesystem::temp_directory_path() / ("damaged-" + std::to_string(getpid()) + ".sys");
-        {
-            std::ofstream stream(file, std::ios::binary);
-            stream.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        }
-        std::string refusal;
+        const TemporaryFolder folder;
         try {
             host::Environment environment({});
             RegisterExports();
-            (void)host::image::LoadedImage::Load(environment, file);
+            (void)host::image::LoadedImage::Load(environment,
+                                                 folder.Write("damaged.sys", {bytes.begin(), bytes.end()}));
         } catch (const host::HostError& error) {
-            refusal = error.what();
+            return error.what();
         }
-        std::filesystem::remove(file);
-        return refusal;
+        return {};
     }
 
     static void RegisterExports();
@@ -78,38 +66,36 @@ TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
 {
     EXPECT_EQ(Refusal(good.bytes(), false), "");
     struct Row {
-        const char* name;
         Edit damage;
         const char* words;
     };
     const Row kRows[] = {
-        {"no PE signature", Write(Optional(-24), {'X'}), "no PE signature"},
-        {"other machine", Write(Optional(-20), {0x4C, 0x01}), "this host runs"},
-        {"PE32", Write(Optional(0), {0x0B, 0x01}), "not PE32+"},
-        {"subsystem", Write(Optional(68), {2, 0}), "subsystem is not native"},
-        {"image size", Write(Optional(56), {1, 0, 0, 0}), "image size"},
-        {"entry in data", Write(Optional(16), {0, 0, 0, 0}), "no executable section"},
-        {"writable code", Write(Header(kText, 36), {0x20, 0, 0, 0xE0}), "writable and executable"},
-        {"section past the end", Write(Header(kText, 16), {0xFF, 0xFF, 0xFF, 0x0F}), "beyond the end of the file"},
-        {"overlapping sections", Write(Header(kReadOnlyData, 12), {0, 0x10, 0, 0}), "do not fit"},
-        {"thread-local storage", Write(Directory(9), {1, 0, 0, 0}), "none of this kind"},
-        {"relocations stripped", Write(Optional(-2), {0x23, 0x00}), "relocations are stripped"},
-        {"relocation outside", Write(Table(5), {0xFF, 0xFF, 0xFF, 0x7F}), "outside the image"},
-        {"relocation type", Write(Table(5, 8), {0x00, 0x30}), "type 3"},
-        {"unknown module", Write(Followed(Table(1, 12)), {'q'}), " functions that this host does not play: q"},
-        {"unknown name", Write(Followed(Followed(Table(1)), 2), {'q'}),
-         "needs a function that this host does not play: q"},
-        {"import by ordinal", Write(Followed(Table(1), 7), {0x80}), "by ordinal"},
+        {Write(Optional(-24), {'X'}), "no PE signature"},
+        {Write(Optional(-20), {0x4C, 0x01}), "this host runs"},
+        {Write(Optional(0), {0x0B, 0x01}), "not PE32+"},
+        {Write(Optional(68), {2, 0}), "subsystem is not native"},
+        {Write(Optional(56), {1, 0, 0, 0}), "image size"},
+        {Write(Optional(16), {0, 0, 0, 0}), "no executable section"},
+        {Write(Header(kText, 36), {0x20, 0, 0, 0xE0}), "writable and executable"},
+        {Write(Header(kText, 16), {0xFF, 0xFF, 0xFF, 0x0F}), "beyond the end of the file"},
+        {Write(Header(kReadOnlyData, 12), {0, 0x10, 0, 0}), "do not fit"},
+        {Write(Directory(9), {1, 0, 0, 0}), "none of this kind"},
+        {Write(Optional(-2), {0x23, 0x00}), "relocations are stripped"},
+        {Write(Table(5), {0xFF, 0xFF, 0xFF, 0x7F}), "outside the image"},
+        {Write(Table(5, 8), {0x00, 0x30}), "type 3"},
+        {Write(Followed(Table(1, 12)), {'q'}), " functions that this host does not play: q"},
+        {Write(Followed(Followed(Table(1)), 2), {'q'}), "needs a function that this host does not play: q"},
+        {Write(Followed(Table(1), 7), {0x80}), "by ordinal"},
     };
     for (const Row& row : kRows) {
         Bytes bytes = good.bytes();
         row.damage(bytes, Places{good});
         const std::string refusal = Refusal(bytes, true);
-        EXPECT_NE(refusal.find(row.words), std::string::npos) << row.name << ": " << refusal;
+        EXPECT_TRUE(Has(refusal, row.words));
     }
     Bytes changed = good.bytes();
     changed[changed.size() / 2] ^= 1;
-    EXPECT_NE(Refusal(changed, false).find("checksum"), std::string::npos);
+    EXPECT_TRUE(Has(Refusal(changed, false), "checksum"));
 }
 
 // As the system's loader: only the default value asks for another one, so that each load has a cookie of its own.
@@ -138,8 +124,7 @@ TEST_F(Loader, LoadsTheNativeDriverUnderANameThatOtherProcessesCanOpen)
     const auto image = host::image::LoadedImage::Load(environment, ZEPN_NATIVE_DRIVER);
     Dl_info library{};
     ASSERT_NE(dladdr(image->entry(), &library), 0);
-    EXPECT_EQ(std::system(("head -c 4 '" + std::string(library.dli_fname) + "' | grep -q ELF").c_str()), 0)
-        << library.dli_fname;
+    EXPECT_EQ(Shell("head -c 4 '" + std::string(library.dli_fname) + "' | grep -q ELF").status, 0) << library.dli_fname;
 }
 
 TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)

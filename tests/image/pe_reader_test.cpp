@@ -3,13 +3,7 @@
 #include "tests/image/damage.h"
 #include "tools/image_check/text.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdlib>
-#include <fstream>
-
-#include <unistd.h>
 
 namespace tests {
 namespace {
@@ -20,18 +14,13 @@ using image_check::Join;
 // What llvm-readobj prints of an image, line by line without blanks at the ends.
 std::vector<std::string> PrintedByLlvm(const std::filesystem::path& image)
 {
-    const std::filesystem::path printed =
-        std::filesystem::temp_directory_path() / ("zepn-readobj-" + std::to_string(getpid()));
-    const std::string command = "llvm-readobj-19 --file-headers --sections --coff-imports --coff-basereloc '" +
-                                image.string() + "' > '" + printed.string() + "'";
-    EXPECT_EQ(std::system(command.c_str()), 0);
-    std::vector<std::string> lines;
-    std::ifstream stream(printed);
-    for (std::string line; std::getline(stream, line);) {
+    const Ran ran =
+        Shell("llvm-readobj-19 --file-headers --sections --coff-imports --coff-basereloc '" + image.string() + "'");
+    EXPECT_EQ(ran.status, 0);
+    std::vector<std::string> lines = LinesOf(ran.printed);
+    for (std::string& line : lines) {
         line.erase(0, line.find_first_not_of(' '));
-        lines.push_back(line);
     }
-    std::filesystem::remove(printed);
     return lines;
 }
 

@@ -9,6 +9,13 @@
 
 namespace {
 
+// Children that die on purpose begin anew where that is possible; an emulator cannot start itself again.
+#if defined(ZEPN_EMULATED)
+constexpr const char* kDeathTestStyle = "fast";
+#else
+constexpr const char* kDeathTestStyle = "threadsafe";
+#endif
+
 // Of processor time, without a case or a crash context that begins; many times what the longest takes.
 #if defined(ZEPN_EMULATED) || defined(ZEPN_SANITIZED)
 constexpr std::chrono::seconds kLimit = std::chrono::minutes(30);
@@ -31,6 +38,7 @@ class Progress : public testing::EmptyTestEventListener {
 
 int main(int argumentCount, char** arguments)
 {
+    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     testing::InitGoogleTest(&argumentCount, arguments);
     testing::UnitTest::GetInstance()->listeners().Append(new Progress);
     const host::checks::Watchdog watchdog(Limit());

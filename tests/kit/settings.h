@@ -10,6 +10,13 @@
 
 namespace tests {
 
+// The folder of the images that this machine runs.
+#if defined(__x86_64__)
+inline constexpr const char* kMachine = "x64";
+#else
+inline constexpr const char* kMachine = "arm64";
+#endif
+
 [[nodiscard]] std::filesystem::path NativeDriver();
 
 // Where the tests leave their statistics and lists.

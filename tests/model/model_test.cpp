@@ -7,8 +7,7 @@
 #include "tests/kit/driver_fixture.h"
 #include "tests/kit/settings.h"
 #include "tests/model/observed.h"
-#include "tools/play/player.h"
-#include "tools/play/reading/scenario_reader.h"
+#include "tests/play/played.h"
 
 #include <algorithm>
 #include <chrono>
@@ -169,7 +168,7 @@ TEST(SequencesThatEndTheProcess, AreFoundLikeThoseThatDiffer)
         EXPECT_EQ(KindsOf(finding.sequence), (std::multiset{Kind::kRegister, Kind::kDeregister}))
             << model::Report(finding);
         EXPECT_EQ(finding.mismatch.operation, 1u);
-        EXPECT_NE(finding.mismatch.text.find(says), std::string::npos) << finding.mismatch.text;
+        EXPECT_TRUE(Has(finding.mismatch.text, says));
     }
     const model::Sequence leaving = SequenceOf({Kind::kRegister, Kind::kCount, Kind::kDeregister});
     AtDeregistration([] { std::this_thread::sleep_for(std::chrono::hours(1)); });
@@ -183,7 +182,7 @@ TEST(SequencesThatEndTheProcess, AreFoundLikeThoseThatDiffer)
     const model::Finding finding = FindingOf(Model::ModelBug::kNone);
     EXPECT_GT(finding.number, 0u);
     EXPECT_FALSE(finding.again) << model::Report(finding);
-    EXPECT_NE(finding.mismatch.text.find("memory fault"), std::string::npos);
+    EXPECT_TRUE(Has(finding.mismatch.text, "memory fault"));
 
     model::onPlatformCall = nullptr;
     EXPECT_FALSE(model::RunInOwnProcess(leaving, ZEPN_NATIVE_DRIVER, model::kWatchdogSeconds).has_value());
@@ -194,12 +193,8 @@ TEST(SequencesThatEndTheProcess, AreFoundLikeThoseThatDiffer)
 std::string Play(const model::Sequence& sequence, const std::optional<model::Mismatch>& mismatch = std::nullopt)
 {
     const std::string text = model::Scenario(sequence, "A sequence", mismatch);
-    const play::Scenario scenario = play::ParseScenario(text, "sequence.json");
-    std::ostringstream out;
-    play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    play::PlayOptions options;
-    options.image = ZEPN_NATIVE_DRIVER;
-    return play::Play(scenario, options, timeline) ? "" : text + out.str();
+    const Played played = PlayWith({.image = ZEPN_NATIVE_DRIVER}, play::ParseScenario(text, "sequence.json"));
+    return played.isGood ? "" : text + played.text;
 }
 
 TEST(Scenarios, OfSequencesPlayAsTheModelExpects)

@@ -1,32 +1,26 @@
 // The mutation run itself: which mutants a source has, what becomes of them, how the list of equivalent ones is kept.
 #include "tests/mutation/native_driver.h"
 
-#include <gtest/gtest.h>
+#include "tests/kit/texts.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace mutation {
 namespace {
 
+using tests::TemporaryFolder;
 using Lines = std::vector<std::string>;
 
 // A project with one source, and a build folder whose only test calls the driver's function.
-class TinyProject {
-public:
-    explicit TinyProject(const std::string& source)
+struct TinyProject : TemporaryFolder {
+    explicit TinyProject(const std::string& source) : TemporaryFolder("zepn mutants ")
     {
-        std::string name = (std::filesystem::temp_directory_path() / "zepn mutants XXXXXX").string();
-        EXPECT_NE(mkdtemp(name.data()), nullptr);
-        root = name;
-        const std::string build = (root / "build").string();
-        const std::string path = (root / "driver/tiny.cpp").string();
+        const std::string build = (path / "build").string();
+        const std::string file = (path / "driver/tiny.cpp").string();
         const std::string object = "platform/zepn_native.dir/tiny.o";
-        const std::string compile = "clang++-19 -std=c++20 -O1 -fPIC -o " + object + " -c '" + path + "'";
+        const std::string compile = "clang++-19 -std=c++20 -O1 -fPIC -o " + object + " -c '" + file + "'";
         Write("driver/tiny.cpp", source);
         Write("build/tests.cpp", R"(
             #include <cstdlib>
@@ -39,28 +33,15 @@ public:
             }
         )");
         Write("build/compile_commands.json",
-              nlohmann::json::array({{{"directory", build}, {"file", path}, {"command", compile}}}).dump());
+              nlohmann::json::array({{{"directory", build}, {"file", file}, {"command", compile}}}).dump());
         Write("build/build.ninja", "rule run\n command = $do\nbuild " + object + ": run\n do = " + compile +
                                        "\nbuild platform/zepn.so: run " + object +
                                        "\n do = clang++-19 -shared -o platform/zepn.so " + object + "\n");
-        const std::string line = "cd '" + build +
-                                 "' && mkdir -p platform/zepn_native.dir tests && ninja > log"
-                                 " && clang++-19 -o tests/behaviour_tests tests.cpp"
-                                 " && for name in model fault_injection concurrency; do"
-                                 " ln -s /bin/true tests/${name}_tests; done";
-        EXPECT_EQ(std::system(line.c_str()), 0);
-    }
-    ~TinyProject() { std::filesystem::remove_all(root); }
-    TinyProject(const TinyProject&) = delete;
-    TinyProject& operator=(const TinyProject&) = delete;
-
-    std::filesystem::path root;
-
-private:
-    void Write(const std::string& file, const std::string& text) const
-    {
-        std::filesystem::create_directories((root / file).parent_path());
-        std::ofstream(root / file) << text;
+        EXPECT_EQ(Run("cd build && mkdir -p platform/zepn_native.dir tests && ninja > log"
+                      " && clang++-19 -o tests/behaviour_tests tests.cpp"
+                      " && for name in model fault_injection concurrency; do ln -s /bin/true tests/${name}_tests; done")
+                      .status,
+                  0);
     }
 };
 
@@ -82,7 +63,7 @@ extern "C" int Unused()
 TEST(MutationRun, KillsWhatATestSeesAndShowsWhatSurvives)
 {
     const TinyProject project(kLimit);
-    const NativeDriver driver(project.root, project.root / "build");
+    const NativeDriver driver(project.path, project.path / "build");
     EXPECT_NO_THROW(driver.TestUnchanged());
     const std::vector<Mutant> mutants = driver.Mutants();
     std::istringstream list("driver/tiny.cpp, Unused\nreturn 9;\n`9` -> `(9 + 1)`\nnobody calls it\n");
@@ -118,7 +99,7 @@ TEST(MutationRun, KillsWhatATestSeesAndShowsWhatSurvives)
 TEST(MutationRun, RefusesADriverThatFailsUnchanged)
 {
     const TinyProject project("extern \"C\" int Limit(int value)\n{\n    return value;\n}\n");
-    EXPECT_THROW(NativeDriver(project.root, project.root / "build").TestUnchanged(), std::runtime_error);
+    EXPECT_THROW(NativeDriver(project.path, project.path / "build").TestUnchanged(), std::runtime_error);
 }
 
 // One of each operator, and what must have none: static assertions, the bodies of macros, a second instance.
@@ -154,7 +135,7 @@ int Take(int first, int)
 }
 )");
     Lines changes;
-    for (const Mutant& mutant : NativeDriver(project.root, project.root / "build").Mutants()) {
+    for (const Mutant& mutant : NativeDriver(project.path, project.path / "build").Mutants()) {
         changes.push_back(std::to_string(mutant.line) + " " + mutant.kind + ": " + mutant.change);
     }
     EXPECT_EQ(changes, (Lines{

@@ -15,8 +15,7 @@ inline Inf ReadInf(const fs::path& file)
 {
     Inf inf;
     std::string section;
-    std::istringstream lines(ReadAll(file));
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line : LinesOf(ReadAll(file))) {
         EXPECT_TRUE(line.ends_with('\r')) << file << ": " << line;
         line = Trimmed(line);
         if (line.empty() || line[0] == ';') {

@@ -146,8 +146,7 @@ TEST_F(InfFiles, WriteTheParametersThatTheDriverReadsOnlyWhereThereAreNone)
                 if (parts.size() == 5 && parts[0] == "HKR" && parts[1] == "Parameters") {
                     EXPECT_EQ(parts[3], "0x00010003");
                     found.insert(parts[2]);
-                    EXPECT_NE(ReadAll(fs::path(root_) / driver.sources).find("L\"" + parts[2] + "\""),
-                              std::string::npos);
+                    EXPECT_TRUE(Has(ReadAll(fs::path(root_) / driver.sources), "L\"" + parts[2] + "\""));
                 }
             }
         }
@@ -178,9 +177,8 @@ TEST_F(InfFiles, OfTheNotifierProtectTheDeviceAndRegisterItsEvents)
     const auto guid = host::tracing::ParseGuid(provider.at(0));
     ASSERT_TRUE(guid);
     EXPECT_EQ(host::tracing::GuidText(*guid), host::tracing::GuidText(manifest.provider()));
-    EXPECT_NE(ReadAll(folder_ / "trace" / "zepn.man")
-                  .find("provider name=\"" + Value(inf, provider.at(1), "ProviderName") + "\""),
-              std::string::npos);
+    EXPECT_TRUE(Has(ReadAll(folder_ / "trace" / "zepn.man"),
+                    "provider name=\"" + Value(inf, provider.at(1), "ProviderName") + "\""));
     EXPECT_EQ(Value(inf, provider.at(1), "ResourceFile"), "%13%\\zepn.sys");
     EXPECT_EQ(Value(inf, provider.at(1), "MessageFile"), "%13%\\zepn.sys");
 }

@@ -18,20 +18,16 @@ protected:
     // The end status of sign.sh, with the test certificate; options stand before the command.
     [[nodiscard]] int Sign(const std::string& options = "") const
     {
-        const std::string call = options + " '" + root_ + "/driver/package/sign.sh' '" + folder_.string() + "' '" +
-                                 (folder_ / "work").string() + "' > /dev/null 2>&1";
-        return std::system(call.c_str());
+        return Shell(options + " '" + root_ + "/driver/package/sign.sh' '" + folder_.string() + "' '" +
+                     (folder_ / "work").string() + "' 2>&1")
+            .status;
     }
 
-    // Whether the certificate's signature on an image holds; all that is said of it in text.
-    [[nodiscard]] bool Verifies(const fs::path& image, std::string& text) const
+    // Whether the certificate's signature on an image holds, and all that is said of it.
+    [[nodiscard]] Ran Verify(const std::string& image) const
     {
-        const fs::path log = folder_ / "verify.log";
-        const std::string call = "osslsigncode verify -CAfile '" + (folder_ / "work/test-certificate.pem").string() +
-                                 "' -in '" + image.string() + "' > '" + log.string() + "' 2>&1";
-        const bool good = std::system(call.c_str()) == 0;
-        text = ReadAll(log);
-        return good;
+        return Shell("osslsigncode verify -CAfile '" + (folder_ / "work/test-certificate.pem").string() + "' -in '" +
+                     (folder_ / image).string() + "' 2>&1");
     }
 };
 
@@ -75,29 +71,29 @@ TEST_F(Package, HoldsWhatItsReadmeListsAndNothingElse)
 
     const std::string readme = ReadAll(folder_ / "README.md");
     EXPECT_EQ(readme.find('@'), std::string::npos) << "a place that nothing filled";
-    EXPECT_NE(readme.find(VersionResource(folder_ / "arm64" / "zepn.sys").FileVersion()), std::string::npos);
+    EXPECT_TRUE(Has(readme, VersionResource(folder_ / "arm64" / "zepn.sys").FileVersion()));
     for (const std::string& name : found) {
         const std::string top = name.substr(0, name.find('/') == std::string::npos ? name.size() : name.find('/') + 1);
         EXPECT_TRUE(top == "README.md" || readme.find("`" + top + "`") != std::string::npos) << top;
     }
-    EXPECT_NE(ReadAll(folder_ / "include" / "zepn_notifier.h").find("Version " + version_), std::string::npos);
+    EXPECT_TRUE(Has(ReadAll(folder_ / "include" / "zepn_notifier.h"), "Version " + version_));
 }
 
 TEST_F(Package, SignedImagesVerifyPageByPageAndDamageIsSeen)
 {
     ASSERT_EQ(Sign(), 0);
-    std::string text;
     for (const char* image : {"arm64/zepn.sys", "x64/zepn.sys", "probe/x64/zepn_probe.sys",
                               "samples/client/arm64/zepn_client.sys", "samples/crashdump/x64/zepn_crashdump.sys"}) {
-        EXPECT_TRUE(Verifies(folder_ / image, text)) << image << "\n" << text;
-        EXPECT_NE(text.find("Page hash"), std::string::npos) << image << "\n" << text;
+        const Ran ran = Verify(image);
+        EXPECT_EQ(ran.status, 0) << image << "\n" << ran.printed;
+        EXPECT_TRUE(Has(ran.printed, "Page hash")) << image;
     }
     std::fstream file(folder_ / "arm64" / "zepn.sys", std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(0x1000);
     file.put('\x5A');
     file.put('\xA5');
     file.close();
-    EXPECT_FALSE(Verifies(folder_ / "arm64" / "zepn.sys", text));
+    EXPECT_NE(Verify("arm64/zepn.sys").status, 0);
 }
 
 // Nobody answers there: without the countersignature that was asked for there is no signature at all.

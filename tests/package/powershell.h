@@ -4,97 +4,55 @@
 
 #include <algorithm>
 #include <string>
-#include <vector>
+#include <string_view>
 
 namespace tests {
 
 // What is wrong with the form, with its line; empty when nothing is. Expressions inside of quotes are looked into.
-class PowerShellForm {
-public:
-    static std::string Fault(const std::string& text) { return PowerShellForm(text).Check(); }
-
-private:
-    explicit PowerShellForm(const std::string& text) : text_(text) {}
-
-    std::string Check()
-    {
-        while (at_ < text_.size() && fault_.empty()) {
-            Step();
-        }
-        if (fault_.empty() && !open_.empty()) {
-            return std::string(1, open_.back()) + " is not closed";
-        }
-        return fault_;
-    }
-
-    void Step()
-    {
-        const char letter = text_[at_];
-        line_ += letter == '\n' ? 1 : 0;
-        if (!open_.empty() && open_.back() == '"') {
-            InDoubleQuotes(letter);
-        } else if (text_.compare(at_, 2, "<#") == 0) {
-            Skip("#>");
-        } else if (letter == '#') {
-            at_ = std::min(text_.find('\n', at_), text_.size());
-        } else if (letter == '\'') {
-            Skip("'");
-        } else if (letter == '`') {
-            at_ += 2;
-        } else {
-            Bracket(letter);
-            ++at_;
-        }
-    }
-
-    void InDoubleQuotes(char letter)
-    {
+inline std::string FaultOfPowerShell(const std::string& text)
+{
+    constexpr std::string_view kOpening = "([{";
+    constexpr std::string_view kClosing = ")]}";
+    std::string open;  // what is not closed yet, the innermost last
+    std::size_t at = 0;
+    const auto line = [&] {
+        return "line " + std::to_string(1 + std::count(text.begin(), text.begin() + std::ptrdiff_t(at), '\n')) + ": ";
+    };
+    while (at < text.size()) {
+        const char letter = text[at];
+        const bool isQuoted = open.ends_with('"');
+        const bool isComment = text.compare(at, 2, "<#") == 0;
         if (letter == '`') {
-            at_ += 2;
-        } else if (text_.compare(at_, 2, "$(") == 0) {
-            open_.push_back('(');
-            at_ += 2;
+            at += 2;
+        } else if (letter == '"') {
+            isQuoted ? open.pop_back() : open.push_back('"');
+            ++at;
+        } else if (isQuoted) {
+            const bool isExpression = text.compare(at, 2, "$(") == 0;
+            open += isExpression ? "(" : "";
+            at += isExpression ? 2 : 1;
+        } else if (isComment || letter == '\'') {
+            const std::size_t end = text.find(isComment ? "#>" : "'", at + 1);
+            if (end == std::string::npos) {
+                return line() + letter + " is not closed";
+            }
+            at = end + (isComment ? 2 : 1);
+        } else if (letter == '#') {
+            at = std::min(text.find('\n', at), text.size());
         } else {
-            if (letter == '"') {
-                open_.pop_back();
+            const std::size_t kind = kClosing.find(letter);
+            if (kind != std::string_view::npos && !open.ends_with(kOpening[kind])) {
+                return line() + letter + " closes nothing";
             }
-            ++at_;
-        }
-    }
-
-    void Bracket(char letter)
-    {
-        const std::string opening = "([{";
-        const std::string closing = ")]}";
-        if (letter == '"' || opening.find(letter) != std::string::npos) {
-            open_.push_back(letter);
-        } else if (const std::size_t kind = closing.find(letter); kind != std::string::npos) {
-            if (open_.empty() || open_.back() != opening[kind]) {
-                fault_ = "line " + std::to_string(line_) + ": " + letter + " closes nothing";
-                return;
+            if (kind != std::string_view::npos) {
+                open.pop_back();
+            } else if (kOpening.find(letter) != std::string_view::npos) {
+                open.push_back(letter);
             }
-            open_.pop_back();
+            ++at;
         }
     }
-
-    // Past the end of what begins here.
-    void Skip(const std::string& end)
-    {
-        const std::size_t last = text_.find(end, at_ + 1);
-        if (last == std::string::npos) {
-            fault_ = "line " + std::to_string(line_) + ": " + text_[at_] + " is not closed";
-            return;
-        }
-        for (; at_ < last + end.size(); ++at_) {
-            line_ += text_[at_] == '\n' ? 1 : 0;
-        }
-    }
-
-    const std::string& text_;
-    std::size_t at_ = 0;
-    unsigned line_ = 1;
-    std::vector<char> open_;
-    std::string fault_;
-};
+    return open.empty() ? "" : std::string(1, open.back()) + " is not closed";
+}
 
 }  // namespace tests

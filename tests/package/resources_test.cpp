@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <regex>
 
 namespace tests {
@@ -43,13 +42,9 @@ TEST(EventTemplate, EqualsTheCompilersForAKnownProvider)
 Bytes Extract(const std::string& machine, const std::string& type)
 {
     const std::string image = std::string(ZEPN_ROOT) + "/out/" + machine + "/zepn.sys";
-    FILE* pipe = popen(("wrestool --raw -x --type=" + type + " '" + image + "'").c_str(), "r");
-    Bytes bytes;
-    for (int byte = std::fgetc(pipe); byte != EOF; byte = std::fgetc(pipe)) {
-        bytes.push_back(static_cast<std::uint8_t>(byte));
-    }
-    EXPECT_EQ(pclose(pipe), 0) << image;
-    return bytes;
+    const Ran ran = Shell("wrestool --raw -x --type=" + type + " '" + image + "'");
+    EXPECT_EQ(ran.status, 0) << image;
+    return {ran.printed.begin(), ran.printed.end()};
 }
 
 // Follows offsets only; at() throws on what lies outside.

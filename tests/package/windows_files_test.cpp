@@ -3,7 +3,6 @@
 #include "host/tracing/decode.h"
 #include "tests/package/assembled.h"
 #include "tests/package/powershell.h"
-#include "tests/kit/matches.h"
 #include "tests/kit/driver_fixture.h"
 
 #include <algorithm>
@@ -15,11 +14,11 @@ namespace {
 
 TEST(PowerShellForm, FindsWhatIsNotClosed)
 {
-    EXPECT_EQ(PowerShellForm::Fault("f '}' # {\n<# ( #> \"$(g \"x\" `\" )\" { [1] }"), "");
-    EXPECT_EQ(PowerShellForm::Fault("{\n(}\n"), "line 2: } closes nothing");
-    EXPECT_EQ(PowerShellForm::Fault("f \"x"), "\" is not closed");
-    EXPECT_EQ(PowerShellForm::Fault("\nf 'x"), "line 2: ' is not closed");
-    EXPECT_EQ(PowerShellForm::Fault("if (x) {"), "{ is not closed");
+    EXPECT_EQ(FaultOfPowerShell("f '}' # {\n<# ( #> \"$(g \"x\" `\" )\" { [1] }"), "");
+    EXPECT_EQ(FaultOfPowerShell("{\n(}\n"), "line 2: } closes nothing");
+    EXPECT_EQ(FaultOfPowerShell("f \"x"), "\" is not closed");
+    EXPECT_EQ(FaultOfPowerShell("\nf 'x"), "line 2: ' is not closed");
+    EXPECT_EQ(FaultOfPowerShell("if (x) {"), "{ is not closed");
 }
 
 class WindowsFiles : public AssembledPackage {};
@@ -28,11 +27,11 @@ TEST_F(WindowsFiles, ScriptsAreWellFormedPlainText)
 {
     for (const char* name : {"install.ps1", "uninstall.ps1"}) {
         const std::string text = ReadAll(folder_ / name);
-        EXPECT_EQ(PowerShellForm::Fault(text), "") << name;
+        EXPECT_EQ(FaultOfPowerShell(text), "") << name;
         // Without a mark at their beginning, Windows PowerShell reads anything else in the machine's own code page.
         EXPECT_TRUE(std::ranges::all_of(text, [](unsigned char letter) { return letter < 0x80; })) << name;
         EXPECT_EQ(std::ranges::count(text, '\r'), std::ranges::count(text, '\n')) << name;
-        EXPECT_NE(text.find("NEVER RUN ON WINDOWS"), std::string::npos) << name;
+        EXPECT_TRUE(Has(text, "NEVER RUN ON WINDOWS")) << name;
     }
 }
 
@@ -45,12 +44,12 @@ TEST_F(WindowsFiles, UninstallTakesBackWhatInstallMakes)
     EXPECT_EQ(Matches(install, R"(-CertStoreLocation Cert:\\LocalMachine\\(\w+))"),
               (std::set<std::string>{"My", "Root", "TrustedPublisher"}));
     for (const char* store : {"'Root'", "'TrustedPublisher'", R"(LocalMachine\My)"}) {
-        EXPECT_NE(uninstall.find(store), std::string::npos) << store;
+        EXPECT_TRUE(Has(uninstall, store));
     }
     // The device, by the same name; the package; what the INF had Windows register.
     EXPECT_EQ(Matches(install, R"(\$HardwareId = "(ROOT[^$]+))"), Matches(uninstall, R"(\$HardwareId = "(ROOT[^$]+))"));
     for (const char* command : {"'/remove-device'", "'/delete-driver'", "@('delete', $Name)", "@('um',"}) {
-        EXPECT_NE(uninstall.find(command), std::string::npos) << command;
+        EXPECT_TRUE(Has(uninstall, command));
     }
     const std::string manifest = ReadAll(folder_ / "trace" / "zepn.man");
     EXPECT_EQ(Matches(uninstall, "-contains '([^']+)'"), Matches(manifest, "provider name=\"([^\"]+)\""));
@@ -76,7 +75,7 @@ TEST_F(WindowsFiles, SayTheProvidersGuidsAsTheDriverDoes)
     const std::string events = plain(manifest.provider());
     const std::string messages = plain(kControlGuid);
     EXPECT_EQ(ReadAll(folder_ / "trace" / "zepn.ctl"), messages + " zepn\r\n");
-    EXPECT_EQ(std::system(("xmllint --noout '" + (folder_ / "trace" / "zepn.wprp").string() + "'").c_str()), 0);
+    EXPECT_EQ(Shell("xmllint --noout '" + (folder_ / "trace" / "zepn.wprp").string() + "'").status, 0);
     const std::string profile = ReadAll(folder_ / "trace" / "zepn.wprp");
     EXPECT_EQ(Matches(profile, "<EventProvider [^>]*Name=\"([^\"]+)\""), (std::set<std::string>{events, messages}));
     EXPECT_EQ(Matches(profile, "<EventProvider Id=\"([^\"]+)\""),
@@ -113,19 +112,19 @@ TEST_F(WindowsFiles, HoldWhatTheBuildWithTheWdkTakesOver)
         // StampInf stamps in any case; without these, the time of the build.
         const std::string text = ReadAll(fs::path(root_) / "driver/wdk" / project);
         if (text.find("<Inf ") != std::string::npos) {
-            EXPECT_NE(text.find("<DateStamp>$(ZepnDay)</DateStamp>"), std::string::npos) << project;
-            EXPECT_NE(text.find("<TimeStamp>$(ZepnVersion)</TimeStamp>"), std::string::npos) << project;
+            EXPECT_TRUE(Has(text, "<DateStamp>$(ZepnDay)</DateStamp>")) << project;
+            EXPECT_TRUE(Has(text, "<TimeStamp>$(ZepnVersion)</TimeStamp>")) << project;
         }
     }
     EXPECT_GE(taken, 5u);
     // The resource script is the CMake build's; what it includes comes from the message compiler and the package.
     const std::string project = ReadAll(fs::path(root_) / "driver/wdk/zepn.vcxproj");
-    EXPECT_NE(project.find("<ResourceCompile Include=\"..\\package\\zepn.rc\" />"), std::string::npos);
-    EXPECT_NE(project.find("<GeneratedFilesBaseName>zepn_events</GeneratedFilesBaseName>"), std::string::npos);
+    EXPECT_TRUE(Has(project, "<ResourceCompile Include=\"..\\package\\zepn.rc\" />"));
+    EXPECT_TRUE(Has(project, "<GeneratedFilesBaseName>zepn_events</GeneratedFilesBaseName>"));
     EXPECT_EQ(Matches(ReadAll(fs::path(root_) / "driver/package/zepn.rc"), "#include \"([^\"]+)\""),
               (std::set<std::string>{"zepn_events.rc", "zepn_version.h"}));
     EXPECT_TRUE(fs::exists(folder_ / "wdk" / "zepn_version.h"));
-    EXPECT_EQ(std::system(("xmllint --noout '" + (folder_ / "wdk/stamp.props").string() + "'").c_str()), 0);
+    EXPECT_EQ(Shell("xmllint --noout '" + (folder_ / "wdk/stamp.props").string() + "'").status, 0);
     // StampInf writes what the INF has.
     const std::string stamp = ReadAll(folder_ / "wdk" / "stamp.props");
     EXPECT_EQ(Matches(ReadAll(folder_ / "x64" / "zepn.inf"), R"(DriverVer +=[^,]*,([\d.]+))"),
@@ -138,14 +137,13 @@ TEST_F(WindowsFiles, HoldWhatTheBuildWithTheWdkTakesOver)
 TEST(ReplayOnWindows, IsWellFormedAndHasTheDriversProviderAndACaptureThatDecodes)
 {
     const fs::path folder = fs::path(ZEPN_ROOT) / "tests/windows";
-    EXPECT_EQ(PowerShellForm::Fault(ReadAll(folder / "read_reports.ps1")), "");
+    EXPECT_EQ(FaultOfPowerShell(ReadAll(folder / "read_reports.ps1")), "");
     char guid[64];
     std::snprintf(guid, sizeof(guid), "0x%08X, 0x%04X, 0x%04X, {0x%02X, 0x%02X", kProviderGuid.Data1,
                   kProviderGuid.Data2, kProviderGuid.Data3, kProviderGuid.Data4[0], kProviderGuid.Data4[1]);
-    EXPECT_NE(ReadAll(folder / "replay.cpp").find(guid), std::string::npos) << guid;
-    EXPECT_NE(ReadAll(folder / "read_reports.ps1").find(host::tracing::GuidText(kProviderGuid)), std::string::npos);
-    const std::string decode = "'" ZEPN_DECODE "' '" + (folder / "boot.capture").string() + "' > /dev/null";
-    EXPECT_EQ(std::system(decode.c_str()), 0)
+    EXPECT_TRUE(Has(ReadAll(folder / "replay.cpp"), guid));
+    EXPECT_TRUE(Has(ReadAll(folder / "read_reports.ps1"), host::tracing::GuidText(kProviderGuid)));
+    EXPECT_EQ(Shell("'" ZEPN_DECODE "' '" + (folder / "boot.capture").string() + "'").status, 0)
         << "it has records that today's decoding files do not know: make it anew by ./zepn demo --capture";
 }
 
@@ -153,16 +151,15 @@ TEST(ReplayOnWindows, IsWellFormedAndHasTheDriversProviderAndACaptureThatDecodes
 TEST_F(WindowsFiles, HaveTheTraceFormatsAsAnnotations)
 {
     const fs::path object = folder_ / "formats.obj";
-    ASSERT_EQ(std::system(("clang++-19 --target=aarch64-pc-windows-msvc -O2 -g -gcodeview -c '" +
-                           (folder_ / "wdk/trace_formats.cpp").string() + "' -o '" + object.string() + "'")
-                              .c_str()),
+    ASSERT_EQ(Shell("clang++-19 --target=aarch64-pc-windows-msvc -O2 -g -gcodeview -c '" +
+                    (folder_ / "wdk/trace_formats.cpp").string() + "' -o '" + object.string() + "'")
+                  .status,
               0);
     const std::string compiled = ReadAll(object);
     std::size_t messages = 0;
     for (const auto& entry : fs::directory_iterator(folder_ / "trace")) {
         if (entry.path().extension() == ".tmf") {
-            std::istringstream lines(ReadAll(entry.path()));
-            for (std::string line; std::getline(lines, line);) {
+            for (const std::string& line : LinesOf(ReadAll(entry.path()))) {
                 messages += line.starts_with("#typev") ? 1 : 0;
                 if (!line.starts_with("//")) {
                     EXPECT_NE(compiled.find(line + '\0'), std::string::npos) << line;

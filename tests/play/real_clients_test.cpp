@@ -1,17 +1,11 @@
 // Clients whose drivers are real images, beside scripted ones: how a scenario names and drives them, and what is shown of
 // them.
-#include "host/environment.h"
+#include "tests/kit/driver_fixture.h"
+#include "tests/play/played.h"
 #include "tools/play/diagram.h"
 #include "tools/play/perfetto.h"
-#include "tools/play/player.h"
-#include "tools/play/reading/scenario_reader.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include <fstream>
-#include <iterator>
-#include <sstream>
 
 namespace tests {
 namespace {
@@ -29,16 +23,6 @@ std::string WithReal(const std::string& steps, const std::string& image = "zepn_
  "steps": [
   )" + steps +
            "\n]}";
-}
-
-std::string MistakesOf(const std::string& text)
-{
-    try {
-        (void)play::ParseScenario(text, "file.json");
-    } catch (const play::ScenarioError& error) {
-        return error.what();
-    }
-    return "none";
 }
 
 TEST(RealClientSteps, ThatCannotBeDoneAreRefused)
@@ -65,10 +49,10 @@ TEST(RealClientSteps, ThatCannotBeDoneAreRefused)
          "file.json:8:69: steps[2]: the client's device was removed already"},
     };
     for (const auto& [steps, expected] : kRows) {
-        const std::string mistakes = MistakesOf(WithReal(steps));
+        const std::string mistakes = MistakesIn(WithReal(steps));
         EXPECT_EQ(mistakes.substr(0, std::string(expected).size()), expected) << steps << "\n" << mistakes;
     }
-    EXPECT_EQ(MistakesOf(R"({"title": "t", "clients": {
+    EXPECT_EQ(MistakesIn(R"({"title": "t", "clients": {
  "a": {"image": "a", "answers": []},
  "b": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "B", "parameters": {}},
  "zepn": {"image": "a", "parameters": {"A": -1}}}, "steps": []})"),
@@ -78,36 +62,21 @@ TEST(RealClientSteps, ThatCannotBeDoneAreRefused)
               "file.json:4:45: clients.zepn.parameters.A: expected a whole number from 0 to 4294967295");
 }
 
-class RealClients : public testing::TestWithParam<const char*> {
+class RealClients : public OnContainer {
 protected:
     // What was printed, as text or as JSON.
     std::string Play(const std::string& scenario, bool expectGood,
                      play::Timeline::Form form = play::Timeline::Form::kText, play::Observer* observer = nullptr)
     {
-        play::PlayOptions options;
-        options.image = GetParam() == std::string("native")
-                            ? std::filesystem::path(ZEPN_NATIVE_DRIVER)
-                            : std::filesystem::path(ZEPN_ROOT) / "out" / GetParam() / "zepn.sys";
-        options.drivers = drivers_;
-        std::ostringstream out;
-        play::Timeline timeline(out, form, false);
-        if (observer != nullptr) {
-            timeline.AddObserver(*observer);
-        }
-        EXPECT_EQ(play::Play(play::ParseScenario(scenario, "file.json"), options, timeline), expectGood) << out.str();
-        return out.str();
+        const Played played = PlayWith({.image = GetParam().image, .drivers = drivers_},
+                                       play::ParseScenario(scenario, "file.json"), observer, form);
+        EXPECT_EQ(played.isGood, expectGood) << played.text;
+        return played.text;
     }
 
     std::map<std::string, std::filesystem::path> drivers_;
 };
-
-#if defined(__x86_64__)
-INSTANTIATE_TEST_SUITE_P(On, RealClients, testing::Values("native", "x64"),
-                         [](const auto& info) { return info.param; });
-#else
-INSTANTIATE_TEST_SUITE_P(On, RealClients, testing::Values("native", "arm64"),
-                         [](const auto& info) { return info.param; });
-#endif
+FOR_ALL_CONTAINERS(RealClients);
 
 // The driver reads its parameters, calls the Notifier by itself, and reaches the scripted client and is reached by it.
 constexpr const char* kTogether = R"({"do": "load", "client": "fan"},
@@ -128,16 +97,14 @@ constexpr const char* kTogether = R"({"do": "load", "client": "fan"},
 TEST_P(RealClients, PlayBesideScriptedOnes)
 {
     const std::string shown = Play(WithReal(kTogether), true);
-    EXPECT_NE(shown.find("\nreal drivers started 2, clients 1, states posted 1, deliveries"), std::string::npos)
-        << shown;
-    EXPECT_NE(shown.find("no violation, nothing left behind"), std::string::npos);
+    EXPECT_TRUE(Has(shown, "\nreal drivers started 2, clients 1, states posted 1, deliveries"));
+    EXPECT_TRUE(Has(shown, "no violation, nothing left behind"));
 }
 
 TEST_P(RealClients, PrintIntoTimelineDiagramAndTrace)
 {
     unsigned prints = 0;
-    std::istringstream lines(Play(WithReal(kTogether), true, play::Timeline::Form::kJson));
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : LinesOf(Play(WithReal(kTogether), true, play::Timeline::Form::kJson))) {
         const auto entry = nlohmann::json::parse(line);
         if (entry["kind"] == "print") {
             EXPECT_EQ(entry["who"], "fan");
@@ -151,8 +118,8 @@ TEST_P(RealClients, PrintIntoTimelineDiagramAndTrace)
     std::ostringstream drawn;
     (void)Play(WithReal(kTogether), true, play::Timeline::Form::kText, &diagram);
     diagram.Write(drawn);
-    EXPECT_NE(drawn.str().find("system->>fan: loads zepn_client."), std::string::npos);
-    EXPECT_NE(drawn.str().find("Note over fan: client 1: registers: 0x00000000"), std::string::npos) << drawn.str();
+    EXPECT_TRUE(Has(drawn.str(), "system->>fan: loads zepn_client."));
+    EXPECT_TRUE(Has(drawn.str(), "Note over fan: client 1: registers: 0x00000000"));
 
     std::ostringstream traced;
     (void)Play(WithReal(kTogether), true, play::Timeline::Form::kText, &perfetto);
@@ -172,21 +139,19 @@ TEST_P(RealClients, PrintIntoTimelineDiagramAndTrace)
 
 TEST_P(RealClients, AreJudgedByTheirStateAndTheirStart)
 {
-    EXPECT_NE(
-        Play(WithReal(R"({"do": "load", "client": "fan"}, {"do": "expect", "client": "fan", "state": "up"})"), false)
-            .find("!! fan is not registered, and should be in state up"),
-        std::string::npos);
+    EXPECT_TRUE(Has(
+        Play(WithReal(R"({"do": "load", "client": "fan"}, {"do": "expect", "client": "fan", "state": "up"})"), false),
+        "!! fan is not registered, and should be in state up"));
     // A call that is to fail does so for the named driver alone, and shows where it does.
     (void)Play(WithReal(R"({"do": "load", "client": "fan"},
         {"do": "deliver", "fail": {"call": "WdfObjectCreate", "driver": "notifier", "status": "STATUS_NO_MEMORY"},
          "shows": ["WdfObjectCreate fails, as the file says: STATUS_NO_MEMORY", "registers: 0x"]},
         {"do": "expect", "client": "fan", "state": "unregistered"})"),
                true);
-    EXPECT_NE(Play(WithReal(R"({"do": "load", "client": "fan"},
+    EXPECT_TRUE(Has(Play(WithReal(R"({"do": "load", "client": "fan"},
         {"do": "deliver", "fail": {"call": "WdfObjectCreate", "driver": "fan", "status": "STATUS_NO_MEMORY"}})"),
-                   false)
-                  .find("!! the step never calls WdfObjectCreate, which was to fail"),
-              std::string::npos);
+                         false),
+                    "!! the step never calls WdfObjectCreate, which was to fail"));
     // A driver that does not start is unloaded again, so it can be loaded once more.
     const std::string steps = R"({"do": "load", "client": "fan", "expect": "STATUS_INSUFFICIENT_RESOURCES",
         "fail": {"call": ")";
@@ -203,11 +168,9 @@ TEST_P(RealClients, HoldTheNotifierUntilTheyCloseIt)
     const std::string shown = Play(WithReal(R"({"do": "load", "client": "fan"}, {"do": "deliver"}, {"do": "remove"},
             {"do": "unload"})"),
                                    false);
-    EXPECT_NE(shown.find("!! zepn: handles are open"), std::string::npos) << shown;
-    EXPECT_NE(shown.find("!! file.json:9:13: the step is left out: the system does not unload a driver that has a "),
-              std::string::npos)
-        << shown;
-    EXPECT_NE(shown.find("no violation, nothing left behind"), std::string::npos) << shown;
+    EXPECT_TRUE(Has(shown, "!! zepn: handles are open"));
+    EXPECT_TRUE(Has(shown, "!! file.json:9:13: the step is left out: the system does not unload a driver that has a "));
+    EXPECT_TRUE(Has(shown, "no violation, nothing left behind"));
 }
 
 TEST_P(RealClients, MissingImagesAndUnknownNamesAreRefused)
@@ -221,14 +184,14 @@ TEST_P(RealClients, MissingImagesAndUnknownNamesAreRefused)
         return "none";
     };
     const std::string missing = message(WithReal("", "build/{container}/fan"));
-    EXPECT_EQ(missing, std::string("file.json:3:20: clients.fan.image: build/") + GetParam() + "/fan" +
-                           (GetParam() == std::string("native") ? ".so" : ".sys") +
+    EXPECT_EQ(missing, std::string("file.json:3:20: clients.fan.image: build/") + GetParam().name + "/fan" +
+                           (GetParam().name == std::string("native") ? ".so" : ".sys") +
                            " is missing; build it, or name another with --driver fan=PATH");
     EXPECT_EQ(message(WithReal(R"({"do": "load", "client": "fan", "fail": {"call": "WdfDriverCrate"}})")),
               "file.json:8:52: steps[0].fail.call: the host has no platform function \"WdfDriverCrate\"; did you mean "
               "\"WdfDriverCreate\"?");
     drivers_["fan"] = "nowhere.sys";
-    EXPECT_NE(message(WithReal("")).find("nowhere.sys is missing"), std::string::npos);
+    EXPECT_TRUE(Has(message(WithReal("")), "nowhere.sys is missing"));
     drivers_ = {{"fam", "a.sys"}, {"peer", "b.sys"}};
     EXPECT_EQ(message(WithReal("")),
               "file.json:1:1: --driver fam=a.sys: no client of this name has an \"image\"; did you mean \"fan\"?\n"
@@ -237,10 +200,9 @@ TEST_P(RealClients, MissingImagesAndUnknownNamesAreRefused)
 
 TEST(ScenarioPage, ShowsAScenarioThatIsRight)
 {
-    std::ifstream file(ZEPN_ROOT "/docs/scenarios.md");
-    const std::string page(std::istreambuf_iterator<char>(file), {});
+    const std::string page = ReadAll(ZEPN_ROOT "/docs/scenarios.md");
     const std::size_t begin = page.find("```json\n") + 8;
-    EXPECT_EQ(MistakesOf(page.substr(begin, page.find("```", begin) - begin)), "none");
+    EXPECT_EQ(MistakesIn(page.substr(begin, page.find("```", begin) - begin)), "none");
 }
 
 TEST(Player, ShowsWhatIsNoAnswerAndWhatStaysUndelivered)
@@ -257,15 +219,10 @@ TEST(Player, ShowsWhatIsNoAnswerAndWhatStaysUndelivered)
         {"do": "deliver", "shows": ["does not answer: it is already up"]},
         {"do": "sleep", "shows": ["does not answer: it is already up"]},
         {"do": "post", "client": "b", "state": 7}]})";
-    play::PlayOptions options;
-    options.image = ZEPN_NATIVE_DRIVER;
-    std::ostringstream out;
-    play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    EXPECT_TRUE(play::Play(play::ParseScenario(scenario, "f"), options, timeline)) << out.str();
-    EXPECT_NE(out.str().find("undelivered at the end of the file: NotifierEvtWorkItem"), std::string::npos);
-    EXPECT_EQ(out.str().find("answers "), std::string::npos) << out.str();
-    options.image = "nowhere/zepn.sys";
-    EXPECT_THROW((void)play::Play(play::ParseScenario(scenario, "f"), options, timeline), host::HostError);
+    const std::string shown = TimelineOf(scenario, true);
+    EXPECT_TRUE(Has(shown, "undelivered at the end of the file: NotifierEvtWorkItem"));
+    EXPECT_EQ(shown.find("answers "), std::string::npos) << shown;
+    EXPECT_THROW((void)PlayWith({.image = "nowhere/zepn.sys"}, play::ParseScenario(scenario, "f")), host::HostError);
 }
 
 }  // namespace

@@ -1,31 +1,18 @@
 // Scenario files: what is wrong with one is said with line, column, field and what was expected; and the demo's own
 // play.
-#include "tools/play/player.h"
-#include "tools/play/reading/scenario_reader.h"
+#include "tests/kit/driver_fixture.h"
+#include "tests/play/played.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdio>
-#include <set>
-#include <sstream>
 
 namespace tests {
 namespace {
 
 using play::ParseScenario;
 using play::ScenarioError;
-
-std::string MistakesIn(const std::string& text)
-{
-    try {
-        (void)ParseScenario(text, "file.json");
-    } catch (const ScenarioError& error) {
-        return error.what();
-    }
-    return "none";
-}
 
 // A good scenario into which one line is put.
 std::string With(const std::string& step)
@@ -94,7 +81,7 @@ TEST(Scenario, MistakesOutsideTheStepsAreFoundTooAndAllAtOnce)
           "file.json:2:45: states.off: 0 is called \"none\"", "file.json:2:55: states.all: 10 is ZEP_STATE_ANY",
           "file.json:3:32: clients.power.guid: expected a GUID", "clients.power.answers[0].from: no client \"modem\"",
           "clients.power.answers[0]: field \"answer\" is missing"}) {
-        EXPECT_NE(mistakes.find(expected), std::string::npos) << expected << "\n" << mistakes;
+        EXPECT_TRUE(Has(mistakes, expected));
     }
 }
 
@@ -133,7 +120,7 @@ TEST(Scenario, StepsThatCannotBeDoneAreRefused)
     for (const auto& [steps, expected] : kRows) {
         const std::string mistakes = MistakesIn(With(steps));
         EXPECT_EQ(mistakes == "none", expected == nullptr) << steps << "\n" << mistakes;
-        EXPECT_NE(mistakes.find(expected == nullptr ? "none" : expected), std::string::npos) << mistakes;
+        EXPECT_TRUE(Has(mistakes, expected == nullptr ? "none" : expected));
         EXPECT_EQ(mistakes.find('\n'), std::string::npos) << mistakes;
     }
 }
@@ -190,70 +177,36 @@ TEST(Scenario, TenMegabytesAndAHundredThousandClientsAreReadOrRefused)
     }
     const std::string mistakes = MistakesIn(wrong);
     EXPECT_EQ(std::ranges::count(mistakes, '\n'), 20) << mistakes;
-    EXPECT_NE(mistakes.find("there may be more mistakes"), std::string::npos);
+    EXPECT_TRUE(Has(mistakes, "there may be more mistakes"));
 }
 
-class Demo : public testing::TestWithParam<const char*> {
-protected:
-    std::vector<nlohmann::json> Play(const std::string& scenarioFile, bool expectGood)
-    {
-        const play::Scenario scenario =
-            play::ReadScenario(std::filesystem::path(ZEPN_ROOT) / "scenarios" / scenarioFile);
-        play::PlayOptions options;
-        options.image = GetParam() == std::string("native")
-                            ? std::filesystem::path(ZEPN_NATIVE_DRIVER)
-                            : std::filesystem::path(ZEPN_ROOT) / "out" / GetParam() / "zepn.sys";
-        options.decodingFiles = std::filesystem::path(ZEPN_ROOT) / "out" / "manifest";
-        options.eventLevel = 5;
-        options.traceMessages = true;
-        std::ostringstream out;
-        play::Timeline timeline(out, play::Timeline::Form::kJson, false);
-        EXPECT_EQ(play::Play(scenario, options, timeline), expectGood) << out.str();
-        std::vector<nlohmann::json> entries;
-        std::istringstream lines(out.str());
-        for (std::string line; std::getline(lines, line);) {
-            entries.push_back(nlohmann::json::parse(line));
-        }
-        return entries;
-    }
-};
+class Demo : public OnContainer {};
+FOR_ALL_CONTAINERS(Demo);
 
-#if defined(__x86_64__)
-INSTANTIATE_TEST_SUITE_P(On, Demo, testing::Values("native", "x64"), [](const auto& info) { return info.param; });
-#else
-INSTANTIATE_TEST_SUITE_P(On, Demo, testing::Values("native", "arm64"), [](const auto& info) { return info.param; });
-#endif
-
-TEST_P(Demo, BootScenarioPlaysToItsEndWithoutAFinding)
+// Their steps say what each must show and end in.
+TEST_P(Demo, ScenariosPlayToTheirEndWithAllReports)
 {
-    const auto entries = Play("boot.json", true);
-    std::set<std::string> seen;
-    for (const auto& entry : entries) {
-        if (entry["kind"] != "report") {
-            seen.insert(entry["what"]);
+    const std::filesystem::path root = ZEPN_ROOT;
+    for (const char* file : {"boot.json", "failures.json"}) {
+        const Played played = PlayWith(
+            {.image = GetParam().image, .decodingFiles = root / "out/manifest", .eventLevel = 5, .traceMessages = true},
+            play::ReadScenario(root / "scenarios" / file), nullptr, play::Timeline::Form::kJson);
+        EXPECT_TRUE(played.isGood) << played.text;
+        std::set<std::string> seen;
+        std::string last;
+        for (const std::string& line : LinesOf(played.text)) {
+            const auto entry = nlohmann::json::parse(line);
+            last = entry["kind"];
+            if (last != "report") {
+                seen.insert(entry["what"]);
+            }
         }
-        EXPECT_NE(entry["kind"], "finding") << entry;
-    }
-    for (const char* expected :
-         {"is notified: modem is in state none, at once", "answers: its own state is now starting",
-          "is notified: modem is in state starting", "withdraws video", "is about to sleep; held for 50 ms"}) {
-        EXPECT_TRUE(seen.contains(expected)) << expected;
-    }
-    EXPECT_EQ(entries.back()["kind"], "end");
-}
-
-TEST_P(Demo, FailuresScenarioShowsEachStatusWithItsEvent)
-{
-    std::set<std::string> outcomes;
-    for (const auto& entry : Play("failures.json", true)) {
-        if (entry["kind"] == "call") {
-            outcomes.insert(entry["outcome"]);
+        EXPECT_EQ(last, "end");
+        for (const char* expected :
+             {"is notified: modem is in state none, at once", "answers: its own state is now starting",
+              "is notified: modem is in state starting", "withdraws video", "is about to sleep; held for 50 ms"}) {
+            EXPECT_TRUE(seen.contains(expected) || file == std::string("failures.json")) << expected;
         }
-    }
-    for (const char* expected :
-         {"STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED", "STATUS_INVALID_DEVICE_REQUEST", "STATUS_IO_DEVICE_ERROR",
-          "STATUS_BUFFER_TOO_SMALL", "STATUS_NOT_FOUND", "STATUS_OBJECT_NAME_EXISTS", "STATUS_NOT_SUPPORTED"}) {
-        EXPECT_TRUE(outcomes.contains(expected)) << expected;
     }
 }
 
@@ -271,23 +224,8 @@ TEST(Player, MarksEachUnmetExpectationAndFailsTheRun)
          "!! the step never calls WdfCollectionRemove, which was to fail"},
     };
     for (const auto& [step, marked] : kRows) {
-        play::PlayOptions options;
-        options.image = ZEPN_NATIVE_DRIVER;
-        std::ostringstream out;
-        play::Timeline timeline(out, play::Timeline::Form::kText, false);
-        EXPECT_FALSE(play::Play(ParseScenario(With(step), "f"), options, timeline));
-        EXPECT_NE(out.str().find(marked), std::string::npos) << out.str();
+        EXPECT_TRUE(Has(TimelineOf(With(step), false), marked));
     }
-}
-
-std::string TimelineOf(const std::string& scenario, bool expectGood = false)
-{
-    play::PlayOptions options;
-    options.image = ZEPN_NATIVE_DRIVER;
-    std::ostringstream out;
-    play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    EXPECT_EQ(play::Play(ParseScenario(scenario, "file.json"), options, timeline), expectGood);
-    return out.str();
 }
 
 // The callback before sleep hangs, and with it whatever waits for it.
@@ -298,23 +236,21 @@ TEST(Player, GoesOnAfterAHangToTheLastStep)
                               "inside": [{"on": "appsState", "do": "post"}]}},
         "steps": [{"do": "register", "client": "power"}, {"do": "sleep", "finding": "holds itself"}, )";
     const std::string removed = TimelineOf(kScenario + std::string(R"(
-        {"do": "remove", "finding": "hang"}, {"do": "unload"}]})"));
-    EXPECT_NE(removed.find("!! file.json:5:46: the step is left out: the system does not unload a driver that has a "),
-              std::string::npos)
-        << removed;
-    EXPECT_NE(removed.find("a thread hangs, so its driver stays"), std::string::npos) << removed;
-    EXPECT_NE(TimelineOf(kScenario + std::string(R"({"do": "wake"}]})"), true).find("a thread hangs"),
-              std::string::npos);
+        {"do": "remove", "finding": "hang"}, {"do": "unload"}]})"),
+                                           false);
+    EXPECT_TRUE(
+        Has(removed, "!! file.json:5:46: the step is left out: the system does not unload a driver that has a "));
+    EXPECT_TRUE(Has(removed, "a thread hangs, so its driver stays"));
+    EXPECT_TRUE(Has(TimelineOf(kScenario + std::string(R"({"do": "wake"}]})"), true), "a thread hangs"));
 }
 
 TEST(Player, LeavesOutAStepWhoseNeedsAnEarlierOneDidNotMeet)
 {
     const std::string timeline = TimelineOf(With(R"({"do": "surpriseRemoval"}, {"do": "open"}, {"do": "control"},
-        {"do": "note", "text": "the end"})"));
-    EXPECT_NE(timeline.find("!! file.json:4:46: the step is left out: the control device is not open"),
-              std::string::npos)
-        << timeline;
-    EXPECT_NE(timeline.find("the end"), std::string::npos) << timeline;
+        {"do": "note", "text": "the end"})"),
+                                            false);
+    EXPECT_TRUE(Has(timeline, "!! file.json:4:46: the step is left out: the control device is not open"));
+    EXPECT_TRUE(Has(timeline, "the end"));
 }
 
 TEST(Player, EndsAnswersThatGoOnWithoutEnd)
@@ -327,9 +263,9 @@ TEST(Player, EndsAnswersThatGoOnWithoutEnd)
       "steps": [{"do": "register", "client": "a"}, {"do": "register", "client": "b"},
         {"do": "subscribe", "client": "a", "to": "b", "state": "any"},
         {"do": "subscribe", "client": "b", "to": "a", "state": "any"},
-        {"do": "post", "client": "a", "state": 1}, {"do": "deliver"}]})");
-    EXPECT_NE(timeline.find("!! clients answer each other without end: they stop after 1000 answers"),
-              std::string::npos);
+        {"do": "post", "client": "a", "state": 1}, {"do": "deliver"}]})",
+                                            false);
+    EXPECT_TRUE(Has(timeline, "!! clients answer each other without end: they stop after 1000 answers"));
 }
 
 // A driver that is unloaded while its client is registered is found by whichever callback comes first.
@@ -343,21 +279,14 @@ TEST(Player, FindsACallbackOfAnUnloadedDriver)
          "the state callback of modem, whose driver is unloaded"},
     };
     for (const auto& [steps, finding] : kRows) {
-        const play::Scenario scenario = ParseScenario(std::string(R"({"title": "t", "states": {}, "clients": {
+        const std::string scenario = R"({"title": "t", "states": {}, "clients": {
             "power": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "Power"},
             "modem": {"guid": "6f1b2c3d-0002-4a5b-8c9d-000000000002", "name": "Modem", "appsState": "enabled",
                       "commands": []}},
           "steps": [{"do": "register", "client": "power"}, {"do": "register", "client": "modem"},
             {"do": "subscribe", "client": "modem", "to": "power", "state": 3},
-            {"do": "unload", "client": "modem"}, )") + steps +
-                                                          "]}",
-                                                      "f");
-        play::PlayOptions options;
-        options.image = ZEPN_NATIVE_DRIVER;
-        std::ostringstream out;
-        play::Timeline timeline(out, play::Timeline::Form::kText, false);
-        EXPECT_FALSE(play::Play(scenario, options, timeline));
-        EXPECT_NE(out.str().find(finding), std::string::npos) << out.str();
+            {"do": "unload", "client": "modem"}, )";
+        EXPECT_TRUE(Has(TimelineOf(scenario + steps + "]}", false), finding));
     }
 }
 

@@ -1,11 +1,9 @@
 // The samples as images: a run beside the Notifier, and the probe's answers.
 #include "host/machine.h"
-#include "tests/kit/death.h"
 #include "tests/kit/driver_fixture.h"
+#include "tests/play/played.h"
 #include "tests/samples/sample_image.h"
 #include "tools/image_check/checks.h"
-#include "tools/play/player.h"
-#include "tools/play/reading/scenario_reader.h"
 
 #include <algorithm>
 #include <fstream>
@@ -44,13 +42,9 @@ void ExpectNoViolation(host::Machine& machine)
 
 TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
 {
-    std::ostringstream out;
-    play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    play::PlayOptions options;
-    options.image = GetParam().image;
-    EXPECT_TRUE(play::Play(play::ReadScenario(ZEPN_ROOT "/scenarios/samples.json"), options, timeline)) << out.str();
-
-    const std::string text = out.str();
+    const auto [isGood, text] =
+        tests::PlayWith({.image = GetParam().image}, play::ReadScenario(ZEPN_ROOT "/scenarios/samples.json"));
+    EXPECT_TRUE(isGood) << text;
     // Joined three times each (arrival, refused removal, return), each time deregistered before the Notifier's own end.
     EXPECT_EQ(Lines(text, "client 1 +registers: 0x00000000"), 3u);
     EXPECT_EQ(Lines(text, "client 2 +registers: 0x00000000"), 3u);
@@ -91,7 +85,6 @@ TEST_P(Samples, ClientThatIsUnloadedWhileRegisteredIsNamedAtOnceAndWhenItIsCalle
 #if defined(ZEPN_SANITIZED)
     GTEST_SKIP() << "native drivers stay mapped, for the sanitizer's reports";
 #endif
-    GTEST_FLAG_SET(death_test_style, tests::kDeathTestStyle);
     const auto end = [] {
         host::Machine machine;
         (void)machine.Boot(GetParam().image, "zepn");

@@ -1,17 +1,8 @@
 // The decoding files as files: well-formed, complete, without contradiction. That they agree with what the driver sends
 // is proven by every behaviour test, whose reports are decoded by them.
 #include "host/tracing/decode.h"
+#include "tests/kit/texts.h"
 #include "tools/trace_gen/guid_text.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <regex>
-#include <set>
-
-#include <unistd.h>
 
 namespace tests {
 namespace {
@@ -20,7 +11,7 @@ const std::filesystem::path kFolder = std::filesystem::path(ZEPN_ROOT) / "out" /
 
 TEST(Manifest, IsWellFormedXmlForAnIndependentParser)
 {
-    EXPECT_EQ(std::system(("xmllint --noout '" + (kFolder / "zepn.man").string() + "'").c_str()), 0);
+    EXPECT_EQ(Shell("xmllint --noout '" + (kFolder / "zepn.man").string() + "'").status, 0);
 }
 
 TEST(Manifest, HoldsExactlyTheEventsWithTheirPayloads)
@@ -58,8 +49,7 @@ TEST(MessageFormats, NumberMessagesFromTenInTwoSetsAndReferToTheirItems)
         EXPECT_TRUE(format.text.starts_with("%0"));
         EXPECT_FALSE(format.function.empty());
         for (const auto& item : format.items) {
-            EXPECT_NE(format.text.find("%" + std::to_string(item.index) + "!"), std::string::npos)
-                << format.text << " leaves out item " << item.index;
+            EXPECT_TRUE(Has(format.text, "%" + std::to_string(item.index) + "!"));
         }
     }
     ASSERT_EQ(numbers.size(), 2u);
@@ -74,23 +64,17 @@ TEST(MessageFormats, NumberMessagesFromTenInTwoSetsAndReferToTheirItems)
     EXPECT_EQ(*forwarding.rbegin() - *forwarding.begin() + 1, forwarding.size()) << "without holes";
 }
 
-std::string TextOf(const std::filesystem::path& file)
-{
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 // A reader's prefix shows the tag as the place in the source: searching the sources for it must lead there.
 TEST(MessageFormats, AreTaggedWithTheNameOfTheirReportingSite)
 {
     const host::tracing::MessageFormats formats(kFolder);
-    const std::string list = TextOf(std::filesystem::path(ZEPN_ROOT) / "driver/trace/reports.def");
+    const std::string list = ReadAll(std::filesystem::path(ZEPN_ROOT) / "driver/trace/reports.def");
     for (const auto& [key, format] : formats.formats()) {
         SCOPED_TRACE(std::to_string(key.second) + " " + format.tag);
         const std::size_t at = list.find("REPORT(k" + format.tag + ",");
         ASSERT_NE(at, std::string::npos);
         const std::string entry = list.substr(at, list.find("REPORT(", at + 1) - at);
-        EXPECT_NE(entry.find("\"" + format.function + "\""), std::string::npos) << entry;
+        EXPECT_TRUE(Has(entry, "\"" + format.function + "\""));
         EXPECT_TRUE(std::regex_search(entry, std::regex("\\b" + std::to_string(key.second) + "\\b"))) << entry;
     }
 }
@@ -98,8 +82,9 @@ TEST(MessageFormats, AreTaggedWithTheNameOfTheirReportingSite)
 // What a damaged manifest is refused with; the sentences end with the line where the damage is.
 TEST(Manifest, SaysWhereAFileIsWrong)
 {
-    const auto file = std::filesystem::temp_directory_path() / ("zepn-wrong-" + std::to_string(getpid()) + ".man");
-    const std::string good = TextOf(kFolder / "zepn.man");
+    const TemporaryFolder folder;
+    const auto file = folder.path / "wrong.man";
+    const std::string good = ReadAll(kFolder / "zepn.man");
     const auto with = [&](const std::string& part, const std::string& other) {
         std::string text = good;
         const std::size_t at = text.find(part);
@@ -150,7 +135,7 @@ TEST(Manifest, SaysWhereAFileIsWrong)
     };
     for (const auto& [text, words] : rows) {
         const std::string said = refusal(text);
-        EXPECT_NE(said.find(words), std::string::npos) << said << "\nwithout: " << words;
+        EXPECT_TRUE(Has(said, words));
         EXPECT_TRUE(said.starts_with(file.string() + ":")) << said;
     }
     // As some editors of Windows write it; its lines are counted, too.
@@ -162,14 +147,13 @@ TEST(Manifest, SaysWhereAFileIsWrong)
         return bytes;
     };
     EXPECT_EQ(refusal(wide(good)), "none");
-    EXPECT_NE(refusal(wide(with("<event value=\"1\"", "<event"))).find(event + "has no"), std::string::npos);
+    EXPECT_TRUE(Has(refusal(wide(with("<event value=\"1\"", "<event"))), event + "has no"));
     // Closed as often as opened, so read whatever the depth.
     std::string nested = "<instrumentation>" + deep;
     for (unsigned depth = 0; depth < 30000; ++depth) {
         nested += "</a>";
     }
     EXPECT_EQ(refusal(with("<instrumentation>", nested)), "none");
-    std::filesystem::remove(file);
 }
 
 // Texts that people read: what follows a description is set off from it, and no blank comes twice.
@@ -198,7 +182,8 @@ TEST(Texts, SetValuesOffFromWhatTheyFollow)
 
 TEST(MessageFormats, SayWhereAFileIsWrong)
 {
-    const auto file = std::filesystem::temp_directory_path() / ("zepn-wrong-" + std::to_string(getpid()) + ".tmf");
+    const TemporaryFolder folder;
+    const auto file = folder.path / "wrong.tmf";
     const std::string head = trace_gen::GuidText(MessageSet::kMain) + " zepn // SRC=x MJ= MN=\n";
     for (const auto& [text, words] : std::map<std::string, std::string>{
              {"", "no message formats"},
@@ -215,10 +200,9 @@ TEST(MessageFormats, SayWhereAFileIsWrong)
             const host::tracing::MessageFormats formats(file);
             ADD_FAILURE() << "read: " << text;
         } catch (const std::runtime_error& error) {
-            EXPECT_NE(std::string(error.what()).find(words), std::string::npos) << error.what();
+            EXPECT_TRUE(Has(error.what(), words));
         }
     }
-    std::filesystem::remove(file);
 }
 
 }  // namespace
