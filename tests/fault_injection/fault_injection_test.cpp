@@ -206,7 +206,6 @@ TEST_P(FaultInjectionInAll, ReachesEverySite)
 
 TEST(FaultThatEndsTheProcess, IsReportedWithItsOperationAndCall)
 {
-    GTEST_FLAG_SET(death_test_style, tests::kDeathTestStyle);
     const Sequence sequence = ShortSequence();
     const Plan plan{.sequence = sequence,
                     .fault = Fault{"WdfDeviceCreate"},

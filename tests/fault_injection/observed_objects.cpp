@@ -1,5 +1,6 @@
 // What exists, as the host sees it, in the words of the reference model.
 #include "tests/fault_injection/observed.h"
+#include "tests/kit/one_report.h"
 
 #include <algorithm>
 #include <cstring>
@@ -30,22 +31,8 @@ std::optional<T> ContextOf(const ObjectSnapshot& object, const char* typeName)
 
 std::string ObservedRun::NameOf(std::uint64_t handle)
 {
-    const auto pointer = reinterpret_cast<WDFOBJECT>(handle);
-    if (pointer == harness_.driver->Handle()) {
-        return "<driver>";
-    }
-    const auto context =
-        machine().inspect().Context<layout::DriverContext>(harness_.driver->Handle(), layout::kDriverContextName);
-    for (const auto& [collection, name] : layout::CollectionsOf(context.value_or(layout::DriverContext{}))) {
-        if (collection == pointer) {
-            return std::string("<") + name + ">";
-        }
-    }
-    const auto object = machine().inspect().Find(pointer);
-    if (!object) {
-        return "<gone>";
-    }
-    return Name(RecordOf(*object));
+    return tests::NameOfHandle(machine(), harness_.driver, handle,
+                               [this](const ObjectSnapshot& object) { return Name(RecordOf(object)); });
 }
 
 ObjectRecord ObservedRun::RecordOf(const ObjectSnapshot& object)

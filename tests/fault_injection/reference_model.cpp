@@ -15,36 +15,26 @@ ReferenceModel ReferenceModel::Again() const
 
 bool ReferenceModel::Allows(Kind kind) const
 {
-    switch (kind) {
-    case Kind::kLoad:
-        return !loaded_;
-    case Kind::kAddDevice:
-        return loaded_ && !device_;
-    case Kind::kStart:
-        return device_ && !started_;
-    case Kind::kUnload:
-        return loaded_ && !device_;
-    case Kind::kRemove:
-        return device_ && !file_;
-    case Kind::kClose:
-    case Kind::kControl:
-        return file_;
-    case Kind::kSleep:
-    case Kind::kWake:
-        return powerRegistrations_ != 0;
-    case Kind::kOpen:
-        return started_ && !file_;
-    default:
-        return started_;
-    }
+    const std::pair<Kind, bool> conditions[] = {{Kind::kLoad, !loaded_},
+                                                {Kind::kAddDevice, loaded_ && !device_},
+                                                {Kind::kStart, device_ && !started_},
+                                                {Kind::kUnload, loaded_ && !device_},
+                                                {Kind::kRemove, device_ && !file_},
+                                                {Kind::kOpen, started_ && !file_},
+                                                {Kind::kClose, file_},
+                                                {Kind::kControl, file_},
+                                                {Kind::kSleep, powerRegistrations_ != 0},
+                                                {Kind::kWake, powerRegistrations_ != 0}};
+    const auto* const found = std::ranges::find(conditions, kind, &std::pair<Kind, bool>::first);
+    return found == std::end(conditions) ? started_ : found->second;
 }
 
 Step ReferenceModel::Run(const Operation& operation)
 {
     step_ = {};
     const NTSTATUS status = StatusOf([&] { Do(operation); });
-    constexpr Kind kWithoutStatus[] = {Kind::kSurprise, Kind::kRemove, Kind::kUnload, Kind::kDeliver,
-                                       Kind::kClose,    Kind::kSleep,  Kind::kWake};
+    constexpr Kind kWithoutStatus[] = {Kind::kSurpriseRemoval, Kind::kRemove, Kind::kUnload, Kind::kDeliver,
+                                       Kind::kClose,           Kind::kSleep,  Kind::kWake};
     const bool hasStatus = std::ranges::find(kWithoutStatus, operation.kind) == std::end(kWithoutStatus);
     step_.status = hasStatus ? Hex(static_cast<std::uint32_t>(status)) : "";
     return step_;
@@ -52,60 +42,47 @@ Step ReferenceModel::Run(const Operation& operation)
 
 void ReferenceModel::Do(const Operation& operation)
 {
-    const unsigned client = operation.null.empty() || operation.null == "callbacks" ? operation.client : 0;
-    switch (operation.kind) {
-    case Kind::kLoad:
-        return Load();
-    case Kind::kAddDevice:
-        return AddDevice();
-    case Kind::kStart:
-        started_ = true;
-        return;
-    case Kind::kPowerDown:
-    case Kind::kPowerUp:
-    case Kind::kSurprise:
-    case Kind::kWake:
-        return;
-    case Kind::kRemove:
-        return EndDevice();
-    case Kind::kUnload:
-        return Unload();
-    case Kind::kRegister:
-        return Register(client, operation.value, operation.null != "callbacks");
-    case Kind::kDeregister:
-        return Deregister(client);
-    case Kind::kPost:
-        return Post({client, tests::kPostedSize, operation.state, tests::kPostedReserved});
-    case Kind::kSubscribe:
-        return Subscribe(client, operation.other, operation.state);
-    case Kind::kUnsubscribe:
-        return Unsubscribe(client, operation.other, operation.state);
-    case Kind::kCommand:
-        return Send(client, operation.other, operation.value);
-    case Kind::kDeliver:
-        return Deliver();
-    case Kind::kAttach:
-        return Attach(operation.null.empty());
-    case Kind::kDetach:
-        return Detach();
-    case Kind::kCount:
-        return Count(operation.null.empty());
-    case Kind::kDescribe:
-        return Describe(operation.value, operation.null);
-    case Kind::kOpen:
-        return Open();
-    case Kind::kClose:
-        return Close();
-    case Kind::kControl:
-        return Control(operation.value);
-    case Kind::kSleep:
-        // A second device registers the routine once more.
-        for (unsigned index = 0; index < powerRegistrations_; ++index) {
-            LeaveWorkingState();
-        }
-        return;
-    default:
-        return Dump(operation);
+    using Model = ReferenceModel;
+    static const std::map<Kind, void (*)(Model&, const Operation&)> kActs = {
+        {Kind::kLoad, [](Model& model, const Operation&) { model.Load(); }},
+        {Kind::kAddDevice, [](Model& model, const Operation&) { model.AddDevice(); }},
+        {Kind::kStart, [](Model& model, const Operation&) { model.started_ = true; }},
+        {Kind::kRemove, [](Model& model, const Operation&) { model.EndDevice(); }},
+        {Kind::kUnload, [](Model& model, const Operation&) { model.Unload(); }},
+        {Kind::kRegister, [](Model& model, const Operation& o) { model.Register(o.client, o.value, o.null.empty()); }},
+        {Kind::kDeregister, [](Model& model, const Operation& o) { model.Deregister(o.client); }},
+        {Kind::kPost,
+         [](Model& model, const Operation& o) {
+             model.Post({o.client, tests::kPostedSize, o.state, tests::kPostedReserved});
+         }},
+        {Kind::kSubscribe, [](Model& model, const Operation& o) { model.Subscribe(o.client, o.other, o.state); }},
+        {Kind::kUnsubscribe, [](Model& model, const Operation& o) { model.Unsubscribe(o.client, o.other, o.state); }},
+        {Kind::kCommand, [](Model& model, const Operation& o) { model.Send(o.client, o.other, o.value); }},
+        {Kind::kDeliver, [](Model& model, const Operation&) { model.Deliver(); }},
+        {Kind::kAttach, [](Model& model, const Operation& o) { model.Attach(o.null.empty()); }},
+        {Kind::kDetach, [](Model& model, const Operation&) { model.Detach(); }},
+        {Kind::kCount, [](Model& model, const Operation& o) { model.Count(o.null.empty()); }},
+        {Kind::kDescribe, [](Model& model, const Operation& o) { model.Describe(o.value, o.null); }},
+        {Kind::kOpen, [](Model& model, const Operation&) { model.Open(); }},
+        {Kind::kClose, [](Model& model, const Operation&) { model.Close(); }},
+        {Kind::kControl, [](Model& model, const Operation& o) { model.Control(o.value); }},
+        {Kind::kSleep, [](Model& model, const Operation&) { model.Sleep(); }},
+    };
+    // Without its GUID or record nobody is meant.
+    Operation meant = operation;
+    meant.client = operation.null.empty() || operation.null == "callbacks" ? operation.client : 0;
+    if (const auto act = kActs.find(operation.kind); act != kActs.end()) {
+        act->second(*this, meant);
+    } else if (IsOfClient(operation.kind)) {
+        Dump(operation);
+    }
+}
+
+// A second device registers the routine once more.
+void ReferenceModel::Sleep()
+{
+    for (unsigned index = 0; index < powerRegistrations_; ++index) {
+        LeaveWorkingState();
     }
 }
 

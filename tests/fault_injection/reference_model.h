@@ -10,10 +10,13 @@
 
 #include "driver/include/zepn_notifier.h"
 #include "tests/fault_injection/alive.h"
+#include "tests/kit/contexts.h"
 
 #include <memory>
 
 namespace fault_injection {
+
+using namespace layout;  // the names of the contexts
 
 struct ModelObject;
 using Ref = std::shared_ptr<ModelObject>;
@@ -31,13 +34,6 @@ struct ModelObject : ObjectRecord {
 // The forms of calls that make something: where the caller tests NT_SUCCESS, and where it takes exactly STATUS_SUCCESS.
 inline const std::vector<FaultKind> kMaking = {FaultKind::kError, FaultKind::kInforms};
 inline const std::vector<FaultKind> kExact = {FaultKind::kError, FaultKind::kRefuses};
-
-inline constexpr const char* kDriver = "ZEP_NOTIFIER_DRIVER_CONTEXT";
-inline constexpr const char* kClient = "ZEP_NOTIFIER_CLIENT_CONTEXT";
-inline constexpr const char* kRegistration = "ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT";
-inline constexpr const char* kState = "ZEP_NOTIFIER_STATE_CONTEXT";
-inline constexpr const char* kCommand = "ZEP_NOTIFIER_COMMAND_CONTEXT";
-inline constexpr const char* kWpcd = "ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT";
 
 // A state as it is posted.
 struct StateRecord {
@@ -194,11 +190,12 @@ private:
     void Attach(bool record);
     void Detach();
     void Count(bool pointer);
-    void Describe(ULONG capacity, std::string_view null);
+    void Describe(ULONG capacity, const std::string& null);
     void FillDescriptors(ULONG capacity, std::size_t& answer);
     void Dump(const Operation& operation);
     void FindDumpContext(bool record);
     void Broadcast();
+    void Sleep();
     void LeaveWorkingState();
     void Control(ULONG code);
     void Open();

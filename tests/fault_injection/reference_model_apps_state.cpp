@@ -39,12 +39,12 @@ void ReferenceModel::Broadcast()
         if (wanted == client->value) {
             continue;
         }
-        last = StatusOf([&] { (void)Make("WdfObjectCreate", "1/191 " + in + "WdfObjectCreate", kState); });
+        last = StatusOf([&] { (void)Make("WdfObjectCreate", "1/191 " + in + "WdfObjectCreate", kStateContextName); });
         if (!NT_SUCCESS(last)) {
             continue;
         }
         const Ref record = MakeObject({.kind = "state"}, driver_);
-        if (!HasContext(kState)) {
+        if (!HasContext(kStateContextName)) {
             Report("6/192 " + in + "State notification context, <state>");
             deleteParent();  // not the new object
             continue;
@@ -65,7 +65,7 @@ void ReferenceModel::Broadcast()
             Report("5/194 " + in + "WdfCollectionGetItem, 0, <collection>, " + std::to_string(answerCount));
             continue;
         }
-        if (!HasContext(kState)) {
+        if (!HasContext(kStateContextName)) {
             Report("6/195 " + in + "State notification context, <state>");
             deleteParent();
             continue;

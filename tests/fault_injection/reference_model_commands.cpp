@@ -23,7 +23,7 @@ void ReferenceModel::Send(ULONG sender, ULONG target, ULONG id)
 void ReferenceModel::QueueCommand(const Ref& client, ULONG target, ULONG id)
 {
     const std::string in = "Notifier_HelperSendCommand: ";
-    Owned command(*this, Create(kCommand, {.kind = "command"}, client, "1 " + in + "WdfObjectCreate",
+    Owned command(*this, Create(kCommandContextName, {.kind = "command"}, client, "1 " + in + "WdfObjectCreate",
                                 "7 Notifier_HelperSendcommand: Client command context"));
     command->number = client->number;
     command->other = target;
@@ -48,7 +48,7 @@ void ReferenceModel::NotifyCommands()
             Report("10 " + in + "<commands>");
             return;
         }
-        const bool hasContext = HasContext(kCommand);
+        const bool hasContext = HasContext(kCommandContextName);
         Remove(commands_, command);
         if (!hasContext) {
             Report("6 " + in + "Command context, <command>");

@@ -25,7 +25,7 @@ void ReferenceModel::Attach(bool record)
     Require(record, "2 " + in + "ZepClientAdd or ZepClientRemove is NULL!", STATUS_INVALID_PARAMETER);
     FindDriver(in, "2/212 ");
     Require(wpcd_ == nullptr, "2 " + in + "WPCD client already registered?!", STATUS_OBJECT_NAME_EXISTS);
-    wpcd_ = Create(kWpcd, {.kind = "crash-dump driver"}, driver_, "1 " + in + "WdfObjectCreate",
+    wpcd_ = Create(kWpcdContextName, {.kind = "crash-dump driver"}, driver_, "1 " + in + "WdfObjectCreate",
                    "7 " + in + "WPCD client context");
 }
 
@@ -47,14 +47,14 @@ void ReferenceModel::AddClients()
     bool isAttached = false;
     if (wpcd_ == nullptr) {
         Report("22 " + in + "Connection to CDI driver is not yet available, will retry later, ZEPN driver");
-    } else if (!HasContext(kWpcd)) {
+    } else if (!HasContext(kWpcdContextName)) {
         Report("6 " + in + "WPCD client context, <crash-dump driver>");
     } else {
         isAttached = true;
     }
     for (Ref client = FirstItem(addQueue_); client != nullptr; client = FirstItem(addQueue_)) {
         // With nobody to announce to, the queue is emptied without a word.
-        if (isAttached && !HasContext(kClient)) {
+        if (isAttached && !HasContext(kClientContextName)) {
             Report("6 " + in + "Client context, " + Name(*client));
         } else if (isAttached) {
             Announce(client);
@@ -90,12 +90,12 @@ void ReferenceModel::RemoveClient()
         Delete(entry);
         return;
     }
-    if (!HasContext(kWpcd)) {
+    if (!HasContext(kWpcdContextName)) {
         Report("6 " + in + "WPCD client context, <crash-dump driver>");
         lock.Keep();
         return;
     }
-    if (!HasContext(kClient)) {
+    if (!HasContext(kClientContextName)) {
         Report("6 " + in + "Client context, " + Name(*entry));
         return;
     }
@@ -125,7 +125,7 @@ void ReferenceModel::Count(bool pointer)
     throw Ended{status};
 }
 
-void ReferenceModel::Describe(ULONG capacity, std::string_view null)
+void ReferenceModel::Describe(ULONG capacity, const std::string& null)
 {
     const std::string in = "Notifier_WpcdGetAllSubsystemDescriptors: ";
     Require(null != "descriptors", "2 " + in + "Descriptors is NULL?!", STATUS_INVALID_PARAMETER);
@@ -167,7 +167,7 @@ void ReferenceModel::FindDumpContext(bool record)
                "7 Notifier_HelperDumpStart: Driver object context, <driver>, 0xC0000185", STATUS_IO_DEVICE_ERROR);
     Require(wpcd_ != nullptr, "7 Notifier_HelperDumpStart: WPCD (CDI) driver not yet loaded., <driver>",
             STATUS_IO_DEVICE_ERROR);
-    if (!HasContext(kWpcd)) {
+    if (!HasContext(kWpcdContextName)) {
         Report("6 GetContext: WPCD client context, <crash-dump driver>");
         throw Ended{};
     }

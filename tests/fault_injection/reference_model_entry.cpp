@@ -22,7 +22,7 @@ void ReferenceModel::Load()
 void ReferenceModel::AddDevice()
 {
     const std::string in = "NotifierEvtDeviceAdd: ";
-    if (!HasContext(kDriver)) {
+    if (!HasContext(kDriverContextName)) {
         Report("6 " + in + "Driver object context, <driver>");
         throw Ended{};
     }
@@ -116,7 +116,7 @@ void ReferenceModel::Cleanup()
         if (client == nullptr) {
             break;
         }
-        if (!HasContext(kClient)) {
+        if (!HasContext(kClientContextName)) {
             Report("6 " + in + "Client object context, " + Name(*client));
             break;
         }
@@ -129,7 +129,7 @@ void ReferenceModel::Cleanup()
 
 void ReferenceModel::Unload()
 {
-    if (!HasContext(kDriver)) {
+    if (!HasContext(kDriverContextName)) {
         Report("13 NotifierEvtDriverUnload: Driver context is NULL?!");
     } else {
         powerRegistrations_ -= powerCallback_ ? 1 : 0;
@@ -169,7 +169,7 @@ void ReferenceModel::Open()
 
 void ReferenceModel::Close()
 {
-    if (!HasContext(kClient)) {
+    if (!HasContext(kClientContextName)) {
         Report("6 NotifierEvtDeviceFileClose: File handle context, <file object>");
     }
     file_ = false;

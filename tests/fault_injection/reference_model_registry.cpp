@@ -26,8 +26,8 @@ void ReferenceModel::Register(ULONG number, ULONG traits, bool callbacks)
     Require(Lookup(number, true) == nullptr, "12 " + in + "InterfaceGUID is already initialized!, " + GuidText(number),
             STATUS_ZEP_NOTIFIER_ALREADY_REGISTERED);
     Require(callbacks, "2 " + in + "ActionCallbackTable is NULL!", STATUS_INVALID_PARAMETER);
-    Owned client(*this, Create(kClient, {.kind = "client"}, driver_, "1 " + in + "WdfObjectCreate for client",
-                               "7 " + in + "Client context"));
+    Owned client(*this, Create(kClientContextName, {.kind = "client"}, driver_,
+                               "1 " + in + "WdfObjectCreate for client", "7 " + in + "Client context"));
     client->number = number;
     client->traits = traits;
     if ((traits & kEntries) != 0) {
@@ -89,9 +89,9 @@ void ReferenceModel::Deregister(ULONG number)
 void ReferenceModel::Withdraw(const ModelObject& client)
 {
     const std::string in = "Notifier_HelperClientDeinit: ";
-    const NTSTATUS status = Make("WdfObjectCreate", "1 " + in + "WdfObjectCreate for client copy", kClient);
+    const NTSTATUS status = Make("WdfObjectCreate", "1 " + in + "WdfObjectCreate for client copy", kClientContextName);
     Owned copy(*this, MakeObject(client, driver_));
-    if (!HasContext(kClient)) {
+    if (!HasContext(kClientContextName)) {
         Report("7 " + in + "Client context, <client 0>", status);  // the status of its creation
         throw Ended{};
     }
@@ -132,7 +132,7 @@ void ReferenceModel::Subscribe(ULONG number, ULONG target, ULONG state)
         Report("12/111 " + in + "Unable to find client with , " + GuidText(number),
                STATUS_SUCCESS);  // the subscriber's
     }
-    Owned subscription(*this, Create(kRegistration, {.kind = "subscription"}, subscriber,
+    Owned subscription(*this, Create(kRegistrationContextName, {.kind = "subscription"}, subscriber,
                                      "1 " + in + "WdfObjectCreate for state notification",
                                      "7 " + in + "State notification context"));
     subscription->number = number;

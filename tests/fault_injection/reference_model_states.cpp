@@ -21,7 +21,7 @@ void ReferenceModel::Post(const StateRecord& posted)
         Append(addQueue_, client, "1 " + in + "WdfCollectionAdd for wdfCollectionWpcdClientAddQueue");
         Enqueue("add");
     }
-    Owned record(*this, Create(kState, {.kind = "state"}, client, "1 " + in + "WdfObjectCreate",
+    Owned record(*this, Create(kStateContextName, {.kind = "state"}, client, "1 " + in + "WdfObjectCreate",
                                "7 " + in + "Client state context"));
     record->number = posted.number;
     record->value = posted.state;
@@ -58,7 +58,7 @@ void ReferenceModel::NotifyStates()
                 Report("10 " + in + "<states>");
                 return;
             }
-            if (!HasContext(kState)) {
+            if (!HasContext(kStateContextName)) {
                 Report("6/145 " + in + "State context, <state>");
                 return;  // it stays first in the queue
             }
@@ -105,9 +105,9 @@ void ReferenceModel::DeliverState(const ModelObject& state)
 void ReferenceModel::QueueFollowUp(const Ref& subscriber, ULONG state)
 {
     const std::string in = "NotifierEvtWorkItemNotifyStates: ";
-    (void)Make("WdfObjectCreate", "1 " + in + "WdfObjectCreate for state notification", kState);
+    (void)Make("WdfObjectCreate", "1 " + in + "WdfObjectCreate for state notification", kStateContextName);
     Owned record(*this, MakeObject({.kind = "state"}, subscriber));
-    if (!HasContext(kState)) {
+    if (!HasContext(kStateContextName)) {
         Report("6/153 " + in + "State context, <state>");
         throw Ended{};
     }

@@ -133,7 +133,7 @@ void ReferenceModel::Require(bool isGood, const std::string& line, NTSTATUS stat
 void ReferenceModel::FindDriver(const std::string& noDriver, const std::string& noContext, NTSTATUS status)
 {
     const bool hasDriver = Gives("WdfGetDriver");
-    if (!hasDriver || !HasContext(kDriver)) {
+    if (!hasDriver || !HasContext(kDriverContextName)) {
         Report(hasDriver ? noContext : noDriver);
         throw Ended{status};
     }
@@ -186,7 +186,7 @@ Ref ReferenceModel::At(const Ref& collection, std::size_t index, const std::stri
         return nullptr;
     }
     const bool isClient = collection == clients_;
-    if (!HasContext(isClient ? kClient : kRegistration)) {
+    if (!HasContext(isClient ? kClientContextName : kRegistrationContextName)) {
         Report(noContext + ", " + Name(*item));
         return nullptr;
     }

@@ -46,43 +46,27 @@ std::string GuidText(ULONG client)
 
 namespace {
 
-Operation Register(unsigned client, ULONG traits = kPlain)
-{
-    return {.kind = Kind::kRegister, .client = client, .value = traits};
-}
-Operation Deregister(unsigned client)
-{
-    return {.kind = Kind::kDeregister, .client = client};
-}
-Operation Post(unsigned client, ULONG state)
-{
-    return {.kind = Kind::kPost, .client = client, .state = state};
-}
-Operation Subscribe(unsigned client, unsigned target, ULONG state)
-{
-    return {.kind = Kind::kSubscribe, .client = client, .other = target, .state = state};
-}
-Operation Unsubscribe(unsigned client, unsigned target, ULONG state)
-{
-    return {.kind = Kind::kUnsubscribe, .client = client, .other = target, .state = state};
-}
-Operation Command(unsigned client, unsigned target, ULONG id)
-{
-    return {.kind = Kind::kCommand, .client = client, .other = target, .value = id};
-}
-Operation Describe(ULONG capacity)
-{
-    return {.kind = Kind::kDescribe, .value = capacity};
-}
-Operation Dump(Kind kind, ULONG answer = 0)  // of the crash-dump driver
-{
-    return {.kind = kind, .client = 1, .value = answer};
-}
-Operation Control(ULONG code)
-{
-    return {.kind = Kind::kControl, .value = code};
-}
-Operation Null(Operation operation, std::string_view argument)
+constexpr auto Register = [](unsigned client, ULONG traits = kPlain) {
+    return Operation{.kind = Kind::kRegister, .client = client, .value = traits};
+};
+constexpr auto Deregister = [](unsigned client) { return Operation{.kind = Kind::kDeregister, .client = client}; };
+constexpr auto Post = [](unsigned client, ULONG state) {
+    return Operation{.kind = Kind::kPost, .client = client, .state = state};
+};
+constexpr auto Subscribe = [](unsigned client, unsigned target, ULONG state) {
+    return Operation{.kind = Kind::kSubscribe, .client = client, .other = target, .state = state};
+};
+constexpr auto Unsubscribe = [](unsigned client, unsigned target, ULONG state) {
+    return Operation{.kind = Kind::kUnsubscribe, .client = client, .other = target, .state = state};
+};
+constexpr auto Command = [](unsigned client, unsigned target, ULONG id) {
+    return Operation{.kind = Kind::kCommand, .client = client, .other = target, .value = id};
+};
+constexpr auto Describe = [](ULONG capacity) { return Operation{.kind = Kind::kDescribe, .value = capacity}; };
+constexpr auto Control = [](ULONG code) { return Operation{.kind = Kind::kControl, .value = code}; };
+// What the crash-dump driver answers.
+constexpr auto Dump = [](Kind kind, ULONG answer = 0) { return Operation{.kind = kind, .client = 1, .value = answer}; };
+Operation Null(Operation operation, const char* argument)
 {
     operation.null = argument;
     return operation;
@@ -208,7 +192,7 @@ Sequence WholeSequence()
         {Kind::kPowerDown},
         {Kind::kPowerUp},
         {Kind::kDeliver},
-        {Kind::kSurprise},
+        {Kind::kSurpriseRemoval},
         {Kind::kRemove},
         {Kind::kUnload},
     };
@@ -229,7 +213,7 @@ Sequence After(Sequence begin, const Sequence& rest)
 
 Sequence ShortSequence()
 {
-    return After(kBegin, {Post(1, 3), {Kind::kDeliver}, {Kind::kSurprise}, {Kind::kRemove}, {Kind::kUnload}});
+    return After(kBegin, {Post(1, 3), {Kind::kDeliver}, {Kind::kSurpriseRemoval}, {Kind::kRemove}, {Kind::kUnload}});
 }
 
 Sequence SecondDevice()
@@ -237,7 +221,7 @@ Sequence SecondDevice()
     return After(kBegin, {Register(3, kApps | kEntries),
                           Post(1, 3),
                           {Kind::kDeliver},
-                          {Kind::kSurprise},
+                          {Kind::kSurpriseRemoval},
                           {Kind::kRemove},
                           {Kind::kAddDevice},
                           {Kind::kSleep},  // also when there is no second device
@@ -246,7 +230,7 @@ Sequence SecondDevice()
                           Register(2, kApps),
                           {Kind::kSleep},
                           {Kind::kDeliver},
-                          {Kind::kSurprise},
+                          {Kind::kSurpriseRemoval},
                           {Kind::kRemove},
                           {Kind::kUnload}});
 }
@@ -267,7 +251,7 @@ Sequence CommandToAClientWithoutCallback()
                           Deregister(2),
                           Register(2),
                           {Kind::kDeliver},
-                          {Kind::kSurprise},
+                          {Kind::kSurpriseRemoval},
                           {Kind::kRemove},
                           {Kind::kUnload}});
 }

@@ -4,62 +4,67 @@
 
 #include <nlohmann/json.hpp>
 
+#include <map>
 #include <sstream>
-#include <utility>
 
 namespace fuzz {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Each step by its name in "do", with the fields that it needs; values are drawn by field.
-const std::vector<std::pair<std::string, std::vector<std::string>>> kSteps = {
-    {"register", {"client"}},
-    {"subscribe", {"client", "to", "state"}},
-    {"unsubscribe", {"client", "to", "state"}},
-    {"post", {"client", "state"}},
-    {"deregister", {"client"}},
-    {"deliver", {}},
-    {"deliver", {"runs"}},
-    {"command", {"client", "to", "id"}},
-    {"attach", {}},
-    {"detach", {}},
-    {"count", {}},
-    {"describe", {"capacity"}},
-    {"startDump", {"client"}},
-    {"addDumpData", {"client"}},
-    {"queryDump", {"client"}},
-    {"addTriageData", {"client"}},
-    {"stopDump", {"client"}},
-    {"open", {}},
-    {"control", {}},
-    {"control", {"id"}},
-    {"close", {}},
-    {"timeout", {"argument"}},
-    {"wait", {"argument"}},
-    {"addDevice", {}},
-    {"sleep", {}},
-    {"wake", {}},
-    {"askToStop", {}},
-    {"askToRemove", {}},
-    {"surpriseRemoval", {}},
-    {"remove", {}},
-    {"unload", {}},
-    {"unload", {"client"}},
-    {"load", {}},
-    {"load", {"client"}},
-    {"stop", {"client"}},
-    {"pull", {"client"}},
-    {"expect", {"client", "state"}},
+std::vector<std::string> Originals()
+{
+    const std::filesystem::path folder = std::filesystem::path(ZEPN_ROOT) / "scenarios";
+    std::vector<std::string> originals = ContentsOf(folder, ".json");
+    for (std::string& misuse : ContentsOf(folder / "misuse", ".json")) {
+        originals.push_back(std::move(misuse));
+    }
+    return originals;
+}
+
+Json Parsed(const std::string& original)
+{
+    return Json::parse(original, nullptr, true, true);
+}
+
+// What the project's scenarios are made of, to be put together anew. By name, so that a rare one comes as often as others.
+struct Parts {
+    using Values = std::map<std::string, std::vector<Json>>;
+    Values steps;    // by what they do
+    Values fields;   // of steps
+    Values scripts;  // the fields of clients
+
+    Parts()
+    {
+        for (const std::string& original : Originals()) {
+            const Json scenario = Parsed(original);
+            for (const Json& step : scenario["steps"]) {
+                steps[step["do"].get<std::string>()].push_back(step);
+                Add(step, fields);
+            }
+            for (const Json& client : scenario["clients"]) {
+                Add(client, scripts);
+            }
+        }
+        for (const char* identity : {"guid", "image", "states", "parameters"}) {
+            scripts.erase(identity);
+        }
+        fields.erase("do");
+    }
+
+    static void Add(const Json& object, Values& values)
+    {
+        for (const auto& [name, value] : object.items()) {
+            values[name].push_back(value);
+        }
+    }
 };
-const std::vector<std::string> kBeginnings = {"started", "loaded", "absent"};
-const std::vector<std::string> kNulls = {"guid", "callbacks", "record", "callback", "descriptors", "count"};
-const std::vector<std::string> kCallbacks = {"state", "command", "appsState"};
-const std::vector<std::string> kInside = {"register", "deregister", "post", "command", "subscribe", "unsubscribe"};
-const std::vector<std::string> kCalls = {
-    "WdfObjectCreate",     "WdfCollectionAdd",  "WdfWaitLockAcquire",   "WdfWorkItemCreate", "ExAllocatePoolWithTag",
-    "WdfCollectionCreate", "WdfIoTargetOpen",   "WdfDeviceCreate",      "EtwRegister",       "WdfIoQueueCreate",
-    "ExRegisterCallback",  "WdfWaitLockCreate", "WdfRegistryQueryULong"};
+
+const Parts& AllParts()
+{
+    static const Parts parts;
+    return parts;
+}
 
 class ScenarioMutation {
 public:
@@ -73,50 +78,39 @@ public:
     Json Mutate()
     {
         for (std::size_t left = 1 + mutator_.Below(6); left > 0; --left) {
-            if (mutator_.OneIn(4)) {
-                MutateClient();
+            if (!clients_.empty() && mutator_.OneIn(4)) {
+                const auto& [name, values] = OneOf(parts_.scripts);
+                Json& value = scenario_["clients"][mutator_.OneOf(clients_)][name] = mutator_.OneOf(values);
+                Fit(name, value);
             } else {
                 MutateSteps();
             }
         }
         if (mutator_.OneIn(20)) {
-            scenario_["notifier"] = mutator_.OneOf(kBeginnings);
+            scenario_["notifier"] = mutator_.OneOf<std::string>({"started", "loaded", "absent"});
         }
         return scenario_;
     }
 
 private:
-    Json Value(const std::string& field)
+    [[nodiscard]] const Parts::Values::value_type& OneOf(const Parts::Values& values)
     {
-        if (field == "client" || field == "to") {
-            return clients_.empty() ? "nobody" : mutator_.OneOf(clients_);
-        }
-        if (field == "state") {
-            return mutator_.OneIn(4) ? Json("any") : Json(mutator_.Below(8));
-        }
-        return mutator_.Below(5);
+        return *std::next(values.begin(), static_cast<std::ptrdiff_t>(mutator_.Below(values.size())));
     }
 
-    Json NewStep()
+    // Names of clients and states that this scenario does not have become some that it has.
+    void Fit(const std::string& name, Json& value)
     {
-        const auto& [action, fields] = mutator_.OneOf(kSteps);
-        Json step = {{"do", action}};
-        for (const std::string& field : fields) {
-            step[field] = Value(field);
-        }
-        if (mutator_.OneIn(12)) {
-            step["level"] = "dispatch";
-        }
-        if (mutator_.OneIn(12)) {
-            step["null"] = mutator_.OneOf(kNulls);
-        }
-        if (mutator_.OneIn(12)) {
-            step["fail"] = {{"call", mutator_.OneOf(kCalls)}};
-            if (mutator_.OneIn(2)) {
-                step["fail"]["status"] = mutator_.OneIn(2) ? "0xC000009A" : "0x40000000";
+        if (value.is_structured()) {
+            for (const auto& [inner, part] : value.items()) {
+                Fit(value.is_object() ? inner : name, part);
             }
+        } else if (name == "client" || name == "to" || name == "from") {
+            value = clients_.empty() ? "nobody" : mutator_.OneOf(clients_);
+        } else if ((name == "state" || name == "answer" || name == "appsState") && value.is_string() &&
+                   value != "any") {
+            value = mutator_.Below(8);
         }
-        return step;
     }
 
     void MutateSteps()
@@ -126,84 +120,49 @@ private:
             return steps.begin() + static_cast<std::ptrdiff_t>(mutator_.Below(steps.size() + more));
         };
         if (steps.empty() || mutator_.OneIn(2)) {
-            steps.insert(place(1), NewStep());
+            Json step = mutator_.OneOf(OneOf(parts_.steps).second);
+            Fit("", step);
+            steps.insert(place(1), step);
             return;
         }
-        switch (mutator_.Below(4)) {
+        switch (mutator_.Below(5)) {
         case 0:
             steps.erase(place(0));
             return;
         case 1:
             std::iter_swap(place(0), place(0));
             return;
-        case 2: {
-            const Json copy = *place(0);
-            steps.insert(place(1), copy);
+        case 2:
+            steps.insert(place(1), Json(*place(0)));
             return;
-        }
         default: {
+            // Mostly another value of a field that it has.
             Json& step = *place(0);
-            for (const char* field : {"client", "to", "state", "id", "argument", "runs", "capacity"}) {
-                if (step.contains(field)) {
-                    step[field] = Value(field);
-                }
+            const auto& [name, values] = OneOf(parts_.fields);
+            if (step.contains(name) || mutator_.OneIn(8)) {
+                Fit(name, step[name] = mutator_.OneOf(values));
             }
         }
         }
     }
 
-    void MutateClient()
-    {
-        if (clients_.empty()) {
-            return;
-        }
-        Json& client = scenario_["clients"][mutator_.OneOf(clients_)];
-        switch (mutator_.Below(5)) {
-        case 0:
-            client["inside"] = {{{"on", mutator_.OneOf(kCallbacks)}, {"do", mutator_.OneOf(kInside)}}};
-            return;
-        case 1:
-            client["answers"] = {{{"from", Value("client")}, {"state", Value("state")}, {"answer", mutator_.Below(8)}}};
-            return;
-        case 2:
-            client["commands"] = {{{"id", Value("id")}, {"answer", mutator_.Below(8)}}};
-            return;
-        case 3:
-            client["appsState"] = mutator_.Below(8);
-            return;
-        default:
-            client["entries"] = mutator_.OneIn(2) ? mutator_.Below(1000) : std::uint64_t{0xFFFFFFFF};
-        }
-    }
-
+    const Parts& parts_ = AllParts();
     Mutator& mutator_;
     Json scenario_;
     std::vector<std::string> clients_;
 };
 
-std::vector<std::string> Originals()
-{
-    const std::filesystem::path folder = std::filesystem::path(ZEPN_ROOT) / "scenarios";
-    std::vector<std::string> originals = ContentsOf(folder, ".json");
-    for (std::string& misuse : ContentsOf(folder / "misuse", ".json")) {
-        originals.push_back(std::move(misuse));
-    }
-    return originals;
-}
-
 std::string Mutate(Mutator& mutator, const std::string& original)
 {
-    return ScenarioMutation(mutator, Json::parse(original, nullptr, true, true)).Mutate().dump(1);
+    return ScenarioMutation(mutator, Parsed(original)).Mutate().dump(1);
 }
 
 std::string Read(const std::string& bytes)
 {
     const play::Scenario scenario = play::ParseScenario(bytes, kFileName);
-    play::PlayOptions options;
-    options.image = ZEPN_NATIVE_DRIVER;
     std::ostringstream out;
     play::Timeline timeline(out, play::Timeline::Form::kText, false);
-    (void)play::Play(scenario, options, timeline);
+    (void)play::Play(scenario, {.image = ZEPN_NATIVE_DRIVER}, timeline);
     return {};
 }
 

@@ -35,7 +35,6 @@ NTSTATUS CrashDumpDriver::OnAdd(const ZEP_SUBSYSTEM_DESCRIPTOR& descriptor)
         return onAdd(descriptor);
     }
     added.push_back(descriptor);
-    buffers.push_back(&descriptor);
     return answer;
 }
 

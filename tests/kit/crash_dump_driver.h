@@ -28,7 +28,6 @@ struct CrashDumpDriver final : private peers::CrashDumpReceiver {
     const WpcdClientRegistration registration;
 
     std::vector<ZEP_SUBSYSTEM_DESCRIPTOR> added;
-    std::vector<const ZEP_SUBSYSTEM_DESCRIPTOR*> buffers;
     std::vector<GUID> removed;
     std::vector<DumpCall> calls;
     NTSTATUS answer = STATUS_SUCCESS;

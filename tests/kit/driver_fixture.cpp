@@ -109,46 +109,14 @@ Peer& DriverFixture::Join(const Peer& peer)
 NTSTATUS DriverFixture::Register(Peer& peer, ULONG entryCount, const ZepDataEntry* entries)
 {
     host::checks::FillUnusedStack();
-    return helper.Notifier_HelperInit(&peer.guid, "name", "description", &peer.callbacks, entries, entryCount, &peer);
+    return helper.Notifier_HelperInit(&peer.guid, peer.name.c_str(), peer.description.c_str(), &peer.callbacks, entries,
+                                      entryCount, &peer);
 }
 
-NTSTATUS DriverFixture::Post(const Peer& peer, ULONG state)
-{
-    const ZepState record{.Size = 32, .InterfaceGUID = peer.guid, .State = state, .Reserved = 0};
-    host::checks::FillUnusedStack();
-    return helper.Notifier_HelperSendState(&record);
-}
-
-NTSTATUS DriverFixture::Subscribe(Peer& subscriber, const Peer& target, ULONG state)
-{
-    const ZepState filter{.Size = 32, .InterfaceGUID = target.guid, .State = state, .Reserved = 0};
-    host::checks::FillUnusedStack();
-    return helper.Notifier_HelperRegisterForStateNotification(&subscriber.guid, &filter, &Peer::OnState);
-}
-
-NTSTATUS DriverFixture::Unsubscribe(const Peer& subscriber, const Peer& target, ULONG state)
-{
-    // Size and the last word take no part.
-    const ZepState filter{.Size = 1, .InterfaceGUID = target.guid, .State = state, .Reserved = 7};
-    host::checks::FillUnusedStack();
-    return helper.Notifier_HelperDeregisterForStateNotification(&subscriber.guid, &filter);
-}
-
-NTSTATUS DriverFixture::Leave(const Peer& peer)
+NTSTATUS DriverFixture::Call(Kind kind, const Peer& peer, const peers::Record& record)
 {
     host::checks::FillUnusedStack();
-    return helper.Notifier_HelperClientDeinit(&peer.guid);
-}
-
-NTSTATUS DriverFixture::Send(const Peer& sender, const Peer& target, ULONG id, ULONG argument)
-{
-    const ZepCommand command{.Size = 0xBAD,
-                             .CommandArgument = argument,
-                             .SourceGuid = sender.guid,
-                             .TargetGuid = target.guid,
-                             .CommandId = id};
-    host::checks::FillUnusedStack();
-    return helper.Notifier_HelperSendCommand(&command);
+    return CallAsClient(helper, kind, peer.caller(), record);
 }
 
 void DriverFixture::Deliver()

@@ -8,6 +8,7 @@
 #include "host/tracing/decode.h"
 #include "driver/trace/identifiers.h"
 #include "tests/kit/driver_harness.h"
+#include "tests/kit/texts.h"
 
 #include <gtest/gtest.h>
 
@@ -77,11 +78,24 @@ public:
     Peer& Join(const Peer& peer);
     Peer& Join(ULONG number) { return Join(Peer(number)); }
     NTSTATUS Register(Peer& peer, ULONG entryCount = 0, const ZepDataEntry* entries = nullptr);
-    NTSTATUS Post(const Peer& peer, ULONG state);
-    NTSTATUS Subscribe(Peer& subscriber, const Peer& target, ULONG state);
-    NTSTATUS Unsubscribe(const Peer& subscriber, const Peer& target, ULONG state);
-    NTSTATUS Leave(const Peer& peer);
-    NTSTATUS Send(const Peer& sender, const Peer& target, ULONG id, ULONG argument = 0);
+    NTSTATUS Post(const Peer& peer, ULONG state)
+    {
+        return Call(Kind::kPost, peer, {.state = {sizeof(ZepState), peer.guid, state, 0}});
+    }
+    NTSTATUS Subscribe(const Peer& subscriber, const Peer& target, ULONG state)
+    {
+        return Call(Kind::kSubscribe, subscriber, {.state = {sizeof(ZepState), target.guid, state, 0}});
+    }
+    // Size and the last word take no part.
+    NTSTATUS Unsubscribe(const Peer& subscriber, const Peer& target, ULONG state)
+    {
+        return Call(Kind::kUnsubscribe, subscriber, {.state = {1, target.guid, state, 7}});
+    }
+    NTSTATUS Leave(const Peer& peer) { return Call(Kind::kDeregister, peer); }
+    NTSTATUS Send(const Peer& sender, const Peer& target, ULONG id, ULONG argument = 0)
+    {
+        return Call(Kind::kCommand, sender, {.command = {0xBAD, argument, sender.guid, target.guid, id}});
+    }
     // Runs queued work; no run may park.
     void Deliver();
 
@@ -120,6 +134,7 @@ public:
     [[nodiscard]] std::vector<std::string> TakeRecords();
 
 private:
+    NTSTATUS Call(Kind kind, const Peer& peer, const peers::Record& record = {});
     [[nodiscard]] std::string HandleName(std::uint64_t handle);
     void CheckReports();
 
@@ -135,6 +150,12 @@ private:
 
 // The base of behaviour tests: one container each.
 class OnContainer : public testing::TestWithParam<Container> {};
+
+// ... with the driver loaded and started.
+class OnDriver : public OnContainer, public DriverFixture {
+protected:
+    OnDriver() : DriverFixture(GetParam()) {}
+};
 
 using Lines = std::vector<std::string>;
 

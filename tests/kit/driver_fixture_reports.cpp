@@ -10,25 +10,10 @@ namespace tests {
 
 std::string DriverFixture::HandleName(std::uint64_t handle)
 {
-    const auto pointer = reinterpret_cast<WDFOBJECT>(handle);
-    if (driver != nullptr && driver->IsLoaded() && pointer == driver->Handle()) {
-        return "<driver>";
-    }
-    if (driver != nullptr && driver->IsLoaded()) {
-        const auto context = machine.inspect().Context<DriverContext>(driver->Handle(), kDriverContextName);
-        for (const auto& [collection, name] : layout::CollectionsOf(context.value_or(DriverContext{}))) {
-            if (collection == pointer) {
-                return std::string("<") + name + ">";
-            }
-        }
-    }
-    const auto object = machine.inspect().Find(pointer);
-    if (!object) {
-        return "<gone>";
-    }
-    return object->type == host::framework::ObjectType::kGeneral
-               ? "<object>"
-               : std::string("<") + host::framework::Name(object->type) + ">";
+    return NameOfHandle(machine, driver, handle, [](const host::framework::ObjectSnapshot& object) {
+        const bool isGeneral = object.type == host::framework::ObjectType::kGeneral;
+        return isGeneral ? "<object>" : std::string("<") + host::framework::Name(object.type) + ">";
+    });
 }
 
 Lines DriverFixture::TakeReports()

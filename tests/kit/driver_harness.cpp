@@ -168,7 +168,7 @@ std::optional<NTSTATUS> DriverHarness::Do(const Operation& operation)
         return driver->Sleep();
     case Kind::kPowerUp:
         return driver->Wake();
-    case Kind::kSurprise:
+    case Kind::kSurpriseRemoval:
         driver->SurpriseRemoveDevice();
         return std::nullopt;
     case Kind::kUnload:
@@ -212,62 +212,21 @@ std::optional<NTSTATUS> DriverHarness::Do(const Operation& operation)
     }
 }
 
-std::optional<NTSTATUS> DriverHarness::DoAsClient(const Operation& operation, Peer& peer)
+NTSTATUS DriverHarness::DoAsClient(const Operation& operation, Peer& peer)
 {
-    const std::string_view null = operation.null;
-    const GUID* guid = null == "guid" ? nullptr : &peer.guid;
-    const auto record = [null](const auto& given) { return null == "record" ? nullptr : &given; };
     const auto other = peers_.find(operation.other);
     const GUID otherGuid = other != peers_.end() ? other->second.guid : GUID{};
+    const ZepState posted{
+        .Size = kPostedSize, .InterfaceGUID = peer.guid, .State = operation.state, .Reserved = kPostedReserved};
     const ZepState filter{
         .Size = sizeof(ZepState), .InterfaceGUID = otherGuid, .State = operation.state, .Reserved = operation.value};
-    switch (operation.kind) {
-    case Kind::kRegister:
-        return helper_.Notifier_HelperInit(
-            guid, peer.name.c_str(), peer.description.c_str(), null == "callbacks" ? nullptr : &peer.callbacks,
-            peer.entries.empty() ? nullptr : peer.entries.data(), static_cast<ULONG>(peer.entries.size()), &peer);
-    case Kind::kDeregister:
-        return helper_.Notifier_HelperClientDeinit(guid);
-    case Kind::kSubscribe:
-        return helper_.Notifier_HelperRegisterForStateNotification(guid, record(filter),
-                                                                   null == "callback" ? nullptr : &Peer::OnState);
-    case Kind::kUnsubscribe:
-        return helper_.Notifier_HelperDeregisterForStateNotification(guid, record(filter));
-    case Kind::kPost: {
-        const ZepState state{
-            .Size = kPostedSize, .InterfaceGUID = peer.guid, .State = operation.state, .Reserved = kPostedReserved};
-        return helper_.Notifier_HelperSendState(record(state));
-    }
-    case Kind::kCommand: {
-        const ZepCommand command{.Size = 1,
-                                 .CommandArgument = CommandArgument(operation),
-                                 .SourceGuid = peer.guid,
-                                 .TargetGuid = otherGuid,
-                                 .CommandId = operation.value};
-        return helper_.Notifier_HelperSendCommand(record(command));
-    }
-    default:
-        return Dump(operation);
-    }
-}
-
-NTSTATUS DriverHarness::Dump(const Operation& operation)
-{
-    std::uint32_t content = 0xD0D00000u + operation.client;
-    std::uint32_t data = 0xDA7A;
-    PVOID record = operation.null.empty() ? &content : nullptr;
-    switch (operation.kind) {
-    case Kind::kStartDump:
-        return helper_.Notifier_HelperStartDump(record, 0x1000, 0x2000);
-    case Kind::kAddDumpData:
-        return helper_.Notifier_HelperAddDumpData(record, &data, 0x80000000, 4096, 1);
-    case Kind::kQueryDump:
-        return helper_.Notifier_HelperDumpQueryParam(record, 7, 11, 12);
-    case Kind::kAddTriageData:
-        return helper_.Notifier_HelperDumpAddTriageData(record, 0x90000000, 256);
-    default:
-        return helper_.Notifier_HelperStopDump(record, 13);
-    }
+    const peers::Record record{.state = operation.kind == Kind::kPost ? posted : filter,
+                               .command = {.Size = 1,
+                                           .CommandArgument = CommandArgument(operation),
+                                           .SourceGuid = peer.guid,
+                                           .TargetGuid = otherGuid,
+                                           .CommandId = operation.value}};
+    return CallAsClient(helper_, operation.kind, peer.caller(), record, operation.null);
 }
 
 NTSTATUS DriverHarness::Describe(const Operation& operation)

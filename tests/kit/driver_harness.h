@@ -48,8 +48,7 @@ public:
     [[nodiscard]] std::optional<NTSTATUS> Do(const Operation& operation);
 
 private:
-    std::optional<NTSTATUS> DoAsClient(const Operation& operation, Peer& peer);
-    NTSTATUS Dump(const Operation& operation);
+    NTSTATUS DoAsClient(const Operation& operation, Peer& peer);
     NTSTATUS Describe(const Operation& operation);
     void ConnectCallbacks(const Answers& answers, CrashDumpDriver& crashDump, unsigned table);
     [[nodiscard]] const Peer* Find(const GUID& guid) const;

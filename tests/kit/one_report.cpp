@@ -1,5 +1,7 @@
 #include "tests/kit/one_report.h"
 
+#include "tests/kit/contexts.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -40,6 +42,26 @@ Numbers NumbersOf(const host::tracing::CapturedMessage& message)
         at += size;
     }
     return numbers;
+}
+
+std::string NameOfHandle(host::Machine& machine, const host::Driver* driver, std::uint64_t handle,
+                         const std::function<std::string(const host::framework::ObjectSnapshot& object)>& describe)
+{
+    const auto pointer = reinterpret_cast<WDFOBJECT>(handle);
+    const bool isLoaded = driver != nullptr && driver->IsLoaded();
+    if (isLoaded && pointer == driver->Handle()) {
+        return "<driver>";
+    }
+    const auto inspect = machine.inspect();
+    const auto context =
+        isLoaded ? inspect.Context<layout::DriverContext>(driver->Handle(), layout::kDriverContextName) : std::nullopt;
+    for (const auto& [collection, name] : layout::CollectionsOf(context.value_or(layout::DriverContext{}))) {
+        if (collection == pointer) {
+            return std::string("<") + name + ">";
+        }
+    }
+    const auto object = inspect.Find(pointer);
+    return object ? describe(*object) : "<gone>";
 }
 
 bool IsHandle(const host::tracing::DecodedField& field)

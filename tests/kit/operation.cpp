@@ -3,25 +3,7 @@
 #include "driver/include/zepn_notifier.h"
 #include "tests/kit/callback_lines.h"
 
-#include <iterator>
-
 namespace tests {
-
-const char* Name(Kind kind)
-{
-    constexpr const char* kNames[] = {
-        "register",  "deregister",    "subscribe", "unsubscribe", "post",     "command",   "startDump", "addDumpData",
-        "queryDump", "addTriageData", "stopDump",  "attach",      "detach",   "count",     "describe",  "runOne",
-        "deliver",   "control",       "timeout",   "sleep",       "wake",     "powerDown", "powerUp",   "open",
-        "close",     "load",          "addDevice", "start",       "surprise", "remove",    "unload"};
-    static_assert(std::size(kNames) == static_cast<std::size_t>(Kind::kUnload) + 1);
-    return kNames[static_cast<std::size_t>(kind)];
-}
-
-bool IsOfClient(Kind kind)
-{
-    return kind <= Kind::kStopDump;
-}
 
 std::string Text(const Operation& operation)
 {
@@ -49,7 +31,7 @@ std::string Text(const Operation& operation)
     default:
         break;
     }
-    return text + (operation.null.empty() ? "" : ", null " + std::string(operation.null));
+    return text + (operation.null.empty() ? "" : ", null " + operation.null);
 }
 
 }  // namespace tests

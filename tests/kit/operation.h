@@ -2,48 +2,18 @@
 // model-based test are sequences of these.
 #pragma once
 
+#include "tools/peers/operation.h"
+
 #include <ntddk.h>
 
 #include <cstdint>
-#include <ostream>
 #include <string>
-#include <string_view>
 
 namespace tests {
 
-enum class Kind : std::uint8_t {
-    kRegister,
-    kDeregister,
-    kSubscribe,
-    kUnsubscribe,
-    kPost,
-    kCommand,
-    kStartDump,
-    kAddDumpData,
-    kQueryDump,
-    kAddTriageData,
-    kStopDump,
-    kAttach,  // the crash-dump driver
-    kDetach,
-    kCount,
-    kDescribe,
-    kRunOne,   // the oldest queued work item runs
-    kDeliver,  // all queued work runs
-    kControl,
-    kTimeout,
-    kSleep,  // the system
-    kWake,
-    kPowerDown,  // the device
-    kPowerUp,
-    kOpen,
-    kClose,
-    kLoad,
-    kAddDevice,
-    kStart,
-    kSurprise,
-    kRemove,
-    kUnload,
-};
+using peers::IsOfClient;
+using peers::Kind;
+using peers::Name;
 
 struct Operation {
     Kind kind = Kind::kDeliver;
@@ -51,16 +21,8 @@ struct Operation {
     unsigned other = 0;       // the target of a subscription or command
     std::uint32_t state = 0;  // posted or awaited; ZEP_STATE_ANY awaits every state
     std::uint32_t value = 0;  // command id, capacity, milliseconds, control code, table of the crash-dump driver
-    std::string_view null{};  // the argument passed as NULL, by its name in scenario files; empty: none
+    std::string null{};       // the argument passed as NULL, by its name in scenario files; empty: none
 };
-
-// By the name of the step in scenario files, where there is one.
-[[nodiscard]] const char* Name(Kind kind);
-[[nodiscard]] bool IsOfClient(Kind kind);
-inline void PrintTo(Kind kind, std::ostream* out)
-{
-    *out << Name(kind);
-}
 
 // "client1 post, state 4".
 [[nodiscard]] std::string Text(const Operation& operation);
@@ -68,7 +30,7 @@ inline void PrintTo(Kind kind, std::ostream* out)
 // What follows from the operation alone; both sides of a comparison use it.
 inline constexpr std::uint32_t kPostedSize = 77;  // nobody looks at it
 inline constexpr std::uint32_t kPostedReserved = 0xABCD;
-[[nodiscard]] constexpr std::uint32_t CommandArgument(const Operation& operation)
+[[nodiscard]] inline std::uint32_t CommandArgument(const Operation& operation)
 {
     return 100 + operation.state % 16;
 }

@@ -55,7 +55,6 @@ NTSTATUS Peer::OnState(PVOID context, const ZepState* state, PULONG response)
     YieldPoint(YieldKind::kClientCode, "StateNotificationCallback");
     auto& peer = *static_cast<Peer*>(context);
     peer.deliveries.push_back(*state);
-    peer.responsesAtEntry.push_back(*response);
     if (peer.onState) {
         peer.onState(*state, *response);
     }

@@ -1,7 +1,7 @@
 // A client driver for tests: it records what it is called with, and answers as it is set to.
 #pragma once
 
-#include "driver/include/zepn_notifier.h"
+#include "tools/peers/client_calls.h"
 
 #include <functional>
 #include <string>
@@ -22,7 +22,6 @@ struct Peer {
     ActionCallbackTable callbacks{};
 
     std::vector<ZepState> deliveries;
-    std::vector<ULONG> responsesAtEntry;
     std::vector<std::pair<ULONG, ZepCommandInfo>> commands;
     unsigned appsStateCalls = 0;  // with the one reason that there is
     std::function<void(const ZepState&, ULONG& response)> onState;
@@ -32,6 +31,13 @@ struct Peer {
     // Put the command and application-state callbacks into the table.
     Peer& TakesCommands(bool takes = true);
     Peer& WantsAppsState(bool wants = true);
+
+    // What its calls hand over.
+    [[nodiscard]] peers::Caller caller() const
+    {
+        auto* const context = const_cast<Peer*>(this);
+        return {guid, name, description, callbacks, entries, context, &OnState, 0xD0D00000u + number};
+    }
 
     // What a subscription names.
     static NTSTATUS NTAPI OnState(PVOID context, const ZepState* state, PULONG response);

@@ -27,18 +27,9 @@ struct Outcome {
     [[nodiscard]] std::string Text() const;
 };
 
-// What the driver holds, mostly by count.
+// What the driver holds, mostly by count: its lines.
 struct InternalState {
-    struct Client {
-        unsigned who = 0;
-        std::uint32_t state = 0;
-        bool announced = false;
-        bool refreshPending = false;
-        std::size_t subscriptions = 0;
-        bool operator==(const Client&) const = default;
-    };
-    std::vector<Client> clients;  // oldest first
-    std::size_t states = 0;       // undelivered
+    std::size_t states = 0;  // undelivered
     std::size_t commands = 0;
     std::size_t toAnnounce = 0;
     std::size_t toWithdraw = 0;
@@ -48,8 +39,9 @@ struct InternalState {
     std::size_t stateObjects = 0;
     std::size_t commandObjects = 0;
     std::size_t entryBytes = 0;
+    std::string clients;  // oldest first, a line each
 
-    bool operator==(const InternalState&) const = default;
+    void AddClient(unsigned who, std::uint32_t state, bool announced, bool refreshPending, std::size_t subscriptions);
     [[nodiscard]] std::string Text() const;
 };
 
@@ -62,6 +54,7 @@ public:
 
     [[nodiscard]] Outcome Do(const Operation& operation);
     [[nodiscard]] InternalState Internal() const;
+    [[nodiscard]] std::size_t UndeliveredCommands() const { return commands_.size(); }
 
 private:
     struct Subscription {
@@ -101,7 +94,6 @@ private:
     NTSTATUS Post(const State& state);
     NTSTATUS Attach(const Operation& operation);
     NTSTATUS Detach();
-    NTSTATUS CountClients(const Operation& operation);
     NTSTATUS Describe(const Operation& operation);
     NTSTATUS Dump(const Operation& operation);
     void Broadcast();

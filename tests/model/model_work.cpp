@@ -116,9 +116,6 @@ void Model::RunWithdraw()
 
 NTSTATUS Model::Attach(const Operation& operation)
 {
-    if (!operation.null.empty()) {
-        return STATUS_INVALID_PARAMETER;
-    }
     if (table_) {
         return STATUS_OBJECT_NAME_EXISTS;
     }
@@ -142,20 +139,8 @@ std::string Model::DescriptorOf(unsigned who) const
                              script.entryCount != 0, script.entryCount % 256);
 }
 
-NTSTATUS Model::CountClients(const Operation& operation)
-{
-    if (!operation.null.empty()) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    Calls(lines::Count(clients_.size()));
-    return STATUS_SUCCESS;
-}
-
 NTSTATUS Model::Describe(const Operation& operation)
 {
-    if (!operation.null.empty()) {
-        return STATUS_INVALID_PARAMETER;
-    }
     if (operation.value < clients_.size()) {
         Calls(lines::Count(clients_.size()));
         return STATUS_BUFFER_TOO_SMALL;
@@ -170,9 +155,6 @@ NTSTATUS Model::Describe(const Operation& operation)
 
 NTSTATUS Model::Dump(const Operation& operation)
 {
-    if (!operation.null.empty()) {
-        return STATUS_INVALID_PARAMETER;
-    }
     if (!table_) {
         return STATUS_IO_DEVICE_ERROR;
     }
@@ -186,8 +168,7 @@ InternalState Model::Internal() const
 {
     InternalState state;
     for (const Client& client : clients_) {
-        state.clients.push_back(
-            {client.who, client.state, client.announced, client.refreshPending, client.subscriptions.size()});
+        state.AddClient(client.who, client.state, client.announced, client.refreshPending, client.subscriptions.size());
         state.subscriptionObjects += client.subscriptions.size();
         state.commandObjects += client.commandsSent;
         state.entryBytes += sequence_.clients[client.who].entryCount * sizeof(ZepDataEntry);
@@ -219,9 +200,9 @@ Sequence Playable(Sequence sequence)
              (operation.kind == Kind::kDeregister && std::any_of(undelivered.begin(), undelivered.end(), concerned)))) {
             continue;
         }
-        const std::size_t before = model.Internal().commands;
+        const std::size_t before = model.UndeliveredCommands();
         const Outcome outcome = model.Do(operation);
-        const std::size_t after = model.Internal().commands;
+        const std::size_t after = model.UndeliveredCommands();
         if (after > before) {
             undelivered.push_back(operation);
         } else {

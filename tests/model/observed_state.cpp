@@ -17,16 +17,13 @@ InternalState ObservedRun::State()
     };
     for (const WDFOBJECT item : items(context->clients)) {
         const auto client = inspector.Context<layout::ClientContext>(item, layout::kClientContextName);
-        InternalState::Client seen;
         const auto isItsGuid = [&](const GUID& guid) { return std::memcmp(&guid, &client->guid, sizeof(guid)) == 0; };
-        while (seen.who < kClients && !isItsGuid(GuidOf(seen.who))) {
-            ++seen.who;
+        unsigned who = 0;
+        while (who < kClients && !isItsGuid(GuidOf(who))) {
+            ++who;
         }
-        seen.state = client->currentState;
-        seen.announced = client->addedToWpcd != 0;
-        seen.refreshPending = client->wpcdRefreshPending != 0;
-        seen.subscriptions = items(client->registrations).size();
-        state.clients.push_back(seen);
+        state.AddClient(who, client->currentState, client->addedToWpcd != 0, client->wpcdRefreshPending != 0,
+                        items(client->registrations).size());
     }
     state.states = items(context->states).size();
     state.commands = items(context->commands).size();

@@ -3,7 +3,6 @@
 #include "tests/kit/callback_lines.h"
 
 #include <iterator>
-#include <map>
 #include <random>
 
 namespace model {
@@ -87,25 +86,11 @@ void SubscribeToWhatIsAnswered(Sequence& sequence, unsigned client)
 }
 
 // Mostly none.
-const char* DecodeNull(Bytes& bytes, Kind kind)
+std::string DecodeNull(Bytes& bytes, Kind kind)
 {
-    static const std::map<Kind, std::vector<const char*>> kNulls = {{Kind::kRegister, {"guid", "callbacks"}},
-                                                                    {Kind::kSubscribe, {"guid", "record", "callback"}},
-                                                                    {Kind::kUnsubscribe, {"guid", "record"}},
-                                                                    {Kind::kDeregister, {"guid"}},
-                                                                    {Kind::kDescribe, {"descriptors", "count"}},
-                                                                    {Kind::kCount, {"count"}},
-                                                                    {Kind::kPost, {"record"}},
-                                                                    {Kind::kCommand, {"record"}},
-                                                                    {Kind::kAttach, {"record"}},
-                                                                    {Kind::kStartDump, {"record"}},
-                                                                    {Kind::kAddDumpData, {"record"}},
-                                                                    {Kind::kQueryDump, {"record"}},
-                                                                    {Kind::kAddTriageData, {"record"}},
-                                                                    {Kind::kStopDump, {"record"}}};
+    const std::vector<std::string> nulls = peers::NullArguments(kind);
     const unsigned which = bytes.Below(24);
-    const auto found = kNulls.find(kind);
-    return found != kNulls.end() && which < found->second.size() ? found->second[which] : "";
+    return which < nulls.size() ? nulls[which] : "";
 }
 
 std::uint32_t DecodeValue(Kind kind, unsigned number)

@@ -21,19 +21,20 @@ std::string Outcome::Text() const
     return text;
 }
 
+void InternalState::AddClient(unsigned who, std::uint32_t state, bool announced, bool refreshPending,
+                              std::size_t subscriptions)
+{
+    clients += "  " + ClientName(who) + ": state " + Number(state) + (announced ? ", announced" : "") +
+               (refreshPending ? ", refresh pending" : "") + ", " + Number(subscriptions) + " subscriptions\n";
+}
+
 std::string InternalState::Text() const
 {
-    std::string text = "  queued: " + Number(states) + " states, " + Number(commands) + " commands, " +
-                       Number(toAnnounce) + " to announce, " + Number(toWithdraw) + " to withdraw; " +
-                       (attached ? "attached" : "detached") + "\n  alive: " + Number(clientObjects) + " clients, " +
-                       Number(subscriptionObjects) + " subscriptions, " + Number(stateObjects) + " states, " +
-                       Number(commandObjects) + " commands, " + Number(entryBytes) + " bytes of entries\n";
-    for (const Client& client : clients) {
-        text += "  " + ClientName(client.who) + ": state " + Number(client.state) +
-                (client.announced ? ", announced" : "") + (client.refreshPending ? ", refresh pending" : "") + ", " +
-                Number(client.subscriptions) + " subscriptions\n";
-    }
-    return text;
+    return "  queued: " + Number(states) + " states, " + Number(commands) + " commands, " + Number(toAnnounce) +
+           " to announce, " + Number(toWithdraw) + " to withdraw; " + (attached ? "attached" : "detached") +
+           "\n  alive: " + Number(clientObjects) + " clients, " + Number(subscriptionObjects) + " subscriptions, " +
+           Number(stateObjects) + " states, " + Number(commandObjects) + " commands, " + Number(entryBytes) +
+           " bytes of entries\n" + clients;
 }
 
 }  // namespace model

@@ -33,28 +33,20 @@ std::string Difference(const std::string& expected, const std::string& seen)
 std::string CompareInternalState(const Model& model, ObservedRun& observed, Totals& totals)
 {
     ++totals.states;
-    const InternalState expected = model.Internal();
-    const InternalState seen = observed.State();
-    return expected == seen ? "" : Difference(expected.Text(), seen.Text());
+    const std::string expected = model.Internal().Text();
+    const std::string seen = observed.State().Text();
+    return expected == seen ? "" : Difference(expected, seen);
 }
 
-std::string Violations(ObservedRun& observed)
-{
-    std::string text;
-    for (const std::string& violation : observed.TakeViolations()) {
-        text += "  " + violation + "\n";
-    }
-    return text.empty() ? "" : "the host found\n" + text;
-}
-
-// When the model predicts a hang, a self-wait is the only violation allowed.
-std::string ViolationsOfHang(ObservedRun& observed)
+// When the model predicts a hang, a self-wait must be the only one.
+std::string Violations(ObservedRun& observed, bool hangs = false)
 {
     const std::vector<std::string> violations = observed.TakeViolations();
-    if (violations.size() == 1 && violations.front().starts_with(host::checks::Name(host::checks::Rule::kSelfWait))) {
+    const std::string_view selfWait = host::checks::Name(host::checks::Rule::kSelfWait);
+    if (hangs ? violations.size() == 1 && violations.front().starts_with(selfWait) : violations.empty()) {
         return "";
     }
-    std::string text = "the model predicts a self-wait; the host found\n";
+    std::string text = std::string(hangs ? "the model predicts a self-wait; " : "") + "the host found\n";
     for (const std::string& violation : violations) {
         text += "  " + violation + "\n";
     }
@@ -78,7 +70,7 @@ std::optional<Mismatch> RunSequence(const Sequence& sequence, const std::filesys
             wrong = Difference(expected.Text(), seen.Text());
         }
         if (expected.hangs && wrong.empty()) {
-            wrong = ViolationsOfHang(observed);
+            wrong = Violations(observed, true);
             if (wrong.empty()) {
                 ++totals.hangs;
                 return std::nullopt;  // such a driver cannot go any more

@@ -1,24 +1,14 @@
+#include "host/tracing/decode.h"
 #include "tests/model/run.h"
 
 #include <nlohmann/json.hpp>
 
-#include <cstdio>
 #include <sstream>
 
 namespace model {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-std::string GuidText(const GUID& guid)
-{
-    char text[40];
-    const unsigned char* last = guid.Data4;
-    std::snprintf(text, sizeof(text), "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
-                  static_cast<unsigned>(guid.Data1), guid.Data2, guid.Data3, last[0], last[1], last[2], last[3],
-                  last[4], last[5], last[6], last[7]);
-    return text;
-}
 
 std::string StatusText(NTSTATUS status)
 {
@@ -27,7 +17,8 @@ std::string StatusText(NTSTATUS status)
 
 Json ClientOf(const ClientScript& script, unsigned client)
 {
-    Json json = {{"guid", GuidText(GuidOf(client))}, {"name", script.name}, {"description", script.description}};
+    const std::string guid = host::tracing::GuidText(GuidOf(client));
+    Json json = {{"guid", guid.substr(1, guid.size() - 2)}, {"name", script.name}, {"description", script.description}};
     if (script.entryCount != 0) {
         json["entries"] = script.entryCount;
     }
@@ -92,8 +83,7 @@ Json StepOf(const Operation& operation)
 
 bool HasStatus(Kind kind)
 {
-    return IsOfClient(kind) || kind == Kind::kAttach || kind == Kind::kDetach || kind == Kind::kCount ||
-           kind == Kind::kDescribe || kind == Kind::kControl;
+    return kind <= Kind::kDescribe || kind == Kind::kControl;
 }
 
 void AddNotes(Json& steps, const std::string& text)
@@ -135,7 +125,7 @@ std::string Scenario(const Sequence& sequence, const std::string& title, const s
             step["expect"] = StatusText(expected.status);
         }
         if (!operation.null.empty()) {
-            step["null"] = std::string(operation.null);
+            step["null"] = operation.null;
         }
         if (expected.hangs) {
             step["finding"] = "waits for";

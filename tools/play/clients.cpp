@@ -15,8 +15,7 @@ std::array<std::uint64_t, 2> KeyOf(const GUID& guid)
 }  // namespace
 
 Client::Client(Peers& peers, const ClientModel& model)
-    : peers_(peers), model_(model), entries_(model.entryCount), spent_(model.answers.size()),
-      dumpRecord_(model.guid.Data1)
+    : peers_(peers), model_(model), entries_(model.entryCount), spent_(model.answers.size())
 {
     callbacks_.CommandCallback = model.takesCommands ? &OnCommand : nullptr;
     callbacks_.AppsStateNotificationCallback = model.wantsAppsState ? &OnAppsState : nullptr;
@@ -33,33 +32,18 @@ bool Client::IsUnloaded(const char* callback)
 
 void Client::CallFromInside(const char* callback)
 {
-    const ZEP_NOTIFIER_HELPER_INTERFACE& helper = *peers_.helper;
     const GUID& guid = model_.guid;
-    const ZepState record{.Size = sizeof(ZepState), .InterfaceGUID = guid, .State = 1, .Reserved = 0};
+    const peers::Record record{
+        .state = {.Size = sizeof(ZepState), .InterfaceGUID = guid, .State = 1, .Reserved = 0},
+        .command = {
+            .Size = sizeof(ZepCommand), .CommandArgument = 0, .SourceGuid = guid, .TargetGuid = guid, .CommandId = 1}};
     for (const InsideCall& inside : model_.inside) {
         if (inside.callback != callback) {
             continue;
         }
-        peers_.timeline.Add(
-            {EntryKind::kCall, model_.key, "notifier", "calls from inside its callback: " + inside.call, "", true});
-        if (inside.call == "register") {
-            (void)helper.Notifier_HelperInit(&guid, "", "", &callbacks_, nullptr, 0, this);
-        } else if (inside.call == "deregister") {
-            (void)helper.Notifier_HelperClientDeinit(&guid);
-        } else if (inside.call == "post") {
-            (void)helper.Notifier_HelperSendState(&record);
-        } else if (inside.call == "command") {
-            const ZepCommand command{.Size = sizeof(ZepCommand),
-                                     .CommandArgument = 0,
-                                     .SourceGuid = guid,
-                                     .TargetGuid = guid,
-                                     .CommandId = 1};
-            (void)helper.Notifier_HelperSendCommand(&command);
-        } else if (inside.call == "subscribe") {
-            (void)helper.Notifier_HelperRegisterForStateNotification(&guid, &record, &OnState);
-        } else {
-            (void)helper.Notifier_HelperDeregisterForStateNotification(&guid, &record);
-        }
+        peers_.timeline.Add({EntryKind::kCall, model_.key, "notifier",
+                             std::string("calls from inside its callback: ") + Name(inside.call), "", true});
+        (void)peers::CallAsClient(*peers_.helper, inside.call, caller(), record);
     }
 }
 

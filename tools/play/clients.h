@@ -2,6 +2,7 @@
 #pragma once
 
 #include "driver/include/zepn_notifier.h"
+#include "tools/peers/client_calls.h"
 #include "tools/play/crash_dump.h"
 #include "tools/play/scenario.h"
 #include "tools/play/timeline.h"
@@ -52,9 +53,11 @@ public:
     Client(Peers& peers, const ClientModel& model);
 
     [[nodiscard]] const ClientModel& model() const { return model_; }
-    [[nodiscard]] const ActionCallbackTable& callbacks() const { return callbacks_; }
-    [[nodiscard]] const std::vector<ZepDataEntry>& entries() const { return entries_; }
-    [[nodiscard]] std::uint32_t* dumpRecord() { return &dumpRecord_; }
+    // What its calls hand over.
+    [[nodiscard]] peers::Caller caller()
+    {
+        return {model_.guid, model_.name, model_.description, callbacks_, entries_, this, &OnState, model_.guid.Data1};
+    }
 
     // Its driver is unloaded: whoever calls one of its callbacks from now on is found.
     void Unload() { unloaded_ = true; }
@@ -73,7 +76,6 @@ private:
     ActionCallbackTable callbacks_{};
     std::vector<ZepDataEntry> entries_;
     std::vector<bool> spent_;  // rules that answer once and have answered
-    std::uint32_t dumpRecord_;
     bool unloaded_ = false;
 };
 

@@ -57,13 +57,13 @@ void CrashDump::CallFromInside(const std::string& callback)
         if (inside.callback != callback) {
             continue;
         }
-        peers_.timeline.Add(
-            {EntryKind::kCall, kCrashDump, kNotifier, "calls from inside its callback: " + inside.call, "", true});
+        peers_.timeline.Add({EntryKind::kCall, kCrashDump, kNotifier,
+                             std::string("calls from inside its callback: ") + Name(inside.call), "", true});
         ULONG count = 1;
         ZEP_SUBSYSTEM_DESCRIPTOR descriptor;
-        if (inside.call == "detach") {
+        if (inside.call == Kind::kDetach) {
             (void)peers_.wpcd->Notifier_WpcdClientDeInit();
-        } else if (inside.call == "count") {
+        } else if (inside.call == Kind::kCount) {
             (void)peers_.wpcd->Notifier_WpcdGetNumSubsystemDescriptors(&count);
         } else {
             (void)peers_.wpcd->Notifier_WpcdGetAllSubsystemDescriptors(&descriptor, &count);

@@ -27,18 +27,18 @@ void Describe(Run& run, const Step& step)
 
 void DoCrashDumpStep(Run& run, const Step& step)
 {
-    switch (step.action) {
-    case Action::kAttach:
+    switch (step.kind) {
+    case Kind::kAttach:
         run.Show(step, kCrashDump, "attaches", run.Call(step, kCrashDump, "Notifier_WpcdClientInit", {}, [&] {
             return run.wpcd.Notifier_WpcdClientInit(step.null.empty() ? &run.peers.crashDump.registration() : nullptr);
         }));
         return;
-    case Action::kDetach:
+    case Kind::kDetach:
         run.Show(step, kCrashDump, "detaches", run.Call(step, kCrashDump, "Notifier_WpcdClientDeInit", {}, [&] {
             return run.wpcd.Notifier_WpcdClientDeInit();
         }));
         return;
-    case Action::kCount: {
+    case Kind::kCount: {
         ULONG count = 0;
         const auto status = run.Call(step, kCrashDump, "Notifier_WpcdGetNumSubsystemDescriptors", {}, [&] {
             return run.wpcd.Notifier_WpcdGetNumSubsystemDescriptors(step.null.empty() ? &count : nullptr);
@@ -46,7 +46,7 @@ void DoCrashDumpStep(Run& run, const Step& step)
         run.Show(step, kCrashDump, "counts the clients: " + std::to_string(count), status);
         return;
     }
-    case Action::kDescribe:
+    case Kind::kDescribe:
         Describe(run, step);
         return;
     default:

@@ -104,8 +104,8 @@ void Expect(Run& run, const Step& step)
 
 void DoDriverStep(Run& run, const Step& step)
 {
-    switch (step.action) {
-    case Action::kLoad:
+    switch (step.kind) {
+    case Kind::kLoad:
         if (step.client.empty()) {
             Announce(run, kNotifier, "loads " + run.image().filename().string());
             run.Show(step, kSystem, "   its device is started", run.LoadNotifier(step));
@@ -113,13 +113,13 @@ void DoDriverStep(Run& run, const Step& step)
             LoadClient(run, step);
         }
         return;
-    case Action::kStop:
+    case Kind::kStop:
         StopClient(run, step);
         return;
-    case Action::kPull:
+    case Kind::kPull:
         PullClient(run, step);
         return;
-    case Action::kUnload:
+    case Kind::kUnload:
         Unload(run, step);
         return;
     default:

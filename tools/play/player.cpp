@@ -11,36 +11,25 @@ namespace {
 
 void Do(Run& run, const Step& step)
 {
-    switch (step.action) {
-    case Action::kNote:
-        run.timeline.Add({EntryKind::kHeading, "", "", step.text, "", true});
-        return;
-    case Action::kRegister:
-    case Action::kSubscribe:
-    case Action::kUnsubscribe:
-    case Action::kPost:
-    case Action::kDeregister:
-    case Action::kCommand:
+    if (IsOfClient(step.kind)) {
         DoClientStep(run, step);
         return;
-    case Action::kStartDump:
-    case Action::kAddDumpData:
-    case Action::kQueryDump:
-    case Action::kAddTriageData:
-    case Action::kStopDump:
-        DoDumpStep(run, step);
+    }
+    switch (step.kind) {
+    case Kind::kNote:
+        run.timeline.Add({EntryKind::kHeading, "", "", step.text, "", true});
         return;
-    case Action::kAttach:
-    case Action::kDetach:
-    case Action::kCount:
-    case Action::kDescribe:
+    case Kind::kAttach:
+    case Kind::kDetach:
+    case Kind::kCount:
+    case Kind::kDescribe:
         DoCrashDumpStep(run, step);
         return;
-    case Action::kLoad:
-    case Action::kStop:
-    case Action::kPull:
-    case Action::kUnload:
-    case Action::kExpect:
+    case Kind::kLoad:
+    case Kind::kStop:
+    case Kind::kPull:
+    case Kind::kUnload:
+    case Kind::kExpect:
         DoDriverStep(run, step);
         return;
     default:
@@ -66,7 +55,7 @@ bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeli
     const host::checks::CrashContext context([&] { return "in step " + std::to_string(number) + ", " + at(); });
     for (const Step& step : scenario.steps) {
         place = step.place;
-        if (step.action != Action::kNote) {
+        if (step.kind != Kind::kNote) {
             timeline.BeginStep(++number);
         }
         if (const char* obstacle = run.ObstacleTo(step)) {

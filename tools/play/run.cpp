@@ -23,7 +23,7 @@ host::MachineOptions MachineOptionsFor(const Scenario& scenario, const PlayOptio
     host::MachineOptions options;
     options.allowMissing = played.allowMissing;
     options.realTime = played.realTime && std::ranges::all_of(scenario.steps, [](const Step& step) {
-                           return step.action != Action::kTimeout || step.argument <= kRealWaitMaximumMs;
+                           return step.kind != Kind::kTimeout || step.argument <= kRealWaitMaximumMs;
                        });
     return options;
 }

@@ -2,6 +2,7 @@
 // file.
 #pragma once
 
+#include "tools/peers/operation.h"
 #include "tools/play/reading/located_json.h"
 
 #include <ntddk.h>
@@ -15,6 +16,8 @@
 #include <vector>
 
 namespace play {
+
+using peers::Kind;
 
 struct AnswerRule {
     std::string from;                    // client whose state is delivered
@@ -30,8 +33,8 @@ struct CommandRule {
 
 // A call that a client, or the crash-dump driver, makes from inside one of its callbacks: what nobody may do.
 struct InsideCall {
-    std::string callback;  // "state", "command", "appsState"; "add", "remove"
-    std::string call;      // the step of the same name, for the client itself
+    std::string callback;     // "state", "command", "appsState"; "add", "remove"
+    Kind call = Kind::kNote;  // for the client itself
 };
 
 // State numbers by name, and names by number: of two names for a number the first in the file.
@@ -76,43 +79,6 @@ struct CrashDumpModel {
     std::vector<InsideCall> inside;
 };
 
-enum class Action {
-    kNote,
-    kRegister,
-    kSubscribe,
-    kUnsubscribe,
-    kPost,
-    kDeregister,
-    kDeliver,
-    kCommand,
-    kAttach,
-    kDetach,
-    kCount,
-    kDescribe,
-    kStartDump,
-    kAddDumpData,
-    kQueryDump,
-    kAddTriageData,
-    kStopDump,
-    kOpen,
-    kControl,
-    kClose,
-    kTimeout,
-    kWait,
-    kAddDevice,
-    kSleep,
-    kWake,
-    kRefuseStop,
-    kRefuseRemove,
-    kSurpriseRemoval,
-    kRemove,
-    kUnload,
-    kLoad,
-    kStop,
-    kPull,
-    kExpect,
-};
-
 // A platform call that fails while a step lasts.
 struct StepFault {
     std::string call;                // "WdfObjectCreate"
@@ -123,7 +89,7 @@ struct StepFault {
 };
 
 struct Step {
-    Action action = Action::kNote;
+    Kind kind = Kind::kNote;
     Place place;
     std::string client;  // key; empty where the step has none
     std::string to;

@@ -5,10 +5,8 @@
 
 namespace play {
 
-// A client registers, subscribes, posts, commands or deregisters.
+// A client registers, subscribes, posts, commands or deregisters, or its dump goes to the crash-dump driver.
 void DoClientStep(Run& run, const Step& step);
-// A client's dump goes to the crash-dump driver.
-void DoDumpStep(Run& run, const Step& step);
 // The crash-dump driver attaches, detaches, or asks for the clients.
 void DoCrashDumpStep(Run& run, const Step& step);
 // The system loads and unloads drivers and removes the devices of real clients; and the state of a client is looked at.

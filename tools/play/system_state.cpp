@@ -35,16 +35,16 @@ bool ExpectsFailure(const Step& step)
 }
 
 // Of a real client's driver.
-const char* ClientObstacle(Action action, ClientDriver driver)
+const char* ClientObstacle(Kind kind, ClientDriver driver)
 {
-    if (action == Action::kLoad) {
+    if (kind == Kind::kLoad) {
         return driver == ClientDriver::kUnloaded ? nullptr
                                                  : "the client's driver is loaded already; \"unload\" comes first";
     }
     if (driver == ClientDriver::kUnloaded) {
         return "the client's driver is not loaded; \"load\" comes first";
     }
-    if (action == Action::kUnload) {
+    if (kind == Kind::kUnload) {
         return driver == ClientDriver::kWithoutDevice
                    ? nullptr
                    : "the system does not unload a driver that has a device; \"stop\" or \"pull\" comes first";
@@ -54,34 +54,34 @@ const char* ClientObstacle(Action action, ClientDriver driver)
 
 const char* NotifierObstacle(const Step& step, const SystemState& state)
 {
-    if (step.action == Action::kLoad) {
+    if (step.kind == Kind::kLoad) {
         return state.driverLoaded ? "the driver is loaded already; \"unload\" comes first" : nullptr;
     }
     if (!state.driverLoaded) {
         return "the driver is not loaded; \"load\" comes first";
     }
-    switch (step.action) {
-    case Action::kAddDevice:
+    switch (step.kind) {
+    case Kind::kAddDevice:
         return state.device == Device::kNone ? nullptr : "the driver has a device; \"remove\" comes first";
-    case Action::kUnload:
+    case Kind::kUnload:
         return state.device == Device::kNone ? nullptr
                                              : "the system does not unload a driver that has a device; \"remove\" "
                                                "comes first";
-    case Action::kRemove:
+    case Kind::kRemove:
         return RemovalObstacle(state);
-    case Action::kSurpriseRemoval:
-    case Action::kRefuseStop:
-    case Action::kRefuseRemove:
+    case Kind::kSurpriseRemoval:
+    case Kind::kAskToStop:
+    case Kind::kAskToRemove:
         return DeviceObstacle(state.device);
-    case Action::kOpen:
+    case Kind::kOpen:
         if (state.handleOpen) {
             return "the control device is open already, and a scenario has one handle";
         }
         return state.device == Device::kNone ? DeviceObstacle(state.device) : nullptr;
-    case Action::kControl:
-    case Action::kClose:
+    case Kind::kControl:
+    case Kind::kClose:
         return state.handleOpen ? nullptr : "the control device is not open; \"open\" comes first";
-    case Action::kExpect:
+    case Kind::kExpect:
         return nullptr;
     default:
         return state.interfacesQueried ? nullptr
@@ -106,20 +106,20 @@ SystemState::SystemState(const Scenario& scenario) : driverLoaded(scenario.notif
 
 const char* Obstacle(const Step& step, const SystemState& state)
 {
-    switch (step.action) {
-    case Action::kNote:
-    case Action::kTimeout:
-    case Action::kWait:
-    case Action::kDeliver:
-    case Action::kSleep:
-    case Action::kWake:
+    switch (step.kind) {
+    case Kind::kNote:
+    case Kind::kTimeout:
+    case Kind::kWait:
+    case Kind::kDeliver:
+    case Kind::kSleep:
+    case Kind::kWake:
         return nullptr;
-    case Action::kLoad:
-    case Action::kStop:
-    case Action::kPull:
-    case Action::kUnload:
+    case Kind::kLoad:
+    case Kind::kStop:
+    case Kind::kPull:
+    case Kind::kUnload:
         if (const auto client = state.clients.find(step.client); client != state.clients.end()) {
-            return ClientObstacle(step.action, client->second);
+            return ClientObstacle(step.kind, client->second);
         }
         if (!step.client.empty()) {
             return nullptr;  // a scripted client's driver
@@ -134,8 +134,8 @@ const char* Obstacle(const Step& step, const SystemState& state)
 void Follow(const Step& step, SystemState& state)
 {
     const auto client = state.clients.find(step.client);
-    switch (step.action) {
-    case Action::kLoad:
+    switch (step.kind) {
+    case Kind::kLoad:
         if (ExpectsFailure(step)) {
             return;
         }
@@ -145,33 +145,33 @@ void Follow(const Step& step, SystemState& state)
         }
         state.driverLoaded = true;
         [[fallthrough]];
-    case Action::kAddDevice:
+    case Kind::kAddDevice:
         if (!ExpectsFailure(step)) {
             state.device = Device::kStarted;
             state.interfacesQueried = true;
         }
         return;
-    case Action::kStop:
+    case Kind::kStop:
         if (ExpectsFailure(step)) {
             return;
         }
         [[fallthrough]];
-    case Action::kPull:
+    case Kind::kPull:
         client->second = ClientDriver::kWithoutDevice;
         return;
-    case Action::kOpen:
+    case Kind::kOpen:
         state.handleOpen = !ExpectsFailure(step);
         return;
-    case Action::kClose:
+    case Kind::kClose:
         state.handleOpen = false;
         return;
-    case Action::kSurpriseRemoval:
+    case Kind::kSurpriseRemoval:
         state.device = Device::kSurpriseRemoved;
         return;
-    case Action::kRemove:
+    case Kind::kRemove:
         state.device = Device::kNone;
         return;
-    case Action::kUnload:
+    case Kind::kUnload:
         if (client != state.clients.end()) {
             client->second = ClientDriver::kUnloaded;
         } else if (step.client.empty()) {

@@ -52,64 +52,64 @@ void Sleep(Run& run, const Step& step)
 
 void DoSystemStep(Run& run, const Step& step)
 {
-    switch (step.action) {
-    case Action::kDeliver:
+    switch (step.kind) {
+    case Kind::kDeliver:
         Deliver(run, step.runs);
         return;
-    case Action::kOpen:
+    case Kind::kOpen:
         run.Show(step, kApplication, "opens the control device",
                  run.Call(step, kApplication, "open", {}, [&] { return run.driver->Open(run.file).status; }));
         return;
-    case Action::kControl: {
+    case Kind::kControl: {
         const std::uint32_t code = step.id == 0 ? IOCTL_ZEPN_NOTIFY_APPS_STATE : step.id;
         run.Show(step, kApplication, "sends an I/O control", run.Call(step, kApplication, "I/O control", {}, [&] {
             return run.driver->DeviceControl(run.file, code).status;
         }));
         return;
     }
-    case Action::kClose: {
+    case Kind::kClose: {
         const host::FileId file = std::exchange(run.file, 0);
         run.Show(step, kApplication, "closes the control device",
                  CallWithoutStatus(run, step, kApplication, "close", [&] { run.driver->Close(file); }));
         return;
     }
-    case Action::kTimeout:
+    case Kind::kTimeout:
         run.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", step.argument);
         run.Show(step, kSystem, "sets the time to wait before sleep: " + std::to_string(step.argument) + " ms",
                  STATUS_SUCCESS);
         return;
-    case Action::kWait:
+    case Kind::kWait:
         run.Show(step, kSystem, std::to_string(step.argument) + " ms pass",
                  CallWithoutStatus(run, step, kSystem, "timers",
                                    [&] { run.machine.AdvanceClock(std::chrono::milliseconds(step.argument)); }));
         return;
-    case Action::kAddDevice:
+    case Kind::kAddDevice:
         run.Show(step, kSystem, "adds and starts the device",
                  run.Call(step, kSystem, "device add", {}, [&] { return run.AddDevice(); }));
         return;
-    case Action::kSleep:
+    case Kind::kSleep:
         Sleep(run, step);
         return;
-    case Action::kWake:
+    case Kind::kWake:
         run.Show(step, kSystem, "is awake again", CallWithoutStatus(run, step, kSystem, "power-state callback", [&] {
                      run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 1);
                  }));
         return;
-    case Action::kRefuseStop:
+    case Kind::kAskToStop:
         run.Show(step, kSystem, "asks the device to stop",
                  run.Call(step, kSystem, "query stop", {}, [&] { return run.driver->QueryStopDevice(); }));
         return;
-    case Action::kRefuseRemove:
+    case Kind::kAskToRemove:
         run.Show(step, kSystem, "asks to remove the device",
                  run.Call(step, kSystem, "query remove", {}, [&] { return run.driver->QueryRemoveDevice(); }));
         return;
-    case Action::kSurpriseRemoval:
+    case Kind::kSurpriseRemoval:
         run.state.device = SystemState::Device::kSurpriseRemoved;
         run.Show(
             step, kSystem, "the device is pulled out",
             CallWithoutStatus(run, step, kSystem, "surprise removal", [&] { run.driver->SurpriseRemoveDevice(); }));
         return;
-    case Action::kRemove:
+    case Kind::kRemove:
         run.Show(step, kSystem, "the device is removed", run.RemoveDevice());
         return;
     default:

@@ -9,20 +9,18 @@
 namespace play {
 namespace {
 
-using Kind = JsonValue::Kind;
-
 constexpr std::uint32_t kEntriesMaximum = 100'000;  // they take memory
 
 void ReadAnswers(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
 {
     const JsonValue* answers = FindMember(value, "answers");
-    if (answers == nullptr || !reader.IsA(*answers, Kind::kArray, field + ".answers")) {
+    if (answers == nullptr || !reader.IsA(*answers, JsonValue::Kind::kArray, field + ".answers")) {
         return;
     }
     for (std::size_t index = 0; index < answers->items.size(); ++index) {
         const JsonValue& item = answers->items[index];
         const std::string at = field + ".answers[" + std::to_string(index) + "]";
-        if (!reader.IsA(item, Kind::kObject, at)) {
+        if (!reader.IsA(item, JsonValue::Kind::kObject, at)) {
             continue;
         }
         reader.CheckFields(item, at, {"from", "state", "answer"}, {"once"});
@@ -33,7 +31,7 @@ void ReadAnswers(ValueReader& reader, const JsonValue& value, const std::string&
         }
         reader.ReadState(item, "answer", at + ".answer", client.key, rule.answer);
         if (const JsonValue* once = FindMember(item, "once");
-            once != nullptr && reader.IsA(*once, Kind::kBoolean, at + ".once")) {
+            once != nullptr && reader.IsA(*once, JsonValue::Kind::kBoolean, at + ".once")) {
             rule.once = once->boolean;
         }
         client.answers.push_back(rule);
@@ -43,14 +41,14 @@ void ReadAnswers(ValueReader& reader, const JsonValue& value, const std::string&
 void ReadCommands(ValueReader& reader, const JsonValue& value, const std::string& field, ClientModel& client)
 {
     const JsonValue* commands = FindMember(value, "commands");
-    if (commands == nullptr || !reader.IsA(*commands, Kind::kArray, field + ".commands")) {
+    if (commands == nullptr || !reader.IsA(*commands, JsonValue::Kind::kArray, field + ".commands")) {
         return;
     }
     client.takesCommands = true;
     for (std::size_t index = 0; index < commands->items.size(); ++index) {
         const JsonValue& item = commands->items[index];
         const std::string at = field + ".commands[" + std::to_string(index) + "]";
-        if (!reader.IsA(item, Kind::kObject, at)) {
+        if (!reader.IsA(item, JsonValue::Kind::kObject, at)) {
             continue;
         }
         reader.CheckFields(item, at, {"id", "answer"}, {});
@@ -63,20 +61,25 @@ void ReadCommands(ValueReader& reader, const JsonValue& value, const std::string
 
 // The calls from inside callbacks.
 void ReadInside(ValueReader& reader, const JsonValue& value, const std::string& field,
-                const std::vector<std::string>& callbacks, const std::vector<std::string>& calls,
+                const std::vector<std::string>& callbacks, const std::vector<Kind>& calls,
                 std::vector<InsideCall>& inside)
 {
+    std::vector<std::string> names;
+    std::ranges::transform(calls, std::back_inserter(names), [](Kind call) { return Name(call); });
     const JsonValue* list = FindMember(value, "inside");
-    if (list == nullptr || !reader.IsA(*list, Kind::kArray, field + ".inside")) {
+    if (list == nullptr || !reader.IsA(*list, JsonValue::Kind::kArray, field + ".inside")) {
         return;
     }
     for (std::size_t index = 0; index < list->items.size(); ++index) {
         const std::string at = field + ".inside[" + std::to_string(index) + "]";
-        if (reader.IsA(list->items[index], Kind::kObject, at)) {
+        if (reader.IsA(list->items[index], JsonValue::Kind::kObject, at)) {
             reader.CheckFields(list->items[index], at, {"on", "do"}, {});
             InsideCall& call = inside.emplace_back();
             reader.ReadOneOf(list->items[index], "on", at, callbacks, call.callback);
-            reader.ReadOneOf(list->items[index], "do", at, calls, call.call);
+            std::string name;
+            reader.ReadOneOf(list->items[index], "do", at, names, name);
+            const auto found = std::ranges::find(names, name);
+            call.call = found == names.end() ? Kind::kNote : calls[static_cast<std::size_t>(found - names.begin())];
         }
     }
 }
@@ -91,17 +94,17 @@ void ReadDriver(ValueReader& reader, const JsonValue& value, const JsonValue& im
         }
     }
     client.driver.emplace().place = image.place;
-    if (reader.IsA(image, Kind::kText, field + ".image")) {
+    if (reader.IsA(image, JsonValue::Kind::kText, field + ".image")) {
         client.driver->image = image.text;
     }
     const JsonValue* parameters = FindMember(value, "parameters");
-    if (parameters == nullptr || !reader.IsA(*parameters, Kind::kObject, field + ".parameters")) {
+    if (parameters == nullptr || !reader.IsA(*parameters, JsonValue::Kind::kObject, field + ".parameters")) {
         return;
     }
     reader.CheckNames(*parameters, field + ".parameters");
     for (const JsonValue::Member& member : parameters->members) {
         Parameter& parameter = client.driver->parameters.emplace_back(Parameter{member.name, std::uint32_t{0}});
-        if (member.value.kind == Kind::kText) {
+        if (member.value.kind == JsonValue::Kind::kText) {
             parameter.value = member.value.text;
         } else {
             (void)reader.ReadNumber(member.value, field + ".parameters." + member.name,
@@ -133,7 +136,7 @@ void ReadIdentity(ValueReader& reader, const JsonValue& value, const std::string
         ReadDriver(reader, value, *image, field, client);
     }
     if (const JsonValue* guid = FindMember(value, "guid");
-        guid != nullptr && reader.IsA(*guid, Kind::kText, field + ".guid")) {
+        guid != nullptr && reader.IsA(*guid, JsonValue::Kind::kText, field + ".guid")) {
         const auto parsed = host::tracing::ParseGuid(guid->text);
         if (!parsed) {
             reader.Mistake(guid->place, field + ".guid",
@@ -154,7 +157,8 @@ void ReadScript(ValueReader& reader, const JsonValue& value, const std::string& 
     ReadAnswers(reader, value, field, client);
     ReadCommands(reader, value, field, client);
     ReadInside(reader, value, field, {"state", "command", "appsState"},
-               {"register", "deregister", "post", "command", "subscribe", "unsubscribe"}, client.inside);
+               {Kind::kRegister, Kind::kDeregister, Kind::kPost, Kind::kCommand, Kind::kSubscribe, Kind::kUnsubscribe},
+               client.inside);
     if (const JsonValue* apps = FindMember(value, "appsState")) {
         client.wantsAppsState = true;
         reader.ReadState(*apps, field + ".appsState", client.key, "enabled", client.appsState);
@@ -166,7 +170,7 @@ void ReadScript(ValueReader& reader, const JsonValue& value, const std::string& 
 void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
 {
     const JsonValue* clients = FindMember(root, "clients");
-    if (clients == nullptr || !reader.IsA(*clients, Kind::kObject, "clients")) {
+    if (clients == nullptr || !reader.IsA(*clients, JsonValue::Kind::kObject, "clients")) {
         return;
     }
     reader.CheckNames(*clients, "clients");
@@ -174,7 +178,7 @@ void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
         reader.AddClientName(member.name);
         ClientModel& client = scenario.clients.emplace_back();
         client.key = member.name;
-        if (reader.IsA(member.value, Kind::kObject, "clients." + member.name)) {
+        if (reader.IsA(member.value, JsonValue::Kind::kObject, "clients." + member.name)) {
             ReadIdentity(reader, member.value, "clients." + member.name, client);
         }
     }
@@ -183,7 +187,7 @@ void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
         const JsonValue::Member& member = clients->members[index];
         const std::string field = "clients." + member.name;
         ClientModel& client = scenario.clients[index];
-        if (member.value.kind == Kind::kObject && !client.driver) {
+        if (member.value.kind == JsonValue::Kind::kObject && !client.driver) {
             ReadScript(reader, member.value, field, client);
         }
         entries += client.entryCount;
@@ -198,12 +202,12 @@ void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
 void ReadCrashDump(ValueReader& reader, const JsonValue& root, Scenario& scenario)
 {
     const JsonValue* value = FindMember(root, "crashDump");
-    if (value == nullptr || !reader.IsA(*value, Kind::kObject, "crashDump")) {
+    if (value == nullptr || !reader.IsA(*value, JsonValue::Kind::kObject, "crashDump")) {
         return;
     }
     reader.CheckFields(*value, "crashDump", {},
                        {"add", "remove", "start", "addData", "stop", "query", "triage", "inside"});
-    ReadInside(reader, *value, "crashDump", {"add", "remove"}, {"detach", "count", "describe"},
+    ReadInside(reader, *value, "crashDump", {"add", "remove"}, {Kind::kDetach, Kind::kCount, Kind::kDescribe},
                scenario.crashDump.inside);
     for (const JsonValue::Member& member : value->members) {
         std::optional<NTSTATUS> status;

@@ -8,8 +8,6 @@
 namespace play {
 namespace {
 
-using Kind = JsonValue::Kind;
-
 constexpr std::size_t kSizeMaximum = std::size_t{32} << 20;
 
 void ReadBeginning(ValueReader& reader, const JsonValue& root, Scenario& scenario)
@@ -35,7 +33,7 @@ Scenario ParseScenario(const std::string& text, const std::string& fileName)
         reader.Mistake(error.place, "syntax", error.message);
         throw ScenarioError(reader.mistakes());
     }
-    if (reader.IsA(root, Kind::kObject, "scenario")) {
+    if (reader.IsA(root, JsonValue::Kind::kObject, "scenario")) {
         reader.CheckFields(root, "scenario", {"title", "clients", "steps"}, {"states", "crashDump", "notifier"});
         reader.ReadText(root, "title", "title", scenario.title);
         ReadBeginning(reader, root, scenario);

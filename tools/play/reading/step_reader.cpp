@@ -5,82 +5,58 @@
 namespace play {
 namespace {
 
-using Kind = JsonValue::Kind;
-
 constexpr std::uint32_t kCapacityMaximum = 100'000;  // descriptors take memory
 
 // Which clients a step is for.
 enum class For { kNobody, kScripted, kReal, kBoth };
 
-// A kind of step, by its name in "do", with the fields that belong to it.
-struct ActionRow {
-    const char* name;
-    Action action;
+// A kind of step, with the fields that belong to it.
+struct StepRow {
+    Kind kind;
     For clients;
     std::vector<std::string> required;
     std::vector<std::string> optional;
 };
 
-const std::vector<ActionRow>& Actions()
+const std::vector<StepRow>& Rows()
 {
-    static const std::vector<ActionRow> kRows = {
-        {"note", Action::kNote, For::kNobody, {"text"}, {}},
-        {"register", Action::kRegister, For::kScripted, {"client"}, {"expect", "null"}},
-        {"subscribe", Action::kSubscribe, For::kScripted, {"client", "to", "state"}, {"expect", "null"}},
-        {"unsubscribe", Action::kUnsubscribe, For::kScripted, {"client", "to", "state"}, {"expect", "null"}},
-        {"post", Action::kPost, For::kScripted, {"client", "state"}, {"expect", "null"}},
-        {"deregister", Action::kDeregister, For::kScripted, {"client"}, {"expect", "null"}},
-        {"deliver", Action::kDeliver, For::kNobody, {}, {"runs"}},
-        {"command", Action::kCommand, For::kScripted, {"client", "to", "id"}, {"argument", "expect", "null"}},
-        {"attach", Action::kAttach, For::kNobody, {}, {"expect", "null"}},
-        {"detach", Action::kDetach, For::kNobody, {}, {"expect"}},
-        {"count", Action::kCount, For::kNobody, {}, {"expect", "null"}},
-        {"describe", Action::kDescribe, For::kNobody, {}, {"capacity", "expect", "null"}},
-        {"startDump", Action::kStartDump, For::kScripted, {"client"}, {"expect", "null"}},
-        {"addDumpData", Action::kAddDumpData, For::kScripted, {"client"}, {"expect", "null"}},
-        {"queryDump", Action::kQueryDump, For::kScripted, {"client"}, {"expect", "null"}},
-        {"addTriageData", Action::kAddTriageData, For::kScripted, {"client"}, {"expect", "null"}},
-        {"stopDump", Action::kStopDump, For::kScripted, {"client"}, {"expect", "null"}},
-        {"open", Action::kOpen, For::kNobody, {}, {"expect"}},
-        {"control", Action::kControl, For::kNobody, {}, {"id", "expect"}},
-        {"close", Action::kClose, For::kNobody, {}, {}},
-        {"timeout", Action::kTimeout, For::kNobody, {"argument"}, {}},
-        {"wait", Action::kWait, For::kNobody, {"argument"}, {}},
-        {"addDevice", Action::kAddDevice, For::kNobody, {}, {"expect"}},
-        {"sleep", Action::kSleep, For::kNobody, {}, {}},
-        {"wake", Action::kWake, For::kNobody, {}, {}},
-        {"askToStop", Action::kRefuseStop, For::kNobody, {}, {"expect"}},
-        {"askToRemove", Action::kRefuseRemove, For::kNobody, {}, {"expect"}},
-        {"surpriseRemoval", Action::kSurpriseRemoval, For::kNobody, {}, {}},
-        {"remove", Action::kRemove, For::kNobody, {}, {}},
-        {"unload", Action::kUnload, For::kBoth, {}, {"client"}},
-        {"load", Action::kLoad, For::kReal, {}, {"client", "expect"}},
-        {"stop", Action::kStop, For::kReal, {"client"}, {"expect"}},
-        {"pull", Action::kPull, For::kReal, {"client"}, {}},
-        {"expect", Action::kExpect, For::kBoth, {"client", "state"}, {}},
+    static const std::vector<StepRow> kRows = {
+        {Kind::kNote, For::kNobody, {"text"}, {}},
+        {Kind::kRegister, For::kScripted, {"client"}, {"expect", "null"}},
+        {Kind::kSubscribe, For::kScripted, {"client", "to", "state"}, {"expect", "null"}},
+        {Kind::kUnsubscribe, For::kScripted, {"client", "to", "state"}, {"expect", "null"}},
+        {Kind::kPost, For::kScripted, {"client", "state"}, {"expect", "null"}},
+        {Kind::kDeregister, For::kScripted, {"client"}, {"expect", "null"}},
+        {Kind::kDeliver, For::kNobody, {}, {"runs"}},
+        {Kind::kCommand, For::kScripted, {"client", "to", "id"}, {"argument", "expect", "null"}},
+        {Kind::kAttach, For::kNobody, {}, {"expect", "null"}},
+        {Kind::kDetach, For::kNobody, {}, {"expect"}},
+        {Kind::kCount, For::kNobody, {}, {"expect", "null"}},
+        {Kind::kDescribe, For::kNobody, {}, {"capacity", "expect", "null"}},
+        {Kind::kStartDump, For::kScripted, {"client"}, {"expect", "null"}},
+        {Kind::kAddDumpData, For::kScripted, {"client"}, {"expect", "null"}},
+        {Kind::kQueryDump, For::kScripted, {"client"}, {"expect", "null"}},
+        {Kind::kAddTriageData, For::kScripted, {"client"}, {"expect", "null"}},
+        {Kind::kStopDump, For::kScripted, {"client"}, {"expect", "null"}},
+        {Kind::kOpen, For::kNobody, {}, {"expect"}},
+        {Kind::kControl, For::kNobody, {}, {"id", "expect"}},
+        {Kind::kClose, For::kNobody, {}, {}},
+        {Kind::kTimeout, For::kNobody, {"argument"}, {}},
+        {Kind::kWait, For::kNobody, {"argument"}, {}},
+        {Kind::kAddDevice, For::kNobody, {}, {"expect"}},
+        {Kind::kSleep, For::kNobody, {}, {}},
+        {Kind::kWake, For::kNobody, {}, {}},
+        {Kind::kAskToStop, For::kNobody, {}, {"expect"}},
+        {Kind::kAskToRemove, For::kNobody, {}, {"expect"}},
+        {Kind::kSurpriseRemoval, For::kNobody, {}, {}},
+        {Kind::kRemove, For::kNobody, {}, {}},
+        {Kind::kUnload, For::kBoth, {}, {"client"}},
+        {Kind::kLoad, For::kReal, {}, {"client", "expect"}},
+        {Kind::kStop, For::kReal, {"client"}, {"expect"}},
+        {Kind::kPull, For::kReal, {"client"}, {}},
+        {Kind::kExpect, For::kBoth, {"client", "state"}, {}},
     };
     return kRows;
-}
-
-// What may be passed as NULL.
-std::vector<std::string> NullArguments(Action action)
-{
-    switch (action) {
-    case Action::kRegister:
-        return {"guid", "callbacks"};
-    case Action::kSubscribe:
-        return {"guid", "record", "callback"};
-    case Action::kUnsubscribe:
-        return {"guid", "record"};
-    case Action::kDescribe:
-        return {"descriptors", "count"};
-    case Action::kCount:
-        return {"count"};
-    case Action::kDeregister:
-        return {"guid"};
-    default:
-        return {"record"};
-    }
 }
 
 // No step needs what is not there by then.
@@ -98,7 +74,7 @@ void CheckSystemState(ValueReader& reader, const Scenario& scenario)
 }
 
 // A scripted client does what its steps say, a real driver what it was written to do.
-void CheckRole(ValueReader& reader, const ActionRow& row, const JsonValue& value, const std::string& field,
+void CheckRole(ValueReader& reader, const StepRow& row, const JsonValue& value, const std::string& field,
                const Step& step)
 {
     const ClientModel* client = reader.FindClient(step.client);
@@ -109,18 +85,18 @@ void CheckRole(ValueReader& reader, const ActionRow& row, const JsonValue& value
     reader.Mistake(FindMember(value, "client")->place, field + ".client",
                    client->driver ? name + "is a real driver and calls by itself; for it there are \"load\", \"stop\", "
                                            "\"pull\", \"unload\" and \"expect\""
-                                  : name + "is scripted; \"" + row.name + "\" is for a client with an \"image\"");
+                                  : name + "is scripted; \"" + Name(row.kind) + "\" is for a client with an \"image\"");
 }
 
 void ReadShows(ValueReader& reader, const JsonValue& value, const std::string& field, Step& step)
 {
     const JsonValue* shows = FindMember(value, "shows");
-    if (shows == nullptr || !reader.IsA(*shows, Kind::kArray, field + ".shows")) {
+    if (shows == nullptr || !reader.IsA(*shows, JsonValue::Kind::kArray, field + ".shows")) {
         return;
     }
     for (std::size_t index = 0; index < shows->items.size(); ++index) {
         const JsonValue& text = shows->items[index];
-        if (reader.IsA(text, Kind::kText, field + ".shows[" + std::to_string(index) + "]")) {
+        if (reader.IsA(text, JsonValue::Kind::kText, field + ".shows[" + std::to_string(index) + "]")) {
             step.shows.push_back(text.text);
         }
     }
@@ -129,7 +105,9 @@ void ReadShows(ValueReader& reader, const JsonValue& value, const std::string& f
 // What a step does wrong on purpose, and what must come of it.
 void ReadMisuse(ValueReader& reader, const JsonValue& value, const std::string& field, Step& step)
 {
-    reader.ReadOneOf(value, "null", field, NullArguments(step.action), step.null);
+    if (const std::vector<std::string> nulls = peers::NullArguments(step.kind); !nulls.empty()) {
+        reader.ReadOneOf(value, "null", field, nulls, step.null);
+    }
     std::string level;
     reader.ReadOneOf(value, "level", field, {"dispatch"}, level);
     step.raised = !level.empty();
@@ -138,7 +116,7 @@ void ReadMisuse(ValueReader& reader, const JsonValue& value, const std::string& 
     }
     ReadShows(reader, value, field, step);
     const JsonValue* fail = FindMember(value, "fail");
-    if (fail == nullptr || !reader.IsA(*fail, Kind::kObject, field + ".fail")) {
+    if (fail == nullptr || !reader.IsA(*fail, JsonValue::Kind::kObject, field + ".fail")) {
         return;
     }
     reader.CheckFields(*fail, field + ".fail", {"call"}, {"detail", "driver", "status"});
@@ -153,29 +131,29 @@ void ReadMisuse(ValueReader& reader, const JsonValue& value, const std::string& 
     }
 }
 
-void ReadStepOf(ValueReader& reader, const ActionRow& row, const JsonValue& value, const std::string& field,
+void ReadStepOf(ValueReader& reader, const StepRow& row, const JsonValue& value, const std::string& field,
                 Scenario& scenario)
 {
     std::vector<std::string> required = row.required;
     required.emplace_back("do");
     std::vector<std::string> optional = row.optional;
-    if (row.action != Action::kNote) {
+    if (row.kind != Kind::kNote) {
         optional.insert(optional.end(), {"fail", "level", "shows", "finding"});
     }
     reader.CheckFields(value, field, required, optional);
     Step step;
-    step.action = row.action;
+    step.kind = row.kind;
     step.place = value.place;
     reader.ReadText(value, "text", field + ".text", step.text);
-    reader.ReadClientName(value, "client", field, row.action == Action::kExpect, step.client);
+    reader.ReadClientName(value, "client", field, row.kind == Kind::kExpect, step.client);
     reader.ReadClientName(value, "to", field, true, step.to);
     CheckRole(reader, row, value, field, step);
     if (const JsonValue* state = FindMember(value, "state")) {
-        const bool isFilter = row.action == Action::kSubscribe || row.action == Action::kUnsubscribe;
+        const bool isFilter = row.kind == Kind::kSubscribe || row.kind == Kind::kUnsubscribe;
         reader.ReadState(*state, field + ".state", isFilter ? step.to : step.client,
-                         isFilter                        ? "any"
-                         : row.action == Action::kExpect ? "unregistered"
-                                                         : "",
+                         isFilter                    ? "any"
+                         : row.kind == Kind::kExpect ? "unregistered"
+                                                     : "",
                          step.state);
     }
     reader.ReadNumber(value, "id", field + ".id", step.id);
@@ -197,13 +175,13 @@ void ReadStep(ValueReader& reader, const JsonValue& value, const std::string& fi
         reader.Mistake(value.place, field, "field \"do\" is missing");
         return;
     }
-    if (!reader.IsA(*action, Kind::kText, field + ".do")) {
+    if (!reader.IsA(*action, JsonValue::Kind::kText, field + ".do")) {
         return;
     }
     std::vector<std::string> names;
-    for (const ActionRow& row : Actions()) {
-        names.emplace_back(row.name);
-        if (row.name == action->text) {
+    for (const StepRow& row : Rows()) {
+        names.emplace_back(Name(row.kind));
+        if (names.back() == action->text) {
             ReadStepOf(reader, row, value, field, scenario);
             return;
         }
@@ -217,12 +195,12 @@ void ReadStep(ValueReader& reader, const JsonValue& value, const std::string& fi
 void ReadSteps(ValueReader& reader, const JsonValue& root, Scenario& scenario)
 {
     const JsonValue* steps = FindMember(root, "steps");
-    if (steps == nullptr || !reader.IsA(*steps, Kind::kArray, "steps")) {
+    if (steps == nullptr || !reader.IsA(*steps, JsonValue::Kind::kArray, "steps")) {
         return;
     }
     for (std::size_t index = 0; index < steps->items.size(); ++index) {
         const std::string field = "steps[" + std::to_string(index) + "]";
-        if (reader.IsA(steps->items[index], Kind::kObject, field)) {
+        if (reader.IsA(steps->items[index], JsonValue::Kind::kObject, field)) {
             ReadStep(reader, steps->items[index], field, scenario);
         }
     }
