@@ -59,27 +59,28 @@ TEST(CLibrary, FormatsAsThePlatformDoes)
 TEST(CLibrary, SaysWhenThereIsNoRoom)
 {
     host::Machine machine;
+    using Print = int NTAPI_VARIADIC(char*, size_t, const char*, ...);
+    using PrintSome = int NTAPI_VARIADIC(char*, size_t, size_t, const char*, ...);
+    using Copy = int NTAPI(char16_t*, size_t, const char16_t*);
+    using CopySome = int NTAPI(char16_t*, size_t, const char16_t*, size_t);
     char text[8] = "#######";
-    EXPECT_EQ((Imported<int NTAPI_VARIADIC(char*, size_t, const char*, ...)>("_snprintf"))(text, 4, "%s", "12345"), -1);
+    EXPECT_EQ(Imported<Print>("_snprintf")(text, 4, "%s", "12345"), -1);
     EXPECT_EQ(Text(text), "1234###");  // full, without an end
-    EXPECT_EQ((Imported<int NTAPI_VARIADIC(char*, size_t, const char*, ...)>("_snprintf"))(text, 4, "%s", "abcd"), 4);
+    EXPECT_EQ(Imported<Print>("_snprintf")(text, 4, "%s", "abcd"), 4);
     EXPECT_EQ(Text(text), "abcd###");
-    EXPECT_EQ((Imported<int NTAPI_VARIADIC(char*, size_t, const char*, ...)>("sprintf_s"))(text, 4, "%s", "1234"), -1);
+    EXPECT_EQ(Imported<Print>("sprintf_s")(text, 4, "%s", "1234"), -1);
     EXPECT_EQ(Text(text), "");
     constexpr size_t kTruncate = ~size_t{0};
-    EXPECT_EQ((Imported<int NTAPI_VARIADIC(char*, size_t, size_t, const char*, ...)>("_snprintf_s"))(text, 4, kTruncate,
-                                                                                                     "%s", "1234"),
-              -1);
+    EXPECT_EQ(Imported<PrintSome>("_snprintf_s")(text, 4, kTruncate, "%s", "1234"), -1);
     EXPECT_EQ(Text(text), "123");
 
     char16_t wide[6] = u"#####";
-    EXPECT_EQ((Imported<int NTAPI(char16_t*, size_t, const char16_t*)>("wcscpy_s"))(wide, 4, u"1234"), 34);
+    EXPECT_EQ(Imported<Copy>("wcscpy_s")(wide, 4, u"1234"), 34);
     EXPECT_EQ(Text(wide), u"");
-    EXPECT_EQ((Imported<int NTAPI(char16_t*, size_t, const char16_t*)>("wcscpy_s"))(wide, 4, u"123"), 0);
-    EXPECT_EQ((Imported<int NTAPI(char16_t*, size_t, const char16_t*)>("wcscat_s"))(wide, 6, u"45"), 0);
+    EXPECT_EQ(Imported<Copy>("wcscpy_s")(wide, 4, u"123"), 0);
+    EXPECT_EQ(Imported<Copy>("wcscat_s")(wide, 6, u"45"), 0);
     EXPECT_EQ(Text(wide), u"12345");
-    EXPECT_EQ(
-        (Imported<int NTAPI(char16_t*, size_t, const char16_t*, size_t)>("wcsncpy_s"))(wide, 3, u"abc", kTruncate), 80);
+    EXPECT_EQ(Imported<CopySome>("wcsncpy_s")(wide, 3, u"abc", kTruncate), 80);
     EXPECT_EQ(Text(wide), u"ab");
     char block[4] = {1, 2, 3, 4};
     EXPECT_EQ((Imported<int NTAPI(void*, size_t, const void*, size_t)>("memcpy_s"))(block, 2, "abc", 3), 34);

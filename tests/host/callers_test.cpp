@@ -8,6 +8,10 @@
 namespace tests {
 namespace {
 
+class Callbacks : public FaultyDriverTest {};
+class Handles : public FaultyDriverTest {};
+class HostThreads : public FaultyDriverTest {};
+
 WDFWAITLOCK g_callbackLock;
 std::atomic<bool> g_callbackRuns;
 
@@ -19,21 +23,20 @@ VOID NTAPI TakeLock(PVOID, PVOID, PVOID)
     WdfWaitLockRelease(g_callbackLock);
 }
 
-TEST(Callbacks, UnregisteringWaitsUntilARunningOneHasReturned)
+TEST_F(Callbacks, UnregisteringWaitsUntilARunningOneHasReturned)
 {
-    FaultyDriverFixture fixture;
     g_callbackLock = NewLock();
     g_callbackRuns = false;
     const PCALLBACK_OBJECT object = OpenPowerState();
     PVOID registration = ExRegisterCallback(object, TakeLock, nullptr);
     ASSERT_EQ(WdfWaitLockAcquire(g_callbackLock, nullptr), STATUS_SUCCESS);
-    std::thread power([&] { fixture.OnThread("power", [&] { fixture.machine.NotifyPowerState(0, 0); }); });
+    std::thread power([&] { OnThread("power", [&] { machine.NotifyPowerState(0, 0); }); });
     while (!g_callbackRuns) {
         std::this_thread::yield();
     }
     std::atomic<bool> begins = false;
     std::thread unregister([&] {
-        fixture.OnThread("unregister", [&] {
+        OnThread("unregister", [&] {
             begins = true;
             ExUnregisterCallback(registration);
             EXPECT_FALSE(g_callbackRuns);
@@ -47,36 +50,33 @@ TEST(Callbacks, UnregisteringWaitsUntilARunningOneHasReturned)
     power.join();
     unregister.join();
     ObfDereferenceObject(object);
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 }
 
-TEST(Callbacks, UnregisteringOneThatCanNeverReturnParks)
+TEST_F(Callbacks, UnregisteringOneThatCanNeverReturnParks)
 {
-    FaultyDriverFixture fixture;
-    fixture.Abandon();
+    Abandon();
     g_callbackLock = NewLock();
     PVOID registration = ExRegisterCallback(OpenPowerState(), TakeLock, nullptr);
     const auto parks = [&](const char* name, const std::function<void()>& work) {
-        EXPECT_TRUE(fixture.machine.OnThread(name, work).parked) << name;
+        EXPECT_TRUE(machine.OnThread(name, work).parked) << name;
     };
     // The unregistering thread holds the lock that the callback waits for: both are in one circle.
     std::thread power;
     parks("unregister", [&] {
         g_callbackRuns = false;
         (void)WdfWaitLockAcquire(g_callbackLock, nullptr);
-        power = std::thread([&] { parks("power", [&] { fixture.machine.NotifyPowerState(0, 0); }); });
+        power = std::thread([&] { parks("power", [&] { machine.NotifyPowerState(0, 0); }); });
         while (!g_callbackRuns) {
             std::this_thread::yield();
         }
         ExUnregisterCallback(registration);
     });
     power.join();
-    EXPECT_EQ(fixture.TakeRules(), (std::vector{Rule::kDeadlock, Rule::kDeadlock})) << fixture.Text();
+    EXPECT_EQ(TakeRules(), (std::vector{Rule::kDeadlock, Rule::kDeadlock})) << Text();
 }
 
-TEST(Handles, AreOpenedAndClosedFromSeveralThreads)
+TEST_F(Handles, AreOpenedAndClosedFromSeveralThreads)
 {
-    FaultyDriverFixture fixture;
     constexpr int kThreads = 4;
     constexpr int kTurns = 2000;
     std::barrier start(kThreads);
@@ -86,8 +86,8 @@ TEST(Handles, AreOpenedAndClosedFromSeveralThreads)
             start.arrive_and_wait();
             for (int turn = 0; turn < kTurns; ++turn) {
                 host::FileId file = 0;
-                EXPECT_EQ(fixture.driver.Open(file).status, STATUS_SUCCESS);
-                fixture.driver.Close(file);
+                EXPECT_EQ(driver.Open(file).status, STATUS_SUCCESS);
+                driver.Close(file);
             }
         });
     }
@@ -95,19 +95,16 @@ TEST(Handles, AreOpenedAndClosedFromSeveralThreads)
         thread.join();
     }
     host::FileId file = 0;
-    EXPECT_EQ(fixture.driver.Open(file).status, STATUS_SUCCESS);
+    EXPECT_EQ(driver.Open(file).status, STATUS_SUCCESS);
     EXPECT_EQ(file, kThreads * kTurns + 1u);
-    fixture.driver.Close(file);
+    driver.Close(file);
 }
 
-TEST(HostThreads, HandExceptionsToWhoWaitsForTheWork)
+TEST_F(HostThreads, HandExceptionsToWhoWaitsForTheWork)
 {
-    FaultyDriverFixture fixture;
-    const auto refused = [&] {
-        (void)fixture.machine.OnThread("application", [&] { (void)fixture.driver.DeviceControl(7, 0); });
-    };
+    const auto refused = [&] { (void)machine.OnThread("application", [&] { (void)driver.DeviceControl(7, 0); }); };
     EXPECT_THROW(refused(), host::HostError);
-    fixture.OnThread("next", [] {});
+    OnThread("next", [] {});
 }
 
 TEST(MemoryFaults, OutsideOfDriverCodeNameTheDriverCodeThatMadeTheCall)
@@ -115,7 +112,6 @@ TEST(MemoryFaults, OutsideOfDriverCodeNameTheDriverCodeThatMadeTheCall)
     if (kSanitized) {
         GTEST_SKIP() << "the sanitizer itself reports the access";
     }
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     const auto end = [](PFN_WDF_WORKITEM routine) {
         FaultyDriverFixture fixture;
         fixture.table.Hooks->Work = routine;

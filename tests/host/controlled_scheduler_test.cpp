@@ -13,9 +13,9 @@ using host::schedule::ControlledScheduler;
 std::vector<Rule> RunRace(ControlledScheduler& scheduler)
 {
     FaultyDriverFixture fixture;
-    fixture.Run("RacyPrepare");
+    fixture.Call("RacyPrepare");
     scheduler.Run(fixture.machine,
-                  {{"one", [&] { fixture.Run("RacyDelete"); }}, {"two", [&] { fixture.Run("RacyDelete"); }}});
+                  {{"one", [&] { fixture.Call("RacyDelete"); }}, {"two", [&] { fixture.Call("RacyDelete"); }}});
     return fixture.TakeRules();
 }
 

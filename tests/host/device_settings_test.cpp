@@ -4,22 +4,13 @@
 namespace tests {
 namespace {
 
-// A machine whose device was made with these settings.
-class InitFixture : public FaultyDriverFixture {
-public:
-    explicit InitFixture(void(NTAPI* init)(PWDFDEVICE_INIT init))
-    {
-        driver.SurpriseRemoveDevice();
-        EXPECT_FALSE(driver.RemoveDevice().parked);
-        table.Hooks->Init = init;
-        EXPECT_EQ(driver.AddDevice(), STATUS_SUCCESS);
-        EXPECT_EQ(driver.StartDevice(), STATUS_SUCCESS);
-    }
-};
+class DeviceSettings : public FaultyDriverTest {};
+class IdleSettings : public FaultyDriverTest {};
+class ResourceLists : public FaultyDriverTest {};
 
-TEST(DeviceSettings, ShowInTheDeviceObject)
+TEST_F(DeviceSettings, ShowInTheDeviceObject)
 {
-    InitFixture fixture([](PWDFDEVICE_INIT init) NTAPI {
+    RenewDevice([](PWDFDEVICE_INIT init) NTAPI {
         WdfDeviceInitSetExclusive(init, TRUE);
         WdfDeviceInitSetIoType(init, WdfDeviceIoDirect);
         WdfDeviceInitSetDeviceType(init, 0x2A);
@@ -28,11 +19,11 @@ TEST(DeviceSettings, ShowInTheDeviceObject)
         WdfDeviceInitSetPowerPageable(init);
         WdfDeviceInitSetPowerInrush(init);
     });
-    const WDFDEVICE device = fixture.driver.Device();
+    const WDFDEVICE device = driver.Device();
     DEVICE_OBJECT* const object = WdfDeviceWdmGetDeviceObject(device);
     ASSERT_NE(object, nullptr);
     EXPECT_EQ(WdfDeviceWdmGetDeviceObject(device), object);
-    EXPECT_EQ(object->DriverObject, WdfDriverWdmGetDriverObject(fixture.driver.Handle()));
+    EXPECT_EQ(object->DriverObject, WdfDriverWdmGetDriverObject(driver.Handle()));
     EXPECT_EQ(object->DeviceType, 0x2Au);
     EXPECT_EQ(object->Characteristics, 0x41u | FILE_DEVICE_SECURE_OPEN);
     EXPECT_EQ(object->Flags, static_cast<ULONG>(DO_EXCLUSIVE | DO_DIRECT_IO | DO_POWER_INRUSH));
@@ -40,24 +31,24 @@ TEST(DeviceSettings, ShowInTheDeviceObject)
     EXPECT_EQ(WdfDeviceWdmGetAttachedDevice(device), below);
     EXPECT_EQ(below->AttachedDevice, object);
     EXPECT_EQ(WdfWdmDeviceGetWdfDeviceHandle(object), device);
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+    EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
     EXPECT_EQ(WdfWdmDeviceGetWdfDeviceHandle(below), nullptr);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kForeignHandle});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kForeignHandle});
 
     host::FileId first = 0;
     host::FileId second = 0;
-    EXPECT_EQ(fixture.driver.Open(first).status, STATUS_SUCCESS);
-    EXPECT_EQ(fixture.driver.Open(second).status, STATUS_ACCESS_DENIED);
-    fixture.driver.Close(first);
-    EXPECT_EQ(fixture.driver.Open(second).status, STATUS_SUCCESS);
-    fixture.driver.Close(second);
+    EXPECT_EQ(driver.Open(first).status, STATUS_SUCCESS);
+    EXPECT_EQ(driver.Open(second).status, STATUS_ACCESS_DENIED);
+    driver.Close(first);
+    EXPECT_EQ(driver.Open(second).status, STATUS_SUCCESS);
+    driver.Close(second);
 }
 
-TEST(DeviceSettings, GiveRequestsTheirContext)
+TEST_F(DeviceSettings, GiveRequestsTheirContext)
 {
     static std::vector<WDFOBJECT> cleaned;
     cleaned.clear();
-    InitFixture fixture([](PWDFDEVICE_INIT init) NTAPI {
+    RenewDevice([](PWDFDEVICE_INIT init) NTAPI {
         WDF_OBJECT_ATTRIBUTES attributes;
         WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
         attributes.EvtCleanupCallback = [](WDFOBJECT request) NTAPI {
@@ -67,34 +58,29 @@ TEST(DeviceSettings, GiveRequestsTheirContext)
         WdfDeviceInitSetRequestAttributes(init, &attributes);
     });
     static WDFREQUEST sent;
-    fixture.table.Hooks->Control = [](WDFREQUEST request) NTAPI {
+    table.Hooks->Control = [](WDFREQUEST request) NTAPI {
         sent = request;
         WdfObjectGet_FAULTY_CONTEXT(request)->Numbers[0] = 7;
         WdfRequestComplete(request, STATUS_SUCCESS);
         EXPECT_TRUE(cleaned.empty() || cleaned.back() != request);  // the sender has yet to get its result
     };
-    fixture.table.Hooks->FileCreate = [](WDFREQUEST request, WDFFILEOBJECT) NTAPI {
+    table.Hooks->FileCreate = [](WDFREQUEST request, WDFFILEOBJECT) NTAPI {
         WdfObjectGet_FAULTY_CONTEXT(request)->Numbers[0] = 7;
         WdfRequestComplete(request, STATUS_SUCCESS);
     };
     host::FileId file = 0;
-    EXPECT_EQ(fixture.driver.Open(file).status, STATUS_SUCCESS);
-    fixture.driver.DeviceControl(file, CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS));
+    EXPECT_EQ(driver.Open(file).status, STATUS_SUCCESS);
+    driver.DeviceControl(file, CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS));
     EXPECT_EQ(cleaned.size(), 2u);
     EXPECT_EQ(cleaned.back(), sent);
-    fixture.driver.Close(file);
+    driver.Close(file);
 }
 
-TEST(DeviceSettings, ThatCannotBeAreReported)
+TEST_F(DeviceSettings, ThatCannotBeAreReported)
 {
-    FaultyDriverFixture fixture;
     const auto rulesOf = [&](void(NTAPI * init)(PWDFDEVICE_INIT init)) {
-        fixture.driver.SurpriseRemoveDevice();
-        EXPECT_FALSE(fixture.driver.RemoveDevice().parked);
-        fixture.table.Hooks->Init = init;
-        EXPECT_EQ(fixture.driver.AddDevice(), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.driver.StartDevice(), STATUS_SUCCESS);
-        return fixture.TakeRules();
+        RenewDevice(init);
+        return TakeRules();
     };
     const std::vector<Rule> bad{Rule::kBadParameter};
     EXPECT_EQ(rulesOf([](PWDFDEVICE_INIT init) NTAPI {
@@ -129,14 +115,13 @@ TEST(DeviceSettings, ThatCannotBeAreReported)
               std::vector{Rule::kRequiredParameter});
 }
 
-TEST(IdleSettings, AreForWhoOwnsThePowerPolicyOfADeviceThatCannotWake)
+TEST_F(IdleSettings, AreForWhoOwnsThePowerPolicyOfADeviceThatCannotWake)
 {
-    FaultyDriverFixture fixture;
     WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS settings;
     const auto statusWith = [&](const auto& change) {
         WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS_INIT(&settings, IdleCannotWakeFromS0);
         change();
-        return WdfDeviceAssignS0IdleSettings(fixture.driver.Device(), &settings);
+        return WdfDeviceAssignS0IdleSettings(driver.Device(), &settings);
     };
     EXPECT_EQ(statusWith([] {}), STATUS_SUCCESS);
     EXPECT_EQ(statusWith([&] { settings.Size = 20; }), STATUS_INFO_LENGTH_MISMATCH);
@@ -157,36 +142,32 @@ TEST(IdleSettings, AreForWhoOwnsThePowerPolicyOfADeviceThatCannotWake)
               STATUS_SUCCESS);
 }
 
-TEST(IdleSettings, AreRefusedOnADeviceOfAnothersPowerPolicy)
+TEST_F(IdleSettings, AreRefusedOnADeviceOfAnothersPowerPolicy)
 {
-    InitFixture fixture([](PWDFDEVICE_INIT init) NTAPI { WdfDeviceInitSetPowerPolicyOwnership(init, FALSE); });
+    RenewDevice([](PWDFDEVICE_INIT init) NTAPI { WdfDeviceInitSetPowerPolicyOwnership(init, FALSE); });
     WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS settings;
     WDF_DEVICE_POWER_POLICY_IDLE_SETTINGS_INIT(&settings, IdleCannotWakeFromS0);
-    EXPECT_EQ(WdfDeviceAssignS0IdleSettings(fixture.driver.Device(), &settings), STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(WdfDeviceAssignS0IdleSettings(driver.Device(), &settings), STATUS_INVALID_DEVICE_REQUEST);
 }
 
-TEST(ResourceLists, AreEmptyAndEndWithTheDevice)
+TEST_F(ResourceLists, AreEmptyAndEndWithTheDevice)
 {
     static std::vector<WDFCMRESLIST> lists;
     lists.clear();
-    InitFixture fixture(nullptr);
-    fixture.driver.SurpriseRemoveDevice();
-    EXPECT_FALSE(fixture.driver.RemoveDevice().parked);
-    fixture.table.Hooks->Resources = [](WDFCMRESLIST list) NTAPI {
+    table.Hooks->Resources = [](WDFCMRESLIST list) NTAPI {
         EXPECT_EQ(WdfCmResourceListGetCount(list), 0u);
         EXPECT_EQ(WdfCmResourceListGetDescriptor(list, 0), nullptr);
         lists.push_back(list);
     };
-    EXPECT_EQ(fixture.driver.AddDevice(), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.driver.StartDevice(), STATUS_SUCCESS);
-    fixture.driver.SurpriseRemoveDevice();
-    ASSERT_EQ(lists.size(), 3u);  // raw and translated at its start, translated at its end
-    EXPECT_NE(lists[0], lists[1]);
-    EXPECT_EQ(lists[2], lists[1]);
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
-    EXPECT_FALSE(fixture.driver.RemoveDevice().parked);
+    RenewDevice();
+    driver.SurpriseRemoveDevice();
+    ASSERT_EQ(lists.size(), 4u);  // translated at the first's end; raw and translated at the next one's start and end
+    EXPECT_NE(lists[1], lists[2]);
+    EXPECT_EQ(lists[3], lists[2]);
+    EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
+    EXPECT_FALSE(driver.RemoveDevice().parked);
     EXPECT_EQ(WdfCmResourceListGetCount(lists[0]), 0u);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadHandle});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadHandle});
 }
 
 }  // namespace

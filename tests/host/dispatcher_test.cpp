@@ -10,6 +10,10 @@
 namespace tests {
 namespace {
 
+class Events : public FaultyDriverTest {};
+class KernelSpinLocks : public FaultyDriverTest {};
+class KernelTime : public FaultyDriverTest {};
+
 constexpr LONGLONG kMillisecond = -10'000;
 
 NTSTATUS Wait(KEVENT& event, std::optional<LONGLONG> timeout = std::nullopt)
@@ -18,9 +22,8 @@ NTSTATUS Wait(KEVENT& event, std::optional<LONGLONG> timeout = std::nullopt)
     return KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, timeout ? &time : nullptr);
 }
 
-TEST(Events, GiveTheirSignalToAllOrToOne)
+TEST_F(Events, GiveTheirSignalToAllOrToOne)
 {
-    FaultyDriverFixture fixture;
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     EXPECT_EQ(Wait(event, 0), STATUS_TIMEOUT);
@@ -42,52 +45,47 @@ TEST(Events, GiveTheirSignalToAllOrToOne)
 }
 
 // In virtual time: nothing is slept.
-TEST(Events, WaitsPassTheTimeThatNothingElseNeeds)
+TEST_F(Events, WaitsPassTheTimeThatNothingElseNeeds)
 {
-    FaultyDriverFixture fixture;
     host::kernel::Clock& clock = host::kernel::Kernel::Current().clock;
     KEVENT event;
     KeInitializeEvent(&event, SynchronizationEvent, FALSE);
-    const std::int64_t begin = fixture.machine.Now();
+    const std::int64_t begin = machine.Now();
     EXPECT_EQ(Wait(event, 3600 * 1000 * kMillisecond), STATUS_TIMEOUT);
-    EXPECT_EQ(fixture.machine.Now() - begin, -3600 * 1000 * kMillisecond);
+    EXPECT_EQ(machine.Now() - begin, -3600 * 1000 * kMillisecond);
     EXPECT_EQ(Wait(event, clock.SystemTime() + 70), STATUS_TIMEOUT);  // an absolute time
-    EXPECT_EQ(fixture.machine.Now() - begin, -3600 * 1000 * kMillisecond + 70);
+    EXPECT_EQ(machine.Now() - begin, -3600 * 1000 * kMillisecond + 70);
 
-    const std::int64_t due = fixture.machine.Now() + 500;
+    const std::int64_t due = machine.Now() + 500;
     clock.Schedule(due, [&] { KeSetEvent(&event, IO_NO_INCREMENT, FALSE); });
     EXPECT_EQ(Wait(event, kMillisecond), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.machine.Now(), due);
+    EXPECT_EQ(machine.Now(), due);
 }
 
-TEST(Events, WaitsGiveQueuedWorkItsTurn)
+TEST_F(Events, WaitsGiveQueuedWorkItsTurn)
 {
     static KEVENT event;
-    FaultyDriverFixture fixture;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
-    fixture.table.Hooks->Work = [](WDFWORKITEM) NTAPI { KeSetEvent(&event, IO_NO_INCREMENT, FALSE); };
-    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    table.Hooks->Work = [](WDFWORKITEM) NTAPI { KeSetEvent(&event, IO_NO_INCREMENT, FALSE); };
+    WdfWorkItemEnqueue(table.WorkItem);
     EXPECT_EQ(Wait(event), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.machine.QueuedWorkItems(), 0u);
+    EXPECT_EQ(machine.QueuedWorkItems(), 0u);
 }
 
-TEST(Events, AWaitThatNobodyEndsIsADeadlock)
+TEST_F(Events, AWaitThatNobodyEndsIsADeadlock)
 {
-    FaultyDriverFixture fixture;
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     // A timer that only comes again does not end it.
     host::kernel::Clock& clock = host::kernel::Kernel::Current().clock;
     std::function<void()> again = [&] { clock.Schedule(clock.Now() + host::kernel::kUnitsPerSecond, again); };
     again();
-    const host::Outcome outcome = fixture.machine.OnThread("peer", [&] { (void)Wait(event); });
-    EXPECT_TRUE(outcome.parked);
-    EXPECT_NE(outcome.reason.find("waits for the event at 0x"), std::string::npos) << outcome.reason;
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});
+    EXPECT_TRUE(Has(Park("peer", [&] { (void)Wait(event); }), "waits for the event at 0x"));
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadlock});
 }
 
 // With threads of its own the machine sleeps, and a wait hopes for every thread that has something to do.
-TEST(Events, OfAMachineWithThreadsAreSetAcrossThem)
+TEST(EventsOfAMachineWithThreads, AreSetAcrossThem)
 {
     static KEVENT go;
     static KEVENT gone;
@@ -110,9 +108,8 @@ TEST(Events, OfAMachineWithThreadsAreSetAcrossThem)
     fixture.Abandon();
 }
 
-TEST(KernelSpinLocks, RaiseTheLevelUntilTheirRelease)
+TEST_F(KernelSpinLocks, RaiseTheLevelUntilTheirRelease)
 {
-    FaultyDriverFixture fixture;
     KSPIN_LOCK outer;
     KSPIN_LOCK inner;
     KeInitializeSpinLock(&outer);
@@ -128,11 +125,10 @@ TEST(KernelSpinLocks, RaiseTheLevelUntilTheirRelease)
     KeRaiseIrql(APC_LEVEL, &before);
     EXPECT_EQ(KeGetCurrentIrql(), APC_LEVEL);
     KeLowerIrql(before);
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 }
 
 // What a driver may do wrong with them: each is found, named, and the driver goes on.
-TEST(KernelSpinLocks, MistakesAreReported)
+TEST(KernelSpinLockMistakes, AreReported)
 {
     static KSPIN_LOCK lock;
     static KSPIN_LOCK other;
@@ -220,13 +216,12 @@ TEST(KernelSpinLocks, MistakesAreReported)
         KeInitializeSpinLock(&other);
         (void)fixture.machine.OnThread("peer", row.mistake);
         EXPECT_EQ(fixture.TakeRules(), std::vector{row.rule}) << row.name << "\n" << fixture.Text();
-        EXPECT_NE(fixture.Text().find(row.words), std::string::npos) << row.name << "\n" << fixture.Text();
+        EXPECT_TRUE(Has(fixture.Text(), row.words)) << row.name;
     }
 }
 
-TEST(KernelTime, IsThatOfTheMachinesClock)
+TEST_F(KernelTime, IsThatOfTheMachinesClock)
 {
-    FaultyDriverFixture fixture;
     LARGE_INTEGER frequency;
     LARGE_INTEGER systemBefore;
     LARGE_INTEGER systemAfter;
@@ -240,6 +235,20 @@ TEST(KernelTime, IsThatOfTheMachinesClock)
     EXPECT_EQ(systemAfter.QuadPart - systemBefore.QuadPart, 200'050);
     EXPECT_EQ(KeQueryInterruptTime() - interruptBefore, 200'050u);
     EXPECT_EQ((KeQueryPerformanceCounter(nullptr).QuadPart - counterBefore) * 1'000'000 / frequency.QuadPart, 20'005);
+}
+
+TEST(Pool, GivesNullWhenItIsExhausted)
+{
+    FaultyDriverFixture fixture({.poolBytesMaximum = 100});
+    constexpr ULONG kTag = 'tseT';
+    PVOID const first = ExAllocatePoolWithTag(PagedPool, 60, kTag);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, 60, kTag), nullptr);
+    EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, ~SIZE_T{0}, kTag), nullptr);
+    ExFreePoolWithTag(first, kTag);
+    PVOID const second = ExAllocatePoolWithTag(PagedPool, 100, kTag);
+    ASSERT_NE(second, nullptr);
+    ExFreePoolWithTag(second, kTag);
 }
 
 TEST(Pool, IsZeroedUnlessTheFlagsSayOtherwise)
@@ -274,12 +283,10 @@ TEST(Pool, IsZeroedUnlessTheFlagsSayOtherwise)
             ExFreePool2(const_cast<unsigned char*>(block), kTag, nullptr, 0);
         }
     }
-    const host::Outcome outcome = fixture.machine.OnThread(
-        "peer", [] { (void)ExAllocatePool2(POOL_FLAG_PAGED | POOL_FLAG_RAISE_ON_FAILURE, 1 << 20, kTag); });
-    EXPECT_NE(outcome.reason.find("POOL_FLAG_RAISE_ON_FAILURE asks for an exception"), std::string::npos);
+    const auto raise = [] { (void)ExAllocatePool2(POOL_FLAG_PAGED | POOL_FLAG_RAISE_ON_FAILURE, 1 << 20, kTag); };
+    EXPECT_TRUE(Has(fixture.Park("peer", raise), "POOL_FLAG_RAISE_ON_FAILURE asks for an exception"));
     EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kNotProvided});
     ExFreePool(ExAllocatePoolZero(NonPagedPoolNx, 8, kTag));  // frees whatever tag
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+
 const WDFFUNC* WdfFunctions_01015;
 PWDF_DRIVER_GLOBALS WdfDriverGlobals;
 
@@ -25,7 +26,7 @@ std::string failingStep;
 FaultyDriverFixture::FaultyDriverFixture(host::MachineOptions options)
     : machine(options), driver(machine.Boot(FAULTY_DRIVER, "faulty"))
 {
-    EXPECT_EQ(driver.QueryInterface(kFaultyInterface, std::as_writable_bytes(std::span(&table, 1)), 2), STATUS_SUCCESS);
+    TakeTable();
     WdfFunctions_01015 = table.Functions;
     WdfDriverGlobals = table.Globals;
     table.Hooks->Step = RecordStep;
@@ -41,12 +42,31 @@ FaultyDriverFixture::~FaultyDriverFixture()
     EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
 }
 
+void FaultyDriverFixture::EndDevice()
+{
+    driver.SurpriseRemoveDevice();
+    EXPECT_FALSE(driver.RemoveDevice().parked);
+}
+
+void FaultyDriverFixture::RenewDevice(void(NTAPI* init)(PWDFDEVICE_INIT init))
+{
+    EndDevice();
+    table.Hooks->Init = init;
+    EXPECT_EQ(driver.AddDevice(), STATUS_SUCCESS);
+    EXPECT_EQ(driver.StartDevice(), STATUS_SUCCESS);
+    TakeTable();
+}
+
+void FaultyDriverFixture::TakeTable()
+{
+    EXPECT_EQ(driver.QueryInterface(kFaultyInterface, std::as_writable_bytes(std::span(&table, 1)), 2), STATUS_SUCCESS);
+}
+
 void FaultyDriverFixture::TakeDown()
 {
     isDown_ = true;
     if (driver.HasDevice()) {
-        driver.SurpriseRemoveDevice();
-        EXPECT_FALSE(driver.RemoveDevice().parked);
+        EndDevice();
     }
     driver.Unload();
 }
@@ -83,7 +103,7 @@ Violation FaultyDriverFixture::TakeFaulty(Rule rule, const std::string& place, s
     return all[0];
 }
 
-void FaultyDriverFixture::Run(const std::string& scenario) const
+void FaultyDriverFixture::Call(const std::string& scenario) const
 {
     Dl_info module{};
     ASSERT_NE(dladdr(table.Hooks, &module), 0);
@@ -101,16 +121,29 @@ void FaultyDriverFixture::OnThread(const std::string& name, const std::function<
     EXPECT_FALSE(outcome.parked) << outcome.reason;
 }
 
+std::string FaultyDriverFixture::Park(const std::string& name, const std::function<void()>& work)
+{
+    const host::Outcome outcome = machine.OnThread(name, work);
+    EXPECT_TRUE(outcome.parked);
+    return outcome.reason;
+}
+
 std::vector<std::string> FaultyDriverFixture::TakeSteps()
 {
     return std::exchange(g_steps, {});
 }
 
-WDFOBJECT NewObject(WDFOBJECT parent)
+WDF_OBJECT_ATTRIBUTES Attributes(WDFOBJECT parent)
 {
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
     attributes.ParentObject = parent;
+    return attributes;
+}
+
+WDFOBJECT NewObject(WDFOBJECT parent)
+{
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(parent);
     WDFOBJECT object = nullptr;
     EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
     return object;

@@ -5,6 +5,7 @@
 #include "host/machine.h"
 #include "tests/faulty_drivers/faulty.h"
 #include "tests/kit/death.h"
+#include "tests/kit/texts.h"
 
 #include <gtest/gtest.h>
 
@@ -41,7 +42,11 @@ public:
     FaultyDriverFixture(const FaultyDriverFixture&) = delete;
     FaultyDriverFixture& operator=(const FaultyDriverFixture&) = delete;
 
-    // Surprise removal, removal and unload.
+    // Surprise removal and removal; with a new device after it, which `init` may have set up.
+    void EndDevice();
+    void RenewDevice(void(NTAPI* init)(PWDFDEVICE_INIT init) = nullptr);
+
+    // The same and unload.
     void TakeDown();
 
     // The driver cannot be taken down: one of its threads is parked.
@@ -56,10 +61,12 @@ public:
     Violation TakeFaulty(Rule rule, const std::string& place, std::size_t count = 1);
 
     // Calls a function of the driver that breaks a rule: one of tests/faulty_drivers/scenarios.cpp, by its name.
-    void Run(const std::string& scenario) const;
+    void Call(const std::string& scenario) const;
 
     // Runs driver code on a thread of its own and expects that it returns.
     void OnThread(const std::string& name, const std::function<void()>& work);
+    // ... that it is parked. Gives the reason.
+    std::string Park(const std::string& name, const std::function<void()>& work);
 
     // What the driver's power and plug-and-play callbacks were called for since the last call.
     std::vector<std::string> TakeSteps();
@@ -69,13 +76,19 @@ public:
     FaultyTable table{};
 
 private:
+    void TakeTable();
+
     std::string text_;
     bool isDown_ = false;
 };
 
+// The base of cases that need such a machine as it is.
+class FaultyDriverTest : public testing::Test, public FaultyDriverFixture {};
+
 // The driver's callbacks for plug and play fail at this step; empty: none.
 extern std::string failingStep;
 
+[[nodiscard]] WDF_OBJECT_ATTRIBUTES Attributes(WDFOBJECT parent = nullptr);
 [[nodiscard]] WDFOBJECT NewObject(WDFOBJECT parent = nullptr);
 [[nodiscard]] WDFWAITLOCK NewLock();
 [[nodiscard]] PCALLBACK_OBJECT OpenPowerState();

@@ -7,6 +7,8 @@
 namespace tests {
 namespace {
 
+class MemoryObjects : public FaultyDriverTest {};
+
 constexpr ULONG kTag = 'meM ';
 
 struct Memory {
@@ -31,28 +33,26 @@ std::size_t BytesWithTag(host::Machine& machine, std::uint32_t tag)
     return 0;
 }
 
-TEST(MemoryObjects, HoldPoolOfTheirTagUntilTheyEnd)
+TEST_F(MemoryObjects, HoldPoolOfTheirTagUntilTheyEnd)
 {
-    FaultyDriverFixture fixture;
     const Memory tagged = NewMemory(100);
     NewMemory(28, 0);  // the driver's own tag
-    EXPECT_EQ(BytesWithTag(fixture.machine, kTag), 100u);
-    EXPECT_EQ(BytesWithTag(fixture.machine, fixture.driver.PoolTag()), 28u);
+    EXPECT_EQ(BytesWithTag(machine, kTag), 100u);
+    EXPECT_EQ(BytesWithTag(machine, driver.PoolTag()), 28u);
     std::size_t sizeBytes = 0;
     EXPECT_EQ(WdfMemoryGetBuffer(tagged.handle, &sizeBytes), tagged.buffer);
     EXPECT_EQ(sizeBytes, 100u);
     WdfObjectReference(tagged.handle);
     WdfObjectDelete(tagged.handle);
-    EXPECT_EQ(BytesWithTag(fixture.machine, kTag), 100u);
+    EXPECT_EQ(BytesWithTag(machine, kTag), 100u);
     WdfObjectDereference(tagged.handle);
-    EXPECT_EQ(BytesWithTag(fixture.machine, kTag), 0u);
-    fixture.TakeDown();  // the second is the driver's child
-    EXPECT_EQ(fixture.machine.PoolInUse().size(), 0u);
+    EXPECT_EQ(BytesWithTag(machine, kTag), 0u);
+    TakeDown();  // the second is the driver's child
+    EXPECT_EQ(machine.PoolInUse().size(), 0u);
 }
 
-TEST(MemoryObjects, RefuseWhatTheyCannotBe)
+TEST_F(MemoryObjects, RefuseWhatTheyCannotBe)
 {
-    FaultyDriverFixture fixture;
     const auto untouched = reinterpret_cast<WDFMEMORY>(1);
     WDFMEMORY memory = untouched;
     EXPECT_EQ(WdfMemoryCreate(nullptr, NonPagedPoolNx, kTag, 0, &memory, nullptr), STATUS_INVALID_PARAMETER);
@@ -66,20 +66,19 @@ TEST(MemoryObjects, RefuseWhatTheyCannotBe)
     memory = untouched;
     EXPECT_EQ(WdfMemoryCreatePreallocated(nullptr, &lent, 0, &memory), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(memory, nullptr);
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+    EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
 
     const host::ScopedIrql dispatch(DISPATCH_LEVEL);
     EXPECT_EQ(WdfMemoryCreate(nullptr, PagedPool, kTag, 8, &memory, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kIrql});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kIrql});
     EXPECT_EQ(WdfMemoryCreate(nullptr, NonPagedPool, kTag, 8, &memory, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kBadParameter});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kBadParameter});
     EXPECT_EQ(WdfMemoryCreate(nullptr, NonPagedPoolNx, kTag, 8, nullptr, nullptr), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kRequiredParameter});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kRequiredParameter});
 }
 
-TEST(MemoryObjects, CopyWithinTheirSize)
+TEST_F(MemoryObjects, CopyWithinTheirSize)
 {
-    FaultyDriverFixture fixture;
     const Memory memory = NewMemory(8);
     std::memcpy(memory.buffer, "01234567", 8);
     std::array<char, 16> copy{};
@@ -105,9 +104,8 @@ TEST(MemoryObjects, CopyWithinTheirSize)
     EXPECT_EQ(std::string(static_cast<char*>(memory.buffer), 8), "01234571");
 }
 
-TEST(MemoryObjects, TakeAnotherLentBuffer)
+TEST_F(MemoryObjects, TakeAnotherLentBuffer)
 {
-    FaultyDriverFixture fixture;
     std::array<char, 4> first{'a', 'b', 'c', 'd'};
     std::array<char, 2> second{'x', 'y'};
     WDFMEMORY lent = nullptr;
@@ -120,25 +118,24 @@ TEST(MemoryObjects, TakeAnotherLentBuffer)
     EXPECT_EQ(sizeBytes, second.size());
     WdfObjectDelete(lent);
     EXPECT_EQ(second[0], 'x');
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+    EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
 
     EXPECT_EQ(WdfMemoryAssignBuffer(NewMemory(8).handle, second.data(), second.size()), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kWrongHandleType});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kWrongHandleType});
 }
 
-TEST(MemoryObjects, FindWhatWasWrittenAroundThemOrFreedBeforeThem)
+TEST_F(MemoryObjects, FindWhatWasWrittenAroundThemOrFreedBeforeThem)
 {
-    FaultyDriverFixture fixture;
     if (!kSanitized) {  // which finds it before the host does
         const Memory overrun = NewMemory(5);
         static_cast<volatile char*>(overrun.buffer)[5] = 1;
         WdfObjectDelete(overrun.handle);
-        EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kPoolCorrupted}) << fixture.Text();
+        EXPECT_EQ(TakeRules(), std::vector{Rule::kPoolCorrupted}) << Text();
     }
     const Memory freed = NewMemory(8);
     ExFreePoolWithTag(freed.buffer, kTag);
     WdfObjectDelete(freed.handle);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kPoolBadFree}) << fixture.Text();
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kPoolBadFree}) << Text();
 }
 
 }  // namespace

@@ -5,6 +5,7 @@ namespace tests {
 namespace {
 
 std::vector<std::string> g_order;
+using Order = std::vector<std::string>;
 WDFOBJECT g_toDelete;
 
 template <char kName>
@@ -25,9 +26,7 @@ void NTAPI Destroy(WDFOBJECT)
 template <char kName>
 WDFOBJECT NewNamed(WDFOBJECT parent, WDF_EXECUTION_LEVEL level = WdfExecutionLevelInheritFromParent)
 {
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ParentObject = parent;
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(parent);
     attributes.ExecutionLevel = level;
     attributes.EvtCleanupCallback = Cleanup<kName>;
     attributes.EvtDestroyCallback = Destroy<kName>;
@@ -36,38 +35,33 @@ WDFOBJECT NewNamed(WDFOBJECT parent, WDF_EXECUTION_LEVEL level = WdfExecutionLev
     return object;
 }
 
-NTSTATUS CreateWith(const WDF_OBJECT_ATTRIBUTES& attributes)
+NTSTATUS CreateWith(WDF_OBJECT_ATTRIBUTES attributes)
 {
-    WDF_OBJECT_ATTRIBUTES copy = attributes;
     WDFOBJECT object = nullptr;
-    return WdfObjectCreate(&copy, &object);
+    return WdfObjectCreate(&attributes, &object);
 }
 
-WDF_OBJECT_ATTRIBUTES Attributes()
-{
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    return attributes;
-}
+class Objects : public FaultyDriverTest {
+protected:
+    Objects() { g_order.clear(); }
+};
+class Creations : public FaultyDriverTest {};
+class Contexts : public FaultyDriverTest {};
+class Collections : public FaultyDriverTest {};
 
-TEST(Objects, AreDisposedChildrenFirstAndDestroyedAfterwards)
+TEST_F(Objects, AreDisposedChildrenFirstAndDestroyedAfterwards)
 {
-    FaultyDriverFixture fixture;
-    g_order.clear();
     const WDFOBJECT parent = NewNamed<'p'>(nullptr);
     const WDFOBJECT first = NewNamed<'1'>(parent);
     (void)NewNamed<'a'>(first);
     (void)NewNamed<'2'>(parent);
     WdfObjectDelete(parent);
-    const std::vector<std::string> expected = {"cleanup a", "cleanup 1", "cleanup 2", "cleanup p",
-                                               "destroy a", "destroy 1", "destroy 2", "destroy p"};
-    EXPECT_EQ(g_order, expected);
+    EXPECT_EQ(g_order, (Order{"cleanup a", "cleanup 1", "cleanup 2", "cleanup p", "destroy a", "destroy 1", "destroy 2",
+                              "destroy p"}));
 }
 
-TEST(Objects, CallbacksFromTheCreationComeBeforeThoseOfLaterContexts)
+TEST_F(Objects, CallbacksFromTheCreationComeBeforeThoseOfLaterContexts)
 {
-    FaultyDriverFixture fixture;
-    g_order.clear();
     const WDFOBJECT object = NewNamed<'1'>(nullptr);  // without a context of its own
     WDF_OBJECT_ATTRIBUTES attributes = Attributes();
     WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
@@ -75,102 +69,80 @@ TEST(Objects, CallbacksFromTheCreationComeBeforeThoseOfLaterContexts)
     attributes.EvtDestroyCallback = Destroy<'2'>;
     ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, nullptr), STATUS_SUCCESS);
     WdfObjectDelete(object);
-    EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "cleanup 2", "destroy 1", "destroy 2"}));
+    EXPECT_EQ(g_order, (Order{"cleanup 1", "cleanup 2", "destroy 1", "destroy 2"}));
 }
 
 // An object whose callbacks must run at PASSIVE_LEVEL, deleted or dereferenced for the last time above it.
-TEST(Objects, OfPassiveLevelAreDisposedAndDestroyedOnASystemThread)
+TEST_F(Objects, OfPassiveLevelAreDisposedAndDestroyedOnASystemThread)
 {
-    FaultyDriverFixture fixture;
-    g_order.clear();
     const WDFOBJECT object = NewNamed<'1'>(nullptr, WdfExecutionLevelPassive);
     WdfObjectReference(object);
     {
         const host::ScopedIrql level(DISPATCH_LEVEL);
         WdfObjectDelete(object);
-        EXPECT_EQ(g_order, std::vector<std::string>{});
+        EXPECT_EQ(g_order, Order{});
     }
-    (void)fixture.machine.RunWorkItems();
-    EXPECT_EQ(g_order, std::vector<std::string>{"cleanup 1"});
+    (void)machine.RunWorkItems();
+    EXPECT_EQ(g_order, Order{"cleanup 1"});
     {
         const host::ScopedIrql level(DISPATCH_LEVEL);
         WdfObjectDereference(object);
-        EXPECT_EQ(g_order, std::vector<std::string>{"cleanup 1"});
+        EXPECT_EQ(g_order, Order{"cleanup 1"});
     }
-    (void)fixture.machine.RunWorkItems();
-    EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "destroy 1"}));
+    (void)machine.RunWorkItems();
+    EXPECT_EQ(g_order, (Order{"cleanup 1", "destroy 1"}));
 }
 
-TEST(Objects, UnloadWaitsForDisposalsThatAreStillDeferred)
+TEST_F(Objects, UnloadWaitsForDisposalsThatAreStillDeferred)
 {
-    FaultyDriverFixture fixture;
-    g_order.clear();
     const WDFOBJECT object = NewNamed<'1'>(nullptr, WdfExecutionLevelPassive);
     {
         const host::ScopedIrql level(DISPATCH_LEVEL);
         WdfObjectDelete(object);
     }
-    fixture.TakeDown();
-    EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "destroy 1"}));
-    EXPECT_EQ(fixture.machine.QueuedWorkItems(), 0u);
+    TakeDown();
+    EXPECT_EQ(g_order, (Order{"cleanup 1", "destroy 1"}));
+    EXPECT_EQ(machine.QueuedWorkItems(), 0u);
 }
 
-TEST(Objects, ASiblingDeletedDuringTheParentsDisposalIsCleanedUpAndDestroyedOnce)
+TEST_F(Objects, ASiblingDeletedDuringTheParentsDisposalIsCleanedUpAndDestroyedOnce)
 {
-    FaultyDriverFixture fixture;
-    g_order.clear();
     const WDFOBJECT parent = NewNamed<'p'>(nullptr);
     (void)NewNamed<'1'>(parent);
     g_toDelete = NewNamed<'2'>(parent);
     WdfObjectDelete(parent);
-    const std::vector<std::string> expected = {"cleanup 1", "cleanup 2", "cleanup p",
-                                               "destroy 1", "destroy 2", "destroy p"};
-    EXPECT_EQ(g_order, expected);
+    EXPECT_EQ(g_order, (Order{"cleanup 1", "cleanup 2", "cleanup p", "destroy 1", "destroy 2", "destroy p"}));
 }
 
-TEST(Objects, AReferencePostponesOnlyTheDestruction)
+TEST_F(Objects, AReferencePostponesOnlyTheDestruction)
 {
-    FaultyDriverFixture fixture;
-    g_order.clear();
     const WDFOBJECT parent = NewNamed<'p'>(nullptr);
     const WDFOBJECT child = NewNamed<'1'>(parent);
     WdfObjectReference(child);
     WdfObjectDelete(parent);
-    EXPECT_EQ(g_order, (std::vector<std::string>{"cleanup 1", "cleanup p", "destroy p"}));
-    EXPECT_TRUE(fixture.machine.inspect().Find(child)->deleted);
+    EXPECT_EQ(g_order, (Order{"cleanup 1", "cleanup p", "destroy p"}));
+    EXPECT_TRUE(machine.inspect().Find(child)->deleted);
     WdfObjectDereference(child);
     EXPECT_EQ(g_order.back(), "destroy 1");
-    EXPECT_FALSE(fixture.machine.inspect().Find(child).has_value());
+    EXPECT_FALSE(machine.inspect().Find(child).has_value());
 }
 
-TEST(Objects, ASecondDeleteOfAReferencedObjectIsIgnoredAndCounted)
+TEST_F(Objects, DeletedOnesTakeNoChildrenAndAreDeletedOnce)
 {
-    FaultyDriverFixture fixture;
     const WDFOBJECT object = NewObject();
     WdfObjectReference(object);
     WdfObjectDelete(object);
+    EXPECT_EQ(CreateWith(Attributes(object)), STATUS_DELETE_PENDING);
     WdfObjectDelete(object);
+    EXPECT_EQ(machine.SecondDeletes(), 1u);
     WdfObjectDereference(object);
-    EXPECT_EQ(fixture.machine.SecondDeletes(), 1u);
 }
 
-TEST(Objects, ADeletedParentTakesNoChildren)
-{
-    FaultyDriverFixture fixture;
-    const WDFOBJECT parent = NewObject();
-    WdfObjectReference(parent);
-    WdfObjectDelete(parent);
-    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
-    attributes.ParentObject = parent;
-    EXPECT_EQ(CreateWith(attributes), STATUS_DELETE_PENDING);
-    WdfObjectDereference(parent);
-}
-
-TEST(Objects, HandlesOfAnEarlierMachineAreForeign)
+TEST(ObjectsOfAnEarlierMachine, AreForeign)
 {
     WDFOBJECT earlier = nullptr;
     {
-        FaultyDriverFixture fixture;
+        const FaultyDriverFixture fixture;
         earlier = NewObject();
     }
     FaultyDriverFixture fixture;
@@ -178,9 +150,8 @@ TEST(Objects, HandlesOfAnEarlierMachineAreForeign)
     EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kForeignHandle});
 }
 
-TEST(Objects, AttributesAreRefusedInTheFrameworksOrder)
+TEST_F(Objects, AttributesAreRefusedInTheFrameworksOrder)
 {
-    FaultyDriverFixture fixture;
     WDF_OBJECT_ATTRIBUTES attributes = Attributes();
     attributes.Size = 48;
     EXPECT_EQ(CreateWith(attributes), STATUS_INFO_LENGTH_MISMATCH);
@@ -221,9 +192,8 @@ bool FailureClears(const Create& create)
     return handle == nullptr;
 }
 
-TEST(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
+TEST_F(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
 {
-    FaultyDriverFixture fixture;
     WDF_OBJECT_ATTRIBUTES refused{};
     WDF_WORKITEM_CONFIG work;
     WDF_WORKITEM_CONFIG_INIT(&work, NoWork);
@@ -236,7 +206,7 @@ TEST(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
         for (const char* function : {"WdfCollectionCreate", "WdfWaitLockCreate", "WdfDriverOpenParametersRegistryKey",
                                      "WdfDeviceCreate", "WdfObjectCreate", "WdfWorkItemCreate", "WdfIoQueueCreate"}) {
             if (isInjected) {
-                fixture.machine.faults().Add({.function = function});
+                machine.faults().Add({.function = function});
             }
         }
         EXPECT_TRUE(FailureClears<WDFCOLLECTION>([&](auto* handle) { return WdfCollectionCreate(&refused, handle); }));
@@ -248,17 +218,16 @@ TEST(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
         EXPECT_FALSE(
             FailureClears<WDFWORKITEM>([&](auto* handle) { return WdfWorkItemCreate(&work, &refused, handle); }));
         EXPECT_FALSE(FailureClears<WDFQUEUE>(
-            [&](auto* handle) { return WdfIoQueueCreate(fixture.table.Device, &queue, &refused, handle); }));
+            [&](auto* handle) { return WdfIoQueueCreate(table.Device, &queue, &refused, handle); }));
     }
     // Its init structure exists only during device add, so here this one can only be made to fail.
     PWDFDEVICE_INIT init = nullptr;
     EXPECT_TRUE(FailureClears<WDFDEVICE>([&](auto* handle) { return WdfDeviceCreate(&init, &refused, handle); }));
-    fixture.machine.faults().Clear();
+    machine.faults().Clear();
 }
 
-TEST(Contexts, AreZeroFoundByTypeAndAttachedOnce)
+TEST_F(Contexts, AreZeroFoundByTypeAndAttachedOnce)
 {
-    FaultyDriverFixture fixture;
     const WDFOBJECT object = NewObject();
     EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(object), nullptr);
 
@@ -282,9 +251,8 @@ TEST(Contexts, AreZeroFoundByTypeAndAttachedOnce)
     WdfObjectDereference(object);
 }
 
-TEST(Collections, KeepDeletedItemsAndDuplicatesUntilTheyAreRemoved)
+TEST_F(Collections, KeepDeletedItemsAndDuplicatesUntilTheyAreRemoved)
 {
-    FaultyDriverFixture fixture;
     const WDFCOLLECTION collection = NewCollection();
     const WDFOBJECT first = NewObject();
     const WDFOBJECT second = NewObject();
@@ -298,14 +266,14 @@ TEST(Collections, KeepDeletedItemsAndDuplicatesUntilTheyAreRemoved)
     EXPECT_EQ(WdfCollectionGetLastItem(collection), first);
     EXPECT_EQ(WdfCollectionGetItem(collection, 2), nullptr);
     WdfCollectionRemoveItem(collection, 1);
-    EXPECT_FALSE(fixture.machine.inspect().Find(first).has_value());
+    EXPECT_FALSE(machine.inspect().Find(first).has_value());
 
     // A collection that is deleted and still referenced keeps its contents.
     WdfObjectReference(collection);
     WdfObjectDelete(collection);
     EXPECT_EQ(WdfCollectionGetFirstItem(collection), second);
     WdfObjectDereference(collection);
-    EXPECT_EQ(fixture.machine.inspect().Find(second)->references, 1);
+    EXPECT_EQ(machine.inspect().Find(second)->references, 1);
 }
 
 }  // namespace

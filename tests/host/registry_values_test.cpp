@@ -7,13 +7,15 @@
 namespace tests {
 namespace {
 
-// A counted string of a test's own.
+// A counted string of a test's own, as functions take it.
 struct Counted {
     explicit Counted(const std::string& narrow) : characters(narrow.begin(), narrow.end())
     {
         const auto bytes = static_cast<USHORT>(characters.size() * sizeof(WCHAR));
         text = {bytes, bytes, reinterpret_cast<PWCHAR>(characters.data())};
     }
+    operator PCUNICODE_STRING() const { return &text; }
+
     std::u16string characters;
     UNICODE_STRING text{};
 };
@@ -24,22 +26,28 @@ std::string TextIn(const UNICODE_STRING& text)
     return {characters, characters + text.Length / sizeof(WCHAR)};
 }
 
-class RegistryFixture : public FaultyDriverFixture {
-public:
-    RegistryFixture()
+WDFKEY OpenKey(ACCESS_MASK access)
+{
+    WDFKEY key = nullptr;
+    EXPECT_EQ(WdfDriverOpenParametersRegistryKey(WdfGetDriver(), access, nullptr, &key), STATUS_SUCCESS);
+    return key;
+}
+
+class RegistryValues : public FaultyDriverTest {
+protected:
+    RegistryValues()
     {
         machine.SetRegistryString("faulty", "Text", "hello");
         machine.SetRegistryValue("faulty", "Number", 7);
-        EXPECT_EQ(WdfDriverOpenParametersRegistryKey(driver.Handle(), KEY_READ | KEY_WRITE, nullptr, &key),
-                  STATUS_SUCCESS);
+        key = OpenKey(KEY_READ | KEY_WRITE);
         EXPECT_EQ(WdfStringCreate(nullptr, nullptr, &string), STATUS_SUCCESS);
     }
 
-    [[nodiscard]] UNICODE_STRING StringText() const
+    [[nodiscard]] std::string StringText() const
     {
-        UNICODE_STRING text{};
-        WdfStringGetUnicodeString(string, &text);
-        return text;
+        UNICODE_STRING counted{};
+        WdfStringGetUnicodeString(string, &counted);
+        return TextIn(counted);
     }
 
     WDFKEY key = nullptr;
@@ -47,14 +55,18 @@ public:
     const Counted text{"Text"};
     const Counted number{"Number"};
     const Counted missing{"Missing"};
+    ULONG bytes = 0;
+    ULONG type = 0;
 };
+class StringObjects : public FaultyDriverTest {};
 
-TEST(StringObjects, KeepACopyWithATerminator)
+constexpr GUID kSomeInterface = {0x0C52B1AE, 0x77A1, 0x4E0B, {0x9D, 0x31, 0x52, 0x0A, 0xC4, 0x18, 0x7F, 0x92}};
+
+TEST_F(StringObjects, KeepACopyWithATerminator)
 {
-    FaultyDriverFixture fixture;
     Counted source("name");
     WDFSTRING string = nullptr;
-    ASSERT_EQ(WdfStringCreate(&source.text, nullptr, &string), STATUS_SUCCESS);
+    ASSERT_EQ(WdfStringCreate(source, nullptr, &string), STATUS_SUCCESS);
     source.characters[0] = u'?';
     UNICODE_STRING text{};
     WdfStringGetUnicodeString(string, &text);
@@ -64,7 +76,7 @@ TEST(StringObjects, KeepACopyWithATerminator)
 
     Counted half("x");
     half.text.Length = 1;
-    EXPECT_EQ(WdfStringCreate(&half.text, nullptr, &string), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(WdfStringCreate(half, nullptr, &string), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(string, nullptr);
     ASSERT_EQ(WdfStringCreate(nullptr, nullptr, &string), STATUS_SUCCESS);
     WdfStringGetUnicodeString(string, &text);
@@ -73,10 +85,10 @@ TEST(StringObjects, KeepACopyWithATerminator)
 
     const host::ScopedIrql dispatch(DISPATCH_LEVEL);
     WdfStringGetUnicodeString(string, &text);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kIrql});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kIrql});
 }
 
-TEST(StringObjects, TellTheVersionOfTheFramework)
+TEST(DriversFramework, TellsItsVersion)
 {
     FaultyDriverFixture fixture({.frameworkMinor = 21});
     WDFSTRING string = nullptr;
@@ -105,89 +117,123 @@ TEST(StringObjects, TellTheVersionOfTheFramework)
     EXPECT_EQ(fixture.TakeRules(), (std::vector{Rule::kIrql, Rule::kIrql}));
 }
 
-TEST(RegistryValues, AreReadWholeOrNotAtAll)
+TEST_F(RegistryValues, AreReadWholeOrNotAtAll)
 {
-    RegistryFixture fixture;
     std::array<char, 12> buffer{};
-    ULONG bytes = 0;
-    ULONG type = 0;
-    EXPECT_EQ(WdfRegistryQueryValue(fixture.key, &fixture.text.text, 0, nullptr, &bytes, &type),
-              STATUS_BUFFER_OVERFLOW);
+    const auto query = [&](const Counted& name, ULONG room) {
+        return WdfRegistryQueryValue(key, name, room, room == 0 ? nullptr : buffer.data(), &bytes, &type);
+    };
+    EXPECT_EQ(query(text, 0), STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(bytes, 12u);
     EXPECT_EQ(type, REG_SZ);
-    EXPECT_EQ(WdfRegistryQueryValue(fixture.key, &fixture.text.text, 11, buffer.data(), &bytes, &type),
-              STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(query(text, 11), STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(buffer[0], 0);
-    EXPECT_EQ(WdfRegistryQueryValue(fixture.key, &fixture.text.text, 12, buffer.data(), nullptr, nullptr),
-              STATUS_SUCCESS);
+    EXPECT_EQ(WdfRegistryQueryValue(key, text, 12, buffer.data(), nullptr, nullptr), STATUS_SUCCESS);
     EXPECT_EQ(buffer[8], 'o');
-    EXPECT_EQ(WdfRegistryQueryValue(fixture.key, &fixture.missing.text, 12, buffer.data(), nullptr, nullptr),
-              STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(query(missing, 12), STATUS_OBJECT_NAME_NOT_FOUND);
 
     WDFMEMORY memory = nullptr;
     std::size_t memoryBytes = 0;
-    ASSERT_EQ(WdfRegistryQueryMemory(fixture.key, &fixture.number.text, PagedPool, nullptr, &memory, &type),
-              STATUS_SUCCESS);
-    ULONG number = 0;
-    std::memcpy(&number, WdfMemoryGetBuffer(memory, &memoryBytes), sizeof(number));
-    EXPECT_EQ(memoryBytes, sizeof(number));
-    EXPECT_EQ(number, 7u);
+    ASSERT_EQ(WdfRegistryQueryMemory(key, number, PagedPool, nullptr, &memory, &type), STATUS_SUCCESS);
+    ULONG value = 0;
+    std::memcpy(&value, WdfMemoryGetBuffer(memory, &memoryBytes), sizeof(value));
+    EXPECT_EQ(memoryBytes, sizeof(value));
+    EXPECT_EQ(value, 7u);
     EXPECT_EQ(type, REG_DWORD);
-    EXPECT_EQ(WdfRegistryQueryMemory(fixture.key, &fixture.missing.text, PagedPool, nullptr, &memory, &type),
-              STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(WdfRegistryQueryMemory(key, missing, PagedPool, nullptr, &memory, &type), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(memory, nullptr);
 }
 
-TEST(RegistryValues, OfTextLoseTheirTerminator)
+TEST_F(RegistryValues, OfTextLoseTheirTerminator)
 {
-    RegistryFixture fixture;
-    EXPECT_EQ(WdfRegistryQueryString(fixture.key, &fixture.text.text, fixture.string), STATUS_SUCCESS);
-    EXPECT_EQ(TextIn(fixture.StringText()), "hello");
-    EXPECT_EQ(WdfRegistryQueryString(fixture.key, &fixture.number.text, fixture.string), STATUS_OBJECT_TYPE_MISMATCH);
-    EXPECT_EQ(TextIn(fixture.StringText()), "hello");
+    EXPECT_EQ(WdfRegistryQueryString(key, text, string), STATUS_SUCCESS);
+    EXPECT_EQ(StringText(), "hello");
+    EXPECT_EQ(WdfRegistryQueryString(key, number, string), STATUS_OBJECT_TYPE_MISMATCH);
+    EXPECT_EQ(StringText(), "hello");
 
     Counted value("123456");  // as long as the value with its terminator
-    USHORT bytes = 0;
+    USHORT length = 0;
     value.text.Length = 0;
-    EXPECT_EQ(WdfRegistryQueryUnicodeString(fixture.key, &fixture.text.text, &bytes, &value.text), STATUS_SUCCESS);
-    EXPECT_EQ(bytes, 12);
+    EXPECT_EQ(WdfRegistryQueryUnicodeString(key, text, &length, &value.text), STATUS_SUCCESS);
+    EXPECT_EQ(length, 12);
     EXPECT_EQ(TextIn(value.text), "hello");
     value.text.MaximumLength = 10;
     value.text.Length = 0;
-    EXPECT_EQ(WdfRegistryQueryUnicodeString(fixture.key, &fixture.text.text, &bytes, &value.text),
-              STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(WdfRegistryQueryUnicodeString(key, text, &length, &value.text), STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(value.text.Length, 0);
-    EXPECT_EQ(WdfRegistryQueryUnicodeString(fixture.key, &fixture.number.text, &bytes, nullptr),
-              STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(bytes, 4);
-    EXPECT_EQ(WdfRegistryQueryUnicodeString(fixture.key, &fixture.number.text, nullptr, &value.text),
-              STATUS_OBJECT_TYPE_MISMATCH);
+    EXPECT_EQ(WdfRegistryQueryUnicodeString(key, number, &length, nullptr), STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(length, 4);
+    EXPECT_EQ(WdfRegistryQueryUnicodeString(key, number, nullptr, &value.text), STATUS_OBJECT_TYPE_MISMATCH);
 }
 
-TEST(RegistryValues, AreWrittenWithATerminatorWhereTheKeyAllows)
+TEST_F(RegistryValues, AreWrittenWithATerminator)
 {
-    RegistryFixture fixture;
-    const Counted value("new");
-    EXPECT_EQ(WdfRegistryAssignUnicodeString(fixture.key, &fixture.missing.text, &value.text), STATUS_SUCCESS);
-    EXPECT_EQ(WdfRegistryQueryString(fixture.key, &fixture.missing.text, fixture.string), STATUS_SUCCESS);
-    EXPECT_EQ(TextIn(fixture.StringText()), "new");
-    EXPECT_EQ(WdfRegistryAssignString(fixture.key, &fixture.number.text, fixture.string), STATUS_SUCCESS);
-    ULONG bytes = 0;
-    ULONG type = 0;
-    EXPECT_EQ(WdfRegistryQueryValue(fixture.key, &fixture.number.text, 0, nullptr, &bytes, &type),
-              STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(WdfRegistryAssignUnicodeString(key, missing, Counted("new")), STATUS_SUCCESS);
+    EXPECT_EQ(WdfRegistryQueryString(key, missing, string), STATUS_SUCCESS);
+    EXPECT_EQ(StringText(), "new");
+    EXPECT_EQ(WdfRegistryAssignString(key, number, string), STATUS_SUCCESS);
+    EXPECT_EQ(WdfRegistryQueryValue(key, number, 0, nullptr, &bytes, &type), STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(bytes, 8u);
     EXPECT_EQ(type, REG_SZ);
+}
 
-    for (const ACCESS_MASK access : {ACCESS_MASK{KEY_READ}, ACCESS_MASK{KEY_WRITE}}) {
-        const bool mayWrite = access == KEY_WRITE;
-        WDFKEY narrow = nullptr;
-        ASSERT_EQ(WdfDriverOpenParametersRegistryKey(fixture.driver.Handle(), access, nullptr, &narrow),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(WdfRegistryAssignString(narrow, &fixture.text.text, fixture.string),
-                  mayWrite ? STATUS_SUCCESS : STATUS_ACCESS_DENIED);
-        EXPECT_EQ(WdfRegistryQueryString(narrow, &fixture.text.text, fixture.string),
-                  mayWrite ? STATUS_ACCESS_DENIED : STATUS_SUCCESS);
+TEST_F(RegistryValues, AreReadAndWrittenWhereTheKeyAllows)
+{
+    ULONG value = 0;
+    for (const ACCESS_MASK access : {KEY_READ | KEY_WRITE, KEY_READ + 0, KEY_WRITE + 0}) {
+        SCOPED_TRACE(access);
+        const WDFKEY narrow = OpenKey(access);
+        const NTSTATUS write = (access & ~ACCESS_MASK{KEY_READ}) != 0 ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
+        const NTSTATUS read = (access & ~ACCESS_MASK{KEY_WRITE}) != 0 ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
+        EXPECT_EQ(WdfRegistryAssignULong(narrow, number, 7), write);
+        EXPECT_EQ(WdfRegistryQueryULong(narrow, number, &value), read);
+        EXPECT_EQ(WdfRegistryAssignString(narrow, text, string), write);
+        EXPECT_EQ(WdfRegistryQueryString(narrow, text, string), read);
+        WdfRegistryClose(narrow);
+    }
+}
+
+TEST_F(RegistryValues, OfNumbersHaveTheRightTypeAndKeysAreDeadWhenClosed)
+{
+    ULONG value = 0;
+    EXPECT_EQ(WdfRegistryQueryULong(key, Counted("nUMBER"), &value), STATUS_SUCCESS);
+    EXPECT_EQ(value, 7u);
+    EXPECT_EQ(WdfRegistryQueryULong(key, text, &value), STATUS_OBJECT_TYPE_MISMATCH);
+    EXPECT_EQ(WdfRegistryQueryULong(key, missing, &value), STATUS_OBJECT_NAME_NOT_FOUND);
+
+    // Data that do not fill the number are no error, data that exceed it are one.
+    constexpr std::byte kOne{1};
+    machine.SetRegistryData("faulty", "Short", host::kernel::kTypeDword, {kOne});
+    machine.SetRegistryData("faulty", "Long", host::kernel::kTypeDword, std::vector(8, kOne));
+    EXPECT_EQ(WdfRegistryQueryULong(key, Counted("Short"), &value), STATUS_SUCCESS);
+    EXPECT_EQ(value & 0xFF, 1u);
+    EXPECT_EQ(WdfRegistryQueryULong(key, Counted("Long"), &value), STATUS_BUFFER_OVERFLOW);
+
+    WdfRegistryClose(key);
+    WdfRegistryClose(key);
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadHandle});
+}
+
+TEST_F(StringObjects, AndOtherTextMustBeWholeCharactersWithinABuffer)
+{
+    WCHAR characters[] = u"Text";
+    WDFKEY key = nullptr;
+    // Nothing was ever written there.
+    EXPECT_EQ(WdfDriverOpenParametersRegistryKey(WdfGetDriver(), KEY_READ + 0, nullptr, &key),
+              STATUS_OBJECT_NAME_NOT_FOUND);
+    key = OpenKey(KEY_READ | KEY_WRITE);
+    ULONG number = 0;
+    const WDFDEVICE device = table.Device;
+    for (UNICODE_STRING malformed : {UNICODE_STRING{3, 8, characters}, UNICODE_STRING{2, 7, characters},
+                                     UNICODE_STRING{8, 4, characters}, UNICODE_STRING{2, 8, nullptr}}) {
+        SCOPED_TRACE(malformed.Length);
+        EXPECT_EQ(WdfRegistryQueryULong(key, &malformed, &number), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(WdfRegistryAssignULong(key, &malformed, 7), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(WdfDeviceCreateSymbolicLink(device, &malformed), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(WdfDeviceCreateDeviceInterface(device, &kSomeInterface, &malformed), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
+        WdfDeviceSetDeviceInterfaceState(device, &kSomeInterface, &malformed, FALSE);  // which can answer no status
+        EXPECT_EQ(TakeRules(), std::vector{Rule::kBadParameter});
     }
 }
 

@@ -12,12 +12,10 @@ constexpr std::uint32_t kBuffered = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_
 constexpr std::uint32_t kOutDirect = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x801, METHOD_OUT_DIRECT, FILE_ANY_ACCESS);
 constexpr std::uint32_t kNeither = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x802, METHOD_NEITHER, FILE_ANY_ACCESS);
 
-class RequestFixture : public FaultyDriverFixture {
-public:
-    RequestFixture() { EXPECT_EQ(driver.Open(file).status, STATUS_SUCCESS); }
-    ~RequestFixture() { driver.Close(file); }
-    RequestFixture(const RequestFixture&) = delete;
-    RequestFixture& operator=(const RequestFixture&) = delete;
+class RequestBuffers : public FaultyDriverTest {
+protected:
+    RequestBuffers() { EXPECT_EQ(driver.Open(file).status, STATUS_SUCCESS); }
+    ~RequestBuffers() override { driver.Close(file); }
 
     // Sends text; what comes back is in `output`.
     host::IoResult Send(std::uint32_t code, const std::string& text, std::size_t outputBytes,
@@ -46,10 +44,9 @@ void WriteOne(WDFREQUEST request, NTSTATUS status)
     WdfRequestCompleteWithInformation(request, status, 1);
 }
 
-TEST(RequestBuffers, OfTheBufferedMethodAreOne)
+TEST_F(RequestBuffers, OfTheBufferedMethodAreOne)
 {
-    RequestFixture fixture;
-    const host::IoResult result = fixture.Send(kBuffered, "ping", 8, [](WDFREQUEST request) NTAPI {
+    const host::IoResult result = Send(kBuffered, "ping", 8, [](WDFREQUEST request) NTAPI {
         WDF_REQUEST_PARAMETERS parameters;
         WDF_REQUEST_PARAMETERS_INIT(&parameters);
         WdfRequestGetParameters(request, &parameters);
@@ -71,21 +68,20 @@ TEST(RequestBuffers, OfTheBufferedMethodAreOne)
         WdfRequestComplete(request, STATUS_SUCCESS);
     });
     EXPECT_EQ(result.information, 5u);
-    EXPECT_EQ(fixture.output, "pong!---");
+    EXPECT_EQ(output, "pong!---");
 
     // Data comes back with a warning, and not with an error.
-    fixture.Send(kBuffered, "", 1, [](WDFREQUEST request) NTAPI { WriteOne(request, STATUS_BUFFER_OVERFLOW); });
-    EXPECT_EQ(fixture.output, "x");
-    fixture.output.clear();
-    fixture.Send(kBuffered, "", 1, [](WDFREQUEST request) NTAPI { WriteOne(request, STATUS_BUFFER_TOO_SMALL); });
-    EXPECT_EQ(fixture.output, "-");
+    Send(kBuffered, "", 1, [](WDFREQUEST request) NTAPI { WriteOne(request, STATUS_BUFFER_OVERFLOW); });
+    EXPECT_EQ(output, "x");
+    output.clear();
+    Send(kBuffered, "", 1, [](WDFREQUEST request) NTAPI { WriteOne(request, STATUS_BUFFER_TOO_SMALL); });
+    EXPECT_EQ(output, "-");
 }
 
-TEST(RequestBuffers, AreRefusedWhereTheyAreTooSmall)
+TEST_F(RequestBuffers, AreRefusedWhereTheyAreTooSmall)
 {
     static PVOID buffer;
-    RequestFixture fixture;
-    fixture.Send(kBuffered, "ping", 0, [](WDFREQUEST request) NTAPI {
+    Send(kBuffered, "ping", 0, [](WDFREQUEST request) NTAPI {
         std::size_t bytes = 77;
         buffer = &bytes;
         EXPECT_EQ(WdfRequestRetrieveInputBuffer(request, 5, &buffer, &bytes), STATUS_BUFFER_TOO_SMALL);
@@ -96,19 +92,18 @@ TEST(RequestBuffers, AreRefusedWhereTheyAreTooSmall)
         EXPECT_EQ(WdfRequestRetrieveOutputMemory(request, &memory), STATUS_BUFFER_TOO_SMALL);
         WdfRequestComplete(request, STATUS_SUCCESS);
     });
-    fixture.Send(kNeither, "ping", 4, [](WDFREQUEST request) NTAPI {
+    Send(kNeither, "ping", 4, [](WDFREQUEST request) NTAPI {
         EXPECT_EQ(WdfRequestRetrieveInputBuffer(request, 0, &buffer, nullptr), STATUS_INVALID_DEVICE_REQUEST);
         EXPECT_EQ(WdfRequestRetrieveOutputBuffer(request, 0, &buffer, nullptr), STATUS_INVALID_DEVICE_REQUEST);
         WdfRequestComplete(request, STATUS_SUCCESS);
     });
-    EXPECT_EQ(fixture.output, "----");
+    EXPECT_EQ(output, "----");
 }
 
-TEST(RequestBuffers, AreMemoryObjectsUntilTheRequestIsCompleted)
+TEST_F(RequestBuffers, AreMemoryObjectsUntilTheRequestIsCompleted)
 {
     static WDFMEMORY memory;
-    RequestFixture fixture;
-    fixture.Send(kBuffered, "ping", 4, [](WDFREQUEST request) NTAPI {
+    Send(kBuffered, "ping", 4, [](WDFREQUEST request) NTAPI {
         WDFMEMORY again = nullptr;
         EXPECT_EQ(WdfRequestRetrieveInputMemory(request, &memory), STATUS_SUCCESS);
         EXPECT_EQ(WdfRequestRetrieveInputMemory(request, &again), STATUS_SUCCESS);
@@ -122,16 +117,15 @@ TEST(RequestBuffers, AreMemoryObjectsUntilTheRequestIsCompleted)
         EXPECT_EQ(WdfMemoryCopyFromBuffer(output, 2, copy.data(), 2), STATUS_SUCCESS);
         WdfRequestCompleteWithInformation(request, STATUS_SUCCESS, 4);
     });
-    EXPECT_EQ(fixture.output, "pipi");
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+    EXPECT_EQ(output, "pipi");
+    EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
     EXPECT_EQ(WdfMemoryGetBuffer(memory, nullptr), nullptr);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadHandle});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadHandle});
 }
 
-TEST(RequestBuffers, OfTheDirectMethodAreTheSendersOwn)
+TEST_F(RequestBuffers, OfTheDirectMethodAreTheSendersOwn)
 {
-    RequestFixture fixture;
-    fixture.Send(kOutDirect, "ping", 6, [](WDFREQUEST request) NTAPI {
+    Send(kOutDirect, "ping", 6, [](WDFREQUEST request) NTAPI {
         PVOID input = nullptr;
         PVOID output = nullptr;
         std::size_t bytes = 0;
@@ -145,33 +139,32 @@ TEST(RequestBuffers, OfTheDirectMethodAreTheSendersOwn)
         EXPECT_EQ(WdfMemoryCopyFromBuffer(memory, 0, output, 4), STATUS_ACCESS_VIOLATION);
         WdfRequestComplete(request, STATUS_UNSUCCESSFUL);  // it is written all the same
     });
-    EXPECT_EQ(fixture.output, "ping--");
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kBadParameter});
+    EXPECT_EQ(output, "ping--");
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kBadParameter});
 }
 
-TEST(RequestBuffers, ShowWhatMayNotBeDoneWithThem)
+TEST_F(RequestBuffers, ShowWhatMayNotBeDoneWithThem)
 {
     static WDFREQUEST kept;
     static PVOID buffer;
-    RequestFixture fixture;
-    fixture.Send(kBuffered, "ping", 0, [](WDFREQUEST request) NTAPI {
+    Send(kBuffered, "ping", 0, [](WDFREQUEST request) NTAPI {
         WdfObjectReference(kept = request);
         WdfRequestComplete(request, STATUS_SUCCESS);
     });
     EXPECT_EQ(WdfRequestRetrieveInputBuffer(kept, 0, &buffer, nullptr), STATUS_INTERNAL_ERROR);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadHandle});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadHandle});
     WdfObjectDereference(kept);
 
-    fixture.table.Hooks->FileCreate = [](WDFREQUEST request, WDFFILEOBJECT file) NTAPI {
+    table.Hooks->FileCreate = [](WDFREQUEST request, WDFFILEOBJECT file) NTAPI {
         EXPECT_EQ(WdfRequestRetrieveInputBuffer(request, 0, &buffer, nullptr), STATUS_INVALID_DEVICE_REQUEST);
         EXPECT_NE(WdfFileObjectGetDevice(file), nullptr);
         WdfRequestComplete(request, STATUS_ACCESS_DENIED);
     };
     host::FileId second = 0;
-    EXPECT_EQ(fixture.driver.Open(second).status, STATUS_ACCESS_DENIED);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kBadParameter});
+    EXPECT_EQ(driver.Open(second).status, STATUS_ACCESS_DENIED);
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kBadParameter});
 
-    fixture.Send(kBuffered, "ping", 0, [](WDFREQUEST request) NTAPI {
+    Send(kBuffered, "ping", 0, [](WDFREQUEST request) NTAPI {
         WDF_REQUEST_PARAMETERS parameters{};  // not initialised
         WdfRequestGetParameters(request, &parameters);
         if (!kSanitized) {  // which finds it before the host does
@@ -184,7 +177,7 @@ TEST(RequestBuffers, ShowWhatMayNotBeDoneWithThem)
     if (!kSanitized) {
         expected.push_back(Rule::kPoolCorrupted);
     }
-    EXPECT_EQ(fixture.TakeRules(), expected) << fixture.Text();
+    EXPECT_EQ(TakeRules(), expected) << Text();
 }
 
 }  // namespace

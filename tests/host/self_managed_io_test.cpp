@@ -34,22 +34,17 @@ void NTAPI SetAllCallbacks(PWDFDEVICE_INIT init)
     WdfDeviceInitSetPnpPowerEventCallbacks(init, &power);
 }
 
-class CallsFixture : public FaultyDriverFixture {
-public:
-    CallsFixture()
+class SelfManagedIo : public FaultyDriverTest {
+protected:
+    SelfManagedIo()
     {
-        TakeDevice();
+        EndDevice();
         table.Hooks->Init = SetAllCallbacks;
         g_failing.clear();
         EXPECT_EQ(driver.AddDevice(), STATUS_SUCCESS);
         g_calls.clear();
     }
 
-    void TakeDevice()
-    {
-        driver.SurpriseRemoveDevice();
-        EXPECT_FALSE(driver.RemoveDevice().parked);
-    }
     std::string TakeCalls()
     {
         std::string text;
@@ -60,54 +55,53 @@ public:
     }
 };
 
-TEST(SelfManagedIo, FollowsThePowerOfTheDevice)
+TEST_F(SelfManagedIo, FollowsThePowerOfTheDevice)
 {
-    CallsFixture fixture;
-    EXPECT_EQ(fixture.driver.StartDevice(), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.TakeCalls(), "entry, enabled, init");
-    EXPECT_EQ(fixture.driver.Sleep(), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.TakeCalls(), "suspend, disabled, exit");
-    EXPECT_EQ(fixture.driver.Wake(), STATUS_SUCCESS);
-    EXPECT_EQ(fixture.TakeCalls(), "entry, enabled, restart");
-    fixture.driver.SurpriseRemoveDevice();
-    EXPECT_EQ(fixture.TakeCalls(), "suspend, disabled, exit, release, flush");
-    EXPECT_FALSE(fixture.driver.RemoveDevice().parked);
-    EXPECT_EQ(fixture.TakeCalls(), "cleanup");
+    EXPECT_EQ(driver.StartDevice(), STATUS_SUCCESS);
+    EXPECT_EQ(TakeCalls(), "entry, enabled, init");
+    EXPECT_EQ(driver.Sleep(), STATUS_SUCCESS);
+    EXPECT_EQ(TakeCalls(), "suspend, disabled, exit");
+    EXPECT_EQ(driver.Wake(), STATUS_SUCCESS);
+    EXPECT_EQ(TakeCalls(), "entry, enabled, restart");
+    driver.SurpriseRemoveDevice();
+    EXPECT_EQ(TakeCalls(), "suspend, disabled, exit, release, flush");
+    EXPECT_FALSE(driver.RemoveDevice().parked);
+    EXPECT_EQ(TakeCalls(), "cleanup");
 }
 
-TEST(SelfManagedIo, ThatDoesNotStartFailsTheStart)
+TEST_F(SelfManagedIo, ThatDoesNotStartFailsTheStart)
 {
-    CallsFixture fixture;
     g_failing = "init";
-    EXPECT_EQ(fixture.driver.StartDevice(), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(fixture.TakeCalls(), "entry, enabled, init, exit, release, flush");
-    EXPECT_FALSE(fixture.driver.RemoveDevice().parked);
-    EXPECT_EQ(fixture.TakeCalls(), "cleanup");
+    EXPECT_EQ(driver.StartDevice(), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(TakeCalls(), "entry, enabled, init, exit, release, flush");
+    EXPECT_FALSE(driver.RemoveDevice().parked);
+    EXPECT_EQ(TakeCalls(), "cleanup");
 
-    EXPECT_EQ(fixture.driver.AddDevice(), STATUS_SUCCESS);
+    EXPECT_EQ(driver.AddDevice(), STATUS_SUCCESS);
     g_failing = "enabled";
-    EXPECT_EQ(fixture.driver.StartDevice(), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(fixture.TakeCalls(), "entry, enabled, exit, release");
-    EXPECT_FALSE(fixture.driver.RemoveDevice().parked);
-    EXPECT_EQ(fixture.TakeCalls(), "");  // it was never initialised
+    EXPECT_EQ(driver.StartDevice(), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(TakeCalls(), "entry, enabled, exit, release");
+    EXPECT_FALSE(driver.RemoveDevice().parked);
+    EXPECT_EQ(TakeCalls(), "");  // it was never initialised
 }
 
-TEST(DeviceQueries, AreForTheDriverToRefuse)
+using DeviceQueries = SelfManagedIo;
+
+TEST_F(DeviceQueries, AreForTheDriverToRefuse)
 {
-    CallsFixture fixture;
-    EXPECT_EQ(fixture.driver.StartDevice(), STATUS_SUCCESS);
+    EXPECT_EQ(driver.StartDevice(), STATUS_SUCCESS);
     g_calls.clear();
-    EXPECT_EQ(fixture.driver.QueryStopDevice(), STATUS_SUCCESS);
+    EXPECT_EQ(driver.QueryStopDevice(), STATUS_SUCCESS);
     g_failing = "query stop";
-    EXPECT_EQ(fixture.driver.QueryStopDevice(), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(fixture.driver.QueryRemoveDevice(), STATUS_SUCCESS);
+    EXPECT_EQ(driver.QueryStopDevice(), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(driver.QueryRemoveDevice(), STATUS_SUCCESS);
     g_failing = "query remove";
-    EXPECT_EQ(fixture.driver.QueryRemoveDevice(), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(fixture.TakeCalls(), "query stop, query stop, query remove, query remove");
-    WdfDeviceSetStaticStopRemove(fixture.driver.Device(), FALSE);
-    EXPECT_EQ(fixture.driver.QueryStopDevice(), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(fixture.driver.QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(fixture.TakeCalls(), "");  // refused before the driver is asked
+    EXPECT_EQ(driver.QueryRemoveDevice(), STATUS_IO_DEVICE_ERROR);
+    EXPECT_EQ(TakeCalls(), "query stop, query stop, query remove, query remove");
+    WdfDeviceSetStaticStopRemove(driver.Device(), FALSE);
+    EXPECT_EQ(driver.QueryStopDevice(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(driver.QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(TakeCalls(), "");  // refused before the driver is asked
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 namespace tests {
 namespace {
 
+class SpinLocks : public FaultyDriverTest {};
+
 WDFSPINLOCK NewSpinLock()
 {
     WDFSPINLOCK lock = nullptr;
@@ -11,73 +13,62 @@ WDFSPINLOCK NewSpinLock()
     return lock;
 }
 
-TEST(SpinLocks, HolderRunsAtDispatchLevelUntilItsRelease)
+TEST_F(SpinLocks, HolderRunsAtDispatchLevelUntilItsRelease)
 {
-    FaultyDriverFixture fixture;
     const WDFSPINLOCK outer = NewSpinLock();
     const WDFSPINLOCK inner = NewSpinLock();
     const WDFWAITLOCK passive = NewLock();
     WdfSpinLockAcquire(outer);
     WdfSpinLockAcquire(inner);
     WdfSpinLockRelease(inner);
-    EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+    EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
     EXPECT_EQ(WdfWaitLockAcquire(passive, nullptr), STATUS_INVALID_DEVICE_REQUEST);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kIrql});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kIrql});
     WdfSpinLockRelease(outer);
     EXPECT_EQ(WdfWaitLockAcquire(passive, nullptr), STATUS_SUCCESS);
     WdfWaitLockRelease(passive);
 }
 
-TEST(SpinLocks, LetOneThreadInAtATime)
+TEST_F(SpinLocks, LetOneThreadInAtATime)
 {
-    FaultyDriverFixture fixture;
     const WDFSPINLOCK lock = NewSpinLock();
     WdfSpinLockAcquire(lock);
-    const host::Outcome outcome = fixture.machine.OnThread("other", [&] { WdfSpinLockAcquire(lock); });
-    EXPECT_TRUE(outcome.parked);
-    EXPECT_NE(outcome.reason.find("waits for spin lock #1, held by main"), std::string::npos) << outcome.reason;
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});  // we wait for it, and it for us
+    EXPECT_TRUE(Has(Park("other", [&] { WdfSpinLockAcquire(lock); }), "waits for spin lock #1, held by main"));
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadlock});  // we wait for it, and it for us
     WdfSpinLockRelease(lock);
 }
 
-TEST(SpinLocks, TakenTwiceByOneThreadParkIt)
+TEST_F(SpinLocks, TakenTwiceByOneThreadParkIt)
 {
-    FaultyDriverFixture fixture;
     const WDFSPINLOCK lock = NewSpinLock();
-    const host::Outcome outcome = fixture.machine.OnThread("peer", [&] {
-        WdfSpinLockAcquire(lock);
-        WdfSpinLockAcquire(lock);
-    });
-    EXPECT_TRUE(outcome.parked);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kSelfWait});
+    Park("peer", [&] { WdfSpinLockAcquire(lock), WdfSpinLockAcquire(lock); });
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kSelfWait});
 }
 
-TEST(SpinLocks, AreReleasedByTheirHolderAlone)
+TEST_F(SpinLocks, AreReleasedByTheirHolderAlone)
 {
-    FaultyDriverFixture fixture;
     const WDFSPINLOCK lock = NewSpinLock();
     WdfSpinLockRelease(lock);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kLockNotOwned});
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kLockNotOwned});
     WdfSpinLockAcquire(lock);
-    fixture.OnThread("other", [&] { WdfSpinLockRelease(lock); });
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kLockNotOwned});
-    EXPECT_TRUE(fixture.machine.inspect().Find(lock)->held);
+    OnThread("other", [&] { WdfSpinLockRelease(lock); });
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kLockNotOwned});
+    EXPECT_TRUE(machine.inspect().Find(lock)->held);
     WdfSpinLockRelease(lock);
-    EXPECT_FALSE(fixture.machine.inspect().Find(lock)->held);
+    EXPECT_FALSE(machine.inspect().Find(lock)->held);
 }
 
-TEST(SpinLocks, ThatACallbackKeptParkTheirNextTaker)
+TEST_F(SpinLocks, ThatACallbackKeptParkTheirNextTaker)
 {
     static WDFSPINLOCK lock;
-    FaultyDriverFixture fixture;
     lock = NewSpinLock();
-    fixture.table.Hooks->Work = [](WDFWORKITEM) NTAPI { WdfSpinLockAcquire(lock); };
-    WdfWorkItemEnqueue(fixture.table.WorkItem);
-    EXPECT_TRUE(fixture.machine.RunWorkItems().parked.empty());
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kLockKept});
-    EXPECT_NE(fixture.Text().find("it returned holding spin lock #1"), std::string::npos) << fixture.Text();
-    EXPECT_TRUE(fixture.machine.OnThread("next", [&] { WdfSpinLockAcquire(lock); }).parked);
-    EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kDeadlock});
+    table.Hooks->Work = [](WDFWORKITEM) NTAPI { WdfSpinLockAcquire(lock); };
+    WdfWorkItemEnqueue(table.WorkItem);
+    EXPECT_TRUE(machine.RunWorkItems().parked.empty());
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kLockKept});
+    EXPECT_TRUE(Has(Text(), "it returned holding spin lock #1"));
+    Park("next", [&] { WdfSpinLockAcquire(lock); });
+    EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadlock});
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The text routines that know their room: cut text ends, and says that it was
-// cut.
+// The text routines that know their room: cut text ends, and says that it was cut.
 #include <ntstrsafe.h>
 
 #include <gtest/gtest.h>
@@ -25,9 +24,7 @@ TEST(StringsWithRoom, AreCutWhereTheRoomEnds)
     EXPECT_EQ(RtlStringCchCopyA(text, 6, "12345"), STATUS_SUCCESS);
     EXPECT_STREQ(text, "12345");
     EXPECT_EQ(RtlStringCchCopyA(text, 4, "abcd"), STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(std::string(text, 5), std::string("abc\0"
-                                                "5",
-                                                5));
+    EXPECT_EQ(std::string(text, 5), std::string({'a', 'b', 'c', 0, '5'}));
     EXPECT_EQ(RtlStringCchCatA(text, 6, "de"), STATUS_SUCCESS);
     EXPECT_EQ(RtlStringCchCatA(text, 6, "f"), STATUS_BUFFER_OVERFLOW);
     EXPECT_STREQ(text, "abcde");
@@ -36,8 +33,7 @@ TEST(StringsWithRoom, AreCutWhereTheRoomEnds)
     EXPECT_STREQ(text, "xya");
     EXPECT_EQ(RtlStringCchCopyA(text, 0, "1"), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(RtlStringCchCopyA(text, NTSTRSAFE_MAX_CCH + 1ULL, "1"), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(RtlStringCchCatA(text, 3, "1"),
-              STATUS_INVALID_PARAMETER);  // it does not end within
+    EXPECT_EQ(RtlStringCchCatA(text, 3, "1"), STATUS_INVALID_PARAMETER);  // it does not end within
     EXPECT_STREQ(text, "xya");
 
     WCHAR wide[6];  // sizes in bytes

@@ -29,17 +29,20 @@ struct Breach {
     const char* origin = nullptr;    // part of what is said of an earlier call
 };
 
+// Of each kind of row.
+template <class Row>
+    requires requires(const Row& row) { row.name; }
+void PrintTo(const Row& row, std::ostream* stream)
+{
+    *stream << row.name;
+}
+
 constexpr const char* kWorker = "system worker";
 
 template <class Row>
 std::string NameOf(const testing::TestParamInfo<Row>& info)
 {
     return info.param.name;
-}
-
-void PrintTo(const Breach& breach, std::ostream* stream)
-{
-    *stream << breach.name;
 }
 
 class Breaches : public testing::TestWithParam<Breach> {};
@@ -53,14 +56,14 @@ TEST_P(Breaches, AreReportedWithPlaceAndSubject)
     FaultyDriverFixture fixture({.guardPages = breach.guardPages});
     const host::Outcome outcome = fixture.machine.OnThread("peer", [&] {
         const host::ScopedIrql level(breach.rule == Rule::kIrql ? DISPATCH_LEVEL : PASSIVE_LEVEL);
-        fixture.Run(breach.scenario != nullptr ? breach.scenario : breach.name);
+        fixture.Call(breach.scenario != nullptr ? breach.scenario : breach.name);
     });
     EXPECT_TRUE(fixture.machine.RunWorkItems().parked.empty());
 
     const Violation violation = fixture.TakeFaulty(breach.rule, breach.name, breach.count);
     EXPECT_EQ(violation.function, breach.function);
     EXPECT_EQ(violation.thread, breach.thread);
-    EXPECT_NE(violation.message.find(breach.message), std::string::npos) << violation.message;
+    EXPECT_TRUE(Has(violation.message, breach.message));
     if (breach.origin != nullptr) {
         EXPECT_TRUE(std::regex_search(violation.FullText(), std::regex(breach.origin))) << violation.FullText();
     }
@@ -122,22 +125,17 @@ struct Leftover {
     const char* origin;  // what is said of the call that made it, below the text
 };
 
-void PrintTo(const Leftover& leftover, std::ostream* stream)
-{
-    *stream << leftover.name;
-}
-
 class Leftovers : public testing::TestWithParam<Leftover> {};
 
 TEST_P(Leftovers, AreReportedAtUnload)
 {
     FaultyDriverFixture fixture;
-    fixture.OnThread("peer", [&] { fixture.Run(GetParam().name); });
+    fixture.OnThread("peer", [&] { fixture.Call(GetParam().name); });
     ASSERT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 
     fixture.TakeDown();
     const Violation violation = fixture.TakeFaulty(GetParam().rule, GetParam().name);
-    EXPECT_NE(violation.message.find(GetParam().message), std::string::npos) << violation.message;
+    EXPECT_TRUE(Has(violation.message, GetParam().message));
     EXPECT_TRUE(std::regex_search(violation.FullText(),
                                   std::regex(std::string(" at unload: .*\n  ") + GetParam().origin +
                                              " by .*faulty.so!" + GetParam().name + " \\(scenarios.cpp:[0-9]+\\)")))
@@ -160,11 +158,6 @@ struct Fault {
     const char* below = "";  // what follows the path
 };
 
-void PrintTo(const Fault& fault, std::ostream* stream)
-{
-    *stream << fault.name;
-}
-
 class MemoryFaults : public testing::TestWithParam<Fault> {};
 
 TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
@@ -172,11 +165,10 @@ TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
     if (kSanitized) {
         GTEST_SKIP() << "the sanitizer itself reports the access";
     }
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(
         {
             FaultyDriverFixture fixture;
-            fixture.machine.OnThread("peer", [&] { fixture.Run(GetParam().name); });
+            fixture.machine.OnThread("peer", [&] { fixture.Call(GetParam().name); });
         },
         testing::ExitedWithCode(4),
         std::string("memory fault at faulty.so!") + GetParam().name + ".*" + GetParam().message +
@@ -202,11 +194,10 @@ TEST(MemoryFaults, ASanitizersReportNamesTheDriversLine)
     if (!kSanitized) {
         GTEST_SKIP() << "only under address sanitizer";
     }
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_DEATH(
         {
             FaultyDriverFixture fixture;
-            fixture.Run("TouchesFreedContext");
+            fixture.Call("TouchesFreedContext");
         },
         "#0 0x[0-9a-f]+ in .*TouchesFreedContext.*scenarios\\.cpp:[0-9]+");
 }
@@ -223,7 +214,6 @@ TEST(MemoryFaults, PrintCrashContexts)
     if (kSanitized) {
         GTEST_SKIP() << "the sanitizer decides how the process ends";
     }
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     const auto end = [](const std::function<void()>& work) {
         FaultyDriverFixture fixture;
         const CrashContext outer([] { return "outer"; });

@@ -3,7 +3,6 @@
 // process ends by itself, with another status, only after a time that no machine is slow enough to need.
 #include "host/checks/crash.h"
 #include "host/checks/watchdog.h"
-#include "tests/kit/death.h"
 
 #include <gtest/gtest.h>
 
@@ -88,24 +87,19 @@ void WaitForAChildThatWorks()
     _exit(0);
 }
 
-class Watchdogs : public testing::Test {
-protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, kDeathTestStyle); }
-};
-
-TEST_F(Watchdogs, EndAProcessThatWorksWithoutProgressAndSayWhatItWasDoing)
+TEST(Watchdogs, EndAProcessThatWorksWithoutProgressAndSayWhatItWasDoing)
 {
     EXPECT_EXIT(EndAfter([] { Work(kWithoutEnd, DoNothing); }), testing::KilledBySignal(SIGALRM),
                 "no progress: it uses the processor for 0[.][28] s\nthe seventh sequence\n");
 }
 
-TEST_F(Watchdogs, EndAProcessThatWaitsForWhatNeverComesAndSayWhatItWasDoing)
+TEST(Watchdogs, EndAProcessThatWaitsForWhatNeverComesAndSayWhatItWasDoing)
 {
     EXPECT_EXIT(EndAfter([] { Wait(kWithoutEnd, DoNothing); }), testing::KilledBySignal(SIGALRM),
                 "no progress: it waits for 0[.][28] s\nthe seventh sequence\n");
 }
 
-TEST_F(Watchdogs, EndAProcessWhoseProgressStops)
+TEST(Watchdogs, EndAProcessWhoseProgressStops)
 {
     EXPECT_EXIT(EndAfter([] {
                     Work(kSeveralLimits, &Watchdog::Progress);
@@ -120,7 +114,7 @@ TEST_F(Watchdogs, EndAProcessWhoseProgressStops)
                 testing::KilledBySignal(SIGALRM), "it waits");
 }
 
-TEST_F(Watchdogs, LeaveAProcessThatMakesProgress)
+TEST(Watchdogs, LeaveAProcessThatMakesProgress)
 {
     EXPECT_EXIT(EndAfter([] { Work(kSeveralLimits, &Watchdog::Progress); }), testing::ExitedWithCode(0), "^$");
     EXPECT_EXIT(EndAfter([] { Wait(kSeveralLimits, &Watchdog::Progress); }), testing::ExitedWithCode(0), "^$");
@@ -129,12 +123,12 @@ TEST_F(Watchdogs, LeaveAProcessThatMakesProgress)
 }
 
 // However long that takes: the child has a watchdog of its own, or ends by itself.
-TEST_F(Watchdogs, LeaveAProcessThatWaitsForItsChild)
+TEST(Watchdogs, LeaveAProcessThatWaitsForItsChild)
 {
     EXPECT_EXIT(EndAfter(WaitForAChildThatWorks), testing::ExitedWithCode(0), "^$");
 }
 
-TEST_F(Watchdogs, LeaveAProcessAfterTheirDestruction)
+TEST(Watchdogs, LeaveAProcessAfterTheirDestruction)
 {
     EXPECT_EXIT(
         {
