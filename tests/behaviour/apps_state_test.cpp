@@ -6,57 +6,55 @@ namespace {
 
 using host::checks::Rule;
 
-class AppsState : public OnContainer {};
+class AppsState : public OnDriver {};
 FOR_ALL_CONTAINERS(AppsState);
 
 constexpr std::uintptr_t kStateLock = PO_CB_SYSTEM_STATE_LOCK;
 
 TEST_P(AppsState, OnlyLeavingTheWorkingStateDoesAnything)
 {
-    DriverFixture fixture(GetParam());
-    Peer& peer = fixture.Join(Peer(1).WantsAppsState());
-    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 100);
+    Peer& peer = Join(Peer(1).WantsAppsState());
+    machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 100);
     for (const std::uintptr_t kind : {0u, 1u, 2u, 4u}) {
-        (void)fixture.TakeRecords();
-        fixture.machine.NotifyPowerState(kind, 0);
-        EXPECT_EQ(fixture.TakeRecords(), Lines{});
+        (void)TakeRecords();
+        machine.NotifyPowerState(kind, 0);
+        EXPECT_EQ(TakeRecords(), Lines{});
     }
-    fixture.machine.NotifyPowerState(kStateLock, 1);
-    EXPECT_EQ(fixture.TakeRecords(),
+    machine.NotifyPowerState(kStateLock, 1);
+    EXPECT_EQ(TakeRecords(),
               (Lines{"M199 EvtPowerStateCallback", "M201 EvtPowerStateCallback", "M202 EvtPowerStateCallback"}));
-    fixture.machine.NotifyPowerState(kStateLock, 2);
+    machine.NotifyPowerState(kStateLock, 2);
     EXPECT_EQ(peer.appsStateCalls, 0u);
-    EXPECT_TRUE(fixture.machine.Delays().empty());
+    EXPECT_TRUE(machine.Delays().empty());
     // The second argument counts as 32 bits.
-    fixture.machine.NotifyPowerState(kStateLock, std::uintptr_t{1} << 32);
+    machine.NotifyPowerState(kStateLock, std::uintptr_t{1} << 32);
     EXPECT_EQ(peer.appsStateCalls, 1u);
-    EXPECT_EQ(fixture.machine.Delays().size(), 1u);
+    EXPECT_EQ(machine.Delays().size(), 1u);
     // Other kinds may come at DISPATCH_LEVEL and must be turned away at once.
     const host::ScopedIrql irql(DISPATCH_LEVEL);
-    fixture.machine.NotifyPowerState(1, 0);
+    machine.NotifyPowerState(1, 0);
 }
 
 TEST_P(AppsState, WaitIsReadAnewEachTimeAndIsInMilliseconds)
 {
-    DriverFixture fixture(GetParam());
     const auto wait = [&] {
-        const auto before = fixture.machine.Delays().size();
-        fixture.machine.NotifyPowerState(kStateLock, 0);
-        const auto delays = fixture.machine.Delays();
+        const auto before = machine.Delays().size();
+        machine.NotifyPowerState(kStateLock, 0);
+        const auto delays = machine.Delays();
         return delays.size() == before ? std::int64_t{0} : delays.back();
     };
     EXPECT_EQ(wait(), 0);
-    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
+    machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 250);
     EXPECT_EQ(wait(), -2500000);
-    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 0xFFFFFFFF);
+    machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 0xFFFFFFFF);
     EXPECT_EQ(wait(), -42949672950000);
-    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 0);
+    machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 0);
     EXPECT_EQ(wait(), 0);
-    (void)fixture.TakeReports();
-    fixture.machine.SetRegistryString(kService, "SubsystemNotificationTimeout", "250");
+    (void)TakeReports();
+    machine.SetRegistryString(kService, "SubsystemNotificationTimeout", "250");
     EXPECT_EQ(wait(), 0);
-    EXPECT_EQ(fixture.TakeReports(), (Lines{"13 ZEPReadRegistry: WdfRegistryQueryULong returned NULL?!"}));
-    EXPECT_TRUE(fixture.machine.inspect().Objects(host::framework::ObjectType::kKey).empty()) << "the key is closed";
+    EXPECT_EQ(TakeReports(), (Lines{"13 ZEPReadRegistry: WdfRegistryQueryULong returned NULL?!"}));
+    EXPECT_TRUE(machine.inspect().Objects(host::framework::ObjectType::kKey).empty()) << "the key is closed";
 }
 
 struct Handle {
@@ -81,15 +79,14 @@ struct Handle {
 
 TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
 {
-    DriverFixture fixture(GetParam());
-    Peer& peer = fixture.Join(Peer(1).WantsAppsState());
-    Handle handle(fixture);
+    Peer& peer = Join(Peer(1).WantsAppsState());
+    Handle handle(*this);
     EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS);
     EXPECT_EQ(peer.appsStateCalls, 1u);
     for (const std::uint32_t code : {0u, 0x01002140u, 0x01002148u, 0x01002145u}) {
-        (void)fixture.TakeRecords();
+        (void)TakeRecords();
         EXPECT_EQ(handle.Control(code), STATUS_NOT_SUPPORTED);
-        EXPECT_EQ(fixture.TakeRecords(), (Lines{"M208 NotifierEvtIoDeviceControl", "E64 NotifierEvtIoDeviceControl",
+        EXPECT_EQ(TakeRecords(), (Lines{"M208 NotifierEvtIoDeviceControl", "E64 NotifierEvtIoDeviceControl",
                                               "M209 NotifierEvtIoDeviceControl"}));
     }
     EXPECT_EQ(peer.appsStateCalls, 1u);
@@ -97,14 +94,13 @@ TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
 
 TEST_P(AppsState, HandlesWorkInEveryDeviceState)
 {
-    DriverFixture fixture(GetParam());
-    Peer& peer = fixture.Join(Peer(1).WantsAppsState());
+    Peer& peer = Join(Peer(1).WantsAppsState());
     {
-        Handle handle(fixture);
-        EXPECT_EQ(fixture.driver->Sleep(), STATUS_SUCCESS);
+        Handle handle(*this);
+        EXPECT_EQ(driver->Sleep(), STATUS_SUCCESS);
         EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.driver->Wake(), STATUS_SUCCESS);
-        fixture.driver->SurpriseRemoveDevice();
+        EXPECT_EQ(driver->Wake(), STATUS_SUCCESS);
+        driver->SurpriseRemoveDevice();
         EXPECT_EQ(handle.Control(0x01002144), STATUS_SUCCESS) << "also between surprise removal and removal";
     }
     EXPECT_EQ(peer.appsStateCalls, 2u);
@@ -112,32 +108,30 @@ TEST_P(AppsState, HandlesWorkInEveryDeviceState)
 
 TEST_P(AppsState, ControlSentAtARaisedLevelIsHandledBelowIt)
 {
-    DriverFixture fixture(GetParam());
-    Peer& peer = fixture.Join(Peer(1).WantsAppsState());
-    Handle handle(fixture);
+    Peer& peer = Join(Peer(1).WantsAppsState());
+    Handle handle(*this);
     {
         const host::ScopedIrql irql(DISPATCH_LEVEL);
-        EXPECT_FALSE(fixture.driver->DeviceControl(handle.file, 0x01002144).completed);
+        EXPECT_FALSE(driver->DeviceControl(handle.file, 0x01002144).completed);
     }
-    fixture.Deliver();
+    Deliver();
     EXPECT_EQ(peer.appsStateCalls, 1u);
 }
 
 TEST_P(AppsState, HandleCarriesAZeroedContextThatNobodyUses)
 {
-    DriverFixture fixture(GetParam());
     {
-        Handle handle(fixture);
-        const auto files = fixture.machine.inspect().Objects(host::framework::ObjectType::kFileObject);
+        Handle handle(*this);
+        const auto files = machine.inspect().Objects(host::framework::ObjectType::kFileObject);
         ASSERT_EQ(files.size(), 1u);
-        const auto context = fixture.machine.inspect().Context<ClientContext>(files[0].handle, kClientContextName);
+        const auto context = machine.inspect().Context<ClientContext>(files[0].handle, kClientContextName);
         ASSERT_TRUE(context);
         EXPECT_EQ(memcmp(&*context, std::vector<char>(sizeof(*context)).data(), sizeof(*context)), 0);
-        EXPECT_EQ(fixture.Count(fixture.Context().clients), 0u);
-        EXPECT_EQ(fixture.TakeRecords(), (Lines{"M49 NotifierEvtDeviceFileCreate", "E45 NotifierEvtDeviceFileCreate"}));
+        EXPECT_EQ(Count(Context().clients), 0u);
+        EXPECT_EQ(TakeRecords(), (Lines{"M49 NotifierEvtDeviceFileCreate", "E45 NotifierEvtDeviceFileCreate"}));
     }
-    EXPECT_EQ(fixture.TakeRecords(), (Lines{"M52 NotifierEvtDeviceFileClose", "E45 NotifierEvtDeviceFileClose"}));
-    EXPECT_TRUE(fixture.machine.inspect().Objects(host::framework::ObjectType::kFileObject).empty());
+    EXPECT_EQ(TakeRecords(), (Lines{"M52 NotifierEvtDeviceFileClose", "E45 NotifierEvtDeviceFileClose"}));
+    EXPECT_TRUE(machine.inspect().Objects(host::framework::ObjectType::kFileObject).empty());
 }
 
 }  // namespace

@@ -6,10 +6,12 @@ namespace {
 
 using host::checks::Rule;
 
-class Lifecycle : public OnContainer {};
+class Lifecycle : public OnDriver {};
 FOR_ALL_CONTAINERS(Lifecycle);
+class Loading : public OnContainer {};
+FOR_ALL_CONTAINERS(Loading);
 
-TEST_P(Lifecycle, FirstReportsOfALoadAreTheBuildDateOnBothChannels)
+TEST_P(Loading, FirstReportsOfALoadAreTheBuildDateOnBothChannels)
 {
     DriverFixture fixture(GetParam(), {.boots = false});
     fixture.Load();
@@ -29,7 +31,7 @@ TEST_P(Lifecycle, FirstReportsOfALoadAreTheBuildDateOnBothChannels)
     EXPECT_EQ(fixture.machine.violations().Take(Rule::kReferenceUnderflow).size(), 1u);
 }
 
-TEST_P(Lifecycle, WholeLifeReportsEachCallbackInOrderAndLeavesNothing)
+TEST_P(Loading, WholeLifeReportsEachCallbackInOrderAndLeavesNothing)
 {
     DriverFixture fixture(GetParam(), {.boots = false});
     fixture.Load();
@@ -59,54 +61,52 @@ TEST_P(Lifecycle, WholeLifeReportsEachCallbackInOrderAndLeavesNothing)
 
 TEST_P(Lifecycle, DeviceAddFillsTheContextAndRegistersForPowerStates)
 {
-    DriverFixture fixture(GetParam());
-    const DriverContext context = fixture.Context();
-    const auto inspect = fixture.machine.inspect();
+    const DriverContext context = Context();
+    const auto inspect = machine.inspect();
     const auto typeOf = [&](const void* handle) { return inspect.Find(const_cast<void*>(handle))->type; };
     using host::framework::ObjectType;
     EXPECT_EQ(typeOf(context.queue), ObjectType::kQueue);
     for (const auto collection :
          {context.addQueue, context.removeQueue, context.clients, context.states, context.commands}) {
         EXPECT_EQ(typeOf(collection), ObjectType::kCollection);
-        EXPECT_EQ(inspect.Find(collection)->parent, fixture.driver->Handle());
+        EXPECT_EQ(inspect.Find(collection)->parent, driver->Handle());
     }
     for (const auto item :
          {context.addItem, context.removeItem, context.notifyStatesItem, context.notifyCommandsItem}) {
         EXPECT_EQ(typeOf(item), ObjectType::kWorkItem);
-        EXPECT_EQ(inspect.Find(item)->parent, fixture.driver->Device());
+        EXPECT_EQ(inspect.Find(item)->parent, driver->Device());
     }
     for (const auto lock : {context.generalLock, context.clientsLock, context.statesLock, context.commandsLock,
                             context.notifyStatesLock, context.notifyCommandsLock, context.notifyAppsStateLock}) {
         EXPECT_EQ(typeOf(lock), ObjectType::kWaitLock);
-        EXPECT_EQ(inspect.Find(lock)->parent, fixture.driver->Handle());
+        EXPECT_EQ(inspect.Find(lock)->parent, driver->Handle());
     }
     EXPECT_EQ(context.wpcdClient, nullptr);
-    EXPECT_EQ(fixture.driver->PoolTag(), 0x3066746Eu) << "ntf0";
+    EXPECT_EQ(driver->PoolTag(), 0x3066746Eu) << "ntf0";
     EXPECT_NE(context.powerCallbackObject, nullptr);
     EXPECT_NE(context.powerCallbackRegistration, nullptr);
     // One more reference than the creation's, for the power callback.
-    EXPECT_EQ(inspect.Find(fixture.driver->Handle())->references, 2);
+    EXPECT_EQ(inspect.Find(driver->Handle())->references, 2);
 }
 
 TEST_P(Lifecycle, UnloadClearsThePowerStateCallbackBeforeTheContextGoes)
 {
-    DriverFixture fixture(GetParam());
-    fixture.driver->SurpriseRemoveDevice();
-    ASSERT_FALSE(fixture.driver->RemoveDevice().parked);
+    driver->SurpriseRemoveDevice();
+    ASSERT_FALSE(driver->RemoveDevice().parked);
     std::optional<DriverContext> context;
-    fixture.machine.environment().SetObserver([&](const host::ObservedCall& call) {
+    machine.environment().SetObserver([&](const host::ObservedCall& call) {
         if (std::string_view(call.function) == "EtwUnregister") {  // the last step
-            context = fixture.Context();
+            context = Context();
         }
     });
-    fixture.TakeDown();
-    fixture.machine.environment().SetObserver(nullptr);
+    TakeDown();
+    machine.environment().SetObserver(nullptr);
     ASSERT_TRUE(context);
     EXPECT_EQ(context->powerCallbackRegistration, nullptr);
     EXPECT_EQ(context->powerCallbackObject, nullptr);
 }
 
-TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
+TEST_P(Loading, EachStepOfDeviceAddFillsItsOwnField)
 {
     struct Row {
         const char* function;
@@ -133,7 +133,7 @@ TEST_P(Lifecycle, EachStepOfDeviceAddFillsItsOwnField)
     EXPECT_EQ(filled, 17u);
 }
 
-TEST_P(Lifecycle, PowerStateCallbackIsOpenedButNeverCreated)
+TEST_P(Loading, PowerStateCallbackIsOpenedButNeverCreated)
 {
     DriverFixture fixture(GetParam(), {.machine = {.hasPowerStateCallback = false}, .boots = false});
     fixture.Load();
@@ -146,48 +146,45 @@ TEST_P(Lifecycle, PowerStateCallbackIsOpenedButNeverCreated)
 
 TEST_P(Lifecycle, StopAndRemoveRequestsAreRefusedButSurpriseRemovalDisablesHelperThenWpcd)
 {
-    DriverFixture fixture(GetParam());
-    EXPECT_EQ(fixture.driver->QueryStopDevice(), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_EQ(fixture.driver->QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
-    EXPECT_TRUE(fixture.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_HELPER_INTERFACE));
-    EXPECT_TRUE(fixture.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_WPCD_INTERFACE));
-    EXPECT_TRUE(fixture.driver->InterfaceChanges().empty());
+    EXPECT_EQ(driver->QueryStopDevice(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_EQ(driver->QueryRemoveDevice(), STATUS_INVALID_DEVICE_STATE);
+    EXPECT_TRUE(driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_HELPER_INTERFACE));
+    EXPECT_TRUE(driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_WPCD_INTERFACE));
+    EXPECT_TRUE(driver->InterfaceChanges().empty());
 
-    fixture.driver->SurpriseRemoveDevice();
-    const auto changes = fixture.driver->InterfaceChanges();
+    driver->SurpriseRemoveDevice();
+    const auto changes = driver->InterfaceChanges();
     ASSERT_EQ(changes.size(), 2u);
     EXPECT_EQ(memcmp(&changes[0].interfaceClass, &GUID_ZEP_NOTIFIER_HELPER_INTERFACE, sizeof(GUID)), 0);
     EXPECT_EQ(memcmp(&changes[1].interfaceClass, &GUID_ZEP_NOTIFIER_WPCD_INTERFACE, sizeof(GUID)), 0);
     EXPECT_FALSE(changes[0].enabled || changes[1].enabled);
-    EXPECT_FALSE(fixture.driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_HELPER_INTERFACE));
+    EXPECT_FALSE(driver->IsInterfaceEnabled(GUID_ZEP_NOTIFIER_HELPER_INTERFACE));
 }
 
 TEST_P(Lifecycle, SecondDeviceIsRefusedByItsName)
 {
-    DriverFixture fixture(GetParam());
-    EXPECT_EQ(fixture.driver->AddDevice(), STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(fixture.TakeReports(), (Lines{"1 NotifierEvtDeviceAdd: WdfDeviceCreate, 0xC0000035"}));
-    EXPECT_TRUE(fixture.driver->HasDevice());
+    EXPECT_EQ(driver->AddDevice(), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(TakeReports(), (Lines{"1 NotifierEvtDeviceAdd: WdfDeviceCreate, 0xC0000035"}));
+    EXPECT_TRUE(driver->HasDevice());
 }
 
 TEST_P(Lifecycle, TablesHaveTheBindingHeaderAndTheirReferencesDoNothing)
 {
-    DriverFixture fixture(GetParam());
     for (const auto& [header, size] :
-         {std::pair(fixture.helper.InterfaceHeader, 120), {fixture.wpcd.InterfaceHeader, 64}}) {
+         {std::pair(helper.InterfaceHeader, 120), {wpcd.InterfaceHeader, 64}}) {
         EXPECT_EQ(header.Size, size);
         EXPECT_EQ(header.Version, 1);
-        EXPECT_EQ(header.Context, fixture.driver->Device());
+        EXPECT_EQ(header.Context, driver->Device());
         ULONG padding = 1;
         memcpy(&padding, reinterpret_cast<const char*>(&header) + 4, sizeof(padding));
         EXPECT_EQ(padding, 0u) << "peers get no stack contents";
         EXPECT_EQ(header.InterfaceReference, header.InterfaceDereference);
-        const long before = fixture.machine.inspect().Find(fixture.driver->Device())->references;
+        const long before = machine.inspect().Find(driver->Device())->references;
         header.InterfaceReference(header.Context);
         header.InterfaceDereference(nullptr);
-        EXPECT_EQ(fixture.machine.inspect().Find(fixture.driver->Device())->references, before);
+        EXPECT_EQ(machine.inspect().Find(driver->Device())->references, before);
     }
-    const auto* slots = reinterpret_cast<void* const*>(&fixture.helper);
+    const auto* slots = reinterpret_cast<void* const*>(&helper);
     for (unsigned slot = 4; slot < 15; ++slot) {
         EXPECT_NE(slots[slot], nullptr) << "slot " << slot;
     }

@@ -4,21 +4,20 @@
 namespace tests {
 namespace {
 
-class Registration : public OnContainer {};
+class Registration : public OnDriver {};
 FOR_ALL_CONTAINERS(Registration);
 
 constexpr ULONG kEntriesTag = 0x6166746E;  // "ntfa"
 
 TEST_P(Registration, StoresTheArgumentsAndStartsWithoutState)
 {
-    DriverFixture fixture(GetParam());
     Peer peer(1);
     peer.TakesCommands().WantsAppsState();
-    peer.callbacks.ReservedCallback = &fixture;
+    peer.callbacks.ReservedCallback = this;
     const ZepDataEntry entries[2] = {{{1, 2}}, {{3, 4}}};
-    ASSERT_EQ(fixture.Register(peer, 2, entries), STATUS_SUCCESS);
+    ASSERT_EQ(Register(peer, 2, entries), STATUS_SUCCESS);
 
-    const auto client = fixture.Client(peer);
+    const auto client = Client(peer);
     ASSERT_TRUE(client);
     EXPECT_STREQ(client->name, "name");
     EXPECT_STREQ(client->description, "description");
@@ -28,8 +27,8 @@ TEST_P(Registration, StoresTheArgumentsAndStartsWithoutState)
     EXPECT_EQ(client->entryCount, 2);
     EXPECT_EQ(client->callbackContext, &peer);
     EXPECT_EQ(client->addedToWpcd + client->wpcdRefreshPending + client->currentState, 0u);
-    EXPECT_EQ(fixture.machine.inspect().Find(client->registrations)->parent, fixture.driver->Handle());
-    EXPECT_EQ(fixture.Queued(), 0u);
+    EXPECT_EQ(machine.inspect().Find(client->registrations)->parent, driver->Handle());
+    EXPECT_EQ(Queued(), 0u);
 }
 
 TEST_P(Registration, KeepsEntryCountsAsTheyHaveAlwaysBeenKept)
@@ -53,32 +52,31 @@ TEST_P(Registration, KeepsEntryCountsAsTheyHaveAlwaysBeenKept)
     const std::vector<ZepDataEntry> entries(300);
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.name);
-        DriverFixture fixture(GetParam());
         Peer peer(1);
         if (row.hasDescriptorCallbackB) {
-            peer.callbacks.DescriptorCallbackB = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(&fixture);
+            peer.callbacks.DescriptorCallbackB = reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(this);
         }
-        ASSERT_EQ(fixture.Register(peer, row.count, row.givesEntries ? entries.data() : nullptr), STATUS_SUCCESS);
-        const auto client = fixture.Client(peer);
+        ASSERT_EQ(Register(peer, row.count, row.givesEntries ? entries.data() : nullptr), STATUS_SUCCESS);
+        const auto client = Client(peer);
         EXPECT_EQ(client->entryCount, row.keptCount);
         EXPECT_EQ(client->entries != nullptr, row.pooledBytes != 0);
         std::size_t bytes = 0;
-        for (const auto& use : fixture.machine.PoolInUse()) {
+        for (const auto& use : machine.PoolInUse()) {
             EXPECT_EQ(use.tag, kEntriesTag);
             bytes += use.sizeBytes;
         }
         EXPECT_EQ(bytes, row.pooledBytes);
+        EXPECT_EQ(Leave(peer), STATUS_SUCCESS);
     }
 }
 
 TEST_P(Registration, RefusesMoreEntriesThanThePoolHolds)
 {
-    DriverFixture fixture(GetParam());
     Peer peer(1);
     const ZepDataEntry entry{};
-    EXPECT_EQ(fixture.Register(peer, 0xFFFFFFFF, &entry), STATUS_ZEP_NOTIFIER_NO_MEMORY);
-    EXPECT_FALSE(fixture.Client(peer));
-    EXPECT_TRUE(fixture.machine.PoolInUse().empty());
+    EXPECT_EQ(Register(peer, 0xFFFFFFFF, &entry), STATUS_ZEP_NOTIFIER_NO_MEMORY);
+    EXPECT_FALSE(Client(peer));
+    EXPECT_TRUE(machine.PoolInUse().empty());
 }
 
 }  // namespace

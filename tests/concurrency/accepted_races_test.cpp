@@ -3,7 +3,6 @@
 #include "tests/concurrency/systematic.h"
 
 #include "host/checks/crash.h"
-#include "tests/kit/death.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -23,22 +22,20 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
     for (const bool senderLeaves : {false, true}) {
         unsigned delivered = 0;
         unsigned stopped = 0;
-        Explore(senderLeaves ? "sender leaves" : "target leaves", [&](DriverFixture& fixture,
-                                                                      ControlledScheduler& scheduler) {
-            Peer& sender = fixture.Join(1);
-            Peer& target = fixture.Join(Peer(2).TakesCommands());
-            EXPECT_EQ(fixture.Send(sender, target, 7), STATUS_SUCCESS);
+        Explore(senderLeaves ? "sender leaves" : "target leaves", [&](ScheduledRun& run) {
+            Peer& sender = run.Join(1);
+            Peer& target = run.Join(Peer(2).TakesCommands());
+            EXPECT_EQ(run.Send(sender, target, 7), STATUS_SUCCESS);
             std::size_t parkedRuns = 0;
-            RunAll(fixture, scheduler,
-                   {{"party", [&] { EXPECT_EQ(fixture.Leave(senderLeaves ? sender : target), STATUS_SUCCESS); }},
-                    {"run", [&] { parkedRuns = fixture.machine.RunWorkItems().parked.size(); }}});
-            const std::size_t selfWaits = fixture.machine.violations().Take(Rule::kSelfWait).size();
+            run.All({{"party", [&] { EXPECT_EQ(run.Leave(senderLeaves ? sender : target), STATUS_SUCCESS); }},
+                     {"run", [&] { parkedRuns = run.machine.RunWorkItems().parked.size(); }}});
+            const std::size_t selfWaits = run.machine.violations().Take(Rule::kSelfWait).size();
             EXPECT_EQ(selfWaits, parkedRuns);
             EXPECT_EQ(target.commands.size() + parkedRuns, 1u);
             delivered += target.commands.size() == 1 ? 1 : 0;
             if (parkedRuns != 0) {
                 ++stopped;
-                fixture.Abandon();
+                run.Abandon();
             }
         });
         EXPECT_TRUE(IsReplay() || (delivered >= 1 && stopped >= 1)) << delivered << " and " << stopped;
@@ -55,31 +52,30 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
     for (const bool subscribes : {false, true}) {
         unsigned takenBack = 0;
         unsigned kept = 0;
-        const auto play = [&](DriverFixture& fixture, ControlledScheduler& scheduler) {
-            Peer& poster = fixture.Join(Peer(1).WantsAppsState());
-            Peer& watcher = fixture.Join(2);
-            EXPECT_EQ(fixture.Post(poster, 3), STATUS_SUCCESS);
-            EXPECT_EQ(fixture.Post(watcher, 4), STATUS_SUCCESS);
-            EXPECT_EQ(fixture.Subscribe(watcher, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
-            fixture.Deliver();
+        const auto play = [&](ScheduledRun& run) {
+            Peer& poster = run.Join(Peer(1).WantsAppsState());
+            Peer& watcher = run.Join(2);
+            EXPECT_EQ(run.Post(poster, 3), STATUS_SUCCESS);
+            EXPECT_EQ(run.Post(watcher, 4), STATUS_SUCCESS);
+            EXPECT_EQ(run.Subscribe(watcher, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
+            run.Deliver();
             watcher.deliveries.clear();
             const auto isCalled = [&] {
                 if (subscribes) {
-                    EXPECT_EQ(fixture.Subscribe(poster, watcher, 4), STATUS_SUCCESS);
+                    EXPECT_EQ(run.Subscribe(poster, watcher, 4), STATUS_SUCCESS);
                 } else {
-                    fixture.machine.NotifyPowerState(kStateLock, 0);
+                    run.machine.NotifyPowerState(kStateLock, 0);
                 }
             };
-            RunAll(fixture, scheduler,
-                   {{"callback", isCalled}, {"client", [&] { EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS); }}});
-            fixture.Deliver();
+            run.All({{"callback", isCalled}, {"client", [&] { EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS); }}});
+            run.Deliver();
             // In either order: the post's own record may come after the one that takes it back.
             States states = StatesFrom(watcher, poster);
             std::sort(states.begin(), states.end());
             const bool isTakenBack = states == States{3, 5};
             EXPECT_TRUE(isTakenBack || states == States{5});
-            EXPECT_EQ(fixture.Client(poster)->currentState, isTakenBack ? 3u : 5u);
-            EXPECT_EQ(fixture.AnswersKept(), isTakenBack && !subscribes ? 1u : 0u);
+            EXPECT_EQ(run.Client(poster)->currentState, isTakenBack ? 3u : 5u);
+            EXPECT_EQ(run.AnswersKept(), isTakenBack && !subscribes ? 1u : 0u);
             ++(isTakenBack ? takenBack : kept);
         };
         Explore(subscribes ? "post around a first state" : "post around a broadcast", play, kIntoTheCallbackAndOut);
@@ -90,14 +86,13 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
 constexpr int kViolationExit = 5;
 
 // Plays schedules until one has a violation, and ends the process with its text; with status 0 when none has.
-[[noreturn]] void EndAtFirstFault(const Container& container,
-                                  const std::function<void(DriverFixture&, ControlledScheduler&)>& play)
+[[noreturn]] void EndAtFirstFault(const Container& container, const Play& play)
 {
     ControlledScheduler scheduler({.everyCall = true});
     while (scheduler.Next()) {
-        DriverFixture fixture(container, {.records = false});
-        play(fixture, scheduler);
-        for (const auto& violation : fixture.machine.violations().Take()) {
+        ScheduledRun run(container, scheduler);
+        play(run);
+        for (const auto& violation : run.machine.violations().Take()) {
             std::fprintf(stderr, "%s\n", violation.Text().c_str());
             std::_Exit(kViolationExit);
         }
@@ -113,22 +108,21 @@ TEST_P(AcceptedRaces, TwoAttachesAtOnceBothSucceedAndOneObjectStays)
     constexpr bool kEveryCall = true;  // there are no locks to choose at
     unsigned bothSucceed = 0;
     unsigned oneSucceeds = 0;
-    const auto play = [&](DriverFixture& fixture, ControlledScheduler& scheduler) {
+    const auto play = [&](ScheduledRun& run) {
         NTSTATUS statuses[2] = {};
-        RunAll(fixture, scheduler,
-               {{"one", [&] { statuses[0] = fixture.Attach(); }}, {"two", [&] { statuses[1] = fixture.Attach(); }}});
+        run.All({{"one", [&] { statuses[0] = run.Attach(); }}, {"two", [&] { statuses[1] = run.Attach(); }}});
         std::size_t attached = 0;
         for (const NTSTATUS status : statuses) {
             EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_OBJECT_NAME_EXISTS) << status;
             attached += status == STATUS_SUCCESS ? 1 : 0;
         }
         EXPECT_GE(attached, 1u);
-        EXPECT_EQ(fixture.Alive(kWpcdContextName), attached);
+        EXPECT_EQ(run.Alive(kWpcdContextName), attached);
         ++(attached == 2 ? bothSucceed : oneSucceeds);
         // The fixture's end finds no leak: the object that stays is a child of the driver object.
-        EXPECT_EQ(fixture.Detach(), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.Detach(), STATUS_OBJECT_NAME_NOT_FOUND);
-        EXPECT_EQ(fixture.Alive(kWpcdContextName), attached - 1);
+        EXPECT_EQ(run.Detach(), STATUS_SUCCESS);
+        EXPECT_EQ(run.Detach(), STATUS_OBJECT_NAME_NOT_FOUND);
+        EXPECT_EQ(run.Alive(kWpcdContextName), attached - 1);
     };
     Explore("two attaches", play, kPreemptions, kEveryCall);
     EXPECT_TRUE(IsReplay() || (bothSucceed >= 1 && oneSucceeds >= 1)) << bothSucceed << " and " << oneSucceeds;
@@ -137,14 +131,12 @@ TEST_P(AcceptedRaces, TwoAttachesAtOnceBothSucceedAndOneObjectStays)
 // Attaching reads the handle again after it has made the object; a detach in between has cleared it.
 TEST_P(AcceptedRaces, DetachingWhileAnAttachIsUnderWayUsesNoHandle)
 {
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
-    EXPECT_EXIT(EndAtFirstFault(GetParam(),
-                                [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                                    RunAll(fixture, scheduler,
-                                           {{"attach", [&] { (void)fixture.Attach(); }},
-                                            {"detach", [&] { (void)fixture.Detach(); }}});
-                                }),
-                testing::ExitedWithCode(kViolationExit), "(null|dead) handle: .*Notifier_WpcdClientInit");
+    EXPECT_EXIT(
+        EndAtFirstFault(GetParam(),
+                        [](ScheduledRun& run) {
+                            run.All({{"attach", [&] { (void)run.Attach(); }}, {"detach", [&] { (void)run.Detach(); }}});
+                        }),
+        testing::ExitedWithCode(kViolationExit), "(null|dead) handle: .*Notifier_WpcdClientInit");
 }
 
 // The crash-dump driver's handle can be seen before its callbacks: an announcement meanwhile calls nothing. A schedule
@@ -154,14 +146,12 @@ TEST_P(AcceptedRaces, AttachingWhileAClientIsAnnouncedCallsNull)
     if (IsReplay()) {
         return;  // of another scenario, perhaps
     }
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     EXPECT_EXIT(Explore(
                     "attach",
-                    [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                        Peer& peer = fixture.Join(1);
-                        (void)fixture.Post(peer, 5);
-                        RunAll(fixture, scheduler,
-                               {{"crash dump", [&] { (void)fixture.Attach(); }}, {"run", [&] { fixture.Deliver(); }}});
+                    [](ScheduledRun& run) {
+                        Peer& peer = run.Join(1);
+                        (void)run.Post(peer, 5);
+                        run.All({{"crash dump", [&] { (void)run.Attach(); }}, {"run", [&] { run.Deliver(); }}});
                     },
                     2, true),
                 testing::ExitedWithCode(host::checks::kMemoryFaultExit),
@@ -171,23 +161,21 @@ TEST_P(AcceptedRaces, AttachingWhileAClientIsAnnouncedCallsNull)
 // The forwarders take no lock: a call that found the crash-dump driver goes on while that detaches.
 TEST_P(AcceptedRaces, DetachingWhileADumpStartsUsesTheDeadClient)
 {
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
-    EXPECT_EXIT(
-        EndAtFirstFault(GetParam(),
-                        [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                            (void)fixture.Attach();
-                            ULONG record = 1;
-                            RunAll(fixture, scheduler,
-                                   {{"client", [&] { (void)fixture.helper.Notifier_HelperStartDump(&record, 0, 0); }},
-                                    {"crash dump", [&] { (void)fixture.Detach(); }}});
-                        }),
-        testing::ExitedWithCode(kViolationExit), "dead handle: .*GetContext");
+    EXPECT_EXIT(EndAtFirstFault(GetParam(),
+                                [](ScheduledRun& run) {
+                                    (void)run.Attach();
+                                    ULONG record = 1;
+                                    run.All(
+                                        {{"client", [&] { (void)run.helper.Notifier_HelperStartDump(&record, 0, 0); }},
+                                         {"crash dump", [&] { (void)run.Detach(); }}});
+                                }),
+                testing::ExitedWithCode(kViolationExit), "dead handle: .*GetContext");
 }
 
 // What happens to a client while another thread deregisters it.
 struct Use {
     const char* name;
-    void (*play)(DriverFixture&, ControlledScheduler&, Peer& leaving, Peer& other);
+    void (*play)(ScheduledRun&, Peer& leaving, Peer& other);
     const char* finding;
 };
 
@@ -195,44 +183,40 @@ constexpr const char* kInSendState = "dead handle: .*Notifier_HelperSendState";
 
 const Use kUses[] = {
     {"post",
-     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer&) {
-         RunAll(fixture, scheduler,
-                {{"post", [&] { (void)fixture.Post(leaving, 5); }}, {"leave", [&] { (void)fixture.Leave(leaving); }}});
+     [](ScheduledRun& run, Peer& leaving, Peer&) {
+         run.All({{"post", [&] { (void)run.Post(leaving, 5); }}, {"leave", [&] { (void)run.Leave(leaving); }}});
      },
      kInSendState},
     {"command",
-     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer& other) {
-         RunAll(fixture, scheduler,
-                {{"command", [&] { (void)fixture.Send(leaving, other, 7); }},
-                 {"leave", [&] { (void)fixture.Leave(leaving); }}});
+     [](ScheduledRun& run, Peer& leaving, Peer& other) {
+         run.All(
+             {{"command", [&] { (void)run.Send(leaving, other, 7); }}, {"leave", [&] { (void)run.Leave(leaving); }}});
      },
      "dead handle: .*(QueueCommand|Notifier_HelperSendCommand)"},
     {"answer to a first state",
-     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer& other) {
+     [](ScheduledRun& run, Peer& leaving, Peer& other) {
          leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };
-         RunAll(fixture, scheduler,
-                {{"subscribe", [&] { (void)fixture.Subscribe(leaving, other, ZEP_STATE_ANY); }},
-                 {"leave", [&] { (void)fixture.Leave(leaving); }}});
+         run.All({{"subscribe", [&] { (void)run.Subscribe(leaving, other, ZEP_STATE_ANY); }},
+                  {"leave", [&] { (void)run.Leave(leaving); }}});
      },
      kInSendState},
     {"answer to a command",
-     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer& other) {
+     [](ScheduledRun& run, Peer& leaving, Peer& other) {
          leaving.onCommand = [](ULONG, ULONG& state) { state = 9; };
-         (void)fixture.Send(other, leaving, 7);
+         (void)run.Send(other, leaving, 7);
          const auto leave = [&] {
              if (!leaving.commands.empty()) {  // before, it would stop command delivery
-                 (void)fixture.Leave(leaving);
+                 (void)run.Leave(leaving);
              }
          };
-         RunAll(fixture, scheduler, {{"run", [&] { fixture.Deliver(); }}, {"leave", leave}});
+         run.All({{"run", [&] { run.Deliver(); }}, {"leave", leave}});
      },
      kInSendState},
     {"answer to an application-state change",
-     [](DriverFixture& fixture, ControlledScheduler& scheduler, Peer& leaving, Peer&) {
+     [](ScheduledRun& run, Peer& leaving, Peer&) {
          leaving.onAppsState = [](ULONG& state) { state = 9; };
-         RunAll(fixture, scheduler,
-                {{"power", [&] { fixture.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }},
-                 {"leave", [&] { (void)fixture.Leave(leaving); }}});
+         run.All({{"power", [&] { run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }},
+                  {"leave", [&] { (void)run.Leave(leaving); }}});
      },
      kInSendState},
 };
@@ -241,14 +225,13 @@ const Use kUses[] = {
 // when it deregisters; and the Notifier posts some answers for it, which the client cannot see the end of.
 TEST_P(AcceptedRaces, EachUseOfAClientThatLeavesMeetsItsDeadObject)
 {
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     for (const Use& use : kUses) {
         SCOPED_TRACE(use.name);
         EXPECT_EXIT(EndAtFirstFault(GetParam(),
-                                    [&use](DriverFixture& fixture, ControlledScheduler& scheduler) {
-                                        Peer& leaving = fixture.Join(Peer(1).TakesCommands().WantsAppsState());
-                                        Peer& other = fixture.Join(Peer(2).TakesCommands().WantsAppsState());
-                                        use.play(fixture, scheduler, leaving, other);
+                                    [&use](ScheduledRun& run) {
+                                        Peer& leaving = run.Join(Peer(1).TakesCommands().WantsAppsState());
+                                        Peer& other = run.Join(Peer(2).TakesCommands().WantsAppsState());
+                                        use.play(run, leaving, other);
                                     }),
                     testing::ExitedWithCode(kViolationExit), use.finding);
     }

@@ -10,18 +10,17 @@ FOR_ALL_CONTAINERS(Schedules);
 
 TEST_P(Schedules, PostsOfTwoClientsAndTheirDelivery)
 {
-    Explore("two clients post, one run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& one = fixture.Join(1);
-        Peer& two = fixture.Join(2);
-        Peer& subscriber = fixture.Join(3);
-        EXPECT_EQ(fixture.Subscribe(subscriber, one, ZEP_STATE_ANY), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.Subscribe(subscriber, two, ZEP_STATE_ANY), STATUS_SUCCESS);
+    Explore("two clients post, one run", [](ScheduledRun& run) {
+        Peer& one = run.Join(1);
+        Peer& two = run.Join(2);
+        Peer& subscriber = run.Join(3);
+        EXPECT_EQ(run.Subscribe(subscriber, one, ZEP_STATE_ANY), STATUS_SUCCESS);
+        EXPECT_EQ(run.Subscribe(subscriber, two, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
-        RunAll(fixture, scheduler,
-               {{"one", [&] { EXPECT_EQ(fixture.Post(one, 5), STATUS_SUCCESS); }},
-                {"two", [&] { EXPECT_EQ(fixture.Post(two, 6), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+        run.All({{"one", [&] { EXPECT_EQ(run.Post(one, 5), STATUS_SUCCESS); }},
+                 {"two", [&] { EXPECT_EQ(run.Post(two, 6), STATUS_SUCCESS); }},
+                 {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         EXPECT_EQ(StatesFrom(subscriber, one), States{5});
         EXPECT_EQ(StatesFrom(subscriber, two), States{6});
     });
@@ -29,99 +28,91 @@ TEST_P(Schedules, PostsOfTwoClientsAndTheirDelivery)
 
 TEST_P(Schedules, APostersOrderIsKeptWhileARunDelivers)
 {
-    Explore("posts while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& poster = fixture.Join(1);
-        Peer& subscriber = fixture.Join(2);
-        EXPECT_EQ(fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
+    Explore("posts while a run delivers", [](ScheduledRun& run) {
+        Peer& poster = run.Join(1);
+        Peer& subscriber = run.Join(2);
+        EXPECT_EQ(run.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
-        EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
-        RunAll(fixture, scheduler,
-               {{"poster",
-                 [&] {
-                     EXPECT_EQ(fixture.Post(poster, 6), STATUS_SUCCESS);
-                     EXPECT_EQ(fixture.Post(poster, 7), STATUS_SUCCESS);
-                 }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+        EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
+        run.All({{"poster",
+                  [&] {
+                      EXPECT_EQ(run.Post(poster, 6), STATUS_SUCCESS);
+                      EXPECT_EQ(run.Post(poster, 7), STATUS_SUCCESS);
+                  }},
+                 {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         EXPECT_EQ(StatesFrom(subscriber, poster), (States{5, 6, 7}));
     });
 }
 
 TEST_P(Schedules, SubscribingAndUnsubscribingWhileARunDelivers)
 {
-    Explore("subscribe while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& poster = fixture.Join(1);
-        Peer& subscriber = fixture.Join(2);
-        EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
-        RunAll(
-            fixture, scheduler,
-            {{"subscriber", [&] { EXPECT_EQ(fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS); }},
-             {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+    Explore("subscribe while a run delivers", [](ScheduledRun& run) {
+        Peer& poster = run.Join(1);
+        Peer& subscriber = run.Join(2);
+        EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
+        run.All({{"subscriber", [&] { EXPECT_EQ(run.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS); }},
+                 {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         // Notified at once, and again by the run when that comes later.
         const States states = StatesFrom(subscriber, poster);
         EXPECT_TRUE(states == States{5} || states == (States{5, 5})) << states.size();
     });
-    Explore("unsubscribe while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& poster = fixture.Join(1);
-        Peer& subscriber = fixture.Join(2);
-        EXPECT_EQ(fixture.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
-        RunAll(fixture, scheduler,
-               {{"subscriber", [&] { EXPECT_EQ(fixture.Unsubscribe(subscriber, poster, 5), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
+    Explore("unsubscribe while a run delivers", [](ScheduledRun& run) {
+        Peer& poster = run.Join(1);
+        Peer& subscriber = run.Join(2);
+        EXPECT_EQ(run.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
+        EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
+        run.All({{"subscriber", [&] { EXPECT_EQ(run.Unsubscribe(subscriber, poster, 5), STATUS_SUCCESS); }},
+                 {"run", [&] { run.Deliver(); }}});
         EXPECT_LE(StatesFrom(subscriber, poster).size(), 1u);
         subscriber.deliveries.clear();
-        EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
-        fixture.Deliver();
+        EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
+        run.Deliver();
         EXPECT_TRUE(subscriber.deliveries.empty());
     });
 }
 
 TEST_P(Schedules, LeavingWhileARunDelivers)
 {
-    Explore("subscriber leaves while a run delivers", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& poster = fixture.Join(1);
-        Peer& subscriber = fixture.Join(2);
-        EXPECT_EQ(fixture.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
+    Explore("subscriber leaves while a run delivers", [](ScheduledRun& run) {
+        Peer& poster = run.Join(1);
+        Peer& subscriber = run.Join(2);
+        EXPECT_EQ(run.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
+        EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
         bool hasLeft = false;
         subscriber.onState = [&](const ZepState&, ULONG&) {
             EXPECT_FALSE(hasLeft) << "notified after it had deregistered";
         };
-        RunAll(fixture, scheduler,
-               {{"subscriber",
-                 [&] {
-                     EXPECT_EQ(fixture.Leave(subscriber), STATUS_SUCCESS);
-                     hasLeft = true;
-                 }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+        run.All({{"subscriber",
+                  [&] {
+                      EXPECT_EQ(run.Leave(subscriber), STATUS_SUCCESS);
+                      hasLeft = true;
+                  }},
+                 {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         EXPECT_LE(subscriber.deliveries.size(), 1u);
-        EXPECT_FALSE(fixture.Client(subscriber));
-        EXPECT_TRUE(fixture.Client(poster));
+        EXPECT_FALSE(run.Client(subscriber));
+        EXPECT_TRUE(run.Client(poster));
     });
-    Explore("poster leaves while its state is delivered", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& poster = fixture.Join(1);
-        Peer& subscriber = fixture.Join(2);
-        EXPECT_EQ(fixture.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS);
-        RunAll(fixture, scheduler,
-               {{"poster", [&] { EXPECT_EQ(fixture.Leave(poster), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+    Explore("poster leaves while its state is delivered", [](ScheduledRun& run) {
+        Peer& poster = run.Join(1);
+        Peer& subscriber = run.Join(2);
+        EXPECT_EQ(run.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
+        EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
+        run.All({{"poster", [&] { EXPECT_EQ(run.Leave(poster), STATUS_SUCCESS); }}, {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         EXPECT_EQ(subscriber.deliveries.size(), 1u);  // a queued state outlives its poster
     });
 }
 
 TEST_P(Schedules, RegisteringOneGuidTwiceAtOnce)
 {
-    Explore("one GUID registered twice", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
+    Explore("one GUID registered twice", [](ScheduledRun& run) {
         Peer peer(1);
         NTSTATUS statuses[2] = {};
-        RunAll(fixture, scheduler,
-               {{"one", [&] { statuses[0] = fixture.Register(peer); }},
-                {"two", [&] { statuses[1] = fixture.Register(peer); }}});
+        run.All(
+            {{"one", [&] { statuses[0] = run.Register(peer); }}, {"two", [&] { statuses[1] = run.Register(peer); }}});
         // On purpose: the look-up and the append are two steps, so both may succeed.
         unsigned registered = 0;
         for (const NTSTATUS status : statuses) {
@@ -130,25 +121,24 @@ TEST_P(Schedules, RegisteringOneGuidTwiceAtOnce)
         }
         EXPECT_GE(registered, 1u);
         for (unsigned client = 0; client < registered; ++client) {
-            EXPECT_EQ(fixture.Leave(peer), STATUS_SUCCESS);
+            EXPECT_EQ(run.Leave(peer), STATUS_SUCCESS);
         }
-        EXPECT_FALSE(fixture.Client(peer));
+        EXPECT_FALSE(run.Client(peer));
     });
 }
 
 TEST_P(Schedules, CommandsToEachOtherWhileARunDelivers)
 {
-    Explore("commands to each other", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& one = fixture.Join(Peer(1).TakesCommands());
-        Peer& two = fixture.Join(Peer(2).TakesCommands());
-        RunAll(fixture, scheduler,
-               {{"one", [&] { EXPECT_EQ(fixture.Send(one, two, 7), STATUS_SUCCESS); }},
-                {"two", [&] { EXPECT_EQ(fixture.Send(two, one, 8), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+    Explore("commands to each other", [](ScheduledRun& run) {
+        Peer& one = run.Join(Peer(1).TakesCommands());
+        Peer& two = run.Join(Peer(2).TakesCommands());
+        run.All({{"one", [&] { EXPECT_EQ(run.Send(one, two, 7), STATUS_SUCCESS); }},
+                 {"two", [&] { EXPECT_EQ(run.Send(two, one, 8), STATUS_SUCCESS); }},
+                 {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         // One command a run, and a run for each enqueue; of two that were queued at once one stays.
         const std::size_t delivered = one.commands.size() + two.commands.size();
-        const std::size_t waiting = fixture.Count(fixture.Context().commands);
+        const std::size_t waiting = run.Count(run.Context().commands);
         EXPECT_EQ(delivered + waiting, 2u);
         EXPECT_GE(delivered, 1u);
     });
@@ -156,111 +146,102 @@ TEST_P(Schedules, CommandsToEachOtherWhileARunDelivers)
 
 TEST_P(Schedules, PostingWhileACommandLeavesTheStateAlone)
 {
-    Explore("post of a command's target", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& sender = fixture.Join(1);
-        Peer& target = fixture.Join(Peer(2).TakesCommands());
-        EXPECT_EQ(fixture.Send(sender, target, 1), STATUS_SUCCESS);
-        RunAll(fixture, scheduler,
-               {{"client", [&] { EXPECT_EQ(fixture.Post(target, 7), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+    Explore("post of a command's target", [](ScheduledRun& run) {
+        Peer& sender = run.Join(1);
+        Peer& target = run.Join(Peer(2).TakesCommands());
+        EXPECT_EQ(run.Send(sender, target, 1), STATUS_SUCCESS);
+        run.All({{"client", [&] { EXPECT_EQ(run.Post(target, 7), STATUS_SUCCESS); }}, {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         EXPECT_EQ(target.commands.size(), 1u);
-        EXPECT_EQ(fixture.Client(target)->currentState, 7u) << "the command's end takes the post back";
+        EXPECT_EQ(run.Client(target)->currentState, 7u) << "the command's end takes the post back";
     });
 }
 
 TEST_P(Schedules, PostingWhileASubscriberLeavesAndARunDelivers)
 {
-    Explore("post, leave and run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& poster = fixture.Join(1);
-        Peer& leaving = fixture.Join(2);
-        Peer& staying = fixture.Join(3);
-        EXPECT_EQ(fixture.Subscribe(leaving, poster, 5), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.Subscribe(staying, poster, 5), STATUS_SUCCESS);
+    Explore("post, leave and run", [](ScheduledRun& run) {
+        Peer& poster = run.Join(1);
+        Peer& leaving = run.Join(2);
+        Peer& staying = run.Join(3);
+        EXPECT_EQ(run.Subscribe(leaving, poster, 5), STATUS_SUCCESS);
+        EXPECT_EQ(run.Subscribe(staying, poster, 5), STATUS_SUCCESS);
         leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };  // to be posted, perhaps too late
-        RunAll(fixture, scheduler,
-               {{"poster", [&] { EXPECT_EQ(fixture.Post(poster, 5), STATUS_SUCCESS); }},
-                {"subscriber", [&] { EXPECT_EQ(fixture.Leave(leaving), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+        run.All({{"poster", [&] { EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS); }},
+                 {"subscriber", [&] { EXPECT_EQ(run.Leave(leaving), STATUS_SUCCESS); }},
+                 {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         EXPECT_EQ(StatesFrom(staying, poster), States{5});
         EXPECT_LE(leaving.deliveries.size(), 1u);
-        EXPECT_EQ(fixture.Alive(kStateContextName), 0u);
-        EXPECT_EQ(fixture.Count(fixture.Context().clients), 2u);
+        EXPECT_EQ(run.Alive(kStateContextName), 0u);
+        EXPECT_EQ(run.Count(run.Context().clients), 2u);
     });
 }
 
 TEST_P(Schedules, AClientLeavesWhileItIsAnnounced)
 {
-    Explore("client leaves while it is announced", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
-        Peer& peer = fixture.Join(1);
-        EXPECT_EQ(fixture.Post(peer, 5), STATUS_SUCCESS);
-        RunAll(
-            fixture, scheduler,
-            {{"client", [&] { EXPECT_EQ(fixture.Leave(peer), STATUS_SUCCESS); }}, {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
-        EXPECT_LE(fixture.crashDump.added.size(), 1u);
-        EXPECT_EQ(fixture.crashDump.removed.size(), fixture.crashDump.added.size())
+    Explore("client leaves while it is announced", [](ScheduledRun& run) {
+        EXPECT_EQ(run.Attach(), STATUS_SUCCESS);
+        Peer& peer = run.Join(1);
+        EXPECT_EQ(run.Post(peer, 5), STATUS_SUCCESS);
+        run.All({{"client", [&] { EXPECT_EQ(run.Leave(peer), STATUS_SUCCESS); }}, {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
+        EXPECT_LE(run.crashDump.added.size(), 1u);
+        EXPECT_EQ(run.crashDump.removed.size(), run.crashDump.added.size())
             << "the crash-dump driver keeps a removed client, or is asked to remove an unknown one";
     });
 }
 
 TEST_P(Schedules, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves)
 {
-    Explore("detach, leave and announcement", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
-        Peer& peer = fixture.Join(1);
-        EXPECT_EQ(fixture.Post(peer, 5), STATUS_SUCCESS);
+    Explore("detach, leave and announcement", [](ScheduledRun& run) {
+        EXPECT_EQ(run.Attach(), STATUS_SUCCESS);
+        Peer& peer = run.Join(1);
+        EXPECT_EQ(run.Post(peer, 5), STATUS_SUCCESS);
         std::size_t addedAtDetach = 0;
         std::size_t removedAtDetach = 0;
-        RunAll(fixture, scheduler,
-               {{"crash dump",
-                 [&] {
-                     EXPECT_EQ(fixture.Detach(), STATUS_SUCCESS);
-                     addedAtDetach = fixture.crashDump.added.size();
-                     removedAtDetach = fixture.crashDump.removed.size();
-                 }},
-                {"client", [&] { EXPECT_EQ(fixture.Leave(peer), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
-        EXPECT_EQ(fixture.crashDump.added.size(), addedAtDetach) << "called when it had detached";
-        EXPECT_EQ(fixture.crashDump.removed.size(), removedAtDetach) << "called when it had detached";
+        run.All({{"crash dump",
+                  [&] {
+                      EXPECT_EQ(run.Detach(), STATUS_SUCCESS);
+                      addedAtDetach = run.crashDump.added.size();
+                      removedAtDetach = run.crashDump.removed.size();
+                  }},
+                 {"client", [&] { EXPECT_EQ(run.Leave(peer), STATUS_SUCCESS); }},
+                 {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
+        EXPECT_EQ(run.crashDump.added.size(), addedAtDetach) << "called when it had detached";
+        EXPECT_EQ(run.crashDump.removed.size(), removedAtDetach) << "called when it had detached";
         EXPECT_LE(removedAtDetach, addedAtDetach);
-        EXPECT_EQ(fixture.Context().wpcdClient, nullptr);
-        EXPECT_EQ(fixture.Count(fixture.Context().clients), 0u);
-        EXPECT_EQ(fixture.Alive(kClientContextName), 0u);
+        EXPECT_EQ(run.Context().wpcdClient, nullptr);
+        EXPECT_EQ(run.Count(run.Context().clients), 0u);
+        EXPECT_EQ(run.Alive(kClientContextName), 0u);
     });
 }
 
 TEST_P(Schedules, AClientPostsNoStateWhileItIsAnnounced)
 {
-    Explore("client posts no state while it is announced", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        EXPECT_EQ(fixture.Attach(), STATUS_SUCCESS);
-        Peer& peer = fixture.Join(1);
-        EXPECT_EQ(fixture.Post(peer, 0), STATUS_SUCCESS);
-        RunAll(fixture, scheduler,
-               {{"client", [&] { EXPECT_EQ(fixture.Post(peer, 0), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
-        EXPECT_EQ(fixture.Client(peer)->wpcdRefreshPending, 1u) << "its first state would not be announced";
+    Explore("client posts no state while it is announced", [](ScheduledRun& run) {
+        EXPECT_EQ(run.Attach(), STATUS_SUCCESS);
+        Peer& peer = run.Join(1);
+        EXPECT_EQ(run.Post(peer, 0), STATUS_SUCCESS);
+        run.All({{"client", [&] { EXPECT_EQ(run.Post(peer, 0), STATUS_SUCCESS); }}, {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
+        EXPECT_EQ(run.Client(peer)->wpcdRefreshPending, 1u) << "its first state would not be announced";
     });
 }
 
 TEST_P(Schedules, TheBroadcastAmongPosts)
 {
     constexpr std::uintptr_t kStateLock = 3;
-    Explore("broadcast, post and run", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& answering = fixture.Join(Peer(1).WantsAppsState());
-        Peer& subscriber = fixture.Join(2);
+    Explore("broadcast, post and run", [](ScheduledRun& run) {
+        Peer& answering = run.Join(Peer(1).WantsAppsState());
+        Peer& subscriber = run.Join(2);
         answering.onAppsState = [](ULONG& state) { state = 9; };
-        EXPECT_EQ(fixture.Subscribe(subscriber, answering, ZEP_STATE_ANY), STATUS_SUCCESS);
+        EXPECT_EQ(run.Subscribe(subscriber, answering, ZEP_STATE_ANY), STATUS_SUCCESS);
         subscriber.deliveries.clear();
-        RunAll(fixture, scheduler,
-               {{"power", [&] { fixture.machine.NotifyPowerState(kStateLock, 0); }},
-                {"client", [&] { EXPECT_EQ(fixture.Post(answering, 5), STATUS_SUCCESS); }},
-                {"run", [&] { fixture.Deliver(); }}});
-        fixture.Deliver();
+        run.All({{"power", [&] { run.machine.NotifyPowerState(kStateLock, 0); }},
+                 {"client", [&] { EXPECT_EQ(run.Post(answering, 5), STATUS_SUCCESS); }},
+                 {"run", [&] { run.Deliver(); }}});
+        run.Deliver();
         States states = StatesFrom(subscriber, answering);
         std::sort(states.begin(), states.end());
         EXPECT_EQ(states, (States{5, 9}));
@@ -271,48 +252,47 @@ TEST_P(Schedules, TheBroadcastAmongPosts)
 // itself, on the thread that deregisters.
 TEST_P(Schedules, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
 {
-    Explore("broadcast, own post and leaving", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& answering = fixture.Join(Peer(1).WantsAppsState());
-        Peer& leaving = fixture.Join(Peer(2).WantsAppsState());
-        Peer& subscriber = fixture.Join(3);
+    Explore("broadcast, own post and leaving", [](ScheduledRun& run) {
+        Peer& answering = run.Join(Peer(1).WantsAppsState());
+        Peer& leaving = run.Join(Peer(2).WantsAppsState());
+        Peer& subscriber = run.Join(3);
         answering.onAppsState = [](ULONG& state) { state = 9; };
-        EXPECT_EQ(fixture.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
+        EXPECT_EQ(run.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
         bool hasPosted = false;
         const auto postAndLeave = [&] {
             hasPosted = leaving.appsStateCalls != 0;
             if (hasPosted) {
-                EXPECT_EQ(fixture.Post(leaving, 8), STATUS_SUCCESS);
+                EXPECT_EQ(run.Post(leaving, 8), STATUS_SUCCESS);
             }
-            EXPECT_EQ(fixture.Leave(leaving), STATUS_SUCCESS);
+            EXPECT_EQ(run.Leave(leaving), STATUS_SUCCESS);
         };
-        RunAll(fixture, scheduler,
-               {{"power", [&] { fixture.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }},
-                {"client", postAndLeave}});
-        fixture.Deliver();
+        run.All(
+            {{"power", [&] { run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }}, {"client", postAndLeave}});
+        run.Deliver();
         EXPECT_EQ(answering.appsStateCalls, 1u);
         EXPECT_LE(leaving.appsStateCalls, 1u);
-        EXPECT_EQ(fixture.Client(answering)->currentState, 9u);
+        EXPECT_EQ(run.Client(answering)->currentState, 9u);
         EXPECT_EQ(subscriber.deliveries.size(), hasPosted ? 1u : 0u);
     });
-    Explore("command, own post and leaving", [](DriverFixture& fixture, ControlledScheduler& scheduler) {
-        Peer& sender = fixture.Join(1);
-        Peer& leaving = fixture.Join(Peer(2).TakesCommands());
-        Peer& subscriber = fixture.Join(3);
-        EXPECT_EQ(fixture.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
-        EXPECT_EQ(fixture.Send(sender, leaving, 7), STATUS_SUCCESS);
+    Explore("command, own post and leaving", [](ScheduledRun& run) {
+        Peer& sender = run.Join(1);
+        Peer& leaving = run.Join(Peer(2).TakesCommands());
+        Peer& subscriber = run.Join(3);
+        EXPECT_EQ(run.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
+        EXPECT_EQ(run.Send(sender, leaving, 7), STATUS_SUCCESS);
         bool hasPosted = false;
         const auto postAndLeave = [&] {
             hasPosted = !leaving.commands.empty();
             if (hasPosted) {  // the command is delivered: nothing else is under way
-                EXPECT_EQ(fixture.Post(leaving, 8), STATUS_SUCCESS);
-                EXPECT_EQ(fixture.Leave(leaving), STATUS_SUCCESS);
+                EXPECT_EQ(run.Post(leaving, 8), STATUS_SUCCESS);
+                EXPECT_EQ(run.Leave(leaving), STATUS_SUCCESS);
             }
         };
-        RunAll(fixture, scheduler, {{"run", [&] { fixture.Deliver(); }}, {"client", postAndLeave}});
-        fixture.Deliver();
+        run.All({{"run", [&] { run.Deliver(); }}, {"client", postAndLeave}});
+        run.Deliver();
         EXPECT_EQ(leaving.commands.size(), 1u);
         EXPECT_EQ(subscriber.deliveries.size(), hasPosted ? 1u : 0u);
-        EXPECT_EQ(fixture.Count(fixture.Context().clients), hasPosted ? 2u : 3u);
+        EXPECT_EQ(run.Count(run.Context().clients), hasPosted ? 2u : 3u);
     });
 }
 

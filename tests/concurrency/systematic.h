@@ -31,11 +31,32 @@ inline constexpr unsigned kPreemptions = 2;
 inline constexpr unsigned kRandomSchedules = 60;
 #endif
 
+// A machine of its own for one schedule.
+struct ScheduledRun : DriverFixture {
+    ScheduledRun(const Container& container, ControlledScheduler& byScheduler)
+        : DriverFixture(container, {.records = false}), scheduler(byScheduler)
+    {
+    }
+
+    // Runs the threads by the schedule; each must come back.
+    void All(const Threads& threads)
+    {
+        for (const host::Outcome& outcome : scheduler.Run(machine, threads)) {
+            if (outcome.parked) {
+                ADD_FAILURE() << outcome.reason;
+                Abandon();
+            }
+        }
+    }
+
+    ControlledScheduler& scheduler;
+};
+using Play = std::function<void(ScheduledRun& run)>;
+
 class Systematic : public OnContainer {
 protected:
     // Plays a scenario by every schedule up to a preemption bound, at locks or at every call, and by some random ones.
-    void Explore(const std::string& name, const std::function<void(DriverFixture&, ControlledScheduler&)>& play,
-                 unsigned preemptions = kPreemptions, bool everyCall = false)
+    void Explore(const std::string& name, const Play& play, unsigned preemptions = kPreemptions, bool everyCall = false)
     {
         if (HasFailure()) {
             return;  // a scenario before this one failed: nothing here could be distinguished from that
@@ -64,8 +85,8 @@ protected:
             while (scheduler.Next()) {
                 host::checks::Watchdog::Progress();
                 {
-                    DriverFixture fixture(GetParam(), {.records = false});
-                    play(fixture, scheduler);
+                    ScheduledRun run(GetParam(), scheduler);
+                    play(run);
                 }
                 if (HasFailure()) {
                     ADD_FAILURE() << failed();
@@ -104,17 +125,6 @@ private:
 
     bool hasReplayed_ = false;
 };
-
-// Runs the threads by the scheduler's schedule; each must come back.
-inline void RunAll(DriverFixture& fixture, ControlledScheduler& scheduler, const Threads& threads)
-{
-    for (const host::Outcome& outcome : scheduler.Run(fixture.machine, threads)) {
-        if (outcome.parked) {
-            ADD_FAILURE() << outcome.reason;
-            fixture.Abandon();
-        }
-    }
-}
 
 inline States StatesFrom(const Peer& subscriber, const Peer& poster)
 {
