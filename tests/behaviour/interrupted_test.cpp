@@ -1,10 +1,36 @@
 // What other threads may do between any two instructions of an operation.
-#include "tests/behaviour/interruption.h"
 #include "tests/kit/one_report.h"
 #include "tests/kit/driver_fixture.h"
+#include "tests/kit/single_steps.h"
 
 namespace tests {
 namespace {
+
+struct Interruption {
+    const char* function;      // counting begins when the calling thread calls this platform function
+    unsigned skip = 0;         // let this many calls of it pass first
+    unsigned instruction = 1;  // of the driver's, from there on; 0: no action
+    std::function<void()> action;
+};
+
+// Runs work on the calling thread. Gives the number of the driver's instructions between the platform call and the
+// end of the work, or of the counting.
+unsigned RunInterrupted(host::Machine& machine, const host::Driver& driver, const Interruption& interruption,
+                        const std::function<void()>& work)
+{
+    SingleSteps steps(driver.ImageBase(), driver.ImageSizeBytes(), interruption.instruction, interruption.action);
+    const std::uint64_t caller = host::ThreadState::Current().id;
+    machine.environment().SetObserver([&, calls = 0u](const host::ObservedCall& call) mutable {
+        if (host::ThreadState::Current().id == caller && call.function == std::string_view(interruption.function) &&
+            calls++ == interruption.skip) {
+            SingleSteps::Begin();
+        }
+    });
+    work();
+    SingleSteps::End();
+    machine.environment().SetObserver(nullptr);
+    return steps.Seen();
+}
 
 class Interrupted : public OnContainer {
 protected:

@@ -34,9 +34,7 @@ TEST_P(Loading, FirstReportsOfALoadAreTheBuildDateOnBothChannels)
 TEST_P(Loading, WholeLifeReportsEachCallbackInOrderAndLeavesNothing)
 {
     DriverFixture fixture(GetParam(), {.boots = false});
-    fixture.Load();
-    ASSERT_EQ(fixture.driver->AddDevice(), STATUS_SUCCESS);
-    fixture.Start();
+    fixture.Boot();
     EXPECT_EQ(fixture.driver->Sleep(), STATUS_SUCCESS);
     EXPECT_EQ(fixture.driver->Wake(), STATUS_SUCCESS);
     fixture.TakeDown();

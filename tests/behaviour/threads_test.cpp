@@ -32,67 +32,6 @@ void InEachView(unsigned workers, const std::function<void(const FixtureOptions&
     }
 }
 
-constexpr unsigned kPosters = 4;
-constexpr ULONG kPostsEach = 200;
-
-TEST_P(Threads, PostsOfManyThreadsAllArriveInEachPostersOrder)
-{
-    InEachView(3, [](const FixtureOptions& options) {
-        DriverFixture fixture(GetParam(), options);
-        std::deque<Peer> posters;
-        Peer subscriber(100);
-        ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
-        for (unsigned number = 1; number <= kPosters; ++number) {
-            ASSERT_EQ(fixture.Register(posters.emplace_back(number)), STATUS_SUCCESS);
-            ASSERT_EQ(fixture.Post(posters.back(), 1), STATUS_SUCCESS);
-        }
-        fixture.machine.WaitForWorkItems();
-        for (Peer& poster : posters) {
-            ASSERT_EQ(fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
-        }
-        subscriber.deliveries.clear();
-
-        std::vector<std::thread> threads;
-        std::atomic<unsigned> refused{0};
-        for (Peer& poster : posters) {
-            threads.emplace_back([&fixture, &poster, &refused] {
-                for (ULONG state = 100; state < 100 + kPostsEach; ++state) {
-                    refused += fixture.Post(poster, state) == STATUS_SUCCESS ? 0 : 1;
-                }
-            });
-        }
-        // Others register, subscribe and deregister meanwhile.
-        threads.emplace_back([&fixture, &posters, &refused] {
-            for (ULONG number = 200; number < 240; ++number) {
-                Peer passing(number);
-                refused += fixture.Register(passing) == STATUS_SUCCESS ? 0 : 1;
-                refused += fixture.Subscribe(passing, posters.front(), 1) == STATUS_SUCCESS ? 0 : 1;
-                refused += fixture.Leave(passing) == STATUS_SUCCESS ? 0 : 1;
-            }
-        });
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        fixture.machine.WaitForWorkItems();
-        EXPECT_EQ(refused, 0u);
-        EXPECT_EQ(subscriber.deliveries.size(), std::size_t{kPosters} * kPostsEach);
-        std::map<ULONG, ULONG> last;
-        for (const ZepState& state : subscriber.deliveries) {
-            EXPECT_GT(state.State, last[state.InterfaceGUID.Data1]);
-            last[state.InterfaceGUID.Data1] = state.State;
-        }
-        EXPECT_EQ(fixture.Alive(kStateContextName), 0u);
-    });
-}
-
-// Counts and does not record: its callbacks run on several threads.
-void CountCalls(CrashDumpDriver& crashDump, std::atomic<unsigned>& announced, std::atomic<unsigned>& dumps)
-{
-    crashDump.onAdd = [&announced](const ZEP_SUBSYSTEM_DESCRIPTOR&) { return ++announced, STATUS_SUCCESS; };
-    crashDump.onRemove = [](const ClientContext&) { return STATUS_SUCCESS; };
-    crashDump.onDump = [&dumps](const CrashDumpDriver::DumpCall&) { return ++dumps, STATUS_SUCCESS; };
-}
-
 using Act = std::function<NTSTATUS(ULONG turn)>;
 
 // Each on a thread of its own, so many times, all from one moment on; what they queue is done. How many were refused.
@@ -114,6 +53,62 @@ unsigned AllAtOnce(DriverFixture& fixture, ULONG turns, const std::vector<Act>& 
     }
     fixture.machine.WaitForWorkItems();
     return refused;
+}
+
+// A client that registers, does something, and deregisters.
+NTSTATUS PassBy(DriverFixture& fixture, ULONG number, const std::function<NTSTATUS(Peer&)>& act)
+{
+    Peer passing(number);
+    NTSTATUS status = fixture.Register(passing);
+    status = status == STATUS_SUCCESS ? act(passing) : status;
+    return status == STATUS_SUCCESS ? fixture.Leave(passing) : status;
+}
+
+constexpr unsigned kPosters = 4;
+constexpr ULONG kPostsEach = 200;
+
+TEST_P(Threads, PostsOfManyThreadsAllArriveInEachPostersOrder)
+{
+    InEachView(3, [](const FixtureOptions& options) {
+        DriverFixture fixture(GetParam(), options);
+        std::deque<Peer> posters;
+        Peer subscriber(100);
+        ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
+        for (unsigned number = 1; number <= kPosters; ++number) {
+            ASSERT_EQ(fixture.Register(posters.emplace_back(number)), STATUS_SUCCESS);
+            ASSERT_EQ(fixture.Post(posters.back(), 1), STATUS_SUCCESS);
+        }
+        fixture.machine.WaitForWorkItems();
+        for (Peer& poster : posters) {
+            ASSERT_EQ(fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
+        }
+        subscriber.deliveries.clear();
+
+        std::vector<Act> acts;
+        for (Peer& poster : posters) {
+            acts.push_back([&](ULONG turn) { return fixture.Post(poster, 100 + turn); });
+        }
+        // Others register, subscribe and deregister meanwhile.
+        acts.push_back([&](ULONG turn) {
+            return PassBy(fixture, 200 + turn, [&](Peer& peer) { return fixture.Subscribe(peer, posters.front(), 1); });
+        });
+        EXPECT_EQ(AllAtOnce(fixture, kPostsEach, acts), 0u);
+        EXPECT_EQ(subscriber.deliveries.size(), std::size_t{kPosters} * kPostsEach);
+        std::map<ULONG, ULONG> last;
+        for (const ZepState& state : subscriber.deliveries) {
+            EXPECT_GT(state.State, last[state.InterfaceGUID.Data1]);
+            last[state.InterfaceGUID.Data1] = state.State;
+        }
+        EXPECT_EQ(fixture.Alive(kStateContextName), 0u);
+    });
+}
+
+// Counts and does not record: its callbacks run on several threads.
+void CountCalls(CrashDumpDriver& crashDump, std::atomic<unsigned>& announced, std::atomic<unsigned>& dumps)
+{
+    crashDump.onAdd = [&announced](const ZEP_SUBSYSTEM_DESCRIPTOR&) { return ++announced, STATUS_SUCCESS; };
+    crashDump.onRemove = [](const ClientContext&) { return STATUS_SUCCESS; };
+    crashDump.onDump = [&dumps](const CrashDumpDriver::DumpCall&) { return ++dumps, STATUS_SUCCESS; };
 }
 
 // All that clients may do at once: posts, commands, subscriptions, registrations, removals, the broadcast, dumps at a
@@ -144,9 +139,7 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
                                      : fixture.Unsubscribe(other, poster, ZEP_STATE_ANY);
             },
             [&](ULONG turn) {
-                Peer passing(1000 + turn);
-                const NTSTATUS status = fixture.Register(passing);
-                return status == STATUS_SUCCESS ? fixture.Leave(passing) : status;
+                return PassBy(fixture, 1000 + turn, [](Peer&) { return STATUS_SUCCESS; });
             },
             [&](ULONG turn) {
                 fixture.machine.NotifyPowerState(3, turn % 2);
@@ -215,9 +208,7 @@ TEST_P(Threads, TheCrashDumpDriverAttachesAndDetaches)
                      return turn % 2 == 0 ? fixture.Subscribe(other, poster, 7) : fixture.Unsubscribe(other, poster, 7);
                  },
                  [&](ULONG turn) {
-                     Peer passing(1000 + turn);
-                     const NTSTATUS status = fixture.Register(passing);
-                     return status == STATUS_SUCCESS ? fixture.Leave(passing) : status;
+                     return PassBy(fixture, 1000 + turn, [](Peer&) { return STATUS_SUCCESS; });
                  },
                  [&](ULONG turn) { return fixture.Send(poster, other, turn); }});
             // Somebody new each time, so that there is something to announce.
@@ -233,10 +224,7 @@ TEST_P(Threads, TheCrashDumpDriverAttachesAndDetaches)
                  [&](ULONG turn) { return fixture.Post(guest, 1 + turn); },
                  [&](ULONG turn) { return fixture.Post(poster, 100 + turn); },
                  [&](ULONG turn) {
-                     Peer passing(1000 + turn);
-                     NTSTATUS status = fixture.Register(passing);
-                     status = status == STATUS_SUCCESS ? fixture.Post(passing, 1) : status;
-                     return status == STATUS_SUCCESS ? fixture.Leave(passing) : status;
+                     return PassBy(fixture, 1000 + turn, [&](Peer& peer) { return fixture.Post(peer, 1); });
                  },
                  [&](ULONG) {
                      ULONG count = 0;

@@ -60,9 +60,7 @@ TEST_P(Reporting, EventLevelsSelectAsTheSystemDefinesThem)
         SCOPED_TRACE(int{row.level});
         DriverFixture fixture(GetParam(), {.records = false, .boots = false});
         fixture.machine.tracing().OpenEventSession({kProviderGuid, row.level});
-        fixture.Load();
-        ASSERT_EQ(fixture.driver->AddDevice(), STATUS_SUCCESS);
-        fixture.Start();
+        fixture.Boot();
         LiveALittle(fixture);
         fixture.TakeDown();
         EXPECT_EQ(EventIds(fixture), row.ids);
@@ -135,9 +133,7 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
                                             << static_cast<int>(route));
             DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = route}, .records = false, .boots = false});
             fixture.machine.tracing().OpenMessageSession({kControlGuid, row.level, row.flags});
-            fixture.Load();
-            ASSERT_EQ(fixture.driver->AddDevice(), STATUS_SUCCESS);
-            fixture.Start();
+            fixture.Boot();
             LiveALittle(fixture);
             fixture.TakeDown();
             std::set<unsigned> numbers;

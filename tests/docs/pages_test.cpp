@@ -2,6 +2,7 @@
 // every status, prohibition and error event stands in docs/troubleshooting.md with a scenario that shows it.
 #include "host/tracing/decode.h"
 #include "tests/docs/text_files.h"
+#include "tests/kit/settings.h"
 #include "tests/play/played.h"
 #include "tools/play/diagram.h"
 #include "tools/play/perfetto.h"
@@ -16,12 +17,6 @@ namespace tests {
 namespace {
 
 using Pairs = std::set<std::pair<std::string, std::string>>;
-
-#if defined(__x86_64__)
-const std::filesystem::path kImage = kRoot / "out/x64/zepn.sys";
-#else
-const std::filesystem::path kImage = kRoot / "out/arm64/zepn.sys";
-#endif
 
 // What a played scenario showed.
 class Shown final : public play::Observer {
@@ -48,8 +43,9 @@ private:
     std::map<std::string, std::vector<std::string>> open_;
 };
 
-const play::PlayOptions kOptions = {
-    .image = kImage, .decodingFiles = kRoot / "out" / "manifest", .eventLevel = std::uint8_t{3}};
+const play::PlayOptions kOptions = {.image = kRoot / "out" / kMachine / "zepn.sys",
+                                    .decodingFiles = kRoot / "out" / "manifest",
+                                    .eventLevel = std::uint8_t{3}};
 
 // Plays a scenario once, which must end as it expects.
 const Shown& Play(const std::filesystem::path& file)

@@ -2,7 +2,6 @@
 #include "host/tracing/capture_file.h"
 #include "host/tracing/decode.h"
 #include "tests/fuzz/kinds.h"
-#include "tests/fuzz/read_as_file.h"
 
 #include <algorithm>
 #include <cstring>

@@ -3,7 +3,7 @@
 #include "host/image/image.h"
 #include "host/machine.h"
 #include "tests/fuzz/kinds.h"
-#include "tests/fuzz/read_as_file.h"
+#include "tests/kit/settings.h"
 #include "tools/image_check/checks.h"
 
 #include <algorithm>
@@ -13,12 +13,6 @@ namespace fuzz {
 namespace {
 
 using image_check::PeReader;
-
-#if defined(__x86_64__)
-constexpr const char* kMachine = "x64";
-#else
-constexpr const char* kMachine = "arm64";
-#endif
 
 PeReader ReaderOf(const std::string& bytes)
 {
@@ -71,7 +65,7 @@ std::string ReadImage(const std::string& bytes)
 FileKind Images()
 {
     return {.name = "images",
-            .originals = [] { return ContentsOf(std::filesystem::path(ZEPN_ROOT) / "out" / kMachine, ".sys"); },
+            .originals = [] { return ContentsOf(std::filesystem::path(ZEPN_ROOT) / "out" / tests::kMachine, ".sys"); },
             .words = {},
             .mutate = MutateHeaders,
             .read = ReadImage,

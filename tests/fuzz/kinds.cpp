@@ -4,6 +4,8 @@
 #include <fstream>
 #include <iterator>
 
+#include <unistd.h>
+
 namespace fuzz {
 
 const std::vector<FileKind>& FileKinds()
@@ -27,6 +29,26 @@ std::vector<std::string> ContentsOf(const std::filesystem::path& folder, const s
         contents.emplace_back(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
     }
     return contents;
+}
+
+std::string ReadAsFile(const std::string& bytes, const std::function<void(const std::filesystem::path&)>& read)
+{
+    const std::filesystem::path file =
+        std::filesystem::temp_directory_path() / ("zepn-fuzzed-" + std::to_string(getpid()));
+    std::ofstream(file, std::ios::binary) << bytes;
+    std::string sentence;
+    try {
+        read(file);
+    } catch (const std::exception& error) {
+        sentence = error.what();
+    }
+    std::filesystem::remove(file);
+    for (const std::string& name : {file.string(), file.filename().string()}) {
+        if (sentence.starts_with(name)) {
+            return kFileName + sentence.substr(name.size());
+        }
+    }
+    return sentence;
 }
 
 }  // namespace fuzz

@@ -25,4 +25,9 @@ namespace fuzz {
 // The contents of a folder's files with this extension, in the order of their names.
 [[nodiscard]] std::vector<std::string> ContentsOf(const std::filesystem::path& folder, const std::string& extension);
 
+// Gives the bytes to a reader as a file of this process. Empty when the reader accepts it, else the sentence of the
+// exception, which begins with kFileName where it begins with the file's own name.
+[[nodiscard]] std::string ReadAsFile(const std::string& bytes,
+                                     const std::function<void(const std::filesystem::path&)>& read);
+
 }  // namespace fuzz

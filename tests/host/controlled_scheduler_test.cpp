@@ -68,15 +68,9 @@ unsigned RunCircle(ControlledScheduler& scheduler)
     FaultyDriverFixture fixture;
     const WDFWAITLOCK first = NewLock();
     const WDFWAITLOCK second = NewLock();
-    const auto takeBoth = [](WDFWAITLOCK outer, WDFWAITLOCK inner) {
-        (void)WdfWaitLockAcquire(outer, nullptr);
-        (void)WdfWaitLockAcquire(inner, nullptr);
-        WdfWaitLockRelease(inner);
-        WdfWaitLockRelease(outer);
-    };
     unsigned parked = 0;
     for (const host::Outcome& outcome : scheduler.Run(
-             fixture.machine, {{"one", [&] { takeBoth(first, second); }}, {"two", [&] { takeBoth(second, first); }}})) {
+             fixture.machine, {{"one", [&] { TakeBoth(first, second); }}, {"two", [&] { TakeBoth(second, first); }}})) {
         parked += outcome.parked ? 1 : 0;
     }
     EXPECT_EQ(fixture.machine.violations().Take(Rule::kLockOrder).size(), 1u);

@@ -156,6 +156,21 @@ WDFWAITLOCK NewLock()
     return lock;
 }
 
+WDFSPINLOCK NewSpinLock()
+{
+    WDFSPINLOCK lock = nullptr;
+    EXPECT_EQ(WdfSpinLockCreate(nullptr, &lock), STATUS_SUCCESS);
+    return lock;
+}
+
+void TakeBoth(WDFWAITLOCK outer, WDFWAITLOCK inner)
+{
+    (void)WdfWaitLockAcquire(outer, nullptr);
+    (void)WdfWaitLockAcquire(inner, nullptr);
+    WdfWaitLockRelease(inner);
+    WdfWaitLockRelease(outer);
+}
+
 WDFCOLLECTION NewCollection()
 {
     WDFCOLLECTION collection = nullptr;

@@ -91,6 +91,9 @@ extern std::string failingStep;
 [[nodiscard]] WDF_OBJECT_ATTRIBUTES Attributes(WDFOBJECT parent = nullptr);
 [[nodiscard]] WDFOBJECT NewObject(WDFOBJECT parent = nullptr);
 [[nodiscard]] WDFWAITLOCK NewLock();
+[[nodiscard]] WDFSPINLOCK NewSpinLock();
+// And gives them back.
+void TakeBoth(WDFWAITLOCK outer, WDFWAITLOCK inner);
 [[nodiscard]] PCALLBACK_OBJECT OpenPowerState();
 [[nodiscard]] WDFCOLLECTION NewCollection();
 

@@ -1,4 +1,4 @@
-// Timers: when they come due, at which level they call, and what stops them.
+// Timers: when they come due, at which level they call, and what stops them; and the clock that they are on.
 #include "host/kernel/kernel.h"
 #include "tests/host/faulty_driver_fixture.h"
 
@@ -203,7 +203,7 @@ TEST_F(Timers, ShowWhatMayNotBeDoneWithThem)
     static WDFWAITLOCK waitLock;
     static WDFSPINLOCK spinLock;
     waitLock = NewLock();
-    ASSERT_EQ(WdfSpinLockCreate(nullptr, &spinLock), STATUS_SUCCESS);
+    spinLock = NewSpinLock();
     const auto rulesOf = [&](WDFTIMER timer, void (*callback)(WDFTIMER)) {
         g_inCallback = callback;
         WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(1));
@@ -233,7 +233,7 @@ TEST_F(Timers, ShowWhatMayNotBeDoneWithThem)
 TEST_F(Timers, WhoseCallbackHangsParkWhoWaitsForThem)
 {
     static WDFSPINLOCK spinLock;
-    ASSERT_EQ(WdfSpinLockCreate(nullptr, &spinLock), STATUS_SUCCESS);
+    spinLock = NewSpinLock();
     const WDFTIMER timer = New();
     g_inCallback = [](WDFTIMER) { WdfSpinLockAcquire(spinLock), WdfSpinLockAcquire(spinLock); };
     WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(1));
@@ -242,6 +242,59 @@ TEST_F(Timers, WhoseCallbackHangsParkWhoWaitsForThem)
     EXPECT_TRUE(Has(Park("stopper", [&] { WdfTimerStop(timer, TRUE); }), "waits for the callback of timer #1"));
     EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadlock});
     Abandon();
+}
+
+// ---- The clock itself: what is due runs at its moment and in order, however far one move goes ----
+
+using host::kernel::Clock;
+using host::kernel::TimeUnits;
+
+TEST(Clock, RunsWhatIsDueAtItsMomentAndInOrder)
+{
+    Clock clock;
+    std::vector<std::pair<std::string, TimeUnits>> ran;
+    const auto note = [&](const std::string& what) { return [&, what] { ran.emplace_back(what, clock.Now()); }; };
+    clock.Schedule(30, note("third"));
+    clock.Schedule(10, note("first"));
+    clock.Schedule(10, note("second"));
+    const std::uint64_t dropped = clock.Schedule(20, note("dropped"));
+    // Due within the same move, as a periodic timer is.
+    clock.Schedule(40, [&] { clock.Schedule(clock.Now() + 5, note("again")); });
+    EXPECT_TRUE(clock.Cancel(dropped));
+    EXPECT_FALSE(clock.Cancel(dropped));
+    EXPECT_EQ(clock.NextMoment(), 10);
+
+    clock.Advance(100);
+    using Row = std::pair<std::string, TimeUnits>;
+    EXPECT_EQ(ran, (std::vector<Row>{{"first", 10}, {"second", 10}, {"third", 30}, {"again", 45}}));
+    EXPECT_EQ(clock.Now(), 100);
+    EXPECT_EQ(clock.NextMoment(), std::nullopt);
+}
+
+TEST(Clock, NeverGoesBackAlsoWhenWhatIsDueMovesIt)
+{
+    Clock clock;
+    TimeUnits seen = 0;
+    clock.Schedule(10, [&] { clock.Advance(50); });
+    clock.Schedule(20, [&] { seen = clock.Now(); });
+    clock.AdvanceTo(30);
+    EXPECT_EQ(seen, 20);
+    EXPECT_EQ(clock.Now(), 60);
+    clock.AdvanceTo(5);
+    EXPECT_EQ(clock.Now(), 60);
+    bool isRun = false;
+    clock.Schedule(1, [&] { isRun = true; });  // over already: at the next move
+    clock.Advance(0);
+    EXPECT_TRUE(isRun);
+}
+
+TEST(Clock, TakesDueTimesAsDriversGiveThem)
+{
+    Clock clock;
+    clock.Advance(1000);
+    EXPECT_EQ(clock.MomentOf(-500), 1500);                    // relative
+    EXPECT_EQ(clock.MomentOf(clock.SystemTime() + 7), 1007);  // absolute
+    EXPECT_LT(clock.MomentOf(0), 0);
 }
 
 }  // namespace

@@ -89,17 +89,11 @@ TEST_F(WaitLocks, ADeclaredOrderIsHeldToFromTheFirstTime)
     machine.RankLock(outer, 1);
     machine.RankLock(beside, 1);
     machine.RankLock(inner, 2);
-    const auto takeBoth = [](WDFWAITLOCK one, WDFWAITLOCK other) {
-        (void)WdfWaitLockAcquire(one, nullptr);
-        (void)WdfWaitLockAcquire(other, nullptr);
-        WdfWaitLockRelease(other);
-        WdfWaitLockRelease(one);
-    };
-    takeBoth(outer, inner);
-    takeBoth(NewLock(), outer);  // of no rank: free
+    TakeBoth(outer, inner);
+    TakeBoth(NewLock(), outer);  // of no rank: free
     EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
-    takeBoth(inner, outer);
-    takeBoth(outer, beside);
+    TakeBoth(inner, outer);
+    TakeBoth(outer, beside);
     EXPECT_EQ(TakeRules(), (std::vector{Rule::kLockOrder, Rule::kLockOrder}));
     EXPECT_TRUE(Has(Text(), "of rank 1 is taken while"));
     EXPECT_THROW(machine.RankLock(reinterpret_cast<WDFWAITLOCK>(NewObject()), 1), host::HostError);

@@ -3,23 +3,18 @@
 #include "host/image/exports.h"
 #include "host/image/image.h"
 #include "tests/image/damage.h"
+#include "tests/kit/settings.h"
 
 #include <dlfcn.h>
 
 namespace tests {
 namespace {
 
-#if defined(__x86_64__)
-constexpr const char* kOwnMachine = "x64";
-constexpr const char* kOtherMachine = "arm64";
-#else
-constexpr const char* kOwnMachine = "arm64";
-constexpr const char* kOtherMachine = "x64";
-#endif
+constexpr const char* kOtherMachine = std::string_view(kMachine) == "x64" ? "arm64" : "x64";
 
 class Loader : public testing::Test {
 protected:
-    const PeReader good = PeReader::FromFile(PathOf(kOwnMachine));
+    const PeReader good = PeReader::FromFile(PathOf(kMachine));
 
     // What the loader says of these bytes; empty when it takes them.
     std::string Refusal(Bytes bytes, bool checksumMended)
@@ -49,7 +44,7 @@ protected:
 void Loader::RegisterExports()
 {
     static const bool kDone = [] {
-        for (const image_check::ImportedModule& module : PeReader::FromFile(PathOf(kOwnMachine)).Imports()) {
+        for (const image_check::ImportedModule& module : PeReader::FromFile(PathOf(kMachine)).Imports()) {
             for (const std::string& name : module.names) {
                 static std::vector<std::unique_ptr<std::string>> kept;
                 kept.push_back(std::make_unique<std::string>(name));
@@ -109,7 +104,7 @@ TEST_F(Loader, ReplacesTheDefaultCookie)
     std::set<std::uint64_t> cookies = {0, kDefaultCookie};
     std::vector<std::unique_ptr<host::image::LoadedImage>> images;
     for (unsigned count = 0; count < 3; ++count) {
-        images.push_back(host::image::LoadedImage::Load(environment, PathOf(kOwnMachine)));
+        images.push_back(host::image::LoadedImage::Load(environment, PathOf(kMachine)));
         std::uint64_t cookie = 0;
         memcpy(&cookie, static_cast<const char*>(images.back()->base()) + cookieAddress, sizeof(cookie));
         EXPECT_TRUE(cookies.insert(cookie).second) << cookie;
@@ -131,7 +126,7 @@ TEST_F(Loader, RefusesImagesOfOtherMachinesAndOtherFiles)
 {
     host::Environment environment({});
     EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kOtherMachine)), host::HostError);
-    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kOwnMachine).replace_extension(".map")),
+    EXPECT_THROW((void)host::image::LoadedImage::Load(environment, PathOf(kMachine).replace_extension(".map")),
                  host::HostError);
     EXPECT_THROW((void)host::image::LoadedImage::Load(environment, "/nonexistent"), host::HostError);
 }

@@ -30,13 +30,7 @@ const host::tracing::MessageFormats& TheFormats()
 
 std::vector<Container> Containers()
 {
-    std::vector<Container> containers = {{"native", NativeDriver()}};
-#if defined(__x86_64__)
-    containers.push_back({"x64", OutFolder() + "/x64/zepn.sys"});
-#else
-    containers.push_back({"arm64", OutFolder() + "/arm64/zepn.sys"});
-#endif
-    return containers;
+    return {{"native", NativeDriver()}, {kMachine, OutFolder() + "/" + kMachine + "/zepn.sys"}};
 }
 
 std::string ContainerName(const testing::TestParamInfo<Container>& info)
@@ -53,9 +47,7 @@ DriverFixture::DriverFixture(const Container& container, FixtureOptions options)
         machine.tracing().OpenMessageSession({kControlGuid, 5, 3});
     }
     if (options_.boots) {
-        Load();
-        EXPECT_EQ(driver->AddDevice(), STATUS_SUCCESS);
-        Start();
+        Boot();
         (void)TakeReports();
         (void)TakeRecords();
     }
@@ -64,6 +56,13 @@ DriverFixture::DriverFixture(const Container& container, FixtureOptions options)
 void DriverFixture::Load()
 {
     driver = &machine.Load(container_.image, kService);
+}
+
+void DriverFixture::Boot()
+{
+    Load();
+    EXPECT_EQ(driver->AddDevice(), STATUS_SUCCESS);
+    Start();
 }
 
 void DriverFixture::Start()

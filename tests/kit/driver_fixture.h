@@ -48,7 +48,7 @@ inline void PrintTo(const Container& container, std::ostream* out)
 struct FixtureOptions {
     host::MachineOptions machine{};
     bool records = true;  // event and trace-message sessions at full level from before the load
-    bool boots = true;    // load, add, start
+    bool boots = true;
 };
 
 class DriverFixture {
@@ -65,6 +65,8 @@ public:
 
     void Load();
     void Start();
+    // Both, with the device added between.
+    void Boot();
 
     // Ends whatever still exists: device, driver. Called by the destructor too.
     void TakeDown();

@@ -3,6 +3,7 @@
 // Ends with 0 when driver and model agreed in all, 1 when a sequence failed, 2 for a wrong call.
 #include "host/environment.h"
 #include "tools/command_line/command_line.h"
+#include "tests/kit/settings.h"
 #include "tests/model/run.h"
 
 #include <chrono>
@@ -30,11 +31,7 @@ std::filesystem::path ImagePath(const std::string& choice)
 
 int main(int argumentCount, char** arguments)
 {
-#if defined(__x86_64__)
-    std::string image = "x64";
-#else
-    std::string image = "arm64";
-#endif
+    std::string image = tests::kMachine;
     model::Budget budget;
     budget.seed = static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()) % 1000000;
     std::string scenarioFile = "fuzz.json";

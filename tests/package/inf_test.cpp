@@ -1,15 +1,64 @@
 // Each INF of the package: one architecture, that of the image beside it, and the names that driver, image and install
 // script know too.
 #include "host/tracing/decode.h"
-#include "tests/package/inf.h"
+#include "tests/package/assembled.h"
 #include "tests/package/version_resource.h"
 
 #include <algorithm>
+#include <map>
 #include <regex>
 #include <set>
 
 namespace tests {
 namespace {
+
+// Sections by name; each its lines, cut at the first '='. A line without one has an empty second half.
+using Inf = std::map<std::string, std::vector<std::pair<std::string, std::string>>>;
+
+Inf ReadInf(const fs::path& file)
+{
+    Inf inf;
+    std::string section;
+    for (std::string line : LinesOf(ReadAll(file))) {
+        EXPECT_TRUE(line.ends_with('\r')) << file << ": " << line;
+        line = Trimmed(line);
+        if (line.empty() || line[0] == ';') {
+            continue;
+        }
+        if (line[0] == '[') {
+            section = line.substr(1, line.size() - 2);
+            EXPECT_TRUE(inf.emplace(section, Inf::mapped_type()).second) << section << " stands twice";
+            continue;
+        }
+        const std::size_t equals = line.find('=');
+        inf[section].emplace_back(Trimmed(line.substr(0, equals)),
+                                  equals == std::string::npos ? "" : Trimmed(line.substr(equals + 1)));
+    }
+    return inf;
+}
+
+std::string Value(const Inf& inf, const std::string& section, const std::string& key)
+{
+    if (inf.contains(section)) {
+        for (const auto& [name, value] : inf.at(section)) {
+            if (name == key) {
+                return value;
+            }
+        }
+    }
+    ADD_FAILURE() << section << " lacks " << key;
+    return {};
+}
+
+std::vector<std::string> Parts(const std::string& list)
+{
+    std::vector<std::string> parts;
+    std::istringstream stream(list);
+    for (std::string part; std::getline(stream, part, ',');) {
+        parts.push_back(Trimmed(part));
+    }
+    return parts;
+}
 
 struct PackagedDriver {
     const char* name;
