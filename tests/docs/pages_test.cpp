@@ -117,50 +117,33 @@ Pairs StatusesOfHeader(const std::string& header)
     return statuses;
 }
 
-TEST(Troubleshooting, HoldsEachStatusOfTheHeaderWithAScenarioThatShowsIt)
-{
-    const Pairs expected = StatusesOfHeader(ReadAll(kRoot / "driver/include/zepn_notifier.h"));
-    EXPECT_GT(expected.size(), 40u);
-    Pairs found;
-    for (const auto& row : Rows(ReadAll(kRoot / "docs/troubleshooting.md"))) {
-        if (row.size() == 5 && row[1].starts_with("STATUS_")) {
-            found.insert({row[0], row[1]});
-            EXPECT_TRUE(PlayLinked(row).statuses.contains({row[0], row[1]})) << row[0] << " " << row[1];
-        }
-    }
-    EXPECT_EQ(found, expected);
-}
-
-TEST(Troubleshooting, HoldsEachProhibitionOfTheHeaderWithAScenarioThatShowsItsTrouble)
-{
-    const std::set<std::string> expected =
-        Matches(ReadAll(kRoot / "driver/include/zepn_notifier.h"), R"(\n//   (\[[a-z-]+\]) )");
-    EXPECT_GT(expected.size(), 5u);
-    std::set<std::string> found;
-    for (const auto& row : Rows(ReadAll(kRoot / "docs/troubleshooting.md"))) {
-        if (row[0].starts_with("[")) {
-            found.insert(row[0]);
-            EXPECT_TRUE(PlayLinked(row).hasFinding) << row[0];
-        }
-    }
-    EXPECT_EQ(found, expected);
-}
-
-TEST(Troubleshooting, HoldsEachErrorAndWarningEventWithAScenarioThatShowsIt)
+TEST(Troubleshooting, HoldsEachStatusProhibitionAndEventWithAScenarioThatShowsIt)
 {
     constexpr unsigned kWarning = 3;
-    std::set<std::string> expected;
+    const std::string header = ReadAll(kRoot / "driver/include/zepn_notifier.h");
+    Pairs expected = StatusesOfHeader(header);
+    EXPECT_GT(expected.size(), 40u);
+    for (const std::string& prohibition : Matches(header, R"(\n//   (\[[a-z-]+\]) )")) {
+        expected.insert({prohibition, ""});
+    }
+    EXPECT_GT(std::ranges::count(expected, "", &Pairs::value_type::second), 5);
     const host::tracing::Manifest manifest(kRoot / "out/manifest/zepn.man");
     for (const auto& [id, event] : manifest.events()) {
         if (event.level <= kWarning) {
-            expected.insert("event " + std::to_string(id));
+            expected.insert({"event " + std::to_string(id), ""});
         }
     }
-    std::set<std::string> found;
+    Pairs found;
     for (const auto& row : Rows(ReadAll(kRoot / "docs/troubleshooting.md"))) {
-        if (row[0].starts_with("event ")) {
-            found.insert(row[0]);
-            EXPECT_TRUE(PlayLinked(row).reports.contains(row[0])) << row[0];
+        const bool isStatus = row.size() == 5 && row[1].starts_with("STATUS_");
+        const bool isEvent = row[0].starts_with("event ");
+        if (isStatus || isEvent || row[0].starts_with("[")) {
+            const Shown& shown = PlayLinked(row);
+            const auto& [what, status] = *found.insert({row[0], isStatus ? row[1] : ""}).first;
+            EXPECT_TRUE(isStatus  ? shown.statuses.contains({what, status})
+                        : isEvent ? shown.reports.contains(what)
+                                  : shown.hasFinding)
+                << what << " " << status;
         }
     }
     EXPECT_EQ(found, expected);

@@ -38,24 +38,18 @@ protected:
         return {};
     }
 
-    static void RegisterExports();
-};
-
-void Loader::RegisterExports()
-{
-    static const bool kDone = [] {
-        for (const image_check::ImportedModule& module : PeReader::FromFile(PathOf(kMachine)).Imports()) {
+    // What the image imports; nothing of it is called.
+    static void RegisterExports()
+    {
+        static const std::vector<image_check::ImportedModule> imports = PeReader::FromFile(PathOf(kMachine)).Imports();
+        for (const image_check::ImportedModule& module : imports) {
             for (const std::string& name : module.names) {
-                static std::vector<std::unique_ptr<std::string>> kept;
-                kept.push_back(std::make_unique<std::string>(name));
-                const host::image::Export entry{kept.back()->c_str(), &kept};
+                const host::image::Export entry{name.c_str(), const_cast<std::string*>(&name)};
                 host::image::AddExports(module.name, std::span(&entry, 1));
             }
         }
-        return true;
-    }();
-    (void)kDone;
-}
+    }
+};
 
 TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
 {
