@@ -5,16 +5,8 @@
 namespace tests {
 namespace {
 
-class StackProtector : public OnContainer {};
-
-std::vector<Container> Images()
-{
-    std::vector<Container> images = Containers();
-    std::erase_if(images, [](const Container& container) { return std::string("native") == container.name; });
-    return images;
-}
-
-INSTANTIATE_TEST_SUITE_P(On, StackProtector, testing::ValuesIn(Images()), ContainerName);
+class StackProtector : public OnDriver {};
+INSTANTIATE_TEST_SUITE_P(On, StackProtector, testing::Values(Containers().back()), testing::PrintToStringParamName());
 
 // The cookie of a loaded image, by its load configuration.
 ULONG_PTR* CookieOf(const host::Driver& driver)
@@ -37,20 +29,19 @@ TEST_P(StackProtector, StopsAFunctionWhoseFrameWasOverwritten)
     GTEST_SKIP() << "the sanitizer itself ends the process";
 #endif
 #endif
-    DriverFixture fixture(GetParam());
-    Peer& subscriber = fixture.Join(1);
-    Peer& target = fixture.Join(2);
+    Peer& subscriber = Join(1);
+    Peer& target = Join(2);
     // To the function that calls back, another cookie is the same as another frame.
-    subscriber.onState = [&](const ZepState&, ULONG&) { *CookieOf(*fixture.driver) ^= 1; };
+    subscriber.onState = [&](const ZepState&, ULONG&) { *CookieOf(*driver) ^= 1; };
     const host::Outcome outcome =
-        fixture.machine.OnThread("subscriber", [&] { (void)fixture.Subscribe(subscriber, target, ZEP_STATE_ANY); });
+        machine.OnThread("subscriber", [&] { (void)Subscribe(subscriber, target, ZEP_STATE_ANY); });
     EXPECT_TRUE(outcome.parked);
-    const auto violations = fixture.machine.violations().Take(host::checks::Rule::kBugCheck);
+    const auto violations = machine.violations().Take(host::checks::Rule::kBugCheck);
     ASSERT_EQ(violations.size(), 1u);
     EXPECT_EQ(violations[0].message, "bugcheck 0x139 (0x2): the end of a stack frame was overwritten");
     EXPECT_TRUE(violations[0].caller.starts_with("zepn.sys!Notifier_HelperRegisterForStateNotification+"))
         << violations[0].caller;
-    fixture.Abandon();
+    Abandon();
 }
 
 }  // namespace

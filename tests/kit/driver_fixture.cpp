@@ -33,11 +33,6 @@ std::vector<Container> Containers()
     return {{"native", NativeDriver()}, {kMachine, OutFolder() + "/" + kMachine + "/zepn.sys"}};
 }
 
-std::string ContainerName(const testing::TestParamInfo<Container>& info)
-{
-    return info.param.name;
-}
-
 DriverFixture::DriverFixture(const Container& container, FixtureOptions options)
     : machine(options.machine), container_(container), options_(options), manifest_(TheManifest()),
       formats_(TheFormats())

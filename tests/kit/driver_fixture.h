@@ -34,8 +34,8 @@ inline void PrintTo(const Container& container, std::ostream* out)
 {
     *out << container.name;
 }
+// The native driver, and the image of this machine.
 [[nodiscard]] std::vector<Container> Containers();
-[[nodiscard]] std::string ContainerName(const testing::TestParamInfo<Container>& info);
 
 // The files that decode the driver's reports, read once in a process.
 [[nodiscard]] const host::tracing::Manifest& TheManifest();
@@ -43,7 +43,7 @@ inline void PrintTo(const Container& container, std::ostream* out)
 
 // Registers a suite of cases for all containers.
 #define FOR_ALL_CONTAINERS(suite)                                                                                      \
-    INSTANTIATE_TEST_SUITE_P(On, suite, testing::ValuesIn(::tests::Containers()), ::tests::ContainerName)
+    INSTANTIATE_TEST_SUITE_P(On, suite, testing::ValuesIn(::tests::Containers()), testing::PrintToStringParamName())
 
 struct FixtureOptions {
     host::MachineOptions machine{};
