@@ -73,8 +73,8 @@ double TimeOfBaseline(const BaselineKind& kind, unsigned subscribers, bool isQui
 const std::vector<BaselineKind>& Baselines()
 {
     static const std::vector<BaselineKind> kinds = {
-        {"Boost.Signals2 with a queue and a worker", MakeSignals2, 256},
-        {"libsigc++ with a queue and a worker", MakeSigcpp, 256},
+        {"Boost.Signals2 with a queue and a worker", MakeSignals2, 256, true},
+        {"libsigc++ with a queue and a worker", MakeSigcpp, 256, true},
         {"ZeroMQ, in-process publish and subscribe", MakeZeroMq, 256},
         {"GLib main-context sources", MakeGlib, 256},
         {"a message bus (D-Bus), for scale", MakeMessageBus, 16, true},

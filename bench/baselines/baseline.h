@@ -49,7 +49,7 @@ struct BaselineKind {
     const char* name;
     std::unique_ptr<Baseline> (*make)(unsigned subscribers);
     std::uint64_t burst;      // posts between two waits for the last delivery
-    bool isForScale = false;  // another kind of thing: no goal
+    bool isForScale = false;  // another kind of thing, a call or a process away: no goal
 };
 
 [[nodiscard]] const std::vector<BaselineKind>& Baselines();

@@ -57,6 +57,9 @@ NTSTATUS CheckAttributes(const WDF_OBJECT_ATTRIBUTES* attributes, ObjectType typ
     if ((level == WdfExecutionLevelPassive || level == WdfExecutionLevelDispatch) && !MayHaveLevel(type)) {
         return STATUS_WDF_EXECUTION_LEVEL_INVALID;
     }
+    if (attributes->ContextSizeOverride > Environment::Current().options.poolBytesMaximum) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     return STATUS_SUCCESS;
 }
 

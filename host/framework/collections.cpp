@@ -184,8 +184,12 @@ WDFOBJECT NTAPI CollectionGetFirstItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
-    return collection == nullptr || collection->items().empty() ? nullptr : collection->items().front()->handle;
+    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
+    if (collection == nullptr || collection->items().empty()) {
+        return nullptr;
+    }
+    collection->CountSteps(1);
+    return collection->items().front()->handle;
 }
 
 WDFOBJECT NTAPI CollectionGetLastItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
@@ -196,8 +200,12 @@ WDFOBJECT NTAPI CollectionGetLastItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
     }
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
-    const auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
-    return collection == nullptr || collection->items().empty() ? nullptr : collection->items().back()->handle;
+    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
+    if (collection == nullptr || collection->items().empty()) {
+        return nullptr;
+    }
+    collection->CountSteps(1);
+    return collection->items().back()->handle;
 }
 
 }  // namespace functions

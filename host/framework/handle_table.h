@@ -24,6 +24,7 @@ struct Slot {
     // Who has the lock that the object is or has, 0: nobody. It outlives the object, so whoever takes it may find the
     // object gone. A wait lock's is the ThreadState::id of its holder.
     std::atomic<std::uint64_t> owner{0};
+    std::atomic<const void*> takenAt{nullptr};  // where in an image; written by who takes a wait lock
     ObjectType type = ObjectType::kGeneral;
     const std::string* name = nullptr;  // of the first context's type
 };

@@ -49,7 +49,7 @@ std::vector<KeptLock> AbandonWaitLocks(const HandleTable& handles, const std::ve
         if (waitLock != nullptr && waitLock->Holder() == thread.id) {
             waitLock->abandoned = true;
             waitLock->abandonedBy = thread.name;
-            kept.push_back({Describe(*waitLock), waitLock->takenAt.load(std::memory_order_relaxed)});
+            kept.push_back({Describe(*waitLock), waitLock->slot->takenAt.load(std::memory_order_relaxed)});
         }
     }
     return kept;
@@ -87,8 +87,9 @@ std::string Subject(const WaitLockObject& waitLock)
 bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, const PlatformCall& call,
                    WaitLockObject& waitLock, std::optional<std::chrono::steady_clock::time_point> deadline)
 {
+    std::string subject;
     const schedule::Wait wait{
-        .subject = [text = Subject(waitLock)] { return text; },
+        .subject = [&] { return subject; },
         .isReady = [&] { return waitLock.Holder() == 0; },
         // It may be given back between two looks, without the mutex.
         .heldBy =
@@ -102,13 +103,17 @@ bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, con
     };
     ObjectTree::Reference(waitLock);  // whoever deletes it meanwhile shall not pull it from under us
     const schedule::Wake wake = framework.threads.Block(lock, wait);
-    const void* const takenAt = waitLock.takenAt.load(std::memory_order_relaxed);
+    const bool isForEver = wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever;
+    if (isForEver) {
+        subject = Subject(waitLock);
+    }
+    const void* const takenAt = waitLock.slot->takenAt.load(std::memory_order_relaxed);
     const bool isLast = waitLock.References() == 1;
     if (isLast) {
         call.Violation(Rule::kDeadHandle, Describe(waitLock) + " went while a thread waited for it");
     }
     framework.objects.Dereference(lock, waitLock);
-    if (wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever) {
+    if (isForEver) {
         framework.threads.ParkFor(lock, wait, wake, call.function(), call.caller(), takenAt);
     }
     return wake == schedule::Wake::kReady && !isLast;
@@ -153,7 +158,7 @@ std::optional<std::chrono::steady_clock::time_point> DeadlineOf(const LONGLONG* 
         }
     }
     waitLock->abandoned = false;
-    waitLock->takenAt.store(call.caller(), std::memory_order_relaxed);
+    waitLock->slot->takenAt.store(call.caller(), std::memory_order_relaxed);
     ++thread.criticalRegions;
     HeldLocks().push_back(waitLock->handle);
     schedule::Acquire(waitLock);
@@ -235,7 +240,7 @@ WaitLockObject* WaitLockAtOnce(const Slot* slot)
         return false;
     }
     locks.push_back(handle);
-    waitLock->takenAt.store(caller, std::memory_order_relaxed);
+    slot->takenAt.store(caller, std::memory_order_relaxed);
     ++thread.criticalRegions;
     return true;
 }

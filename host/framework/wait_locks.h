@@ -24,11 +24,10 @@ struct WaitLockObject final : Object {
     void OnFree(Framework& framework) override;
     void Show(ObjectSnapshot& view) const override { view.held = Holder() != 0; }
 
-    bool abandoned = false;                     // its holder's callback is over: nobody will give it back
-    std::string abandonedBy;                    // that thread's name
-    unsigned rank = 0;                          // in the declared order; 0: in none
-    std::uint64_t robbedId = 0;                 // whose hold a stranger's release ended
-    std::atomic<const void*> takenAt{nullptr};  // where in an image; written by who takes it
+    bool abandoned = false;      // its holder's callback is over: nobody will give it back
+    std::string abandonedBy;     // that thread's name
+    unsigned rank = 0;           // in the declared order; 0: in none
+    std::uint64_t robbedId = 0;  // whose hold a stranger's release ended
 
     // Locks under which this one was taken before, in an order that has been looked at; the rest is in the lock orders.
     std::array<std::atomic<WDFOBJECT>, 4> takenUnder{};

@@ -34,6 +34,10 @@ __attribute__((visibility("default"), used)) NTSTATUS NTAPI ExCreateCallback(PCA
         call.Violation(Rule::kBadParameter, "object attributes without a name or with a wrong length");
         return STATUS_INVALID_PARAMETER;
     }
+    if (!host::kernel::IsWellFormed(*attributes->ObjectName)) {
+        call.Violation(Rule::kBadParameter, "the name is no well-formed UNICODE_STRING");
+        return STATUS_OBJECT_NAME_INVALID;
+    }
     Kernel& kernel = Kernel::Current();
     const std::lock_guard lock(kernel.mutex);
     const std::string name = host::kernel::LowerCase(host::kernel::Narrow(*attributes->ObjectName));

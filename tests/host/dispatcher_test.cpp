@@ -246,6 +246,11 @@ TEST(Pool, GivesNullWhenItIsExhausted)
     EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, 60, kTag), nullptr);
     EXPECT_EQ(ExAllocatePoolWithTag(PagedPool, ~SIZE_T{0}, kTag), nullptr);
     ExFreePoolWithTag(first, kTag);
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
+    attributes.ContextSizeOverride = ~SIZE_T{0};
+    WDFOBJECT object = nullptr;
+    EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_INSUFFICIENT_RESOURCES);
     PVOID const second = ExAllocatePoolWithTag(PagedPool, 100, kTag);
     ASSERT_NE(second, nullptr);
     ExFreePoolWithTag(second, kTag);

@@ -233,7 +233,12 @@ TEST_F(StringObjects, AndOtherTextMustBeWholeCharactersWithinABuffer)
         EXPECT_EQ(WdfDeviceCreateDeviceInterface(device, &kSomeInterface, &malformed), STATUS_INVALID_PARAMETER);
         EXPECT_EQ(TakeRules(), std::vector<Rule>{}) << Text();
         WdfDeviceSetDeviceInterfaceState(device, &kSomeInterface, &malformed, FALSE);  // which can answer no status
-        EXPECT_EQ(TakeRules(), std::vector{Rule::kBadParameter});
+        PCALLBACK_OBJECT callback = nullptr;
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &malformed, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+        EXPECT_EQ(ExCreateCallback(&callback, &attributes, FALSE, TRUE), STATUS_OBJECT_NAME_INVALID);
+        EXPECT_EQ(MmGetSystemRoutineAddress(&malformed), nullptr);
+        EXPECT_EQ(TakeRules(), std::vector(3, Rule::kBadParameter));
     }
 }
 
