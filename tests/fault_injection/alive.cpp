@@ -17,7 +17,7 @@ std::string Joined(std::string text, const std::set<std::string>& words)
 
 std::string Text(const ObjectRecord& object)
 {
-    const std::string start = (object.deleted ? "deleted " : "") + object.kind;
+    const std::string start = (object.deleted ? "deleted " : "") + std::string(object.kind);
     const std::string number = " " + std::to_string(object.number);
     const std::string other = std::to_string(object.other);
     const std::string value = std::to_string(object.value);
@@ -39,28 +39,47 @@ std::string Text(const ObjectRecord& object)
 
 std::string Name(const ObjectRecord& object)
 {
-    return "<" + object.kind + (object.kind == "client" ? " " + std::to_string(object.number) : "") + ">";
+    return "<" + std::string(object.kind) + (object.kind == "client" ? " " + std::to_string(object.number) : "") + ">";
 }
 
-std::string SubscriptionText(const ObjectRecord& subscription)
+std::string ObjectAlive::Text() const
 {
-    return std::string(subscription.deleted ? " deleted " : " ") + std::to_string(subscription.other) + "@" +
-           std::to_string(subscription.value);
+    std::string text = fault_injection::Text(record) + (isSubscribed ? ", subscribed" : "");
+    for (const ObjectRecord& subscription : subscriptions) {
+        text += std::string(subscription.deleted ? " deleted " : " ") + std::to_string(subscription.other) + "@" +
+                std::to_string(subscription.value);
+    }
+    return text;
+}
+
+bool Alive::AreEqual(Alive one, Alive other)
+{
+    std::ranges::sort(one.objects);
+    std::ranges::sort(other.objects);
+    return one.objects == other.objects && one.collections == other.collections && one.counts == other.counts &&
+           one.heldLocks == other.heldLocks && one.queuedItems == other.queuedItems;
 }
 
 Lines Alive::Text() const
 {
-    Lines lines = objects;
+    Lines lines;
+    if (counts.empty()) {
+        return lines;
+    }
+    for (const ObjectAlive& object : objects) {
+        lines.push_back(object.Text() + " of " + std::string(object.parent) +
+                        (object.parent == "client" ? " " + std::to_string(object.client) : ""));
+    }
     std::sort(lines.begin(), lines.end());
     for (const auto& [name, items] : collections) {
-        std::string text = name + (items ? "" : " none");
-        for (const std::string& item : items.value_or(Lines{})) {
-            text += " [" + item + "]";
+        std::string text = std::string(name) + (items ? "" : " none");
+        for (const ObjectAlive& item : items.value_or(std::vector<ObjectAlive>{})) {
+            text += " [" + item.Text() + "]";
         }
         lines.push_back(text);
     }
     for (const auto& [name, count] : counts) {
-        lines.push_back(name + " " + std::to_string(count));
+        lines.push_back(std::string(name) + " " + std::to_string(count));
     }
     lines.push_back(Joined("held", heldLocks));
     lines.push_back(Joined("queued", queuedItems));

@@ -3,13 +3,15 @@
 
 #include "tests/fault_injection/sequence.h"
 
+#include <compare>
 #include <map>
 #include <set>
+#include <string_view>
 
 namespace fault_injection {
 
 struct ObjectRecord {
-    std::string kind;  // "client", "state", "collection" ...
+    std::string_view kind;  // "client", "state", "collection" ...; of a text that stays
     bool deleted = false;
     ULONG number = 0;   // client, poster, sender, subscriber
     ULONG other = 0;    // target
@@ -17,21 +19,35 @@ struct ObjectRecord {
     ULONG size = 0;     // of a state record
     ULONG added = 0;    // announced to the crash-dump driver
     ULONG refresh = 0;  // to be announced again
+
+    auto operator<=>(const ObjectRecord&) const = default;
 };
 [[nodiscard]] std::string Text(const ObjectRecord& object);
 // As reports name it: "<client 3>", "<state>".
 [[nodiscard]] std::string Name(const ObjectRecord& object);
-// " 1@3": what a subscription stands for in the list of its client's.
-[[nodiscard]] std::string SubscriptionText(const ObjectRecord& subscription);
+
+struct ObjectAlive {
+    ObjectRecord record;
+    bool isSubscribed = false;  // it has a collection of subscriptions
+    std::vector<ObjectRecord> subscriptions = {};
+    std::string_view parent = {};  // its kind
+    ULONG client = 0;              // the parent's number, where it is a client
+
+    auto operator<=>(const ObjectAlive&) const = default;
+    [[nodiscard]] std::string Text() const;  // without the parent
+};
 
 struct Alive {
-    Lines objects;                                            // each with its parent
-    std::map<std::string, std::optional<Lines>> collections;  // of the driver context; none: not created
-    std::map<std::string, std::int64_t> counts;
+    std::vector<ObjectAlive> objects;
+    // Of the driver context; none: not created.
+    std::map<std::string_view, std::optional<std::vector<ObjectAlive>>> collections;
+    std::map<std::string_view, std::int64_t> counts;
     std::set<std::string> heldLocks;
     std::set<std::string> queuedItems;
 
-    [[nodiscard]] Lines Text() const;
+    // Without the order of the objects. Two that are equal have the same text, which takes long to make.
+    [[nodiscard]] static bool AreEqual(Alive one, Alive other);
+    [[nodiscard]] Lines Text() const;  // nothing when no driver is loaded
 };
 
 }  // namespace fault_injection

@@ -102,26 +102,32 @@ Lines TracingLeftovers(const Fault& fault, unsigned struckCount)
 }  // namespace
 
 Comparison::Comparison(const tests::Container& container, const Plan& plan, std::set<Site>& sites)
-    : plan_(plan), reference_(plan.records != nullptr ? std::nullopt : plan.fault),
-      observed_(std::make_unique<ObservedRun>(
-          container, Options{.fault = plan.fault,
-                             .hideAt = plan.hideAt,
-                             .routes = plan.routes,
-                             .keepsRecords = !plan.fault || plan.records != nullptr,
-                             .onCall = [this](std::uint64_t number, const host::ObservedCall& call) {
-                                 if (KindOf(call.function) == FunctionKind::kFallible) {
-                                     numbers.push_back(number);
-                                 }
-                                 if (plan_.onCall) {
-                                     plan_.onCall(call, observed_->machine());
-                                 }
-                             }}))
+    : plan_(plan), sequence_(plan.sequence), reference_(plan.isInTracing ? std::nullopt : plan.fault)
 {
     const host::checks::CrashContext words([this, &container] {
         return std::string("fault injection on ") + container.name + ": " + plan_.Text() + "; " + Where() +
                ", platform call " + std::to_string(observed_ ? observed_->calls() : callCount);
     });
-    RunSequence(plan.sequence);
+    Options options{.fault = plan.fault,
+                    .hideAt = plan.hideAt,
+                    .routes = plan.routes,
+                    .keepsRecords = !plan.fault || plan.isInTracing,
+                    .onCall = {}};
+    if (!plan.fault || plan.onCall) {
+        options.onCall = [this](std::uint64_t number, const host::ObservedCall& call, FunctionKind kind) {
+            if (kind == FunctionKind::kFallible) {
+                numbers.push_back(number);
+            } else if (kind == FunctionKind::kTracing) {
+                ++tracingCalls_[call.function];
+            }
+            if (plan_.onCall) {
+                plan_.onCall(call, observed_->machine());
+            }
+        };
+    }
+    observed_ = std::make_unique<ObservedRun>(container, std::move(options));
+    RunUpToFault();
+    RunSequence();
     CompareRecords();
     if (difference.empty() && plan.fault && !HasStruck()) {
         difference = "  the fault was never reached";
@@ -135,7 +141,9 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
         observed_->machine().faults().Clear();
         reloaded_ = true;
         reference_ = reference_.Again();
-        RunSequence(ShortSequence());
+        sequence_ = ShortSequence();
+        index_ = 0;
+        RunSequence();
     }
     const std::size_t before = sites.size();
     sites.insert(observed_->sites().begin(), observed_->sites().end());
@@ -145,12 +153,47 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
     observed_.reset();
 }
 
-void Comparison::RunSequence(Sequence sequence)
+std::pair<std::size_t, unsigned> Comparison::PlaceOf(const Fault& fault) const
 {
-    sequence_ = std::move(sequence);
-    for (index_ = 0; index_ < sequence_.size() && difference.empty(); ++index_) {
+    const auto callsBefore = [&fault](const Start& start) {
+        const auto found = start.tracingCalls.find(fault.function);
+        return found != start.tracingCalls.end() ? found->second : start.reference.CallsOf(fault.function);
+    };
+    const auto after = std::ranges::upper_bound(starts_, fault.index, {}, callsBefore);
+    return {after - starts_.begin() - 1, callsBefore(*std::prev(after))};
+}
+
+void Comparison::RunUpToFault()
+{
+    if (plan_.whole == nullptr) {
+        observed_->Watch(0, 0);
+        return;
+    }
+    const auto [operation, callsBefore] = plan_.whole->PlaceOf(*plan_.fault);
+    const Start& start = plan_.whole->starts_[operation];
+    for (; index_ < operation; ++index_) {
+        if (plan_.whole->starts_[index_].isAllowed) {
+            observed_->RunUnwatched(sequence_[index_]);
+        }
+    }
+    reference_ = start.reference.With(plan_.isInTracing ? std::nullopt : plan_.fault);
+    if (plan_.isInTracing) {
+        const Lines& all = plan_.whole->records;
+        records.assign(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(start.recordCount));
+    }
+    observed_->Watch(start.callCount, callsBefore);
+}
+
+void Comparison::RunSequence()
+{
+    for (; index_ < sequence_.size() && difference.empty(); ++index_) {
         const Operation& operation = sequence_[index_];
-        if (!reference_.Allows(operation.kind)) {
+        const bool isAllowed = reference_.Allows(operation.kind);
+        if (!plan_.fault) {
+            starts_.push_back({isAllowed, observed_->calls(), observed_->records().size(), tracingCalls_,
+                               reference_.With(std::nullopt)});
+        }
+        if (!isAllowed) {
             continue;
         }
         const bool struckBefore = HasStruck();
@@ -180,13 +223,14 @@ std::string Comparison::Where() const
 
 void Comparison::CompareRecords()
 {
-    records = observed_->records();
+    records.insert(records.end(), observed_->records().begin(), observed_->records().end());
     std::size_t lostMessages = 0;
-    if (difference.empty() && plan_.records != nullptr) {
-        const Lines remaining = Remaining(*plan_.records, *plan_.fault, plan_.routes);
+    if (difference.empty() && plan_.isInTracing) {
+        const Lines& all = plan_.whole->records;
+        const Lines remaining = Remaining(all, *plan_.fault, plan_.routes);
         difference = FirstDifference(remaining, records);
         const bool areMessages = KindLost(*plan_.fault, plan_.routes) == 'M';
-        lostMessages = areMessages ? plan_.records->size() - remaining.size() : 0;
+        lostMessages = areMessages ? all.size() - remaining.size() : 0;
     }
     // An error event stands alone only where its message was lost.
     if (difference.empty() && observed_->badRecords().size() > lostMessages) {
@@ -197,9 +241,8 @@ void Comparison::CompareRecords()
 Step Comparison::Run(const Operation& operation)
 {
     Step expected = reference_.Run(operation);
-    // Up to the fault this sequence equals the one without, which is compared in full. Where a platform function fails,
-    // the model knows already whether it does so in this operation.
-    const bool isCompared = !plan_.fault || plan_.records != nullptr || reloaded_ || HasStruck();
+    // Where a platform function fails, the model knows already whether it does so in this operation.
+    const bool isCompared = !plan_.fault || plan_.isInTracing || reloaded_ || HasStruck();
     Step observed;
     try {
         observed = observed_->Run(operation, isCompared);
@@ -210,7 +253,7 @@ Step Comparison::Run(const Operation& operation)
     if (expected.status != observed.status) {
         difference += "\n    status " + expected.status + " expected, seen " + observed.status;
     }
-    if (isCompared && (plan_.records == nullptr || reloaded_)) {
+    if (isCompared && (!plan_.isInTracing || reloaded_)) {
         Compare("reports", expected.reports, observed.reports, difference);  // else by all records, at the end
     } else if (isCompared && operation.kind == Kind::kUnload) {
         expected.violations = TracingLeftovers(*plan_.fault, observed_->StruckCount());
@@ -226,7 +269,11 @@ Step Comparison::Run(const Operation& operation)
         difference += expected.ends ? "\n    it should hang" : "\n    it hangs";
     }
     if (!plan_.fault || reloaded_ || HasStruck()) {
-        Compare("alive", reference_.Alive(), observed_->Alive(), difference);
+        const Alive expectedAlive = reference_.Alive();
+        const Alive observedAlive = observed_->Alive();
+        if (!Alive::AreEqual(expectedAlive, observedAlive)) {
+            Compare("alive", expectedAlive.Text(), observedAlive.Text(), difference);
+        }
     }
     return expected;
 }

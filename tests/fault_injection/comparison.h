@@ -8,6 +8,8 @@
 
 namespace fault_injection {
 
+class Comparison;
+
 struct Plan {
     [[nodiscard]] std::string Text() const { return fault ? fault->Text() : "without a fault"; }
 
@@ -15,12 +17,13 @@ struct Plan {
     std::optional<Fault> fault = {};
     std::uint64_t hideAt = 0;
     host::TraceRoutes routes = host::TraceRoutes::kClassic;
-    const Lines* records =
-        nullptr;  // of the sequence without fault: the fault is in tracing, and only records may differ
+    bool isInTracing = false;           // the fault: only records may differ
+    const Comparison* whole = nullptr;  // of the sequence without a fault; null: all of it is compared anew
     std::function<void(const host::ObservedCall&, host::Machine&)> onCall = {};
 };
 
-// Runs one sequence and compares after each operation.
+// Runs one sequence and compares after each operation. Up to the fault's operation a sequence goes as without the fault,
+// where it has been compared: it only runs up to there.
 class Comparison {
 public:
     // Adds the sites that it reaches; a sequence that reaches new ones leaves its reports for the test that asks for all.
@@ -33,13 +36,25 @@ public:
     std::uint64_t callCount = 0;
 
 private:
-    void RunSequence(Sequence sequence);
+    // A sequence without a fault, before one of its operations.
+    struct Start {
+        bool isAllowed;
+        std::uint64_t callCount;
+        std::size_t recordCount;
+        std::map<std::string, unsigned, std::less<>> tracingCalls;
+        ReferenceModel reference;
+    };
+
+    // The operation in which a fault strikes, and how often its function is called before that.
+    [[nodiscard]] std::pair<std::size_t, unsigned> PlaceOf(const Fault& fault) const;
+    void RunUpToFault();
+    void RunSequence();
     Step Run(const Operation& operation);
     void CompareRecords();
     [[nodiscard]] std::string Where() const;  // the operation under way
     [[nodiscard]] bool HasStruck() const
     {
-        return plan_.records != nullptr ? observed_->StruckCount() != 0 : reference_.struck() != 0;
+        return plan_.isInTracing ? observed_->StruckCount() != 0 : reference_.struck() != 0;
     }
 
     const Plan& plan_;
@@ -48,6 +63,8 @@ private:
     bool reloaded_ = false;     // the fault is over, and the image has been loaded once more
     bool struckAtEnd_ = false;  // by removal or unload
     ReferenceModel reference_;
+    std::vector<Start> starts_;  // of a sequence without a fault, for each operation
+    std::map<std::string, unsigned, std::less<>> tracingCalls_;
     std::unique_ptr<ObservedRun> observed_;  // for as long as the sequence lasts: one machine at a time
 };
 

@@ -75,7 +75,7 @@ protected:
         }
         const Comparison comparison(GetParam().container, plan, sites_);
         if (plan.fault) {
-            statistics_.Count(*plan.fault, plan.records != nullptr);
+            statistics_.Count(*plan.fault, plan.isInTracing);
         }
         if (!comparison.difference.empty() && failures_++ < kShownFailures) {
             ADD_FAILURE() << plan.Text() << (plan.fault ? PathTo(plan) : "") << "\n" << comparison.difference;
@@ -113,7 +113,10 @@ void FaultInjection::FailEachCall(const Sequence& sequence, bool persistent)
             continue;
         }
         for (const FaultKind form : call.forms) {
-            Check({.sequence = sequence, .fault = Fault{call.function, index, persistent, form}, .hideAt = hideAt});
+            Check({.sequence = sequence,
+                   .fault = Fault{call.function, index, persistent, form},
+                   .hideAt = hideAt,
+                   .whole = &whole});
         }
     }
 }
@@ -136,13 +139,15 @@ void FaultInjection::FailTracing(const Sequence& sequence, host::TraceRoutes rou
                 Check({.sequence = sequence,
                        .fault = Fault{function, index, false, form},
                        .routes = routes,
-                       .records = &whole.records});
+                       .isInTracing = true,
+                       .whole = &whole});
             }
             if (!writes || index == 0) {
                 Check({.sequence = sequence,
                        .fault = Fault{function, index, true, form},
                        .routes = routes,
-                       .records = &whole.records});
+                       .isInTracing = true,
+                       .whole = &whole});
             }
         }
     }

@@ -3,6 +3,8 @@
 #include "tests/kit/one_report.h"
 #include "tests/kit/reports_seen.h"
 
+#include <unordered_map>
+
 namespace fault_injection {
 
 using host::framework::ObjectType;
@@ -28,9 +30,21 @@ host::checks::FaultForm HostForm(FaultKind form)
     }
 }
 
-bool ShowsDetail(const std::string& function)
+struct CalledFunction {
+    std::optional<FunctionKind> kind;
+    bool showsDetail;
+};
+
+// By where the host keeps its name, which is looked up at each platform call.
+const CalledFunction& FunctionOf(const char* name)
 {
-    return function == "WdfObjectGetTypedContextWorker" || function == "WdfObjectCreate";
+    static std::unordered_map<const char*, CalledFunction> known;
+    const auto [found, isNew] = known.try_emplace(name);
+    if (isNew) {
+        const std::string_view text = name;
+        found->second = {KindOf(text), text == "WdfObjectGetTypedContextWorker" || text == "WdfObjectCreate"};
+    }
+    return found->second;
 }
 
 // Whether function and words are those of one site alone; some functions say the same in two places.
@@ -70,15 +84,33 @@ ObservedRun::ObservedRun(const tests::Container& container, Options options)
     machine().SetRegistryValue(tests::kService, "SubsystemNotificationTimeout", kTimeoutMs);
     machine().tracing().OpenEventSession({kProviderGuid, 0});
     machine().tracing().OpenMessageSession({kControlGuid, 5, 3});
+}
+
+void ObservedRun::RunUnwatched(const Operation& operation)
+{
+    if (operation.kind == Kind::kDeliver) {
+        (void)machine().RunWorkItems();
+    } else {
+        (void)Do(operation);
+    }
+}
+
+void ObservedRun::Watch(std::uint64_t calls, unsigned callsOfFunction)
+{
+    callNumber_ = calls;
+    (void)machine().violations().Take();
     machine().tracing().SetListener(this);
     machine().environment().SetObserver([this](const host::ObservedCall& call) { OnCall(call); });
     if (options_.fault && options_.fault->function != "WdfGetDriver") {
         const Fault& fault = *options_.fault;
         machine().faults().Add({.function = fault.function,
-                                .skip = fault.index,
+                                .skip = fault.index - callsOfFunction,
                                 .count = fault.persistent ? host::checks::Fault::kSticky : 1,
                                 .form = HostForm(fault.form),
                                 .status = fault.Status()});
+    }
+    if (options_.hideAt != 0 && options_.hideAt <= callNumber_) {
+        machine().faults().onHideDriver(true);
     }
 }
 
@@ -103,19 +135,21 @@ void ObservedRun::OnCall(const host::ObservedCall& call)
             machine().faults().onHideDriver(false);
         }
     }
-    const std::optional<FunctionKind> kind = KindOf(call.function);
+    const auto& [kind, showsDetail] = FunctionOf(call.function);
     if (!kind) {
         step_.violations.push_back(std::string(call.function) + " is in no table");
     }
     if (kind == FunctionKind::kFallible) {
-        const bool detailed = ShowsDetail(call.function) && *call.detail != '\0';
-        step_.calls.push_back(std::string(call.function) + (detailed ? std::string(" ") + call.detail : ""));
+        std::string& line = step_.calls.emplace_back(call.function);
+        if (showsDetail && *call.detail != '\0') {
+            line.append(" ").append(call.detail);
+        }
     }
     if (std::string_view(call.function) == "KeDelayExecutionThread") {
         harness_.called.push_back(tests::lines::Wait(kTimeoutMs));
     }
     if (options_.onCall) {
-        options_.onCall(callNumber_, call);
+        options_.onCall(callNumber_, call, kind.value_or(FunctionKind::kCannotFail));
     }
 }
 

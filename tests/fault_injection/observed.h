@@ -29,7 +29,7 @@ struct Options {
     std::uint64_t hideAt = 0;  // the driver object is gone from this platform call (from 1) to the next; 0: never
     host::TraceRoutes routes = host::TraceRoutes::kClassic;
     bool keepsRecords = false;
-    std::function<void(std::uint64_t number, const host::ObservedCall&)> onCall;
+    std::function<void(std::uint64_t number, const host::ObservedCall&, FunctionKind)> onCall;
 };
 
 class ObservedRun final : host::tracing::Tracing::Listener {
@@ -39,9 +39,14 @@ public:
     ObservedRun(const ObservedRun&) = delete;
     ObservedRun& operator=(const ObservedRun&) = delete;
 
+    // Runs an operation whose outcome is known. None after Watch.
+    void RunUnwatched(const Operation& operation);
+    // Arms the fault and watches from now on, after so many platform calls, and so many of the function that fails.
+    void Watch(std::uint64_t calls, unsigned callsOfFunction);
+
     // Without reading its reports when nobody compares them: decoding takes a good part of a run's time.
     Step Run(const Operation& operation, bool readsReports = true);
-    [[nodiscard]] Lines Alive();
+    [[nodiscard]] fault_injection::Alive Alive();
 
     [[nodiscard]] unsigned StruckCount() const;
     [[nodiscard]] const std::set<Site>& sites() const { return sites_; }
@@ -62,7 +67,8 @@ private:
     void Deliver();
     [[nodiscard]] std::string NameOf(std::uint64_t handle);
     [[nodiscard]] ObjectRecord RecordOf(const host::framework::ObjectSnapshot& object);
-    [[nodiscard]] std::string Describe(const host::framework::ObjectSnapshot& object);
+    [[nodiscard]] ObjectAlive Describe(const host::framework::ObjectSnapshot& object,
+                                       const std::vector<host::framework::ObjectSnapshot>& all);
 
     Options options_;
     NTSTATUS dumpAnswer_ = STATUS_SUCCESS;  // of the crash-dump driver, to the operation under way

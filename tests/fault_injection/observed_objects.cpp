@@ -27,6 +27,13 @@ std::optional<T> ContextOf(const ObjectSnapshot& object, const char* typeName)
     return std::nullopt;
 }
 
+// By handle, among objects in the order of their creation, which is that of their handles; null when it is not there.
+const ObjectSnapshot* Find(const std::vector<ObjectSnapshot>& all, const void* handle)
+{
+    const auto found = std::ranges::lower_bound(all, handle, std::less<const void*>(), &ObjectSnapshot::handle);
+    return found != all.end() && found->handle == handle ? &*found : nullptr;
+}
+
 }  // namespace
 
 std::string ObservedRun::NameOf(std::uint64_t handle)
@@ -71,43 +78,47 @@ ObjectRecord ObservedRun::RecordOf(const ObjectSnapshot& object)
     return record;
 }
 
-std::string ObservedRun::Describe(const ObjectSnapshot& object)
+// Without its parent. `all` is every object.
+ObjectAlive ObservedRun::Describe(const ObjectSnapshot& object, const std::vector<ObjectSnapshot>& all)
 {
-    const auto inspect = machine().inspect();
-    std::string text = Text(RecordOf(object));
+    ObjectAlive described{.record = RecordOf(object)};
     const auto client = ContextOf<layout::ClientContext>(object, layout::kClientContextName);
-    const auto registrations = client ? inspect.Find(client->registrations) : std::nullopt;
-    text += registrations ? ", subscribed" : "";
-    for (const WDFOBJECT item : registrations ? registrations->items : std::vector<WDFOBJECT>()) {
-        text += SubscriptionText(RecordOf(*inspect.Find(item)));
+    const ObjectSnapshot* registrations = client ? Find(all, client->registrations) : nullptr;
+    if (registrations != nullptr) {
+        described.isSubscribed = true;
+        for (const WDFOBJECT item : registrations->items) {
+            described.subscriptions.push_back(RecordOf(*Find(all, item)));
+        }
     }
-    return text;
+    return described;
 }
 
-Lines ObservedRun::Alive()
+Alive ObservedRun::Alive()
 {
     if (harness_.driver == nullptr || !harness_.driver->IsLoaded()) {
         return {};
     }
     const auto inspect = machine().inspect();
-    const auto driver = inspect.Find(harness_.driver->Handle());
+    const std::vector<ObjectSnapshot> all = inspect.Objects();
+    const ObjectSnapshot* driver = Find(all, harness_.driver->Handle());
     const auto context = *inspect.Context<layout::DriverContext>(harness_.driver->Handle(), layout::kDriverContextName);
     fault_injection::Alive alive;
-    for (const ObjectSnapshot& object : inspect.Objects()) {
+    for (const ObjectSnapshot& object : all) {
         // The framework's own, as long as the device is started, are not the driver's.
         if (object.type != ObjectType::kDriver && object.type != ObjectType::kResourceList) {
-            const auto parent = inspect.Find(object.parent);
-            const ObjectRecord of = parent ? RecordOf(*parent) : ObjectRecord{.kind = "nobody"};
-            alive.objects.push_back(Describe(object) + " of " + of.kind +
-                                    (of.kind == "client" ? " " + std::to_string(of.number) : ""));
+            const ObjectSnapshot* parent = Find(all, object.parent);
+            const ObjectRecord of = parent != nullptr ? RecordOf(*parent) : ObjectRecord{.kind = "nobody"};
+            ObjectAlive& described = alive.objects.emplace_back(Describe(object, all));
+            described.parent = of.kind;
+            described.client = of.kind == "client" ? of.number : 0;
         }
     }
     for (const auto& [collection, name] : layout::CollectionsOf(context)) {
-        std::optional<Lines>& items = alive.collections[name];
-        if (const auto found = inspect.Find(collection)) {
+        std::optional<std::vector<ObjectAlive>>& items = alive.collections[name];
+        if (const ObjectSnapshot* found = Find(all, collection)) {
             items.emplace();
             for (const WDFOBJECT item : found->items) {
-                items->push_back(Describe(*inspect.Find(item)));
+                items->push_back(Describe(*Find(all, item), all));
             }
         }
     }
@@ -128,7 +139,7 @@ Lines ObservedRun::Alive()
                                      {context.generalLock, "general"},
                                      {context.statesLock, "states"},
                                      {context.notifyStatesLock, "states item"}}) {
-        if (const auto found = inspect.Find(lock); found && found->held) {
+        if (const ObjectSnapshot* found = Find(all, lock); found != nullptr && found->held) {
             alive.heldLocks.insert(name);
         }
     }
@@ -136,11 +147,11 @@ Lines ObservedRun::Alive()
                                      {context.notifyCommandsItem, "commands"},
                                      {context.removeItem, "remove"},
                                      {context.notifyStatesItem, "states"}}) {
-        if (const auto found = inspect.Find(item); found && found->queued) {
+        if (const ObjectSnapshot* found = Find(all, item); found != nullptr && found->queued) {
             alive.queuedItems.insert(name);
         }
     }
-    return alive.Text();
+    return alive;
 }
 
 }  // namespace fault_injection

@@ -1,6 +1,7 @@
 #include "tests/fault_injection/reference_model.h"
 
 #include <algorithm>
+#include <functional>
 #include <string_view>
 
 namespace fault_injection {
@@ -11,6 +12,49 @@ ReferenceModel ReferenceModel::Again() const
     again.leakedBlocks_ = leakedBlocks_ + poolBlocks_;
     again.secondDeletes_ = secondDeletes_;
     return again;
+}
+
+ReferenceModel ReferenceModel::With(std::optional<Fault> fault) const
+{
+    ReferenceModel model = *this;
+    model.fault_ = std::move(fault);
+    std::map<const ModelObject*, Ref> copies;
+    const std::function<void(Ref&)> copy = [&](Ref& object) {
+        if (object == nullptr) {
+            return;
+        }
+        const auto [found, isNew] = copies.try_emplace(object.get());
+        if (isNew) {
+            found->second = std::make_shared<ModelObject>(*object);
+            ModelObject& made = *found->second;
+            std::ranges::for_each(made.children, copy);
+            std::ranges::for_each(made.items, copy);
+            Ref registrations = made.registrations.lock();
+            copy(registrations);
+            made.registrations = registrations;
+        }
+        object = found->second;
+    };
+    for (std::weak_ptr<ModelObject>& weak : model.objects_) {
+        Ref object = weak.lock();
+        copy(object);
+        weak = object;
+    }
+    for (Ref* root : {&model.driver_, &model.addQueue_, &model.removeQueue_, &model.clients_, &model.states_,
+                      &model.commands_, &model.wpcd_}) {
+        copy(*root);
+    }
+    for (const auto& [original, made] : copies) {
+        const auto parent = copies.find(made->parent);
+        made->parent = parent != copies.end() ? parent->second.get() : nullptr;
+    }
+    return model;
+}
+
+unsigned ReferenceModel::CallsOf(std::string_view function) const
+{
+    const auto found = counts_.find(function);
+    return found == counts_.end() ? 0 : found->second;
 }
 
 bool ReferenceModel::Allows(Kind kind) const
@@ -90,19 +134,22 @@ void ReferenceModel::Sleep()
 
 namespace {
 
-std::string TextWithSubscriptions(const ModelObject& object)
+// Without its parent.
+ObjectAlive Described(const ModelObject& object)
 {
-    const Ref registrations = object.registrations.lock();
-    std::string text = Text(object) + (registrations != nullptr ? ", subscribed" : "");
-    for (const Ref& item : registrations != nullptr ? registrations->items : std::vector<Ref>()) {
-        text += SubscriptionText(*item);
+    ObjectAlive described{.record = object};
+    if (const Ref registrations = object.registrations.lock()) {
+        described.isSubscribed = true;
+        for (const Ref& item : registrations->items) {
+            described.subscriptions.push_back(*item);
+        }
     }
-    return text;
+    return described;
 }
 
 }  // namespace
 
-Lines ReferenceModel::Alive() const
+Alive ReferenceModel::Alive() const
 {
     if (!loaded_) {
         return {};
@@ -111,27 +158,26 @@ Lines ReferenceModel::Alive() const
     for (const auto& weak : objects_) {
         if (const Ref object = weak.lock()) {
             const ModelObject* parent = object->parent;
-            const std::string number =
-                parent != nullptr && parent->kind == "client" ? " " + std::to_string(parent->number) : "";
-            alive.objects.push_back(TextWithSubscriptions(*object) + " of " +
-                                    (parent == nullptr ? "nobody" : parent->kind + number));
+            ObjectAlive& described = alive.objects.emplace_back(Described(*object));
+            described.parent = parent == nullptr ? "nobody" : parent->kind;
+            described.client = described.parent == "client" ? parent->number : 0;
         }
     }
     for (const auto& [name, count] : others_) {
         const bool isOfDriver = name == "wait lock" || name == "device";
         alive.objects.insert(alive.objects.end(), static_cast<std::size_t>(count),
-                             name + (isOfDriver ? " of driver" : " of device"));
+                             {.record = {.kind = name}, .parent = isOfDriver ? "driver" : "device"});
     }
     for (const auto& [name, collection] : {std::pair("clients", clients_),
                                            {"add queue", addQueue_},
                                            {"remove queue", removeQueue_},
                                            {"states", states_},
                                            {"commands", commands_}}) {
-        std::optional<Lines>& items = alive.collections[name];
+        std::optional<std::vector<ObjectAlive>>& items = alive.collections[name];
         if (collection != nullptr) {
             items.emplace();
             for (const Ref& item : collection->items) {
-                items->push_back(TextWithSubscriptions(*item));
+                items->push_back(Described(*item));
             }
         }
     }
@@ -141,7 +187,7 @@ Lines ReferenceModel::Alive() const
         {"second deletes", secondDeletes_},     {"pool", leakedBlocks_ + poolBlocks_}};
     alive.heldLocks = held_;
     alive.queuedItems = {queue_.begin(), queue_.end()};
-    return alive.Text();
+    return alive;
 }
 
 }  // namespace fault_injection

@@ -52,12 +52,16 @@ class ReferenceModel {
 public:
     explicit ReferenceModel(std::optional<Fault> fault) : fault_(std::move(fault)) {}
 
+    // As it is now, but with another fault.
+    [[nodiscard]] ReferenceModel With(std::optional<Fault> fault) const;
+    // How often a platform function has been called.
+    [[nodiscard]] unsigned CallsOf(std::string_view function) const;
     // Of the image loaded again, without a fault: what leaked and what was deleted twice stays.
     [[nodiscard]] ReferenceModel Again() const;
     // Whether the operation is possible after those before it.
     [[nodiscard]] bool Allows(Kind kind) const;
     Step Run(const Operation& operation);
-    [[nodiscard]] Lines Alive() const;
+    [[nodiscard]] fault_injection::Alive Alive() const;
 
     // All fallible calls so far, in order; of a sequence without a fault.
     [[nodiscard]] const std::vector<Call>& calls() const { return calls_; }
