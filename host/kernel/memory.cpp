@@ -23,11 +23,24 @@ constexpr std::size_t kPage = 4096;
 constexpr std::size_t kArenaBytes = std::size_t{16} << 20;  // address space only, reserved when the last one is full
 constexpr std::size_t kGuardedBlocksMaximum = 20000;        // each costs the kernel two mappings
 constexpr std::size_t kFreedKnown = 4096;                   // of which it is known who freed them
+constexpr std::size_t kSpareArenasMaximum = 2;              // a machine has pool and contexts
+// The thread sanitizer takes accesses of two machines to one page for those of one.
+#if defined(HOST_THREAD_SANITIZER)
+constexpr bool kReusesArenas = false;
+#else
+constexpr bool kReusesArenas = true;
+#endif
+std::mutex g_spareMutex;
 constexpr std::size_t kCanaryBytes = 32;
 constexpr std::uint8_t kSlackFill = 0xFD;
 
 std::size_t CountDamaged(const std::uint8_t* begin, const std::uint8_t* end)
 {
+    // Nearly always each byte equals the one behind it.
+    if (begin == end ||
+        (*begin == kSlackFill && std::memcmp(begin, begin + 1, static_cast<std::size_t>(end - begin) - 1) == 0)) {
+        return 0;
+    }
     std::size_t damaged = 0;
     for (; begin != end; ++begin) {
         damaged += *begin != kSlackFill ? 1 : 0;
@@ -50,27 +63,61 @@ GuardedMemory::GuardedMemory(const Environment& environment)
 GuardedMemory::~GuardedMemory()
 {
     for (const auto& [user, block] : blocks_) {
-        if (!block.guarded) {
+        if (block.guarded) {
+            mprotect(block.begin, block.rangeBytes, PROT_NONE);
+        } else {
             std::free(block.begin);
         }
     }
-    for (const Arena& arena : arenas_) {
-        munmap(arena.begin, arena.bytes);
+    const std::lock_guard lock(g_spareMutex);
+    if (kReusesArenas && !arenas_.empty() && arenas_.front()->bytes == kArenaBytes &&
+        SpareArenas().size() < kSpareArenasMaximum) {
+        SpareArenas().push_back(std::move(arenas_.front()));
     }
+}
+
+GuardedMemory::Arena::Arena(std::size_t size)
+    : begin([size] {
+          void* memory = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+          return memory == MAP_FAILED ? nullptr : static_cast<std::uint8_t*>(memory);
+      }()),
+      bytes(size)
+{
+}
+
+GuardedMemory::Arena::~Arena()
+{
+    if (begin != nullptr) {
+        munmap(begin, bytes);
+    }
+}
+
+// Of machines that have ended, for the next: most of their pages are there already.
+std::vector<std::unique_ptr<GuardedMemory::Arena>>& GuardedMemory::SpareArenas()
+{
+    static auto* const arenas =
+        new std::vector<std::unique_ptr<Arena>>;  // the last machine may end after all that is static
+    return *arenas;
 }
 
 bool GuardedMemory::HasRoom(std::size_t bytes)
 {
-    if (!arenas_.empty() && arenas_.back().bytes - arenaUsed_ >= bytes) {
+    if (!arenas_.empty() && arenas_.back()->bytes - arenaUsed_ >= bytes) {
         return true;
     }
     // The first page guards the first block from below.
     const std::size_t size = std::max(kArenaBytes, bytes + kPage);
-    void* begin = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (begin == MAP_FAILED) {
+    std::unique_ptr<Arena> arena;
+    if (const std::lock_guard lock(g_spareMutex); size == kArenaBytes && !SpareArenas().empty()) {
+        arena = std::move(SpareArenas().back());
+        SpareArenas().pop_back();
+    } else {
+        arena = std::make_unique<Arena>(size);
+    }
+    if (arena->begin == nullptr) {
         return false;
     }
-    arenas_.push_back({static_cast<std::uint8_t*>(begin), size});
+    arenas_.push_back(std::move(arena));
     arenaUsed_ = kPage;
     return true;
 }
@@ -82,7 +129,7 @@ bool GuardedMemory::AllocateGuarded(Block& block, std::size_t alignment, std::ui
     if (guardedCount_ >= kGuardedBlocksMaximum || !HasRoom(block.rangeBytes + kPage)) {
         return false;
     }
-    block.begin = arenas_.back().begin + arenaUsed_;
+    block.begin = arenas_.back()->begin + arenaUsed_;
     if (mprotect(block.begin, block.rangeBytes, PROT_READ | PROT_WRITE) != 0) {
         return false;
     }
@@ -135,7 +182,10 @@ std::string GuardedMemory::Free(void* address)
     const std::size_t after = CountDamaged(user + block.bytes, block.begin + block.rangeBytes);
     if (block.guarded) {
         --guardedCount_;
-        madvise(block.begin, block.rangeBytes, MADV_DONTNEED);
+        // A machine that fills its first arena gives memory back; the first one's pages are soon used again.
+        if (arenas_.size() > 1 || !kReusesArenas) {
+            madvise(block.begin, block.rangeBytes, MADV_DONTNEED);
+        }
         mprotect(block.begin, block.rangeBytes, PROT_NONE);
         if (environment_.options.recordsPaths) {
             freed_.push_back({block.begin, block.rangeBytes, {block.bytes, environment_.PathNow()}});

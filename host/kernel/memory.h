@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -60,12 +61,19 @@ private:
     std::unordered_map<void*, Block> blocks_;
     std::size_t guardedCount_ = 0;
     // Address space that guarded blocks are laid into, one after the other; the last arena is the one in use.
-    struct Arena {
-        std::uint8_t* begin;
-        std::size_t bytes;
+    class Arena {
+    public:
+        explicit Arena(std::size_t size);  // all of it inaccessible; begin is null when there is no room
+        ~Arena();
+        Arena(const Arena&) = delete;
+        Arena& operator=(const Arena&) = delete;
+
+        std::uint8_t* const begin;
+        const std::size_t bytes;
     };
+    static std::vector<std::unique_ptr<Arena>>& SpareArenas();
     bool HasRoom(std::size_t bytes);
-    std::vector<Arena> arenas_;
+    std::vector<std::unique_ptr<Arena>> arenas_;
     std::size_t arenaUsed_ = 0;  // of the last
 };
 
