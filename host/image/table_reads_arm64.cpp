@@ -100,8 +100,11 @@ private:
         } else if ((code & 0x7E000000) == 0x36000000) {
             GoTo(at, Signed(code >> 5, 14) * 4);
         } else if ((code & 0xFE000000) == 0xD6000000) {
-            const bool isCall = (code >> 21 & 7) == 1;
-            isCall ? Call() : void(registers_ = {});
+            if ((code >> 21 & 7) == 1) {
+                Call();
+            } else {
+                registers_ = {};
+            }
         } else if ((code & 0xFF000000) == 0xD4000000) {
             registers_ = {};  // a break, or a call of the system
         } else if ((code & 0xFFF00000) == 0xD5300000) {
