@@ -10,6 +10,7 @@ namespace {
 
 constexpr unsigned kBetweenMaximum = 24;  // instructions between the two reads
 constexpr unsigned kRexW = 8;
+constexpr int kSign = 0x80;  // of a byte
 
 constexpr std::uint8_t kMove = 0x8B;  // to a register
 constexpr std::uint8_t kLoadAddress = 0x8D;
@@ -209,7 +210,7 @@ private:
             hasNumber = true;
         }
         const std::int32_t distance = hasNumber   ? code_.Number(at_)
-                                      : mode == 1 ? static_cast<std::int8_t>(code_[at_])
+                                      : mode == 1 ? std::int32_t{code_[at_] ^ kSign} - kSign
                                                   : 0;
         at_ += hasNumber ? 4 : mode;
         const bool reads = isCall || (opcode == kMove && (rex & kRexW) != 0);
