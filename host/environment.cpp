@@ -117,9 +117,12 @@ checks::Addresses Environment::PathNow(const void* caller) const
     return path;
 }
 
-void Environment::Report(checks::Rule rule, std::string function, std::string message, const void* caller)
+void Environment::Report(checks::Rule rule, std::string function, std::string message, const void* caller,
+                         const std::vector<Made>& origins)
 {
-    Add(ViolationAt(rule, std::move(function), std::move(message), caller));
+    checks::Violation violation = ViolationAt(rule, std::move(function), std::move(message), caller);
+    AddOrigins(violation, origins);
+    Add(std::move(violation));
 }
 
 void Environment::ReportCallback(checks::Rule rule, std::string name, std::string message, const void* routine,
@@ -271,9 +274,9 @@ PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maxim
     }
 }
 
-void PlatformCall::Violation(checks::Rule rule, std::string message) const
+void PlatformCall::Violation(checks::Rule rule, std::string message, const std::vector<Made>& origins) const
 {
-    Environment::Current().Report(rule, function_, std::move(message), caller_);
+    Environment::Current().Report(rule, function_, std::move(message), caller_, origins);
 }
 
 }  // namespace host

@@ -120,7 +120,8 @@ public:
     std::atomic<bool> hasHung{false};
 
     // A rule is broken by the code at `caller`; null: by the host's own doing.
-    void Report(checks::Rule rule, std::string function, std::string message, const void* caller);
+    void Report(checks::Rule rule, std::string function, std::string message, const void* caller,
+                const std::vector<Made>& origins = {});
     // A callback has returned otherwise than it may.
     void ReportCallback(checks::Rule rule, std::string name, std::string message, const void* routine,
                         const std::vector<Made>& origins = {});
@@ -219,7 +220,7 @@ public:
     [[nodiscard]] bool IsRefused() const { return fault_ && fault_->form != checks::FaultForm::kInforms; }
     // What the function answers when it did its work.
     [[nodiscard]] NTSTATUS Done() const { return fault_ && !IsRefused() ? fault_->status : STATUS_SUCCESS; }
-    void Violation(checks::Rule rule, std::string message) const;
+    void Violation(checks::Rule rule, std::string message, const std::vector<Made>& origins = {}) const;
     [[nodiscard]] const char* function() const { return function_; }
     [[nodiscard]] const void* caller() const { return caller_; }
 

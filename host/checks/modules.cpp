@@ -6,8 +6,12 @@
 namespace host::checks {
 namespace {
 
+// Of an address in something; nothing for its begin.
 std::string Offset(std::uint64_t value)
 {
+    if (value == 0) {
+        return {};
+    }
     char text[24];
     std::snprintf(text, sizeof(text), "+0x%llx", static_cast<unsigned long long>(value));
     return text;

@@ -2,7 +2,9 @@
 
 #include "host/environment.h"
 
-#include <set>
+#include <map>
+#include <utility>
+#include <vector>
 
 namespace host::framework {
 
@@ -21,6 +23,11 @@ void NoteLookedAt(WaitLockObject& wanted, WDFOBJECT held)
             return;
         }
     }
+}
+
+Made AcquireOf(const WaitLockObject& held)
+{
+    return {"acquired", {held.slot->takenAt.load(std::memory_order_relaxed)}};
 }
 
 }  // namespace
@@ -47,9 +54,10 @@ void LockOrder::Check(const PlatformCall& call, WaitLockObject& wanted, const st
         const auto* ranked = static_cast<const WaitLockObject*>(handles_.Peek(held));
         if (ranked != nullptr && ranked->rank != 0 && wanted.rank != 0) {
             if (ranked->rank >= wanted.rank) {
-                call.Violation(Rule::kLockOrder, Describe(wanted) + " of rank " + std::to_string(wanted.rank) +
-                                                     " is taken while " + Describe(*ranked) + " of rank " +
-                                                     std::to_string(ranked->rank) + " is held");
+                call.Violation(Rule::kLockOrder,
+                               Describe(wanted) + " of rank " + std::to_string(wanted.rank) + " is taken while " +
+                                   Describe(*ranked) + " of rank " + std::to_string(ranked->rank) + " is held",
+                               {AcquireOf(*ranked)});
             } else {
                 NoteLookedAt(wanted, held);
             }
@@ -60,22 +68,23 @@ void LockOrder::Check(const PlatformCall& call, WaitLockObject& wanted, const st
             continue;
         }
         // Does a chain of earlier orders lead from the wanted lock to the held one?
-        std::set<WDFOBJECT> reached;
-        std::vector<WDFOBJECT> open{wanted.handle};
+        std::map<WDFOBJECT, const void*> reached;  // and where that was taken
+        std::vector<std::pair<WDFOBJECT, const void*>> open{{wanted.handle, nullptr}};
         while (!open.empty() && !reached.contains(held)) {
-            const WDFOBJECT from = open.back();
+            const auto [from, takenAt] = open.back();
             open.pop_back();
-            if (reached.insert(from).second) {
+            if (reached.emplace(from, takenAt).second) {
                 for (const auto& [to, where] : orders_[from]) {
-                    open.push_back(to);
+                    open.emplace_back(to, where);
                 }
             }
         }
         orders_[held][wanted.handle] = call.caller();
-        const Object* heldLock = handles_.Peek(held);
-        if (reached.contains(held) && heldLock != nullptr) {
-            call.Violation(Rule::kLockOrder, Describe(wanted) + " is taken while " + Describe(*heldLock) +
-                                                 " is held; elsewhere they are taken the other way round");
+        if (reached.contains(held) && ranked != nullptr) {
+            call.Violation(Rule::kLockOrder,
+                           Describe(wanted) + " is taken while " + Describe(*ranked) +
+                               " is held; elsewhere they are taken the other way round",
+                           {AcquireOf(*ranked), {"taken the other way round", {reached[held]}}});
         }
     }
 }

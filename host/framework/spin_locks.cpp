@@ -103,7 +103,8 @@ void NTAPI SpinLockRelease(PWDF_DRIVER_GLOBALS, WDFSPINLOCK handle)
         call.Violation(Rule::kLockNotOwned,
                        Describe(*spinLock) +
                            (spinLock->held ? " is held by " + spinLock->holderName + " and released by " + thread.name
-                                           : " is released, but nobody holds it"));
+                                           : " is released, but nobody holds it"),
+                       {{"acquired", {spinLock->held ? spinLock->takenAt : nullptr}}});
         return;
     }
     schedule::Release(spinLock);

@@ -186,7 +186,8 @@ std::optional<std::chrono::steady_clock::time_point> DeadlineOf(const LONGLONG* 
         call.Violation(Rule::kLockNotOwned,
                        Describe(*waitLock) + " is held by " +
                            (waitLock->abandoned ? waitLock->abandonedBy : ThreadState::NameOf(holder)) +
-                           " and released by " + thread.name);
+                           " and released by " + thread.name,
+                       {{"acquired", {waitLock->slot->takenAt.load(std::memory_order_relaxed)}}});
         waitLock->robbedId = holder;
         Arm(kArmedStrangers, true);
     }

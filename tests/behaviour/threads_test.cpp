@@ -29,6 +29,7 @@ void InEachView(unsigned workers, const std::function<void(const FixtureOptions&
         play({.machine = {.workItems = host::WorkItems::kThreads,
                           .workerCount = workers,
                           .guardPages = !kThreadSanitizer,  // the sanitizer keeps book of every page
+                          .recordsPaths = false,            // and of every walk over a stack
                           .onlyDriverLocks = onlyDriverLocks},
               .records = false});
     }
