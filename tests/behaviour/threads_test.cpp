@@ -1,6 +1,5 @@
 // The same driver with real worker threads and several client threads at once: nothing is lost, nothing is delivered
 // twice, each poster's order is kept, and no object remains.
-#include "tests/kit/death.h"
 #include "tests/kit/driver_fixture.h"
 
 #include <array>
@@ -247,7 +246,6 @@ TEST_P(Threads, AReportOfTheSanitizerNamesFunctionsAndLinesOfTheDriver)
     if (!kThreadSanitizer || GetParam().name != std::string_view("native")) {
         GTEST_SKIP() << "only where thread sanitizer sees the driver";
     }
-    GTEST_FLAG_SET(death_test_style, kDeathTestStyle);
     const auto race = [] {
         DriverFixture fixture(GetParam(), {.machine = {.onlyDriverLocks = true}, .records = false});
         std::atomic<bool> isAttached{false};
