@@ -321,6 +321,7 @@ bool Run::AddFinding(const std::string& text, const std::string& path)
     const bool expected = expectedFinding_ && text.find(*expectedFinding_) != std::string::npos;
     timeline.Add({EntryKind::kFinding, "", "", text, "", expected, path});
     findingCame_ = findingCame_ || expected;
+    expected_ += expected ? 1 : 0;
     good_ = good_ && expected;
     return expected;
 }
@@ -379,8 +380,9 @@ void Run::End()
                        count("answers", counts.answered) + count("commands", counts.commands) +
                        count("announcements", counts.announced) + count("dump calls", counts.dumpCalls) +
                        (hangs_ != 0        ? "a thread hangs, so its driver stays"
-                        : violations_ == 0 ? "no violation, nothing left behind"
-                                           : "violations " + std::to_string(violations_)),
+                        : violations_ != 0 ? "violations " + std::to_string(violations_)
+                        : expected_ != 0   ? "no violation but the expected"
+                                           : "no violation, nothing left behind"),
                    good_);
 }
 

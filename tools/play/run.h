@@ -110,8 +110,9 @@ private:
 
     const PlayOptions& options_;
     std::map<std::string, std::filesystem::path> images_;
-    unsigned violations_ = 0;
-    unsigned hangs_ = 0;  // threads of drivers that never return
+    unsigned violations_ = 0;  // unexpected ones
+    unsigned expected_ = 0;    // findings that the file asks for
+    unsigned hangs_ = 0;       // threads of drivers that never return
     std::optional<std::string> expectedFinding_;
     bool findingCame_ = false;
     bool good_ = true;
