@@ -66,7 +66,7 @@ struct MachineOptions {
 struct ObservedCall {
     const char* function;  // "WdfCollectionAdd"
     const void* caller;    // return address in the image
-    const char* detail;    // context type or routine name where the function has one, else ""
+    const char* detail;    // context type, routine name or place in the source where the function has one, else ""
 };
 
 // An earlier call: "allocated", and by which path.

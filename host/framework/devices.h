@@ -92,6 +92,7 @@ struct QueueObject final : Object {
     explicit QueueObject(DriverInstance* owner) : Object(ObjectType::kQueue, owner) {}
     void OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock) override;
     [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
+    void Show(ObjectSnapshot& view) const override { view.config = &config; }
 
     DeviceObject* device = nullptr;
     WDF_IO_QUEUE_CONFIG config{};

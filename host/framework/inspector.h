@@ -54,8 +54,9 @@ struct ObjectSnapshot {
     std::vector<WDFOBJECT> children;  // creation order
     std::vector<WDFOBJECT> items;     // collections: contents, first to last
     std::vector<ContextSnapshot> contexts;
-    bool held = false;    // wait and spin locks: acquired now
-    bool queued = false;  // work items: waiting to run; timers: waiting to come due
+    bool held = false;                            // wait and spin locks: acquired now
+    bool queued = false;                          // work items: waiting to run; timers: waiting to come due
+    const WDF_IO_QUEUE_CONFIG* config = nullptr;  // queues; valid as long as the object
 };
 
 class Inspector {

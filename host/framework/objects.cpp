@@ -32,9 +32,20 @@ void NTAPI ObjectDelete(PWDF_DRIVER_GLOBALS, WDFOBJECT handle)
     framework.objects.Delete(lock, *object);
 }
 
-void NTAPI ObjectReference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, PCHAR)
+namespace {
+
+// Where the driver says that it stands, "file.cpp:12", for who looks at the call.
+std::string Place(const char* file, LONG line)
 {
-    const PlatformCall call("WdfObjectReferenceActual", HOST_CALLER, DISPATCH_LEVEL);
+    return file != nullptr && IsAnythingArmed() ? std::string(file) + ":" + std::to_string(line) : "";
+}
+
+}  // namespace
+
+void NTAPI ObjectReference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG line, PCHAR file)
+{
+    const std::string place = Place(file, line);
+    const PlatformCall call("WdfObjectReferenceActual", HOST_CALLER, DISPATCH_LEVEL, place.c_str());
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     Object* object = framework.objects.ResolveAny(call, handle, "Handle");
@@ -46,9 +57,10 @@ void NTAPI ObjectReference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, P
     }
 }
 
-void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG, PCHAR)
+void NTAPI ObjectDereference(PWDF_DRIVER_GLOBALS, WDFOBJECT handle, PVOID, LONG line, PCHAR file)
 {
-    const PlatformCall call("WdfObjectDereferenceActual", HOST_CALLER, DISPATCH_LEVEL);
+    const std::string place = Place(file, line);
+    const PlatformCall call("WdfObjectDereferenceActual", HOST_CALLER, DISPATCH_LEVEL, place.c_str());
     Framework& framework = Framework::Current();
     std::unique_lock lock(framework.mutex);
     Object* object = framework.objects.ResolveAny(call, handle, "Handle");

@@ -64,6 +64,7 @@ TEST_P(Lifecycle, DeviceAddFillsTheContextAndRegistersForPowerStates)
     const auto typeOf = [&](const void* handle) { return inspect.Find(const_cast<void*>(handle))->type; };
     using host::framework::ObjectType;
     EXPECT_EQ(typeOf(context.queue), ObjectType::kQueue);
+    EXPECT_TRUE(inspect.Find(context.queue)->config->AllowZeroLengthRequests);
     for (const auto collection :
          {context.addQueue, context.removeQueue, context.clients, context.states, context.commands}) {
         EXPECT_EQ(typeOf(collection), ObjectType::kCollection);
@@ -87,19 +88,26 @@ TEST_P(Lifecycle, DeviceAddFillsTheContextAndRegistersForPowerStates)
     EXPECT_EQ(inspect.Find(driver->Handle())->references, 2);
 }
 
-TEST_P(Lifecycle, UnloadClearsThePowerStateCallbackBeforeTheContextGoes)
+TEST_P(Loading, UnloadClearsThePowerStateCallbackBeforeTheContextGoes)
 {
-    driver->SurpriseRemoveDevice();
-    ASSERT_FALSE(driver->RemoveDevice().parked);
+    DriverFixture fixture(GetParam(), {.boots = false});
     std::optional<DriverContext> context;
-    machine.environment().SetObserver([&](const host::ObservedCall& call) {
-        if (std::string_view(call.function) == "EtwUnregister") {  // the last step
-            context = Context();
+    Lines references;  // as the driver marks them
+    fixture.machine.environment().SetObserver([&](const host::ObservedCall& call) {
+        const std::string_view function = call.function;
+        if (function == "EtwUnregister") {  // the last step
+            context = fixture.Context();
+        } else if (function == "WdfObjectReferenceActual" || function == "WdfObjectDereferenceActual") {
+            references.emplace_back(call.detail);
         }
     });
-    TakeDown();
-    machine.environment().SetObserver(nullptr);
+    fixture.Boot();
+    fixture.driver->SurpriseRemoveDevice();
+    ASSERT_FALSE(fixture.driver->RemoveDevice().parked);
+    fixture.TakeDown();
+    fixture.machine.environment().SetObserver(nullptr);
     ASSERT_TRUE(context);
+    EXPECT_EQ(references, (Lines{"driver:769", "driver:1092"}));
     EXPECT_EQ(context->powerCallbackRegistration, nullptr);
     EXPECT_EQ(context->powerCallbackObject, nullptr);
 }
