@@ -17,22 +17,28 @@ namespace {
 using namespace mutation;
 
 constexpr int kSurvivors = 1;
+constexpr const char* kList = "tests/mutation/equivalent.txt";
 
-// place: FILE, FILE:LINE, or empty.
+// Whether a mutant is at a place: FILE, FILE:LINE, the list of equivalent mutants, or empty for anywhere.
+bool IsAt(const std::string& place, const Mutant& mutant, const Equivalents& equivalents)
+{
+    return place.empty() || place == mutant.file || place == mutant.file + ":" + std::to_string(mutant.line) ||
+           (place == kList && !equivalents.ReasonFor(mutant).empty());
+}
+
 int RunMutants(Plan plan, const std::string& place)
 {
     const std::filesystem::path root = ZEPN_ROOT;
-    std::ifstream list(root / "tests/mutation/equivalent.txt");
+    std::ifstream list(root / kList);
     if (!list) {
-        throw std::runtime_error("tests/mutation/equivalent.txt cannot be read");
+        throw std::runtime_error(std::string(kList) + " cannot be read");
     }
     const Equivalents equivalents(list);
     const NativeDriver driver(root, ZEPN_BUILD);
     const std::vector<Mutant> all = driver.Mutants();
     std::vector<Mutant> mutants;
-    std::ranges::copy_if(all, std::back_inserter(mutants), [&](const Mutant& mutant) {
-        return place.empty() || mutant.file == place || mutant.file + ":" + std::to_string(mutant.line) == place;
-    });
+    std::ranges::copy_if(all, std::back_inserter(mutants),
+                         [&](const Mutant& mutant) { return IsAt(place, mutant, equivalents); });
     if (mutants.empty()) {
         throw std::runtime_error("no source of the driver has mutants at " + place);
     }
@@ -54,7 +60,7 @@ int RunMutants(Plan plan, const std::string& place)
     std::cout << Summary(results, mutants.size(), plan);
     const std::vector<std::string> stale = equivalents.Stale(all);
     for (const std::string& entry : stale) {
-        std::cout << "\nlisted in tests/mutation/equivalent.txt, but no such mutant is there:\n" << entry;
+        std::cout << "\nlisted in " << kList << ", but no such mutant is there:\n" << entry;
     }
     return stale.empty() && std::ranges::none_of(results, IsWrong) ? 0 : kSurvivors;
 }
@@ -72,7 +78,7 @@ int main(int argumentCount, char** arguments)
     app.add_option("count", plan.wanted, "how many mutants that count (default: 200)")
         ->check(CLI::Range(std::size_t{1}, std::size_t{1'000'000}));
     app.add_option("--seed", plan.seed, "which ones are drawn (default: others each time)");
-    app.add_option("--in", place, "only those of FILE or FILE:LINE");
+    app.add_option("--in", place, "only those of FILE or FILE:LINE, or those that " + std::string(kList) + " lists");
     if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
         return *status;
     }
