@@ -7,7 +7,8 @@
 #     zepn_add_client_scenario(fan_scenario CLIENT fan FILE fan.json)
 #
 # The same file serves in the Notifier's sources and in its package, where everything that a client needs lies in one
-# folder. The host is compiled in the client's build, so that it has the same sanitizers as the driver that it loads.
+# folder. Host and programs have the sanitizers of the driver that they load. The sources' own build has them, with and
+# without; else they are compiled in the client's build.
 cmake_path(GET CMAKE_CURRENT_LIST_DIR PARENT_PATH ZEPN_ROOT)
 
 # Says why there is no Notifier here, as find_package wants it said.
@@ -51,14 +52,45 @@ list(TRANSFORM ZEPN_IMAGE_SOURCES PREPEND ${ZEPN_ROOT}/)
 set(ZEPN_CLIENT_SOURCES ${ZEPN_ROOT}/samples/common/notifier_link.cpp)
 set(ZEPN_CLIENT_INCLUDES ${ZEPN_ROOT}/driver/include ${ZEPN_ROOT}/samples/common)
 
-if(NOT TARGET zepn::host)
-    set(ZEPN_RUNS_OFTEN "")
-    if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
-        set(ZEPN_RUNS_OFTEN -O2)
+# The folder of the sources' own build whose host suits this one; empty: none does.
+set(ZEPN_TREE_PRESET "")
+option(ZEPN_COMPILE_HOST "Compile the host in this build, also beside the Notifier's sources" OFF)
+if(EXISTS ${ZEPN_ROOT}/zepn AND NOT ZEPN_COMPILE_HOST AND NOT CMAKE_CROSSCOMPILING
+    AND CMAKE_CXX_COMPILER_VERSION MATCHES "^19\\." AND NOT CMAKE_CXX_FLAGS MATCHES "-stdlib=|-D *_GLIBCXX")
+    string(REGEX MATCHALL "-fsanitize=[^ ]*" sanitizers "${CMAKE_CXX_FLAGS}")
+    if(sanitizers STREQUAL "")
+        set(ZEPN_TREE_PRESET native)
+    elseif(sanitizers STREQUAL "-fsanitize=address,undefined")
+        set(ZEPN_TREE_PRESET asan)
     endif()
+endif()
+
+# Brought up to date by each build of the client.
+function(zepn_take_from_tree)
+    set(tree ${ZEPN_ROOT}/build/${ZEPN_TREE_PRESET})
+    set(products ${tree}/host/libhost.a ${tree}/tools/zepn-play ${tree}/tools/zepn-test-client)
+    add_custom_target(zepn_tree ALL COMMAND ${ZEPN_ROOT}/cmake/host_for_clients.sh ${ZEPN_TREE_PRESET}
+        BYPRODUCTS ${products} USES_TERMINAL COMMENT "The Notifier's sources: host, player and course" VERBATIM)
+    include(${ZEPN_ROOT}/host/use.cmake)
+    add_library(zepn::host STATIC IMPORTED GLOBAL)
+    add_executable(zepn-play IMPORTED GLOBAL)
+    add_executable(zepn-test-client IMPORTED GLOBAL)
+    set(targets zepn::host zepn-play zepn-test-client)
+    foreach(target product IN ZIP_LISTS targets products)
+        set_target_properties(${target} PROPERTIES IMPORTED_LOCATION ${product})
+        add_dependencies(${target} zepn_tree)
+    endforeach()
+    target_link_libraries(zepn::host INTERFACE host_use)
+endfunction()
+
+if(TARGET zepn::host)
+elseif(ZEPN_TREE_PRESET)
+    zepn_take_from_tree()
+else()
+    # Not optimised unless the client's build type says so: compiling would take longer than the tests do.
+    set(ZEPN_RUNS_OFTEN "")
     include(${CMAKE_CURRENT_LIST_DIR}/compile_time.cmake)
     add_subdirectory(${ZEPN_ROOT}/host ${CMAKE_BINARY_DIR}/zepn/host EXCLUDE_FROM_ALL)
-    target_compile_options(host PUBLIC -fsigned-char)
     add_library(zepn::host ALIAS host)
 endif()
 

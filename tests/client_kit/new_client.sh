@@ -42,12 +42,13 @@ works_in() (
 ./zepn new-client fan --c "$folder/a client in C"
 driver/package/assemble.sh "$root" "$folder/the package"
 "$folder/the package/client/tools/new_client/new_client.sh" pump --cpp "$folder/a client in C++"
-# Each by one preset: what takes long is the host, which every one compiles.
+# Beside the sources the tree's own host serves both presets; from the package it is compiled, which is what takes long.
 for client in C/fan/asan C++/pump/native; do
     IFS=/ read -r language name preset <<< "$client"
     made="$folder/a client in $language"
     ! grep -rn '@' "$made" || fail "a place that nothing filled"
     works_in "$made" "$name" "$preset"
+    [ "$preset" = native ] || works_in "$made" "$name" native
     run build/native/tools/zepn-image-check --without-reports "$made/build/$preset"/{arm64,x64}/"$name.sys"
     ! grep -c "$folder" "$made/build/$preset"/{arm64,x64}/"$name".{sys,pdb} || fail "an image names this machine's folders"
     for machine in arm64 amd64; do
@@ -69,6 +70,9 @@ sed -i.good 's|^    UNREFERENCED_PARAMETER(callbackContext);|    (void)PostState
     grep -q 'fan.c:[0-9]*) → fan.*!PostState\|!OnPeerState (fan.c:[0-9]*)' "$folder/log"
 )
 mv "$folder/a client in C/fan.c.good" "$folder/a client in C/fan.c"
+
+[ ! -e "$folder/a client in C/build/native/zepn" ] && [ ! -e "$folder/a client in C/build/asan/zepn" ] ||
+    fail "a client beside the sources compiles a host of its own"
 
 sed -i 's/= .*Notifier_HelperClientDeinit(&OwnGuid);/= device ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;/' \
     "$folder/a client in C/fan.c"
