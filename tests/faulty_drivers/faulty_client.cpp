@@ -22,6 +22,7 @@ struct CLIENT_CONTEXT {
     Mistake Made;
     WDFSPINLOCK SpinLock;
     WDFTIMER Timer;
+    WDFWORKITEM Work;
     ULONG* Block;  // while registered
 };
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(CLIENT_CONTEXT, ClientContext)
@@ -70,6 +71,11 @@ VOID NTAPI OnTimer(WDFTIMER timer)
     }
 }
 
+VOID NTAPI OnWork(WDFWORKITEM workItem)
+{
+    (void)Post(*ClientContext(WdfWorkItemGetParentObject(workItem)), 1);
+}
+
 NTSTATUS NTAPI OnCommand(PVOID context, ULONG, const ZepCommandInfo* command, PULONG)
 {
     auto& client = *static_cast<CLIENT_CONTEXT*>(context);
@@ -86,6 +92,9 @@ NTSTATUS NTAPI OnCommand(PVOID context, ULONG, const ZepCommandInfo* command, PU
     }
     if (client.Made == Mistake::kCreatesWithoutEnd) {
         CreateForCommand(WdfTimerGetParentObject(client.Timer));
+    }
+    if (client.Made == Mistake::kWorksAfterLeaving) {
+        WdfWorkItemEnqueue(client.Work);
     }
     return STATUS_SUCCESS;
 }
@@ -188,6 +197,13 @@ NTSTATUS NTAPI DeviceAdd(WDFDRIVER, PWDFDEVICE_INIT init)
     WDF_TIMER_CONFIG_INIT_PERIODIC(&timer, OnTimer, kTimerMs);
     timer.AutomaticSerialization = FALSE;
     status = WdfTimerCreate(&timer, &attributes, &client.Timer);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    WDF_WORKITEM_CONFIG work;
+    WDF_WORKITEM_CONFIG_INIT(&work, OnWork);
+    work.AutomaticSerialization = FALSE;
+    status = WdfWorkItemCreate(&work, &attributes, &client.Work);
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -12,6 +12,7 @@ enum class Mistake : unsigned {
     kLeavesTimerRunning,  // which uses what was freed
     kCreatesWithoutEnd,   // an object for each command, below the device
     kCallsAfterClosing,   // the Notifier's device, by the table that it still has
+    kWorksAfterLeaving,   // what a command made it queue posts without asking whether the Notifier is there
     // These show only when a call fails.
     kTrustsAllocation,
     kForgetsFailedStart,  // and stays registered

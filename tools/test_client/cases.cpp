@@ -131,6 +131,11 @@ void GoesAtOnce(Run& run)
         run.RemoveClientAtOnce(workItems);
     }
     run.RemoveNotifier();
+    for (unsigned workItems = 0; workItems < kWorkItems; ++workItems) {
+        run.StartNotifier();
+        run.RemoveClientAfterMessages(workItems);
+        run.RemoveNotifier();
+    }
 }
 
 void FindsItsPlaceTaken(Run& run)

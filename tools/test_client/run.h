@@ -52,7 +52,8 @@ public:
     void RemoveClient();  // an orderly removal, and the unload
     void SurpriseRemoveClient();
     void RemoveClientAtOnce(unsigned workItems);  // by surprise, after it was started and so many work items have run
-    void Converse();                              // peers register, post, command, make dump calls, and deregister
+    void RemoveClientAfterMessages(unsigned workItems);  // the same, after its peers have sent what it takes
+    void Converse();  // peers register, post, command, make dump calls, and deregister
     void Sleep();
     void TakeIdentities();  // another instance of it registers under its GUIDs, and attaches, before it does
     void GiveIdentitiesBack();
@@ -79,7 +80,11 @@ public:
 private:
     void Doing(std::string what);
     template <class Work>
-    void Call(const char* thread, const Work& work);
+    void Call(const char* thread, const Work& work)
+    {
+        CheckParked(machine.OnThread(thread, work));
+    }
+    void RunWorkItems(unsigned count);
     void Settle();
     void Check();
     void CheckParked(const host::Outcome& outcome);
@@ -90,6 +95,8 @@ private:
     [[nodiscard]] bool IsAttached();
     void Post(const Identity& poster, ULONG state);
     void LetTimePass();
+    [[nodiscard]] std::vector<Peer*> JoinPeers();
+    void DismissPeers(const std::vector<Peer*>& peers);
     void DrainCommands();
 
     const CourseSetup& setup_;
