@@ -360,6 +360,12 @@ std::string Machine::NextWorkItem() const
     return framework_->work.NextItem();
 }
 
+bool Machine::IsNextWorkItemOf(const Driver& driver) const
+{
+    const std::lock_guard lock(framework_->mutex);
+    return framework_->work.NextItemsDriver() == &driver.instance_;
+}
+
 void Machine::WaitForWorkItems()
 {
     framework_->work.WaitUntilEmpty();

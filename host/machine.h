@@ -160,6 +160,7 @@ public:
     [[nodiscard]] std::size_t QueuedWorkItems() const;
     // The routine of the oldest queued work item, as the image's symbols name it; empty when none is queued.
     [[nodiscard]] std::string NextWorkItem() const;
+    [[nodiscard]] bool IsNextWorkItemOf(const Driver& driver) const;
 
     // Worker threads (threaded mode): returns when nothing is queued or running.
     void WaitForWorkItems();

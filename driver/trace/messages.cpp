@@ -250,7 +250,7 @@ void InitializeTraceMessages()
     }
 
     // Registration enables at once when a session is armed already; its status does not matter.
-    if (g_Registration == Registration::kClassicProvider) {
+    if (registerClassic != nullptr) {
         (void)registerClassic(&kControlGuid, 0, MessageEnableCallback, g_Control, &g_Control->registrationHandle);
     } else {
         (void)IoWMIRegistrationControl(reinterpret_cast<PDEVICE_OBJECT>(g_Control), kWmiRegister);

@@ -61,6 +61,10 @@ public:
     [[nodiscard]] bool IsRunning() const { return running_ != 0; }
     [[nodiscard]] std::size_t Size() const { return items_.size() + deferred_.size(); }
     [[nodiscard]] std::string NextItem() const { return items_.empty() ? std::string() : items_.front()->name; }
+    [[nodiscard]] const DriverInstance* NextItemsDriver() const
+    {
+        return items_.empty() ? nullptr : items_.front()->driver;
+    }
 
     // ---- Without the mutex ----
 

@@ -103,7 +103,7 @@ void Run::RemoveClientAfterMessages(unsigned workItems)
             }
         }
     });
-    while (machine.NextWorkItem().find("NotifierEvtWorkItem") != std::string::npos) {
+    while (machine.IsNextWorkItemOf(*notifier_)) {
         RunWorkItems(1);
     }
     Doing("it is sent states, and removed after " + std::to_string(workItems) + " work items");
