@@ -59,6 +59,11 @@ inline constexpr ZEP_NOTIFIER_LOCK_RANK kLockOrder[] = {
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_DRIVER_CONTEXT, GetDriverContext)
 
+// Two locks for the WDK's analysis, where the driver context is not at hand. Nobody defines or reads them: who holds the
+// lock itself states by _Analysis_assume_same_lock_ that it is this one.
+extern const WDFWAITLOCK ClientsLock;
+extern const WDFWAITLOCK GeneralLock;
+
 // Most operations begin alike: no driver object, or no context on it, is reported and answered with one status. The
 // two sites differ from operation to operation. Null when something was missing.
 template <Site kNoDriver, Site kNoContext>

@@ -23,6 +23,7 @@ _Requires_lock_held_(context.wdfWaitLockClientsCollection)
 static void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT& wpcd,
                      ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
+    _Analysis_assume_same_lock_(context.wdfWaitLockClientsCollection, ClientsLock);
     DescribeClient(client, g_AnnouncedDescriptor);
     const NTSTATUS status = wpcd.ZepClientAdd(&g_AnnouncedDescriptor);
     // On purpose: any answer but 0 is a refusal, while the dump forwarders test NT_SUCCESS.
@@ -31,6 +32,7 @@ static void Announce(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const ZEP_NOTIF
         return;
     }
     (void)WdfWaitLockAcquire(context.wdfWaitLockGeneral, nullptr);
+    _Analysis_assume_same_lock_(context.wdfWaitLockGeneral, GeneralLock);
     MarkAnnounced(client);
     WdfWaitLockRelease(context.wdfWaitLockGeneral);
 }

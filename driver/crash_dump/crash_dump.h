@@ -5,6 +5,7 @@
 
 #include <wdf.h>
 
+#include "driver/context/driver_context.h"
 #include "driver/include/zepn_notifier.h"
 
 // Context of the driver context's wdfObjectWpcdClient, in the order of the registration record. The handle is published
@@ -26,8 +27,10 @@ WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_WPCD_CLIENT_CONTEXT, GetWpcdClie
 
 // Fills a descriptor. Bytes after the texts' ends and the padding keep what they held. The caller holds the clients
 // lock.
+_Requires_lock_held_(ClientsLock)
 void DescribeClient(const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ZEP_SUBSYSTEM_DESCRIPTOR& descriptor);
 
 // Marks a client as handed to the crash-dump driver; without a state it is due again with its next one. The caller
 // holds the general lock.
+_Requires_lock_held_(GeneralLock)
 void MarkAnnounced(ZEP_NOTIFIER_CLIENT_CONTEXT& client);

@@ -22,12 +22,14 @@ static NTSTATUS DescribeAll(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG co
         if (client == nullptr) {
             return STATUS_SUCCESS;
         }
+        _Analysis_assume_same_lock_(context.wdfWaitLockClientsCollection, ClientsLock);
         DescribeClient(*client, descriptors[index]);
 
         const NTSTATUS status = WdfWaitLockAcquire(context.wdfWaitLockGeneral, nullptr);
         if (status != STATUS_SUCCESS) {
             return ReportFailure<Site::kDescribeGeneralLock>(status);
         }
+        _Analysis_assume_same_lock_(context.wdfWaitLockGeneral, GeneralLock);
         MarkAnnounced(*client);
         WdfWaitLockRelease(context.wdfWaitLockGeneral);
     }
@@ -51,6 +53,7 @@ static void CountClients(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, ULONG& numb
     number = count;
 }
 
+_Requires_lock_held_(ClientsLock)
 void DescribeClient(const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ZEP_SUBSYSTEM_DESCRIPTOR& descriptor)
 {
     descriptor.InterfaceGUID = client.InterfaceGUID;
@@ -67,6 +70,7 @@ void DescribeClient(const ZEP_NOTIFIER_CLIENT_CONTEXT& client, ZEP_SUBSYSTEM_DES
     descriptor.Reserved2 = 0;
 }
 
+_Requires_lock_held_(GeneralLock)
 void MarkAnnounced(ZEP_NOTIFIER_CLIENT_CONTEXT& client)
 {
     WriteULongNoFence(&client.AddedToWpcd, 1);

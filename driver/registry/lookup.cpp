@@ -46,6 +46,7 @@ ZEP_NOTIFIER_CLIENT_CONTEXT* _getClientContextByGUID(const GUID* InterfaceGUID, 
     return client;
 }
 
+_Requires_lock_held_(ClientsLock)
 ZEP_NOTIFIER_CLIENT_CONTEXT* _getClientContextByGUID_unsafe(const GUID* InterfaceGUID, WDFOBJECT* ClientObject)
 {
     Report<Site::kLookupUnsafeEntered>();
@@ -54,10 +55,11 @@ ZEP_NOTIFIER_CLIENT_CONTEXT* _getClientContextByGUID_unsafe(const GUID* Interfac
     if (context == nullptr) {
         return nullptr;
     }
-    _Analysis_assume_lock_held_(context->wdfWaitLockClientsCollection);  // by the caller, who does not pass the context
+    _Analysis_assume_same_lock_(context->wdfWaitLockClientsCollection, ClientsLock);
     return FindClient<Site::kLookupUnsafeItem, Site::kLookupUnsafeClient>(*context, *InterfaceGUID, ClientObject);
 }
 
+_Requires_lock_held_(ClientsLock)
 ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT* _getStateNotificationContextByZepState_unsafe(const ZepState* Key,
                                                                                        WDFCOLLECTION Registrations,
                                                                                        WDFOBJECT* RegistrationObject)

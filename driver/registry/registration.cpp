@@ -28,32 +28,37 @@ static NTSTATUS CopyEntries(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZepDataEn
     return STATUS_SUCCESS;
 }
 
-// Gives a filled client its registrations collection and adds it. On a failure the client's object is deleted; its
-// entries, which are not part of the context, are left to the caller. On purpose: once the registrations collection is
-// created, a failure leaves it to its parent, the driver object.
-static NTSTATUS AddClient(WDFOBJECT clientObject, ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+// What a filled client needs before it can be added: its registrations collection, and the clients lock, which is held
+// when this returns STATUS_SUCCESS. On purpose: a failure after the collection leaves it to its parent, the driver
+// object.
+_When_(return == STATUS_SUCCESS, _Acquires_lock_(context->wdfWaitLockClientsCollection))
+static NTSTATUS PrepareToAdd(ZEP_NOTIFIER_CLIENT_CONTEXT& client, const ZEP_NOTIFIER_DRIVER_CONTEXT*& context)
 {
     NTSTATUS status = WdfCollectionCreate(WDF_NO_OBJECT_ATTRIBUTES, &client.wdfCollectionStateRegistrations);
     if (!NT_SUCCESS(status)) {
-        Report<Site::kInitRegistrations>(status);
-        WdfObjectDelete(clientObject);
-        return status;
+        return ReportFailure<Site::kInitRegistrations>(status);
     }
-
-    const ZEP_NOTIFIER_DRIVER_CONTEXT* context =
-        DriverContextOrReport<Site::kInitNoDriver, Site::kInitNoContext>(STATUS_ZEP_NOTIFIER_NO_DRIVER);
+    context = DriverContextOrReport<Site::kInitNoDriver, Site::kInitNoContext>(STATUS_ZEP_NOTIFIER_NO_DRIVER);
     if (context == nullptr) {
-        WdfObjectDelete(clientObject);
         return STATUS_ZEP_NOTIFIER_NO_DRIVER;
     }
-
     status = WdfWaitLockAcquire(context->wdfWaitLockClientsCollection, nullptr);
     if (status != STATUS_SUCCESS) {
-        Report<Site::kInitLock>(status);
+        return ReportFailure<Site::kInitLock>(status);
+    }
+    return STATUS_SUCCESS;
+}
+
+// Adds a filled client. On a failure its object is deleted; its entries, which are not part of the context, are left
+// to the caller.
+static NTSTATUS AddClient(WDFOBJECT clientObject, ZEP_NOTIFIER_CLIENT_CONTEXT& client)
+{
+    const ZEP_NOTIFIER_DRIVER_CONTEXT* context = nullptr;
+    NTSTATUS status = PrepareToAdd(client, context);
+    if (status != STATUS_SUCCESS) {
         WdfObjectDelete(clientObject);
         return status;
     }
-
     status = WdfCollectionAdd(context->wdfCollectionZepClients, clientObject);
     if (!NT_SUCCESS(status)) {
         Report<Site::kInitAdd>(status);
@@ -61,7 +66,6 @@ static NTSTATUS AddClient(WDFOBJECT clientObject, ZEP_NOTIFIER_CLIENT_CONTEXT& c
         WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
         return status;
     }
-
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
     return STATUS_SUCCESS;
 }

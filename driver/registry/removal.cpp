@@ -54,6 +54,7 @@ static NTSTATUS QueueWithdrawal(const ZEP_NOTIFIER_DRIVER_CONTEXT& context, cons
 // Ends every subscription that the client made. A collection removes no deleted object by itself, so each is taken out
 // first. False when the collection counts items that it cannot give; that has then been reported.
 template <Site kNoItem>
+_Requires_lock_held_(ClientsLock)
 static bool DrainRegistrations(WDFCOLLECTION registrations)
 {
     ULONG count = WdfCollectionGetCount(registrations);
@@ -105,6 +106,7 @@ NTSTATUS Notifier_HelperClientDeinit(const GUID* interfaceGuid)
         return ReportFailure<Site::kDeinitLock>(status);
     }
 
+    _Analysis_assume_same_lock_(context->wdfWaitLockClientsCollection, ClientsLock);
     WDFOBJECT clientObject = nullptr;
     ZEP_NOTIFIER_CLIENT_CONTEXT* client = nullptr;
     status = FindClientToRemove(*context, *interfaceGuid, clientObject, client);
@@ -155,7 +157,7 @@ NTSTATUS NotifierClientCleanup(void)
     if (status != STATUS_SUCCESS) {
         return ReportFailure<Site::kCleanupLock>(status);
     }
-
+    _Analysis_assume_same_lock_(context->wdfWaitLockClientsCollection, ClientsLock);
     while (WdfCollectionGetCount(context->wdfCollectionZepClients) != 0) {
         const WDFOBJECT clientObject = WdfCollectionGetFirstItem(context->wdfCollectionZepClients);
         if (clientObject == nullptr) {

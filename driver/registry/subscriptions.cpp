@@ -9,6 +9,7 @@
 #include "driver/context/object_creation.h"
 #include "driver/context/operations.h"
 
+_Requires_lock_held_(ClientsLock)
 static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber,
                                 const GUID& subscriberGuid, const ZepState& filter,
                                 PZEP_STATE_NOTIFICATION_CALLBACK callback)
@@ -38,6 +39,7 @@ static NTSTATUS AddRegistration(WDFOBJECT subscriberObject, const ZEP_NOTIFIER_C
 }
 
 // Notifies the subscriber of the state that the watched client is in already.
+_Requires_lock_held_(ClientsLock)
 static ClientAnswer DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subscriber, const GUID& targetGuid,
                                         ULONG targetState, PZEP_STATE_NOTIFICATION_CALLBACK callback)
 {
@@ -59,10 +61,10 @@ static ClientAnswer DeliverCurrentState(const ZEP_NOTIFIER_CLIENT_CONTEXT& subsc
             }};
 }
 
-// The part of the operation that runs under the clients lock, for which alone it takes the context.
-_Requires_lock_held_(context.wdfWaitLockClientsCollection)
-static NTSTATUS Subscribe([[maybe_unused]] const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& subscriberGuid,
-                          const ZepState& filter, PZEP_STATE_NOTIFICATION_CALLBACK callback, ClientAnswer& answer)
+// The part of the operation that runs under the clients lock.
+_Requires_lock_held_(ClientsLock)
+static NTSTATUS Subscribe(const GUID& subscriberGuid, const ZepState& filter, PZEP_STATE_NOTIFICATION_CALLBACK callback,
+                          ClientAnswer& answer)
 {
     WDFOBJECT subscriberObject = nullptr;
     const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(&subscriberGuid, &subscriberObject);
@@ -89,10 +91,9 @@ static NTSTATUS Subscribe([[maybe_unused]] const ZEP_NOTIFIER_DRIVER_CONTEXT& co
     return STATUS_SUCCESS;
 }
 
-// Ends the oldest subscription to the filter's client and state; takes the context for the lock, as above.
-_Requires_lock_held_(context.wdfWaitLockClientsCollection)
-static NTSTATUS Unsubscribe([[maybe_unused]] const ZEP_NOTIFIER_DRIVER_CONTEXT& context, const GUID& subscriberGuid,
-                            const ZepState& filter)
+// Ends the oldest subscription to the filter's client and state.
+_Requires_lock_held_(ClientsLock)
+static NTSTATUS Unsubscribe(const GUID& subscriberGuid, const ZepState& filter)
 {
     const ZEP_NOTIFIER_CLIENT_CONTEXT* subscriber = _getClientContextByGUID_unsafe(&subscriberGuid, nullptr);
     if (subscriber == nullptr) {
@@ -127,8 +128,9 @@ NTSTATUS Notifier_HelperRegisterForStateNotification(const GUID* interfaceGuid, 
         return ReportFailure<Site::kRegisterLock>(status);
     }
 
+    _Analysis_assume_same_lock_(context->wdfWaitLockClientsCollection, ClientsLock);
     ClientAnswer answer = {};
-    status = Subscribe(*context, *interfaceGuid, *state, callback, answer);
+    status = Subscribe(*interfaceGuid, *state, callback, answer);
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
 
     // Posting takes the clients lock itself.
@@ -156,7 +158,8 @@ NTSTATUS Notifier_HelperDeregisterForStateNotification(const GUID* interfaceGuid
     if (status != STATUS_SUCCESS) {
         return ReportFailure<Site::kDeregisterLock>(status);
     }
-    status = Unsubscribe(*context, *interfaceGuid, *state);
+    _Analysis_assume_same_lock_(context->wdfWaitLockClientsCollection, ClientsLock);
+    status = Unsubscribe(*interfaceGuid, *state);
     WdfWaitLockRelease(context->wdfWaitLockClientsCollection);
     return status;
 }

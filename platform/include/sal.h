@@ -30,7 +30,7 @@
 #define _Requires_lock_not_held_(lock)
 #define _Acquires_lock_(lock)
 #define _Releases_lock_(lock)
-#define _Analysis_assume_lock_held_(lock)
+#define _Analysis_assume_same_lock_(lock1, lock2)
 #define _When_(condition, annotations)
 #define _Field_size_bytes_(size)
 #define _Ret_maybenull_
