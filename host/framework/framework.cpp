@@ -25,8 +25,6 @@ Framework::Framework(Environment& machineEnvironment, kernel::Kernel& machineKer
 {
     TryBeforeSleeping(mutex);
     current_ = this;
-    RegisterLoaderExports();
-    RegisterPlugPlayExports();
     environment.faults.onHideDriver = [this](bool hide) {
         const std::lock_guard lock(mutex);
         drivers.HideHandles(hide);

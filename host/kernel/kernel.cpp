@@ -21,7 +21,6 @@ Kernel::Kernel(Environment& environmentOfMachine)
     : environment(environmentOfMachine), poolMemory(environmentOfMachine), contextMemory_(environmentOfMachine)
 {
     g_current = this;
-    RegisterKernelExports();
     environment.findFreed = [this](const void* address) {
         std::optional<FreedMemory> freed = poolMemory.FindFreed(address);
         return freed ? freed : contextMemory_.FindFreed(address);

@@ -28,7 +28,8 @@ private:
     std::string check_;
 };
 
-// The resource directory, for the list of checks in CheckStructure.
+// Two tables with a file of their own, for the list of checks in CheckStructure.
+void CheckImports(const PeReader& image, Report& report);
 void CheckResources(const PeReader& image, ReportResources wanted, Report& report);
 
 }  // namespace image_check
