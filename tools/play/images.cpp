@@ -50,7 +50,7 @@ void CheckDrivers(FieldReader& reader, const Scenario& scenario, const PlayOptio
     }
     for (const auto& [key, path] : options.drivers) {
         if (std::ranges::find(real, key) == real.end()) {
-            reader.Mistake({1, 1}, "--driver " + key + "=" + path.string(),
+            reader.Mistake(1, "--driver " + key + "=" + path.string(),
                            "no client of this name has an \"image\"" + Nearest(key, real));
         }
     }
@@ -72,7 +72,7 @@ std::map<std::string, std::filesystem::path> ClientImages(const Scenario& scenar
                                                 ? Resolve(client.driver->image, scenario.file, options.image)
                                                 : given->second;
         if (!std::filesystem::is_regular_file(image)) {
-            reader.Mistake(client.driver->place, "clients." + client.key + ".image",
+            reader.Mistake(client.driver->line, "clients." + client.key + ".image",
                            image.string() + " is missing; build it, or name another with --driver " + client.key +
                                "=PATH");
         }

@@ -48,13 +48,11 @@ bool Play(const Scenario& scenario, const PlayOptions& options, Timeline& timeli
     }
     run.Boot();
     unsigned number = 0;
-    Place place;
-    const auto at = [&scenario, &place] {
-        return scenario.file + ":" + std::to_string(place.line) + ":" + std::to_string(place.column);
-    };
+    unsigned line = 0;
+    const auto at = [&scenario, &line] { return scenario.file + ":" + std::to_string(line); };
     const host::checks::CrashContext context([&] { return "in step " + std::to_string(number) + ", " + at(); });
     for (const Step& step : scenario.steps) {
-        place = step.place;
+        line = step.line;
         if (step.kind != Kind::kNote) {
             timeline.BeginStep(++number);
         }

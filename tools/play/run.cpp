@@ -4,7 +4,6 @@
 
 #include "tools/peers/client_context.h"
 #include "tools/play/images.h"
-#include "tools/play/reading/field_reader.h"
 #include "tools/play/statuses.h"
 
 #include <algorithm>
@@ -36,24 +35,6 @@ void SetParameters(host::Machine& machine, const ClientModel& client)
         } else {
             machine.SetRegistryString(client.key, parameter.name, std::get<std::string>(parameter.value));
         }
-    }
-}
-
-// A misspelt call would fail nothing.
-void CheckFaults(const Scenario& scenario, const host::Machine& machine)
-{
-    FieldReader reader(scenario.file);
-    const std::vector<std::string> functions = machine.PlatformFunctions();
-    for (std::size_t index = 0; index < scenario.steps.size(); ++index) {
-        const Step& step = scenario.steps[index];
-        if (step.fail && std::ranges::find(functions, step.fail->call) == functions.end()) {
-            reader.Mistake(step.fail->place, "steps[" + std::to_string(index) + "].fail.call",
-                           "the host has no platform function \"" + step.fail->call + "\"" +
-                               Nearest(step.fail->call, functions));
-        }
-    }
-    if (!reader.mistakes().empty()) {
-        throw ScenarioError(reader.mistakes());
     }
 }
 
@@ -106,7 +87,6 @@ NTSTATUS Run::Query(const GUID& type, Table& table)
 
 void Run::Boot()
 {
-    CheckFaults(scenario, machine);
     images_ = ClientImages(scenario, options_);
     for (const ClientModel& client : scenario.clients) {
         if (client.driver) {
@@ -186,8 +166,7 @@ const char* Run::ObstacleTo(const Step& step)
 
 void Run::LeaveOut(const Step& step, const char* obstacle)
 {
-    AddFinding(scenario.file + ":" + std::to_string(step.place.line) + ":" + std::to_string(step.place.column) +
-               ": the step is left out: " + obstacle);
+    AddFinding(scenario.file + ":" + std::to_string(step.line) + ": the step is left out: " + obstacle);
 }
 
 std::optional<NTSTATUS> Run::RemoveDevice()

@@ -28,8 +28,8 @@ public:
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
-    // Brings the Notifier to where the scenario begins. Throws ScenarioError when a client's image is missing or a call
-    // that is to fail does not exist, and host::HostError when the Notifier's image cannot be loaded and started.
+    // Brings the Notifier to where the scenario begins. Throws ScenarioError when a client's image is missing,
+    // and host::HostError when the Notifier's image cannot be loaded and started.
     void Boot();
 
     // Ends, as the system would, what the scenario left open, and sums up.

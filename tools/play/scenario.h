@@ -52,7 +52,7 @@ struct Parameter {
 // A client whose driver is a real image. It registers and posts by itself; steps load, stop, pull and unload it.
 struct DriverModel {
     std::string image;  // as in the file; tools/play/images.h finds it
-    Place place;        // of the image's name
+    unsigned line = 0;  // of the image's name
     std::vector<Parameter> parameters;
 };
 
@@ -82,7 +82,6 @@ struct CrashDumpModel {
 // A platform call that fails while a step lasts.
 struct StepFault {
     std::string call;                // "WdfObjectCreate"
-    Place place;                     // of its name
     std::string detail;              // only for this context type or routine; empty: any
     std::string driver;              // only when this real client, or the Notifier, calls; empty: whoever does
     std::optional<NTSTATUS> status;  // empty: it returns NULL
@@ -90,7 +89,7 @@ struct StepFault {
 
 struct Step {
     Kind kind = Kind::kNote;
-    Place place;
+    unsigned line = 0;   // of the file
     std::string client;  // key; empty where the step has none
     std::string to;
     std::string text;                    // of a note
@@ -124,7 +123,7 @@ struct Scenario {
 // What a state of a client is called, by the names of its own and those of the file.
 [[nodiscard]] std::string StateName(const Scenario& scenario, const ClientModel* client, std::uint32_t state);
 
-// The mistakes that a file has, as "<file>:<line>:<column>: <field>: <what was expected>", one to a line.
+// The mistakes that a file has, as "<file>:<line>: <field>: <what was expected>", one to a line.
 class ScenarioError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

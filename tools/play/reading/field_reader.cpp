@@ -3,73 +3,46 @@
 #include "tools/play/scenario.h"
 
 #include <algorithm>
+#include <ranges>
 #include <set>
-#include <utility>
+#include <string_view>
 
 namespace play {
 namespace {
 
 constexpr unsigned kMistakesMaximum = 20;
-constexpr std::size_t kNameMaximum = 64;  // a longer one is no misspelt name
-
-// Words of earlier files, and those of today.
-constexpr std::pair<const char*, const char*> kRenamed[] = {
-    {"leave", "deregister"}, {"heard", "enabled"}, {"device", "notifier"}};
-
-// Of one text to another, in characters put in, taken out or replaced.
-std::size_t Distance(const std::string& first, const std::string& second)
+// How long the parts are in which two texts differ, between a common beginning and a common end.
+std::size_t Difference(std::string_view first, std::string_view second)
 {
-    std::vector<std::size_t> row(second.size() + 1);
-    for (std::size_t index = 0; index < row.size(); ++index) {
-        row[index] = index;
-    }
-    for (std::size_t line = 1; line <= first.size(); ++line) {
-        std::size_t diagonal = row[0];
-        row[0] = line;
-        for (std::size_t column = 1; column < row.size(); ++column) {
-            const std::size_t replaced = diagonal + (first[line - 1] == second[column - 1] ? 0 : 1);
-            diagonal = row[column];
-            row[column] = std::min({row[column] + 1, row[column - 1] + 1, replaced});
-        }
-    }
-    return row.back();
+    const auto begin = std::ranges::mismatch(first, second);
+    first = {begin.in1, first.end()};
+    second = {begin.in2, second.end()};
+    const auto end = std::ranges::mismatch(first | std::views::reverse, second | std::views::reverse);
+    return static_cast<std::size_t>(std::max(first.rend() - end.in1, second.rend() - end.in2));
 }
 
 }  // namespace
 
 std::string Nearest(const std::string& name, const std::vector<std::string>& known, const std::string& prefix)
 {
-    for (const auto& [before, now] : kRenamed) {
-        if (name == before && std::ranges::find(known, now) != known.end()) {
-            return std::string("; it is called \"") + now + "\" now";
-        }
-    }
     const auto distinct = [&prefix](const std::string& text) {
         return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
     };
     const std::string wrong = distinct(name);
-    if (wrong.size() > kNameMaximum) {
-        return {};
-    }
     std::string nearest;
-    std::size_t best = wrong.size() / 2 + 1;
-    for (const std::string& one : known) {
-        const std::string candidate = distinct(one);
-        if (candidate.size() >= wrong.size() + best || wrong.size() >= candidate.size() + best) {
-            continue;
-        }
-        if (const std::size_t distance = Distance(wrong, candidate); distance < best) {
-            best = distance;
-            nearest = one;
+    std::size_t least = wrong.size() / 2 + 1;
+    for (const std::string& candidate : known) {
+        if (const std::size_t difference = Difference(wrong, distinct(candidate)); difference < least) {
+            least = difference;
+            nearest = candidate;
         }
     }
     return nearest.empty() ? std::string() : "; did you mean \"" + nearest + "\"?";
 }
 
-void FieldReader::Mistake(Place place, const std::string& field, const std::string& expected)
+void FieldReader::Mistake(unsigned line, const std::string& field, const std::string& expected)
 {
-    mistakes_ += (mistakes_.empty() ? "" : "\n") + file_ + ":" + std::to_string(place.line) + ":" +
-                 std::to_string(place.column) + ": " + field + ": " + expected;
+    mistakes_ += (mistakes_.empty() ? "" : "\n") + file_ + ":" + std::to_string(line) + ": " + field + ": " + expected;
     if (++mistakeCount_ == kMistakesMaximum) {
         throw ScenarioError(mistakes_ + "\n" + file_ + ": there may be more mistakes");
     }
@@ -80,7 +53,7 @@ void FieldReader::CheckNames(const JsonValue& object, const std::string& field)
     std::set<std::string> seen;
     for (const JsonValue::Member& member : object.members) {
         if (!seen.insert(member.name).second) {
-            Mistake(member.place, field + "." + member.name, "stands twice");
+            Mistake(member.line, field + "." + member.name, "stands twice");
         }
     }
 }
@@ -88,7 +61,7 @@ void FieldReader::CheckNames(const JsonValue& object, const std::string& field)
 bool FieldReader::IsA(const JsonValue& value, Kind kind, const std::string& field)
 {
     if (value.kind != kind) {
-        Mistake(value.place, field, std::string("expected ") + Name(kind) + ", found " + Name(value.kind));
+        Mistake(value.line, field, std::string("expected ") + Name(kind) + ", found " + Name(value.kind));
     }
     return value.kind == kind;
 }
@@ -101,12 +74,12 @@ void FieldReader::CheckFields(const JsonValue& object, const std::string& field,
     CheckNames(object, field);
     for (const JsonValue::Member& member : object.members) {
         if (std::find(known.begin(), known.end(), member.name) == known.end()) {
-            Mistake(member.place, field + "." + member.name, "unknown field" + Nearest(member.name, known));
+            Mistake(member.line, field + "." + member.name, "unknown field" + Nearest(member.name, known));
         }
     }
     for (const std::string& name : required) {
         if (FindMember(object, name) == nullptr) {
-            Mistake(object.place, field, "field \"" + name + "\" is missing");
+            Mistake(object.line, field, "field \"" + name + "\" is missing");
         }
     }
 }
@@ -124,7 +97,7 @@ bool FieldReader::ReadNumber(const JsonValue& value, const std::string& field, s
                              std::uint32_t maximum)
 {
     if (value.kind != Kind::kNumber || !value.isWhole || value.number > maximum) {
-        Mistake(value.place, field, "expected a whole number from 0 to " + std::to_string(maximum));
+        Mistake(value.line, field, "expected a whole number from 0 to " + std::to_string(maximum));
         return false;
     }
     number = static_cast<std::uint32_t>(value.number);
@@ -152,7 +125,7 @@ void FieldReader::ReadOneOf(const JsonValue& object, const std::string& name, co
         for (const std::string& one : known) {
             list += (list.empty() ? "\"" : ", \"") + one + "\"";
         }
-        Mistake(value->place, field + "." + name, "expected one of " + list + Nearest(text, known));
+        Mistake(value->line, field + "." + name, "expected one of " + list + Nearest(text, known));
     }
 }
 

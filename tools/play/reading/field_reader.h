@@ -1,5 +1,5 @@
 // Reads the fields of JSON objects and gathers what is wrong with them. Nothing is guessed: unknown fields and wrong
-// kinds of values are reported, each with its place and what was expected there. What the fields mean it does not know.
+// kinds of values are reported, each with its line and what was expected there. What the fields mean it does not know.
 #pragma once
 
 #include "tools/play/reading/located_json.h"
@@ -10,8 +10,8 @@
 
 namespace play {
 
-// "; did you mean "..."?" for the known name nearest to a wrong one, or what a name of earlier files is called now; empty
-// when none is near. `prefix`: what all begin with, so that it makes nothing near.
+// "; did you mean "..."?" for the known name that differs least from a wrong one; empty when none is near. `prefix`: what
+// all begin with, so that it makes nothing near.
 [[nodiscard]] std::string Nearest(const std::string& name, const std::vector<std::string>& known,
                                   const std::string& prefix = "");
 
@@ -24,8 +24,8 @@ public:
     explicit FieldReader(std::string file) : file_(std::move(file)) {}
 
     // Throws ScenarioError when there are too many.
-    void Mistake(Place place, const std::string& field, const std::string& expected);
-    // All so far, as "<file>:<line>:<column>: <field>: <what was expected>", one to a line.
+    void Mistake(unsigned line, const std::string& field, const std::string& expected);
+    // All so far, as "<file>:<line>: <field>: <what was expected>", one to a line.
     [[nodiscard]] const std::string& mistakes() const { return mistakes_; }
 
     // These report what they find wrong.

@@ -1,11 +1,9 @@
-// The library's parser does the work; an iterator that counts what it reads tells where each value ends, and a look
-// back into the text where it begins.
+// The library's parser does the work; an iterator that counts what it reads tells in which line each value ends.
 #include "tools/play/reading/located_json.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <iterator>
 
@@ -24,14 +22,11 @@ public:
     using pointer = const char*;
     using reference = const char&;
 
-    CountingIterator(const char* at, const char* begin, std::size_t* count) : at_(at), begin_(begin), count_(count) {}
+    CountingIterator(const char* at, const char** last) : at_(at), last_(last) {}
     reference operator*() const { return *at_; }
     CountingIterator& operator++()
     {
-        ++at_;
-        if (count_ != nullptr) {
-            *count_ = static_cast<std::size_t>(at_ - begin_);
-        }
+        *last_ = at_++;
         return *this;
     }
     CountingIterator operator++(int)
@@ -45,102 +40,73 @@ public:
 
 private:
     const char* at_;
-    const char* begin_;
-    std::size_t* count_;
+    const char** last_;  // the last character that was read
 };
 
 class Builder : public nlohmann::json_sax<json> {
 public:
-    Builder(const std::string& text, const std::size_t& count) : text_(text), count_(count)
-    {
-        for (std::size_t at = 0; at < text.size(); ++at) {
-            if (text[at] == '\n') {
-                lineBegins_.push_back(at + 1);
-            }
-        }
-    }
+    // `last`: the last character that the parser has read.
+    Builder(const char* begin, const char* const& last) : counted_(begin), last_(last) {}
 
     JsonValue root;
 
-    bool null() override { return Add(JsonValue::Kind::kNull, WordBegin()) != nullptr; }
+    bool null() override { return Add(JsonValue::Kind::kNull) != nullptr; }
     bool boolean(bool value) override
     {
-        Add(JsonValue::Kind::kBoolean, WordBegin())->boolean = value;
+        Add(JsonValue::Kind::kBoolean)->boolean = value;
         return true;
     }
-    bool number_integer(number_integer_t) override
-    {
-        Add(JsonValue::Kind::kNumber, WordBegin());
-        return true;
-    }
+    bool number_integer(number_integer_t) override { return Add(JsonValue::Kind::kNumber) != nullptr; }
     bool number_unsigned(number_unsigned_t value) override
     {
-        JsonValue* added = Add(JsonValue::Kind::kNumber, WordBegin());
+        JsonValue* added = Add(JsonValue::Kind::kNumber);
         added->number = value;
         added->isWhole = true;
         return true;
     }
-    bool number_float(number_float_t, const string_t&) override
-    {
-        Add(JsonValue::Kind::kNumber, WordBegin());
-        return true;
-    }
+    bool number_float(number_float_t, const string_t&) override { return Add(JsonValue::Kind::kNumber) != nullptr; }
     bool string(string_t& value) override
     {
-        Add(JsonValue::Kind::kText, TextBegin())->text = value;
+        Add(JsonValue::Kind::kText)->text = value;
         return true;
     }
     bool binary(binary_t&) override { return false; }
-    bool start_object(std::size_t) override
-    {
-        Open(JsonValue::Kind::kObject);
-        return true;
-    }
+    bool start_object(std::size_t) override { return Open(JsonValue::Kind::kObject); }
     bool key(string_t& name) override
     {
-        open_.back()->members.push_back({name, PlaceOf(TextBegin()), {}});
+        open_.back()->members.push_back({name, Line(), {}});
         return true;
     }
     bool end_object() override { return Close(); }
-    bool start_array(std::size_t) override
-    {
-        Open(JsonValue::Kind::kArray);
-        return true;
-    }
+    bool start_array(std::size_t) override { return Open(JsonValue::Kind::kArray); }
     bool end_array() override { return Close(); }
-    bool parse_error(std::size_t position, const std::string&, const json::exception& error) override
+    bool parse_error(std::size_t, const std::string&, const json::exception& error) override
     {
         std::string message = error.what();
         if (IsCommaMissing(message)) {
-            throw JsonError{PlaceOf(valueEnd_), "a comma is missing after this value"};
+            throw JsonError{valueLine_, "a comma is missing after this value"};
         }
         // After the library's own name for the error, and the place where it knows one.
         for (const char* before : {"] ", "column", ": "}) {
             const std::size_t at = message.find(before);
             message.erase(0, at == std::string::npos ? 0 : at + std::strlen(before));
         }
-        throw JsonError{PlaceOf(position == 0 ? 0 : position - 1), message};
+        throw JsonError{Line(), message};
     }
 
 private:
-    [[nodiscard]] Place PlaceOf(std::size_t offset) const
+    // Of the token that was just read. After a number the parser has read one character more, which may be a line's end.
+    unsigned Line()
     {
-        const auto next = std::upper_bound(lineBegins_.begin(), lineBegins_.end(), std::min(offset, text_.size()));
-        return {static_cast<unsigned>(next - lineBegins_.begin()),
-                static_cast<unsigned>(std::min(offset, text_.size()) - *std::prev(next) + 1)};
-    }
-
-    bool Close()
-    {
-        open_.pop_back();
-        valueEnd_ = count_;
-        return true;
+        line_ += static_cast<unsigned>(std::count(counted_, last_, '\n'));
+        counted_ = last_;
+        return line_;
     }
 
     // After a value of a list or an object the library expects its end or a comma, and has found another value.
     [[nodiscard]] bool IsCommaMissing(const std::string& message) const
     {
-        if (open_.empty() || valueEnd_ == 0 ||
+        if (open_.empty() || valueLine_ == 0 ||
             (!message.ends_with("; expected ']'") && !message.ends_with("; expected '}'"))) {
             return false;
         }
@@ -151,44 +117,23 @@ private:
     static constexpr const char* kValueBegins[] = {"'{'",   "'['", "string literal", "number literal", "true",
                                                    "false", "null"};
 
-    void Open(JsonValue::Kind kind)
+    bool Open(JsonValue::Kind kind)
     {
         if (open_.size() == kDepthMaximum) {
-            throw JsonError{PlaceOf(count_ - 1), "nested more than " + std::to_string(kDepthMaximum) + " deep"};
+            throw JsonError{Line(), "nested more than " + std::to_string(kDepthMaximum) + " deep"};
         }
-        open_.push_back(Add(kind, count_ - 1));
+        open_.push_back(Add(kind));
+        return true;
     }
 
-    [[nodiscard]] bool IsPartOfWord(std::size_t at) const
+    bool Close()
     {
-        const char letter = text_[at];
-        return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '-' || letter == '+' || letter == '.';
+        open_.pop_back();
+        valueLine_ = Line();
+        return true;
     }
 
-    // Where the number or word begins that was just read. The parser may have looked at one character after it.
-    [[nodiscard]] std::size_t WordBegin() const
-    {
-        std::size_t at = count_;
-        while (at > 0 && !IsPartOfWord(at - 1)) {
-            --at;
-        }
-        while (at > 0 && IsPartOfWord(at - 1)) {
-            --at;
-        }
-        return at;
-    }
-
-    // Where the quoted text begins whose closing quote was just read.
-    [[nodiscard]] std::size_t TextBegin() const
-    {
-        std::size_t at = text_.rfind('"', count_ == 0 ? 0 : count_ - 1);
-        do {
-            at = at == 0 ? 0 : text_.rfind('"', at - 1);
-        } while (at != 0 && at != std::string::npos && text_[at - 1] == '\\');
-        return at == std::string::npos ? 0 : at;
-    }
-
-    JsonValue* Add(JsonValue::Kind kind, std::size_t begin)
+    JsonValue* Add(JsonValue::Kind kind)
     {
         JsonValue* added = &root;
         if (!open_.empty() && open_.back()->kind == JsonValue::Kind::kArray) {
@@ -197,18 +142,14 @@ private:
             added = &open_.back()->members.back().value;
         }
         added->kind = kind;
-        added->place = PlaceOf(begin);
-        valueEnd_ = count_;
-        while (valueEnd_ > begin + 1 && kind == JsonValue::Kind::kNumber && !IsPartOfWord(valueEnd_ - 1)) {
-            --valueEnd_;
-        }
+        added->line = valueLine_ = Line();
         return added;
     }
 
-    const std::string& text_;
-    const std::size_t& count_;
-    std::size_t valueEnd_ = 0;  // of the last value that was read whole
-    std::vector<std::size_t> lineBegins_ = {0};
+    const char* counted_;  // lines are counted up to here
+    unsigned line_ = 1;
+    const char* const& last_;
+    unsigned valueLine_ = 0;        // of the end of the value that was read last
     std::vector<JsonValue*> open_;  // stable: a container grows only while it is the innermost open one
 };
 
@@ -232,11 +173,10 @@ const JsonValue* FindMember(const JsonValue& object, const std::string& name)
 
 JsonValue ParseJson(const std::string& text)
 {
-    std::size_t count = 0;
-    Builder builder(text, count);
-    const char* begin = text.data();
-    const char* end = begin + text.size();
-    json::sax_parse(CountingIterator(begin, begin, &count), CountingIterator(end, begin, nullptr), &builder,
+    const char* const begin = text.data();
+    const char* last = begin;
+    Builder builder(begin, last);
+    json::sax_parse(CountingIterator(begin, &last), CountingIterator(begin + text.size(), &last), &builder,
                     json::input_format_t::json, true, true);
     return std::move(builder.root);
 }

@@ -1,4 +1,4 @@
-// JSON with comments allowed, in which every value knows where it stands in the file.
+// JSON with comments allowed, in which every value knows its line in the file.
 #pragma once
 
 #include <cstdint>
@@ -8,18 +8,13 @@
 
 namespace play {
 
-struct Place {
-    unsigned line = 0;    // from 1
-    unsigned column = 0;  // from 1
-};
-
 struct JsonValue {
     enum class Kind { kNull, kBoolean, kNumber, kText, kArray, kObject };
 
     struct Member;
 
     Kind kind = Kind::kNull;
-    Place place;
+    unsigned line = 0;  // from 1
     bool boolean = false;
     std::uint64_t number = 0;
     bool isWhole = false;  // a number without sign, fraction and exponent
@@ -30,7 +25,7 @@ struct JsonValue {
 
 struct JsonValue::Member {
     std::string name;
-    Place place;
+    unsigned line = 0;
     JsonValue value;
 };
 
@@ -40,7 +35,7 @@ struct JsonValue::Member {
 [[nodiscard]] const JsonValue* FindMember(const JsonValue& object, const std::string& name);
 
 struct JsonError {
-    Place place;
+    unsigned line = 0;
     std::string message;
 };
 

@@ -90,10 +90,10 @@ void ReadDriver(ValueReader& reader, const JsonValue& value, const JsonValue& im
 {
     for (const char* reserved : {"zepn", kNotifier, kSystem, kApplication}) {
         if (client.key == reserved) {
-            reader.Mistake(value.place, field, "the name is taken: a real driver's service is called so");
+            reader.Mistake(value.line, field, "the name is taken: a real driver's service is called so");
         }
     }
-    client.driver.emplace().place = image.place;
+    client.driver.emplace().line = image.line;
     if (reader.IsA(image, JsonValue::Kind::kText, field + ".image")) {
         client.driver->image = image.text;
     }
@@ -126,10 +126,10 @@ void ReadIdentity(ValueReader& reader, const JsonValue& value, const std::string
     for (const JsonValue::Member& member : value.members) {
         const bool isOfScripts = std::ranges::find(kOfScripts, member.name) != std::end(kOfScripts);
         if (image != nullptr && isOfScripts) {
-            reader.Mistake(member.place, field + "." + member.name,
+            reader.Mistake(member.line, field + "." + member.name,
                            "is for a scripted client, and this one has an \"image\"");
         } else if (image == nullptr && member.name == "parameters") {
-            reader.Mistake(member.place, field + ".parameters", "is for a client with an \"image\"");
+            reader.Mistake(member.line, field + ".parameters", "is for a client with an \"image\"");
         }
     }
     if (image != nullptr) {
@@ -139,7 +139,7 @@ void ReadIdentity(ValueReader& reader, const JsonValue& value, const std::string
         guid != nullptr && reader.IsA(*guid, JsonValue::Kind::kText, field + ".guid")) {
         const auto parsed = host::tracing::ParseGuid(guid->text);
         if (!parsed) {
-            reader.Mistake(guid->place, field + ".guid",
+            reader.Mistake(guid->line, field + ".guid",
                            "expected a GUID like \"6f1b2c3d-0001-4a5b-8c9d-000000000001\"");
         }
         client.guid = parsed.value_or(GUID{});
@@ -192,7 +192,7 @@ void ReadClients(ValueReader& reader, const JsonValue& root, Scenario& scenario)
         }
         entries += client.entryCount;
         if (entries > kEntriesMaximum) {
-            reader.Mistake(member.place, field,
+            reader.Mistake(member.line, field,
                            "all clients together have more than " + std::to_string(kEntriesMaximum) + " entries");
             return;
         }

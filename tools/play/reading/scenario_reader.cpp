@@ -30,7 +30,7 @@ Scenario ParseScenario(const std::string& text, const std::string& fileName)
     try {
         root = ParseJson(text);
     } catch (const JsonError& error) {
-        reader.Mistake(error.place, "syntax", error.message);
+        reader.Mistake(error.line, "syntax", error.message);
         throw ScenarioError(reader.mistakes());
     }
     if (reader.IsA(root, JsonValue::Kind::kObject, "scenario")) {

@@ -1,6 +1,9 @@
 #include "tools/play/reading/step_reader.h"
 
+#include "host/machine.h"
 #include "tools/play/system_state.h"
+
+#include <algorithm>
 
 namespace play {
 namespace {
@@ -66,7 +69,7 @@ void CheckSystemState(ValueReader& reader, const Scenario& scenario)
     for (std::size_t index = 0; index < scenario.steps.size(); ++index) {
         const Step& step = scenario.steps[index];
         if (const char* obstacle = Obstacle(step, state)) {
-            reader.Mistake(step.place, "steps[" + std::to_string(index) + "]", obstacle);
+            reader.Mistake(step.line, "steps[" + std::to_string(index) + "]", obstacle);
             return;  // the others may follow from it
         }
         Follow(step, state);
@@ -82,7 +85,7 @@ void CheckRole(ValueReader& reader, const StepRow& row, const JsonValue& value, 
         return;
     }
     const std::string name = "\"" + step.client + "\" ";
-    reader.Mistake(FindMember(value, "client")->place, field + ".client",
+    reader.Mistake(FindMember(value, "client")->line, field + ".client",
                    client->driver ? name + "is a real driver and calls by itself; for it there are \"load\", \"stop\", "
                                            "\"pull\", \"unload\" and \"expect\""
                                   : name + "is scripted; \"" + Name(row.kind) + "\" is for a client with an \"image\"");
@@ -121,8 +124,13 @@ void ReadMisuse(ValueReader& reader, const JsonValue& value, const std::string& 
     }
     reader.CheckFields(*fail, field + ".fail", {"call"}, {"detail", "driver", "status"});
     reader.ReadText(*fail, "call", field + ".fail.call", step.fail.emplace().call);
-    if (const JsonValue* call = FindMember(*fail, "call")) {
-        step.fail->place = call->place;
+    // A misspelt call would fail nothing.
+    static const std::vector<std::string> kFunctions = host::Machine::PlatformFunctions();
+    const JsonValue* call = FindMember(*fail, "call");
+    if (call != nullptr && call->kind == JsonValue::Kind::kText &&
+        std::ranges::find(kFunctions, call->text) == kFunctions.end()) {
+        reader.Mistake(call->line, field + ".fail.call",
+                       "the host has no platform function \"" + call->text + "\"" + Nearest(call->text, kFunctions));
     }
     reader.ReadText(*fail, "detail", field + ".fail.detail", step.fail->detail);
     reader.ReadOneOf(*fail, "driver", field + ".fail", reader.DriverNames(), step.fail->driver);
@@ -143,7 +151,7 @@ void ReadStepOf(ValueReader& reader, const StepRow& row, const JsonValue& value,
     reader.CheckFields(value, field, required, optional);
     Step step;
     step.kind = row.kind;
-    step.place = value.place;
+    step.line = value.line;
     reader.ReadText(value, "text", field + ".text", step.text);
     reader.ReadClientName(value, "client", field, row.kind == Kind::kExpect, step.client);
     reader.ReadClientName(value, "to", field, true, step.to);
@@ -172,7 +180,7 @@ void ReadStep(ValueReader& reader, const JsonValue& value, const std::string& fi
 {
     const JsonValue* action = FindMember(value, "do");
     if (action == nullptr) {
-        reader.Mistake(value.place, field, "field \"do\" is missing");
+        reader.Mistake(value.line, field, "field \"do\" is missing");
         return;
     }
     if (!reader.IsA(*action, JsonValue::Kind::kText, field + ".do")) {
@@ -186,8 +194,7 @@ void ReadStep(ValueReader& reader, const JsonValue& value, const std::string& fi
             return;
         }
     }
-    reader.Mistake(action->place, field + ".do",
-                   "unknown step \"" + action->text + "\"" + Nearest(action->text, names));
+    reader.Mistake(action->line, field + ".do", "unknown step \"" + action->text + "\"" + Nearest(action->text, names));
 }
 
 }  // namespace

@@ -43,13 +43,13 @@ void ValueReader::ReadStateNames(const JsonValue& object, const std::string& fie
         const std::string at = field + "." + member.name;
         std::uint32_t number = 0;
         if (std::ranges::find(kReservedStates, member.name) != std::end(kReservedStates)) {
-            Mistake(member.place, at, "\"" + member.name + "\" has a meaning of its own and cannot be given a number");
+            Mistake(member.line, at, "\"" + member.name + "\" has a meaning of its own and cannot be given a number");
         } else if (!ReadNumber(member.value, at, number)) {
             continue;
         } else if (number == 0) {
-            Mistake(member.value.place, at, "0 is called \"none\": the client has posted no state");
+            Mistake(member.value.line, at, "0 is called \"none\": the client has posted no state");
         } else if (number == ZEP_STATE_ANY) {
-            Mistake(member.value.place, at,
+            Mistake(member.value.line, at,
                     std::to_string(number) + " is ZEP_STATE_ANY: a subscription to it gets every state");
         } else {
             states.numbers[member.name] = number;
@@ -90,7 +90,7 @@ void ValueReader::ReadState(const JsonValue& value, const std::string& field, co
         }
     }
     if (model != nullptr || client.empty()) {  // else the name of the client is wrong, which has been said
-        Mistake(value.place, field, "no state \"" + value.text + "\" in \"states\"" + Nearest(value.text, names));
+        Mistake(value.line, field, "no state \"" + value.text + "\" in \"states\"" + Nearest(value.text, names));
     }
 }
 
@@ -118,9 +118,9 @@ void ValueReader::ReadClientName(const JsonValue& object, const std::string& nam
         for (const auto& [known, index] : clients_) {
             keys.push_back(known);
         }
-        Mistake(value->place, field + "." + name, "no client \"" + key + "\" in \"clients\"" + Nearest(key, keys));
+        Mistake(value->line, field + "." + name, "no client \"" + key + "\" in \"clients\"" + Nearest(key, keys));
     } else if (needsGuid && !client->hasGuid) {
-        Mistake(value->place, field + "." + name, "the client \"" + key + "\" needs a field \"guid\" for this");
+        Mistake(value->line, field + "." + name, "the client \"" + key + "\" needs a field \"guid\" for this");
     }
 }
 
@@ -131,7 +131,7 @@ bool ValueReader::ReadStatus(const JsonValue& value, const std::string& field, s
     }
     status = ParseStatus(value.text);
     if (!status) {
-        Mistake(value.place, field,
+        Mistake(value.line, field,
                 "expected a status like \"STATUS_NOT_FOUND\" or \"0xC0000225\"" +
                     Nearest(value.text, StatusNames(), "STATUS_"));
     }
