@@ -1,4 +1,4 @@
-// Objects, references, contexts and collections, in the corners that decide what a driver may rely on.
+// Objects and their attributes in the corners that the probe does not ask for.
 #include "tests/host/faulty_driver_fixture.h"
 
 namespace tests {
@@ -35,42 +35,11 @@ WDFOBJECT NewNamed(WDFOBJECT parent, WDF_EXECUTION_LEVEL level = WdfExecutionLev
     return object;
 }
 
-NTSTATUS CreateWith(WDF_OBJECT_ATTRIBUTES attributes)
-{
-    WDFOBJECT object = nullptr;
-    return WdfObjectCreate(&attributes, &object);
-}
-
 class Objects : public FaultyDriverTest {
 protected:
     Objects() { g_order.clear(); }
 };
 class Creations : public FaultyDriverTest {};
-class Contexts : public FaultyDriverTest {};
-class Collections : public FaultyDriverTest {};
-
-TEST_F(Objects, AreDisposedChildrenFirstAndDestroyedAfterwards)
-{
-    const WDFOBJECT parent = NewNamed<'p'>(nullptr);
-    const WDFOBJECT first = NewNamed<'1'>(parent);
-    (void)NewNamed<'a'>(first);
-    (void)NewNamed<'2'>(parent);
-    WdfObjectDelete(parent);
-    EXPECT_EQ(g_order, (Order{"cleanup a", "cleanup 1", "cleanup 2", "cleanup p", "destroy a", "destroy 1", "destroy 2",
-                              "destroy p"}));
-}
-
-TEST_F(Objects, CallbacksFromTheCreationComeBeforeThoseOfLaterContexts)
-{
-    const WDFOBJECT object = NewNamed<'1'>(nullptr);  // without a context of its own
-    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
-    WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
-    attributes.EvtCleanupCallback = Cleanup<'2'>;
-    attributes.EvtDestroyCallback = Destroy<'2'>;
-    ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, nullptr), STATUS_SUCCESS);
-    WdfObjectDelete(object);
-    EXPECT_EQ(g_order, (Order{"cleanup 1", "cleanup 2", "destroy 1", "destroy 2"}));
-}
 
 // An object whose callbacks must run at PASSIVE_LEVEL, deleted or dereferenced for the last time above it.
 TEST_F(Objects, OfPassiveLevelAreDisposedAndDestroyedOnASystemThread)
@@ -114,30 +83,6 @@ TEST_F(Objects, ASiblingDeletedDuringTheParentsDisposalIsCleanedUpAndDestroyedOn
     EXPECT_EQ(g_order, (Order{"cleanup 1", "cleanup 2", "cleanup p", "destroy 1", "destroy 2", "destroy p"}));
 }
 
-TEST_F(Objects, AReferencePostponesOnlyTheDestruction)
-{
-    const WDFOBJECT parent = NewNamed<'p'>(nullptr);
-    const WDFOBJECT child = NewNamed<'1'>(parent);
-    WdfObjectReference(child);
-    WdfObjectDelete(parent);
-    EXPECT_EQ(g_order, (Order{"cleanup 1", "cleanup p", "destroy p"}));
-    EXPECT_TRUE(machine.inspect().Find(child)->deleted);
-    WdfObjectDereference(child);
-    EXPECT_EQ(g_order.back(), "destroy 1");
-    EXPECT_FALSE(machine.inspect().Find(child).has_value());
-}
-
-TEST_F(Objects, DeletedOnesTakeNoChildrenAndAreDeletedOnce)
-{
-    const WDFOBJECT object = NewObject();
-    WdfObjectReference(object);
-    WdfObjectDelete(object);
-    EXPECT_EQ(CreateWith(Attributes(object)), STATUS_DELETE_PENDING);
-    WdfObjectDelete(object);
-    EXPECT_EQ(machine.SecondDeletes(), 1u);
-    WdfObjectDereference(object);
-}
-
 TEST(ObjectsOfAnEarlierMachine, AreForeign)
 {
     WDFOBJECT earlier = nullptr;
@@ -153,28 +98,22 @@ TEST(ObjectsOfAnEarlierMachine, AreForeign)
 TEST_F(Objects, AttributesAreRefusedInTheFrameworksOrder)
 {
     WDF_OBJECT_ATTRIBUTES attributes = Attributes();
-    attributes.Size = 48;
-    EXPECT_EQ(CreateWith(attributes), STATUS_INFO_LENGTH_MISMATCH);
-
-    attributes = Attributes();
     attributes.ContextSizeOverride = 8;  // and no type
     attributes.ExecutionLevel = WdfExecutionLevelInvalid;
-    EXPECT_EQ(CreateWith(attributes), STATUS_WDF_OBJECT_ATTRIBUTES_INVALID);
-
-    attributes = {};
-    attributes.Size = sizeof(attributes);
-    EXPECT_EQ(CreateWith(attributes), STATUS_WDF_OBJECT_ATTRIBUTES_INVALID);
-
-    attributes = Attributes();
-    attributes.SynchronizationScope = WdfSynchronizationScopeDevice;
-    EXPECT_EQ(CreateWith(attributes), STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID);
+    WDFOBJECT object = nullptr;
+    EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_WDF_OBJECT_ATTRIBUTES_INVALID);
 
     attributes = Attributes();
     attributes.ExecutionLevel = WdfExecutionLevelPassive;
-    EXPECT_EQ(CreateWith(attributes), STATUS_SUCCESS);
+    EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
     WDFWAITLOCK lock = nullptr;
     EXPECT_EQ(WdfWaitLockCreate(&attributes, &lock), STATUS_WDF_EXECUTION_LEVEL_INVALID);
-    EXPECT_EQ(lock, nullptr);
+
+    // A context that is attached later is as zero as one of the creation.
+    EXPECT_EQ(WdfObjectAllocateContext(object, nullptr, nullptr), STATUS_WDF_PARENT_NOT_SPECIFIED);
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
+    ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(object)->Numbers[9], 0u);
 }
 
 void NTAPI NoWork(WDFWORKITEM)
@@ -224,56 +163,6 @@ TEST_F(Creations, ThatFailClearTheHandleOrKeepItAsTheFrameworkDoes)
     PWDFDEVICE_INIT init = nullptr;
     EXPECT_TRUE(FailureClears<WDFDEVICE>([&](auto* handle) { return WdfDeviceCreate(&init, &refused, handle); }));
     machine.faults().Clear();
-}
-
-TEST_F(Contexts, AreZeroFoundByTypeAndAttachedOnce)
-{
-    const WDFOBJECT object = NewObject();
-    EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(object), nullptr);
-
-    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
-    PVOID memory = nullptr;
-    EXPECT_EQ(WdfObjectAllocateContext(object, nullptr, &memory), STATUS_WDF_PARENT_NOT_SPECIFIED);
-    EXPECT_EQ(WdfObjectAllocateContext(object, &attributes, &memory), STATUS_OBJECT_NAME_INVALID);
-    WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
-    ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, &memory), STATUS_SUCCESS);
-    EXPECT_EQ(static_cast<FAULTY_CONTEXT*>(memory)->Numbers[9], 0u);
-    EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(object), memory);
-    EXPECT_EQ(WdfObjectContextGetObject(memory), object);
-
-    PVOID again = nullptr;
-    EXPECT_EQ(WdfObjectAllocateContext(object, &attributes, &again), STATUS_OBJECT_NAME_EXISTS);
-    EXPECT_EQ(again, memory);
-
-    WdfObjectReference(object);
-    WdfObjectDelete(object);
-    EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(object), memory);
-    WdfObjectDereference(object);
-}
-
-TEST_F(Collections, KeepDeletedItemsAndDuplicatesUntilTheyAreRemoved)
-{
-    const WDFCOLLECTION collection = NewCollection();
-    const WDFOBJECT first = NewObject();
-    const WDFOBJECT second = NewObject();
-    for (const WDFOBJECT item : {first, second, first}) {
-        ASSERT_EQ(WdfCollectionAdd(collection, item), STATUS_SUCCESS);
-    }
-    WdfObjectDelete(first);
-    EXPECT_EQ(WdfCollectionGetCount(collection), 3u);
-    WdfCollectionRemove(collection, first);  // the first of the two
-    EXPECT_EQ(WdfCollectionGetFirstItem(collection), second);
-    EXPECT_EQ(WdfCollectionGetLastItem(collection), first);
-    EXPECT_EQ(WdfCollectionGetItem(collection, 2), nullptr);
-    WdfCollectionRemoveItem(collection, 1);
-    EXPECT_FALSE(machine.inspect().Find(first).has_value());
-
-    // A collection that is deleted and still referenced keeps its contents.
-    WdfObjectReference(collection);
-    WdfObjectDelete(collection);
-    EXPECT_EQ(WdfCollectionGetFirstItem(collection), second);
-    WdfObjectDereference(collection);
-    EXPECT_EQ(machine.inspect().Find(second)->references, 1);
 }
 
 }  // namespace

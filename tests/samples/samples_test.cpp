@@ -6,7 +6,6 @@
 #include "tools/image_check/checks.h"
 
 #include <algorithm>
-#include <fstream>
 #include <regex>
 #include <sstream>
 
@@ -189,8 +188,7 @@ TEST_P(Samples, ProbeAnswersAsWritten)
     probe.Unload();
 
     const std::string answers = ProbeAnswers(machine);
-    std::ifstream file(ZEPN_ROOT "/samples/probe/answers.txt");
-    EXPECT_EQ(answers, std::string(std::istreambuf_iterator<char>(file), {}));
+    EXPECT_EQ(answers, tests::ReadAll(ZEPN_ROOT "/samples/probe/answers.txt"));
     EXPECT_EQ(machine.tracing().Events().size(), Lines(answers, "REG_DWORD"));
     ExpectNoViolation(machine);
 }
