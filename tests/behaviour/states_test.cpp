@@ -1,4 +1,5 @@
-// The delivery path of a state: posting, delivery in order, answers.
+// States: when an answer counts, and how delivery stops for good. Who is notified of what, in which order, is the
+// model-based tests'.
 #include "tests/kit/driver_fixture.h"
 
 #include <regex>
@@ -10,51 +11,6 @@ class States : public OnDriver {};
 FOR_ALL_CONTAINERS(States);
 class Hangs : public OnContainer {};
 FOR_ALL_CONTAINERS(Hangs);
-
-TEST_P(States, PostRecordsQueuesAndReturnsWithoutDelivering)
-{
-    Peer& poster = Join(1);
-    Peer& subscriber = Join(2);
-    ASSERT_EQ(Subscribe(subscriber, poster, 4), STATUS_SUCCESS);
-    const ZepState odd{.Size = 0xDEAD, .InterfaceGUID = poster.guid, .State = 4, .Reserved = 0x77};
-    ASSERT_EQ(helper.Notifier_HelperSendState(&odd), STATUS_SUCCESS);
-    EXPECT_TRUE(subscriber.deliveries.empty());
-    EXPECT_EQ(Client(poster)->currentState, 4u);
-    EXPECT_EQ(Count(Context().states), 1u);
-    EXPECT_EQ(Queued(), 2u) << "the announcement and the delivery";
-
-    Deliver();
-    ASSERT_EQ(subscriber.deliveries.size(), 1u);
-    EXPECT_EQ(memcmp(&subscriber.deliveries[0], &odd, sizeof(odd)), 0) << "the whole record, Size unchecked";
-    EXPECT_EQ(Alive(kStateContextName), 0u);
-}
-
-TEST_P(States, DeliveryIsInOrderOfPostingThenClientsThenSubscriptions)
-{
-    Peer& poster = Join(1);
-    Peer& early = Join(2);
-    Peer& late = Join(3);
-    std::vector<std::string> calls;
-    const auto log = [&calls](const char* who) {
-        return [&calls, who](const ZepState& state, ULONG&) { calls.push_back(who + std::to_string(state.State)); };
-    };
-    early.onState = log("early ");
-    late.onState = log("late ");
-    ASSERT_EQ(Subscribe(late, poster, 4), STATUS_SUCCESS);
-    ASSERT_EQ(Subscribe(early, poster, 4), STATUS_SUCCESS);
-    ASSERT_EQ(Subscribe(early, poster, 4), STATUS_SUCCESS);  // called twice
-    ASSERT_EQ(Subscribe(early, poster, 5), STATUS_SUCCESS);
-    ASSERT_EQ(Subscribe(poster, poster, 4), STATUS_SUCCESS);  // never notified of itself
-    for (const ULONG state : {4u, 5u, 4u, 6u}) {
-        ASSERT_EQ(Post(poster, state), STATUS_SUCCESS);
-    }
-    Deliver();
-    EXPECT_EQ(calls,
-              (std::vector<std::string>{"early 4", "early 4", "late 4", "early 5", "early 4", "early 4", "late 4"}));
-    EXPECT_TRUE(poster.deliveries.empty());
-    EXPECT_EQ(TakeReports().back(), "10 NotifierEvtWorkItemNotifyStates: <states>")
-        << "a run ends with the empty queue, at error level";
-}
 
 TEST_P(States, AnAnswerIsTheStateAtOnce)
 {

@@ -18,7 +18,7 @@ std::set<unsigned> EventIds(DriverFixture& fixture)
 }
 
 // A bit of everything: entries, an error, a warning, a delivery.
-void LiveALittle(DriverFixture& fixture)
+void DoABitOfEverything(DriverFixture& fixture)
 {
     Peer& one = fixture.Join(1);
     Peer& other = fixture.Join(2);
@@ -32,10 +32,27 @@ void LiveALittle(DriverFixture& fixture)
     EXPECT_EQ(fixture.Leave(other), STATUS_SUCCESS);
 }
 
+// Those of it alone.
+std::set<unsigned> EventIdsOfABit(DriverFixture& fixture)
+{
+    fixture.machine.tracing().ClearCaptured();
+    DoABitOfEverything(fixture);
+    return EventIds(fixture);
+}
+
+std::set<unsigned> MessageNumbers(DriverFixture& fixture)
+{
+    std::set<unsigned> numbers;
+    for (const auto& message : fixture.machine.tracing().Messages()) {
+        numbers.insert(message.number);
+    }
+    return numbers;
+}
+
 TEST_P(Reporting, WithoutListenersNothingIsWrittenAndAllWorksTheSame)
 {
     DriverFixture fixture(GetParam(), {.records = false});
-    LiveALittle(fixture);
+    DoABitOfEverything(fixture);
     fixture.TakeDown();
     EXPECT_EQ(fixture.machine.tracing().DisabledEvents(), 0u);
     EXPECT_EQ(fixture.machine.tracing().DisabledMessages(), 0u);
@@ -61,7 +78,7 @@ TEST_P(Reporting, EventLevelsSelectAsTheSystemDefinesThem)
         DriverFixture fixture(GetParam(), {.records = false, .boots = false});
         fixture.machine.tracing().OpenEventSession({kProviderGuid, row.level});
         fixture.Boot();
-        LiveALittle(fixture);
+        DoABitOfEverything(fixture);
         fixture.TakeDown();
         EXPECT_EQ(EventIds(fixture), row.ids);
         EXPECT_EQ(fixture.machine.tracing().DisabledEvents(), 0u);
@@ -73,22 +90,15 @@ TEST_P(Reporting, ListenersComeChangeAndGoWhileTheDriverRuns)
     DriverFixture fixture(GetParam(), {.records = false});
     auto& tracing = fixture.machine.tracing();
     const auto errors = tracing.OpenEventSession({kProviderGuid, 2});
-    LiveALittle(fixture);
-    EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
+    EXPECT_EQ(EventIdsOfABit(fixture), (std::set<unsigned>{10, 12}));
     const auto all = tracing.OpenEventSession({kProviderGuid, 5});
-    tracing.ClearCaptured();
-    LiveALittle(fixture);
-    EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12, 22, 61}));
+    EXPECT_EQ(EventIdsOfABit(fixture), (std::set<unsigned>{10, 12, 22, 61}));
 
     // The level falls back to what the session that stays wants.
     tracing.Close(all);
-    tracing.ClearCaptured();
-    LiveALittle(fixture);
-    EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
+    EXPECT_EQ(EventIdsOfABit(fixture), (std::set<unsigned>{10, 12}));
     tracing.ChangeEventSession(errors, {kProviderGuid, 1});
-    tracing.ClearCaptured();
-    LiveALittle(fixture);
-    EXPECT_TRUE(EventIds(fixture).empty());
+    EXPECT_EQ(EventIdsOfABit(fixture), std::set<unsigned>{});
     tracing.Close(errors);
     EXPECT_EQ(tracing.DisabledEvents(), 0u);
 }
@@ -101,12 +111,9 @@ TEST_P(Reporting, OtherControlCodesAndANullContextChangeNothing)
     tracing.SendEventControl(kProviderGuid, 2, 5, 0, 0);
     tracing.SendEventControl(kProviderGuid, 7, 5, 0, 0);
     tracing.SendEventControl(kProviderGuid, 0, 0, 0, 0, true);
-    LiveALittle(fixture);
-    EXPECT_EQ(EventIds(fixture), (std::set<unsigned>{10, 12}));
+    EXPECT_EQ(EventIdsOfABit(fixture), (std::set<unsigned>{10, 12}));
     tracing.SendEventControl(kProviderGuid, 0, 0, 0, 0);
-    tracing.ClearCaptured();
-    LiveALittle(fixture);
-    EXPECT_TRUE(EventIds(fixture).empty());
+    EXPECT_EQ(EventIdsOfABit(fixture), std::set<unsigned>{});
 }
 
 // Both registration routes: who listens with which flags and level gets which messages.
@@ -134,12 +141,9 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
             DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = route}, .records = false, .boots = false});
             fixture.machine.tracing().OpenMessageSession({kControlGuid, row.level, row.flags});
             fixture.Boot();
-            LiveALittle(fixture);
+            DoABitOfEverything(fixture);
             fixture.TakeDown();
-            std::set<unsigned> numbers;
-            for (const auto& message : fixture.machine.tracing().Messages()) {
-                numbers.insert(message.number);
-            }
+            const std::set<unsigned> numbers = MessageNumbers(fixture);
             EXPECT_EQ(numbers.contains(10), row.entry);
             EXPECT_EQ(numbers.contains(76), row.error);      // the GUID that is registered already
             EXPECT_EQ(numbers.contains(137), row.progress);  // a posted state
@@ -164,11 +168,11 @@ TEST_P(Reporting, ClosedAndUnknownControlsSilenceMessagesOnBothRoutes)
             tracing.Close(session);  // the null contexts of a disable reached the block itself
             session = tracing.OpenMessageSession({kControlGuid, 5, 3});
         }
-        LiveALittle(fixture);
+        DoABitOfEverything(fixture);
         EXPECT_FALSE(tracing.Messages().empty());
         tracing.Close(session);
         tracing.ClearCaptured();
-        LiveALittle(fixture);
+        DoABitOfEverything(fixture);
         EXPECT_TRUE(tracing.Messages().empty());
         EXPECT_EQ(tracing.DisabledMessages(), 0u);
     }
@@ -192,10 +196,9 @@ TEST_P(Reporting, MessagesSayWhoDidWhat)
     ASSERT_EQ(fixture.Leave(poster), STATUS_SUCCESS);
     ASSERT_EQ(fixture.Leave(other), STATUS_SUCCESS);
 
-    const host::tracing::MessageFormats formats(std::string(ZEPN_ROOT) + "/out/manifest");
     Lines texts;
     for (const auto& message : fixture.machine.tracing().Messages()) {
-        const auto decoded = formats.Decode(message);
+        const auto decoded = TheFormats().Decode(message);
         ASSERT_TRUE(decoded);
         if (!decoded->arguments.empty() && decoded->flags == "TRACE_FLAG_GENERAL" &&
             (decoded->level == "TRACE_LEVEL_INFORMATION" || decoded->level == "TRACE_LEVEL_VERBOSE")) {
@@ -253,12 +256,8 @@ TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
     auto& tracing = fixture.machine.tracing();
     const auto numbers = [&] {
         tracing.ClearCaptured();
-        LiveALittle(fixture);
-        std::set<unsigned> seen;
-        for (const auto& message : tracing.Messages()) {
-            seen.insert(message.number);
-        }
-        return seen;
+        DoABitOfEverything(fixture);
+        return MessageNumbers(fixture);
     };
     const auto session = tracing.OpenMessageSession({kControlGuid, 2, 3});
     fixture.machine.faults().Add({.function = "WmiQueryTraceInformation", .detail = "level"});
