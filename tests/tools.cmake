@@ -3,9 +3,9 @@ find_package(nlohmann_json REQUIRED)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tools)
 
 # The kit's part that needs no test framework.
-add_library(kit STATIC kit/callback_lines.cpp kit/crash_dump_driver.cpp kit/driver_harness.cpp kit/lock_order.cpp
-    kit/operation.cpp kit/peer.cpp)
-target_link_libraries(kit PUBLIC host)
+add_library(kit STATIC kit/callback_lines.cpp kit/crash_dump_driver.cpp kit/driver_harness.cpp kit/operation.cpp
+    kit/peer.cpp)
+target_link_libraries(kit PUBLIC host PRIVATE nlohmann_json::nlohmann_json)
 zepn_unite(kit)
 target_compile_options(kit PRIVATE ${ZEPN_WITHOUT_UNDEFINED})
 

@@ -2,10 +2,11 @@
 
 #include "tests/kit/driver_harness.h"
 
+#include "driver/context/driver_context.h"
 #include "host/checks/unused_stack.h"
 #include "tests/kit/callback_lines.h"
-#include "tests/kit/lock_order.h"
 
+#include <cstddef>
 #include <cstring>
 
 namespace tests {
@@ -24,6 +25,38 @@ PZEP_DESCRIPTOR_CALLBACK NeverCalled(unsigned client, unsigned slot)
     return reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(std::uintptr_t{0x1000} * (client + 1) + slot);
 }
 
+// The locks and collections by the driver's own names. With its order of locks they are all that is read from the driver.
+struct NamedMember {
+    std::size_t offset;
+    const char* name;
+};
+#define NAMED(member) {offsetof(ZEP_NOTIFIER_DRIVER_CONTEXT, member), #member}
+constexpr NamedMember kNamed[] = {
+    NAMED(wdfCollectionWpcdClientAddQueue),   NAMED(wdfCollectionWpcdClientRemoveQueue),
+    NAMED(wdfCollectionZepClients),           NAMED(wdfCollectionZepStates),
+    NAMED(wdfCollectionZepCommands),          NAMED(wdfWaitLockGeneral),
+    NAMED(wdfWaitLockClientsCollection),      NAMED(wdfWaitLockStatesCollection),
+    NAMED(wdfWaitLockCommandsCollection),     NAMED(wdfWaitLockNotifyStatesWorkItem),
+    NAMED(wdfWaitLockNotifyCommandsWorkItem), NAMED(wdfWaitLockNotifyAppsStateWorkItem),
+};
+#undef NAMED
+
+// Gives the machine the order in which a driver whose device has started may take its locks, and names for its reports.
+void DeclareLockOrder(host::Machine& machine, const host::Driver& driver)
+{
+    const auto context = machine.inspect().Context<layout::DriverContext>(driver.Handle(), layout::kDriverContextName);
+    if (!context) {
+        throw host::HostError("the driver has no context, so no order of locks");
+    }
+    const char* members = reinterpret_cast<const char*>(&*context);
+    for (const ZEP_NOTIFIER_LOCK_RANK& entry : kLockOrder) {
+        machine.RankLock(*reinterpret_cast<const WDFWAITLOCK*>(members + entry.Offset), entry.Rank);
+    }
+    for (const NamedMember& member : kNamed) {
+        machine.NameObject(*reinterpret_cast<const WDFOBJECT*>(members + member.offset), member.name);
+    }
+}
+
 }  // namespace
 
 void TakeTables(host::Machine& machine, host::Driver& driver, ZEP_NOTIFIER_HELPER_INTERFACE& helper,
@@ -37,7 +70,7 @@ void TakeTables(host::Machine& machine, host::Driver& driver, ZEP_NOTIFIER_HELPE
     };
     query(GUID_ZEP_NOTIFIER_HELPER_INTERFACE, helper);
     query(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, wpcd);
-    layout::DeclareLockOrder(machine, driver);
+    DeclareLockOrder(machine, driver);
 }
 
 DriverHarness::DriverHarness(std::filesystem::path image, const host::MachineOptions& options, Answers answers)

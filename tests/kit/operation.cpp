@@ -3,35 +3,57 @@
 #include "driver/include/zepn_notifier.h"
 #include "tests/kit/callback_lines.h"
 
+#include <nlohmann/json.hpp>
+
 namespace tests {
 
-std::string Text(const Operation& operation)
+nlohmann::ordered_json StepOf(const Operation& operation)
 {
-    std::string text = IsOfClient(operation.kind) ? ClientName(operation.client) + " " : "";
-    text += Name(operation.kind);
-    const std::string state = ", state " + (operation.state == ZEP_STATE_ANY ? "any" : std::to_string(operation.state));
-    const std::string value = std::to_string(operation.value);
+    nlohmann::ordered_json step = {{"do", operation.kind == Kind::kRunOne ? "deliver" : Name(operation.kind)}};
+    if (IsOfClient(operation.kind)) {
+        step["client"] = ClientName(operation.client);
+    }
     switch (operation.kind) {
     case Kind::kSubscribe:
     case Kind::kUnsubscribe:
-        text += " to " + ClientName(operation.other) + state;
+        step["to"] = ClientName(operation.other);
+        step["state"] = operation.state;
+        if (operation.state == ZEP_STATE_ANY) {
+            step["state"] = "any";
+        }
         break;
     case Kind::kPost:
-        text += state;
+        step["state"] = operation.state;
         break;
     case Kind::kCommand:
-        text += " to " + ClientName(operation.other) + ", id " + value;
+        step["to"] = ClientName(operation.other);
+        step["id"] = operation.value;
+        step["argument"] = CommandArgument(operation);
         break;
-    case Kind::kAttach:
+    case Kind::kRunOne:
+        step["runs"] = 1;
+        break;
     case Kind::kDescribe:
+        step["capacity"] = operation.value;
+        break;
     case Kind::kControl:
+        step["id"] = operation.value;
+        break;
     case Kind::kTimeout:
-        text += " " + value;
+        step["argument"] = operation.value;
         break;
     default:
         break;
     }
-    return text + (operation.null.empty() ? "" : ", null " + operation.null);
+    if (!operation.null.empty()) {
+        step["null"] = operation.null;
+    }
+    return step;
+}
+
+std::string Text(const Operation& operation)
+{
+    return StepOf(operation).dump();
 }
 
 }  // namespace tests

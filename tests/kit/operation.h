@@ -6,6 +6,8 @@
 
 #include <ntddk.h>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <string>
 
@@ -24,7 +26,8 @@ struct Operation {
     std::string null{};       // the argument passed as NULL, by its name in scenario files; empty: none
 };
 
-// "client1 post, state 4".
+// The operation as a step of a scenario: {"do":"post","client":"client1","state":4}.
+[[nodiscard]] nlohmann::ordered_json StepOf(const Operation& operation);
 [[nodiscard]] std::string Text(const Operation& operation);
 
 // What follows from the operation alone; both sides of a comparison use it.

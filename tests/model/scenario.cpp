@@ -42,45 +42,6 @@ Json ClientOf(const ClientScript& script, unsigned client)
     return json;
 }
 
-// The step's name and fields; what it ends in is added by the caller.
-Json StepOf(const Operation& operation)
-{
-    Json step = {{"do", operation.kind == Kind::kRunOne ? "deliver" : Name(operation.kind)}};
-    if (IsOfClient(operation.kind)) {
-        step["client"] = ClientName(operation.client);
-    }
-    switch (operation.kind) {
-    case Kind::kSubscribe:
-    case Kind::kUnsubscribe:
-        step["to"] = ClientName(operation.other);
-        step["state"] = operation.state == ZEP_STATE_ANY ? Json("any") : Json(operation.state);
-        break;
-    case Kind::kPost:
-        step["state"] = operation.state;
-        break;
-    case Kind::kCommand:
-        step["to"] = ClientName(operation.other);
-        step["id"] = operation.value;
-        step["argument"] = tests::CommandArgument(operation);
-        break;
-    case Kind::kRunOne:
-        step["runs"] = 1;
-        break;
-    case Kind::kDescribe:
-        step["capacity"] = operation.value;
-        break;
-    case Kind::kControl:
-        step["id"] = operation.value;
-        break;
-    case Kind::kTimeout:
-        step["argument"] = operation.value;
-        break;
-    default:
-        break;
-    }
-    return step;
-}
-
 bool HasStatus(Kind kind)
 {
     return kind <= Kind::kDescribe || kind == Kind::kControl;
@@ -123,9 +84,6 @@ std::string Scenario(const Sequence& sequence, const std::string& title, const s
         Json step = StepOf(operation);
         if (HasStatus(operation.kind)) {
             step["expect"] = StatusText(expected.status);
-        }
-        if (!operation.null.empty()) {
-            step["null"] = operation.null;
         }
         if (expected.hangs) {
             step["finding"] = "waits for";
