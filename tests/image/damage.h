@@ -67,102 +67,80 @@ inline std::string TextOf(const std::vector<Finding>& findings)
     return text;
 }
 
-// Where things stand in the good image, for those who damage it.
-struct Places {
-    const PeReader& image;
-
-    [[nodiscard]] std::uint64_t Optional(unsigned offset) const { return OptionalHeader(image) + offset; }
-    [[nodiscard]] std::uint64_t Directory(unsigned index) const { return Optional(112 + 8 * index); }
-    [[nodiscard]] std::uint64_t SectionHeader(unsigned index) const { return Optional(240 + 40 * index); }
-    // Offset of the contents of a directory.
-    [[nodiscard]] std::uint64_t Table(unsigned index) const { return AtAddress(image.directory(index).address); }
-    [[nodiscard]] std::uint64_t AtAddress(std::uint64_t address) const { return image.OffsetOf(address, 1); }
-    // Offset of the debug directory's entry of a type.
-    [[nodiscard]] std::uint64_t DebugEntry(std::uint32_t type) const
-    {
-        std::uint64_t entry = Table(6);
-        while (image.At<std::uint32_t>(entry + 12) != type) {
-            entry += 28;
-        }
-        return entry;
-    }
-    [[nodiscard]] std::uint64_t Followed(std::uint64_t offset) const
-    {
-        return AtAddress(image.At<std::uint32_t>(offset));
-    }
-    [[nodiscard]] std::uint64_t FollowedPointer(std::uint64_t offset) const
-    {
-        return AtAddress(image.At<std::uint64_t>(offset) - image.headers().preferredBase);
-    }
-};
-
 // Order of the sections in the images that ship.
 enum SectionIndex : unsigned { kText, kReadOnlyData, kData, kFunctions, kResources, kRelocationData };
 
 // ---- A place by what stands there, found anew in each image ----
 
-using Place = std::function<std::uint64_t(const Places&)>;
+using Place = std::function<std::uint64_t(const PeReader& image)>;
 
 inline Place Optional(int offset)
 {
-    return [=](const Places& places) { return places.Optional(0) + static_cast<std::uint64_t>(offset); };
+    return [=](const PeReader& image) { return OptionalHeader(image) + static_cast<std::uint64_t>(offset); };
 }
-inline Place Header(SectionIndex section, unsigned offset)
+inline Place Header(SectionIndex section, int offset)
 {
-    return [=](const Places& places) { return places.SectionHeader(section) + offset; };
+    return Optional(240 + 40 * static_cast<int>(section) + offset);
 }
-inline Place Directory(unsigned index, unsigned offset = 0)
+inline Place Directory(int index, int offset = 0)
 {
-    return [=](const Places& places) { return places.Directory(index) + offset; };
-}
-// In the contents of a directory.
-inline Place Table(unsigned index, unsigned offset = 0)
-{
-    return [=](const Places& places) { return places.Table(index) + offset; };
+    return Optional(112 + 8 * index + offset);
 }
 // What the place points to: by address in the image, by a whole pointer, by offset in the file.
 inline Place Followed(const Place& from, unsigned offset = 0)
 {
-    return [=](const Places& places) { return places.Followed(from(places)) + offset; };
+    return [=](const PeReader& image) { return image.OffsetOf(image.At<std::uint32_t>(from(image)), 1) + offset; };
 }
 inline Place FollowedPointer(const Place& from, unsigned offset = 0)
 {
-    return [=](const Places& places) { return places.FollowedPointer(from(places)) + offset; };
+    return [=](const PeReader& image) {
+        return image.OffsetOf(image.At<std::uint64_t>(from(image)) - image.headers().preferredBase, 1) + offset;
+    };
 }
 inline Place FollowedInFile(const Place& from, unsigned offset = 0)
 {
-    return [=](const Places& places) { return places.image.At<std::uint32_t>(from(places)) + offset; };
+    return [=](const PeReader& image) { return image.At<std::uint32_t>(from(image)) + offset; };
 }
+// In the contents of a directory.
+inline Place Table(int index, unsigned offset = 0)
+{
+    return Followed(Directory(index), offset);
+}
+// In the debug directory's entry of a type.
 inline Place DebugEntry(std::uint32_t type, unsigned offset)
 {
-    return [=](const Places& places) { return places.DebugEntry(type) + offset; };
+    return [=](const PeReader& image) {
+        std::uint64_t entry = Table(6)(image);
+        while (image.At<std::uint32_t>(entry + 12) != type) {
+            entry += 28;
+        }
+        return entry + offset;
+    };
 }
 
 // ---- Damage ----
 
-using Edit = std::function<void(Bytes& bytes, const Places& places)>;
+using Edit = std::function<void(Bytes& bytes, const PeReader& good)>;
 
 inline Edit Write(const Place& place, const Bytes& values)
 {
-    return [=](Bytes& bytes, const Places& places) { Put(bytes, place(places), values); };
+    return [=](Bytes& bytes, const PeReader& good) { Put(bytes, place(good), values); };
 }
 inline Edit Add(const Place& place, std::uint8_t summand)
 {
-    return [=](Bytes& bytes, const Places& places) { bytes.at(place(places)) += summand; };
+    return [=](Bytes& bytes, const PeReader& good) { bytes.at(place(good)) += summand; };
 }
 inline Edit SetBits(const Place& place, std::uint8_t bits)
 {
-    return [=](Bytes& bytes, const Places& places) { bytes.at(place(places)) |= bits; };
+    return [=](Bytes& bytes, const PeReader& good) { bytes.at(place(good)) |= bits; };
 }
 inline Edit ClearBits(const Place& place, std::uint8_t bits)
 {
-    return [=](Bytes& bytes, const Places& places) { bytes.at(place(places)) &= static_cast<std::uint8_t>(~bits); };
+    return [=](Bytes& bytes, const PeReader& good) { bytes.at(place(good)) &= static_cast<std::uint8_t>(~bits); };
 }
 inline Edit Copy(const Place& from, const Place& to, unsigned sizeBytes)
 {
-    return [=](Bytes& bytes, const Places& places) {
-        std::memcpy(&bytes.at(to(places)), &bytes.at(from(places)), sizeBytes);
-    };
+    return [=](Bytes& bytes, const PeReader& good) { std::memcpy(&bytes[to(good)], &bytes[from(good)], sizeBytes); };
 }
 
 struct Damage {
@@ -178,7 +156,7 @@ inline void ExpectFound(const std::vector<Damage>& rows)
         SCOPED_TRACE(row.machine + ": " + row.words);
         const PeReader good = PeReader::FromFile(PathOf(row.machine));
         Bytes bytes = good.bytes();
-        row.apply(bytes, Places{good});
+        row.apply(bytes, good);
         MendChecksum(bytes);
         const std::vector<Finding> findings = image_check::CheckStructure(PeReader(bytes));
         EXPECT_EQ(ChecksOf(findings), row.checks) << TextOf(findings);

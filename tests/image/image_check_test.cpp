@@ -65,16 +65,16 @@ std::vector<Damage> SectionDamage()
         {access(kRelocationData, 0x40), "sections", ".reloc stays in memory"},
         // The relocated slots and the cookie of that section are missing then, too.
         {Write(Header(kData, 16), {0, 0, 0, 0}), "relocations, sections, stack protector", "claims contents"},
-        {[](Bytes& bytes, const Places&) { bytes.resize(bytes.size() + 8); }, "sections", "its parts end at"},
+        {[](Bytes& bytes, const PeReader&) { bytes.resize(bytes.size() + 8); }, "sections", "its parts end at"},
     };
 }
 
 std::vector<Damage> ImportAndRelocationDamage()
 {
     // Where the first relocated slot of the first page lies.
-    const Place slot = [](const Places& places) {
-        const auto page = places.image.At<std::uint32_t>(places.Table(5));
-        return places.AtAddress(page + (places.image.At<std::uint16_t>(places.Table(5) + 8) & 0xFFF));
+    const Place slot = [](const PeReader& image) {
+        const std::uint64_t page = Table(5)(image);
+        return image.OffsetOf(image.At<std::uint32_t>(page) + (image.At<std::uint16_t>(page + 8) & 0xFFF), 1);
     };
     return {
         {Write(Followed(Table(1, 12)), {'q'}), "imports", "imports from q"},
@@ -84,7 +84,7 @@ std::vector<Damage> ImportAndRelocationDamage()
         {Write(Table(1), {0, 0, 0, 0x7F}), "imports", "in no section"},
         {Write(Table(5, 9), {0x30}), "relocations", "type 3"},
         {Write(Table(5), {0, 0x10, 0, 0}), "relocations", "is in no data"},
-        {[slot](Bytes& bytes, const Places& places) { bytes.at(slot(places) + 7) = 0x40; }, "relocations",
+        {[slot](Bytes& bytes, const PeReader& good) { bytes.at(slot(good) + 7) = 0x40; }, "relocations",
          "points out of the image"},
         {Write(Directory(5), Bytes(8)), "relocations", "there are none"},
         {Write(Table(5, 4), {0xFF, 0xFF, 0, 0}), "relocations", "claims 65535 bytes"},
@@ -95,9 +95,9 @@ std::vector<Damage> FunctionTableDamage()
 {
     const Edit none = Write(Directory(3, 4), {0, 0, 0, 0});
     const Edit half = Write(Directory(3, 4), {4, 0, 0, 0});
-    const Place firstWithUnwindData = [](const Places& places) {
-        std::uint64_t entry = places.Table(3);
-        while ((places.image.At<std::uint32_t>(entry + 4) & 3) != 0) {
+    const Place firstWithUnwindData = [](const PeReader& image) {
+        std::uint64_t entry = Table(3)(image);
+        while ((image.At<std::uint32_t>(entry + 4) & 3) != 0) {
             entry += 8;
         }
         return entry + 4;
@@ -121,17 +121,17 @@ std::vector<Damage> GuardAndDebugDamage()
         {Write(Directory(10), {0, 0, 0, 0}), "guard, stack protector", "no load configuration"},
         {Write(Table(10), {0x70, 0, 0, 0}), "guard", "says 112 bytes"},
         {Write(Table(10, 144), {0, 0x04}), "guard", "instrumented is not set"},
-        {[](Bytes& bytes, const Places& places) {
-             Copy(Header(kData, 12), Table(10, 112), 4)(bytes, places);  // the beginning of the data section
-             Write(Table(10, 112 + 3), {0x40})(bytes, places);
+        {[](Bytes& bytes, const PeReader& good) {
+             Copy(Header(kData, 12), Table(10, 112), 4)(bytes, good);  // the beginning of the data section
+             Write(Table(10, 112 + 3), {0x40})(bytes, good);
          },
          "guard", "is not in read-only data"},
         {Write(FollowedPointer(Table(10, 120)), {0, 0, 1}), "guard", "dispatch pointer points to no code"},
         {Write(Table(10, 136), {0, 0}), "guard", "no function may be called"},
         {Write(Table(10, 136), Bytes(4, 0xFF)), "guard", "section"},
         {Write(guarded, {0, 0, 0, 0}), "guard", "0x0 is no code"},
-        {[guarded](Bytes& bytes, const Places& places) {
-             const std::uint64_t first = guarded(places);
+        {[guarded](Bytes& bytes, const PeReader& good) {
+             const std::uint64_t first = guarded(good);
              std::swap_ranges(&bytes.at(first), &bytes.at(first + 4), &bytes.at(first + 4));
          },
          "guard", "is not sorted"},
@@ -271,7 +271,7 @@ TEST_P(ImageCheck, FindsCodeWhoseFramesAreNotChecked)
 TEST_P(ImageCheck, SaysSoWhenCodeCannotBeHeldAgainstTheFunctionTable)
 {
     Bytes bytes = good.bytes();
-    Put(bytes, Places{good}.Directory(3) + 4, {4, 0, 0, 0});
+    Put(bytes, Directory(3, 4)(good), {4, 0, 0, 0});
     const std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
     EXPECT_EQ(ChecksOf(image_check::CheckCode(PeReader(bytes), disassembly)), "unwinding");
 }

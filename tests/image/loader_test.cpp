@@ -78,7 +78,7 @@ TEST_F(Loader, TakesTheGoodImageAndNamesWhatIsWrongWithOthers)
     };
     for (const Row& row : kRows) {
         Bytes bytes = good.bytes();
-        row.damage(bytes, Places{good});
+        row.damage(bytes, good);
         const std::string refusal = Refusal(bytes, true);
         EXPECT_TRUE(Has(refusal, row.words));
     }

@@ -92,7 +92,7 @@ TEST(ImageCheckResources, MayBeMissingWhereTheyAreNotNeeded)
     const auto found = [](const Edit& apply) {
         const PeReader good = PeReader::FromFile(PathOf("arm64"));
         Bytes bytes = good.bytes();
-        apply(bytes, Places{good});
+        apply(bytes, good);
         MendChecksum(bytes);
         return TextOf(image_check::CheckStructure(PeReader(bytes), image_check::ReportResources::kNotNeeded));
     };
@@ -105,7 +105,7 @@ TEST(ImageCheckResources, MayBeMissingWhereTheyAreNotNeeded)
 TEST(ImageCheckResources, OfAnyContentsAreJudged)
 {
     const PeReader good = PeReader::FromFile(PathOf("x64"));
-    const std::uint64_t tree = Places{good}.Table(2);
+    const std::uint64_t tree = Table(2)(good);
     constexpr unsigned kTreeSize = 0x110;
     for (unsigned at = 0; at < kTreeSize; ++at) {
         for (const int mask : {0x01, 0x08, 0x80, 0xFF}) {
