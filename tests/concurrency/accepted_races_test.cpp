@@ -47,7 +47,6 @@ TEST_P(AcceptedRaces, ACommandWhosePartyLeavesIsDeliveredOrStopsDelivery)
 // state before, which is then posted: the newer state is lost.
 TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
 {
-    constexpr std::uintptr_t kStateLock = 3;
     constexpr unsigned kIntoTheCallbackAndOut = 2;  // preemptions
     for (const bool subscribes : {false, true}) {
         unsigned takenBack = 0;
@@ -64,11 +63,10 @@ TEST_P(AcceptedRaces, APostAroundACallbackIsTakenBack)
                 if (subscribes) {
                     EXPECT_EQ(run.Subscribe(poster, watcher, 4), STATUS_SUCCESS);
                 } else {
-                    run.machine.NotifyPowerState(kStateLock, 0);
+                    run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
                 }
             };
-            run.All({{"callback", isCalled}, {"client", [&] { EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS); }}});
-            run.Deliver();
+            run.AllThenDeliver({{"callback", isCalled}, run.Posts(poster, 5)});
             // In either order: the post's own record may come after the one that takes it back.
             States states = StatesFrom(watcher, poster);
             std::sort(states.begin(), states.end());

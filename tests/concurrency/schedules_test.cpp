@@ -13,16 +13,11 @@ TEST_P(Schedules, PostsOfTwoClientsAndTheirDelivery)
     Explore("two clients post, one run", [](ScheduledRun& run) {
         Peer& one = run.Join(1);
         Peer& two = run.Join(2);
-        Peer& subscriber = run.Join(3);
-        EXPECT_EQ(run.Subscribe(subscriber, one, ZEP_STATE_ANY), STATUS_SUCCESS);
+        Peer& subscriber = run.JoinWatching(Peer(3), one, ZEP_STATE_ANY);
         EXPECT_EQ(run.Subscribe(subscriber, two, ZEP_STATE_ANY), STATUS_SUCCESS);
-        subscriber.deliveries.clear();
-        run.All({{"one", [&] { EXPECT_EQ(run.Post(one, 5), STATUS_SUCCESS); }},
-                 {"two", [&] { EXPECT_EQ(run.Post(two, 6), STATUS_SUCCESS); }},
-                 {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver({run.Posts(one, 5), run.Posts(two, 6), run.Delivers()});
         EXPECT_EQ(StatesFrom(subscriber, one), States{5});
-        EXPECT_EQ(StatesFrom(subscriber, two), States{6});
+        EXPECT_EQ(StatesFrom(subscriber, two), (States{0, 6}));  // at once, and posted
     });
 }
 
@@ -30,17 +25,13 @@ TEST_P(Schedules, APostersOrderIsKeptWhileARunDelivers)
 {
     Explore("posts while a run delivers", [](ScheduledRun& run) {
         Peer& poster = run.Join(1);
-        Peer& subscriber = run.Join(2);
-        EXPECT_EQ(run.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
-        subscriber.deliveries.clear();
+        Peer& subscriber = run.JoinWatching(Peer(2), poster, ZEP_STATE_ANY);
         EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
-        run.All({{"poster",
-                  [&] {
-                      EXPECT_EQ(run.Post(poster, 6), STATUS_SUCCESS);
-                      EXPECT_EQ(run.Post(poster, 7), STATUS_SUCCESS);
-                  }},
-                 {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        const auto postTwice = [&] {
+            EXPECT_EQ(run.Post(poster, 6), STATUS_SUCCESS);
+            EXPECT_EQ(run.Post(poster, 7), STATUS_SUCCESS);
+        };
+        run.AllThenDeliver({{"poster", postTwice}, run.Delivers()});
         EXPECT_EQ(StatesFrom(subscriber, poster), (States{5, 6, 7}));
     });
 }
@@ -51,20 +42,19 @@ TEST_P(Schedules, SubscribingAndUnsubscribingWhileARunDelivers)
         Peer& poster = run.Join(1);
         Peer& subscriber = run.Join(2);
         EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
-        run.All({{"subscriber", [&] { EXPECT_EQ(run.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS); }},
-                 {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver(
+            {{"subscriber", [&] { EXPECT_EQ(run.Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS); }},
+             run.Delivers()});
         // Notified at once, and again by the run when that comes later.
         const States states = StatesFrom(subscriber, poster);
         EXPECT_TRUE(states == States{5} || states == (States{5, 5})) << states.size();
     });
     Explore("unsubscribe while a run delivers", [](ScheduledRun& run) {
         Peer& poster = run.Join(1);
-        Peer& subscriber = run.Join(2);
-        EXPECT_EQ(run.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
+        Peer& subscriber = run.JoinWatching(Peer(2), poster, 5);
         EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
         run.All({{"subscriber", [&] { EXPECT_EQ(run.Unsubscribe(subscriber, poster, 5), STATUS_SUCCESS); }},
-                 {"run", [&] { run.Deliver(); }}});
+                 run.Delivers()});
         EXPECT_LE(StatesFrom(subscriber, poster).size(), 1u);
         subscriber.deliveries.clear();
         EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
@@ -77,31 +67,26 @@ TEST_P(Schedules, LeavingWhileARunDelivers)
 {
     Explore("subscriber leaves while a run delivers", [](ScheduledRun& run) {
         Peer& poster = run.Join(1);
-        Peer& subscriber = run.Join(2);
-        EXPECT_EQ(run.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
+        Peer& subscriber = run.JoinWatching(Peer(2), poster, 5);
         EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
         bool hasLeft = false;
         subscriber.onState = [&](const ZepState&, ULONG&) {
             EXPECT_FALSE(hasLeft) << "notified after it had deregistered";
         };
-        run.All({{"subscriber",
-                  [&] {
-                      EXPECT_EQ(run.Leave(subscriber), STATUS_SUCCESS);
-                      hasLeft = true;
-                  }},
-                 {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        const auto leave = [&] {
+            EXPECT_EQ(run.Leave(subscriber), STATUS_SUCCESS);
+            hasLeft = true;
+        };
+        run.AllThenDeliver({{"subscriber", leave}, run.Delivers()});
         EXPECT_LE(subscriber.deliveries.size(), 1u);
         EXPECT_FALSE(run.Client(subscriber));
         EXPECT_TRUE(run.Client(poster));
     });
     Explore("poster leaves while its state is delivered", [](ScheduledRun& run) {
         Peer& poster = run.Join(1);
-        Peer& subscriber = run.Join(2);
-        EXPECT_EQ(run.Subscribe(subscriber, poster, 5), STATUS_SUCCESS);
+        Peer& subscriber = run.JoinWatching(Peer(2), poster, 5);
         EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS);
-        run.All({{"poster", [&] { EXPECT_EQ(run.Leave(poster), STATUS_SUCCESS); }}, {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver({run.Leaves(poster), run.Delivers()});
         EXPECT_EQ(subscriber.deliveries.size(), 1u);  // a queued state outlives its poster
     });
 }
@@ -132,10 +117,7 @@ TEST_P(Schedules, CommandsToEachOtherWhileARunDelivers)
     Explore("commands to each other", [](ScheduledRun& run) {
         Peer& one = run.Join(Peer(1).TakesCommands());
         Peer& two = run.Join(Peer(2).TakesCommands());
-        run.All({{"one", [&] { EXPECT_EQ(run.Send(one, two, 7), STATUS_SUCCESS); }},
-                 {"two", [&] { EXPECT_EQ(run.Send(two, one, 8), STATUS_SUCCESS); }},
-                 {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver({run.Sends(one, two, 7), run.Sends(two, one, 8), run.Delivers()});
         // One command a run, and a run for each enqueue; of two that were queued at once one stays.
         const std::size_t delivered = one.commands.size() + two.commands.size();
         const std::size_t waiting = run.Count(run.Context().commands);
@@ -150,8 +132,7 @@ TEST_P(Schedules, PostingWhileACommandLeavesTheStateAlone)
         Peer& sender = run.Join(1);
         Peer& target = run.Join(Peer(2).TakesCommands());
         EXPECT_EQ(run.Send(sender, target, 1), STATUS_SUCCESS);
-        run.All({{"client", [&] { EXPECT_EQ(run.Post(target, 7), STATUS_SUCCESS); }}, {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver({run.Posts(target, 7), run.Delivers()});
         EXPECT_EQ(target.commands.size(), 1u);
         EXPECT_EQ(run.Client(target)->currentState, 7u) << "the command's end takes the post back";
     });
@@ -161,15 +142,10 @@ TEST_P(Schedules, PostingWhileASubscriberLeavesAndARunDelivers)
 {
     Explore("post, leave and run", [](ScheduledRun& run) {
         Peer& poster = run.Join(1);
-        Peer& leaving = run.Join(2);
-        Peer& staying = run.Join(3);
-        EXPECT_EQ(run.Subscribe(leaving, poster, 5), STATUS_SUCCESS);
-        EXPECT_EQ(run.Subscribe(staying, poster, 5), STATUS_SUCCESS);
+        Peer& leaving = run.JoinWatching(Peer(2), poster, 5);
+        Peer& staying = run.JoinWatching(Peer(3), poster, 5);
         leaving.onState = [](const ZepState&, ULONG& response) { response = 9; };  // to be posted, perhaps too late
-        run.All({{"poster", [&] { EXPECT_EQ(run.Post(poster, 5), STATUS_SUCCESS); }},
-                 {"subscriber", [&] { EXPECT_EQ(run.Leave(leaving), STATUS_SUCCESS); }},
-                 {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver({run.Posts(poster, 5), run.Leaves(leaving), run.Delivers()});
         EXPECT_EQ(StatesFrom(staying, poster), States{5});
         EXPECT_LE(leaving.deliveries.size(), 1u);
         EXPECT_EQ(run.Alive(kStateContextName), 0u);
@@ -183,8 +159,7 @@ TEST_P(Schedules, AClientLeavesWhileItIsAnnounced)
         EXPECT_EQ(run.Attach(), STATUS_SUCCESS);
         Peer& peer = run.Join(1);
         EXPECT_EQ(run.Post(peer, 5), STATUS_SUCCESS);
-        run.All({{"client", [&] { EXPECT_EQ(run.Leave(peer), STATUS_SUCCESS); }}, {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver({run.Leaves(peer), run.Delivers()});
         EXPECT_LE(run.crashDump.added.size(), 1u);
         EXPECT_EQ(run.crashDump.removed.size(), run.crashDump.added.size())
             << "the crash-dump driver keeps a removed client, or is asked to remove an unknown one";
@@ -199,15 +174,12 @@ TEST_P(Schedules, TheCrashDumpDriverDetachesWhileAClientIsAnnouncedAndLeaves)
         EXPECT_EQ(run.Post(peer, 5), STATUS_SUCCESS);
         std::size_t addedAtDetach = 0;
         std::size_t removedAtDetach = 0;
-        run.All({{"crash dump",
-                  [&] {
-                      EXPECT_EQ(run.Detach(), STATUS_SUCCESS);
-                      addedAtDetach = run.crashDump.added.size();
-                      removedAtDetach = run.crashDump.removed.size();
-                  }},
-                 {"client", [&] { EXPECT_EQ(run.Leave(peer), STATUS_SUCCESS); }},
-                 {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        const auto detach = [&] {
+            EXPECT_EQ(run.Detach(), STATUS_SUCCESS);
+            addedAtDetach = run.crashDump.added.size();
+            removedAtDetach = run.crashDump.removed.size();
+        };
+        run.AllThenDeliver({{"crash dump", detach}, run.Leaves(peer), run.Delivers()});
         EXPECT_EQ(run.crashDump.added.size(), addedAtDetach) << "called when it had detached";
         EXPECT_EQ(run.crashDump.removed.size(), removedAtDetach) << "called when it had detached";
         EXPECT_LE(removedAtDetach, addedAtDetach);
@@ -223,25 +195,20 @@ TEST_P(Schedules, AClientPostsNoStateWhileItIsAnnounced)
         EXPECT_EQ(run.Attach(), STATUS_SUCCESS);
         Peer& peer = run.Join(1);
         EXPECT_EQ(run.Post(peer, 0), STATUS_SUCCESS);
-        run.All({{"client", [&] { EXPECT_EQ(run.Post(peer, 0), STATUS_SUCCESS); }}, {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver({run.Posts(peer, 0), run.Delivers()});
         EXPECT_EQ(run.Client(peer)->wpcdRefreshPending, 1u) << "its first state would not be announced";
     });
 }
 
 TEST_P(Schedules, TheBroadcastAmongPosts)
 {
-    constexpr std::uintptr_t kStateLock = 3;
     Explore("broadcast, post and run", [](ScheduledRun& run) {
         Peer& answering = run.Join(Peer(1).WantsAppsState());
-        Peer& subscriber = run.Join(2);
+        Peer& subscriber = run.JoinWatching(Peer(2), answering, ZEP_STATE_ANY);
         answering.onAppsState = [](ULONG& state) { state = 9; };
-        EXPECT_EQ(run.Subscribe(subscriber, answering, ZEP_STATE_ANY), STATUS_SUCCESS);
-        subscriber.deliveries.clear();
-        run.All({{"power", [&] { run.machine.NotifyPowerState(kStateLock, 0); }},
-                 {"client", [&] { EXPECT_EQ(run.Post(answering, 5), STATUS_SUCCESS); }},
-                 {"run", [&] { run.Deliver(); }}});
-        run.Deliver();
+        run.AllThenDeliver({{"power", [&] { run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }},
+                            run.Posts(answering, 5),
+                            run.Delivers()});
         States states = StatesFrom(subscriber, answering);
         std::sort(states.begin(), states.end());
         EXPECT_EQ(states, (States{5, 9}));
@@ -255,9 +222,8 @@ TEST_P(Schedules, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
     Explore("broadcast, own post and leaving", [](ScheduledRun& run) {
         Peer& answering = run.Join(Peer(1).WantsAppsState());
         Peer& leaving = run.Join(Peer(2).WantsAppsState());
-        Peer& subscriber = run.Join(3);
+        Peer& subscriber = run.JoinWatching(Peer(3), leaving, 8);
         answering.onAppsState = [](ULONG& state) { state = 9; };
-        EXPECT_EQ(run.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
         bool hasPosted = false;
         const auto postAndLeave = [&] {
             hasPosted = leaving.appsStateCalls != 0;
@@ -266,9 +232,8 @@ TEST_P(Schedules, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
             }
             EXPECT_EQ(run.Leave(leaving), STATUS_SUCCESS);
         };
-        run.All(
+        run.AllThenDeliver(
             {{"power", [&] { run.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0); }}, {"client", postAndLeave}});
-        run.Deliver();
         EXPECT_EQ(answering.appsStateCalls, 1u);
         EXPECT_LE(leaving.appsStateCalls, 1u);
         EXPECT_EQ(run.Client(answering)->currentState, 9u);
@@ -277,8 +242,7 @@ TEST_P(Schedules, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
     Explore("command, own post and leaving", [](ScheduledRun& run) {
         Peer& sender = run.Join(1);
         Peer& leaving = run.Join(Peer(2).TakesCommands());
-        Peer& subscriber = run.Join(3);
-        EXPECT_EQ(run.Subscribe(subscriber, leaving, 8), STATUS_SUCCESS);
+        Peer& subscriber = run.JoinWatching(Peer(3), leaving, 8);
         EXPECT_EQ(run.Send(sender, leaving, 7), STATUS_SUCCESS);
         bool hasPosted = false;
         const auto postAndLeave = [&] {
@@ -288,8 +252,7 @@ TEST_P(Schedules, AClientThatPostsInsteadOfAnsweringLeavesAtAnyTime)
                 EXPECT_EQ(run.Leave(leaving), STATUS_SUCCESS);
             }
         };
-        run.All({{"run", [&] { run.Deliver(); }}, {"client", postAndLeave}});
-        run.Deliver();
+        run.AllThenDeliver({run.Delivers(), {"client", postAndLeave}});
         EXPECT_EQ(leaving.commands.size(), 1u);
         EXPECT_EQ(subscriber.deliveries.size(), hasPosted ? 1u : 0u);
         EXPECT_EQ(run.Count(run.Context().clients), hasPosted ? 2u : 3u);

@@ -49,6 +49,40 @@ struct ScheduledRun : DriverFixture {
         }
     }
 
+    // ... and then what is still queued.
+    void AllThenDeliver(const Threads& threads)
+    {
+        All(threads);
+        Deliver();
+    }
+
+    // Threads of one call that must succeed, and one that runs what is queued.
+    [[nodiscard]] ControlledScheduler::Thread Posts(const Peer& peer, ULONG state)
+    {
+        return {"post", [=, this, &peer] { EXPECT_EQ(Post(peer, state), STATUS_SUCCESS); }};
+    }
+    [[nodiscard]] ControlledScheduler::Thread Sends(const Peer& sender, const Peer& target, ULONG id)
+    {
+        return {"command", [=, this, &sender, &target] { EXPECT_EQ(Send(sender, target, id), STATUS_SUCCESS); }};
+    }
+    [[nodiscard]] ControlledScheduler::Thread Leaves(const Peer& peer)
+    {
+        return {"leave", [this, &peer] { EXPECT_EQ(Leave(peer), STATUS_SUCCESS); }};
+    }
+    [[nodiscard]] ControlledScheduler::Thread Delivers()
+    {
+        return {"run", [this] { Deliver(); }};
+    }
+
+    // A client that is subscribed, and what it was notified of at once is forgotten.
+    Peer& JoinWatching(const Peer& peer, const Peer& target, ULONG state)
+    {
+        Peer& watching = Join(peer);
+        EXPECT_EQ(Subscribe(watching, target, state), STATUS_SUCCESS);
+        watching.deliveries.clear();
+        return watching;
+    }
+
     ControlledScheduler& scheduler;
 };
 using Play = std::function<void(ScheduledRun& run)>;
