@@ -42,5 +42,6 @@ struct FaultyTable {
 struct FAULTY_CONTEXT {
     ULONG Numbers[10];
 };
+WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
 
 WDFDEVICE TheDevice();

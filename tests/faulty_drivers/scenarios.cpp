@@ -1,28 +1,10 @@
 // One function for each rule that the driver can break; reports name it as the caller.
-#include "tests/faulty_drivers/faulty.h"
-
-WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
+#include "tests/faulty_drivers/creation.h"
 
 namespace {
 
 constexpr ULONG kTag = 'ytlF';
 constexpr ULONG kOtherTag = 'rhtO';
-
-WDFOBJECT NewObject()
-{
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
-    WDFOBJECT object = nullptr;
-    (void)WdfObjectCreate(&attributes, &object);
-    return object;
-}
-
-WDFWAITLOCK NewLock()
-{
-    WDFWAITLOCK lock = nullptr;
-    (void)WdfWaitLockCreate(WDF_NO_OBJECT_ATTRIBUTES, &lock);
-    return lock;
-}
 
 WDFWAITLOCK g_lock;  // what callbacks take and release
 
@@ -30,20 +12,11 @@ WDFWORKITEM EnqueueNew(PFN_WDF_WORKITEM callback)
 {
     WDF_WORKITEM_CONFIG config;
     WDF_WORKITEM_CONFIG_INIT(&config, callback);
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ParentObject = TheDevice();
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(TheDevice());
     WDFWORKITEM item = nullptr;
     (void)WdfWorkItemCreate(&config, &attributes, &item);
     WdfWorkItemEnqueue(item);
     return item;
-}
-
-WDFCOLLECTION NewCollection()
-{
-    WDFCOLLECTION collection = nullptr;
-    (void)WdfCollectionCreate(WDF_NO_OBJECT_ATTRIBUTES, &collection);
-    return collection;
 }
 
 void NTAPI OnPowerState(PVOID, PVOID, PVOID)
@@ -52,17 +25,6 @@ void NTAPI OnPowerState(PVOID, PVOID, PVOID)
 
 void NTAPI OnTraceControl(LPCGUID, ULONG, UCHAR, ULONGLONG, ULONGLONG, PEVENT_FILTER_DESCRIPTOR, PVOID)
 {
-}
-
-PCALLBACK_OBJECT OpenPowerState()
-{
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, L"\\Callback\\PowerState");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    PCALLBACK_OBJECT object = nullptr;
-    (void)ExCreateCallback(&object, &attributes, FALSE, TRUE);
-    return object;
 }
 
 REGHANDLE RegisterTracing()

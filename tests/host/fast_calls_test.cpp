@@ -13,16 +13,6 @@
 namespace tests {
 namespace {
 
-WDFOBJECT NewWithContext(WDFOBJECT parent = nullptr)
-{
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
-    attributes.ParentObject = parent;
-    WDFOBJECT object = nullptr;
-    EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
-    return object;
-}
-
 TEST(FastCalls, AnswerAndReportAsWhenEachCallIsObserved)
 {
     for (const bool observed : {false, true}) {
@@ -31,8 +21,8 @@ TEST(FastCalls, AnswerAndReportAsWhenEachCallIsObserved)
             fixture.machine.environment().SetObserver([](const host::ObservedCall&) {});
         }
         const WDFCOLLECTION collection = NewCollection();
-        const WDFOBJECT item = NewWithContext();
-        const WDFOBJECT dead = NewWithContext();
+        const WDFOBJECT item = NewObject();
+        const WDFOBJECT dead = NewObject();
         WdfObjectDelete(dead);
         ASSERT_EQ(WdfCollectionAdd(collection, item), STATUS_SUCCESS);
         EXPECT_EQ(WdfCollectionGetCount(collection), 1u);
@@ -40,7 +30,6 @@ TEST(FastCalls, AnswerAndReportAsWhenEachCallIsObserved)
         EXPECT_EQ(WdfCollectionGetItem(collection, 1), nullptr);
         EXPECT_NE(WdfObjectGet_FAULTY_CONTEXT(item), nullptr);
         EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(collection), nullptr);
-        EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 
         EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(nullptr), nullptr);
         EXPECT_EQ(fixture.TakeRules(), std::vector{Rule::kNullHandle});
@@ -65,7 +54,7 @@ TEST(FastCalls, AnObserverAndAFaultMeetEachOfThem)
 {
     FaultyDriverFixture fixture;
     const WDFCOLLECTION collection = NewCollection();
-    const WDFOBJECT item = NewWithContext();
+    const WDFOBJECT item = NewObject();
     const WDFWAITLOCK lock = NewLock();
     ASSERT_EQ(WdfCollectionAdd(collection, item), STATUS_SUCCESS);
     std::vector<std::string> seen;
@@ -115,7 +104,7 @@ TEST(FastCalls, StepsThroughTheListAreThoseOfAWalkFromItsHead)
     EXPECT_EQ(stepsOf(walk), kItems * (kItems + 1) / 2);
     fixture.machine.environment().SetObserver(nullptr);
     EXPECT_EQ(stepsOf([&] { (void)WdfCollectionGetFirstItem(collection); }), 1u);
-    EXPECT_EQ(stepsOf([&] { (void)WdfCollectionGetLastItem(collection); }), 1u);
+    EXPECT_EQ(stepsOf([&] { EXPECT_EQ(WdfCollectionGetLastItem(collection), last); }), 1u);
     EXPECT_EQ(stepsOf([&] { EXPECT_EQ(WdfCollectionGetItem(collection, 99), nullptr); }), kItems);
     EXPECT_EQ(stepsOf([&] { WdfCollectionRemove(collection, last); }), kItems);
     EXPECT_EQ(stepsOf([&] { WdfCollectionRemoveItem(collection, 0); }), 1u);
@@ -125,12 +114,12 @@ TEST(FastCalls, LookWhileOtherThreadsAddAndRemove)
 {
     FaultyDriverFixture fixture;
     const WDFCOLLECTION collection = NewCollection();
-    const WDFOBJECT kept = NewWithContext();
+    const WDFOBJECT kept = NewObject();
     ASSERT_EQ(WdfCollectionAdd(collection, kept), STATUS_SUCCESS);
     std::atomic<bool> isOver{false};
     std::thread changer([&] {
         for (unsigned round = 0; round < 2000; ++round) {
-            const WDFOBJECT passing = NewWithContext();
+            const WDFOBJECT passing = NewObject();
             EXPECT_EQ(WdfCollectionAdd(collection, passing), STATUS_SUCCESS);
             WdfCollectionRemove(collection, passing);
             WdfObjectDelete(passing);
@@ -158,7 +147,7 @@ unsigned g_items;  // that the next collection gets: one more than the last
 
 const FastCall kFastCalls[] = {
     {"typed context", reinterpret_cast<const void*>(&host::framework::functions::ObjectGetTypedContext),
-     [] { return NewWithContext(); },
+     [] { return NewObject(); },
      [](WDFOBJECT object) { return reinterpret_cast<std::uintptr_t>(WdfObjectGet_FAULTY_CONTEXT(object)); }},
     {"count", reinterpret_cast<const void*>(&host::framework::functions::CollectionGetCount),
      []() -> WDFOBJECT {

@@ -134,29 +134,6 @@ std::vector<std::string> FaultyDriverFixture::TakeSteps()
     return std::exchange(g_steps, {});
 }
 
-WDF_OBJECT_ATTRIBUTES Attributes(WDFOBJECT parent)
-{
-    WDF_OBJECT_ATTRIBUTES attributes;
-    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ParentObject = parent;
-    return attributes;
-}
-
-WDFOBJECT NewObject(WDFOBJECT parent)
-{
-    WDF_OBJECT_ATTRIBUTES attributes = Attributes(parent);
-    WDFOBJECT object = nullptr;
-    EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
-    return object;
-}
-
-WDFWAITLOCK NewLock()
-{
-    WDFWAITLOCK lock = nullptr;
-    EXPECT_EQ(WdfWaitLockCreate(nullptr, &lock), STATUS_SUCCESS);
-    return lock;
-}
-
 WDFSPINLOCK NewSpinLock()
 {
     WDFSPINLOCK lock = nullptr;
@@ -170,24 +147,6 @@ void TakeBoth(WDFWAITLOCK outer, WDFWAITLOCK inner)
     (void)WdfWaitLockAcquire(inner, nullptr);
     WdfWaitLockRelease(inner);
     WdfWaitLockRelease(outer);
-}
-
-WDFCOLLECTION NewCollection()
-{
-    WDFCOLLECTION collection = nullptr;
-    EXPECT_EQ(WdfCollectionCreate(nullptr, &collection), STATUS_SUCCESS);
-    return collection;
-}
-
-PCALLBACK_OBJECT OpenPowerState()
-{
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, u"\\Callback\\PowerState");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    PCALLBACK_OBJECT object = nullptr;
-    EXPECT_EQ(ExCreateCallback(&object, &attributes, FALSE, TRUE), STATUS_SUCCESS);
-    return object;
 }
 
 }  // namespace tests

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "host/machine.h"
-#include "tests/faulty_drivers/faulty.h"
+#include "tests/faulty_drivers/creation.h"
 #include "tests/kit/death.h"
 #include "tests/kit/texts.h"
 
@@ -11,8 +11,6 @@
 
 #include <string>
 #include <vector>
-
-WDF_DECLARE_CONTEXT_TYPE(FAULTY_CONTEXT)
 
 namespace tests {
 
@@ -88,13 +86,8 @@ class FaultyDriverTest : public testing::Test, public FaultyDriverFixture {};
 // The driver's callbacks for plug and play fail at this step; empty: none.
 extern std::string failingStep;
 
-[[nodiscard]] WDF_OBJECT_ATTRIBUTES Attributes(WDFOBJECT parent = nullptr);
-[[nodiscard]] WDFOBJECT NewObject(WDFOBJECT parent = nullptr);
-[[nodiscard]] WDFWAITLOCK NewLock();
 [[nodiscard]] WDFSPINLOCK NewSpinLock();
 // And gives them back.
 void TakeBoth(WDFWAITLOCK outer, WDFWAITLOCK inner);
-[[nodiscard]] PCALLBACK_OBJECT OpenPowerState();
-[[nodiscard]] WDFCOLLECTION NewCollection();
 
 }  // namespace tests
