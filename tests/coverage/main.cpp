@@ -78,27 +78,15 @@ std::map<Place, std::uint64_t> ReadExport(const std::string& name, const std::st
     return reached;
 }
 
-class Sources {
-public:
-    explicit Sources(std::filesystem::path root) : root_(std::move(root)) {}
-
-    // A line without its indentation.
-    std::string Line(const std::string& file, unsigned line)
-    {
-        std::vector<std::string>& lines = files_[file];
-        if (lines.empty()) {
-            std::ifstream stream(root_ / file);
-            for (std::string text; std::getline(stream, text);) {
-                lines.push_back(text.substr(std::min(text.find_first_not_of(' '), text.size())));
-            }
-        }
-        return line <= lines.size() ? lines[line - 1] : "";
+// A line of a source without its indentation.
+std::string LineOf(const std::filesystem::path& file, unsigned line)
+{
+    std::ifstream stream(file);
+    std::string text;
+    for (unsigned number = 0; number < line && std::getline(stream, text); ++number) {
     }
-
-private:
-    const std::filesystem::path root_;
-    std::map<std::string, std::vector<std::string>> files_;
-};
+    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+}
 
 // "file | line | side", with the reasons cut off.
 std::multiset<std::string> ReadExceptions(const std::string& name)
@@ -138,7 +126,8 @@ std::string NumberedSide(const std::map<Place, std::uint64_t>& reached, const Pl
     return places == 1 ? wanted.side : wanted.side + "#" + std::to_string(number);
 }
 
-int Report(const std::map<Place, std::uint64_t>& reached, std::multiset<std::string> exceptions, Sources sources)
+int Report(const std::map<Place, std::uint64_t>& reached, std::multiset<std::string> exceptions,
+           const std::filesystem::path& root)
 {
     std::map<std::string, Counts> code;
     std::map<std::string, Counts> sides;
@@ -148,7 +137,7 @@ int Report(const std::map<Place, std::uint64_t>& reached, std::multiset<std::str
         ++counts.places;
         if (count == 0) {
             ++counts.missed;
-            missed.push_back(place.file + " | " + sources.Line(place.file, place.line) + " | " +
+            missed.push_back(place.file + " | " + LineOf(root / place.file, place.line) + " | " +
                              NumberedSide(reached, place));
         }
     }
@@ -183,7 +172,7 @@ int main(int count, char** arguments)
         return 2;
     }
     try {
-        return Report(ReadExport(arguments[1], arguments[3]), ReadExceptions(arguments[2]), Sources(arguments[3]));
+        return Report(ReadExport(arguments[1], arguments[3]), ReadExceptions(arguments[2]), arguments[3]);
     } catch (const std::exception& error) {
         std::cerr << "zepn-coverage: " << error.what() << "\n";
         return 2;

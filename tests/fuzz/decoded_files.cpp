@@ -3,8 +3,8 @@
 #include "host/tracing/decode.h"
 #include "tests/fuzz/kinds.h"
 
-#include <algorithm>
 #include <cstring>
+#include <sstream>
 
 namespace fuzz {
 namespace {
@@ -78,10 +78,9 @@ std::string ReadCaptureFile(const std::string& bytes)
 std::string MutateLines(Mutator& mutator, const std::string& original)
 {
     std::vector<std::string> lines;
-    for (std::size_t at = 0; at < original.size();) {
-        const std::size_t end = std::min(original.find('\n', at), original.size() - 1) + 1;
-        lines.push_back(original.substr(at, end - at));
-        at = end;
+    std::istringstream stream(original);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line + "\n");
     }
     mutator.MutatePieces(lines, 4, [&](const std::string& line) { return mutator.MutateBytes(line); });
     std::string text;
@@ -91,16 +90,20 @@ std::string MutateLines(Mutator& mutator, const std::string& original)
     return text;
 }
 
+template <class Reader>
+std::string ReadBy(const std::string& bytes)
+{
+    return ReadAsFile(bytes, [](const std::filesystem::path& file) { const Reader reader(file); });
+}
+
 }  // namespace
 
 FileKind Captures()
 {
     return {.name = "captures",
             .originals = [] { return ContentsOf(kRoot / "tests" / "windows", ".capture"); },
-            .words = {},
             .mutate = MutateRecords,
-            .read = ReadCaptureFile,
-            .memoryFault = {}};
+            .read = ReadCaptureFile};
 }
 
 FileKind Manifests()
@@ -110,11 +113,7 @@ FileKind Manifests()
             .words = {"<a>", "</a>", "<event>", "<template tid=\"a\">", "</template>", "<data/>", "<!--", "-->", "<?",
                       "<![CDATA[", "]]>", "&lt;", "&#0;", "&#x110000;", "\"", "win:UInt64", "\xFF\xFE", "\xEF\xBB\xBF"},
             .mutate = MutateLines,
-            .read =
-                [](const std::string& bytes) {
-                    return ReadAsFile(bytes, [](const auto& file) { const host::tracing::Manifest manifest(file); });
-                },
-            .memoryFault = {}};
+            .read = ReadBy<host::tracing::Manifest>};
 }
 
 FileKind Formats()
@@ -123,12 +122,7 @@ FileKind Formats()
             .originals = [] { return ContentsOf(kDecodingFiles, ".tmf"); },
             .words = {"#typev", "{", "}", "ItemLong", ", Item", " -- ", "\"", "//", "%10!s!", "%0"},
             .mutate = MutateLines,
-            .read =
-                [](const std::string& bytes) {
-                    return ReadAsFile(bytes,
-                                      [](const auto& file) { const host::tracing::MessageFormats formats(file); });
-                },
-            .memoryFault = {}};
+            .read = ReadBy<host::tracing::MessageFormats>};
 }
 
 }  // namespace fuzz

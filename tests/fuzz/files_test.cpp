@@ -37,13 +37,11 @@ fuzz::FileKind Reader(const std::function<void(char)>& read)
     return {.name = "letters",
             .originals = [] { return std::vector<std::string>{"abcdefgh", "some more letters, for some more trials"}; },
             .words = {"!"},
-            .mutate = {},
             .read =
                 [read](const std::string& bytes) {
                     std::ranges::for_each(bytes, read);
                     return std::string();
-                },
-            .memoryFault = {}};
+                }};
 }
 
 TEST(FileFuzzer, FindsEachWayToGoWrongAndShrinksTheFile)

@@ -66,10 +66,8 @@ FileKind Images()
 {
     return {.name = "images",
             .originals = [] { return ContentsOf(std::filesystem::path(ZEPN_ROOT) / "out" / tests::kMachine, ".sys"); },
-            .words = {},
             .mutate = MutateHeaders,
-            .read = ReadImage,
-            .memoryFault = {}};
+            .read = ReadImage};
 }
 
 }  // namespace fuzz
