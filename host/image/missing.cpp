@@ -60,7 +60,8 @@ std::string MissingText(const std::string& image, const std::vector<std::string>
     for (const std::string& name : names) {
         text += (&name == names.data() ? "" : ", ") + name;
     }
-    return text + "; docs/platform.md lists those that it plays, and --allow-missing loads the image all the same";
+    return text + "; docs/platform.md lists those that it plays, and --allow-missing, in a test "
+                  "MachineOptions::allowMissing, loads the image all the same";
 }
 
 MissingStubs::~MissingStubs()

@@ -33,7 +33,9 @@ void Free(const PlatformCall& call, const std::optional<host::kernel::PoolBlock>
           std::uint32_t tag)
 {
     if (!block) {
-        call.Violation(Rule::kPoolBadFree, "the address is no pool block that is in use");
+        const auto freed = Kernel::Current().poolMemory.FindFreed(address);
+        call.Violation(Rule::kPoolBadFree, "the address is no pool block that is in use",
+                       freed ? std::vector{host::Made{"freed before", freed->freedBy}} : std::vector<host::Made>{});
         return;
     }
     if (tag != 0 && block->tag != tag) {
