@@ -1,5 +1,7 @@
 #include "tools/test_client/report.h"
 
+#include <pugixml.hpp>
+
 #include <algorithm>
 #include <cstdio>
 #include <ostream>
@@ -70,29 +72,22 @@ struct Colors {
     const char* none;
 };
 
-std::string Escaped(const std::string& text)
+// XML has no control characters but line ends, not even escaped.
+std::string Printable(std::string text)
 {
-    std::string escaped;
-    for (const char character : text) {
-        switch (character) {
-        case '&':
-            escaped += "&amp;";
-            break;
-        case '<':
-            escaped += "&lt;";
-            break;
-        case '>':
-            escaped += "&gt;";
-            break;
-        case '"':
-            escaped += "&quot;";
-            break;
-        default:
-            // XML has no other control characters.
-            escaped += static_cast<unsigned char>(character) >= ' ' || character == '\n' ? character : '?';
-        }
+    std::ranges::replace_if(text, [](unsigned char letter) { return letter < ' ' && letter != '\n'; }, '?');
+    return text;
+}
+
+void AddFinding(pugi::xml_node testcase, const Finding& finding)
+{
+    pugi::xml_node failure = testcase.append_child("failure");
+    failure.append_attribute("message") = Printable(finding.text).c_str();
+    std::string text = finding.during;
+    for (const std::string& detail : finding.details) {
+        text += "\n" + detail;
     }
-    return escaped;
+    failure.text() = Printable(text).c_str();
 }
 
 }  // namespace
@@ -154,31 +149,27 @@ void Print(std::ostream& out, const CourseSetup& setup, const Report& report, bo
 
 void WriteJUnit(std::ostream& out, const CourseSetup& setup, const Report& report)
 {
-    const std::string suite = Escaped(setup.ClientName());
+    const std::string suite = Printable(setup.ClientName());
     double seconds = 0;
     for (const Result& result : report.results) {
         seconds += result.seconds;
     }
-    out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuite name=\"" << suite << "\" tests=\""
-        << report.results.size() << "\" failures=\"" << FailedCount(report) << "\" time=\"" << seconds << "\">\n";
+    pugi::xml_document document;
+    pugi::xml_node testsuite = document.append_child("testsuite");
+    testsuite.append_attribute("name") = suite.c_str();
+    testsuite.append_attribute("tests") = report.results.size();
+    testsuite.append_attribute("failures") = FailedCount(report);
+    testsuite.append_attribute("time").set_value(seconds, 6);
     for (const Result& result : report.results) {
-        out << "  <testcase classname=\"" << suite << "." << result.group << "\" name=\"" << Escaped(result.name)
-            << "\" time=\"" << result.seconds << "\"";
-        if (result.findings.empty()) {
-            out << "/>\n";
-            continue;
-        }
-        out << ">\n";
+        pugi::xml_node testcase = testsuite.append_child("testcase");
+        testcase.append_attribute("classname") = (suite + "." + result.group).c_str();
+        testcase.append_attribute("name") = Printable(result.name).c_str();
+        testcase.append_attribute("time").set_value(result.seconds, 6);
         for (const Finding& finding : result.findings) {
-            out << "    <failure message=\"" << Escaped(finding.text) << "\">" << Escaped(finding.during);
-            for (const std::string& detail : finding.details) {
-                out << "\n" << Escaped(detail);
-            }
-            out << "</failure>\n";
+            AddFinding(testcase, finding);
         }
-        out << "  </testcase>\n";
     }
-    out << "</testsuite>\n";
+    document.save(out, "  ");
 }
 
 }  // namespace test_client
