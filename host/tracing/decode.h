@@ -99,7 +99,7 @@ private:
     std::map<std::pair<std::string, std::uint16_t>, Format> formats_;
 };
 
-// "{84cd9d5e-9773-4ba7-a709-72f079e81cde}" and back; Parse accepts it with or without braces, in any case.
+// "{00112233-4455-6677-8899-aabbccddeeff}" and back; Parse accepts it with or without braces, in any case.
 [[nodiscard]] std::string GuidText(const GUID& guid);
 [[nodiscard]] std::optional<GUID> ParseGuid(std::string_view text);
 

@@ -1,4 +1,4 @@
-// GUIDs as text: "84cd9d5e-9773-4ba7-a709-72f079e81cde".
+// GUIDs as text: "00112233-4455-6677-8899-aabbccddeeff".
 #pragma once
 
 #include "driver/trace/identifiers.h"
