@@ -163,6 +163,21 @@ namespace {
     return index >= collection->items().size() ? nullptr : collection->items()[index]->handle;
 }
 
+WDFOBJECT ItemAtEnd(const PlatformCall& call, WDFCOLLECTION handle, bool isFirst)
+{
+    if (call.fault()) {
+        return nullptr;
+    }
+    Framework& framework = Framework::Current();
+    const std::lock_guard lock(framework.mutex);
+    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
+    if (collection == nullptr || collection->items().empty()) {
+        return nullptr;
+    }
+    collection->CountSteps(1);
+    return (isFirst ? collection->items().front() : collection->items().back())->handle;
+}
+
 }  // namespace
 
 WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION handle, ULONG index)
@@ -179,33 +194,13 @@ WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION han
 WDFOBJECT NTAPI CollectionGetFirstItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
 {
     const PlatformCall call("WdfCollectionGetFirstItem", HOST_CALLER, DISPATCH_LEVEL);
-    if (call.fault()) {
-        return nullptr;
-    }
-    Framework& framework = Framework::Current();
-    const std::lock_guard lock(framework.mutex);
-    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
-    if (collection == nullptr || collection->items().empty()) {
-        return nullptr;
-    }
-    collection->CountSteps(1);
-    return collection->items().front()->handle;
+    return ItemAtEnd(call, handle, true);
 }
 
 WDFOBJECT NTAPI CollectionGetLastItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
 {
     const PlatformCall call("WdfCollectionGetLastItem", HOST_CALLER, DISPATCH_LEVEL);
-    if (call.fault()) {
-        return nullptr;
-    }
-    Framework& framework = Framework::Current();
-    const std::lock_guard lock(framework.mutex);
-    auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
-    if (collection == nullptr || collection->items().empty()) {
-        return nullptr;
-    }
-    collection->CountSteps(1);
-    return collection->items().back()->handle;
+    return ItemAtEnd(call, handle, false);
 }
 
 }  // namespace functions
