@@ -33,33 +33,33 @@ void MeasureImage(Table& table, const std::string& machine)
 }
 
 // What exists now.
-struct Stock {
+struct Footprint {
     double objects;
     double contextBytes;
     double poolBlocks;
 };
 
-Stock StockOf(Fixture& fixture)
+Footprint FootprintOf(Fixture& fixture)
 {
-    Stock stock{};
+    Footprint footprint{};
     for (const host::framework::ObjectSnapshot& object : fixture.machine.inspect().Objects()) {
-        ++stock.objects;
+        ++footprint.objects;
         for (const host::framework::ContextSnapshot& context : object.contexts) {
-            stock.contextBytes += static_cast<double>(context.bytes.size());
+            footprint.contextBytes += static_cast<double>(context.bytes.size());
         }
     }
     for (const host::Machine::PoolUse& use : fixture.machine.PoolInUse()) {
-        stock.poolBlocks += static_cast<double>(use.blockCount);
+        footprint.poolBlocks += static_cast<double>(use.blockCount);
     }
-    return stock;
+    return footprint;
 }
 
 void MeasureEach(Table& table, const std::string& what, const std::function<void(Fixture&)>& add)
 {
     Fixture fixture({.subject = Subject::kNative});
-    const Stock before = StockOf(fixture);
+    const Footprint before = FootprintOf(fixture);
     add(fixture);
-    const Stock after = StockOf(fixture);
+    const Footprint after = FootprintOf(fixture);
     const auto row = [&](const std::string& name, double value, const char* unit) {
         table.Add({.section = kFootprintSection,
                    .name = what + ": " + name,
@@ -77,7 +77,7 @@ void MeasureMillion(Table& table, const Options& options)
 {
     const unsigned posts = options.isQuick ? 20000 : 1000000;
     Fixture fixture({.clients = 2, .subscriptionsEach = 1});
-    const Stock before = StockOf(fixture);
+    const Footprint before = FootprintOf(fixture);
     for (unsigned post = 0; post < posts; ++post) {
         fixture.Post(fixture.poster(), 1);
         if (post % 64 == 63) {
@@ -85,7 +85,7 @@ void MeasureMillion(Table& table, const Options& options)
         }
     }
     fixture.machine.RunWorkItems();
-    const Stock after = StockOf(fixture);
+    const Footprint after = FootprintOf(fixture);
     table.Add({.section = kFootprintSection,
                .name = "objects left by " + std::to_string(posts) + " posts",
                .on = "",

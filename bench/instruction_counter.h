@@ -1,6 +1,6 @@
 // Counts the instructions that a driver executes, by address: every thread that is switched on runs one instruction at
 // a time, and a step counts when it lies in the driver's module. The host's own instructions are stepped and not
-// counted. The figures repeat exactly. x86-64 only; a repeated string instruction counts once for each element.
+// counted. The counts repeat exactly. x86-64 only; a repeated string instruction counts once for each element.
 #pragma once
 
 #include "host/machine.h"

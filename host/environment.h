@@ -116,7 +116,7 @@ public:
     // The block that an address was in, when that was freed not long ago. For the fault handler: never waits.
     std::function<std::optional<FreedMemory>(const void* address)> findFreed;
 
-    // A thread was parked: what is left behind at an unload from now on follows from that.
+    // A thread was parked: what is left at an unload from now on follows from that.
     std::atomic<bool> hasHung{false};
 
     // A rule is broken by the code at `caller`; null: by the host's own doing.
@@ -125,7 +125,7 @@ public:
     // A callback has returned otherwise than it may.
     void ReportCallback(checks::Rule rule, std::string name, std::string message, const void* routine,
                         const std::vector<Made>& origins = {});
-    // What an image leaves behind when it is unloaded, and by which calls of it that was made.
+    // What an image leaves when it is unloaded, and by which of its calls that was made.
     void ReportLeft(checks::Rule rule, std::string message, const std::vector<Made>& origins);
 
     // Where the calling thread stands, for a finding about what it makes now: what the path costs is a walk over the
@@ -185,7 +185,7 @@ private:
     static inline constinit thread_local ThreadState* current_ = nullptr;
 };
 
-// While it stands the calling system thread only waits for what others do: no wait of a driver's hopes for it.
+// While one exists, the calling system thread only waits for what others do: it can end no wait of a driver's.
 class IdleScope {
 public:
     IdleScope();

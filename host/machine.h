@@ -94,7 +94,7 @@ public:
     [[nodiscard]] std::vector<std::string> DebugOutput() const;
     [[nodiscard]] std::string ServiceAt(const void* address) const;
 
-    // The machine's clock, in 100 ns units since boot. It moves on by the delays that drivers ask for, and when told to;
+    // The machine's clock, in 100 ns units since boot. It moves on by the delays that drivers ask for, and by AdvanceClock;
     // what is due meanwhile runs on this thread.
     [[nodiscard]] std::int64_t Now() const;
     void AdvanceClock(std::chrono::nanoseconds duration);

@@ -76,7 +76,7 @@ DEFINE_GUID(GUID_ZEP_NOTIFIER_WPCD_INTERFACE, 0x0B28C6F2, 0xF696, 0x4580, 0xAC, 
 // The one I/O control of \Device\ZEPN (\\.\ZEPN in user mode): notify every client of an application-state change. It
 // returns when all have been notified and their answers are queued. No buffers, no bytes returned.
 //
-// The status is that of the last step only and does not tell whom the notification reached: an earlier answer can be
+// The status is that of the last step only and does not show whom the notification reached: an earlier answer can be
 // lost with STATUS_SUCCESS, and STATUS_UNSUCCESSFUL can mean no more than that the client that answered last has
 // deregistered meanwhile. Each failure is reported.
 //

@@ -37,10 +37,10 @@ consteval NumberedAlike FindNumberedAlike()
 
 // A template, so that the compiler's message names both sites.
 template <Site kFirst, Site kSecond>
-struct MessageNumberStandsOnce {
+struct MessageNumberIsUnique {
     static_assert(kFirst == kSecond, "two messages of one set have the same number");
 };
-template struct MessageNumberStandsOnce<FindNumberedAlike().first, FindNumberedAlike().second>;
+template struct MessageNumberIsUnique<FindNumberedAlike().first, FindNumberedAlike().second>;
 
 // ---- Payloads ----
 

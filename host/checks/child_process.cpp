@@ -23,17 +23,17 @@ constexpr char kDone = '+';
 constexpr char kThrew = '-';
 
 // Text that one process leaves for another: no pipe, whose reader would have to keep up.
-class Paper {
+class MemoryFile {
 public:
-    Paper() : descriptor_(memfd_create("paper", MFD_CLOEXEC))
+    MemoryFile() : descriptor_(memfd_create("result", MFD_CLOEXEC))
     {
         if (descriptor_ < 0) {
             throw HostError(std::string("no memory for a process of its own: ") + std::strerror(errno));
         }
     }
-    ~Paper() { close(descriptor_); }
-    Paper(const Paper&) = delete;
-    Paper& operator=(const Paper&) = delete;
+    ~MemoryFile() { close(descriptor_); }
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
 
     void Write(const std::string& text) const
     {
@@ -66,7 +66,7 @@ private:
     int descriptor_;
 };
 
-[[noreturn]] void Child(const std::function<std::string()>& work, const Paper& result, const Paper& printed)
+[[noreturn]] void Child(const std::function<std::string()>& work, const MemoryFile& result, const MemoryFile& printed)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     printed.TakeStandardError();
@@ -103,8 +103,8 @@ std::string Failure(int status, const std::string& printed)
 
 ChildResult RunInChild(const std::function<std::string()>& work)
 {
-    const Paper result;
-    const Paper printed;
+    const MemoryFile result;
+    const MemoryFile printed;
     // Else both would print it.
     std::cout.flush();
     std::fflush(nullptr);

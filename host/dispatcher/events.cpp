@@ -1,6 +1,6 @@
 // Events and the waits for them.
 //
-// Anybody may set an event, so a wait for one hopes for every thread that runs, and is without an end when none of them
+// Anybody may set an event, so every thread that runs may end a wait for one; the wait is without an end when none of them
 // can go on. With pumped work items nothing runs by itself: a wait then gives queued work and timers their turns, and
 // when nothing is left the clock moves on to the time-out. Otherwise a time-out takes its real time.
 #include "host/framework/framework.h"
@@ -21,7 +21,7 @@ using host::kernel::TimeUnits;
 namespace {
 
 // How long a wait without a time-out goes on only because timers come due.
-constexpr TimeUnits kPatience = 3600 * host::kernel::kUnitsPerSecond;
+constexpr TimeUnits kTimerWaitMaximum = 3600 * host::kernel::kUnitsPerSecond;
 
 // Whether this is an event at all: KeInitializeEvent made its list of waiters, which stays empty here.
 bool IsEvent(const KEVENT& event)
@@ -102,7 +102,7 @@ bool WaitFor(const PlatformCall& call, KEVENT& event, std::optional<TimeUnits> m
     std::unique_lock lock(framework.mutex);
     while (isPumped && event.Header.SignalState == 0) {
         lock.unlock();
-        const bool ran = RunOther(framework, moment.value_or(begin + kPatience));
+        const bool ran = RunOther(framework, moment.value_or(begin + kTimerWaitMaximum));
         if (!ran && moment) {
             clock.AdvanceTo(*moment);
         }

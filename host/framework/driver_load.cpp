@@ -25,7 +25,7 @@ void PrepareDriverObject(DriverInstance& instance)
     instance.extension.DriverObject = &object;
 }
 
-// What follows a failed entry and an unload: what is left behind is reported, then the image is unmapped.
+// What follows a failed entry and an unload: what is left is reported, then the image is unmapped.
 void ReleaseImage(Framework& framework, tracing::Tracing& tracing, DriverInstance& instance)
 {
     const void* base = instance.imageBase;

@@ -257,7 +257,7 @@ void ObjectTree::CallBack(std::unique_lock<std::mutex>& lock, const char* name, 
 
 void ObjectTree::Destroy(std::unique_lock<std::mutex>& lock, Object& object)
 {
-    // Callbacks may look at the object, so its handle lives until they are through.
+    // Callbacks may look at the object, so its handle stays valid until they have returned.
     CallBack(lock, "EvtDestroyCallback", object.destroy, object);
     for (const Context& context : object.contexts) {
         CallBack(lock, "EvtDestroyCallback", context.destroy, object);

@@ -32,7 +32,7 @@ inline constexpr ObjectType kTypeOf<IoTargetObject> = ObjectType::kIoTarget;
 // is held.
 void SetInterface(Framework& framework, DeviceObject& device, DeviceInterface& interface, bool enabled);
 
-// Registrations that an unloaded driver left behind: each is reported and dropped.
+// Registrations that an unloaded driver did not remove: each is reported and dropped.
 void ReportRegistrationsLeft(Framework& framework, const DriverInstance& instance);
 
 void RegisterPlugPlayExports();

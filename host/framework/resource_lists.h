@@ -14,7 +14,7 @@ struct ResourceListObject final : Object {
 template <>
 inline constexpr ObjectType kTypeOf<ResourceListObject> = ObjectType::kResourceList;
 
-// A list of a device that starts, which lives as long as the device. Called without the mutex.
+// A list of a device that starts, which exists as long as the device. Called without the mutex.
 [[nodiscard]] WDFCMRESLIST NewResourceList(Framework& framework, DeviceObject& device);
 
 }  // namespace host::framework

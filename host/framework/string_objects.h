@@ -1,4 +1,4 @@
-// String objects: a counted string that the framework keeps, with a terminator behind it.
+// String objects: a counted string that the framework keeps, with a terminator after it.
 #pragma once
 
 #include "host/framework/lent_buffer.h"

@@ -113,7 +113,7 @@ public:
     Code(std::span<const std::uint8_t> bytes, std::uint32_t offset) : bytes_(bytes), offset_(offset) {}
 
     [[nodiscard]] std::size_t size() const { return bytes_.size(); }
-    // 0 behind the end: the byte of an instruction that no search needs.
+    // 0 after the end: the byte of an instruction that no search needs.
     [[nodiscard]] std::uint8_t operator[](std::size_t at) const { return at < bytes_.size() ? bytes_[at] : 0; }
     [[nodiscard]] std::int32_t Number(std::size_t at) const
     {

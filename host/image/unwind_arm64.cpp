@@ -186,7 +186,7 @@ std::optional<std::vector<Step>> ReadCodes(const UnwindTables& tables, std::uint
 }
 
 // A prologue of the usual form: registers, link, vector registers and the arguments are saved in one area, locals lie
-// below it. Its instructions are not told apart: a fault inside is none of a callee's.
+// below it. Its instructions are not distinguished: a fault inside is none of a callee's.
 std::vector<Step> Unpack(std::uint32_t packed)
 {
     const unsigned integers = packed >> 16 & 15;

@@ -8,7 +8,7 @@ namespace {
 
 Kernel* g_current = nullptr;
 
-bool Lies(const void* address, const void* base, std::size_t sizeBytes)
+bool IsWithin(const void* address, const void* base, std::size_t sizeBytes)
 {
     const auto at = reinterpret_cast<std::uintptr_t>(address);
     const auto begin = reinterpret_cast<std::uintptr_t>(base);
@@ -202,7 +202,7 @@ void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
     using checks::Rule;
     const std::lock_guard lock(mutex);
     for (auto& [address, block] : pool_) {
-        if (Lies(block.caller, imageBase, imageSizeBytes)) {
+        if (IsWithin(block.caller, imageBase, imageSizeBytes)) {
             environment.ReportLeft(Rule::kLeak,
                                    std::to_string(block.sizeBytes) + " bytes of pool with tag " + QuotedTag(block.tag) +
                                        " were not freed",
@@ -212,7 +212,7 @@ void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
     }
     for (const auto& object : callbackObjects) {
         std::erase_if(object->registrations, [&](const std::shared_ptr<CallbackRegistration>& registration) {
-            if (!Lies(reinterpret_cast<const void*>(registration->function), imageBase, imageSizeBytes)) {
+            if (!IsWithin(reinterpret_cast<const void*>(registration->function), imageBase, imageSizeBytes)) {
                 return false;
             }
             environment.ReportLeft(Rule::kUnloadRegistration,
@@ -223,7 +223,7 @@ void Kernel::ReportLeaksOf(const void* imageBase, std::size_t imageSizeBytes)
             return true;
         });
         std::erase_if(object->openedBy, [&](const void* caller) {
-            if (!Lies(caller, imageBase, imageSizeBytes)) {
+            if (!IsWithin(caller, imageBase, imageSizeBytes)) {
                 return false;
             }
             environment.ReportLeft(Rule::kReferenceLeak, "a reference on " + object->name + " was not dropped",

@@ -36,7 +36,7 @@ constexpr std::uint8_t kSlackFill = 0xFD;
 
 std::size_t CountDamaged(const std::uint8_t* begin, const std::uint8_t* end)
 {
-    // Nearly always each byte equals the one behind it.
+    // Nearly always each byte equals the one after it.
     if (begin == end ||
         (*begin == kSlackFill && std::memcmp(begin, begin + 1, static_cast<std::size_t>(end - begin) - 1) == 0)) {
         return 0;

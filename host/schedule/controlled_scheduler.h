@@ -1,6 +1,6 @@
 // Systematic concurrency testing: decides which thread of driver code goes on, at every platform call where that may
 // matter and in every callback of a client (the scheduling points), and runs the schedules of a few threads one after the
-// other, so that a race is found and replayed instead of hoped for.
+// other, so that a race is found by search, not by chance, and can be replayed.
 //
 //     ControlledScheduler scheduler(machine options ...);
 //     while (scheduler.Next()) {

@@ -1,5 +1,5 @@
 // How threads of driver code wait for one another: every wait names what it waits for and which threads must move
-// first, so that a wait without an end is found when it begins, or as soon as its last hope parks.
+// first, so that a wait without an end is found when it begins, or as soon as the last thread that could end it parks.
 #pragma once
 
 #include <atomic>

@@ -133,7 +133,7 @@ EXTERN_C_END
 PLATFORM_STRSAFE(A, CHAR, _vsnprintf)
 PLATFORM_STRSAFE(W, WCHAR, _vsnwprintf)
 
-// ---- Counted strings: cut where the buffer ends, without a zero behind ----
+// ---- Counted strings: cut where the buffer ends, without a zero after it ----
 
 FORCEINLINE NTSTATUS RtlUnicodeStringInit(PUNICODE_STRING To, NTSTRSAFE_PCWSTR From)
 {

@@ -1,4 +1,4 @@
-// WMI records of the legacy trace-registration route.
+// WMI records of classic (WMI) provider registration.
 #pragma once
 
 #include <guiddef.h>

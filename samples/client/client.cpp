@@ -155,7 +155,7 @@ static VOID NTAPI ClientWork(WDFWORKITEM workItem)
 
 // ---- Registering and deregistering ----
 
-static NTSTATUS ClientJoin(WDFDEVICE device)
+static NTSTATUS ClientConnect(WDFDEVICE device)
 {
     CLIENT_CONTEXT* client = ClientContext(device);
     ActionCallbackTable callbacks;
@@ -191,7 +191,7 @@ static NTSTATUS ClientJoin(WDFDEVICE device)
 
 // Takes our subscriptions along. A command from or to us that is still undelivered would stop command delivery for
 // everybody: a real client lets its commands drain before its device is removed.
-static VOID ClientLeave(WDFDEVICE device)
+static VOID ClientDisconnect(WDFDEVICE device)
 {
     CLIENT_CONTEXT* client = ClientContext(device);
     const NTSTATUS status = client->Notifier.Notifier_HelperClientDeinit(&client->Guid);
@@ -273,8 +273,8 @@ static NTSTATUS NTAPI ClientDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit)
     client->Link.TableSize = sizeof(client->Notifier);
     client->Link.TableVersion = ZEP_NOTIFIER_INTERFACE_VERSION;
     client->Link.Name = client->Name;
-    client->Link.Join = ClientJoin;
-    client->Link.Leave = ClientLeave;
+    client->Link.Connect = ClientConnect;
+    client->Link.Disconnect = ClientDisconnect;
     return NotifierLinkCreate(&client->Link, device);
 }
 

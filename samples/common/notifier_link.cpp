@@ -27,10 +27,10 @@ static VOID SayStatus(const NOTIFIER_LINK* link, const char* what, NTSTATUS stat
     DbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_ERROR_LEVEL, "%s: %s: 0x%08X\n", link->Name, what, (unsigned)status);
 }
 
-// ---- Joining and leaving; the lock is held ----
+// ---- Connecting and disconnecting; the lock is held ----
 
-// Gets the table from the open target and joins.
-static NTSTATUS Join(NOTIFIER_LINK* link)
+// Gets the table from the open target and connects.
+static NTSTATUS Connect(NOTIFIER_LINK* link)
 {
     NTSTATUS status = WdfIoTargetQueryForInterface(link->Target, link->InterfaceGuid, link->Table, link->TableSize,
                                                    link->TableVersion, NULL);
@@ -43,21 +43,21 @@ static NTSTATUS Join(NOTIFIER_LINK* link)
         status = STATUS_NOT_SUPPORTED;
         SayStatus(link, "the Notifier is older than this driver", status);
     } else {
-        status = link->Join(link->Device);
+        status = link->Connect(link->Device);
     }
     if (!NT_SUCCESS(status)) {
         link->Table->InterfaceDereference(link->Table->Context);
         return status;
     }
-    link->Joined = TRUE;
+    link->Connected = TRUE;
     return STATUS_SUCCESS;
 }
 
-static VOID Leave(NOTIFIER_LINK* link)
+static VOID Disconnect(NOTIFIER_LINK* link)
 {
-    link->Leave(link->Device);
+    link->Disconnect(link->Device);
     link->Table->InterfaceDereference(link->Table->Context);
-    link->Joined = FALSE;
+    link->Connected = FALSE;
 }
 
 // Opens one device by the name of its interface.
@@ -93,11 +93,11 @@ static VOID NTAPI LinkFind(WDFWORKITEM workItem)
     NOTIFIER_LINK* link = LinkReference(workItem)->Link;
     (void)WdfWaitLockAcquire(link->Lock, NULL);
     PWSTR names = NULL;
-    if (!link->Joined && NT_SUCCESS(IoGetDeviceInterfaces(link->InterfaceGuid, NULL, 0, &names))) {
+    if (!link->Connected && NT_SUCCESS(IoGetDeviceInterfaces(link->InterfaceGuid, NULL, 0, &names))) {
         if (names[0] != 0) {  // the list ends with an empty name; without a Notifier it is nothing else
             NTSTATUS status = OpenTarget(link, names);
             if (NT_SUCCESS(status)) {
-                status = Join(link);
+                status = Connect(link);
                 if (!NT_SUCCESS(status)) {
                     WdfIoTargetClose(link->Target);
                 }
@@ -117,8 +117,8 @@ static NTSTATUS NTAPI LinkQueryRemove(WDFIOTARGET target)
     NOTIFIER_LINK* link = LinkReference(target)->Link;
     Say(link, "removal of the Notifier is requested: closing it");
     (void)WdfWaitLockAcquire(link->Lock, NULL);
-    if (link->Joined) {
-        Leave(link);
+    if (link->Connected) {
+        Disconnect(link);
     }
     WdfIoTargetCloseForQueryRemove(target);
     WdfWaitLockRelease(link->Lock);
@@ -134,10 +134,10 @@ static VOID NTAPI LinkRemoveCanceled(WDFIOTARGET target)
     (void)WdfWaitLockAcquire(link->Lock, NULL);
     NTSTATUS status = WdfIoTargetOpen(target, &parameters);
     if (NT_SUCCESS(status)) {
-        status = Join(link);
+        status = Connect(link);
     }
     if (!NT_SUCCESS(status)) {
-        SayStatus(link, "could not join again", status);
+        SayStatus(link, "could not connect again", status);
         WdfIoTargetClose(target);
     }
     WdfWaitLockRelease(link->Lock);
@@ -148,9 +148,9 @@ static VOID NTAPI LinkRemoveComplete(WDFIOTARGET target)
     NOTIFIER_LINK* link = LinkReference(target)->Link;
     Say(link, "the Notifier was removed");
     (void)WdfWaitLockAcquire(link->Lock, NULL);
-    if (link->Joined) {
+    if (link->Connected) {
         // Gone without asking. Device and driver stay as long as the target is open: the table is good until then.
-        Leave(link);
+        Disconnect(link);
     }
     WdfIoTargetClose(target);
     WdfWaitLockRelease(link->Lock);
@@ -206,8 +206,8 @@ VOID NotifierLinkStop(NOTIFIER_LINK* link)
     }
     WdfWorkItemFlush(link->FindWork);
     (void)WdfWaitLockAcquire(link->Lock, NULL);
-    if (link->Joined) {
-        Leave(link);
+    if (link->Connected) {
+        Disconnect(link);
     }
     WdfIoTargetClose(link->Target);
     WdfWaitLockRelease(link->Lock);
@@ -216,7 +216,7 @@ VOID NotifierLinkStop(NOTIFIER_LINK* link)
 BOOLEAN NotifierLinkAcquire(NOTIFIER_LINK* link)
 {
     (void)WdfWaitLockAcquire(link->Lock, NULL);
-    if (!link->Joined) {
+    if (!link->Connected) {
         WdfWaitLockRelease(link->Lock);
         return FALSE;
     }

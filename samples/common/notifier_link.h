@@ -3,9 +3,9 @@
 //
 // The Notifier may start before this driver or after it, and its removal may be requested or be a surprise. What a
 // driver does itself is in two callbacks:
-//   Join   the table is filled: register, attach.  PASSIVE_LEVEL, the link's lock held.
-//   Leave  the table is still valid: deregister, detach. PASSIVE_LEVEL, the link's lock held. After it the table isn't.
-// They come in pairs: Leave for each Join that succeeded.
+//   Connect   the table is filled: register, attach.  PASSIVE_LEVEL, the link's lock held.
+//   Disconnect  the table is still valid: deregister, detach. PASSIVE_LEVEL, the link's lock held. After it the table isn't.
+// They come in pairs: Disconnect for each Connect that succeeded.
 //
 //     EvtDriverDeviceAdd         NotifierLinkCreate
 //     EvtDevicePrepareHardware   NotifierLinkStart
@@ -21,8 +21,8 @@
 
 EXTERN_C_START
 
-typedef NTSTATUS EVT_NOTIFIER_LINK_JOIN(WDFDEVICE Device);
-typedef VOID EVT_NOTIFIER_LINK_LEAVE(WDFDEVICE Device);
+typedef NTSTATUS EVT_NOTIFIER_LINK_CONNECT(WDFDEVICE Device);
+typedef VOID EVT_NOTIFIER_LINK_DISCONNECT(WDFDEVICE Device);
 
 typedef struct _NOTIFIER_LINK {
     // Filled by the driver before NotifierLinkCreate.
@@ -31,29 +31,29 @@ typedef struct _NOTIFIER_LINK {
     USHORT TableSize;           // bytes
     USHORT TableVersion;
     const char* Name;  // for what is printed
-    EVT_NOTIFIER_LINK_JOIN* Join;
-    EVT_NOTIFIER_LINK_LEAVE* Leave;
+    EVT_NOTIFIER_LINK_CONNECT* Connect;
+    EVT_NOTIFIER_LINK_DISCONNECT* Disconnect;
 
     // The link's own.
     WDFDEVICE Device;
-    WDFWAITLOCK Lock;      // guards Joined and the table
-    WDFIOTARGET Target;    // the Notifier's device, open while joined
-    WDFWORKITEM FindWork;  // looks for the Notifier, opens it and joins
+    WDFWAITLOCK Lock;      // guards Connected and the table
+    WDFIOTARGET Target;    // the Notifier's device, open while connected
+    WDFWORKITEM FindWork;  // looks for the Notifier, opens it and connects
     PVOID Notification;    // registration for arrivals; NULL while stopped
-    BOOLEAN Joined;
+    BOOLEAN Connected;
 } NOTIFIER_LINK;
 
 // Makes the link's objects, all children of the device. The link must exist as long as the device: put it into the
 // device's context. Failure statuses are the framework's.
 NTSTATUS NotifierLinkCreate(NOTIFIER_LINK* Link, WDFDEVICE Device);
 
-// From now on the link joins whenever the Notifier is there.
+// From now on the link connects whenever the Notifier is there.
 NTSTATUS NotifierLinkStart(NOTIFIER_LINK* Link);
 
-// Calls Leave and closes the Notifier. When it returns no callback of the Notifier's runs or comes any more.
+// Calls Disconnect and closes the Notifier. When it returns no callback of the Notifier's runs or comes any more.
 VOID NotifierLinkStop(NOTIFIER_LINK* Link);
 
-// TRUE: the table may be called until NotifierLinkRelease. FALSE: not joined, nothing to release.
+// TRUE: the table may be called until NotifierLinkRelease. FALSE: not connected, nothing to release.
 BOOLEAN NotifierLinkAcquire(NOTIFIER_LINK* Link);
 VOID NotifierLinkRelease(NOTIFIER_LINK* Link);
 

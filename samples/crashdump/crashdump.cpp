@@ -85,7 +85,7 @@ static NTSTATUS NTAPI OnDumpStop(PVOID dumpHandle, ULONGLONG value1)
     return STATUS_SUCCESS;
 }
 
-// ---- Joining and leaving ----
+// ---- Connecting and disconnecting ----
 
 // Prints every client that is registered now. Clients may come between the question for their number and the one for
 // all of them: then the room is too small, and the questions are asked again.
@@ -113,7 +113,7 @@ static NTSTATUS Enumerate(const ZEP_NOTIFIER_WPCD_INTERFACE* notifier)
     return status;
 }
 
-static NTSTATUS CrashDumpJoin(WDFDEVICE device)
+static NTSTATUS CrashDumpConnect(WDFDEVICE device)
 {
     const WpcdClientRegistration registration = {.Header = 0,
                                                  .ZepClientAdd = OnClientAdd,
@@ -140,7 +140,7 @@ static NTSTATUS CrashDumpJoin(WDFDEVICE device)
 }
 
 // Clients must have ended their dumps: a dump call that meets a detaching crash-dump driver is nobody's.
-static VOID CrashDumpLeave(WDFDEVICE device)
+static VOID CrashDumpDisconnect(WDFDEVICE device)
 {
     const NTSTATUS status = CrashDumpContext(device)->Notifier.Notifier_WpcdClientDeInit();
     SAY("detaches: 0x%08X", (unsigned)status);
@@ -180,8 +180,8 @@ static NTSTATUS NTAPI CrashDumpDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit)
     context->Link.TableSize = sizeof(context->Notifier);
     context->Link.TableVersion = ZEP_NOTIFIER_INTERFACE_VERSION;
     context->Link.Name = "crash dump";
-    context->Link.Join = CrashDumpJoin;
-    context->Link.Leave = CrashDumpLeave;
+    context->Link.Connect = CrashDumpConnect;
+    context->Link.Disconnect = CrashDumpDisconnect;
     return NotifierLinkCreate(&context->Link, device);
 }
 

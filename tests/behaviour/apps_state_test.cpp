@@ -61,7 +61,7 @@ struct Handle {
     DriverFixture& fixture;
     host::FileId file = 0;
 
-    explicit Handle(DriverFixture& ofWorld) : fixture(ofWorld)
+    explicit Handle(DriverFixture& of) : fixture(of)
     {
         const auto opened = fixture.driver->Open(file);
         EXPECT_TRUE(opened.completed);

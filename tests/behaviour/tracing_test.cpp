@@ -18,7 +18,7 @@ std::set<unsigned> EventIds(DriverFixture& fixture)
 }
 
 // A bit of everything: entries, an error, a warning, a delivery.
-void DoABitOfEverything(DriverFixture& fixture)
+void ReportAtEachLevel(DriverFixture& fixture)
 {
     Peer& one = fixture.Join(1);
     Peer& other = fixture.Join(2);
@@ -36,7 +36,7 @@ void DoABitOfEverything(DriverFixture& fixture)
 std::set<unsigned> EventIdsOfABit(DriverFixture& fixture)
 {
     fixture.machine.tracing().ClearCaptured();
-    DoABitOfEverything(fixture);
+    ReportAtEachLevel(fixture);
     return EventIds(fixture);
 }
 
@@ -52,7 +52,7 @@ std::set<unsigned> MessageNumbers(DriverFixture& fixture)
 TEST_P(Reporting, WithoutListenersNothingIsWrittenAndAllWorksTheSame)
 {
     DriverFixture fixture(GetParam(), {.records = false});
-    DoABitOfEverything(fixture);
+    ReportAtEachLevel(fixture);
     fixture.TakeDown();
     EXPECT_EQ(fixture.machine.tracing().DisabledEvents(), 0u);
     EXPECT_EQ(fixture.machine.tracing().DisabledMessages(), 0u);
@@ -78,7 +78,7 @@ TEST_P(Reporting, EventLevelsSelectAsTheSystemDefinesThem)
         DriverFixture fixture(GetParam(), {.records = false, .boots = false});
         fixture.machine.tracing().OpenEventSession({kProviderGuid, row.level});
         fixture.Boot();
-        DoABitOfEverything(fixture);
+        ReportAtEachLevel(fixture);
         fixture.TakeDown();
         EXPECT_EQ(EventIds(fixture), row.ids);
         EXPECT_EQ(fixture.machine.tracing().DisabledEvents(), 0u);
@@ -141,7 +141,7 @@ TEST_P(Reporting, TraceMessagesAreSelectedByFlagAndLevelOnBothRoutes)
             DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = route}, .records = false, .boots = false});
             fixture.machine.tracing().OpenMessageSession({kControlGuid, row.level, row.flags});
             fixture.Boot();
-            DoABitOfEverything(fixture);
+            ReportAtEachLevel(fixture);
             fixture.TakeDown();
             const std::set<unsigned> numbers = MessageNumbers(fixture);
             EXPECT_EQ(numbers.contains(10), row.entry);
@@ -168,11 +168,11 @@ TEST_P(Reporting, ClosedAndUnknownControlsSilenceMessagesOnBothRoutes)
             tracing.Close(session);  // the null contexts of a disable reached the block itself
             session = tracing.OpenMessageSession({kControlGuid, 5, 3});
         }
-        DoABitOfEverything(fixture);
+        ReportAtEachLevel(fixture);
         EXPECT_FALSE(tracing.Messages().empty());
         tracing.Close(session);
         tracing.ClearCaptured();
-        DoABitOfEverything(fixture);
+        ReportAtEachLevel(fixture);
         EXPECT_TRUE(tracing.Messages().empty());
         EXPECT_EQ(tracing.DisabledMessages(), 0u);
     }
@@ -256,7 +256,7 @@ TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
     auto& tracing = fixture.machine.tracing();
     const auto numbers = [&] {
         tracing.ClearCaptured();
-        DoABitOfEverything(fixture);
+        ReportAtEachLevel(fixture);
         return MessageNumbers(fixture);
     };
     const auto session = tracing.OpenMessageSession({kControlGuid, 2, 3});

@@ -22,10 +22,10 @@ std::filesystem::path ShardFile(const std::string& container, const std::string&
     return Folder() / "shards" / (container + "-" + kind + "-" + std::to_string(shard));
 }
 
-std::string Wish()
+std::string RequestedFaults()
 {
-    if (const char* wish = std::getenv("ZEPN_FAULT")) {
-        return wish;
+    if (const char* requested = std::getenv("ZEPN_FAULT")) {
+        return requested;
     }
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -40,10 +40,10 @@ std::string Wish()
 unsigned Stride()
 {
     constexpr unsigned kThin = 7;
-    return Wish() == "thin" ? kThin : 1;
+    return RequestedFaults() == "thin" ? kThin : 1;
 }
 
-// One figure a line: a number, and what is counted; for a site 0 and its two numbers.
+// One count a line: the number, and what is counted; for a site 0 and its two numbers.
 void Statistics::Save(const std::string& container, const std::string& kind, unsigned shard,
                       const std::set<Site>& reached) const
 {

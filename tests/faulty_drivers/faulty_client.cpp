@@ -99,7 +99,7 @@ NTSTATUS NTAPI OnCommand(PVOID context, ULONG, const ZepCommandInfo* command, PU
     return STATUS_SUCCESS;
 }
 
-NTSTATUS Join(WDFDEVICE device)
+NTSTATUS Connect(WDFDEVICE device)
 {
     CLIENT_CONTEXT& client = *ClientContext(device);
     client.Block = static_cast<ULONG*>(ExAllocatePoolWithTag(NonPagedPoolNx, kBlockBytes, kTag));
@@ -133,7 +133,7 @@ NTSTATUS Join(WDFDEVICE device)
     return status;
 }
 
-VOID Leave(WDFDEVICE device)
+VOID Disconnect(WDFDEVICE device)
 {
     CLIENT_CONTEXT& client = *ClientContext(device);
     if (client.Made != Mistake::kNeverDeregisters) {
@@ -212,8 +212,8 @@ NTSTATUS NTAPI DeviceAdd(WDFDRIVER, PWDFDEVICE_INIT init)
     client.Link.TableSize = sizeof(client.Notifier);
     client.Link.TableVersion = ZEP_NOTIFIER_INTERFACE_VERSION;
     client.Link.Name = "faulty client";
-    client.Link.Join = Join;
-    client.Link.Leave = Leave;
+    client.Link.Connect = Connect;
+    client.Link.Disconnect = Disconnect;
     return NotifierLinkCreate(&client.Link, device);
 }
 

@@ -84,7 +84,7 @@ TEST_F(Events, AWaitThatNobodyEndsIsADeadlock)
     EXPECT_EQ(TakeRules(), std::vector{Rule::kDeadlock});
 }
 
-// With threads of its own the machine sleeps, and a wait hopes for every thread that has something to do.
+// With threads of its own the machine sleeps, and every thread that has something to do may end a wait.
 TEST(EventsOfAMachineWithThreads, AreSetAcrossThem)
 {
     static KEVENT go;

@@ -24,24 +24,24 @@ void Shuffle(std::vector<Mutant>& mutants, std::uint64_t seed)
 
 bool Counts(const Result& result)
 {
-    return result.verdict.fate == Fate::kKilled || result.verdict.fate == Fate::kSurvived;
+    return result.verdict.status == MutantStatus::kKilled || result.verdict.status == MutantStatus::kSurvived;
 }
 
 std::string LineOf(const Result& result)
 {
-    static const std::map<Fate, std::string> names = {{Fate::kRefused, "does not compile"},
-                                                      {Fate::kSameCode, "same code"},
-                                                      {Fate::kKilled, "killed by "},
-                                                      {Fate::kSurvived, "survived"}};
+    static const std::map<MutantStatus, std::string> names = {{MutantStatus::kRefused, "does not compile"},
+                                                              {MutantStatus::kSameCode, "same code"},
+                                                              {MutantStatus::kKilled, "killed by "},
+                                                              {MutantStatus::kSurvived, "survived"}};
     return result.mutant.file + ":" + std::to_string(result.mutant.line) + ": " + result.mutant.kind + ", " +
-           result.mutant.change + ": " + names.at(result.verdict.fate) + result.verdict.killedBy +
+           result.mutant.change + ": " + names.at(result.verdict.status) + result.verdict.killedBy +
            (result.reason.empty() ? "" : ", listed as equivalent") + "\n";
 }
 
 bool IsWrong(const Result& result)
 {
-    return (result.verdict.fate == Fate::kSurvived && result.reason.empty()) ||
-           (result.verdict.fate == Fate::kKilled && !result.reason.empty());
+    return (result.verdict.status == MutantStatus::kSurvived && result.reason.empty()) ||
+           (result.verdict.status == MutantStatus::kKilled && !result.reason.empty());
 }
 
 std::vector<Result> RunCampaign(std::vector<Mutant> mutants, const Equivalents& equivalents, const Plan& plan,
@@ -84,27 +84,28 @@ std::vector<Result> RunCampaign(std::vector<Mutant> mutants, const Equivalents& 
 
 std::string Summary(const std::vector<Result>& results, std::size_t all, const Plan& plan)
 {
-    std::map<Fate, std::size_t> fates;
+    std::map<MutantStatus, std::size_t> counts;
     std::map<std::string, std::size_t> programs;
     std::size_t listed = 0;
     for (const Result& result : results) {
-        ++fates[result.verdict.fate];
-        if (result.verdict.fate == Fate::kKilled) {
+        ++counts[result.verdict.status];
+        if (result.verdict.status == MutantStatus::kKilled) {
             ++programs[result.verdict.killedBy];
-        } else if (result.verdict.fate == Fate::kSurvived && !result.reason.empty()) {
+        } else if (result.verdict.status == MutantStatus::kSurvived && !result.reason.empty()) {
             ++listed;
         }
     }
     std::ostringstream text;
-    text << "mutants: " << fates[Fate::kKilled] + fates[Fate::kSurvived] << " of " << all << ", seed " << plan.seed
-         << ": " << fates[Fate::kKilled] << " killed (";
+    text << "mutants: " << counts[MutantStatus::kKilled] + counts[MutantStatus::kSurvived] << " of " << all << ", seed "
+         << plan.seed << ": " << counts[MutantStatus::kKilled] << " killed (";
     const char* separator = "";
     for (const auto& [program, count] : programs) {
         text << separator << program << " " << count;
         separator = ", ";
     }
-    text << "), " << listed << " equivalent, " << fates[Fate::kSurvived] - listed << " survived; besides "
-         << fates[Fate::kRefused] << " that do not compile and " << fates[Fate::kSameCode] << " of the same code\n";
+    text << "), " << listed << " equivalent, " << counts[MutantStatus::kSurvived] - listed << " survived; besides "
+         << counts[MutantStatus::kRefused] << " that do not compile and " << counts[MutantStatus::kSameCode]
+         << " of the same code\n";
     for (const Result& result : results) {
         if (IsWrong(result)) {
             text << "\n" << LineOf(result) << EntryOf(result.mutant);

@@ -11,7 +11,7 @@
 
 namespace mutation {
 
-enum class Fate {
+enum class MutantStatus {
     kRefused,   // does not compile, or the build's own warnings refuse it: does not count
     kSameCode,  // the compiler makes the same code of it: does not count
     kKilled,    // a test failed
@@ -19,7 +19,7 @@ enum class Fate {
 };
 
 struct Verdict {
-    Fate fate = Fate::kRefused;
+    MutantStatus status = MutantStatus::kRefused;
     std::string killedBy;  // the program of the tests
 };
 

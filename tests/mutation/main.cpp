@@ -50,7 +50,7 @@ int RunMutants(Plan plan, const std::string& place)
     const OnResult onResult = [&](const Result& result) {
         log << LineOf(result) << std::flush;
         counted += Counts(result) ? 1 : 0;
-        if (result.verdict.fate == Fate::kSurvived || (Counts(result) && counted % 20 == 0)) {
+        if (result.verdict.status == MutantStatus::kSurvived || (Counts(result) && counted % 20 == 0)) {
             std::cerr << counted << ": " << LineOf(result);
         }
     };

@@ -193,7 +193,7 @@ TEST(Campaign, DrawsTheSameMutantsBySeedHoweverManyWorkThere)
 {
     // Every third does not count.
     const Judge judge = [](const Mutant& mutant, unsigned) {
-        return Verdict{mutant.line % 3 == 0 ? Fate::kRefused : Fate::kKilled, ""};
+        return Verdict{mutant.line % 3 == 0 ? MutantStatus::kRefused : MutantStatus::kKilled, ""};
     };
     std::istringstream none;
     const Equivalents equivalents(none);
@@ -227,8 +227,8 @@ TEST(EquivalentMutants, AreEntriesWithAReasonThatMustNotGrowStale)
     EXPECT_EQ(equivalents.Stale({mutant}),
               (Lines{"driver/a.cpp, Do\nreturn 0;\n`0` -> `1`\n", "driver/a.cpp, Do\nreturn 0;\n`0` -> `2`\n"}));
     // Listed, but a test sees it.
-    EXPECT_TRUE(IsWrong({mutant, {Fate::kKilled, "model"}, "nobody asks"}));
-    EXPECT_FALSE(IsWrong({mutant, {Fate::kSurvived, ""}, "nobody asks"}));
+    EXPECT_TRUE(IsWrong({mutant, {MutantStatus::kKilled, "model"}, "nobody asks"}));
+    EXPECT_FALSE(IsWrong({mutant, {MutantStatus::kSurvived, ""}, "nobody asks"}));
 
     std::ifstream ours(std::string(ZEPN_ROOT) + "/tests/mutation/equivalent.txt");
     ASSERT_TRUE(ours.good());

@@ -171,19 +171,20 @@ Verdict NativeDriver::Judge(const Mutant& mutant, unsigned worker) const
     const auto driver = into / "zepn.so";
     Write(into / "mutant.cpp", Apply(mutant, source.text));
     if (!Compile(source, into / "mutant.cpp", object)) {
-        return {.fate = Fate::kRefused, .killedBy = ""};
+        return {.status = MutantStatus::kRefused, .killedBy = ""};
     }
     if (TextOf(object) == TextOf(unchanged)) {
-        return {.fate = Fate::kSameCode, .killedBy = ""};
+        return {.status = MutantStatus::kSameCode, .killedBy = ""};
     }
     std::string link = link_;
     ReplaceOnce(link, " -o " + std::string(kDriver), " -o " + ShellWord(driver.string()));
     ReplaceOnce(link, source.object, ShellWord(object.string()));
     if (!Run(folder_, link, into / "link.log")) {
-        return {.fate = Fate::kRefused, .killedBy = ""};  // what other sources call is there no more, or twice
+        return {.status = MutantStatus::kRefused,
+                .killedBy = ""};  // what other sources call is there no more, or twice
     }
     const std::string killedBy = FirstFailure(driver, into / "tests.log");
-    return {.fate = killedBy.empty() ? Fate::kSurvived : Fate::kKilled, .killedBy = killedBy};
+    return {.status = killedBy.empty() ? MutantStatus::kSurvived : MutantStatus::kKilled, .killedBy = killedBy};
 }
 
 bool NativeDriver::Compile(const Source& source, const std::filesystem::path& text,

@@ -39,7 +39,7 @@ done
 ./zepn decode "$folder/run" > "$folder/reports"
 grep -q 'Notifier_HelperInit' "$folder/reports"
 ./zepn demo --image arm64 > "$folder/arm64"
-grep -q 'no violation, nothing left behind' "$folder/arm64"
+grep -q 'no violation, nothing left' "$folder/arm64"
 # The samples as any client's author would test them.
 for machine in x64 arm64; do
     for sample in zepn_client zepn_crashdump; do

@@ -27,7 +27,7 @@ Inf ReadInf(const fs::path& file)
         }
         if (line[0] == '[') {
             section = line.substr(1, line.size() - 2);
-            EXPECT_TRUE(inf.emplace(section, Inf::mapped_type()).second) << section << " stands twice";
+            EXPECT_TRUE(inf.emplace(section, Inf::mapped_type()).second) << section << " is given twice";
             continue;
         }
         const std::size_t equals = line.find('=');

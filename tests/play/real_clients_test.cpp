@@ -97,7 +97,7 @@ TEST_P(RealClients, PlayBesideScriptedOnes)
 {
     const std::string shown = Play(WithReal(kTogether), true);
     EXPECT_TRUE(Has(shown, "\nreal drivers started 2, clients 1, states posted 1, deliveries"));
-    EXPECT_TRUE(Has(shown, "no violation, nothing left behind"));
+    EXPECT_TRUE(Has(shown, "no violation, nothing left"));
 }
 
 TEST_P(RealClients, PrintIntoTimelineDiagramAndTrace)
@@ -169,7 +169,7 @@ TEST_P(RealClients, HoldTheNotifierUntilTheyCloseIt)
                                    false);
     EXPECT_TRUE(Has(shown, "!! zepn: handles are open"));
     EXPECT_TRUE(Has(shown, "!! file.json:9: the step is left out: the system does not unload a driver that has a "));
-    EXPECT_TRUE(Has(shown, "no violation, nothing left behind"));
+    EXPECT_TRUE(Has(shown, "no violation, nothing left"));
 }
 
 TEST_P(RealClients, MissingImagesAndUnknownNamesAreRefused)

@@ -129,8 +129,8 @@ TEST(Scenario, WhatStandsTwiceOrTakesTooMuchMemoryIsRefused)
  "clients": {"a": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "A", "entries": 4294967295},
              "a": {"guid": "6f1b2c3d-0001-4a5b-8c9d-000000000001", "name": "A"}},
  "steps": [{"do": "describe", "capacity": 4294967295}]})");
-    EXPECT_EQ(mistakes, "file.json:1: states.up: stands twice\n"
-                        "file.json:3: clients.a: stands twice\n"
+    EXPECT_EQ(mistakes, "file.json:1: states.up: is given twice\n"
+                        "file.json:3: clients.a: is given twice\n"
                         "file.json:2: clients.a.entries: expected a whole number from 0 to 100000\n"
                         "file.json:4: steps[0].capacity: expected a whole number from 0 to 100000");
 }

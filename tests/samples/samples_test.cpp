@@ -44,7 +44,7 @@ TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
     const auto [isGood, text] =
         tests::PlayWith({.image = GetParam().image}, play::ReadScenario(ZEPN_ROOT "/scenarios/samples.json"));
     EXPECT_TRUE(isGood) << text;
-    // Joined three times each (arrival, refused removal, return), each time deregistered before the Notifier's own end.
+    // Registered three times each (arrival, refused removal, return), each time deregistered before the Notifier's own end.
     EXPECT_EQ(Lines(text, "client 1 +registers: 0x00000000"), 3u);
     EXPECT_EQ(Lines(text, "client 2 +registers: 0x00000000"), 3u);
     EXPECT_EQ(Lines(text, "client [12] +deregisters: 0x00000000"), 6u);
@@ -103,7 +103,7 @@ TEST_P(Samples, ClientThatIsUnloadedWhileRegisteredIsNamedAtOnceAndWhenItIsCalle
                 "before that: registration at unload: others still hold pointers into "
                 "client, .*\\(ZEP_NOTIFIER_CLIENT_CONTEXT\\) of zepn holds .*OnAppsState.*"
                 "\\(ZEP_NOTIFIER_STATE_NOTIFICATION_CONTEXT\\) of zepn holds .*OnWatchedState.*\n"
-                "  registered by zepn_client[.].*!ClientJoin \\(client[.]cpp:[0-9]+\\)\n");
+                "  registered by zepn_client[.].*!ClientConnect \\(client[.]cpp:[0-9]+\\)\n");
 }
 
 // Arrivals, work and removals on real threads at once: the Notifier comes and goes under clients that follow it.

@@ -361,7 +361,7 @@ void Run::End()
                        (hangs_ != 0        ? "a thread hangs, so its driver stays"
                         : violations_ != 0 ? "violations " + std::to_string(violations_)
                         : expected_ != 0   ? "no violation but the expected"
-                                           : "no violation, nothing left behind"),
+                                           : "no violation, nothing left"),
                    good_);
 }
 

@@ -53,7 +53,7 @@ void FieldReader::CheckNames(const JsonValue& object, const std::string& field)
     std::set<std::string> seen;
     for (const JsonValue::Member& member : object.members) {
         if (!seen.insert(member.name).second) {
-            Mistake(member.line, field + "." + member.name, "stands twice");
+            Mistake(member.line, field + "." + member.name, "is given twice");
         }
     }
 }

@@ -33,7 +33,7 @@ public:
     void CheckFields(const JsonValue& object, const std::string& field, const std::vector<std::string>& required,
                      const std::vector<std::string>& optional);
     void ReadText(const JsonValue& object, const std::string& name, const std::string& field, std::string& text);
-    void CheckNames(const JsonValue& object, const std::string& field);  // none stands twice
+    void CheckNames(const JsonValue& object, const std::string& field);  // none is given twice
     bool ReadNumber(const JsonValue& value, const std::string& field, std::uint32_t& number,
                     std::uint32_t maximum = 0xFFFFFFFF);
     void ReadNumber(const JsonValue& object, const std::string& name, const std::string& field, std::uint32_t& number,

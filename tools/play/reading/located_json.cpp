@@ -1,4 +1,4 @@
-// The library's parser does the work; an iterator that counts what it reads tells in which line each value ends.
+// The library's parser does the work; an iterator that notes what was read gives the line in which each value ends.
 #include "tools/play/reading/located_json.h"
 
 #include <nlohmann/json.hpp>
