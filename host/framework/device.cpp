@@ -248,7 +248,8 @@ void NTAPI DeviceSetStaticStopRemove(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, BOOL
 
 NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, PCUNICODE_STRING name)
 {
-    const PlatformCall call("WdfDeviceCreateSymbolicLink", HOST_CALLER, PASSIVE_LEVEL);
+    const std::string text = kernel::NameText(name);
+    const PlatformCall call("WdfDeviceCreateSymbolicLink", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
     if (call.IsRefused()) {
         return call.fault()->status;
     }
@@ -261,7 +262,7 @@ NTSTATUS NTAPI DeviceCreateSymbolicLink(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, P
     if (!device->symbolicLink.empty()) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
-    const std::string link = kernel::LowerCase(kernel::Narrow(*name));
+    const std::string link = kernel::LowerCase(text);
     if (!framework.names.Take(link)) {
         return STATUS_OBJECT_NAME_COLLISION;
     }

@@ -43,14 +43,15 @@ void NTAPI DeviceInitSetIoType(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, WDF_DE
 
 NTSTATUS NTAPI DeviceInitAssignName(PWDF_DRIVER_GLOBALS, PWDFDEVICE_INIT init, PCUNICODE_STRING name)
 {
-    const PlatformCall call("WdfDeviceInitAssignName", HOST_CALLER, PASSIVE_LEVEL);
+    const std::string text = kernel::NameText(name);
+    const PlatformCall call("WdfDeviceInitAssignName", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
     if (call.IsRefused()) {
         return call.fault()->status;
     }
     if (!IsUsable(call, init) || (name != nullptr && !kernel::IsWellFormed(*name))) {
         return STATUS_INVALID_PARAMETER;
     }
-    init->name = name == nullptr ? std::string() : kernel::Narrow(*name);
+    init->name = text;
     return call.Done();
 }
 

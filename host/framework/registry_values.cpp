@@ -11,11 +11,6 @@ namespace {
 
 using checks::Rule;
 
-std::string NameText(PCUNICODE_STRING name)
-{
-    return name != nullptr && kernel::IsWellFormed(*name) ? kernel::Narrow(*name) : std::string();
-}
-
 // The service whose value a call is about, when its key was opened for that.
 NTSTATUS CheckKey(const PlatformCall& call, WDFKEY handle, PCUNICODE_STRING name, ACCESS_MASK needed,
                   std::string& service)
@@ -92,7 +87,7 @@ std::vector<std::byte> TextData(const UNICODE_STRING& text)
 
 NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, PULONG value)
 {
-    const std::string text = NameText(name);
+    const std::string text = kernel::NameText(name);
     const PlatformCall call("WdfRegistryQueryULong", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
     kernel::RegistryValue found{};
     if (const NTSTATUS status = ReadValue(call, handle, name, found); !NT_SUCCESS(status)) {
@@ -116,7 +111,7 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
 NTSTATUS NTAPI RegistryQueryValue(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, ULONG length, PVOID value,
                                   PULONG lengthQueried, PULONG type)
 {
-    const std::string text = NameText(name);
+    const std::string text = kernel::NameText(name);
     const PlatformCall call("WdfRegistryQueryValue", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
     kernel::RegistryValue found{};
     if (const NTSTATUS status = ReadValue(call, handle, name, found); !NT_SUCCESS(status)) {
@@ -139,7 +134,7 @@ NTSTATUS NTAPI RegistryQueryMemory(PWDF_DRIVER_GLOBALS globals, WDFKEY handle, P
                                    POOL_TYPE poolType, PWDF_OBJECT_ATTRIBUTES attributes, WDFMEMORY* memory,
                                    PULONG type)
 {
-    const std::string text = NameText(name);
+    const std::string text = kernel::NameText(name);
     const PlatformCall call("WdfRegistryQueryMemory", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
     ClearOnEntry(memory);
     if (poolType == NonPagedPool) {
@@ -167,7 +162,7 @@ NTSTATUS NTAPI RegistryQueryMemory(PWDF_DRIVER_GLOBALS globals, WDFKEY handle, P
 NTSTATUS NTAPI RegistryQueryUnicodeString(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, PUSHORT byteLength,
                                           PUNICODE_STRING value)
 {
-    const std::string text = NameText(name);
+    const std::string text = kernel::NameText(name);
     const PlatformCall call("WdfRegistryQueryUnicodeString", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
     if (value != nullptr && !kernel::IsWellFormed(*value)) {
         return STATUS_INVALID_PARAMETER;
@@ -197,7 +192,7 @@ NTSTATUS NTAPI RegistryQueryUnicodeString(PWDF_DRIVER_GLOBALS, WDFKEY handle, PC
 NTSTATUS NTAPI RegistryQueryString(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_STRING name, WDFSTRING string)
 {
     constexpr std::size_t kStringBytesMaximum = 0xFFFF;
-    const std::string text = NameText(name);
+    const std::string text = kernel::NameText(name);
     const PlatformCall call("WdfRegistryQueryString", HOST_CALLER, PASSIVE_LEVEL, text.c_str());
     kernel::RegistryValue found{};
     const NTSTATUS status = ReadValue(call, handle, name, found);

@@ -258,6 +258,11 @@ bool IsWellFormed(const UNICODE_STRING& text)
            text.Length <= text.MaximumLength && (text.MaximumLength == 0 || text.Buffer != nullptr);
 }
 
+std::string NameText(PCUNICODE_STRING name)
+{
+    return name != nullptr && IsWellFormed(*name) ? Narrow(*name) : std::string();
+}
+
 std::string LowerCase(std::string text)
 {
     std::transform(text.begin(), text.end(), text.begin(),

@@ -141,6 +141,8 @@ private:
 [[nodiscard]] std::string Narrow(const UNICODE_STRING& text);
 // What the framework demands of every counted string: whole characters, within a buffer.
 [[nodiscard]] bool IsWellFormed(const UNICODE_STRING& text);
+// A name as a call's detail: empty when there is none, or a malformed one.
+[[nodiscard]] std::string NameText(PCUNICODE_STRING name);
 [[nodiscard]] std::string LowerCase(std::string text);
 
 // The routines that MmGetSystemRoutineAddress finds, by name; null for others.

@@ -127,7 +127,7 @@ HOST_EXPORT VOID NTAPI KeBugCheckEx(ULONG code, ULONG_PTR first, ULONG_PTR secon
 HOST_EXPORT PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING name)
 {
     const bool isName = name != nullptr && host::kernel::IsWellFormed(*name);
-    const std::string routine = isName ? host::kernel::Narrow(*name) : std::string();
+    const std::string routine = host::kernel::NameText(name);
     const PlatformCall call("MmGetSystemRoutineAddress", HOST_CALLER, PASSIVE_LEVEL, routine.c_str());
     if (!isName) {
         call.Violation(host::checks::Rule::kBadParameter, "the name is no well-formed UNICODE_STRING");

@@ -58,24 +58,27 @@ TEST_P(Loading, WholeLifeReportsEachCallbackInOrderAndLeavesNothing)
 }
 
 // What it creates, and below what, is for fault injection to compare.
-TEST_P(Lifecycle, DeviceAddKeepsThePowerCallbacksObjectAndTakesEmptyRequests)
+TEST_P(Lifecycle, DeviceAddKeepsThePowerCallbacksObjectAndTakesEmptyRequestsOneByOne)
 {
-    EXPECT_TRUE(machine.inspect().Find(Context().queue)->config->AllowZeroLengthRequests);
+    const auto queue = machine.inspect().Find(Context().queue);
+    EXPECT_TRUE(queue->config->AllowZeroLengthRequests);
+    EXPECT_EQ(queue->config->DispatchType, WdfIoQueueDispatchSequential);
     EXPECT_NE(Context().powerCallbackObject, nullptr);
     EXPECT_EQ(driver->PoolTag(), 0x3066746Eu) << "ntf0";
 }
 
-TEST_P(Loading, UnloadClearsThePowerStateCallbackBeforeTheContextGoes)
+TEST_P(Loading, GivesItsNamesAndUnloadClearsThePowerStateCallbackBeforeTheContextGoes)
 {
     DriverFixture fixture(GetParam(), {.boots = false});
     std::optional<DriverContext> context;
-    Lines references;  // as the driver marks them
+    Lines given;  // names, and the marks of references
     fixture.machine.environment().SetObserver([&](const host::ObservedCall& call) {
         const std::string_view function = call.function;
         if (function == "EtwUnregister") {  // the last step
             context = fixture.Context();
-        } else if (function == "WdfObjectReferenceActual" || function == "WdfObjectDereferenceActual") {
-            references.emplace_back(call.detail);
+        } else if (function == "WdfDeviceInitAssignName" || function == "WdfDeviceCreateSymbolicLink" ||
+                   function == "WdfObjectReferenceActual" || function == "WdfObjectDereferenceActual") {
+            given.emplace_back(call.detail);
         }
     });
     fixture.Boot();
@@ -84,7 +87,7 @@ TEST_P(Loading, UnloadClearsThePowerStateCallbackBeforeTheContextGoes)
     fixture.TakeDown();
     fixture.machine.environment().SetObserver(nullptr);
     ASSERT_TRUE(context);
-    EXPECT_EQ(references, (Lines{"driver:769", "driver:1092"}));
+    EXPECT_EQ(given, (Lines{"\\Device\\ZEPN", "\\DosDevices\\ZEPN", "driver:769", "driver:1092"}));
     EXPECT_EQ(context->powerCallbackRegistration, nullptr);
     EXPECT_EQ(context->powerCallbackObject, nullptr);
 }
