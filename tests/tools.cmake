@@ -42,7 +42,6 @@ file(GLOB mutation_sources CONFIGURE_DEPENDS mutation/*.cpp)
 list(FILTER mutation_sources EXCLUDE REGEX "mutation/(main|.*_test).cpp")
 add_library(mutation STATIC ${mutation_sources})
 zepn_unite(mutation)
-target_compile_options(mutation PRIVATE ${ZEPN_RUNS_ONCE})
 target_link_libraries(mutation PRIVATE nlohmann_json::nlohmann_json)
 zepn_add_program(zepn-mutants mutation/main.cpp mutation)
 target_compile_definitions(zepn-mutants PRIVATE
