@@ -238,7 +238,8 @@ WDFDRIVER NTAPI DeviceGetDriver(PWDF_DRIVER_GLOBALS, WDFDEVICE handle)
 
 void NTAPI DeviceSetStaticStopRemove(PWDF_DRIVER_GLOBALS, WDFDEVICE handle, BOOLEAN stoppable)
 {
-    const PlatformCall call("WdfDeviceSetStaticStopRemove", HOST_CALLER, DISPATCH_LEVEL);
+    const PlatformCall call("WdfDeviceSetStaticStopRemove", HOST_CALLER, DISPATCH_LEVEL,
+                            stoppable != FALSE ? "allows" : "refuses");
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     if (auto* device = framework.objects.Resolve<DeviceObject>(call, handle, "Device")) {

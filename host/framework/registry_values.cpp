@@ -96,14 +96,14 @@ NTSTATUS NTAPI RegistryQueryULong(PWDF_DRIVER_GLOBALS, WDFKEY handle, PCUNICODE_
     if (!Requires(call, value, "Value")) {
         return STATUS_INVALID_PARAMETER;
     }
+    // What does not fit leaves the number undefined, and a value that is shorter than its type the rest of it.
+    std::memset(value, kernel::kUninitializedFill, sizeof(ULONG));
     if (found.type != kernel::kTypeDword) {
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
     if (found.data.size() > sizeof(ULONG)) {
         return STATUS_BUFFER_OVERFLOW;
     }
-    // A value that is shorter than its type leaves the rest of the number undefined.
-    std::memset(value, kernel::kUninitializedFill, sizeof(ULONG));
     std::memcpy(value, found.data.data(), found.data.size());
     return call.Done();
 }

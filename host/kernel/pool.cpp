@@ -13,6 +13,11 @@ using host::kernel::QuotedTag;
 namespace {
 
 constexpr std::size_t kAlignment = 16;
+
+const char* Detail(bool paged)
+{
+    return paged ? "paged pool" : "non-paged pool";
+}
 constexpr std::size_t kCacheLine = 64;
 constexpr std::size_t kPage = 4096;
 
@@ -77,7 +82,7 @@ std::string WrongFlags(POOL_FLAGS flags)
 HOST_EXPORT PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE poolType, SIZE_T size, ULONG tag)
 {
     const bool paged = poolType == PagedPool;
-    const PlatformCall call("ExAllocatePoolWithTag", HOST_CALLER, paged ? APC_LEVEL : DISPATCH_LEVEL);
+    const PlatformCall call("ExAllocatePoolWithTag", HOST_CALLER, paged ? APC_LEVEL : DISPATCH_LEVEL, Detail(paged));
     if (call.fault()) {
         return nullptr;
     }
@@ -90,7 +95,7 @@ HOST_EXPORT PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE poolType, SIZE_T size, U
 HOST_EXPORT PVOID NTAPI ExAllocatePool2(POOL_FLAGS flags, SIZE_T size, ULONG tag)
 {
     const bool paged = (flags & POOL_FLAG_PAGED) != 0;
-    const PlatformCall call("ExAllocatePool2", HOST_CALLER, paged ? APC_LEVEL : DISPATCH_LEVEL);
+    const PlatformCall call("ExAllocatePool2", HOST_CALLER, paged ? APC_LEVEL : DISPATCH_LEVEL, Detail(paged));
     const std::string wrong = WrongFlags(flags);
     if (!wrong.empty()) {
         call.Violation(Rule::kBadParameter, wrong);

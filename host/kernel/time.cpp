@@ -10,9 +10,11 @@ using host::kernel::TimeUnits;
 
 #define HOST_EXPORT extern "C" __attribute__((visibility("default"), used))
 
-HOST_EXPORT NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER interval)
+HOST_EXPORT NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE mode, BOOLEAN alertable, PLARGE_INTEGER interval)
 {
-    const PlatformCall call("KeDelayExecutionThread", HOST_CALLER, APC_LEVEL);
+    const std::string detail =
+        std::string(mode == KernelMode ? "kernel mode" : "user mode") + (alertable != FALSE ? ", alertable" : "");
+    const PlatformCall call("KeDelayExecutionThread", HOST_CALLER, APC_LEVEL, detail.c_str());
     if (call.fault()) {
         return call.fault()->status;
     }

@@ -88,6 +88,9 @@ TEST_P(AppsState, ControlCodeBroadcastsAndOthersAreNotSupported)
         EXPECT_EQ(handle.Control(code), STATUS_NOT_SUPPORTED);
         EXPECT_EQ(TakeRecords(), (Lines{"M208 NotifierEvtIoDeviceControl", "E64 NotifierEvtIoDeviceControl",
                                               "M209 NotifierEvtIoDeviceControl"}));
+        const std::vector<std::byte> payload = machine.tracing().Events().back().payload;
+        const std::uint64_t traced = code;
+        EXPECT_EQ(memcmp(payload.data() + payload.size() - sizeof(traced), &traced, sizeof(traced)), 0);
     }
     EXPECT_EQ(peer.appsStateCalls, 1u);
 }

@@ -67,27 +67,35 @@ TEST_P(Lifecycle, DeviceAddKeepsThePowerCallbacksObjectAndTakesEmptyRequestsOneB
     EXPECT_EQ(driver->PoolTag(), 0x3066746Eu) << "ntf0";
 }
 
-TEST_P(Loading, GivesItsNamesAndUnloadClearsThePowerStateCallbackBeforeTheContextGoes)
+TEST_P(Loading, GivesWhatNothingElseShowsAndUnloadClearsThePowerStateCallbackBeforeTheContextGoes)
 {
     DriverFixture fixture(GetParam(), {.boots = false});
     std::optional<DriverContext> context;
-    Lines given;  // names, and the marks of references
+    const std::set<std::string_view> shown = {"WdfDeviceInitAssignName", "WdfDeviceSetStaticStopRemove",
+                                              "WdfDeviceCreateSymbolicLink", "ExAllocatePoolWithTag",
+                                              "KeDelayExecutionThread"};
+    Lines given;
     fixture.machine.environment().SetObserver([&](const host::ObservedCall& call) {
         const std::string_view function = call.function;
         if (function == "EtwUnregister") {  // the last step
             context = fixture.Context();
-        } else if (function == "WdfDeviceInitAssignName" || function == "WdfDeviceCreateSymbolicLink" ||
-                   function == "WdfObjectReferenceActual" || function == "WdfObjectDereferenceActual") {
-            given.emplace_back(call.detail);
+        } else if (shown.contains(function) || std::string_view(call.detail).starts_with("driver:")) {
+            given.emplace_back(call.detail);  // of a reference, its mark
         }
     });
     fixture.Boot();
+    Peer peer(1);
+    const ZepDataEntry entry{};
+    ASSERT_EQ(fixture.Register(peer, 1, &entry), STATUS_SUCCESS);
+    fixture.machine.SetRegistryValue(kService, "SubsystemNotificationTimeout", 100);
+    fixture.machine.NotifyPowerState(PO_CB_SYSTEM_STATE_LOCK, 0);
     fixture.driver->SurpriseRemoveDevice();
     ASSERT_FALSE(fixture.driver->RemoveDevice().parked);
     fixture.TakeDown();
     fixture.machine.environment().SetObserver(nullptr);
     ASSERT_TRUE(context);
-    EXPECT_EQ(given, (Lines{"\\Device\\ZEPN", "\\DosDevices\\ZEPN", "driver:769", "driver:1092"}));
+    EXPECT_EQ(given, (Lines{"\\Device\\ZEPN", "refuses", "\\DosDevices\\ZEPN", "driver:769", "paged pool",
+                            "kernel mode", "driver:1092"}));
     EXPECT_EQ(context->powerCallbackRegistration, nullptr);
     EXPECT_EQ(context->powerCallbackObject, nullptr);
 }

@@ -250,7 +250,7 @@ TEST_P(Reporting, EventsAndMessagesAreChosenApart)
 }
 
 // The level from before: that of the session, and none after it.
-TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
+TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskForAndNoFlags)
 {
     DriverFixture fixture(GetParam(), {.machine = {.traceRoutes = host::TraceRoutes::kWmi}, .records = false});
     auto& tracing = fixture.machine.tracing();
@@ -259,7 +259,10 @@ TEST_P(Reporting, OldRouteKeepsALevelThatItCannotAskFor)
         ReportAtEachLevel(fixture);
         return MessageNumbers(fixture);
     };
-    const auto session = tracing.OpenMessageSession({kControlGuid, 2, 3});
+    fixture.machine.faults().Add({.function = "WmiQueryTraceInformation", .detail = "flags"});
+    const auto session = tracing.OpenMessageSession({kControlGuid, 5, 3});
+    EXPECT_EQ(numbers(), std::set<unsigned>{});
+    tracing.ChangeMessageSession(session, {kControlGuid, 2, 3});
     fixture.machine.faults().Add({.function = "WmiQueryTraceInformation", .detail = "level"});
     tracing.ChangeMessageSession(session, {kControlGuid, 5, 3});
     const std::set<unsigned> errors = numbers();
