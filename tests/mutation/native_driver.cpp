@@ -15,8 +15,10 @@ namespace {
 constexpr const char* kDriver = "platform/zepn.so";  // in the build folder
 
 // Warnings end no mutant, except those of values that are not there: such code has no behaviour to test.
-constexpr const char* kOptions = " -g0 -Wno-everything -Werror=return-type -Werror=uninitialized"
+constexpr const char* kOptions = " -Wno-everything -Werror=return-type -Werror=uninitialized"
                                  " -Werror=sometimes-uninitialized";
+// For object files that are equal when their code is.
+constexpr const char* kCodeAlone = " -g0";
 
 // The tests of the native driver, the quickest first.
 struct TestProgram {
@@ -150,7 +152,18 @@ std::vector<Mutant> NativeDriver::Mutants() const
 
 void NativeDriver::TestUnchanged() const
 {
-    if (const std::string failed = FirstFailure(folder_ / kDriver, work_ / "unchanged.log"); !failed.empty()) {
+    const auto driver = work_ / "zepn.so";
+    std::string link = link_;
+    ReplaceOnce(link, " -o " + std::string(kDriver), " -o " + ShellWord(driver.string()));
+    for (const Source& source : sources_) {
+        const auto object = work_ / std::filesystem::path(source.object).filename();
+        CompileUnchanged(source, object, "");
+        ReplaceOnce(link, source.object, ShellWord(object.string()));
+    }
+    if (!Run(folder_, link, work_ / "link.log")) {
+        throw std::runtime_error("the unchanged driver does not link; see " + (work_ / "link.log").string());
+    }
+    if (const std::string failed = FirstFailure(driver, work_ / "unchanged.log"); !failed.empty()) {
         throw std::runtime_error("the " + failed + " tests fail on the unchanged driver; see " +
                                  (work_ / "unchanged.log").string());
     }
@@ -163,19 +176,19 @@ Verdict NativeDriver::Judge(const Mutant& mutant, unsigned worker) const
     const auto unchanged = into / "unchanged" / std::filesystem::path(source.object).filename();
     if (!std::filesystem::exists(unchanged)) {
         std::filesystem::create_directories(unchanged.parent_path());
-        if (!Compile(source, source.path, unchanged)) {
-            throw std::runtime_error(source.file + ": does not compile; see " + unchanged.string() + ".log");
-        }
+        CompileUnchanged(source, unchanged, kCodeAlone);
     }
     const auto object = into / "mutant.o";
     const auto driver = into / "zepn.so";
     Write(into / "mutant.cpp", Apply(mutant, source.text));
-    if (!Compile(source, into / "mutant.cpp", object)) {
+    if (!Compile(source, into / "mutant.cpp", object, kCodeAlone)) {
         return {.status = MutantStatus::kRefused, .killedBy = ""};
     }
     if (TextOf(object) == TextOf(unchanged)) {
         return {.status = MutantStatus::kSameCode, .killedBy = ""};
     }
+    // Tests read the names of its functions and lines.
+    (void)Compile(source, into / "mutant.cpp", object, "");
     std::string link = link_;
     ReplaceOnce(link, " -o " + std::string(kDriver), " -o " + ShellWord(driver.string()));
     ReplaceOnce(link, source.object, ShellWord(object.string()));
@@ -187,14 +200,22 @@ Verdict NativeDriver::Judge(const Mutant& mutant, unsigned worker) const
     return {.status = killedBy.empty() ? MutantStatus::kSurvived : MutantStatus::kKilled, .killedBy = killedBy};
 }
 
-bool NativeDriver::Compile(const Source& source, const std::filesystem::path& text,
-                           const std::filesystem::path& object) const
+bool NativeDriver::Compile(const Source& source, const std::filesystem::path& text, const std::filesystem::path& object,
+                           const std::string& more) const
 {
     // The compiler reads the other file wherever its command names the source, which keeps its name.
     return Run(source.folder,
-               source.command + kOptions + " -Xclang -remap-file -Xclang " +
+               source.command + kOptions + more + " -Xclang -remap-file -Xclang " +
                    ShellWord(source.path + ";" + text.string()) + " -o " + ShellWord(object.string()),
                object.string() + ".log");
+}
+
+void NativeDriver::CompileUnchanged(const Source& source, const std::filesystem::path& object,
+                                    const std::string& more) const
+{
+    if (!Compile(source, source.path, object, more)) {
+        throw std::runtime_error(source.file + ": does not compile; see " + object.string() + ".log");
+    }
 }
 
 // The tests that fail first; empty when all pass.

@@ -18,7 +18,8 @@ public:
 
     [[nodiscard]] std::vector<Mutant> Mutants() const;
 
-    // Runs the tests on the unchanged driver and throws when one fails: every mutant would count as killed.
+    // Runs the tests on the unchanged driver, compiled as mutants are, and throws when one fails: every mutant would
+    // count as killed.
     void TestUnchanged() const;
 
     // Builds a mutant and runs the tests on it until the first fails, in a folder for each worker.
@@ -35,7 +36,8 @@ private:
     };
 
     [[nodiscard]] bool Compile(const Source& source, const std::filesystem::path& text,
-                               const std::filesystem::path& object) const;
+                               const std::filesystem::path& object, const std::string& more) const;
+    void CompileUnchanged(const Source& source, const std::filesystem::path& object, const std::string& more) const;
     [[nodiscard]] std::string FirstFailure(const std::filesystem::path& driver, const std::filesystem::path& log) const;
 
     const std::filesystem::path folder_;
