@@ -3,78 +3,67 @@
 
 namespace {
 
-FaultyHooks g_hooks;
+// Until a test takes them over.
+FaultyHooks g_hooks = {
+    .Work = [](WDFWORKITEM) NTAPI {},
+    .Control = nullptr,
+    .Init = [](PWDFDEVICE_INIT) NTAPI {},
+    .Resources = [](WDFCMRESLIST) NTAPI {},
+    .FileCreate = [](WDFREQUEST request, WDFFILEOBJECT) NTAPI { WdfRequestComplete(request, STATUS_SUCCESS); },
+    .FileClose = [](WDFFILEOBJECT) NTAPI {},
+    .Step = [](const char*) NTAPI -> NTSTATUS { return STATUS_SUCCESS; },
+};
 WDFDEVICE g_device;
 WDFQUEUE g_queue;
 WDFWORKITEM g_workItem;
 WDFREQUEST g_pending;
 
-NTSTATUS Step(const char* step)
-{
-    return g_hooks.Step != nullptr ? g_hooks.Step(step) : STATUS_SUCCESS;
-}
-
-void ShowResources(WDFCMRESLIST list)
-{
-    if (g_hooks.Resources != nullptr) {
-        g_hooks.Resources(list);
-    }
-}
-
 NTSTATUS NTAPI EvtPrepareHardware(WDFDEVICE, WDFCMRESLIST raw, WDFCMRESLIST translated)
 {
-    ShowResources(raw);
-    ShowResources(translated);
-    return Step("prepare");
+    g_hooks.Resources(raw);
+    g_hooks.Resources(translated);
+    return g_hooks.Step("prepare");
 }
 
 NTSTATUS NTAPI EvtReleaseHardware(WDFDEVICE, WDFCMRESLIST translated)
 {
-    ShowResources(translated);
-    return Step("release");
+    g_hooks.Resources(translated);
+    return g_hooks.Step("release");
 }
 
 NTSTATUS NTAPI EvtD0Entry(WDFDEVICE, WDF_POWER_DEVICE_STATE previous)
 {
-    return Step(previous == WdfPowerDeviceD3Final ? "D0 entry from D3Final" : "D0 entry from D3");
+    return g_hooks.Step(previous == WdfPowerDeviceD3Final ? "D0 entry from D3Final" : "D0 entry from D3");
 }
 
 NTSTATUS NTAPI EvtD0Exit(WDFDEVICE, WDF_POWER_DEVICE_STATE target)
 {
-    return Step(target == WdfPowerDeviceD3Final ? "D0 exit to D3Final" : "D0 exit to D3");
+    return g_hooks.Step(target == WdfPowerDeviceD3Final ? "D0 exit to D3Final" : "D0 exit to D3");
 }
 
 void NTAPI EvtSurpriseRemoval(WDFDEVICE)
 {
-    (void)Step("surprise removal");
+    (void)g_hooks.Step("surprise removal");
 }
 
 void NTAPI EvtDeviceCleanup(WDFOBJECT)
 {
-    (void)Step("cleanup");
+    (void)g_hooks.Step("cleanup");
 }
 
 void NTAPI EvtWork(WDFWORKITEM item)
 {
-    if (g_hooks.Work != nullptr) {
-        g_hooks.Work(item);
-    }
+    g_hooks.Work(item);
 }
 
 void NTAPI EvtFileCreate(WDFDEVICE, WDFREQUEST request, WDFFILEOBJECT file)
 {
-    if (g_hooks.FileCreate != nullptr) {
-        g_hooks.FileCreate(request, file);
-    } else {
-        WdfRequestComplete(request, STATUS_SUCCESS);
-    }
+    g_hooks.FileCreate(request, file);
 }
 
 void NTAPI EvtFileClose(WDFFILEOBJECT file)
 {
-    if (g_hooks.FileClose != nullptr) {
-        g_hooks.FileClose(file);
-    }
+    g_hooks.FileClose(file);
 }
 
 void NTAPI EvtDeviceControl(WDFQUEUE, WDFREQUEST request, size_t outputBytes, size_t, ULONG code)
@@ -107,22 +96,18 @@ __attribute__((noinline)) NTSTATUS CreateParts()
     WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&queue, WdfIoQueueDispatchSequential);
     queue.EvtIoDeviceControl = EvtDeviceControl;
     queue.PowerManaged = WdfFalse;
-    NTSTATUS status = WdfIoQueueCreate(g_device, &queue, WDF_NO_OBJECT_ATTRIBUTES, &g_queue);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-
     WDF_WORKITEM_CONFIG work;
     WDF_WORKITEM_CONFIG_INIT(&work, EvtWork);
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
     attributes.ParentObject = g_device;
-    status = WdfWorkItemCreate(&work, &attributes, &g_workItem);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    NTSTATUS status = WdfIoQueueCreate(g_device, &queue, WDF_NO_OBJECT_ATTRIBUTES, &g_queue);
+    if (NT_SUCCESS(status)) {
+        status = WdfWorkItemCreate(&work, &attributes, &g_workItem);
     }
-
-    status = WdfDeviceCreateDeviceInterface(g_device, &kFaultyInterface, nullptr);
+    if (NT_SUCCESS(status)) {
+        status = WdfDeviceCreateDeviceInterface(g_device, &kFaultyInterface, nullptr);
+    }
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -152,9 +137,7 @@ NTSTATUS NTAPI EvtDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT init)
     power.EvtDeviceSurpriseRemoval = EvtSurpriseRemoval;
     WdfDeviceInitSetPnpPowerEventCallbacks(init, &power);
 
-    if (g_hooks.Init != nullptr) {
-        g_hooks.Init(init);
-    }
+    g_hooks.Init(init);
     WDF_FILEOBJECT_CONFIG files;
     WDF_FILEOBJECT_CONFIG_INIT(&files, EvtFileCreate, EvtFileClose, nullptr);
     WdfDeviceInitSetFileObjectConfig(init, &files, WDF_NO_OBJECT_ATTRIBUTES);

@@ -189,21 +189,19 @@ NTSTATUS NTAPI DeviceAdd(WDFDRIVER, PWDFDEVICE_INIT init)
     client.Made = ReadMistake();
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
     attributes.ParentObject = device;
-    status = WdfSpinLockCreate(&attributes, &client.SpinLock);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     WDF_TIMER_CONFIG timer;
     WDF_TIMER_CONFIG_INIT_PERIODIC(&timer, OnTimer, kTimerMs);
     timer.AutomaticSerialization = FALSE;
-    status = WdfTimerCreate(&timer, &attributes, &client.Timer);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     WDF_WORKITEM_CONFIG work;
     WDF_WORKITEM_CONFIG_INIT(&work, OnWork);
     work.AutomaticSerialization = FALSE;
-    status = WdfWorkItemCreate(&work, &attributes, &client.Work);
+    status = WdfSpinLockCreate(&attributes, &client.SpinLock);
+    if (NT_SUCCESS(status)) {
+        status = WdfTimerCreate(&timer, &attributes, &client.Timer);
+    }
+    if (NT_SUCCESS(status)) {
+        status = WdfWorkItemCreate(&work, &attributes, &client.Work);
+    }
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -11,17 +11,17 @@ PWDF_DRIVER_GLOBALS WdfDriverGlobals;
 namespace tests {
 namespace {
 
-std::vector<std::string> g_steps;
+Steps g_steps;
+
+}  // namespace
+
+std::string failingStep;
 
 NTSTATUS NTAPI RecordStep(const char* step)
 {
     g_steps.emplace_back(step);
     return step == failingStep ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
 }
-
-}  // namespace
-
-std::string failingStep;
 
 FaultyDriverFixture::FaultyDriverFixture(host::MachineOptions options)
     : machine(options), driver(machine.Boot(FAULTY_DRIVER, "faulty"))
@@ -129,7 +129,7 @@ std::string FaultyDriverFixture::Park(const std::string& name, const std::functi
     return outcome.reason;
 }
 
-std::vector<std::string> FaultyDriverFixture::TakeSteps()
+Steps FaultyDriverFixture::TakeSteps()
 {
     return std::exchange(g_steps, {});
 }

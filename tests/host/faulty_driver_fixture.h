@@ -16,13 +16,10 @@ namespace tests {
 
 using host::checks::Rule;
 using host::checks::Violation;
+using Steps = std::vector<std::string>;
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#if defined(ZEPN_SANITIZED)
 inline constexpr bool kSanitized = true;
-#else
-inline constexpr bool kSanitized = false;
-#endif
 #else
 inline constexpr bool kSanitized = false;
 #endif
@@ -42,7 +39,7 @@ public:
 
     // Surprise removal and removal; with a new device after it, which `init` may have set up.
     void EndDevice();
-    void RenewDevice(void(NTAPI* init)(PWDFDEVICE_INIT init) = nullptr);
+    void RenewDevice(void(NTAPI* init)(PWDFDEVICE_INIT init) = [](PWDFDEVICE_INIT) NTAPI {});
 
     // The same and unload.
     void TakeDown();
@@ -67,7 +64,7 @@ public:
     std::string Park(const std::string& name, const std::function<void()>& work);
 
     // What the driver's power and plug-and-play callbacks were called for since the last call.
-    std::vector<std::string> TakeSteps();
+    Steps TakeSteps();
 
     host::Machine machine;
     host::Driver& driver;
@@ -83,7 +80,8 @@ private:
 // The base of cases that need such a machine as it is.
 class FaultyDriverTest : public testing::Test, public FaultyDriverFixture {};
 
-// The driver's callbacks for plug and play fail at this step; empty: none.
+// The driver's callbacks for plug and play note their steps here, and fail at one of them; empty: at none.
+NTSTATUS NTAPI RecordStep(const char* step);
 extern std::string failingStep;
 
 [[nodiscard]] WDFSPINLOCK NewSpinLock();

@@ -29,49 +29,7 @@ struct Breach {
     const char* origin = nullptr;    // part of what is said of an earlier call
 };
 
-// Of each kind of row.
-template <class Row>
-    requires requires(const Row& row) { row.name; }
-void PrintTo(const Row& row, std::ostream* stream)
-{
-    *stream << row.name;
-}
-
 constexpr const char* kWorker = "system worker";
-
-template <class Row>
-std::string NameOf(const testing::TestParamInfo<Row>& info)
-{
-    return info.param.name;
-}
-
-class Breaches : public testing::TestWithParam<Breach> {};
-
-TEST_P(Breaches, AreReportedWithPlaceAndSubject)
-{
-    const Breach& breach = GetParam();
-    if (kSanitized && (!breach.guardPages || breach.name == std::string("FastFail"))) {
-        GTEST_SKIP() << "the sanitizer itself reports it";
-    }
-    FaultyDriverFixture fixture({.guardPages = breach.guardPages});
-    const host::Outcome outcome = fixture.machine.OnThread("peer", [&] {
-        const host::ScopedIrql level(breach.rule == Rule::kIrql ? DISPATCH_LEVEL : PASSIVE_LEVEL);
-        fixture.Call(breach.scenario != nullptr ? breach.scenario : breach.name);
-    });
-    EXPECT_TRUE(fixture.machine.RunWorkItems().parked.empty());
-
-    const Violation violation = fixture.TakeFaulty(breach.rule, breach.name, breach.count);
-    EXPECT_EQ(violation.function, breach.function);
-    EXPECT_EQ(violation.thread, breach.thread);
-    EXPECT_TRUE(Has(violation.message, breach.message));
-    if (breach.origin != nullptr) {
-        EXPECT_TRUE(std::regex_search(violation.FullText(), std::regex(breach.origin))) << violation.FullText();
-    }
-    EXPECT_EQ(outcome.parked, breach.parks) << outcome.reason;
-    if (breach.rule == Rule::kDeadlock) {
-        fixture.Abandon();  // its device waits for the work item
-    }
-}
 
 // Each name is that of the function that makes the wrong call.
 
@@ -121,7 +79,33 @@ constexpr Breach kBreaches[] = {
     {"KernelReference", Rule::kReferenceUnderflow, "ObfDereferenceObject", "more often than it was opened"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Of, Breaches, testing::ValuesIn(kBreaches), NameOf<Breach>);
+TEST(Breaches, AreReportedWithPlaceAndSubject)
+{
+    for (const Breach& breach : kBreaches) {
+        if (kSanitized && (!breach.guardPages || breach.name == std::string("FastFail"))) {
+            continue;  // the sanitizer itself reports it
+        }
+        SCOPED_TRACE(breach.name);
+        FaultyDriverFixture fixture({.guardPages = breach.guardPages});
+        const host::Outcome outcome = fixture.machine.OnThread("peer", [&] {
+            const host::ScopedIrql level(breach.rule == Rule::kIrql ? DISPATCH_LEVEL : PASSIVE_LEVEL);
+            fixture.Call(breach.scenario != nullptr ? breach.scenario : breach.name);
+        });
+        EXPECT_TRUE(fixture.machine.RunWorkItems().parked.empty());
+
+        const Violation violation = fixture.TakeFaulty(breach.rule, breach.name, breach.count);
+        EXPECT_EQ(violation.function, breach.function);
+        EXPECT_EQ(violation.thread, breach.thread);
+        EXPECT_TRUE(Has(violation.message, breach.message));
+        if (breach.origin != nullptr) {
+            EXPECT_TRUE(std::regex_search(violation.FullText(), std::regex(breach.origin))) << violation.FullText();
+        }
+        EXPECT_EQ(outcome.parked, breach.parks) << outcome.reason;
+        if (breach.rule == Rule::kDeadlock) {
+            fixture.Abandon();  // its device waits for the work item
+        }
+    }
+}
 
 struct Leftover {
     const char* name;
@@ -129,23 +113,6 @@ struct Leftover {
     const char* message;
     const char* origin;  // what is said of the call that made it, below the text
 };
-
-class Leftovers : public testing::TestWithParam<Leftover> {};
-
-TEST_P(Leftovers, AreReportedAtUnload)
-{
-    FaultyDriverFixture fixture;
-    fixture.OnThread("peer", [&] { fixture.Call(GetParam().name); });
-    ASSERT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
-
-    fixture.TakeDown();
-    const Violation violation = fixture.TakeFaulty(GetParam().rule, GetParam().name);
-    EXPECT_TRUE(Has(violation.message, GetParam().message));
-    EXPECT_TRUE(std::regex_search(violation.FullText(),
-                                  std::regex(std::string(" at unload: .*\n  ") + GetParam().origin +
-                                             " by .*faulty.so!" + GetParam().name + " \\(scenarios.cpp:[0-9]+\\)")))
-        << violation.FullText();
-}
 
 constexpr Leftover kLeftovers[] = {
     {"LeavesPool", Rule::kLeak, "40 bytes of pool with tag \"Flty\"", "allocated"},
@@ -155,33 +122,28 @@ constexpr Leftover kLeftovers[] = {
     {"LeavesTracing", Rule::kUnloadRegistration, "event provider is still registered", "registered"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Of, Leftovers, testing::ValuesIn(kLeftovers), NameOf<Leftover>);
+TEST(Leftovers, AreReportedAtUnload)
+{
+    for (const Leftover& leftover : kLeftovers) {
+        SCOPED_TRACE(leftover.name);
+        FaultyDriverFixture fixture;
+        fixture.OnThread("peer", [&] { fixture.Call(leftover.name); });
+        ASSERT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
+
+        fixture.TakeDown();
+        const Violation violation = fixture.TakeFaulty(leftover.rule, leftover.name);
+        EXPECT_TRUE(Has(violation.message, leftover.message));
+        const std::string expected = std::string(" at unload: .*\n  ") + leftover.origin + " by .*faulty.so!" +
+                                     leftover.name + " \\(scenarios.cpp:[0-9]+\\)";
+        EXPECT_TRUE(std::regex_search(violation.FullText(), std::regex(expected))) << violation.FullText();
+    }
+}
 
 struct Fault {
     const char* name;
     const char* message;
     const char* below = "";  // what follows the path
 };
-
-class MemoryFaults : public testing::TestWithParam<Fault> {};
-
-TEST_P(MemoryFaults, EndTheProcessAndNameThePlace)
-{
-    if (kSanitized) {
-        GTEST_SKIP() << "the sanitizer itself reports the access";
-    }
-    EXPECT_EXIT(
-        {
-            FaultyDriverFixture fixture;
-            fixture.machine.OnThread("peer", [&] { fixture.Call(GetParam().name); });
-        },
-        testing::ExitedWithCode(4),
-        std::string("memory fault at faulty.so!") + GetParam().name + ".*" + GetParam().message +
-            ".*peer.*by faulty.so!" + GetParam().name + " \\(scenarios.cpp:[0-9]+\\)" + GetParam().below);
-    if (!HasFailure()) {
-        NoteFaulty(Rule::kMemoryFault);
-    }
-}
 
 constexpr Fault kFaults[] = {
     {"TouchesHandle", "touching 0x"},
@@ -191,7 +153,25 @@ constexpr Fault kFaults[] = {
     {"Trap", "instruction"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Of, MemoryFaults, testing::ValuesIn(kFaults), NameOf<Fault>);
+TEST(MemoryFaults, EndTheProcessAndNameThePlace)
+{
+    if (kSanitized) {
+        GTEST_SKIP() << "the sanitizer itself reports the access";
+    }
+    for (const Fault& fault : kFaults) {
+        EXPECT_EXIT(
+            {
+                FaultyDriverFixture fixture;
+                fixture.machine.OnThread("peer", [&] { fixture.Call(fault.name); });
+            },
+            testing::ExitedWithCode(4),
+            std::string("memory fault at faulty.so!") + fault.name + ".*" + fault.message + ".*peer.*by faulty.so!" +
+                fault.name + " \\(scenarios.cpp:[0-9]+\\)" + fault.below);
+    }
+    if (!HasFailure()) {
+        NoteFaulty(Rule::kMemoryFault);
+    }
+}
 
 // It reports the access itself, and reads names and lines from the driver that was loaded.
 TEST(MemoryFaults, ASanitizersReportNamesTheDriversLine)

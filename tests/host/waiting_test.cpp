@@ -81,12 +81,7 @@ TEST(TestsOwnThread, ThatHangsFailsItsCaseAlone)
     {
         FaultyDriverFixture fixture;
         fixture.Abandon();
-        std::string text;
-        try {
-            fixture.Call("SelfWait");
-        } catch (const host::Hang& hang) {
-            text = hang.what();
-        }
+        const std::string text = Thrown([&] { fixture.Call("SelfWait"); });
         EXPECT_TRUE(std::regex_search(
             text, std::regex("thread \"main\" can never go on: it waits for wait lock #1, which it holds itself\n"
                              "self-wait: WdfWaitLockAcquire called from faulty.so!SelfWait.*\n"

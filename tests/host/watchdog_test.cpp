@@ -87,45 +87,31 @@ void WaitForAChildThatWorks()
     _exit(0);
 }
 
-TEST(Watchdogs, EndAProcessThatWorksWithoutProgressAndSayWhatItWasDoing)
+TEST(Watchdogs, EndAProcessWithoutProgressAndSayWhatItWasDoing)
 {
-    EXPECT_EXIT(EndAfter([] { Work(kWithoutEnd, DoNothing); }), testing::KilledBySignal(SIGALRM),
-                "no progress: it uses the processor for 0[.][28] s\nthe seventh sequence\n");
+    const std::pair<std::function<void()>, const char*> kRows[] = {
+        {[] { Work(kWithoutEnd, DoNothing); },
+         "no progress: it uses the processor for 0[.][28] s\nthe seventh sequence\n"},
+        {[] { Wait(kWithoutEnd, DoNothing); }, "no progress: it waits for 0[.][28] s\nthe seventh sequence\n"},
+        {[] { Work(kSeveralLimits, &Watchdog::Progress), Work(kWithoutEnd, DoNothing); }, "it uses the processor"},
+        // A child that has exited is none to wait for.
+        {[] { WaitForAChildThatWorks(), Wait(kWithoutEnd, DoNothing); }, "it waits"},
+    };
+    for (const auto& [work, words] : kRows) {
+        EXPECT_EXIT(EndAfter(work), testing::KilledBySignal(SIGALRM), words);
+    }
 }
 
-TEST(Watchdogs, EndAProcessThatWaitsForWhatNeverComesAndSayWhatItWasDoing)
+TEST(Watchdogs, LeaveAProcessThatMakesProgressOrWaitsForItsChild)
 {
-    EXPECT_EXIT(EndAfter([] { Wait(kWithoutEnd, DoNothing); }), testing::KilledBySignal(SIGALRM),
-                "no progress: it waits for 0[.][28] s\nthe seventh sequence\n");
-}
-
-TEST(Watchdogs, EndAProcessWhoseProgressStops)
-{
-    EXPECT_EXIT(EndAfter([] {
-                    Work(kSeveralLimits, &Watchdog::Progress);
-                    Work(kWithoutEnd, DoNothing);
-                }),
-                testing::KilledBySignal(SIGALRM), "it uses the processor");
-    // A child that has exited is none to wait for.
-    EXPECT_EXIT(EndAfter([] {
-                    WaitForAChildThatWorks();
-                    Wait(kWithoutEnd, DoNothing);
-                }),
-                testing::KilledBySignal(SIGALRM), "it waits");
-}
-
-TEST(Watchdogs, LeaveAProcessThatMakesProgress)
-{
-    EXPECT_EXIT(EndAfter([] { Work(kSeveralLimits, &Watchdog::Progress); }), testing::ExitedWithCode(0), "^$");
-    EXPECT_EXIT(EndAfter([] { Wait(kSeveralLimits, &Watchdog::Progress); }), testing::ExitedWithCode(0), "^$");
-    EXPECT_EXIT(EndAfter([] { Work(kSeveralLimits, [] { const CrashContext more([] { return ""; }); }); }),
-                testing::ExitedWithCode(0), "^$");
-}
-
-// However long that takes: the child has a watchdog of its own, or ends by itself.
-TEST(Watchdogs, LeaveAProcessThatWaitsForItsChild)
-{
-    EXPECT_EXIT(EndAfter(WaitForAChildThatWorks), testing::ExitedWithCode(0), "^$");
+    const std::function<void()> kRows[] = {
+        [] { Work(kSeveralLimits, &Watchdog::Progress); }, [] { Wait(kSeveralLimits, &Watchdog::Progress); },
+        [] { Work(kSeveralLimits, [] { const CrashContext more([] { return ""; }); }); },
+        WaitForAChildThatWorks,  // it has a watchdog of its own, or ends by itself
+    };
+    for (const auto& work : kRows) {
+        EXPECT_EXIT(EndAfter(work), testing::ExitedWithCode(0), "^$");
+    }
 }
 
 TEST(Watchdogs, LeaveAProcessAfterTheirDestruction)
