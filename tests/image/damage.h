@@ -150,15 +150,21 @@ struct Damage {
     std::string machine = "x64";
 };
 
+inline std::vector<Finding> FindingsOf(const Edit& edit, const std::string& machine,
+                                       image_check::ReportResources reports = image_check::ReportResources::kRequired)
+{
+    const PeReader good = PeReader::FromFile(PathOf(machine));
+    Bytes bytes = good.bytes();
+    edit(bytes, good);
+    MendChecksum(bytes);
+    return image_check::CheckStructure(PeReader(bytes), reports);
+}
+
 inline void ExpectFound(const std::vector<Damage>& rows)
 {
     for (const Damage& row : rows) {
         SCOPED_TRACE(row.machine + ": " + row.words);
-        const PeReader good = PeReader::FromFile(PathOf(row.machine));
-        Bytes bytes = good.bytes();
-        row.apply(bytes, good);
-        MendChecksum(bytes);
-        const std::vector<Finding> findings = image_check::CheckStructure(PeReader(bytes));
+        const std::vector<Finding> findings = FindingsOf(row.apply, row.machine);
         EXPECT_EQ(ChecksOf(findings), row.checks) << TextOf(findings);
         EXPECT_TRUE(Has(TextOf(findings), row.words));
     }

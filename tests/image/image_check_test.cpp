@@ -152,6 +152,12 @@ std::vector<Damage> GuardAndDebugDamage()
 class ImageCheck : public testing::TestWithParam<const char*> {
 protected:
     const PeReader good = PeReader::FromFile(PathOf(GetParam()));
+    const bool isArm = good.headers().machine == image_check::kMachineArm64;
+
+    [[nodiscard]] static std::string Disassembly()
+    {
+        return image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    }
 };
 
 INSTANTIATE_TEST_SUITE_P(Of, ImageCheck, testing::Values("arm64", "x64"),
@@ -160,8 +166,7 @@ INSTANTIATE_TEST_SUITE_P(Of, ImageCheck, testing::Values("arm64", "x64"),
 TEST_P(ImageCheck, FindsNothingWrongWithWhatShips)
 {
     EXPECT_EQ(TextOf(image_check::CheckStructure(good)), "");
-    const std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
-    EXPECT_EQ(TextOf(image_check::CheckCode(good, disassembly)), "");
+    EXPECT_EQ(TextOf(image_check::CheckCode(good, Disassembly())), "");
 }
 
 TEST(ImageCheckDamage, IsFoundByTheCheckThatIsThereForIt)
@@ -245,8 +250,7 @@ TEST_P(ImageCheck, FindsCodeThatCannotBeUnwoundAndForbiddenRegisters)
         {"jmp\t0x140001000", ""},
         {"movups\t%xmm0, (%rcx)", ""},
     };
-    const std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
-    const bool isArm = good.headers().machine == image_check::kMachineArm64;
+    const std::string disassembly = Disassembly();
     const std::uint64_t leaf = LeafAddress(good);
     for (const Row& row : isArm ? armRows : x64Rows) {
         const std::string line = image_check::Join(std::hex, leaf, ": \t", row.instruction, "\n");
@@ -258,9 +262,8 @@ TEST_P(ImageCheck, FindsCodeWhoseFramesAreNotChecked)
 {
     // A weaker form of the compiler's option still checks a few.
     constexpr std::size_t kFewestCheckedFrames = 30;
-    std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    std::string disassembly = Disassembly();
     EXPECT_GE(image_check::CountCheckedFrames(good, disassembly), kFewestCheckedFrames);
-    const bool isArm = good.headers().machine == image_check::kMachineArm64;
     const std::regex fastFail(isArm ? R"(brk\t#0xf003)" : R"(int\t\$0x29)");
     ASSERT_TRUE(std::regex_search(disassembly, fastFail));
     disassembly = std::regex_replace(disassembly, fastFail, "nop");
@@ -272,13 +275,12 @@ TEST_P(ImageCheck, SaysSoWhenCodeCannotBeHeldAgainstTheFunctionTable)
 {
     Bytes bytes = good.bytes();
     Put(bytes, Directory(3, 4)(good), {4, 0, 0, 0});
-    const std::string disassembly = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
-    EXPECT_EQ(ChecksOf(image_check::CheckCode(PeReader(bytes), disassembly)), "unwinding");
+    EXPECT_EQ(ChecksOf(image_check::CheckCode(PeReader(bytes), Disassembly())), "unwinding");
 }
 
 TEST_P(ImageCheck, DoesNotTakeABrokenOffDisassemblyForCleanCode)
 {
-    const std::string whole = image_check::Disassemble("llvm-objdump-19", PathOf(GetParam()));
+    const std::string whole = Disassembly();
     for (const std::string& part : {std::string(), whole.substr(0, whole.size() / 2)}) {
         EXPECT_EQ(ChecksOf(image_check::CheckCode(good, part)), "disassembly, stack protector");
     }

@@ -7,11 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-#include <regex>
 #include <set>
-#include <sstream>
 
 namespace tests {
 namespace {
@@ -52,39 +48,28 @@ std::set<std::string> NamesRead(const std::filesystem::path& path, bool isX64)
 }
 
 // The framework's functions that sources call. What wdf.h makes of some of them is known here.
-std::set<std::string> NamesCalled(const std::vector<const char*>& places)
+std::set<std::string> NamesCalled(const std::vector<const char*>& folders)
 {
+    std::set<std::string> called{"WdfObjectGetTypedContextWorker"};  // in what declares a context type
+    for (const char* folder : folders) {
+        for (const auto& entry :
+             std::filesystem::recursive_directory_iterator(std::filesystem::path(ZEPN_ROOT) / folder)) {
+            if (entry.path().extension() != ".cpp") {
+                continue;
+            }
+            for (std::string line : LinesOf(ReadAll(entry.path()))) {
+                line.erase(std::min(line.find("//"), line.size()));
+                for (const std::string& name : Matches(line, R"(\b(Wdf\w+)\()")) {
+                    called.insert({name, name + "Actual"});
+                }
+            }
+        }
+    }
     std::set<std::string> functions;
     for (unsigned index = 0; index < host::framework::kFunctionCount; ++index) {
         functions.insert(host::framework::EntryAt(index).name);
     }
-    std::set<std::string> called{"WdfObjectGetTypedContextWorker"};  // in what declares a context type
-    const auto addFrom = [&](const std::filesystem::path& path) {
-        std::ifstream stream(path);
-        for (std::string line; std::getline(stream, line);) {
-            line.erase(std::min(line.find("//"), line.size()));
-            static const std::regex kCall(R"(\b(Wdf\w+)\()");
-            for (std::sregex_iterator at(line.begin(), line.end(), kCall), end; at != end; ++at) {
-                for (const std::string& name : {(*at)[1].str(), (*at)[1].str() + "Actual"}) {
-                    if (functions.contains(name)) {
-                        called.insert(name);
-                    }
-                }
-            }
-        }
-    };
-    for (const char* place : places) {
-        const std::filesystem::path path = std::filesystem::path(ZEPN_ROOT) / place;
-        if (!std::filesystem::is_directory(path)) {
-            addFrom(path);
-            continue;
-        }
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(path)) {
-            if (entry.path().extension() == ".cpp") {
-                addFrom(entry.path());
-            }
-        }
-    }
+    std::erase_if(called, [&](const std::string& name) { return !functions.contains(name); });
     return called;
 }
 

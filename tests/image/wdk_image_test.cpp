@@ -32,18 +32,16 @@ TEST(WdkImage, BindsAndUsesTheKernel)
 TEST(WdkImage, OfALaterFrameworkIsRefused)
 {
     host::Machine machine({.frameworkMinor = 31});
-    EXPECT_EQ(machine.Load(ImageOf("wdk_linked"), "fan").EntryStatus(), STATUS_OBJECT_TYPE_MISMATCH);
+    const host::Driver& driver = machine.Load(ImageOf("wdk_linked"), "fan");
+    EXPECT_EQ(driver.EntryStatus(), STATUS_OBJECT_TYPE_MISMATCH);
+    EXPECT_FALSE(driver.IsLoaded());
+    EXPECT_EQ(machine.violations().Count(), 0u);
 }
 
-// What the machine says when it does not load a driver; empty when it does.
+// What the machine says when it does not load a driver.
 std::string RefusalOf(host::Machine& machine, const std::filesystem::path& driver)
 {
-    try {
-        machine.Load(driver, "fan");
-    } catch (const host::HostError& error) {
-        return error.what();
-    }
-    return {};
+    return Thrown([&] { machine.Load(driver, "fan"); });
 }
 
 // An import, and two entries of the framework's table.

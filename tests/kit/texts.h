@@ -53,6 +53,18 @@ inline std::string ReadAll(const std::filesystem::path& file)
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
+// The words of the exception that the work throws; "none" when it throws none.
+template <class Work>
+std::string Thrown(const Work& work)
+{
+    try {
+        work();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "none";
+}
+
 // How a line of the shell ended, and what it printed.
 struct Ran {
     int status;

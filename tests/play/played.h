@@ -34,12 +34,7 @@ inline std::string TimelineOf(const std::string& scenario, bool expectGood)
 
 inline std::string MistakesIn(const std::string& text)
 {
-    try {
-        (void)play::ParseScenario(text, "file.json");
-    } catch (const play::ScenarioError& error) {
-        return error.what();
-    }
-    return "none";
+    return Thrown([&] { (void)play::ParseScenario(text, "file.json"); });
 }
 
 }  // namespace tests

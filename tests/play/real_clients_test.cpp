@@ -174,14 +174,7 @@ TEST_P(RealClients, HoldTheNotifierUntilTheyCloseIt)
 
 TEST_P(RealClients, MissingImagesAndUnknownNamesAreRefused)
 {
-    const auto message = [this](const std::string& scenario) -> std::string {
-        try {
-            (void)Play(scenario, true);
-        } catch (const play::ScenarioError& error) {
-            return error.what();
-        }
-        return "none";
-    };
+    const auto message = [this](const std::string& scenario) { return Thrown([&] { (void)Play(scenario, true); }); };
     const std::string missing = message(WithReal("", "build/{container}/fan"));
     EXPECT_EQ(missing, std::string("file.json:3: clients.fan.image: build/") + GetParam().name + "/fan" +
                            (GetParam().name == std::string("native") ? ".so" : ".sys") +

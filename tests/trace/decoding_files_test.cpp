@@ -96,21 +96,17 @@ TEST(Manifest, SaysWhereAFileIsWrong)
         return ":" + std::to_string(1 + std::count(good.begin(), end, '\n')) + ": ";
     };
     const std::string event = lineOf("<event ") + "<event> ";
-    const std::string deep = [] {
+    const auto manyTimes = [](const std::string& tag) {
         std::string text;
         for (unsigned depth = 0; depth < 30000; ++depth) {
-            text += "<a>";
+            text += tag;
         }
         return text;
-    }();
-    const auto refusal = [&](const std::string& text) -> std::string {
-        std::ofstream(file, std::ios::binary) << text;
-        try {
-            const host::tracing::Manifest manifest(file);
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "none";
+    };
+    const std::string deep = manyTimes("<a>");
+    const auto refusal = [&](const std::string& text) {
+        folder.Write("wrong.man", text);
+        return Thrown([&] { const host::tracing::Manifest manifest(file); });
     };
     const std::pair<std::string, std::string> rows[] = {
         {"", ": No document element found"},
@@ -149,11 +145,7 @@ TEST(Manifest, SaysWhereAFileIsWrong)
     EXPECT_EQ(refusal(wide(good)), "none");
     EXPECT_TRUE(Has(refusal(wide(with("<event value=\"1\"", "<event"))), event + "has no"));
     // Closed as often as opened, so read whatever the depth.
-    std::string nested = "<instrumentation>" + deep;
-    for (unsigned depth = 0; depth < 30000; ++depth) {
-        nested += "</a>";
-    }
-    EXPECT_EQ(refusal(with("<instrumentation>", nested)), "none");
+    EXPECT_EQ(refusal(with("<instrumentation>", "<instrumentation>" + deep + manyTimes("</a>"))), "none");
 }
 
 // Texts that people read: what follows a description is set off from it, and no blank comes twice.
@@ -183,7 +175,6 @@ TEST(Texts, SetValuesOffFromWhatTheyFollow)
 TEST(MessageFormats, SayWhereAFileIsWrong)
 {
     const TemporaryFolder folder;
-    const auto file = folder.path / "wrong.tmf";
     const std::string head = trace_gen::GuidText(MessageSet::kMain) + " zepn // SRC=x MJ= MN=\n";
     for (const auto& [text, words] : std::map<std::string, std::string>{
              {"", "no message formats"},
@@ -195,13 +186,8 @@ TEST(MessageFormats, SayWhereAFileIsWrong)
              {head + "#typev a 10 \"x\" //\n{\na, ItemLong -- b\n}\n", ":4: expected index 10"},
              {head + "#typev a 10 \"x\" //\n{\n}\n#typev b 10 \"x\" //\n{\n}\n", ":5: expected message 10 once"},
              {head + "#typev a 10 \"x\" //\n{\n", "expected '}'"}}) {
-        std::ofstream(file) << text;
-        try {
-            const host::tracing::MessageFormats formats(file);
-            ADD_FAILURE() << "read: " << text;
-        } catch (const std::runtime_error& error) {
-            EXPECT_TRUE(Has(error.what(), words));
-        }
+        const auto file = folder.Write("wrong.tmf", text);
+        EXPECT_TRUE(Has(Thrown([&] { const host::tracing::MessageFormats formats(file); }), words)) << text;
     }
 }
 
