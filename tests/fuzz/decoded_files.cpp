@@ -42,7 +42,7 @@ std::string MutateRecords(Mutator& mutator, const std::string& original)
     }
     std::string end = records.back();
     records.pop_back();
-    mutator.MutatePieces(records, 5, [&](const std::string& record) {
+    mutator.MutatePieces<std::string>(records, 5, [&](const std::string& record) {
         std::string changed = record.substr(0, kHeadBytes) + mutator.MutateBytes(record.substr(kHeadBytes));
         const auto sizeBytes = static_cast<std::uint32_t>(changed.size());
         std::memcpy(changed.data(), &sizeBytes, sizeof(sizeBytes));
@@ -82,7 +82,7 @@ std::string MutateLines(Mutator& mutator, const std::string& original)
     for (std::string line; std::getline(stream, line);) {
         lines.push_back(line + "\n");
     }
-    mutator.MutatePieces(lines, 4, [&](const std::string& line) { return mutator.MutateBytes(line); });
+    mutator.MutatePieces<std::string>(lines, 4, [&](const std::string& line) { return mutator.MutateBytes(line); });
     std::string text;
     for (const std::string& line : lines) {
         text += line;

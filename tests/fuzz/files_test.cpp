@@ -66,15 +66,5 @@ TEST(FileFuzzer, FindsEachWayToGoWrongAndShrinksTheFile)
     }
 }
 
-TEST(FileFuzzer, ARefusalThatNamesTheFileIsNoFailure)
-{
-    fuzz::FuzzStatistics statistics;
-    EXPECT_FALSE(fuzz::FuzzFiles(
-        Reader([](char) { throw std::runtime_error(fuzz::kFileName + std::string(":1:1: no letter is known")); }),
-        {.seed = 1, .files = 100}, statistics));
-    EXPECT_EQ(statistics.accepted + statistics.refused, 100u);
-    EXPECT_GT(statistics.refused, 90u);
-}
-
 }  // namespace
 }  // namespace tests

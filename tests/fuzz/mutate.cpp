@@ -42,27 +42,6 @@ std::string Mutator::MutateBytes(std::string bytes, const std::vector<std::strin
     return bytes;
 }
 
-void Mutator::MutatePieces(std::vector<std::string>& pieces, std::size_t most,
-                           const std::function<std::string(const std::string& piece)>& change)
-{
-    for (std::size_t left = 1 + Below(most); left > 0 && !pieces.empty(); --left) {
-        const auto place = pieces.begin() + static_cast<std::ptrdiff_t>(Below(pieces.size()));
-        switch (Below(4)) {
-        case 0:
-            pieces.erase(place);
-            break;
-        case 1:
-            pieces.insert(place, std::string(*place));
-            break;
-        case 2:
-            std::swap(*place, pieces[Below(pieces.size())]);
-            break;
-        default:
-            *place = change(*place);
-        }
-    }
-}
-
 void Mutator::Edit(std::string& bytes, const std::vector<std::string>& words)
 {
     const std::size_t at = Below(bytes.size() + 1);

@@ -7,6 +7,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fuzz {
@@ -29,8 +30,27 @@ public:
     [[nodiscard]] std::string MutateBytes(std::string bytes, const std::vector<std::string>& words = {});
 
     // One to `most` of the pieces of a file lost, doubled, exchanged or changed.
-    void MutatePieces(std::vector<std::string>& pieces, std::size_t most,
-                      const std::function<std::string(const std::string& piece)>& change);
+    template <class Piece>
+    void MutatePieces(std::vector<Piece>& pieces, std::size_t most,
+                      const std::function<Piece(const Piece& piece)>& change)
+    {
+        for (std::size_t left = 1 + Below(most); left > 0 && !pieces.empty(); --left) {
+            const auto place = pieces.begin() + static_cast<std::ptrdiff_t>(Below(pieces.size()));
+            switch (Below(4)) {
+            case 0:
+                pieces.erase(place);
+                break;
+            case 1:
+                pieces.insert(place, Piece(*place));
+                break;
+            case 2:
+                std::swap(*place, pieces[Below(pieces.size())]);
+                break;
+            default:
+                *place = change(*place);
+            }
+        }
+    }
 
     // No file grows beyond this by mutation.
     static constexpr std::size_t kSizeMaximum = 1 << 20;

@@ -116,34 +116,20 @@ private:
     void MutateSteps()
     {
         Json::array_t& steps = scenario_["steps"].get_ref<Json::array_t&>();
-        const auto place = [&](std::size_t more) {
-            return steps.begin() + static_cast<std::ptrdiff_t>(mutator_.Below(steps.size() + more));
-        };
         if (steps.empty() || mutator_.OneIn(2)) {
             Json step = mutator_.OneOf(OneOf(parts_.steps).second);
             Fit("", step);
-            steps.insert(place(1), step);
+            steps.insert(steps.begin() + static_cast<std::ptrdiff_t>(mutator_.Below(steps.size() + 1)), step);
             return;
         }
-        switch (mutator_.Below(5)) {
-        case 0:
-            steps.erase(place(0));
-            return;
-        case 1:
-            std::iter_swap(place(0), place(0));
-            return;
-        case 2:
-            steps.insert(place(1), Json(*place(0)));
-            return;
-        default: {
-            // Mostly another value of a field that it has.
-            Json& step = *place(0);
+        // Mostly another value of a field that it has.
+        mutator_.MutatePieces<Json>(steps, 1, [&](Json step) {
             const auto& [name, values] = OneOf(parts_.fields);
             if (step.contains(name) || mutator_.OneIn(8)) {
                 Fit(name, step[name] = mutator_.OneOf(values));
             }
-        }
-        }
+            return step;
+        });
     }
 
     const Parts& parts_ = AllParts();
