@@ -3,15 +3,6 @@
 #include <algorithm>
 
 namespace model {
-namespace {
-
-std::string Number(std::uint64_t value)
-{
-    return std::to_string(value);
-}
-
-}  // namespace
-
 Model::Model(const Sequence& sequence, ModelBug bug) : sequence_(sequence), bug_(bug)
 {
     for (const ClientScript& script : sequence.clients) {
@@ -215,7 +206,7 @@ void Model::Broadcast()
 
 std::string Outcome::Text() const
 {
-    std::string text = "  " + tests::Hex(static_cast<std::uint32_t>(status)) + ", " + Number(workItems) +
+    std::string text = "  " + tests::Hex(static_cast<std::uint32_t>(status)) + ", " + std::to_string(workItems) +
                        " work items queued" + (hangs ? ", a thread hangs" : "") + "\n";
     for (const std::string& line : called) {
         text += "  " + line + "\n";
@@ -226,17 +217,18 @@ std::string Outcome::Text() const
 void InternalState::AddClient(unsigned who, std::uint32_t state, bool announced, bool refreshPending,
                               std::size_t subscriptions)
 {
-    clients += "  " + ClientName(who) + ": state " + Number(state) + (announced ? ", announced" : "") +
-               (refreshPending ? ", refresh pending" : "") + ", " + Number(subscriptions) + " subscriptions\n";
+    clients += "  " + ClientName(who) + ": state " + std::to_string(state) + (announced ? ", announced" : "") +
+               (refreshPending ? ", refresh pending" : "") + ", " + std::to_string(subscriptions) + " subscriptions\n";
 }
 
 std::string InternalState::Text() const
 {
-    return "  queued: " + Number(states) + " states, " + Number(commands) + " commands, " + Number(toAnnounce) +
-           " to announce, " + Number(toWithdraw) + " to withdraw; " + (attached ? "attached" : "detached") +
-           "\n  alive: " + Number(clientObjects) + " clients, " + Number(subscriptionObjects) + " subscriptions, " +
-           Number(stateObjects) + " states, " + Number(commandObjects) + " commands, " + Number(entryBytes) +
-           " bytes of entries\n" + clients;
+    return "  queued: " + std::to_string(states) + " states, " + std::to_string(commands) + " commands, " +
+           std::to_string(toAnnounce) + " to announce, " + std::to_string(toWithdraw) + " to withdraw; " +
+           (attached ? "attached" : "detached") + "\n  alive: " + std::to_string(clientObjects) + " clients, " +
+           std::to_string(subscriptionObjects) + " subscriptions, " + std::to_string(stateObjects) + " states, " +
+           std::to_string(commandObjects) + " commands, " + std::to_string(entryBytes) + " bytes of entries\n" +
+           clients;
 }
 
 }  // namespace model

@@ -229,9 +229,6 @@ TEST(Bytes, OfAnyKindAreASequence)
     const model::Sequence sequence = model::Playable(model::Decode(ones));
     EXPECT_LE(sequence.operations.size(), 65u);
     EXPECT_FALSE(model::RunInOwnProcess(sequence, ZEPN_NATIVE_DRIVER, model::kWatchdogSeconds).has_value());
-    // A seed and a number name a sequence for good.
-    EXPECT_EQ(model::RandomBytes(5, 6), model::RandomBytes(5, 6));
-    EXPECT_NE(model::RandomBytes(5, 6), model::RandomBytes(5, 7));
 }
 
 }  // namespace

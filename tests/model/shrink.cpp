@@ -61,44 +61,39 @@ private:
         }
     }
 
+    void TryWith(const std::function<void(Sequence& changed)>& change)
+    {
+        Sequence changed = sequence_;
+        change(changed);
+        (void)Try(changed);
+    }
+
     void DropAnswers()
     {
-        for (std::size_t client = 0; client < sequence_.clients.size(); ++client) {
+        for (unsigned client = 0; client < sequence_.clients.size(); ++client) {
             for (std::size_t index = sequence_.clients[client].answers.size(); index-- != 0;) {
-                Sequence changed = sequence_;
-                auto& answers = changed.clients[client].answers;
-                answers.erase(answers.begin() + static_cast<std::ptrdiff_t>(index));
-                (void)Try(changed);
+                TryWith([&](Sequence& changed) {
+                    auto& answers = changed.clients[client].answers;
+                    answers.erase(answers.begin() + static_cast<std::ptrdiff_t>(index));
+                });
             }
-            const auto change = [&](const auto& made) {
-                Sequence changed = sequence_;
-                made(changed.clients[client]);
-                (void)Try(changed);
-            };
-            change([](ClientScript& script) { script.commands.clear(); });
-            change([](ClientScript& script) { script.appsState.reset(); });
-            change([](ClientScript& script) { script.entryCount = 0; });
-            change([&](ClientScript& script) { script.name = ClientName(static_cast<unsigned>(client)); });
-            change([](ClientScript& script) { script.description = "described"; });
+            TryWith([&](Sequence& changed) { changed.clients[client].commands.clear(); });
+            TryWith([&](Sequence& changed) { changed.clients[client].appsState.reset(); });
+            TryWith([&](Sequence& changed) { changed.clients[client].entryCount = 0; });
+            TryWith([&](Sequence& changed) { changed.clients[client].name = ClientName(client); });
+            TryWith([&](Sequence& changed) { changed.clients[client].description = "described"; });
         }
         for (NTSTATUS Sequence::* answer : {&Sequence::addAnswer, &Sequence::removeAnswer, &Sequence::dumpAnswer}) {
-            Sequence changed = sequence_;
-            changed.*answer = STATUS_SUCCESS;
-            (void)Try(changed);
+            TryWith([&](Sequence& changed) { changed.*answer = STATUS_SUCCESS; });
         }
     }
 
     void SimplifyOperations()
     {
         for (std::size_t index = 0; index < sequence_.operations.size(); ++index) {
-            const auto change = [&](const auto& made) {
-                Sequence changed = sequence_;
-                made(changed.operations[index]);
-                (void)Try(changed);
-            };
-            change([](Operation& operation) { operation.value = 1; });
-            change([](Operation& operation) { operation.state = 1; });
-            change([](Operation& operation) { operation.null = {}; });
+            TryWith([&](Sequence& changed) { changed.operations[index].value = 1; });
+            TryWith([&](Sequence& changed) { changed.operations[index].state = 1; });
+            TryWith([&](Sequence& changed) { changed.operations[index].null = {}; });
         }
     }
 
