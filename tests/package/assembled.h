@@ -3,6 +3,9 @@
 
 #include "tests/kit/texts.h"
 
+#include <algorithm>
+#include <cctype>
+
 namespace tests {
 
 namespace fs = std::filesystem;
@@ -11,6 +14,12 @@ inline std::string Trimmed(std::string text)
 {
     text.erase(0, text.find_first_not_of(" \t\r\n"));
     text.erase(text.find_last_not_of(" \t\r\n") + 1);
+    return text;
+}
+
+inline std::string UpperCase(std::string text)
+{
+    std::ranges::transform(text, text.begin(), [](unsigned char letter) { return std::toupper(letter); });
     return text;
 }
 

@@ -89,12 +89,6 @@ protected:
     }
 };
 
-std::string UpperCase(std::string text)
-{
-    std::ranges::transform(text, text.begin(), [](unsigned char letter) { return std::toupper(letter); });
-    return text;
-}
-
 // The sections that an INF for these drivers must have: those that Windows looks for, and those that lines refer to.
 std::set<std::string> WantedSections(const Inf& inf)
 {

@@ -11,50 +11,21 @@
 namespace tests {
 namespace {
 
-// The outer form of a PowerShell script: quotes, comments and brackets. No more is to be had here: Debian has no parser
-// for the language.
-// What is wrong with the form, with its line; empty when nothing is. Expressions inside of quotes are looked into.
+// What is wrong with the outer form of a PowerShell script: quotes, comments and brackets; empty when nothing is. No more
+// is to be had here: Debian has no parser for the language.
 std::string FaultOfPowerShell(const std::string& text)
 {
-    constexpr std::string_view kOpening = "([{";
-    constexpr std::string_view kClosing = ")]}";
+    static const std::regex kNoCode(R"(<#[^]*?#>|#[^\n]*|'[^']*'|"(`[^]|[^"`])*"|`[^])");
     std::string open;  // what is not closed yet, the innermost last
-    std::size_t at = 0;
-    const auto line = [&] {
-        return "line " + std::to_string(1 + std::count(text.begin(), text.begin() + std::ptrdiff_t(at), '\n')) + ": ";
-    };
-    while (at < text.size()) {
-        const char letter = text[at];
-        const bool isQuoted = open.ends_with('"');
-        const bool isComment = text.compare(at, 2, "<#") == 0;
-        if (letter == '`') {
-            at += 2;
-        } else if (letter == '"') {
-            isQuoted ? open.pop_back() : open.push_back('"');
-            ++at;
-        } else if (isQuoted) {
-            const bool isExpression = text.compare(at, 2, "$(") == 0;
-            open += isExpression ? "(" : "";
-            at += isExpression ? 2 : 1;
-        } else if (isComment || letter == '\'') {
-            const std::size_t end = text.find(isComment ? "#>" : "'", at + 1);
-            if (end == std::string::npos) {
-                return line() + letter + " is not closed";
-            }
-            at = end + (isComment ? 2 : 1);
-        } else if (letter == '#') {
-            at = std::min(text.find('\n', at), text.size());
-        } else {
-            const std::size_t kind = kClosing.find(letter);
-            if (kind != std::string_view::npos && !open.ends_with(kOpening[kind])) {
-                return line() + letter + " closes nothing";
-            }
-            if (kind != std::string_view::npos) {
-                open.pop_back();
-            } else if (kOpening.find(letter) != std::string_view::npos) {
-                open.push_back(letter);
-            }
-            ++at;
+    for (const char letter : std::regex_replace(text, kNoCode, "")) {
+        const std::size_t kind = std::string_view(")]}").find(letter);
+        if (kind != std::string_view::npos && !open.ends_with("([{"[kind])) {
+            return std::string(1, letter) + " closes nothing";
+        }
+        if (kind != std::string_view::npos) {
+            open.pop_back();
+        } else if (std::string_view("([{\"'").find(letter) != std::string_view::npos) {
+            open.push_back(letter);
         }
     }
     return open.empty() ? "" : std::string(1, open.back()) + " is not closed";
@@ -63,9 +34,9 @@ std::string FaultOfPowerShell(const std::string& text)
 TEST(PowerShellForm, FindsWhatIsNotClosed)
 {
     EXPECT_EQ(FaultOfPowerShell("f '}' # {\n<# ( #> \"$(g \"x\" `\" )\" { [1] }"), "");
-    EXPECT_EQ(FaultOfPowerShell("{\n(}\n"), "line 2: } closes nothing");
+    EXPECT_EQ(FaultOfPowerShell("{\n(}\n"), "} closes nothing");
     EXPECT_EQ(FaultOfPowerShell("f \"x"), "\" is not closed");
-    EXPECT_EQ(FaultOfPowerShell("\nf 'x"), "line 2: ' is not closed");
+    EXPECT_EQ(FaultOfPowerShell("\nf 'x"), "' is not closed");
     EXPECT_EQ(FaultOfPowerShell("if (x) {"), "{ is not closed");
 }
 
@@ -116,8 +87,7 @@ TEST_F(WindowsFiles, SayTheProvidersGuidsAsTheDriverDoes)
 {
     const host::tracing::Manifest manifest(folder_ / "trace" / "zepn.man");
     const auto plain = [](const GUID& guid) {
-        std::string text = host::tracing::GuidText(guid);
-        std::ranges::transform(text, text.begin(), [](unsigned char letter) { return std::toupper(letter); });
+        const std::string text = UpperCase(host::tracing::GuidText(guid));
         return text.substr(1, text.size() - 2);
     };
     const std::string events = plain(manifest.provider());
