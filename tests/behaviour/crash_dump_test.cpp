@@ -71,10 +71,9 @@ TEST_P(CrashDump, DescriptorsAreWrittenWhereThereIsSomethingToSay)
     EXPECT_EQ(memcmp(&array[1], &untouched, sizeof(untouched)), 0);
 }
 
-// The five dump calls: name, the call with given first arguments, the values passed, the row's name in reports.
+// The five dump calls: name, the call with given first arguments, the values passed and traced.
 struct DumpCall {
     const char* function;
-    const char* callback;
     std::function<NTSTATUS(DriverFixture&, void* handle)> call;
     CrashDumpDriver::DumpCall recorded;  // first argument filled in by the test
     std::vector<std::uint32_t> traced;
@@ -83,35 +82,32 @@ struct DumpCall {
 std::uint32_t g_dumpRecord = 0xD0D0;
 std::uint32_t g_dumpData = 0xDA7A;
 
-const std::vector<DumpCall>& DumpCalls()
-{
-    constexpr ULONGLONG kWide = 0x1122334455667788;
-    static const std::vector<DumpCall> kCalls = {
-        {"Notifier_HelperStartDump", "ZepDumpStart",
-         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStartDump(h, kWide, 2); },
-         {"start", {0, kWide, 2}}, {0xD0D0}},
-        {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
-         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, &g_dumpData, kWide, 0xFFFFFFFF, 3); },
-         {"data", {0, Number(&g_dumpData), kWide, 0xFFFFFFFF, 3}}, {0xD0D0, 0xDA7A}},
-        {"Notifier_HelperAddDumpData", "ZepDumpAddDumpData",
-         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, nullptr, kWide, 2, 3); },
-         {"data", {0, 0, kWide, 2, 3}}, {0xD0D0, 0}},
-        {"Notifier_HelperStopDump", "ZepDumpStop",
-         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStopDump(h, kWide); }, {"stop", {0, kWide}}, {0xD0D0}},
-        {"Notifier_HelperDumpQueryParam", "ZepDumpQueryParam",
-         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperDumpQueryParam(h, 0x80000001, kWide, 3); },
-         {"query", {0, 0x80000001, kWide, 3}}, {0xD0D0}},
-        {"Notifier_HelperDumpAddTriageData", "ZepDumpAddTriageData",
-         [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperDumpAddTriageData(h, kWide, 0xFFFFFFFE); },
-         {"triage", {0, kWide, 0xFFFFFFFE}}, {0xD0D0, 0xFFFFFFFE}},
-    };
-    return kCalls;
-}
+constexpr ULONGLONG kWide = 0x1122334455667788;
+
+const DumpCall kDumpCalls[] = {
+    {"Notifier_HelperStartDump",
+     [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStartDump(h, kWide, 2); },
+     {"start", {0, kWide, 2}}, {0xD0D0}},
+    {"Notifier_HelperAddDumpData",
+     [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, &g_dumpData, kWide, 0xFFFFFFFF, 3); },
+     {"data", {0, Number(&g_dumpData), kWide, 0xFFFFFFFF, 3}}, {0xD0D0, 0xDA7A}},
+    {"Notifier_HelperAddDumpData",
+     [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperAddDumpData(h, nullptr, kWide, 2, 3); },
+     {"data", {0, 0, kWide, 2, 3}}, {0xD0D0, 0}},
+    {"Notifier_HelperStopDump",
+     [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperStopDump(h, kWide); }, {"stop", {0, kWide}}, {0xD0D0}},
+    {"Notifier_HelperDumpQueryParam",
+     [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperDumpQueryParam(h, 0x80000001, kWide, 3); },
+     {"query", {0, 0x80000001, kWide, 3}}, {0xD0D0}},
+    {"Notifier_HelperDumpAddTriageData",
+     [](DriverFixture& w, void* h) { return w.helper.Notifier_HelperDumpAddTriageData(h, kWide, 0xFFFFFFFE); },
+     {"triage", {0, kWide, 0xFFFFFFFE}}, {0xD0D0, 0xFFFFFFFE}},
+};
 
 TEST_P(CrashDump, DumpCallsPassThroughUnchangedAtAnyLevel)
 {
     ASSERT_EQ(Attach(), STATUS_SUCCESS);
-    for (const DumpCall& dump : DumpCalls()) {
+    for (const DumpCall& dump : kDumpCalls) {
         SCOPED_TRACE(dump.function);
         crashDump.calls.clear();
         (void)TakeRecords();

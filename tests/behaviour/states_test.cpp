@@ -63,11 +63,9 @@ TEST_P(Hangs, OnTheTestsOwnThreadFailTheirCaseAlone)
     for (const bool again : {false, true}) {
         SCOPED_TRACE(again);
         DriverFixture fixture(GetParam(), {.records = false});
-        Peer poster(1);
-        ASSERT_EQ(fixture.Register(poster), STATUS_SUCCESS);
+        Peer& poster = fixture.Join(1);
+        Peer& subscriber = fixture.Join(2);
         ASSERT_EQ(fixture.Post(poster, 4), STATUS_SUCCESS);
-        Peer subscriber(2);
-        ASSERT_EQ(fixture.Register(subscriber), STATUS_SUCCESS);
         subscriber.onState = [&](const ZepState&, ULONG&) { (void)fixture.Post(subscriber, 1); };
         EXPECT_THROW((void)fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), host::Hang);
         EXPECT_EQ(fixture.machine.violations().Take(host::checks::Rule::kSelfWait).size(), 1u);
