@@ -1,6 +1,7 @@
 #include "tests/kit/callback_lines.h"
 
 #include <cstdio>
+#include <map>
 
 namespace tests {
 namespace {
@@ -65,19 +66,13 @@ std::string Withdrawal(const std::string& client, const std::string& name, const
 
 std::string Dump(Kind kind, unsigned client)
 {
-    const std::string record = " " + Hex(0xD0D00000u + client);
-    switch (kind) {
-    case Kind::kStartDump:
-        return "start" + record + " 4096 8192";
-    case Kind::kAddDumpData:
-        return "data" + record + " 55930 2147483648 4096 1";
-    case Kind::kQueryDump:
-        return "query" + record + " 7 11 12";
-    case Kind::kAddTriageData:
-        return "triage" + record + " 2415919104 256";
-    default:
-        return "stop" + record + " 13";
-    }
+    static const std::map<Kind, std::pair<const char*, const char*>> kCalls = {
+        {Kind::kStartDump, {"start ", " 4096 8192"}},
+        {Kind::kAddDumpData, {"data ", " 55930 2147483648 4096 1"}},
+        {Kind::kQueryDump, {"query ", " 7 11 12"}},
+        {Kind::kAddTriageData, {"triage ", " 2415919104 256"}},
+        {Kind::kStopDump, {"stop ", " 13"}}};
+    return kCalls.at(kind).first + Hex(0xD0D00000u + client) + kCalls.at(kind).second;
 }
 
 std::string FromTable(unsigned table, const std::string& line)

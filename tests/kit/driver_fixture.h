@@ -34,6 +34,11 @@ inline void PrintTo(const Container& container, std::ostream* out)
 {
     *out << container.name;
 }
+// The sample that belongs to a Notifier's image: zepn_client.sys beside zepn.sys, zepn_client.so beside zepn.so.
+[[nodiscard]] inline std::filesystem::path SampleImage(const std::filesystem::path& notifier, const std::string& sample)
+{
+    return notifier.parent_path() / (sample + notifier.extension().string());
+}
 // The native driver, and the image of this machine.
 [[nodiscard]] std::vector<Container> Containers();
 

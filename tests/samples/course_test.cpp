@@ -1,6 +1,5 @@
 // The course for client drivers: the samples pass it, and a client's mistakes are found.
 #include "tests/faulty_drivers/faulty_client.h"
-#include "tests/samples/sample_image.h"
 #include "tests/kit/driver_fixture.h"
 #include "tools/test_client/possible_faults.h"
 #include "tools/test_client/report.h"

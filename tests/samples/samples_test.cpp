@@ -2,7 +2,6 @@
 #include "host/machine.h"
 #include "tests/kit/driver_fixture.h"
 #include "tests/play/played.h"
-#include "tests/samples/sample_image.h"
 #include "tools/image_check/checks.h"
 
 #include <algorithm>
