@@ -6,9 +6,9 @@ namespace tests {
 namespace {
 
 constexpr const char* kHeader = "driver/include/zepn_notifier.h";
-constexpr const char* kLanguages[] = {"-x c -std=c11", "-x c++ -std=c++14", "-x c++ -std=c++20"};
-constexpr const char* kTargets[] = {"--target=x86_64-pc-windows-msvc", "--target=aarch64-pc-windows-msvc",
-                                    "-fshort-wchar -fsigned-char"};
+const std::string kLanguages[] = {"-x c -std=c11 ", "-x c++ -std=c++14 ", "-x c++ -std=c++20 "};
+const std::string kTargets[] = {"--target=x86_64-pc-windows-msvc", "--target=aarch64-pc-windows-msvc",
+                                "-fshort-wchar -fsigned-char"};
 
 // The compiler's messages for a source file that stands where the header does; empty when there are none.
 std::string Compile(const std::string& text, const std::string& options)
@@ -26,12 +26,10 @@ TEST(Header, CompilesAloneInCAndCppForEveryTarget)
     const std::string include = std::string("#include \"") + kHeader + "\"\n";
     const std::string use = "const GUID* Table(void);\n"
                             "const GUID* Table(void) { return &GUID_ZEP_NOTIFIER_HELPER_INTERFACE; }\n";
-    for (const char* language : kLanguages) {
-        for (const char* target : kTargets) {
-            SCOPED_TRACE(std::string(language) + " " + target);
-            const std::string options = std::string(language) + " " + target;
-            EXPECT_EQ(Compile(include + use, options), "");
-            EXPECT_EQ(Compile("#include <initguid.h>\n" + include + use, options), "");
+    for (const std::string& language : kLanguages) {
+        for (const std::string& target : kTargets) {
+            EXPECT_EQ(Compile(include + use, language + target), "") << language << target;
+            EXPECT_EQ(Compile("#include <initguid.h>\n" + include + use, language + target), "") << language << target;
         }
     }
 }
@@ -51,11 +49,10 @@ TEST(KernelInlines, CompileInCAndCppForEveryTarget)
                             "    (void)InterlockedExchangePointer(slot, NULL);\n"
                             "    return name.Length + InterlockedIncrement(count);\n"
                             "}\n";
-    for (const char* language : {kLanguages[0], kLanguages[2]}) {
-        for (const char* target : kTargets) {
-            for (const char* build : {"-DDBG=0", "-DDBG=1"}) {
-                SCOPED_TRACE(std::string(language) + " " + target + " " + build);
-                EXPECT_EQ(Compile(use, std::string(language) + " " + target + " " + build), "");
+    for (const std::string& language : {kLanguages[0], kLanguages[2]}) {
+        for (const std::string& target : kTargets) {
+            for (const char* build : {" -DDBG=0", " -DDBG=1"}) {
+                EXPECT_EQ(Compile(use, language + target + build), "") << language << target << build;
             }
         }
     }
@@ -93,9 +90,9 @@ TEST(Header, IsRefusedByTheCompilerWhenMembersOfARecordAreExchanged)
 {
     const std::vector<std::string> headers = WithMembersExchanged();
     EXPECT_GT(headers.size(), 40u);
-    for (const char* language : {kLanguages[0], kLanguages[1]}) {
+    for (const std::string& language : {kLanguages[0], kLanguages[1]}) {
         for (const std::string& header : headers) {
-            EXPECT_TRUE(Has(Compile(header, std::string(language) + " " + kTargets[0]), "static assertion failed"));
+            EXPECT_TRUE(Has(Compile(header, language + kTargets[0]), "static assertion failed"));
         }
     }
 }

@@ -180,9 +180,7 @@ TEST(Pages, ReportsPageIsTheGeneratedOne)
     EXPECT_EQ(ReadAll(kRoot / "docs/reports.md"), ReadAll(kRoot / "out/pages/reports.md"))
         << "copy out/pages/reports.md to docs/";
     const std::string list = ReadAll(kRoot / "driver/trace/reports.def");
-    static const std::regex kReport(R"(\nREPORT\()");
-    const std::string count =
-        std::to_string(std::distance(std::sregex_iterator(list.begin(), list.end(), kReport), std::sregex_iterator()));
+    const std::string count = std::to_string(CountMatches(list, R"(\nREPORT\()"));
     EXPECT_NE(ReadAll(kRoot / "README.md").find("| " + count + " of " + count + ", both images |"), std::string::npos)
         << "the README counts other reporting sites";
 }

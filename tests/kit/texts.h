@@ -36,6 +36,14 @@ inline std::set<std::string> Matches(const std::string& text, const std::string&
     return found;
 }
 
+// At how many places it matches.
+inline std::size_t CountMatches(const std::string& text, const std::string& expression)
+{
+    const std::regex regex(expression);
+    return static_cast<std::size_t>(
+        std::distance(std::sregex_iterator(text.begin(), text.end(), regex), std::sregex_iterator()));
+}
+
 inline std::vector<std::string> LinesOf(const std::string& text)
 {
     std::vector<std::string> lines;

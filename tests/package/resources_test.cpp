@@ -62,8 +62,7 @@ struct View {
     }
     [[nodiscard]] std::string Tag(std::size_t at) const
     {
-        return {static_cast<char>(bytes.at(at)), static_cast<char>(bytes.at(at + 1)),
-                static_cast<char>(bytes.at(at + 2)), static_cast<char>(bytes.at(at + 3))};
+        return {reinterpret_cast<const char*>(&bytes.at(at)), reinterpret_cast<const char*>(&bytes.at(at + 3)) + 1};
     }
 };
 

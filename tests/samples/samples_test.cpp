@@ -5,24 +5,16 @@
 #include "tools/image_check/checks.h"
 
 #include <algorithm>
-#include <regex>
 #include <sstream>
 
 namespace {
 
 using tests::Container;
+using tests::CountMatches;
 using tests::OnContainer;
 using tests::SampleImage;
 
 class Samples : public OnContainer {};
-
-// How often a line was printed.
-std::size_t Lines(const std::string& text, const std::string& pattern)
-{
-    const std::regex line(pattern);
-    return static_cast<std::size_t>(
-        std::distance(std::sregex_iterator(text.begin(), text.end(), line), std::sregex_iterator()));
-}
 
 void End(host::Driver& driver)
 {
@@ -44,18 +36,19 @@ TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
         tests::PlayWith({.image = GetParam().image}, play::ReadScenario(ZEPN_ROOT "/scenarios/samples.json"));
     EXPECT_TRUE(isGood) << text;
     // Registered three times each (arrival, refused removal, return), each time deregistered before the Notifier's own end.
-    EXPECT_EQ(Lines(text, "client 1 +registers: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "client 2 +registers: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "client [12] +deregisters: 0x00000000"), 6u);
-    EXPECT_EQ(Lines(text, "crash dump +attaches: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "crash dump +detaches: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "finds \"client 1\""), 2u);  // when it came, and after the refusal
-    EXPECT_EQ(Lines(text, "\"client 2\" was removed"), 1u);
-    EXPECT_EQ(Lines(text, "client 2 +gets command 1"), 3u);
-    EXPECT_EQ(Lines(text, "crash dump +dump 2 (starts|stops)"), 6u);
-    EXPECT_EQ(Lines(text, "client 2 +has recorded a dump: 0x00000000"), 3u);
-    EXPECT_EQ(Lines(text, "client [12] +posts state 4: 0x00000000"), 2u);  // posted: an answer might outlive them
-    EXPECT_EQ(Lines(text, "is notified: client [12] is in state 4"), 2u);
+    EXPECT_EQ(CountMatches(text, "client 1 +registers: 0x00000000"), 3u);
+    EXPECT_EQ(CountMatches(text, "client 2 +registers: 0x00000000"), 3u);
+    EXPECT_EQ(CountMatches(text, "client [12] +deregisters: 0x00000000"), 6u);
+    EXPECT_EQ(CountMatches(text, "crash dump +attaches: 0x00000000"), 3u);
+    EXPECT_EQ(CountMatches(text, "crash dump +detaches: 0x00000000"), 3u);
+    EXPECT_EQ(CountMatches(text, "finds \"client 1\""), 2u);  // when it came, and after the refusal
+    EXPECT_EQ(CountMatches(text, "\"client 2\" was removed"), 1u);
+    EXPECT_EQ(CountMatches(text, "client 2 +gets command 1"), 3u);
+    EXPECT_EQ(CountMatches(text, "crash dump +dump 2 (starts|stops)"), 6u);
+    EXPECT_EQ(CountMatches(text, "client 2 +has recorded a dump: 0x00000000"), 3u);
+    EXPECT_EQ(CountMatches(text, "client [12] +posts state 4: 0x00000000"),
+              2u);  // posted: an answer might outlive them
+    EXPECT_EQ(CountMatches(text, "is notified: client [12] is in state 4"), 2u);
 }
 
 // A peer's device is removed while its arrival notification or its work is still queued: nothing may run afterwards.
@@ -188,7 +181,7 @@ TEST_P(Samples, ProbeAnswersAsWritten)
 
     const std::string answers = ProbeAnswers(machine);
     EXPECT_EQ(answers, tests::ReadAll(ZEPN_ROOT "/samples/probe/answers.txt"));
-    EXPECT_EQ(machine.tracing().Events().size(), Lines(answers, "REG_DWORD"));
+    EXPECT_EQ(machine.tracing().Events().size(), CountMatches(answers, "REG_DWORD"));
     ExpectNoViolation(machine);
 }
 
