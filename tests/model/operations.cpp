@@ -63,7 +63,7 @@ ClientScript DecodeClientScript(Bytes& bytes, unsigned self)
     script.answers = DecodeAnswers(bytes, self);
     script.takesCommands = bytes.Below(4) != 0;
     for (std::uint32_t id = 1; script.takesCommands && id <= 2; ++id) {
-        script.commands.emplace_back(id, bytes.State());
+        script.commands.emplace(id, bytes.State());
     }
     const unsigned apps = bytes.Below(4);
     script.wantsAppsState = apps != 0;
@@ -184,12 +184,8 @@ std::optional<std::uint32_t> Script::OnState(unsigned from, std::uint32_t state)
 
 std::optional<std::uint32_t> Script::OnCommand(std::uint32_t id) const
 {
-    for (const auto& [known, answer] : script_->commands) {
-        if (known == id) {
-            return answer;
-        }
-    }
-    return std::nullopt;
+    const auto found = script_->commands.find(id);
+    return found == script_->commands.end() ? std::nullopt : std::optional(found->second);
 }
 
 }  // namespace model

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -33,7 +34,7 @@ struct ClientScript {
     std::uint32_t entryCount = 0;
     std::vector<Answer> answers;
     bool takesCommands = false;
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> commands;  // id, the state taken in answer; no id twice
+    std::map<std::uint32_t, std::uint32_t> commands;  // by id: the state taken in answer
     bool wantsAppsState = false;
     std::optional<std::uint32_t> appsState;  // state wanted in answer
 };
