@@ -24,7 +24,18 @@ function(zepn_unite target)
 endfunction()
 
 # A precompiled header is part of what ccache looks up, so it must not carry the time of its making.
+#
+# zepn_precompile(target [more headers]): these, and what most of our sources include.
 function(zepn_precompile target)
-    target_precompile_headers(${target} PRIVATE ${ARGN})
+    target_precompile_headers(${target} PRIVATE <algorithm> <array> <filesystem> <fstream> <functional> <map> <memory>
+        <mutex> <optional> <set> <sstream> <string> <thread> <vector> ${ARGN}
+        "${CMAKE_SOURCE_DIR}/host/machine.h" "${CMAKE_SOURCE_DIR}/host/tracing/decode.h")
+    target_compile_options(${target} PRIVATE "SHELL:-Xclang -fno-pch-timestamp")
+endfunction()
+
+# zepn_precompiled(target other): the headers precompiled for another target, which is optimised as this one or, like
+# this one, not at all.
+function(zepn_precompiled target other)
+    target_precompile_headers(${target} REUSE_FROM ${other})
     target_compile_options(${target} PRIVATE "SHELL:-Xclang -fno-pch-timestamp")
 endfunction()

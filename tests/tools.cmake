@@ -8,12 +8,14 @@ add_library(kit STATIC kit/callback_lines.cpp kit/crash_dump_driver.cpp kit/driv
 target_link_libraries(kit PUBLIC host PRIVATE nlohmann_json::nlohmann_json)
 zepn_unite(kit)
 target_compile_options(kit PRIVATE ${ZEPN_WITHOUT_UNDEFINED})
+zepn_precompiled(kit host)
 
 file(GLOB model_sources CONFIGURE_DEPENDS model/*.cpp)
 list(FILTER model_sources EXCLUDE REGEX "model/(main|libfuzzer|.*_test).cpp")
 add_library(model STATIC ${model_sources})
 zepn_unite(model)
-target_compile_options(model PRIVATE ${ZEPN_WITHOUT_UNDEFINED})
+target_compile_options(model PRIVATE ${ZEPN_RUNS_ONCE} ${ZEPN_WITHOUT_UNDEFINED})
+zepn_precompiled(model command_line)
 target_link_libraries(model PUBLIC kit PRIVATE nlohmann_json::nlohmann_json)
 zepn_add_program(zepn-fuzz model/main.cpp model)
 target_compile_definitions(zepn-fuzz PRIVATE
@@ -24,6 +26,7 @@ list(FILTER file_fuzzing_sources EXCLUDE REGEX "fuzz/(main|.*_test).cpp")
 add_library(file_fuzzing STATIC ${file_fuzzing_sources})
 zepn_unite(file_fuzzing)
 target_compile_options(file_fuzzing PRIVATE ${ZEPN_RUNS_ONCE} ${ZEPN_WITHOUT_UNDEFINED})
+zepn_precompiled(file_fuzzing command_line)
 target_link_libraries(file_fuzzing PUBLIC model play image_check)
 target_compile_definitions(file_fuzzing PRIVATE
     ZEPN_ROOT="${CMAKE_SOURCE_DIR}" ZEPN_NATIVE_DRIVER="$<TARGET_FILE:zepn_native>")
@@ -42,6 +45,7 @@ file(GLOB mutation_sources CONFIGURE_DEPENDS mutation/*.cpp)
 list(FILTER mutation_sources EXCLUDE REGEX "mutation/(main|.*_test).cpp")
 add_library(mutation STATIC ${mutation_sources})
 zepn_unite(mutation)
+zepn_precompiled(mutation host)
 target_link_libraries(mutation PRIVATE nlohmann_json::nlohmann_json)
 zepn_add_program(zepn-mutants mutation/main.cpp mutation)
 target_compile_definitions(zepn-mutants PRIVATE
@@ -53,5 +57,6 @@ target_link_libraries(zepn-coverage PRIVATE nlohmann_json::nlohmann_json)
 target_compile_options(zepn-coverage PRIVATE ${ZEPN_RUNS_ONCE})
 
 # It holds the interfaces' identifiers, so it includes what makes them before all else.
-set_source_files_properties(kit/driver_harness.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+set_source_files_properties(kit/driver_harness.cpp PROPERTIES
+    SKIP_UNITY_BUILD_INCLUSION ON SKIP_PRECOMPILE_HEADERS ON)
 unset(CMAKE_RUNTIME_OUTPUT_DIRECTORY)
