@@ -221,8 +221,8 @@ TEST(FaultThatEndsTheProcess, IsReportedWithItsOperationAndCall)
                     }};
     std::set<Site> sites;
     EXPECT_DEATH(Comparison(tests::Containers().front(), plan, sites),
-                 "fault injection on native: WdfDeviceCreate call 0, error status; "
-                 "operation 5 .client1 post, state 3., platform call [0-9]+");
+                 R"(fault injection on native: WdfDeviceCreate call 0, error status; )"
+                 R"(operation 5 \(\{"do":"post","client":"client1","state":3\}\), platform call [0-9]+)");
 }
 
 }  // namespace
