@@ -256,11 +256,12 @@ WaitLockObject* WaitLockAtOnce(const Slot* slot)
         ThreadState& thread = *ThreadState::Known();
         for (unsigned look = 0; look < kLooks; ++look) {
             const std::uint64_t holder = slot->owner.load(std::memory_order_relaxed);
-            if (holder == thread.id) {
-                break;
-            }
             if (holder == 0 && AcquireAtOnce(thread, handle, slot, timeout, HOST_CALLER)) {
                 return STATUS_SUCCESS;
+            }
+            // Free, but not to be had at once; or this thread's own: looking again changes nothing.
+            if (holder == 0 || holder == thread.id) {
+                break;
             }
             SpinHint();
         }
