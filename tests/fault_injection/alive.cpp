@@ -52,10 +52,12 @@ std::string ObjectAlive::Text() const
     return text;
 }
 
-bool Alive::AreEqual(Alive one, Alive other)
+bool Alive::AreEqual(Alive& one, Alive& other)
 {
-    std::ranges::sort(one.objects);
-    std::ranges::sort(other.objects);
+    if (one.objects != other.objects) {
+        std::ranges::sort(one.objects);
+        std::ranges::sort(other.objects);
+    }
     return one.objects == other.objects && one.collections == other.collections && one.counts == other.counts &&
            one.heldLocks == other.heldLocks && one.queuedItems == other.queuedItems;
 }

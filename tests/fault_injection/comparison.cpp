@@ -102,7 +102,8 @@ Lines TracingLeftovers(const Fault& fault, unsigned struckCount)
 }  // namespace
 
 Comparison::Comparison(const tests::Container& container, const Plan& plan, std::set<Site>& sites)
-    : plan_(plan), sequence_(plan.sequence), reference_(plan.isInTracing ? std::nullopt : plan.fault)
+    : plan_(plan), sequence_(plan.sequence),
+      reference_(plan.isInTracing ? std::nullopt : plan.fault, plan.fault ? nullptr : &calls)
 {
     const host::checks::CrashContext words([this, &container] {
         return std::string("fault injection on ") + container.name + ": " + plan_.Text() + "; " + Where() +
@@ -131,9 +132,6 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
     CompareRecords();
     if (difference.empty() && plan.fault && !HasStruck()) {
         difference = "  the fault was never reached";
-    }
-    if (!plan_.fault) {
-        calls = reference_.calls();
     }
     callCount = observed_->calls();
     if (difference.empty() && struckAtEnd_ && reference_.Allows(Kind::kLoad)) {
@@ -269,8 +267,8 @@ Step Comparison::Run(const Operation& operation)
         difference += expected.ends ? "\n    it should hang" : "\n    it hangs";
     }
     if (!plan_.fault || reloaded_ || HasStruck()) {
-        const Alive expectedAlive = reference_.Alive();
-        const Alive observedAlive = observed_->Alive();
+        Alive expectedAlive = reference_.Alive();
+        Alive observedAlive = observed_->Alive();
         if (!Alive::AreEqual(expectedAlive, observedAlive)) {
             Compare("alive", expectedAlive.Text(), observedAlive.Text(), difference);
         }

@@ -231,13 +231,13 @@ Step ObservedRun::Run(const Operation& operation, bool readsReports)
     if (allDelays.size() > delays && allDelays.back() != -10000LL * kTimeoutMs) {
         harness_.called.push_back("waited " + std::to_string(allDelays.back()));
     }
-    step_.callbacks = harness_.called;
+    step_.callbacks = std::move(harness_.called);
     step_.status = status ? Hex(static_cast<std::uint32_t>(*status)) : "";
     for (const auto& violation : machine().violations().Take()) {
         step_.violations.emplace_back(Name(violation.rule));
         step_.ends |= violation.rule == host::checks::Rule::kLockKept;
     }
-    return step_;
+    return std::move(step_);
 }
 
 std::optional<NTSTATUS> ObservedRun::Do(const Operation& operation)

@@ -18,6 +18,7 @@ ReferenceModel ReferenceModel::With(std::optional<Fault> fault) const
 {
     ReferenceModel model = *this;
     model.fault_ = std::move(fault);
+    model.calls_ = nullptr;
     std::map<const ModelObject*, Ref> copies;
     const std::function<void(Ref&)> copy = [&](Ref& object) {
         if (object == nullptr) {
@@ -81,7 +82,7 @@ Step ReferenceModel::Run(const Operation& operation)
                                        Kind::kClose,           Kind::kSleep,  Kind::kWake};
     const bool hasStatus = std::ranges::find(kWithoutStatus, operation.kind) == std::end(kWithoutStatus);
     step_.status = hasStatus ? Hex(static_cast<std::uint32_t>(status)) : "";
-    return step_;
+    return std::move(step_);
 }
 
 void ReferenceModel::Do(const Operation& operation)

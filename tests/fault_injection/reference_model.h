@@ -13,6 +13,7 @@
 #include "tests/kit/contexts.h"
 
 #include <memory>
+#include <span>
 
 namespace fault_injection {
 
@@ -32,8 +33,12 @@ struct ModelObject : ObjectRecord {
 };
 
 // The forms of calls that make something: where the caller tests NT_SUCCESS, and where it takes exactly STATUS_SUCCESS.
-inline const std::vector<FaultKind> kMaking = {FaultKind::kError, FaultKind::kInforms};
-inline const std::vector<FaultKind> kExact = {FaultKind::kError, FaultKind::kRefuses};
+inline constexpr FaultKind kMaking[] = {FaultKind::kError, FaultKind::kInforms};
+inline constexpr FaultKind kExact[] = {FaultKind::kError, FaultKind::kRefuses};
+// Of those that only go on or do not, and those that give something or nothing.
+inline constexpr FaultKind kFailing[] = {FaultKind::kError};
+inline constexpr FaultKind kGiving[] = {FaultKind::kNull};
+using Forms = std::span<const FaultKind>;
 
 // A state as it is posted.
 struct StateRecord {
@@ -50,9 +55,13 @@ struct Ended {
 
 class ReferenceModel {
 public:
-    explicit ReferenceModel(std::optional<Fault> fault) : fault_(std::move(fault)) {}
+    // Adds each fallible call to `calls`, unless that is null.
+    explicit ReferenceModel(std::optional<Fault> fault, std::vector<Call>* calls = nullptr)
+        : fault_(std::move(fault)), calls_(calls)
+    {
+    }
 
-    // As it is now, but with another fault.
+    // As it is now, but with another fault, and adding to no calls.
     [[nodiscard]] ReferenceModel With(std::optional<Fault> fault) const;
     // How often a platform function has been called.
     [[nodiscard]] unsigned CallsOf(std::string_view function) const;
@@ -63,8 +72,6 @@ public:
     Step Run(const Operation& operation);
     [[nodiscard]] fault_injection::Alive Alive() const;
 
-    // All fallible calls so far, in order; of a sequence without a fault.
-    [[nodiscard]] const std::vector<Call>& calls() const { return calls_; }
     [[nodiscard]] unsigned struck() const { return struck_; }
 
 private:
@@ -107,11 +114,11 @@ private:
     };
 
     // ---- Calls that can fail ----
-    bool Strikes(const char* function, const std::string& detail, std::vector<FaultKind> forms);
-    NTSTATUS Status(const char* function, std::vector<FaultKind> forms = {FaultKind::kError});
-    bool Gives(const char* function, const std::string& detail = {});
-    bool HasContext(const std::string& type) { return Gives("WdfObjectGetTypedContextWorker", type); }
-    NTSTATUS Add(const Ref& collection, const Ref& object, std::vector<FaultKind> forms = kMaking);
+    bool Strikes(const char* function, std::string_view detail, Forms forms);
+    NTSTATUS Status(const char* function, Forms forms = kFailing);
+    bool Gives(const char* function, std::string_view detail = {});
+    bool HasContext(std::string_view type) { return Gives("WdfObjectGetTypedContextWorker", type); }
+    NTSTATUS Add(const Ref& collection, const Ref& object, Forms forms = kMaking);
     NTSTATUS Acquire(const char* lock);
     void Release(const char* lock);
     Ref Item(const Ref& collection, std::size_t index);
@@ -136,8 +143,7 @@ private:
     Ref Create(const char* type, const ObjectRecord& object, const Ref& parent, const std::string& noObject,
                const std::string& noContext);
     // Judged by exactly STATUS_SUCCESS where the forms are kExact.
-    void Append(const Ref& collection, const Ref& object, const std::string& line,
-                const std::vector<FaultKind>& forms = kMaking);
+    void Append(const Ref& collection, const Ref& object, const std::string& line, Forms forms = kMaking);
     // The item and its context; null when one of them is missing, which is reported.
     Ref At(const Ref& collection, std::size_t index, const std::string& noItem, const std::string& noContext);
     Ref ClientAt(std::size_t index, const std::string& in, const char* words = "Client context",
@@ -208,7 +214,7 @@ private:
 
     std::optional<Fault> fault_;
     std::map<std::string, unsigned, std::less<>> counts_;
-    std::vector<Call> calls_;
+    std::vector<Call>* calls_;
     unsigned struck_ = 0;
     Step step_;
 

@@ -151,8 +151,8 @@ void ReferenceModel::Unload()
 
 void ReferenceModel::Open()
 {
-    const bool strikes =
-        Strikes("WdfObjectAllocateContext", "", {FaultKind::kError, FaultKind::kInforms, FaultKind::kNullOutput});
+    constexpr FaultKind kAllocating[] = {FaultKind::kError, FaultKind::kInforms, FaultKind::kNullOutput};
+    const bool strikes = Strikes("WdfObjectAllocateContext", "", kAllocating);
     NTSTATUS status = STATUS_SUCCESS;
     if (strikes && fault_->form == FaultKind::kNullOutput) {
         Fail("9 NotifierEvtDeviceFileCreate: Received context pointer NULL from WdfObjectAllocateContext, "

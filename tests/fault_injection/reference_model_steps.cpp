@@ -7,15 +7,18 @@ namespace fault_injection {
 
 // ---- Calls that can fail ----
 
-bool ReferenceModel::Strikes(const char* function, const std::string& detail, std::vector<FaultKind> forms)
+bool ReferenceModel::Strikes(const char* function, std::string_view detail, Forms forms)
 {
     const auto found = counts_.find(std::string_view(function));
     const unsigned number = found == counts_.end() ? counts_.emplace(function, 1).first->second - 1 : found->second++;
-    if (!fault_) {
-        calls_.push_back({function, detail, std::move(forms)});
+    if (calls_ != nullptr) {
+        calls_->push_back({function, std::string(detail), {forms.begin(), forms.end()}});
     }
     if (std::string_view(function) != "WdfGetDriver") {
-        step_.calls.push_back(std::string(function) + (detail.empty() ? "" : " " + detail));
+        std::string& call = step_.calls.emplace_back(function);
+        if (!detail.empty()) {
+            call.append(" ").append(detail);
+        }
     }
     const bool strikes = fault_ && fault_->function == function &&
                          (number == fault_->index || (fault_->persistent && number > fault_->index));
@@ -23,20 +26,20 @@ bool ReferenceModel::Strikes(const char* function, const std::string& detail, st
     return strikes;
 }
 
-NTSTATUS ReferenceModel::Status(const char* function, std::vector<FaultKind> forms)
+NTSTATUS ReferenceModel::Status(const char* function, Forms forms)
 {
-    return Strikes(function, "", std::move(forms)) ? fault_->Status() : STATUS_SUCCESS;
+    return Strikes(function, "", forms) ? fault_->Status() : STATUS_SUCCESS;
 }
 
-bool ReferenceModel::Gives(const char* function, const std::string& detail)
+bool ReferenceModel::Gives(const char* function, std::string_view detail)
 {
-    return !Strikes(function, detail, {FaultKind::kNull});
+    return !Strikes(function, detail, kGiving);
 }
 
 // What the caller makes of a status of the success class is the caller's: some go by the sign, some take only 0.
-NTSTATUS ReferenceModel::Add(const Ref& collection, const Ref& object, std::vector<FaultKind> forms)
+NTSTATUS ReferenceModel::Add(const Ref& collection, const Ref& object, Forms forms)
 {
-    const NTSTATUS status = Status("WdfCollectionAdd", std::move(forms));
+    const NTSTATUS status = Status("WdfCollectionAdd", forms);
     if (status == STATUS_SUCCESS || fault_->form == FaultKind::kInforms) {
         collection->items.push_back(object);
     }
@@ -168,11 +171,10 @@ Ref ReferenceModel::Create(const char* type, const ObjectRecord& object, const R
     return *made;
 }
 
-void ReferenceModel::Append(const Ref& collection, const Ref& object, const std::string& line,
-                            const std::vector<FaultKind>& forms)
+void ReferenceModel::Append(const Ref& collection, const Ref& object, const std::string& line, Forms forms)
 {
     const NTSTATUS status = Add(collection, object, forms);
-    Require(forms == kExact ? status == STATUS_SUCCESS : NT_SUCCESS(status), line, status);
+    Require(forms.data() == kExact ? status == STATUS_SUCCESS : NT_SUCCESS(status), line, status);
 }
 
 Ref ReferenceModel::At(const Ref& collection, std::size_t index, const std::string& noItem,
