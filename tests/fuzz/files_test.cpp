@@ -9,7 +9,7 @@
 namespace tests {
 namespace {
 
-#if defined(ZEPN_EMULATED) || defined(ZEPN_SANITIZED)
+#if defined(ZEPN_SANITIZED)
 constexpr std::uint64_t kFiles = 300;
 #else
 constexpr std::uint64_t kFiles = 2000;
