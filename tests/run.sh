@@ -146,7 +146,9 @@ run_group() {
     [[ $labels != *host* ]] || rm -rf "$root/build/$preset/rules_proven"
     remove_statistics "$preset" "$labels"
     # The cases that others need have a group of their own.
-    run_ctest "$preset" "$junit" "$title" -FA '.*' -L "^($labels)\$" "${arguments[@]}"
+    rm -rf "$results/batch"
+    mkdir -p "$results/batch"
+    ZEPN_BATCH=$results/batch run_ctest "$preset" "$junit" "$title" -FA '.*' -L "^($labels)\$" "${arguments[@]}"
     count_cases "$junit" "$title" " in $(seconds_since "$begin") s"
     # What was saved meanwhile may be in the files and not in the programs.
     if [ "$failed" = "$before" ] && [ "$(state_of_tree)" = "$state" ]; then

@@ -229,6 +229,31 @@ for preset in asan tsan; do
 done
 if grep -q 'left to' "$folder/output"; then fail "--all leaves something"; fi
 
+# ---- Under emulation ----
+
+# Of a program that runs as a whole once, who passed there is done; all others run alone, and end as they end then.
+cat > "$folder/bin/emulator" <<SCRIPT
+#!/bin/sh
+echo "\$2" >> '$folder/ran'
+case "\$3" in
+--gtest_output=xml:*) cat > "\${3#*:}" ;;
+*) [ "\$2" != --gtest_filter=Loud.Fails ] ;;
+esac << TEXT
+<testsuites><testcase classname="Loud" name="Works" result="completed"/><testcase classname="Loud" name="Rests" \
+result="skipped"/><testcase classname="Loud" name="Fails" result="completed"><failure/></testcase></testsuites>
+TEXT
+SCRIPT
+chmod +x "$folder/bin/emulator"
+mkdir "$folder/batch"
+rm -f "$folder/ran"
+for end in Works/0 Fails/1 Rests/0 IsMissing/0 Works/0; do
+    name=${end%/*} status=0
+    ZEPN_BATCH=$folder/batch "$root/tests/kit/emulated.sh" "$folder/bin/emulator" loud_tests "--gtest_filter=Loud.$name" \
+        > /dev/null || status=$?
+    [ "$name/$status" = "$end" ] || fail "$name ended with $status"
+done
+ran "--gtest_filter=-On/* --gtest_filter=Loud.Fails --gtest_filter=Loud.IsMissing --gtest_filter=Loud.Rests"
+
 # ---- Checking ----
 
 cp "$root"/{.clang-format,.clang-tidy,.shellcheckrc} "$project"

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Runs a case under emulation, where starting a program takes longer than most cases do: emulated.sh EMULATOR... PROGRAM
+# --gtest_filter=CASE ...
+#
+# In a run of many cases ZEPN_BATCH names a folder. The first case of a program then runs all that may run in one process,
+# and the others find in its results whether they passed. A case that did not, or whose results a crash has cost, runs in
+# a process of its own, whose output and end are the case's.
+set -euo pipefail
+command=() case=''
+for word; do
+    case $word in
+    --gtest_filter=*) case=${word#*=} ;;
+    --gtest_*) ;;
+    *) command+=("$word") ;;
+    esac
+done
+if [ -n "${ZEPN_BATCH:-}" ] && [ -n "$case" ]; then
+    results=$ZEPN_BATCH/$(basename "${command[-1]}").xml
+    case $case in
+    On/*) batch="On/*/${case##*/}" results+=.${case##*/} ;;
+    *) batch='-On/*' ;;
+    esac
+    exec 9>> "$results.lock"
+    flock 9
+    if [ ! -s "$results.lock" ]; then
+        echo begun >&9
+        "${command[@]}" "--gtest_filter=$batch" "--gtest_output=xml:$results" > /dev/null 2>&1 9>&- || true
+    fi
+    exec 9>&-
+    if [ "$(xmllint --xpath "count(//testcase[@classname='${case%%.*}' and @name='${case#*.}' and @result='completed' and
+            not(failure)])" "$results" 2> /dev/null)" = 1 ]; then
+        echo "passed, with the others of its program"
+        exit
+    fi
+fi
+exec "$@"
