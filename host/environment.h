@@ -57,6 +57,7 @@ struct MachineOptions {
     std::size_t poolBytesMaximum = std::size_t{256} << 20;  // of all blocks together; what exceeds it gets null
     bool recordsPaths = true;           // who allocates, creates, registers and frees is known by the whole call path
     bool realTime = false;              // KeDelayExecutionThread waits; otherwise it only advances the clock
+    bool keepsCode = false;             // of an unloaded PE image, for its next load: host/image/kept_code.h
     bool allowMissing = false;          // an image that needs functions which the host lacks loads until it calls one
     std::uint32_t frameworkMinor = 33;  // version of the framework that plays: 1.<minor>
     bool onlyDriverLocks = false;       // the thread sanitizer learns of these alone: schedule/happens_before.h

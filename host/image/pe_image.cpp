@@ -2,6 +2,7 @@
 // proves its relocations.
 #include "host/image/exports.h"
 #include "host/image/image.h"
+#include "host/image/kept_code.h"
 #include "host/image/missing.h"
 #include "host/image/pe_file.h"
 #include "host/image/symbols.h"
@@ -10,6 +11,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -51,7 +53,13 @@ public:
         for (const PeSection& section : file_.sections()) {
             environment_.pagedCode.Remove(base_ + section.virtualAddress);
         }
-        if (!keepMapped_) {
+        if (keepMapped_) {
+            return;
+        }
+        if (environment_.options.keepsCode) {
+            ProtectData(PROT_NONE);
+            KeepCode(path_, {reserved_, reservedSize_, base_});
+        } else {
             Unmap();
         }
     }
@@ -82,6 +90,27 @@ public:
 private:
     void Map()
     {
+        if (const auto kept = environment_.options.keepsCode ? TakeKeptCode(path_) : std::nullopt) {
+            reserved_ = kept->reserved;
+            reservedSize_ = kept->reservedSize;
+            base_ = kept->base;
+            hasCode_ = true;
+            ProtectData(PROT_READ | PROT_WRITE);
+        } else {
+            Reserve();
+        }
+        std::memcpy(base_, file_.bytes().data(), file_.headersSize());
+        for (const PeSection& section : file_.sections()) {
+            if (!(hasCode_ && section.IsExecutable())) {
+                const std::size_t bytes = std::min(section.rawSize, section.virtualSize);
+                std::memcpy(base_ + section.virtualAddress, file_.bytes().data() + section.rawOffset, bytes);
+                std::memset(base_ + section.virtualAddress + bytes, 0, section.virtualSize - bytes);
+            }
+        }
+    }
+
+    void Reserve()
+    {
         reservedSize_ = file_.imageSize() + kBaseAlignment;
         void* reserved = mmap(nullptr, reservedSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (reserved == MAP_FAILED) {
@@ -90,12 +119,25 @@ private:
         reserved_ = static_cast<std::uint8_t*>(reserved);
         const auto address = reinterpret_cast<std::uintptr_t>(reserved_);
         base_ = reserved_ + (kBaseAlignment - address % kBaseAlignment) % kBaseAlignment;
+    }
 
-        std::memcpy(base_, file_.bytes().data(), file_.headersSize());
+    // All but code.
+    void ProtectData(int protection)
+    {
+        mprotect(base_, file_.headersSize(), protection);
         for (const PeSection& section : file_.sections()) {
-            std::memcpy(base_ + section.virtualAddress, file_.bytes().data() + section.rawOffset,
-                        std::min(section.rawSize, section.virtualSize));
+            if (!section.IsExecutable()) {
+                mprotect(base_ + section.virtualAddress, section.virtualSize, protection);
+            }
         }
+    }
+
+    // Whether a place lies in code that is there already, as it must be.
+    [[nodiscard]] bool IsDone(std::uint64_t address) const
+    {
+        return hasCode_ && std::ranges::any_of(file_.sections(), [address](const PeSection& section) {
+                   return section.IsExecutable() && address - section.virtualAddress < section.virtualSize;
+               });
     }
 
     // A pointer to `size` bytes of the mapped image; refuses when they lie outside.
@@ -155,7 +197,11 @@ private:
         if (type != kDir64) {
             file_.Refuse("relocations", "type " + std::to_string(type) + " is not supported");
         }
-        std::uint8_t* slot = Bytes(std::uint64_t{page} + (entry & 0xFFF), 8, "relocations");
+        const std::uint64_t address = std::uint64_t{page} + (entry & 0xFFF);
+        if (IsDone(address)) {
+            return;
+        }
+        std::uint8_t* slot = Bytes(address, 8, "relocations");
         std::uint64_t value;
         std::memcpy(&value, slot, 8);
         value += delta;
@@ -243,7 +289,9 @@ private:
                 missing.push_back(HasModule(module) ? symbol : module + "!" + symbol);
                 address = stubs_.For(missing.back());
             }
-            std::memcpy(Bytes(slots, 8, kPlace), &address, 8);
+            if (!IsDone(slots)) {
+                std::memcpy(Bytes(slots, 8, kPlace), &address, 8);
+            }
         }
     }
 
@@ -295,8 +343,12 @@ private:
             const int protection = (section.IsReadable() ? PROT_READ : 0) | (section.IsWritable() ? PROT_WRITE : 0) |
                                    (section.IsExecutable() ? PROT_EXEC : 0);
             auto* begin = reinterpret_cast<char*>(base_ + section.virtualAddress);
-            if (section.IsExecutable()) {
+            if (section.IsExecutable() && !hasCode_) {
                 __builtin___clear_cache(begin, begin + section.virtualSize);
+            }
+            // Code that is there already is still executable, but for what was sealed.
+            if (section.IsExecutable() && hasCode_ && !section.IsDiscardable()) {
+                continue;
             }
             if (mprotect(begin, section.virtualSize, protection) != 0) {
                 throw HostError(name_ + ": section " + section.name + " cannot be protected");
@@ -320,6 +372,7 @@ private:
     std::size_t reservedSize_ = 0;
     std::uint8_t* base_ = nullptr;
     bool keepMapped_ = false;
+    bool hasCode_ = false;  // kept from an earlier load
     MissingStubs stubs_;
     CallFrames frames_;
 };

@@ -34,7 +34,7 @@ inline constexpr unsigned kRandomSchedules = 60;
 // A machine of its own for one schedule.
 struct ScheduledRun : DriverFixture {
     ScheduledRun(const Container& container, ControlledScheduler& byScheduler)
-        : DriverFixture(container, {.records = false}), scheduler(byScheduler)
+        : DriverFixture(container, {.machine = {.keepsCode = kKeepsCode}, .records = false}), scheduler(byScheduler)
     {
     }
 

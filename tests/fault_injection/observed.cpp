@@ -66,7 +66,7 @@ bool NamesOneSite(const host::tracing::CapturedMessage& message, const host::tra
 
 ObservedRun::ObservedRun(const tests::Container& container, Options options)
     : options_(std::move(options)),
-      harness_(container.image, {.traceRoutes = options_.routes, .recordsPaths = false},
+      harness_(container.image, {.traceRoutes = options_.routes, .recordsPaths = false, .keepsCode = tests::kKeepsCode},
                {.toState =
                     [](unsigned client, unsigned, ULONG state, ULONG response) {
                         const ULONG answer = StateAnswer(client, state);

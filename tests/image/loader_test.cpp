@@ -6,6 +6,8 @@
 #include "tests/kit/settings.h"
 
 #include <dlfcn.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
 namespace tests {
 namespace {
@@ -96,6 +98,50 @@ TEST_F(Loader, ReplacesTheDefaultCookie)
         EXPECT_TRUE(cookies.insert(cookie).second) << cookie;
         EXPECT_EQ(cookie >> 48, 0u) << "the system's cookies leave the upper 16 bits clear";
     }
+}
+
+// What an unloaded image leaves behind is its code alone, and the next load is that of the file as it is now.
+TEST_F(Loader, KeepsCodeForTheNextLoadOfTheSameFile)
+{
+    host::Environment environment({.keepsCode = true});
+    RegisterExports();
+    const TemporaryFolder folder;
+    Bytes bytes = good.bytes();
+    const auto file = folder.Write("kept.sys", {bytes.begin(), bytes.end()});
+    const auto load = [&] { return host::image::LoadedImage::Load(environment, file); };
+    const auto memory = [](const host::image::LoadedImage& image) {
+        const auto* base = static_cast<const std::uint8_t*>(image.base());
+        return Bytes(base, base + image.sizeBytes());
+    };
+    const auto isReadable = [](const std::uint8_t* address) {
+        std::uint8_t byte = 0;
+        const iovec here{&byte, 1};
+        const iovec there{const_cast<std::uint8_t*>(address), 1};
+        return process_vm_readv(getpid(), &here, 1, &there, 1, 0) == 1;
+    };
+
+    auto image = load();
+    const Bytes first = memory(*image);
+    auto* const base = static_cast<std::uint8_t*>(const_cast<void*>(image->base()));
+    std::uint8_t* const data = base + good.CookieAddress();
+    *data ^= 1;
+    image->SealAfterEntry();
+    image.reset();
+    EXPECT_FALSE(isReadable(base) || isReadable(data));
+
+    image = load();
+    EXPECT_EQ(image->base(), base);
+    EXPECT_EQ(memory(*image), first);
+    EXPECT_NE(load()->base(), base) << "two at once";
+    image.reset();
+
+    const image_check::Section& text = good.sections()[kText];
+    bytes[text.rawOffset] ^= 1;
+    MendChecksum(bytes);
+    (void)folder.Write("kept.sys", {bytes.begin(), bytes.end()});
+    std::filesystem::last_write_time(file, std::filesystem::last_write_time(file) + std::chrono::hours(1));
+    image = load();
+    EXPECT_EQ(memory(*image)[text.address], bytes[text.rawOffset]);
 }
 
 // A debugger opens the library by the name under which it was loaded.

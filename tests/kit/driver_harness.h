@@ -17,6 +17,14 @@ namespace tests {
 
 inline constexpr const char* kService = "zepn";
 
+// Whether the driver's code stays where it is for the next of many machines (host/image/kept_code.h). Only where it is
+// emulated: that no code is called that is gone, the other containers show.
+#if defined(ZEPN_EMULATED)
+inline constexpr bool kKeepsCode = true;
+#else
+inline constexpr bool kKeepsCode = false;
+#endif
+
 // The interface tables of a started device, and the driver's lock order for the machine. Throws host::HostError when
 // the driver does not give them out.
 void TakeTables(host::Machine& machine, host::Driver& driver, ZEP_NOTIFIER_HELPER_INTERFACE& helper,

@@ -13,7 +13,7 @@ constexpr std::size_t kMostLines = 5000;
 
 ObservedRun::ObservedRun(const Sequence& sequence, const std::filesystem::path& image)
     : scripts_(sequence.clients.begin(), sequence.clients.end()),
-      harness_(image, {.recordsPaths = false},
+      harness_(image, {.recordsPaths = false, .keepsCode = tests::kKeepsCode},
                {.toState = [this](unsigned client, unsigned from, ULONG state,
                                   ULONG response) { return scripts_[client].OnState(from, state).value_or(response); },
                 .toCommand = [this](unsigned client, ULONG id,
