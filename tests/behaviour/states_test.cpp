@@ -1,11 +1,13 @@
-// States: when an answer counts, and how delivery stops for good. Who is notified of what, in which order, is the
-// model-based tests'.
+// States and commands: when an answer counts, and how delivery stops for good. Who is notified of what, in which order,
+// is the model-based tests'.
 #include "tests/kit/driver_fixture.h"
 
 #include <regex>
 
 namespace tests {
 namespace {
+
+using host::checks::Rule;
 
 class States : public OnDriver {};
 FOR_ALL_CONTAINERS(States);
@@ -38,7 +40,7 @@ TEST_P(Hangs, OfAPostFromInsideACallbackStopDelivery)
     const auto result = fixture.machine.RunWorkItems();
     ASSERT_EQ(result.parked.size(), 1u);
     EXPECT_TRUE(Has(result.parked[0].reason, "(wdfWaitLockClientsCollection), which it holds itself"));
-    const auto selfWaits = fixture.machine.violations().Take(host::checks::Rule::kSelfWait);
+    const auto selfWaits = fixture.machine.violations().Take(Rule::kSelfWait);
     ASSERT_EQ(selfWaits.size(), 1u);
     // Through the driver, the subscriber here and the driver again, with source lines and what is inlined.
     const std::string path = selfWaits[0].PathText();
@@ -53,7 +55,7 @@ TEST_P(Hangs, OfAPostFromInsideACallbackStopDelivery)
     EXPECT_TRUE(fixture.driver->HasDevice());
     fixture.driver->SurpriseRemoveDevice();
     EXPECT_TRUE(fixture.driver->RemoveDevice().parked);
-    EXPECT_GE(fixture.machine.violations().Take(host::checks::Rule::kDeadlock).size(), 2u);
+    EXPECT_GE(fixture.machine.violations().Take(Rule::kDeadlock).size(), 2u);
     fixture.Abandon();
 }
 
@@ -68,9 +70,28 @@ TEST_P(Hangs, OnTheTestsOwnThreadFailTheirCaseAlone)
         ASSERT_EQ(fixture.Post(poster, 4), STATUS_SUCCESS);
         subscriber.onState = [&](const ZepState&, ULONG&) { (void)fixture.Post(subscriber, 1); };
         EXPECT_THROW((void)fixture.Subscribe(subscriber, poster, ZEP_STATE_ANY), host::Hang);
-        EXPECT_EQ(fixture.machine.violations().Take(host::checks::Rule::kSelfWait).size(), 1u);
+        EXPECT_EQ(fixture.machine.violations().Take(Rule::kSelfWait).size(), 1u);
         fixture.Abandon();
     }
+}
+
+// How the delivery of commands can stop for good.
+class Commands : public OnDriver {};
+FOR_ALL_CONTAINERS(Commands);
+
+TEST_P(Commands, BothMissingPartiesAreReportedAndStopCommandDeliveryForGood)
+{
+    Peer& sender = Join(1);
+    Peer& target = Join(Peer(2).TakesCommands());
+    ASSERT_EQ(Send(sender, target, 1), STATUS_SUCCESS);
+    ASSERT_EQ(Leave(sender), STATUS_SUCCESS);
+    ASSERT_EQ(Leave(target), STATUS_SUCCESS);
+    EXPECT_EQ(machine.RunWorkItems().parked.size(), 1u);
+    const std::string run = "12 NotifierEvtWorkItemNotifyCommands: Unable to find client with , {0000000";
+    const std::string tail = "-1111-2222-0102-030405060708}, 0xC0000001";
+    EXPECT_EQ(TakeReports(), (Lines{run + "1" + tail, run + "2" + tail}));
+    EXPECT_EQ(machine.violations().Take(Rule::kSelfWait).size(), 1u);
+    Abandon();
 }
 
 }  // namespace
