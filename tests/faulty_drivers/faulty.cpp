@@ -11,6 +11,7 @@ FaultyHooks g_hooks = {
     .Resources = [](WDFCMRESLIST) NTAPI {},
     .FileCreate = [](WDFREQUEST request, WDFFILEOBJECT) NTAPI { WdfRequestComplete(request, STATUS_SUCCESS); },
     .FileClose = [](WDFFILEOBJECT) NTAPI {},
+    .QueueCleanup = [](WDFOBJECT) NTAPI {},
     .Step = [](const char*) NTAPI -> NTSTATUS { return STATUS_SUCCESS; },
 };
 WDFDEVICE g_device;
@@ -96,15 +97,19 @@ __attribute__((noinline)) NTSTATUS CreateParts()
     WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&queue, WdfIoQueueDispatchSequential);
     queue.EvtIoDeviceControl = EvtDeviceControl;
     queue.PowerManaged = WdfFalse;
-    WDF_WORKITEM_CONFIG work;
-    WDF_WORKITEM_CONFIG_INIT(&work, EvtWork);
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
-    attributes.ParentObject = g_device;
-    NTSTATUS status = WdfIoQueueCreate(g_device, &queue, WDF_NO_OBJECT_ATTRIBUTES, &g_queue);
-    if (NT_SUCCESS(status)) {
-        status = WdfWorkItemCreate(&work, &attributes, &g_workItem);
+    attributes.EvtCleanupCallback = [](WDFOBJECT ended) NTAPI { g_hooks.QueueCleanup(ended); };
+    NTSTATUS status = WdfIoQueueCreate(g_device, &queue, &attributes, &g_queue);
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
+
+    WDF_WORKITEM_CONFIG work;
+    WDF_WORKITEM_CONFIG_INIT(&work, EvtWork);
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = g_device;
+    status = WdfWorkItemCreate(&work, &attributes, &g_workItem);
     if (NT_SUCCESS(status)) {
         status = WdfDeviceCreateDeviceInterface(g_device, &kFaultyInterface, nullptr);
     }

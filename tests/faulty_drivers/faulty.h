@@ -25,6 +25,7 @@ struct FaultyHooks {
     void(NTAPI* Resources)(WDFCMRESLIST list);
     void(NTAPI* FileCreate)(WDFREQUEST request, WDFFILEOBJECT file);
     void(NTAPI* FileClose)(WDFFILEOBJECT file);
+    void(NTAPI* QueueCleanup)(WDFOBJECT queue);
     NTSTATUS(NTAPI* Step)(const char* step);  // "prepare", "D0 entry from D3Final", ...
 };
 

@@ -1,5 +1,10 @@
 // Objects and their attributes in the corners that the probe does not ask for.
+#include "host/framework/framework.h"
 #include "tests/host/faulty_driver_fixture.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 namespace tests {
 namespace {
@@ -24,12 +29,19 @@ void NTAPI Destroy(WDFOBJECT)
 }
 
 template <char kName>
-WDFOBJECT NewNamed(WDFOBJECT parent, WDF_EXECUTION_LEVEL level = WdfExecutionLevelInheritFromParent)
+WDF_OBJECT_ATTRIBUTES NamedAttributes(WDFOBJECT parent = nullptr)
 {
     WDF_OBJECT_ATTRIBUTES attributes = Attributes(parent);
-    attributes.ExecutionLevel = level;
     attributes.EvtCleanupCallback = Cleanup<kName>;
     attributes.EvtDestroyCallback = Destroy<kName>;
+    return attributes;
+}
+
+template <char kName>
+WDFOBJECT NewNamed(WDFOBJECT parent, WDF_EXECUTION_LEVEL level = WdfExecutionLevelInheritFromParent)
+{
+    WDF_OBJECT_ATTRIBUTES attributes = NamedAttributes<kName>(parent);
+    attributes.ExecutionLevel = level;
     WDFOBJECT object = nullptr;
     EXPECT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
     return object;
@@ -40,6 +52,121 @@ protected:
     Objects() { g_order.clear(); }
 };
 class Creations : public FaultyDriverTest {};
+
+WDFREQUEST* g_pending;
+
+void NTAPI CompletePending(WDFWORKITEM)
+{
+    g_order.emplace_back("own");
+    if (g_pending != nullptr) {
+        WdfRequestComplete(*std::exchange(g_pending, nullptr), STATUS_SUCCESS);
+    }
+}
+
+class Ends : public Objects {
+protected:
+    WDFOBJECT QueuedWorkItem()
+    {
+        WDF_WORKITEM_CONFIG config;
+        WDF_WORKITEM_CONFIG_INIT(&config, CompletePending);
+        WDF_OBJECT_ATTRIBUTES attributes = NamedAttributes<'1'>(table.Device);
+        WDFWORKITEM item = nullptr;
+        EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);
+        WdfWorkItemEnqueue(item);
+        return item;
+    }
+
+    WDFOBJECT OpenTarget()
+    {
+        table.Hooks->FileClose = [](WDFFILEOBJECT) NTAPI { g_order.emplace_back("own"); };
+        WDF_OBJECT_ATTRIBUTES attributes = NamedAttributes<'1'>();
+        WDFIOTARGET target = nullptr;
+        EXPECT_EQ(WdfIoTargetCreate(table.Device, &attributes, &target), STATUS_SUCCESS);
+        PWSTR names = nullptr;
+        EXPECT_EQ(IoGetDeviceInterfaces(&kFaultyInterface, nullptr, 0, &names), STATUS_SUCCESS);
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, names);
+        WDF_IO_TARGET_OPEN_PARAMS parameters;
+        WDF_IO_TARGET_OPEN_PARAMS_INIT_OPEN_BY_NAME(&parameters, &name, GENERIC_READ);
+        EXPECT_EQ(WdfIoTargetOpen(target, &parameters), STATUS_SUCCESS);
+        ExFreePool(names);
+        return target;
+    }
+
+    // A request is with the driver, whose queued work item completes it.
+    WDFOBJECT QueueWithARequest()
+    {
+        table.Hooks->QueueCleanup = Cleanup<'1'>;
+        table.Hooks->Work = CompletePending;
+        table.Hooks->FileClose = [](WDFFILEOBJECT) NTAPI {};
+        host::FileId file = 0;
+        EXPECT_EQ(driver.Open(file).status, STATUS_SUCCESS);
+        EXPECT_FALSE(driver.DeviceControl(file, kNeverCompletes).completed);
+        driver.Close(file);
+        g_pending = table.Pending;
+        WdfWorkItemEnqueue(table.WorkItem);
+        return table.Queue;
+    }
+};
+
+// Waiting, or closing, is what the type adds.
+TEST_F(Ends, ComeAfterTheChildrensAndWaitBeforeTheCleanupOfTheCreationAndThatOfLaterContexts)
+{
+    const std::vector<std::pair<const char*, std::function<WDFOBJECT()>>> kinds = {
+        {"work item", [this] { return QueuedWorkItem(); }},
+        {"I/O target", [this] { return OpenTarget(); }},
+        {"queue", [this] { return QueueWithARequest(); }},
+    };
+    for (const auto& [kind, make] : kinds) {
+        const WDFOBJECT object = make();
+        (void)NewNamed<'a'>(object);
+        WDF_OBJECT_ATTRIBUTES attributes = NamedAttributes<'2'>();
+        WDF_OBJECT_ATTRIBUTES_SET_CONTEXT_TYPE(&attributes, FAULTY_CONTEXT);
+        ASSERT_EQ(WdfObjectAllocateContext(object, &attributes, nullptr), STATUS_SUCCESS);
+        g_order.clear();
+        if (object == table.Queue) {
+            EndDevice();  // a default queue ends with its device
+        } else {
+            WdfObjectDelete(object);
+        }
+        g_order.resize(4);  // destruction follows
+        EXPECT_EQ(g_order, (Order{"cleanup a", "own", "cleanup 1", "cleanup 2"})) << kind;
+    }
+}
+
+std::atomic<bool> g_isCleaning;
+
+// Ends when somebody waits for it.
+void NTAPI CleanUpSlowly(WDFOBJECT)
+{
+    g_isCleaning = true;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (!host::framework::Framework::Current().threads.HasWaiting() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+    }
+    g_order.emplace_back("cleanup");
+}
+
+TEST(ObjectsOfAMachineWithThreads, AreDisposedByAWorkerForWhichTheUnloadWaits)
+{
+    FaultyDriverFixture fixture({.workItems = host::WorkItems::kThreads});
+    g_order.clear();
+    g_isCleaning = false;
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes();
+    attributes.ExecutionLevel = WdfExecutionLevelPassive;
+    attributes.EvtCleanupCallback = CleanUpSlowly;
+    WDFOBJECT object = nullptr;
+    ASSERT_EQ(WdfObjectCreate(&attributes, &object), STATUS_SUCCESS);
+    {
+        const host::ScopedIrql level(DISPATCH_LEVEL);
+        WdfObjectDelete(object);
+    }
+    while (!g_isCleaning) {
+        std::this_thread::yield();
+    }
+    fixture.TakeDown();
+    EXPECT_EQ(g_order, Order{"cleanup"});
+}
 
 // An object whose callbacks must run at PASSIVE_LEVEL, deleted or dereferenced for the last time above it.
 TEST_F(Objects, OfPassiveLevelAreDisposedAndDestroyedOnASystemThread)
