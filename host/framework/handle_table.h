@@ -26,7 +26,8 @@ struct Slot {
     std::atomic<std::uint64_t> owner{0};
     std::atomic<const void*> takenAt{nullptr};  // where in an image; written by who takes a wait lock
     ObjectType type = ObjectType::kGeneral;
-    const std::string* name = nullptr;  // of the first context's type
+    std::atomic<std::uint32_t> waiting{0};  // threads that sleep until a wait lock is free, or are about to
+    const std::string* name = nullptr;      // of the first context's type
 };
 
 class HandleTable {

@@ -102,12 +102,15 @@ bool WaitUntilFree(Framework& framework, std::unique_lock<std::mutex>& lock, con
         .deadline = deadline,
     };
     ObjectTree::Reference(waitLock);  // whoever deletes it meanwhile shall not pull it from under us
+    Slot& slot = *waitLock.slot;
+    ++slot.waiting;  // before the holder is looked at: who gives it back looks here afterwards
     const schedule::Wake wake = framework.threads.Block(lock, wait);
+    --slot.waiting;
     const bool isForEver = wake == schedule::Wake::kSelf || wake == schedule::Wake::kNever;
     if (isForEver) {
         subject = Subject(waitLock);
     }
-    const void* const takenAt = waitLock.slot->takenAt.load(std::memory_order_relaxed);
+    const void* const takenAt = slot.takenAt.load(std::memory_order_relaxed);
     const bool isLast = waitLock.References() == 1;
     if (isLast) {
         call.Violation(Rule::kDeadHandle, Describe(waitLock) + " went while a thread waited for it");
@@ -290,7 +293,7 @@ void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle)
             thread.heldLocks.pop_back();
             --thread.criticalRegions;
             slot->owner.exchange(0);
-            if (Framework::Current().threads.HasWaiting()) {
+            if (slot->waiting.load() != 0) {
                 [[clang::musttail]] return WakeWaiting(globals, handle);
             }
             return;

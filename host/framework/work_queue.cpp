@@ -12,13 +12,13 @@ void WorkQueue::Enqueue(WorkItemObject& item)
 {
     item.queued = true;
     items_.push_back(&item);
-    changed_.notify_all();
+    added_.notify_one();
 }
 
 void WorkQueue::Defer(const Object* owner, const Object* object, std::function<void()> work)
 {
     deferred_.push_back({owner, object, std::move(work)});
-    changed_.notify_all();
+    added_.notify_one();
 }
 
 void WorkQueue::Forget(const Object& object)
@@ -60,8 +60,7 @@ void WorkQueue::RunItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item
     lock.unlock();
     outcome = framework_.threads.RunOnThread(threadName, "work item", nullptr, [this, &item] { CallBack(item); });
     lock.lock();
-    --running_;
-    changed_.notify_all();
+    EndRun();
 }
 
 bool WorkQueue::RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName,
@@ -90,9 +89,16 @@ bool WorkQueue::RunDeferred(std::unique_lock<std::mutex>& lock, const std::strin
         deferredRunning_.erase(running);
         framework_.threads.NotifyWaiting();
     }
-    --running_;
-    changed_.notify_all();
+    EndRun();
     return true;
+}
+
+void WorkQueue::EndRun()
+{
+    if (--running_ == 0) {
+        ended_.notify_all();
+        framework_.threads.NotifyWaiting();  // a queue that ends waits for the last one
+    }
 }
 
 bool WorkQueue::RunNext(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome)
@@ -160,7 +166,7 @@ void WorkQueue::WaitUntilEmpty()
 {
     const IdleScope idle;
     std::unique_lock lock(framework_.mutex);
-    changed_.wait(lock, [this] { return items_.empty() && deferred_.empty() && running_ == 0; });
+    ended_.wait(lock, [this] { return items_.empty() && deferred_.empty() && running_ == 0; });
 }
 
 // ---- Workers ----
@@ -174,7 +180,7 @@ void WorkQueue::WorkerLoop(unsigned number)
     while (!stopping_) {
         if (!RunNext(lock, name, outcome)) {
             const IdleScope idle;
-            changed_.wait(lock);
+            added_.wait(lock);
         }
     }
 }
@@ -191,7 +197,7 @@ void WorkQueue::StopWorkers()
     {
         const std::lock_guard lock(framework_.mutex);
         stopping_ = true;
-        changed_.notify_all();
+        added_.notify_all();
     }
     for (std::thread& worker : workers_) {
         worker.join();

@@ -92,6 +92,7 @@ private:
     // Runs the oldest deferred work, of one owner or of all; false when there is none.
     bool RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome,
                      const Object* onlyOf = nullptr);
+    void EndRun();
     void WorkerLoop(unsigned number);
 
     Framework& framework_;
@@ -100,7 +101,8 @@ private:
     std::list<RunningDeferred> deferredRunning_;
     unsigned running_ = 0;
     bool stopping_ = false;
-    std::condition_variable changed_;
+    std::condition_variable added_;  // workers wait for work
+    std::condition_variable ended_;  // and others for its end
     std::vector<std::thread> workers_;
 };
 
