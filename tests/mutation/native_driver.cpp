@@ -110,7 +110,7 @@ void ReplaceOnce(std::string& text, const std::string& what, const std::string& 
 
 }  // namespace
 
-NativeDriver::NativeDriver(std::filesystem::path root, std::filesystem::path folder)
+NativeDriver::NativeDriver(const std::filesystem::path& root, std::filesystem::path folder)
     : folder_(std::move(folder)), work_(folder_ / "mutants")
 {
     std::filesystem::remove_all(work_);  // object files of other sources

@@ -14,7 +14,7 @@ class NativeDriver {
 public:
     // A configured build folder in which driver and tests are up to date. Throws std::runtime_error when it is none, as
     // do the others when they cannot do their work.
-    NativeDriver(std::filesystem::path root, std::filesystem::path folder);
+    NativeDriver(const std::filesystem::path& root, std::filesystem::path folder);
 
     [[nodiscard]] std::vector<Mutant> Mutants() const;
 
