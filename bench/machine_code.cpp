@@ -82,7 +82,7 @@ private:
                 test.isColdOutOfLine = branch->isTakenWhenEnabled;
                 const std::size_t cold =
                     branch->isTakenWhenEnabled && at_.contains(branch->target) ? at_.at(branch->target) : index + 1;
-                test.site = RecordBehind(cold);
+                test.site = RecordAfter(cold);
                 tests.push_back(test);
                 return;
             }
@@ -99,7 +99,7 @@ private:
     }
 
     // The first site record that the code from here on names, or takes from a register that held it before.
-    int RecordBehind(std::size_t index)
+    int RecordAfter(std::size_t index)
     {
         constexpr unsigned kReach = 60;
         for (unsigned step = 0; step < kReach && index < instructions_.size(); ++step) {

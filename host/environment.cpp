@@ -262,7 +262,7 @@ PlatformCall::PlatformCall(const char* function, const void* caller, KIRQL maxim
         environment.observer()({function, caller, detail});
     }
     if ((armed & kArmedFaults) != 0) {
-        fault_ = environment.faults.Strike(
+        fault_ = environment.faults.Inject(
             function,
             [&] {
                 return checks::CallSite{environment.modules.NameAt(caller), environment.modules.FunctionAt(caller)};

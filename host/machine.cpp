@@ -132,12 +132,6 @@ void Machine::SetRegistryString(const std::string& serviceName, const std::strin
     kernel_->registry().SetString(serviceName, name, value);
 }
 
-void Machine::SetRegistryData(const std::string& serviceName, const std::string& name, std::uint32_t type,
-                              std::vector<std::byte> data)
-{
-    kernel_->registry().SetData(serviceName, name, type, std::move(data));
-}
-
 std::vector<RegistryNumber> Machine::RegistryNumbers(const std::string& serviceName) const
 {
     return kernel_->registry().Numbers(serviceName);

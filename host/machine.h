@@ -66,9 +66,6 @@ public:
     // Registry: values below HKLM\...\Services\<service>\Parameters. SetValue creates the key.
     void SetRegistryValue(const std::string& serviceName, const std::string& name, std::uint32_t value);
     void SetRegistryString(const std::string& serviceName, const std::string& name, const std::string& value);
-    // A value of any type and length, also one that does not suit its type.
-    void SetRegistryData(const std::string& serviceName, const std::string& name, std::uint32_t type,
-                         std::vector<std::byte> data);
     // The numbers below the key, in the order in which they were first written.
     [[nodiscard]] std::vector<RegistryNumber> RegistryNumbers(const std::string& serviceName) const;
 

@@ -26,7 +26,7 @@ void FaultPlan::Add(Fault fault)
         const std::lock_guard lock(mutex_);
         armed_.push_back({std::move(fault)});
         Arm(kArmedFaults, true);
-        struck_ += hidesDriver ? 1 : 0;
+        injected_ += hidesDriver ? 1 : 0;
     }
     if (hidesDriver && onHideDriver) {
         onHideDriver(true);
@@ -39,20 +39,20 @@ void FaultPlan::Clear()
         const std::lock_guard lock(mutex_);
         armed_.clear();
         Arm(kArmedFaults, false);
-        struck_ = 0;
+        injected_ = 0;
     }
     if (onHideDriver) {
         onHideDriver(false);
     }
 }
 
-unsigned FaultPlan::StruckCount() const
+unsigned FaultPlan::InjectedCount() const
 {
     const std::lock_guard lock(mutex_);
-    return struck_;
+    return injected_;
 }
 
-std::optional<Fault> FaultPlan::Strike(const char* function, const std::function<CallSite()>& site, const char* detail)
+std::optional<Fault> FaultPlan::Inject(const char* function, const std::function<CallSite()>& site, const char* detail)
 {
     const std::lock_guard lock(mutex_);
     for (Armed& armed : armed_) {
@@ -62,7 +62,7 @@ std::optional<Fault> FaultPlan::Strike(const char* function, const std::function
         }
         const unsigned seen = armed.seen++;
         if (seen >= fault.skip && (fault.count == Fault::kSticky || seen - fault.skip < fault.count)) {
-            ++struck_;
+            ++injected_;
             return fault;
         }
     }

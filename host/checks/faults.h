@@ -44,12 +44,12 @@ public:
     void Add(Fault fault);
     void Clear();
 
-    // How many calls the faults have made fail since the last Clear. A test asserts that its fault struck.
-    [[nodiscard]] unsigned StruckCount() const;
+    // How many calls the faults have made fail since the last Clear. A test asserts that its fault was injected.
+    [[nodiscard]] unsigned InjectedCount() const;
 
     // Asked by every platform call with its name, where it was called from, which is looked up only for faults that want
     // to know, and its detail.
-    [[nodiscard]] std::optional<Fault> Strike(const char* function, const std::function<CallSite()>& site,
+    [[nodiscard]] std::optional<Fault> Inject(const char* function, const std::function<CallSite()>& site,
                                               const char* detail);
 
     // Called when the driver handle in the globals is to be hidden (true) or shown again. Set by the framework.
@@ -62,7 +62,7 @@ private:
     };
     mutable std::mutex mutex_;
     std::vector<Armed> armed_;
-    unsigned struck_ = 0;
+    unsigned injected_ = 0;
 };
 
 }  // namespace host::checks

@@ -7,7 +7,7 @@
 
 namespace host::framework::functions {
 
-// What an injected fault makes of a call that stores a handle; empty when none strikes it.
+// What an injected fault makes of a call that stores a handle; empty when there is none for it.
 template <class Handle>
 std::optional<NTSTATUS> Injected(const PlatformCall& call, Handle* output)
 {

@@ -2,7 +2,7 @@
 //
 // Any thread may look a handle up without a lock: slots never move and never serve a second object, and memory of
 // objects stays memory of objects. A thread that read something of an object and finds it in its slot still has read of
-// the living one. Objects are added and removed under the framework's mutex.
+// the live one. Objects are added and removed under the framework's mutex.
 #pragma once
 
 #include "host/framework/object.h"

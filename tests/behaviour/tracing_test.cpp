@@ -305,7 +305,7 @@ TEST_P(Reporting, ClassicRouteIsLookedForFromVersionSixOn)
                                       .detail = "EtwRegisterClassicProvider",
                                       .form = host::checks::FaultForm::kNull});
         fixture.Load();
-        EXPECT_EQ(fixture.machine.faults().StruckCount(), lookedFor) << machine.majorVersion;
+        EXPECT_EQ(fixture.machine.faults().InjectedCount(), lookedFor) << machine.majorVersion;
         EXPECT_EQ(fixture.TakeRecords(), (Lines{"E44 DriverEntry", "M10 DriverEntry"})) << machine.majorVersion;
         fixture.TakeDown();
         fixture.machine.violations().Take(host::checks::Rule::kReferenceUnderflow);

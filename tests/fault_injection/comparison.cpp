@@ -81,11 +81,11 @@ std::string FirstDifference(const Lines& expected, const Lines& observed)
 }
 
 // What unload cannot put right when tracing itself fails.
-Lines TracingLeftovers(const Fault& fault, unsigned struckCount)
+Lines TracingLeftovers(const Fault& fault, unsigned injectedCount)
 {
     constexpr unsigned kUnregisterLookUp = 4;  // the fifth look-up of a routine, after that of the classic route
     if (fault.function == "EtwUnregister") {
-        return Lines(struckCount, "registration at unload");  // the system keeps it
+        return Lines(injectedCount, "registration at unload");  // the system keeps it
     }
     if (fault.function == "MmGetSystemRoutineAddress" && fault.index == kUnregisterLookUp) {
         return {"registration at unload"};  // the classic provider cannot be given back
@@ -130,11 +130,11 @@ Comparison::Comparison(const tests::Container& container, const Plan& plan, std:
     RunUpToFault();
     RunSequence();
     CompareRecords();
-    if (difference.empty() && plan.fault && !HasStruck()) {
+    if (difference.empty() && plan.fault && !IsInjected()) {
         difference = "  the fault was never reached";
     }
     callCount = observed_->calls();
-    if (difference.empty() && struckAtEnd_ && reference_.Allows(Kind::kLoad)) {
+    if (difference.empty() && injectedAtEnd_ && reference_.Allows(Kind::kLoad)) {
         // A removal or unload that failed must not keep the image from being loaded again.
         observed_->machine().faults().Clear();
         reloaded_ = true;
@@ -194,10 +194,10 @@ void Comparison::RunSequence()
         if (!isAllowed) {
             continue;
         }
-        const bool struckBefore = HasStruck();
+        const bool injectedBefore = IsInjected();
         Step step = Run(operation);
         const bool isEnd = operation.kind == Kind::kRemove || operation.kind == Kind::kUnload;
-        struckAtEnd_ |= isEnd && !struckBefore && HasStruck();
+        injectedAtEnd_ |= isEnd && !injectedBefore && IsInjected();
         const bool again =
             (operation.kind == Kind::kLoad || operation.kind == Kind::kAddDevice) && reference_.Allows(operation.kind);
         if (again && difference.empty()) {
@@ -240,7 +240,7 @@ Step Comparison::Run(const Operation& operation)
 {
     Step expected = reference_.Run(operation);
     // Where a platform function fails, the model knows already whether it does so in this operation.
-    const bool isCompared = !plan_.fault || plan_.isInTracing || reloaded_ || HasStruck();
+    const bool isCompared = !plan_.fault || plan_.isInTracing || reloaded_ || IsInjected();
     Step observed;
     try {
         observed = observed_->Run(operation, isCompared);
@@ -254,7 +254,7 @@ Step Comparison::Run(const Operation& operation)
     if (isCompared && (!plan_.isInTracing || reloaded_)) {
         Compare("reports", expected.reports, observed.reports, difference);  // else by all records, at the end
     } else if (isCompared && operation.kind == Kind::kUnload) {
-        expected.violations = TracingLeftovers(*plan_.fault, observed_->StruckCount());
+        expected.violations = TracingLeftovers(*plan_.fault, observed_->InjectedCount());
     }
     Compare("callbacks", expected.callbacks, observed.callbacks, difference);
     Compare("calls", expected.calls, observed.calls, difference);
@@ -266,7 +266,7 @@ Step Comparison::Run(const Operation& operation)
     if (expected.ends != observed.ends) {
         difference += expected.ends ? "\n    it should hang" : "\n    it hangs";
     }
-    if (!plan_.fault || reloaded_ || HasStruck()) {
+    if (!plan_.fault || reloaded_ || IsInjected()) {
         Alive expectedAlive = reference_.Alive();
         Alive observedAlive = observed_->Alive();
         if (!Alive::AreEqual(expectedAlive, observedAlive)) {

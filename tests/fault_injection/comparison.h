@@ -45,23 +45,23 @@ private:
         ReferenceModel reference;
     };
 
-    // The operation in which a fault strikes, and how often its function is called before that.
+    // The operation in which a fault is injected, and how often its function is called before that.
     [[nodiscard]] std::pair<std::size_t, unsigned> PlaceOf(const Fault& fault) const;
     void RunUpToFault();
     void RunSequence();
     Step Run(const Operation& operation);
     void CompareRecords();
     [[nodiscard]] std::string Where() const;  // the operation under way
-    [[nodiscard]] bool HasStruck() const
+    [[nodiscard]] bool IsInjected() const
     {
-        return plan_.isInTracing ? observed_->StruckCount() != 0 : reference_.struck() != 0;
+        return plan_.isInTracing ? observed_->InjectedCount() != 0 : reference_.injected() != 0;
     }
 
     const Plan& plan_;
-    Sequence sequence_;         // under way
-    std::size_t index_ = 0;     // in the sequence
-    bool reloaded_ = false;     // the fault is over, and the image has been loaded once more
-    bool struckAtEnd_ = false;  // by removal or unload
+    Sequence sequence_;           // under way
+    std::size_t index_ = 0;       // in the sequence
+    bool reloaded_ = false;       // the fault is over, and the image has been loaded once more
+    bool injectedAtEnd_ = false;  // by removal or unload
     ReferenceModel reference_;
     std::vector<Start> starts_;  // of a sequence without a fault, for each operation
     std::map<std::string, unsigned, std::less<>> tracingCalls_;

@@ -120,9 +120,9 @@ ObservedRun::~ObservedRun()
     machine().environment().SetObserver(nullptr);
 }
 
-unsigned ObservedRun::StruckCount() const
+unsigned ObservedRun::InjectedCount() const
 {
-    return const_cast<host::Machine&>(harness_.machine).faults().StruckCount();
+    return const_cast<host::Machine&>(harness_.machine).faults().InjectedCount();
 }
 
 void ObservedRun::OnCall(const host::ObservedCall& call)

@@ -48,7 +48,7 @@ public:
     Step Run(const Operation& operation, bool readsReports = true);
     [[nodiscard]] fault_injection::Alive Alive();
 
-    [[nodiscard]] unsigned StruckCount() const;
+    [[nodiscard]] unsigned InjectedCount() const;
     [[nodiscard]] const std::set<Site>& sites() const { return sites_; }
     [[nodiscard]] std::uint64_t calls() const { return callNumber_; }
     [[nodiscard]] host::Machine& machine() { return harness_.machine; }

@@ -72,7 +72,7 @@ public:
     Step Run(const Operation& operation);
     [[nodiscard]] fault_injection::Alive Alive() const;
 
-    [[nodiscard]] unsigned struck() const { return struck_; }
+    [[nodiscard]] unsigned injected() const { return injected_; }
 
 private:
     // A wait lock, released at the end of its block; a thread that hangs releases nothing.
@@ -114,7 +114,7 @@ private:
     };
 
     // ---- Calls that can fail ----
-    bool Strikes(const char* function, std::string_view detail, Forms forms);
+    bool Injects(const char* function, std::string_view detail, Forms forms);
     NTSTATUS Status(const char* function, Forms forms = kFailing);
     bool Gives(const char* function, std::string_view detail = {});
     bool HasContext(std::string_view type) { return Gives("WdfObjectGetTypedContextWorker", type); }
@@ -215,7 +215,7 @@ private:
     std::optional<Fault> fault_;
     std::map<std::string, unsigned, std::less<>> counts_;
     std::vector<Call>* calls_;
-    unsigned struck_ = 0;
+    unsigned injected_ = 0;
     Step step_;
 
     std::vector<std::weak_ptr<ModelObject>> objects_;

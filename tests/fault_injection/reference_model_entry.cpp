@@ -152,13 +152,13 @@ void ReferenceModel::Unload()
 void ReferenceModel::Open()
 {
     constexpr FaultKind kAllocating[] = {FaultKind::kError, FaultKind::kInforms, FaultKind::kNullOutput};
-    const bool strikes = Strikes("WdfObjectAllocateContext", "", kAllocating);
+    const bool isInjected = Injects("WdfObjectAllocateContext", "", kAllocating);
     NTSTATUS status = STATUS_SUCCESS;
-    if (strikes && fault_->form == FaultKind::kNullOutput) {
+    if (isInjected && fault_->form == FaultKind::kNullOutput) {
         Fail("9 NotifierEvtDeviceFileCreate: Received context pointer NULL from WdfObjectAllocateContext, "
              "<file object>",
              STATUS_IO_DEVICE_ERROR);
-    } else if (strikes) {
+    } else if (isInjected) {
         status = fault_->Status();
         Require(NT_SUCCESS(status), "1 NotifierEvtDeviceFileCreate: WdfObjectAllocateContext", status);
     }

@@ -7,7 +7,7 @@ namespace fault_injection {
 
 // ---- Calls that can fail ----
 
-bool ReferenceModel::Strikes(const char* function, std::string_view detail, Forms forms)
+bool ReferenceModel::Injects(const char* function, std::string_view detail, Forms forms)
 {
     const auto found = counts_.find(std::string_view(function));
     const unsigned number = found == counts_.end() ? counts_.emplace(function, 1).first->second - 1 : found->second++;
@@ -20,20 +20,20 @@ bool ReferenceModel::Strikes(const char* function, std::string_view detail, Form
             call.append(" ").append(detail);
         }
     }
-    const bool strikes = fault_ && fault_->function == function &&
-                         (number == fault_->index || (fault_->persistent && number > fault_->index));
-    struck_ += strikes ? 1 : 0;
-    return strikes;
+    const bool isInjected = fault_ && fault_->function == function &&
+                            (number == fault_->index || (fault_->persistent && number > fault_->index));
+    injected_ += isInjected ? 1 : 0;
+    return isInjected;
 }
 
 NTSTATUS ReferenceModel::Status(const char* function, Forms forms)
 {
-    return Strikes(function, "", forms) ? fault_->Status() : STATUS_SUCCESS;
+    return Injects(function, "", forms) ? fault_->Status() : STATUS_SUCCESS;
 }
 
 bool ReferenceModel::Gives(const char* function, std::string_view detail)
 {
-    return !Strikes(function, detail, kGiving);
+    return !Injects(function, detail, kGiving);
 }
 
 // What the caller makes of a status of the success class is the caller's: some go by the sign, some take only 0.
@@ -156,7 +156,7 @@ void ReferenceModel::FindDriverOfRun(const std::string& in, const std::string& w
 
 NTSTATUS ReferenceModel::Make(const char* function, const std::string& line, const std::string& detail)
 {
-    const NTSTATUS status = Strikes(function, detail, kMaking) ? fault_->Status() : STATUS_SUCCESS;
+    const NTSTATUS status = Injects(function, detail, kMaking) ? fault_->Status() : STATUS_SUCCESS;
     Require(NT_SUCCESS(status), line, status);
     return status;
 }

@@ -196,7 +196,7 @@ void DriverFixture::Lose(const char* function, const char* detail, unsigned skip
 
 void DriverFixture::EndFaults()
 {
-    EXPECT_GE(machine.faults().StruckCount(), faultsArmed_) << "a fault was never reached";
+    EXPECT_GE(machine.faults().InjectedCount(), faultsArmed_) << "a fault was never reached";
     faultsArmed_ = 0;
     machine.faults().Clear();
 }

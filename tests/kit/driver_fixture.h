@@ -129,7 +129,7 @@ public:
     void Fail(const char* function, NTSTATUS status, unsigned skip = 0);
     // ... returns NULL. Detail narrows typed-context look-ups to one context type.
     void Lose(const char* function, const char* detail = "", unsigned skip = 0, unsigned count = 1);
-    // Clears all faults; every one of them must have struck.
+    // Clears all faults; every one of them must have been injected.
     void EndFaults();
 
     // ---- Reports ----

@@ -138,7 +138,7 @@ TEST_P(Samples, FailedJoinLetsTheNotifierGo)
         machine.faults().Add({.function = function, .status = STATUS_INSUFFICIENT_RESOURCES});
         host::Driver& client = machine.Boot(SampleImage(GetParam().image, "zepn_client"), "client");
         machine.RunWorkItems();
-        EXPECT_EQ(machine.faults().StruckCount(), 1u);
+        EXPECT_EQ(machine.faults().InjectedCount(), 1u);
         machine.faults().Clear();
         notifier.SurpriseRemoveDevice();
         EXPECT_FALSE(notifier.RemoveDevice().parked);  // throws while a handle is open

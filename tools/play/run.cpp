@@ -276,7 +276,7 @@ void Run::ShowFindings()
 
 void Run::Disarm(const Step& step)
 {
-    if (step.fail && machine.faults().StruckCount() == 0) {
+    if (step.fail && machine.faults().InjectedCount() == 0) {
         AddFinding("the step never calls " + step.fail->call + ", which was to fail");
     }
     machine.faults().Clear();

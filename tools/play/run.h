@@ -97,7 +97,7 @@ public:
     void Arm(const Step& step);
     // After it: shows what the host and the peers found.
     void ShowFindings();
-    // At last: a fault that did not strike, a finding that did not come, and what was not shown, are findings too.
+    // At last: a fault that was not injected, a finding that did not come, and what was not shown, are findings too.
     void Disarm(const Step& step);
 
 private:

@@ -9,7 +9,7 @@ void StartsFirst(Run& run)
 {
     run.StartClient();
     run.StartNotifier();
-    run.ExpectJoined();
+    run.ExpectRegistered();
     run.RemoveClient();
     run.RemoveNotifier();
 }
@@ -18,7 +18,7 @@ void StartsLast(Run& run)
 {
     run.StartNotifier();
     run.StartClient();
-    run.ExpectJoined();
+    run.ExpectRegistered();
     run.RemoveClient();
     run.RemoveNotifier();
 }
@@ -34,7 +34,7 @@ void Converses(Run& run)
     run.StartNotifier();
     run.StartClient();
     run.Converse();
-    run.ExpectJoined();
+    run.ExpectRegistered();
     run.Converse();
     run.RemoveClient();
     run.Converse();  // whatever is left of it would be called now
@@ -55,7 +55,7 @@ void MeetsARefusal(Run& run)
     run.StartNotifier();
     run.StartClient();
     run.RefuseNotifierRemoval();
-    run.ExpectJoined();
+    run.ExpectRegistered();
     run.Converse();
     run.RemoveClient();
     run.RemoveNotifier();
@@ -76,7 +76,7 @@ void MeetsTheNextNotifier(Run& run)
     run.StartClient();
     run.RemoveNotifier();
     run.StartNotifier();
-    run.ExpectJoined();
+    run.ExpectRegistered();
     run.Converse();
     run.RemoveClient();
     run.RemoveNotifier();
@@ -87,7 +87,7 @@ void Sleeps(Run& run)
     run.StartNotifier();
     run.StartClient();
     run.Sleep();
-    run.ExpectJoined();
+    run.ExpectRegistered();
     run.Converse();
     run.RemoveClient();
     run.Sleep();
@@ -116,7 +116,7 @@ void ComesAgain(Run& run)
     run.StartNotifier();
     for (int turn = 0; turn < 2; ++turn) {
         run.StartClient();
-        run.ExpectJoined();
+        run.ExpectRegistered();
         run.RemoveClient();
     }
     run.RemoveNotifier();
@@ -200,7 +200,7 @@ void Watch(Run& run, Seen& seen)
 {
     run.StartNotifier();
     run.StartClient();
-    seen.joinedCount = run.CountJoined();
+    seen.registeredCount = run.CountRegistered();
     run.Converse();
     run.Converse();
     run.RemoveClient();

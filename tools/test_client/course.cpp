@@ -98,7 +98,7 @@ public:
                 TakeCase(each);
             }
         }
-        if (options_.only.empty() && report_.seen.joinedCount == 0 && !report_.seen.attaches) {
+        if (options_.only.empty() && report_.seen.registeredCount == 0 && !report_.seen.attaches) {
             Add("course", "registers with the Notifier, or attaches",
                 {{"the Notifier and " + setup_.ClientName() + " are up", "it does neither", {}}});
         }

@@ -105,9 +105,9 @@ std::vector<Finding> RunFault(const CourseSetup& setup, Seen& seen, const Fault&
     run.Allow(true);
     return FindingsOf(run, [&](Run& inner) {
         RunWhole(inner);
-        const bool hasStruck =
-            fault.IsOfNotifier() ? inner.calls.HasFailed() : inner.machine.faults().StruckCount() != 0;
-        if (!hasStruck) {
+        const bool isInjected =
+            fault.IsOfNotifier() ? inner.calls.HasFailed() : inner.machine.faults().InjectedCount() != 0;
+        if (!isInjected) {
             inner.AddFinding("the fault was never reached: the client's calls differ from run to run");
             return;
         }

@@ -137,7 +137,7 @@ void Run::RemoveNotifier()
     Call("plug and play", [&] { notifier_->SurpriseRemoveDevice(); });
     Settle();
     LetTimePass();
-    if (CountJoined() != 0) {
+    if (CountRegistered() != 0) {
         AddFinding(setup_.ClientName() +
                    " is still registered after it was notified that the Notifier's device is gone");
         throw Stopped();
@@ -259,19 +259,19 @@ void Run::RemoveClientAtOnce(unsigned workItems)
 
 // ---- What must be so ----
 
-int Run::CountJoined()
+int Run::CountRegistered()
 {
     if (notifier_ == nullptr) {
         return 0;
     }
     ULONG count = 0;
     Call("another driver", [&] { (void)wpcd_.Notifier_WpcdGetNumSubsystemDescriptors(&count); });
-    const int joined = static_cast<int>(count) - static_cast<int>(peers_.RegisteredCount());
-    if (joined < 0) {
+    const int registered = static_cast<int>(count) - static_cast<int>(peers_.RegisteredCount());
+    if (registered < 0) {
         AddFinding("it has deregistered another driver, which had registered under its GUID before it");
         throw Stopped();
     }
-    return joined;
+    return registered;
 }
 
 bool Run::IsAttached()
@@ -289,11 +289,11 @@ bool Run::IsAttached()
     return status == STATUS_OBJECT_NAME_EXISTS;
 }
 
-void Run::ExpectJoined()
+void Run::ExpectRegistered()
 {
-    const int joined = CountJoined();
-    if (seen_.joinedCount >= 0 && joined != seen_.joinedCount) {
-        AddFinding("registered are " + std::to_string(joined) + " of its " + std::to_string(seen_.joinedCount) +
+    const int registered = CountRegistered();
+    if (seen_.registeredCount >= 0 && registered != seen_.registeredCount) {
+        AddFinding("registered are " + std::to_string(registered) + " of its " + std::to_string(seen_.registeredCount) +
                    " clients");
     } else if (seen_.attaches && !IsAttached()) {
         AddFinding("it is not attached as crash-dump driver");
@@ -328,7 +328,7 @@ void Run::ExpectNoGrowth()
 
 void Run::ExpectGone()
 {
-    if (CountJoined() != 0) {
+    if (CountRegistered() != 0) {
         AddFinding("it is still registered with the Notifier, which goes on calling into the unloaded driver");
     } else if (seen_.attaches && IsAttached()) {
         AddFinding("it is still attached to the Notifier, which goes on calling into the unloaded driver");

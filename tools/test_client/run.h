@@ -60,9 +60,10 @@ public:
 
     // ---- What must be so ----
 
-    [[nodiscard]] int CountJoined();  // its clients that are registered now
-    void ExpectNoGrowth();            // when its peers do the same again and again
-    void ExpectJoined();  // as many of its clients are registered as when all is up, and it is attached if it attaches
+    [[nodiscard]] int CountRegistered();  // its clients that are registered now
+    void ExpectNoGrowth();                // when its peers do the same again and again
+    void
+    ExpectRegistered();  // as many of its clients are registered as when all is up, and it is attached if it attaches
 
     // ---- Faults ----
 

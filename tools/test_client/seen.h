@@ -64,10 +64,10 @@ struct Subscription {
 struct Seen {
     List<OwnClient> clients;
     List<Subscription> subscriptions;
-    List<Identity> targets;  // of its commands, also of refused ones
-    List<Text> parameters;   // registry values that it asked for
-    bool attaches = false;   // as the crash-dump driver
-    int joinedCount = -1;    // its clients that are registered when all is up; negative: not known
+    List<Identity> targets;    // of its commands, also of refused ones
+    List<Text> parameters;     // registry values that it asked for
+    bool attaches = false;     // as the crash-dump driver
+    int registeredCount = -1;  // its clients that are registered when all is up; negative: not known
 };
 
 }  // namespace test_client
