@@ -27,9 +27,10 @@ endfunction()
 #
 # zepn_precompile(target [more headers]): these, and what most of our sources include.
 function(zepn_precompile target)
+    cmake_path(GET CMAKE_CURRENT_FUNCTION_LIST_DIR PARENT_PATH root)  # also where the host is part of another project
     target_precompile_headers(${target} PRIVATE <algorithm> <array> <filesystem> <fstream> <functional> <map> <memory>
         <mutex> <optional> <set> <sstream> <string> <thread> <vector> ${ARGN}
-        "${CMAKE_SOURCE_DIR}/host/machine.h" "${CMAKE_SOURCE_DIR}/host/tracing/decode.h")
+        "${root}/host/machine.h" "${root}/host/tracing/decode.h")
     target_compile_options(${target} PRIVATE "SHELL:-Xclang -fno-pch-timestamp")
 endfunction()
 

@@ -125,7 +125,7 @@ TEST(CourseOfAFaultyClient, FindsEachMistake)
         {Mistake::kWorksAfterLeaving,
          "is removed while work is queued",
          {"It is sent states, and removed", "dead handle: Notifier_HelperSendState", "!OnWork (faulty_client.cpp:"}},
-        {Mistake::kTrustsAllocation, "ExAllocatePoolWithTag, call 1, by ", {"FillNewBlock"}},
+        {Mistake::kTrustsAllocation, "ExAllocatePoolWithTag (non-paged), call 1, by ", {"FillNewBlock"}},
         {Mistake::kForgetsFailedStart,
          "Notifier_HelperRegisterForStateNotification, call 1: ",
          {"is still registered"}},
