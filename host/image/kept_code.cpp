@@ -8,16 +8,12 @@
 namespace host::image {
 namespace {
 
-struct Kept {
-    std::filesystem::file_time_type written;
-    Mapping mapping;
-};
 std::mutex g_mutex;
 
-std::map<std::filesystem::path, Kept>& AllKept()
+std::map<std::filesystem::path, Mapping>& AllKept()
 {
     static auto* const all =
-        new std::map<std::filesystem::path, Kept>;  // the last machine may end after all that is static
+        new std::map<std::filesystem::path, Mapping>;  // the last machine may end after all that is static
     return *all;
 }
 
@@ -30,19 +26,19 @@ std::optional<Mapping> TakeKeptCode(const std::filesystem::path& file)
     if (found == AllKept().end()) {
         return std::nullopt;
     }
-    const Kept kept = found->second;
+    const Mapping kept = found->second;
     AllKept().erase(found);
     if (kept.written == std::filesystem::last_write_time(file)) {
-        return kept.mapping;
+        return kept;
     }
-    munmap(kept.mapping.reserved, kept.mapping.reservedSize);
+    munmap(kept.reserved, kept.reservedSize);
     return std::nullopt;
 }
 
 void KeepCode(const std::filesystem::path& file, const Mapping& mapping)
 {
     const std::lock_guard lock(g_mutex);
-    if (!AllKept().try_emplace(file, Kept{std::filesystem::last_write_time(file), mapping}).second) {
+    if (!AllKept().try_emplace(file, mapping).second) {
         munmap(mapping.reserved, mapping.reservedSize);
     }
 }

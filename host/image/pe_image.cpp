@@ -58,7 +58,7 @@ public:
         }
         if (environment_.options.keepsCode) {
             ProtectData(PROT_NONE);
-            KeepCode(path_, {reserved_, reservedSize_, base_});
+            KeepCode(path_, {reserved_, reservedSize_, base_, written_});
         } else {
             Unmap();
         }
@@ -90,6 +90,9 @@ public:
 private:
     void Map()
     {
+        if (environment_.options.keepsCode) {
+            written_ = std::filesystem::last_write_time(path_);
+        }
         if (const auto kept = environment_.options.keepsCode ? TakeKeptCode(path_) : std::nullopt) {
             reserved_ = kept->reserved;
             reservedSize_ = kept->reservedSize;
@@ -372,6 +375,7 @@ private:
     std::size_t reservedSize_ = 0;
     std::uint8_t* base_ = nullptr;
     bool keepMapped_ = false;
+    std::filesystem::file_time_type written_;
     bool hasCode_ = false;  // kept from an earlier load
     MissingStubs stubs_;
     CallFrames frames_;
