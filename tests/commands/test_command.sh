@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# ./zepn test itself, in a small project of its own: what it lists, refuses, builds, runs, counts, shows and does not run
-# again. CMake is played by a script that notes what is to be built; CTest is the real one, and its cases note that they
-# ran: test_command.sh ROOT BUILD_FOLDER
+# ./zepn test itself, in a small project of its own: what it lists, refuses, builds, runs, counts, shows and does not
+# run again. CMake is played by a script that notes what is to be built; CTest is the real one, and its cases note that
+# they ran: test_command.sh ROOT BUILD_FOLDER
 set -euo pipefail
 # A commit hook runs it too: the variables that git sets for its hooks name another repository.
 unset "${!GIT_@}"
@@ -231,7 +231,8 @@ if grep -q 'left to' "$folder/output"; then fail "--all leaves something"; fi
 
 # ---- Under emulation ----
 
-# Of a program that runs as a whole once, who passed there is done; all others run alone, and end as they end then.
+# Of a program that runs as a whole once, who passed there is done; all others run alone, and end as they end then. Who
+# failed there has failed.
 cat > "$folder/bin/emulator" <<SCRIPT
 #!/bin/sh
 echo "\$2" >> '$folder/ran'
@@ -240,19 +241,20 @@ case "\$3" in
 *) [ "\$2" != --gtest_filter=Loud.Fails ] ;;
 esac << TEXT
 <testsuites><testcase classname="Loud" name="Works" result="completed"/><testcase classname="Loud" name="Rests" \
-result="skipped"/><testcase classname="Loud" name="Fails" result="completed"><failure/></testcase></testsuites>
+result="skipped"/><testcase classname="Loud" name="Fails" result="completed"><failure/></testcase><testcase \
+classname="Loud" name="FailsAmongOthers" result="completed"><failure/></testcase></testsuites>
 TEXT
 SCRIPT
 chmod +x "$folder/bin/emulator"
 mkdir "$folder/batch"
 rm -f "$folder/ran"
-for end in Works/0 Fails/1 Rests/0 IsMissing/0 Works/0; do
+for end in Works/0 Fails/1 FailsAmongOthers/1 Rests/0 IsMissing/0 Works/0; do
     name=${end%/*} status=0
     ZEPN_BATCH=$folder/batch "$root/tests/kit/emulated.sh" "$folder/bin/emulator" loud_tests "--gtest_filter=Loud.$name" \
         > /dev/null || status=$?
     [ "$name/$status" = "$end" ] || fail "$name ended with $status"
 done
-ran "--gtest_filter=-On/* --gtest_filter=Loud.Fails --gtest_filter=Loud.IsMissing --gtest_filter=Loud.Rests"
+ran "--gtest_filter=-On/* --gtest_filter=Loud.Fails --gtest_filter=Loud.FailsAmongOthers --gtest_filter=Loud.IsMissing --gtest_filter=Loud.Rests"
 
 # ---- Checking ----
 
