@@ -29,6 +29,28 @@ TEST_P(States, AnAnswerIsTheStateAtOnce)
     EXPECT_EQ(seenState, 8u);
 }
 
+TEST_P(States, AnAnswerToOneSubscriptionIsNoneToTheNext)
+{
+    Peer& poster = Join(1);
+    Peer& subscriber = Join(2);
+    Peer& watcher = Join(3);
+    ASSERT_EQ(Subscribe(watcher, subscriber, ZEP_STATE_ANY), STATUS_SUCCESS);
+    ASSERT_EQ(Subscribe(subscriber, poster, 4), STATUS_SUCCESS);
+    ASSERT_EQ(Subscribe(subscriber, poster, ZEP_STATE_ANY), STATUS_SUCCESS);
+    std::vector<ULONG> atEntry;
+    subscriber.onState = [&](const ZepState&, ULONG& response) {
+        atEntry.push_back(response);
+        if (atEntry.size() == 1) {
+            response = 8;  // and the second callback leaves it alone
+        }
+    };
+    watcher.deliveries.clear();
+    ASSERT_EQ(Post(poster, 4), STATUS_SUCCESS);
+    Deliver();
+    EXPECT_EQ(atEntry, (std::vector<ULONG>{0, 0}));
+    EXPECT_EQ(watcher.deliveries.size(), 1u);
+}
+
 TEST_P(Hangs, OfAPostFromInsideACallbackStopDelivery)
 {
     DriverFixture fixture(GetParam(), {.records = false});
