@@ -50,7 +50,7 @@ int main(int argumentCount, char** arguments)
     std::string chosen;
 
     CLI::App app{"Mutates files and gives them to the programs that read them."};
-    app.add_option("--seed", budget.seed, "the row of files (default: another each time)");
+    app.add_option("--seed", budget.seed, "the row of files (default: another each time)")->check(tools::Unsigned());
     CLI::Option* seconds = app.add_option("--seconds", budget.seconds, "how long for all kinds (default: 60)")
                                ->check(CLI::Range(0.1, 1e7));
     app.add_option("--count", budget.files, "how many files of each kind at most")
@@ -75,5 +75,5 @@ int main(int argumentCount, char** arguments)
         std::cerr << "zepn-fuzz-files: " << error.what() << "\n";
         return tools::kBadInput;
     }
-    return good ? 0 : kWentWrong;
+    return tools::EndWith(app, good ? 0 : kWentWrong);
 }

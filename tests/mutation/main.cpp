@@ -77,13 +77,13 @@ int main(int argumentCount, char** arguments)
     CLI::App app{"Puts one small fault at a time into the native driver and sees whether a test fails."};
     app.add_option("count", plan.wanted, "how many mutants that count (default: 200)")
         ->check(CLI::Range(std::size_t{1}, std::size_t{1'000'000}));
-    app.add_option("--seed", plan.seed, "which ones are drawn (default: others each time)");
+    app.add_option("--seed", plan.seed, "which ones are drawn (default: others each time)")->check(tools::Unsigned());
     app.add_option("--in", place, "only those of FILE or FILE:LINE, or those that " + std::string(kList) + " lists");
     if (const auto status = tools::ReadCommandLine(app, argumentCount, arguments)) {
         return *status;
     }
     try {
-        return RunMutants(plan, place);
+        return tools::EndWith(app, RunMutants(plan, place));
     } catch (const std::exception& error) {
         std::cerr << "zepn-mutants: " << error.what() << "\n";
         return tools::kBadInput;
