@@ -32,7 +32,9 @@
 //   queued before the lock is released. The answers to a command, to an application-state change and to the first state
 //   of a subscription are posted after the callback has returned, without the lock: a client that deregisters at that
 //   moment is used after its memory is freed. A client that may deregister at any time does not change the values, but
-//   posts from a thread of its own, under a lock that it also holds while it deregisters (docs/clients.md, section 5).
+//   posts from a thread of its own, under a lock that it also holds while it deregisters. If such a post may come while
+//   AppsStateNotificationCallback runs, it is registered without that callback: a state posted meanwhile makes the
+//   unchanged value an answer (docs/clients.md, section 5).
 // - Once Notifier_HelperClientDeinit has returned, the Notifier calls none of the client's callbacks any more. The
 //   crash-dump driver still can: the descriptor hands it AppsStateNotificationCallback and the descriptor callbacks,
 //   and it is notified of the removal late or never. Agree with it when it stops, before the code is unloaded.
