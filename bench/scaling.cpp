@@ -1,6 +1,6 @@
-// Scaling: the time of a post and of a delivery against the number of clients, of subscriptions, of queued states and of
-// posting threads, as a fitted exponent: 1 is linear. The host finds an item of a collection at once, so the times are
-// not the platform's: there every look-up by index walks a list. The delivery path counts those steps.
+// Scaling: the time of a post and of a delivery against the number of clients, of subscriptions, of queued states and
+// of posting threads, as a fitted exponent: 1 is linear. The host finds an item of a collection at once, so the times
+// are not the platform's: there every look-up by index walks a list. The delivery path counts those steps.
 #include "bench/sections.h"
 #include "bench/fixture.h"
 #include "bench/timing.h"

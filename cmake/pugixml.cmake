@@ -1,6 +1,6 @@
-# The library that reads the event manifest: the target xml. A cross build needs it for the other machine: Debian has it,
-# in a package of that architecture, which is unpacked into the build folder, so that this machine's own package system
-# need not learn of a second architecture.
+# The library that reads the event manifest: the target xml. A cross build needs it for the other machine: Debian has
+# it, in a package of that architecture, which is unpacked into the build folder, so that this machine's own package
+# system need not learn of a second architecture.
 if(CMAKE_CROSSCOMPILING)
     set(package ${CMAKE_BINARY_DIR}/packages)
     set(library ${package}/usr/lib/aarch64-linux-gnu/libpugixml.a)

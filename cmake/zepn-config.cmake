@@ -1,4 +1,5 @@
-# For projects of client drivers: builds a client as the Notifier itself is built, and tests it beside the real zepn.sys.
+# For projects of client drivers: builds a client as the Notifier itself is built, and tests it beside the real
+# zepn.sys.
 #
 #     find_package(zepn REQUIRED)
 #     zepn_add_client(fan SOURCES fan.c)
@@ -133,8 +134,8 @@ function(zepn_add_client name)
         PREFIX "" OUTPUT_NAME ${name} SUFFIX .so LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/native)
 endfunction()
 
-# One machine's image. By commands of its own: the project's compilers are those of this machine. Objects and outputs are
-# named from the folder where each command runs, so that no path of this machine gets into the PDB.
+# One machine's image. By commands of its own: the project's compilers are those of this machine. Objects and outputs
+# are named from the folder where each command runs, so that no path of this machine gets into the PDB.
 function(zepn_add_client_image machine)
     set(folder ${CMAKE_CURRENT_BINARY_DIR}/${machine})
     set(objects ${CMAKE_CURRENT_BINARY_DIR}/${name}_${machine}_objects)
@@ -224,8 +225,8 @@ function(zepn_add_course_program)
     zepn_unite(zepn-test-client)
 endfunction()
 
-# zepn_add_client_course(name CLIENT client [ARGUMENTS argument...]): CTest runs the course on the client's image for this
-# machine and, as <name>_module, on its native module. The arguments are those of ./zepn test-client.
+# zepn_add_client_course(name CLIENT client [ARGUMENTS argument...]): CTest runs the course on the client's image for
+# this machine and, as <name>_module, on its native module. The arguments are those of ./zepn test-client.
 function(zepn_add_client_course name)
     cmake_parse_arguments(PARSE_ARGV 1 course "" "CLIENT" "ARGUMENTS")
     if(NOT course_CLIENT OR course_UNPARSED_ARGUMENTS)
@@ -238,9 +239,9 @@ function(zepn_add_client_course name)
     add_test(NAME ${name}_module COMMAND zepn-test-client $<TARGET_FILE:${course_CLIENT}_native> ${arguments})
 endfunction()
 
-# zepn_add_client_test(name CLIENT client SOURCES source...): a GoogleTest program of which CTest knows. Its sources find
-# as text: ZEPN_NOTIFIER_IMAGE, the real Notifier; CLIENT_IMAGE, the client's image for this machine; CLIENT_MODULE, its
-# native module.
+# zepn_add_client_test(name CLIENT client SOURCES source...): a GoogleTest program of which CTest knows. Its sources
+# find as text: ZEPN_NOTIFIER_IMAGE, the real Notifier; CLIENT_IMAGE, the client's image for this machine;
+# CLIENT_MODULE, its native module.
 function(zepn_add_client_test name)
     cmake_parse_arguments(PARSE_ARGV 1 test "" "CLIENT" "SOURCES")
     if(NOT test_SOURCES OR NOT test_CLIENT OR test_UNPARSED_ARGUMENTS)
@@ -290,8 +291,8 @@ function(zepn_add_player)
     zepn_unite(zepn-play)
 endfunction()
 
-# zepn_add_client_scenario(name CLIENT client FILE scenario): CTest plays the scenario on the Notifier's image, the client
-# as its image for this machine and, as <name>_module, as its native module.
+# zepn_add_client_scenario(name CLIENT client FILE scenario): CTest plays the scenario on the Notifier's image, the
+# client as its image for this machine and, as <name>_module, as its native module.
 function(zepn_add_client_scenario name)
     cmake_parse_arguments(PARSE_ARGV 1 scenario "" "CLIENT;FILE" "")
     if(NOT scenario_CLIENT OR NOT scenario_FILE OR scenario_UNPARSED_ARGUMENTS)

@@ -110,8 +110,8 @@ public:
     // Called for every call that an injected fault makes fail; empty by default.
     std::function<void(const checks::Fault& fault, const void* caller)> onFault;
 
-    // Called when a driver has got the function table of another, with the table in that driver's memory: what is put into
-    // it now, the driver calls. Empty by default.
+    // Called when a driver has got the function table of another, with the table in that driver's memory: what is put
+    // into it now, the driver calls. Empty by default.
     std::function<void(const GUID& type, std::span<std::byte> table)> onInterface;
 
     // The block that an address was in, when that was freed not long ago. For the fault handler: never waits.

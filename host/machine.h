@@ -91,8 +91,8 @@ public:
     [[nodiscard]] std::vector<std::string> DebugOutput() const;
     [[nodiscard]] std::string ServiceAt(const void* address) const;
 
-    // The machine's clock, in 100 ns units since boot. It moves on by the delays that drivers ask for, and by AdvanceClock;
-    // what is due meanwhile runs on this thread.
+    // The machine's clock, in 100 ns units since boot. It moves on by the delays that drivers ask for, and by
+    // AdvanceClock; what is due meanwhile runs on this thread.
     [[nodiscard]] std::int64_t Now() const;
     void AdvanceClock(std::chrono::nanoseconds duration);
 

@@ -156,7 +156,8 @@ run_group() {
     fi
 }
 
-# remove_statistics PRESET LABELS, show_statistics PRESET LABELS: what the group's cases leave in statistics/, by container.
+# remove_statistics PRESET LABELS, show_statistics PRESET LABELS: what the group's cases leave in statistics/, by
+# container.
 remove_statistics() {
     local folder=$root/build/$1/statistics
     rm -f "$folder"/{model,fault-injection}-"$2"*.txt "$folder/concurrency/$2,"*

@@ -59,8 +59,8 @@ inline constexpr ZEP_NOTIFIER_LOCK_RANK kLockOrder[] = {
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(ZEP_NOTIFIER_DRIVER_CONTEXT, GetDriverContext)
 
-// Two locks for the WDK's analysis, where the driver context is not at hand. Nobody defines or reads them: who holds the
-// lock itself states by _Analysis_assume_same_lock_ that it is this one.
+// Two locks for the WDK's analysis, where the driver context is not at hand. Nobody defines or reads them: who holds
+// the lock itself states by _Analysis_assume_same_lock_ that it is this one.
 extern const WDFWAITLOCK ClientsLock;
 extern const WDFWAITLOCK GeneralLock;
 

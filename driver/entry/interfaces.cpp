@@ -16,7 +16,8 @@ static void NTAPI NoReference(PVOID)
 {
 }
 
-// The functions are left to the caller. Peers get a byte copy of the table, so its padding must not carry stack contents.
+// The functions are left to the caller. Peers get a byte copy of the table, so its padding must not carry stack
+// contents.
 template <class Table>
 static void BeginTable(Table& table, WDFDEVICE device)
 {

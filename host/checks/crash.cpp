@@ -1,7 +1,7 @@
 // The handler runs on an alternate stack, because a driver that ran out of stack faults too. It uses ordinary memory
 // and locks, which is safe while driver code faults and may hang when the host itself does; an alarm ends the process
-// then. It may be entered anew while it prints the crash contexts: each is removed before it is printed, so that it comes
-// to an end.
+// then. It may be entered anew while it prints the crash contexts: each is removed before it is printed, so that it
+// comes to an end.
 #include "host/checks/crash.h"
 
 #include "host/checks/call_path.h"
@@ -70,7 +70,8 @@ const void* ProgramCounter(const void* context)
 #endif
 }
 
-// A call that led into memory that is no code: puts the thread back into the call's instruction. Nothing was pushed since.
+// A call that led into memory that is no code: puts the thread back into the call's instruction. Nothing was pushed
+// since.
 void UndoCall(void* context)
 {
     auto* state = static_cast<ucontext_t*>(context);

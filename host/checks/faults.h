@@ -47,8 +47,8 @@ public:
     // How many calls the faults have made fail since the last Clear. A test asserts that its fault was injected.
     [[nodiscard]] unsigned InjectedCount() const;
 
-    // Asked by every platform call with its name, where it was called from, which is looked up only for faults that want
-    // to know, and its detail.
+    // Asked by every platform call with its name, where it was called from, which is looked up only for faults that
+    // want to know, and its detail.
     [[nodiscard]] std::optional<Fault> Inject(const char* function, const std::function<CallSite()>& site,
                                               const char* detail);
 

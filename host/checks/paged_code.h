@@ -1,5 +1,5 @@
-// Where images have code that may be paged out: their sections whose names begin with PAGE. Such code must not run above
-// APC_LEVEL.
+// Where images have code that may be paged out: their sections whose names begin with PAGE. Such code must not run
+// above APC_LEVEL.
 #pragma once
 
 #include <cstddef>

@@ -1,8 +1,8 @@
 // Events and the waits for them.
 //
-// Anybody may set an event, so every thread that runs may end a wait for one; the wait is without an end when none of them
-// can go on. With pumped work items nothing runs by itself: a wait then gives queued work and timers their turns, and
-// when nothing is left the clock moves on to the time-out. Otherwise a time-out takes its real time.
+// Anybody may set an event, so every thread that runs may end a wait for one; the wait is without an end when none of
+// them can go on. With pumped work items nothing runs by itself: a wait then gives queued work and timers their turns,
+// and when nothing is left the clock moves on to the time-out. Otherwise a time-out takes its real time.
 #include "host/framework/framework.h"
 #include "host/schedule/yield.h"
 

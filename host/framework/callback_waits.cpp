@@ -1,6 +1,6 @@
-// Callback routines are called like all other driver code. ExUnregisterCallback waits for the routine that it unregisters. The wait stands in one graph with those for wait locks,
-// work items and requests, so that one without an end is found here too: a routine that unregisters itself, or one whose
-// thread is parked.
+// Callback routines are called like all other driver code. ExUnregisterCallback waits for the routine that it
+// unregisters. The wait stands in one graph with those for wait locks, work items and requests, so that one without an
+// end is found here too: a routine that unregisters itself, or one whose thread is parked.
 #include "host/framework/framework.h"
 
 namespace host::framework {

@@ -1,6 +1,6 @@
-// What the framework's loader has for class extensions, which this host does not play: a client of one is refused by the
-// extension's name, as on a system where it is not installed. Entry stubs of the WDK import all of these, and call them
-// only for such clients.
+// What the framework's loader has for class extensions, which this host does not play: a client of one is refused by
+// the extension's name, as on a system where it is not installed. Entry stubs of the WDK import all of these, and call
+// them only for such clients.
 #include "host/framework/framework.h"
 #include "host/image/exports.h"
 

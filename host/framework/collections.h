@@ -1,7 +1,7 @@
 // Collections: ordered, with duplicates, one reference for each entry.
 //
-// The framework's mutex guards them, and each has a lock besides, its slot's, for those who take only that: items change
-// under both, so either is enough to look.
+// The framework's mutex guards them, and each has a lock besides, its slot's, for those who take only that: items
+// change under both, so either is enough to look.
 #pragma once
 
 #include "host/framework/handle_table.h"

@@ -30,8 +30,8 @@ struct InterfaceChangeRecord {
     bool enabled;
 };
 
-// A driver that is loaded, from its image to its framework objects. What the driver's calls may change is guarded by the
-// framework's mutex; the image and its status belong to who loads and unloads.
+// A driver that is loaded, from its image to its framework objects. What the driver's calls may change is guarded by
+// the framework's mutex; the image and its status belong to who loads and unloads.
 struct DriverInstance {
     std::string service;
     std::unique_ptr<image::LoadedImage> image;  // null after the unload and after a failed entry

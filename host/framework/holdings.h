@@ -18,8 +18,8 @@ struct Holding {
     checks::Addresses madeBy;  // of the first; the last address lies in the driver
 };
 
-// The driver's objects and pool blocks, those of one kind from one place together. What the framework made for it is not
-// among them. Takes the mutex.
+// The driver's objects and pool blocks, those of one kind from one place together. What the framework made for it is
+// not among them. Takes the mutex.
 [[nodiscard]] std::vector<Holding> HoldingsOf(Framework& framework, const DriverInstance& driver);
 
 }  // namespace host::framework

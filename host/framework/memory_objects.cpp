@@ -1,5 +1,5 @@
-// Memory objects. Their buffers are blocks of the pool like those that a driver allocates itself: counted by tag, guarded
-// at their ends, and gone with the object.
+// Memory objects. Their buffers are blocks of the pool like those that a driver allocates itself: counted by tag,
+// guarded at their ends, and gone with the object.
 #include "host/framework/memory_objects.h"
 
 #include "host/framework/functions.h"

@@ -94,7 +94,8 @@ public:
     // After the children are disposed, before the clean-up callbacks: waits for what is under way, closes what is open.
     // The lock is released meanwhile.
     virtual void OnDispose(Framework& /*framework*/, std::unique_lock<std::mutex>& /*lock*/) {}
-    // When an object that was deleted itself, not with its parent, and all below it have given up their creation references.
+    // When an object that was deleted itself, not with its parent, and all below it have given up their creation
+    // references.
     virtual void OnFinished(Framework& /*framework*/, std::unique_lock<std::mutex>& /*lock*/) {}
     // After the destroy callbacks: gives up what it holds of others.
     virtual void OnDestroy(Framework& /*framework*/, std::unique_lock<std::mutex>& /*lock*/) {}

@@ -1,6 +1,6 @@
-// The buffers of an I/O control, as the I/O manager passes them on by the method of its code. Buffered: one system buffer
-// that holds the input first and the output later. Direct: a system buffer for the input, and the sender's own for the
-// output. Neither: addresses that only the sender knows.
+// The buffers of an I/O control, as the I/O manager passes them on by the method of its code. Buffered: one system
+// buffer that holds the input first and the output later. Direct: a system buffer for the input, and the sender's own
+// for the output. Neither: addresses that only the sender knows.
 #pragma once
 
 #include "host/framework/lent_buffer.h"

@@ -1,6 +1,7 @@
 // Requests and file objects: opening, I/O controls through the default queue, closing; and completion with its checks.
 //
-// Delivery is in the caller's thread, inside a critical region. A request object exists until its sender has its result.
+// Delivery is in the caller's thread, inside a critical region. A request object exists until its sender has its
+// result.
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 

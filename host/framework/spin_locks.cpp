@@ -1,5 +1,5 @@
-// Spin locks. Who holds one runs at DISPATCH_LEVEL, so each platform function that it calls meanwhile says whether it may
-// be called there. The host waits where a real processor would spin, and knows the holder.
+// Spin locks. Who holds one runs at DISPATCH_LEVEL, so each platform function that it calls meanwhile says whether it
+// may be called there. The host waits where a real processor would spin, and knows the holder.
 #include "host/framework/spin_locks.h"
 
 #include "host/framework/functions.h"

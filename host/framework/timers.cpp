@@ -17,7 +17,8 @@ namespace {
 
 void Expire(Framework& framework, WDFOBJECT handle, kernel::TimeUnits moment);
 
-// A timer is never due in the very moment in which it is started, or one that starts itself would hold the clock for ever.
+// A timer is never due in the very moment in which it is started, or one that starts itself would hold the clock for
+// ever.
 void Queue(Framework& framework, TimerObject& timer, kernel::TimeUnits moment)
 {
     kernel::Clock& clock = framework.kernel.clock;
@@ -116,8 +117,8 @@ void Expire(Framework& framework, WDFOBJECT handle, kernel::TimeUnits moment)
     }
 }
 
-// Until no callback of the timer is queued or running. A queued one is run here: its system thread may be one that waits
-// for this thread.
+// Until no callback of the timer is queued or running. A queued one is run here: its system thread may be one that
+// waits for this thread.
 void WaitForRuns(Framework& framework, std::unique_lock<std::mutex>& lock, TimerObject& timer, const char* function,
                  const void* caller)
 {

@@ -1,4 +1,5 @@
-// Work items: the calls of the table, and the disposal, which drops later enqueues and waits for what is queued or running.
+// Work items: the calls of the table, and the disposal, which drops later enqueues and waits for what is queued or
+// running.
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 

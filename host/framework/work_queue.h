@@ -1,5 +1,5 @@
-// What runs at PASSIVE_LEVEL on threads of the host, either when asked to or at once: work items, and what the framework
-// itself leaves to a system thread, disposals above all.
+// What runs at PASSIVE_LEVEL on threads of the host, either when asked to or at once: work items, and what the
+// framework itself leaves to a system thread, disposals above all.
 #pragma once
 
 #include "host/framework/object.h"

@@ -1,5 +1,5 @@
-// The frames of an image's functions, registered with this system's own unwinder: the walk over a thread's stack then goes
-// through images as it goes through the host, and so does an exception.
+// The frames of an image's functions, registered with this system's own unwinder: the walk over a thread's stack then
+// goes through images as it goes through the host, and so does an exception.
 //
 // A translator describes one function after the other, as call frame information of DWARF, from what the image's unwind
 // tables say of its prologue.

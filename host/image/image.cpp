@@ -3,7 +3,8 @@
 #include <array>
 #include <fstream>
 
-// Does nothing: a debugger stops here to learn where a PE image lies, whose symbols it must be given (docs/debugging.md).
+// Does nothing: a debugger stops here to learn where a PE image lies, whose symbols it must be given
+// (docs/debugging.md).
 extern "C" [[gnu::noinline]] void zepn_image_loaded(const char* name, const void* base)
 {
     asm volatile("" : : "r"(name), "r"(base));

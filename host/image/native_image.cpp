@@ -67,8 +67,8 @@ bool IsTraced()
     return tracer != 0;
 }
 
-// Whether a copy must be found again by its path, with symbols: for a debugger, and for a sanitizer's reports, which name
-// functions and lines of the first drivers that a process loads. Thousands of whole copies would fill the memory.
+// Whether a copy must be found again by its path, with symbols: for a debugger, and for a sanitizer's reports, which
+// name functions and lines of the first drivers that a process loads. Thousands of whole copies would fill the memory.
 bool IsReadByOthers()
 {
     if constexpr (kStaysLoaded) {

@@ -10,7 +10,8 @@
 
 namespace host::image {
 
-// Clients of the framework's first versions bring the table itself, for the framework to fill; they know so few functions.
+// Clients of the framework's first versions bring the table itself, for the framework to fill; they know so few
+// functions.
 inline constexpr std::uint32_t kLastCountWithOwnTable = 438;
 
 // What the bind record says; offsets are from the image's base.
@@ -27,8 +28,8 @@ struct FunctionTablePlace {
 [[nodiscard]] std::optional<FunctionTablePlace> FindFunctionTable(std::span<const std::uint8_t> image,
                                                                   std::uint64_t base);
 
-// Adds the entries that code at this offset reads. Only what is certain: each was reached from the read of the variable,
-// instruction by instruction, in a register that nothing wrote meanwhile.
+// Adds the entries that code at this offset reads. Only what is certain: each was reached from the read of the
+// variable, instruction by instruction, in a register that nothing wrote meanwhile.
 namespace x64 {
 void AddEntriesRead(std::span<const std::uint8_t> code, std::uint32_t offset, const FunctionTablePlace& place,
                     std::set<std::uint32_t>& entries);

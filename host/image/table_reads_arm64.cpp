@@ -1,7 +1,7 @@
-// On ARM64 the address of the variable is made in a register, often once for a whole function, and every instruction has
-// four bytes. So each register's value is followed through the code, along its branches too, and not past the end of a
-// path. A value counts when there is one way on which it is certain, for then the code reads what it says. What a branch
-// backwards brings is known when the code is gone through again.
+// On ARM64 the address of the variable is made in a register, often once for a whole function, and every instruction
+// has four bytes. So each register's value is followed through the code, along its branches too, and not past the end
+// of a path. A value counts when there is one way on which it is certain, for then the code reads what it says. What a
+// branch backwards brings is known when the code is gone through again.
 #include "host/image/table_reads.h"
 
 #include <array>

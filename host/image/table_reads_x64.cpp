@@ -1,6 +1,6 @@
-// On x64 code reads the variable by its distance from the instruction, which no other bytes have by chance, and the entry
-// soon after. From there instructions are decoded one by one, as far as they are of the kinds that compilers put between
-// the two; any other ends the search.
+// On x64 code reads the variable by its distance from the instruction, which no other bytes have by chance, and the
+// entry soon after. From there instructions are decoded one by one, as far as they are of the kinds that compilers put
+// between the two; any other ends the search.
 #include "host/image/table_reads.h"
 
 #include <cstring>
@@ -138,8 +138,8 @@ class Walk {
 public:
     Walk(const Code& code, std::size_t at, unsigned table) : code_(code), at_(at), table_(table) {}
 
-    // The displacement of the next entry that is read; empty when the register is needed for something else first, or the
-    // way ends.
+    // The displacement of the next entry that is read; empty when the register is needed for something else first, or
+    // the way ends.
     std::optional<std::int32_t> NextRead()
     {
         for (; count_ < kBetweenMaximum; ++count_) {

@@ -1,6 +1,6 @@
 // Unwind tables of ARM64 images (.pdata and .xdata). A prologue is listed backwards, one code for each instruction; a
-// usual one is packed into its entry of the table instead. Epilogues and vector registers are left out: no frame address
-// is made of these, and nothing is called from those.
+// usual one is packed into its entry of the table instead. Epilogues and vector registers are left out: no frame
+// address is made of these, and nothing is called from those.
 #include "host/image/unwind_tables.h"
 
 #include <algorithm>

@@ -141,7 +141,8 @@ int NTAPI_VARIADIC PrintUpToS(T* to, size_t capacity, size_t count, const T* for
 
 // ---- What the compiler calls by itself ----
 
-// Touches the pages of a large frame; sizes come in registers that nothing else may change. Stacks here are mapped whole.
+// Touches the pages of a large frame; sizes come in registers that nothing else may change. Stacks here are mapped
+// whole.
 __attribute__((naked)) void CheckStack()
 {
     asm("ret");

@@ -1,6 +1,6 @@
 // Systematic concurrency testing: decides which thread of driver code goes on, at every platform call where that may
-// matter and in every callback of a client (the scheduling points), and runs the schedules of a few threads one after the
-// other, so that a race is found by search, not by chance, and can be replayed.
+// matter and in every callback of a client (the scheduling points), and runs the schedules of a few threads one after
+// the other, so that a race is found by search, not by chance, and can be replayed.
 //
 //     ControlledScheduler scheduler(machine options ...);
 //     while (scheduler.Next()) {
@@ -9,9 +9,9 @@
 //         ... look at the outcome; on a failure scheduler.Schedule() is what replays it
 //     }
 //
-// Only one of the threads runs at a time. A thread goes on until it ends, waits, or is preempted. The search takes every
-// choice at every scheduling point within a preemption bound: no more than so many choices of a schedule preempt a thread
-// that could go on. Waits with a time-out cannot be explored: in a schedule no time passes.
+// Only one of the threads runs at a time. A thread goes on until it ends, waits, or is preempted. The search takes
+// every choice at every scheduling point within a preemption bound: no more than so many choices of a schedule preempt
+// a thread that could go on. Waits with a time-out cannot be explored: in a schedule no time passes.
 //
 // Beyond the bound there are random schedules by PCT (probabilistic concurrency testing; Burckhardt and others, 2010):
 // the threads have random priorities, the highest that can go on does, and at d - 1 scheduling points, drawn from the

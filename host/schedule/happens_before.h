@@ -1,8 +1,8 @@
 // What the thread sanitizer may learn from. The host takes a lock of its own in nearly every platform function, and by
 // those the sanitizer would take almost any two accesses of driver code for ordered, whether or not the driver took a
-// lock. With MachineOptions::onlyDriverLocks it does not see what happens inside platform functions, and is notified
-// of what the real platform guarantees: a wait lock's release comes before its next acquire, an enqueue before the run, and the
-// run's end before what waits for it. Without the sanitizer nothing of this costs anything.
+// lock. With MachineOptions::onlyDriverLocks it does not see what happens inside platform functions, and learns
+// what the real platform guarantees: a wait lock's release comes before its next acquire, an enqueue before the run,
+// and the run's end before what waits for it. Without the sanitizer nothing of this costs anything.
 #pragma once
 
 #include <atomic>

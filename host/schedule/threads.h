@@ -18,7 +18,8 @@ struct Outcome {
 class Threads {
 public:
     // Runs work as a thread that bears this name, with a stack and a ThreadState of its own, and returns when it has
-    // returned or parked. What it throws, this throws. Since the caller has nothing to do meanwhile, the system thread is the caller's.
+    // returned or parked. What it throws, this throws. Since the caller has nothing to do meanwhile, the system thread
+    // is the caller's.
     Outcome Run(const std::string& name, const std::function<void()>& work);
 
     // Whether a thread (ThreadState::id) was parked in this process.

@@ -1,7 +1,7 @@
 // Where driver code can be interrupted, and who decides what runs then.
 //
-// Ordinary runs have no controller and pay one load per point. The controlled scheduler is one: it decides at each point
-// which thread goes on, and replaces the sleeping of threads that wait.
+// Ordinary runs have no controller and pay one load per point. The controlled scheduler is one: it decides at each
+// point which thread goes on, and replaces the sleeping of threads that wait.
 #pragma once
 
 #include "host/armed.h"

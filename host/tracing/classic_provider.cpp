@@ -1,5 +1,5 @@
-// Classic (WMI) provider registration, as old systems have it: requests to the callback of a control block, and the query
-// that it makes.
+// Classic (WMI) provider registration, as old systems have it: requests to the callback of a control block, and the
+// query that it makes.
 #include "host/checks/unused_stack.h"
 #include "host/environment.h"
 #include "host/tracing/state.h"

@@ -70,8 +70,8 @@ struct DecodedMessage {
     std::vector<std::string> arguments;
 };
 
-// Reads message-format files (.tmf): one file or every .tmf of a folder. Throws std::runtime_error as Manifest does, also
-// when they hold no format at all.
+// Reads message-format files (.tmf): one file or every .tmf of a folder. Throws std::runtime_error as Manifest does,
+// also when they hold no format at all.
 class MessageFormats {
 public:
     explicit MessageFormats(const std::filesystem::path& fileOrFolder);

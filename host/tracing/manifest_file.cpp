@@ -1,5 +1,5 @@
-// An event manifest read from its file. The library that reads the XML keeps no lines, only places in the text, and takes
-// more than a manifest may hold, so what is missing, doubled or out of range is said here.
+// An event manifest read from its file. The library that reads the XML keeps no lines, only places in the text, and
+// takes more than a manifest may hold, so what is missing, doubled or out of range is said here.
 #include "host/tracing/decode.h"
 #include "host/tracing/number_text.h"
 

@@ -1,5 +1,5 @@
-// What the framework's loader and the entry stub of an image agree on beyond wdf.h: the bind record of clients of 1.25 and
-// later, class extensions, and interfaces of the loader itself. Drivers never include it.
+// What the framework's loader and the entry stub of an image agree on beyond wdf.h: the bind record of clients of 1.25
+// and later, class extensions, and interfaces of the loader itself. Drivers never include it.
 #pragma once
 
 #include <wdf.h>

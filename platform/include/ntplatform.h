@@ -51,7 +51,8 @@
 #error "64-bit x86 and ARM only"
 #endif
 
-// A function of the platform that the host does not play. With any arguments, so that nothing but this is said of a call.
+// A function of the platform that the host does not play. With any arguments, so that nothing but this is said of a
+// call.
 #if defined(__cplusplus)
 #define PLATFORM_ANY_PARAMETERS ...
 #else

@@ -1,5 +1,5 @@
-// Framework functions that the host does not play, with their place in the function table. Reports name them by this list,
-// and a driver that uses one does not compile. Who adds a function moves its line into a WDF_CALL.
+// Framework functions that the host does not play, with their place in the function table. Reports name them by this
+// list, and a driver that uses one does not compile. Who adds a function moves its line into a WDF_CALL.
 
 #ifndef WDF_ABSENT
 #define WDF_ABSENT(index, name) PLATFORM_ABSENT(name)

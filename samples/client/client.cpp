@@ -1,8 +1,8 @@
 // A client of the Notifier: registers, watches another client, posts its states, sends and answers commands, records a
 // dump when asked to, and deregisters in time.
 //
-// Its number and whom it watches are in its service's Parameters key: ClientNumber, WatchedNumber, and Supervises (1: it
-// asks the watched client for a dump whenever that comes up).
+// Its number and whom it watches are in its service's Parameters key: ClientNumber, WatchedNumber, and Supervises (1:
+// it asks the watched client for a dump whenever that comes up).
 //
 // The Notifier calls with its clients lock held, and nearly every operation takes that lock. So a callback here only
 // reads its arguments, answers through them, and enqueues a work item for the rest.

@@ -128,7 +128,7 @@ static NTSTATUS NTAPI LinkQueryRemove(WDFIOTARGET target)
 static VOID NTAPI LinkRemoveCanceled(WDFIOTARGET target)
 {
     NOTIFIER_LINK* link = LinkReference(target)->Link;
-    Say(link, "removal of the Notifier is cancelled: joining again");
+    Say(link, "removal of the Notifier is cancelled: connecting again");
     WDF_IO_TARGET_OPEN_PARAMS parameters;
     WDF_IO_TARGET_OPEN_PARAMS_INIT_REOPEN(&parameters);
     (void)WdfWaitLockAcquire(link->Lock, NULL);

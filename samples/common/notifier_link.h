@@ -1,10 +1,10 @@
-// A driver's hold on the Notifier: waits for it, opens it, gets one of its tables, and closes it in time. For drivers in
-// C and in C++.
+// A driver's hold on the Notifier: waits for it, opens it, gets one of its tables, and closes it in time. For drivers
+// in C and in C++.
 //
 // The Notifier may start before this driver or after it, and its removal may be requested or be a surprise. What a
 // driver does itself is in two callbacks:
-//   Connect   the table is filled: register, attach.  PASSIVE_LEVEL, the link's lock held.
-//   Disconnect  the table is still valid: deregister, detach. PASSIVE_LEVEL, the link's lock held. After it the table isn't.
+//   Connect     the table is filled: register, attach. PASSIVE_LEVEL, the link's lock held.
+//   Disconnect  the table is still valid, and no longer after it: deregister, detach. The same.
 // They come in pairs: Disconnect for each Connect that succeeded.
 //
 //     EvtDriverDeviceAdd         NotifierLinkCreate

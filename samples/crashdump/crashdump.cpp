@@ -1,5 +1,5 @@
-// A crash-dump driver: attaches to the Notifier, asks for the clients that are there already, takes the announcements of
-// later ones, and prints each call of a client's dump. A real one would write the dump.
+// A crash-dump driver: attaches to the Notifier, asks for the clients that are there already, takes the announcements
+// of later ones, and prints each call of a client's dump. A real one would write the dump.
 //
 // Attaching comes first and asking second: so no client is missed, and one can at worst be announced twice.
 #include <ntddk.h>

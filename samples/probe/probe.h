@@ -8,7 +8,8 @@
 // Writes one answer: as a number below the service's Parameters key and as an event.
 VOID Answer(PCWSTR Name, ULONG Value);
 
-// An object that notes its disposal and destruction: clean-up adds its digit to the log, destruction its digit + 8. Digits are 1 to 7.
+// An object that notes its disposal and destruction: clean-up adds its digit to the log, destruction its digit + 8.
+// Digits are 1 to 7.
 NTSTATUS MakeNoted(WDFOBJECT Parent, ULONG Digit, WDFOBJECT* Object);
 // The log since the last call, one hexadecimal digit for each note, first to last. At most 8 fit.
 ULONG TakeLog(VOID);

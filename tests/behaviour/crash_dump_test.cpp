@@ -1,5 +1,5 @@
-// The crash-dump bridge: attaching, announcements and withdrawals, the descriptors that a crash-dump driver asks for, and
-// the dump calls that pass through to it.
+// The crash-dump bridge: attaching, announcements and withdrawals, the descriptors that a crash-dump driver asks for,
+// and the dump calls that pass through to it.
 #include "tests/kit/driver_fixture.h"
 
 namespace tests {

@@ -190,8 +190,8 @@ TEST_P(Threads, EverythingAtOnceEndsInOrder)
     });
 }
 
-// The crash-dump driver attaches while clients register, subscribe and command, and detaches while they are announced and
-// deregister. Attaching among announcements, and dump calls at either time, are what nobody may do.
+// The crash-dump driver attaches while clients register, subscribe and command, and detaches while they are announced
+// and deregister. Attaching among announcements, and dump calls at either time, are what nobody may do.
 TEST_P(Threads, TheCrashDumpDriverAttachesAndDetaches)
 {
     InEachView(2, [](const FixtureOptions& options) {

@@ -1,6 +1,6 @@
 // The results that repeat exactly do not get worse: instructions and list steps of the delivery path, tests at every
-// reporting site, objects for each client, subscription, state and command. Their limits are in limits.json; who improves
-// a result lowers its limit there.
+// reporting site, objects for each client, subscription, state and command. Their limits are in limits.json; who
+// improves a result lowers its limit there.
 #include "bench/instruction_counter.h"
 #include "bench/sections.h"
 
@@ -37,8 +37,8 @@ TEST(Results, AreWithinTheirLimitsAndGoals)
     }
 }
 
-// A function of the platform's convention that calls another one must save ten vector registers, which takes longer than
-// all that these do when nothing has to be looked at.
+// A function of the platform's convention that calls another one must save ten vector registers, which takes longer
+// than all that these do when nothing has to be looked at.
 TEST(FastCalls, CallNobodyAndSaveNoVectorRegisters)
 {
     if (!bench::InstructionCounter::IsSupported()) {

@@ -99,8 +99,8 @@ constexpr int kViolationExit = 5;
     std::_Exit(0);
 }
 
-// Attaching takes no lock: two at once can both find nobody attached. Both succeed then, one object is in force, and the
-// other stays, out of reach, until unload.
+// Attaching takes no lock: two at once can both find nobody attached. Both succeed then, one object is in force, and
+// the other stays, out of reach, until unload.
 TEST_P(AcceptedRaces, TwoAttachesAtOnceBothSucceedAndOneObjectStays)
 {
     constexpr bool kEveryCall = true;  // there are no locks to choose at

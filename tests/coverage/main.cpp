@@ -9,7 +9,8 @@
 // file, the source line without its indentation, and which side of it (true, false, or code for a region that is never
 // entered) with the reason. Where a line has several such places, "true#2" is the second from the left. One exception
 // excuses one place: of equal lines in a file each needs its own. A template counts as reached when one instance is.
-// Ends with 1 when a place is missed that is not listed, or listed that is not missed; with 2 when a file cannot be read.
+// Ends with 1 when a place is missed that is not listed, or listed that is not missed; with 2 when a file cannot be
+// read.
 #include <nlohmann/json.hpp>
 
 #include <algorithm>

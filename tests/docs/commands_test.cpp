@@ -1,5 +1,5 @@
-// Every command that the README and the pages of docs/ show is run: those of the demo here, as ./zepn would start it once
-// all is built; the others by a script of the tests. Pictures between the lines are what their command makes.
+// Every command that the README and the pages of docs/ show is run: those of the demo here, as ./zepn would start it
+// once all is built; the others by a script of the tests. Pictures between the lines are what their command makes.
 #include "tests/docs/text_files.h"
 
 #include <regex>

@@ -45,7 +45,8 @@ struct Alive {
     std::set<std::string> heldLocks;
     std::set<std::string> queuedItems;
 
-    // Without the order of the objects, which it sorts. Two that are equal have the same text, which takes long to make.
+    // Without the order of the objects, which it sorts. Two that are equal have the same text, which takes long to
+    // make.
     [[nodiscard]] static bool AreEqual(Alive& one, Alive& other);
     [[nodiscard]] Lines Text() const;  // nothing when no driver is loaded
 };

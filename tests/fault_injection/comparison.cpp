@@ -56,8 +56,8 @@ char KindLost(const Fault& fault, host::TraceRoutes routes)
     return deregisters || fault.function == "EtwUnregister" ? '\0' : 'M';
 }
 
-// What is left of the records of a sequence when tracing itself fails: all but the one whose write failed, or none of the
-// kind that has nowhere to go.
+// What is left of the records of a sequence when tracing itself fails: all but the one whose write failed, or none of
+// the kind that has nowhere to go.
 Lines Remaining(Lines records, const Fault& fault, host::TraceRoutes routes)
 {
     const char kind = KindLost(fault, routes);

@@ -22,11 +22,12 @@ struct Plan {
     std::function<void(const host::ObservedCall&, host::Machine&)> onCall = {};
 };
 
-// Runs one sequence and compares after each operation. Up to the fault's operation a sequence goes as without the fault,
-// where it has been compared: it only runs up to there.
+// Runs one sequence and compares after each operation. Up to the fault's operation a sequence goes as without the
+// fault, where it has been compared: it only runs up to there.
 class Comparison {
 public:
-    // Adds the sites that it reaches; a sequence that reaches new ones leaves its reports for the test that asks for all.
+    // Adds the sites that it reaches; a sequence that reaches new ones leaves its reports for the test that asks for
+    // all.
     Comparison(const tests::Container& container, const Plan& plan, std::set<Site>& sites);
 
     std::string difference;   // "" when all was as expected

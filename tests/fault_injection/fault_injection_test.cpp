@@ -1,6 +1,6 @@
-// Systematic fault injection: each platform call of a sequence fails, alone (single fault) and with all later ones of its
-// function (persistent fault), in every form that it has. Operation by operation, to the end of the sequence, the driver
-// must show what the reference model says.
+// Systematic fault injection: each platform call of a sequence fails, alone (single fault) and with all later ones of
+// its function (persistent fault), in every form that it has. Operation by operation, to the end of the sequence, the
+// driver must show what the reference model says.
 #include "host/checks/call_path.h"
 #include "tests/kit/death.h"
 #include "tests/fault_injection/statistics.h"
@@ -25,8 +25,8 @@ std::string Path(const host::ObservedCall& call, host::Machine& machine)
     return path + call.function;
 }
 
-// By which functions the sequence without the fault comes to the call that fails, or to the one after a look-up. Asks the
-// native driver, which makes the same calls as the others.
+// By which functions the sequence without the fault comes to the call that fails, or to the one after a look-up. Asks
+// the native driver, which makes the same calls as the others.
 std::string PathTo(const Plan& plan)
 {
     std::string path;

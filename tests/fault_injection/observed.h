@@ -54,7 +54,8 @@ public:
     [[nodiscard]] host::Machine& machine() { return harness_.machine; }
     // Every error event was followed by its own message, and every record decodes.
     [[nodiscard]] const Lines& badRecords() const { return badRecords_; }
-    // All events ("E...") and trace messages ("M...") of the sequence in order, without the handles; only if they are kept.
+    // All events ("E...") and trace messages ("M...") of the sequence in order, without the handles; only if they are
+    // kept.
     [[nodiscard]] const Lines& records() const { return records_; }
     // Leaves word of the reports so far, for the test that asks for all of them.
     void NoteReportsSeen();

@@ -125,8 +125,8 @@ private:
     Ref FirstItem(const Ref& collection);
 
     // ---- Reports ----
-    // Event, function, words and values: "1 DriverEntry: WdfDriverCreate, 0xC000009A". Where the driver says the same in
-    // two places, the number of the trace message distinguishes them: "12/160 ...". "- ...": a trace message alone.
+    // Event, function, words and values: "1 DriverEntry: WdfDriverCreate, 0xC000009A". Where the driver says the same
+    // in two places, the number of the trace message distinguishes them: "12/160 ...". "- ...": a trace message alone.
     // `in` is the function: "DriverEntry: ".
     void Report(const std::string& line) { step_.reports.push_back(line); }
     void Report(const std::string& line, NTSTATUS status);

@@ -14,8 +14,8 @@ class Statistics {
 public:
     void Count(const Fault& fault, bool tracing) { ++byForm_[tracing ? "tracing call fails" : Name(fault.form)]; }
 
-    // Leaves one shard's statistics in build/<preset>/statistics/shards; reads them all again. A shard that left none, or left
-    // them before this program was built, throws std::runtime_error with its name.
+    // Leaves one shard's statistics in build/<preset>/statistics/shards; reads them all again. A shard that left none,
+    // or left them before this program was built, throws std::runtime_error with its name.
     void Save(const std::string& container, const std::string& kind, unsigned shard,
               const std::set<Site>& reached) const;
     [[nodiscard]] static Statistics OfAll(const std::string& container, const std::string& kind, unsigned shards);

@@ -23,8 +23,8 @@ struct FileKind {
     std::vector<std::string> words{};
     // Mutation that keeps the structure of the file, taken for half of all; may be empty.
     std::function<std::string(Mutator&, const std::string& original)> mutate{};
-    // Empty when the file is accepted, else the sentence of its refusal; an exception's text is such a sentence. Runs in
-    // a process of its own, after other files.
+    // Empty when the file is accepted, else the sentence of its refusal; an exception's text is such a sentence. Runs
+    // in a process of its own, after other files.
     std::function<std::string(const std::string& bytes)> read;
     // What the process prints when it may end with host::checks::kMemoryFaultExit, as a scenario may whose driver
     // faults: it must contain this. Empty: it may not.

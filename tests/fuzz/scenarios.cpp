@@ -27,7 +27,8 @@ Json Parsed(const std::string& original)
     return Json::parse(original, nullptr, true, true);
 }
 
-// What the project's scenarios are made of, to be put together anew. By name, so that a rare one comes as often as others.
+// What the project's scenarios are made of, to be put together anew. By name, so that a rare one comes as often as
+// others.
 struct Parts {
     using Values = std::map<std::string, std::vector<Json>>;
     Values steps;    // by what they do

@@ -1,5 +1,5 @@
-// The kernel's C library as images import it: the platform's sizes of characters and numbers, and what each routine does
-// when there is no room.
+// The kernel's C library as images import it: the platform's sizes of characters and numbers, and what each routine
+// does when there is no room.
 #include "host/image/exports.h"
 #include "host/machine.h"
 

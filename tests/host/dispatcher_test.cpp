@@ -1,5 +1,5 @@
-// Levels, spin locks, events and time as drivers have them from the kernel: what they answer, and which mistakes the host
-// finds in their use.
+// Levels, spin locks, events and time as drivers have them from the kernel: what they answer, and which mistakes the
+// host finds in their use.
 #include "tests/host/faulty_driver_fixture.h"
 
 #include "host/kernel/kernel.h"

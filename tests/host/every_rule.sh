@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Fails when a rule of the host was broken by no faulty driver: every_rule.sh RULES MARKS_FOLDER STATISTICS_FOLDER PROGRAM.
-# A mark counts only while it is newer than the program that writes it.
+# Fails when a rule of the host was broken by no faulty driver: every_rule.sh RULES MARKS_FOLDER STATISTICS_FOLDER
+# PROGRAM. A mark counts only while it is newer than the program that writes it.
 set -euo pipefail
 mkdir -p "$3"
 [ -s "$1" ]

@@ -183,8 +183,8 @@ std::size_t SizeOf(const void* code)
     return symbol != nullptr && place.dli_saddr == code ? static_cast<const ElfW(Sym)*>(symbol)->st_size : 0;
 }
 
-// The answer is that object's own, or the handle is found to be dead: never the answer of the object that has its memory
-// now, and never the dead object's when it went before the call took hold of it.
+// The answer is that object's own, or the handle is found to be dead: never the answer of the object that has its
+// memory now, and never the dead object's when it went before the call took hold of it.
 TEST(FastCalls, TakeNoObjectForAnotherThatGoesAndComesBetweenTwoInstructions)
 {
     if (!kCanInterrupt || kSanitized) {

@@ -1,5 +1,5 @@
-// An image as a kit links it loads and runs: its bind record, what it imports for class extensions, and the C library of
-// the kernel. One that needs more than there is says so, or stops at the call.
+// An image as a kit links it loads and runs: its bind record, what it imports for class extensions, and the C library
+// of the kernel. One that needs more than there is says so, or stops at the call.
 #include "host/machine.h"
 #include "tests/kit/settings.h"
 #include "tests/kit/texts.h"

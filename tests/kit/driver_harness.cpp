@@ -25,7 +25,8 @@ PZEP_DESCRIPTOR_CALLBACK NeverCalled(unsigned client, unsigned slot)
     return reinterpret_cast<PZEP_DESCRIPTOR_CALLBACK>(std::uintptr_t{0x1000} * (client + 1) + slot);
 }
 
-// The locks and collections by the driver's own names. With its order of locks they are all that is read from the driver.
+// The locks and collections by the driver's own names. With its order of locks they are all that is read from the
+// driver.
 struct NamedMember {
     std::size_t offset;
     const char* name;

@@ -1,5 +1,5 @@
-// One step of a sequence: what the system, a client or the crash-dump driver does to the driver. Fault injection and the
-// model-based test are sequences of these.
+// One step of a sequence: what the system, a client or the crash-dump driver does to the driver. Fault injection and
+// the model-based test are sequences of these.
 #pragma once
 
 #include "tools/peers/operation.h"

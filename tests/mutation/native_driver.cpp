@@ -67,7 +67,8 @@ std::string ShellWord(const std::string& word)
     return text + "'";
 }
 
-// Runs a line of the shell in a folder; true when it ended with status 0. Unlike std::system it lets Ctrl-C end the run.
+// Runs a line of the shell in a folder; true when it ended with status 0. Unlike std::system it lets Ctrl-C end the
+// run.
 bool Run(const std::string& folder, const std::string& line, const std::filesystem::path& log)
 {
     const std::string whole =

@@ -1,5 +1,5 @@
-// The native driver as its build folder builds it: its sources with their compile commands, and its link command. Builds
-// drivers of which one source has a fault, and runs the tests on them.
+// The native driver as its build folder builds it: its sources with their compile commands, and its link command.
+// Builds drivers of which one source has a fault, and runs the tests on them.
 #pragma once
 
 #include "tests/mutation/campaign.h"

@@ -11,8 +11,8 @@
 namespace tests {
 namespace {
 
-// What is wrong with the outer form of a PowerShell script: quotes, comments and brackets; empty when nothing is. No more
-// is to be had here: Debian has no parser for the language.
+// What is wrong with the outer form of a PowerShell script: quotes, comments and brackets; empty when nothing is. No
+// more is to be had here: Debian has no parser for the language.
 std::string FaultOfPowerShell(const std::string& text)
 {
     static const std::regex kNoCode(R"(<#[\s\S]*?#>|#[^\n]*|'[^']*'|"(`[\s\S]|[^"`])*"|`[\s\S])");

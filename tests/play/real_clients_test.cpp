@@ -1,5 +1,5 @@
-// Clients whose drivers are real images, beside scripted ones: how a scenario names and drives them, and what is shown of
-// them.
+// Clients whose drivers are real images, beside scripted ones: how a scenario names and drives them, and what is shown
+// of them.
 #include "tests/kit/driver_fixture.h"
 #include "tests/play/played.h"
 #include "tools/play/diagram.h"

@@ -23,7 +23,7 @@ std::string With(const std::string& step)
            "\n]}";
 }
 
-TEST(Scenario, MistakesNameLineColumnFieldAndExpectation)
+TEST(Scenario, MistakesNameLineFieldAndExpectation)
 {
     EXPECT_EQ(MistakesIn(With(R"({"do": "register", "client": "power"})")), "none");
     const std::pair<std::string, std::string> kRows[] = {
@@ -139,7 +139,12 @@ TEST(Scenario, DeepAndLongFilesAndFoldersAreRefused)
 {
     EXPECT_EQ(MistakesIn(std::string(1'000'000, '[')), "file.json:1: syntax: nested more than 32 deep");
     EXPECT_EQ(MistakesIn("[1e999]"), "file.json:1: syntax: number overflow parsing '1e999'");
-    EXPECT_THROW((void)play::ReadScenario(std::filesystem::temp_directory_path()), ScenarioError);
+    try {
+        (void)play::ReadScenario(std::filesystem::temp_directory_path());
+        FAIL() << "a folder was read";
+    } catch (const ScenarioError& error) {
+        EXPECT_NE(std::string(error.what()).find(": is a folder"), std::string::npos) << error.what();
+    }
     EXPECT_THROW((void)play::ReadScenario("/dev/zero"), ScenarioError);
 }
 

@@ -35,7 +35,8 @@ TEST_P(Samples, RunBesideTheNotifierWithoutAViolation)
     const auto [isGood, text] =
         tests::PlayWith({.image = GetParam().image}, play::ReadScenario(ZEPN_ROOT "/scenarios/samples.json"));
     EXPECT_TRUE(isGood) << text;
-    // Registered three times each (arrival, refused removal, return), each time deregistered before the Notifier's own end.
+    // Registered three times each (arrival, refused removal, return), each time deregistered before the Notifier's own
+    // end.
     EXPECT_EQ(CountMatches(text, "client 1 +registers: 0x00000000"), 3u);
     EXPECT_EQ(CountMatches(text, "client 2 +registers: 0x00000000"), 3u);
     EXPECT_EQ(CountMatches(text, "client [12] +deregisters: 0x00000000"), 6u);

@@ -3,8 +3,8 @@
 //     replay CAPTURE_FILE TRACE_FILE.etl
 //
 // A private session takes the driver's events and trace messages under the driver's GUIDs, with the very payloads that
-// were captured; docs/tracing.md describes the file. For an administrator. Never run on Windows; any compiler with the SDK
-// builds it, for example: clang++ -std=c++20 replay.cpp -o replay.exe -ladvapi32
+// were captured; docs/tracing.md describes the file. For an administrator. Never run on Windows; any compiler with the
+// SDK builds it, for example: clang++ -std=c++20 replay.cpp -o replay.exe -ladvapi32
 #include <windows.h>
 
 #include <evntprov.h>

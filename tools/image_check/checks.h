@@ -18,8 +18,8 @@ struct Finding {
     bool operator==(const Finding&) const = default;
 };
 
-// Whether an image must carry what its reports are read by, and its version: the driver must, a sample need not. What an
-// image carries must be right in any case.
+// Whether an image must carry what its reports are read by, and its version: the driver must, a sample need not. What
+// an image carries must be right in any case.
 enum class ReportResources { kRequired, kNotNeeded };
 
 // Headers, sections and tables. A table that cannot be read is a finding of the check that needs it; the other checks

@@ -63,8 +63,8 @@ void CheckChecksum(const PeReader& image, Report& report)
     }
 }
 
-// What the loader lets a section's pages be used for. A name promises more: code that cannot run, or data that cannot be
-// written, would fault at the first use.
+// What the loader lets a section's pages be used for. A name promises more: code that cannot run, or data that cannot
+// be written, would fault at the first use.
 void CheckAccess(const Section& section, Report& report)
 {
     struct Promise {

@@ -14,8 +14,8 @@ public:
     // Whether a run with these options shows or captures any report.
     [[nodiscard]] static bool IsWanted(const PlayOptions& options);
 
-    // Opens the sessions that the options ask for and listens to them for as long as it exists. Throws when the decoding
-    // files or the capture file are not to be had.
+    // Opens the sessions that the options ask for and listens to them for as long as it exists. Throws when the
+    // decoding files or the capture file are not to be had.
     ReportListener(const PlayOptions& options, host::tracing::Tracing& tracing, Timeline& timeline);
     ~ReportListener() override;
     ReportListener(const ReportListener&) = delete;

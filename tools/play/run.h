@@ -1,6 +1,6 @@
 // One run of a scenario: the machine with the drivers on it, the scripted peers, and what the run has come to so far.
-// Steps call the drivers through it, so that every call is shown in the same way and whatever goes wrong is judged in one
-// place.
+// Steps call the drivers through it, so that every call is shown in the same way and whatever goes wrong is judged in
+// one place.
 #pragma once
 
 #include "host/machine.h"

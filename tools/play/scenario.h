@@ -1,5 +1,5 @@
-// A scenario: the clients of a chip, scripted or real drivers, and the steps of a run. tools/play/reading reads it from a
-// file.
+// A scenario: the clients of a chip, scripted or real drivers, and the steps of a run. tools/play/reading reads it from
+// a file.
 #pragma once
 
 #include "tools/peers/operation.h"

@@ -1,6 +1,6 @@
-// What a step needs of the drivers, the Notifier's device and the control device's handle, and what it makes of them. The
-// reader refuses a file with a step that cannot be done; the run asks again, for a step may have ended in another way than
-// the file expects.
+// What a step needs of the drivers, the Notifier's device and the control device's handle, and what it makes of them.
+// The reader refuses a file with a step that cannot be done; the run asks again, for a step may have ended in another
+// way than the file expects.
 #pragma once
 
 #include "tools/play/scenario.h"

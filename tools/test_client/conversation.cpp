@@ -1,5 +1,5 @@
-// What the others do to the client in a run: peers that post, command and dump, the system's sleep, and another instance
-// that was there before it.
+// What the others do to the client in a run: peers that post, command and dump, the system's sleep, and another
+// instance that was there before it.
 #include "tools/test_client/run.h"
 
 #include <algorithm>

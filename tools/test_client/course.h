@@ -1,5 +1,6 @@
 // The course that a client runs: cases in which the Notifier and the system do what they may do to it, then, when
-// all of them have passed, one run with each of its calls failing. Each runs in a process of its own, so that a memory fault or a hang ends no other.
+// all of them have passed, one run with each of its calls failing. Each runs in a process of its own, so that a memory
+// fault or a hang ends no other.
 #pragma once
 
 #include "tools/test_client/run.h"

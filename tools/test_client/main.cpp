@@ -1,8 +1,8 @@
 // zepn-test-client: runs the course on a client driver's image and prints what came of it.
 //
 // Ends with 0 without a finding, 1 with findings, and 2 for a wrong call or an image that cannot be loaded. A memory
-// fault of the client is a finding like any other: it ends a process of its own. Only with --in-process it ends this one,
-// with 4 (host::checks::kMemoryFaultExit).
+// fault of the client is a finding like any other: it ends a process of its own. Only with --in-process it ends this
+// one, with 4 (host::checks::kMemoryFaultExit).
 #include "host/environment.h"
 #include "tools/command_line/command_line.h"
 #include "tools/test_client/report.h"

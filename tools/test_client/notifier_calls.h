@@ -1,5 +1,5 @@
-// The client's calls of the Notifier. They are seen, and one of them can be made to fail, because the client gets a table
-// whose functions come here first.
+// The client's calls of the Notifier. They are seen, and one of them can be made to fail, because the client gets a
+// table whose functions come here first.
 #pragma once
 
 #include "host/machine.h"
@@ -16,8 +16,8 @@ struct Operation {
     NTSTATUS failure;  // what it returns when it is made to fail; STATUS_SUCCESS: it never is
 };
 
-// A call through the table while nobody holds the Notifier's device open is a finding: with the device its caller has given
-// up all that keeps the code loaded.
+// A call through the table while nobody holds the Notifier's device open is a finding: with the device its caller has
+// given up all that keeps the code loaded.
 //
 // From construction to destruction; one at a time in a process.
 class NotifierCalls {

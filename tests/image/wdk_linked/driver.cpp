@@ -1,6 +1,6 @@
 // A small driver that takes from the kernel's C library what a kit's linker would take from there: memory and text
-// routines, formatted text, the probe of a large frame, and the handler of a frame with __try. Its one mistake is at the
-// unload.
+// routines, formatted text, the probe of a large frame, and the handler of a frame with __try. Its one mistake is at
+// the unload.
 #include <ntddk.h>
 
 #include <wdf.h>

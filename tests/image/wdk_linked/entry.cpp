@@ -1,5 +1,5 @@
-// An entry stub as current kits link it: the bind record of 1.25 and later, class extensions between two markers, and the
-// loader's functions for them, which the image imports and here never calls.
+// An entry stub as current kits link it: the bind record of 1.25 and later, class extensions between two markers, and
+// the loader's functions for them, which the image imports and here never calls.
 #include <fxldr.h>
 
 EXTERN_C DRIVER_INITIALIZE DriverEntry;

@@ -10,8 +10,8 @@
 
 namespace play {
 
-// "; did you mean "..."?" for the known name that differs least from a wrong one; empty when none is near. `prefix`: what
-// all begin with, so that it makes nothing near.
+// "; did you mean "..."?" for the known name that differs least from a wrong one; empty when none is near. `prefix`:
+// what all begin with, so that it makes nothing near.
 [[nodiscard]] std::string Nearest(const std::string& name, const std::vector<std::string>& known,
                                   const std::string& prefix = "");
 

@@ -95,7 +95,8 @@ public:
     }
 
 private:
-    // Of the token that was just read. After a number the parser has read one character more, which may be a line's end.
+    // Of the token that was just read. After a number the parser has read one character more, which may be a line's
+    // end.
     unsigned Line()
     {
         line_ += static_cast<unsigned>(std::count(counted_, last_, '\n'));
