@@ -61,7 +61,7 @@ std::optional<Fault> FaultPlan::Inject(const char* function, const std::function
             continue;
         }
         const unsigned seen = armed.seen++;
-        if (seen >= fault.skip && (fault.count == Fault::kSticky || seen - fault.skip < fault.count)) {
+        if (seen >= fault.skip && (fault.count == Fault::kAll || seen - fault.skip < fault.count)) {
             ++injected_;
             return fault;
         }

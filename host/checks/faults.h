@@ -25,11 +25,11 @@ struct Fault {
     std::string caller = {};  // only calls from this driver function; empty: from anywhere
     std::string detail = {};  // only calls with this detail (context type name, routine name); empty: any
     unsigned skip = 0;        // let this many matching calls pass first
-    unsigned count = 1;       // then fail this many; kSticky: all
+    unsigned count = 1;       // then fail this many; kAll: all of them
     FaultForm form = FaultForm::kStatus;
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
 
-    static constexpr unsigned kSticky = ~0u;
+    static constexpr unsigned kAll = ~0u;
 };
 
 // Where a call comes from.

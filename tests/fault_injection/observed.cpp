@@ -105,7 +105,7 @@ void ObservedRun::Watch(std::uint64_t calls, unsigned callsOfFunction)
         const Fault& fault = *options_.fault;
         machine().faults().Add({.function = fault.function,
                                 .skip = fault.index - callsOfFunction,
-                                .count = fault.persistent ? host::checks::Fault::kSticky : 1,
+                                .count = fault.persistent ? host::checks::Fault::kAll : 1,
                                 .form = HostForm(fault.form),
                                 .status = fault.Status()});
     }

@@ -1,4 +1,4 @@
-// The callbacks of a device's life beside its power: when each comes, and what follows one that fails.
+// The callbacks of a device besides those of its power: when each comes, and what follows one that fails.
 #include "tests/host/faulty_driver_fixture.h"
 
 namespace tests {
