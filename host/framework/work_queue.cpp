@@ -3,6 +3,7 @@
 #include "host/framework/framework.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace host::framework {
 
@@ -25,6 +26,7 @@ void WorkQueue::Forget(const Object& object)
 {
     std::erase(items_, &object);
     std::erase_if(deferred_, [&](const Deferred& deferred) { return deferred.object == &object; });
+    ended_.notify_all();  // nothing may be left to wait for
 }
 
 // ---- Runs ----
@@ -177,9 +179,20 @@ void WorkQueue::WorkerLoop(unsigned number)
     ThreadState::Current().Rename(name + " (dispatch)");
     std::unique_lock lock(framework_.mutex);
     schedule::Outcome outcome;
+    bool hasRun = false;
     while (!stopping_) {
-        if (!RunNext(lock, name, outcome)) {
-            const IdleScope idle;
+        if (RunNext(lock, name, outcome)) {
+            hasRun = true;
+            continue;
+        }
+        const IdleScope idle;
+        if (std::exchange(hasRun, false)) {
+            // More often follows at once from a thread that waited for a lock of the run's: on one processor it goes on
+            // now, and finds nobody to wake.
+            lock.unlock();
+            std::this_thread::yield();
+            lock.lock();
+        } else {
             added_.wait(lock);
         }
     }
