@@ -9,45 +9,24 @@ namespace host::framework {
 
 using checks::Rule;
 
-void CollectionObject::Add(Object& item)
-{
-    const SlotLock own(*slot);
-    items_.push_back(&item);
-    count_.store(static_cast<std::uint32_t>(items_.size()), std::memory_order_release);
-}
-
 Object& CollectionObject::Take(std::size_t index)
 {
-    const SlotLock own(*slot);
-    Object& item = *items_[index];
-    items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(index));
-    count_.store(static_cast<std::uint32_t>(items_.size()), std::memory_order_release);
+    Object& item = *HandleTable::Current().Peek(items_[index]);  // alive: it has the collection's reference
+    items_.Erase(index);
     return item;
-}
-
-void CollectionObject::CountSteps(std::size_t steps)
-{
-    const SlotLock own(*slot);
-    steps_ += steps;
-}
-
-std::uint64_t CollectionObject::Steps() const
-{
-    const SlotLock own(*slot);
-    return steps_;
 }
 
 void CollectionObject::OnDestroy(Framework& framework, std::unique_lock<std::mutex>& lock)
 {
-    while (!items_.empty()) {
+    while (items_.size() != 0) {
         framework.objects.Dereference(lock, Take(0));
     }
 }
 
 void CollectionObject::Show(ObjectSnapshot& view) const
 {
-    for (const Object* item : items_) {
-        view.items.push_back(item->handle);
+    for (std::size_t index = 0; index < items_.size(); ++index) {
+        view.items.push_back(items_[index]);
     }
 }
 
@@ -73,7 +52,7 @@ namespace {
         return 0;
     }
     // A fault lets the collection claim one item more than it has.
-    return static_cast<ULONG>(collection->items().size()) + (call.fault() ? 1 : 0);
+    return collection->items().size() + (call.fault() ? 1 : 0);
 }
 
 }  // namespace
@@ -117,10 +96,9 @@ void NTAPI CollectionRemove(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, WDFOBJECT
     if (collection == nullptr || item == nullptr) {
         return;
     }
-    const auto found = std::find(collection->items().begin(), collection->items().end(), item);
-    const auto index = static_cast<std::size_t>(found - collection->items().begin());
+    const std::size_t index = collection->items().Find(itemHandle);
     collection->CountSteps(index + 1);
-    if (found == collection->items().end()) {
+    if (index == collection->items().size()) {
         call.Violation(Rule::kCollectionItem, Describe(*item) + " is not in " + Describe(*collection));
         return;
     }
@@ -160,7 +138,7 @@ namespace {
         return nullptr;
     }
     collection->CountSteps(std::min<std::size_t>(index + 1, collection->items().size()));
-    return index >= collection->items().size() ? nullptr : collection->items()[index]->handle;
+    return index >= collection->items().size() ? nullptr : collection->items()[index];
 }
 
 WDFOBJECT ItemAtEnd(const PlatformCall& call, WDFCOLLECTION handle, bool isFirst)
@@ -171,11 +149,12 @@ WDFOBJECT ItemAtEnd(const PlatformCall& call, WDFCOLLECTION handle, bool isFirst
     Framework& framework = Framework::Current();
     const std::lock_guard lock(framework.mutex);
     auto* collection = framework.objects.Resolve<CollectionObject>(call, handle, "Collection");
-    if (collection == nullptr || collection->items().empty()) {
+    const std::uint32_t count = collection != nullptr ? collection->items().size() : 0;
+    if (count == 0) {
         return nullptr;
     }
     collection->CountSteps(1);
-    return (isFirst ? collection->items().front() : collection->items().back())->handle;
+    return collection->items()[isFirst ? 0 : count - 1];
 }
 
 }  // namespace

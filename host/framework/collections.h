@@ -1,30 +1,36 @@
 // Collections: ordered, with duplicates, one reference for each entry.
 //
-// The framework's mutex guards them, and each has a lock besides, its slot's, for those who take only that: items
-// change under both, so either is enough to look.
+// They change under the framework's mutex; any thread may look for an item or the number of items without it.
 #pragma once
 
+#include "host/framework/handle_list.h"
 #include "host/framework/handle_table.h"
 
-#include <deque>
 #include <optional>
 
 namespace host::framework {
 
-class CollectionObject final : public Object {
+class CollectionObject final : public Object, KeepsKind<CollectionObject> {
 public:
     explicit CollectionObject(DriverInstance* owner) : Object(ObjectType::kCollection, owner) {}
+    // What one of them was serves collections only: a thread may still look.
+    using KeepsKind<CollectionObject>::operator new;
+    using KeepsKind<CollectionObject>::operator delete;
 
     // ---- With the framework's mutex ----
 
-    [[nodiscard]] const std::deque<Object*>& items() const { return items_; }
+    [[nodiscard]] const HandleList& items() const { return items_; }
     // The caller's reference becomes the collection's, and with Take the other way round.
-    void Add(Object& item);
+    void Add(const Object& item) { items_.Append(item.handle); }
     [[nodiscard]] Object& Take(std::size_t index);
+
     // The framework keeps a list and walks it from the head, to an index or to an item; here an index is found at once,
-    // and the steps that the walks would take are counted.
-    void CountSteps(std::size_t steps);
-    [[nodiscard]] std::uint64_t Steps() const;
+    // and the steps that the walks would take are counted: exactly while one thread at a time looks.
+    void CountSteps(std::uint64_t steps)
+    {
+        steps_.store(steps_.load(std::memory_order_relaxed) + steps, std::memory_order_relaxed);
+    }
+    [[nodiscard]] std::uint64_t Steps() const { return steps_.load(std::memory_order_relaxed); }
 
     // ---- Without it, on any thread ----
 
@@ -35,25 +41,20 @@ public:
         if (collection == nullptr) {
             return std::nullopt;
         }
-        const std::uint32_t count = collection->count_.load(std::memory_order_relaxed);
+        const std::uint32_t count = collection->items_.size();
         std::atomic_thread_fence(std::memory_order_acquire);
         return slot->object.load(std::memory_order_relaxed) == collection ? std::optional(count) : std::nullopt;
     }
 
-    // Null when the handle is no collection's, when the collection is locked, and for an index without an item.
-    [[nodiscard, gnu::always_inline]] static WDFOBJECT ItemAtOnce(Slot* slot, std::size_t index)
+    // Null when the handle is no collection's, while the collection is changed, and for an index without an item.
+    [[nodiscard, gnu::always_inline]] static WDFOBJECT ItemAtOnce(const Slot* slot, std::size_t index)
     {
-        if (At(slot) == nullptr || slot->owner.exchange(1, std::memory_order_acquire) != 0) {
+        CollectionObject* collection = At(slot);
+        const WDFOBJECT item = collection == nullptr ? nullptr : collection->items_.Read(index);
+        if (item == nullptr || slot->object.load(std::memory_order_relaxed) != collection) {
             return nullptr;
         }
-        // While the slot is locked the collection stays.
-        CollectionObject* collection = At(slot);
-        WDFOBJECT item = nullptr;
-        if (collection != nullptr && index < collection->items_.size()) {
-            item = collection->items_[index]->handle;
-            collection->steps_ += index + 1;
-        }
-        slot->owner.store(0, std::memory_order_release);
+        collection->CountSteps(index + 1);
         return item;
     }
 
@@ -68,9 +69,8 @@ private:
                    : static_cast<CollectionObject*>(slot->object.load(std::memory_order_acquire));
     }
 
-    std::deque<Object*> items_;
-    std::atomic<std::uint32_t> count_{0};  // of them, for who takes no lock
-    std::uint64_t steps_ = 0;              // guarded by the slot's lock
+    HandleList items_;
+    std::atomic<std::uint64_t> steps_{0};
 };
 
 template <>

@@ -1,7 +1,8 @@
 #include "host/framework/handle_table.h"
 
+#include "host/framework/collections.h"
+
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace host::framework {
@@ -64,9 +65,10 @@ public:
         std::vector<void*>& free = FreeOf(bytes);
         if (free.empty()) {
             const std::size_t size = RoundUp(bytes);
-            constexpr std::size_t kAtOnce = 32;
-            auto* blocks = static_cast<std::byte*>(::operator new(size * kAtOnce));
-            for (std::size_t block = kAtOnce; block-- > 0;) {
+            constexpr std::size_t kLarge = 4096;
+            const std::size_t atOnce = size < kLarge ? 32 : 1;
+            auto* blocks = static_cast<std::byte*>(::operator new(size * atOnce));
+            for (std::size_t block = atOnce; block-- > 0;) {
                 free.push_back(blocks + block * size);
             }
         }
@@ -119,6 +121,8 @@ void KeepsKind<Kind>::operator delete(void* memory, std::size_t bytes)
 
 template struct KeepsKind<Object>;
 template struct KeepsKind<Context>;
+template struct KeepsKind<CollectionObject>;
+template struct KeepsKind<HandleList::Block>;
 
 ContextList::~ContextList()
 {
@@ -137,13 +141,6 @@ void ContextList::Add(std::unique_ptr<Context> context)
 }
 
 // ---- The table ----
-
-SlotLock::SlotLock(Slot& slot) : slot_(slot)
-{
-    while (slot_.owner.exchange(1, std::memory_order_acquire) != 0) {
-        std::this_thread::yield();
-    }
-}
 
 HandleTable::HandleTable() : first_(kHandleBase + g_nextIndex * kHandleStep)
 {
@@ -178,8 +175,13 @@ void HandleTable::Add(std::unique_ptr<Object> object)
     added.previousAlive_ = lastAlive_;
     (lastAlive_ != nullptr ? lastAlive_->nextAlive_ : firstAlive_) = &added;
     lastAlive_ = &added;
-    const std::string_view name =
-        added.contexts.empty() ? std::string_view() : added.contexts.front().type->ContextName;
+    std::string_view name;
+    if (!added.contexts.empty()) {
+        const Context& context = added.contexts.front();
+        name = context.type->ContextName;
+        slot.contextType = context.type;
+        slot.contextMemory = context.memory;
+    }
     const auto known = names_.find(name);
     slot.name = known != names_.end() ? &*known : &*names_.emplace(name).first;
     slot.type = added.type;
@@ -191,12 +193,7 @@ void HandleTable::Remove(Object& object)
 {
     (object.previousAlive_ != nullptr ? object.previousAlive_->nextAlive_ : firstAlive_) = object.nextAlive_;
     (object.nextAlive_ != nullptr ? object.nextAlive_->previousAlive_ : lastAlive_) = object.previousAlive_;
-    if (object.type == ObjectType::kCollection) {
-        const SlotLock lock(*object.slot);  // nobody looks for an item now
-        object.slot->object.store(nullptr, std::memory_order_release);
-    } else {
-        object.slot->object.store(nullptr, std::memory_order_release);
-    }
+    object.slot->object.store(nullptr, std::memory_order_release);
     delete &object;
 }
 

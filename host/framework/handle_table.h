@@ -21,13 +21,16 @@ inline constexpr std::uint64_t kHandleStep = 8;                   // the low bit
 // A handle's object, or what it was when it is gone.
 struct Slot {
     std::atomic<Object*> object{nullptr};
-    // Who has the lock that the object is or has, 0: nobody. It outlives the object, so whoever takes it may find the
-    // object gone. A wait lock's is the ThreadState::id of its holder.
+    // A wait lock's: the ThreadState::id of its holder, 0: nobody. It outlives the object, so whoever takes it may find
+    // the object gone.
     std::atomic<std::uint64_t> owner{0};
     std::atomic<const void*> takenAt{nullptr};  // where in an image; written by who takes a wait lock
     ObjectType type = ObjectType::kGeneral;
     std::atomic<std::uint32_t> waiting{0};  // threads that sleep until a wait lock is free, or are about to
     const std::string* name = nullptr;      // of the first context's type
+    // The first context, once more: most look-ups ask for it. Both stay as they are from before the object stands here.
+    PCWDF_OBJECT_CONTEXT_TYPE_INFO contextType = nullptr;
+    void* contextMemory = nullptr;
 };
 
 class HandleTable {
@@ -83,18 +86,6 @@ private:
     Object* lastAlive_ = nullptr;
     std::array<unsigned, kObjectTypeCount> serials_{};
     std::set<std::string, std::less<>> names_;
-};
-
-// The lock of an object for a scope: what keeps it from being freed, and a collection's items as they are.
-class SlotLock {
-public:
-    explicit SlotLock(Slot& slot);
-    ~SlotLock() { slot_.owner.store(0, std::memory_order_release); }
-    SlotLock(const SlotLock&) = delete;
-    SlotLock& operator=(const SlotLock&) = delete;
-
-private:
-    Slot& slot_;
 };
 
 }  // namespace host::framework

@@ -103,15 +103,11 @@ namespace {
 PVOID NTAPI ObjectGetTypedContext(PWDF_DRIVER_GLOBALS globals, WDFOBJECT handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO type)
 {
     if (!IsAnythingArmed() && type != nullptr) {
-        if (const Slot* slot = HandleTable::Current().Find(handle)) {
-            const Object* object = slot->object.load(std::memory_order_acquire);
-            const Context* context = object == nullptr ? nullptr : object->contexts.Find(type->UniqueType);
-            if (context != nullptr) {
-                void* memory = context->memory;
-                std::atomic_thread_fence(std::memory_order_acquire);
-                if (slot->object.load(std::memory_order_relaxed) == object) {
-                    return memory;
-                }
+        const Slot* slot = HandleTable::Current().Find(handle);
+        if (slot != nullptr && slot->contextType == type->UniqueType) {
+            void* memory = slot->contextMemory;
+            if (slot->object.load(std::memory_order_acquire) != nullptr) {
+                return memory;
             }
         }
     }
