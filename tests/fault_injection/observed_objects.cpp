@@ -103,14 +103,28 @@ Alive ObservedRun::Alive()
     const ObjectSnapshot* driver = Find(all, harness_.driver->Handle());
     const auto context = *inspect.Context<layout::DriverContext>(harness_.driver->Handle(), layout::kDriverContextName);
     fault_injection::Alive alive;
+    const auto add = [&](const ObjectSnapshot& object) {
+        const ObjectSnapshot* parent = Find(all, object.parent);
+        const ObjectRecord of = parent != nullptr ? RecordOf(*parent) : ObjectRecord{.kind = "nobody"};
+        ObjectAlive& described = alive.objects.emplace_back(Describe(object, all));
+        described.parent = of.kind;
+        described.client = of.kind == "client" ? of.number : 0;
+    };
+    // In the model's order, as long as nothing is wrong: those that it knows one by one, then the others by kind.
+    constexpr ObjectType kByKind[] = {ObjectType::kDevice, ObjectType::kFileObject, ObjectType::kQueue,
+                                      ObjectType::kWaitLock, ObjectType::kWorkItem};
     for (const ObjectSnapshot& object : all) {
         // The framework's own, as long as the device is started, are not the driver's.
-        if (object.type != ObjectType::kDriver && object.type != ObjectType::kResourceList) {
-            const ObjectSnapshot* parent = Find(all, object.parent);
-            const ObjectRecord of = parent != nullptr ? RecordOf(*parent) : ObjectRecord{.kind = "nobody"};
-            ObjectAlive& described = alive.objects.emplace_back(Describe(object, all));
-            described.parent = of.kind;
-            described.client = of.kind == "client" ? of.number : 0;
+        if (object.type != ObjectType::kDriver && object.type != ObjectType::kResourceList &&
+            std::ranges::find(kByKind, object.type) == std::end(kByKind)) {
+            add(object);
+        }
+    }
+    for (const ObjectType type : kByKind) {
+        for (const ObjectSnapshot& object : all) {
+            if (object.type == type) {
+                add(object);
+            }
         }
     }
     for (const auto& [collection, name] : layout::CollectionsOf(context)) {
