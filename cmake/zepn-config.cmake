@@ -95,6 +95,25 @@ else()
     add_library(zepn::host ALIAS host)
 endif()
 
+# What the host's programs have in common: the reading of command lines, and headers that are precompiled for all.
+function(zepn_compile_as_tool program)
+    find_package(nlohmann_json REQUIRED)
+    find_package(CLI11 REQUIRED)
+    if(NOT TARGET zepn_command_line)
+        add_library(zepn_command_line STATIC EXCLUDE_FROM_ALL ${ZEPN_ROOT}/tools/command_line/command_line.cpp)
+        zepn_precompile(zepn_command_line <CLI/CLI.hpp> <nlohmann/json.hpp>)
+    endif()
+    foreach(target zepn_command_line ${program})
+        target_include_directories(${target} PRIVATE ${ZEPN_ROOT})
+        target_link_libraries(${target} PRIVATE zepn::host nlohmann_json::nlohmann_json CLI11::CLI11)
+        target_compile_definitions(${target} PRIVATE ${ZEPN_FRAMEWORK_DEFINITIONS})
+        target_compile_features(${target} PRIVATE cxx_std_20)
+    endforeach()
+    target_link_libraries(${program} PRIVATE zepn_command_line)
+    zepn_precompiled(${program} zepn_command_line)
+    zepn_unite(${program})
+endfunction()
+
 # zepn_add_client(name SOURCES source... [INF template] [INCLUDES folder...] [DEFINITIONS definition...]): the targets
 # <name>_x64 and <name>_arm64 make <machine>/<name>.sys with PDB and link map in the build folder, and the INF with
 # $ARCH$ filled in; <name>_native makes the same driver as the module native/<name>.so, for debugger and sanitizers. All
@@ -212,17 +231,15 @@ function(zepn_add_course_program)
     if(TARGET zepn-test-client)
         return()
     endif()
-    find_package(CLI11 REQUIRED)
     set(tools ${ZEPN_ROOT}/tools)
     file(GLOB sources CONFIGURE_DEPENDS ${tools}/test_client/*.cpp)
-    add_executable(zepn-test-client ${sources} ${tools}/command_line/command_line.cpp ${tools}/play/statuses.cpp)
-    target_include_directories(zepn-test-client PRIVATE ${ZEPN_ROOT})
-    target_link_libraries(zepn-test-client PRIVATE zepn::host CLI11::CLI11)
-    target_compile_definitions(zepn-test-client PRIVATE ZEPN_ROOT="${ZEPN_ROOT}" ${ZEPN_FRAMEWORK_DEFINITIONS})
+    add_executable(zepn-test-client ${sources} ${tools}/play/statuses.cpp)
+    target_compile_definitions(zepn-test-client PRIVATE ZEPN_ROOT="${ZEPN_ROOT}")
     # One must include a header before all others, and the others share no translation unit with a main.
-    set_source_files_properties(${tools}/test_client/main.cpp ${tools}/test_client/notifier_calls.cpp
-        PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
-    zepn_unite(zepn-test-client)
+    set_source_files_properties(${tools}/test_client/main.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    set_source_files_properties(${tools}/test_client/notifier_calls.cpp PROPERTIES
+        SKIP_UNITY_BUILD_INCLUSION ON SKIP_PRECOMPILE_HEADERS ON)
+    zepn_compile_as_tool(zepn-test-client)
 endfunction()
 
 # zepn_add_client_course(name CLIENT client [ARGUMENTS argument...]): CTest runs the course on the client's image for
@@ -275,20 +292,15 @@ function(zepn_add_player)
     if(TARGET zepn-play)
         return()
     endif()
-    find_package(nlohmann_json REQUIRED)
-    find_package(CLI11 REQUIRED)
-    file(GLOB sources CONFIGURE_DEPENDS ${ZEPN_ROOT}/tools/play/*.cpp ${ZEPN_ROOT}/tools/play/reading/*.cpp
-        ${ZEPN_ROOT}/tools/command_line/*.cpp)
+    file(GLOB sources CONFIGURE_DEPENDS ${ZEPN_ROOT}/tools/play/*.cpp ${ZEPN_ROOT}/tools/play/reading/*.cpp)
     add_executable(zepn-play ${sources})
-    target_include_directories(zepn-play PRIVATE ${ZEPN_ROOT})
-    target_link_libraries(zepn-play PRIVATE zepn::host nlohmann_json::nlohmann_json CLI11::CLI11)
-    target_compile_features(zepn-play PRIVATE cxx_std_20)
     # Only the paths that it is given: a client's build has no native Notifier.
-    target_compile_definitions(zepn-play PRIVATE ZEPN_ROOT="${ZEPN_ROOT}" ZEPN_NATIVE_DRIVER="" ${ZEPN_FRAMEWORK_DEFINITIONS})
-    # These are programs' own, and one must include a header before all others.
-    set_source_files_properties(${ZEPN_ROOT}/tools/play/main.cpp ${ZEPN_ROOT}/tools/play/run.cpp
-        ${ZEPN_ROOT}/tools/command_line/command_line.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
-    zepn_unite(zepn-play)
+    target_compile_definitions(zepn-play PRIVATE ZEPN_ROOT="${ZEPN_ROOT}" ZEPN_NATIVE_DRIVER="")
+    # The program's own, and one that must include a header before all others.
+    set_source_files_properties(${ZEPN_ROOT}/tools/play/main.cpp PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    set_source_files_properties(${ZEPN_ROOT}/tools/play/run.cpp PROPERTIES
+        SKIP_UNITY_BUILD_INCLUSION ON SKIP_PRECOMPILE_HEADERS ON)
+    zepn_compile_as_tool(zepn-play)
 endfunction()
 
 # zepn_add_client_scenario(name CLIENT client FILE scenario): CTest plays the scenario on the Notifier's image, the
