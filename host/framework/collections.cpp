@@ -157,6 +157,12 @@ WDFOBJECT ItemAtEnd(const PlatformCall& call, WDFCOLLECTION handle, bool isFirst
     return collection->items()[isFirst ? 0 : count - 1];
 }
 
+[[gnu::noinline]] WDFOBJECT NTAPI GetFirstItemChecked(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
+{
+    const PlatformCall call("WdfCollectionGetFirstItem", HOST_CALLER, DISPATCH_LEVEL);
+    return ItemAtEnd(call, handle, true);
+}
+
 }  // namespace
 
 WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION handle, ULONG index)
@@ -170,10 +176,15 @@ WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION han
     [[clang::musttail]] return GetItemChecked(globals, handle, index);
 }
 
-WDFOBJECT NTAPI CollectionGetFirstItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)
+WDFOBJECT NTAPI CollectionGetFirstItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION handle)
 {
-    const PlatformCall call("WdfCollectionGetFirstItem", HOST_CALLER, DISPATCH_LEVEL);
-    return ItemAtEnd(call, handle, true);
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
+        const WDFOBJECT item = CollectionObject::ItemAtOnce(HandleTable::Current().Find(handle), 0);
+        if (item != nullptr) {
+            return item;
+        }
+    }
+    [[clang::musttail]] return GetFirstItemChecked(globals, handle);
 }
 
 WDFOBJECT NTAPI CollectionGetLastItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle)

@@ -182,8 +182,11 @@ void HandleTable::Add(std::unique_ptr<Object> object)
         slot.contextType = context.type;
         slot.contextMemory = context.memory;
     }
-    const auto known = names_.find(name);
-    slot.name = known != names_.end() ? &*known : &*names_.emplace(name).first;
+    if (lastName_ == nullptr || *lastName_ != name) {
+        const auto known = names_.find(name);
+        lastName_ = known != names_.end() ? &*known : &*names_.emplace(name).first;
+    }
+    slot.name = lastName_;
     slot.type = added.type;
     slot.object.store(&added, std::memory_order_release);
     count_.store(index + 1, std::memory_order_release);

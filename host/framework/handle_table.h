@@ -86,6 +86,7 @@ private:
     Object* lastAlive_ = nullptr;
     std::array<unsigned, kObjectTypeCount> serials_{};
     std::set<std::string, std::less<>> names_;
+    const std::string* lastName_ = nullptr;  // of them: drivers make many objects of one kind
 };
 
 }  // namespace host::framework

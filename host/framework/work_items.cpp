@@ -1,5 +1,6 @@
 // Work items: the calls of the table, and the disposal, which drops later enqueues and waits for what is queued or
 // running.
+#include "host/armed.h"
 #include "host/framework/devices.h"
 #include "host/framework/functions.h"
 
@@ -69,7 +70,9 @@ NTSTATUS NTAPI WorkItemCreate(PWDF_DRIVER_GLOBALS globals, PWDF_WORKITEM_CONFIG 
     return call.Done();
 }
 
-void NTAPI WorkItemEnqueue(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
+namespace {
+
+[[gnu::noinline]] void NTAPI EnqueueChecked(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
 {
     const PlatformCall call("WdfWorkItemEnqueue", HOST_CALLER, DISPATCH_LEVEL);
     Framework& framework = Framework::Current();
@@ -88,6 +91,25 @@ void NTAPI WorkItemEnqueue(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)
     }
     schedule::Release(&item->queued);
     framework.work.Enqueue(*item);
+}
+
+}  // namespace
+
+// One that is queued already stays so; the exchange orders what the caller did before it and what the run will see.
+void NTAPI WorkItemEnqueue(PWDF_DRIVER_GLOBALS globals, WDFWORKITEM handle)
+{
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
+        const Slot* slot = HandleTable::Current().Find(handle);
+        if (slot != nullptr && slot->type == ObjectType::kWorkItem) {
+            auto* item = static_cast<WorkItemObject*>(slot->object.load(std::memory_order_acquire));
+            bool isQueued = true;
+            if (item != nullptr && item->queued.compare_exchange_strong(isQueued, true) &&
+                slot->object.load(std::memory_order_relaxed) == item) {
+                return;
+            }
+        }
+    }
+    [[clang::musttail]] return EnqueueChecked(globals, handle);
 }
 
 WDFOBJECT NTAPI WorkItemGetParentObject(PWDF_DRIVER_GLOBALS, WDFWORKITEM handle)

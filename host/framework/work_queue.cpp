@@ -55,7 +55,7 @@ void WorkQueue::RunItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item
                         schedule::Outcome& outcome)
 {
     std::erase(items_, &item);
-    item.queued = false;
+    item.queued.exchange(false);  // who still finds it queued has done before what the run is to see
     ++item.starting;
     ++running_;
     ObjectTree::Reference(item);

@@ -25,7 +25,7 @@ struct WorkItemObject final : Object {
     void Show(ObjectSnapshot& view) const override { view.queued = queued; }
 
     PFN_WDF_WORKITEM routine = nullptr;
-    bool queued = false;
+    std::atomic<bool> queued{false};       // set with the mutex
     bool disposing = false;                // disposal has begun: enqueue is dropped
     unsigned starting = 0;                 // taken off the queue, not on their thread yet
     std::vector<std::uint64_t> runningOn;  // thread ids

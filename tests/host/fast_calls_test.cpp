@@ -13,6 +13,16 @@
 namespace tests {
 namespace {
 
+WDFWORKITEM NewWorkItem(const FaultyDriverFixture& fixture, PFN_WDF_WORKITEM routine)
+{
+    WDF_WORKITEM_CONFIG config;
+    WDF_WORKITEM_CONFIG_INIT(&config, routine);
+    WDF_OBJECT_ATTRIBUTES attributes = Attributes(fixture.table.Device);
+    WDFWORKITEM item = nullptr;
+    EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);
+    return item;
+}
+
 TEST(FastCalls, AnswerAndReportAsWhenEachCallIsObserved)
 {
     for (const bool observed : {false, true}) {
@@ -56,6 +66,7 @@ TEST(FastCalls, AnObserverAndAFaultMeetEachOfThem)
     const WDFCOLLECTION collection = NewCollection();
     const WDFOBJECT item = NewObject();
     const WDFWAITLOCK lock = NewLock();
+    const WDFWORKITEM work = NewWorkItem(fixture, [](WDFWORKITEM) NTAPI {});
     ASSERT_EQ(WdfCollectionAdd(collection, item), STATUS_SUCCESS);
     std::vector<std::string> seen;
     fixture.machine.environment().SetObserver([&](const host::ObservedCall& call) { seen.push_back(call.function); });
@@ -63,14 +74,23 @@ TEST(FastCalls, AnObserverAndAFaultMeetEachOfThem)
         (void)WdfObjectGet_FAULTY_CONTEXT(item);
         (void)WdfCollectionGetCount(collection);
         (void)WdfCollectionGetItem(collection, 0);
+        (void)WdfCollectionGetFirstItem(collection);
         (void)WdfWaitLockAcquire(lock, nullptr);
         WdfWaitLockRelease(lock);
+        WdfWorkItemEnqueue(work);
+        WdfWorkItemEnqueue(work);
     };
     callAll();
     fixture.machine.environment().SetObserver(nullptr);
     callAll();
-    const std::vector<std::string> names = {"WdfObjectGetTypedContextWorker", "WdfCollectionGetCount",
-                                            "WdfCollectionGetItem", "WdfWaitLockAcquire", "WdfWaitLockRelease"};
+    const std::vector<std::string> names = {"WdfObjectGetTypedContextWorker",
+                                            "WdfCollectionGetCount",
+                                            "WdfCollectionGetItem",
+                                            "WdfCollectionGetFirstItem",
+                                            "WdfWaitLockAcquire",
+                                            "WdfWaitLockRelease",
+                                            "WdfWorkItemEnqueue",
+                                            "WdfWorkItemEnqueue"};
     EXPECT_EQ(seen, names);
 
     fixture.machine.faults().Add({.function = "WdfCollectionGetItem", .form = host::checks::FaultForm::kNull});
@@ -170,6 +190,37 @@ TEST(FastCalls, LookWhileOtherThreadsAddAndRemove)
         EXPECT_EQ(WdfObjectGet_FAULTY_CONTEXT(queue), nullptr);
     }
     changer.join();
+}
+
+std::atomic<unsigned> g_posted;
+std::vector<unsigned> g_delivered;  // by each run
+std::atomic<bool> g_mayEnd;
+
+// What is posted before an enqueue the next run sees, also when the item was queued already, or was just running.
+TEST(FastCalls, AnEnqueueLetsARunBeginAfterIt)
+{
+    FaultyDriverFixture fixture({.workItems = host::WorkItems::kThreads, .workerCount = 1});
+    g_delivered.clear();
+    g_mayEnd = false;
+    const WDFWORKITEM item = NewWorkItem(fixture, [](WDFWORKITEM) NTAPI {
+        g_delivered.push_back(g_posted);
+        g_posted = 0;
+        while (!g_mayEnd) {
+            std::this_thread::yield();
+        }
+    });
+    g_posted = 1;
+    WdfWorkItemEnqueue(item);
+    while (g_posted != 0) {
+        std::this_thread::yield();
+    }
+    for (const unsigned posted : {2u, 3u, 4u}) {
+        g_posted = posted;
+        WdfWorkItemEnqueue(item);
+    }
+    g_mayEnd = true;
+    fixture.machine.WaitForWorkItems();
+    EXPECT_EQ(g_delivered, (std::vector{1u, 4u}));
 }
 
 // A call that answers at once, about one object.
