@@ -1,10 +1,5 @@
 #include "host/framework/handle_table.h"
 
-#include "host/framework/collections.h"
-
-#include <mutex>
-#include <vector>
-
 namespace host::framework {
 namespace {
 
@@ -51,78 +46,6 @@ const char* Name(ObjectType type)
     }
     return "?";
 }
-
-// ---- Memory by kind ----
-
-namespace {
-
-// Blocks that were given back, by their size; they are never returned to the system.
-class BlocksOfKind {
-public:
-    void* Take(std::size_t bytes)
-    {
-        const std::lock_guard lock(mutex_);
-        std::vector<void*>& free = FreeOf(bytes);
-        if (free.empty()) {
-            const std::size_t size = RoundUp(bytes);
-            constexpr std::size_t kLarge = 4096;
-            const std::size_t atOnce = size < kLarge ? 32 : 1;
-            auto* blocks = static_cast<std::byte*>(::operator new(size * atOnce));
-            for (std::size_t block = atOnce; block-- > 0;) {
-                free.push_back(blocks + block * size);
-            }
-        }
-        void* memory = free.back();
-        free.pop_back();
-        return memory;
-    }
-    void Give(void* memory, std::size_t bytes)
-    {
-        const std::lock_guard lock(mutex_);
-        FreeOf(bytes).push_back(memory);
-    }
-
-private:
-    static constexpr std::size_t kStep = 64;
-    static std::size_t RoundUp(std::size_t bytes) { return (bytes + kStep - 1) / kStep * kStep; }
-    std::vector<void*>& FreeOf(std::size_t bytes)
-    {
-        const std::size_t kind = RoundUp(bytes) / kStep;
-        if (free_.size() <= kind) {
-            free_.resize(kind + 1);
-        }
-        return free_[kind];
-    }
-
-    std::mutex mutex_;
-    std::vector<std::vector<void*>> free_;
-};
-
-template <class Kind>
-BlocksOfKind& BlocksOf()
-{
-    static auto* blocks = new BlocksOfKind;  // the last machine may end after everything static
-    return *blocks;
-}
-
-}  // namespace
-
-template <class Kind>
-void* KeepsKind<Kind>::operator new(std::size_t bytes)
-{
-    return BlocksOf<Kind>().Take(bytes);
-}
-
-template <class Kind>
-void KeepsKind<Kind>::operator delete(void* memory, std::size_t bytes)
-{
-    BlocksOf<Kind>().Give(memory, bytes);
-}
-
-template struct KeepsKind<Object>;
-template struct KeepsKind<Context>;
-template struct KeepsKind<CollectionObject>;
-template struct KeepsKind<HandleList::Block>;
 
 ContextList::~ContextList()
 {

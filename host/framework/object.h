@@ -5,6 +5,7 @@
 
 #include "host/checks/call_path.h"
 #include "host/framework/inspector.h"
+#include "host/framework/kept_memory.h"
 
 #include <atomic>
 #include <cstdint>
@@ -18,15 +19,6 @@ namespace host::framework {
 class Framework;
 struct DriverInstance;
 struct Slot;
-
-// Memory for values of one kind. What was given back serves others of that kind only, so that a thread may still look
-// at it and then find that the handle is dead.
-template <class Kind>
-// NOLINTNEXTLINE(bugprone-crtp-constructor-accessibility): its kinds are aggregates, which construct their base.
-struct KeepsKind {
-    static void* operator new(std::size_t bytes);
-    static void operator delete(void* memory, std::size_t bytes);
-};
 
 struct Context : KeepsKind<Context> {
     PCWDF_OBJECT_CONTEXT_TYPE_INFO type;  // look-up goes by this address

@@ -23,7 +23,8 @@ constexpr std::size_t kPage = 4096;
 constexpr std::size_t kArenaBytes = std::size_t{16} << 20;  // address space only, reserved when the last one is full
 constexpr std::size_t kGuardedBlocksMaximum = 20000;        // each costs the kernel two mappings
 constexpr std::size_t kFreedKnown = 4096;                   // of which it is known who freed them
-constexpr std::size_t kSpareArenasMaximum = 2;              // a machine has pool and contexts
+constexpr std::size_t kSpareNodesMaximum = 1024;
+constexpr std::size_t kSpareArenasMaximum = 2;  // a machine has pool and contexts
 // The thread sanitizer takes accesses of two machines to one page for those of one.
 #if defined(HOST_THREAD_SANITIZER)
 constexpr bool kReusesArenas = false;
@@ -163,7 +164,15 @@ void* GuardedMemory::Allocate(std::size_t bytes, std::size_t alignment, bool zer
     std::memset(block.begin, kSlackFill, static_cast<std::size_t>(user - block.begin));
     std::memset(user, zero ? 0 : kUninitializedFill, bytes);
     std::memset(user + bytes, kSlackFill, block.rangeBytes - static_cast<std::size_t>(user - block.begin) - bytes);
-    blocks_.emplace(user, block);
+    if (spareNodes_.empty()) {
+        blocks_.emplace(user, block);
+    } else {
+        Blocks::node_type node = std::move(spareNodes_.back());
+        spareNodes_.pop_back();
+        node.key() = user;
+        node.mapped() = block;
+        blocks_.insert(std::move(node));
+    }
     return user;
 }
 
@@ -175,7 +184,11 @@ std::string GuardedMemory::Free(void* address)
         return "was never allocated here or is free already";
     }
     const Block block = found->second;
-    blocks_.erase(found);
+    if (spareNodes_.size() < kSpareNodesMaximum) {
+        spareNodes_.push_back(blocks_.extract(found));
+    } else {
+        blocks_.erase(found);
+    }
 
     auto* user = static_cast<std::uint8_t*>(address);
     const std::size_t before = CountDamaged(block.begin, user);

@@ -58,7 +58,9 @@ private:
         FreedMemory memory;
     };
     std::deque<Freed> freed_;  // the last ones, oldest first
-    std::unordered_map<void*, Block> blocks_;
+    using Blocks = std::unordered_map<void*, Block>;
+    Blocks blocks_;
+    std::vector<Blocks::node_type> spareNodes_;  // of blocks that were freed, for the next
     std::size_t guardedCount_ = 0;
     // Address space that guarded blocks are laid into, one after the other; the last arena is the one in use.
     class Arena {
