@@ -119,7 +119,13 @@ bool WaitFor(const PlatformCall& call, KEVENT& event, std::optional<TimeUnits> m
     }
     host::schedule::Wait wait{.subject = [text = Subject(event)] { return text; },
                               .isReady = [&] { return event.Header.SignalState != 0; },
-                              .heldBy = ThreadState::ThatRun,
+                              .heldBy =
+                                  [&framework] {
+                                      std::vector<std::uint64_t> threads = framework.work.AboutToRun();
+                                      const std::vector<std::uint64_t> others = ThreadState::ThatRun();
+                                      threads.insert(threads.end(), others.begin(), others.end());
+                                      return threads;
+                                  },
                               .anyEndsIt = true};
     if (moment) {
         constexpr std::int64_t kNanosecondsPerUnit = 100;

@@ -179,6 +179,7 @@ void WorkQueue::WorkerLoop(unsigned number)
     ThreadState::Current().Rename(name + " (dispatch)");
     std::unique_lock lock(framework_.mutex);
     schedule::Outcome outcome;
+    const schedule::ThreadId self = ThreadState::Current().id;
     bool hasRun = false;
     while (!stopping_) {
         if (RunNext(lock, name, outcome)) {
@@ -186,6 +187,7 @@ void WorkQueue::WorkerLoop(unsigned number)
             continue;
         }
         const IdleScope idle;
+        sleeping_.push_back(self);
         if (std::exchange(hasRun, false)) {
             // More often follows at once from a thread that waited for a lock of the run's: on one processor it goes on
             // now, and finds nobody to wake.
@@ -195,6 +197,7 @@ void WorkQueue::WorkerLoop(unsigned number)
         } else {
             added_.wait(lock);
         }
+        std::erase(sleeping_, self);
     }
 }
 

@@ -57,6 +57,11 @@ public:
     // Runs what is oldest; false when there is nothing.
     bool RunOne(std::unique_lock<std::mutex>& lock, schedule::Outcome& outcome);
 
+    // The workers that sleep although something is queued: one of them is about to run it.
+    [[nodiscard]] std::vector<schedule::ThreadId> AboutToRun() const
+    {
+        return Size() == 0 ? std::vector<schedule::ThreadId>() : sleeping_;
+    }
     [[nodiscard]] bool HasItems() const { return !items_.empty(); }
     [[nodiscard]] bool IsRunning() const { return running_ != 0; }
     [[nodiscard]] std::size_t Size() const { return items_.size() + deferred_.size(); }
@@ -104,6 +109,7 @@ private:
     std::condition_variable added_;  // workers wait for work
     std::condition_variable ended_;  // and others for its end
     std::vector<std::thread> workers_;
+    std::vector<schedule::ThreadId> sleeping_;  // of them, those with nothing to run when they last looked
 };
 
 }  // namespace host::framework

@@ -100,6 +100,11 @@ TEST(EventsOfAMachineWithThreads, AreSetAcrossThem)
     EXPECT_EQ(Wait(gone, kMillisecond), STATUS_TIMEOUT);
     KeSetEvent(&go, IO_NO_INCREMENT, FALSE);
     EXPECT_EQ(Wait(gone), STATUS_SUCCESS);
+    fixture.machine.WaitForWorkItems();
+    // While the workers still sleep, what is queued for them may set it.
+    KeSetEvent(&go, IO_NO_INCREMENT, FALSE);
+    WdfWorkItemEnqueue(fixture.table.WorkItem);
+    EXPECT_EQ(Wait(gone), STATUS_SUCCESS);
     EXPECT_EQ(fixture.TakeRules(), std::vector<Rule>{}) << fixture.Text();
 
     WdfWorkItemEnqueue(fixture.table.WorkItem);
