@@ -81,7 +81,10 @@ Wake Waiting::Block(std::unique_lock<std::mutex>& lock, const Wait& wait)
         if (wait.deadline) {
             until = std::min(until, *wait.deadline);
         }
-        isNotified = changed_.wait_until(lock, until) == std::cv_status::no_timeout;
+        // By number: on a busy machine the time may be over as well before a notified thread runs.
+        const std::uint64_t before = notifications_;
+        changed_.wait_until(lock, until);
+        isNotified = notifications_ != before;
     }
 }
 

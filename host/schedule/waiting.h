@@ -45,6 +45,7 @@ public:
     void NotifyAll()
     {
         if (HasWaiting()) {
+            ++notifications_;
             changed_.notify_all();
         }
     }
@@ -64,6 +65,7 @@ private:
     [[nodiscard]] std::optional<Wake> Judge(const Wait& wait, ThreadId self) const;
 
     std::condition_variable changed_;
+    std::uint64_t notifications_ = 0;
     std::atomic<unsigned> waitingCount_{0};  // counted before the wait is looked at
     std::atomic<std::uint64_t> endedUnnotified_{0};
     std::map<ThreadId, const Wait*> waits_;
