@@ -1,5 +1,6 @@
 // Who besides the platform function itself acts on a platform call. Functions that drivers call very often look at this
-// one word: while it is 0 they do their work at once, else they take the way of all platform calls.
+// one word: while it is 0, and at APC_LEVEL or below, where no code may be paged out under them, they do their work at
+// once, else they take the way of all platform calls.
 //
 // That way is a function of its own, never inlined: a function of the platform's calling convention that calls others
 // saves ten vector registers first, and those that answer at once call nobody.

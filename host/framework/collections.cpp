@@ -9,9 +9,9 @@ namespace host::framework {
 
 using checks::Rule;
 
-Object& CollectionObject::Take(std::size_t index)
+Object* CollectionObject::Take(std::size_t index)
 {
-    Object& item = *HandleTable::Current().Peek(items_[index]);  // alive: it has the collection's reference
+    Object* item = HandleTable::Current().Peek(items_[index]);
     items_.Erase(index);
     return item;
 }
@@ -19,7 +19,9 @@ Object& CollectionObject::Take(std::size_t index)
 void CollectionObject::OnDestroy(Framework& framework, std::unique_lock<std::mutex>& lock)
 {
     while (items_.size() != 0) {
-        framework.objects.Dereference(lock, Take(0));
+        if (Object* item = Take(0)) {
+            framework.objects.Dereference(lock, *item);
+        }
     }
 }
 
@@ -59,7 +61,7 @@ namespace {
 
 ULONG NTAPI CollectionGetCount(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION handle)
 {
-    if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(APC_LEVEL)) {
         const auto count = CollectionObject::CountAtOnce(HandleTable::Current().Find(handle));
         if (count) {
             return *count;
@@ -102,7 +104,9 @@ void NTAPI CollectionRemove(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, WDFOBJECT
         call.Violation(Rule::kCollectionItem, Describe(*item) + " is not in " + Describe(*collection));
         return;
     }
-    framework.objects.Dereference(lock, collection->Take(index));
+    if (Object* taken = collection->Take(index)) {
+        framework.objects.Dereference(lock, *taken);
+    }
 }
 
 void NTAPI CollectionRemoveItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG index)
@@ -120,7 +124,9 @@ void NTAPI CollectionRemoveItem(PWDF_DRIVER_GLOBALS, WDFCOLLECTION handle, ULONG
         return;
     }
     collection->CountSteps(index + 1);
-    framework.objects.Dereference(lock, collection->Take(index));
+    if (Object* taken = collection->Take(index)) {
+        framework.objects.Dereference(lock, *taken);
+    }
 }
 
 namespace {
@@ -137,7 +143,7 @@ namespace {
     if (collection == nullptr) {
         return nullptr;
     }
-    collection->CountSteps(std::min<std::size_t>(index + 1, collection->items().size()));
+    collection->CountSteps(std::min(std::size_t{index} + 1, std::size_t{collection->items().size()}));
     return index >= collection->items().size() ? nullptr : collection->items()[index];
 }
 
@@ -167,7 +173,7 @@ WDFOBJECT ItemAtEnd(const PlatformCall& call, WDFCOLLECTION handle, bool isFirst
 
 WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION handle, ULONG index)
 {
-    if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(APC_LEVEL)) {
         const WDFOBJECT item = CollectionObject::ItemAtOnce(HandleTable::Current().Find(handle), index);
         if (item != nullptr) {
             return item;
@@ -178,7 +184,7 @@ WDFOBJECT NTAPI CollectionGetItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION han
 
 WDFOBJECT NTAPI CollectionGetFirstItem(PWDF_DRIVER_GLOBALS globals, WDFCOLLECTION handle)
 {
-    if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(APC_LEVEL)) {
         const WDFOBJECT item = CollectionObject::ItemAtOnce(HandleTable::Current().Find(handle), 0);
         if (item != nullptr) {
             return item;

@@ -20,9 +20,10 @@ public:
     // ---- With the framework's mutex ----
 
     [[nodiscard]] const HandleList& items() const { return items_; }
-    // The caller's reference becomes the collection's, and with Take the other way round.
+    // The caller's reference becomes the collection's, and with Take the other way round. Take gives null for the item
+    // of a driver that was unloaded meanwhile.
     void Add(const Object& item) { items_.Append(item.handle); }
-    [[nodiscard]] Object& Take(std::size_t index);
+    [[nodiscard]] Object* Take(std::size_t index);
 
     // The framework keeps a list and walks it from the head, to an index or to an item; here an index is found at once,
     // and the steps that the walks would take are counted: exactly while one thread at a time looks.

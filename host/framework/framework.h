@@ -32,7 +32,7 @@ public:
 
     // Guards all objects, and with them whatever a thread may wait for, so that one look finds a wait without an end.
     // Never held while driver code runs. While it is held the locks of single parts may be taken, never the other way
-    // round: a collection's, the kernel's, and those of the two parts that have one of their own.
+    // round: the kernel's, and those of the two parts that have one of their own.
     std::mutex mutex;
 
     HandleTable handles;

@@ -120,6 +120,7 @@ void HandleTable::Remove(Object& object)
     (object.previousAlive_ != nullptr ? object.previousAlive_->nextAlive_ : firstAlive_) = object.nextAlive_;
     (object.nextAlive_ != nullptr ? object.nextAlive_->previousAlive_ : lastAlive_) = object.previousAlive_;
     object.slot->object.store(nullptr, std::memory_order_release);
+    std::atomic_thread_fence(std::memory_order_release);  // before its memory serves another
     delete &object;
 }
 

@@ -90,7 +90,7 @@ public:
 private:
     static SharedBlocks& Shared()
     {
-        static auto* shared = new SharedBlocks;  // the last machine may end after everything static
+        static auto* shared = new SharedBlocks;  // threads may end after everything static
         return *shared;
     }
     static void Fetch(std::vector<void*>& own, std::size_t bytes)

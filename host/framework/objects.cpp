@@ -102,7 +102,7 @@ namespace {
 // Drivers call this more often than all else, so what is in order is answered at once, without a lock.
 PVOID NTAPI ObjectGetTypedContext(PWDF_DRIVER_GLOBALS globals, WDFOBJECT handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO type)
 {
-    if (!IsAnythingArmed() && type != nullptr) {
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(APC_LEVEL) && type != nullptr) {
         const Slot* slot = HandleTable::Current().Find(handle);
         if (slot != nullptr && slot->contextType == type->UniqueType) {
             void* memory = slot->contextMemory;

@@ -285,7 +285,7 @@ NTSTATUS NTAPI WaitLockAcquire(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle, 
 
 void NTAPI WaitLockRelease(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle)
 {
-    if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(APC_LEVEL)) {
         ThreadState& thread = *ThreadState::Known();
         Slot* slot = HandleTable::Current().Find(handle);
         if (WaitLockAtOnce(slot) != nullptr && slot->owner.load(std::memory_order_relaxed) == thread.id &&

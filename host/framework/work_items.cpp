@@ -98,7 +98,7 @@ namespace {
 // One that is queued already stays so; the exchange orders what the caller did before it and what the run will see.
 void NTAPI WorkItemEnqueue(PWDF_DRIVER_GLOBALS globals, WDFWORKITEM handle)
 {
-    if (!IsAnythingArmed() && ThreadState::IsAtMost(DISPATCH_LEVEL)) {
+    if (!IsAnythingArmed() && ThreadState::IsAtMost(APC_LEVEL)) {
         const Slot* slot = HandleTable::Current().Find(handle);
         if (slot != nullptr && slot->type == ObjectType::kWorkItem) {
             auto* item = static_cast<WorkItemObject*>(slot->object.load(std::memory_order_acquire));

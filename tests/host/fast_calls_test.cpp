@@ -10,6 +10,10 @@
 #include <atomic>
 #include <thread>
 
+// Where this program's code begins and ends, by the linker.
+extern "C" const char __executable_start;  // NOLINT(bugprone-reserved-identifier)
+extern "C" const char etext;
+
 namespace tests {
 namespace {
 
@@ -23,6 +27,21 @@ WDFWORKITEM NewWorkItem(const FaultyDriverFixture& fixture, PFN_WDF_WORKITEM rou
     return item;
 }
 
+// While one exists, this program's code passes for code that may be paged out.
+class PagedOut {
+public:
+    explicit PagedOut(FaultyDriverFixture& fixture) : code_(fixture.machine.environment().pagedCode)
+    {
+        code_.Add(&__executable_start, static_cast<std::size_t>(&etext - &__executable_start));
+    }
+    ~PagedOut() { code_.Remove(&__executable_start); }
+    PagedOut(const PagedOut&) = delete;
+    PagedOut& operator=(const PagedOut&) = delete;
+
+private:
+    host::checks::PagedCode& code_;
+};
+
 TEST(FastCalls, AnswerAndReportAsWhenEachCallIsObserved)
 {
     for (const bool observed : {false, true}) {
@@ -33,6 +52,7 @@ TEST(FastCalls, AnswerAndReportAsWhenEachCallIsObserved)
         const WDFCOLLECTION collection = NewCollection();
         const WDFOBJECT item = NewObject();
         const WDFOBJECT dead = NewObject();
+        const WDFWORKITEM work = NewWorkItem(fixture, [](WDFWORKITEM) NTAPI {});
         WdfObjectDelete(dead);
         ASSERT_EQ(WdfCollectionAdd(collection, item), STATUS_SUCCESS);
         EXPECT_EQ(WdfCollectionGetCount(collection), 1u);
@@ -56,6 +76,17 @@ TEST(FastCalls, AnswerAndReportAsWhenEachCallIsObserved)
             EXPECT_EQ(WdfCollectionGetItem(collection, 0), item);
         }
         EXPECT_EQ(fixture.TakeRules(), std::vector(2, Rule::kIrql));
+        {
+            const PagedOut paged(fixture);
+            const host::ScopedIrql level(DISPATCH_LEVEL);
+            EXPECT_NE(WdfObjectGet_FAULTY_CONTEXT(item), nullptr);
+            EXPECT_EQ(WdfCollectionGetCount(collection), 1u);
+            EXPECT_EQ(WdfCollectionGetItem(collection, 0), item);
+            EXPECT_EQ(WdfCollectionGetFirstItem(collection), item);
+            WdfWorkItemEnqueue(work);
+            WdfWorkItemEnqueue(work);
+        }
+        EXPECT_EQ(fixture.TakeRules(), std::vector(6, Rule::kIrql));
         fixture.machine.environment().SetObserver(nullptr);
     }
 }
