@@ -222,10 +222,10 @@ run_groups() {
     if [ "$(uname -m)" = x86_64 ]; then
         echo "left to ./zepn test --all: address, undefined-behaviour and thread sanitizers; on the ARM64 image fault"
         echo "injection, model, schedules, scenarios and samples; host and tools under emulation; whether two builds"
-        echo "are equal; the commands as typed"
+        echo "are equal; the commands as typed; damaged and very large files"
     else
         echo "left to ./zepn test --all: address, undefined-behaviour and thread sanitizers; whether two builds are equal;"
-        echo "the commands as typed"
+        echo "the commands as typed; damaged and very large files"
     fi
 }
 
