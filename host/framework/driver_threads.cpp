@@ -6,28 +6,26 @@
 #include "host/schedule/parking.h"
 #include "host/schedule/yield.h"
 
+#include <utility>
+
 namespace host::framework {
 
 using checks::Rule;
 
-// While it stands, the thread that handed out this thread's work is known to wait for it.
+// While it stands, the thread that handed out this thread's work is known to wait for it. With the mutex.
 class DriverThreads::Supervision {
 public:
-    Supervision(DriverThreads& threads, std::uint64_t supervisor) : threads_(threads), self_(ThreadState::Current().id)
+    Supervision(schedule::Waiting& waiting, std::uint64_t supervisor)
+        : waiting_(waiting), self_(ThreadState::Current().id)
     {
-        const std::lock_guard lock(threads_.framework_.mutex);
-        threads_.waiting_.BeginSupervision(supervisor, self_);
+        waiting_.BeginSupervision(supervisor, self_);
     }
-    ~Supervision()
-    {
-        const std::lock_guard lock(threads_.framework_.mutex);
-        threads_.waiting_.EndSupervision(self_);
-    }
+    ~Supervision() { waiting_.EndSupervision(self_); }
     Supervision(const Supervision&) = delete;
     Supervision& operator=(const Supervision&) = delete;
 
 private:
-    DriverThreads& threads_;
+    schedule::Waiting& waiting_;
     const std::uint64_t self_;
 };
 
@@ -109,21 +107,57 @@ void DriverThreads::ParkFor(std::unique_lock<std::mutex>& lock, const schedule::
     schedule::ParkThisThread(reason);
 }
 
-schedule::Outcome DriverThreads::RunOnThread(const std::string& name, const char* what, const void* routine,
-                                             const std::function<void()>& work)
+namespace {
+
+// Gives a lock back for a scope, however that ends.
+class Unlocked {
+public:
+    explicit Unlocked(std::unique_lock<std::mutex>& lock) : lock_(lock) { lock_.unlock(); }
+    ~Unlocked() { lock_.lock(); }
+    Unlocked(const Unlocked&) = delete;
+    Unlocked& operator=(const Unlocked&) = delete;
+
+private:
+    std::unique_lock<std::mutex>& lock_;
+};
+
+}  // namespace
+
+schedule::Outcome DriverThreads::RunEach(const std::string& name, const std::function<std::optional<Work>()>& next)
 {
     const std::uint64_t supervisor = ThreadState::Current().id;
     const schedule::Outcome outcome = threads_.Run(name, [&, this] {
-        const Supervision supervision(*this, supervisor);
-        schedule::YieldPoint(schedule::YieldKind::kThreadBegins, what);
-        Guarded(what, routine, work);
-        schedule::YieldPoint(schedule::YieldKind::kThreadEnds, what);
+        std::unique_lock lock(framework_.mutex);
+        const Supervision supervision(waiting_, supervisor);
+        while (const std::optional<Work> work = next()) {
+            {
+                const Unlocked unlocked(lock);
+                schedule::YieldPoint(schedule::YieldKind::kThreadBegins, work->what);
+                Guarded(work->what, work->routine, work->call);
+                schedule::YieldPoint(schedule::YieldKind::kThreadEnds, work->what);
+            }
+            if (work->end) {
+                work->end(lock);
+            }
+        }
     });
     if (outcome.parked) {
         const std::lock_guard lock(framework_.mutex);
         NotifyWaiting();  // whoever waits for the parked thread looks again
     }
     return outcome;
+}
+
+schedule::Outcome DriverThreads::RunOnThread(const std::string& name, const char* what, const void* routine,
+                                             const std::function<void()>& work)
+{
+    bool isTaken = false;
+    return RunEach(name, [&]() -> std::optional<Work> {
+        if (std::exchange(isTaken, true)) {
+            return std::nullopt;
+        }
+        return Work{what, routine, work, nullptr};
+    });
 }
 
 }  // namespace host::framework

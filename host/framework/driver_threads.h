@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -47,6 +48,16 @@ public:
     // Runs work, guarded, on a thread of the host, while this thread waits.
     schedule::Outcome RunOnThread(const std::string& name, const char* what, const void* routine,
                                   const std::function<void()>& work);
+
+    // The same for one work after another on one thread, until `next` has none or one parks. `next` and the end of a
+    // work, if it has one, are called on that thread, with the mutex; a work that parks does not come to its end.
+    struct Work {
+        const char* what;
+        const void* routine;
+        std::function<void()> call;
+        std::function<void(std::unique_lock<std::mutex>&)> end;
+    };
+    schedule::Outcome RunEach(const std::string& name, const std::function<std::optional<Work>()>& next);
 
     // Whether a thread is parked in driver code, whose image and objects must stay.
     [[nodiscard]] bool HasParked() const { return threads_.HasParked(); }

@@ -250,14 +250,16 @@ WaitLockObject* WaitLockAtOnce(const Slot* slot)
 }
 
 // Most locks are given back in less time than it takes to sleep and be woken, so a lock that another thread holds is
-// looked at for a while first.
+// looked at for a while first, and less and less often: who takes it several times in a row is not held up by looks.
 [[gnu::noinline]] NTSTATUS NTAPI AcquireSoon(PWDF_DRIVER_GLOBALS globals, WDFWAITLOCK handle, PLONGLONG timeout)
 {
-    constexpr unsigned kLooks = 2000;
+    constexpr unsigned kPauses = 2000;
+    constexpr unsigned kPausesAtOnce = 128;
     Slot* slot = HandleTable::Current().Find(handle);
     if (!IsAnythingArmed() && ThreadState::IsAtMost(PASSIVE_LEVEL) && WaitLockAtOnce(slot) != nullptr) {
         ThreadState& thread = *ThreadState::Known();
-        for (unsigned look = 0; look < kLooks; ++look) {
+        unsigned atOnce = 1;
+        for (unsigned pauses = 0; pauses < kPauses; pauses += atOnce, atOnce = std::min(atOnce * 2, kPausesAtOnce)) {
             const std::uint64_t holder = slot->owner.load(std::memory_order_relaxed);
             if (holder == 0 && AcquireAtOnce(thread, handle, slot, timeout, HOST_CALLER)) {
                 return STATUS_SUCCESS;
@@ -266,7 +268,9 @@ WaitLockObject* WaitLockAtOnce(const Slot* slot)
             if (holder == 0 || holder == thread.id) {
                 break;
             }
-            SpinHint();
+            for (unsigned pause = 0; pause < atOnce; ++pause) {
+                SpinHint();
+            }
         }
     }
     [[clang::musttail]] return AcquireChecked(globals, handle, timeout);

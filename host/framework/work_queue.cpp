@@ -31,68 +31,60 @@ void WorkQueue::Forget(const Object& object)
 
 // ---- Runs ----
 
-void WorkQueue::CallBack(WorkItemObject& item)
-{
-    const std::uint64_t self = ThreadState::Current().id;
-    {
-        const std::lock_guard lock(framework_.mutex);
-        --item.starting;
-        item.runningOn.push_back(self);
-        item.callbackThread = self;
-    }
-    schedule::Acquire(&item.queued);
-    framework_.threads.Guarded("EvtWorkItem", reinterpret_cast<const void*>(item.routine),
-                               [&] { item.routine(static_cast<WDFWORKITEM>(item.handle)); });
-    schedule::Release(&item.runningOn);
-    std::unique_lock lock(framework_.mutex);
-    std::erase(item.runningOn, self);
-    item.callbackThread = 0;
-    framework_.threads.NotifyWaiting();
-    framework_.objects.Dereference(lock, item);
-}
-
-void WorkQueue::RunItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const std::string& threadName,
-                        schedule::Outcome& outcome)
+DriverThreads::Work WorkQueue::Begin(WorkItemObject& item)
 {
     std::erase(items_, &item);
     item.queued.exchange(false);  // who still finds it queued has done before what the run is to see
-    ++item.starting;
     ++running_;
     ObjectTree::Reference(item);
-    lock.unlock();
-    outcome = framework_.threads.RunOnThread(threadName, "work item", nullptr, [this, &item] { CallBack(item); });
-    lock.lock();
-    EndRun();
+    const schedule::ThreadId self = ThreadState::Current().id;
+    item.runningOn.push_back(self);
+    item.callbackThread = self;
+    return {.what = "work item",
+            .routine = nullptr,
+            .call =
+                [this, &item] {
+                    schedule::Acquire(&item.queued);
+                    framework_.threads.Guarded("EvtWorkItem", reinterpret_cast<const void*>(item.routine),
+                                               [&] { item.routine(static_cast<WDFWORKITEM>(item.handle)); });
+                    schedule::Release(&item.runningOn);
+                },
+            .end =
+                [this, &item](std::unique_lock<std::mutex>& lock) {
+                    std::erase(item.runningOn, ThreadState::Current().id);
+                    item.callbackThread = 0;
+                    framework_.threads.NotifyWaiting();
+                    framework_.objects.Dereference(lock, item);
+                    EndRun();
+                }};
 }
 
-bool WorkQueue::RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName,
-                            schedule::Outcome& outcome, const Object* onlyOf)
+std::optional<DriverThreads::Work> WorkQueue::BeginDeferred(const Object* onlyOf)
 {
     const auto next = std::find_if(deferred_.begin(), deferred_.end(), [onlyOf](const Deferred& deferred) {
         return onlyOf == nullptr || deferred.owner == onlyOf;
     });
     if (next == deferred_.end()) {
-        return false;
+        return std::nullopt;
     }
-    const Deferred deferred = std::move(*next);
+    const auto running = deferredRunning_.insert(deferredRunning_.end(), {next->owner, ThreadState::Current().id});
+    std::function<void()> work = std::move(next->work);
     deferred_.erase(next);
-    const auto running = deferredRunning_.insert(deferredRunning_.end(), {deferred.owner, schedule::kNobody});
     ++running_;
-    lock.unlock();
-    outcome = framework_.threads.RunOnThread(threadName, "framework work", nullptr, [&] {
-        {
-            const std::lock_guard begin(framework_.mutex);
-            running->thread = ThreadState::Current().id;
-        }
-        deferred.work();
-    });
-    lock.lock();
-    if (!outcome.parked) {
-        deferredRunning_.erase(running);
-        framework_.threads.NotifyWaiting();
-    }
-    EndRun();
-    return true;
+    return DriverThreads::Work{.what = "framework work",
+                               .routine = nullptr,
+                               .call = std::move(work),
+                               .end = [this, running](std::unique_lock<std::mutex>&) {
+                                   deferredRunning_.erase(running);
+                                   framework_.threads.NotifyWaiting();
+                                   EndRun();
+                               }};
+}
+
+std::optional<DriverThreads::Work> WorkQueue::BeginNext()
+{
+    std::optional<DriverThreads::Work> deferred = BeginDeferred(nullptr);
+    return deferred || items_.empty() ? std::move(deferred) : Begin(*items_.front());
 }
 
 void WorkQueue::EndRun()
@@ -103,21 +95,31 @@ void WorkQueue::EndRun()
     }
 }
 
-bool WorkQueue::RunNext(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome)
+bool WorkQueue::Run(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome,
+                    const std::function<std::optional<DriverThreads::Work>()>& next)
 {
-    if (RunDeferred(lock, threadName, outcome)) {
-        return true;
-    }
-    if (items_.empty()) {
+    if (Size() == 0) {
         return false;
     }
-    RunItem(lock, *items_.front(), threadName, outcome);
-    return true;
+    bool hasRun = false;
+    lock.unlock();
+    outcome = framework_.threads.RunEach(threadName, [&] {
+        std::optional<DriverThreads::Work> work = next();
+        hasRun = hasRun || work;
+        return work;
+    });
+    lock.lock();
+    if (outcome.parked) {
+        EndRun();
+    }
+    return hasRun;
 }
 
 bool WorkQueue::RunOne(std::unique_lock<std::mutex>& lock, schedule::Outcome& outcome)
 {
-    return RunNext(lock, "system worker", outcome);
+    bool isTaken = false;
+    return Run(lock, "system worker", outcome,
+               [&] { return std::exchange(isTaken, true) ? std::nullopt : BeginNext(); });
 }
 
 // ---- Waits ----
@@ -125,12 +127,12 @@ bool WorkQueue::RunOne(std::unique_lock<std::mutex>& lock, schedule::Outcome& ou
 void WorkQueue::WaitForDisposals(std::unique_lock<std::mutex>& lock, const Object& owner)
 {
     schedule::Outcome outcome;
-    while (RunDeferred(lock, "system worker", outcome, &owner)) {
+    while (Run(lock, "system worker", outcome, [&] { return BeginDeferred(&owner); })) {
     }
     const auto threads = [&] {
         std::vector<schedule::ThreadId> begun;
         for (const RunningDeferred& running : deferredRunning_) {
-            if (running.owner == &owner && running.thread != schedule::kNobody) {
+            if (running.owner == &owner) {
                 begun.push_back(running.thread);
             }
         }
@@ -153,11 +155,12 @@ void WorkQueue::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& 
     // Whether or not a worker is free: one that waits for a lock of this thread's would never get to it.
     while (item.queued) {
         schedule::Outcome outcome;
-        RunItem(lock, item, "system worker", outcome);
+        (void)Run(lock, "system worker", outcome,
+                  [&] { return item.queued ? std::optional(Begin(item)) : std::nullopt; });
     }
     const schedule::Wait wait{
         .subject = [&item] { return "the runs of " + Describe(item); },
-        .isReady = [&item] { return !item.queued && item.starting == 0 && item.runningOn.empty(); },
+        .isReady = [&item] { return !item.queued && item.runningOn.empty(); },
         .heldBy = [&item] { return item.runningOn; },
     };
     (void)framework_.threads.WaitFor(lock, wait, function, caller);
@@ -182,8 +185,9 @@ void WorkQueue::WorkerLoop(unsigned number)
     const schedule::ThreadId self = ThreadState::Current().id;
     bool hasRun = false;
     while (!stopping_) {
-        if (RunNext(lock, name, outcome)) {
-            hasRun = true;
+        if (Size() != 0) {
+            // The lock was released meanwhile: whether there is more, or an end, is looked at again.
+            hasRun |= Run(lock, name, outcome, [this] { return stopping_ ? std::nullopt : BeginNext(); });
             continue;
         }
         const IdleScope idle;

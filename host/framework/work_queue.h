@@ -2,9 +2,8 @@
 // framework itself leaves to a system thread, disposals above all.
 #pragma once
 
+#include "host/framework/driver_threads.h"
 #include "host/framework/object.h"
-#include "host/schedule/threads.h"
-#include "host/schedule/waiting.h"
 
 #include <condition_variable>
 #include <deque>
@@ -27,7 +26,6 @@ struct WorkItemObject final : Object {
     PFN_WDF_WORKITEM routine = nullptr;
     std::atomic<bool> queued{false};       // set with the mutex
     bool disposing = false;                // disposal has begun: enqueue is dropped
-    unsigned starting = 0;                 // taken off the queue, not on their thread yet
     std::vector<std::uint64_t> runningOn;  // thread ids
     std::uint64_t callbackThread = 0;  // of the run that began last, until any run ends: all that the framework keeps
 };
@@ -86,17 +84,17 @@ private:
     };
     struct RunningDeferred {
         const Object* owner;
-        schedule::ThreadId thread;  // kNobody until it has begun
+        schedule::ThreadId thread;
     };
 
-    bool RunNext(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome);
-    // Runs a queued item's callback. The item may be destroyed by it, unless the thread parks.
-    void RunItem(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const std::string& threadName,
-                 schedule::Outcome& outcome);
-    void CallBack(WorkItemObject& item);
-    // Runs the oldest deferred work, of one owner or of all; false when there is none.
-    bool RunDeferred(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome,
-                     const Object* onlyOf = nullptr);
+    // Take a run off the queue, for the calling thread: an item's, which may be destroyed by it unless the thread parks;
+    // the oldest deferred work's, of one owner or of all; what is to run next.
+    DriverThreads::Work Begin(WorkItemObject& item);
+    std::optional<DriverThreads::Work> BeginDeferred(const Object* onlyOf);
+    std::optional<DriverThreads::Work> BeginNext();
+    // Runs what `next` takes off, on one thread; false when that was nothing.
+    bool Run(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome,
+             const std::function<std::optional<DriverThreads::Work>()>& next);
     void EndRun();
     void WorkerLoop(unsigned number);
 
