@@ -1,5 +1,6 @@
 #include "host/framework/driver_threads.h"
 
+#include "host/checks/crash.h"
 #include "host/framework/framework.h"
 #include "host/framework/spin_locks.h"
 #include "host/framework/wait_locks.h"
@@ -125,6 +126,7 @@ private:
 
 schedule::Outcome DriverThreads::RunEach(const std::string& name, const std::function<std::optional<Work>()>& next)
 {
+    checks::CatchMemoryFaults();
     const std::uint64_t supervisor = ThreadState::Current().id;
     const schedule::Outcome outcome = threads_.Run(name, [&, this] {
         std::unique_lock lock(framework_.mutex);

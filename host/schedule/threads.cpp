@@ -1,6 +1,5 @@
 #include "host/schedule/threads.h"
 
-#include "host/checks/crash.h"
 #include "host/environment.h"
 #include "host/schedule/fiber.h"
 #include "host/schedule/parking.h"
@@ -66,7 +65,6 @@ Idle& TheIdle()
 
 Outcome Threads::Run(const std::string& name, const std::function<void()>& work)
 {
-    checks::CatchMemoryFaults();
     std::unique_ptr<Fiber> fiber = TheIdle().Take();
     fiber->state.BeginWork(name);
     if (!fiber->Run(work)) {
