@@ -17,7 +17,10 @@
 namespace host::framework {
 
 // Queued at most once; runs of one item may overlap. The framework's mutex guards it.
-struct WorkItemObject final : Object {
+struct WorkItemObject final : Object, KeepsKind<WorkItemObject> {
+    // An enqueue looks at the flag without the mutex, perhaps when the item is gone: its memory serves work items only.
+    using KeepsKind<WorkItemObject>::operator new;
+    using KeepsKind<WorkItemObject>::operator delete;
     explicit WorkItemObject(DriverInstance* owner) : Object(ObjectType::kWorkItem, owner) {}
     void OnDispose(Framework& framework, std::unique_lock<std::mutex>& lock) override;
     [[nodiscard]] bool NeedsPassiveLevel() const override { return true; }
