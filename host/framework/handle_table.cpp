@@ -49,17 +49,16 @@ const char* Name(ObjectType type)
 
 ContextList::~ContextList()
 {
-    Context* context = first_.exchange(nullptr, std::memory_order_relaxed);
-    while (context != nullptr) {
-        const std::unique_ptr<Context> ended(context);
-        context = ended->next.load(std::memory_order_relaxed);
+    while (first_ != nullptr) {
+        const std::unique_ptr<Context> ended(first_);
+        first_ = ended->next;
     }
 }
 
 void ContextList::Add(std::unique_ptr<Context> context)
 {
     Context* added = context.release();
-    (last_ != nullptr ? last_->next : first_).store(added, std::memory_order_release);
+    (last_ != nullptr ? last_->next : first_) = added;
     last_ = added;
 }
 

@@ -26,11 +26,10 @@ struct Context : KeepsKind<Context> {
     std::size_t sizeBytes;
     PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup;
     PFN_WDF_OBJECT_CONTEXT_DESTROY destroy;
-    std::atomic<Context*> next{nullptr};
+    Context* next = nullptr;
 };
 
-// An object's contexts in the order in which they were added. They stay as long as the object, so any thread may look
-// while one is added.
+// An object's contexts in the order in which they were added.
 class ContextList {
 public:
     ContextList() = default;
@@ -44,7 +43,7 @@ public:
         const Context& operator*() const { return *at_; }
         Iterator& operator++()
         {
-            at_ = at_->next.load(std::memory_order_acquire);
+            at_ = at_->next;
             return *this;
         }
         bool operator==(const Iterator&) const = default;
@@ -52,17 +51,17 @@ public:
     private:
         const Context* at_;
     };
-    [[nodiscard]] Iterator begin() const { return Iterator(first_.load(std::memory_order_acquire)); }
+    [[nodiscard]] Iterator begin() const { return Iterator(first_); }
     [[nodiscard]] static Iterator end() { return Iterator(nullptr); }
-    [[nodiscard]] bool empty() const { return begin() == end(); }
-    [[nodiscard]] const Context& front() const { return *begin(); }
+    [[nodiscard]] bool empty() const { return first_ == nullptr; }
+    [[nodiscard]] const Context& front() const { return *first_; }
 
     // Null when there is none of this type.
     [[nodiscard]] const Context* Find(PCWDF_OBJECT_CONTEXT_TYPE_INFO type) const
     {
-        const Context* context = first_.load(std::memory_order_acquire);
+        const Context* context = first_;
         while (context != nullptr && context->type != type) {
-            context = context->next.load(std::memory_order_acquire);
+            context = context->next;
         }
         return context;
     }
@@ -70,7 +69,7 @@ public:
     void Add(std::unique_ptr<Context> context);
 
 private:
-    std::atomic<Context*> first_{nullptr};
+    Context* first_ = nullptr;
     Context* last_ = nullptr;
 };
 
