@@ -1,8 +1,10 @@
 #include "host/framework/kept_memory.h"
 
-#include "host/framework/collections.h"
+#include "host/environment.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -42,21 +44,31 @@ private:
     std::vector<std::vector<void*>> blocks_;
 };
 
+constexpr unsigned kKindsMaximum = 8;
+
 // Of one kind, for all threads. They are never returned to the system.
 struct SharedBlocks {
     std::mutex mutex;
     FreeBlocks free;
+
+    static SharedBlocks& Of(unsigned kind)
+    {
+        static auto* shared = new std::array<SharedBlocks, kKindsMaximum>;  // threads may end after everything static
+        return (*shared)[kind];
+    }
 };
 
 // Each thread has some of its own: one that makes objects and one that ends them seldom meet at the lock.
-template <class Kind>
 class OwnBlocks {
 public:
     OwnBlocks() = default;
     ~OwnBlocks()
     {
-        const std::lock_guard lock(Shared().mutex);
-        Shared().free.TakeAll(own_);
+        for (unsigned kind = 0; kind < kKindsMaximum; ++kind) {
+            SharedBlocks& shared = SharedBlocks::Of(kind);
+            const std::lock_guard lock(shared.mutex);
+            shared.free.TakeAll(kinds_[kind]);
+        }
     }
     OwnBlocks(const OwnBlocks&) = delete;
     OwnBlocks& operator=(const OwnBlocks&) = delete;
@@ -67,37 +79,34 @@ public:
         return blocks;
     }
 
-    void* Take(std::size_t bytes)
+    void* Take(unsigned kind, std::size_t bytes)
     {
-        std::vector<void*>& own = own_.Of(bytes);
+        std::vector<void*>& own = kinds_[kind].Of(bytes);
         if (own.empty()) {
-            Fetch(own, bytes);
+            Fetch(kind, own, bytes);
         }
         void* memory = own.back();
         own.pop_back();
         return memory;
     }
-    void Give(void* memory, std::size_t bytes)
+    void Give(unsigned kind, void* memory, std::size_t bytes)
     {
-        std::vector<void*>& own = own_.Of(bytes);
+        std::vector<void*>& own = kinds_[kind].Of(bytes);
         own.push_back(memory);
         if (own.size() > 2 * kAtOnce) {
-            const std::lock_guard lock(Shared().mutex);
-            FreeBlocks::Move(own, Shared().free.Of(bytes), kAtOnce);
+            SharedBlocks& shared = SharedBlocks::Of(kind);
+            const std::lock_guard lock(shared.mutex);
+            FreeBlocks::Move(own, shared.free.Of(bytes), kAtOnce);
         }
     }
 
 private:
-    static SharedBlocks& Shared()
-    {
-        static auto* shared = new SharedBlocks;  // threads may end after everything static
-        return *shared;
-    }
-    static void Fetch(std::vector<void*>& own, std::size_t bytes)
+    static void Fetch(unsigned kind, std::vector<void*>& own, std::size_t bytes)
     {
         {
-            const std::lock_guard lock(Shared().mutex);
-            FreeBlocks::Move(Shared().free.Of(bytes), own, kAtOnce);
+            SharedBlocks& shared = SharedBlocks::Of(kind);
+            const std::lock_guard lock(shared.mutex);
+            FreeBlocks::Move(shared.free.Of(bytes), own, kAtOnce);
         }
         if (!own.empty()) {
             return;
@@ -111,26 +120,29 @@ private:
         }
     }
 
-    FreeBlocks own_;
+    std::array<FreeBlocks, kKindsMaximum> kinds_;
 };
 
 }  // namespace
 
-template <class Kind>
-void* KeepsKind<Kind>::operator new(std::size_t bytes)
+unsigned NextKind()
 {
-    return OwnBlocks<Kind>::OfThisThread().Take(bytes);
+    static std::atomic<unsigned> count{0};
+    const unsigned kind = count++;
+    if (kind >= kKindsMaximum) {
+        throw HostError("too many kinds of kept memory");
+    }
+    return kind;
 }
 
-template <class Kind>
-void KeepsKind<Kind>::operator delete(void* memory, std::size_t bytes)
+void* TakeKept(unsigned kind, std::size_t bytes)
 {
-    OwnBlocks<Kind>::OfThisThread().Give(memory, bytes);
+    return OwnBlocks::OfThisThread().Take(kind, bytes);
 }
 
-template struct KeepsKind<Object>;
-template struct KeepsKind<Context>;
-template struct KeepsKind<CollectionObject>;
-template struct KeepsKind<HandleList::Block>;
+void GiveKept(unsigned kind, void* memory, std::size_t bytes)
+{
+    OwnBlocks::OfThisThread().Give(kind, memory, bytes);
+}
 
 }  // namespace host::framework
