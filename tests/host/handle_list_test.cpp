@@ -1,5 +1,5 @@
 // A list of handles may be read while another thread changes it: what is read stood there before the change or stands
-// there after it, or the reader is told nothing and has to ask with the lock.
+// there after it, or it is null, and the reader takes the lock.
 #include "host/framework/handle_list.h"
 #include "tests/host/faulty_driver_fixture.h"
 #include "tests/kit/single_steps.h"
