@@ -86,8 +86,9 @@ void RunQueuedWork(Framework& framework, std::unique_lock<std::mutex>& lock, Tim
 {
     if (timer.isWorkQueued) {
         timer.isWorkQueued = false;
-        framework.work.Forget(timer);
+        framework.work.TakeOver(timer);
         Run(framework, lock, timer);
+        framework.work.EndRun();
     }
 }
 

@@ -29,6 +29,12 @@ void WorkQueue::Forget(const Object& object)
     ended_.notify_all();  // nothing may be left to wait for
 }
 
+void WorkQueue::TakeOver(const Object& object)
+{
+    ++running_;
+    Forget(object);
+}
+
 // ---- Runs ----
 
 DriverThreads::Work WorkQueue::Begin(WorkItemObject& item)

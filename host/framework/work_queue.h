@@ -49,6 +49,10 @@ public:
     void Defer(const Object* owner, const Object* object, std::function<void()> work);
     // The object is freed: nothing is left to do for it.
     void Forget(const Object& object);
+    // The calling thread does itself what was left to a system thread for this object. It counts as running until
+    // EndRun.
+    void TakeOver(const Object& object);
+    void EndRun();
 
     // Waits until nothing is deferred for this device or driver; what no thread has begun yet is run for it.
     void WaitForDisposals(std::unique_lock<std::mutex>& lock, const Object& owner);
@@ -98,7 +102,6 @@ private:
     // Runs what `next` takes off, on one thread; false when that was nothing.
     bool Run(std::unique_lock<std::mutex>& lock, const std::string& threadName, schedule::Outcome& outcome,
              const std::function<std::optional<DriverThreads::Work>()>& next);
-    void EndRun();
     void WorkerLoop(unsigned number);
 
     Framework& framework_;

@@ -2,7 +2,9 @@
 #include "host/kernel/kernel.h"
 #include "tests/host/faulty_driver_fixture.h"
 
+#include <atomic>
 #include <chrono>
+#include <thread>
 
 namespace tests {
 namespace {
@@ -133,6 +135,28 @@ TEST(TimersOfPassiveLevel, RunOnWorkersWhereThereAreSome)
     fixture.machine.AdvanceClock(3ms);
     fixture.machine.WaitForWorkItems();
     EXPECT_EQ(g_due, (std::vector<Due>{{timer, 3, PASSIVE_LEVEL}}));
+}
+
+// Nobody else is there to run it: who stops the timer does, and who waits for all work waits for that, too.
+TEST(TimersOfPassiveLevel, AreWaitedForWhileWhoStopsThemRunsThem)
+{
+    TimersFixture fixture({.workItems = host::WorkItems::kThreads, .workerCount = 0});
+    const WDFTIMER timer = fixture.New(0, WdfExecutionLevelPassive);
+    WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(3));
+    fixture.machine.AdvanceClock(3ms);
+    static std::atomic<bool> isOver;
+    isOver = false;
+    std::thread waiting([&] {
+        fixture.machine.WaitForWorkItems();
+        isOver = true;
+    });
+    g_inCallback = [](WDFTIMER) {
+        std::this_thread::sleep_for(20ms);
+        EXPECT_FALSE(isOver);
+    };
+    (void)WdfTimerStop(timer, TRUE);
+    EXPECT_EQ(g_due, (std::vector<Due>{{timer, 3, PASSIVE_LEVEL}}));
+    waiting.join();
 }
 
 TEST_F(Timers, AreCreatedAsThePlatformAllows)
