@@ -3,7 +3,9 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
+#include <vector>
 
 namespace bench {
 namespace {
@@ -24,7 +26,41 @@ public:
     double fastest = std::numeric_limits<double>::infinity();
 };
 
+// Nanoseconds of one call, of as many as fill a round.
+double TimeOfRound(const std::function<void()>& call)
+{
+    constexpr std::chrono::milliseconds kRound{5};
+    const auto begin = std::chrono::steady_clock::now();
+    unsigned calls = 0;
+    std::chrono::steady_clock::duration passed{};
+    while (passed < kRound) {
+        call();
+        ++calls;
+        passed = std::chrono::steady_clock::now() - begin;
+    }
+    return std::chrono::duration<double, std::nano>(passed).count() / calls;
+}
+
+double MedianOf(std::vector<double> times)
+{
+    const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
+    std::ranges::nth_element(times, middle);
+    return *middle;
+}
+
 }  // namespace
+
+InTurns NanosecondsInTurns(const std::function<void()>& first, const std::function<void()>& second, bool isQuick)
+{
+    const unsigned rounds = isQuick ? 3 : 61;
+    std::vector<double> firsts;
+    std::vector<double> seconds;
+    for (unsigned round = 0; round < rounds; ++round) {
+        firsts.push_back(TimeOfRound(first));
+        seconds.push_back(TimeOfRound(second));
+    }
+    return {MedianOf(firsts), MedianOf(seconds)};
+}
 
 double NanosecondsOf(const std::string& name, const std::function<void()>& call, bool isQuick, double perCall)
 {

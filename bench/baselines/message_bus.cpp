@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <thread>
@@ -97,12 +98,24 @@ private:
         return DBUS_HANDLER_RESULT_HANDLED;
     }
 
+    // Sleeps while nothing comes, so that it disturbs nothing that is measured between.
     void Serve()
     {
+        std::vector<pollfd> sockets;
+        for (DBusConnection* connection : subscribers_) {
+            int socket = -1;
+            dbus_connection_get_unix_fd(connection, &socket);
+            sockets.push_back({.fd = socket, .events = POLLIN, .revents = 0});
+        }
+        constexpr int kMilliseconds = 20;  // then looks for its end
         while (!ending_) {
-            for (DBusConnection* connection : subscribers_) {
-                dbus_connection_read_write(connection, 0);
-                while (dbus_connection_dispatch(connection) == DBUS_DISPATCH_DATA_REMAINS) {
+            poll(sockets.data(), sockets.size(), kMilliseconds);
+            for (std::size_t index = 0; index < sockets.size(); ++index) {
+                if (sockets[index].revents == 0) {
+                    continue;
+                }
+                dbus_connection_read_write(subscribers_[index], 0);
+                while (dbus_connection_dispatch(subscribers_[index]) == DBUS_DISPATCH_DATA_REMAINS) {
                 }
             }
         }
