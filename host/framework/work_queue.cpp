@@ -32,7 +32,8 @@ void WorkQueue::Forget(const Object& object)
 void WorkQueue::TakeOver(const Object& object)
 {
     ++running_;
-    Forget(object);
+    std::erase_if(deferred_,
+                  [&](const Deferred& deferred) { return deferred.object == &object && deferred.owner == nullptr; });
 }
 
 // ---- Runs ----
@@ -132,9 +133,6 @@ bool WorkQueue::RunOne(std::unique_lock<std::mutex>& lock, schedule::Outcome& ou
 
 void WorkQueue::WaitForDisposals(std::unique_lock<std::mutex>& lock, const Object& owner)
 {
-    schedule::Outcome outcome;
-    while (Run(lock, "system worker", outcome, [&] { return BeginDeferred(&owner); })) {
-    }
     const auto threads = [&] {
         std::vector<schedule::ThreadId> begun;
         for (const RunningDeferred& running : deferredRunning_) {
@@ -148,11 +146,21 @@ void WorkQueue::WaitForDisposals(std::unique_lock<std::mutex>& lock, const Objec
         return std::none_of(deferredRunning_.begin(), deferredRunning_.end(),
                             [&](const RunningDeferred& running) { return running.owner == &owner; });
     };
-    (void)framework_.threads.WaitFor(lock,
-                                     {.subject = [&owner] { return "the deferred disposals of " + Describe(owner); },
-                                      .isReady = isOver,
-                                      .heldBy = threads},
-                                     "removal", nullptr);
+    const auto isLeft = [&] {
+        return std::ranges::any_of(deferred_, [&](const Deferred& deferred) { return deferred.owner == &owner; });
+    };
+    do {
+        while (isLeft()) {
+            schedule::Outcome outcome;
+            (void)Run(lock, "system worker", outcome, [&] { return BeginDeferred(&owner); });
+        }
+        (void)framework_.threads.WaitFor(
+            lock,
+            {.subject = [&owner] { return "the deferred disposals of " + Describe(owner); },
+             .isReady = isOver,
+             .heldBy = threads},
+            "removal", nullptr);
+    } while (isLeft());
 }
 
 void WorkQueue::WaitForRuns(std::unique_lock<std::mutex>& lock, WorkItemObject& item, const char* function,

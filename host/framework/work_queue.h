@@ -5,11 +5,13 @@
 #include "host/framework/driver_threads.h"
 #include "host/framework/object.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -45,12 +47,12 @@ public:
 
     void Enqueue(WorkItemObject& item);
     // Leaves work to a system thread. The removal of the owner, a device or driver, waits for it; null: nobody's does.
-    // The object is the one that is disposed or destroyed; null for other work.
+    // The object is the one that it is for; null for none.
     void Defer(const Object* owner, const Object* object, std::function<void()> work);
     // The object is freed: nothing is left to do for it.
     void Forget(const Object& object);
-    // The calling thread does itself what was left to a system thread for this object. It counts as running until
-    // EndRun.
+    // The calling thread does itself what was left to a system thread for this object and for nobody's removal, so not
+    // its disposal. It counts as running until EndRun.
     void TakeOver(const Object& object);
     void EndRun();
 

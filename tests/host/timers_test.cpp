@@ -127,6 +127,25 @@ TEST_F(Timers, OfPassiveLevelRunOnASystemThread)
     EXPECT_FALSE(machine.inspect().Find(timer)->queued);
 }
 
+// Both are left to a system thread, the run first.
+TEST_F(Timers, OfPassiveLevelThatAreDueAndDeletedAtDispatchLevelRunAndAreDisposed)
+{
+    static bool isDestroyed;
+    isDestroyed = false;
+    attributes.EvtDestroyCallback = [](WDFOBJECT) NTAPI { isDestroyed = true; };
+    const WDFTIMER timer = New(0, WdfExecutionLevelPassive);
+    WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(3));
+    machine.AdvanceClock(3ms);
+    {
+        const host::ScopedIrql dispatch(DISPATCH_LEVEL);
+        WdfObjectDelete(timer);
+    }
+    machine.RunWorkItems();
+    EXPECT_EQ(g_due.size(), 1u);
+    EXPECT_TRUE(isDestroyed);
+    EXPECT_EQ(machine.QueuedWorkItems(), 0u);
+}
+
 TEST(TimersOfPassiveLevel, RunOnWorkersWhereThereAreSome)
 {
     TimersFixture fixture({.workItems = host::WorkItems::kThreads});
