@@ -136,11 +136,11 @@ schedule::Outcome DriverThreads::RunEach(const std::string& name, const std::fun
                 const Unlocked unlocked(lock);
                 schedule::YieldPoint(schedule::YieldKind::kThreadBegins, work->what);
                 Guarded(work->what, work->routine, work->call);
-                schedule::YieldPoint(schedule::YieldKind::kThreadEnds, work->what);
             }
             if (work->end) {
                 work->end(lock);
             }
+            schedule::YieldPoint(schedule::YieldKind::kThreadEnds, work->what);  // after all that may call the driver
         }
     });
     if (outcome.parked) {

@@ -50,7 +50,7 @@ public:
                                   const std::function<void()>& work);
 
     // The same for one work after another on one thread, until `next` has none or one parks. `next` and the end of a
-    // work, if it has one, are called on that thread, with the mutex; a work that parks does not come to its end.
+    // work, if it has one, are called on that thread, with the mutex. A work may park before its end or in it.
     struct Work {
         const char* what;
         const void* routine;
