@@ -105,6 +105,8 @@ private:
         for (DBusConnection* connection : subscribers_) {
             int socket = -1;
             dbus_connection_get_unix_fd(connection, &socket);
+            while (dbus_connection_dispatch(connection) == DBUS_DISPATCH_DATA_REMAINS) {
+            }
             sockets.push_back({.fd = socket, .events = POLLIN, .revents = 0});
         }
         constexpr int kMilliseconds = 20;  // then looks for its end
